@@ -1,0 +1,20 @@
+# Compiler options shared by every target of the project.
+#
+# Results must be the same bits in every build: no fused multiply-add, no fast
+# math. -fno-math-errno and -fno-trapping-math change no value, only what the
+# optimiser may assume about errno and the exception flags, which nothing reads.
+add_library(kestrelvane_options INTERFACE)
+target_compile_options(kestrelvane_options INTERFACE
+  -Wall -Wextra -Wconversion -Wno-sign-conversion -Werror
+  -ffp-contract=off -fno-math-errno -fno-trapping-math)
+if(CMAKE_BUILD_TYPE STREQUAL "Debug" OR KESTRELVANE_SANITIZE)
+  target_compile_definitions(kestrelvane_options INTERFACE KESTRELVANE_CHECK_BOUNDS)
+endif()
+if(KESTRELVANE_SANITIZE)
+  target_compile_options(kestrelvane_options INTERFACE
+    -fsanitize=${KESTRELVANE_SANITIZE} -fno-omit-frame-pointer -g1)
+  target_link_options(kestrelvane_options INTERFACE -fsanitize=${KESTRELVANE_SANITIZE})
+  if(KESTRELVANE_SANITIZE MATCHES "undefined")
+    target_compile_options(kestrelvane_options INTERFACE -fno-sanitize-recover=undefined)
+  endif()
+endif()

@@ -1,0 +1,46 @@
+// What the command line of the batch command can say, for all verbs together.
+//
+// A verb reads the fields whose options it lists; the others keep their defaults.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "batch/test_recording.h"
+
+namespace kestrelvane {
+
+struct batch_options {
+  // --- what to work on
+  std::string recording;  // path
+  std::string output;     // path of convert and make-test
+  std::string work;       // work file to start from; empty: none
+  std::string config;     // electrode configuration
+  std::string mask;       // channels, as "3,8-11"
+  // --- settings
+  std::string parameters;        // a kv_parameters.sav
+  std::vector<std::string> set;  // NAME=VALUE
+  std::string home;              // state files; empty: none read or written
+  std::int32_t threads = 0;      // 0: as many as the machine has
+  bool serial = false;
+  // --- the run
+  bool skip_detection = false;
+  bool skip_clustering = false;
+  std::string stop_after = "all";
+  std::string answer = "no";  // to questions
+  // --- what to write
+  std::string save_work;
+  std::vector<std::string> exports;  // FORMAT=PATH
+  std::string log;
+  std::string report;  // JSON
+  bool quiet = false;
+  bool json = false;
+  // --- make-test
+  std::string electrode = "polytrode";
+  test_recording_options test;
+  // --- score
+  std::string sorted_path, truth_path;
+};
+
+}  // namespace kestrelvane

@@ -1,0 +1,226 @@
+#include "batch/batch_session.h"
+
+#include <fmt/format.h>
+
+#include "batch/channel_list.h"
+#include "batch/interrupt.h"
+#include "recording/electrode_config.h"
+#include "recording/open_recording.h"
+#include "recording/recording_formats.h"
+#include "recording/site_tables.h"
+#include "results/work_file.h"
+#include "session/settings_files.h"
+#include "session/settings_table.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Degrees: a two-column probe then reads across rows and down the shank.
+constexpr float usual_scan_angle = 1.0f;
+
+void print_error(const std::string& text) { fmt::print(stderr, "{}\n", text); }
+
+bool plan_exports(batch_session& batch, std::string& problem) {
+  for (const std::string& text : batch.options.exports) {
+    const std::size_t equals = text.find('=');
+    const export_format* format = find_export_format(text.substr(0, equals));
+    if (equals == std::string::npos || equals + 1 == text.size() || format == nullptr) {
+      problem = fmt::format("--export {}: not FORMAT=PATH with a format of this program", text);
+      return false;
+    }
+    batch.exports.push_back({format, text.substr(equals + 1)});
+  }
+  return true;
+}
+
+// NAME=VALUE, in the order given: a later one wins.
+bool apply_settings(batch_session& batch, std::string& problem) {
+  for (const std::string& text : batch.options.set) {
+    const std::size_t equals = text.find('=');
+    if (equals == std::string::npos) {
+      problem = fmt::format("--set {}: not NAME=VALUE", text);
+      return false;
+    }
+    std::string why;
+    if (!set_setting(*batch.session, text.substr(0, equals), text.substr(equals + 1), why)) {
+      problem = fmt::format("--set {}: {}", text, why);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool read_parameters_option(batch_session& batch) {
+  return batch.options.parameters.empty() ||
+         read_parameters_file(*batch.session, batch.options.parameters);
+}
+
+// Threads and the skip boxes of Autosort belong to this run, whatever was kept from
+// an earlier one; --set has the last word.
+bool apply_run_options(batch_session& batch, std::string& problem) {
+  session_state& session = *batch.session;
+  const batch_options& options = batch.options;
+  if (options.threads > 0) {
+    set_thread_count(session, options.threads);
+    session.preferences.multi_threaded = options.threads > 1;
+  }
+  if (options.serial) session.preferences.multi_threaded = false;
+  session.strategy.skip_event_detection = options.skip_detection;
+  session.strategy.skip_clustering = options.skip_clustering;
+  const bool applied = apply_settings(batch, problem);
+  session.multi_threaded_now = session.preferences.multi_threaded;
+  return applied;
+}
+
+batch_status start_console(batch_session& batch) {
+  console_interface& console = batch.console;
+  console.quiet = batch.options.quiet;
+  console.terminal = standard_error_is_terminal();
+  console.answer_yes = batch.options.answer == "yes";
+  console.chosen_path = batch.options.config;
+  console.on_stage = [&batch](const std::string& name) {
+    begin_timed_stage(batch.report.clock, *batch.session, name);
+  };
+  attach_console(console, *batch.session);
+  if (!batch.options.log.empty() && !open_console_log(console, batch.options.log)) {
+    return fail_batch(batch, "Error opening logfile " + batch.options.log);
+  }
+  return batch_status::done;
+}
+
+// --config for a format that carries positions of its own: those of the file hold.
+batch_status place_channels(batch_session& batch) {
+  session_state& session = *batch.session;
+  const std::string& path = batch.options.config;
+  const recording_format* format = find_recording_format(session.recording.file_type);
+  if (path.empty() || format == nullptr || format->needs_configuration) return batch_status::done;
+  std::int32_t n_mapped = 0;
+  if (!read_config_file(session, path, n_mapped, true)) {
+    return fail_batch(batch, "Failed to read file " + path);
+  }
+  if (n_mapped != session.recording.n_channels) {
+    return fail_batch(batch, fmt::format("{} maps {} channels, the recording has {}", path,
+                                         n_mapped, session.recording.n_channels));
+  }
+  compute_site_pitch(session);
+  build_site_tables(session);
+  sort_channels(session, usual_scan_angle);
+  return batch_status::done;
+}
+
+batch_status mask_channels(batch_session& batch) {
+  recording_store& r = batch.session->recording;
+  for (const std::int32_t channel : batch.masked_channels) {
+    if (channel > r.n_channels) {
+      return fail_batch(batch, fmt::format("--mask: the recording has {} channels, not {}",
+                                           r.n_channels, channel));
+    }
+    r.chan_mask[channel] = true;
+  }
+  return batch_status::done;
+}
+
+}  // namespace
+
+batch_status fail_batch(batch_session& batch, const std::string& text) {
+  finish_console(batch.console);
+  print_error(text);
+  return batch_status::failed;
+}
+
+batch_status refuse_usage(const std::string& text) {
+  print_error(text);
+  print_error("Run with --help for more information.");
+  return batch_status::wrong_usage;
+}
+
+batch_status start_batch(batch_session& batch, const batch_options& options,
+                         const std::string& verb) {
+  batch.options = options;
+  batch.report.verb = verb;
+  session_state& session = *batch.session;
+  start_session(session);
+  std::string problem;
+  if (!plan_exports(batch, problem)) return refuse_usage(problem);
+  if (!options.mask.empty() && !parse_channel_list(options.mask, batch.masked_channels)) {
+    return refuse_usage(fmt::format("--mask {}: not a list of channels", options.mask));
+  }
+  if (!apply_run_options(batch, problem)) return refuse_usage(problem);
+  const batch_status status = start_console(batch);
+  if (status != batch_status::done) return status;
+  catch_interrupt(session);
+  session.home_directory = options.home;
+  read_settings_files(session);
+  if (!read_parameters_option(batch)) {
+    return fail_batch(batch, "Failed to read file " + options.parameters);
+  }
+  apply_run_options(batch, problem);
+  return batch_status::done;
+}
+
+batch_status open_recording_for_batch(batch_session& batch) {
+  session_state& session = *batch.session;
+  batch.console.show_log = true;
+  const bool opened = open_recording(session, batch.options.recording);
+  batch.console.show_log = false;
+  end_timed_stage(batch.report.clock, session);
+  if (!opened) return fail_batch(batch, "Aborting read of " + batch.options.recording);
+  const batch_status status = place_channels(batch);
+  return status == batch_status::done ? mask_channels(batch) : status;
+}
+
+batch_status read_work_for_batch(batch_session& batch) {
+  if (batch.options.work.empty()) return batch_status::done;
+  session_state& session = *batch.session;
+  batch.console.show_log = true;
+  begin_timed_stage(batch.report.clock, session, "work file");
+  const work_file_outcome outcome = open_work_file_at(session, batch.options.work);
+  end_timed_stage(batch.report.clock, session);
+  batch.console.show_log = false;
+  if (outcome == work_file_outcome::retrieved_with_filtering) {
+    return fail_batch(batch, "Filtering cannot be repeated by this command");
+  }
+  // Boxes have told why.
+  if (outcome != work_file_outcome::retrieved) return batch_status::failed;
+  std::string problem;
+  if (!read_parameters_option(batch)) {
+    return fail_batch(batch, "Failed to read file " + batch.options.parameters);
+  }
+  apply_run_options(batch, problem);
+  return mask_channels(batch);
+}
+
+batch_status write_results(batch_session& batch) {
+  session_state& session = *batch.session;
+  const batch_options& options = batch.options;
+  // The table tells of the sort as the work file holds it; an export may take
+  // duplicates out afterwards.
+  batch.units = make_unit_table(session);
+  bool written = true;
+  begin_timed_stage(batch.report.clock, session, "saving");
+  if (!options.save_work.empty()) written &= save_work_file_at(session, options.save_work);
+  for (const planned_export& planned : batch.exports) {
+    const export_options wanted{.remove_duplicates = session.review.export_remove_duplicates};
+    written &= export_sorted_spikes(session, *planned.format, planned.path, wanted);
+  }
+  end_timed_stage(batch.report.clock, session);
+  if (!options.report.empty() &&
+      !write_report(session, batch.report, batch.units, options.report)) {
+    fail_batch(batch, "Failed to save file " + options.report);
+    written = false;
+  }
+  return written ? batch_status::done : batch_status::failed;
+}
+
+void finish_batch(batch_session& batch) {
+  finish_console(batch.console);
+  release_interrupt();
+  session_state& session = *batch.session;
+  if (session.home_directory.empty()) return;
+  if (!write_parameters(session) || !write_preferences(session)) {
+    print_error("Failed to save the settings in " + session.home_directory);
+  }
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,42 @@
+#include "batch/interrupt.h"
+
+#include <signal.h>
+
+#include <atomic>
+
+namespace kestrelvane {
+
+namespace {
+
+// A signal handler has no other way to its session.
+std::atomic<long_operation_flags*> watched{nullptr};
+std::atomic<bool> pressed{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void on_interrupt(int) {
+  pressed = true;
+  long_operation_flags* flags = watched;
+  if (flags == nullptr) return;
+  flags->autosort_interrupt = true;
+  flags->detection_interrupted = true;
+}
+
+}  // namespace
+
+void catch_interrupt(session_state& session) {
+  watched = &session.operation;
+  struct sigaction action {};
+  action.sa_handler = on_interrupt;
+  // The second time the system's own way holds; reads and writes go on.
+  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+  sigaction(SIGINT, &action, nullptr);
+}
+
+void release_interrupt() {
+  signal(SIGINT, SIG_DFL);
+  watched = nullptr;
+}
+
+bool interrupt_was_pressed() { return pressed; }
+
+}  // namespace kestrelvane

@@ -1,0 +1,73 @@
+// sort and detect: the road of Autosort.
+#include <fmt/format.h>
+
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "batch/interrupt.h"
+#include "batch/verbs.h"
+#include "sorting/autosort.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::array<std::pair<std::string_view, std::int32_t>, 5> stop_names{{
+    {"detection", stop_after_detection},
+    {"channel-clusters", stop_after_channel_clusters},
+    {"first-pass", stop_after_first_pass},
+    {"lists", stop_after_lists},
+    {"all", stop_after_all},
+}};
+
+std::int32_t stop_of_name(std::string_view name) {
+  for (const auto& [known, code] : stop_names) {
+    if (name == known) return code;
+  }
+  return stop_after_all;
+}
+
+void print_units(const batch_session& batch) {
+  const session_state& session = *batch.session;
+  if (batch.options.quiet) return;
+  fmt::print("{} events, {} clusters\n", session.events.n_events, session.clusters.n_clusters);
+  if (session.clusters.n_clusters == 0) return;
+  fmt::print("{}", print_unit_table(batch.units));
+}
+
+// An interrupted run is saved as far as it came; one that stopped at a guard has
+// nothing to save.
+batch_status sort_recording(batch_session& batch) {
+  session_state& session = *batch.session;
+  session.autosort.stop_after = stop_of_name(batch.options.stop_after);
+  batch.report.completed = !interrupt_was_pressed() && autosort(session);
+  end_timed_stage(batch.report.clock, session);
+  batch.report.interrupted = !batch.report.completed && interrupt_was_pressed();
+  if (!batch.report.completed && !batch.report.interrupted) return batch_status::failed;
+  const batch_status written = write_results(batch);
+  finish_console(batch.console);
+  print_units(batch);
+  return batch.report.completed ? written : batch_status::failed;
+}
+
+}  // namespace
+
+batch_status run_sort(const batch_options& options) {
+  batch_session batch;
+  batch_status status = start_batch(batch, options, "sort");
+  if (status == batch_status::wrong_usage) return status;
+  if (status == batch_status::done) status = open_recording_for_batch(batch);
+  if (status == batch_status::done) status = read_work_for_batch(batch);
+  if (status == batch_status::done) status = sort_recording(batch);
+  finish_batch(batch);
+  return status;
+}
+
+batch_status run_detect(const batch_options& options) {
+  batch_options detection = options;
+  detection.stop_after = "detection";
+  return run_sort(detection);
+}
+
+}  // namespace kestrelvane

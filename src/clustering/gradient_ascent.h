@@ -1,0 +1,74 @@
+// Gradient ascent clustering: the modes of the density of a cloud of points.
+//
+// Every point starts a scout that climbs a Gaussian estimate of the density;
+// scouts that meet merge, and in the end a point belongs to the scout that its
+// own was merged into (mean shift with merging). The run is repeated over a
+// ladder of bandwidths, the stages, each 1.1 times the one before; what survives
+// many stages with nearly the same size is taken as real.
+//
+// Points come divided by sqrt(2) times the starting sigma (principal_components.h),
+// so that the kernel is exp(-d^2). Stages count from 1 to 50, labels from 1 to
+// 100; label 1 is the largest cluster of a stage and label 100 collects everything
+// above 99. Tables do not depend on the number of threads.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+constexpr std::int32_t gac_stage_limit = 50;
+constexpr std::int32_t gac_label_limit = 100;
+constexpr std::int32_t gac_tiny_size = 5;
+constexpr std::int32_t gac_first_judged_stage = 6;
+
+// n points of some dimensions, row by row: value(i, d) for i = 0..n-1.
+struct gac_points {
+  std::int32_t n = 0;
+  std::int32_t dimensions = 0;
+  std::vector<float> values;
+  const float* row(std::int64_t i) const { return values.data() + i * dimensions; }
+};
+
+// What the stages of one run leave. Stage s and label c count from 1.
+struct gac_tables {
+  std::int32_t n = 0;            // points
+  std::int32_t n_stages = 0;     // stages that were run and evaluated
+  std::int32_t final_stage = 0;  // stage that met the stop rule; 0 when none did
+  bool obvious = false;          // it was the rule for obvious clusters
+  // stage_labels[s][i]: label of point i (0-based) at stage s.
+  std::vector<std::int32_t> stage_labels[gac_stage_limit + 1];
+  std::int32_t as_cl_sizes[gac_stage_limit + 1][gac_label_limit + 1] = {};
+  std::int32_t as_cl_scores[gac_stage_limit + 1][gac_label_limit + 1] = {};
+  std::int32_t as_cluster_map[gac_stage_limit + 1][gac_label_limit + 1] = {};
+  std::int32_t nc_ge_min[gac_stage_limit + 1] = {};  // leading labels of min_cluster_size
+  std::int32_t nc_ge_threshold[gac_stage_limit + 1] = {};  // of those, with score >= threshold
+  std::int32_t n_clusters_ge_tiny_size_list[gac_stage_limit + 1] = {};
+  std::int32_t scouts_left[gac_stage_limit + 1] = {};
+  std::int32_t iterations[gac_stage_limit + 1] = {};
+};
+
+// Runs the ladder on the points; fills the tables and returns final_stage.
+std::int32_t gac_run(session_state& session, const gac_points& points, gac_tables& tables);
+
+// One stage: labels, scouts_left and iterations of stage s.
+void gac_stage(const session_state& session, const gac_points& points, std::int32_t s,
+               gac_tables& tables);
+
+// Sizes and counts of stage s from its labels.
+void count_stage_sizes(const session_state& session, gac_tables& tables, std::int32_t s);
+
+// Links of stages 2..s - 1 to the stages above them, and the scores that follow.
+void link_stages(const session_state& session, gac_tables& tables, std::int32_t s);
+void as_cl_scores_update(session_state& session, gac_tables& tables, std::int32_t s);
+
+// The principal component values of a cluster, or of a pair at its shift, and the
+// ladder run on them.
+std::int32_t gac_run_cluster(session_state& session, std::int32_t cluster, gac_points& points,
+                             gac_tables& tables);
+std::int32_t gac_run_pair(session_state& session, std::int32_t a, std::int32_t b,
+                          gac_points& points, gac_tables& tables);
+
+}  // namespace kestrelvane

@@ -1,0 +1,426 @@
+#include "clustering/realignment.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "clustering/alignment_scores.h"
+#include "clustering/cluster_operations.h"
+#include "clustering/interpolation.h"
+#include "clustering/template_sums.h"
+#include "clustering/templates.h"
+#include "detection/event_alignment.h"
+#include "numerics/parallel.h"
+#include "numerics/simd.h"
+
+namespace kestrelvane {
+
+void apply_event_shift(std::int32_t& time, float& fraction, float shift) {
+  // The 1000 makes the truncation a floor for shifts above -1000.
+  const float raised = shift + 1000.0f;
+  const auto whole = static_cast<std::int32_t>(raised);
+  const float new_fraction = (raised - static_cast<float>(whole)) + fraction;
+  const std::int32_t new_time = whole - 1000 + time;
+  if (new_fraction > 1.0f) {
+    time = new_time + 1;
+    fraction = new_fraction - 1.0f;
+  } else {
+    time = new_time;
+    fraction = new_fraction;
+  }
+}
+
+// ---------------------------------------------------------------- one shift for all
+
+namespace {
+
+// The template of the centre channel, points 1..P, as the alignment modes see it.
+struct template_view {
+  const session_state& session;
+  std::int32_t cluster;
+  std::int32_t points;
+  std::int32_t centre;
+
+  const float* on(std::int32_t channel) const {
+    return session.templates.mean(cluster, channel);
+  }
+};
+
+// Weight of a channel by its distance from the centre channel, scale 100 µm.
+float distance_weight(const template_view& view, std::int32_t channel) {
+  const double d = view.session.recording.distance(view.centre, channel);
+  return static_cast<float>(std::exp(-d * d / 20000.0));
+}
+
+std::int32_t find_extreme_point(const template_view& view, std::int32_t mode) {
+  const float* t = view.on(view.centre);
+  std::int32_t best = 1;
+  for (std::int32_t p = 2; p <= view.points; ++p) {
+    const bool better = mode == 1   ? t[p] > t[best]
+                        : mode == 2 ? t[p] < t[best]
+                                    : std::fabs(t[p]) > std::fabs(t[best]);
+    if (better) best = p;
+  }
+  return best;
+}
+
+// A feature position on one channel and how steep it is there; 0 when absent.
+struct feature {
+  float position = 0.0f;
+  float steepness = 0.0f;
+};
+
+// Steepest zero crossing between first and last, rising (mode 4) or falling (5).
+feature find_crossing(const float* t, std::int32_t first, std::int32_t last, std::int32_t mode) {
+  feature best;
+  for (std::int32_t p = first; p <= last; ++p) {
+    const bool crosses = mode == 4 ? t[p] < 0.0f && t[p + 1] >= 0.0f
+                                   : t[p] > 0.0f && t[p + 1] <= 0.0f;
+    const float steepness = mode == 4 ? t[p + 1] - t[p] : t[p] - t[p + 1];
+    if (crosses && steepness > best.steepness) {
+      const float inside = mode == 4 ? -t[p] / steepness : t[p] / steepness;
+      best = {static_cast<float>(p) + inside, steepness};
+    }
+  }
+  return best;
+}
+
+// Steepest rise (mode 6) or fall (7) between first and last.
+feature find_slope(const float* t, std::int32_t first, std::int32_t last, std::int32_t mode) {
+  feature best;
+  for (std::int32_t p = first; p <= last; ++p) {
+    const float steepness = mode == 6 ? t[p + 1] - t[p] : t[p] - t[p + 1];
+    if (steepness > best.steepness) best = {static_cast<float>(p), steepness};
+  }
+  return best;
+}
+
+// Modes 4 to 7: the feature of the centre channel, refined by the peak-to-peak
+// weighted mean over the assigned channels near it. 0 when there is none.
+float find_feature_point(const template_view& view, std::int32_t mode) {
+  const bool crossing = mode <= 5;
+  const std::int32_t first = 2;
+  const std::int32_t last = crossing ? view.points - 2 : view.points - 1;
+  const auto find = [&](std::int32_t channel, std::int32_t from, std::int32_t to) {
+    from = from < first ? first : from;
+    to = to > last ? last : to;
+    return crossing ? find_crossing(view.on(channel), from, to, mode)
+                    : find_slope(view.on(channel), from, to, mode);
+  };
+  const feature centre = find(view.centre, first, last);
+  if (!(centre.steepness > 0.0f)) return 0.0f;
+  float weight = template_peak_to_peak(view.session, view.cluster, view.centre);
+  float sum = centre.position * weight;
+  const auto near = static_cast<std::int32_t>(centre.position);
+  const std::int32_t* channels = view.session.templates.channels(view.cluster);
+  for (std::int32_t k = 2; k <= view.session.templates.template_n_channels[view.cluster]; ++k) {
+    const feature other = find(channels[k], near - 5, near + 5);
+    if (!(other.steepness > 0.0f)) continue;
+    const float height = template_peak_to_peak(view.session, view.cluster, channels[k]);
+    sum += other.position * height;
+    weight += height;
+  }
+  return sum / weight;
+}
+
+// Mode 8: centre of gravity of squared voltage; mode 9: of squared curvature.
+// 0 when the template is flat.
+float find_gravity_point(const template_view& view, std::int32_t mode) {
+  double moment = 0.0, mass = 0.0;
+  const std::int32_t margin = mode == 8 ? 0 : 1;
+  for (std::int32_t channel = 1; channel <= view.session.recording.n_channels; ++channel) {
+    const float* v = view.on(channel);
+    const float gain = distance_weight(view, channel);
+    for (std::int32_t p = 1 + margin; p <= view.points - margin; ++p) {
+      const float height = mode == 8 ? v[p] : 2.0f * v[p] - v[p - 1] - v[p + 1];
+      const double w = static_cast<double>(gain * (height * height));
+      moment += w * p;
+      mass += w;
+    }
+  }
+  return mass > 0.0 ? static_cast<float>(moment / mass) : 0.0f;
+}
+
+// The common shift of a template that has just been calculated.
+float find_template_shift(const session_state& session, std::int32_t cluster) {
+  const template_view view{session, cluster, session.templates.template_points,
+                           session.templates.centre_channel(cluster)};
+  const std::int32_t mode = session.strategy.template_align_mode;
+  float p = 0.0f;
+  if (mode >= 1 && mode <= 3) {
+    p = static_cast<float>(find_extreme_point(view, mode));
+  } else if (mode >= 4 && mode <= 7) {
+    p = find_feature_point(view, mode);
+  } else if (mode == 8 || mode == 9) {
+    p = find_gravity_point(view, mode);
+  }
+  if (p == 0.0f) return 0.0f;
+  return static_cast<float>(window_first_sample(session) - 1) + p;
+}
+
+// Events stay inside the recording: a move that would carry one out of it is
+// not made.
+bool time_in_recording(const session_state& session, std::int32_t time) {
+  return time >= 1 && time <= session.recording.n_samples;
+}
+
+void shift_events(session_state& session, const std::vector<std::int32_t>& list, float x) {
+  event_table& events = session.events;
+  for (const std::int32_t e : list) {
+    // In 32 bits, as told in the header of the event table's users: beyond 2^24
+    // samples the time is rounded to what 32 bits hold.
+    const float y = static_cast<float>(events.event_time[e]) + x + events.event_shift[e];
+    const auto whole = static_cast<std::int32_t>(y);
+    if (!time_in_recording(session, whole)) continue;
+    events.event_time[e] = whole;
+    events.event_shift[e] = y - static_cast<float>(whole);
+  }
+}
+
+}  // namespace
+
+float template_align_shift(session_state& session, std::int32_t cluster) {
+  const std::int32_t mode = session.strategy.template_align_mode;
+  if (mode == 8 || mode == 9) calculate_template_values(session, cluster);
+  return find_template_shift(session, cluster);
+}
+
+void align_template(session_state& session, std::int32_t cluster) {
+  const float x = template_align_shift(session, cluster);
+  shift_events(session, list_cluster_events(session, cluster), x);
+  calculate_template_values(session, cluster);
+}
+
+// ---------------------------------------------------------------- one event
+
+namespace {
+
+constexpr std::int32_t widest_realign = 50;
+
+// The score's interior strict minima: the sharpest one (rms fit).
+std::int32_t find_sharpest_minimum(const float* s, std::int32_t w) {
+  std::int32_t best = -w - 1;
+  float best_curvature = 0.0f;
+  for (std::int32_t d = -w + 1; d <= w - 1; ++d) {
+    if (!(s[d] < s[d - 1] && s[d] < s[d + 1])) continue;
+    const float curvature = 2.0f * s[d] - s[d - 1] - s[d + 1];
+    if (best < -w || curvature < best_curvature) {
+      best = d;
+      best_curvature = curvature;
+    }
+  }
+  return best;
+}
+
+// The lowest interior strict minimum; without one the first global minimum, if
+// that is not at an end (multiplicative fit). -w - 1 when there is none.
+std::int32_t find_lowest_minimum(const float* s, std::int32_t w) {
+  std::int32_t best = -w - 1;
+  for (std::int32_t d = -w + 1; d <= w - 1; ++d) {
+    if (!(s[d] < s[d - 1] && s[d] < s[d + 1])) continue;
+    if (best < -w || s[d] < s[best]) best = d;
+  }
+  if (best >= -w) return best;
+  best = -w;
+  for (std::int32_t d = -w + 1; d <= w; ++d) {
+    if (s[d] < s[best]) best = d;
+  }
+  return best == -w || best == w ? -w - 1 : best;
+}
+
+// Moves the event to the parabola's vertex round offset d; returns the total
+// shift made.
+float move_to_vertex(session_state& session, std::int32_t event, const float* s, std::int32_t d) {
+  event_table& events = session.events;
+  const float curvature = 2.0f * s[d] - s[d - 1] - s[d + 1];
+  float vertex = 0.0f;
+  if (curvature != 0.0f && std::abs(d) < widest_realign) {
+    vertex = -0.5f * (s[d - 1] - s[d + 1]) / curvature;
+  }
+  // The half step makes the later truncation to a table step a rounding.
+  float u = vertex + 0.5f / static_cast<float>(session.tables.depth);
+  if (u < 0.0f) {
+    --d;
+    u += 1.0f;
+  } else if (u >= 1.0f) {
+    ++d;
+    u -= 1.0f;
+  }
+  if (!time_in_recording(session, events.event_time[event] + d)) return 0.0f;
+  const float moved = (u - events.event_shift[event]) + static_cast<float>(d);
+  events.event_shift[event] = u;
+  events.event_time[event] += d;
+  return moved;
+}
+
+// The assigned channels' templates gathered for a fit: every point (rms) or every
+// second one (multiplicative).
+alignment_target make_target(const session_state& session, std::int32_t cluster, std::int32_t w,
+                             bool multiplicative) {
+  alignment_target target;
+  target.w = w;
+  target.start = window_first_sample(session);
+  target.step = multiplicative ? 2 : 1;
+  target.n_points = (session.templates.template_points + target.step - 1) / target.step;
+  const std::int32_t n_channels = session.templates.template_n_channels[cluster];
+  const std::int32_t* channels = session.templates.channels(cluster);
+  for (std::int32_t k = 1; k <= n_channels; ++k) {
+    target.channels.push_back(channels[k]);
+    const float* mean = session.templates.mean(cluster, channels[k]);
+    for (std::int32_t i = 0; i < target.n_points; ++i) {
+      target.values.push_back(mean[1 + i * target.step]);
+    }
+  }
+  return target;
+}
+
+float fit_event(session_state& session, const alignment_target& target, std::int32_t event,
+                bool multiplicative) {
+  float scores[2 * widest_realign + 1 + n_lanes];
+  float* s = scores + target.w;  // s[d] for d = -w..w
+  const std::int32_t time = session.events.event_time[event];
+  if (multiplicative) {
+    score_products(session, target, time, scores);
+  } else {
+    score_differences(session, target, time, scores);
+  }
+  const std::int32_t d = multiplicative ? find_lowest_minimum(s, target.w)
+                                        : find_sharpest_minimum(s, target.w);
+  return d < -target.w ? 0.0f : move_to_vertex(session, event, s, d);
+}
+
+std::int32_t realign_window(const session_state& session) {
+  const auto w =
+      static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                session.strategy.realign_window_ms / 1000.0f);
+  return w > widest_realign ? widest_realign : w;
+}
+
+// Repeats the fit while it still moves; an event that does not settle goes back
+// to its time, with the fraction of the last call.
+void settle_event(session_state& session, const alignment_target& target, std::int32_t event,
+                  bool multiplicative) {
+  const std::int32_t old_time = session.events.event_time[event];
+  std::int32_t calls = 1;
+  float moved = fit_event(session, target, event, multiplicative);
+  while (std::fabs(moved) > 0.1f && calls < 5) {
+    moved = fit_event(session, target, event, multiplicative);
+    ++calls;
+  }
+  if (calls == 5 || std::fabs(moved) > 0.8f) session.events.event_time[event] = old_time;
+}
+
+void align_listed_events(session_state& session, std::int32_t cluster,
+                         const std::vector<std::int32_t>& list) {
+  const bool multiplicative = session.strategy.multiplicative_matching;
+  const std::int32_t w = realign_window(session);
+  if (w < 1) return;
+  const alignment_target target = make_target(session, cluster, w, multiplicative);
+  // A short list is not worth waking the other threads.
+  const std::int32_t n_threads = list.size() < 64 ? 1 : threads_now(session);
+  parallel_for(n_threads, 0, static_cast<std::int64_t>(list.size()) - 1,
+               [&](std::int64_t i, std::int32_t) {
+                 settle_event(session, target, list[i], multiplicative);
+               });
+}
+
+}  // namespace
+
+float align_event_rms(session_state& session, std::int32_t cluster, std::int32_t event,
+                      std::int32_t w) {
+  return fit_event(session, make_target(session, cluster, w, false), event, false);
+}
+
+float align_event_multiplicative(session_state& session, std::int32_t cluster, std::int32_t event,
+                                 std::int32_t w) {
+  return fit_event(session, make_target(session, cluster, w, true), event, true);
+}
+
+void align_events(session_state& session, std::int32_t cluster) {
+  align_listed_events(session, cluster, list_cluster_events(session, cluster));
+}
+
+// ---------------------------------------------------------------- clusters
+
+void recalculate_cluster(session_state& session, std::int32_t cluster) {
+  const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  if (list.empty()) return;
+  calculate_listed_template(session, cluster, list);
+  get_template_channels(session, cluster);
+  shift_events(session, list, find_template_shift(session, cluster));
+  calculate_assigned_template(session, cluster, list);
+  align_listed_events(session, cluster, list);
+  calculate_listed_template(session, cluster, list);
+  get_template_channels(session, cluster);
+  calculate_template_centre(session, cluster);
+}
+
+void realign_all_clusters(session_state& session) {
+  const auto begin = std::chrono::steady_clock::now();
+  const std::int32_t n_threads = threads_now(session);
+  const bool timing = log_timing(session);
+  if (timing) {
+    log_message(session, n_threads > 1 ? "starting threaded alignment loop"
+                                       : "starting unthreaded loop");
+  }
+  const std::int32_t n = session.clusters.n_clusters;
+  // Clusters share no event and no template, so each is done from first step to
+  // last by whichever thread has it.
+  parallel_for_dealt(n_threads, 1, n, [&](std::int64_t cluster, std::int32_t rank) {
+    recalculate_cluster(session, static_cast<std::int32_t>(cluster));
+    if (rank == 0) {
+      set_progress(session, meter::clusters, static_cast<std::int32_t>(100 * cluster / n), 100);
+    }
+  });
+  if (timing) {
+    const auto msecs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                           std::chrono::steady_clock::now() - begin)
+                           .count();
+    log_message(session, (n_threads > 1 ? "done threaded alignment loop in "
+                                        : "unthreaded alignment took ") +
+                             std::to_string(msecs) + " msecs");
+  }
+}
+
+void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k) {
+  const std::int32_t moved = session.lists.kv_n_shift_template[k];
+  if (moved != a && moved != b) {
+    log_message(session, "Error applying template shift " + std::to_string(a) + " " +
+                             std::to_string(b) + " " + std::to_string(moved));
+    return;
+  }
+  const float shift = session.lists.rms_template_shift[k];
+  event_table& events = session.events;
+  for (const std::int32_t e : list_cluster_events(session, moved)) {
+    std::int32_t time = events.event_time[e];
+    float fraction = events.event_shift[e];
+    apply_event_shift(time, fraction, shift);
+    if (!time_in_recording(session, time)) continue;
+    events.event_time[e] = time;
+    events.event_shift[e] = fraction;
+  }
+}
+
+void realign_events(session_state& session, std::int32_t cluster) {
+  const std::int32_t mode = session.strategy.event_align_mode;
+  if (mode >= 9) {
+    const logical old_matching = session.strategy.multiplicative_matching;
+    session.strategy.multiplicative_matching = mode == 10;
+    align_events(session, cluster);
+    session.strategy.multiplicative_matching = old_matching;
+    return;
+  }
+  const std::int32_t centre = session.templates.centre_channel(cluster);
+  const std::int32_t half_window = session.templates.template_points / 2;
+  for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    const aligned_time aligned =
+        align_to_feature(session, mode, centre, session.events.event_time[e], half_window);
+    if (!time_in_recording(session, aligned.time)) continue;
+    session.events.event_time[e] = aligned.time;
+    session.events.event_shift[e] = aligned.offset;
+  }
+}
+
+}  // namespace kestrelvane

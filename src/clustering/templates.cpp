@@ -1,0 +1,322 @@
+#include "clustering/templates.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "clustering/cluster_operations.h"
+#include "clustering/interpolation.h"
+#include "clustering/template_sums.h"
+#include "numerics/parallel.h"
+#include "numerics/simd.h"
+#include "recording/site_tables.h"
+
+namespace kestrelvane {
+
+namespace {
+
+std::int32_t window_edge(float ms, std::int32_t sampling_frequency) {
+  return static_cast<std::int32_t>(ms * static_cast<float>(sampling_frequency) / 1000.0f);
+}
+
+}  // namespace
+
+std::int32_t window_first_sample(const session_state& session) {
+  return window_edge(session.strategy.template_window_start_ms,
+                     session.recording.sampling_frequency);
+}
+
+std::int32_t window_last_sample(const session_state& session) {
+  return window_edge(session.strategy.template_window_end_ms, session.recording.sampling_frequency);
+}
+
+void compute_template_points(session_state& session) {
+  const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
+  session.templates.template_points =
+      points < 3 ? 3 : points > template_point_limit ? template_point_limit : points;
+}
+
+bool shorten_spike_window(session_state& session) {
+  if (window_last_sample(session) - window_first_sample(session) < template_point_limit) {
+    return false;
+  }
+  const auto f = static_cast<float>(session.recording.sampling_frequency);
+  session.strategy.template_window_start_ms = -75000.0f / f;
+  session.strategy.template_window_end_ms = 74000.0f / f;
+  compute_template_points(session);
+  tell(session, "The spike temporal window was shortened to prevent overflow", "Warning",
+       box_icon::information);
+  return true;
+}
+
+std::int32_t thin_event_list(std::vector<std::int32_t>& list, std::int32_t limit) {
+  const auto n = static_cast<std::int32_t>(list.size());
+  if (n <= limit) return n;
+  for (std::int32_t i = 1; i <= limit; ++i) {
+    const float position = static_cast<float>(i - 1) * static_cast<float>(n) /
+                           static_cast<float>(limit);
+    list[i - 1] = list[static_cast<std::size_t>(position)];
+  }
+  list.resize(limit);
+  return limit;
+}
+
+// ---------------------------------------------------------------- mean and s.d.
+
+namespace {
+
+// One event added to the sums of a channel. The sums are whole numbers held in
+// 32-bit floats: each addition is made in 32 bits and its fraction dropped, which
+// is what decides the template to the last bit.
+KESTRELVANE_CLONES void add_waveform(const float* v, std::int32_t n, float* sum, float* squares) {
+  for (std::int32_t i = 0; i < n; ++i) {
+    sum[i] = __builtin_truncf(sum[i] + v[i]);
+    squares[i] = __builtin_truncf(squares[i] + v[i] * v[i]);
+  }
+}
+
+// Mean and s.d. of one point from its sums over n events.
+void finish_point(float sum, float squares, std::int32_t n, float flat_sd, float& mean, float& sd) {
+  const double exact_mean = static_cast<double>(sum) / n;
+  mean = static_cast<float>(exact_mean);
+  float residual =
+      static_cast<float>(static_cast<double>(squares) - static_cast<double>(sum) * exact_mean);
+  if (residual < 0.0f) residual = 0.0f;
+  sd = residual == 0.0f || n < 2 ? flat_sd : std::sqrt(residual / static_cast<float>(n - 1));
+}
+
+// True when a channel belongs to the electrode group of a cluster's events. The
+// second event of the list decides; a list of one has a second entry of 0.
+bool channel_in_group(const session_state& session, std::int32_t channel,
+                      const std::vector<std::int32_t>& list) {
+  const recording_store& r = session.recording;
+  const std::int32_t second = list.size() > 1 ? session.events.event_channel[list[1]] : 0;
+  if (r.electrode_type == electrode_tetrode) {
+    const std::int32_t tetrode = second > 0 ? r.tetrode_of_channel[second] : 0;
+    return r.tetrode_of_channel[channel] == tetrode;
+  }
+  if (!r.is_continuous && r.electrode_type == electrode_utah_array) return channel == second;
+  return true;
+}
+
+}  // namespace
+
+void average_waveforms(session_state& session, std::int32_t cluster,
+                       const std::vector<std::int32_t>& list, std::int32_t channel) {
+  template_table& templates = session.templates;
+  const event_table& events = session.events;
+  const std::int32_t points = templates.template_points;
+  const std::int32_t first = window_first_sample(session);
+  // A window clamped from below reads no further than its last sample.
+  std::int32_t used = window_last_sample(session) - first + 1;
+  used = used < 0 ? 0 : used > points ? points : used;
+
+  alignas(64) float sum[whole_lanes(template_point_limit)] = {};
+  alignas(64) float squares[whole_lanes(template_point_limit)] = {};
+  alignas(64) float v[whole_lanes(template_point_limit)];
+  const std::int16_t* samples = session.recording.vd.channel(channel);
+  for (const std::int32_t e : list) {
+    interp_run(session, samples + events.event_time[e] + first,
+               interp_step(session, events.event_shift[e]), used, v);
+    add_waveform(v, used, sum, squares);
+  }
+  const auto n = static_cast<std::int32_t>(list.size());
+  const float flat_sd = 8.0f / session.recording.vscale_HP;
+  float* mean = templates.mean(cluster, channel);
+  float* sd = templates.sd(cluster, channel);
+  for (std::int32_t p = 1; p <= points; ++p) {
+    finish_point(sum[p - 1], squares[p - 1], n, flat_sd, mean[p], sd[p]);
+  }
+}
+
+bool template_sums_channel(session_state& session, std::int32_t cluster,
+                           const std::vector<std::int32_t>& list, std::int32_t channel) {
+  if (channel_in_group(session, channel, list)) {
+    average_waveforms(session, cluster, list, channel);
+    return true;
+  }
+  const std::size_t bytes = sizeof(float) * session.templates.template_points;
+  std::memset(session.templates.mean(cluster, channel) + 1, 0, bytes);
+  std::memset(session.templates.sd(cluster, channel) + 1, 0, bytes);
+  return false;
+}
+
+void calculate_listed_template(session_state& session, std::int32_t cluster,
+                               std::vector<std::int32_t> list) {
+  if (list.empty()) return;
+  thin_event_list(list, session.strategy.template_max_events);
+  parallel_for(threads_now(session), 1, session.recording.n_channels,
+               [&](std::int64_t channel, std::int32_t) {
+                 template_sums_channel(session, cluster, list, static_cast<std::int32_t>(channel));
+               });
+}
+
+void calculate_assigned_template(session_state& session, std::int32_t cluster,
+                                 std::vector<std::int32_t> list) {
+  if (list.empty()) return;
+  thin_event_list(list, session.strategy.template_max_events);
+  const std::int32_t* channels = session.templates.channels(cluster);
+  for (std::int32_t k = 1; k <= session.templates.template_n_channels[cluster]; ++k) {
+    template_sums_channel(session, cluster, list, channels[k]);
+  }
+}
+
+void calculate_template_values(session_state& session, std::int32_t cluster) {
+  calculate_listed_template(session, cluster, list_cluster_events(session, cluster));
+}
+
+void calculate_template(session_state& session, std::int32_t cluster) {
+  std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  if (list.empty()) return;
+  calculate_listed_template(session, cluster, std::move(list));
+  get_template_channels(session, cluster);
+}
+
+// ---------------------------------------------------------------- channels
+
+namespace {
+
+struct channel_extent {
+  float high, low;        // extremes of the mean
+  float high_sd, low_sd;  // s.d. at the first point of each
+};
+
+channel_extent find_extent(const template_table& templates, std::int32_t cluster,
+                           std::int32_t channel) {
+  const float* mean = templates.mean(cluster, channel);
+  std::int32_t at_high = 1, at_low = 1;
+  for (std::int32_t p = 2; p <= templates.template_points; ++p) {
+    if (mean[p] > mean[at_high]) at_high = p;
+    if (mean[p] < mean[at_low]) at_low = p;
+  }
+  const float* sd = templates.sd(cluster, channel);
+  return {mean[at_high], mean[at_low], sd[at_high], sd[at_low]};
+}
+
+// The unmasked channel of largest peak-to-peak, the lowest on ties; 0 when all
+// are flat.
+std::int32_t find_centre_by_voltage(const session_state& session, std::int32_t cluster) {
+  std::int32_t centre = 0;
+  float best = 0.0f;
+  for (std::int32_t channel = 1; channel <= session.recording.n_channels; ++channel) {
+    if (session.recording.chan_mask[channel]) continue;
+    const float height = template_peak_to_peak(session, cluster, channel);
+    if (height > best) {
+      best = height;
+      centre = channel;
+    }
+  }
+  return centre;
+}
+
+// The channel with most of the cluster's events, the lowest on ties.
+std::int32_t find_centre_by_events(const session_state& session, std::int32_t cluster) {
+  std::vector<std::int32_t> counts(session.recording.n_channels + 1, 0);
+  for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    ++counts[session.events.event_channel[e]];
+  }
+  std::int32_t centre = 0, best = 0;
+  for (std::int32_t channel = 1; channel <= session.recording.n_channels; ++channel) {
+    if (counts[channel] > best) {
+      best = counts[channel];
+      centre = channel;
+    }
+  }
+  return centre;
+}
+
+}  // namespace
+
+float template_peak_to_peak(const session_state& session, std::int32_t cluster,
+                            std::int32_t channel) {
+  const float* mean = session.templates.mean(cluster, channel);
+  float high = mean[1], low = mean[1];
+  for (std::int32_t p = 2; p <= session.templates.template_points; ++p) {
+    high = mean[p] > high ? mean[p] : high;
+    low = mean[p] < low ? mean[p] : low;
+  }
+  return high - low;
+}
+
+void get_scratch_template_channels(session_state& session, std::int32_t slot) {
+  const recording_store& r = session.recording;
+  template_table& templates = session.templates;
+  std::int32_t* channels = templates.channels(slot);
+  const std::int32_t centre = session.strategy.template_centre_from_events
+                                  ? find_centre_by_events(session, slot)
+                                  : find_centre_by_voltage(session, slot);
+  if (centre == 0) {
+    // All flat: the list stays; a slot without one gets channel 1.
+    if (templates.template_n_channels[slot] < 1) {
+      templates.template_n_channels[slot] = 1;
+      channels[1] = 1;
+    }
+    return;
+  }
+  channels[1] = centre;
+  std::int32_t count = 1;
+  const float centre_height = template_peak_to_peak(session, slot, centre);
+  for (std::int32_t channel = 1; channel <= r.n_channels; ++channel) {
+    if (channel == centre || r.chan_mask[channel]) continue;
+    if (!(r.distance(centre, channel) <= session.strategy.channel_radius)) continue;
+    const channel_extent extent = find_extent(templates, slot, channel);
+    const float height = extent.high - extent.low;
+    float quality = 0.0f;
+    if (extent.high_sd > 0.0f && extent.low_sd > 0.0f) {
+      quality = height / std::sqrt(extent.high_sd * extent.low_sd);
+    }
+    if (session.strategy.channel_threshold_1 <= height / centre_height &&
+        session.strategy.channel_threshold_2 < quality) {
+      channels[++count] = channel;
+    }
+  }
+  templates.template_n_channels[slot] = count;
+}
+
+void get_template_channels(session_state& session, std::int32_t cluster) {
+  if (cluster > session.clusters.n_clusters) {
+    log_message(session, "*********Error calling get_template_channels ************");
+  }
+  get_scratch_template_channels(session, cluster);
+}
+
+void calculate_template_centre(session_state& session, std::int32_t cluster) {
+  const recording_store& r = session.recording;
+  template_table& templates = session.templates;
+  const std::int32_t* channels = templates.channels(cluster);
+  float weight = 0.0f, x = 0.0f, y = 0.0f;
+  for (std::int32_t k = 1; k <= templates.template_n_channels[cluster]; ++k) {
+    const float height = template_peak_to_peak(session, cluster, channels[k]);
+    weight += height;
+    x += height * static_cast<float>(r.chan_x[channels[k]]);
+    y += height * static_cast<float>(r.chan_y[channels[k]]);
+  }
+  templates.template_x[cluster] = weight > 0.0f ? x / weight : 0.0f;
+  templates.template_y[cluster] = weight > 0.0f ? y / weight : 0.0f;
+  templates.template_z[cluster] = 50.0f;
+}
+
+// ---------------------------------------------------------------- all clusters
+
+void calculate_all_templates(session_state& session) {
+  parallel_for(threads_now(session), 1, session.clusters.n_clusters,
+               [&](std::int64_t cluster, std::int32_t) {
+                 calculate_template(session, static_cast<std::int32_t>(cluster));
+                 calculate_template_centre(session, static_cast<std::int32_t>(cluster));
+               });
+}
+
+void recalculate_all_templates(session_state& session) {
+  calculate_all_templates(session);
+  log_message(session, " finished");
+  tell(session, "Templates recalculated", "Done!", box_icon::information);
+}
+
+float template_sd_rms(const session_state& session, std::int32_t cluster) {
+  const std::int32_t points = session.templates.template_points;
+  const float* sd = session.templates.sd(cluster, session.templates.centre_channel(cluster));
+  float sum = 0.0f;
+  for (std::int32_t p = 1; p <= points; ++p) sum += sd[p] * sd[p];
+  return std::sqrt(sum / static_cast<float>(points));
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,145 @@
+#include "detection/event_alignment.h"
+
+#include <cstdlib>
+
+#include "clustering/interpolation.h"
+#include "detection/sample_test.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Interpolated extremum within one sample of t: the step k of the largest voltage
+// (the first on ties) or of the smallest (the last on ties).
+std::int32_t find_finest_step(const session_state& session, std::int32_t channel, std::int32_t t,
+                              bool peak) {
+  const std::int32_t reach = session.tables.depth - 1;
+  std::int32_t best = -reach;
+  float best_voltage = interp_voltage(session, t, channel, best);
+  for (std::int32_t k = -reach + 1; k <= reach; ++k) {
+    const float voltage = interp_voltage(session, t, channel, k);
+    if (peak ? voltage > best_voltage : voltage <= best_voltage) {
+      best = k;
+      best_voltage = voltage;
+    }
+  }
+  return best;
+}
+
+aligned_time refine_peak(const session_state& session, std::int32_t channel, std::int32_t t) {
+  const std::int32_t k = find_finest_step(session, channel, t, true);
+  const float offset = static_cast<float>(k) / static_cast<float>(session.tables.depth);
+  if (offset < 0.0f) return {t - 1, 1.0f + offset};
+  return {t, offset};
+}
+
+// Unlike a peak's, a trough's offset stays negative when it is.
+aligned_time refine_trough(const session_state& session, std::int32_t channel, std::int32_t t) {
+  const std::int32_t k = find_finest_step(session, channel, t, false);
+  return {t, static_cast<float>(k) / static_cast<float>(session.tables.depth)};
+}
+
+// Rows 1 to 3: the highest local peak, the lowest local trough, or the larger.
+aligned_time align_to_extremum(const session_state& session, std::int32_t feature,
+                               std::int32_t channel, std::int32_t t, std::int32_t h) {
+  const std::int16_t* v = session.recording.vd.channel(channel);
+  std::int32_t best = 0, best_height = 0;
+  bool found = false, best_is_peak = false;
+  for (std::int32_t i = t - h; i <= t + h; ++i) {
+    const bool peak = feature != 2 && is_local_peak(v + i);
+    const bool trough = feature != 1 && !peak && is_local_trough(v + i);
+    if (!peak && !trough) continue;
+    const std::int32_t height = feature == 1 ? v[i] : feature == 2 ? -v[i] : std::abs(v[i]);
+    if (found && height <= best_height) continue;
+    found = true;
+    best = i;
+    best_height = height;
+    best_is_peak = peak;
+  }
+  if (!found) return {t, 0.0f};
+  return best_is_peak ? refine_peak(session, channel, best)
+                      : refine_trough(session, channel, best);
+}
+
+// Rows 4 and 5: the steepest zero crossing of adjacent samples.
+aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t t,
+                               std::int32_t h) {
+  std::int32_t best = 0, best_step = 0;
+  for (std::int32_t i = t - h; i < t + h; ++i) {
+    const bool crosses = rising ? v[i] <= 0 && v[i + 1] >= 1 : v[i] >= 0 && v[i + 1] <= -1;
+    const std::int32_t step = std::abs(v[i + 1] - v[i]);
+    if (crosses && step > best_step) {
+      best = i;
+      best_step = step;
+    }
+  }
+  if (best_step == 0) return {t, 0.0f};
+  return {best, -static_cast<float>(v[best]) / static_cast<float>(v[best + 1] - v[best])};
+}
+
+// Rows 6 and 7: the steepest slope between adjacent samples.
+aligned_time align_to_slope(const std::int16_t* v, bool rising, std::int32_t t, std::int32_t h) {
+  std::int32_t best = t - h;
+  for (std::int32_t i = t - h + 1; i < t + h; ++i) {
+    const std::int32_t slope = v[i + 1] - v[i];
+    const std::int32_t best_slope = v[best + 1] - v[best];
+    if (rising ? slope > best_slope : slope < best_slope) best = i;
+  }
+  if (h < 1) return {t, 0.0f};
+  return {best, rising ? 0.0f : 0.5f};
+}
+
+// Row 8: the centre of gravity of squared voltage on the channel and its near
+// channels.
+aligned_time align_to_gravity(const session_state& session, std::int32_t channel, std::int32_t t,
+                              std::int32_t h) {
+  const recording_store& r = session.recording;
+  float mass = 0.0f, moment = 0.0f;
+  const auto add = [&](std::int32_t c) {
+    const std::int16_t* v = r.vd.channel(c) + t;
+    for (std::int32_t k = -h; k <= h; ++k) {
+      const float square = static_cast<float>(v[k]) * static_cast<float>(v[k]);
+      mass += square;
+      moment += static_cast<float>(k) * square;
+    }
+  };
+  if (!r.chan_mask[channel]) add(channel);
+  const std::int32_t* near = r.lockout_neighbours(channel);
+  for (std::int32_t i = 1; i <= near[0]; ++i) {
+    if (!r.chan_mask[near[i]] && near[i] != channel) add(near[i]);
+  }
+  const float d = mass > 0.0f ? moment / mass : 0.0f;
+  const float position = static_cast<float>(t) + d;
+  return {static_cast<std::int32_t>(position),
+          d - static_cast<float>(static_cast<std::int32_t>(d))};
+}
+
+}  // namespace
+
+aligned_time align_to_feature(const session_state& session, std::int32_t feature,
+                              std::int32_t channel, std::int32_t t, std::int32_t h) {
+  const std::int16_t* v = session.recording.vd.channel(channel);
+  switch (feature) {
+    case 1:
+    case 2:
+    case 3:
+      return align_to_extremum(session, feature, channel, t, h);
+    case 4:
+    case 5:
+      return align_to_crossing(v, feature == 4, t, h);
+    case 6:
+    case 7:
+      return align_to_slope(v, feature == 6, t, h);
+    case 8:
+      return align_to_gravity(session, channel, t, h);
+    default:
+      return {t, 0.0f};
+  }
+}
+
+aligned_time align_event(const session_state& session, std::int32_t channel, std::int32_t t,
+                         std::int32_t h) {
+  return align_to_feature(session, session.detection.align_feature, channel, t, h);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,47 @@
+#include "recording/channel_masks.h"
+
+#include <fmt/format.h>
+
+#include "recording/input_file.h"
+#include "recording/text_lines.h"
+#include "session/safe_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::size_t mask_column = 6;  // from 0
+
+std::string mask_path(const session_state& session) {
+  return replace_extension(session.recording.recording_path, ".msk");
+}
+
+}  // namespace
+
+void read_mask_file(session_state& session) {
+  recording_store& r = session.recording;
+  const std::string path = mask_path(session);
+  if (!file_exists(path)) return;
+  if (!ask(session, "Read associated mask file (.msk)?", "Channel mask file exists")) return;
+  r.chan_mask.clear();
+  text_lines lines;
+  if (!load_text(lines, path)) return;
+  std::string_view line;
+  for (std::int32_t c = 1; c <= r.n_channels && next_line(lines, line); ++c) {
+    const char word = line.size() > mask_column ? line[mask_column] : 'F';
+    r.chan_mask[c] = word == 'T' || word == 't';
+  }
+}
+
+bool write_mask_file(session_state& session) {
+  const recording_store& r = session.recording;
+  if (!ask(session, "Save/replace mask file (.msk)?", "Channel masks have changed")) return false;
+  safe_file out;
+  if (!open_safe_file(out, mask_path(session))) return false;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    write_text(out, fmt::format("{:6}{}\n", c, r.chan_mask[c] ? 'T' : 'F'));
+  }
+  return finish_safe_file(out);
+}
+
+}  // namespace kestrelvane

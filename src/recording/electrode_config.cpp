@@ -1,0 +1,154 @@
+#include "recording/electrode_config.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <vector>
+
+#include "recording/input_file.h"
+#include "recording/text_lines.h"
+#include "session/safe_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::size_t name_characters = 10;
+constexpr std::size_t line_characters = 80;
+
+struct config_entry {
+  std::int32_t file_channel, channel;
+  std::int16_t x, y;
+};
+
+enum class config_line { none, good, bad };
+
+bool fits(double value, double low, double high) { return value > low - 1 && value < high + 1; }
+
+// Numbers are truncated, so the tests run on what is left of them then.
+config_line take_entry(std::string_view line, config_entry& entry) {
+  const std::vector<double> n = leading_numbers(line.substr(0, line_characters), 4);
+  if (n.empty()) return config_line::none;
+  constexpr double low = std::numeric_limits<std::int16_t>::min();
+  constexpr double high = std::numeric_limits<std::int16_t>::max();
+  if (n.size() < 4 || !fits(n[0], 0, channel_limit) || !fits(n[1], 1, channel_limit) || n[1] < 1 ||
+      !fits(n[2], low, high) || !fits(n[3], low, high)) {
+    return config_line::bad;
+  }
+  entry = {static_cast<std::int32_t>(n[0]), static_cast<std::int32_t>(n[1]),
+           static_cast<std::int16_t>(n[2]), static_cast<std::int16_t>(n[3])};
+  return config_line::good;
+}
+
+// Each program channel up to the largest once; logs the others.
+bool check_map(session_state& session, const std::vector<std::int32_t>& uses,
+               std::int32_t n_mapped) {
+  std::int32_t largest = channel_limit;
+  while (largest > 0 && uses[static_cast<std::size_t>(largest)] == 0) --largest;
+  bool good = largest > 0;
+  for (std::int32_t c = 1; c <= largest; ++c) {
+    if (uses[static_cast<std::size_t>(c)] == 1) continue;
+    good = false;
+    log_message(session, fmt::format("   mapping error for channel {}; there are {} mapped "
+                                     "channels in file",
+                                     c, n_mapped));
+  }
+  return good;
+}
+
+bool read_entries(session_state& session, text_lines& lines, std::int32_t& n_mapped) {
+  recording_store& r = session.recording;
+  std::vector<std::int32_t> uses(std::size_t{channel_limit} + 1);
+  bool good = true;
+  std::string_view line;
+  while (next_line(lines, line)) {
+    config_entry entry{};
+    const config_line what = take_entry(line, entry);
+    if (what == config_line::none) continue;
+    if (what == config_line::bad) {
+      log_message(session, fmt::format("   bad line in config file: {}", line));
+      good = false;
+      continue;
+    }
+    ++n_mapped;
+    r.channel_map[entry.file_channel] = entry.channel;
+    r.chan_x[entry.channel] = entry.x;
+    r.chan_y[entry.channel] = entry.y;
+    ++uses[static_cast<std::size_t>(entry.channel)];
+  }
+  return check_map(session, uses, n_mapped) && good;
+}
+
+std::string trimmed(std::string_view text, std::size_t limit) {
+  text = text.substr(0, limit);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return std::string(text);
+}
+
+}  // namespace
+
+bool find_config_file(session_state& session, const std::string& recording_path,
+                      std::string& path) {
+  path = replace_extension(recording_path, ".cfg");
+  if (file_exists(path)) return true;
+  path = folder_of(recording_path) + "electrode.cfg";
+  if (file_exists(path)) return true;
+  path.clear();
+  return ask(session, "Cannot find a default electrode configuration file: choose a specific one?",
+             "Looking for file") &&
+         choose_config_file(session, path);
+}
+
+bool choose_config_file(session_state& session, std::string& path) {
+  return choose_file_to_open(session, "Choose channel configuration file",
+                             "Channel config files(*.CFG)", path);
+}
+
+bool read_config_file(session_state& session, const std::string& path, std::int32_t& n_mapped,
+                      bool show_in_title) {
+  recording_store& r = session.recording;
+  n_mapped = 0;
+  r.config_path = path;
+  r.no_config_file = true;
+  text_lines lines;
+  if (!load_text(lines, path)) {
+    log_message(session, "Error opening config file " + path);
+    return false;
+  }
+  std::string_view name;
+  next_line(lines, name);
+  r.electrode_name = trimmed(name, name_characters);
+  r.channel_map.clear();
+  if (!read_entries(session, lines, n_mapped)) {
+    log_message(session, "Channel map error in config file");
+    return false;
+  }
+  r.no_config_file = false;
+  r.show_config_in_title = show_in_title;
+  log_message(session, "Reading channel configuration file " + file_name_of(path));
+  return true;
+}
+
+bool write_config_file(session_state& session) {
+  const recording_store& r = session.recording;
+  log_message(session, "Saving configuration file");
+  safe_file out;
+  if (!open_safe_file(out, replace_extension(r.recording_path, ".cfg"))) return false;
+  write_text(out, r.electrode_name + "\n");
+  const auto write_entry = [&](std::int32_t file_channel, std::int32_t c) {
+    write_text(out,
+               fmt::format("{:5} {:5} {:6} {:6}\n", file_channel, c, r.chan_x[c], r.chan_y[c]));
+  };
+  bool mapped = false;
+  for (std::int32_t f = 0; f <= channel_limit; ++f) {
+    const std::int32_t c = r.channel_map[f];
+    if (c < 1 || c > r.n_channels) continue;
+    write_entry(f, c);
+    mapped = true;
+  }
+  for (std::int32_t c = 1; !mapped && c <= r.n_channels; ++c) write_entry(c, c);
+  return finish_safe_file(out);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,230 @@
+#include "recording/open_recording.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include "clustering/realignment.h"
+#include "clustering/templates.h"
+#include "recording/channel_masks.h"
+#include "recording/input_file.h"
+#include "recording/recent_files.h"
+#include "recording/recording_formats.h"
+#include "recording/site_tables.h"
+#include "signal/noise.h"
+#include "signal/thresholds.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t bar_range = 115;
+
+// Says why a path cannot be opened; true when it can.
+bool check_readable(session_state& session, const std::string& path) {
+  constexpr const char* title = "Open file failed";
+  if (!file_exists(path)) {
+    tell(session, "Can't find file " + path, title);
+    return false;
+  }
+  input_file probe;
+  if (open_input_file(probe, path)) return true;
+  tell(session, fmt::format("Can't open file {}: {}", path, probe.problem), title);
+  return false;
+}
+
+void remember_recent(session_state& session, const std::string& path) {
+  if (session.home_directory.empty()) return;
+  std::error_code ignored;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
+  recent_files recent = read_recent_files(session);
+  promote_recent_file(recent, absolute.empty() ? path : absolute.string());
+  write_recent_files(session, recent);
+}
+
+void report_unknown_type(session_state& session, std::int32_t earlier_type) {
+  session.recording.file_type = earlier_type;
+  tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+}
+
+// The format's own part: reset, banner, reader, and its words on failure.
+bool read_format(session_state& session) {
+  const recording_format* format = find_recording_format(session.recording.file_type);
+  // The path outlives the reset; a copy, since readers may change open_path.
+  const std::string path = session.recording.open_path;
+  reset_session(session);
+  if (format == nullptr) {
+    tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+    return false;
+  }
+  if (format->read == nullptr) {
+    const std::string extensions = format->extensions;
+    const std::string title = format->failure_title;
+    tell(session,
+         fmt::format("Sorry, {} format support is not fully implemented yet",
+                     extensions.substr(0, extensions.find(' '))),
+         title.empty() ? "Open a recording file" : title, box_icon::information);
+    return false;
+  }
+  if (format->banner[0] != '\0') log_message(session, format->banner);
+  if (format->read(session, path)) return true;
+  if (format->failure_text[0] != '\0') {
+    tell(session, format->failure_text, format->failure_title);
+  }
+  return false;
+}
+
+void name_recording(session_state& session) {
+  recording_store& r = session.recording;
+  r.recording_path = r.open_path;
+  session.operation.open_succeeded = true;
+  std::string name = file_name_of(r.recording_path);
+  if (r.show_config_in_title) name += " + " + r.config_path;
+  set_frame_title(session, "Kestrelvane  -  " + name);
+}
+
+std::string frequency_text(const recording_store& r) {
+  if (r.file_type == file_type_bin) return fmt::format("{:.12g}", r.sampling_frequency_exact);
+  return fmt::format("{}", r.sampling_frequency);
+}
+
+void measure_recording(session_state& session) {
+  recording_store& r = session.recording;
+  set_progress(session, meter::reading, 110, bar_range);
+  log_message(session, "Calculating channel noise values");
+  compute_noise(session);
+  r.recording_filtered = false;
+  session.filter_history.n_entries = 0;
+  set_fixed_threshold_bits(session);
+  compute_duration(session);
+  log_message(session, fmt::format("Recording duration = {:.2f} mins", r.duration_mins));
+  log_message(session, fmt::format("# of voltage samples per channel = {}", r.n_samples));
+  log_message(session, fmt::format("# of events saved in file = {}", session.events.n_events));
+  log_message(session, fmt::format("Sampling frequency = {} Hz", frequency_text(r)));
+}
+
+void check_spike_window(session_state& session) {
+  const bool shortened = shorten_spike_window(session);
+  compute_template_points(session);
+  if (!shortened || session.clusters.n_clusters == 0) return;
+  log_message(session, "Recalculating templates and realigning");
+  realign_all_clusters(session);
+}
+
+void set_channel_spacing(session_state& session) {
+  const recording_store& r = session.recording;
+  std::int32_t& spacing = session.display.vd_channel_spacing;
+  if (r.file_type == file_type_ntt) {
+    spacing = 60;
+  } else if (r.n_channels > 16) {
+    spacing = 20;
+  } else {
+    const std::int32_t height = session.preferences.voltage_window_size[1];
+    spacing = std::clamp((height - 80) / std::max(r.n_channels, 1), 1, 500);
+  }
+}
+
+void finish_open(session_state& session) {
+  set_progress(session, meter::reading, 112, bar_range);
+  if (session.preferences.log_file_enabled) open_log_file(session);
+  log_message(session, "Finished reading recording file!");
+  log_message(session, "");
+  if (session.recording.file_type != file_type_tsf) read_mask_file(session);
+  refresh_displays(session);
+  set_progress(session, meter::reading, bar_range, bar_range);
+  session.operation.reader_running = false;
+}
+
+void abort_open(session_state& session) {
+  const std::string path = session.recording.open_path;
+  session.operation.reader_running = false;
+  session.operation.open_succeeded = false;
+  reset_session(session);
+  session.recording.vd.release();
+  set_frame_title(session, "Kestrelvane");
+  refresh_displays(session);
+  log_message(session, "Aborting read of " + path);
+  log_message(session, "");
+}
+
+}  // namespace
+
+void classify_path(session_state& session) {
+  session.recording.file_type = classify_extension(session.recording.open_path);
+}
+
+bool prepare_open_recording(session_state& session, const std::string& path,
+                            std::int32_t chosen_code) {
+  recording_store& r = session.recording;
+  if (r.n_samples > 0 &&
+      !ask(session,
+           "The new file will overwrite existing data in memory and you will lose any unsaved "
+           "results!",
+           "Are you sure?")) {
+    return false;
+  }
+  const std::int32_t earlier_type = r.file_type;
+  const std::string earlier_path = r.open_path;
+  r.open_path = path;
+  r.file_type = chosen_code;
+  if (chosen_code == file_type_unknown) classify_path(session);
+  if (r.file_type == file_type_unknown) {
+    r.open_path = earlier_path;
+    report_unknown_type(session, earlier_type);
+    return false;
+  }
+  if (!check_readable(session, path)) {
+    r.open_path = earlier_path;
+    r.file_type = earlier_type;
+    return false;
+  }
+  remember_recent(session, path);
+  return true;
+}
+
+bool prepare_open_recent(session_state& session, std::size_t entry) {
+  const recent_files recent = read_recent_files(session);
+  if (entry >= recent.paths.size()) return false;
+  const std::string& path = recent.paths[entry];
+  if (!check_readable(session, path)) return false;
+  recording_store& r = session.recording;
+  const std::int32_t code = classify_extension(path, true);
+  if (code == file_type_unknown) {
+    report_unknown_type(session, r.file_type);
+    return false;
+  }
+  r.open_path = path;
+  r.file_type = code;
+  remember_recent(session, path);
+  return true;
+}
+
+bool open_recording_worker(session_state& session) {
+  session.multi_threaded_now = session.preferences.multi_threaded;
+  session.operation.reader_running = true;
+  session.operation.open_succeeded = false;
+  begin_stage(session, "reading");
+  set_status(session, status_field::file_name, session.recording.open_path);
+  if (session.log.n_log_lines > 0) log_message(session, "");
+  set_progress(session, meter::reading, 0, bar_range);
+  if (!read_format(session)) {
+    abort_open(session);
+    return false;
+  }
+  build_site_tables(session);
+  name_recording(session);
+  measure_recording(session);
+  check_spike_window(session);
+  set_channel_spacing(session);
+  finish_open(session);
+  return true;
+}
+
+bool open_recording(session_state& session, const std::string& path) {
+  return prepare_open_recording(session, path) && open_recording_worker(session);
+}
+
+}  // namespace kestrelvane

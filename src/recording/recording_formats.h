@@ -1,0 +1,47 @@
+// The format table: one row per recording format.
+//
+// Classification, the open dialog, the worker and the batch command read these rows
+// and nothing else.
+//
+// Contract of a reader. It is called on the worker with open_path and file_type set and
+// the session empty (reset_session), and may log and drive meter::reading up to 100 of
+// 115. It fills n_channels, n_samples, sampling_frequency, vscale_HP, positions, electrode_type
+// and is_continuous, allocates vd and templates (allocate_recording, or for itself), and
+// leaves in vd bits at time index 1 and on. It tests every count of the file against
+// limits and the file's size before it allocates or loops. It returns false after saying
+// why; what it has filled by then the worker resets, and the row's failure text follows.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+using recording_reader = bool (*)(session_state& session, const std::string& path);
+
+struct recording_format {
+  std::int32_t code;         // file_type_code
+  const char* extensions;    // lower case, separated by blanks; '#' is a digit from 1 to 9
+  const char* filter_label;  // in the open dialog, as "Label(*.EXT)"
+  const char* banner;        // logged before the read; "" for none
+  recording_reader read;     // null: not supported yet
+  const char* failure_text;  // box after a failed read; "" for none
+  const char* failure_title;
+  bool needs_configuration;  // an electrode configuration file gives the positions
+};
+
+// In the order in which extensions are tested.
+std::span<const recording_format> recording_formats();
+
+// The row of a code; null for 0 or an unknown one.
+const recording_format* find_recording_format(std::int32_t code);
+
+// Code for the extension of a path, wholly in upper or wholly in lower case; mixed case
+// counts only with any_case. 0 for none of the table's.
+std::int32_t classify_extension(std::string_view path, bool any_case = false);
+
+}  // namespace kestrelvane

@@ -1,0 +1,36 @@
+// TSF, "Test spike file": the program's own plain recording format.
+//
+// One file holds channel positions, the raw samples channel by channel and, if there
+// are any, an event list or the planted spikes of a test. The format code after the
+// label is 1002 for all that is written today; 1000 and 1001 are test files of old,
+// with room for 54 and 56 channels, and 1003 is a header alone, which leaves a session
+// with channels and no samples.
+//
+// Every count is tested against the file's size before anything is allocated. Events
+// that lie outside the recording are left out, and cluster numbers beyond the limit
+// become 0, each with a line in the log; the planted spikes stay as they are.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+constexpr std::int32_t tsf_current_format = 1002;
+
+// Reads a file into an empty session, with distance tables, channel order and
+// templates. On the worker; reads channels on threads_now. False after the log line or
+// box that says why; what was read so far is then for the caller to reset.
+bool read_tsf(session_state& session, const std::string& path);
+
+// Writes the recording as it is in memory, filters included, and its events, format
+// 1002. False, with a box, when the file cannot be written; an old file of that name is
+// then whole. Event-based recordings are the caller's to refuse.
+bool write_tsf(session_state& session, const std::string& path);
+
+// The box for a file with more channels than limit.
+void report_too_many_channels(session_state& session, std::int32_t limit);
+
+}  // namespace kestrelvane

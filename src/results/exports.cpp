@@ -1,0 +1,267 @@
+#include "results/exports.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+#include <numeric>
+#include <vector>
+
+#include "recording/input_file.h"
+#include "recording/tsf.h"
+#include "results/work_file.h"
+#include "session/safe_file.h"
+#include "sorting/duplicates.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr const char* version_text = "5.00 ";
+
+// --- what a format asks of the recording
+
+bool accept_neuralynx(session_state& session) {
+  const std::int32_t type = session.recording.file_type;
+  if (type == file_type_ntt || type == file_type_ncs) return true;
+  tell(session, "No Neuralynx data in memory", "Can't save data");
+  return false;
+}
+
+bool accept_blackrock(session_state& session) {
+  if (session.recording.file_type == file_type_nev) return true;
+  tell(session, "No Blackrock .nev data in memory", "Can't save data");
+  return false;
+}
+
+bool accept_continuous(session_state& session) {
+  if (session.recording.is_continuous) return true;
+  tell(session, "TSF export not supported for  event based recording", "Can't save data");
+  return false;
+}
+
+// clang-format off
+constexpr export_format formats[] = {
+  {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", nullptr, write_csv},
+  {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr, write_unit_texts},
+  {"plx", "Plexon (.plx)", ".plx", "Plexon (*.PLX)", nullptr, nullptr},
+  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx single tetrode(*.NTT)", accept_neuralynx, nullptr},
+  {"evt", "Neuroscope (.evt)", ".evt", "Neuroscope (*.EVT)", nullptr, nullptr},
+  {"nev", "Blackrock (.nev)", ".nev", "Blackrock(*.NEV)", accept_blackrock, nullptr},
+  {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr, nullptr},
+  {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)", accept_continuous, write_tsf},
+};
+// clang-format on
+
+// --- text
+
+// A number in its columns, or stars when it is too wide for them.
+void append_columns(std::string& line, const std::string& number, std::size_t columns) {
+  if (number.size() > columns) {
+    line.append(columns, '*');
+  } else {
+    line.append(columns - number.size(), ' ').append(number);
+  }
+}
+
+void append_seconds(std::string& line, double seconds) {
+  append_columns(line, fmt::format("{:.5f}", seconds), 12);
+}
+
+// The name that was chosen, with "_" and the cluster number before ".txt".
+std::string unit_text_path(const std::string& path, std::int32_t cluster) {
+  std::string stem = path;
+  if (stem.ends_with(".txt") || stem.ends_with(".TXT")) stem.resize(stem.size() - 4);
+  return fmt::format("{}_{}.txt", stem, cluster);
+}
+
+// Events of every cluster in event order: those of cluster c stand at
+// first[c] .. first[c + 1] - 1 of events.
+struct events_by_cluster {
+  std::vector<std::size_t> first;
+  std::vector<std::int32_t> events;
+};
+
+events_by_cluster list_by_cluster(const session_state& session) {
+  const event_table& e = session.events;
+  const std::size_t n_clusters = static_cast<std::size_t>(session.clusters.n_clusters);
+  events_by_cluster lists;
+  lists.first.assign(n_clusters + 2, 0);
+  for (std::int32_t i = 1; i <= e.n_events; ++i) {
+    if (e.event_cluster[i] > 0) ++lists.first[static_cast<std::size_t>(e.event_cluster[i]) + 1];
+  }
+  std::partial_sum(lists.first.begin(), lists.first.end(), lists.first.begin());
+  lists.events.resize(lists.first.back());
+  std::vector<std::size_t> next = lists.first;
+  for (std::int32_t i = 1; i <= e.n_events; ++i) {
+    if (e.event_cluster[i] <= 0) continue;
+    lists.events[next[static_cast<std::size_t>(e.event_cluster[i])]++] = i;
+  }
+  return lists;
+}
+
+bool write_unit_text(const session_state& session, const std::string& path,
+                     std::span<const std::int32_t> events) {
+  safe_file out;
+  if (!open_safe_file(out, path)) return false;
+  std::string line;
+  for (const std::int32_t e : events) {
+    line.clear();
+    append_seconds(line, event_seconds(session, e));
+    line += '\n';
+    write_text(out, line);
+  }
+  return finish_safe_file(out);
+}
+
+// --- the steps of "Save As"
+
+void take_out_duplicates(session_state& session) {
+  const std::int32_t removed = remove_duplicate_events(session, true);
+  if (removed == 0) return;
+  log_message(session, fmt::format("{} duplicate events removed from clusters", removed));
+}
+
+bool save_beside(session_state& session, const std::string& path, const std::string& what,
+                 bool (*write)(session_state&, const std::string&)) {
+  const bool written = write(session, path);
+  if (written) {
+    tell(session, fmt::format("Saved {} {}", what, path), "Export data", box_icon::information);
+  } else {
+    tell(session, "Failed to save file " + path, "Export data");
+  }
+  return written;
+}
+
+}  // namespace
+
+std::span<const export_format> export_formats() { return formats; }
+
+const export_format* find_export_format(std::string_view name) {
+  for (const export_format& format : formats) {
+    if (name == format.name) return &format;
+  }
+  return nullptr;
+}
+
+bool export_is_possible(session_state& session, const export_format& format) {
+  if (format.accepts != nullptr && !format.accepts(session)) return false;
+  if (format.write != nullptr) return true;
+  tell(session, fmt::format("There is no writer for the format {} yet", format.label),
+       "Can't save data");
+  return false;
+}
+
+bool export_sorted_spikes(session_state& session, const export_format& format,
+                          const std::string& path, const export_options& options) {
+  if (!export_is_possible(session, format)) return false;
+  set_progress(session, meter::saving, 0, 100);
+  if (options.remove_duplicates) take_out_duplicates(session);
+  set_progress(session, meter::saving, 20, 100);
+  bool done = format.write(session, path);
+  set_progress(session, meter::saving, 80, 100);
+  if (options.save_work_file) {
+    done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write_work_file);
+  }
+  if (options.save_comments) {
+    done &=
+        save_beside(session, replace_extension(path, ".txt"), "comments file", write_comments_file);
+  }
+  set_progress(session, meter::saving, 100, 100);
+  return done;
+}
+
+bool export_sorted_spikes_dialog(session_state& session, const export_format& format,
+                                 logical save_comments) {
+  if (!export_is_possible(session, format)) return false;
+  std::string path = replace_extension(session.recording.recording_path, format.extension);
+  if (!choose_file_to_save(session, "Export data", format.filter, path)) return false;
+  const export_options options{session.review.export_remove_duplicates,
+                               session.review.export_save_work_file, save_comments};
+  return export_sorted_spikes(session, format, path, options);
+}
+
+void warn_of_incomplete_detection(session_state& session) {
+  if (!session.detector.detection_incomplete) return;
+  tell(session,
+       "Event detection was probably incomplete due to memory limitations or was interrupted "
+       "manually before completion.",
+       "Export data", box_icon::warning);
+}
+
+std::string source_file_path(const session_state& session) {
+  const recording_store& r = session.recording;
+  const std::string* path = nullptr;
+  if (r.file_type == file_type_prf) path = &r.srf_path;
+  if (r.file_type == file_type_plx) path = &r.plx_path;
+  if (r.file_type == file_type_xml) path = &r.xml_path;
+  return path == nullptr || path->empty() ? r.recording_path : *path;
+}
+
+double event_seconds(const session_state& session, std::int32_t event) {
+  const recording_store& r = session.recording;
+  const std::int32_t t = session.events.event_time[event];
+  if (r.is_continuous || session.preferences.treat_as_continuous) {
+    const double step = r.file_type == file_type_bin
+                            ? 1.0 / r.sampling_frequency_exact
+                            : double{1.0f / static_cast<float>(r.sampling_frequency)};
+    return t * step;
+  }
+  const std::int64_t ms = event_record_time_ms(session, t, session.events.event_channel[event]);
+  // The start is held in single precision, as the format has always had it.
+  return static_cast<double>(ms) / 1000.0 + double{static_cast<float>(r.first_timestamp) / 1.0e6f};
+}
+
+bool write_csv(session_state& session, const std::string& path) {
+  const event_table& e = session.events;
+  safe_file out;
+  std::string line;
+  if (open_safe_file(out, path)) {
+    for (std::int32_t i = 1; i <= e.n_events; ++i) {
+      if (e.event_cluster[i] <= 0) continue;
+      line.clear();
+      append_seconds(line, event_seconds(session, i));
+      line += ',';
+      append_columns(line, fmt::format("{}", e.event_cluster[i]), 4);
+      line += ',';
+      append_columns(line, fmt::format("{}", e.event_channel[i]), 4);
+      line += '\n';
+      write_text(out, line);
+    }
+  }
+  const bool written = finish_safe_file(out);
+  if (written) {
+    tell(session, "CSV data saved", "Export data", box_icon::information);
+  } else {
+    tell(session, "Error exporting CSV format data ", "Export data");
+  }
+  return written;
+}
+
+bool write_unit_texts(session_state& session, const std::string& path) {
+  const events_by_cluster lists = list_by_cluster(session);
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    const std::size_t i = static_cast<std::size_t>(c);
+    const std::span<const std::int32_t> events{lists.events.data() + lists.first[i],
+                                               lists.first[i + 1] - lists.first[i]};
+    if (!write_unit_text(session, unit_text_path(path, c), events)) {
+      tell(session, "Error saving file", "Save TXT data");
+      return false;
+    }
+  }
+  return true;
+}
+
+bool write_comments_file(session_state& session, const std::string& path) {
+  safe_file out;
+  if (open_safe_file(out, path)) {
+    write_text(out, "Comments on units sorted from data file: " + source_file_path(session) + "\n");
+    write_text(out, fmt::format("Exported by Kestrelvane {}\n", version_text));
+    for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+      const std::string_view comment = session.clusters.cluster_comment[c].view();
+      if (!comment.empty()) write_text(out, fmt::format("Unit {}\n{}\n", c, comment));
+    }
+  }
+  return finish_safe_file(out);
+}
+
+}  // namespace kestrelvane

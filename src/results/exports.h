@@ -1,0 +1,66 @@
+// Sorted spikes for other tools.
+//
+// One row per format, in the order of the dialog's list. Every file is written
+// beside its target and renamed over it. A format's writer says for itself how it
+// went; what it cannot do for the recording in memory it refuses before the user
+// is asked for a name.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+struct export_format {
+  const char* name;       // of the batch command
+  const char* label;      // in the "Data format" list
+  const char* extension;  // with its dot
+  const char* filter;     // of the file dialog
+  // Says why the recording in memory cannot be written so, and returns false;
+  // null: there is no such condition.
+  bool (*accepts)(session_state& session);
+  // Writes, and tells the user how it went; null: no writer yet.
+  bool (*write)(session_state& session, const std::string& path);
+};
+
+std::span<const export_format> export_formats();
+// Null for an unknown name.
+const export_format* find_export_format(std::string_view name);
+
+// True when the format has a writer and accepts the recording; says so otherwise.
+bool export_is_possible(session_state& session, const export_format& format);
+
+struct export_options {
+  logical remove_duplicates = false;  // from within clusters, before writing
+  logical save_work_file = false;     // beside the export, ".wrk"
+  logical save_comments = false;      // beside the export, ".txt"
+};
+
+// "Save As": duplicates out, the export, the work file, the comments. progress is
+// called on meter::saving, 0 to 100. False when any of the files failed; the later
+// ones are tried all the same.
+bool export_sorted_spikes(session_state& session, const export_format& format,
+                          const std::string& path, const export_options& options);
+// The same with the file dialog and the options kept in the settings.
+bool export_sorted_spikes_dialog(session_state& session, const export_format& format,
+                                 logical save_comments);
+
+// What opening the dialog says first: detection may have been incomplete.
+void warn_of_incomplete_detection(session_state& session);
+
+// Path of the file that the recording came from, by its type.
+std::string source_file_path(const session_state& session);
+
+// Time of an event in seconds, as the two text formats give it.
+double event_seconds(const session_state& session, std::int32_t event);
+
+// The writers.
+bool write_csv(session_state& session, const std::string& path);
+bool write_unit_texts(session_state& session, const std::string& path);
+bool write_comments_file(session_state& session, const std::string& path);
+
+}  // namespace kestrelvane

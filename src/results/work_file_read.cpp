@@ -1,0 +1,271 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "recording/input_file.h"
+#include "results/work_file.h"
+#include "results/work_file_blocks.h"
+#include "results/work_file_rows.h"
+#include "results/work_file_settle.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// A work file being read, front to back. Nothing is stored, and no count believed,
+// beyond the length of the file.
+struct work_file_source {
+  input_file file;
+  std::int64_t position = 0;
+  std::int32_t version = 0;
+  work_file_counts counts;
+  std::string problem;  // why the read failed
+};
+
+bool fail(work_file_source& in, std::string problem) {
+  if (in.problem.empty()) in.problem = std::move(problem);
+  return false;
+}
+
+bool open_source(work_file_source& in, const std::string& path) {
+  if (!open_input_file(in.file, path)) {
+    return fail(in, fmt::format("Work file cannot be opened: {}", in.file.problem));
+  }
+  in.counts.of[per_file] = 1;
+  return true;
+}
+
+std::int64_t remaining(const work_file_source& in) { return in.file.size - in.position; }
+
+bool read_bytes(work_file_source& in, void* bytes, std::int64_t n) {
+  if (n > remaining(in)) return fail(in, "ends early");
+  if (!read_at(in.file, in.position, bytes, n)) return fail(in, "cannot be read");
+  in.position += n;
+  return true;
+}
+
+bool pass_over(work_file_source& in, std::int64_t n) {
+  if (n > remaining(in)) return fail(in, "ends early");
+  in.position += n;
+  return true;
+}
+
+bool read_padded(work_file_source& in, std::string& text, std::int64_t length) {
+  std::vector<char> bytes(static_cast<std::size_t>(length));
+  if (!read_bytes(in, bytes.data(), length)) return false;
+  std::size_t n = bytes.size();
+  while (n > 0 && (bytes[n - 1] == ' ' || bytes[n - 1] == '\0')) --n;
+  text.assign(bytes.data(), n);
+  return true;
+}
+
+// Why a count of the file cannot be right, or an empty text.
+std::string count_problem(const session_state& session, row_count rule, std::int64_t n) {
+  const auto within = [n](std::int64_t low, std::int64_t high) {
+    return n >= low && n <= high ? std::string{}
+                                 : fmt::format("is {}, beyond {}..{}", n, low, high);
+  };
+  switch (rule) {
+    case per_event:
+      return within(0, event_limit);
+    case per_cluster:
+      return within(0, session.max_clusters);
+    case per_point:
+      return within(session.clusters.n_clusters > 0 ? 3 : 0, template_point_limit);
+    case per_pair:
+      return within(0, pair_limit);
+    case per_log_line:
+      return within(0, log_line_limit);
+    case per_filter:
+      return within(0, filter_history_limit);
+    case per_channel:
+      if (n == session.recording.n_channels) return {};
+      return fmt::format("is {}, but the recording has {} channels", n,
+                         session.recording.n_channels);
+    case per_file:
+    case n_row_counts:
+      break;
+  }
+  return {};
+}
+
+bool read_counter(work_file_source& in, session_state& session, const work_file_row& row) {
+  std::int32_t value = 0;
+  if (!read_bytes(in, &value, sizeof value)) return false;
+  const std::string problem = count_problem(session, row.rule, value);
+  if (!problem.empty()) return fail(in, problem);
+  in.counts.of[static_cast<std::size_t>(row.rule)] = value;
+  if (row.stored) *static_cast<std::int32_t*>(row.first(session)) = value;
+  return true;
+}
+
+bool read_templates(work_file_source& in, const session_state& session, table<float>& blocks) {
+  template_planes planes = template_planes_of(session, in.counts);
+  if (planes.plane_size() == 0) return true;
+  for (std::int32_t first = 1; first <= planes.n_points; first += planes.chunk) {
+    const std::int32_t n = std::min(planes.chunk, planes.n_points + 1 - first);
+    const std::size_t bytes = sizeof(float) * planes.plane_size() * static_cast<std::size_t>(n);
+    if (!read_bytes(in, planes.buffer.data(), static_cast<std::int64_t>(bytes))) return false;
+    scatter_planes(planes, blocks.base(), first, n);
+  }
+  return true;
+}
+
+bool read_channel_lists(work_file_source& in, session_state& session) {
+  const std::int64_t n_clusters = in.counts.of[per_cluster];
+  std::vector<std::int32_t> slots(static_cast<std::size_t>(n_clusters));
+  for (std::int64_t k = 1; k <= in.counts.of[per_channel]; ++k) {
+    if (!read_bytes(in, slots.data(), 4 * n_clusters)) return false;
+    for (std::int32_t c = 1; c <= n_clusters; ++c) {
+      session.templates.channels(c)[k] = slots[static_cast<std::size_t>(c - 1)];
+    }
+  }
+  return true;
+}
+
+bool read_positions(work_file_source& in, session_state& session) {
+  const std::int64_t n_clusters = in.counts.of[per_cluster];
+  std::vector<float> pairs(static_cast<std::size_t>(2 * n_clusters));
+  if (!read_bytes(in, pairs.data(), 8 * n_clusters)) return false;
+  for (std::int32_t c = 1; c <= n_clusters; ++c) {
+    const std::size_t i = static_cast<std::size_t>(2 * (c - 1));
+    session.templates.template_x[c] = pairs[i];
+    session.templates.template_y[c] = pairs[i + 1];
+  }
+  return true;
+}
+
+bool read_comments(work_file_source& in, session_state& session) {
+  while (remaining(in) > 0) {
+    std::int32_t length = 0, cluster = 0;
+    if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
+    if (length < 0 || length > 256 || cluster < 1 || cluster > in.counts.of[per_cluster]) {
+      return fail(in, fmt::format("has {} characters for cluster {}", length, cluster));
+    }
+    char text[256];
+    if (!read_bytes(in, text, length)) return false;
+    session.clusters.cluster_comment[cluster].assign({text, static_cast<std::size_t>(length)});
+  }
+  return true;
+}
+
+bool read_row(work_file_source& in, session_state& session, const work_file_row& row) {
+  const std::int64_t bytes = row_bytes(row, in.counts);
+  if (row.form == row_form::counter) return read_counter(in, session, row);
+  if (bytes > remaining(in)) return fail(in, "ends early");
+  if (!row.stored) return pass_over(in, bytes);
+  void* first = row.first == nullptr ? nullptr : row.first(session);
+  switch (row.form) {
+    case row_form::text:
+      return read_padded(in, *static_cast<std::string*>(first), bytes);
+    case row_form::words:
+      return read_bytes(in, first, bytes);
+    case row_form::templates:
+      return read_templates(in, session, *static_cast<table<float>*>(first));
+    case row_form::channel_lists:
+      return read_channel_lists(in, session);
+    case row_form::positions:
+      return read_positions(in, session);
+    case row_form::comments:
+      return read_comments(in, session);
+    case row_form::label:
+    case row_form::counter:
+      break;
+  }
+  return true;
+}
+
+bool read_rows(work_file_source& in, session_state& session) {
+  in.position = 0;
+  for (const work_file_row& row : work_file_rows()) {
+    if (!row_is_in(row, in.version)) continue;
+    if (!read_row(in, session, row)) {
+      in.problem = fmt::format("Work file is damaged: {} {}", row.name, in.problem);
+      return false;
+    }
+  }
+  return true;
+}
+
+// 1 to 8, or 0 for a label that is none.
+std::int32_t version_of_label(const std::array<char, work_file_label_length>& label) {
+  const std::string_view text(label.data(), label.size());
+  if (text == std::string_view("Kestrelvane work file\0  ", 24)) return 1;
+  for (std::int32_t v = 2; v <= work_file_version; ++v) {
+    if (text == fmt::format("Kestrelvane work file V{}", v)) return v;
+  }
+  return 0;
+}
+
+// Saved paths may have the separators of another system.
+std::string name_without_folders(const std::string& path) {
+  return path.substr(path.find_last_of("/\\") + 1);
+}
+
+// False when the file was saved from a recording of another name and the user
+// does not want to go on.
+bool belongs_to_recording(session_state& session, const std::string& saved_path) {
+  // The file cuts paths at its field's length, so both sides are compared cut.
+  const std::string path = session.recording.recording_path.substr(0, work_file_path_length);
+  const std::string saved = name_without_folders(saved_path);
+  const std::string loaded = name_without_folders(path);
+  if (saved == loaded) return true;
+  log_message(session, "Saved filename: " + saved);
+  log_message(session, "data filename: " + loaded);
+  return ask(session, "Continue reading work file?", "Warning: filename mismatch");
+}
+
+bool read_header(work_file_source& in, std::string& saved_path) {
+  std::array<char, work_file_label_length> label;
+  if (!read_bytes(in, label.data(), work_file_label_length)) {
+    in.problem = "Work file ends before its label";
+    return false;
+  }
+  in.version = version_of_label(label);
+  if (in.version == 0) return fail(in, "File is not a Kestrelvane work file");
+  if (!read_padded(in, saved_path, work_file_path_length)) {
+    in.problem = "Work file ends before the name of its recording";
+    return false;
+  }
+  return true;
+}
+
+bool read_version(work_file_source& in, session_state& session, const std::string& path) {
+  log_message(session, fmt::format("Reading Version {:2} workfile", in.version));
+  if (in.version < oldest_readable_version) {
+    return fail(in, fmt::format("Work files of version {} are too old to be read", in.version));
+  }
+  log_message(session, fmt::format("Reading V{} work file {}", in.version, path));
+  const kept_settings before = keep_settings(session);
+  prepare_for_work_file(session);
+  bool read = read_rows(in, session);
+  settle_settings(session, before);
+  if (read) {
+    log_message(session, fmt::format("# of events = {}", session.events.n_events));
+    log_message(session, fmt::format("# of clusters = {}", session.clusters.n_clusters));
+    const std::string problem = settle_sort(session, in.version);
+    read = problem.empty() || fail(in, "Work file is damaged: " + problem);
+  }
+  if (!read) forget_sort(session, before);
+  return read;
+}
+
+}  // namespace
+
+bool read_work_file(session_state& session, const std::string& path, bool& wrong_file) {
+  wrong_file = false;
+  work_file_source in;
+  std::string saved_path;
+  bool read = open_source(in, path) && read_header(in, saved_path);
+  if (read && !belongs_to_recording(session, saved_path)) {
+    wrong_file = true;
+    return false;
+  }
+  read = read && read_version(in, session, path);
+  if (!read) log_message(session, in.problem);
+  return read;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,270 @@
+#include "results/work_file_settle.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "clustering/cluster_operations.h"
+#include "clustering/interpolation.h"
+#include "clustering/templates.h"
+#include "recording/site_tables.h"
+#include "session/settings_table.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Versions before 8 keep events that lie beyond the recording's end, as far as
+// a window round them still finds samples in vd.
+constexpr std::int64_t longest_window_reach = 300;  // samples
+
+void clear_events(event_table& events) {
+  events.n_events = 0;
+  events.event_time.clear();
+  events.event_shift.clear();
+  events.event_detected_time.clear();
+  events.event_channel.clear();
+  events.event_cluster.clear();
+  events.event_subcluster.clear();
+}
+
+void move_event(event_table& events, std::int32_t from, std::int32_t to) {
+  events.event_time[to] = events.event_time[from];
+  events.event_shift[to] = events.event_shift[from];
+  events.event_detected_time[to] = events.event_detected_time[from];
+  events.event_channel[to] = events.event_channel[from];
+  events.event_cluster[to] = events.event_cluster[from];
+  events.event_subcluster[to] = events.event_subcluster[from];
+}
+
+std::int64_t last_usable_time(const session_state& session, std::int32_t version) {
+  const recording_store& r = session.recording;
+  if (version >= 8) return r.n_samples;
+  return std::max<std::int64_t>(r.n_samples, r.vd.max_time() - longest_window_reach);
+}
+
+std::vector<std::int32_t> cluster_sizes(const session_state& session) {
+  std::vector<std::int32_t> sizes(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    ++sizes[static_cast<std::size_t>(session.events.event_cluster[e])];
+  }
+  return sizes;
+}
+
+// Removes events outside 1..last; returns how many.
+std::int32_t remove_outside_events(event_table& events, std::int64_t last) {
+  std::int32_t kept = 0;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (events.event_time[e] < 1 || events.event_time[e] > last) continue;
+    if (++kept != e) move_event(events, e, kept);
+  }
+  const std::int32_t removed = events.n_events - kept;
+  events.n_events = kept;
+  return removed;
+}
+
+// A cluster that lost all its events with them is no unit of this recording.
+void delete_emptied_clusters(session_state& session, const std::vector<std::int32_t>& before) {
+  const std::vector<std::int32_t> after = cluster_sizes(session);
+  for (std::int32_t c = session.clusters.n_clusters; c >= 1; --c) {
+    const std::size_t i = static_cast<std::size_t>(c);
+    if (before[i] > 0 && after[i] == 0) delete_cluster(session, c);
+  }
+}
+
+// Channel and cluster of every event must exist: what refers to neither is not a
+// sort. -1 is the mark of a removal pass that a timed save caught at work.
+std::string check_event_numbers(session_state& session) {
+  event_table& events = session.events;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (events.event_cluster[e] == -1) events.event_cluster[e] = 0;
+    if (events.event_channel[e] < 1 || events.event_channel[e] > session.recording.n_channels) {
+      return fmt::format("event {} is on channel {}", e, events.event_channel[e]);
+    }
+    if (events.event_cluster[e] < 0 || events.event_cluster[e] > session.clusters.n_clusters) {
+      return fmt::format("event {} is in cluster {}", e, events.event_cluster[e]);
+    }
+  }
+  return {};
+}
+
+void settle_event_times(session_state& session, std::int64_t last) {
+  event_table& events = session.events;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (!(std::fabs(events.event_shift[e]) <= 1.0f)) events.event_shift[e] = 0.0f;
+    // 0 stands for none; anything else may become event_time again.
+    if (events.event_detected_time[e] < 0 || events.event_detected_time[e] > last) {
+      events.event_detected_time[e] = 0;
+    }
+  }
+}
+
+bool lists_valid_channels(const session_state& session, std::int32_t cluster) {
+  const template_table& t = session.templates;
+  const std::int32_t n = t.template_n_channels[cluster];
+  if (n < 1 || n > session.recording.n_channels) return false;
+  const std::int32_t* list = t.channels(cluster) + 1;
+  return std::all_of(list, list + n, [&](std::int32_t channel) {
+    return channel >= 1 && channel <= session.recording.n_channels;
+  });
+}
+
+// Before version 8 a list had no count: the centre channel, then channels in
+// ascending order, ended by the first entry that cannot continue it.
+std::int32_t length_of_channel_list(const session_state& session, std::int32_t cluster) {
+  const std::int32_t n_channels = session.recording.n_channels;
+  const std::int32_t* list = session.templates.channels(cluster);
+  std::int32_t n = 0;
+  while (n < n_channels && list[n + 1] >= 1 && list[n + 1] <= n_channels &&
+         (n == 0 || (list[n + 1] != list[1] && (n == 1 || list[n + 1] > list[n])))) {
+    ++n;
+  }
+  return n;
+}
+
+void settle_template_channels(session_state& session, std::int32_t version) {
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    if (version < 8) {
+      session.templates.template_n_channels[c] = length_of_channel_list(session, c);
+    }
+    if (!lists_valid_channels(session, c)) {
+      session.templates.template_n_channels[c] = 0;
+      std::fill_n(session.templates.channels(c) + 1, session.recording.n_channels, 0);
+      get_template_channels(session, c);
+    }
+  }
+}
+
+// The lists are of use only if they have every pair of the file's clusters.
+void settle_lists(session_state& session, std::int32_t version) {
+  status_lists_table& lists = session.lists;
+  const std::int64_t n = session.clusters.n_clusters;
+  if (lists.n_kv_pairs != 0 && lists.n_kv_pairs != n * (n - 1) / 2) {
+    log_message(session, "Status lists of the work file do not fit its clusters: make them again");
+    lists.n_kv_pairs = 0;
+    return;
+  }
+  std::int64_t k = 0;
+  for (std::int32_t a = 1; a < n && lists.n_kv_pairs > 0; ++a) {
+    for (std::int32_t b = a + 1; b <= n; ++b) {
+      ++k;
+      // -1 was stored for templates that do not overlap.
+      if (version < 8) lists.kv_templates_dont_overlap[k] = lists.kv_cluster_overlap[k] == -1.0f;
+      const std::int32_t shifted = lists.kv_n_shift_template[k];
+      if (version < 8 || (shifted != a && shifted != b)) {
+        lists.kv_n_shift_template[k] = b;
+        lists.rms_template_shift[k] = 0.0f;
+      }
+    }
+  }
+}
+
+void settle_selection(session_state& session) {
+  cluster_table& c = session.clusters;
+  // A recording just read has 1 selected even without clusters.
+  if (c.current_cluster < 0 || c.current_cluster > std::max(c.n_clusters, 1)) {
+    c.current_cluster = std::min(c.n_clusters, 1);
+  }
+  c.previous_cluster = 0;
+  if (session.current_channel < 1 || session.current_channel > session.recording.n_channels) {
+    session.current_channel = 1;
+  }
+}
+
+// Every sample that a template window reaches must lie in the margins of vd.
+bool window_is_usable(const session_state& session) {
+  const std::int32_t first = window_first_sample(session);
+  const std::int32_t last = window_last_sample(session);
+  return first >= -template_point_limit && last <= template_point_limit && first <= last;
+}
+
+void settle_window(session_state& session, float start_before, float end_before) {
+  if (window_is_usable(session)) return;
+  sorting_strategy_settings& s = session.strategy;
+  log_message(session, fmt::format("Template window of {} to {} ms in the work file is unusable, "
+                                   "{} to {} ms is kept",
+                                   s.template_window_start_ms, s.template_window_end_ms,
+                                   start_before, end_before));
+  s.template_window_start_ms = start_before;
+  s.template_window_end_ms = end_before;
+}
+
+}  // namespace
+
+kept_settings keep_settings(const session_state& session) {
+  kept_settings kept;
+  for (const setting_row& row : settings_table()) {
+    for (std::int32_t i = 0; i < row.count; ++i) {
+      kept.values.push_back(row.address == nullptr ? 0.0 : setting_value(session, row, i));
+    }
+  }
+  kept.window_start_ms = session.strategy.template_window_start_ms;
+  kept.window_end_ms = session.strategy.template_window_end_ms;
+  kept.filter_history = session.filter_history;
+  kept.recording_filtered = session.recording.recording_filtered;
+  return kept;
+}
+
+void settle_settings(session_state& session, const kept_settings& before) {
+  auto earlier = before.values.begin();
+  for (const setting_row& row : settings_table()) {
+    for (std::int32_t i = 0; i < row.count; ++i, ++earlier) {
+      if (row.address == nullptr) continue;
+      const double value = setting_value(session, row, i);
+      if ((value >= row.low && value <= row.high) || value == *earlier) continue;
+      log_message(session, fmt::format("{} = {} in the work file is out of range, {} is kept",
+                                       row.name, value, *earlier));
+      store_setting(session, row, i, *earlier);
+    }
+  }
+  settle_window(session, before.window_start_ms, before.window_end_ms);
+  build_interp_table(session);
+  build_neighbour_list(session);
+}
+
+void prepare_for_work_file(session_state& session) {
+  clear_events(session.events);
+  cluster_table& c = session.clusters;
+  c.n_clusters = 0;
+  c.current_cluster = 0;
+  c.previous_cluster = 0;
+  c.cluster_comment.clear();
+  c.cluster_ellipse.clear();
+  c.cluster_signed_off.clear();
+  c.cluster_tag.clear();
+  session.lists.n_kv_pairs = 0;
+  session.lists.n_match = 0;
+  session.lists.kv_split_tries.clear();
+  session.templates.template_n_channels.clear();
+  session.templates.template_channels.clear();
+}
+
+std::string settle_sort(session_state& session, std::int32_t version) {
+  const std::string problem = check_event_numbers(session);
+  if (!problem.empty()) return problem;
+  const std::int64_t last = last_usable_time(session, version);
+  settle_event_times(session, last);
+  settle_template_channels(session, version);
+  settle_lists(session, version);
+  const std::vector<std::int32_t> sizes = cluster_sizes(session);
+  const std::int32_t removed = remove_outside_events(session.events, last);
+  if (removed > 0) {
+    log_message(session, fmt::format("Removed {} events with invalid time indices", removed));
+    delete_emptied_clusters(session, sizes);
+  }
+  settle_selection(session);
+  if (session.templates.template_points < 3) compute_template_points(session);
+  return {};
+}
+
+void forget_sort(session_state& session, const kept_settings& before) {
+  prepare_for_work_file(session);
+  session.filter_history = before.filter_history;
+  session.recording.recording_filtered = before.recording_filtered;
+  compute_template_points(session);
+  settle_selection(session);
+}
+
+}  // namespace kestrelvane

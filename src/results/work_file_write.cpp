@@ -1,0 +1,107 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "results/work_file.h"
+#include "results/work_file_blocks.h"
+#include "results/work_file_rows.h"
+#include "session/safe_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+void write_padded(safe_file& out, const std::string& text, std::int64_t length) {
+  std::string padded = text.substr(0, static_cast<std::size_t>(length));
+  padded.resize(static_cast<std::size_t>(length), ' ');
+  write_text(out, padded);
+}
+
+void write_templates(safe_file& out, const session_state& session, const table<float>& blocks) {
+  template_planes planes = template_planes_of(session, count_session(session));
+  for (std::int32_t first = 1; first <= planes.n_points && !out.failed; first += planes.chunk) {
+    const std::int32_t n = std::min(planes.chunk, planes.n_points + 1 - first);
+    gather_planes(planes, blocks.base(), first, n);
+    write_bytes(out, planes.buffer.data(), sizeof(float) * planes.plane_size() * n);
+  }
+}
+
+// Slots beyond a cluster's count hold what an earlier owner of the slot left, so
+// they are written as 0: the file then depends on the sort alone.
+void write_channel_lists(safe_file& out, const session_state& session) {
+  const std::int32_t n_clusters = session.clusters.n_clusters;
+  const template_table& t = session.templates;
+  std::vector<std::int32_t> slots(static_cast<std::size_t>(n_clusters));
+  for (std::int32_t k = 1; k <= session.recording.n_channels; ++k) {
+    for (std::int32_t c = 1; c <= n_clusters; ++c) {
+      slots[static_cast<std::size_t>(c - 1)] = k <= t.template_n_channels[c] ? t.channels(c)[k] : 0;
+    }
+    write_bytes(out, slots.data(), sizeof(std::int32_t) * slots.size());
+  }
+}
+
+void write_positions(safe_file& out, const session_state& session) {
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    write_value(out, session.templates.template_x[c]);
+    write_value(out, session.templates.template_y[c]);
+  }
+}
+
+void write_comments(safe_file& out, const session_state& session) {
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    const std::string_view comment = session.clusters.cluster_comment[c].view();
+    if (comment.empty()) continue;
+    write_value(out, static_cast<std::int32_t>(comment.size()));
+    write_value(out, c);
+    write_text(out, comment);
+  }
+}
+
+void write_row(safe_file& out, session_state& session, const work_file_row& row,
+               const work_file_counts& counts) {
+  void* first = row.first == nullptr ? nullptr : row.first(session);
+  switch (row.form) {
+    case row_form::label:
+    case row_form::text:
+      write_padded(out, *static_cast<const std::string*>(first), row_bytes(row, counts));
+      break;
+    case row_form::counter:
+      write_value(out, static_cast<std::int32_t>(counts.of[static_cast<std::size_t>(row.rule)]));
+      break;
+    case row_form::words:
+      write_bytes(out, first, static_cast<std::size_t>(row_bytes(row, counts)));
+      break;
+    case row_form::templates:
+      write_templates(out, session, *static_cast<const table<float>*>(first));
+      break;
+    case row_form::channel_lists:
+      write_channel_lists(out, session);
+      break;
+    case row_form::positions:
+      write_positions(out, session);
+      break;
+    case row_form::comments:
+      write_comments(out, session);
+      break;
+  }
+}
+
+}  // namespace
+
+bool write_work_file(session_state& session, const std::string& path) {
+  session.operation.work_save_busy = true;
+  safe_file out;
+  if (open_safe_file(out, path)) {
+    // Counted once, so that a log line added meanwhile cannot tear the file.
+    const work_file_counts counts = count_session(session);
+    for (const work_file_row& row : work_file_rows()) {
+      if (row_is_in(row, work_file_version)) write_row(out, session, row, counts);
+    }
+  }
+  const bool written = finish_safe_file(out);
+  session.operation.work_save_busy = false;
+  return written;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,143 @@
+#include "session/console_interface.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t bar_width = 40;
+
+console_interface& self(void* context) { return *static_cast<console_interface*>(context); }
+
+const char* meter_name(meter which) {
+  switch (which) {
+    case meter::reading:
+      return "reading";
+    case meter::detection:
+      return "detecting";
+    case meter::merge_and_sort:
+      return "sorting";
+    case meter::clusters:
+      return "clusters";
+    case meter::status_lists:
+      return "status lists";
+    case meter::saving:
+      return "saving";
+  }
+  return "";
+}
+
+void hide_bar(console_interface& console) {
+  if (!console.bar_visible) return;
+  std::fputs("\r\033[K", console.out);
+  console.bar_visible = false;
+}
+
+void show_bar(console_interface& console) {
+  if (!console.terminal || console.quiet || console.bar_percent < 0) return;
+  if (console.bar_percent >= 100) {
+    hide_bar(console);
+    console.bar_percent = -1;
+    return;
+  }
+  const auto filled = static_cast<std::size_t>(bar_width * console.bar_percent / 100);
+  fmt::print(console.out, "\r\033[K{:>12} [{}{}] {:3}%", console.bar_name, std::string(filled, '#'),
+             std::string(bar_width - filled, ' '), console.bar_percent);
+  std::fflush(console.out);
+  console.bar_visible = true;
+}
+
+void print_line(console_interface& console, std::string_view text) {
+  hide_bar(console);
+  fmt::print(console.out, "{}\n", text);
+  show_bar(console);
+}
+
+void show_progress(console_interface& console, meter which, std::int32_t value,
+                   std::int32_t range) {
+  if (console.quiet || range <= 0) return;
+  const std::string name = meter_name(which);
+  const auto percent = static_cast<std::int32_t>(
+      std::clamp<std::int64_t>(std::int64_t{value} * 100 / range, 0, 100));
+  if (name == console.bar_name && percent == console.bar_percent) return;
+  if (name != console.bar_name) console.bar_quarter = -1;
+  console.bar_name = name;
+  console.bar_percent = percent;
+  if (console.terminal) {
+    show_bar(console);
+    return;
+  }
+  const std::int32_t quarter = percent / 25;
+  if (quarter > console.bar_quarter && quarter > 0) {
+    fmt::print(console.out, "{} {}%\n", name, quarter * 25);
+  }
+  console.bar_quarter = quarter;
+}
+
+void tell_console(console_interface& console, const std::string& text, const std::string& title,
+                  box_icon icon) {
+  if (icon == box_icon::error || icon == box_icon::warning) console.last_problem = text;
+  print_line(console, title.empty() ? text : title + ": " + text);
+}
+
+bool ask_console(console_interface& console, const std::string& text, const std::string& title) {
+  const bool yes = console.answer_yes;
+  if (!console.quiet) {
+    print_line(console, fmt::format("{}: {} {}", title, text, yes ? "Yes" : "No"));
+  }
+  return yes;
+}
+
+}  // namespace
+
+void attach_console(console_interface& console, session_state& session) {
+  user_interface& ui = session.ui;
+  ui = user_interface{};
+  ui.context = &console;
+  ui.tell = [](void* c, const std::string& text, const std::string& title, box_icon icon) {
+    tell_console(self(c), text, title, icon);
+  };
+  ui.ask = [](void* c, const std::string& text, const std::string& title) {
+    return ask_console(self(c), text, title);
+  };
+  ui.choose_open = [](void* c, const std::string&, const std::string&, std::string& path) {
+    path = self(c).chosen_path;
+    return !path.empty();
+  };
+  ui.choose_save = ui.choose_open;
+  ui.progress = [](void* c, meter which, std::int32_t value, std::int32_t range) {
+    show_progress(self(c), which, value, range);
+  };
+  ui.status = [](void* c, status_field field, const std::string& text) {
+    if (field == status_field::message && !self(c).quiet) print_line(self(c), text);
+  };
+  ui.log_line = [](void* c, std::string_view line) {
+    if (self(c).log != nullptr) fmt::print(self(c).log, "{}\n", line);
+    if (self(c).show_log && !self(c).quiet) print_line(self(c), line);
+  };
+  ui.stage = [](void* c, const std::string& name) {
+    if (self(c).on_stage) self(c).on_stage(name);
+  };
+  session.log.messages_dialog_open = true;  // the log wants every line
+}
+
+bool standard_error_is_terminal() { return isatty(fileno(stderr)) != 0; }
+
+bool open_console_log(console_interface& console, const std::string& path) {
+  console.log = std::fopen(path.c_str(), "w");
+  if (console.log != nullptr) std::setvbuf(console.log, nullptr, _IOLBF, 1 << 12);
+  return console.log != nullptr;
+}
+
+void finish_console(console_interface& console) {
+  hide_bar(console);
+  std::fflush(console.out);
+  if (console.log != nullptr) std::fclose(console.log);
+  console.log = nullptr;
+}
+
+}  // namespace kestrelvane

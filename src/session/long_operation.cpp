@@ -1,0 +1,42 @@
+#include "session/long_operation.h"
+
+#include <algorithm>
+
+#include "session/run_log.h"
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Counts a poll, and plays the user who presses "Interrupt" at the planned one.
+void count_poll(long_operation_flags& operation) {
+  const std::int64_t polls = ++operation.polls;
+  const std::int64_t at = operation.interrupt_at_poll;
+  if (at < 0 || polls != std::max<std::int64_t>(at, 1)) return;
+  operation.autosort_interrupt = true;
+  operation.detection_interrupted = true;
+}
+
+}  // namespace
+
+bool autosort_interrupted(session_state& session) {
+  count_poll(session.operation);
+  return session.operation.autosort_interrupt;
+}
+
+bool detection_interrupted(session_state& session) {
+  count_poll(session.operation);
+  return session.operation.detection_interrupted;
+}
+
+void pause_point(session_state& session) {
+  if (!session.operation.pause_requested) return;
+  log_message(session, "Paused, press resume button to continue ... ");
+  const user_interface& ui = session.ui;
+  if (ui.wait_for_resume != nullptr) ui.wait_for_resume(ui.context);
+  session.operation.pause_requested = false;
+  log_message(session, "resuming");
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,41 @@
+// Flags by which a long operation and whoever watches it meet.
+//
+// The watcher sets interrupt and pause; the worker polls them between items,
+// never inside a numerical stage. What an interrupted operation leaves behind is
+// told in the header of that operation.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+namespace kestrelvane {
+
+struct session_state;
+
+struct long_operation_flags {
+  std::atomic<bool> reader_running{false};
+  std::atomic<bool> open_succeeded{false};
+  std::atomic<bool> detection_interrupted{false};
+  std::atomic<bool> autosort_interrupt{false};
+  std::atomic<bool> pause_requested{false};
+  std::atomic<bool> work_save_busy{false};
+  std::atomic<bool> autorecover_busy{false};
+  // Value and range last posted to each meter, so that only changes are posted.
+  std::array<std::atomic<std::int64_t>, 8> meter_value{};
+
+  // Tests only: counts polls, and raises autosort_interrupt and
+  // detection_interrupted when the count reaches interrupt_at_poll; negative: never.
+  std::atomic<std::int64_t> polls{0};
+  std::atomic<std::int64_t> interrupt_at_poll{-1};
+};
+
+// True when the user has asked Autosort to stop. Every poll goes through here.
+bool autosort_interrupted(session_state& session);
+bool detection_interrupted(session_state& session);
+
+// When a pause is requested: logs, blocks until resumed, clears the request, logs
+// "resuming". Goes on at once when nobody is there who could resume.
+void pause_point(session_state& session);
+
+}  // namespace kestrelvane

@@ -1,0 +1,132 @@
+// session_state: everything the program holds in memory.
+//
+// One recording at a time, the events and clusters derived from it, and the
+// settings. main creates the one session and passes it first to every routine.
+// Nothing here is locked: a long operation runs on one worker, and what could
+// disturb it is disabled meanwhile. A worker's parallel loops write only their
+// own items.
+//
+// Channels, events, clusters and pairs are numbers counted from 1, in memory and
+// in the files that store them. Voltages are in bits everywhere; µV is bits times
+// vscale_HP. Positions are in µm.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "session/cluster_table.h"
+#include "session/event_table.h"
+#include "session/filter_history.h"
+#include "session/long_operation.h"
+#include "session/recording_store.h"
+#include "session/run_log.h"
+#include "session/settings.h"
+#include "session/status_lists_table.h"
+#include "session/template_table.h"
+#include "session/user_interface.h"
+
+namespace kestrelvane {
+
+// What a detection run carries from sample to sample and from run to run.
+struct detection_state {
+  std::int32_t threshold_pos = 0;   // bits, of the channel under test
+  std::int32_t threshold_neg = 0;   // bits
+  std::int16_t threshold_bits = 0;  // bits, fixed or variable threshold
+  float teager_threshold = 0.0f;    // bits squared; the lockout detector alone sets it
+  table<float> auto_threshold_pos{channel_limit};  // bits; compute_auto_thresholds
+  table<float> auto_threshold_neg{channel_limit};
+  logical detection_incomplete = false;  // the last run was cut short
+  logical pe_alloc_failed = false;       // proto-event storage could not be had
+};
+
+// What an Autosort run carries between its stages and leaves for its caller.
+struct autosort_state {
+  logical next_stage_requested = true;
+  logical max_clusters_reached = false;
+  logical autosort_pair_stage = false;
+  // The batch command and tests may end a run after a stage; autosort.h.
+  std::int32_t stop_after = 0;
+};
+
+// Sinc interpolation and kernel tables, built from the settings.
+struct interpolation_tables {
+  // 1000 entries, and zeros behind them for taps that fall beyond the width.
+  float interp_table[1000 + 101] = {};
+  std::int32_t depth = 0, width = 0;  // what interp_table was built for
+  float gac_table[10001] = {};        // exp(-k / 500)
+};
+
+struct session_state {
+  recording_store recording;
+  event_table events;
+  cluster_table clusters;
+  template_table templates;
+  status_lists_table lists;
+  filter_history_table filter_history;
+
+  detection_settings detection;
+  filter_settings filter;
+  sorting_strategy_settings strategy;
+  review_settings review;
+  display_settings display;
+  preferences_record preferences;
+
+  detection_state detector;
+  autosort_state autosort;
+  interpolation_tables tables;
+  float pc_scale = 0.0f;  // bits -> distance units of clustering
+
+  std::int32_t current_channel = 1;  // selected in all dialogs
+
+  run_log_table log;
+  long_operation_flags operation;
+  user_interface ui;
+
+  std::string home_directory;  // where state files live; empty: none are read or written
+  std::int32_t n_cpus = 1;     // logical processors, or the threads asked for if more
+  std::int32_t n_threads = 1;  // threads of parallel loops when multi_threaded_now
+  std::int32_t max_clusters = cluster_limit - 1;  // cluster_limit - n_cpus
+  logical multi_threaded_now = false;             // what the running operation uses
+  logical inner_align_threads = false;  // align_events may spread one cluster over the threads
+};
+
+// Start-up: processors, limits, defaults, interpolation and kernel tables.
+void start_session(session_state& session);
+
+// Uses n threads; more than the machine has processors lowers max_clusters further.
+void set_thread_count(session_state& session, std::int32_t n);
+
+// Threads for a parallel loop of the running operation: n_threads when
+// multi_threaded_now, otherwise 1.
+inline std::int32_t threads_now(const session_state& session) {
+  return session.multi_threaded_now ? session.n_threads : 1;
+}
+
+// allocate_templates: room for n_channels of the recording, zeroed. False on
+// failure, after the log line and the box.
+bool allocate_templates(session_state& session);
+
+// Sizes and allocates vd for the format in recording.file_type, the time stamp map
+// of event-based recordings, and templates. Reads n_channels and n_samples (.srf:
+// the samples reached by the last record) or, for .plx and .xml, max_vd_samples; sets
+// n_channels of .ntt and n_samples of .bin from the file's size. False on failure,
+// after the log lines and the box; .tsf does it for itself.
+bool allocate_recording(session_state& session, std::int64_t file_bytes);
+
+// Sets duration_mins (minutes) from samples, epochs or record time stamps.
+void compute_duration(session_state& session);
+
+// Real time in ms of the stored record that holds a time index of an event-based
+// recording; 0 when there is none.
+std::int64_t event_record_time_ms(const session_state& session, std::int64_t time_index,
+                                  std::int32_t channel);
+
+// Forgets recording, events and clusters, closes the log file; settings stay, and
+// so does the allocation of vd, which the next recording replaces.
+void reset_session(session_state& session);
+
+// Consistency of counters and tables: dense clusters, events in range, lists in
+// step, templates with channels. Returns an empty text, or what is wrong.
+std::string check_session(const session_state& session);
+
+}  // namespace kestrelvane

@@ -1,0 +1,182 @@
+// The settings: what the user can change, grouped by the job they steer.
+//
+// Names, types and defaults stand once more, row by row in file order, in
+// settings_table.cpp, and everything that walks all settings (defaults, the two
+// settings files, --set of the batch command, "Restore defaults") walks that
+// table. The initialisers here are neutral; set_default_preferences,
+// set_default_parameters and set_default_strategy give the defaults.
+//
+// Dialogs and files write these; engine routines only read them, except where a
+// comment says otherwise.
+#pragma once
+
+#include <cstdint>
+
+#include "session/limits.h"
+#include "session/logical.h"
+
+namespace kestrelvane {
+
+// Noise, thresholds, event detection and event alignment.
+struct detection_settings {
+  std::int32_t noise_window_secs = 0;  // s, window of the dynamic noise
+  std::int32_t noise_method = 0;       // 1 standard deviation, 2 median
+  logical noise_static;                // false: noise follows the recording
+  std::int32_t threshold_mode = 0;     // 1 automatic, -1 fixed, 0 variable
+  float fixed_threshold_uv = 0;        // µV; its sign is the polarity of the unipolar test
+  float variable_multiplier = 0;       // times the noise of the channel
+  float mask_noise_below_uv = 0;       // µV
+  std::int32_t detection_method = 0;   // row of the methods table, 1..5
+  std::int32_t align_feature = 0;      // row of the alignment table, 1..9
+  std::int32_t window_samples = 0;     // samples; methods 3, 4, 5
+  logical use_lockout;                 // true: lockout detector, false: proto-events
+  std::int32_t lockout_radius_um = 0;  // µm
+  float lockout_ms = 0;                // ms
+  float pe_sigma_um = 0;               // µm, spatial sigma of proto-event clustering
+  float pe_sigma_ms = 0;               // ms, temporal sigma
+  float pe_step = 1.0f;                // gain of a proto-event move; no control
+  logical register_to_cog;             // channel nearest the proto-event, else the largest volts
+  logical delete_large_events;
+  float max_event_pp_uv = 0;    // µV peak to peak
+  float coincidence_ms = 0.2f;  // ms, same-channel coincidence tolerance
+};
+
+// Options of the filter dialog that are kept between runs.
+struct filter_settings {
+  float smooth_radius_um = 0;  // µm
+  float bw_f0_khz = 0;         // kHz
+  float bw_f0_khz_previous = 0;
+  logical do_channel_means;
+  logical do_temporal_smooth;
+  logical do_common_mean;
+  float compressive_75pct_uv = 0;  // µV
+};
+
+// Templates, alignment, principal components, clustering, splitting, merging.
+struct sorting_strategy_settings {
+  // templates and alignment
+  float template_window_start_ms = 0;  // ms before (negative) the aligned time
+  float template_window_end_ms = 0;    // ms
+  std::int32_t template_max_events = 200;
+  float channel_threshold_1 = 0;  // least ratio of peak-to-peak to the centre channel's
+  float channel_threshold_2 = 0;  // peak-to-peak over s.d. must exceed this
+  float channel_radius = 0;       // µm from the centre channel
+  logical template_centre_from_events = false;  // set by nothing; an alternative centre rule
+  std::int32_t event_align_mode = 0;            // 1..10
+  std::int32_t template_align_mode = 0;         // 1..9
+  float realign_window_ms = 0;                  // ms, plus or minus
+  logical multiplicative_matching;
+  std::int32_t interp_depth = 0;  // sub-sample steps per sample, 1..50
+  std::int32_t interp_width = 0;  // taps on each side, 1..50
+  // principal components
+  std::int32_t pc_point_selection = 0;  // -1 variance, 0 distributed, 1 entropy, 2..4 voltage
+  std::int32_t pc_point_limit = 0;      // 1..100
+  std::int32_t pca_dimensions = 0;      // 2..5
+  logical equal_numbers_for_overlap;
+  // gradient ascent clustering
+  std::int32_t gac_max_iterations = 0;
+  float gac_start_sigma = 0;  // µV
+  std::int32_t gac_stall_limit = 0;
+  float gac_gain = 0;
+  float gac_merge_radius = 0;
+  float gac_stop_step = 0;
+  float gac_size_tolerance = 0;    // per cent
+  std::int32_t gac_threshold = 0;  // stages
+  logical gac_subsample;
+  logical gac_option;                 // stored, no reader
+  logical gac_flag;                   // carried by the work file
+  std::int32_t min_cluster_size = 0;  // events
+  // splitting
+  std::int32_t recluster_limit = 0;  // events
+  logical remove_small_final_subclusters = true;
+  logical keep_largest_final_subcluster;
+  logical split_obvious;  // also written by the clustering runs
+  logical force_one_cluster_per_tetrode;
+  // Autosort
+  logical autosort_option_2;                      // stored, no reader
+  logical remove_duplicates_after_first_pass;     // each Autosort run sets it true
+  logical realign_after_channel_clusters = true;  // likewise
+  logical merge_split_pairs;
+  logical merge_safe_pairs;
+  logical skip_event_detection;
+  logical skip_clustering;
+  // pairs
+  float overlap_threshold = 0;
+  float correlation_threshold = 0;
+  float merge_safe_limit = 0;         // stored, no reader
+  logical template_shift_on = false;  // pair measures use template shifts; Autosort sets it
+  float status_parameter_1 = 0, status_parameter_2 = 0;  // stored
+  float pair_parameter_1 = 0, pair_parameter_2 = 0;      // stored, no reader
+  logical status_flag, session_flag;                     // carried by the work file
+};
+
+// Guided review, post-processing and export.
+struct review_settings {
+  float view_split_sigma = 0;  // µV
+  std::int32_t search_order = 0;
+  std::int32_t manage_option_1 = 0;
+  float post_option_1 = 0;  // stored, no reader
+  std::int32_t renumber_order = 0;
+  logical show_correlograms;
+  float correlogram_bin_ms = 0;        // ms
+  std::int32_t delete_size_limit = 0;  // events
+  float manage_option_3 = 0;
+  std::int32_t manage_option_4 = 0;
+  std::int32_t match_method = 0;  // 1..7
+  std::int32_t clean_channels = 0;
+  std::int32_t clean_method = 0;
+  float clean_threshold = 0;
+  float relocate_sd_factor = 0;
+  float delete_snr_limit = 0;
+  logical export_remove_duplicates;
+  logical export_save_work_file;
+};
+
+// Scales and marks of the voltage record and sorted waveform displays.
+struct display_settings {
+  float vd_time_scale = 0;              // pixels per sample
+  float vd_voltage_scale = 0;           // pixels per µV
+  std::int32_t vd_channel_spacing = 0;  // pixels
+  logical vd_show_proto_events, vd_show_events, vd_cluster_colours, vd_cluster_numbers;
+  logical vd_msec_grid;
+  logical sw_autoscale;
+  float sw_time_scale = 0;       // pixels per ms
+  float sw_voltage_scale = 0;    // pixels per µV
+  float sw_channel_spacing = 0;  // pixels per µm
+  std::int32_t sw_first_item = 0, sw_line_thickness = 0;
+  std::int32_t sw_voltage_axis = 0;  // µV
+  std::int32_t sw_show_channels = 0;
+  logical sw_show_axes, sw_show_channel_numbers, sw_show_templates, sw_show_cluster_numbers;
+  logical sw_white_background;
+  float pc_view_range[7] = {};  // scales of the principal component displays
+};
+
+// How the program looks and behaves (kv_prefs.sav, which also carries the format last
+// opened and three scales of display_settings).
+struct preferences_record {
+  float pixels_per_um_x = 0, pixels_per_um_y = 0;
+  float pixels_per_uv = 0;
+  float pixels_per_msec = 0;
+  std::int32_t subcluster_colours[10] = {};  // 0xBBGGRR
+  logical sticky_parameters;
+  logical multi_threaded;
+  logical log_file_enabled;
+  float autorecover_minutes = 0;
+  float pc_display_scale = 0;
+  std::int32_t window_size[10] = {};  // five pairs of width, height
+  float vertical_axis_uv = 0;
+  std::int32_t window_origin[12] = {};  // x, y of six windows
+  float correlogram_binwidths[3] = {};  // ms
+  logical treat_as_continuous;
+  logical autoscale_voltage;
+  logical tell_new_cluster;
+  std::int32_t voltage_window_size[2] = {};
+  logical verbose_log;
+  logical centre_pc_points;
+  logical show_pca_points;
+  logical autoscale_pc_display;
+  logical display_option;
+  logical display_flag_1, display_flag_2;
+};
+
+}  // namespace kestrelvane

@@ -1,0 +1,124 @@
+#include "session/settings_files.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+#include "clustering/interpolation.h"
+#include "session/safe_file.h"
+#include "session/settings_table.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::size_t largest_file = 436;
+static_assert(parameters_file_bytes <= largest_file && preferences_file_bytes <= largest_file);
+
+struct file_bytes {
+  std::array<char, largest_file> bytes{};
+  std::size_t n = 0;
+};
+
+bool load(const std::string& path, file_bytes& in) {
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) return false;
+  in.n = std::fread(in.bytes.data(), 1, in.bytes.size(), file);
+  std::fclose(file);
+  return true;
+}
+
+// Takes each field that is there in full; what the file lacks keeps its value. True
+// when the file holds every field that is used.
+bool take_fields(session_state& session, setting_file which, const file_bytes& in) {
+  std::size_t at = 0;
+  for (const setting_row& row : settings_of(which)) {
+    for (std::int32_t i = 0; i < row.count; ++i, at += 4) {
+      if (at + 4 > in.n) return row.address == nullptr;
+      if (row.reading == setting_reading::dropped) continue;
+      char* to = static_cast<char*>(row.address(session)) + 4 * i;
+      std::memcpy(to, in.bytes.data() + at, 4);
+      if (row.type == setting_type::logical_word) {
+        // One form for true, whatever the file's writer thought of it.
+        store_setting(session, row, i, setting_value(session, row, i));
+      }
+    }
+  }
+  return true;
+}
+
+bool write_fields(session_state& session, setting_file which, const std::string& path) {
+  safe_file out;
+  if (!open_safe_file(out, path)) return false;
+  for (const setting_row& row : settings_of(which)) {
+    if (row.address == nullptr) {
+      for (std::int32_t i = 0; i < row.count; ++i) {
+        write_value(out, static_cast<std::int32_t>(row.default_value));
+      }
+    } else {
+      write_bytes(out, row.address(session), 4u * static_cast<std::size_t>(row.count));
+    }
+  }
+  return finish_safe_file(out);
+}
+
+void correct_parameters(session_state& session) {
+  // Written so that a value that is not a number is put right too.
+  float& scale = session.display.vd_voltage_scale;
+  if (!(scale >= 0.0001f && scale <= 10.0f)) scale = 1.0f;
+  if (session.review.match_method < 0) session.review.match_method = 3;
+  if (session.detection.detection_method >= 5) {
+    session.detection.detection_method = 4;
+    session.detection.use_lockout = false;
+  }
+}
+
+std::string parameters_path(const session_state& session) {
+  return session.home_directory + "/kv_parameters.sav";
+}
+
+std::string preferences_path(const session_state& session) {
+  return session.home_directory + "/kv_prefs.sav";
+}
+
+}  // namespace
+
+bool read_parameters(session_state& session) {
+  return !session.home_directory.empty() && read_parameters_file(session, parameters_path(session));
+}
+
+bool read_parameters_file(session_state& session, const std::string& path) {
+  file_bytes in;
+  if (!load(path, in)) return false;
+  take_fields(session, setting_file::parameters, in);
+  correct_parameters(session);
+  build_interp_table(session);
+  return true;
+}
+
+bool write_parameters(session_state& session) {
+  return !session.home_directory.empty() &&
+         write_fields(session, setting_file::parameters, parameters_path(session));
+}
+
+bool read_preferences(session_state& session) {
+  file_bytes in;
+  if (session.home_directory.empty() || !load(preferences_path(session), in)) return false;
+  if (take_fields(session, setting_file::preferences, in)) {
+    session.multi_threaded_now = session.preferences.multi_threaded;
+  }
+  return true;
+}
+
+bool write_preferences(session_state& session) {
+  return !session.home_directory.empty() &&
+         write_fields(session, setting_file::preferences, preferences_path(session));
+}
+
+bool read_settings_files(session_state& session) {
+  const bool found = read_preferences(session);
+  if (session.preferences.sticky_parameters) read_parameters(session);
+  return found;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,87 @@
+// The settings table: one row per setting, in the order of the two settings files.
+//
+// Whatever walks all settings walks these rows: the defaults, the readers and
+// writers of settings_files.h, the dialogs' ranges, and the batch command's --set.
+// A row knows where its value lies in the session, its type, default, range and
+// label; its position in a file follows from the rows above it. Rows with more than
+// one element are small arrays.
+//
+// A setting that stands in both files has a row in each, over one value.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+enum class setting_type { integer, real, logical_word };
+
+// Which file a row belongs to; extra rows are in neither.
+enum class setting_file { parameters, preferences, extra };
+
+// Which routine gives a row its default.
+enum class setting_group {
+  preferences,  // set_default_preferences
+  parameters,   // set_default_parameters: detection, filters, review
+  strategy,     // set_default_strategy: alignment, clustering, splitting, merging
+  display,      // set_display_defaults: what starts with its display, at start-up only
+};
+
+// What a reader does with the value in the file.
+enum class setting_reading { stored, dropped };
+
+struct setting_row {
+  const char* name;
+  setting_file file;
+  setting_group group;
+  setting_type type;
+  std::int32_t count;                // elements of 4 bytes each
+  void* (*address)(session_state&);  // of the first element; null: the file gets the default
+  const double* defaults;            // count values; null: default_value for every element
+  double default_value;
+  double low, high;   // range that a dialog or --set accepts
+  const char* label;  // as a dialog words it, with unit
+  setting_reading reading = setting_reading::stored;
+
+  double default_of(std::int32_t element) const {  // from 0
+    return defaults != nullptr ? defaults[element] : default_value;
+  }
+};
+
+// All rows: kv_parameters.sav in file order, kv_prefs.sav in file order, the rest.
+std::span<const setting_row> settings_table();
+std::span<const setting_row> settings_of(setting_file file);
+
+// The row of that name, those of kv_parameters.sav first; null when there is none.
+const setting_row* find_setting(std::string_view name);
+
+// One element (from 0) of a row as a number; a logical is 0 or 1.
+double setting_value(const session_state& session, const setting_row& row,
+                     std::int32_t element = 0);
+void store_setting(session_state& session, const setting_row& row, std::int32_t element,
+                   double value);
+// The same in the form that set_setting reads.
+std::string setting_text(const session_state& session, const setting_row& row,
+                         std::int32_t element = 0);
+
+// Sets a setting by name from text: a number, or true/false, yes/no, on/off, 1/0. An
+// element of an array is named "name.2", counted from 1. False for an unknown name, a
+// text that does not read as such a value, or one out of range; problem then says so
+// and nothing has changed. Brings the interpolation table in step.
+bool set_setting(session_state& session, std::string_view name, std::string_view text,
+                 std::string& problem);
+
+// The built-in defaults. Start-up applies them in this order; "Restore defaults" and
+// "Default" of the dialogs call the one concerned. The strategy defaults compute the
+// interpolation table.
+void set_default_preferences(session_state& session);
+void set_default_parameters(session_state& session);
+void set_default_strategy(session_state& session);
+// Scales and marks of the displays, window layout, format of the open dialog.
+void set_display_defaults(session_state& session);
+
+}  // namespace kestrelvane

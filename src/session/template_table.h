@@ -1,0 +1,55 @@
+// Templates: mean waveform and standard deviation of every cluster, in bits.
+//
+// Slots count from 1; those above n_clusters serve as scratch, one per thread.
+// In memory one template is one block, channel by channel, 151 floats to a
+// channel, so that alignment and comparison stream through it and a renumbering
+// moves it whole. clustering/templates.h alone writes templates.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "session/limits.h"
+#include "session/table.h"
+
+namespace kestrelvane {
+
+struct template_table {
+  std::int32_t template_points = 0;    // time samples in use, 3..151
+  std::int32_t allocated_channels = 0; // channels that the arrays have room for
+
+  table<float> template_mean;  // bits
+  table<float> template_sd;    // bits
+  table<std::int32_t> template_n_channels{template_slot_limit};
+  // Assigned channels, centre channel first; see channels().
+  table<std::int32_t> template_channels{std::int64_t{template_slot_limit} * channel_limit};
+  table<float> template_x{template_slot_limit};  // µm, centre of gravity
+  table<float> template_y{template_slot_limit};
+  table<float> template_z{template_slot_limit};
+
+  // mean(c, ch)[p] for p = 1..template_points; likewise sd. Slot c, channel ch.
+  float* mean(std::int32_t c, std::int32_t ch) { return template_mean.base() + offset(c, ch); }
+  const float* mean(std::int32_t c, std::int32_t ch) const {
+    return template_mean.base() + offset(c, ch);
+  }
+  float* sd(std::int32_t c, std::int32_t ch) { return template_sd.base() + offset(c, ch); }
+  const float* sd(std::int32_t c, std::int32_t ch) const {
+    return template_sd.base() + offset(c, ch);
+  }
+  // channels(c)[k] for k = 1..template_n_channels[c].
+  std::int32_t* channels(std::int32_t c) {
+    return template_channels.base() + std::int64_t{c - 1} * channel_limit;
+  }
+  const std::int32_t* channels(std::int32_t c) const {
+    return template_channels.base() + std::int64_t{c - 1} * channel_limit;
+  }
+  std::int32_t centre_channel(std::int32_t c) const { return channels(c)[1]; }
+
+ private:
+  // Element p of the block of (c, ch) is base[offset + p], p from 1.
+  std::int64_t offset(std::int32_t c, std::int32_t ch) const {
+    return (std::int64_t{c - 1} * allocated_channels + (ch - 1)) * template_point_limit;
+  }
+};
+
+}  // namespace kestrelvane

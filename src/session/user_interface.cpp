@@ -1,0 +1,65 @@
+#include "session/user_interface.h"
+
+#include "session/run_log.h"
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+void tell(session_state& session, const std::string& text, const std::string& title,
+          box_icon icon) {
+  const user_interface& ui = session.ui;
+  if (ui.tell != nullptr) ui.tell(ui.context, text, title, icon);
+}
+
+bool ask(session_state& session, const std::string& text, const std::string& title) {
+  const user_interface& ui = session.ui;
+  return ui.ask != nullptr && ui.ask(ui.context, text, title);
+}
+
+bool choose_file_to_open(session_state& session, const std::string& title,
+                         const std::string& filter, std::string& path) {
+  const user_interface& ui = session.ui;
+  return ui.choose_open != nullptr && ui.choose_open(ui.context, title, filter, path);
+}
+
+bool choose_file_to_save(session_state& session, const std::string& title,
+                         const std::string& filter, std::string& path) {
+  const user_interface& ui = session.ui;
+  return ui.choose_save != nullptr && ui.choose_save(ui.context, title, filter, path);
+}
+
+void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range) {
+  // No bar has range 0, so the zero of a new session never hides a first post.
+  const std::int64_t posted = (std::int64_t{range} << 32) | static_cast<std::uint32_t>(value);
+  auto& last = session.operation.meter_value[static_cast<std::size_t>(which)];
+  if (last.exchange(posted) == posted) return;
+  const user_interface& ui = session.ui;
+  if (ui.progress != nullptr) ui.progress(ui.context, which, value, range);
+}
+
+void set_status(session_state& session, status_field field, const std::string& text) {
+  const user_interface& ui = session.ui;
+  if (ui.status != nullptr) ui.status(ui.context, field, text);
+}
+
+void set_frame_title(session_state& session, const std::string& text) {
+  const user_interface& ui = session.ui;
+  if (ui.title != nullptr) ui.title(ui.context, text);
+}
+
+void refresh_displays(session_state& session) {
+  const user_interface& ui = session.ui;
+  if (ui.refresh != nullptr) ui.refresh(ui.context);
+}
+
+void begin_stage(session_state& session, const std::string& name) {
+  const user_interface& ui = session.ui;
+  if (ui.stage != nullptr) ui.stage(ui.context, name);
+}
+
+void say(session_state& session, const std::string& text) {
+  set_status(session, status_field::message, text);
+  log_message(session, text);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,78 @@
+// The boundary to the user.
+//
+// The engine decides and tells; what a box, a bar or a title looks like is the
+// business of whoever listens: the workstation, the batch command or a test.
+// Each listener fills one record of routine pointers. A pointer may be null: the
+// notice is then dropped, and a question is answered with No.
+//
+// Calls come from the thread that runs the operation; a listener with a thread
+// of its own marshals them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kestrelvane {
+
+struct session_state;
+
+enum class box_icon { information, warning, error, question };
+
+// Progress bars that engine routines drive.
+enum class meter { reading, detection, merge_and_sort, clusters, status_lists, saving };
+
+// Text fields that engine routines fill.
+enum class status_field {
+  message,           // the message line of the running operation
+  elapsed_time,      // seconds or minutes, as the operation words it
+  events_found,      // "# found"
+  clusters_found,
+  stable_clusters,
+  current_cluster,   // "Now on cluster"
+  current_pair,
+  file_name,
+};
+
+struct user_interface {
+  void* context = nullptr;
+  void (*tell)(void* context, const std::string& text, const std::string& title,
+               box_icon icon) = nullptr;
+  bool (*ask)(void* context, const std::string& text, const std::string& title) = nullptr;
+  // Fills path; false when the user cancels. filter as "Label(*.EXT)".
+  bool (*choose_open)(void* context, const std::string& title, const std::string& filter,
+                      std::string& path) = nullptr;
+  bool (*choose_save)(void* context, const std::string& title, const std::string& filter,
+                      std::string& path) = nullptr;
+  void (*progress)(void* context, meter which, std::int32_t value, std::int32_t range) = nullptr;
+  void (*status)(void* context, status_field field, const std::string& text) = nullptr;
+  void (*log_line)(void* context, std::string_view line) = nullptr;        // "Messages" list
+  void (*run_log_window)(void* context, std::string_view line) = nullptr;  // not kept
+  void (*title)(void* context, const std::string& text) = nullptr;         // of the frame
+  void (*refresh)(void* context) = nullptr;                                // displays
+  // A named stage of a long operation begins; for reports and profiles.
+  void (*stage)(void* context, const std::string& name) = nullptr;
+  // Blocks at a pause point until the user resumes.
+  void (*wait_for_resume)(void* context) = nullptr;
+};
+
+// A message box.
+void tell(session_state& session, const std::string& text, const std::string& title,
+          box_icon icon = box_icon::error);
+// A Yes/No question; true for Yes.
+bool ask(session_state& session, const std::string& text, const std::string& title);
+bool choose_file_to_open(session_state& session, const std::string& title,
+                         const std::string& filter, std::string& path);
+bool choose_file_to_save(session_state& session, const std::string& title,
+                         const std::string& filter, std::string& path);
+// Moves a bar; posted only when the integer value changes.
+void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range);
+void set_status(session_state& session, status_field field, const std::string& text);
+void set_frame_title(session_state& session, const std::string& text);
+void refresh_displays(session_state& session);
+void begin_stage(session_state& session, const std::string& name);
+
+// The message line of the running operation and the run log, in the same words.
+void say(session_state& session, const std::string& text);
+
+}  // namespace kestrelvane

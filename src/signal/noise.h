@@ -1,0 +1,25 @@
+// Noise of each channel, in bits.
+//
+// Method 1 is the standard deviation, method 2 the median of |v| / 0.6745.
+// Results go to recording.chan_noise; a channel with too few samples keeps 0.
+#pragma once
+
+#include <cstdint>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// Recomputes chan_noise: of a continuous recording, of an event-based one, or of
+// whichever is loaded.
+void compute_noise_continuous(session_state& session);
+void compute_noise_event_based(session_state& session);
+void compute_noise(session_state& session);
+
+// Noise of one channel in noise_window_secs round a sample (dynamic noise).
+float window_noise(const session_state& session, std::int32_t channel, std::int32_t centre_sample);
+
+// "Mask": masks every channel whose noise is below mask_noise_below_uv.
+void mask_quiet_channels(session_state& session);
+
+}  // namespace kestrelvane

@@ -1,0 +1,65 @@
+#include "sorting/duplicates.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+
+#include "clustering/cluster_operations.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Calls found(worse) for each duplicate, in order. Within its turn the first event
+// keeps the cluster and time it had when the turn began; one removed later in the
+// list is not compared again.
+template <typename Found>
+void find_duplicates(const session_state& session, Found&& found) {
+  const event_table& events = session.events;
+  constexpr std::int32_t look_ahead = 50;
+  const std::int32_t window = std::max(
+      1, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                   session.detection.lockout_ms / 1000.0f));
+  for (std::int32_t i = 1; i < events.n_events; ++i) {
+    const std::int32_t cluster = events.event_cluster[i];
+    const std::int32_t time = events.event_time[i];
+    if (cluster < 1) continue;
+    const std::int32_t last = std::min(i + look_ahead, events.n_events);
+    for (std::int32_t j = i + 1; j <= last; ++j) {
+      if (events.event_cluster[j] != cluster || std::abs(events.event_time[j] - time) > window) {
+        continue;
+      }
+      const float d_i = distance_from_centre_squared(session, i, cluster);
+      const float d_j = distance_from_centre_squared(session, j, cluster);
+      found(d_j <= d_i ? i : j);
+    }
+  }
+}
+
+}  // namespace
+
+std::int32_t remove_duplicate_events(session_state& session, bool remove) {
+  std::int32_t count = 0;
+  find_duplicates(session, [&](std::int32_t worse) {
+    ++count;
+    if (!remove) return;
+    event_table& events = session.events;
+    events.event_cluster[worse] = 0;
+    if (events.event_detected_time[worse] != 0) {
+      events.event_time[worse] = events.event_detected_time[worse];
+    }
+  });
+  return count;
+}
+
+std::int32_t mark_duplicate_events(session_state& session) {
+  session.events.event_subcluster.clear();
+  std::int32_t count = 0;
+  find_duplicates(session, [&](std::int32_t worse) {
+    session.events.event_subcluster[worse] = 1;
+    ++count;
+  });
+  return count;
+}
+
+}  // namespace kestrelvane

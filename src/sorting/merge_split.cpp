@@ -1,0 +1,449 @@
+#include "sorting/merge_split.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "clustering/cluster_operations.h"
+#include "clustering/realignment.h"
+#include "session/pair_index.h"
+#include "sorting/pair_measures.h"
+#include "sorting/status_lists.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t merge_meter_range = 150;
+constexpr std::int32_t merges_per_call = 100;
+constexpr std::int32_t tries_per_pair = 4;
+constexpr std::int16_t label_outside_list = 10;
+
+void set_merge_meter(session_state& session, std::int32_t value) {
+  set_progress(session, meter::merge_and_sort, value, merge_meter_range);
+}
+
+void show_counts(session_state& session) {
+  set_status(session, status_field::stable_clusters,
+             std::to_string(count_stable_clusters(session)));
+  set_status(session, status_field::clusters_found, std::to_string(session.clusters.n_clusters));
+}
+
+std::int32_t count_clustered_events(const session_state& session) {
+  std::int32_t count = 0;
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    count += session.events.event_cluster[e] > 0;
+  }
+  return count;
+}
+
+// Of the pairs that qualify, how many there are and the one of largest overlap
+// above 0 (the first on ties; 0 when there is none).
+struct pair_search {
+  std::int32_t count = 0;
+  std::int64_t best = 0;
+};
+template <typename Qualifies>
+pair_search find_largest_overlap(const session_state& session, Qualifies&& qualifies) {
+  pair_search search;
+  float best = 0.0f;
+  for (std::int64_t k = 1; k <= session.lists.n_kv_pairs; ++k) {
+    if (!qualifies(k)) continue;
+    ++search.count;
+    if (session.lists.kv_cluster_overlap[k] > best) {
+      best = session.lists.kv_cluster_overlap[k];
+      search.best = k;
+    }
+  }
+  return search;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- safe merges
+
+bool pair_is_safe(const session_state& session, std::int64_t k) {
+  const status_lists_table& lists = session.lists;
+  const float s = lists.kv_template_correlation[k] + 1.25f * lists.kv_cluster_overlap[k] - 1.75f;
+  if (!(s > 0.0f)) return false;
+  const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  const std::int32_t differing =
+      n_union_channels(session, a, b) - n_common_channels(session, a, b);
+  return differing < 6 || s >= 0.25f;
+}
+
+namespace {
+
+pair_search find_safe_pair(const session_state& session) {
+  return find_largest_overlap(session,
+                              [&](std::int64_t k) { return pair_is_safe(session, k); });
+}
+
+void report_merge_loss(session_state& session, std::int32_t size_before, std::int32_t size_after,
+                       std::int32_t clustered_before) {
+  if (size_before == size_after) {
+    log_message(session, "Merging did not remove any events");
+    return;
+  }
+  log_message(session, fmt::format("events deleted, original-final cluster sizes={}",
+                                   size_before - size_after));
+  log_message(session, fmt::format("globally {} events were deleted as a result of the merge!",
+                                   clustered_before - count_clustered_events(session)));
+}
+
+void merge_safe_pair(session_state& session, std::int64_t k) {
+  const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  const bool pause = session.operation.pause_requested;
+  const std::int32_t size_before =
+      count_cluster_events(session, a) + count_cluster_events(session, b);
+  const std::int32_t clustered_before = pause ? count_clustered_events(session) : 0;
+  if (pause) {
+    for (const std::int32_t e : list_cluster_events(session, a)) {
+      session.events.event_subcluster[e] = 0;
+    }
+    for (const std::int32_t e : list_cluster_events(session, b)) {
+      session.events.event_subcluster[e] = 1;
+    }
+    refresh_displays(session);
+    log_message(session, fmt::format("Paused for clusters {} {}", a, b));
+  }
+  apply_template_shift(session, a, b, k);
+  merge_clusters(session, a, b);
+  refresh_displays(session);
+  if (pause) {
+    report_merge_loss(session, size_before, count_cluster_events(session, std::min(a, b)),
+                      clustered_before);
+    pause_point(session);
+  }
+}
+
+}  // namespace
+
+std::int32_t automerge_safe_pairs(session_state& session, std::int32_t meter_from,
+                                  std::int32_t meter_to) {
+  set_merge_meter(session, meter_from);
+  pair_search search = find_safe_pair(session);
+  const std::int32_t n_first = search.count;
+  if (n_first != 0) {
+    log_message(session, "Automerging safe pairs");
+    log_message(session, fmt::format("n pairs to merge ={}", n_first));
+  }
+  std::int32_t merges = 0;
+  while (search.best != 0) {
+    ++merges;
+    const auto [a, b] = pair_from_index(session.clusters.n_clusters, search.best);
+    log_message(session, fmt::format("Automerge #{} merging clusters {} & {}", merges, a, b));
+    merge_safe_pair(session, search.best);
+    show_counts(session);
+    set_status(session, status_field::current_pair, "");
+    search = find_safe_pair(session);
+    const std::int32_t done = std::max(0, n_first - search.count);
+    set_merge_meter(session, meter_from + (meter_to - meter_from) * done / n_first);
+    if (merges >= merges_per_call || autosort_interrupted(session)) break;
+  }
+  set_merge_meter(session, meter_to);
+  return merges;
+}
+
+// ---------------------------------------------------------------- one pair
+
+namespace {
+
+// Position of a sub-cluster in the list of those kept, from 1; 0 when not in it.
+std::int32_t place_in_list(const stage_verdict& verdict, std::int32_t label) {
+  const auto at = std::find(verdict.kept.begin(), verdict.kept.end(), label);
+  return at == verdict.kept.end() ? 0 : static_cast<std::int32_t>(at - verdict.kept.begin()) + 1;
+}
+
+// Folds what is at the best stage but not in the list.
+void fold_unlisted(session_state& session, const gac_points& points, gac_tables& tables,
+                   const stage_verdict& verdict) {
+  bool any = false;
+  for (std::int32_t j = 1; j <= gac_label_limit; ++j) {
+    if (tables.as_cl_sizes[verdict.best_stage][j] == 0 || place_in_list(verdict, j) != 0) continue;
+    any = fold_small_subcluster(session, points, tables, verdict.best_stage, j) || any;
+  }
+  if (any) log_message(session, "Small subcluster was merged");
+}
+
+// Labels events for what follows and for the displays: their place in the list.
+void label_events(session_state& session, const std::vector<std::int32_t>& list,
+                  const gac_tables& tables, const stage_verdict& verdict) {
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    std::int16_t label = 1;
+    if (verdict.best_stage != 0 && verdict.n_keep >= 2) {
+      const std::int32_t place =
+          place_in_list(verdict, tables.stage_labels[verdict.best_stage][i]);
+      label = place == 0 ? label_outside_list : static_cast<std::int16_t>(place);
+    }
+    session.events.event_subcluster[list[i]] = label;
+  }
+}
+
+// The pool is one unit: a plain merge, without shift and without removals.
+void merge_pool(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                const std::vector<std::int32_t>& list) {
+  log_message(session, fmt::format("Merging pair that can't be split; initial overlap ={}",
+                                   session.lists.kv_cluster_overlap[k]));
+  for (const std::int32_t e : list) {
+    session.events.event_cluster[e] = a;
+    session.events.event_subcluster[e] = 1;
+  }
+  recalculate_cluster(session, a);
+  delete_cluster(session, b);
+  update_lists_for_cluster(session, a);
+}
+
+void mark_ambiguous(session_state& session, const std::vector<std::int32_t>& members) {
+  const std::int32_t n = session.clusters.n_clusters;
+  for (const std::int32_t x : members) {
+    for (const std::int32_t y : members) {
+      if (x < y) session.lists.kv_user_ambiguous[pair_index(n, x, y)] = true;
+    }
+  }
+}
+
+// Makes the listed sub-clusters a, b and, from the third on, new clusters.
+void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                  const std::vector<std::int32_t>& list, const stage_verdict& verdict) {
+  cluster_table& clusters = session.clusters;
+  if (session.preferences.verbose_log) {
+    log_message(session, fmt::format("split list = {}", fmt::join(verdict.kept, " ")));
+  }
+  const auto n_listed = static_cast<std::int32_t>(verdict.kept.size());
+  const std::int32_t first_new = clusters.n_clusters + 1;
+  const float old_overlap = session.lists.kv_cluster_overlap[k];
+  for (const std::int32_t e : list) {
+    const std::int32_t place = session.events.event_subcluster[e];
+    // What no listed sub-cluster could take stays where it is.
+    if (place > n_listed) continue;
+    session.events.event_cluster[e] = place == 1 ? a : place == 2 ? b : first_new + place - 3;
+  }
+  recalculate_cluster(session, a);
+  recalculate_cluster(session, b);
+  // The pair itself once: it is computed with b.
+  update_lists_for_cluster(session, a, b);
+  update_lists_for_cluster(session, b);
+  session.lists.kv_user_ambiguous[k] = true;
+  ++session.lists.kv_split_tries[k];
+  log_message(session, fmt::format("  overlaps before and after split ={} {}", old_overlap,
+                                   session.lists.kv_cluster_overlap[k]));
+  std::vector<std::int32_t> members{a, b};
+  if (n_listed >= 3) {
+    log_message(session, n_listed == 3 ? "Adding new cluster" : "Adding new clusters");
+    log_message(session, fmt::format("Splitting into{}", n_listed));
+    const std::int32_t old_current = clusters.current_cluster;
+    for (std::int32_t c = first_new; c < first_new + n_listed - 2; ++c) {
+      clear_cluster_record(session, c);
+      clusters.n_clusters = c;
+      clusters.current_cluster = c;
+      recalculate_cluster(session, c);
+      // Its pairs are computed here and do not change before the next cluster.
+      add_cluster_to_lists(session);
+      members.push_back(c);
+    }
+    clusters.current_cluster = old_current;
+  }
+  mark_ambiguous(session, members);
+}
+
+}  // namespace
+
+bool merge_or_split_pair(session_state& session, std::int64_t k) {
+  const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  log_message(session, fmt::format("Merging & splitting clusters {} & {}", a, b));
+  gac_points points;
+  const auto tables = std::make_unique<gac_tables>();
+  session.strategy.split_obvious = true;
+  gac_run_pair(session, a, b, points, *tables);
+  const stage_verdict verdict = judge_stages(session, points, *tables);
+  if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) return false;
+  if (verdict.best_stage != 0) fold_unlisted(session, points, *tables, verdict);
+  std::vector<std::int32_t> list;
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    const std::int32_t of = session.events.event_cluster[e];
+    if (of == a || of == b) list.push_back(e);
+  }
+  label_events(session, list, *tables, verdict);
+  refresh_displays(session);
+  if (verdict.kept.size() < 2) {
+    merge_pool(session, a, b, k, list);
+  } else {
+    replace_pair(session, a, b, k, list, verdict);
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- all pairs
+
+namespace {
+
+void clear_marks(session_state& session) {
+  for (std::int32_t k = 1; k <= session.lists.n_kv_pairs; ++k) {
+    session.lists.kv_split_tries[k] = 0;
+    session.lists.kv_user_ambiguous[k] = false;
+    session.lists.kv_user_distinct[k] = false;
+  }
+}
+
+void clear_ambiguous_marks(session_state& session) { session.lists.kv_user_ambiguous.clear(); }
+
+std::string name_pairs_left(std::int32_t n) {
+  return n == 1 ? "There is 1 pair left" : fmt::format("There are {} pairs left", n);
+}
+
+}  // namespace
+
+void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
+                            std::int32_t meter_to) {
+  set_merge_meter(session, meter_from);
+  clear_marks(session);
+  std::int32_t n_initial = 0, looked_at = 0;
+  bool stop = false;
+  while (!stop) {
+    // An overlap that is not a number belongs to a pair that nothing can be said
+    // of: it counts, but is never the largest.
+    const pair_search search = find_largest_overlap(session, [&](std::int64_t k) {
+      return !pair_is_distinct(session, k) && session.lists.kv_split_tries[k] < tries_per_pair;
+    });
+    if (n_initial == 0) n_initial = search.count;
+    if (search.count == 0) break;
+    const auto left = static_cast<std::int64_t>(search.count) * meter_to / n_initial;
+    set_merge_meter(session, std::min<std::int32_t>(
+                                 meter_to, std::max<std::int32_t>(
+                                               meter_from, static_cast<std::int32_t>(
+                                                               meter_from + meter_to - left))));
+    log_message(session, name_pairs_left(search.count));
+    if (search.best == 0) {
+      log_message(session, "!!!!!!!!!!!Error looking for cluster pair!!!!!!!!!!!!!");
+      break;
+    }
+    ++looked_at;
+    const auto [a, b] = pair_from_index(session.clusters.n_clusters, search.best);
+    log_message(session,
+                fmt::format(" # of comparisons={} next pair={} {}; sizes={} {}", looked_at, a, b,
+                            count_cluster_events(session, a), count_cluster_events(session, b)));
+    set_status(session, status_field::current_pair, fmt::format("{} {}", a, b));
+    const bool room = merge_or_split_pair(session, search.best);
+    refresh_displays(session);
+    show_counts(session);
+    pause_point(session);
+    if (!room) {
+      tell(session, "Cannot add new cluster as maximum number has been reached",
+           "Create new cluster", box_icon::warning);
+      session.autosort.max_clusters_reached = true;
+    }
+    stop = !room || autosort_interrupted(session);
+  }
+  clear_ambiguous_marks(session);
+  if (stop) {
+    log_message(session, fmt::format("Initial # of pairs to look at={}", n_initial));
+    log_message(session, fmt::format("# of pairs actually looked at={}", looked_at));
+  }
+}
+
+// ---------------------------------------------------------------- final check
+
+namespace {
+
+// Cuts one cluster by the verdict: the first of the list stays, the others become
+// new clusters at the end.
+void split_by_verdict(session_state& session, std::int32_t cluster, const gac_points& points,
+                      gac_tables& tables, const stage_verdict& verdict) {
+  cluster_table& clusters = session.clusters;
+  fold_unlisted(session, points, tables, verdict);
+  const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  label_events(session, list, tables, verdict);
+  refresh_displays(session);
+  event_table& events = session.events;
+  for (const std::int32_t e : list) {
+    if (events.event_subcluster[e] > 1) events.event_cluster[e] = 0;
+  }
+  recalculate_cluster(session, cluster);
+  update_lists_for_cluster(session, cluster);
+  const std::int32_t old_current = clusters.current_cluster;
+  for (std::int32_t place = 2; place <= static_cast<std::int32_t>(verdict.kept.size()); ++place) {
+    const std::int32_t created = clusters.n_clusters + 1;
+    clear_cluster_record(session, created);
+    for (const std::int32_t e : list) {
+      if (events.event_subcluster[e] == place) events.event_cluster[e] = created;
+    }
+    clusters.n_clusters = created;
+    recalculate_cluster(session, created);
+    add_cluster_to_lists(session);
+  }
+  clusters.current_cluster = old_current;
+  for (const std::int32_t e : list) events.event_subcluster[e] = 0;
+}
+
+void report_final_check(session_state& session, const char* words, std::int32_t n_splits,
+                        std::int32_t n_first) {
+  log_message(session, fmt::format("{}; made {} further splits", words, n_splits));
+  log_message(session, fmt::format("initial, final clusters ={} {}", n_first,
+                                   session.clusters.n_clusters));
+}
+
+}  // namespace
+
+void final_split_check(session_state& session, std::int32_t meter_from, std::int32_t meter_to) {
+  log_message(session, "");
+  log_message(session, "Making final check ... please wait");
+  cluster_table& clusters = session.clusters;
+  const std::int32_t n_first = clusters.n_clusters;
+  const std::int32_t meter_mid = static_cast<std::int32_t>(
+      static_cast<float>(meter_from) + static_cast<float>(meter_to - meter_from) * 0.8f);
+  std::vector<char> checked(cluster_limit + 1, 0);
+  std::int32_t n_splits = 0, n_left = n_first, n_now = n_first;
+  for (std::int32_t pass = 1; n_left > 0; ++pass) {
+    for (std::int32_t c = 1; c <= n_now; ++c) {
+      if (checked[c]) continue;
+      clusters.current_cluster = c;
+      set_status(session, status_field::current_cluster,
+                 fmt::format("{} {}", c, count_cluster_events(session, c)));
+      log_message(session, fmt::format("Checking cluster {}", c));
+      gac_points points;
+      const auto tables = std::make_unique<gac_tables>();
+      session.strategy.split_obvious = true;
+      gac_run_cluster(session, c, points, *tables);
+      const stage_verdict verdict = judge_stages(session, points, *tables);
+      if (verdict.kept.size() < 2) {
+        log_message(session, "Cannot find subclusters");
+        for (const std::int32_t e : list_cluster_events(session, c)) {
+          session.events.event_subcluster[e] = 0;
+        }
+        checked[c] = 1;
+      } else if (clusters.n_clusters + verdict.n_keep > session.max_clusters) {
+        session.autosort.max_clusters_reached = true;
+        report_final_check(session,
+                           "Stopping final check for subclusters as max clusters reached", n_splits,
+                           n_first);
+        return;
+      } else {
+        log_message(session, "Splitting cluster ");
+        if (session.preferences.verbose_log) {
+          log_message(session, fmt::format("Split list ={}", fmt::join(verdict.kept, " ")));
+        }
+        split_by_verdict(session, c, points, *tables, verdict);
+        ++n_splits;
+        show_counts(session);
+      }
+      if (pass == 1) {
+        set_merge_meter(session, meter_from + c * (meter_mid - meter_from) / n_first);
+      } else if (pass == 2) {
+        set_merge_meter(session, std::min(meter_to, meter_mid + (meter_to - meter_mid) * c / n_left));
+      }
+      pause_point(session);
+      if (autosort_interrupted(session)) return;
+    }
+    n_now = clusters.n_clusters;
+    n_left = 0;
+    for (std::int32_t c = 1; c <= n_now; ++c) n_left += checked[c] == 0;
+  }
+  report_final_check(session, "Finished final check for subclusters", n_splits, n_first);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,505 @@
+#include "sorting/pair_measures.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "clustering/cluster_operations.h"
+#include "clustering/principal_components.h"
+#include "clustering/templates.h"
+#include "numerics/simd.h"
+
+namespace kestrelvane {
+
+// ---------------------------------------------------------------- channels
+
+namespace {
+
+bool has_channel(const template_table& templates, std::int32_t cluster, std::int32_t channel) {
+  const std::int32_t* channels = templates.channels(cluster) + 1;
+  const std::int32_t* end = channels + templates.template_n_channels[cluster];
+  return std::find(channels, end, channel) != end;
+}
+
+std::vector<std::int32_t> common_channels(const session_state& session, std::int32_t a,
+                                          std::int32_t b) {
+  const template_table& templates = session.templates;
+  std::vector<std::int32_t> common;
+  for (std::int32_t k = 1; k <= templates.template_n_channels[a]; ++k) {
+    const std::int32_t channel = templates.channels(a)[k];
+    if (has_channel(templates, b, channel)) common.push_back(channel);
+  }
+  return common;
+}
+
+}  // namespace
+
+std::int32_t n_common_channels(const session_state& session, std::int32_t a, std::int32_t b) {
+  const template_table& templates = session.templates;
+  std::int32_t count = 0;
+  for (std::int32_t k = 1; k <= templates.template_n_channels[a]; ++k) {
+    count += has_channel(templates, b, templates.channels(a)[k]);
+  }
+  return count;
+}
+
+std::int32_t n_union_channels(const session_state& session, std::int32_t a, std::int32_t b) {
+  const template_table& templates = session.templates;
+  return templates.template_n_channels[a] + templates.template_n_channels[b] -
+         n_common_channels(session, a, b);
+}
+
+std::vector<std::int32_t> union_channels(const session_state& session, std::int32_t a,
+                                         std::int32_t b) {
+  const template_table& templates = session.templates;
+  const std::int32_t* of_a = templates.channels(a) + 1;
+  std::vector<std::int32_t> all(of_a, of_a + templates.template_n_channels[a]);
+  for (std::int32_t k = 1; k <= templates.template_n_channels[b]; ++k) {
+    const std::int32_t channel = templates.channels(b)[k];
+    if (!has_channel(templates, a, channel)) all.push_back(channel);
+  }
+  return all;
+}
+
+// ---------------------------------------------------------------- shift
+
+namespace {
+
+constexpr std::int32_t widest_lag = 50;
+
+// c(L) = -sum of R(t) M(t + L) for L = -m..m, lanes over lags; each lag adds in the
+// order of channels and points. A template padded with zeros on both sides keeps
+// terms outside it from counting.
+KESTRELVANE_CLONES void add_lagged_products(const float* reference, const float* padded_moved,
+                                            std::int32_t points, std::int32_t n_lags, float* sums) {
+  for (std::int32_t t = 0; t < points; ++t) {
+    const float r = reference[t];
+    const float* moved = padded_moved + t;
+    for (std::int32_t lag = 0; lag < n_lags; ++lag) sums[lag] += r * moved[lag];
+  }
+}
+
+}  // namespace
+
+pair_shift template_shift(const session_state& session, std::int32_t a, std::int32_t b,
+                          std::int32_t n_a, std::int32_t n_b) {
+  if (!session.strategy.template_shift_on) return {0.0f, b};
+  const std::int32_t reference = n_a >= n_b ? a : b;
+  const std::int32_t moved = n_a >= n_b ? b : a;
+  const std::vector<std::int32_t> channels = common_channels(session, a, b);
+  if (channels.empty()) return {0.0f, moved};
+  const std::int32_t m = std::min(session.recording.sampling_frequency / 1000, widest_lag);
+  const std::int32_t points = session.templates.template_points;
+  float sums[2 * widest_lag + 1] = {};
+  float padded[template_point_limit + 2 * widest_lag];
+  for (const std::int32_t channel : channels) {
+    std::fill(padded, padded + points + 2 * m, 0.0f);
+    const float* values = session.templates.mean(moved, channel);
+    std::copy(values + 1, values + 1 + points, padded + m);
+    add_lagged_products(session.templates.mean(reference, channel) + 1, padded, points, 2 * m + 1,
+                        sums);
+  }
+  const auto c = [&](std::int32_t lag) { return -sums[lag + m]; };
+  std::int32_t best = 0;
+  bool found = false;
+  for (std::int32_t lag = -m + 1; lag <= m - 1; ++lag) {
+    if (!(c(lag - 1) > c(lag) && c(lag + 1) >= c(lag))) continue;
+    if (!found || c(lag) < c(best)) best = lag;
+    found = true;
+  }
+  if (!found || std::abs(best) >= m) return {0.0f, moved};
+  float shift = static_cast<float>(best);
+  const float d = (c(best) - c(best - 1)) + (c(best) - c(best + 1));
+  if (d != 0.0f) shift += -((c(best - 1) - c(best + 1)) * 0.5f / d);
+  const auto low = static_cast<float>(window_first_sample(session));
+  const auto high = static_cast<float>(window_last_sample(session));
+  if (!(shift > low && shift < high)) shift = 0.0f;
+  return {shift, moved};
+}
+
+// ---------------------------------------------------------------- templates compared
+
+namespace {
+
+// Calls visit(x, y) for a's and b's template at every point of the union channels,
+// channel outer, the shifted one read at its shift.
+template <typename Visit>
+void compare_templates(const session_state& session, std::int32_t a, std::int32_t b,
+                       pair_shift shift, Visit&& visit) {
+  const template_table& templates = session.templates;
+  const bool moved = shift.shift != 0.0f;
+  for (const std::int32_t channel : union_channels(session, a, b)) {
+    const float* x = templates.mean(a, channel);
+    const float* y = templates.mean(b, channel);
+    for (std::int32_t t = 1; t <= templates.template_points; ++t) {
+      const float position = static_cast<float>(t) + shift.shift;
+      visit(moved && shift.n_shift == a ? shifted_template_value(session, x, position) : x[t],
+            moved && shift.n_shift == b ? shifted_template_value(session, y, position) : y[t]);
+    }
+  }
+}
+
+}  // namespace
+
+float template_correlation(const session_state& session, std::int32_t a, std::int32_t b,
+                           pair_shift shift) {
+  float xy = 0.0f, xx = 0.0f, yy = 0.0f;
+  compare_templates(session, a, b, shift, [&](float x, float y) {
+    xy += x * y;
+    xx += x * x;
+    yy += y * y;
+  });
+  const float norm = std::sqrt(xx) * std::sqrt(yy);
+  return norm > 0.0f ? xy / norm : 0.0f;
+}
+
+float rms_template_distance(const session_state& session, std::int32_t a, std::int32_t b,
+                            pair_shift shift) {
+  float sum = 0.0f;
+  std::int32_t count = 0;
+  compare_templates(session, a, b, shift, [&](float x, float y) {
+    sum += (x - y) * (x - y);
+    ++count;
+  });
+  if (count == 0) return 0.0f;
+  return std::sqrt(sum / static_cast<float>(count)) * session.recording.vscale_HP;
+}
+
+template_overlap templates_dont_overlap(const session_state& session, std::int32_t a,
+                                        std::int32_t b, pair_shift shift) {
+  const recording_store& r = session.recording;
+  if (r.electrode_type == electrode_tetrode) {
+    const bool same = r.tetrode_of_channel[session.templates.centre_channel(a)] ==
+                      r.tetrode_of_channel[session.templates.centre_channel(b)];
+    return same ? template_overlap{false, template_correlation(session, a, b, shift)}
+                : template_overlap{true, -1.0f};
+  }
+  const float correlation = template_correlation(session, a, b, shift);
+  const std::int32_t all = n_union_channels(session, a, b);
+  const float share = all == 0 ? 0.0f
+                               : static_cast<float>(n_common_channels(session, a, b)) /
+                                     static_cast<float>(all);
+  return {share + correlation < 1.1f, correlation};
+}
+
+// ---------------------------------------------------------------- overlap of events
+
+namespace {
+
+// One search: for each query, is the nearest other point (the first on ties) one
+// of its own set? Lanes are queries; every query goes through the points in order.
+template <bool third>
+__attribute__((always_inline)) inline std::int32_t count_same(const float* x, const float* y,
+                                                              const float* z, std::int32_t n,
+                                                              std::int32_t first,
+                                                              std::int32_t last) {
+  std::int32_t same = 0;
+  for (std::int32_t q = first; q <= last; q += n_lanes) {
+    // Lanes beyond the set repeat its last point and are not counted.
+    float_lanes qx, qy, qz = {}, best;
+    int_lanes self, own = {};
+    for (std::int32_t lane = 0; lane < n_lanes; ++lane) {
+      const std::int32_t i = std::min(q + lane, last);
+      qx[lane] = x[i];
+      qy[lane] = y[i];
+      if (third) qz[lane] = z[i];
+      self[lane] = i;
+      best[lane] = 3.0e38f;
+    }
+    for (std::int32_t j = 0; j < n; ++j) {
+      const float_lanes dx = x[j] - qx;
+      const float_lanes dy = y[j] - qy;
+      float_lanes d = dx * dx + dy * dy;
+      if (third) {
+        const float_lanes dz = z[j] - qz;
+        d += dz * dz;
+      }
+      const int_lanes nearer = (d < best) & (self != j);
+      best = nearer ? d : best;
+      const std::int32_t mine = j >= first && j <= last ? -1 : 0;
+      own = nearer ? (int_lanes{} + mine) : own;
+    }
+    for (std::int32_t lane = 0; lane < n_lanes && q + lane <= last; ++lane) same -= own[lane];
+  }
+  return same;
+}
+
+KESTRELVANE_CLONES std::int32_t count_same_2(const float* x, const float* y, std::int32_t n,
+                                             std::int32_t first, std::int32_t last) {
+  return count_same<false>(x, y, nullptr, n, first, last);
+}
+
+KESTRELVANE_CLONES std::int32_t count_same_3(const float* x, const float* y, const float* z,
+                                             std::int32_t n, std::int32_t first,
+                                             std::int32_t last) {
+  return count_same<true>(x, y, z, n, first, last);
+}
+
+}  // namespace
+
+float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
+                                std::int32_t n_a, std::int32_t n_b) {
+  const std::int32_t n = n_a + n_b;
+  std::vector<float> columns[3];
+  for (std::int32_t d = 0; d < 3; ++d) {
+    columns[d].assign(n, 0.0f);
+    for (std::int32_t i = 0; i < n && d < dimensions; ++i) {
+      columns[d][i] = coordinates[static_cast<std::size_t>(i) * dimensions + d];
+    }
+  }
+  const bool query_a = n_a < n_b;
+  const std::int32_t first = query_a ? 0 : n_a;
+  const std::int32_t last = query_a ? n_a - 1 : n - 1;
+  const std::int32_t same =
+      dimensions >= 3
+          ? count_same_3(columns[0].data(), columns[1].data(), columns[2].data(), n, first, last)
+          : count_same_2(columns[0].data(), columns[1].data(), n, first, last);
+  const auto smaller = static_cast<float>(query_a ? n_a : n_b);
+  return (1.0f - static_cast<float>(same) / smaller) / (1.0f - smaller / static_cast<float>(n));
+}
+
+float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
+                      std::int32_t scratch_slot, pair_shift shift) {
+  const std::vector<aligned_event> events_a = read_events(
+      session, list_cluster_events(session, a), shift.n_shift == a, shift.shift);
+  const std::vector<aligned_event> events_b = read_events(
+      session, list_cluster_events(session, b), shift.n_shift == b, shift.shift);
+  const auto n_a = static_cast<std::int32_t>(events_a.size());
+  const auto n_b = static_cast<std::int32_t>(events_b.size());
+  if (n_a == 0 || n_b == 0) return std::nanf("");
+  make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
+  const std::vector<aligned_event> sample = covariance_sample(session, events_a, events_b);
+  const std::vector<pc_point> points = select_pc_points(session, scratch_slot, sample);
+  pc_rows rows;
+  fill_pc_rows(session, points, sample, 1.0f, rows);
+  std::vector<float> axes;
+  find_axes(session, rows, axes);
+
+  const pair_sample sizes = proportional_sample(n_a, n_b);
+  std::vector<aligned_event> test = stride_events(events_a, sizes.n_a);
+  const std::vector<aligned_event> rest = stride_events(events_b, sizes.n_b);
+  test.insert(test.end(), rest.begin(), rest.end());
+  fill_pc_rows(session, points, test, 1.0f, rows);
+  const std::int32_t dimensions = std::min(session.strategy.pca_dimensions, 3);
+  std::vector<float> coordinates;
+  project_rows(rows, axes, dimensions, coordinates);
+  return nearest_neighbour_overlap(coordinates, dimensions, sizes.n_a, sizes.n_b);
+}
+
+// ---------------------------------------------------------------- comparison values
+
+float spatial_separation(const session_state& session, std::int32_t a, std::int32_t b) {
+  const float dx = session.templates.template_x[a] - session.templates.template_x[b];
+  const float dy = session.templates.template_y[a] - session.templates.template_y[b];
+  return std::sqrt(dx * dx + dy * dy);
+}
+
+float doublet_value(const session_state& session, std::int32_t a, std::int32_t b,
+                    float window_ms) {
+  const recording_store& r = session.recording;
+  const event_table& events = session.events;
+  if (!r.is_continuous && !session.preferences.treat_as_continuous) return -1.0f;
+  const std::int64_t span = std::max<std::int64_t>(
+      50, static_cast<std::int64_t>(static_cast<float>(session.clusters.n_clusters) * 50.0f *
+                                    window_ms / 1000.0f));
+  std::int32_t after = 0, before = 0, n_a = 0;
+  for (const std::int32_t e : list_cluster_events(session, a)) {
+    ++n_a;
+    const std::int64_t first = std::max<std::int64_t>(1, e - span);
+    const std::int64_t last = std::min<std::int64_t>(events.n_events, e + span);
+    for (std::int64_t other = first; other <= last; ++other) {
+      if (events.event_cluster[other] != b) continue;
+      const float dt = static_cast<float>(events.event_time[other] - events.event_time[e]) *
+                       1000.0f / static_cast<float>(r.sampling_frequency);
+      if (std::fabs(dt) > window_ms) continue;
+      after += dt > 1.0f;
+      before += dt < -1.0f;
+    }
+  }
+  const std::int32_t channel = session.templates.centre_channel(b);
+  const float height_a = template_peak_to_peak(session, a, channel);
+  const float height_b = template_peak_to_peak(session, b, channel);
+  const std::int32_t size = height_a <= height_b ? n_a : count_cluster_events(session, b);
+  const float value = static_cast<float>(after - before) / static_cast<float>(size);
+  return (height_a - height_b) / (height_a + height_b) >= 0.0f ? value : -value;
+}
+
+namespace {
+
+std::vector<float> count_by_bin(const session_state& session, std::int32_t cluster,
+                                std::int32_t n_bins, float width) {
+  std::vector<float> counts(n_bins + 1, 0.0f);
+  for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    const std::int32_t seconds =
+        session.events.event_time[e] / session.recording.sampling_frequency;
+    const auto bin = static_cast<std::int32_t>(static_cast<float>(seconds) / width + 1.0f);
+    if (bin >= 1 && bin <= n_bins) counts[bin] += 1.0f;
+  }
+  return counts;
+}
+
+}  // namespace
+
+float rate_complementarity(const session_state& session, std::int32_t a, std::int32_t b) {
+  const float length = session.recording.duration_mins * 60.0f;
+  float width = 60.0f;
+  auto n_bins = static_cast<std::int32_t>(length / width);
+  if (n_bins < 100) {
+    width = length / 100.0f;
+    n_bins = static_cast<std::int32_t>(length / width);
+  }
+  const std::vector<float> x = count_by_bin(session, a, n_bins, width);
+  const std::vector<float> y = count_by_bin(session, b, n_bins, width);
+  double n = 0, sum_x = 0, sum_y = 0, sum_xx = 0, sum_yy = 0, sum_xy = 0;
+  for (std::int32_t i = 1; i <= n_bins; ++i) {
+    if (x[i] == 0.0f && y[i] == 0.0f) continue;
+    n += 1;
+    sum_x += x[i];
+    sum_y += y[i];
+    sum_xx += static_cast<double>(x[i] * x[i]);
+    sum_yy += static_cast<double>(y[i] * y[i]);
+    sum_xy += static_cast<double>(x[i] * y[i]);
+  }
+  if (n == 0) return -0.0f;
+  const double norm = std::sqrt((sum_xx - sum_x * sum_x / n) * (sum_yy - sum_y * sum_y / n));
+  return norm > 0.0 ? -static_cast<float>((sum_xy - sum_x * sum_y / n) / norm) : 0.0f;
+}
+
+namespace {
+
+constexpr std::int32_t grid_limit = 50;
+
+struct pc_spread {
+  float mean[2] = {}, sd[2] = {};
+};
+
+pc_spread measure_spread(const std::vector<float>& xy) {
+  pc_spread spread;
+  const auto n = static_cast<std::int32_t>(xy.size() / 2);
+  for (std::int32_t d = 0; d < 2; ++d) {
+    float squares = 0.0f;
+    for (std::int32_t i = 0; i < n; ++i) {
+      spread.mean[d] += (xy[2 * i + d] - spread.mean[d]) / static_cast<float>(i + 1);
+      squares += xy[2 * i + d] * xy[2 * i + d];
+    }
+    const float variance = (squares - static_cast<float>(n) * spread.mean[d] * spread.mean[d]) /
+                           static_cast<float>(n - 1);
+    spread.sd[d] = variance > 0.0f ? std::sqrt(variance) : 0.0f;
+  }
+  return spread;
+}
+
+struct count_grid {
+  float cells[grid_limit + 1][grid_limit + 1] = {};
+};
+
+void fill_grid(const std::vector<float>& xy, const float* low, float scale, count_grid& grid) {
+  for (std::size_t i = 0; i + 1 < xy.size(); i += 2) {
+    const auto bx = static_cast<std::int32_t>((xy[i] - low[0]) * scale + 1.0f);
+    const auto by = static_cast<std::int32_t>((xy[i + 1] - low[1]) * scale + 1.0f);
+    if (bx < 1 || bx > grid_limit || by < 1 || by > grid_limit) continue;
+    grid.cells[bx][by] += 1.0f;
+  }
+  for (auto& row : grid.cells) {
+    for (float& cell : row) {
+      if (cell == 1.0f) cell = 0.0f;
+    }
+  }
+}
+
+// 100 times the opposing part of the two densities' gradients over the gradient
+// power of the smaller one.
+float compare_gradients(const count_grid& a, const count_grid& b) {
+  float power_a = 0, power_b = 0, opposing = 0, count_a = 0, count_b = 0;
+  for (std::int32_t x = 2; x < grid_limit; ++x) {
+    for (std::int32_t y = 2; y < grid_limit; ++y) {
+      const float ax = a.cells[x + 1][y] - a.cells[x - 1][y];
+      const float ay = a.cells[x][y + 1] - a.cells[x][y - 1];
+      const float bx = b.cells[x + 1][y] - b.cells[x - 1][y];
+      const float by = b.cells[x][y + 1] - b.cells[x][y - 1];
+      power_a += ax * ax + ay * ay;
+      power_b += bx * bx + by * by;
+      opposing += std::max(0.0f, -(ax * bx + ay * by));
+      count_a += a.cells[x][y];
+      count_b += b.cells[x][y];
+    }
+  }
+  const float denominator = count_a < count_b ? power_a : power_b;
+  return denominator == 0.0f ? -1.0f : 100.0f * opposing / denominator;
+}
+
+}  // namespace
+
+optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t b,
+                            std::int32_t rank) {
+  gac_points points;
+  pair_pc_values(session, a, b, rank, points);
+  std::vector<float> xy[2];
+  std::int32_t i = 0;
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    const std::int32_t of = session.events.event_cluster[e];
+    if (of != a && of != b) continue;
+    std::vector<float>& out = xy[of == b];
+    out.push_back(points.row(i)[0]);
+    out.push_back(points.row(i)[1]);
+    ++i;
+  }
+  if (xy[0].size() < 4 || xy[1].size() < 4) return {false, 0.0f};
+  const pc_spread spread_a = measure_spread(xy[0]), spread_b = measure_spread(xy[1]);
+  float low[2], range = 0.0f;
+  for (std::int32_t d = 0; d < 2; ++d) {
+    low[d] = std::min(spread_a.mean[d] - 2.0f * spread_a.sd[d],
+                      spread_b.mean[d] - 2.0f * spread_b.sd[d]);
+    const float high = std::max(spread_a.mean[d] + 2.0f * spread_a.sd[d],
+                                spread_b.mean[d] + 2.0f * spread_b.sd[d]);
+    range = std::max(range, high - low[d]);
+  }
+  const std::int32_t bins =
+      std::min(grid_limit, static_cast<std::int32_t>(std::sqrt(static_cast<float>(points.n))));
+  const float scale = static_cast<float>(bins - 1) / range;
+  count_grid grid_a, grid_b;
+  fill_grid(xy[0], low, scale, grid_a);
+  fill_grid(xy[1], low, scale, grid_b);
+  return {true, compare_gradients(grid_a, grid_b)};
+}
+
+namespace {
+
+constexpr const char* match_names[] = {
+    "Spatial separation (µm)", "Cluster overlap", "Template cross-correlation",
+    "rms distance (µV)",       "Doublet pairs",   "Rate complementarity",
+    "PC adjacency"};
+
+}  // namespace
+
+const char* match_method_name(std::int32_t method) {
+  return method >= 1 && method <= 7 ? match_names[method - 1] : "";
+}
+
+float match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                  pair_shift shift, std::int32_t rank) {
+  const recording_store& r = session.recording;
+  if (r.electrode_type == electrode_tetrode &&
+      r.tetrode_of_channel[session.templates.centre_channel(a)] !=
+          r.tetrode_of_channel[session.templates.centre_channel(b)]) {
+    return 1000.0f;
+  }
+  switch (session.review.match_method) {
+    case 1:
+      return spatial_separation(session, a, b);
+    case 2:
+      return session.lists.kv_cluster_overlap[k];
+    case 3:
+      return template_correlation(session, a, b, shift);
+    case 4:
+      return rms_template_distance(session, a, b, shift);
+    case 5:
+      return doublet_value(session, a, b, 20.0f);
+    case 6:
+      return rate_complementarity(session, a, b);
+    default:
+      return pc_adjacency(session, a, b, rank).value;
+  }
+}
+
+}  // namespace kestrelvane

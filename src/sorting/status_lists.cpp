@@ -1,0 +1,446 @@
+#include "sorting/status_lists.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "clustering/cluster_operations.h"
+#include "numerics/parallel.h"
+#include "numerics/sort.h"
+#include "session/pair_index.h"
+#include "sorting/pair_measures.h"
+
+namespace kestrelvane {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+std::int64_t msecs_since(clock::time_point begin) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(clock::now() - begin).count();
+}
+
+std::int32_t count_of_pairs(const session_state& session) {
+  return static_cast<std::int32_t>(pair_count(session.clusters.n_clusters));
+}
+
+// Calls visit(list) for each of the eight lists, which move together.
+template <typename Visit>
+void for_each_list(status_lists_table& lists, Visit&& visit) {
+  visit(lists.kv_templates_dont_overlap);
+  visit(lists.kv_template_correlation);
+  visit(lists.kv_cluster_overlap);
+  visit(lists.rms_template_shift);
+  visit(lists.kv_n_shift_template);
+  visit(lists.kv_user_distinct);
+  visit(lists.kv_user_ambiguous);
+  visit(lists.kv_split_tries);
+}
+
+void store_pair(status_lists_table& lists, std::int64_t k, bool dont_overlap, float correlation,
+                float overlap, pair_shift shift) {
+  lists.kv_templates_dont_overlap[k] = dont_overlap;
+  lists.kv_template_correlation[k] = correlation;
+  lists.kv_cluster_overlap[k] = overlap;
+  lists.rms_template_shift[k] = shift.shift;
+  lists.kv_n_shift_template[k] = shift.n_shift;
+}
+
+// The values of one pair; sizes[c] are the cluster sizes. Every build and update
+// goes through here.
+void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
+                  const std::vector<std::int32_t>& sizes, std::int32_t rank) {
+  const auto [a, b] = pair;
+  status_lists_table& lists = session.lists;
+  if (n_common_channels(session, a, b) == 0) {
+    store_pair(lists, k, true, 0.0f, -1.0f, {0.0f, b});
+    return;
+  }
+  const pair_shift shift = template_shift(session, a, b, sizes[a], sizes[b]);
+  const template_overlap match = templates_dont_overlap(session, a, b, shift);
+  if (match.dont_overlap) {
+    store_pair(lists, k, true, match.correlation, -1.0f, {0.0f, b});
+    return;
+  }
+  const float overlap =
+      cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift);
+  store_pair(lists, k, false, match.correlation, overlap, shift);
+}
+
+std::vector<std::int32_t> count_all_sizes(const session_state& session) {
+  std::vector<std::int32_t> sizes(session.clusters.n_clusters + 1, 0);
+  const std::int32_t* of = session.events.event_cluster.base();
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    if (of[e] >= 1) ++sizes[of[e]];
+  }
+  return sizes;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- questions
+
+bool pair_is_distinct(const session_state& session, std::int64_t k) {
+  const status_lists_table& lists = session.lists;
+  const sorting_strategy_settings& strategy = session.strategy;
+  return lists.kv_cluster_overlap[k] <= strategy.overlap_threshold ||
+         lists.kv_template_correlation[k] < strategy.correlation_threshold ||
+         lists.kv_templates_dont_overlap[k] || lists.kv_user_distinct[k];
+}
+
+bool cluster_is_stable(const session_state& session, std::int32_t cluster) {
+  const std::int32_t n = session.clusters.n_clusters;
+  if (session.lists.n_kv_pairs == 0) return n == 1;
+  for (std::int32_t other = 1; other <= n; ++other) {
+    if (other == cluster) continue;
+    const std::int64_t k = pair_index(n, std::min(cluster, other), std::max(cluster, other));
+    if (!pair_is_distinct(session, k)) return false;
+  }
+  return true;
+}
+
+std::int32_t count_stable_clusters(const session_state& session) {
+  std::int32_t stable = 0;
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    stable += cluster_is_stable(session, c);
+  }
+  return stable;
+}
+
+std::int32_t count_pairs_to_examine(const session_state& session) {
+  std::int32_t count = 0;
+  for (std::int32_t k = 1; k <= session.lists.n_kv_pairs; ++k) {
+    count += !pair_is_distinct(session, k) && !session.lists.kv_user_ambiguous[k];
+  }
+  return count;
+}
+
+// ---------------------------------------------------------------- building
+
+void clear_status_lists(session_state& session) {
+  status_lists_table& lists = session.lists;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -1.0f;
+  lists.rms_template_shift.clear();
+  lists.kv_n_shift_template.clear();
+  lists.kv_template_correlation.clear();
+  lists.kv_user_distinct.clear();
+  lists.kv_user_ambiguous.clear();
+  lists.kv_templates_dont_overlap.clear();
+  lists.n_kv_pairs = 0;
+}
+
+void build_status_lists(session_state& session) {
+  const auto begin = clock::now();
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  const std::int32_t n_threads = threads_now(session);
+  const bool threaded = n_threads > 1;
+  const bool report = session.log.log_threading_times;
+  if (report) {
+    log_message(session,
+                threaded ? "Making threaded status lists" : "Making unthreaded status lists");
+  }
+  for_each_list(lists, [](auto& list) { list.clear(); });
+  lists.n_kv_pairs = count_of_pairs(session);
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -10.0f;
+  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  // Dealt one by one: neighbouring pairs share a cluster, and the cost of a large
+  // one spreads over the threads.
+  parallel_for_dealt(n_threads, 1, lists.n_kv_pairs, [&](std::int64_t k, std::int32_t rank) {
+    compute_pair(session, k, pair_from_index(n, k), sizes, rank);
+    if (rank == 0) {
+      set_progress(session, meter::status_lists,
+                   static_cast<std::int32_t>(100 * k / lists.n_kv_pairs), 100);
+    }
+  });
+  if (!report) return;
+  if (threaded) {
+    log_message(session, fmt::format("Make status lists threaded took at total of{} msecs",
+                                     msecs_since(begin)));
+    log_message(session, fmt::format("n_kv_pairs={}", lists.n_kv_pairs));
+    log_message(session, fmt::format("Finished making threaded status lists in{} msecs",
+                                     msecs_since(begin)));
+  } else {
+    log_message(session, fmt::format("Finished making unthreaded status lists in{} msecs",
+                                     msecs_since(begin)));
+  }
+}
+
+void update_lists_for_cluster(session_state& session, std::int32_t cluster,
+                              std::int32_t but_not) {
+  const auto begin = clock::now();
+  const std::int32_t n = session.clusters.n_clusters;
+  if (session.lists.n_kv_pairs == 0 || n < 2) return;
+  session.lists.n_kv_pairs = count_of_pairs(session);
+  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  const std::int32_t n_threads = threads_now(session);
+  std::vector<cluster_pair> work;
+  for (std::int32_t other = 1; other <= n; ++other) {
+    if (other == cluster || other == but_not) continue;
+    const cluster_pair pair{std::min(cluster, other), std::max(cluster, other)};
+    // Pairs without common channels cost nothing and need no thread.
+    if (n_common_channels(session, pair.a, pair.b) == 0) {
+      compute_pair(session, pair_index(n, pair.a, pair.b), pair, sizes, 0);
+    } else {
+      work.push_back(pair);
+    }
+  }
+  parallel_for(n_threads, 0, static_cast<std::int64_t>(work.size()) - 1,
+               [&](std::int64_t i, std::int32_t rank) {
+                 compute_pair(session, pair_index(n, work[i].a, work[i].b), work[i], sizes, rank);
+               });
+  if (log_timing(session)) {
+    log_message(session, fmt::format("{} status list updating took {}",
+                                     n_threads > 1 ? "threaded" : "unthreaded",
+                                     msecs_since(begin)));
+  }
+}
+
+void add_cluster_to_lists(session_state& session) {
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  if (lists.n_kv_pairs == 0 || n < 2) return;
+  // From the end down: each row moves up by as many places as rows before it gain
+  // an entry, and its new last entry (a, n) is zeroed.
+  for_each_list(lists, [&](auto& list) {
+    using entry = std::remove_reference_t<decltype(list[1])>;
+    for (std::int32_t a = n - 1; a >= 1; --a) {
+      const std::int32_t old_length = n - 1 - a;
+      const std::int64_t new_first = pair_index(n, a, a + 1);
+      if (old_length > 0) {
+        std::memmove(list.base() + new_first, list.base() + pair_index(n - 1, a, a + 1),
+                     sizeof(entry) * old_length);
+      }
+      list[new_first + old_length] = entry{};
+    }
+  });
+  lists.n_kv_pairs = count_of_pairs(session);
+  log_message(session, fmt::format("Updating lists for cluster {}", n));
+  update_lists_for_cluster(session, n);
+}
+
+void remove_cluster_from_lists(session_state& session, std::int32_t cluster) {
+  status_lists_table& lists = session.lists;
+  if (lists.n_kv_pairs == 0) return;
+  constexpr std::int32_t marker = -100;
+  const std::int32_t n = session.clusters.n_clusters;
+  for (std::int32_t other = 1; other <= n; ++other) {
+    if (other == cluster) continue;
+    lists.kv_n_shift_template[pair_index(n, std::min(cluster, other), std::max(cluster, other))] =
+        marker;
+  }
+  std::int32_t kept = 0;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    if (lists.kv_n_shift_template[k] == marker) continue;
+    ++kept;
+    if (kept != k) for_each_list(lists, [&](auto& list) { list[kept] = list[k]; });
+  }
+  lists.n_kv_pairs = kept;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    if (lists.kv_n_shift_template[k] == marker) {
+      log_message(session, fmt::format("shifting error at point {} {}", k, lists.n_kv_pairs));
+    }
+  }
+}
+
+void renumber_shift_owners(session_state& session, std::int32_t removed) {
+  status_lists_table& lists = session.lists;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    if (lists.kv_n_shift_template[k] > removed) --lists.kv_n_shift_template[k];
+  }
+}
+
+// ---------------------------------------------------------------- match lists
+
+namespace {
+
+constexpr std::int32_t match_list_limit = 5000;
+
+// Pairs that a method leaves out before its value is computed.
+bool is_left_out(const session_state& session, cluster_pair pair) {
+  switch (session.review.match_method) {
+    case 6:
+      return spatial_separation(session, pair.a, pair.b) >= 50.0f;
+    case 7:
+      return 2 * n_common_channels(session, pair.a, pair.b) <
+             n_union_channels(session, pair.a, pair.b);
+    default:
+      return false;
+  }
+}
+
+void sort_match_lists(session_state& session, bool ascending) {
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = lists.n_match;
+  std::vector<float> keys(n);
+  for (std::int32_t i = 0; i < n; ++i) {
+    keys[i] = ascending ? lists.match_values[i + 1] : -lists.match_values[i + 1];
+  }
+  std::vector<std::int32_t> order(n);
+  index_sort(n, keys.data(), order.data());
+  std::vector<cluster_pair> pairs(n);
+  std::vector<float> values(n);
+  for (std::int32_t i = 0; i < n; ++i) {
+    pairs[i] = {lists.match_a[order[i]], lists.match_b[order[i]]};
+    values[i] = lists.match_values[order[i]];
+  }
+  for (std::int32_t i = 0; i < n; ++i) {
+    lists.match_a[i + 1] = pairs[i].a;
+    lists.match_b[i + 1] = pairs[i].b;
+    lists.match_values[i + 1] = values[i];
+  }
+}
+
+}  // namespace
+
+void get_match_lists(session_state& session) {
+  const auto begin = clock::now();
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  const std::int32_t n_threads = threads_now(session);
+  lists.n_match = 0;
+  lists.match_a.clear();
+  lists.match_b.clear();
+  std::vector<std::int64_t> places;
+  for (std::int64_t k = 1; k <= lists.n_kv_pairs && lists.n_match < pair_limit; ++k) {
+    if (lists.kv_templates_dont_overlap[k]) continue;
+    const cluster_pair pair = pair_from_index(n, k);
+    if (is_left_out(session, pair)) continue;
+    ++lists.n_match;
+    lists.match_a[lists.n_match] = pair.a;
+    lists.match_b[lists.n_match] = pair.b;
+    places.push_back(k);
+  }
+  parallel_for_dealt(n_threads, 1, lists.n_match, [&](std::int64_t i, std::int32_t rank) {
+    const std::int64_t k = places[i - 1];
+    const pair_shift shift{lists.rms_template_shift[k], lists.kv_n_shift_template[k]};
+    lists.match_values[i] =
+        match_value(session, lists.match_a[i], lists.match_b[i], k, shift, rank);
+    if (rank == 0) {
+      set_progress(session, meter::status_lists,
+                   static_cast<std::int32_t>(100 * lists.match_a[i] / std::max(1, n - 1)), 100);
+    }
+  });
+  log_message(session, fmt::format("{} took {} msecs",
+                                   n_threads > 1 ? "Get threaded match lists"
+                                                 : "Get match lists unthreaded",
+                                   msecs_since(begin)));
+  const std::int32_t method = session.review.match_method;
+  sort_match_lists(session, method == 1 || method == 4);
+  lists.n_match = std::min(lists.n_match, match_list_limit);
+  if (lists.n_match == 0) {
+    tell(session, "There are no pairs in this list", "Pair comparisons", box_icon::information);
+  }
+}
+
+// ---------------------------------------------------------------- self-checks
+
+bool check_shift_owners(session_state& session) {
+  const status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  std::int32_t errors = 0;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    const auto [a, b] = pair_from_index(n, k);
+    const std::int32_t owner = lists.kv_n_shift_template[k];
+    if (owner == a || owner == b) continue;
+    if (++errors > 100) {
+      log_message(session, "Limiting error log");
+      return false;
+    }
+    log_message(session, fmt::format("List position error at {} {} {}", k, a, b));
+  }
+  if (errors == 0) {
+    log_message(session, fmt::format("n_shift_template values appear correct {}",
+                                     lists.n_kv_pairs));
+  }
+  return errors == 0;
+}
+
+bool check_match_values(session_state& session) {
+  const status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  std::int32_t errors = 0;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    const auto [a, b] = pair_from_index(n, k);
+    if (lists.kv_templates_dont_overlap[k] || n_common_channels(session, a, b) == 0) continue;
+    const float value = template_correlation(
+        session, a, b, {lists.rms_template_shift[k], lists.kv_n_shift_template[k]});
+    const float difference = value - lists.kv_template_correlation[k];
+    if (std::fabs(difference) <= 0.01f) continue;
+    ++errors;
+    log_message(session, fmt::format("match value error {} {} {} {} {}", a, b, value,
+                                     lists.kv_template_correlation[k], difference));
+  }
+  if (errors == 0) {
+    log_message(session, fmt::format("match values appear correct {}", lists.n_kv_pairs));
+  } else {
+    log_message(session, fmt::format("There were {} match value errors", errors));
+  }
+  return errors == 0;
+}
+
+bool check_shift_values(session_state& session) {
+  const status_lists_table& lists = session.lists;
+  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  const std::int32_t n = session.clusters.n_clusters;
+  std::int32_t errors = 0;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    if (lists.kv_templates_dont_overlap[k]) continue;
+    const auto [a, b] = pair_from_index(n, k);
+    const pair_shift shift = template_shift(session, a, b, sizes[a], sizes[b]);
+    errors += std::fabs(shift.shift - lists.rms_template_shift[k]) > 0.000001f;
+  }
+  if (errors == 0) {
+    log_message(session, "shift values match");
+  } else {
+    log_message(session, fmt::format("There were {} errors", errors));
+  }
+  return errors == 0;
+}
+
+bool check_overlap_flags(session_state& session) {
+  const status_lists_table& lists = session.lists;
+  bool good = true;
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+    if (n_common_channels(session, a, b) == 0 && !lists.kv_templates_dont_overlap[k]) good = false;
+  }
+  log_message(session, good ? "kv_templates_dont_overlap list appears correct"
+                            : "kv_templates_dont_overlap list has errors");
+  return good;
+}
+
+bool check_threaded_lists(session_state& session) {
+  status_lists_table& lists = session.lists;
+  const logical old_threads = session.multi_threaded_now;
+  session.multi_threaded_now = false;
+  build_status_lists(session);
+  const std::size_t n = static_cast<std::size_t>(lists.n_kv_pairs) + 1;
+  const std::vector<float> overlap(lists.kv_cluster_overlap.base(),
+                                   lists.kv_cluster_overlap.base() + n);
+  const std::vector<float> shift(lists.rms_template_shift.base(),
+                                 lists.rms_template_shift.base() + n);
+  const std::vector<std::int32_t> owner(lists.kv_n_shift_template.base(),
+                                        lists.kv_n_shift_template.base() + n);
+  session.multi_threaded_now = true;
+  build_status_lists(session);
+  session.multi_threaded_now = old_threads;
+  const auto same = [&](const void* plain, const void* threaded) {
+    return std::memcmp(plain, threaded, 4 * n) == 0;
+  };
+  const bool same_overlap = same(overlap.data(), lists.kv_cluster_overlap.base());
+  const bool same_shift = same(shift.data(), lists.rms_template_shift.base());
+  const bool same_owner = same(owner.data(), lists.kv_n_shift_template.base());
+  log_message(session, same_overlap ? "overlap values pass test" : "overlap values fail test");
+  log_message(session, same_shift ? "template shift values pass test"
+                                  : "template_shift values fail test");
+  log_message(session, same_owner ? "kv_n_shift_template values pass test"
+                                  : "kv_n_shift_template values fail test");
+  return same_overlap && same_shift && same_owner;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,172 @@
+// Exports: exact bytes, times, refusals, and the sequence of "Save As".
+#include "results/exports.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct export_test : ::testing::Test {
+  small_session session;
+  temporary_directory directory;
+
+  export_test() {
+    make_recording(*session, 3, 2000000);
+    set_events({{25, 2, 3}, {1000001, 1, 12}, {50, 0, 1}, {1999999, 2, 1}});
+    session->clusters.n_clusters = 2;
+    session->recording.recording_path = "/data/small.tsf";
+  }
+  struct event {
+    std::int32_t time, cluster, channel;
+  };
+  void set_events(const std::vector<event>& events) {
+    event_table& t = session->events;
+    t.n_events = 0;
+    for (const event& e : events) {
+      ++t.n_events;
+      t.event_time[t.n_events] = e.time;
+      t.event_cluster[t.n_events] = e.cluster;
+      t.event_channel[t.n_events] = e.channel;
+    }
+  }
+  std::string text_of(const std::string& name) {
+    const std::vector<char> bytes = read_bytes(directory.file(name));
+    return {bytes.begin(), bytes.end()};
+  }
+  bool exists(const std::string& name) { return std::filesystem::exists(directory.file(name)); }
+};
+
+TEST_F(export_test, csv_has_a_line_for_every_clustered_event) {
+  // 1 / 25000 in single precision is a little less than 40 µs.
+  ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
+  EXPECT_EQ(text_of("a.csv"),
+            "     0.00100,   2,   3\n"
+            "    40.00004,   1,  12\n"
+            "    79.99996,   2,   1\n");
+  EXPECT_TRUE(session.user.told("CSV data saved"));
+
+  session->clusters.n_clusters = 0;
+  set_events({{25, 0, 3}});
+  ASSERT_TRUE(write_csv(*session, directory.file("none.csv")));
+  EXPECT_EQ(text_of("none.csv"), "");
+
+  EXPECT_FALSE(write_csv(*session, directory.file("absent/a.csv")));
+  EXPECT_TRUE(session.user.told("Error exporting CSV format data "));
+}
+
+TEST_F(export_test, numbers_too_wide_for_their_columns_are_stars) {
+  session->recording.sampling_frequency = 1;
+  set_events({{1000000, 10000, 1}});
+  ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
+  EXPECT_EQ(text_of("a.csv"), "************,****,   1\n");
+}
+
+TEST_F(export_test, every_unit_gets_a_text_file) {
+  ASSERT_TRUE(write_unit_texts(*session, directory.file("u.txt")));
+  EXPECT_EQ(text_of("u_1.txt"), "    40.00004\n");
+  EXPECT_EQ(text_of("u_2.txt"), "     0.00100\n    79.99996\n");
+  EXPECT_FALSE(exists("u_0.txt"));
+
+  EXPECT_FALSE(write_unit_texts(*session, directory.file("absent/u.txt")));
+  EXPECT_TRUE(session.user.told("Error saving file", "Save TXT data"));
+
+  session->clusters.n_clusters = 0;
+  set_events({{25, 0, 3}});
+  ASSERT_TRUE(write_unit_texts(*session, directory.file("none.txt")));
+  EXPECT_FALSE(exists("none_1.txt"));
+}
+
+TEST_F(export_test, times_follow_the_kind_of_recording) {
+  recording_store& r = session->recording;
+  EXPECT_EQ(event_seconds(*session, 2), 1000001 * double{1.0f / 25000.0f});
+  r.file_type = file_type_bin;
+  r.sampling_frequency_exact = 30000.5;
+  EXPECT_EQ(event_seconds(*session, 2), 1000001 * (1.0 / 30000.5));
+
+  // Event-based: the stamp of the record, in whole ms, after the start.
+  r.file_type = file_type_ntt;
+  r.is_continuous = false;
+  r.samples_per_event = 32;
+  r.first_timestamp = 123456789;
+  r.electrode_type = electrode_polytrode;
+  r.records_per_unit = 10;
+  ASSERT_TRUE(r.event_timestamp.reserve(3 * 11));
+  r.timestamp(2, 3) = 7654321;
+  set_events({{100 + 64 + 5, 1, 3}});
+  EXPECT_EQ(event_seconds(*session, 1), 7654 / 1000.0 + double{123456789.0f / 1e6f});
+  session->preferences.treat_as_continuous = true;
+  EXPECT_EQ(event_seconds(*session, 1), 169 * double{1.0f / 25000.0f});
+}
+
+TEST_F(export_test, comments_name_their_source) {
+  session->clusters.cluster_comment[2].assign("bursts");
+  ASSERT_TRUE(write_comments_file(*session, directory.file("c.txt")));
+  EXPECT_EQ(text_of("c.txt"),
+            "Comments on units sorted from data file: /data/small.tsf\n"
+            "Exported by Kestrelvane 5.00 \n"
+            "Unit 2\nbursts\n");
+  session->recording.file_type = file_type_plx;
+  session->recording.plx_path = "/data/p.plx";
+  EXPECT_EQ(source_file_path(*session), "/data/p.plx");
+}
+
+TEST_F(export_test, formats_refuse_what_they_cannot_hold) {
+  const auto possible = [this](const char* name) {
+    return export_is_possible(*session, *find_export_format(name));
+  };
+  EXPECT_EQ(find_export_format("doc"), nullptr);
+  EXPECT_EQ(export_formats().size(), 8u);
+  EXPECT_FALSE(possible("ntt"));
+  EXPECT_TRUE(session.user.told("No Neuralynx data in memory", "Can't save data"));
+  EXPECT_FALSE(possible("nev"));
+  EXPECT_TRUE(session.user.told("No Blackrock .nev data in memory", "Can't save data"));
+  EXPECT_FALSE(possible("plx"));
+  EXPECT_TRUE(possible("tsf"));
+  session->recording.is_continuous = false;
+  EXPECT_FALSE(possible("tsf"));
+  EXPECT_TRUE(
+      session.user.told("TSF export not supported for  event based recording", "Can't save data"));
+}
+
+TEST_F(export_test, save_as_takes_its_steps_in_order) {
+  // Two events of one cluster within the lockout time: one goes.
+  set_events({{100, 1, 1}, {101, 1, 2}, {5000, 1, 1}});
+  session->clusters.n_clusters = 1;
+  const export_format& csv = *find_export_format("csv");
+  const std::string path = directory.file("a.csv");
+  EXPECT_TRUE(export_sorted_spikes(*session, csv, path, {}));
+  EXPECT_EQ(read_bytes(path).size(), 3u * 23);
+  EXPECT_FALSE(exists("a.wrk"));
+
+  EXPECT_TRUE(export_sorted_spikes(*session, csv, path, {true, true, true}));
+  EXPECT_EQ(read_bytes(path).size(), 2u * 23);
+  EXPECT_TRUE(session.user.told("Saved work file " + directory.file("a.wrk"), "Export data"));
+  EXPECT_TRUE(session.user.told("Saved comments file " + directory.file("a.txt"), "Export data"));
+  EXPECT_TRUE(exists("a.wrk") && exists("a.txt"));
+}
+
+TEST_F(export_test, the_dialog_follows_the_settings) {
+  session->review.export_save_work_file = false;
+  session.user.chosen_path = directory.file("chosen.csv");
+  EXPECT_TRUE(export_sorted_spikes_dialog(*session, *find_export_format("csv"), false));
+  EXPECT_TRUE(exists("chosen.csv"));
+  EXPECT_FALSE(exists("chosen.wrk"));
+  session.user.chosen_path.clear();
+  EXPECT_FALSE(export_sorted_spikes_dialog(*session, *find_export_format("csv"), false));
+
+  warn_of_incomplete_detection(*session);
+  session->detector.detection_incomplete = true;
+  const std::size_t boxes = session.user.boxes.size();
+  warn_of_incomplete_detection(*session);
+  ASSERT_EQ(session.user.boxes.size(), boxes + 1);
+  EXPECT_EQ(session.user.boxes.back().text,
+            "Event detection was probably incomplete due to memory limitations or was interrupted "
+            "manually before completion.");
+}
+
+}  // namespace
+}  // namespace kestrelvane::test

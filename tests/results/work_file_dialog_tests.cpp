@@ -1,0 +1,122 @@
+// Opening and saving work files as the user does it: boxes, questions, failed saves.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "results/work_file.h"
+#include "support/small_session.h"
+#include "support/work_file_fixture.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct dialog_test : ::testing::Test {
+  small_session session;
+  temporary_directory directory;
+  std::string path = directory.file("a.wrk");
+
+  dialog_test() { make_recording(*session, 3, 10000); }
+};
+
+TEST_F(dialog_test, opening_tells_how_it_went) {
+  const std::string title = "Kestrelvane work file";
+  small_session empty;
+  EXPECT_EQ(open_work_file_dialog(*empty), work_file_outcome::failed);
+  EXPECT_TRUE(empty.user.told("No recording data in memory", "Error "));
+
+  EXPECT_EQ(open_work_file_dialog(*session), work_file_outcome::cancelled);
+  session.user.chosen_path = path;
+  EXPECT_EQ(open_work_file_dialog(*session), work_file_outcome::failed);
+  EXPECT_TRUE(session.user.told("Failed to read file " + path, title));
+
+  work_file_content content;
+  content.recording_path = "other.tsf";
+  write_bytes(path, make_work_file(content).bytes);
+  EXPECT_EQ(open_work_file_dialog(*session), work_file_outcome::wrong_file);
+  EXPECT_TRUE(session.user.told("Work file does not belong to current data file", title));
+
+  content.recording_path = "small.tsf";
+  content.n_filters = 0;
+  content.scalars["recording_filtered"] = 0;
+  write_bytes(path, make_work_file(content).bytes);
+  EXPECT_EQ(open_work_file_dialog(*session), work_file_outcome::retrieved);
+  EXPECT_TRUE(session.user.told("Retrieved file " + path, title));
+  EXPECT_FALSE(session.user.asked("Repeat previous filtering?", "Kestrelvane"));
+}
+
+TEST_F(dialog_test, filtering_is_repeated_or_forgotten) {
+  write_bytes(path, make_work_file({}).bytes);
+  EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::retrieved);
+  EXPECT_TRUE(session.user.asked("Repeat previous filtering?", "Kestrelvane"));
+  EXPECT_EQ(session->filter_history.n_entries, 0);
+  EXPECT_FALSE(session->recording.recording_filtered);
+
+  session.user.default_answer = true;
+  EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::retrieved_with_filtering);
+  EXPECT_EQ(session->filter_history.n_entries, 2);
+}
+
+TEST_F(dialog_test, saving_tells_how_it_went) {
+  session.user.chosen_path = path;
+  EXPECT_TRUE(save_work_file_dialog(*session));
+  EXPECT_TRUE(session.user.told("Work saved in file " + path, "Kestrelvane work file"));
+  EXPECT_FALSE(session->operation.work_save_busy);
+
+  const std::string nowhere = directory.file("absent/a.wrk");
+  EXPECT_FALSE(save_work_file_at(*session, nowhere));
+  EXPECT_TRUE(session.user.told("Failed to save file " + nowhere, "Kestrelvane work file"));
+  EXPECT_FALSE(session->operation.work_save_busy);
+}
+
+// A device that takes no more bytes, made with a limit on file size.
+struct full_device {
+  rlimit before{};
+  full_device() {
+    std::signal(SIGXFSZ, SIG_IGN);
+    getrlimit(RLIMIT_FSIZE, &before);
+    rlimit small = before;
+    small.rlim_cur = 500;
+    setrlimit(RLIMIT_FSIZE, &small);
+  }
+  ~full_device() { setrlimit(RLIMIT_FSIZE, &before); }
+};
+
+TEST_F(dialog_test, a_failed_save_leaves_the_old_file_whole) {
+  ASSERT_TRUE(write_work_file(*session, path));
+  const std::vector<char> old = read_bytes(path);
+  session->strategy.min_cluster_size = 51;
+  {
+    const full_device full;
+    EXPECT_FALSE(save_work_file_at(*session, path));
+  }
+  EXPECT_TRUE(session.user.told("Failed to save file " + path, "Kestrelvane work file"));
+  EXPECT_EQ(read_bytes(path), old);
+  EXPECT_TRUE(std::filesystem::exists(path + ".tmp"));
+  EXPECT_FALSE(session->operation.work_save_busy);
+  EXPECT_EQ(check_session(*session), "");
+
+  ASSERT_TRUE(write_work_file(*session, path));
+  EXPECT_NE(read_bytes(path), old);
+  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
+TEST_F(dialog_test, a_folder_without_permission_takes_no_file) {
+  ASSERT_TRUE(write_work_file(*session, path));
+  ASSERT_EQ(chmod(path.c_str(), 0000), 0);
+  ASSERT_EQ(chmod(directory.path.c_str(), 0500), 0);
+  // The superuser may do anything, so for a moment the test is somebody else.
+  const uid_t user = geteuid();
+  if (user == 0) ASSERT_EQ(seteuid(65534), 0);
+  EXPECT_FALSE(save_work_file_at(*session, path));
+  EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::failed);
+  if (user == 0) ASSERT_EQ(seteuid(user), 0);
+  ASSERT_EQ(chmod(directory.path.c_str(), 0700), 0);
+  EXPECT_TRUE(session.user.told("Failed to save file " + path, "Kestrelvane work file"));
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
