@@ -13,7 +13,7 @@ namespace {
 
 enum random_purpose : std::uint64_t { for_own_noise = 101, for_shared_noise = 102 };
 
-constexpr double shared_part = 0.35;  // of the variance
+constexpr double shared_part = 0.25;  // of the variance
 constexpr double shared_reach_um = 50;
 constexpr double farthest_source_um = 110;
 constexpr std::size_t most_sources = 3;
@@ -21,8 +21,8 @@ constexpr std::size_t most_sources = 3;
 typedef std::uint32_t generator_lanes __attribute__((vector_size(64), aligned(4), may_alias));
 
 // Smoothing kernels; the shared one reaches lower, as field potentials do.
-constexpr int own_taps[5] = {1, 4, 6, 4, 1};
-constexpr int shared_taps[9] = {1, 2, 3, 4, 5, 4, 3, 2, 1};
+constexpr int own_taps[3] = {1, 2, 1};
+constexpr int shared_taps[7] = {1, 2, 3, 4, 3, 2, 1};
 
 template <int N>
 float norm_of(const int (&taps)[N]) {
@@ -77,11 +77,11 @@ KESTRELVANE_CLONES void smooth(const float* own, const float* shared, float own_
                                float shared_size, float* out) {
   for (std::int32_t i = 0; i < noise_block; i += n_lanes) {
     float_lanes fine = {}, coarse = {};
-    for (int k = 0; k < 5; ++k) {
+    for (int k = 0; k < 3; ++k) {
       const auto tap = static_cast<float>(own_taps[k]);
       fine += tap * *reinterpret_cast<const float_lanes*>(own + i - k);
     }
-    for (int k = 0; k < 9; ++k) {
+    for (int k = 0; k < 7; ++k) {
       const auto tap = static_cast<float>(shared_taps[k]);
       coarse += tap * *reinterpret_cast<const float_lanes*>(shared + i - k);
     }

@@ -1,6 +1,8 @@
 // make-test and score: recordings with known truth, and how well a sort finds it.
 #include <fmt/format.h>
 
+#include <nlohmann/json.hpp>
+
 #include "batch/score.h"
 #include "batch/verbs.h"
 
@@ -27,6 +29,17 @@ batch_status run_make_test(const batch_options& options) {
   if (!made) return fail_batch(batch, problem);
   finish_console(console);
   if (!options.quiet) fmt::print("{}\n", options.output);
+  return batch_status::done;
+}
+
+batch_status run_score(const batch_options& options) {
+  sort_score score;
+  std::string problem;
+  if (!score_files(options.sorted_path, options.truth_path, score, problem)) {
+    fmt::print(stderr, "{}\n", problem);
+    return batch_status::failed;
+  }
+  fmt::print("{}", options.json ? score_json(score).dump(2) + "\n" : score_table(score));
   return batch_status::done;
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <string_view>
 
 #include "batch/batch_version.h"
 
@@ -130,9 +131,19 @@ void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
   if (row.choices != nullptr) option->check(CLI::IsMember(words_of(row.choices)));
 }
 
+bool is_verb(std::string_view word) {
+  for (const batch_verb& verb : verbs) {
+    if (word == verb.name) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 int run_batch_command(int argc, const char* const* argv) {
+  if (argc > 1 && argv[1][0] != '-' && !is_verb(argv[1])) {
+    return static_cast<int>(refuse_usage(fmt::format("There is no verb \"{}\"", argv[1])));
+  }
   CLI::App app{"Kestrelvane: spike sorting without windows", "kestrelvane-batch"};
   app.set_version_flag("--version", fmt::format("kestrelvane-batch {}", program_version));
   app.require_subcommand(1);

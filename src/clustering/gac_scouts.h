@@ -10,6 +10,7 @@
 
 namespace kestrelvane {
 
+// One record serves all stages of a run, so that its storage is made once.
 // Scouts in order; index 0 .. n_scouts - 1. A scout keeps the number of the point
 // that started it as its identity.
 struct gac_scouts {

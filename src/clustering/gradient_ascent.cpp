@@ -83,14 +83,15 @@ void relabel_by_size(std::int32_t n_labels, std::vector<std::int32_t>& labels) {
 
 }  // namespace
 
-void gac_stage(const session_state& session, const gac_points& points, std::int32_t s,
-               gac_tables& tables) {
+namespace {
+
+void run_stage(const session_state& session, const gac_points& points, std::int32_t s,
+               gac_scouts& scouts, gac_tables& tables) {
   const sorting_strategy_settings& strategy = session.strategy;
   const float g = stage_bandwidth(s);
   const gac_columns scaled = scale_points(points, g);
   const float radius = strategy.gac_merge_radius / g;
   const float h = radius * 0.5f;
-  gac_scouts scouts;
   start_scouts(scaled, scouts);
   merge_scouts(h, scouts);
 
@@ -111,6 +112,14 @@ void gac_stage(const session_state& session, const gac_points& points, std::int3
   relabel_by_size(scouts.n_scouts, tables.stage_labels[s]);
   tables.scouts_left[s] = scouts.n_scouts;
   tables.iterations[s] = iterations;
+}
+
+}  // namespace
+
+void gac_stage(const session_state& session, const gac_points& points, std::int32_t s,
+               gac_tables& tables) {
+  gac_scouts scouts;
+  run_stage(session, points, s, scouts, tables);
 }
 
 void count_stage_sizes(const session_state& session, gac_tables& tables, std::int32_t s) {
@@ -228,8 +237,9 @@ std::int32_t gac_run(session_state& session, const gac_points& points, gac_table
   const auto begin = std::chrono::steady_clock::now();
   tables.n = points.n;
   tables.final_stage = 0;
+  gac_scouts scouts;
   for (std::int32_t s = 1; s <= gac_stage_limit; ++s) {
-    gac_stage(session, points, s, tables);
+    run_stage(session, points, s, scouts, tables);
     count_stage_sizes(session, tables, s);
     tables.n_stages = s;
     if (s >= 3) link_stage(session, tables, s);

@@ -41,16 +41,27 @@ void build_gac_table(session_state& session) {
 namespace {
 
 // out[i] = sum over taps j of v[i + j - width] * taps[j], taps in rising order:
-// lanes are neighbouring samples. Works in whole lanes.
+// lanes are neighbouring samples. Works in whole lanes; samples are converted once,
+// as many as a block of the longest run needs.
+constexpr std::int32_t run_block = 10 * n_lanes;
+
 KESTRELVANE_CLONES void filter_run(const std::int16_t* v, const float* taps, std::int32_t width,
                                    std::int32_t n, float* out) {
-  for (std::int32_t i = 0; i < n; i += n_lanes) {
-    float_lanes sum = {};
-    for (std::int32_t j = 0; j <= 2 * width; ++j) {
-      const short_lanes samples = *reinterpret_cast<const short_lanes*>(v + i + j - width);
-      sum += __builtin_convertvector(samples, float_lanes) * taps[j];
+  float samples[run_block + 2 * 50 + 2 * n_lanes];
+  for (std::int32_t first = 0; first < n; first += run_block) {
+    const std::int32_t end = n - first < run_block ? n - first : run_block;
+    const std::int32_t n_samples = whole_lanes(whole_lanes(end) + 2 * width);
+    for (std::int32_t i = 0; i < n_samples; i += n_lanes) {
+      const short_lanes s = *reinterpret_cast<const short_lanes*>(v + first + i - width);
+      *reinterpret_cast<float_lanes*>(samples + i) = __builtin_convertvector(s, float_lanes);
     }
-    *reinterpret_cast<float_lanes*>(out + i) = sum;
+    for (std::int32_t i = 0; i < end; i += n_lanes) {
+      float_lanes sum = {};
+      for (std::int32_t j = 0; j <= 2 * width; ++j) {
+        sum += *reinterpret_cast<const float_lanes*>(samples + i + j) * taps[j];
+      }
+      *reinterpret_cast<float_lanes*>(out + first + i) = sum;
+    }
   }
 }
 

@@ -66,7 +66,9 @@ upward_includes find_upward_includes(const std::map<std::string, int>& ranks) {
     const std::string name = fs::relative(entry.path(), root / "src").generic_string();
     const int rank = ranks.at(name.substr(0, name.find('/')));
     for (const std::string& line : lines_of(entry.path())) {
-      if (!std::regex_search(line, parts, include) || ranks.at(parts[1]) <= rank) continue;
+      if (!std::regex_search(line, parts, include)) continue;
+      const auto other = ranks.find(parts[1]);  // a library's folder has no rank
+      if (other == ranks.end() || other->second <= rank) continue;
       auto& edges = extension == ".h" ? found.of_headers : found.of_sources;
       edges.insert(name + " -> " + parts[1].str() + "/" + parts[2].str());
     }

@@ -1,0 +1,307 @@
+// The batch command as a user runs it: exit status, words, files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "recording/open_recording.h"
+#include "results/work_file.h"
+#include "support/child_process.h"
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+using testing::HasSubstr;
+using words = std::vector<std::string>;
+
+process_result run(const words& arguments) { return run_process(KESTRELVANE_BATCH, arguments); }
+
+std::string text_of(const std::string& path) {
+  const std::vector<char> bytes = read_bytes(path);
+  return {bytes.begin(), bytes.end()};
+}
+
+// One small recording with known units for all tests of this file.
+struct shared_recording {
+  temporary_directory directory;
+  std::string path = directory.file("test.tsf");
+  process_result made = run({"make-test", path, "--electrode", "polytrode", "--channels", "6",
+                             "--minutes", "0.4", "--units", "4", "--amplitude-min", "120",
+                             "--firing-rate", "12", "--seed", "3", "--quiet"});
+};
+
+const shared_recording& recording() {
+  static const shared_recording made;
+  return made;
+}
+
+struct batch_test : ::testing::Test {
+  temporary_directory directory;
+  const std::string& tsf = recording().path;
+
+  void SetUp() override { ASSERT_EQ(recording().made.status, 0) << recording().made.err; }
+  std::string file(const std::string& name) const { return directory.file(name); }
+  bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
+  nlohmann::json json_of(const std::string& name) const {
+    return nlohmann::json::parse(text_of(file(name)));
+  }
+};
+
+// A work file without its run log.
+std::vector<char> without_log(const std::string& path) {
+  small_session session;
+  session.user.default_answer = true;
+  EXPECT_TRUE(open_recording(*session, recording().path));
+  bool wrong_file = false;
+  EXPECT_TRUE(read_work_file(*session, path, wrong_file)) << session.user.all_lines();
+  EXPECT_EQ(check_session(*session), "");
+  session->log.n_log_lines = 0;
+  EXPECT_TRUE(write_work_file(*session, path + ".again"));
+  return read_bytes(path + ".again");
+}
+
+TEST_F(batch_test, wrong_usage_ends_with_2) {
+  for (const words& arguments :
+       {words{}, words{"fly"}, words{"sort"}, words{"sort", tsf, "--set", "nonsense=1"},
+        words{"sort", tsf, "--set", "gac_gain"}, words{"sort", tsf, "--set", "gac_gain=1e9"},
+        words{"sort", tsf, "--export", "csv"}, words{"sort", tsf, "--export", "doc=a.doc"},
+        words{"sort", tsf, "--mask", "2-1"}, words{"sort", tsf, "--mask", "two"},
+        words{"sort", tsf, "--answer", "maybe"}, words{"sort", tsf, "--stop-after", "lunch"},
+        words{"sort", tsf, "--threads", "0"}, words{"info", tsf, "--save-work", "a.wrk"},
+        words{"export", tsf, "--export", "csv=a.csv"},
+        words{"make-test", file("a.tsf"), "--electrode", "spoon"},
+        words{"make-test", file("a.tsf"), "--minutes", "-1"}}) {
+    const process_result result = run(arguments);
+    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments) << result.err;
+    EXPECT_FALSE(result.err.empty()) << testing::PrintToString(arguments);
+  }
+}
+
+TEST_F(batch_test, every_verb_explains_itself) {
+  const process_result top = run({"--help"});
+  EXPECT_EQ(top.status, 0);
+  for (const std::string verb :
+       {"info", "sort", "detect", "export", "convert", "make-test", "score"}) {
+    EXPECT_THAT(top.out, HasSubstr(verb));
+    const process_result help = run({verb, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_THAT(help.out, HasSubstr("Usage"));
+  }
+  EXPECT_THAT(run({"sort", "--help"}).out, HasSubstr("--stop-after"));
+}
+
+TEST_F(batch_test, bad_recordings_end_with_1_and_words) {
+  std::ofstream(file("empty.tsf"));
+  std::ofstream(file("label.tsf")) << "This is no recording, whatever its name says.";
+  std::ofstream(file("notes.doc")) << "x";
+  std::filesystem::create_directory(file("folder.tsf"));
+  const std::pair<std::string, const char*> cases[] = {
+      {file("absent.tsf"), "Can't find file"},
+      {file("empty.tsf"), "Error reading tsf data file"},
+      {file("label.tsf"), "Error reading tsf data file"},
+      {file("notes.doc"), "Unrecognised file type"},
+      {file("folder.tsf"), "Can't open file"},
+      {"/dev/null", "Unrecognised file type"},
+  };
+  for (const auto& [path, said] : cases) {
+    for (const std::string verb : {"info", "sort"}) {
+      const process_result result = run({verb, path, "--quiet"});
+      EXPECT_EQ(result.status, 1) << path;
+      EXPECT_THAT(result.err, HasSubstr(said)) << path;
+      EXPECT_EQ(result.out, "");
+    }
+  }
+}
+
+TEST_F(batch_test, info_tells_what_a_recording_holds) {
+  const process_result text = run({"info", tsf, "--mask", "2"});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_THAT(text.out, HasSubstr("sampling frequency   25000 Hz"));
+  EXPECT_THAT(text.out, HasSubstr("masked"));
+  const process_result json = run({"info", tsf, "--json", "--quiet"});
+  EXPECT_EQ(json.err, "");
+  const nlohmann::json told = nlohmann::json::parse(json.out);
+  EXPECT_EQ(told["channels"], 6);
+  EXPECT_EQ(told["samples"], 600000);
+  EXPECT_EQ(told["sites"].size(), 6u);
+  EXPECT_GT(told["sites"][0]["noise_uv"], 1.0);
+}
+
+TEST_F(batch_test, sort_writes_what_was_asked_for) {
+  const process_result result =
+      run({"sort", tsf, "--save-work", file("a.wrk"), "--export", "csv=" + file("a.csv"),
+           "--export", "txt=" + file("u.txt"), "--export", "tsf=" + file("a.tsf"), "--report",
+           file("a.json"), "--log", file("a.log"), "--set", "min_cluster_size=30"});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("Beginning autosort"));
+  EXPECT_THAT(result.err, HasSubstr("Work saved in file " + file("a.wrk")));
+  EXPECT_THAT(result.err, testing::Not(HasSubstr("\r"))) << "no bar without a terminal";
+  EXPECT_THAT(result.out, HasSubstr("p-p/µV"));
+  EXPECT_THAT(text_of(file("a.log")), HasSubstr("events were detected"));
+  EXPECT_TRUE(exists("u_1.txt"));
+
+  const nlohmann::json report = json_of("a.json");
+  EXPECT_EQ(report["completed"], true);
+  EXPECT_EQ(report["settings"]["min_cluster_size"], 30);
+  EXPECT_EQ(report["settings"]["overlap_threshold"], 0.15);
+  EXPECT_EQ(report["units"].size(), report["clusters"]);
+  ASSERT_GE(report["units"].size(), 2u);
+  EXPECT_GT(report["units"][0]["snr"], 3.0);
+  EXPECT_GT(report["peak_memory_bytes"], 600000 * 6 * 2);
+  std::vector<std::string> stages;
+  for (const auto& stage : report["stages"]) stages.push_back(stage["name"]);
+  EXPECT_THAT(stages, testing::IsSupersetOf({"reading", "detection", "channel-clusters",
+                                             "first-pass", "lists", "merge-and-split"}));
+  // Nothing of the sort is beside the files that were asked for.
+  EXPECT_FALSE(exists("a.txt"));
+}
+
+TEST_F(batch_test, a_saved_sort_reads_back_and_exports_the_same) {
+  ASSERT_EQ(run({"sort", tsf, "--quiet", "--save-work", file("a.wrk"), "--export",
+                 "csv=" + file("a.csv")})
+                .status,
+            0);
+  const process_result exported =
+      run({"export", tsf, "--work", file("a.wrk"), "--export", "csv=" + file("b.csv")});
+  EXPECT_EQ(exported.status, 0) << exported.err;
+  EXPECT_THAT(exported.err, HasSubstr("Retrieved file " + file("a.wrk")));
+  EXPECT_EQ(text_of(file("b.csv")), text_of(file("a.csv")));
+  EXPECT_NE(text_of(file("a.csv")), "");
+
+  // Read over its recording and written again, the file is the same but for the log.
+  without_log(file("a.wrk"));
+  std::filesystem::rename(file("a.wrk.again"), file("c.wrk"));
+  without_log(file("c.wrk"));
+  EXPECT_EQ(read_bytes(file("c.wrk")), read_bytes(file("c.wrk.again")));
+
+  // The road taken again from the saved clusters; settings of the command line hold.
+  const process_result again =
+      run({"sort", tsf, "--work", file("a.wrk"), "--skip-detection", "--skip-clustering", "--set",
+           "overlap_threshold=0.25", "--report", file("r.json")});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_EQ(json_of("r.json")["settings"]["overlap_threshold"], 0.25);
+  EXPECT_THAT(again.err, testing::Not(HasSubstr("Detecting events")));
+}
+
+TEST_F(batch_test, every_stage_is_the_same_at_any_number_of_threads) {
+  const words forms[] = {{"--threads", "1"}, {"--threads", "2"}, {"--threads", "7"}, {"--serial"}};
+  for (const std::string stage : {"detection", "channel-clusters", "first-pass", "lists", "all"}) {
+    std::vector<char> first;
+    for (const words& form : forms) {
+      const std::string work = file("t.wrk");
+      words arguments{"sort", tsf, "--quiet", "--stop-after", stage, "--save-work", work};
+      arguments.insert(arguments.end(), form.begin(), form.end());
+      ASSERT_EQ(run(arguments).status, 0) << stage;
+      const std::vector<char> bytes = without_log(work);
+      if (first.empty()) first = bytes;
+      EXPECT_TRUE(bytes == first) << stage << " with " << testing::PrintToString(form);
+    }
+  }
+}
+
+TEST_F(batch_test, detect_finds_events_and_masked_channels_take_no_part) {
+  const process_result result =
+      run({"detect", tsf, "--mask", "1,3-4", "--quiet", "--save-work", file("d.wrk")});
+  EXPECT_EQ(result.status, 0) << result.err;
+  small_session session;
+  ASSERT_TRUE(open_recording(*session, tsf));
+  bool wrong_file = false;
+  ASSERT_TRUE(read_work_file(*session, file("d.wrk"), wrong_file));
+  EXPECT_GT(session->events.n_events, 100);
+  EXPECT_EQ(session->clusters.n_clusters, 0);
+  for (std::int32_t e = 1; e <= session->events.n_events; ++e) {
+    EXPECT_THAT(session->events.event_channel[e], testing::AnyOf(2, 5, 6));
+  }
+  EXPECT_EQ(run({"detect", tsf, "--mask", "7", "--quiet"}).status, 1);
+}
+
+TEST_F(batch_test, what_cannot_be_written_or_read_fails_in_words) {
+  const std::string nowhere = file("absent/");
+  const process_result result =
+      run({"detect", tsf, "--quiet", "--save-work", nowhere + "a.wrk", "--export",
+           "csv=" + nowhere + "a.csv", "--report", nowhere + "a.json"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("Failed to save file " + nowhere + "a.wrk"));
+  EXPECT_THAT(result.err, HasSubstr("Error exporting CSV format data "));
+  EXPECT_THAT(result.err, HasSubstr("Failed to save file " + nowhere + "a.json"));
+
+  const process_result log = run({"detect", tsf, "--log", nowhere + "a.log"});
+  EXPECT_EQ(log.status, 1);
+  EXPECT_THAT(log.err, HasSubstr("Error opening logfile"));
+
+  std::ofstream(file("bad.wrk")) << "no work file";
+  const process_result work = run({"sort", tsf, "--work", file("bad.wrk")});
+  EXPECT_EQ(work.status, 1);
+  EXPECT_THAT(work.err, HasSubstr("Failed to read file " + file("bad.wrk")));
+
+  const process_result plx = run({"detect", tsf, "--quiet", "--export", "plx=" + file("a.plx")});
+  EXPECT_EQ(plx.status, 1);
+  EXPECT_THAT(plx.err, HasSubstr("no writer"));
+
+  EXPECT_EQ(run({"sort", tsf, "--parameters", nowhere}).status, 1);
+  EXPECT_EQ(run({"sort", tsf, "--skip-detection"}).status, 1);
+}
+
+TEST_F(batch_test, no_events_are_a_failure_in_words) {
+  const process_result result =
+      run({"sort", tsf, "--set", "variable_multiplier=900", "--save-work", file("none.wrk")});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("No events detected: use lower threshold"));
+  EXPECT_FALSE(exists("none.wrk"));
+}
+
+TEST_F(batch_test, convert_keeps_samples_and_score_finds_them) {
+  ASSERT_EQ(run({"convert", tsf, file("c.tsf"), "--quiet"}).status, 0);
+  // Alike but for the display order of the channels, which the maker leaves to the reader.
+  std::vector<char> made = read_bytes(tsf), converted = read_bytes(file("c.tsf"));
+  ASSERT_EQ(made.size(), converted.size());
+  for (std::size_t c = 0; c < 6; ++c) std::memset(&made[36 + 8 * c + 4], 0, 4);
+  for (std::size_t c = 0; c < 6; ++c) std::memset(&converted[36 + 8 * c + 4], 0, 4);
+  EXPECT_TRUE(made == converted);
+
+  ASSERT_EQ(run({"sort", tsf, "--quiet", "--export", "csv=" + file("s.csv")}).status, 0);
+  const std::string truth = recording().directory.file("test.truth.csv");
+  const process_result score = run({"score", file("s.csv"), truth, "--json"});
+  ASSERT_EQ(score.status, 0) << score.err;
+  EXPECT_TRUE(nlohmann::json::parse(score.out).is_object());
+  EXPECT_EQ(run({"score", truth, truth}).status, 0);
+  const process_result absent = run({"score", file("absent.csv"), truth});
+  EXPECT_EQ(absent.status, 1);
+  EXPECT_FALSE(absent.err.empty());
+}
+
+TEST_F(batch_test, state_files_live_in_home_alone) {
+  const words detect{"detect", tsf, "--quiet"};
+  words first = detect;
+  first.insert(first.end(), {"--home", directory.path, "--set", "noise_window_secs=7"});
+  ASSERT_EQ(run(first).status, 0);
+  EXPECT_EQ(read_bytes(file("kv_parameters.sav")).size(), 436u);
+  EXPECT_EQ(read_bytes(file("kv_prefs.sav")).size(), 268u);
+  words second = detect;
+  second.insert(second.end(), {"--home", directory.path, "--report", file("r.json")});
+  ASSERT_EQ(run(second).status, 0);
+  EXPECT_EQ(json_of("r.json")["settings"]["noise_window_secs"], 7);
+}
+
+TEST_F(batch_test, ctrl_c_saves_what_has_been_done) {
+  // Interrupted as soon as clusters exist.
+  const auto press = [](pid_t process, const std::string& line) {
+    if (line.find("initial clusters") != std::string::npos) kill(process, SIGINT);
+  };
+  const process_result result =
+      run_process(KESTRELVANE_BATCH,
+                  {"sort", tsf, "--save-work", file("i.wrk"), "--report", file("i.json")}, press);
+  EXPECT_EQ(result.status, 1) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("User terminated autosort"));
+  EXPECT_EQ(json_of("i.json")["interrupted"], true);
+  without_log(file("i.wrk"));
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
