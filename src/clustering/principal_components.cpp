@@ -242,6 +242,13 @@ void fill_pc_rows(const session_state& session, const std::vector<pc_point>& poi
     const aligned_event& event = events[e];
     const std::int32_t s = interp_step(session, event.shift);
     float* row = rows.row(e);
+    if (e + prefetch_distance < rows.n_rows) {
+      for (const channel_run& run : runs) {
+        prefetch_samples(session.recording.vd.channel(run.channel) +
+                             events[e + prefetch_distance].time + run.first,
+                         run.last - run.first + 1);
+      }
+    }
     for (const channel_run& run : runs) {
       interp_run(session, session.recording.vd.channel(run.channel) + event.time + run.first, s,
                  run.last - run.first + 1, v);

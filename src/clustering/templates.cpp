@@ -114,7 +114,11 @@ void average_waveforms(session_state& session, std::int32_t cluster,
   alignas(64) float squares[whole_lanes(template_point_limit)] = {};
   alignas(64) float v[whole_lanes(template_point_limit)];
   const std::int16_t* samples = session.recording.vd.channel(channel);
-  for (const std::int32_t e : list) {
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const std::int32_t e = list[i];
+    if (i + prefetch_distance < list.size()) {
+      prefetch_samples(samples + events.event_time[list[i + prefetch_distance]] + first, used);
+    }
     interp_run(session, samples + events.event_time[e] + first,
                interp_step(session, events.event_shift[e]), used, v);
     add_waveform(v, used, sum, squares);

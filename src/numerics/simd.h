@@ -26,4 +26,13 @@ typedef std::int32_t int_lanes __attribute__((vector_size(64), aligned(4), may_a
 // n rounded up to whole lanes.
 constexpr int whole_lanes(int n) { return (n + n_lanes - 1) / n_lanes * n_lanes; }
 
+// Asks for the cache lines of a run of samples that will be read soon. Waveforms
+// of one cluster lie all over the recording, and waiting for each in turn costs
+// more than the arithmetic on them.
+inline void prefetch_samples(const std::int16_t* v, int n) {
+  constexpr int samples_per_line = 32;
+  for (int i = 0; i < n + samples_per_line; i += samples_per_line) __builtin_prefetch(v + i);
+}
+constexpr int prefetch_distance = 6;  // items ahead
+
 }  // namespace kestrelvane

@@ -30,7 +30,11 @@ class voltage_store {
     if (!samples_.reserve(stride * (n_channels + 1))) return false;
     stride_ = stride;
     max_time_ = max_time;
-    prefer_large_pages(samples_.first(), static_cast<std::size_t>(stride * n_channels) * 2);
+    // Only where a large page is mostly filled; short recordings would pay for zeros.
+    constexpr std::int64_t long_channel = 1 << 19;
+    if (stride >= long_channel) {
+      prefer_large_pages(samples_.first(), static_cast<std::size_t>(stride * n_channels) * 2);
+    }
     return true;
   }
   void release() {

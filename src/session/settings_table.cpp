@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "clustering/interpolation.h"
+#include "session/run_log.h"
 
 namespace kestrelvane {
 
@@ -19,6 +20,8 @@ constexpr double subcluster_colours[] = {0x2A22CD, 0xFF00,   0xD97A00, 0x5E348B,
 constexpr double window_sizes[] = {400, 500, 400, 500, 350, 350, 510, 250, 400, 500};
 constexpr double binwidths[] = {0.5, 2.0, 25.0};
 constexpr double voltage_window[] = {790, 600};
+
+constexpr std::int32_t interp_table_size = 1000;  // depth times width at most
 
 template <typename T>
 constexpr setting_type type_of() {
@@ -326,7 +329,7 @@ bool parse_number(std::string_view text, bool whole, double& value) {
 // Limits that concern two settings at once; empty when they hold.
 std::string validate_together(const session_state& session) {
   const sorting_strategy_settings& s = session.strategy;
-  if (s.interp_depth * s.interp_width > 1000) {
+  if (s.interp_depth * s.interp_width > interp_table_size) {
     return "interp_depth times interp_width must not exceed 1000";
   }
   if (!(s.template_window_start_ms < s.template_window_end_ms)) {
@@ -417,10 +420,7 @@ bool set_setting(session_state& session, std::string_view name, std::string_view
                                      : "a number");
     return false;
   }
-  // In the width of the setting, so that a limit itself is inside.
-  const float low = static_cast<float>(row->low);
-  const float high = static_cast<float>(row->high);
-  if (static_cast<float>(value) < low || static_cast<float>(value) > high) {
+  if (!setting_in_range(*row, value)) {
     problem = fmt::format("{} must be from {} to {}", name, row->low, row->high);
     return false;
   }
@@ -433,6 +433,41 @@ bool set_setting(session_state& session, std::string_view name, std::string_view
   }
   build_interp_table(session);
   return true;
+}
+
+bool setting_in_range(const setting_row& row, double value) {
+  if (row.type != setting_type::real) return value >= row.low && value <= row.high;
+  // In 32 bits, so that a limit such as 0.1 is itself inside.
+  const float v = static_cast<float>(value);
+  return v >= static_cast<float>(row.low) && v <= static_cast<float>(row.high);
+}
+
+std::int32_t settle_settings(session_state& session) {
+  std::int32_t n_settled = 0;
+  const auto restore = [&](const setting_row& row) {
+    log_message(session,
+                fmt::format("{} = {} is not possible, {} is used", row.name,
+                            setting_text(session, row), static_cast<float>(row.default_value)));
+    store_setting(session, row, 0, row.default_value);
+    ++n_settled;
+  };
+  for (const setting_row& row : rows) {
+    const bool steers_processing =
+        row.group == setting_group::parameters || row.group == setting_group::strategy;
+    if (!steers_processing) continue;
+    if (!setting_in_range(row, setting_value(session, row))) restore(row);
+  }
+  const sorting_strategy_settings& s = session.strategy;
+  if (s.interp_depth * s.interp_width > interp_table_size) {
+    restore(*find_setting("interp_depth"));
+    restore(*find_setting("interp_width"));
+  }
+  if (!(s.template_window_start_ms < s.template_window_end_ms)) {
+    restore(*find_setting("template_window_start_ms"));
+    restore(*find_setting("template_window_end_ms"));
+  }
+  if (n_settled > 0) build_interp_table(session);
+  return n_settled;
 }
 
 void set_default_preferences(session_state& session) {

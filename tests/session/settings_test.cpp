@@ -240,6 +240,29 @@ TEST_F(settings_test, set_setting_takes_names_and_says_what_is_wrong) {
   EXPECT_EQ(session->tables.depth, 50);
 }
 
+TEST_F(settings_test, a_file_s_numbers_are_taken_as_they_are_and_settled_before_a_run) {
+  EXPECT_EQ(settle_settings(*session), 0);
+  std::vector<char> bytes = default_parameters_file();
+  for (std::size_t field = 2; field <= 109; ++field) bytes = with_i32(bytes, 4 * (field - 1), -7);
+  write_bytes(parameters, bytes);
+  ASSERT_TRUE(read_parameters(*session));
+  EXPECT_EQ(session->strategy.pca_dimensions, -7);
+  EXPECT_TRUE(std::isnan(session->strategy.gac_gain));
+  EXPECT_GT(settle_settings(*session), 50);
+  EXPECT_EQ(session->strategy.pca_dimensions, 2);
+  EXPECT_EQ(session->strategy.gac_gain, 1.0f);
+  EXPECT_EQ(session->tables.depth, 10);
+  EXPECT_TRUE(session.user.logged("pca_dimensions = -7 is not possible, 2 is used"));
+  EXPECT_EQ(session->display.vd_channel_spacing, -7);
+  EXPECT_EQ(settle_settings(*session), 0);
+
+  session->strategy.interp_depth = session->strategy.interp_width = 50;
+  session->strategy.template_window_start_ms = 0.9f;
+  EXPECT_EQ(settle_settings(*session), 4);
+  EXPECT_EQ(session->strategy.interp_width, 6);
+  EXPECT_EQ(session->strategy.template_window_start_ms, -0.8f);
+}
+
 TEST_F(settings_test, texts_of_all_settings_read_back) {
   for (const setting_row& row : settings_table()) {
     if (row.address == nullptr || row.count > 1) continue;
