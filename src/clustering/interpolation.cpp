@@ -34,7 +34,9 @@ void build_interp_table(session_state& session) {
 
 void build_gac_table(session_state& session) {
   for (std::int32_t k = 0; k <= 10000; ++k) {
-    session.tables.gac_table[k] = static_cast<float>(std::exp(-k / 500.0));
+    // The argument is a 32-bit float, its exponential is taken in 64 bits.
+    const float argument = -static_cast<float>(k) / 500.0f;
+    session.tables.gac_table[k] = static_cast<float>(std::exp(static_cast<double>(argument)));
   }
 }
 

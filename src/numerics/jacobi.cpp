@@ -1,5 +1,6 @@
 #include "numerics/jacobi.h"
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -171,6 +172,11 @@ bool jacobi_in(float* rows, float* scratch, const float* a, std::int32_t n, std:
 
 }  // namespace
 
+void report_too_many_iterations(std::int32_t n, std::int32_t n_rotations, const failure_log& log) {
+  log("Too many iterations in routine Jacobi; " + std::to_string(n) + " " +
+      std::to_string(n_rotations));
+}
+
 bool jacobi(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors,
             std::int32_t& n_rotations, const failure_log& log) {
   n_rotations = 0;
@@ -185,34 +191,31 @@ bool jacobi(const float* a, std::int32_t n, std::int32_t stride, float* eigenval
     std::vector<float> scratch(2 * static_cast<std::size_t>(n));
     done = jacobi_in(rows.data(), scratch.data(), a, n, stride, eigenvalues, vectors, n_rotations);
   }
-  if (!done) {
-    log("Too many iterations in routine Jacobi; " + std::to_string(n) + " " +
-        std::to_string(n_rotations));
-  }
+  if (!done) report_too_many_iterations(n, n_rotations, log);
   return done;
+}
+
+void sort_eigenvectors(std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors) {
+  std::vector<float> keys(n);
+  std::vector<std::int32_t> order(n);
+  for (std::int32_t i = 0; i < n; ++i) keys[i] = -std::fabs(eigenvalues[i]);
+  index_sort(n, keys.data(), order.data());
+  const std::vector<float> values(eigenvalues, eigenvalues + n);
+  std::vector<float> unsorted(static_cast<std::size_t>(n) * n);
+  for (std::int32_t i = 0; i < n; ++i) {
+    std::copy_n(vectors + std::int64_t{i} * stride, n, unsorted.data() + std::int64_t{i} * n);
+  }
+  for (std::int32_t i = 0; i < n; ++i) {
+    const std::int32_t from = order[i] - 1;
+    eigenvalues[i] = values[from];
+    std::copy_n(unsorted.data() + std::int64_t{from} * n, n, vectors + std::int64_t{i} * stride);
+  }
 }
 
 bool eigen_decomposition(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues,
                          float* vectors, std::int32_t& n_rotations, const failure_log& log) {
   if (!jacobi(a, n, stride, eigenvalues, vectors, n_rotations, log)) return false;
-  std::vector<float> keys(n);
-  std::vector<std::int32_t> order(n);
-  for (std::int32_t i = 0; i < n; ++i) keys[i] = -std::fabs(eigenvalues[i]);
-  index_sort(n, keys.data(), order.data(), log);
-  const std::vector<float> values(eigenvalues, eigenvalues + n);
-  std::vector<float> unsorted(static_cast<std::size_t>(n) * n);
-  for (std::int32_t i = 0; i < n; ++i) {
-    for (std::int32_t k = 0; k < n; ++k) {
-      unsorted[std::int64_t{i} * n + k] = vectors[std::int64_t{i} * stride + k];
-    }
-  }
-  for (std::int32_t i = 0; i < n; ++i) {
-    const std::int32_t from = order[i] - 1;
-    eigenvalues[i] = values[from];
-    for (std::int32_t k = 0; k < n; ++k) {
-      vectors[std::int64_t{i} * stride + k] = unsorted[std::int64_t{from} * n + k];
-    }
-  }
+  sort_eigenvectors(n, stride, eigenvalues, vectors);
   return true;
 }
 

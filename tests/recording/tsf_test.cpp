@@ -261,6 +261,16 @@ TEST_F(tsf_test, bad_events_are_left_out_and_bad_clusters_become_unclustered) {
   EXPECT_EQ(check_session(*session), "");
 }
 
+TEST_F(tsf_test, templates_wait_for_a_spike_window_inside_the_samples) {
+  tsf_fixture f;
+  f.sampling_frequency = 1'000'000;  // 800 samples in front of an event at time index 1
+  f.events = {{1, 1, 1}, {60, 2, 3}};
+  ASSERT_TRUE(open(tsf_bytes(f)));
+  EXPECT_FALSE(session.user.logged("Making templates"));
+  EXPECT_TRUE(session.user.logged("Recalculating templates and realigning"));
+  EXPECT_EQ(check_session(*session), "");
+}
+
 TEST_F(tsf_test, hostile_header_fields_are_refused_in_clear_words) {
   const std::vector<char> good = tsf_bytes({});
   const auto can_not = [](const std::string& text) {
