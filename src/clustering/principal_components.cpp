@@ -118,8 +118,9 @@ void score_entropy(const session_state& session, std::int32_t slot,
   const recording_store& r = session.recording;
   const std::int32_t centre = session.templates.centre_channel(slot);
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    const double d = r.distance(centre, c);
-    const auto weight = static_cast<float>(std::exp(-d * d / 80000.0));
+    const float d = r.distance(centre, c);
+    const float argument = -(d * d) / 80000.0f;
+    const auto weight = static_cast<float>(std::exp(static_cast<double>(argument)));
     if (r.chan_mask[c] || !(weight > 0.001f)) continue;
     const std::int32_t start = window_first_sample(session);
     score_points(session, {c}, 1, session.templates.template_points, candidates,

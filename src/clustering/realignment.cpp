@@ -50,8 +50,9 @@ struct template_view {
 
 // Weight of a channel by its distance from the centre channel, scale 100 µm.
 float distance_weight(const template_view& view, std::int32_t channel) {
-  const double d = view.session.recording.distance(view.centre, channel);
-  return static_cast<float>(std::exp(-d * d / 20000.0));
+  const float d = view.session.recording.distance(view.centre, channel);
+  const float argument = -(d * d) / 20000.0f;
+  return static_cast<float>(std::exp(static_cast<double>(argument)));
 }
 
 std::int32_t find_extreme_point(const template_view& view, std::int32_t mode) {

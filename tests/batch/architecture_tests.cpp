@@ -2,11 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -39,13 +37,28 @@ std::map<std::string, int> folder_ranks() {
   return ranks;
 }
 
-// "source -> header" for every row of the table of upward includes.
+// The words between backquotes of a line.
+std::vector<std::string> quoted_words(const std::string& line) {
+  std::vector<std::string> words;
+  std::size_t at = 0;
+  for (std::size_t end; (at = line.find('`', at)) != std::string::npos; at = end + 1) {
+    end = line.find('`', at + 1);
+    if (end == std::string::npos) break;
+    words.push_back(line.substr(at + 1, end - at - 1));
+  }
+  return words;
+}
+
+// "source -> header" for every row "| `source` | `header` | reason |" of the table of
+// upward includes.
 std::set<std::string> listed_edges() {
-  const std::regex row(R"(^\| `(\w+/\w+\.cpp)` \| `(\w+/\w+\.h)` \| \S.*\|$)");
   std::set<std::string> edges;
-  std::smatch found;
   for (const std::string& line : lines_of(root / "docs/architecture.md")) {
-    if (std::regex_match(line, found, row)) edges.insert(found[1].str() + " -> " + found[2].str());
+    const std::vector<std::string> words = quoted_words(line);
+    if (!line.starts_with("| `") || words.size() != 2) continue;
+    if (words[0].ends_with(".cpp") && words[1].ends_with(".h")) {
+      edges.insert(words[0] + " -> " + words[1]);
+    }
   }
   return edges;
 }
@@ -55,22 +68,28 @@ struct upward_includes {
   int n_files = 0;
 };
 
+// The header that a line includes from a folder of ours, as "folder/name.h", or "".
+std::string included_header(const std::string& line, const std::map<std::string, int>& ranks) {
+  constexpr const char* start = "#include \"";
+  if (!line.starts_with(start)) return {};
+  const std::string header = line.substr(10, line.find('"', 10) - 10);
+  return ranks.contains(header.substr(0, header.find('/'))) ? header : std::string{};
+}
+
 upward_includes find_upward_includes(const std::map<std::string, int>& ranks) {
-  const std::regex include(R"re(^#include "(\w+)/(\w+\.h)")re");
+  const auto rank_of = [&](const std::string& name) {
+    return ranks.at(name.substr(0, name.find('/')));
+  };
   upward_includes found;
-  std::smatch parts;
   for (const auto& entry : fs::recursive_directory_iterator(root / "src")) {
     const std::string extension = entry.path().extension();
     if (extension != ".h" && extension != ".cpp") continue;
     ++found.n_files;
     const std::string name = fs::relative(entry.path(), root / "src").generic_string();
-    const int rank = ranks.at(name.substr(0, name.find('/')));
     for (const std::string& line : lines_of(entry.path())) {
-      if (!std::regex_search(line, parts, include)) continue;
-      const auto other = ranks.find(parts[1]);  // a library's folder has no rank
-      if (other == ranks.end() || other->second <= rank) continue;
-      auto& edges = extension == ".h" ? found.of_headers : found.of_sources;
-      edges.insert(name + " -> " + parts[1].str() + "/" + parts[2].str());
+      const std::string header = included_header(line, ranks);
+      if (header.empty() || rank_of(header) <= rank_of(name)) continue;
+      (extension == ".h" ? found.of_headers : found.of_sources).insert(name + " -> " + header);
     }
   }
   return found;

@@ -18,6 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) 
     fuzz::require(session.events.n_events == 0 && session.clusters.n_clusters == 0,
                   "half a sort is none");
   }
+  // Old versions keep events behind the last sample, where vd still holds zeros.
+  session.recording.n_samples = session.recording.max_vd_samples;
   fuzz::require_sound_session(session);
   return 0;
 }

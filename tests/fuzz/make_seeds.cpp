@@ -29,12 +29,14 @@ void make_tsf_seeds(const std::string& folder) {
     f.events = {{5, 1, 1}, {6, 2, 1}, {30, 1, 1}};
     put(folder, "format_" + std::to_string(format), tsf_bytes(f));
   }
-  put(folder, "sleep", [] {
-    tsf_fixture f;
-    f.n_samples = 8;
-    f.tail = {45};
-    return tsf_bytes(f);
-  }());
+  tsf_fixture sleep;
+  sleep.n_samples = 8;
+  sleep.tail = {45};
+  put(folder, "sleep", tsf_bytes(sleep));
+  tsf_fixture wide;  // the spike window reaches far in front of the first sample
+  wide.sampling_frequency = 1'000'000;
+  wide.events = {{1, 1, 1}};
+  put(folder, "wide_window", tsf_bytes(wide));
 }
 
 void make_settings_seeds(const std::string& folder) {
