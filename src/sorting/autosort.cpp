@@ -175,6 +175,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
 // Splits until every cluster is signed off.
 void first_pass(session_state& session, clock::time_point begin) {
   cluster_table& clusters = session.clusters;
+  session.operation.pause_requested = false;
   clusters.cluster_signed_off.clear();
   const std::int32_t old_current = clusters.current_cluster;
   for (;;) {

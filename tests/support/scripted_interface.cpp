@@ -24,6 +24,7 @@ void scripted_interface::attach(session_state& session) {
   ui.choose_save = ui.choose_open;
   ui.status = [](void* c, status_field, const std::string& text) {
     self(c).statuses.push_back(text);
+    if (self(c).on_status) self(c).on_status(text);
   };
   ui.log_line = [](void* c, std::string_view line) { self(c).lines.emplace_back(line); };
   ui.run_log_window = [](void* c, std::string_view line) {

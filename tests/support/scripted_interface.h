@@ -27,6 +27,7 @@ struct scripted_interface {
   std::string chosen_path;  // given by the file dialogs; empty: cancelled
   int pauses = 0;
   std::function<void()> on_pause;
+  std::function<void(const std::string& text)> on_status;
 
   // Makes the session talk to this user. The object must outlive the session's use.
   void attach(session_state& session);
