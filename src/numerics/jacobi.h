@@ -48,7 +48,7 @@ struct eigen_task {
 
 // eigen_decomposition of each task, with the same bits. Matrices are worked on
 // sixteen at a time where the processor's registers hold sixteen numbers, one
-// matrix to a lane, which takes about a third of the time; elsewhere one by one.
+// matrix to a lane, which takes less than half the time; elsewhere one by one.
 void eigen_decomposition_many(eigen_task* tasks, std::int32_t n_tasks, std::int32_t n,
                               std::int32_t stride, const failure_log& log = {});
 
