@@ -97,7 +97,7 @@ bool stands_apart(const planted_unit& unit, const std::vector<planted_unit>& oth
 void choose_cell_type(planted_unit& unit, double median_rate, random_stream& random) {
   const bool fast = random.chance(0.25);
   spike_shape& shape = unit.shape;
-  shape.trough_ms = fast ? random.uniform(0.055, 0.08) : random.uniform(0.075, 0.13);
+  shape.trough_ms = fast ? random.uniform(0.045, 0.065) : random.uniform(0.065, 0.105);
   shape.rise_ms = fast ? random.uniform(0.2, 0.35) : random.uniform(0.4, 0.8);
   shape.peak = fast ? random.uniform(0.25, 0.5) : random.uniform(0.15, 0.4);
   shape.first_peak = random.chance(0.3) ? random.uniform(0.08, 0.3) : 0;
@@ -235,7 +235,7 @@ std::vector<planted_unit> plan_units(const test_recording_options& options,
     unit.reach_um = random.uniform(26, 38);
     // Half a metre to two metres a second, up or down the dendrite.
     unit.slowness_ms_per_um = random.uniform(0.0005, 0.002) * (random.chance(0.5) ? 1.0 : -1.0);
-    unit.size_jitter = random.uniform(0.04, 0.09);
+    unit.size_jitter = random.uniform(0.02, 0.06);
     choose_cell_type(unit, options.median_rate, random);
     units.push_back(unit);
   }

@@ -51,11 +51,9 @@ batch_status sort_recording(batch_session& batch) {
   return batch.report.completed ? written : batch_status::failed;
 }
 
-}  // namespace
-
-batch_status run_sort(const batch_options& options) {
+batch_status take_the_road(const batch_options& options, const std::string& verb) {
   batch_session batch;
-  batch_status status = start_batch(batch, options, "sort");
+  batch_status status = start_batch(batch, options, verb);
   if (status == batch_status::wrong_usage) return status;
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
@@ -64,10 +62,14 @@ batch_status run_sort(const batch_options& options) {
   return status;
 }
 
+}  // namespace
+
+batch_status run_sort(const batch_options& options) { return take_the_road(options, "sort"); }
+
 batch_status run_detect(const batch_options& options) {
   batch_options detection = options;
   detection.stop_after = "detection";
-  return run_sort(detection);
+  return take_the_road(detection, "detect");
 }
 
 }  // namespace kestrelvane

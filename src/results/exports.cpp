@@ -42,9 +42,11 @@ bool accept_continuous(session_state& session) {
 // clang-format off
 constexpr export_format formats[] = {
   {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", nullptr, write_csv},
-  {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr, write_unit_texts},
+  {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr,
+   write_unit_texts},
   {"plx", "Plexon (.plx)", ".plx", "Plexon (*.PLX)", nullptr, nullptr},
-  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx single tetrode(*.NTT)", accept_neuralynx, nullptr},
+  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx single tetrode(*.NTT)", accept_neuralynx,
+   nullptr},
   {"evt", "Neuroscope (.evt)", ".evt", "Neuroscope (*.EVT)", nullptr, nullptr},
   {"nev", "Blackrock (.nev)", ".nev", "Blackrock(*.NEV)", accept_blackrock, nullptr},
   {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr, nullptr},
@@ -118,7 +120,7 @@ bool write_unit_text(const session_state& session, const std::string& path,
 void take_out_duplicates(session_state& session) {
   const std::int32_t removed = remove_duplicate_events(session, true);
   if (removed == 0) return;
-  log_message(session, fmt::format("{} duplicate events removed from clusters", removed));
+  say(session, fmt::format("{} duplicate events removed from clusters", removed));
 }
 
 bool save_beside(session_state& session, const std::string& path, const std::string& what,

@@ -286,7 +286,34 @@ TEST_F(batch_test, state_files_live_in_home_alone) {
   words second = detect;
   second.insert(second.end(), {"--home", directory.path, "--report", file("r.json")});
   ASSERT_EQ(run(second).status, 0);
+  EXPECT_EQ(json_of("r.json")["verb"], "detect");
   EXPECT_EQ(json_of("r.json")["settings"]["noise_window_secs"], 7);
+  // The same file can be named without a home; what is set by hand comes after it.
+  words third = detect;
+  third.insert(third.begin() + 1, {"--set", "coincidence_ms=0.3", "--set", "pe_step=0.5"});
+  third.insert(third.end(), {"--parameters", file("kv_parameters.sav"), "--set", "noise_method=1",
+                             "--report", file("p.json")});
+  ASSERT_EQ(run(third).status, 0);
+  EXPECT_EQ(json_of("p.json")["settings"]["noise_window_secs"], 7);
+  EXPECT_EQ(json_of("p.json")["settings"]["noise_method"], 1);
+  EXPECT_EQ(json_of("p.json")["settings"]["pe_step"], 0.5);
+}
+
+TEST_F(batch_test, a_configuration_places_the_channels) {
+  std::ofstream config(file("probe.cfg"));
+  config << "probe\n";
+  for (int c = 1; c <= 6; ++c) config << c << " " << c << " 7 " << 100 * c << "\n";
+  config.close();
+  const process_result placed =
+      run({"info", tsf, "--config", file("probe.cfg"), "--json", "--quiet"});
+  ASSERT_EQ(placed.status, 0) << placed.err;
+  EXPECT_EQ(nlohmann::json::parse(placed.out)["sites"][5]["y_um"], 600);
+
+  std::ofstream(file("short.cfg")) << "probe\n1 1 0 0\n";
+  const process_result shorter = run({"info", tsf, "--config", file("short.cfg")});
+  EXPECT_EQ(shorter.status, 1);
+  EXPECT_THAT(shorter.err, HasSubstr("maps 1 channels, the recording has 6"));
+  EXPECT_EQ(run({"info", tsf, "--config", file("absent.cfg")}).status, 1);
 }
 
 TEST_F(batch_test, ctrl_c_saves_what_has_been_done) {

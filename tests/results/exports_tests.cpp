@@ -5,6 +5,7 @@
 
 #include <filesystem>
 
+#include "support/full_device.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -147,6 +148,21 @@ TEST_F(export_test, save_as_takes_its_steps_in_order) {
   EXPECT_TRUE(session.user.told("Saved work file " + directory.file("a.wrk"), "Export data"));
   EXPECT_TRUE(session.user.told("Saved comments file " + directory.file("a.txt"), "Export data"));
   EXPECT_TRUE(exists("a.wrk") && exists("a.txt"));
+}
+
+TEST_F(export_test, a_full_device_costs_the_new_file_only) {
+  const std::string path = directory.file("a.csv");
+  ASSERT_TRUE(write_csv(*session, path));
+  const std::string old = text_of("a.csv");
+  set_events(std::vector<event>(100, {25, 1, 1}));
+  {
+    const full_device full;
+    EXPECT_FALSE(write_csv(*session, path));
+    EXPECT_FALSE(write_unit_texts(*session, directory.file("u.txt")));
+  }
+  EXPECT_EQ(text_of("a.csv"), old);
+  EXPECT_FALSE(exists("u_1.txt"));
+  EXPECT_TRUE(session.user.told("Error exporting CSV format data "));
 }
 
 TEST_F(export_test, the_dialog_follows_the_settings) {

@@ -101,7 +101,7 @@ TEST_F(damage_test, no_single_flipped_bit_breaks_the_session) {
   int refused = 0;
   std::size_t at = 0;
   while (at < file.bytes.size()) {
-    for (const int bit : {0, 6, 7}) {
+    for (const int bit : {static_cast<int>(at % 7), 7}) {
       std::vector<char> bytes = file.bytes;
       bytes[at] = static_cast<char>(bytes[at] ^ (1 << bit));
       refused += read(bytes) ? 0 : 1;

@@ -1,13 +1,12 @@
 // Opening and saving work files as the user does it: boxes, questions, failed saves.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 
 #include "results/work_file.h"
+#include "support/full_device.h"
 #include "support/small_session.h"
 #include "support/work_file_fixture.h"
 
@@ -71,19 +70,6 @@ TEST_F(dialog_test, saving_tells_how_it_went) {
   EXPECT_TRUE(session.user.told("Failed to save file " + nowhere, "Kestrelvane work file"));
   EXPECT_FALSE(session->operation.work_save_busy);
 }
-
-// A device that takes no more bytes, made with a limit on file size.
-struct full_device {
-  rlimit before{};
-  full_device() {
-    std::signal(SIGXFSZ, SIG_IGN);
-    getrlimit(RLIMIT_FSIZE, &before);
-    rlimit small = before;
-    small.rlim_cur = 500;
-    setrlimit(RLIMIT_FSIZE, &small);
-  }
-  ~full_device() { setrlimit(RLIMIT_FSIZE, &before); }
-};
 
 TEST_F(dialog_test, a_failed_save_leaves_the_old_file_whole) {
   ASSERT_TRUE(write_work_file(*session, path));
