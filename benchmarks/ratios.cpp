@@ -147,7 +147,9 @@ void benchmark_gradient_ascent() {
         for (const int stage : s.stages) gac_stage(*session, points, stage, *fast);
       };
       report(fmt::format("clustering 1 / 2 threads, {} points, {} dimensions", s.n, dimensions),
-             time_side_by_side(3, [&] { run(1); }, [&] { run(2); }), true);
+             time_side_by_side(
+                 3, [&] { run(1); }, [&] { run(2); }),
+             true);
     }
   }
 }
@@ -211,8 +213,9 @@ void benchmark_pairs_and_templates() {
           restore();
           for (std::int32_t c = 1; c <= n; ++c) align_events(*session, c);
         });
-    report(fmt::format("event alignment plain / fast, {}", multiplicative ? "multiplicative" : "rms"),
-           times, std::memcmp(plain_time.data(), session->events.event_time.first(), bytes) == 0);
+    report(
+        fmt::format("event alignment plain / fast, {}", multiplicative ? "multiplicative" : "rms"),
+        times, std::memcmp(plain_time.data(), session->events.event_time.first(), bytes) == 0);
   }
 }
 

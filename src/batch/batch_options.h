@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ struct batch_options {
   test_recording_options test;
   // --- score
   std::string sorted_path, truth_path;
+  double noise_uv = std::numeric_limits<double>::quiet_NaN();  // not a number: not given
 };
 
 }  // namespace kestrelvane

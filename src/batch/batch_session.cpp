@@ -52,8 +52,10 @@ bool apply_settings(batch_session& batch, std::string& problem) {
 }
 
 bool read_parameters_option(batch_session& batch) {
-  return batch.options.parameters.empty() ||
-         read_parameters_file(*batch.session, batch.options.parameters);
+  if (batch.options.parameters.empty()) return true;
+  if (!read_parameters_file(*batch.session, batch.options.parameters)) return false;
+  settle_settings(*batch.session);
+  return true;
 }
 
 // Threads and the skip boxes of Autosort belong to this run, whatever was kept from

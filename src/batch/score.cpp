@@ -12,6 +12,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "session/session_state.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -132,6 +134,33 @@ void join_units_file(const std::string& path, sort_score& score) {
     u.rate_hz = found->second.second;
     score.has_amplitudes = true;
   }
+}
+
+bool tells_noise(const sort_score& score) { return score.has_amplitudes && score.noise_uv > 0; }
+
+std::string band_lines(const sort_score& score) {
+  std::string text;
+  const char* unit = " the noise";  // said once
+  for (const score_band& band : count_in_bands(score)) {
+    std::string where = fmt::format("{} to {} times", band.from, band.to);
+    if (std::isinf(band.to)) where = fmt::format("{} or more times above", band.from);
+    if (band.from == 0) where = fmt::format("below {} times", band.to);
+    const bool first = text.empty();
+    text += fmt::format("{}{}: {} of {}{}\n", where, first ? unit : "", band.n_above_four_fifths,
+                        band.n_units, first ? " units with accuracy 0.8 or better" : "");
+  }
+  return text;
+}
+
+nlohmann::json band_json(const sort_score& score) {
+  nlohmann::json bands = nlohmann::json::array();
+  for (const score_band& band : count_in_bands(score)) {
+    bands.push_back({{"from", band.from},
+                     {"to", std::isinf(band.to) ? nlohmann::json() : nlohmann::json(band.to)},
+                     {"units", band.n_units},
+                     {"above_0.8", band.n_above_four_fifths}});
+  }
+  return bands;
 }
 
 // One row's shortest augmenting path in the assignment of least cost. Columns and
@@ -314,16 +343,49 @@ bool score_files(const std::string& sorted_path, const std::string& truth_path, 
   return true;
 }
 
+double median_noise_uv(const session_state& session) {
+  const recording_store& r = session.recording;
+  std::vector<double> noise;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!r.chan_mask[c]) noise.push_back(double{r.chan_noise[c]} * r.vscale_HP);
+  }
+  if (noise.empty()) return 0;
+  std::sort(noise.begin(), noise.end());
+  return (noise[(noise.size() - 1) / 2] + noise[noise.size() / 2]) / 2;
+}
+
+double amplitude_over_noise(const sort_score& score, const unit_score& unit) {
+  return score.noise_uv > 0 ? unit.amplitude_uv / score.noise_uv : 0;
+}
+
+std::vector<score_band> count_in_bands(const sort_score& score) {
+  if (!tells_noise(score)) return {};
+  std::vector<score_band> bands{{10, std::numeric_limits<double>::infinity()}, {7, 10}, {0, 7}};
+  for (const unit_score& u : score.units) {
+    if (u.amplitude_uv <= 0) continue;
+    const double height = amplitude_over_noise(score, u);
+    for (score_band& band : bands) {
+      if (height < band.from || height >= band.to) continue;
+      ++band.n_units;
+      if (u.accuracy >= four_fifths) ++band.n_above_four_fifths;
+    }
+  }
+  return bands;
+}
+
 std::string score_table(const sort_score& score) {
+  const bool with_noise = tells_noise(score);
   std::string text = fmt::format("{:>5} {:>7} {:>7} {:>8} {:>8} {:>8}", "unit", "channel", "sorted",
                                  "planted", "events", "matches");
   if (score.has_amplitudes) text += fmt::format(" {:>8} {:>8}", "µV", "Hz");
+  if (with_noise) text += fmt::format(" {:>8}", "µV/noise");
   text += fmt::format(" {:>9} {:>9} {:>9}\n", "accuracy", "precision", "recall");
   for (const unit_score& u : score.units) {
     const std::string partner = u.sorted_unit >= 0 ? std::to_string(u.sorted_unit) : "-";
     text += fmt::format("{:>5} {:>7} {:>7} {:>8} {:>8} {:>8}", u.unit, u.channel, partner,
                         u.n_planted, u.n_sorted, u.n_matches);
     if (score.has_amplitudes) text += fmt::format(" {:>8.1f} {:>8.2f}", u.amplitude_uv, u.rate_hz);
+    if (with_noise) text += fmt::format(" {:>8.2f}", amplitude_over_noise(score, u));
     text += fmt::format(" {:>9.3f} {:>9.3f} {:>9.3f}\n", u.accuracy, u.precision, u.recall);
   }
   text += fmt::format(
@@ -331,10 +393,12 @@ std::string score_table(const sort_score& score) {
       "{} sorted units, {} of them without a partner; {} of {} planted spikes matched\n",
       score.units.size(), score.n_above_four_fifths, score.n_above_half, score.n_sorted_units,
       score.n_extra_units, score.n_matches, score.n_planted_spikes);
+  if (with_noise) text += fmt::format("noise {:.2f} µV\n", score.noise_uv) + band_lines(score);
   return text;
 }
 
 nlohmann::json score_json(const sort_score& score) {
+  const bool with_noise = tells_noise(score);
   nlohmann::json units = nlohmann::json::array();
   for (const unit_score& u : score.units) {
     nlohmann::json one = {{"unit", u.unit},           {"channel", u.channel},
@@ -346,17 +410,23 @@ nlohmann::json score_json(const sort_score& score) {
       one["amplitude_uv"] = u.amplitude_uv;
       one["rate_hz"] = u.rate_hz;
     }
+    if (with_noise) one["amplitude_over_noise"] = amplitude_over_noise(score, u);
     units.push_back(std::move(one));
   }
-  return {{"units", std::move(units)},
-          {"planted_units", score.units.size()},
-          {"sorted_units", score.n_sorted_units},
-          {"extra_units", score.n_extra_units},
-          {"planted_spikes", score.n_planted_spikes},
-          {"sorted_spikes", score.n_sorted_spikes},
-          {"matches", score.n_matches},
-          {"above_0.5", score.n_above_half},
-          {"above_0.8", score.n_above_four_fifths}};
+  nlohmann::json all = {{"units", std::move(units)},
+                        {"planted_units", score.units.size()},
+                        {"sorted_units", score.n_sorted_units},
+                        {"extra_units", score.n_extra_units},
+                        {"planted_spikes", score.n_planted_spikes},
+                        {"sorted_spikes", score.n_sorted_spikes},
+                        {"matches", score.n_matches},
+                        {"above_0.5", score.n_above_half},
+                        {"above_0.8", score.n_above_four_fifths}};
+  if (with_noise) {
+    all["noise_uv"] = score.noise_uv;
+    all["bands"] = band_json(score);
+  }
+  return all;
 }
 
 }  // namespace kestrelvane

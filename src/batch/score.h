@@ -5,6 +5,10 @@
 // Jonker and Volgenant 1987). The agreement of two trains is
 //   matches / (n_planted + n_sorted - matches),
 // a match being a pair of spikes at most 0.4 ms apart, each used once.
+//
+// What a sorter can be asked to find depends on how far a unit stands out: where the
+// noise of the recording is known, units are also counted in bands of amplitude over
+// noise.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +17,8 @@
 #include <vector>
 
 namespace kestrelvane {
+
+struct session_state;
 
 // Spikes of a sort or of the truth, by time.
 struct spike_list {
@@ -29,7 +35,7 @@ struct unit_score {
   std::int32_t channel = 0;       // of most of its spikes
   std::int32_t sorted_unit = -1;  // its partner; -1: none shares a spike with it
   std::int32_t n_planted = 0, n_sorted = 0, n_matches = 0;
-  double amplitude_uv = 0;  // of the units file; 0 without one
+  double amplitude_uv = 0;  // of the units file; 0: not known
   double rate_hz = 0;
   double accuracy = 0;   // the agreement
   double precision = 0;  // matches / n_sorted
@@ -44,6 +50,14 @@ struct sort_score {
   std::int32_t n_above_half = 0;         // planted units with accuracy >= 0.5
   std::int32_t n_above_four_fifths = 0;  // and >= 0.8
   bool has_amplitudes = false;
+  double noise_uv = 0;  // of the recording, set by the caller; 0: not known
+};
+
+// The planted units whose amplitude is from .. to (exclusive) times the noise.
+struct score_band {
+  double from, to;
+  std::int32_t n_units = 0;
+  std::int32_t n_above_four_fifths = 0;  // of these, with accuracy >= 0.8
 };
 
 constexpr double match_window_s = 0.0004;
@@ -69,6 +83,18 @@ sort_score score_sort(const spike_list& sorted, const spike_list& truth);
 bool score_files(const std::string& sorted_path, const std::string& truth_path, sort_score& score,
                  std::string& problem);
 
+// Typical noise of the open recording in µV: the median over channels that are not
+// masked, of an even number the mean of the middle two. 0 when all are masked.
+double median_noise_uv(const session_state& session);
+
+// Amplitude over noise of a unit; 0 when either is not known.
+double amplitude_over_noise(const sort_score& score, const unit_score& unit);
+
+// Units of known amplitude counted in bands: 10 times the noise and more, 7 to 10,
+// below 7. Empty when amplitudes or noise are not known.
+std::vector<score_band> count_in_bands(const sort_score& score);
+
+// Both show amplitude over noise, and the bands, when they are known.
 std::string score_table(const sort_score& score);
 nlohmann::json score_json(const sort_score& score);
 

@@ -1,6 +1,7 @@
 // make-test and score: recordings with known truth, and how well a sort finds it.
 #include <fmt/format.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "batch/score.h"
@@ -32,13 +33,54 @@ batch_status run_make_test(const batch_options& options) {
   return batch_status::done;
 }
 
+namespace {
+
+// What is wrong with the options that tell the noise, or an empty text.
+std::string noise_problem(const batch_options& options) {
+  if (std::isnan(options.noise_uv)) return {};
+  if (!options.recording.empty()) {
+    return "--noise and --recording both tell the noise: give one of them";
+  }
+  if (options.noise_uv <= 0 || std::isinf(options.noise_uv)) {
+    return fmt::format("--noise {}: not a voltage above 0", options.noise_uv);
+  }
+  return {};
+}
+
+batch_status measure_noise(const batch_options& options, double& noise_uv) {
+  batch_session batch;
+  batch_options opening = options;
+  opening.quiet = true;  // the table is all that this verb prints
+  batch_status status = start_batch(batch, opening, "score");
+  if (status == batch_status::done) status = open_recording_for_batch(batch);
+  finish_batch(batch);
+  if (status != batch_status::done) return status;
+  noise_uv = median_noise_uv(*batch.session);
+  if (noise_uv > 0) return status;
+  return fail_batch(batch, "No noise was found in " + options.recording);
+}
+
+}  // namespace
+
 batch_status run_score(const batch_options& options) {
+  std::string problem = noise_problem(options);
+  if (!problem.empty()) return refuse_usage(problem);
+  double noise_uv = std::isnan(options.noise_uv) ? 0 : options.noise_uv;
+  if (!options.recording.empty()) {
+    const batch_status status = measure_noise(options, noise_uv);
+    if (status != batch_status::done) return status;
+  }
   sort_score score;
-  std::string problem;
   if (!score_files(options.sorted_path, options.truth_path, score, problem)) {
     fmt::print(stderr, "{}\n", problem);
     return batch_status::failed;
   }
+  if (noise_uv > 0 && !score.has_amplitudes) {
+    fmt::print(stderr, "No amplitudes are known: there is no list of units beside {}\n",
+               options.truth_path);
+    return batch_status::failed;
+  }
+  score.noise_uv = noise_uv;
   fmt::print("{}", options.json ? score_json(score).dump(2) + "\n" : score_table(score));
   return batch_status::done;
 }

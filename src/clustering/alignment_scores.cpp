@@ -19,8 +19,7 @@ __attribute__((always_inline)) inline void add_products(const std::int16_t* v, c
   for (int b = 0; b < blocks; ++b) local[b] = sums[b];
   for (std::int32_t i = 0; i < n_points; ++i) {
     for (int b = 0; b < blocks; ++b) {
-      const short_lanes samples =
-          *reinterpret_cast<const short_lanes*>(v + i * step + b * n_lanes);
+      const short_lanes samples = *reinterpret_cast<const short_lanes*>(v + i * step + b * n_lanes);
       local[b] += __builtin_convertvector(samples, float_lanes) * values[i];
     }
   }
@@ -91,13 +90,12 @@ void score_differences(const session_state& session, const alignment_target& tar
   }
 }
 
-void score_products(const session_state& session, const alignment_target& target,
-                    std::int32_t time, float* scores) {
+void score_products(const session_state& session, const alignment_target& target, std::int32_t time,
+                    float* scores) {
   float_lanes sums[7] = {};
   for (std::size_t k = 0; k < target.channels.size(); ++k) {
-    sum_products(first_sample(session, target, k, time),
-                 target.values.data() + k * target.n_points, target.n_points, target.step,
-                 count_blocks(target), sums);
+    sum_products(first_sample(session, target, k, time), target.values.data() + k * target.n_points,
+                 target.n_points, target.step, count_blocks(target), sums);
   }
   const float scale = session.recording.vscale_HP;
   const auto terms = static_cast<float>(target.values.size());

@@ -26,7 +26,7 @@ struct alignment_target {
 void score_differences(const session_state& session, const alignment_target& target,
                        std::int32_t time, float* scores);
 // Signed root of -(sum of vd * template), times vscale_HP / terms, low likewise.
-void score_products(const session_state& session, const alignment_target& target,
-                    std::int32_t time, float* scores);
+void score_products(const session_state& session, const alignment_target& target, std::int32_t time,
+                    float* scores);
 
 }  // namespace kestrelvane

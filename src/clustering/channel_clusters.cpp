@@ -37,9 +37,8 @@ void form_tetrode_clusters(session_state& session) {
   const recording_store& r = session.recording;
   for (std::int32_t g = 1; g <= r.n_tetrodes; ++g) {
     const std::int32_t c = clusters.current_cluster + 1;
-    const std::int32_t count = assign_events(session, c, [&](std::int32_t channel) {
-      return r.tetrode_of_channel[channel] == g;
-    });
+    const std::int32_t count = assign_events(
+        session, c, [&](std::int32_t channel) { return r.tetrode_of_channel[channel] == g; });
     if (count < session.strategy.min_cluster_size) {
       unassign_events(session, c);
     } else {
@@ -101,8 +100,7 @@ void delete_small_channel_clusters(session_state& session) {
       ++c;
     }
   }
-  log_message(session,
-              fmt::format("{} subthreshold sized clusters deleted as a result", deleted));
+  log_message(session, fmt::format("{} subthreshold sized clusters deleted as a result", deleted));
 }
 
 }  // namespace
@@ -125,8 +123,7 @@ void form_channel_clusters(session_state& session) {
   }
   realign_all_clusters(session);
   const std::int32_t far_events = drop_far_events(session);
-  log_message(session,
-              fmt::format("# of events far from their template channel ={}", far_events));
+  log_message(session, fmt::format("# of events far from their template channel ={}", far_events));
   if (far_events > 0) {
     log_message(session, "deleting these events");
     delete_small_channel_clusters(session);
@@ -158,7 +155,8 @@ void convert_channels_to_clusters(session_state& session) {
   const std::int32_t n = session.clusters.n_clusters;
   if (n > 0) {
     tell(session,
-         fmt::format("Events clustered by channel, {} {} found.", n, n == 1 ? "cluster" : "clusters"),
+         fmt::format("Events clustered by channel, {} {} found.", n,
+                     n == 1 ? "cluster" : "clusters"),
          "Done!", box_icon::information);
   }
 }

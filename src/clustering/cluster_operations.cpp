@@ -95,8 +95,8 @@ void copy_record_down(session_state& session, std::int32_t cluster) {
   template_table& templates = session.templates;
   const std::int32_t from = cluster + 1;
   clusters.cluster_ellipse[cluster] = clusters.cluster_ellipse[from];
-  const std::size_t template_bytes = sizeof(float) * template_point_limit *
-                                     static_cast<std::size_t>(templates.allocated_channels);
+  const std::size_t template_bytes =
+      sizeof(float) * template_point_limit * static_cast<std::size_t>(templates.allocated_channels);
   std::memcpy(templates.mean(cluster, 1) + 1, templates.mean(from, 1) + 1, template_bytes);
   std::memcpy(templates.sd(cluster, 1) + 1, templates.sd(from, 1) + 1, template_bytes);
   templates.template_n_channels[cluster] = templates.template_n_channels[from];
@@ -248,11 +248,10 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
   clusters.cluster_signed_off[low] = false;
   clusters.cluster_sigma[low] = sigma;
   const std::int32_t removed = remove_coincident_cluster_events(session, low);
-  log_message(session, fmt::format("{} coincident events were removed from the merged cluster",
-                                   removed));
+  log_message(session,
+              fmt::format("{} coincident events were removed from the merged cluster", removed));
   if (!clusters.cluster_comment[low].is_blank()) {
-    clusters.cluster_comment[low].assign(
-        "Comment deleted because it was merged with another unit");
+    clusters.cluster_comment[low].assign("Comment deleted because it was merged with another unit");
   }
   update_lists_for_cluster(session, low);
 }

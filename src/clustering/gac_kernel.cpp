@@ -63,14 +63,13 @@ void form_terms(const float* kernel, const float* scout, const float* inside,
     decltype(hn::Zero(d)) difference[8] = {zero, zero, zero, zero, zero, zero, zero, zero};
     auto squared = zero;
     for (int c = 0; c < dimensions; ++c) {
-      difference[c] = hn::Sub(hn::LoadU(d, inside + std::int64_t{c} * inside_stride + i),
-                              hn::Set(d, scout[c]));
+      difference[c] =
+          hn::Sub(hn::LoadU(d, inside + std::int64_t{c} * inside_stride + i), hn::Set(d, scout[c]));
       const auto square = hn::Mul(difference[c], difference[c]);
       squared = c == 0 ? square : hn::Add(squared, square);
     }
     // Beyond the table the weight is its last entry, 0.
-    const auto scaled =
-        hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
+    const auto scaled = hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
     const auto weight = hn::GatherIndex(d, kernel, hn::ConvertTo(di, scaled));
     for (int c = 0; c < dimensions; ++c) difference[c] = hn::Mul(difference[c], weight);
     hn::StoreInterleaved4(weight, difference[0], difference[1], difference[2], d, terms + 4 * i);

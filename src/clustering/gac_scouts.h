@@ -21,7 +21,7 @@ struct gac_scouts {
   std::vector<std::int32_t> stall;  // tiny steps so far
   // A step that left the scout exactly where it was will do so again, since the
   // points it climbs are fixed: such a scout is not computed anew.
-  std::vector<char> frozen;       // 1 frozen, 2 frozen by a tiny step
+  std::vector<char> frozen;          // 1 frozen, 2 frozen by a tiny step
   std::vector<std::int32_t> parent;  // by identity: whom it was merged into; -1 alive
 };
 
@@ -31,9 +31,9 @@ void start_scouts(const gac_columns& points, gac_scouts& scouts);
 // Moves every scout that has not stopped; returns how many still go.
 struct gac_step_settings {
   float gain;
-  float stop_step;           // already divided by the stage's bandwidth
+  float stop_step;  // already divided by the stage's bandwidth
   std::int32_t stall_limit;
-  const float* kernel;       // 10,002 entries
+  const float* kernel;  // 10,002 entries
   std::int32_t n_threads;
 };
 std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& settings,

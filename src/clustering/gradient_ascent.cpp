@@ -9,6 +9,7 @@
 
 #include "clustering/gac_scouts.h"
 #include "clustering/principal_components.h"
+#include "numerics/parallel.h"
 
 namespace kestrelvane {
 
@@ -233,26 +234,57 @@ void count_long_lived(const session_state& session, gac_tables& tables) {
 
 }  // namespace
 
+namespace {
+
+// A cloud this large keeps all threads busy inside one stage.
+constexpr std::int32_t large_cloud = 3000;
+// Stages run ahead of the one that is judged: those beyond the stop are idle work.
+constexpr std::int32_t stages_ahead = 4;
+
+// Runs stages first..last, side by side when that pays: they depend on nothing but
+// the points.
+void run_stages(const session_state& session, const gac_points& points, std::int32_t first,
+                std::int32_t last, std::vector<gac_scouts>& scouts, gac_tables& tables) {
+  const std::int32_t n_threads = points.n < large_cloud ? threads_now(session) : 1;
+  if (static_cast<std::int32_t>(scouts.size()) < n_threads) scouts.resize(n_threads);
+  parallel_for_dealt(n_threads, first, last, [&](std::int64_t s, std::int32_t rank) {
+    run_stage(session, points, static_cast<std::int32_t>(s), scouts[rank], tables);
+  });
+}
+
+// Takes a stage into the tables; sets final_stage when it meets a stop rule.
+void judge_stop(session_state& session, std::int32_t s, gac_tables& tables) {
+  count_stage_sizes(session, tables, s);
+  tables.n_stages = s;
+  if (s >= 3) link_stage(session, tables, s);
+  if (s < gac_first_judged_stage) return;
+  as_cl_scores_update(session, tables, s);
+  if (has_obvious_cluster(session, tables, s)) {
+    if (log_timing(session)) log_message(session, "Splitting obvious cluster");
+    tables.obvious = true;
+    tables.final_stage = s;
+  } else if (is_settled(session, tables, s)) {
+    tables.final_stage = s;
+  }
+}
+
+}  // namespace
+
 std::int32_t gac_run(session_state& session, const gac_points& points, gac_tables& tables) {
   const auto begin = std::chrono::steady_clock::now();
   tables.n = points.n;
   tables.final_stage = 0;
-  gac_scouts scouts;
-  for (std::int32_t s = 1; s <= gac_stage_limit; ++s) {
-    run_stage(session, points, s, scouts, tables);
-    count_stage_sizes(session, tables, s);
-    tables.n_stages = s;
-    if (s >= 3) link_stage(session, tables, s);
-    if (s < gac_first_judged_stage) continue;
-    as_cl_scores_update(session, tables, s);
-    if (has_obvious_cluster(session, tables, s)) {
-      if (log_timing(session)) log_message(session, "Splitting obvious cluster");
-      tables.obvious = true;
-      tables.final_stage = s;
-    } else if (is_settled(session, tables, s)) {
-      tables.final_stage = s;
+  std::vector<gac_scouts> scouts(1);
+  const std::int32_t ahead = std::min(threads_now(session), stages_ahead);
+  for (std::int32_t first = 1; first <= gac_stage_limit && tables.final_stage == 0;) {
+    // No rule is asked before the sixth stage.
+    const std::int32_t last =
+        first == 1 ? gac_first_judged_stage : std::min(first + ahead - 1, gac_stage_limit);
+    run_stages(session, points, first, last, scouts, tables);
+    for (std::int32_t s = first; s <= last && tables.final_stage == 0; ++s) {
+      judge_stop(session, s, tables);
     }
-    if (tables.final_stage != 0) break;
+    first = last + 1;
   }
   count_long_lived(session, tables);
   if (log_timing(session)) {

@@ -43,7 +43,7 @@ struct gac_tables {
   std::int32_t as_cl_sizes[gac_stage_limit + 1][gac_label_limit + 1] = {};
   std::int32_t as_cl_scores[gac_stage_limit + 1][gac_label_limit + 1] = {};
   std::int32_t as_cluster_map[gac_stage_limit + 1][gac_label_limit + 1] = {};
-  std::int32_t nc_ge_min[gac_stage_limit + 1] = {};  // leading labels of min_cluster_size
+  std::int32_t nc_ge_min[gac_stage_limit + 1] = {};        // leading labels of min_cluster_size
   std::int32_t nc_ge_threshold[gac_stage_limit + 1] = {};  // of those, with score >= threshold
   std::int32_t n_clusters_ge_tiny_size_list[gac_stage_limit + 1] = {};
   std::int32_t scouts_left[gac_stage_limit + 1] = {};

@@ -53,8 +53,7 @@ std::vector<std::int32_t> channels_near_centre(const session_state& session, std
 // Scores points first..last of each channel until the candidates are full.
 template <typename Score>
 void score_points(const session_state& session, const std::vector<std::int32_t>& channels,
-                  std::int32_t first, std::int32_t last, pc_candidates& candidates,
-                  Score&& score) {
+                  std::int32_t first, std::int32_t last, pc_candidates& candidates, Score&& score) {
   const std::int32_t start = window_first_sample(session);
   for (const std::int32_t channel : channels) {
     for (std::int32_t t = first; t <= last && !candidates.full(); ++t) {
@@ -96,10 +95,10 @@ float point_entropy(const session_state& session, const std::vector<aligned_even
   float bins[2 * reach + 1] = {};
   float total = 0.0f;
   for (const aligned_event& e : events) {
-    const float v = interp_voltage(session, e.time + offset, channel,
-                                   interp_step(session, e.shift));
-    const auto bin = static_cast<std::int32_t>(
-        (v * session.recording.vscale_HP + 1000.0f) / 5.0f - 200.0f);
+    const float v =
+        interp_voltage(session, e.time + offset, channel, interp_step(session, e.shift));
+    const auto bin =
+        static_cast<std::int32_t>((v * session.recording.vscale_HP + 1000.0f) / 5.0f - 200.0f);
     if (bin < -reach || bin > reach) continue;
     bins[bin + reach] += 1.0f;
     total += 1.0f;
@@ -154,10 +153,9 @@ pc_candidates score_candidates(session_state& session, std::int32_t slot, std::i
                    gradient);
       break;
     case pc_voltage_plus_gradient:
-      score_points(session, assigned_channels(session, slot), 2, points - 1, candidates,
-                   [&](std::int32_t c, std::int32_t t) {
-                     return gradient(c, t) + 0.5f * voltage(c, t);
-                   });
+      score_points(
+          session, assigned_channels(session, slot), 2, points - 1, candidates,
+          [&](std::int32_t c, std::int32_t t) { return gradient(c, t) + 0.5f * voltage(c, t); });
       break;
     default:
       score_points(session, assigned_channels(session, slot), 1, points, candidates,
@@ -179,8 +177,8 @@ std::vector<pc_point> select_pc_points(session_state& session, std::int32_t slot
                                        const std::vector<aligned_event>& entropy_events) {
   const std::int32_t method = session.strategy.pc_point_selection;
   if (method < pc_max_variance || method > pc_voltage_plus_gradient) {
-    log_message(session,
-                fmt::format("Error in pc_point_selection flag {}; valid codes are -1 to 4", method));
+    log_message(session, fmt::format("Error in pc_point_selection flag {}; valid codes are -1 to 4",
+                                     method));
   }
   if (method == pc_distributed) return distribute_points(session, slot);
   const pc_candidates candidates = score_candidates(session, slot, method, entropy_events);
@@ -267,9 +265,8 @@ typedef double double_lanes __attribute__((vector_size(128)));
 // sums[p][r] for points p = first_p .. first_p + 3 and 16 points r from first_r:
 // products in 32 bits, added in 64 in the order of the rows.
 template <int n_p>
-__attribute__((always_inline)) inline void sum_products_block(const float* rows,
-                                                              std::int64_t step, std::int64_t k,
-                                                              std::int32_t first_p,
+__attribute__((always_inline)) inline void sum_products_block(const float* rows, std::int64_t step,
+                                                              std::int64_t k, std::int32_t first_p,
                                                               std::int32_t first_r,
                                                               double_lanes* sums) {
   double_lanes local[n_p] = {};
@@ -373,8 +370,7 @@ std::int32_t stride_member(std::int32_t i, std::int32_t n, std::int32_t m) {
   return static_cast<std::int32_t>(std::int64_t{i - 1} * n / m) + 1;
 }
 
-std::vector<aligned_event> stride_events(const std::vector<aligned_event>& events,
-                                         std::int32_t m) {
+std::vector<aligned_event> stride_events(const std::vector<aligned_event>& events, std::int32_t m) {
   const auto n = static_cast<std::int32_t>(events.size());
   std::vector<aligned_event> chosen(m);
   for (std::int32_t i = 1; i <= m; ++i) chosen[i - 1] = events[stride_member(i, n, m) - 1];

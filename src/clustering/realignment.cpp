@@ -43,9 +43,7 @@ struct template_view {
   std::int32_t points;
   std::int32_t centre;
 
-  const float* on(std::int32_t channel) const {
-    return session.templates.mean(cluster, channel);
-  }
+  const float* on(std::int32_t channel) const { return session.templates.mean(cluster, channel); }
 };
 
 // Weight of a channel by its distance from the centre channel, scale 100 µm.
@@ -77,8 +75,8 @@ struct feature {
 feature find_crossing(const float* t, std::int32_t first, std::int32_t last, std::int32_t mode) {
   feature best;
   for (std::int32_t p = first; p <= last; ++p) {
-    const bool crosses = mode == 4 ? t[p] < 0.0f && t[p + 1] >= 0.0f
-                                   : t[p] > 0.0f && t[p + 1] <= 0.0f;
+    const bool crosses =
+        mode == 4 ? t[p] < 0.0f && t[p + 1] >= 0.0f : t[p] > 0.0f && t[p + 1] <= 0.0f;
     const float steepness = mode == 4 ? t[p + 1] - t[p] : t[p] - t[p + 1];
     if (crosses && steepness > best.steepness) {
       const float inside = mode == 4 ? -t[p] / steepness : t[p] / steepness;
@@ -287,8 +285,8 @@ float fit_event(session_state& session, const alignment_target& target, std::int
   } else {
     score_differences(session, target, time, scores);
   }
-  const std::int32_t d = multiplicative ? find_lowest_minimum(s, target.w)
-                                        : find_sharpest_minimum(s, target.w);
+  const std::int32_t d =
+      multiplicative ? find_lowest_minimum(s, target.w) : find_sharpest_minimum(s, target.w);
   return d < -target.w ? 0.0f : move_to_vertex(session, event, s, d);
 }
 
@@ -374,8 +372,8 @@ void realign_all_clusters(session_state& session) {
   const std::int32_t n_threads = threads_now(session);
   const bool timing = log_timing(session);
   if (timing) {
-    log_message(session, n_threads > 1 ? "starting threaded alignment loop"
-                                       : "starting unthreaded loop");
+    log_message(session,
+                n_threads > 1 ? "starting threaded alignment loop" : "starting unthreaded loop");
   }
   const std::int32_t n = session.clusters.n_clusters;
   // Clusters share no event and no template, so each is done from first step to

@@ -140,7 +140,9 @@ void mark_choice(session_state& session, const std::vector<std::int32_t>& list,
   for (std::size_t i = 0; i < list.size(); ++i) {
     const std::int32_t label = labels[i];
     session.events.event_subcluster[list[i]] =
-        static_cast<std::int16_t>(label == chosen_label ? 1 : label == gac_label_limit ? 100 : 0);
+        static_cast<std::int16_t>(label == chosen_label      ? 1
+                                  : label == gac_label_limit ? 100
+                                                             : 0);
   }
 }
 

@@ -31,14 +31,27 @@ std::int32_t window_last_sample(const session_state& session) {
 
 void compute_template_points(session_state& session) {
   const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
-  session.templates.template_points =
-      points < 3 ? 3 : points > template_point_limit ? template_point_limit : points;
+  session.templates.template_points = points < 3                      ? 3
+                                      : points > template_point_limit ? template_point_limit
+                                                                      : points;
 }
 
+namespace {
+
+// Every read of a template window stays inside vd, margins included: the window
+// itself, a realignment and a template shift of 50 samples each, and the taps of
+// the interpolation.
+bool window_stays_inside(const session_state& session) {
+  const std::int32_t reach = 100 + session.tables.width;
+  return window_first_sample(session) >= -(vd_margin - 1 - reach) &&
+         window_last_sample(session) <= 1000 - 2 * n_lanes - reach;
+}
+
+}  // namespace
+
 bool shorten_spike_window(session_state& session) {
-  if (window_last_sample(session) - window_first_sample(session) < template_point_limit) {
-    return false;
-  }
+  const std::int32_t width = window_last_sample(session) - window_first_sample(session);
+  if (width < template_point_limit && window_stays_inside(session)) return false;
   const auto f = static_cast<float>(session.recording.sampling_frequency);
   session.strategy.template_window_start_ms = -75000.0f / f;
   session.strategy.template_window_end_ms = 74000.0f / f;
@@ -52,8 +65,8 @@ std::int32_t thin_event_list(std::vector<std::int32_t>& list, std::int32_t limit
   const auto n = static_cast<std::int32_t>(list.size());
   if (n <= limit) return n;
   for (std::int32_t i = 1; i <= limit; ++i) {
-    const float position = static_cast<float>(i - 1) * static_cast<float>(n) /
-                           static_cast<float>(limit);
+    const float position =
+        static_cast<float>(i - 1) * static_cast<float>(n) / static_cast<float>(limit);
     list[i - 1] = list[static_cast<std::size_t>(position)];
   }
   list.resize(limit);

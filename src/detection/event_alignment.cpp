@@ -57,13 +57,11 @@ aligned_time align_to_extremum(const session_state& session, std::int32_t featur
     best_is_peak = peak;
   }
   if (!found) return {t, 0.0f};
-  return best_is_peak ? refine_peak(session, channel, best)
-                      : refine_trough(session, channel, best);
+  return best_is_peak ? refine_peak(session, channel, best) : refine_trough(session, channel, best);
 }
 
 // Rows 4 and 5: the steepest zero crossing of adjacent samples.
-aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t t,
-                               std::int32_t h) {
+aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t t, std::int32_t h) {
   std::int32_t best = 0, best_step = 0;
   for (std::int32_t i = t - h; i < t + h; ++i) {
     const bool crosses = rising ? v[i] <= 0 && v[i + 1] >= 1 : v[i] >= 0 && v[i + 1] <= -1;

@@ -49,8 +49,7 @@ bool any_mark_left(const event_table& events) {
 
 std::int32_t delete_coincident_events(session_state& session) {
   event_table& events = session.events;
-  const std::int32_t tolerance =
-      std::max(1, samples_of(session, session.detection.coincidence_ms));
+  const std::int32_t tolerance = std::max(1, samples_of(session, session.detection.coincidence_ms));
   bool any = false;
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     const std::int32_t last = std::min(e + look_ahead, events.n_events);

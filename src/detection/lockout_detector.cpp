@@ -149,9 +149,11 @@ lockout_feature find_detection_time(const session_state& session, std::int32_t c
   return {owner, t, false};
 }
 
+// Half-width of the lockout window, held to what the margin of vd allows.
 float lockout_samples(const session_state& session) {
-  return static_cast<float>(session.recording.sampling_frequency) * session.detection.lockout_ms /
-         1000.0f;
+  constexpr float widest = vd_margin - 50;
+  return std::min(widest, static_cast<float>(session.recording.sampling_frequency) *
+                              session.detection.lockout_ms / 1000.0f);
 }
 
 // True when one of the newest events is the same spike.
@@ -189,8 +191,7 @@ bool event_within_lockout(const session_state& session, std::int32_t c1, std::in
 }
 
 lockout_feature find_lockout_feature(const session_state& session, std::int32_t row,
-                                     std::int32_t channel, std::int32_t t,
-                                     std::int32_t last_time) {
+                                     std::int32_t channel, std::int32_t t, std::int32_t last_time) {
   const auto w = static_cast<std::int32_t>(lockout_samples(session));
   const auto narrow = static_cast<std::int32_t>(lockout_samples(session) - 1.0f);
   switch (row) {

@@ -31,7 +31,6 @@ struct lockout_feature {
 // The feature routine of a row of the alignment table, window half-width in
 // samples. last_time is the time returned for the last trigger of any channel.
 lockout_feature find_lockout_feature(const session_state& session, std::int32_t row,
-                                     std::int32_t channel, std::int32_t t,
-                                     std::int32_t last_time);
+                                     std::int32_t channel, std::int32_t t, std::int32_t last_time);
 
 }  // namespace kestrelvane

@@ -18,8 +18,8 @@ namespace {
 
 constexpr std::int32_t round_limit = 500;
 constexpr std::int32_t quiet_round_limit = 25;
-constexpr std::int32_t merge_reach = 100;   // entries ahead that may merge
-constexpr std::int32_t label_reach = 50;    // entries ahead whose labels follow
+constexpr std::int32_t merge_reach = 100;  // entries ahead that may merge
+constexpr std::int32_t label_reach = 50;   // entries ahead whose labels follow
 constexpr float neighbour_radius_squared = 6.25f;
 
 // Samples of one temporal sigma.
@@ -60,8 +60,8 @@ bool allocate_proto_events(session_state& session, proto_event_table& p) {
   session.detector.pe_alloc_failed = false;
   for (std::int32_t tries = 0; tries < 3; ++tries) {
     if (tries == 0) {
-      log_message(session, "Allocating memory for " + std::to_string(p.max_proto_events) +
-                               " proto-events");
+      log_message(session,
+                  "Allocating memory for " + std::to_string(p.max_proto_events) + " proto-events");
     } else {
       p.max_proto_events /= 2;
       log_message(session, "Reducing memory request to" + std::to_string(p.max_proto_events));
@@ -280,8 +280,8 @@ void merge_point(proto_event_table& p, std::int32_t i, std::int32_t j) {
 // Merges what has met, in order; returns how many points died. With a step of 1 a
 // point stays among its neighbours, within 2.5 of where it began, so points that
 // began further apart than twice that cannot meet.
-std::int32_t merge_points(const session_state& session, proto_event_table& p,
-                          climbing_state& state, bool compare_all) {
+std::int32_t merge_points(const session_state& session, proto_event_table& p, climbing_state& state,
+                          bool compare_all) {
   const bool bounded = session.detection.pe_step == 1.0f;
   constexpr double furthest = 2 * 2.6 + 0.5;
   std::int32_t merges = 0;
@@ -370,9 +370,11 @@ void make_events(session_state& session, const proto_event_table& p) {
   event_table& events = session.events;
   const detection_settings& settings = session.detection;
   const float sigma_samples = samples_per_sigma(session);
-  const auto h = static_cast<std::int32_t>(
-      static_cast<float>(session.recording.sampling_frequency) * 2.0f * settings.pe_sigma_ms /
-      1000.0f);
+  // Held to what the margin of vd allows an interpolated read in front of it.
+  constexpr std::int32_t widest = vd_margin - 70;
+  const auto h = std::min(
+      widest, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                        2.0f * settings.pe_sigma_ms / 1000.0f));
   std::vector<std::int32_t> alive;
   for (std::int32_t i = 1; i <= p.n_proto_events; ++i) {
     if (p.pe_head[i] > 0) alive.push_back(i);
@@ -384,10 +386,9 @@ void make_events(session_state& session, const proto_event_table& p) {
     const std::int32_t i = alive[e - 1];
     const auto t = static_cast<std::int32_t>(p.pe_t[i] * static_cast<double>(sigma_samples));
     const std::int32_t channel =
-        settings.register_to_cog
-            ? find_nearest_channel(session, p.pe_x[i] * settings.pe_sigma_um,
-                                   p.pe_y[i] * settings.pe_sigma_um)
-            : find_loudest_channel(p, i);
+        settings.register_to_cog ? find_nearest_channel(session, p.pe_x[i] * settings.pe_sigma_um,
+                                                        p.pe_y[i] * settings.pe_sigma_um)
+                                 : find_loudest_channel(p, i);
     const aligned_time aligned = align_event(session, channel, t, h);
     events.event_time[e] = aligned.time;
     events.event_shift[e] = aligned.offset;

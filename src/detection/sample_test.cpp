@@ -17,9 +17,9 @@ constexpr const char* method_names[] = {"Unipolar threshold", "Bipolar threshold
                                         "Multiphasic filter", "Dynamic multiphasic filter",
                                         "Windowed Teager"};
 constexpr const char* feature_names[] = {
-    "Positive peak",  "Negative trough", "Largest peak/trough", "Max +ve zero crossing",
-    "Max -ve zero crossing", "Max +ve slope", "Max -ve slope", "v² weighted c.o.g.",
-    "Detection time"};
+    "Positive peak",         "Negative trough",       "Largest peak/trough",
+    "Max +ve zero crossing", "Max -ve zero crossing", "Max +ve slope",
+    "Max -ve slope",         "v² weighted c.o.g.",    "Detection time"};
 
 constexpr std::int32_t plateau_limit = 6;
 
@@ -101,8 +101,7 @@ bool sample_triggers(const trigger_test& test, const std::int16_t* v) {
       return triggers_dynamic(test, v);
     case method_teager: {
       const auto centre = static_cast<float>(v[0]);
-      const float sides =
-          static_cast<float>(v[-test.window]) * static_cast<float>(v[test.window]);
+      const float sides = static_cast<float>(v[-test.window]) * static_cast<float>(v[test.window]);
       return centre * centre - sides >= test.teager_threshold;
     }
     default:
@@ -118,7 +117,7 @@ trigger_test make_trigger_test(session_state& session, std::int32_t channel, boo
   }
   trigger_test test;
   test.method = session.detection.detection_method;
-  test.window = session.detection.window_samples;
+  test.window = std::clamp(session.detection.window_samples, 0, vd_margin - 1);
   test.threshold_pos = session.detector.threshold_pos;
   test.threshold_neg = session.detector.threshold_neg;
   test.threshold_bits = session.detector.threshold_bits;
@@ -211,15 +210,14 @@ bool next_stretch(session_state& session, scan_stretch& stretch) {
       std::int64_t{session.detection.noise_window_secs} * r.sampling_frequency;
   if (session.detection.noise_static || !r.is_continuous || window < 1) return true;
   const auto number = static_cast<std::int32_t>(stretch.first / window + 1);
-  stretch.last = static_cast<std::int32_t>(
-      std::min<std::int64_t>(stretch.last, window * number - 1));
+  stretch.last =
+      static_cast<std::int32_t>(std::min<std::int64_t>(stretch.last, window * number - 1));
   if (number != stretch.noise_window) {
     stretch.noise_window = number;
-    const auto centre = static_cast<std::int32_t>(
-        std::min<std::int64_t>(window * number - window / 2, INT32_MAX));
+    const auto centre =
+        static_cast<std::int32_t>(std::min<std::int64_t>(window * number - window / 2, INT32_MAX));
     parallel_for(threads_now(session), 1, r.n_channels, [&](std::int64_t c, std::int32_t) {
-      session.recording.chan_noise[c] =
-          window_noise(session, static_cast<std::int32_t>(c), centre);
+      session.recording.chan_noise[c] = window_noise(session, static_cast<std::int32_t>(c), centre);
     });
   }
   return true;

@@ -33,7 +33,7 @@ struct trigger_test {
   std::int32_t threshold_pos = 0;  // bits
   std::int32_t threshold_neg = 0;
   std::int32_t threshold_bits = 0;
-  float teager_threshold = 0.0f;   // bits squared
+  float teager_threshold = 0.0f;  // bits squared
   bool masked = false;
 };
 

@@ -170,29 +170,10 @@ bool jacobi_in(float* rows, float* scratch, const float* a, std::int32_t n, std:
   return done;
 }
 
-}  // namespace
-
+// The line of a failed jacobi.
 void report_too_many_iterations(std::int32_t n, std::int32_t n_rotations, const failure_log& log) {
   log("Too many iterations in routine Jacobi; " + std::to_string(n) + " " +
       std::to_string(n_rotations));
-}
-
-bool jacobi(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors,
-            std::int32_t& n_rotations, const failure_log& log) {
-  n_rotations = 0;
-  if (n <= 0) return true;
-  bool done;
-  if (n <= stack_order) {
-    alignas(64) float rows[2 * stack_order * stack_order];
-    float scratch[2 * stack_order];
-    done = jacobi_in(rows, scratch, a, n, stride, eigenvalues, vectors, n_rotations);
-  } else {
-    std::vector<float> rows(2 * static_cast<std::size_t>(n) * whole_lanes(n));
-    std::vector<float> scratch(2 * static_cast<std::size_t>(n));
-    done = jacobi_in(rows.data(), scratch.data(), a, n, stride, eigenvalues, vectors, n_rotations);
-  }
-  if (!done) report_too_many_iterations(n, n_rotations, log);
-  return done;
 }
 
 void sort_eigenvectors(std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors) {
@@ -210,6 +191,26 @@ void sort_eigenvectors(std::int32_t n, std::int32_t stride, float* eigenvalues, 
     eigenvalues[i] = values[from];
     std::copy_n(unsorted.data() + std::int64_t{from} * n, n, vectors + std::int64_t{i} * stride);
   }
+}
+
+}  // namespace
+
+bool jacobi(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors,
+            std::int32_t& n_rotations, const failure_log& log) {
+  n_rotations = 0;
+  if (n <= 0) return true;
+  bool done;
+  if (n <= stack_order) {
+    alignas(64) float rows[2 * stack_order * stack_order];
+    float scratch[2 * stack_order];
+    done = jacobi_in(rows, scratch, a, n, stride, eigenvalues, vectors, n_rotations);
+  } else {
+    std::vector<float> rows(2 * static_cast<std::size_t>(n) * whole_lanes(n));
+    std::vector<float> scratch(2 * static_cast<std::size_t>(n));
+    done = jacobi_in(rows.data(), scratch.data(), a, n, stride, eigenvalues, vectors, n_rotations);
+  }
+  if (!done) report_too_many_iterations(n, n_rotations, log);
+  return done;
 }
 
 bool eigen_decomposition(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues,

@@ -25,31 +25,9 @@ namespace kestrelvane {
 bool jacobi(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors,
             std::int32_t& n_rotations, const failure_log& log = {});
 
-// The line of a failed jacobi.
-void report_too_many_iterations(std::int32_t n, std::int32_t n_rotations, const failure_log& log);
-
-// Sorts eigenvalues by descending magnitude (index_sort on the negated magnitudes)
-// and their vectors with them.
-void sort_eigenvectors(std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors);
-
-// jacobi, then sort_eigenvectors. When jacobi fails nothing is reordered.
+// jacobi, then sorted by descending magnitude of the eigenvalue (index_sort on the
+// negated magnitudes). When jacobi fails nothing is reordered.
 bool eigen_decomposition(const float* a, std::int32_t n, std::int32_t stride, float* eigenvalues,
                          float* vectors, std::int32_t& n_rotations, const failure_log& log = {});
-
-// One of several matrices of the same order; fields as the arguments of
-// eigen_decomposition.
-struct eigen_task {
-  const float* a = nullptr;
-  float* eigenvalues = nullptr;
-  float* vectors = nullptr;
-  std::int32_t n_rotations = 0;
-  bool done = false;
-};
-
-// eigen_decomposition of each task, with the same bits. Matrices are worked on
-// sixteen at a time where the processor's registers hold sixteen numbers, one
-// matrix to a lane, which takes less than half the time; elsewhere one by one.
-void eigen_decomposition_many(eigen_task* tasks, std::int32_t n_tasks, std::int32_t n,
-                              std::int32_t stride, const failure_log& log = {});
 
 }  // namespace kestrelvane

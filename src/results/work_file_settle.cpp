@@ -213,7 +213,7 @@ void settle_settings(session_state& session, const kept_settings& before) {
     for (std::int32_t i = 0; i < row.count; ++i, ++earlier) {
       if (row.address == nullptr) continue;
       const double value = setting_value(session, row, i);
-      if ((value >= row.low && value <= row.high) || value == *earlier) continue;
+      if (setting_in_range(row, value) || value == *earlier) continue;
       log_message(session, fmt::format("{} = {} in the work file is out of range, {} is kept",
                                        row.name, value, *earlier));
       store_setting(session, row, i, *earlier);

@@ -16,9 +16,9 @@ namespace kestrelvane {
 
 // Ellipse drawn by the user in the principal components display.
 struct cluster_ellipse_record {
-  float centre_x, centre_y;    // PC units
+  float centre_x, centre_y;  // PC units
   float semi_axis_1, semi_axis_2;
-  float angle;                 // degrees
+  float angle;  // degrees
 };
 
 struct cluster_table {
@@ -27,12 +27,12 @@ struct cluster_table {
   std::int32_t previous_cluster = 0;  // current before a split
 
   table<std::int32_t> cluster_spare{cluster_limit};  // carried by the work file, no other reader
-  table<float> cluster_sigma{cluster_limit};     // µV, bandwidth at sign-off; never moved
-  table<float> cluster_reserved{cluster_limit};  // carried by the work file, no other reader
+  table<float> cluster_sigma{cluster_limit};         // µV, bandwidth at sign-off; never moved
+  table<float> cluster_reserved{cluster_limit};      // carried by the work file, no other reader
   table<text256> cluster_comment{cluster_limit};
   table<cluster_ellipse_record> cluster_ellipse{cluster_limit};
-  table<logical> cluster_signed_off{cluster_limit};    // the splitter has finished with it
-  table<std::int32_t> cluster_tag{cluster_limit};      // opaque value of the analysis tools
+  table<logical> cluster_signed_off{cluster_limit};  // the splitter has finished with it
+  table<std::int32_t> cluster_tag{cluster_limit};    // opaque value of the analysis tools
 
   // Legacy tables of the work file: zero in a new session, passed through.
   table<std::int32_t> history_count{cluster_limit};

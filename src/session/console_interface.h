@@ -1,8 +1,8 @@
 // The boundary for a user at a console: messages and progress on standard error.
 //
 // On a terminal a bar is redrawn in place under the messages; elsewhere progress comes
-// in plain lines, one per quarter of a bar. Quiet leaves only the boxes. Questions are answered from answer_yes and shown with their answer.
-// Calls may come from any one thread at a time.
+// in plain lines, one per quarter of a bar. Quiet leaves only the boxes. Questions are answered
+// from answer_yes and shown with their answer. Calls may come from any one thread at a time.
 #pragma once
 
 #include <cstdio>
@@ -20,8 +20,8 @@ struct console_interface {
   bool answer_yes = false;  // to every question
   std::string chosen_path;  // answers a file dialog; empty: cancelled
   std::FILE* out = stderr;
-  bool show_log = false;    // lines of the run log are shown, as by the "Messages" dialog
-  std::FILE* log = nullptr;                               // every line of the run log goes here too
+  bool show_log = false;     // lines of the run log are shown, as by the "Messages" dialog
+  std::FILE* log = nullptr;  // every line of the run log goes here too
   std::function<void(const std::string& name)> on_stage;  // a stage begins
 
   // --- what has happened

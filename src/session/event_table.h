@@ -19,7 +19,7 @@ struct event_table {
   table<float> event_shift{event_limit};                 // samples
   table<std::int32_t> event_detected_time{event_limit};  // event_time as detection left it
   table<std::int32_t> event_channel{event_limit};        // channel of registration
-  table<std::int32_t> event_cluster{event_limit};  // 0 unclustered, -1 during a removal pass
+  table<std::int32_t> event_cluster{event_limit};        // 0 unclustered, -1 during a removal pass
   // Label inside the event's own cluster: 0 none, 1..99 labels, 100 outlier.
   // Transient; not saved.
   table<std::int16_t> event_subcluster{event_limit};

@@ -16,7 +16,7 @@ struct logical {
   std::int32_t word = 0;
 
   constexpr logical() = default;
-  constexpr logical(bool value) : word(value ? -1 : 0) {}  // NOLINT: meant to convert
+  constexpr logical(bool value) : word(value ? -1 : 0) {}      // NOLINT: meant to convert
   constexpr operator bool() const { return (word & 1) != 0; }  // NOLINT: meant to convert
 };
 static_assert(sizeof(logical) == 4);

@@ -22,7 +22,7 @@ namespace kestrelvane {
 struct session_state;
 
 struct run_log_table {
-  std::int32_t n_log_lines = 0;             // at most log_line_limit
+  std::int32_t n_log_lines = 0;              // at most log_line_limit
   table<text256> log_lines{log_line_limit};  // the ring, oldest first
   logical log_file_open = false;
   logical messages_dialog_open = false;  // new lines go into its list too

@@ -15,8 +15,8 @@
 namespace kestrelvane {
 
 struct template_table {
-  std::int32_t template_points = 0;    // time samples in use, 3..151
-  std::int32_t allocated_channels = 0; // channels that the arrays have room for
+  std::int32_t template_points = 0;     // time samples in use, 3..151
+  std::int32_t allocated_channels = 0;  // channels that the arrays have room for
 
   table<float> template_mean;  // bits
   table<float> template_sd;    // bits

@@ -24,12 +24,12 @@ enum class meter { reading, detection, merge_and_sort, clusters, status_lists, s
 
 // Text fields that engine routines fill.
 enum class status_field {
-  message,           // the message line of the running operation
-  elapsed_time,      // seconds or minutes, as the operation words it
-  events_found,      // "# found"
+  message,       // the message line of the running operation
+  elapsed_time,  // seconds or minutes, as the operation words it
+  events_found,  // "# found"
   clusters_found,
   stable_clusters,
-  current_cluster,   // "Now on cluster"
+  current_cluster,  // "Now on cluster"
   current_pair,
   file_name,
 };

@@ -64,8 +64,8 @@ void say_thresholds(session_state& session) {
     say(session, fmt::format("Detecting events with variable threshold ={} x noise level",
                              d.variable_multiplier));
   }
-  say(session, fmt::format("Event detection method is {}",
-                           detection_method_name(d.detection_method)));
+  say(session,
+      fmt::format("Event detection method is {}", detection_method_name(d.detection_method)));
 }
 
 // One try with the method selected; false when the run must end.
@@ -81,8 +81,7 @@ void remove_unwanted_events(session_state& session) {
   log_message(session, "Removing any coincident events, please wait ...");
   const std::int32_t coincident = delete_coincident_events(session);
   log_message(session, " finished!");
-  say(session,
-      fmt::format("{} coincident events were removed from the record", coincident));
+  say(session, fmt::format("{} coincident events were removed from the record", coincident));
   if (session.detection.delete_large_events) {
     const std::int32_t large = delete_large_events(session);
     say(session, fmt::format("{} large events were removed from the record", large));
@@ -328,8 +327,7 @@ bool can_start(session_state& session) {
     return false;
   }
   if (session.strategy.skip_clustering && session.clusters.n_clusters == 0) {
-    tell(session, "There are no clusters, turn clustering back on", "Autosort",
-         box_icon::warning);
+    tell(session, "There are no clusters, turn clustering back on", "Autosort", box_icon::warning);
     return false;
   }
   return true;

@@ -71,16 +71,14 @@ bool pair_is_safe(const session_state& session, std::int64_t k) {
   const float s = lists.kv_template_correlation[k] + 1.25f * lists.kv_cluster_overlap[k] - 1.75f;
   if (!(s > 0.0f)) return false;
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
-  const std::int32_t differing =
-      n_union_channels(session, a, b) - n_common_channels(session, a, b);
+  const std::int32_t differing = n_union_channels(session, a, b) - n_common_channels(session, a, b);
   return differing < 6 || s >= 0.25f;
 }
 
 namespace {
 
 pair_search find_safe_pair(const session_state& session) {
-  return find_largest_overlap(session,
-                              [&](std::int64_t k) { return pair_is_safe(session, k); });
+  return find_largest_overlap(session, [&](std::int64_t k) { return pair_is_safe(session, k); });
 }
 
 void report_merge_loss(session_state& session, std::int32_t size_before, std::int32_t size_after,
@@ -176,8 +174,7 @@ void label_events(session_state& session, const std::vector<std::int32_t>& list,
   for (std::size_t i = 0; i < list.size(); ++i) {
     std::int16_t label = 1;
     if (verdict.best_stage != 0 && verdict.n_keep >= 2) {
-      const std::int32_t place =
-          place_in_list(verdict, tables.stage_labels[verdict.best_stage][i]);
+      const std::int32_t place = place_in_list(verdict, tables.stage_labels[verdict.best_stage][i]);
       label = place == 0 ? label_outside_list : static_cast<std::int16_t>(place);
     }
     session.events.event_subcluster[list[i]] = label;
@@ -313,10 +310,11 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
     if (n_initial == 0) n_initial = search.count;
     if (search.count == 0) break;
     const auto left = static_cast<std::int64_t>(search.count) * meter_to / n_initial;
-    set_merge_meter(session, std::min<std::int32_t>(
-                                 meter_to, std::max<std::int32_t>(
-                                               meter_from, static_cast<std::int32_t>(
-                                                               meter_from + meter_to - left))));
+    set_merge_meter(
+        session,
+        std::min<std::int32_t>(
+            meter_to, std::max<std::int32_t>(
+                          meter_from, static_cast<std::int32_t>(meter_from + meter_to - left))));
     log_message(session, name_pairs_left(search.count));
     if (search.best == 0) {
       log_message(session, "!!!!!!!!!!!Error looking for cluster pair!!!!!!!!!!!!!");
@@ -383,8 +381,8 @@ void split_by_verdict(session_state& session, std::int32_t cluster, const gac_po
 void report_final_check(session_state& session, const char* words, std::int32_t n_splits,
                         std::int32_t n_first) {
   log_message(session, fmt::format("{}; made {} further splits", words, n_splits));
-  log_message(session, fmt::format("initial, final clusters ={} {}", n_first,
-                                   session.clusters.n_clusters));
+  log_message(session,
+              fmt::format("initial, final clusters ={} {}", n_first, session.clusters.n_clusters));
 }
 
 }  // namespace
@@ -418,9 +416,8 @@ void final_split_check(session_state& session, std::int32_t meter_from, std::int
         checked[c] = 1;
       } else if (clusters.n_clusters + verdict.n_keep > session.max_clusters) {
         session.autosort.max_clusters_reached = true;
-        report_final_check(session,
-                           "Stopping final check for subclusters as max clusters reached", n_splits,
-                           n_first);
+        report_final_check(session, "Stopping final check for subclusters as max clusters reached",
+                           n_splits, n_first);
         return;
       } else {
         log_message(session, "Splitting cluster ");
@@ -434,7 +431,8 @@ void final_split_check(session_state& session, std::int32_t meter_from, std::int
       if (pass == 1) {
         set_merge_meter(session, meter_from + c * (meter_mid - meter_from) / n_first);
       } else if (pass == 2) {
-        set_merge_meter(session, std::min(meter_to, meter_mid + (meter_to - meter_mid) * c / n_left));
+        set_merge_meter(session,
+                        std::min(meter_to, meter_mid + (meter_to - meter_mid) * c / n_left));
       }
       pause_point(session);
       if (autosort_interrupted(session)) return;

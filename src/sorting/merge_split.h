@@ -23,8 +23,7 @@ bool pair_is_safe(const session_state& session, std::int64_t k);
 std::int32_t automerge_safe_pairs(session_state& session, std::int32_t meter_from,
                                   std::int32_t meter_to);
 
-void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
-                            std::int32_t meter_to);
+void merge_split_pairs_pass(session_state& session, std::int32_t meter_from, std::int32_t meter_to);
 
 void final_split_check(session_state& session, std::int32_t meter_from, std::int32_t meter_to);
 

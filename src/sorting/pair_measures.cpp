@@ -176,9 +176,9 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
   }
   const float correlation = template_correlation(session, a, b, shift);
   const std::int32_t all = n_union_channels(session, a, b);
-  const float share = all == 0 ? 0.0f
-                               : static_cast<float>(n_common_channels(session, a, b)) /
-                                     static_cast<float>(all);
+  const float share =
+      all == 0 ? 0.0f
+               : static_cast<float>(n_common_channels(session, a, b)) / static_cast<float>(all);
   return {share + correlation < 1.1f, correlation};
 }
 
@@ -186,84 +186,94 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
 
 namespace {
 
-// One search: for each query, is the nearest other point (the first on ties) one
-// of its own set? Lanes are queries; every query goes through the points in order.
-template <bool third>
-__attribute__((always_inline)) inline std::int32_t count_same(const float* x, const float* y,
-                                                              const float* z, std::int32_t n,
-                                                              std::int32_t first,
-                                                              std::int32_t last) {
-  std::int32_t same = 0;
-  for (std::int32_t q = first; q <= last; q += n_lanes) {
-    // Lanes beyond the set repeat its last point and are not counted.
-    float_lanes qx, qy, qz = {}, best;
-    int_lanes self, own = {};
-    for (std::int32_t lane = 0; lane < n_lanes; ++lane) {
-      const std::int32_t i = std::min(q + lane, last);
-      qx[lane] = x[i];
-      qy[lane] = y[i];
-      if (third) qz[lane] = z[i];
-      self[lane] = i;
-      best[lane] = 3.0e38f;
-    }
-    for (std::int32_t j = 0; j < n; ++j) {
-      const float_lanes dx = x[j] - qx;
-      const float_lanes dy = y[j] - qy;
-      float_lanes d = dx * dx + dy * dy;
-      if (third) {
-        const float_lanes dz = z[j] - qz;
-        d += dz * dz;
-      }
-      const int_lanes nearer = (d < best) & (self != j);
-      best = nearer ? d : best;
-      const std::int32_t mine = j >= first && j <= last ? -1 : 0;
-      own = nearer ? (int_lanes{} + mine) : own;
-    }
-    for (std::int32_t lane = 0; lane < n_lanes && q + lane <= last; ++lane) same -= own[lane];
+// Points in order of their first coordinate, so that a search may go outward from
+// its own place and stop where the first coordinate alone is too far.
+struct sorted_points {
+  std::vector<float> x, y, z;
+  std::vector<std::int32_t> row;    // where the point stood before
+  std::vector<std::int32_t> place;  // by row: where it stands now
+};
+
+sorted_points sort_points(const std::vector<float>& coordinates, std::int32_t dimensions,
+                          std::int32_t n) {
+  const auto at = [&](std::int32_t i, std::int32_t d) {
+    return d < dimensions ? coordinates[static_cast<std::size_t>(i) * dimensions + d] : 0.0f;
+  };
+  sorted_points points;
+  points.row.resize(n);
+  for (std::int32_t i = 0; i < n; ++i) points.row[i] = i;
+  std::sort(points.row.begin(), points.row.end(),
+            [&](std::int32_t a, std::int32_t b) { return at(a, 0) < at(b, 0); });
+  points.place.resize(n);
+  for (std::int32_t k = 0; k < n; ++k) {
+    const std::int32_t i = points.row[k];
+    points.place[i] = k;
+    points.x.push_back(at(i, 0));
+    points.y.push_back(at(i, 1));
+    points.z.push_back(at(i, 2));
   }
-  return same;
+  return points;
 }
 
-KESTRELVANE_CLONES std::int32_t count_same_2(const float* x, const float* y, std::int32_t n,
-                                             std::int32_t first, std::int32_t last) {
-  return count_same<false>(x, y, nullptr, n, first, last);
-}
-
-KESTRELVANE_CLONES std::int32_t count_same_3(const float* x, const float* y, const float* z,
-                                             std::int32_t n, std::int32_t first,
-                                             std::int32_t last) {
-  return count_same<true>(x, y, z, n, first, last);
+// Row of the nearest other point; of several at one distance the lowest row. A sum
+// of squares is never below its first term, so nothing beyond the first one that is
+// too far can be nearer.
+std::int32_t find_nearest_row(const sorted_points& points, std::int32_t row, bool third) {
+  const auto n = static_cast<std::int32_t>(points.x.size());
+  const std::int32_t at = points.place[row];
+  const float x = points.x[at], y = points.y[at], z = points.z[at];
+  float best = 3.0e38f;
+  std::int32_t nearest = n;
+  // Looks at one point; false when the search may end on its side.
+  const auto look = [&](std::int32_t k) {
+    const float dx = points.x[k] - x;
+    float d = dx * dx;
+    if (d > best) return false;
+    const float dy = points.y[k] - y;
+    d += dy * dy;
+    if (third) {
+      const float dz = points.z[k] - z;
+      d += dz * dz;
+    }
+    if (d < best || (d == best && points.row[k] < nearest)) {
+      best = d;
+      nearest = points.row[k];
+    }
+    return true;
+  };
+  std::int32_t left = at - 1, right = at + 1;
+  bool go_left = left >= 0, go_right = right < n;
+  while (go_left || go_right) {
+    if (go_left) go_left = look(left) && --left >= 0;
+    if (go_right) go_right = look(right) && ++right < n;
+  }
+  return nearest;
 }
 
 }  // namespace
 
 float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
                                 std::int32_t n_a, std::int32_t n_b) {
-  const std::int32_t n = n_a + n_b;
-  std::vector<float> columns[3];
-  for (std::int32_t d = 0; d < 3; ++d) {
-    columns[d].assign(n, 0.0f);
-    for (std::int32_t i = 0; i < n && d < dimensions; ++i) {
-      columns[d][i] = coordinates[static_cast<std::size_t>(i) * dimensions + d];
-    }
-  }
+  const sorted_points points = sort_points(coordinates, dimensions, n_a + n_b);
   const bool query_a = n_a < n_b;
   const std::int32_t first = query_a ? 0 : n_a;
-  const std::int32_t last = query_a ? n_a - 1 : n - 1;
-  const std::int32_t same =
-      dimensions >= 3
-          ? count_same_3(columns[0].data(), columns[1].data(), columns[2].data(), n, first, last)
-          : count_same_2(columns[0].data(), columns[1].data(), n, first, last);
+  const std::int32_t last = query_a ? n_a - 1 : n_a + n_b - 1;
+  std::int32_t same = 0;
+  for (std::int32_t i = first; i <= last; ++i) {
+    const std::int32_t nearest = find_nearest_row(points, i, dimensions >= 3);
+    same += nearest >= first && nearest <= last;
+  }
   const auto smaller = static_cast<float>(query_a ? n_a : n_b);
-  return (1.0f - static_cast<float>(same) / smaller) / (1.0f - smaller / static_cast<float>(n));
+  return (1.0f - static_cast<float>(same) / smaller) /
+         (1.0f - smaller / static_cast<float>(n_a + n_b));
 }
 
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                       std::int32_t scratch_slot, pair_shift shift) {
-  const std::vector<aligned_event> events_a = read_events(
-      session, list_cluster_events(session, a), shift.n_shift == a, shift.shift);
-  const std::vector<aligned_event> events_b = read_events(
-      session, list_cluster_events(session, b), shift.n_shift == b, shift.shift);
+  const std::vector<aligned_event> events_a =
+      read_events(session, list_cluster_events(session, a), shift.n_shift == a, shift.shift);
+  const std::vector<aligned_event> events_b =
+      read_events(session, list_cluster_events(session, b), shift.n_shift == b, shift.shift);
   const auto n_a = static_cast<std::int32_t>(events_a.size());
   const auto n_b = static_cast<std::int32_t>(events_b.size());
   if (n_a == 0 || n_b == 0) return std::nanf("");
@@ -294,8 +304,7 @@ float spatial_separation(const session_state& session, std::int32_t a, std::int3
   return std::sqrt(dx * dx + dy * dy);
 }
 
-float doublet_value(const session_state& session, std::int32_t a, std::int32_t b,
-                    float window_ms) {
+float doublet_value(const session_state& session, std::int32_t a, std::int32_t b, float window_ms) {
   const recording_store& r = session.recording;
   const event_table& events = session.events;
   if (!r.is_continuous && !session.preferences.treat_as_continuous) return -1.0f;
@@ -465,10 +474,13 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
 
 namespace {
 
-constexpr const char* match_names[] = {
-    "Spatial separation (µm)", "Cluster overlap", "Template cross-correlation",
-    "rms distance (µV)",       "Doublet pairs",   "Rate complementarity",
-    "PC adjacency"};
+constexpr const char* match_names[] = {"Spatial separation (µm)",
+                                       "Cluster overlap",
+                                       "Template cross-correlation",
+                                       "rms distance (µV)",
+                                       "Doublet pairs",
+                                       "Rate complementarity",
+                                       "PC adjacency"};
 
 }  // namespace
 

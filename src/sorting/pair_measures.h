@@ -61,8 +61,7 @@ float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int3
 // --- values for comparison lists
 
 float spatial_separation(const session_state& session, std::int32_t a, std::int32_t b);  // µm
-float doublet_value(const session_state& session, std::int32_t a, std::int32_t b,
-                    float window_ms);
+float doublet_value(const session_state& session, std::int32_t a, std::int32_t b, float window_ms);
 float rate_complementarity(const session_state& session, std::int32_t a, std::int32_t b);
 // Set only when both clusters have at least 2 events; -1 without a gradient.
 struct optional_value {

@@ -183,8 +183,7 @@ std::int32_t judge_two(stage_judge& j) {
 std::int32_t judge_one_short(stage_judge& j) {
   if (j.sorted_score[j.nt] <= 3) {
     fold_worst(j, 1, j.nt);
-    accept_if(j, !(j.weighted_mean < 6.0f || j.sorted_score[j.nc] < 3), j.nt - 1,
-              balance_bonus(j));
+    accept_if(j, !(j.weighted_mean < 6.0f || j.sorted_score[j.nc] < 3), j.nt - 1, balance_bonus(j));
     return 7;
   }
   accept_if(j, !(j.weighted_mean < 6.0f), j.nt, balance_bonus(j));
@@ -351,8 +350,8 @@ stage_verdict judge_stages(session_state& session, const gac_points& points, gac
       nt = std::min(nt, 50);
       nc = std::min(nc, 50);
     }
-    stage_judge judge{session, points, tables, s, nt, nc,
-                      static_cast<float>(session.strategy.gac_threshold)};
+    stage_judge judge{
+        session, points, tables, s, nt, nc, static_cast<float>(session.strategy.gac_threshold)};
     judge.value = 20.0f * static_cast<float>(nc);
     sort_scores(judge);
     take_means(judge);

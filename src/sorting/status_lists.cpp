@@ -72,10 +72,12 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
 }
 
 std::vector<std::int32_t> count_all_sizes(const session_state& session) {
-  std::vector<std::int32_t> sizes(session.clusters.n_clusters + 1, 0);
+  const std::int32_t n = session.clusters.n_clusters;
+  std::vector<std::int32_t> sizes(n + 1, 0);
   const std::int32_t* of = session.events.event_cluster.base();
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    if (of[e] >= 1) ++sizes[of[e]];
+    // Events of clusters about to be added carry their numbers already.
+    if (of[e] >= 1 && of[e] <= n) ++sizes[of[e]];
   }
   return sizes;
 }
@@ -170,8 +172,7 @@ void build_status_lists(session_state& session) {
   }
 }
 
-void update_lists_for_cluster(session_state& session, std::int32_t cluster,
-                              std::int32_t but_not) {
+void update_lists_for_cluster(session_state& session, std::int32_t cluster, std::int32_t but_not) {
   const auto begin = clock::now();
   const std::int32_t n = session.clusters.n_clusters;
   if (session.lists.n_kv_pairs == 0 || n < 2) return;
@@ -194,9 +195,9 @@ void update_lists_for_cluster(session_state& session, std::int32_t cluster,
                  compute_pair(session, pair_index(n, work[i].a, work[i].b), work[i], sizes, rank);
                });
   if (log_timing(session)) {
-    log_message(session, fmt::format("{} status list updating took {}",
-                                     n_threads > 1 ? "threaded" : "unthreaded",
-                                     msecs_since(begin)));
+    log_message(session,
+                fmt::format("{} status list updating took {}",
+                            n_threads > 1 ? "threaded" : "unthreaded", msecs_since(begin)));
   }
 }
 
@@ -325,10 +326,10 @@ void get_match_lists(session_state& session) {
                    static_cast<std::int32_t>(100 * lists.match_a[i] / std::max(1, n - 1)), 100);
     }
   });
-  log_message(session, fmt::format("{} took {} msecs",
-                                   n_threads > 1 ? "Get threaded match lists"
-                                                 : "Get match lists unthreaded",
-                                   msecs_since(begin)));
+  log_message(session,
+              fmt::format("{} took {} msecs",
+                          n_threads > 1 ? "Get threaded match lists" : "Get match lists unthreaded",
+                          msecs_since(begin)));
   const std::int32_t method = session.review.match_method;
   sort_match_lists(session, method == 1 || method == 4);
   lists.n_match = std::min(lists.n_match, match_list_limit);
@@ -354,8 +355,8 @@ bool check_shift_owners(session_state& session) {
     log_message(session, fmt::format("List position error at {} {} {}", k, a, b));
   }
   if (errors == 0) {
-    log_message(session, fmt::format("n_shift_template values appear correct {}",
-                                     lists.n_kv_pairs));
+    log_message(session,
+                fmt::format("n_shift_template values appear correct {}", lists.n_kv_pairs));
   }
   return errors == 0;
 }
@@ -436,8 +437,8 @@ bool check_threaded_lists(session_state& session) {
   const bool same_shift = same(shift.data(), lists.rms_template_shift.base());
   const bool same_owner = same(owner.data(), lists.kv_n_shift_template.base());
   log_message(session, same_overlap ? "overlap values pass test" : "overlap values fail test");
-  log_message(session, same_shift ? "template shift values pass test"
-                                  : "template_shift values fail test");
+  log_message(session,
+              same_shift ? "template shift values pass test" : "template_shift values fail test");
   log_message(session, same_owner ? "kv_n_shift_template values pass test"
                                   : "kv_n_shift_template values fail test");
   return same_overlap && same_shift && same_owner;

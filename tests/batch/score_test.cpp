@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "batch/test_recording.h"
+#include "support/child_process.h"
 #include "support/small_session.h"
 
 namespace kestrelvane {
@@ -110,6 +113,91 @@ TEST(Score, HandMadeSort) {
   EXPECT_NE(table.find("    3       2       -"), std::string::npos) << table;
   EXPECT_NE(table.find("3 planted units: 0 with accuracy 0.8 or better, 2 with 0.5"),
             std::string::npos);
+}
+
+// Units at 10, 9.99, 7, 6.9 and an unknown number of times the noise; the second and
+// fourth are missed.
+TEST(Score, BandsOfAmplitudeOverNoise) {
+  sort_score score;
+  for (const double amplitude : {50.0, 49.95, 35.0, 34.5, 0.0}) {
+    unit_score u;
+    u.unit = static_cast<std::int32_t>(score.units.size());
+    u.amplitude_uv = amplitude;
+    u.accuracy = u.unit % 2 == 0 ? 0.8 : 0.79;
+    score.units.push_back(u);
+  }
+  EXPECT_TRUE(count_in_bands(score).empty());
+  score.noise_uv = 5;
+  EXPECT_TRUE(count_in_bands(score).empty()) << "no amplitudes";
+  EXPECT_EQ(score_table(score).find("noise"), std::string::npos);
+  EXPECT_FALSE(score_json(score).contains("bands"));
+
+  score.has_amplitudes = true;
+  const std::vector<score_band> bands = count_in_bands(score);
+  ASSERT_EQ(bands.size(), 3u);
+  const std::pair<int, int> expected[] = {{1, 1}, {2, 1}, {1, 0}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(bands[i].n_units, expected[i].first) << i;
+    EXPECT_EQ(bands[i].n_above_four_fifths, expected[i].second) << i;
+  }
+  const std::string table = score_table(score);
+  EXPECT_NE(table.find("10 or more times above the noise: 1 of 1 units with accuracy 0.8 or "
+                       "better\n7 to 10 times: 1 of 2\nbelow 7 times: 0 of 1\n"),
+            std::string::npos)
+      << table;
+  EXPECT_NE(table.find("    9.99     0.790"), std::string::npos) << table;
+  const nlohmann::json json = score_json(score);
+  EXPECT_EQ(json["noise_uv"], 5);
+  EXPECT_EQ(json["units"][2]["amplitude_over_noise"], 7);
+  EXPECT_EQ(json["bands"][1]["units"], 2);
+  EXPECT_TRUE(json["bands"][0]["to"].is_null());
+}
+
+TEST(Score, NoiseIsTheMedianOfChannelsInUse) {
+  test::small_session session;
+  test::make_recording(*session, 5, 1000, 25000, 0.5f);
+  for (std::int32_t c = 1; c <= 5; ++c)
+    session->recording.chan_noise[c] = static_cast<float>(c * c);
+  EXPECT_DOUBLE_EQ(median_noise_uv(*session), 4.5);
+  session->recording.chan_mask[1] = true;
+  EXPECT_DOUBLE_EQ(median_noise_uv(*session), 6.25);
+  for (std::int32_t c = 1; c <= 5; ++c) session->recording.chan_mask[c] = true;
+  EXPECT_EQ(median_noise_uv(*session), 0);
+}
+
+// The verb as a process: noise given, noise measured, and what it cannot do.
+TEST(Score, NoiseOfTheCommandLine) {
+  test::temporary_directory dir;
+  const std::string tsf = dir.file("m.tsf"), truth = dir.file("m.truth.csv");
+  test_recording_options options;
+  options.electrode = test_electrode::tetrode;
+  options.n_channels = 4;
+  options.minutes = 0.1;
+  options.n_units = 2;
+  options.amplitude_min_uv = 100;
+  std::string problem;
+  ASSERT_TRUE(make_test_recording(options, tsf, {}, problem)) << problem;
+  const auto run = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"score", truth, truth});
+    return test::run_process(KESTRELVANE_BATCH, words);
+  };
+  const test::process_result measured = run({"--recording", tsf, "--json"});
+  ASSERT_EQ(measured.status, 0) << measured.err;
+  EXPECT_EQ(measured.err, "");
+  const nlohmann::json json = nlohmann::json::parse(measured.out);
+  EXPECT_NEAR(json["noise_uv"], options.noise_uv, 1.0);
+  EXPECT_EQ(json["bands"][0]["above_0.8"], 2);
+  const test::process_result given = run({"--noise", "2000"});
+  EXPECT_NE(given.out.find("below 7 times: 2 of 2"), std::string::npos) << given.out;
+  EXPECT_EQ(run({"--noise", "0"}).status, 2);
+  EXPECT_EQ(run({"--noise", "-5"}).status, 2);
+  EXPECT_EQ(run({"--noise", "5", "--recording", tsf}).status, 2);
+  EXPECT_EQ(run({"--recording", dir.file("none.tsf")}).status, 1);
+  std::filesystem::remove(dir.file("m.units.csv"));
+  EXPECT_EQ(run({}).status, 0);
+  const test::process_result unknown = run({"--noise", "5"});
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_NE(unknown.err.find("No amplitudes are known"), std::string::npos);
 }
 
 TEST(Score, PerfectEmptyAndBadFiles) {

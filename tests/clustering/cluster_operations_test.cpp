@@ -171,7 +171,8 @@ TEST(channel_clusters, small_channels_leave_no_gap) {
   EXPECT_EQ(session->clusters.n_clusters, 2);
   EXPECT_EQ(session->templates.centre_channel(1), 2);
   EXPECT_TRUE(session.user.told("Events clustered by channel, 2 clusters found.", "Done!"));
-  EXPECT_TRUE(session.user.logged("Forming clusters based on initial channel assignments of events"));
+  EXPECT_TRUE(
+      session.user.logged("Forming clusters based on initial channel assignments of events"));
   EXPECT_TRUE(session.user.logged("# of events far from their template channel ="));
   EXPECT_EQ(check_session(*session), "");
   convert_channels_to_clusters(*session);  // asks, and the user declines
@@ -206,8 +207,9 @@ TEST(channel_clusters, the_cluster_limit_ends_the_conversion) {
   session->max_clusters = 2;
   form_channel_clusters(*session);
   EXPECT_EQ(session->clusters.n_clusters, 2);
-  EXPECT_TRUE(session.user.told("Stopping conversion as maximum number of clusters has been reached",
-                                "Convert channels to clusters"));
+  EXPECT_TRUE(
+      session.user.told("Stopping conversion as maximum number of clusters has been reached",
+                        "Convert channels to clusters"));
 }
 
 // A cluster of two kinds of labels cut as the splitter would.

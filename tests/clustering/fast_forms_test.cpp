@@ -26,8 +26,8 @@ TEST(fast_forms, gradient_ascent_stages) {
     int n, dimensions;
   };
   // Both forms of merging: up to 2000 scouts and above, and a subsample of sources.
-  for (const auto& [n, dimensions] : {cloud{300, 2}, {2000, 2}, {2001, 2}, {3500, 3}, {700, 5},
-                                      {5600, 2}}) {
+  for (const auto& [n, dimensions] :
+       {cloud{300, 2}, {2000, 2}, {2001, 2}, {3500, 3}, {700, 5}, {5600, 2}}) {
     const gac_points points = make_clouds(n, dimensions, 17 + n);
     for (const int s : {1, 4, 12}) {
       const auto plain = std::make_unique<gac_tables>();

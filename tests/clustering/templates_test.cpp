@@ -55,9 +55,12 @@ TEST(templates, integer_accumulators) {
     int point;
     std::uint32_t mean, sd;
   };
-  for (const auto& [p, mean, sd] :
-       {known{1, 0xC019999A, 0x42A45909}, {2, 0xC1233333, 0x427E27E6}, {20, 0xC2140000, 0x4242B324},
-        {21, 0xC159999A, 0x42252E5E}, {22, 0xC1C66666, 0x4285D004}, {41, 0xC1100000, 0x4235D899}}) {
+  for (const auto& [p, mean, sd] : {known{1, 0xC019999A, 0x42A45909},
+                                    {2, 0xC1233333, 0x427E27E6},
+                                    {20, 0xC2140000, 0x4242B324},
+                                    {21, 0xC159999A, 0x42252E5E},
+                                    {22, 0xC1C66666, 0x4285D004},
+                                    {41, 0xC1100000, 0x4235D899}}) {
     EXPECT_EQ(session->templates.mean(1, 1)[p], bits(mean)) << p;
     EXPECT_EQ(session->templates.sd(1, 1)[p], bits(sd)) << p;
   }
@@ -92,8 +95,10 @@ TEST(templates, thinning_takes_events_evenly) {
   struct known {
     int n, at_3, at_101, at_199, at_200;
   };
-  for (const auto& k : {known{200, 3, 101, 199, 200}, {201, 3, 101, 199, 200},
-                        {333, 4, 167, 330, 332}, {1001, 11, 501, 991, 996}}) {
+  for (const auto& k : {known{200, 3, 101, 199, 200},
+                        {201, 3, 101, 199, 200},
+                        {333, 4, 167, 330, 332},
+                        {1001, 11, 501, 991, 996}}) {
     std::vector<std::int32_t> list(k.n);
     for (int i = 0; i < k.n; ++i) list[i] = i + 1;
     EXPECT_EQ(thin_event_list(list, 200), 200);
@@ -141,11 +146,13 @@ TEST(realignment, shift_of_a_time_and_fraction) {
     int new_time;
     std::uint32_t new_fraction;
   };
-  for (const auto& k :
-       {known{1000, 0.25f, 0.5f, 1000, 0x3F400000}, {1000, 0.75f, 0.5f, 1001, 0x3E800000},
-        {1000, 0.5f, 0.5f, 1000, 0x3F800000}, {1000, 0.0f, -0.3f, 999, 0x3F333400},
-        {1000, 0.9f, -3.25f, 997, 0x3F266666}, {123456, 0.1f, 7.7f, 123463, 0x3F4CCD9A},
-        {1000, 0.0f, 0.0f, 1000, 0x00000000}}) {
+  for (const auto& k : {known{1000, 0.25f, 0.5f, 1000, 0x3F400000},
+                        {1000, 0.75f, 0.5f, 1001, 0x3E800000},
+                        {1000, 0.5f, 0.5f, 1000, 0x3F800000},
+                        {1000, 0.0f, -0.3f, 999, 0x3F333400},
+                        {1000, 0.9f, -3.25f, 997, 0x3F266666},
+                        {123456, 0.1f, 7.7f, 123463, 0x3F4CCD9A},
+                        {1000, 0.0f, 0.0f, 1000, 0x00000000}}) {
     std::int32_t time = k.time;
     float fraction = k.fraction;
     apply_event_shift(time, fraction, k.shift);
@@ -184,7 +191,8 @@ TEST(realignment, one_call_of_each_matching_routine) {
     float shift;
     std::uint32_t mult_returned, rms_returned;
   };
-  for (const auto& k : {known{19, 0.0f, 0xBDCEDBD0, 0x3D4C775A}, {22, 0.3f, 0xC059AA12, 0xC0500156},
+  for (const auto& k : {known{19, 0.0f, 0xBDCEDBD0, 0x3D4C775A},
+                        {22, 0.3f, 0xC059AA12, 0xC0500156},
                         {17, 0.95f, 0x3F72F153, 0x3F8CCA22}}) {
     small_session session;
     put_spike(*session);
@@ -203,15 +211,20 @@ TEST(pairs, numbering_and_samples) {
   struct known {
     int n, a, b, k;
   };
-  for (const auto& p : {known{2, 1, 2, 1}, {3, 1, 3, 2}, {3, 2, 3, 3}, {5, 2, 4, 6},
-                        {17, 9, 12, 103}, {4000, 3999, 4000, 7998000}}) {
+  for (const auto& p : {known{2, 1, 2, 1},
+                        {3, 1, 3, 2},
+                        {3, 2, 3, 3},
+                        {5, 2, 4, 6},
+                        {17, 9, 12, 103},
+                        {4000, 3999, 4000, 7998000}}) {
     EXPECT_EQ(pair_index(p.n, p.a, p.b), p.k);
     EXPECT_EQ(pair_from_index(p.n, p.k).a, p.a);
     EXPECT_EQ(pair_from_index(p.n, p.k).b, p.b);
   }
-  const int samples[][4] = {{510, 1530, 500, 1500}, {5, 100000, 5, 1995}, {15, 100000, 10, 1990},
-                            {100000, 15, 1990, 10}, {1000, 1000, 1000, 1000},
-                            {1001, 1000, 1000, 999}, {30, 3000, 19, 1980}};
+  const int samples[][4] = {{510, 1530, 500, 1500},   {5, 100000, 5, 1995},
+                            {15, 100000, 10, 1990},   {100000, 15, 1990, 10},
+                            {1000, 1000, 1000, 1000}, {1001, 1000, 1000, 999},
+                            {30, 3000, 19, 1980}};
   for (const auto& s : samples) {
     EXPECT_EQ(proportional_sample(s[0], s[1]).n_a, s[2]);
     EXPECT_EQ(proportional_sample(s[0], s[1]).n_b, s[3]);

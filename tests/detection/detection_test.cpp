@@ -52,15 +52,22 @@ TEST(sample_test, known_samples) {
 TEST(event_alignment, every_feature_of_one_spike) {
   small_session session;
   make_recording(*session, 1, 400);
-  put_samples(*session, 1, 11, {0,  -3, 2,  5,  -1, -10, -40, -95, -120, -118, -80, -20, 15, 40, 52,
-                                50, 41, 30, 18, 9,  4,   1,   0,   -2,   1,    0,   3,   -1, 2,  0});
+  put_samples(*session, 1, 11,
+              {0,  -3, 2,  5,  -1, -10, -40, -95, -120, -118, -80, -20, 15, 40, 52,
+               50, 41, 30, 18, 9,  4,   1,   0,   -2,   1,    0,   3,   -1, 2,  0});
   struct known {
     int feature, time;
     std::uint32_t offset;
   };
-  for (const auto& k : {known{1, 25, 0x3E99999A}, {2, 19, 0x3ECCCCCD}, {3, 19, 0x3ECCCCCD},
-                        {4, 22, 0x3F124925}, {5, 14, 0x3F555555}, {6, 21, 0x00000000},
-                        {7, 17, 0x3F000000}, {8, 20, 0x3EFE4500}, {9, 20, 0x00000000}}) {
+  for (const auto& k : {known{1, 25, 0x3E99999A},
+                        {2, 19, 0x3ECCCCCD},
+                        {3, 19, 0x3ECCCCCD},
+                        {4, 22, 0x3F124925},
+                        {5, 14, 0x3F555555},
+                        {6, 21, 0x00000000},
+                        {7, 17, 0x3F000000},
+                        {8, 20, 0x3EFE4500},
+                        {9, 20, 0x00000000}}) {
     const aligned_time aligned = align_to_feature(*session, k.feature, 1, 20, 12);
     EXPECT_EQ(aligned.time, k.time) << k.feature;
     EXPECT_EQ(aligned.offset, bits(k.offset)) << k.feature;

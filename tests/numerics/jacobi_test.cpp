@@ -140,44 +140,5 @@ TEST(EigenDecomposition, FailureIsToldAndLeavesTheOrder) {
   EXPECT_EQ(values, (std::vector<float>{1, 2, 3}));  // not by magnitude
 }
 
-// Matrices of all kinds in one call, more than fit side by side, one of them
-// without an end: each as if it were alone.
-TEST(EigenDecomposition, ManyAtOnceSameBits) {
-  for (const std::int32_t n : {1, 2, 9, 33, 50}) {
-    const std::int32_t n_tasks = 23;
-    std::vector<std::vector<float>> matrices, values(n_tasks), vectors(n_tasks);
-    std::vector<eigen_task> tasks(n_tasks);
-    for (std::int32_t i = 0; i < n_tasks; ++i) {
-      matrices.push_back(make_matrix(n, static_cast<kind>(i % 3), 100 + i));
-      if (i == 4 && n > 1) matrices[i][1] = std::numeric_limits<float>::quiet_NaN();
-      values[i].resize(n);
-      vectors[i].resize(n * n);
-    }
-    for (std::int32_t i = 0; i < n_tasks; ++i) {
-      tasks[i].a = matrices[i].data();
-      tasks[i].eigenvalues = values[i].data();
-      tasks[i].vectors = vectors[i].data();
-    }
-    int n_lines = 0;
-    const failure_log log{&n_lines, [](void* n, const std::string&) { ++*static_cast<int*>(n); }};
-    eigen_decomposition_many(tasks.data(), n_tasks, n, n, log);
-    EXPECT_EQ(n_lines, n > 1 ? 1 : 0);
-    for (std::int32_t i = 0; i < n_tasks; ++i) {
-      std::vector<float> alone(n), alone_vectors(n * n);
-      std::int32_t n_rotations = 0;
-      EXPECT_EQ(eigen_decomposition(matrices[i].data(), n, n, alone.data(), alone_vectors.data(),
-                                    n_rotations),
-                tasks[i].done);
-      EXPECT_EQ(tasks[i].done, !(i == 4 && n > 1));
-      EXPECT_EQ(tasks[i].n_rotations, n_rotations);
-      if (!tasks[i].done) continue;
-      for (std::int32_t k = 0; k < n; ++k) ASSERT_EQ(bits(values[i][k]), bits(alone[k]));
-      for (std::int32_t k = 0; k < n * n; ++k) {
-        ASSERT_EQ(bits(vectors[i][k]), bits(alone_vectors[k]));
-      }
-    }
-  }
-}
-
 }  // namespace
 }  // namespace kestrelvane

@@ -83,8 +83,7 @@ TEST(autosort, guards_and_empty_recordings) {
   make_recording(*session, 2, 5000);
   session->strategy.skip_event_detection = true;
   EXPECT_FALSE(autosort(*session));
-  EXPECT_TRUE(
-      session.user.told("There are no events, turn event detection back on", "Autosort"));
+  EXPECT_TRUE(session.user.told("There are no events, turn event detection back on", "Autosort"));
   session->strategy.skip_event_detection = false;
   session->strategy.skip_clustering = true;
   EXPECT_FALSE(autosort(*session));

@@ -203,8 +203,7 @@ void plain_build_proto_neighbours(const session_state& session, proto_event_tabl
   std::int64_t end = 0;
   for (std::int32_t i = 1; i <= p.n_proto_events; ++i) {
     const std::int64_t head = ++end;
-    for (std::int32_t j = std::max(1, i - reach); j <= std::min(p.n_proto_events, i + reach);
-         ++j) {
+    for (std::int32_t j = std::max(1, i - reach); j <= std::min(p.n_proto_events, i + reach); ++j) {
       const float dx = p.pe_x0[i] - p.pe_x0[j], dy = p.pe_y0[i] - p.pe_y0[j];
       const double dt = p.pe_t0[i] - p.pe_t0[j];
       if (static_cast<double>(dx * dx + dy * dy) + dt * dt < 6.25) p.pe_table[++end] = j;
@@ -227,9 +226,9 @@ void plain_cluster_proto_events(const session_state& session, proto_event_table&
         const float dx = p.pe_x0[j] - p.pe_x[i], dy = p.pe_y0[j] - p.pe_y[i];
         const double dt = p.pe_t0[j] - p.pe_t[i];
         const double scaled = 500.0 * (static_cast<double>(dx * dx + dy * dy) + dt * dt);
-        const float w = (scaled < 10001.0 ? session.tables.gac_table[static_cast<int>(scaled)]
-                                          : 0.0f) *
-                        static_cast<float>(std::abs(int{p.pe_volts[j]}));
+        const float w =
+            (scaled < 10001.0 ? session.tables.gac_table[static_cast<int>(scaled)] : 0.0f) *
+            static_cast<float>(std::abs(int{p.pe_volts[j]}));
         sx += w * dx;
         sy += w * dy;
         st += w * static_cast<float>(dt);
@@ -285,8 +284,8 @@ void plain_template_values(const session_state& session, std::int32_t cluster,
     }
     for (std::int32_t p = 0; p < points; ++p) {
       const double exact = static_cast<double>(sum[p]) / n;
-      const auto residual = static_cast<float>(static_cast<double>(squares[p]) -
-                                               static_cast<double>(sum[p]) * exact);
+      const auto residual =
+          static_cast<float>(static_cast<double>(squares[p]) - static_cast<double>(sum[p]) * exact);
       const std::size_t at = static_cast<std::size_t>(c - 1) * points + p;
       mean[at] = static_cast<float>(exact);
       sd[at] = residual <= 0.0f || n < 2 ? 8.0f / r.vscale_HP
@@ -337,8 +336,7 @@ float plain_fit(session_state& session, std::int32_t cluster, std::int32_t event
   std::int32_t best = INT32_MIN;
   for (std::int32_t d = -w + 1; d <= w - 1; ++d) {
     if (!(s[d] < s[d - 1] && s[d] < s[d + 1])) continue;
-    if (best == INT32_MIN ||
-        (multiplicative ? s[d] < s[best] : curvature(d) < curvature(best))) {
+    if (best == INT32_MIN || (multiplicative ? s[d] < s[best] : curvature(d) < curvature(best))) {
       best = d;
     }
   }
@@ -348,8 +346,8 @@ float plain_fit(session_state& session, std::int32_t cluster, std::int32_t event
     if (best == -w || best == w) return 0.0f;
   }
   const float c = curvature(best);
-  const float v = c == 0.0f || std::abs(best) >= 50 ? 0.0f
-                                                    : -0.5f * (s[best - 1] - s[best + 1]) / c;
+  const float v =
+      c == 0.0f || std::abs(best) >= 50 ? 0.0f : -0.5f * (s[best - 1] - s[best + 1]) / c;
   float u = v + 0.5f / static_cast<float>(session.tables.depth);
   if (u < 0.0f) {
     --best;
@@ -368,9 +366,9 @@ float plain_fit(session_state& session, std::int32_t cluster, std::int32_t event
 
 void plain_align_events(session_state& session, std::int32_t cluster) {
   const bool multiplicative = session.strategy.multiplicative_matching;
-  const auto w = std::min(50, static_cast<std::int32_t>(
-                                  static_cast<float>(session.recording.sampling_frequency) *
-                                  session.strategy.realign_window_ms / 1000.0f));
+  const auto w = std::min(
+      50, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                    session.strategy.realign_window_ms / 1000.0f));
   for (const std::int32_t e : list_cluster_events(session, cluster)) {
     const std::int32_t old_time = session.events.event_time[e];
     std::int32_t calls = 0;
@@ -508,12 +506,13 @@ void make_busy_recording(session_state& session, std::int32_t n_channels, std::i
       v[t] = static_cast<std::int16_t>(noise(random, 24.0f));
     }
   }
-  const float shape[] = {0, 0.1f, 0.3f, 0.1f, -0.4f, -0.9f, -1, -0.7f, -0.2f, 0.2f, 0.4f,
-                         0.45f, 0.4f, 0.3f, 0.2f, 0.1f, 0.05f};
+  const float shape[] = {0,    0.1f, 0.3f,  0.1f, -0.4f, -0.9f, -1,   -0.7f, -0.2f,
+                         0.2f, 0.4f, 0.45f, 0.4f, 0.3f,  0.2f,  0.1f, 0.05f};
   event_table& events = session.events;
   const std::int32_t n_units = n_channels + 2;
   events.n_events = 0;
-  for (std::int32_t t = 200; t < n_samples - 200; t += 40 + static_cast<int>((random.next() >> 16) % 120)) {
+  for (std::int32_t t = 200; t < n_samples - 200;
+       t += 40 + static_cast<int>((random.next() >> 16) % 120)) {
     const auto unit = static_cast<std::int32_t>((random.next() >> 16) % n_units);
     const std::int32_t centre = unit % n_channels + 1;
     // The two extra units share a channel with another but are smaller and wider.
@@ -547,8 +546,9 @@ gac_points make_clouds(std::int32_t n, std::int32_t dimensions, std::uint32_t se
   for (std::int32_t i = 0; i < n; ++i) {
     const auto cloud = static_cast<float>((random.next() >> 16) % 7);
     for (std::int32_t d = 0; d < dimensions; ++d) {
-      const float centre = d == 0 ? 6.0f * cloud : d == 1 ? 5.0f * static_cast<float>(int(cloud) % 3)
-                                                          : 2.0f * cloud;
+      const float centre = d == 0   ? 6.0f * cloud
+                           : d == 1 ? 5.0f * static_cast<float>(int(cloud) % 3)
+                                    : 2.0f * cloud;
       points.values.push_back(centre + noise(random, 1.0f + 0.3f * cloud));
     }
   }

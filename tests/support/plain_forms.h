@@ -38,8 +38,7 @@ void plain_align_events(session_state& session, std::int32_t cluster);
 float plain_cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                             std::int32_t scratch_slot, pair_shift shift);
 float plain_nearest_neighbour_overlap(const std::vector<float>& coordinates,
-                                      std::int32_t dimensions, std::int32_t n_a,
-                                      std::int32_t n_b);
+                                      std::int32_t dimensions, std::int32_t n_a, std::int32_t n_b);
 
 // A recording of noise with spikes of several units on neighbouring channels, from
 // the plain generator of small_session.h; events are put where spikes were.

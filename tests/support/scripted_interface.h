@@ -32,7 +32,7 @@ struct scripted_interface {
   // Makes the session talk to this user. The object must outlive the session's use.
   void attach(session_state& session);
 
-  bool told(const std::string& text) const;   // a box with exactly this text
+  bool told(const std::string& text) const;  // a box with exactly this text
   bool told(const std::string& text, const std::string& title) const;
   bool asked(const std::string& text, const std::string& title) const;
   bool logged(const std::string& text) const;  // a ring line that contains text
