@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <string>
 
 #include "numerics/simd.h"
 
@@ -30,6 +31,15 @@ void build_interp_table(session_state& session) {
     const float sine = static_cast<float>(std::sin(static_cast<double>(sinc_angle)));
     tables.interp_table[k] = (0.54f - 0.46f * cosine) * sine / sinc_angle;
   }
+}
+
+void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width) {
+  session.strategy.interp_depth = depth;
+  session.strategy.interp_width = width;
+  log_message(session, "Recalculating interpolation table");
+  log_message(session, "Changing interpolation parameters, depth, width = " +
+                           std::to_string(depth) + " " + std::to_string(width));
+  build_interp_table(session);
 }
 
 void build_gac_table(session_state& session) {

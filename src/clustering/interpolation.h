@@ -18,6 +18,9 @@ namespace kestrelvane {
 // table narrows the width to what fits.
 void build_interp_table(session_state& session);
 
+// A change of depth and width by the user: rebuilds the table and logs both.
+void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width);
+
 // Fills the kernel table exp(-k/500), k = 0..10000.
 void build_gac_table(session_state& session);
 

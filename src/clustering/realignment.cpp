@@ -1,5 +1,6 @@
 #include "clustering/realignment.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -431,6 +432,66 @@ void realign_events(session_state& session, std::int32_t cluster) {
     session.events.event_time[e] = aligned.time;
     session.events.event_shift[e] = aligned.offset;
   }
+}
+
+void realign_all_events(session_state& session) {
+  const auto begin = std::chrono::steady_clock::now();
+  const std::int32_t n = session.clusters.n_clusters;
+  for (std::int32_t cluster = 1; cluster <= n; ++cluster) {
+    realign_events(session, cluster);
+    calculate_template(session, cluster);
+    set_progress(session, meter::clusters, 100 * cluster / n, 100);
+  }
+  const auto msecs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                         std::chrono::steady_clock::now() - begin)
+                         .count();
+  log_message(session, "Serial realign clusters took " + std::to_string(msecs) + " msecs");
+}
+
+namespace {
+
+constexpr const char* align_mode_names[] = {
+    "Positive peak",         "Negative trough", "Largest peak/trough", "Max +ve zero crossing",
+    "Max -ve zero crossing", "Max +ve slope",   "Max -ve slope",       "Center of gravity"};
+
+}  // namespace
+
+const char* template_align_mode_name(std::int32_t mode) {
+  if (mode == 9) return "Peak weighted c.o.g.";
+  return mode >= 1 && mode <= 8 ? align_mode_names[mode - 1] : "";
+}
+
+const char* event_align_mode_name(std::int32_t mode) {
+  if (mode == 9) return "RMS match";
+  if (mode == 10) return "Multiplicative match";
+  return mode >= 1 && mode <= 8 ? align_mode_names[mode - 1] : "";
+}
+
+std::int32_t check_threaded_alignment(session_state& session) {
+  event_table& events = session.events;
+  const std::int32_t n = events.n_events;
+  const std::vector<std::int32_t> time(events.event_time.first(), events.event_time.first() + n);
+  const std::vector<float> shift(events.event_shift.first(), events.event_shift.first() + n);
+  const std::string count = std::to_string(n);
+  log_message(session, "starting threaded realignment, n_events=" + count);
+  realign_all_clusters(session);
+  log_message(session, "finished threaded alignment, n_events= " + count);
+  const std::vector<float> first_run(events.event_shift.first(), events.event_shift.first() + n);
+  std::copy(time.begin(), time.end(), events.event_time.first());
+  std::copy(shift.begin(), shift.end(), events.event_shift.first());
+  log_message(session, "starting threaded realignment again, n_events=" + count);
+  realign_all_clusters(session);
+  std::int32_t different = 0;
+  for (std::int32_t e = 1; e <= n; ++e) {
+    if (events.event_shift[e] == first_run[e - 1]) continue;
+    if (++different > 500) continue;
+    log_message(session, std::to_string(e) + " " + std::to_string(first_run[e - 1]) + " " +
+                             std::to_string(events.event_shift[e]));
+  }
+  log_message(session, different == 0
+                           ? "no thread difference"
+                           : "thread difference for " + std::to_string(different) + " events");
+  return different;
 }
 
 }  // namespace kestrelvane

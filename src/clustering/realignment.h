@@ -42,6 +42,18 @@ void apply_event_shift(std::int32_t& time, float& fraction, float shift);
 // belongs to; a cluster that is neither is logged and nothing moves.
 void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k);
 
+// "Realign All" of the events: realign_events and the template of every cluster.
+void realign_all_events(session_state& session);
+
+// Names of the alignment modes as their lists show them; empty for other numbers.
+const char* template_align_mode_name(std::int32_t mode);
+const char* event_align_mode_name(std::int32_t mode);
+
+// Proof that threads change nothing: runs the whole alignment twice from the same
+// event times and compares. Returns how many events differ; the second result
+// stays.
+std::int32_t check_threaded_alignment(session_state& session);
+
 // Moves each event to its own feature (event_align_mode 1..8) or runs the rms (9)
 // or multiplicative (10) fit.
 void realign_events(session_state& session, std::int32_t cluster);

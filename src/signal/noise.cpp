@@ -180,4 +180,9 @@ void mask_quiet_channels(session_state& session) {
   }
 }
 
+void mask_all_channels(session_state& session, bool masked) {
+  recording_store& r = session.recording;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) r.chan_mask[c] = masked;
+}
+
 }  // namespace kestrelvane

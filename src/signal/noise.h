@@ -19,6 +19,9 @@ void compute_noise(session_state& session);
 // Noise of one channel in noise_window_secs round a sample (dynamic noise).
 float window_noise(const session_state& session, std::int32_t channel, std::int32_t centre_sample);
 
+// "Mask all" and "Unmask all".
+void mask_all_channels(session_state& session, bool masked);
+
 // "Mask": masks every channel whose noise is below mask_noise_below_uv.
 void mask_quiet_channels(session_state& session);
 

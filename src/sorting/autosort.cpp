@@ -403,4 +403,18 @@ bool autosort(session_state& session) {
   return end_finished(session, begin);
 }
 
+bool leave_autosort(session_state& session, float window_start_ms, float window_end_ms) {
+  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) return true;
+  const bool changed = session.strategy.template_window_start_ms != window_start_ms ||
+                       session.strategy.template_window_end_ms != window_end_ms;
+  if (!changed || session.clusters.n_clusters == 0) return false;
+  set_status(session, status_field::message,
+             "Spikes are being realigned and templates\r\nrecalculated because the spike window "
+             "was\r\nchanged");
+  compute_template_points(session);
+  realign_all_clusters(session);
+  set_status(session, status_field::message, "Finished ... press OK to continue");
+  return false;
+}
+
 }  // namespace kestrelvane

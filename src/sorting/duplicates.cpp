@@ -52,6 +52,13 @@ std::int32_t remove_duplicate_events(session_state& session, bool remove) {
   return count;
 }
 
+std::int32_t remove_duplicates_by_hand(session_state& session) {
+  const std::int32_t count = remove_duplicate_events(session, true);
+  log_message(session, "Post-processing:" + std::to_string(count) +
+                           " duplicate events removed from clusters");
+  return count;
+}
+
 std::int32_t mark_duplicate_events(session_state& session) {
   session.events.event_subcluster.clear();
   std::int32_t count = 0;

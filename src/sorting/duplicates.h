@@ -15,6 +15,9 @@ namespace kestrelvane {
 // cluster and gives it back its time of detection. Returns the count.
 std::int32_t remove_duplicate_events(session_state& session, bool remove);
 
+// "Remove" of post-processing: removes, logs, and returns the count.
+std::int32_t remove_duplicates_by_hand(session_state& session);
+
 // Labels the worse events with sub-cluster 1, after clearing all labels; returns
 // how many were found.
 std::int32_t mark_duplicate_events(session_state& session);

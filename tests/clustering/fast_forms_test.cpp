@@ -133,6 +133,21 @@ TEST(fast_forms, recalculation_is_its_five_steps) {
   }
 }
 
+TEST(fast_forms, the_alignment_diagnostic_finds_no_difference) {
+  small_session session;
+  make_busy_recording(*session, 4, 40000, 3);
+  use_threads(*session, 3);
+  EXPECT_EQ(check_threaded_alignment(*session), 0);
+  EXPECT_TRUE(session.user.logged("no thread difference"));
+  // Events by their own features: each mode leaves them inside the recording.
+  for (int mode = 1; mode <= 10; ++mode) {
+    session->strategy.event_align_mode = mode;
+    realign_all_events(*session);
+    EXPECT_EQ(check_session(*session), "") << event_align_mode_name(mode);
+  }
+  EXPECT_TRUE(session->strategy.multiplicative_matching);
+}
+
 TEST(fast_forms, covariance_of_more_than_5000_rows_takes_every_second) {
   small_session session;
   pc_rows rows;

@@ -175,6 +175,24 @@ TEST(autosort, pauses_and_resumes) {
   EXPECT_EQ(digest(*session), digest(*straight));
 }
 
+TEST(autosort, leaving_the_dialog) {
+  small_session session;
+  make_raw(*session);
+  autosort(*session);
+  const float start = session->strategy.template_window_start_ms;
+  const float end = session->strategy.template_window_end_ms;
+  session->autosort.next_stage_requested = false;
+  EXPECT_FALSE(leave_autosort(*session, start, end));
+  session->strategy.template_window_end_ms = 1.0f;
+  EXPECT_FALSE(leave_autosort(*session, start, end));
+  EXPECT_EQ(session->templates.template_points, 46);
+  EXPECT_EQ(session.user.statuses.back(), "Finished ... press OK to continue");
+  session->autosort.next_stage_requested = true;
+  session->strategy.overlap_threshold = -5.0f;  // nothing is distinct by its overlap
+  session->strategy.correlation_threshold = -2.0f;
+  EXPECT_EQ(leave_autosort(*session, start, end), count_pairs_to_examine(*session) > 0);
+}
+
 TEST(autosort, the_cluster_limit_is_told_at_the_end) {
   small_session session;
   make_raw(*session);
