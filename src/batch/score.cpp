@@ -138,16 +138,18 @@ void join_units_file(const std::string& path, sort_score& score) {
 
 bool tells_noise(const sort_score& score) { return score.has_amplitudes && score.noise_uv > 0; }
 
+// The first line says what is counted; of the others only those with units are told.
 std::string band_lines(const sort_score& score) {
   std::string text;
-  const char* unit = " the noise";  // said once
   for (const score_band& band : count_in_bands(score)) {
     std::string where = fmt::format("{} to {} times", band.from, band.to);
     if (std::isinf(band.to)) where = fmt::format("{} or more times above", band.from);
     if (band.from == 0) where = fmt::format("below {} times", band.to);
     const bool first = text.empty();
-    text += fmt::format("{}{}: {} of {}{}\n", where, first ? unit : "", band.n_above_four_fifths,
-                        band.n_units, first ? " units with accuracy 0.8 or better" : "");
+    if (!first && band.n_units == 0) continue;
+    text += fmt::format("{}{}: {} of {}{}\n", where, first ? " the noise" : "",
+                        band.n_above_four_fifths, band.n_units,
+                        first ? " units with accuracy 0.8 or better" : "");
   }
   return text;
 }

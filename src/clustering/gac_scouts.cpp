@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "numerics/parallel.h"
-
 namespace kestrelvane {
 
 void start_scouts(const gac_columns& points, gac_scouts& scouts) {
@@ -53,7 +51,7 @@ void move_scout(const gac_step_settings& settings, gac_scouts& scouts, std::int3
 
 // Four scouts at a time, as the kernel takes them.
 void step_batch(const gac_columns& sources, const gac_step_settings& settings, gac_scouts& scouts,
-                const std::int32_t* batch, std::int32_t n, gac_scratch& scratch) {
+                const std::int32_t* batch, std::int32_t n) {
   const std::int32_t dimensions = sources.dimensions;
   float positions[4 * gac_dimension_limit] = {};
   for (std::int32_t k = 0; k < n; ++k) {
@@ -62,7 +60,7 @@ void step_batch(const gac_columns& sources, const gac_step_settings& settings, g
     }
   }
   gac_sums sums[4];
-  gac_gather(sources, settings.kernel, positions, n, scratch, sums);
+  gac_gather(sources, settings.kernel, positions, n, scouts.scratch, sums);
   for (std::int32_t k = 0; k < n; ++k) move_scout(settings, scouts, batch[k], sums[k]);
 }
 
@@ -80,20 +78,9 @@ std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& se
     }
   }
   const auto n = static_cast<std::int32_t>(going.size());
-  const std::int32_t n_batches = (n + 3) / 4;
-  // Waking the other threads costs about as much as this many point tests.
-  const std::int64_t work = std::int64_t{n} * sources.n;
-  const std::int32_t n_threads = work < 200'000 ? 1 : settings.n_threads;
-  static thread_local std::vector<gac_scratch> scratch;
-  std::vector<gac_scratch>& scratch_of_threads = scratch;
-  if (static_cast<std::int32_t>(scratch_of_threads.size()) < n_threads) {
-    scratch_of_threads.resize(n_threads);
+  for (std::int32_t first = 0; first < n; first += 4) {
+    step_batch(sources, settings, scouts, going.data() + first, std::min(4, n - first));
   }
-  parallel_for(n_threads, 0, n_batches - 1, [&](std::int64_t b, std::int32_t rank) {
-    const auto first = static_cast<std::int32_t>(4 * b);
-    step_batch(sources, settings, scouts, going.data() + first, std::min(4, n - first),
-               scratch_of_threads[rank]);
-  });
   std::int32_t still_going = 0;
   for (std::int32_t k = 0; k < scouts.n_scouts; ++k) still_going += scouts.stopped[k] == 0;
   return still_going;

@@ -21,7 +21,8 @@ struct gac_scouts {
   std::vector<std::int32_t> stall;  // tiny steps so far
   // A step that left the scout exactly where it was will do so again, since the
   // points it climbs are fixed: such a scout is not computed anew.
-  std::vector<char> frozen;          // 1 frozen, 2 frozen by a tiny step
+  std::vector<char> frozen;  // 1 frozen, 2 frozen by a tiny step
+  gac_scratch scratch;
   std::vector<std::int32_t> parent;  // by identity: whom it was merged into; -1 alive
 };
 
@@ -34,7 +35,6 @@ struct gac_step_settings {
   float stop_step;  // already divided by the stage's bandwidth
   std::int32_t stall_limit;
   const float* kernel;  // 10,002 entries
-  std::int32_t n_threads;
 };
 std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& settings,
                          gac_scouts& scouts);

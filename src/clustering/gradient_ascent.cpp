@@ -101,7 +101,7 @@ void run_stage(const session_state& session, const gac_points& points, std::int3
   std::vector<float> kernel(session.tables.gac_table, session.tables.gac_table + 10001);
   kernel.push_back(0.0f);
   const gac_step_settings settings{strategy.gac_gain, strategy.gac_stop_step / g,
-                                   strategy.gac_stall_limit, kernel.data(), threads_now(session)};
+                                   strategy.gac_stall_limit, kernel.data()};
   std::int32_t iterations = 0, going = 0;
   do {
     going = step_scouts(sources, settings, scouts);
@@ -236,8 +236,6 @@ void count_long_lived(const session_state& session, gac_tables& tables) {
 
 namespace {
 
-// A cloud this large keeps all threads busy inside one stage.
-constexpr std::int32_t large_cloud = 3000;
 // Stages run ahead of the one that is judged: those beyond the stop are idle work.
 constexpr std::int32_t stages_ahead = 4;
 
@@ -245,7 +243,7 @@ constexpr std::int32_t stages_ahead = 4;
 // the points.
 void run_stages(const session_state& session, const gac_points& points, std::int32_t first,
                 std::int32_t last, std::vector<gac_scouts>& scouts, gac_tables& tables) {
-  const std::int32_t n_threads = points.n < large_cloud ? threads_now(session) : 1;
+  const std::int32_t n_threads = threads_now(session);
   if (static_cast<std::int32_t>(scouts.size()) < n_threads) scouts.resize(n_threads);
   parallel_for_dealt(n_threads, first, last, [&](std::int64_t s, std::int32_t rank) {
     run_stage(session, points, static_cast<std::int32_t>(s), scouts[rank], tables);

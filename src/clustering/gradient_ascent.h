@@ -9,7 +9,8 @@
 // Points come divided by sqrt(2) times the starting sigma (principal_components.h),
 // so that the kernel is exp(-d^2). Stages count from 1 to 50, labels from 1 to
 // 100; label 1 is the largest cluster of a stage and label 100 collects everything
-// above 99. Tables do not depend on the number of threads.
+// above 99. Stages depend on nothing but the points and run side by side on the
+// threads; the tables do not depend on how many there are.
 #pragma once
 
 #include <cstdint>

@@ -146,6 +146,9 @@ TEST(Score, BandsOfAmplitudeOverNoise) {
             std::string::npos)
       << table;
   EXPECT_NE(table.find("    9.99     0.790"), std::string::npos) << table;
+  score.units[3].amplitude_uv = 0;
+  EXPECT_EQ(score_table(score).find("below 7"), std::string::npos);
+  score.units[3].amplitude_uv = 34.5;
   const nlohmann::json json = score_json(score);
   EXPECT_EQ(json["noise_uv"], 5);
   EXPECT_EQ(json["units"][2]["amplitude_over_noise"], 7);

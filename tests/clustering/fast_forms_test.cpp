@@ -32,14 +32,34 @@ TEST(fast_forms, gradient_ascent_stages) {
     for (const int s : {1, 4, 12}) {
       const auto plain = std::make_unique<gac_tables>();
       plain_gac_stage(*session, points, s, *plain);
-      for (const int threads : {1, 2, 7}) {
-        use_threads(*session, threads);
-        const auto fast = std::make_unique<gac_tables>();
-        gac_stage(*session, points, s, *fast);
-        EXPECT_EQ(fast->stage_labels[s], plain->stage_labels[s]) << n << " " << dimensions;
-        EXPECT_EQ(fast->scouts_left[s], plain->scouts_left[s]);
-        EXPECT_EQ(fast->iterations[s], plain->iterations[s]);
+      const auto fast = std::make_unique<gac_tables>();
+      gac_stage(*session, points, s, *fast);
+      EXPECT_EQ(fast->stage_labels[s], plain->stage_labels[s]) << n << " " << dimensions;
+      EXPECT_EQ(fast->scouts_left[s], plain->scouts_left[s]);
+      EXPECT_EQ(fast->iterations[s], plain->iterations[s]);
+    }
+  }
+}
+
+TEST(fast_forms, the_ladder_at_any_thread_count) {
+  small_session session;
+  for (const int n : {60, 900, 2600}) {
+    const gac_points points = make_clouds(n, 2, 3 + n);
+    const auto serial = std::make_unique<gac_tables>();
+    use_threads(*session, 1);
+    gac_run(*session, points, *serial);
+    ASSERT_GT(serial->final_stage, 5);
+    for (const int threads : {2, 3, 7}) {
+      use_threads(*session, threads);
+      const auto threaded = std::make_unique<gac_tables>();
+      EXPECT_EQ(gac_run(*session, points, *threaded), serial->final_stage);
+      EXPECT_EQ(threaded->obvious, serial->obvious);
+      for (int s = 1; s <= serial->final_stage; ++s) {
+        EXPECT_EQ(threaded->stage_labels[s], serial->stage_labels[s]);
+        EXPECT_EQ(threaded->nc_ge_threshold[s], serial->nc_ge_threshold[s]);
       }
+      EXPECT_EQ(0, std::memcmp(threaded->as_cl_scores, serial->as_cl_scores,
+                               sizeof serial->as_cl_scores));
     }
   }
 }
