@@ -59,11 +59,6 @@ void report(const std::string& name, const best_times& times, bool same) {
   std::fflush(stdout);
 }
 
-void use_threads(session_state& session, std::int32_t n) {
-  session.n_threads = n;
-  session.multi_threaded_now = n > 1;
-}
-
 // ---------------------------------------------------------------- reading
 
 void benchmark_reading(const std::string& path) {

@@ -15,11 +15,6 @@
 namespace kestrelvane::test {
 namespace {
 
-void use_threads(session_state& session, std::int32_t n) {
-  session.n_threads = n;
-  session.multi_threaded_now = n > 1;
-}
-
 TEST(fast_forms, gradient_ascent_stages) {
   small_session session;
   struct cloud {

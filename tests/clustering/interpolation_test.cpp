@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -13,12 +12,6 @@
 
 namespace kestrelvane::test {
 namespace {
-
-float bits(std::uint32_t word) {
-  float value;
-  std::memcpy(&value, &word, 4);
-  return value;
-}
 
 TEST(interpolation, table_of_depth_10_width_6) {
   small_session session;

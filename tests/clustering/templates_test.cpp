@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "clustering/principal_components.h"
@@ -13,12 +12,6 @@
 
 namespace kestrelvane::test {
 namespace {
-
-float bits(std::uint32_t word) {
-  float value;
-  std::memcpy(&value, &word, 4);
-  return value;
-}
 
 // Puts events into cluster 1, all on channel 1.
 void put_events(session_state& session, const std::vector<int>& times,

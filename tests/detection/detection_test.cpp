@@ -2,7 +2,6 @@
 // small enough to follow by hand.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "detection/detection_run.h"
@@ -13,12 +12,6 @@
 
 namespace kestrelvane::test {
 namespace {
-
-float bits(std::uint32_t word) {
-  float value;
-  std::memcpy(&value, &word, 4);
-  return value;
-}
 
 TEST(sample_test, known_samples) {
   struct known {

@@ -15,11 +15,6 @@
 namespace kestrelvane::test {
 namespace {
 
-void use_threads(session_state& session, std::int32_t n) {
-  session.n_threads = n;
-  session.multi_threaded_now = n > 1;
-}
-
 TEST(sample_scan, finds_what_the_plain_walk_finds_by_every_method) {
   small_session session;
   make_busy_recording(*session, 4, 30000, 31);

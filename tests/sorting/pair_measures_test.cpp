@@ -18,11 +18,6 @@
 namespace kestrelvane::test {
 namespace {
 
-void use_threads(session_state& session, std::int32_t n) {
-  session.n_threads = n;
-  session.multi_threaded_now = n > 1;
-}
-
 void make_aligned(session_state& session) {
   make_busy_recording(session, 4, 150000, 41);
   session.strategy.template_shift_on = true;

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -11,12 +10,6 @@
 
 namespace kestrelvane::test {
 namespace {
-
-float bits(std::uint32_t word) {
-  float value;
-  std::memcpy(&value, &word, 4);
-  return value;
-}
 
 struct stage {
   std::vector<int> sizes, scores;

@@ -48,6 +48,11 @@ void put_samples(session_state& session, std::int32_t channel, std::int32_t firs
   }
 }
 
+void use_threads(session_state& session, std::int32_t n) {
+  session.n_threads = n;
+  session.multi_threaded_now = n > 1;
+}
+
 temporary_directory::temporary_directory() {
   std::string pattern = (std::filesystem::temp_directory_path() / "kestrelvane-XXXXXX").string();
   path = mkdtemp(pattern.data());

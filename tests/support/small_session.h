@@ -1,6 +1,7 @@
 // Small sessions for tests, built in three lines.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -29,6 +30,12 @@ void make_recording(session_state& session, std::int32_t n_channels, std::int32_
 // Writes values into a channel from time index first on.
 void put_samples(session_state& session, std::int32_t channel, std::int32_t first,
                  const std::vector<int>& values);
+
+// The 32-bit float with the given bits: how exact results are written down.
+inline float bits(std::uint32_t word) { return std::bit_cast<float>(word); }
+
+// Parallel loops of the session run on n threads; 1 is the plain form.
+void use_threads(session_state& session, std::int32_t n);
 
 // The generator of the test vectors: s = (1103515245 s + 12345) mod 2^31.
 struct vector_random {
