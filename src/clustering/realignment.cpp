@@ -312,10 +312,12 @@ void settle_event(session_state& session, const alignment_target& target, std::i
   if (calls == 5 || std::fabs(moved) > 0.8f) session.events.event_time[event] = old_time;
 }
 
+// times: of the events before any of them is fitted, since the event ahead may be
+// another thread's, which moves it meanwhile.
 void prefetch_event(const session_state& session, const alignment_target& target,
-                    const std::vector<std::int32_t>& list, std::int64_t i) {
-  if (i >= static_cast<std::int64_t>(list.size())) return;
-  const std::int32_t first = session.events.event_time[list[i]] + target.start - target.w;
+                    const std::vector<std::int32_t>& times, std::int64_t i) {
+  if (i >= static_cast<std::int64_t>(times.size())) return;
+  const std::int32_t first = times[i] + target.start - target.w;
   for (const std::int32_t channel : target.channels) {
     prefetch_samples(session.recording.vd.channel(channel) + first,
                      target.n_points * target.step + 2 * target.w);
@@ -328,11 +330,13 @@ void align_listed_events(session_state& session, std::int32_t cluster,
   const std::int32_t w = realign_window(session);
   if (w < 1) return;
   const alignment_target target = make_target(session, cluster, w, multiplicative);
+  std::vector<std::int32_t> times(list.size());
+  for (std::size_t i = 0; i < list.size(); ++i) times[i] = session.events.event_time[list[i]];
   // A short list is not worth waking the other threads.
   const std::int32_t n_threads = list.size() < 64 ? 1 : threads_now(session);
   parallel_for(n_threads, 0, static_cast<std::int64_t>(list.size()) - 1,
                [&](std::int64_t i, std::int32_t) {
-                 prefetch_event(session, target, list, i + prefetch_distance);
+                 prefetch_event(session, target, times, i + prefetch_distance);
                  settle_event(session, target, list[i], multiplicative);
                });
 }
