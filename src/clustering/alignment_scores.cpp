@@ -8,60 +8,76 @@ namespace kestrelvane {
 
 namespace {
 
-// Lanes are offsets; each adds its terms in the order of the plain loop. Up to
-// seven blocks of 16 offsets cover -50..50; v points at the first sample of the
-// first offset on one channel.
-template <int blocks>
-__attribute__((always_inline)) inline void add_products(const std::int16_t* v, const float* values,
-                                                        std::int32_t n_points, std::int32_t step,
-                                                        float_lanes* sums) {
+// The samples that all offsets of all points of one channel read, converted once.
+constexpr std::int32_t most_samples = template_point_limit + 8 * n_lanes;
+
+__attribute__((always_inline)) inline void convert_samples(const std::int16_t* v, std::int32_t n,
+                                                           float* samples) {
+  for (std::int32_t i = 0; i < n; i += n_lanes) {
+    const short_lanes s = *reinterpret_cast<const short_lanes*>(v + i);
+    *reinterpret_cast<float_lanes*>(samples + i) = __builtin_convertvector(s, float_lanes);
+  }
+}
+
+enum class score_term { product, squared_difference };
+
+// Lanes are offsets; each adds its terms in the order of the plain loop. Blocks of
+// 16 offsets stay in registers while the points go by.
+template <int blocks, score_term term>
+__attribute__((always_inline)) inline void add_terms(const float* samples, const float* values,
+                                                     std::int32_t n_points, std::int32_t step,
+                                                     float_lanes* sums) {
   float_lanes local[blocks];
   for (int b = 0; b < blocks; ++b) local[b] = sums[b];
   for (std::int32_t i = 0; i < n_points; ++i) {
     for (int b = 0; b < blocks; ++b) {
-      const short_lanes samples = *reinterpret_cast<const short_lanes*>(v + i * step + b * n_lanes);
-      local[b] += __builtin_convertvector(samples, float_lanes) * values[i];
+      const float_lanes sample =
+          *reinterpret_cast<const float_lanes*>(samples + i * step + b * n_lanes);
+      if constexpr (term == score_term::product) {
+        local[b] += sample * values[i];
+      } else {
+        const float_lanes difference = values[i] - sample;
+        local[b] += difference * difference;
+      }
     }
   }
   for (int b = 0; b < blocks; ++b) sums[b] = local[b];
 }
 
-template <int blocks>
-__attribute__((always_inline)) inline void add_differences(const std::int16_t* v,
-                                                           const float* values,
-                                                           std::int32_t n_points,
-                                                           float_lanes* sums) {
-  float_lanes local[blocks];
-  for (int b = 0; b < blocks; ++b) local[b] = sums[b];
-  for (std::int32_t i = 0; i < n_points; ++i) {
-    for (int b = 0; b < blocks; ++b) {
-      const short_lanes samples = *reinterpret_cast<const short_lanes*>(v + i + b * n_lanes);
-      const float_lanes difference = values[i] - __builtin_convertvector(samples, float_lanes);
-      local[b] += difference * difference;
-    }
+// v points at the first sample of the first offset on one channel.
+template <score_term term>
+__attribute__((always_inline)) inline void add_channel(const std::int16_t* v, const float* values,
+                                                       std::int32_t n_points, std::int32_t step,
+                                                       std::int32_t n_blocks, float_lanes* sums) {
+  float samples[most_samples];
+  convert_samples(v, (n_points - 1) * step + n_blocks * n_lanes, samples);
+  // Two blocks hold the default window of 25 offsets; seven the widest of 101.
+  std::int32_t b = 0;
+  for (; b + 2 <= n_blocks; b += 2) {
+    add_terms<2, term>(samples + b * n_lanes, values, n_points, step, sums + b);
   }
-  for (int b = 0; b < blocks; ++b) sums[b] = local[b];
+  if (b < n_blocks) add_terms<1, term>(samples + b * n_lanes, values, n_points, step, sums + b);
 }
 
 KESTRELVANE_CLONES void sum_products(const std::int16_t* v, const float* values,
                                      std::int32_t n_points, std::int32_t step,
                                      std::int32_t n_blocks, float_lanes* sums) {
-  // Two blocks hold the default window of 25 offsets.
-  std::int32_t b = 0;
-  for (; b + 2 <= n_blocks; b += 2) {
-    add_products<2>(v + b * n_lanes, values, n_points, step, sums + b);
-  }
-  if (b < n_blocks) add_products<1>(v + b * n_lanes, values, n_points, step, sums + b);
+  add_channel<score_term::product>(v, values, n_points, step, n_blocks, sums);
 }
 
 KESTRELVANE_CLONES void sum_differences(const std::int16_t* v, const float* values,
                                         std::int32_t n_points, std::int32_t n_blocks,
                                         float_lanes* sums) {
-  std::int32_t b = 0;
-  for (; b + 2 <= n_blocks; b += 2) {
-    add_differences<2>(v + b * n_lanes, values, n_points, sums + b);
+  add_channel<score_term::squared_difference>(v, values, n_points, 1, n_blocks, sums);
+}
+
+// Signed roots of the negated sums: -sqrt(sum) for a positive sum.
+KESTRELVANE_CLONES void finish_products(const float* sums, std::int32_t n, float scale, float terms,
+                                        float* scores) {
+  for (std::int32_t i = 0; i < n; ++i) {
+    const float q = -sums[i];
+    scores[i] = std::copysign(std::sqrt(std::fabs(q)), q) * scale / terms;
   }
-  if (b < n_blocks) add_differences<1>(v + b * n_lanes, values, n_points, sums + b);
 }
 
 std::int32_t count_blocks(const alignment_target& target) {
@@ -99,15 +115,7 @@ void score_products(const session_state& session, const alignment_target& target
   }
   const float scale = session.recording.vscale_HP;
   const auto terms = static_cast<float>(target.values.size());
-  for (std::int32_t i = 0; i <= 2 * target.w; ++i) {
-    float q = -sums[i / n_lanes][i % n_lanes];
-    if (q < 0.0f) {
-      q = -std::sqrt(-q);
-    } else if (q > 0.0f) {
-      q = std::sqrt(q);
-    }
-    scores[i] = q * scale / terms;
-  }
+  finish_products(reinterpret_cast<const float*>(sums), 2 * target.w + 1, scale, terms, scores);
 }
 
 }  // namespace kestrelvane

@@ -189,22 +189,6 @@ TEST_F(batch_test, a_saved_sort_reads_back_and_exports_the_same) {
   EXPECT_THAT(again.err, testing::Not(HasSubstr("Detecting events")));
 }
 
-TEST_F(batch_test, every_stage_is_the_same_at_any_number_of_threads) {
-  const words forms[] = {{"--threads", "1"}, {"--threads", "2"}, {"--threads", "7"}, {"--serial"}};
-  for (const std::string stage : {"detection", "channel-clusters", "first-pass", "lists", "all"}) {
-    std::vector<char> first;
-    for (const words& form : forms) {
-      const std::string work = file("t.wrk");
-      words arguments{"sort", tsf, "--quiet", "--stop-after", stage, "--save-work", work};
-      arguments.insert(arguments.end(), form.begin(), form.end());
-      ASSERT_EQ(run(arguments).status, 0) << stage;
-      const std::vector<char> bytes = without_log(work);
-      if (first.empty()) first = bytes;
-      EXPECT_TRUE(bytes == first) << stage << " with " << testing::PrintToString(form);
-    }
-  }
-}
-
 TEST_F(batch_test, detect_finds_events_and_masked_channels_take_no_part) {
   const process_result result =
       run({"detect", tsf, "--mask", "1,3-4", "--quiet", "--save-work", file("d.wrk")});
