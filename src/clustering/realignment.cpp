@@ -169,8 +169,7 @@ bool time_in_recording(const session_state& session, std::int32_t time) {
 void shift_events(session_state& session, const std::vector<std::int32_t>& list, float x) {
   event_table& events = session.events;
   for (const std::int32_t e : list) {
-    // In 32 bits, as told in the header of the event table's users: beyond 2^24
-    // samples the time is rounded to what 32 bits hold.
+    // In 32 bits: beyond 2^24 samples the time is rounded to what they hold.
     const float y = static_cast<float>(events.event_time[e]) + x + events.event_shift[e];
     const auto whole = static_cast<std::int32_t>(y);
     if (!time_in_recording(session, whole)) continue;

@@ -385,61 +385,86 @@ void report_final_check(session_state& session, const char* words, std::int32_t 
               fmt::format("initial, final clusters ={} {}", n_first, session.clusters.n_clusters));
 }
 
+enum class check_result { one_cluster, split, no_room };
+
+// Tries once to split a cluster that stands alone.
+check_result check_cluster(session_state& session, std::int32_t c) {
+  session.clusters.current_cluster = c;
+  set_status(session, status_field::current_cluster,
+             fmt::format("{} {}", c, count_cluster_events(session, c)));
+  log_message(session, fmt::format("Checking cluster {}", c));
+  gac_points points;
+  const auto tables = std::make_unique<gac_tables>();
+  session.strategy.split_obvious = true;
+  gac_run_cluster(session, c, points, *tables);
+  const stage_verdict verdict = judge_stages(session, points, *tables);
+  if (verdict.kept.size() < 2) {
+    log_message(session, "Cannot find subclusters");
+    for (const std::int32_t e : list_cluster_events(session, c)) {
+      session.events.event_subcluster[e] = 0;
+    }
+    return check_result::one_cluster;
+  }
+  if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) {
+    return check_result::no_room;
+  }
+  log_message(session, "Splitting cluster ");
+  if (session.preferences.verbose_log) {
+    log_message(session, fmt::format("Split list ={}", fmt::join(verdict.kept, " ")));
+  }
+  split_by_verdict(session, c, points, *tables, verdict);
+  show_counts(session);
+  return check_result::split;
+}
+
+// Where the meter stands in the final check: most of its way belongs to the first
+// pass, the rest to the second.
+struct check_meter {
+  std::int32_t from, mid, to;
+};
+
+void move_check_meter(session_state& session, const check_meter& meter, std::int32_t pass,
+                      std::int32_t c, std::int32_t n_in_pass) {
+  if (pass == 1) {
+    set_merge_meter(session, meter.from + c * (meter.mid - meter.from) / n_in_pass);
+  } else if (pass == 2) {
+    set_merge_meter(session,
+                    std::min(meter.to, meter.mid + (meter.to - meter.mid) * c / n_in_pass));
+  }
+}
+
 }  // namespace
 
 void final_split_check(session_state& session, std::int32_t meter_from, std::int32_t meter_to) {
   log_message(session, "");
   log_message(session, "Making final check ... please wait");
-  cluster_table& clusters = session.clusters;
-  const std::int32_t n_first = clusters.n_clusters;
-  const std::int32_t meter_mid = static_cast<std::int32_t>(
-      static_cast<float>(meter_from) + static_cast<float>(meter_to - meter_from) * 0.8f);
+  const std::int32_t n_first = session.clusters.n_clusters;
+  const check_meter meter{
+      meter_from,
+      static_cast<std::int32_t>(static_cast<float>(meter_from) +
+                                static_cast<float>(meter_to - meter_from) * 0.8f),
+      meter_to};
   std::vector<char> checked(cluster_limit + 1, 0);
-  std::int32_t n_splits = 0, n_left = n_first, n_now = n_first;
+  std::int32_t n_splits = 0, n_left = n_first;
   for (std::int32_t pass = 1; n_left > 0; ++pass) {
+    const std::int32_t n_now = session.clusters.n_clusters;
     for (std::int32_t c = 1; c <= n_now; ++c) {
       if (checked[c]) continue;
-      clusters.current_cluster = c;
-      set_status(session, status_field::current_cluster,
-                 fmt::format("{} {}", c, count_cluster_events(session, c)));
-      log_message(session, fmt::format("Checking cluster {}", c));
-      gac_points points;
-      const auto tables = std::make_unique<gac_tables>();
-      session.strategy.split_obvious = true;
-      gac_run_cluster(session, c, points, *tables);
-      const stage_verdict verdict = judge_stages(session, points, *tables);
-      if (verdict.kept.size() < 2) {
-        log_message(session, "Cannot find subclusters");
-        for (const std::int32_t e : list_cluster_events(session, c)) {
-          session.events.event_subcluster[e] = 0;
-        }
-        checked[c] = 1;
-      } else if (clusters.n_clusters + verdict.n_keep > session.max_clusters) {
+      const check_result result = check_cluster(session, c);
+      checked[c] = result == check_result::one_cluster;
+      n_splits += result == check_result::split;
+      if (result == check_result::no_room) {
         session.autosort.max_clusters_reached = true;
         report_final_check(session, "Stopping final check for subclusters as max clusters reached",
                            n_splits, n_first);
         return;
-      } else {
-        log_message(session, "Splitting cluster ");
-        if (session.preferences.verbose_log) {
-          log_message(session, fmt::format("Split list ={}", fmt::join(verdict.kept, " ")));
-        }
-        split_by_verdict(session, c, points, *tables, verdict);
-        ++n_splits;
-        show_counts(session);
       }
-      if (pass == 1) {
-        set_merge_meter(session, meter_from + c * (meter_mid - meter_from) / n_first);
-      } else if (pass == 2) {
-        set_merge_meter(session,
-                        std::min(meter_to, meter_mid + (meter_to - meter_mid) * c / n_left));
-      }
+      move_check_meter(session, meter, pass, c, n_left);
       pause_point(session);
       if (autosort_interrupted(session)) return;
     }
-    n_now = clusters.n_clusters;
     n_left = 0;
-    for (std::int32_t c = 1; c <= n_now; ++c) n_left += checked[c] == 0;
+    for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) n_left += checked[c] == 0;
   }
   report_final_check(session, "Finished final check for subclusters", n_splits, n_first);
 }
