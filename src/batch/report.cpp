@@ -5,10 +5,10 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "batch/batch_version.h"
 #include "results/work_file_rows.h"
 #include "session/safe_file.h"
 #include "session/settings_table.h"
+#include "session/version.h"
 
 namespace kestrelvane {
 

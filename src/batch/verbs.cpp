@@ -5,7 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <string_view>
 
-#include "batch/batch_version.h"
+#include "session/version.h"
 
 namespace kestrelvane {
 

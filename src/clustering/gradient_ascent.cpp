@@ -98,10 +98,8 @@ void run_stage(const session_state& session, const gac_points& points, std::int3
 
   const std::int32_t q = strategy.gac_subsample ? points.n / 5000 + 1 : 1;
   const gac_columns sources = pick_sources(scaled, q);
-  std::vector<float> kernel(session.tables.gac_table, session.tables.gac_table + 10001);
-  kernel.push_back(0.0f);
   const gac_step_settings settings{strategy.gac_gain, strategy.gac_stop_step / g,
-                                   strategy.gac_stall_limit, kernel.data()};
+                                   strategy.gac_stall_limit, session.tables.gac_table};
   std::int32_t iterations = 0, going = 0;
   do {
     going = step_scouts(sources, settings, scouts);

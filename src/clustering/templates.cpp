@@ -36,22 +36,15 @@ void compute_template_points(session_state& session) {
                                                                       : points;
 }
 
-namespace {
-
-// Every read of a template window stays inside vd, margins included: the window
-// itself, a realignment and a template shift of 50 samples each, and the taps of
-// the interpolation.
-bool window_stays_inside(const session_state& session) {
+bool spike_window_is_readable(const session_state& session) {
   const std::int32_t reach = 100 + session.tables.width;
   return window_first_sample(session) >= -(vd_margin - 1 - reach) &&
          window_last_sample(session) <= 1000 - 2 * n_lanes - reach;
 }
 
-}  // namespace
-
 bool shorten_spike_window(session_state& session) {
   const std::int32_t width = window_last_sample(session) - window_first_sample(session);
-  if (width < template_point_limit && window_stays_inside(session)) return false;
+  if (width < template_point_limit && spike_window_is_readable(session)) return false;
   const auto f = static_cast<float>(session.recording.sampling_frequency);
   session.strategy.template_window_start_ms = -75000.0f / f;
   session.strategy.template_window_end_ms = 74000.0f / f;

@@ -24,7 +24,13 @@ std::int32_t window_last_sample(const session_state& session);
 // Sets template_points from the window and the sampling frequency, 3..151.
 void compute_template_points(session_state& session);
 
-// Shortens a window of 151 samples or more, tells the user, and returns true.
+// Whether every read of the template window stays inside vd, margins included: the
+// window itself, a realignment and a template shift of 50 samples each, and the taps
+// of the interpolation table in force.
+bool spike_window_is_readable(const session_state& session);
+
+// Shortens a window of 151 samples or more, or one that is not readable, tells the
+// user, and returns true.
 bool shorten_spike_window(session_state& session);
 
 // Mean and s.d. of the cluster, then its channels.

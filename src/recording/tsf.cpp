@@ -375,15 +375,6 @@ void give_clusters_a_channel(session_state& session) {
   }
 }
 
-// False when the spike window reaches out of vd. The worker shortens such a window
-// after the read, and makes the templates then.
-bool spike_window_is_readable(const session_state& session) {
-  constexpr std::int32_t widest_interpolation = 50;
-  return window_first_sample(session) >= widest_interpolation - vd_margin &&
-         window_last_sample(session) + widest_interpolation <=
-             session.recording.max_vd_samples - session.recording.n_samples;
-}
-
 // What follows the reading, in every format.
 void close_read(session_state& session, const std::string& path, const tsf_layout& layout) {
   recording_store& r = session.recording;
@@ -400,6 +391,8 @@ void close_read(session_state& session, const std::string& path, const tsf_layou
   r.tsf_path = path;
   session.filter_history.n_entries = 0;
   give_clusters_a_channel(session);
+  // A window that reaches out of vd is shortened by the worker, which makes the
+  // templates then.
   if (layout.format != 1001 && session.clusters.n_clusters > 0 &&
       spike_window_is_readable(session)) {
     log_message(session, "Making templates");

@@ -10,13 +10,12 @@
 #include "recording/tsf.h"
 #include "results/work_file.h"
 #include "session/safe_file.h"
+#include "session/version.h"
 #include "sorting/duplicates.h"
 
 namespace kestrelvane {
 
 namespace {
-
-constexpr const char* version_text = "5.00 ";
 
 // --- what a format asks of the recording
 
@@ -257,7 +256,7 @@ bool write_comments_file(session_state& session, const std::string& path) {
   safe_file out;
   if (open_safe_file(out, path)) {
     write_text(out, "Comments on units sorted from data file: " + source_file_path(session) + "\n");
-    write_text(out, fmt::format("Exported by Kestrelvane {}\n", version_text));
+    write_text(out, fmt::format("Exported by Kestrelvane {} \n", program_version));
     for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
       const std::string_view comment = session.clusters.cluster_comment[c].view();
       if (!comment.empty()) write_text(out, fmt::format("Unit {}\n{}\n", c, comment));

@@ -173,15 +173,11 @@ void settle_selection(session_state& session) {
   }
 }
 
-// Every sample that a template window reaches must lie in the margins of vd.
-bool window_is_usable(const session_state& session) {
-  const std::int32_t first = window_first_sample(session);
-  const std::int32_t last = window_last_sample(session);
-  return first >= -template_point_limit && last <= template_point_limit && first <= last;
-}
-
 void settle_window(session_state& session, float start_before, float end_before) {
-  if (window_is_usable(session)) return;
+  if (window_first_sample(session) <= window_last_sample(session) &&
+      spike_window_is_readable(session)) {
+    return;
+  }
   sorting_strategy_settings& s = session.strategy;
   log_message(session, fmt::format("Template window of {} to {} ms in the work file is unusable, "
                                    "{} to {} ms is kept",
@@ -219,8 +215,9 @@ void settle_settings(session_state& session, const kept_settings& before) {
       store_setting(session, row, i, *earlier);
     }
   }
-  settle_window(session, before.window_start_ms, before.window_end_ms);
+  // What a window may reach depends on the taps of the interpolation.
   build_interp_table(session);
+  settle_window(session, before.window_start_ms, before.window_end_ms);
   build_neighbour_list(session);
 }
 

@@ -53,7 +53,7 @@ struct interpolation_tables {
   // 1000 entries, and zeros behind them for taps that fall beyond the width.
   float interp_table[1000 + 101] = {};
   std::int32_t depth = 0, width = 0;  // what interp_table was built for
-  float gac_table[10001] = {};        // exp(-k / 500)
+  float gac_table[10001 + 1] = {};    // exp(-k / 500), k = 0..10000, and a 0 behind
 };
 
 struct session_state {
@@ -87,7 +87,6 @@ struct session_state {
   std::int32_t n_threads = 1;  // threads of parallel loops when multi_threaded_now
   std::int32_t max_clusters = cluster_limit - 1;  // cluster_limit - n_cpus
   logical multi_threaded_now = false;             // what the running operation uses
-  logical inner_align_threads = false;  // align_events may spread one cluster over the threads
 };
 
 // Start-up: processors, limits, defaults, interpolation and kernel tables.

@@ -1,4 +1,4 @@
-// The version of the program, as the batch command and its report give it.
+// The version of the program, as exports, reports and --version give it.
 #pragma once
 
 namespace kestrelvane {
