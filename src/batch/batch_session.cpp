@@ -168,6 +168,10 @@ batch_status open_recording_for_batch(batch_session& batch) {
   batch.console.show_log = false;
   end_timed_stage(batch.report.clock, session);
   if (!opened) return fail_batch(batch, "Aborting read of " + batch.options.recording);
+  // Refused now, not after the sort that the export was to follow.
+  for (const planned_export& planned : batch.exports) {
+    if (!export_is_possible(session, *planned.format)) return batch_status::failed;
+  }
   const batch_status status = place_channels(batch);
   return status == batch_status::done ? mask_channels(batch) : status;
 }

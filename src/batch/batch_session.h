@@ -41,7 +41,8 @@ struct batch_session {
 batch_status start_batch(batch_session& batch, const batch_options& options,
                          const std::string& verb);
 
-// Opens the recording, then masks channels. Timed as stage "reading".
+// Opens the recording, refuses exports that it cannot have, then masks channels.
+// Timed as stage "reading".
 batch_status open_recording_for_batch(batch_session& batch);
 
 // Reads --work over the recording, if given; settings of the command line then hold

@@ -224,8 +224,10 @@ TEST_F(batch_test, what_cannot_be_written_or_read_fails_in_words) {
   EXPECT_EQ(work.status, 1);
   EXPECT_THAT(work.err, HasSubstr("Failed to read file " + file("bad.wrk")));
 
-  const process_result plx = run({"detect", tsf, "--quiet", "--export", "plx=" + file("a.plx")});
+  const process_result plx = run({"detect", tsf, "--quiet", "--export", "plx=" + file("a.plx"),
+                                  "--save-work", file("plx.wrk")});
   EXPECT_EQ(plx.status, 1);
+  EXPECT_FALSE(std::filesystem::exists(file("plx.wrk")));  // refused before the work
   EXPECT_THAT(plx.err, HasSubstr("no writer"));
 
   EXPECT_EQ(run({"sort", tsf, "--parameters", nowhere}).status, 1);
