@@ -10,10 +10,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,8 +20,10 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "detection/sample_test.h"
+#include "filter_ratios.h"
 #include "numerics/parallel.h"
 #include "recording/tsf.h"
+#include "side_by_side.h"
 #include "signal/noise.h"
 #include "sorting/pair_measures.h"
 #include "support/plain_forms.h"
@@ -32,32 +31,6 @@
 
 namespace kestrelvane::test {
 namespace {
-
-double seconds(const std::function<void()>& body) {
-  const auto begin = std::chrono::steady_clock::now();
-  body();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
-struct best_times {
-  double first = 1e30, second = 1e30;
-};
-
-best_times time_side_by_side(int rounds, const std::function<void()>& first,
-                             const std::function<void()>& second) {
-  best_times best;
-  for (int i = 0; i < rounds; ++i) {
-    best.first = std::min(best.first, seconds(first));
-    best.second = std::min(best.second, seconds(second));
-  }
-  return best;
-}
-
-void report(const std::string& name, const best_times& times, bool same) {
-  fmt::print("{:<52} {:>10.2f} ms {:>10.2f} ms   x {:.2f}{}\n", name, 1e3 * times.first,
-             1e3 * times.second, times.first / times.second, same ? "" : "   RESULTS DIFFER");
-  std::fflush(stdout);
-}
 
 // ---------------------------------------------------------------- reading
 
@@ -225,6 +198,7 @@ int main(int argc, char** argv) {
   fmt::print("{:<52} {:>13} {:>13}   ratio\n", "first / second", "first", "second");
   if (argc > 1) benchmark_reading(argv[1]);
   benchmark_scan();
+  benchmark_filters();
   benchmark_pairs_and_templates();
   if (argc < 3) benchmark_gradient_ascent();
 }

@@ -14,11 +14,12 @@ namespace kestrelvane {
 
 struct batch_options {
   // --- what to work on
-  std::string recording;  // path
-  std::string output;     // path of convert and make-test
-  std::string work;       // work file to start from; empty: none
-  std::string config;     // electrode configuration
-  std::string mask;       // channels, as "3,8-11"
+  std::string recording;             // path
+  std::string output;                // path of convert and make-test
+  std::string work;                  // work file to start from; empty: none
+  std::string config;                // electrode configuration
+  std::string mask;                  // channels, as "3,8-11"
+  std::vector<std::string> filters;  // NAME or NAME:VALUE..., applied after the open
   // --- settings
   std::string parameters;        // a kv_parameters.sav
   std::vector<std::string> set;  // NAME=VALUE
@@ -37,6 +38,16 @@ struct batch_options {
   std::string report;  // JSON
   bool quiet = false;
   bool json = false;
+  // --- draw
+  std::string view = "voltage";                                    // or grey
+  double from_seconds = std::numeric_limits<double>::quiet_NaN();  // not given: where signal begins
+  double time_scale = 0, voltage_scale = 0;  // pixels per sample, pixels per µV; 0: not given
+  std::int32_t spacing = 0;                  // pixels; 0: not given
+  std::int32_t first_row = 1;
+  std::string size = "1280x800";  // pixels
+  std::string picture;            // path, .png, .svg or .pdf
+  bool draw_events = false, draw_clusters = false, draw_numbers = false, draw_grid = false;
+  bool draw_on_template_channel = false, draw_reversed = false, draw_peaks = false;
   // --- make-test
   std::string electrode = "polytrode";
   test_recording_options test;

@@ -148,6 +148,7 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   if (!options.mask.empty() && !parse_channel_list(options.mask, batch.masked_channels)) {
     return refuse_usage(fmt::format("--mask {}: not a list of channels", options.mask));
   }
+  if (!parse_filters(options.filters, batch.filters, problem)) return refuse_usage(problem);
   if (!apply_run_options(batch, problem)) return refuse_usage(problem);
   const batch_status status = start_console(batch);
   if (status != batch_status::done) return status;
@@ -184,17 +185,31 @@ batch_status read_work_for_batch(batch_session& batch) {
   const work_file_outcome outcome = open_work_file_at(session, batch.options.work);
   end_timed_stage(batch.report.clock, session);
   batch.console.show_log = false;
-  if (outcome == work_file_outcome::retrieved_with_filtering) {
-    return fail_batch(batch, "Filtering cannot be repeated by this command");
+  if (outcome == work_file_outcome::filtering_incomplete) {
+    return fail_batch(batch, "The filters of the work file could not all be repeated");
   }
   // Boxes have told why.
-  if (outcome != work_file_outcome::retrieved) return batch_status::failed;
+  if (outcome != work_file_outcome::retrieved &&
+      outcome != work_file_outcome::retrieved_with_filtering) {
+    return batch_status::failed;
+  }
   std::string problem;
   if (!read_parameters_option(batch)) {
     return fail_batch(batch, "Failed to read file " + batch.options.parameters);
   }
   apply_run_options(batch, problem);
   return mask_channels(batch);
+}
+
+batch_status filter_for_batch(batch_session& batch) {
+  if (batch.filters.empty()) return batch_status::done;
+  session_state& session = *batch.session;
+  batch.console.show_log = true;
+  begin_timed_stage(batch.report.clock, session, "filtering");
+  const bool done = !interrupt_was_pressed() && run_planned_filters(session, batch.filters);
+  end_timed_stage(batch.report.clock, session);
+  batch.console.show_log = false;
+  return done ? batch_status::done : fail_batch(batch, "The recording could not be filtered");
 }
 
 batch_status write_results(batch_session& batch) {

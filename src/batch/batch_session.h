@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "batch/batch_options.h"
+#include "batch/filter_options.h"
 #include "batch/report.h"
 #include "results/exports.h"
 #include "session/console_interface.h"
@@ -34,6 +35,7 @@ struct batch_session {
   // What the command line says, checked before anything is opened.
   std::vector<planned_export> exports;
   std::vector<std::int32_t> masked_channels;
+  std::vector<planned_filter> filters;
 };
 
 // Checks what can be checked without opening a file, starts the session and gives
@@ -48,6 +50,10 @@ batch_status open_recording_for_batch(batch_session& batch);
 // Reads --work over the recording, if given; settings of the command line then hold
 // again, since they were given for this run.
 batch_status read_work_for_batch(batch_session& batch);
+
+// Runs the filters of --filter over the recording, on top of those that a work file
+// repeated: a work file brings its own history, so theirs come first.
+batch_status filter_for_batch(batch_session& batch);
 
 // Takes down the table of units, then writes the work file, the exports and the
 // report that were asked for. All are tried; failed when one could not be written.

@@ -19,6 +19,7 @@ void on_interrupt(int) {
   if (flags == nullptr) return;
   flags->autosort_interrupt = true;
   flags->detection_interrupted = true;
+  flags->filtering_interrupted = true;
 }
 
 }  // namespace

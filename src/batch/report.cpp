@@ -82,6 +82,17 @@ json describe_stages(const stage_clock& clock) {
   return stages;
 }
 
+// What the samples had been through: the operation's code and its parameters.
+json describe_filters(const filter_history_table& history) {
+  json filters = json::array();
+  for (std::int32_t i = 1; i <= history.n_entries; ++i) {
+    filters.push_back({{"code", history.code[i]},
+                       {"param1", as_written(history.param1[i])},
+                       {"param2", as_written(history.param2[i])}});
+  }
+  return filters;
+}
+
 json describe_units(const std::vector<unit_row>& units) {
   json rows = json::array();
   for (const unit_row& u : units) {
@@ -116,6 +127,7 @@ std::string print_report(session_state& session, const run_report& report,
   all["interrupted"] = report.interrupted;
   all["versions"] = describe_versions();
   all["recording"] = describe_recording(session);
+  all["filters"] = describe_filters(session.filter_history);
   all["threads"] = threads_now(session);
   all["stages"] = describe_stages(report.clock);
   all["wall_seconds"] = wall;

@@ -12,6 +12,7 @@ batch_status run_export(const batch_options& options) {
   if (status == batch_status::wrong_usage) return status;
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
+  if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) status = write_results(batch);
   finish_batch(batch);
   return status;
@@ -22,6 +23,7 @@ batch_status run_convert(const batch_options& options) {
   batch_status status = start_batch(batch, options, "convert");
   if (status == batch_status::wrong_usage) return status;
   if (status == batch_status::done) status = open_recording_for_batch(batch);
+  if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) {
     const bool written = export_sorted_spikes(*batch.session, *find_export_format("tsf"),
                                               options.output, export_options{});

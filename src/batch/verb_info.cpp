@@ -69,6 +69,7 @@ batch_status run_info(const batch_options& options) {
   batch_status status = start_batch(batch, options, "info");
   if (status == batch_status::wrong_usage) return status;
   if (status == batch_status::done) status = open_recording_for_batch(batch);
+  if (status == batch_status::done) status = filter_for_batch(batch);
   finish_batch(batch);
   if (status == batch_status::done) {
     const session_state& session = *batch.session;

@@ -57,6 +57,7 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
   if (status == batch_status::wrong_usage) return status;
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
+  if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) status = sort_recording(batch);
   finish_batch(batch);
   return status;

@@ -25,6 +25,7 @@ enum option_group : unsigned {
   takes_score = 1u << 9,
   takes_test = 1u << 10,
   takes_quiet = 1u << 11,
+  takes_draw = 1u << 12,
 };
 
 enum class option_kind { positional, text, texts, flag, count, seed, real };
@@ -57,6 +58,11 @@ constexpr option_row option_rows[] = {
   {texts, takes_settings, "--set", AT(set), "NAME=VALUE", "one setting; may be repeated"},
   {text, takes_settings, "--config", AT(config), "FILE", "electrode configuration (.cfg)"},
   {text, takes_settings, "--mask", AT(mask), "LIST", "channels that take no part, as 3,8-11"},
+  {texts, takes_settings, "--filter", AT(filters), "FILTER",
+      "means, common-mean, spatial:RADIUS, temporal, phase:F0:SHIFT, highpass:F0:POLES, "
+      "lowpass:F0:POLES, notch or compressive:UV, with RADIUS in um, F0 in kHz, SHIFT in degrees "
+      "per decade; may be repeated. Applied in this order, whatever the order here; a low pass "
+      "follows a high pass"},
   {text, takes_settings, "--home", AT(home),
       "DIR", "directory of the state files; none are read or written without it"},
   {count, takes_settings, "--threads", AT(threads), "N", "threads of the heavy loops"},
@@ -91,6 +97,23 @@ constexpr option_row option_rows[] = {
       "UV", "noise of the recording: count units by how far they stand above it"},
   {text, takes_score, "--recording", AT(recording),
       "FILE", "the same, the noise measured: median over its channels"},
+  {text, takes_draw, "--out", AT(picture), "FILE", "the picture: .png, .svg or .pdf"},
+  {text, takes_draw, "--view", AT(view), "voltage|grey", "traces or grey image (voltage)",
+      "voltage grey"},
+  {real, takes_draw, "--from", AT(from_seconds), "SECONDS", "left edge (where signal begins)"},
+  {real, takes_draw, "--scale", AT(time_scale), "PIXELS", "per sample (1)"},
+  {real, takes_draw, "--voltage-scale", AT(voltage_scale), "PIXELS", "per µV (by the noise)"},
+  {count, takes_draw, "--spacing", AT(spacing), "PIXELS", "from row to row (by the channels)"},
+  {count, takes_draw, "--first-row", AT(first_row), "N", "row at the top (1)"},
+  {text, takes_draw, "--size", AT(size), "WxH", "pixels (1280x800)"},
+  {flag, takes_draw, "--events", AT(draw_events), "", "mark the events"},
+  {flag, takes_draw, "--clusters", AT(draw_clusters), "", "in the colours of their clusters"},
+  {flag, takes_draw, "--numbers", AT(draw_numbers), "", "with the numbers of their clusters"},
+  {flag, takes_draw, "--on-template-channel", AT(draw_on_template_channel),
+      "", "on the centre channels of their clusters"},
+  {flag, takes_draw, "--grid", AT(draw_grid), "", "lines every 1 or 10 ms"},
+  {flag, takes_draw, "--peaks", AT(draw_peaks), "", "keep the peaks of each pixel column"},
+  {flag, takes_draw, "--reverse", AT(draw_reversed), "", "white on black"},
   {flag, takes_json, "--json", AT(json), "", "JSON instead of text"},
   {flag, takes_quiet, "--quiet", AT(quiet), "", "no progress; problems are told all the same"},
 };
@@ -106,6 +129,9 @@ constexpr batch_verb verbs[] = {
   {"convert", "write a recording as TSF", opens | takes_output, run_convert},
   {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
    run_make_test},
+#ifdef KESTRELVANE_WITH_DISPLAYS
+  {"draw", "draw the voltage record to a file", opens | takes_work | takes_draw, run_draw},
+#endif
   {"score", "how a sort agrees with planted units", takes_score | takes_json, run_score},
 };
 // clang-format on

@@ -26,5 +26,8 @@ batch_status run_export(const batch_options& options);
 batch_status run_convert(const batch_options& options);
 batch_status run_make_test(const batch_options& options);
 batch_status run_score(const batch_options& options);
+#ifdef KESTRELVANE_WITH_DISPLAYS
+batch_status run_draw(const batch_options& options);
+#endif
 
 }  // namespace kestrelvane

@@ -20,6 +20,7 @@ void clear_detected_events(session_state& session) {
   session.clusters.current_cluster = 0;
   session.lists.n_kv_pairs = 0;
   session.detector.detection_incomplete = false;
+  session.detector.n_proto_marks = 0;
 }
 
 void keep_detected_times(session_state& session) {

@@ -410,6 +410,20 @@ void make_events(session_state& session, const proto_event_table& p) {
 
 // ---------------------------------------------------------------- the run
 
+namespace {
+
+// Times and channels outlive the run, for the voltage record.
+void keep_proto_marks(session_state& session, const proto_event_table& p) {
+  detection_state& d = session.detector;
+  d.n_proto_marks = std::min(p.n_proto_events, event_limit);
+  for (std::int32_t i = 1; i <= d.n_proto_marks; ++i) {
+    d.proto_mark_time[i] = p.pe_time[i];
+    d.proto_mark_channel[i] = p.pe_channel[i];
+  }
+}
+
+}  // namespace
+
 detection_end detect_events_proto(session_state& session) {
   clear_detected_events(session);
   proto_event_table points;
@@ -421,6 +435,7 @@ detection_end detect_events_proto(session_state& session) {
   if (!session.recording.is_continuous || session.detection.noise_static) compute_noise(session);
   set_fixed_threshold_bits(session);
   compile_proto_events(session, points);
+  keep_proto_marks(session, points);
   if (points.n_proto_events == 0) return detection_end::done;
   build_proto_neighbours(session, points);
   if (!cluster_proto_events(session, points)) return detection_end::stopped;

@@ -14,6 +14,8 @@
 #include "recording/recent_files.h"
 #include "recording/recording_formats.h"
 #include "recording/site_tables.h"
+#include "results/recovery.h"
+#include "signal/display_scale.h"
 #include "signal/noise.h"
 #include "signal/thresholds.h"
 
@@ -114,7 +116,8 @@ void check_spike_window(session_state& session) {
   realign_all_clusters(session);
 }
 
-void set_channel_spacing(session_state& session) {
+// Rows as high as the window and the number of channels suggest.
+void choose_channel_spacing(session_state& session) {
   const recording_store& r = session.recording;
   std::int32_t& spacing = session.display.vd_channel_spacing;
   if (r.file_type == file_type_ntt) {
@@ -127,6 +130,13 @@ void set_channel_spacing(session_state& session) {
   }
 }
 
+void show_from_start(session_state& session) {
+  choose_channel_spacing(session);
+  reset_voltage_view(session);
+  find_start_of_signal(session);
+  autoscale_voltage_display(session);
+}
+
 void finish_open(session_state& session) {
   set_progress(session, meter::reading, 112, bar_range);
   if (session.preferences.log_file_enabled) open_log_file(session);
@@ -135,6 +145,7 @@ void finish_open(session_state& session) {
   if (session.recording.file_type != file_type_tsf) read_mask_file(session);
   refresh_displays(session);
   set_progress(session, meter::reading, bar_range, bar_range);
+  read_state_after_open(session);
   session.operation.reader_running = false;
 }
 
@@ -143,6 +154,7 @@ void abort_open(session_state& session) {
   session.operation.reader_running = false;
   session.operation.open_succeeded = false;
   reset_session(session);
+  reset_voltage_view(session);
   session.recording.vd.release();
   set_frame_title(session, "Kestrelvane");
   refresh_displays(session);
@@ -158,14 +170,15 @@ void classify_path(session_state& session) {
 
 bool prepare_open_recording(session_state& session, const std::string& path,
                             std::int32_t chosen_code) {
-  recording_store& r = session.recording;
-  if (r.n_samples > 0 &&
-      !ask(session,
-           "The new file will overwrite existing data in memory and you will lose any unsaved "
-           "results!",
-           "Are you sure?")) {
+  if (session.recording.n_samples > 0 && !ask(session, overwrite_question, overwrite_title)) {
     return false;
   }
+  return prepare_chosen_recording(session, path, chosen_code);
+}
+
+bool prepare_chosen_recording(session_state& session, const std::string& path,
+                              std::int32_t chosen_code) {
+  recording_store& r = session.recording;
   const std::int32_t earlier_type = r.file_type;
   const std::string earlier_path = r.open_path;
   r.open_path = path;
@@ -218,7 +231,7 @@ bool open_recording_worker(session_state& session) {
   name_recording(session);
   measure_recording(session);
   check_spike_window(session);
-  set_channel_spacing(session);
+  show_from_start(session);
   finish_open(session);
   return true;
 }

@@ -16,9 +16,17 @@ namespace kestrelvane {
 // Sets file_type from the extension of open_path, 0 when it is none of ours.
 void classify_path(session_state& session);
 
+// What a user with a recording in memory is asked before another one is chosen.
+constexpr const char* overwrite_question =
+    "The new file will overwrite existing data in memory and you will lose any unsaved results!";
+constexpr const char* overwrite_title = "Are you sure?";
+
 // The open dialog's decision on a chosen path. chosen_code is the code of the filter
-// picked in the dialog, 0 for "All files(*.*)". False when the user would rather keep
-// what is in memory, for an unknown extension, or for a path that cannot be read.
+// picked in the dialog, 0 for "All files(*.*)". False for an unknown extension, or for a
+// path that cannot be read.
+bool prepare_chosen_recording(session_state& session, const std::string& path,
+                              std::int32_t chosen_code = 0);
+// The same after asking; false also when the user would rather keep what is in memory.
 bool prepare_open_recording(session_state& session, const std::string& path,
                             std::int32_t chosen_code = 0);
 

@@ -159,9 +159,13 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
   if (options.remove_duplicates) take_out_duplicates(session);
   set_progress(session, meter::saving, 20, 100);
   bool done = format.write(session, path);
+  if (done) set_status(session, status_field::file_name, path);
   set_progress(session, meter::saving, 80, 100);
   if (options.save_work_file) {
-    done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write_work_file);
+    const auto write = [](session_state& of, const std::string& to) {
+      return write_work_file(of, to);
+    };
+    done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write);
   }
   if (options.save_comments) {
     done &=

@@ -1,6 +1,7 @@
 #include "results/work_file.h"
 
 #include "recording/input_file.h"
+#include "signal/filter_chain.h"
 
 namespace kestrelvane {
 
@@ -34,8 +35,9 @@ work_file_outcome open_work_file_at(session_state& session, const std::string& p
   }
   tell(session, "Retrieved file " + path, box_title, box_icon::information);
   refresh_displays(session);
-  return wants_filtering(session) ? work_file_outcome::retrieved_with_filtering
-                                  : work_file_outcome::retrieved;
+  if (!wants_filtering(session)) return work_file_outcome::retrieved;
+  return repeat_filtering(session) ? work_file_outcome::retrieved_with_filtering
+                                   : work_file_outcome::filtering_incomplete;
 }
 
 work_file_outcome open_work_file_dialog(session_state& session) {

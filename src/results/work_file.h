@@ -17,8 +17,10 @@
 
 namespace kestrelvane {
 
-// Writes version 8; work_save_busy is set meanwhile. False on any failure.
-bool write_work_file(session_state& session, const std::string& path);
+// Writes version 8; work_save_busy is set meanwhile. temporary: the name until the file is
+// whole, as in open_safe_file. False on any failure.
+bool write_work_file(session_state& session, const std::string& path,
+                     const std::string& temporary = "");
 
 // Reads a work file of any readable version over the recording in memory. False
 // on failure, after a log line that says why. wrong_file is true when the file
@@ -32,15 +34,17 @@ bool read_work_file(session_state& session, const std::string& path, bool& wrong
 
 enum class work_file_outcome {
   retrieved,
-  retrieved_with_filtering,  // and the user wants the filter chain repeated
+  retrieved_with_filtering,  // and the samples have been through its filter chain again
+  filtering_incomplete,      // retrieved, but that chain was stopped or could not be repeated
   wrong_file,                // another recording's, declined
   failed,
   cancelled,  // no file was chosen
 };
 
 // Reads a work file and tells the user how it went. When the saved samples had
-// been filtered, asks whether to repeat that; No empties the filter history,
-// since the samples in memory have been through no filter.
+// been filtered, asks whether to repeat that, and does so over the samples in memory,
+// which may take minutes; No empties the filter history, since those have been through
+// no filter.
 work_file_outcome open_work_file_at(session_state& session, const std::string& path);
 // The menu entry: tests for a recording, lets the user choose, and goes on as above.
 work_file_outcome open_work_file_dialog(session_state& session);

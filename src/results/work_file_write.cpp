@@ -89,10 +89,11 @@ void write_row(safe_file& out, session_state& session, const work_file_row& row,
 
 }  // namespace
 
-bool write_work_file(session_state& session, const std::string& path) {
+bool write_work_file(session_state& session, const std::string& path,
+                     const std::string& temporary) {
   session.operation.work_save_busy = true;
   safe_file out;
-  if (open_safe_file(out, path)) {
+  if (open_safe_file(out, path, temporary)) {
     // Counted once, so that a log line added meanwhile cannot tear the file.
     const work_file_counts counts = count_session(session);
     for (const work_file_row& row : work_file_rows()) {

@@ -27,6 +27,8 @@ const char* meter_name(meter which) {
       return "status lists";
     case meter::saving:
       return "saving";
+    case meter::filtering:
+      return "filtering";
   }
   return "";
 }

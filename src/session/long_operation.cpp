@@ -22,11 +22,13 @@ void count_poll(long_operation_flags& operation) {
 
 bool autosort_interrupted(session_state& session) {
   count_poll(session.operation);
+  yield_session(session);
   return session.operation.autosort_interrupt;
 }
 
 bool detection_interrupted(session_state& session) {
   count_poll(session.operation);
+  yield_session(session);
   return session.operation.detection_interrupted;
 }
 
@@ -34,7 +36,10 @@ void pause_point(session_state& session) {
   if (!session.operation.pause_requested) return;
   log_message(session, "Paused, press resume button to continue ... ");
   const user_interface& ui = session.ui;
-  if (ui.wait_for_resume != nullptr) ui.wait_for_resume(ui.context);
+  if (ui.wait_for_resume != nullptr) {
+    const session_pause others_may_save(session);
+    ui.wait_for_resume(ui.context);
+  }
   session.operation.pause_requested = false;
   log_message(session, "resuming");
 }

@@ -18,6 +18,7 @@ struct long_operation_flags {
   std::atomic<bool> open_succeeded{false};
   std::atomic<bool> detection_interrupted{false};
   std::atomic<bool> autosort_interrupt{false};
+  std::atomic<bool> filtering_interrupted{false};
   std::atomic<bool> pause_requested{false};
   std::atomic<bool> work_save_busy{false};
   std::atomic<bool> autorecover_busy{false};
@@ -30,7 +31,8 @@ struct long_operation_flags {
   std::atomic<std::int64_t> interrupt_at_poll{-1};
 };
 
-// True when the user has asked Autosort to stop. Every poll goes through here.
+// True when the user has asked Autosort to stop. Every poll goes through here, and lets
+// a waiting save of the session go first (session_gate.h).
 bool autosort_interrupted(session_state& session);
 bool detection_interrupted(session_state& session);
 

@@ -107,6 +107,10 @@ struct recording_store {
   std::int32_t record_date[3] = {0, 0, 0};  // year, month, day
   std::int32_t record_time[3] = {0, 0, 0};  // seconds, minutes, hours
   logical recording_filtered = false;       // a filter chain has finished
+  logical means_zeroed = false;             // channel means are out; not done twice
+  logical common_mean_removed = false;      // likewise
+  logical temporal_smoothed = false;        // for information
+  logical sample_hold_done = false;         // set by some readers
 
   // --- event-based recordings
   logical is_continuous = true;        // vd holds unbroken time

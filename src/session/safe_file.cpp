@@ -8,9 +8,9 @@ safe_file::~safe_file() {
   if (file != nullptr) std::fclose(file);
 }
 
-bool open_safe_file(safe_file& out, const std::string& path) {
+bool open_safe_file(safe_file& out, const std::string& path, const std::string& temporary) {
   out.path = path;
-  out.temporary_path = path + ".tmp";
+  out.temporary_path = temporary.empty() ? path + ".tmp" : temporary;
   out.failed = false;
   out.file = std::fopen(out.temporary_path.c_str(), "wb");
   if (out.file == nullptr) {

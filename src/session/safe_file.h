@@ -16,7 +16,7 @@ namespace kestrelvane {
 
 struct safe_file {
   std::string path;            // the target
-  std::string temporary_path;  // path + ".tmp"
+  std::string temporary_path;  // beside it
   std::FILE* file = nullptr;
   bool failed = false;  // a write has failed; the rest is skipped
 
@@ -26,8 +26,9 @@ struct safe_file {
   ~safe_file();
 };
 
-// Creates the temporary file. False when it cannot be created.
-bool open_safe_file(safe_file& out, const std::string& path);
+// Creates the temporary file, path + ".tmp" unless it is given another name. False when it
+// cannot be created.
+bool open_safe_file(safe_file& out, const std::string& path, const std::string& temporary = "");
 
 // Appends bytes; a failure is remembered in failed and returned.
 bool write_bytes(safe_file& out, const void* bytes, std::size_t n);

@@ -111,6 +111,7 @@ void reset_recording(recording_store& r) {
   std::fill(std::begin(r.record_date), std::end(r.record_date), 0);
   std::fill(std::begin(r.record_time), std::end(r.record_time), 0);
   r.recording_filtered = false;
+  r.means_zeroed = r.common_mean_removed = r.temporal_smoothed = r.sample_hold_done = false;
 
   r.is_continuous = true;
   r.samples_per_event = 0;
@@ -301,6 +302,9 @@ void reset_session(session_state& session) {
   session.lists.n_match = 0;
   session.filter_history.n_entries = 0;
   session.detector.detection_incomplete = false;
+  session.detector.n_proto_marks = 0;
+  session.detector.proto_mark_time.clear();
+  session.detector.proto_mark_channel.clear();
   session.current_channel = 1;
 }
 

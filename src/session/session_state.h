@@ -20,10 +20,12 @@
 #include "session/long_operation.h"
 #include "session/recording_store.h"
 #include "session/run_log.h"
+#include "session/session_gate.h"
 #include "session/settings.h"
 #include "session/status_lists_table.h"
 #include "session/template_table.h"
 #include "session/user_interface.h"
+#include "session/voltage_view.h"
 
 namespace kestrelvane {
 
@@ -37,6 +39,10 @@ struct detection_state {
   table<float> auto_threshold_neg{channel_limit};
   logical detection_incomplete = false;  // the last run was cut short
   logical pe_alloc_failed = false;       // proto-event storage could not be had
+  // Proto-events of the last run as the voltage record shows them, in order of time.
+  std::int32_t n_proto_marks = 0;
+  table<std::int32_t> proto_mark_time{event_limit};  // time index of the trigger
+  table<std::int16_t> proto_mark_channel{event_limit};
 };
 
 // What an Autosort run carries between its stages and leaves for its caller.
@@ -46,6 +52,12 @@ struct autosort_state {
   logical autosort_pair_stage = false;
   // The batch command and tests may end a run after a stage; autosort.h.
   std::int32_t stop_after = 0;
+};
+
+// What the recording being opened is to be followed by.
+struct recovery_state {
+  logical resuming_restart = false;      // kv_restart.sav
+  logical resuming_autorecover = false;  // kv_autorecover.sav
 };
 
 // Sinc interpolation and kernel tables, built from the settings.
@@ -70,6 +82,7 @@ struct session_state {
   review_settings review;
   display_settings display;
   preferences_record preferences;
+  voltage_view view;
 
   detection_state detector;
   autosort_state autosort;
@@ -80,6 +93,8 @@ struct session_state {
 
   run_log_table log;
   long_operation_flags operation;
+  session_gate gate;
+  recovery_state recovery;
   user_interface ui;
 
   std::string home_directory;  // where state files live; empty: none are read or written

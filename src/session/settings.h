@@ -41,15 +41,26 @@ struct detection_settings {
   float coincidence_ms = 0.2f;  // ms, same-channel coincidence tolerance
 };
 
-// Options of the filter dialog that are kept between runs.
+// Options of the filter chain. Those with a default here last for the run only.
 struct filter_settings {
-  float smooth_radius_um = 0;  // µm
-  float bw_f0_khz = 0;         // kHz
-  float bw_f0_khz_previous = 0;
   logical do_channel_means;
-  logical do_temporal_smooth;
   logical do_common_mean;
-  float compressive_75pct_uv = 0;  // µV
+  logical do_spatial_smooth = false;
+  float smooth_radius_um = 0;  // µm
+  logical do_temporal_smooth;
+  logical do_high_pass = false;   // Butterworth, high pass unless make_low_pass
+  float bw_f0_khz = 0;            // kHz
+  float bw_f0_khz_previous = 0;   // kHz
+  std::int32_t bw_poles = 4;      // 1..10
+  logical make_low_pass = false;  // off whenever the dialog opens
+  logical do_phase_correction = false;
+  float phase_f0_khz = 2.0f;                   // kHz
+  float phase_shift_degs_per_decade = 200.0f;  // degrees per decade of frequency
+  logical do_notch = false;                    // 60 Hz and its harmonics to 240 Hz
+  logical do_compressive = false;
+  float compressive_75pct_uv = 0;  // µV that come out as three quarters
+  logical do_one_over_f = false;   // no control; reached by a stored history alone
+  logical do_sample_hold = false;  // no control and no operation: readers do it themselves
 };
 
 // Templates, alignment, principal components, clustering, splitting, merging.

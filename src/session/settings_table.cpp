@@ -240,6 +240,10 @@ constexpr setting_row rows[] = {
      nullptr, nullptr, 0, 0, 0, "", setting_reading::dropped},
 
     // --- in neither file
+    EXTRA(filter, bw_poles, 4, 1, 10, "Butterworth filter, poles"),
+    EXTRA(filter, phase_f0_khz, 2, 0.1, 3200, "Phase correction, f0, kHz"),
+    EXTRA(filter, phase_shift_degs_per_decade, 200, -200, 200,
+        "Phase correction, shift, degrees per decade"),
     EXTRA(detection, pe_step, 1, 0.001, 10, "Gain of a proto-event move"),
     EXTRA(detection, coincidence_ms, 0.2, 0, 100, "Coincidence on one channel, ms"),
     EXTRA(strategy, template_max_events, 200, 1, 50'000'000, "Most events of a template"),

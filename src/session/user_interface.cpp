@@ -8,24 +8,32 @@ namespace kestrelvane {
 void tell(session_state& session, const std::string& text, const std::string& title,
           box_icon icon) {
   const user_interface& ui = session.ui;
-  if (ui.tell != nullptr) ui.tell(ui.context, text, title, icon);
+  if (ui.tell == nullptr) return;
+  const session_pause others_may_save(session);
+  ui.tell(ui.context, text, title, icon);
 }
 
 bool ask(session_state& session, const std::string& text, const std::string& title) {
   const user_interface& ui = session.ui;
-  return ui.ask != nullptr && ui.ask(ui.context, text, title);
+  if (ui.ask == nullptr) return false;
+  const session_pause others_may_save(session);
+  return ui.ask(ui.context, text, title);
 }
 
 bool choose_file_to_open(session_state& session, const std::string& title,
                          const std::string& filter, std::string& path) {
   const user_interface& ui = session.ui;
-  return ui.choose_open != nullptr && ui.choose_open(ui.context, title, filter, path);
+  if (ui.choose_open == nullptr) return false;
+  const session_pause others_may_save(session);
+  return ui.choose_open(ui.context, title, filter, path);
 }
 
 bool choose_file_to_save(session_state& session, const std::string& title,
                          const std::string& filter, std::string& path) {
   const user_interface& ui = session.ui;
-  return ui.choose_save != nullptr && ui.choose_save(ui.context, title, filter, path);
+  if (ui.choose_save == nullptr) return false;
+  const session_pause others_may_save(session);
+  return ui.choose_save(ui.context, title, filter, path);
 }
 
 void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range) {

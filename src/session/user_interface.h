@@ -6,7 +6,8 @@
 // notice is then dropped, and a question is answered with No.
 //
 // Calls come from the thread that runs the operation; a listener with a thread
-// of its own marshals them.
+// of its own marshals them. Whoever waits for the user gives up the session gate
+// meanwhile, so that a box standing overnight does not keep the timed save away.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +21,15 @@ struct session_state;
 enum class box_icon { information, warning, error, question };
 
 // Progress bars that engine routines drive.
-enum class meter { reading, detection, merge_and_sort, clusters, status_lists, saving };
+enum class meter {
+  reading,
+  detection,
+  merge_and_sort,
+  clusters,
+  status_lists,
+  saving,
+  filtering,
+};
 
 // Text fields that engine routines fill.
 enum class status_field {

@@ -54,9 +54,24 @@ TEST_F(dialog_test, filtering_is_repeated_or_forgotten) {
   EXPECT_EQ(session->filter_history.n_entries, 0);
   EXPECT_FALSE(session->recording.recording_filtered);
 
+  // The samples go through what the file names: means, then a low pass at 1 kHz.
   session.user.default_answer = true;
+  for (std::int32_t t = 1; t <= 10000; ++t) {
+    session->recording.vd.channel(1)[t] = static_cast<std::int16_t>(t % 4 < 2 ? 600 : 500);
+  }
   EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::retrieved_with_filtering);
   EXPECT_EQ(session->filter_history.n_entries, 2);
+  EXPECT_TRUE(session.user.told("Finished filtering!"));
+  EXPECT_TRUE(session->recording.recording_filtered);
+  EXPECT_EQ(session->recording.vd.channel(1)[5000], 0);
+  EXPECT_EQ(check_session(*session), "");
+
+  // An interrupt between the two leaves the first.
+  session.user.on_status = [&](const std::string& text) {
+    if (text == "channel means") session->operation.filtering_interrupted = true;
+  };
+  EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::filtering_incomplete);
+  EXPECT_EQ(session->filter_history.n_entries, 1);
 }
 
 TEST_F(dialog_test, saving_tells_how_it_went) {

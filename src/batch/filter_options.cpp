@@ -1,0 +1,170 @@
+#include "batch/filter_options.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include "session/settings_table.h"
+#include "signal/filter_chain.h"
+
+namespace kestrelvane {
+
+// The settings that the values of a filter become stand in the order of its words.
+struct filter_word {
+  const char* name;
+  const char* form;         // as the user writes it
+  const char* settings[2];  // null: no such value
+  bool after_high_pass;     // comes behind the high pass of the same command line
+  void (*tick)(filter_settings&);
+};
+
+namespace {
+
+// In the order of a chain.
+constexpr filter_word words[] = {
+    {"means", "means", {}, false, [](filter_settings& f) { f.do_channel_means = true; }},
+    {"common-mean", "common-mean", {}, false, [](filter_settings& f) { f.do_common_mean = true; }},
+    {"spatial",
+     "spatial:RADIUS",
+     {"smooth_radius_um", nullptr},
+     false,
+     [](filter_settings& f) { f.do_spatial_smooth = true; }},
+    {"temporal", "temporal", {}, false, [](filter_settings& f) { f.do_temporal_smooth = true; }},
+    {"phase",
+     "phase:F0:SHIFT",
+     {"phase_f0_khz", "phase_shift_degs_per_decade"},
+     false,
+     [](filter_settings& f) { f.do_phase_correction = true; }},
+    {"highpass",
+     "highpass:F0:POLES",
+     {"bw_f0_khz", "bw_poles"},
+     false,
+     [](filter_settings& f) { f.do_high_pass = true; }},
+    {"lowpass",
+     "lowpass:F0:POLES",
+     {"bw_f0_khz", "bw_poles"},
+     true,
+     [](filter_settings& f) { f.do_high_pass = f.make_low_pass = true; }},
+    {"notch", "notch", {}, true, [](filter_settings& f) { f.do_notch = true; }},
+    {"compressive",
+     "compressive:UV",
+     {"compressive_75pct_uv", nullptr},
+     true,
+     [](filter_settings& f) { f.do_compressive = true; }},
+};
+
+const filter_word* find_word(std::string_view name) {
+  for (const filter_word& word : words) {
+    if (name == word.name) return &word;
+  }
+  return nullptr;
+}
+
+std::vector<std::string_view> split_at_colons(std::string_view text) {
+  std::vector<std::string_view> parts;
+  for (;;) {
+    const std::size_t colon = text.find(':');
+    parts.push_back(text.substr(0, colon));
+    if (colon == std::string_view::npos) return parts;
+    text.remove_prefix(colon + 1);
+  }
+}
+
+bool parse_value(std::string_view text, double& value) {
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, value);
+  return result.ec == std::errc() && result.ptr == end;
+}
+
+// One value against the setting that it becomes; the reason when it does not fit.
+std::string check_value(std::string_view text, const setting_row& row, double& value) {
+  const bool whole = row.type == setting_type::integer;
+  if (!parse_value(text, value) || !setting_in_range(row, value) ||
+      (whole && value != static_cast<std::int32_t>(value))) {
+    return fmt::format("\"{}\" is not {} from {} to {}", text,
+                       whole ? "a whole number" : "a number", row.low, row.high);
+  }
+  return {};
+}
+
+std::string parse_filter(const std::string& text, planned_filter& filter) {
+  const std::vector<std::string_view> parts = split_at_colons(text);
+  filter.filter = find_word(parts[0]);
+  if (filter.filter == nullptr) {
+    std::string known;
+    for (const filter_word& word : words) known += fmt::format(" {}", word.form);
+    return "not one of" + known;
+  }
+  const auto n_values =
+      std::count_if(std::begin(filter.filter->settings), std::end(filter.filter->settings),
+                    [](const char* name) { return name != nullptr; });
+  if (static_cast<std::ptrdiff_t>(parts.size()) != n_values + 1) {
+    return fmt::format("not of the form {}", filter.filter->form);
+  }
+  for (std::size_t i = 1; i < parts.size(); ++i) {
+    double value = 0.0;
+    const setting_row* row = find_setting(filter.filter->settings[i - 1]);
+    const std::string problem = check_value(parts[i], *row, value);
+    if (!problem.empty()) return problem;
+    filter.values.push_back(value);
+  }
+  return {};
+}
+
+bool names(std::span<const planned_filter> filters, std::string_view name) {
+  return std::any_of(filters.begin(), filters.end(),
+                     [&](const planned_filter& f) { return f.filter->name == name; });
+}
+
+void clear_options(filter_settings& f) {
+  f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
+  f.do_phase_correction = f.do_high_pass = f.make_low_pass = f.do_one_over_f = false;
+  f.do_notch = f.do_compressive = false;
+}
+
+void tick(session_state& session, const planned_filter& planned) {
+  for (std::size_t i = 0; i < planned.values.size(); ++i) {
+    store_setting(session, *find_setting(planned.filter->settings[i]), 0, planned.values[i]);
+  }
+  planned.filter->tick(session.filter);
+}
+
+template <typename Wanted>
+bool run_chain(session_state& session, std::span<const planned_filter> filters, Wanted&& wanted) {
+  clear_options(session.filter);
+  for (const planned_filter& planned : filters) {
+    if (wanted(*planned.filter)) tick(session, planned);
+  }
+  const bool done = run_filter_chain(session);
+  clear_options(session.filter);
+  return done;
+}
+
+}  // namespace
+
+bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_filter>& filters,
+                   std::string& problem) {
+  for (const std::string& text : texts) {
+    planned_filter filter;
+    problem = parse_filter(text, filter);
+    if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
+    if (!problem.empty()) {
+      problem = fmt::format("--filter {}: {}", text, problem);
+      return false;
+    }
+    filters.push_back(filter);
+  }
+  return true;
+}
+
+bool run_planned_filters(session_state& session, std::span<const planned_filter> filters) {
+  if (!names(filters, "highpass") || !names(filters, "lowpass")) {
+    return run_chain(session, filters, [](const filter_word&) { return true; });
+  }
+  return run_chain(session, filters, [](const filter_word& f) { return !f.after_high_pass; }) &&
+         run_chain(session, filters, [](const filter_word& f) { return f.after_high_pass; });
+}
+
+}  // namespace kestrelvane

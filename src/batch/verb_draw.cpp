@@ -1,0 +1,134 @@
+// draw: the voltage record as a picture, without a screen.
+#ifdef KESTRELVANE_WITH_DISPLAYS
+
+#include <fmt/format.h>
+
+#include <QGuiApplication>
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "batch/verbs.h"
+#include "displays/picture_file.h"
+#include "displays/voltage_record.h"
+#include "signal/display_scale.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t largest_side = 32'767;  // pixels; what every painter takes
+
+// "1280x800".
+bool parse_size(const std::string& text, QSize& size) {
+  int width = 0, height = 0;
+  const char* end = text.data() + text.size();
+  const auto [cross, error] = std::from_chars(text.data(), end, width);
+  if (error != std::errc{} || cross == end || *cross != 'x') return false;
+  const auto [stop, second_error] = std::from_chars(cross + 1, end, height);
+  size = QSize(width, height);
+  return second_error == std::errc{} && stop == end && width > 0 && height > 0 &&
+         width <= largest_side && height <= largest_side;
+}
+
+bool check_draw_options(const batch_options& options, QSize& size, std::string& problem) {
+  if (options.picture.empty()) {
+    problem = "draw: --out is required";
+  } else if (!is_picture_path(options.picture)) {
+    problem = "--out " + options.picture + ": not a .png, .svg or .pdf";
+  } else if (!parse_size(options.size, size)) {
+    problem = "--size " + options.size + ": not WxH in pixels";
+  } else if (options.time_scale < 0 || options.voltage_scale < 0) {
+    problem = "--scale and --voltage-scale: must be above 0";
+  } else if (options.spacing > 500) {
+    problem = "--spacing: at most 500";
+  }
+  return problem.empty();
+}
+
+void choose_marks(session_state& session, const batch_options& options) {
+  display_settings& display = session.display;
+  display.vd_show_proto_events = false;
+  display.vd_show_events = options.draw_events || options.draw_clusters;
+  display.vd_cluster_colours = options.draw_clusters;
+  display.vd_cluster_numbers = options.draw_numbers;
+  display.vd_msec_grid = options.draw_grid;
+  voltage_view& view = session.view;
+  view.vd_show_template_channel = options.draw_on_template_channel;
+  view.vd_reverse_contrast = options.draw_reversed;
+  view.vd_keep_peaks = options.draw_peaks;
+  view.vd_grey_scale = options.view == "grey";
+}
+
+void choose_place(session_state& session, const batch_options& options, QSize size) {
+  display_settings& display = session.display;
+  voltage_view& view = session.view;
+  view.vd_width = size.width();
+  view.vd_height = size.height();
+  if (options.spacing > 0) {
+    set_channel_spacing(session, options.spacing);
+    autoscale_voltage_display(session);
+  }
+  scroll_to_row(session, options.first_row);
+  if (options.time_scale > 0) display.vd_time_scale = static_cast<float>(options.time_scale);
+  if (options.voltage_scale > 0) {
+    display.vd_voltage_scale = static_cast<float>(options.voltage_scale);
+  }
+  if (std::isnan(options.from_seconds)) return;
+  const double first = options.from_seconds * session.recording.sampling_frequency + 1;
+  view.vd_first_sample = static_cast<std::int32_t>(
+      std::clamp(first, 1.0, std::max(1.0, static_cast<double>(session.recording.n_samples))));
+}
+
+// The libraries' own remarks about the desktop say nothing to who runs a batch command.
+void keep_failures(QtMsgType type, const QMessageLogContext&, const QString& text) {
+  if (type == QtCriticalMsg || type == QtFatalMsg) fmt::print(stderr, "{}\n", text.toStdString());
+}
+
+// Letters come from the platform's fonts, which want an application; a screen they do not.
+batch_status paint_picture(batch_session& batch, QSize size) {
+  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  qInstallMessageHandler(keep_failures);
+  int argc = 1;
+  char name[] = "kestrelvane-batch";
+  char* argv[] = {name, nullptr};
+  QGuiApplication application(argc, argv);
+  const bool written = write_picture(batch.options.picture, size, [&](QPainter& painter) {
+    draw_voltage_display(*batch.session, painter);
+  });
+  if (!written) return fail_batch(batch, "Failed to save file " + batch.options.picture);
+  return batch_status::done;
+}
+
+}  // namespace
+
+batch_status run_draw(const batch_options& options) {
+  QSize size;
+  std::string problem;
+  if (!check_draw_options(options, size, problem)) return refuse_usage(problem);
+  batch_session batch;
+  batch_status status = start_batch(batch, options, "draw");
+  if (status == batch_status::wrong_usage) return status;
+  // The view is this picture's, and no setting for later runs.
+  session_state& session = *batch.session;
+  const preferences_record preferences = session.preferences;
+  const display_settings display = session.display;
+  session.preferences.voltage_window_size[0] = size.width();
+  session.preferences.voltage_window_size[1] = size.height();
+  if (status == batch_status::done) status = open_recording_for_batch(batch);
+  if (status == batch_status::done) status = read_work_for_batch(batch);
+  if (status == batch_status::done) status = filter_for_batch(batch);
+  if (status == batch_status::done) {
+    choose_place(session, options, size);
+    choose_marks(session, options);
+    status = paint_picture(batch, size);
+  }
+  session.preferences = preferences;
+  session.display = display;
+  finish_batch(batch);
+  return status;
+}
+
+}  // namespace kestrelvane
+
+#endif

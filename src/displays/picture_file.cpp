@@ -1,0 +1,85 @@
+#include "displays/picture_file.h"
+
+#include <QBuffer>
+#include <QImage>
+#include <QMarginsF>
+#include <QPageSize>
+#include <QPdfWriter>
+#include <QSvgGenerator>
+#include <string_view>
+
+#include "session/safe_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr int pixels_per_inch = 96;
+
+using paint_routine = std::function<void(QPainter&)>;
+
+bool paint_png(QBuffer& out, QSize size, const paint_routine& paint) {
+  QImage image(size, QImage::Format_RGB32);
+  image.fill(Qt::white);
+  QPainter painter(&image);
+  paint(painter);
+  return painter.end() && image.save(&out, "PNG");
+}
+
+bool paint_svg(QBuffer& out, QSize size, const paint_routine& paint) {
+  QSvgGenerator svg;
+  svg.setOutputDevice(&out);
+  svg.setResolution(pixels_per_inch);
+  svg.setSize(size);
+  svg.setViewBox(QRect(QPoint(0, 0), size));
+  QPainter painter;
+  if (!painter.begin(&svg)) return false;
+  paint(painter);
+  return painter.end();
+}
+
+bool paint_pdf(QBuffer& out, QSize size, const paint_routine& paint) {
+  constexpr int dots_per_inch = 1200;
+  QPdfWriter pdf(&out);
+  pdf.setResolution(dots_per_inch);
+  pdf.setPageSize(QPageSize(QSizeF(size) * 72.0 / pixels_per_inch, QPageSize::Point, QString(),
+                            QPageSize::ExactMatch));
+  pdf.setPageMargins(QMarginsF(0, 0, 0, 0));
+  QPainter painter;
+  if (!painter.begin(&pdf)) return false;
+  painter.scale(double(dots_per_inch) / pixels_per_inch, double(dots_per_inch) / pixels_per_inch);
+  painter.setClipRect(QRect(QPoint(0, 0), size));
+  paint(painter);
+  return painter.end();
+}
+
+struct picture_format {
+  std::string_view extension;
+  bool (*paint)(QBuffer& out, QSize size, const paint_routine& paint);
+};
+constexpr picture_format picture_formats[] = {
+    {".png", paint_png}, {".svg", paint_svg}, {".pdf", paint_pdf}};
+
+const picture_format* find_format(std::string_view path) {
+  for (const picture_format& format : picture_formats) {
+    if (path.ends_with(format.extension)) return &format;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool is_picture_path(const std::string& path) { return find_format(path) != nullptr; }
+
+bool write_picture(const std::string& path, QSize size, const paint_routine& paint) {
+  const picture_format* format = find_format(path);
+  QBuffer bytes;
+  if (format == nullptr || !bytes.open(QIODevice::ReadWrite)) return false;
+  if (!format->paint(bytes, size, paint)) return false;
+  safe_file file;
+  if (!open_safe_file(file, path)) return false;
+  write_bytes(file, bytes.data().constData(), static_cast<std::size_t>(bytes.data().size()));
+  return finish_safe_file(file);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,21 @@
+// Pictures as files: what a window shows, painted to PNG, SVG or PDF.
+//
+// One logical pixel is 1/96 inch where a format has inches. Needs a QGuiApplication for
+// its fonts, but no screen. The old file stays when the new one cannot be written.
+#pragma once
+
+#include <QPainter>
+#include <QSize>
+#include <functional>
+#include <string>
+
+namespace kestrelvane {
+
+// False when the extension of a path is none of the three.
+bool is_picture_path(const std::string& path);
+
+// Paints a picture of that size into the file. False when it could not be written.
+bool write_picture(const std::string& path, QSize size,
+                   const std::function<void(QPainter&)>& paint);
+
+}  // namespace kestrelvane

@@ -1,0 +1,53 @@
+// Recovery: the two state files that carry a session over a crash and over an exit.
+//
+// kv_autorecover.sav is the last complete timed save, kv_restart.sav what the user asked
+// to keep at exit; both are work files in home_directory, read over the recording when it
+// is opened again. While home_directory is empty, nothing is read or written. A failed
+// save shows nothing: its file does not appear, and an older one stays.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+constexpr const char* restart_file_name = "kv_restart.sav";
+constexpr const char* autorecover_file_name = "kv_autorecover.sav";
+constexpr const char* autorecover_temporary_name = "kv_autorecover.tmp";
+
+// Waits its turn at the session gate, writes the temporary file and gives it its name.
+// True when a complete save stands; nothing is done without a recording.
+bool save_autorecover(session_state& session);
+// The same for kv_restart.sav.
+bool save_restart(session_state& session);
+
+// Takes the recording's path from a state file and reads that recording, on the calling
+// thread; the state follows through read_state_after_open. False when the state file or
+// the recording is not there, after the words that say so.
+bool open_restart(session_state& session);
+bool open_autorecover(session_state& session);
+
+// The open worker's last step while resuming: reads the state file over the recording,
+// asks about the filters and replays them. Does nothing when not resuming.
+void read_state_after_open(session_state& session);
+
+// The timed save: a thread that saves every autorecover_minutes, looking at the clock
+// twice a second. stop_autorecover waits for a save under way.
+struct autorecover_timer {
+  std::thread thread;
+  std::mutex mutex;
+  std::condition_variable wake;
+  bool stopping = false;
+  bool save_wanted = false;
+};
+void start_autorecover(autorecover_timer& timer, session_state& session);
+// Has the thread save at once.
+void save_autorecover_soon(autorecover_timer& timer);
+void stop_autorecover(autorecover_timer& timer);
+
+}  // namespace kestrelvane

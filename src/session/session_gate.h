@@ -1,0 +1,64 @@
+// The session gate: one thread at a time changes the session or saves it.
+//
+// Whoever runs an operation on the session holds the gate for as long as it runs, and
+// yields it at its polls, at pause points and while a box waits for the user. There the
+// tables are whole, so the timed recovery save, which runs on a thread of its own, takes
+// its turn without ever meeting half-written tables. The interface thread never waits
+// here: it hands operations to a worker.
+//
+// Passing is in the order of arrival, so that a saver is not starved by a worker that
+// yields and comes back at once.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+
+namespace kestrelvane {
+
+struct session_state;
+
+struct session_gate {
+  std::mutex mutex;  // guards all changes of what follows
+  std::condition_variable moved;
+  // The atomics are read without the mutex, by polls.
+  std::atomic<std::uint64_t> next_ticket{0};  // drawn by arrivals
+  std::atomic<std::uint64_t> now_serving{0};  // whose turn it is
+  std::atomic<std::thread::id> holder{};      // default: nobody
+  std::int32_t depth = 0;                     // nested entries; the holder's alone
+};
+
+// Waits for the gate and holds it. The holder may enter again.
+void enter_session(session_state& session);
+void leave_session(session_state& session);
+
+// Lets those who wait go first; does nothing when nobody waits or when the caller does
+// not hold the gate. Cheap enough for a poll. The tables must be fit to be saved.
+void yield_session(session_state& session);
+
+// Whether the calling thread holds the gate.
+bool holds_session(const session_state& session);
+
+// Holds the gate for a scope.
+struct session_hold {
+  explicit session_hold(session_state& held) : session(held) { enter_session(session); }
+  ~session_hold() { leave_session(session); }
+  session_hold(const session_hold&) = delete;
+  session_hold& operator=(const session_hold&) = delete;
+  session_state& session;
+};
+
+// Gives the gate up for a scope, while the holder waits for the user; nothing happens
+// when the caller does not hold it.
+struct session_pause {
+  explicit session_pause(session_state& held);
+  ~session_pause();
+  session_pause(const session_pause&) = delete;
+  session_pause& operator=(const session_pause&) = delete;
+  session_state& session;
+  std::int32_t depth = 0;  // entries to take up again
+};
+
+}  // namespace kestrelvane

@@ -1,0 +1,332 @@
+#include "signal/filter_chain.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+#include <vector>
+
+#include "session/run_log.h"
+#include "session/settings_table.h"
+#include "signal/display_scale.h"
+#include "signal/filter_progress.h"
+#include "signal/frequency_filters.h"
+#include "signal/noise.h"
+#include "signal/time_filters.h"
+
+namespace kestrelvane {
+
+namespace {
+
+struct history_entry {
+  std::int32_t code = 0;
+  float param1 = 0.0f, param2 = 0.0f;
+};
+
+// How much of the bar a step has.
+enum class step_units { per_channel, hundred };
+
+// An operation that a chain can do and the history can name.
+struct filter_operation {
+  std::int32_t code;
+  const char* name;  // for the user who waits for it
+  step_units units;
+  bool (*run)(session_state&, filter_progress&);
+  bool (*wanted)(const session_state&);            // the chain has it ticked
+  void (*untick)(filter_settings&);                // after the chain
+  history_entry (*entry)(const filter_settings&);  // parameters for the history
+  const char* replay_line;                         // {f0} and {poles} are filled in
+  // Settings of a replay; false when the entry holds none that can be used.
+  bool (*reload)(filter_settings&, const history_entry&);
+};
+
+// ---------------------------------------------------------------- cells of the table
+
+// A step that cannot fail, in the form of one that can.
+template <auto Step>
+bool always(session_state& session, filter_progress& progress) {
+  Step(session, progress);
+  return true;
+}
+
+template <logical filter_settings::*Option>
+bool ticked(const session_state& session) {
+  return session.filter.*Option;
+}
+
+template <logical filter_settings::*Option>
+void untick(filter_settings& f) {
+  f.*Option = false;
+}
+
+// Smoothing may be wanted again with the next press of the button.
+void keep_ticked(filter_settings&) {}
+
+void untick_butterworth(filter_settings& f) {
+  f.do_high_pass = f.make_low_pass = f.do_one_over_f = false;
+}
+
+template <bool LowPass>
+bool butterworth_ticked(const session_state& session) {
+  const filter_settings& f = session.filter;
+  return f.do_high_pass && !f.do_one_over_f && f.make_low_pass == LowPass;
+}
+
+history_entry no_parameters(const filter_settings&) { return {}; }
+
+history_entry butterworth_parameters(const filter_settings& f) {
+  return {0, f.bw_f0_khz, static_cast<float>(f.bw_poles)};
+}
+
+bool reload_nothing(filter_settings&, const history_entry&) { return true; }
+
+bool is_positive(float x) { return std::isfinite(x) && x > 0.0f; }
+
+// A notch has nothing in these slots, and the settings then show that nothing.
+bool reload_slots(filter_settings& f, const history_entry& e) {
+  constexpr float no_more_poles = 1000.0f;
+  f.bw_f0_khz = e.param1;
+  f.bw_poles =
+      std::fabs(e.param2) < no_more_poles ? static_cast<std::int32_t>(std::lround(e.param2)) : 0;
+  return true;
+}
+
+template <bool LowPass>
+bool reload_butterworth(filter_settings& f, const history_entry& e) {
+  reload_slots(f, e);
+  f.make_low_pass = LowPass;
+  return is_positive(f.bw_f0_khz) && f.bw_poles > 0;
+}
+
+// f0 is that of the dialog: the history has never kept it.
+bool reload_phase(filter_settings& f, const history_entry& e) {
+  f.phase_shift_degs_per_decade = e.param2;
+  return std::isfinite(e.param2);
+}
+
+bool reload_compression(filter_settings& f, const history_entry& e) {
+  f.compressive_75pct_uv = e.param1;
+  return is_positive(e.param1);
+}
+
+// In the order of a chain. The 1/f filter takes the place of the Butterworth filter.
+constexpr filter_operation operations[] = {
+    {1, "channel means", step_units::per_channel, always<zero_channel_means>,
+     [](const session_state& s) { return s.filter.do_channel_means && !s.recording.means_zeroed; },
+     untick<&filter_settings::do_channel_means>, no_parameters, " - making channel means zero",
+     reload_nothing},
+    {2, "common mean", step_units::hundred, always<remove_common_mean>,
+     [](const session_state& s) {
+       return s.filter.do_common_mean && !s.recording.common_mean_removed;
+     },
+     untick<&filter_settings::do_common_mean>, no_parameters, " - removing common mean",
+     reload_nothing},
+    {3, "spatial smooth", step_units::hundred, always<spatial_smooth>,
+     ticked<&filter_settings::do_spatial_smooth>, keep_ticked, no_parameters,
+     " - doing spatial smooth", reload_nothing},
+    {4, "temporal smooth", step_units::per_channel, always<temporal_smooth>,
+     ticked<&filter_settings::do_temporal_smooth>, keep_ticked, no_parameters,
+     " - doing 1:2:1 temporal smooth", reload_nothing},
+    {7, "phase correction", step_units::per_channel, phase_correct,
+     ticked<&filter_settings::do_phase_correction>, untick<&filter_settings::do_phase_correction>,
+     [](const filter_settings& f) {
+       return history_entry{0, 0, f.phase_shift_degs_per_decade};
+     },
+     " - applying phase rotation", reload_phase},
+    {5, "high-pass filter", step_units::per_channel, butterworth_filter, butterworth_ticked<false>,
+     untick_butterworth, butterworth_parameters,
+     " - applying high pass filter with {poles} poles and f0={f0}", reload_butterworth<false>},
+    {-5, "low-pass filter", step_units::per_channel, butterworth_filter, butterworth_ticked<true>,
+     untick_butterworth, butterworth_parameters, " - applying low pass filter",
+     reload_butterworth<true>},
+    {9, "1/f filter", step_units::per_channel, one_over_f_filter,
+     [](const session_state& s) { return s.filter.do_high_pass && s.filter.do_one_over_f; },
+     untick_butterworth, no_parameters, " - applying 1/f filter", reload_nothing},
+    {6, "notch filter", step_units::per_channel, notch_filter, ticked<&filter_settings::do_notch>,
+     untick<&filter_settings::do_notch>, no_parameters, " - applying 60 Hz notch filter",
+     reload_slots},
+    {8, "compressive transform", step_units::per_channel, always<compressive_transform>,
+     ticked<&filter_settings::do_compressive>, untick<&filter_settings::do_compressive>,
+     [](const filter_settings& f) {
+       return history_entry{0, f.compressive_75pct_uv, 0};
+     },
+     "- applying compressive transform", reload_compression},
+};
+
+const filter_operation* find_operation(std::int32_t code) {
+  for (const filter_operation& operation : operations) {
+    if (operation.code == code) return &operation;
+  }
+  return nullptr;
+}
+
+// ---------------------------------------------------------------- history
+
+history_entry entry_of(const filter_history_table& history, std::int32_t i) {
+  return {history.code[i], history.param1[i], history.param2[i]};
+}
+
+void list_operation(session_state& session, const filter_operation& operation) {
+  filter_history_table& history = session.filter_history;
+  if (history.n_entries >= filter_history_limit) {
+    log_message(session, "The filter history is full: the last step is done but not listed");
+    return;
+  }
+  const history_entry entry = operation.entry(session.filter);
+  const std::int32_t i = ++history.n_entries;
+  history.code[i] = operation.code;
+  history.param1[i] = entry.param1;
+  history.param2[i] = entry.param2;
+}
+
+// ---------------------------------------------------------------- beginning and end
+
+// Noise and display scales.
+constexpr std::int64_t closing_units = 2;
+
+std::int64_t units_of(const session_state& session, const filter_operation* operation) {
+  if (operation == nullptr) return 0;
+  return operation->units == step_units::hundred ? 100 : session.recording.n_channels;
+}
+
+void begin_filtering(session_state& session) {
+  session.operation.filtering_interrupted = false;
+  session.multi_threaded_now = session.preferences.multi_threaded;
+}
+
+bool interrupted(session_state& session) {
+  yield_session(session);
+  return session.operation.filtering_interrupted;
+}
+
+bool run_operation(filter_progress& progress, const filter_operation& operation) {
+  begin_filter_step(progress, operation.name, units_of(progress.session, &operation));
+  const bool done = operation.run(progress.session, progress);
+  end_filter_step(progress);
+  return done;
+}
+
+// The samples are other ones now, whether all steps are done or some.
+void follow_samples(filter_progress& progress) {
+  session_state& session = progress.session;
+  begin_filter_step(progress, "noise of the channels", closing_units);
+  compute_noise(session);
+  autoscale_voltage_display(session);
+  refresh_displays(session);
+  end_filter_step(progress);
+}
+
+void say_stopped(session_state& session, std::int64_t n_done, std::int64_t n_steps) {
+  say(session, fmt::format("Filtering was stopped: {} of {} steps done", n_done, n_steps));
+}
+
+// ---------------------------------------------------------------- chain
+
+void warn_of_sample_hold(session_state& session) {
+  if (!session.filter.do_sample_hold || !session.recording.sample_hold_done) return;
+  tell(session, "S&H correction already done", "NB ", box_icon::warning);
+  session.filter.do_sample_hold = false;
+}
+
+std::vector<const filter_operation*> wanted_steps(const session_state& session) {
+  std::vector<const filter_operation*> steps;
+  for (const filter_operation& operation : operations) {
+    if (operation.wanted(session)) steps.push_back(&operation);
+  }
+  return steps;
+}
+
+// What must not be done twice and was ticked all the same.
+void untick_what_was_done(session_state& session) {
+  if (session.recording.means_zeroed) session.filter.do_channel_means = false;
+  if (session.recording.common_mean_removed) session.filter.do_common_mean = false;
+}
+
+// ---------------------------------------------------------------- replay
+
+enum class replayed { done, left_out, failed };
+
+replayed repeat_entry(filter_progress& progress, std::int32_t i) {
+  session_state& session = progress.session;
+  const history_entry entry = entry_of(session.filter_history, i);
+  const filter_operation* operation = find_operation(entry.code);
+  if (operation == nullptr || !operation->reload(session.filter, entry)) {
+    log_message(session, fmt::format("Entry {} of the filter history cannot be repeated: code {}, "
+                                     "parameters {} and {}",
+                                     i, entry.code, entry.param1, entry.param2));
+    return replayed::left_out;
+  }
+  log_message(session, fmt::format(fmt::runtime(operation->replay_line),
+                                   fmt::arg("f0", session.filter.bw_f0_khz),
+                                   fmt::arg("poles", session.filter.bw_poles)));
+  if (!run_operation(progress, *operation)) return replayed::failed;
+  session.recording.recording_filtered = true;
+  return replayed::done;
+}
+
+// The history goes on telling what the samples in memory have been through.
+void keep_first_entries(session_state& session, std::int32_t n) {
+  say_stopped(session, n, session.filter_history.n_entries);
+  session.filter_history.n_entries = n;
+  log_message(session, fmt::format("The filter history keeps {} entries", n));
+}
+
+}  // namespace
+
+bool run_filter_chain(session_state& session) {
+  begin_filtering(session);
+  settle_settings(session);
+  warn_of_sample_hold(session);
+  const std::vector<const filter_operation*> steps = wanted_steps(session);
+  filter_progress progress{session};
+  for (const filter_operation* step : steps) progress.range += units_of(session, step);
+  progress.range += closing_units;
+
+  std::int64_t n_done = 0;
+  const auto n_steps = static_cast<std::int64_t>(steps.size());
+  for (const filter_operation* step : steps) {
+    if (interrupted(session) || !run_operation(progress, *step)) break;
+    list_operation(session, *step);
+    step->untick(session.filter);
+    session.recording.recording_filtered = true;
+    ++n_done;
+  }
+  untick_what_was_done(session);
+  follow_samples(progress);
+  if (n_done < n_steps) {
+    say_stopped(session, n_done, n_steps);
+    return false;
+  }
+  session.recording.recording_filtered = true;
+  tell(session, "Finished transforming", "Done!", box_icon::information);
+  return true;
+}
+
+bool repeat_filtering(session_state& session) {
+  begin_filtering(session);
+  const filter_history_table& history = session.filter_history;
+  filter_progress progress{session};
+  for (std::int32_t i = 1; i <= history.n_entries; ++i) {
+    progress.range += units_of(session, find_operation(history.code[i]));
+  }
+  progress.range += closing_units;
+
+  log_message(session, "Repeating previous filtering:");
+  bool all_done = true;
+  std::int32_t n_passed = 0;
+  while (n_passed < history.n_entries && !interrupted(session)) {
+    const replayed outcome = repeat_entry(progress, n_passed + 1);
+    if (outcome == replayed::failed) break;
+    all_done = all_done && outcome == replayed::done;
+    ++n_passed;
+  }
+  untick_butterworth(session.filter);
+  follow_samples(progress);
+  if (n_passed < history.n_entries) {
+    keep_first_entries(session, n_passed);
+    return false;
+  }
+  tell(session, "Finished filtering!", "Done!", box_icon::information);
+  return all_done;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,26 @@
+// The filter chain: what rewrites the samples, in its fixed order, and its replay.
+//
+// Every step reads vd and writes it back in place as two-byte bits; filter_history
+// lists what was done, so that the same chain can be run over the recording when it is
+// read again. Runs on one worker and drives meter::filtering. An interrupt is honoured
+// between steps: the step under way is finished and listed, later ones are not begun.
+// A chain ends with new channel noise and display scales.
+#pragma once
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// The steps ticked in session.filter: means, common mean, spatial smooth, temporal
+// smooth, phase correction, Butterworth (or 1/f), notch, compressive transform. Clears
+// the options that have to be ticked afresh and says "Finished transforming". False when
+// a work buffer could not be had or the user stopped the chain.
+bool run_filter_chain(session_state& session);
+
+// Runs filter_history over the samples, in list order. The settings take the values of
+// the entries. False as above, and when an entry could not be made sense of and was left
+// out. The list is not changed, but for a replay that was stopped: it then keeps what was
+// done, since it tells what the samples in memory have been through.
+bool repeat_filtering(session_state& session);
+
+}  // namespace kestrelvane

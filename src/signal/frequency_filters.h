@@ -1,0 +1,42 @@
+// Filters that work on the spectrum: Butterworth, notch, phase, 1/f.
+//
+// All share one scheme. A recording is cut into segments of 2^20 samples (fft_1m), each
+// beginning 65 samples before the end of the one before. Both ends of a segment are
+// tapered over 64 samples, and where two overlap their outputs are added, so the ramps
+// cross-fade to 1. The recording itself fades in from 0 over its first 64 samples and
+// out over its last 64. Where two channels need the same real gain, one travels as the
+// real and one as the imaginary part of a transform.
+//
+// Outputs are rounded to two bytes; a value out of range wraps. Masked channels are
+// filtered like the others. The workers of a step hold 8 MB each. A step returns false,
+// after a box, when it could not have them; nothing has changed then.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "session/session_state.h"
+#include "signal/filter_progress.h"
+
+namespace kestrelvane {
+
+// The bin of a frequency given in kHz, cut to a whole number, at least 0.
+std::int32_t bin_of_frequency(float khz, std::int32_t sampling_frequency);
+
+// Gain of bins 0 .. N/2, real and the same at k and N - k. The low pass is the square
+// root of the Butterworth power response, the high pass its complement to 1; the high
+// pass leaves bins from ten times the cut-off on alone.
+std::vector<float> butterworth_gains(std::int32_t cutoff_bin, std::int32_t poles, bool low_pass);
+// 60 Hz and its harmonics up to 240 Hz, a Gaussian of 500 bins round each.
+std::vector<float> notch_gains(std::int32_t sampling_frequency);
+
+// Whole-recording steps; settings from session.filter. Each logs when it is done.
+bool butterworth_filter(session_state& session, filter_progress& progress);
+bool notch_filter(session_state& session, filter_progress& progress);
+// Turns the phase by phase_shift_degs_per_decade for each decade above phase_f0_khz.
+bool phase_correct(session_state& session, filter_progress& progress);
+// Gives every channel a spectrum falling with the root of frequency, and its old noise
+// again. Measures chan_noise first. The one step that needs 4 bytes more per sample.
+bool one_over_f_filter(session_state& session, filter_progress& progress);
+
+}  // namespace kestrelvane

@@ -1,0 +1,50 @@
+// What the menu entries and tool buttons do. All are called on the interface thread.
+#pragma once
+
+#include <QString>
+
+namespace kestrelvane {
+
+struct workstation;
+
+// --- File (file_commands.cpp)
+void open_recording_command(workstation& w);
+void open_recording_path(workstation& w, const QString& path);  // dropped on the frame
+void open_recent_command(workstation& w, int entry);            // from 0
+void open_work_file_command(workstation& w);
+void close_recording_command(workstation& w);
+void save_work_file_command(workstation& w);
+void exit_command(workstation& w);
+
+// --- graph windows (graph_commands.cpp)
+void save_bitmap_command(workstation& w);
+void print_command(workstation& w);
+void select_rectangle_command(workstation& w);
+void copy_selection_command(workstation& w);
+void cascade_command(workstation& w);
+void auto_arrange_command(workstation& w);
+void voltage_record_command(workstation& w);
+
+// --- Sort, Review (process_commands.cpp)
+void convert_channels_command(workstation& w);
+void recalculate_templates_command(workstation& w);
+void not_available_command(workstation& w, const QString& what);
+
+// --- Help (help_commands.cpp)
+void getting_started_command(workstation& w);
+void about_command(workstation& w);
+
+// --- dialogs/
+void preferences_command(workstation& w);
+void messages_command(workstation& w);
+void acquisition_properties_command(workstation& w);
+void sorting_summary_command(workstation& w);
+void filter_command(workstation& w);
+void event_detection_command(workstation& w);
+void autosort_command(workstation& w);
+void status_lists_command(workstation& w);
+void strategy_command(workstation& w);
+void realign_command(workstation& w);
+void export_command(workstation& w);
+
+}  // namespace kestrelvane

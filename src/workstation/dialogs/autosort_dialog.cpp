@@ -1,0 +1,367 @@
+#include <QCheckBox>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QSlider>
+#include <QVBoxLayout>
+#include <cmath>
+#include <memory>
+
+#include "clustering/realignment.h"
+#include "clustering/templates.h"
+#include "detection/sample_test.h"
+#include "sorting/autosort.h"
+#include "sorting/status_lists.h"
+#include "workstation/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr int fixed_entry = -1, variable_entry = 0, automatic_entry = 1;  // threshold_mode
+
+// PC display scale of a slider position, 0 to 200.
+float pc_scale_of(int position) { return static_cast<float>(position * 9.75 / 200 + 0.25); }
+int pc_position_of(float scale) {
+  return static_cast<int>(std::lround((static_cast<double>(scale) - 0.25) * 200 / 9.75));
+}
+
+struct autosort_window {
+  workstation& w;
+  operation_dialog* dialog;
+  settings_form form;
+  float window_start_ms, window_end_ms;  // as they were when the dialog opened
+  QComboBox* threshold_mode = nullptr;
+  number_field *fixed_uv = nullptr, *multiplier = nullptr;
+  QCheckBox* skip_detection = nullptr;
+  QCheckBox* skip_clustering = nullptr;
+  QGroupBox *detection_box = nullptr, *clustering_box = nullptr, *merging_box = nullptr;
+  QLabel* message = nullptr;
+  QPushButton *start = nullptr, *interrupt = nullptr, *resume = nullptr;
+  QCheckBox* pause = nullptr;
+
+  autosort_window(workstation& of, operation_dialog* d)
+      : w(of),
+        dialog(d),
+        form(of.session, d),
+        window_start_ms(of.session.strategy.template_window_start_ms),
+        window_end_ms(of.session.strategy.template_window_end_ms) {}
+};
+using shared_autosort = std::shared_ptr<autosort_window>;
+
+// Its "skip" boxes grey the rest of a section.
+void grey_sections(const autosort_window& a) {
+  const auto set = [](QGroupBox* box, const QCheckBox* skip) {
+    const QList<QWidget*> children =
+        box->findChildren<QWidget*>(QString(), Qt::FindDirectChildrenOnly);
+    for (QWidget* child : children) {
+      if (child != skip) child->setEnabled(!skip->isChecked());
+    }
+  };
+  set(a.detection_box, a.skip_detection);
+  set(a.clustering_box, a.skip_clustering);
+}
+
+void show_threshold_value(const autosort_window& a) {
+  const int mode = a.threshold_mode->currentData().toInt();
+  a.fixed_uv->row()->setVisible(mode == fixed_entry);
+  a.multiplier->row()->setVisible(mode == variable_entry);
+}
+
+QGroupBox* detection_section(autosort_window& a) {
+  auto* rows = new QFormLayout;
+  a.skip_detection =
+      logical_control(a.form, "skip_event_detection", "skip", "Keep the events that are there");
+  rows->addRow(a.skip_detection);
+  a.threshold_mode = choice_control(
+      a.form, "threshold_mode",
+      {{"Automatic", automatic_entry}, {"Fixed", fixed_entry}, {"Variable", variable_entry}},
+      "How the detection threshold of each channel is found");
+  a.fixed_uv = number_control(a.form, "fixed_threshold_uv",
+                              {.step = 5, .unit = "µV", .tip = "Threshold of all channels, µV"});
+  a.multiplier = number_control(
+      a.form, "variable_multiplier",
+      {.step = 0.1, .unit = "× noise", .tip = "Threshold as a multiple of the channel's noise"});
+  auto* value = new QHBoxLayout;
+  value->addWidget(a.threshold_mode);
+  value->addWidget(a.fixed_uv->row());
+  value->addWidget(a.multiplier->row());
+  rows->addRow("Threshold", value);
+  rows->addRow("Initial alignment",
+               choice_control(a.form, "align_feature", named_rows(align_feature_name, 9),
+                              "Point of the spike that is its time at first"));
+  rows->addRow("Progress", make_bar("detection_meter", 1000));
+  add_value(rows, "events_found", "# of events");
+  QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
+                   [&a] { show_threshold_value(a); });
+  return a.detection_box = titled_box("Event detection", rows);
+}
+
+QGroupBox* clustering_section(autosort_window& a) {
+  auto* rows = new QFormLayout;
+  a.skip_clustering =
+      logical_control(a.form, "skip_clustering", "skip", "Keep the clusters that are there");
+  rows->addRow(a.skip_clustering);
+  auto* window = new QHBoxLayout;
+  const char* tip = "Part of the spike that templates cover, ms around its aligned time";
+  number_field* from =
+      number_control(a.form, "template_window_start_ms", {.step = 0.1, .tip = tip});
+  number_field* to = number_control(a.form, "template_window_end_ms", {.step = 0.1, .tip = tip});
+  window->addWidget(from);
+  window->addWidget(new QLabel("to"));
+  window->addWidget(to);
+  window->addWidget(new QLabel("ms;  realignment"));
+  window->addWidget(
+      choice_control(a.form, "template_align_mode", named_rows(template_align_mode_name, 9),
+                     "Point of the template that new templates are moved to"),
+      1);
+  rows->addRow("Template window  ", window);
+  add_number(
+      rows, a.form, "Threshold", "gac_threshold",
+      {.unit = "stages", .tip = "For how many stages a sub-cluster must last to be real, above 1"});
+  add_number(rows, a.form, "Min. cluster size", "min_cluster_size",
+             {.step = 10,
+              .unit = "events",
+              .tip = "Clusters with fewer spikes than the minimum cluster size will be deleted "
+                     "during sorting"});
+  add_number(rows, a.form, "PCA dimensions", "pca_dimensions",
+             {.tip = "Principal components that clustering works in, 2 to 5"});
+  rows->addRow("Progress", make_bar("cluster_meter", 100));
+  add_value(rows, "current_cluster", "Current cluster");
+  return a.clustering_box = titled_box("Clustering", rows);
+}
+
+QGroupBox* merging_section(autosort_window& a) {
+  auto* rows = new QFormLayout;
+  auto* merges = new QHBoxLayout;
+  merges->addWidget(logical_control(a.form, "merge_safe_pairs", "Merge safe pairs;",
+                                    "Merge pairs of clusters that are plainly one unit"));
+  merges->addWidget(logical_control(a.form, "merge_split_pairs", "merge/split for overlaps >",
+                                    "Pool pairs that are not distinct and split them again"));
+  number_field* overlap =
+      number_control(a.form, "overlap_threshold",
+                     {.step = 0.01, .decimals = 2, .tip = "Least overlap of such a pair, 0 to 1"});
+  merges->addWidget(overlap->row(), 1);
+  rows->addRow(merges);
+  rows->addRow("Progress", make_bar("merge_meter", 150));
+  add_value(rows, "clusters_found", "# of clusters");
+  add_value(rows, "stable_clusters", "# of stable clusters");
+  add_value(rows, "current_pair", "Current pair");
+  add_value(rows, "elapsed_time", "Time, minutes");
+  return a.merging_box = titled_box("Merge and Split", rows);
+}
+
+QLayout* pc_scale_row(workstation& w) {
+  auto* slider = new QSlider(Qt::Horizontal);
+  slider->setObjectName("pc_display_scale");
+  slider->setRange(0, 200);
+  slider->setValue(pc_position_of(w.session.preferences.pc_display_scale));
+  slider->setToolTip("Scale of the principal components displays");
+  QObject::connect(slider, &QSlider::valueChanged, slider, [&w](int position) {
+    w.session.preferences.pc_display_scale = pc_scale_of(position);
+  });
+  auto* row = new QFormLayout;
+  row->addRow("PC display scale", slider);
+  return row;
+}
+
+// Shows in a labelled field what the worker reports.
+void connect_reports(const autosort_window& a) {
+  static constexpr std::pair<status_field, const char*> fields[] = {
+      {status_field::message, "message"},
+      {status_field::events_found, "events_found"},
+      {status_field::clusters_found, "clusters_found"},
+      {status_field::stable_clusters, "stable_clusters"},
+      {status_field::current_cluster, "current_cluster"},
+      {status_field::current_pair, "current_pair"},
+      {status_field::elapsed_time, "elapsed_time"},
+  };
+  static constexpr std::pair<meter, const char*> bars[] = {
+      {meter::detection, "detection_meter"},
+      {meter::clusters, "cluster_meter"},
+      {meter::merge_and_sort, "merge_meter"},
+      {meter::status_lists, "cluster_meter"},
+  };
+  operation_dialog* dialog = a.dialog;
+  QObject::connect(a.w.desk, &interface_desk::status_changed, dialog,
+                   [dialog](status_field field, const QString& text) {
+                     for (const auto& [which, name] : fields) {
+                       if (which == field) dialog->findChild<QLabel*>(name)->setText(text);
+                     }
+                   });
+  QObject::connect(a.w.desk, &interface_desk::progressed, dialog,
+                   [dialog](meter which, int value, int range) {
+                     for (const auto& [bar_of, name] : bars) {
+                       if (bar_of != which) continue;
+                       auto* bar = dialog->findChild<QProgressBar*>(name);
+                       bar->setRange(0, range);
+                       bar->setValue(value);
+                     }
+                   });
+}
+
+void request_interrupt(autosort_window& a) {
+  long_operation_flags& operation = a.w.session.operation;
+  operation.autosort_interrupt = true;
+  operation.detection_interrupted = true;
+  operation.pause_requested = false;
+  a.w.desk->resume();
+  a.interrupt->setEnabled(false);
+  a.message->setText("Interrupting: finishing the current step ...");
+}
+
+bool window_is_possible(const autosort_window& a) {
+  return a.dialog->findChild<number_field*>("template_window_start_ms")->value() <
+         a.dialog->findChild<number_field*>("template_window_end_ms")->value();
+}
+
+void begin_run(const shared_autosort& a) {
+  if (!window_is_possible(*a)) {
+    a->message->setText("The template window must begin before it ends");
+    return;
+  }
+  if (!a->form.store()) return;
+  shorten_spike_window(a->w.session);
+  compute_template_points(a->w.session);
+  long_operation_flags& operation = a->w.session.operation;
+  operation.autosort_interrupt = false;
+  operation.detection_interrupted = false;
+  operation.pause_requested = a->pause->isChecked();
+  a->dialog->run([](session_state& session) { autosort(session); },
+                 [a] {
+                   // Detection may have turned to the lockout method, clusters may be there.
+                   a->form.load();
+                   a->pause->setChecked(false);
+                   grey_sections(*a);
+                 });
+}
+
+QLayout* run_buttons(const shared_autosort& a) {
+  a->start = make_button("start", "Start", "Run the pipeline with these settings");
+  a->interrupt = make_button("interrupt", "Interrupt", "Stop; what has been sorted so far stays");
+  a->pause = new QCheckBox("pause");
+  a->pause->setObjectName("pause");
+  a->pause->setToolTip("Wait at the next pause point: between clusters, after a pair or a merge");
+  a->resume = make_button("resume", "Resume", "Go on after a pause");
+  QPushButton* next = make_button("next", "Next", "Go on to guided merging of what is left");
+  QPushButton* done = make_button("done", "Done", "Close");
+  a->start->setDefault(true);
+  a->interrupt->setEnabled(false);
+  a->pause->setEnabled(false);
+  a->resume->setEnabled(false);
+  operation_dialog* dialog = a->dialog;
+  dialog->disabled_while_running << a->start << next << done << a->detection_box
+                                 << a->clustering_box << a->merging_box;
+  dialog->enabled_while_running << a->interrupt << a->pause;
+  QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
+  QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
+  QObject::connect(a->pause, &QCheckBox::toggled, dialog, [a](bool on) {
+    if (a->dialog->running()) a->w.session.operation.pause_requested = on;
+  });
+  QObject::connect(a->resume, &QPushButton::clicked, dialog, [a] {
+    a->pause->setChecked(false);
+    a->w.desk->resume();
+  });
+  QObject::connect(a->w.desk, &interface_desk::paused, dialog,
+                   [a] { a->resume->setEnabled(true); });
+  QObject::connect(a->w.desk, &interface_desk::resumed, dialog,
+                   [a] { a->resume->setEnabled(false); });
+  QObject::connect(next, &QPushButton::clicked, dialog, [dialog] { dialog->done(2); });
+  QObject::connect(done, &QPushButton::clicked, dialog, [dialog] { dialog->done(1); });
+  auto* row = new QHBoxLayout;
+  row->addWidget(a->start);
+  row->addWidget(a->interrupt);
+  row->addWidget(a->pause);
+  row->addWidget(a->resume);
+  row->addStretch();
+  row->addWidget(next);
+  row->addWidget(done);
+  return row;
+}
+
+// The box that stands while templates follow a new spike window.
+void realign_after(workstation& w, float start_ms, float end_ms) {
+  auto* box = new operation_dialog(w, "realign_box", "Autosort");
+  auto* message = new QLabel;
+  message->setObjectName("message");
+  QProgressBar* bar = make_bar("progress", 100);
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
+  buttons->button(QDialogButtonBox::Ok)->setObjectName("ok");
+  box->disabled_while_running << buttons;
+  auto* layout = new QVBoxLayout(box);
+  layout->addWidget(message);
+  layout->addWidget(bar);
+  layout->addWidget(buttons);
+  QObject::connect(buttons, &QDialogButtonBox::accepted, box, &QDialog::accept);
+  QObject::connect(w.desk, &interface_desk::status_changed, box,
+                   [message](status_field field, const QString& text) {
+                     if (field == status_field::message) message->setText(text);
+                   });
+  QObject::connect(w.desk, &interface_desk::progressed, box,
+                   [bar](meter, int value, int) { bar->setValue(value); });
+  box->run(
+      [start_ms, end_ms](session_state& session) { leave_autosort(session, start_ms, end_ms); },
+      nullptr);
+  open_dialog(w, box);
+}
+
+// After the dialog: on to guided merging, or new templates for a new spike window.
+void after_dialog(workstation& w, float start_ms, float end_ms) {
+  session_state& session = w.session;
+  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
+    not_available_command(w, "Guided merge and split");
+    return;
+  }
+  const sorting_strategy_settings& s = session.strategy;
+  const bool changed = s.template_window_start_ms != start_ms || s.template_window_end_ms != end_ms;
+  if (changed && session.clusters.n_clusters > 0) realign_after(w, start_ms, end_ms);
+}
+
+void open_settings(workstation& w) {
+  session_state& session = w.session;
+  session.strategy.skip_event_detection = session.events.n_events >= 1;
+  if (session.clusters.n_clusters == 0) session.strategy.skip_clustering = false;
+  session.autosort.next_stage_requested = true;
+  session.autosort.max_clusters_reached = false;
+}
+
+}  // namespace
+
+void autosort_command(workstation& w) {
+  if (!needs_recording(w)) return;
+  open_settings(w);
+  auto* dialog = new operation_dialog(w, "autosort_dialog", "Autosort");
+  const auto a = std::make_shared<autosort_window>(w, dialog);
+  auto* layout = new QVBoxLayout(dialog);
+  layout->addWidget(detection_section(*a));
+  layout->addWidget(clustering_section(*a));
+  layout->addWidget(merging_section(*a));
+  layout->addLayout(pc_scale_row(w));
+  a->message = new QLabel;
+  a->message->setObjectName("message");
+  a->message->setWordWrap(true);
+  layout->addWidget(a->message);
+  layout->addLayout(run_buttons(a));
+  QObject::connect(a->skip_detection, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
+  QObject::connect(a->skip_clustering, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
+  a->form.load();
+  show_threshold_value(*a);
+  grey_sections(*a);
+  connect_reports(*a);
+  QObject::connect(dialog, &QDialog::finished, w.frame, [a](int result) {
+    workstation& shell = a->w;
+    if (result != 2) shell.session.autosort.next_stage_requested = false;
+    const bool kept = a->form.store();
+    if (kept) {
+      shorten_spike_window(shell.session);
+      compute_template_points(shell.session);
+    }
+    after_dialog(shell, a->window_start_ms, a->window_end_ms);
+  });
+  open_dialog(w, dialog);
+}
+
+}  // namespace kestrelvane

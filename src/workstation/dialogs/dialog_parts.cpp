@@ -1,0 +1,58 @@
+#include "workstation/dialogs/dialog_parts.h"
+
+namespace kestrelvane {
+
+QGroupBox* titled_box(const QString& title, QLayout* layout) {
+  auto* box = new QGroupBox(title);
+  box->setLayout(layout);
+  return box;
+}
+
+number_field* add_number(QFormLayout* rows, settings_form& form, const QString& label,
+                         const char* setting, const number_options& options) {
+  number_field* field = number_control(form, setting, options);
+  rows->addRow(label, field->row());
+  return field;
+}
+
+QLabel* add_value(QFormLayout* rows, const char* object_name, const QString& label,
+                  const QString& value, const char* tip) {
+  auto* text = new QLabel(value);
+  text->setObjectName(object_name);
+  text->setToolTip(tip);
+  text->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  rows->addRow(label, text);
+  return text;
+}
+
+QPushButton* add_button(QDialogButtonBox* box, const char* object_name, const QString& label,
+                        QDialogButtonBox::ButtonRole role, const char* tip) {
+  QPushButton* button = box->addButton(label, role);
+  button->setObjectName(object_name);
+  button->setToolTip(tip);
+  return button;
+}
+
+QPushButton* make_button(const char* object_name, const QString& label, const char* tip) {
+  auto* button = new QPushButton(label);
+  button->setObjectName(object_name);
+  button->setToolTip(tip);
+  button->setAutoDefault(false);
+  return button;
+}
+
+std::vector<std::pair<QString, int>> named_rows(const char* (*name)(std::int32_t), int last) {
+  std::vector<std::pair<QString, int>> rows;
+  for (int row = 1; row <= last; ++row) rows.emplace_back(name(row), row);
+  return rows;
+}
+
+QProgressBar* make_bar(const char* object_name, int range) {
+  auto* bar = new QProgressBar;
+  bar->setObjectName(object_name);
+  bar->setRange(0, range);
+  bar->setValue(0);
+  return bar;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,372 @@
+#include <QButtonGroup>
+#include <QCheckBox>
+#include <QHBoxLayout>
+#include <QRadioButton>
+#include <QSlider>
+#include <QVBoxLayout>
+#include <cmath>
+#include <memory>
+
+#include "detection/detection_run.h"
+#include "detection/sample_test.h"
+#include "recording/channel_masks.h"
+#include "signal/noise.h"
+#include "workstation/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+struct detection_window {
+  workstation& w;
+  operation_dialog* dialog;
+  settings_form form;
+  QLabel *noise = nullptr, *n_masked = nullptr, *message = nullptr;
+  QLabel *elapsed = nullptr, *n_found = nullptr;
+  QSlider* channel = nullptr;
+  QCheckBox* mask = nullptr;
+  bool masks_changed = false;
+
+  detection_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
+};
+using shared_detection = std::shared_ptr<detection_window>;
+
+double ms_per_sample(const detection_window& d) {
+  return 1000.0 / std::max(d.w.session.recording.sampling_frequency, 1);
+}
+
+// Radio buttons over an integer, in one row: name, label, what it stands for, tool-tip.
+QLayout* radio_row(
+    detection_window& d, std::int32_t& value,
+    std::initializer_list<std::tuple<const char*, const char*, int, const char*>> buttons) {
+  auto* row = new QHBoxLayout;
+  auto* group = new QButtonGroup(d.dialog);  // apart from other rows of the same box
+  for (const auto& [name, label, stands_for, tip] : buttons) {
+    auto* button = new QRadioButton(label);
+    group->addButton(button);
+    button->setObjectName(name);
+    button->setToolTip(tip);
+    row->addWidget(button);
+    const int own = stands_for;
+    d.form.bindings.push_back({[button, &value, own] { button->setChecked(value == own); },
+                               [button, &value, own] {
+                                 if (button->isChecked()) value = own;
+                               },
+                               nullptr});
+  }
+  row->addStretch();
+  return row;
+}
+
+// Two radio buttons over a logical.
+QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, const char* yes_label,
+                  const char* yes_tip, const char* no_name, const char* no_label,
+                  const char* no_tip) {
+  auto* row = new QHBoxLayout;
+  auto* yes = new QRadioButton(yes_label);
+  auto* no = new QRadioButton(no_label);
+  yes->setObjectName(yes_name);
+  yes->setToolTip(yes_tip);
+  no->setObjectName(no_name);
+  no->setToolTip(no_tip);
+  auto* group = new QButtonGroup(d.dialog);
+  group->addButton(yes);
+  group->addButton(no);
+  row->addWidget(yes);
+  row->addWidget(no);
+  row->addStretch();
+  d.form.bindings.push_back({[yes, no, &flag] {
+                               yes->setChecked(flag);
+                               no->setChecked(!flag);
+                             },
+                             [yes, &flag] { flag = yes->isChecked(); }, nullptr});
+  return row;
+}
+
+// The noise of the channel under the slider, and whether it is masked.
+void show_channel(detection_window& d) {
+  const recording_store& r = d.w.session.recording;
+  const int c = d.channel->value();
+  d.noise->setText(QString("Channel %1: noise %2 µV")
+                       .arg(c)
+                       .arg(static_cast<double>(r.chan_noise[c] * r.vscale_HP), 0, 'f', 2));
+  const QSignalBlocker quiet(d.mask);
+  d.mask->setChecked(r.chan_mask[c]);
+  int masked = 0;
+  for (int i = 1; i <= r.n_channels; ++i) masked += r.chan_mask[i] ? 1 : 0;
+  d.n_masked->setText(QString("%1 of %2 channels are masked").arg(masked).arg(r.n_channels));
+}
+
+void measure_noise(const shared_detection& d) {
+  d->message->setText("Measuring the noise ...");
+  d->dialog->run([](session_state& session) { compute_noise(session); },
+                 [d] {
+                   d->message->clear();
+                   show_channel(*d);
+                 },
+                 worker_priority::normal);
+}
+
+QGroupBox* noise_section(const shared_detection& d) {
+  detection_settings& s = d->w.session.detection;
+  auto* rows = new QFormLayout;
+  rows->addRow("Measure", radio_row(*d, s.noise_method,
+                                    {{"noise_sd", "s.d.", 1, "Standard deviation of the samples"},
+                                     {"noise_median", "median", 2,
+                                      "Median of the absolute voltage over 0.6745; spikes "
+                                      "weigh less"}}));
+  rows->addRow("Noise", flag_row(*d, s.noise_static, "noise_static", "Static",
+                                 "One value for the whole recording", "noise_dynamic", "Dynamic",
+                                 "Measured anew in each window of time"));
+  add_number(
+      rows, d->form, "window", "noise_window_secs",
+      {.step = 10, .unit = "secs", .tip = "Window of the dynamic noise, a multiple of 10 s"});
+  d->noise = new QLabel;
+  d->noise->setObjectName("channel_noise");
+  rows->addRow(d->noise);
+  return titled_box("Noise", rows);
+}
+
+QGroupBox* threshold_section(const shared_detection& d) {
+  detection_settings& s = d->w.session.detection;
+  auto* rows = new QFormLayout;
+  rows->addRow(
+      radio_row(*d, s.threshold_mode,
+                {{"threshold_automatic", "Automatic", 1,
+                  "Where the histogram of voltages leaves the bell curve of the noise"},
+                 {"threshold_fixed", "Fixed", -1, "The same voltage on all channels"},
+                 {"threshold_variable", "Variable", 0, "A multiple of each channel's noise"}}));
+  add_number(rows, d->form, "Fixed", "fixed_threshold_uv",
+             {.step = 5,
+              .unit = "µV",
+              .tip = "Fixed threshold, µV; a negative one looks for troughs alone in the "
+                     "unipolar method"});
+  add_number(rows, d->form, "Variable", "variable_multiplier",
+             {.step = 0.1, .unit = "× noise", .tip = "Variable threshold, multiple of the noise"});
+  return titled_box("Threshold", rows);
+}
+
+QGroupBox* mask_section(const shared_detection& d) {
+  session_state& session = d->w.session;
+  auto* rows = new QFormLayout;
+  d->channel = new QSlider(Qt::Horizontal);
+  d->channel->setObjectName("channel");
+  d->channel->setRange(1, std::max(session.recording.n_channels, 1));
+  d->channel->setToolTip("The channel that is shown");
+  d->mask = new QCheckBox("Mask");
+  d->mask->setObjectName("mask_channel");
+  d->mask->setToolTip("The channel takes no part in detection, clustering and templates");
+  auto* one = new QHBoxLayout;
+  one->addWidget(d->channel, 1);
+  one->addWidget(d->mask);
+  rows->addRow("Channel", one);
+  QPushButton* quiet = make_button("mask_quiet", "Mask", "Mask every channel that is quieter");
+  number_field* below = number_control(
+      d->form, "mask_noise_below_uv",
+      {.step = 0.5, .unit = "µV", .tip = "Channels with less noise are likely not connected, µV"});
+  auto* quiet_row = new QHBoxLayout;
+  quiet_row->addWidget(quiet);
+  quiet_row->addWidget(new QLabel("if noise <"));
+  quiet_row->addWidget(below->row(), 1);
+  rows->addRow(quiet_row);
+  QPushButton* all = make_button("mask_all", "Mask all", "Mask every channel");
+  QPushButton* none = make_button("unmask_all", "Unmask all", "Let every channel take part");
+  auto* both = new QHBoxLayout;
+  both->addWidget(all);
+  both->addWidget(none);
+  both->addStretch();
+  rows->addRow(both);
+  d->n_masked = new QLabel;
+  d->n_masked->setObjectName("n_masked");
+  rows->addRow(d->n_masked);
+
+  const auto changed = [d] {
+    d->masks_changed = true;
+    show_channel(*d);
+  };
+  QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { show_channel(*d); });
+  QObject::connect(d->mask, &QCheckBox::toggled, d->dialog, [d, changed](bool on) {
+    d->w.session.recording.chan_mask[d->channel->value()] = on;
+    changed();
+  });
+  QObject::connect(quiet, &QPushButton::clicked, d->dialog, [d, changed, below] {
+    if (!below->hasAcceptableInput()) return;
+    d->w.session.detection.mask_noise_below_uv = static_cast<float>(below->value());
+    mask_quiet_channels(d->w.session);
+    changed();
+  });
+  const auto set_all = [d, changed](bool masked) {
+    mask_all_channels(d->w.session, masked);
+    changed();
+  };
+  QObject::connect(all, &QPushButton::clicked, d->dialog, [set_all] { set_all(true); });
+  QObject::connect(none, &QPushButton::clicked, d->dialog, [set_all] { set_all(false); });
+  return titled_box("Channel masks", rows);
+}
+
+QGroupBox* method_section(const shared_detection& d) {
+  const double ms = ms_per_sample(*d);
+  auto* rows = new QFormLayout;
+  QComboBox* method =
+      choice_control(d->form, "detection_method", named_rows(detection_method_name, 5),
+                     "What makes a sample a candidate for a spike");
+  rows->addRow("Method", method);
+  number_field* width = add_number(rows, d->form, "Window width", "window_samples",
+                                   {.step = ms,
+                                    .decimals = 4,
+                                    .unit = "ms",
+                                    .tip = "How far around a sample the last three methods look, "
+                                           "ms; kept in whole samples",
+                                    .shown_per_stored = ms});
+  rows->addRow("Align to",
+               choice_control(d->form, "align_feature", named_rows(align_feature_name, 9),
+                              "Point of the spike that is its time"));
+  rows->addRow(logical_control(d->form, "delete_large_events", "delete events with p-p > ",
+                               "Take out artefacts that are larger than any spike"));
+  add_number(rows, d->form, "", "max_event_pp_uv",
+             {.step = 50, .unit = "µV", .tip = "Largest peak-to-peak voltage of a spike, µV"});
+  const auto live = [method, width] {
+    width->setEnabled(method->currentData().toInt() >= method_multiphasic);
+  };
+  QObject::connect(method, &QComboBox::currentIndexChanged, d->dialog, live);
+  return titled_box("Detection", rows);
+}
+
+QGroupBox* detector_section(const shared_detection& d) {
+  session_state& session = d->w.session;
+  const double ms = ms_per_sample(*d);
+  auto* rows = new QFormLayout;
+  // After a failed try there is no room for proto-events.
+  if (session.detector.pe_alloc_failed) session.detection.use_lockout = true;
+  auto* choice = new QWidget;
+  choice->setLayout(
+      flag_row(*d, session.detection.use_lockout, "use_lockout", "Spatio-temporal lockout",
+               "The first trigger locks its neighbourhood out for a time", "use_proto_events",
+               "Proto-event clustering", "Triggers climb their own density in space and time"));
+  choice->setDisabled(session.detector.pe_alloc_failed);
+  rows->addRow(choice);
+  add_number(rows, d->form, "distance", "lockout_radius_um",
+             {.step = 10, .unit = "µm", .tip = "Radius of the lockout, µm"});
+  add_number(rows, d->form, "time", "lockout_ms",
+             {.step = ms, .unit = "ms", .tip = "Duration of the lockout, ms"});
+  add_number(rows, d->form, "sigma", "pe_sigma_um",
+             {.step = 5, .unit = "µm", .tip = "Spatial sigma of proto-event clustering, µm"});
+  add_number(rows, d->form, "sigma", "pe_sigma_ms",
+             {.step = ms, .unit = "ms", .tip = "Temporal sigma of proto-event clustering, ms"});
+  return titled_box("Detector", rows);
+}
+
+QGroupBox* result_section(const shared_detection& d, QProgressBar* bar) {
+  auto* rows = new QFormLayout;
+  rows->addRow("Progress", bar);
+  d->elapsed = add_value(rows, "elapsed_time", "Time, s");
+  d->n_found =
+      add_value(rows, "events_found", "# found", QString::number(d->w.session.events.n_events));
+  return titled_box("Run", rows);
+}
+
+void start_detection(const shared_detection& d) {
+  if (!d->form.store()) return;
+  d->w.session.operation.detection_interrupted = false;
+  d->message->setText("Detecting events ...");
+  d->dialog->run([](session_state& session) { run_detection(session); },
+                 [d] {
+                   d->message->clear();
+                   d->form.load();
+                   show_channel(*d);
+                 });
+}
+
+// "Done": what the run left is looked at, and changed masks are offered to be kept.
+void leave_detection(const shared_detection& d) {
+  if (!d->form.store()) return;
+  const bool masks_changed = d->masks_changed;
+  d->dialog->run(
+      [masks_changed](session_state& session) {
+        check_detected_events(session);
+        if (masks_changed) write_mask_file(session);
+      },
+      [d] { d->dialog->accept(); });
+}
+
+void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProgressBar* bar) {
+  operation_dialog* dialog = d->dialog;
+  QPushButton* start = add_button(buttons, "start", "Start", QDialogButtonBox::ActionRole,
+                                  "Look for spikes; replaces all events and clusters");
+  QPushButton* stop = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
+                                 "Stop looking; what has been found is clustered into events");
+  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  stop->setEnabled(false);
+  dialog->disabled_while_running << start << done;
+  const QList<QGroupBox*> sections = dialog->findChildren<QGroupBox*>();
+  for (QGroupBox* section : sections) dialog->disabled_while_running << section;
+  dialog->enabled_while_running << stop;
+  QObject::connect(start, &QPushButton::clicked, dialog, [d] { start_detection(d); });
+  QObject::connect(stop, &QPushButton::clicked, dialog, [d, stop] {
+    d->w.session.operation.detection_interrupted = true;
+    stop->setEnabled(false);
+    d->message->setText("Interrupting: finishing the current step ...");
+  });
+  QObject::connect(done, &QPushButton::clicked, dialog, [d] { leave_detection(d); });
+  QObject::connect(d->w.desk, &interface_desk::progressed, dialog,
+                   [bar](meter which, int value, int range) {
+                     if (which != meter::detection) return;
+                     bar->setRange(0, range);
+                     bar->setValue(value);
+                   });
+  QObject::connect(d->w.desk, &interface_desk::status_changed, dialog,
+                   [d](status_field field, const QString& text) {
+                     if (field == status_field::elapsed_time) d->elapsed->setText(text);
+                     if (field == status_field::events_found) d->n_found->setText(text);
+                   });
+}
+
+}  // namespace
+
+void event_detection_command(workstation& w) {
+  if (!needs_recording(w)) return;
+  auto* dialog = new operation_dialog(w, "event_detection_dialog", "Event detection");
+  const auto d = std::make_shared<detection_window>(w, dialog);
+  QProgressBar* bar = make_bar("progress", 1000);
+  auto* left = new QVBoxLayout;
+  left->addWidget(noise_section(d));
+  left->addWidget(threshold_section(d));
+  left->addWidget(mask_section(d));
+  left->addStretch();
+  auto* right = new QVBoxLayout;
+  right->addWidget(method_section(d));
+  right->addWidget(detector_section(d));
+  right->addWidget(result_section(d, bar));
+  right->addStretch();
+  auto* columns = new QHBoxLayout;
+  columns->addLayout(left);
+  columns->addLayout(right);
+  d->message = new QLabel;
+  d->message->setObjectName("message");
+  auto* buttons = new QDialogButtonBox;
+  auto* layout = new QVBoxLayout(dialog);
+  layout->addLayout(columns);
+  layout->addWidget(d->message);
+  layout->addWidget(buttons);
+  connect_buttons(d, buttons, bar);
+  // A change of the method measures anew, with the method just chosen.
+  const QList<QRadioButton*> methods = {dialog->findChild<QRadioButton*>("noise_sd"),
+                                        dialog->findChild<QRadioButton*>("noise_median")};
+  d->form.load();
+  for (QRadioButton* method : methods) {
+    QObject::connect(method, &QRadioButton::clicked, dialog, [d, method] {
+      d->w.session.detection.noise_method = method->objectName() == "noise_sd" ? 1 : 2;
+      measure_noise(d);
+    });
+  }
+  emit dialog->findChild<QComboBox*>("detection_method")
+      ->currentIndexChanged(dialog->findChild<QComboBox*>("detection_method")->currentIndex());
+  open_dialog(w, dialog);
+  measure_noise(d);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,129 @@
+#include <QCheckBox>
+#include <QHBoxLayout>
+#include <QVBoxLayout>
+#include <memory>
+
+#include "results/exports.h"
+#include "sorting/duplicates.h"
+#include "workstation/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+struct export_window {
+  workstation& w;
+  operation_dialog* dialog;
+  settings_form form;
+  QComboBox* format = nullptr;
+  QCheckBox* comments = nullptr;
+  QLabel *n_duplicates = nullptr, *exported = nullptr;
+  QProgressBar* bar = nullptr;
+
+  export_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
+};
+using shared_export = std::shared_ptr<export_window>;
+
+QLayout* source_rows(export_window& x) {
+  const session_state& session = x.w.session;
+  auto* rows = new QFormLayout;
+  QLabel* source = add_value(
+      rows, "source_file", "Source file name:", QString::fromStdString(source_file_path(session)));
+  source->setWordWrap(true);
+  add_value(rows, "n_clusters", "# of clusters", QString::number(session.clusters.n_clusters));
+  x.n_duplicates = add_value(rows, "n_duplicates", "# of duplicates", "...",
+                             "Events of one cluster that are the same spike found twice");
+  return rows;
+}
+
+QLayout* choice_rows(export_window& x) {
+  auto* rows = new QFormLayout;
+  x.format = new QComboBox;
+  x.format->setObjectName("data_format");
+  x.format->setToolTip("The form in which the other tool reads sorted spikes");
+  for (const export_format& format : export_formats()) x.format->addItem(format.label);
+  rows->addRow("Data format", x.format);
+  rows->addRow(logical_control(x.form, "export_remove_duplicates",
+                               "Remove duplicates within clusters before export",
+                               "Duplicates leave the session, too"));
+  rows->addRow(logical_control(x.form, "export_save_work_file", "Save work file after export",
+                               "A work file beside the export, with its name"));
+  x.comments = new QCheckBox("Save comments in .txt file");
+  x.comments->setObjectName("save_comments");
+  x.comments->setToolTip("The comments on units, as a text file beside the export");
+  rows->addRow(x.comments);
+  return rows;
+}
+
+void show_duplicates(const shared_export& x) {
+  auto count = std::make_shared<std::int32_t>(0);
+  x->dialog->run(
+      [count](session_state& session) { *count = remove_duplicate_events(session, false); },
+      [x, count] { x->n_duplicates->setText(QString("%1").arg(*count, 6)); });
+}
+
+void save_as(const shared_export& x) {
+  x->form.store();
+  const export_format& format =
+      export_formats()[static_cast<std::size_t>(x->format->currentIndex())];
+  const bool comments = x->comments->isChecked();
+  x->bar->setValue(0);
+  x->dialog->run(
+      [&format, comments](session_state& session) {
+        export_sorted_spikes_dialog(session, format, comments);
+      },
+      [x] { show_duplicates(x); });
+}
+
+void connect_reports(const shared_export& x) {
+  QObject::connect(x->w.desk, &interface_desk::progressed, x->dialog,
+                   [x](meter which, int value, int range) {
+                     if (which != meter::saving) return;
+                     x->bar->setRange(0, range);
+                     x->bar->setValue(value);
+                   });
+  QObject::connect(x->w.desk, &interface_desk::status_changed, x->dialog,
+                   [x](status_field field, const QString& text) {
+                     if (field == status_field::file_name) x->exported->setText(text);
+                   });
+}
+
+}  // namespace
+
+void export_command(workstation& w) {
+  if (!needs_recording(w)) return;
+  warn_of_incomplete_detection(w.session);
+  auto* dialog = new operation_dialog(w, "export_dialog", "Export spike files");
+  const auto x = std::make_shared<export_window>(w, dialog);
+  auto* layout = new QVBoxLayout(dialog);
+  layout->addLayout(source_rows(*x));
+  layout->addLayout(choice_rows(*x));
+  auto* after = new QFormLayout;
+  x->exported = add_value(after, "exported_file", "Exported file name:");
+  x->exported->setWordWrap(true);
+  layout->addLayout(after);
+  x->bar = make_bar("progress", 100);
+  layout->addWidget(x->bar);
+  auto* buttons = new QDialogButtonBox;
+  QPushButton* save = add_button(buttons, "save_as", "Save As", QDialogButtonBox::ActionRole,
+                                 "Choose a file and write it");
+  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  layout->addWidget(buttons);
+  dialog->setMinimumWidth(460);
+  dialog->disabled_while_running << save << done << x->format;
+  QObject::connect(save, &QPushButton::clicked, dialog, [x] { save_as(x); });
+  QObject::connect(done, &QPushButton::clicked, dialog, [x] {
+    x->form.store();
+    x->dialog->accept();
+  });
+  connect_reports(x);
+  x->form.load();
+  open_dialog(w, dialog);
+  show_duplicates(x);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,87 @@
+#include "workstation/frame.h"
+
+#include <QAction>
+#include <QCloseEvent>
+#include <QDragEnterEvent>
+#include <QMdiArea>
+#include <QMenuBar>
+#include <QMimeData>
+#include <QSettings>
+#include <QStatusBar>
+#include <QToolBar>
+
+#include "workstation/commands.h"
+#include "workstation/themes.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// The local file of a drag; empty unless it is exactly one.
+QString dragged_file(const QMimeData* data) {
+  const QList<QUrl> urls = data->urls();
+  return urls.size() == 1 && urls.first().isLocalFile() ? urls.first().toLocalFile() : QString();
+}
+
+}  // namespace
+
+main_frame::main_frame(workstation& of) : w_(of), area_(new QMdiArea(this)) {
+  setObjectName("frame");
+  setWindowTitle("Kestrelvane");
+  setWindowIcon(program_icon());
+  area_->setObjectName("graph_area");
+  area_->setHorizontalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+  area_->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+  setCentralWidget(area_);
+  area_->viewport()->installEventFilter(this);
+  setAcceptDrops(true);
+  statusBar();
+}
+
+void main_frame::set_busy(bool busy) {
+  const QList<QAction*> actions = findChildren<QAction*>();
+  for (QAction* action : actions) {
+    if (action->property("waits").toBool()) action->setEnabled(!busy);
+  }
+  setAcceptDrops(!busy);
+}
+
+void main_frame::restore_layout() {
+  const QSettings store;
+  if (!restoreGeometry(store.value("frame/geometry").toByteArray())) resize(1180, 800);
+  restoreState(store.value("frame/state").toByteArray());
+}
+
+void main_frame::save_layout() const {
+  QSettings store;
+  store.setValue("frame/geometry", saveGeometry());
+  store.setValue("frame/state", saveState());
+}
+
+void main_frame::closeEvent(QCloseEvent* event) {
+  if (request_exit(w_)) {
+    event->accept();
+  } else {
+    event->ignore();
+  }
+}
+
+void main_frame::dragEnterEvent(QDragEnterEvent* event) {
+  if (!dragged_file(event->mimeData()).isEmpty()) event->acceptProposedAction();
+}
+
+void main_frame::dropEvent(QDropEvent* event) {
+  const QString path = dragged_file(event->mimeData());
+  if (path.isEmpty()) return;
+  event->acceptProposedAction();
+  open_recording_path(w_, path);
+}
+
+bool main_frame::eventFilter(QObject* watched, QEvent* event) {
+  // The run log keeps to the lower edge of the area.
+  if (watched == area_->viewport() && event->type() == QEvent::Resize) place_run_log(w_);
+  return QMainWindow::eventFilter(watched, event);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,36 @@
+// The frame: main window, area of the graph windows, drop target, status bar.
+#pragma once
+
+#include <QMainWindow>
+
+class QMdiArea;
+
+namespace kestrelvane {
+
+struct workstation;
+
+class main_frame : public QMainWindow {
+  Q_OBJECT
+
+ public:
+  explicit main_frame(workstation& of);
+
+  QMdiArea* area() const { return area_; }
+  // While an operation runs, menus and tool bar wait.
+  void set_busy(bool busy);
+  // Size and place of the last run, kept in the platform's settings store.
+  void restore_layout();
+  void save_layout() const;
+
+ protected:
+  void closeEvent(QCloseEvent* event) override;
+  void dragEnterEvent(QDragEnterEvent* event) override;
+  void dropEvent(QDropEvent* event) override;
+  bool eventFilter(QObject* watched, QEvent* event) override;
+
+ private:
+  workstation& w_;
+  QMdiArea* area_;
+};
+
+}  // namespace kestrelvane

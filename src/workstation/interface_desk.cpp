@@ -1,0 +1,255 @@
+#include "workstation/interface_desk.h"
+
+#include <QApplication>
+#include <QMessageBox>
+#include <QStringList>
+#include <QThread>
+#include <array>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "workstation/file_choice.h"
+#include "workstation/frame.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::size_t n_meters = std::size_t{static_cast<int>(meter::filtering)} + 1;
+constexpr std::size_t n_fields = std::size_t{static_cast<int>(status_field::file_name)} + 1;
+
+// Notices for the interface thread. Bars and fields keep only their latest value, so that
+// a fast worker never fills the event queue.
+struct notice_list {
+  std::array<std::optional<std::pair<int, int>>, n_meters> meters;
+  std::array<std::optional<QString>, n_fields> fields;
+  QStringList log_lines, run_log_lines;
+};
+
+// Where a worker at a pause point waits.
+struct pause_bench {
+  std::mutex mutex;
+  std::condition_variable released;
+  bool waiting = false;
+};
+
+}  // namespace
+
+struct desk_state {
+  std::mutex mutex;  // of notices
+  notice_list notices;
+  bool flush_posted = false;
+  pause_bench bench;
+};
+
+namespace {
+
+interface_desk* desk_of(void* context) { return static_cast<workstation*>(context)->desk; }
+workstation& shell_of(void* context) { return *static_cast<workstation*>(context); }
+
+bool on_interface_thread() { return QThread::currentThread() == qApp->thread(); }
+
+void flush(interface_desk* desk) {
+  notice_list taken;
+  {
+    const std::lock_guard lock(desk->state->mutex);
+    std::swap(taken, desk->state->notices);
+    desk->state->flush_posted = false;
+  }
+  for (const QString& line : std::as_const(taken.run_log_lines)) {
+    emit desk->run_log_line_added(line);
+  }
+  for (const QString& line : std::as_const(taken.log_lines)) emit desk->log_line_added(line);
+  for (std::size_t i = 0; i < n_fields; ++i) {
+    if (taken.fields[i]) {
+      emit desk->status_changed(static_cast<status_field>(i), *taken.fields[i]);
+    }
+  }
+  for (std::size_t i = 0; i < n_meters; ++i) {
+    if (taken.meters[i]) {
+      emit desk->progressed(static_cast<meter>(i), taken.meters[i]->first, taken.meters[i]->second);
+    }
+  }
+}
+
+template <typename Put>
+void notify(void* context, Put put) {
+  interface_desk* desk = desk_of(context);
+  const std::lock_guard lock(desk->state->mutex);
+  put(desk->state->notices);
+  if (std::exchange(desk->state->flush_posted, true)) return;
+  QMetaObject::invokeMethod(
+      desk, [desk] { flush(desk); }, Qt::QueuedConnection);
+}
+
+template <typename Routine>
+void post(void* context, Routine routine) {
+  QMetaObject::invokeMethod(desk_of(context), std::move(routine), Qt::QueuedConnection);
+}
+
+// Runs a routine that opens a window and calls its argument when the user has answered;
+// the calling worker waits for that.
+template <typename Answer>
+Answer wait_for_answer(void* context,
+                       std::function<void(std::function<void(Answer)>)> open_window) {
+  std::mutex mutex;
+  std::condition_variable answered;
+  std::optional<Answer> answer;
+  post(context, [&] {
+    open_window([&](Answer given) {
+      const std::lock_guard lock(mutex);
+      answer = std::move(given);
+      answered.notify_one();
+    });
+  });
+  std::unique_lock lock(mutex);
+  answered.wait(lock, [&] { return answer.has_value(); });
+  return *answer;
+}
+
+QWidget* parent_for_box(workstation& w) {
+  if (QWidget* modal = QApplication::activeModalWidget()) return modal;
+  return w.frame;
+}
+
+QMessageBox* make_box(workstation& w, const QString& text, const QString& title, box_icon icon) {
+  static constexpr QMessageBox::Icon icons[] = {QMessageBox::Information, QMessageBox::Warning,
+                                                QMessageBox::Critical, QMessageBox::Question};
+  auto* box = new QMessageBox(icons[static_cast<int>(icon)], title, text, QMessageBox::Ok,
+                              parent_for_box(w));
+  box->setObjectName(icon == box_icon::question ? "question_box" : "message_box");
+  box->setTextFormat(Qt::PlainText);
+  box->setAttribute(Qt::WA_DeleteOnClose);
+  // Shown as they stand also where the platform would leave a box without its title.
+  box->setProperty("title", title);
+  return box;
+}
+
+QMessageBox* make_question(workstation& w, const QString& text, const QString& title) {
+  QMessageBox* box = make_box(w, text, title, box_icon::question);
+  box->setStandardButtons(QMessageBox::Yes | QMessageBox::No);
+  box->setDefaultButton(QMessageBox::No);
+  box->setEscapeButton(QMessageBox::No);
+  return box;
+}
+
+void tell_here(void* context, const std::string& text, const std::string& title, box_icon icon) {
+  workstation& w = shell_of(context);
+  const QString shown = QString::fromStdString(text), heading = QString::fromStdString(title);
+  if (on_interface_thread()) {
+    show_message(w, shown, heading, icon);
+    return;
+  }
+  wait_for_answer<bool>(context, [&](std::function<void(bool)> reply) {
+    QMessageBox* box = make_box(w, shown, heading, icon);
+    QObject::connect(box, &QDialog::finished, box, [reply] { reply(true); });
+    box->open();
+  });
+}
+
+bool ask_here(void* context, const std::string& text, const std::string& title) {
+  workstation& w = shell_of(context);
+  const QString shown = QString::fromStdString(text), heading = QString::fromStdString(title);
+  if (on_interface_thread()) {
+    QPointer<QMessageBox> box = make_question(w, shown, heading);
+    return box->exec() == QMessageBox::Yes;
+  }
+  return wait_for_answer<bool>(
+      context, [&](std::function<void(bool)> reply) { ask_then(w, shown, heading, reply); });
+}
+
+bool choose_here(void* context, const std::string& title, const std::string& filter,
+                 std::string& path, bool saving) {
+  workstation& w = shell_of(context);
+  const file_choice wanted{QString::fromStdString(title),
+                           {QString::fromStdString(filter)},
+                           QString::fromStdString(path),
+                           saving};
+  const QString chosen = wait_for_answer<QString>(context, [&](std::function<void(QString)> reply) {
+    choose_file(w, wanted, [reply](const QString& answer, int) { reply(answer); });
+  });
+  if (chosen.isEmpty()) return false;
+  path = chosen.toStdString();
+  return true;
+}
+
+void wait_here(void* context) {
+  interface_desk* desk = desk_of(context);
+  pause_bench& bench = desk->state->bench;
+  std::unique_lock lock(bench.mutex);
+  bench.waiting = true;
+  post(context, [desk] { emit desk->paused(); });
+  bench.released.wait(lock, [&bench] { return !bench.waiting; });
+  post(context, [desk] { emit desk->resumed(); });
+}
+
+QString text_of(std::string_view text) {
+  return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+}  // namespace
+
+interface_desk::interface_desk(workstation& of)
+    : shell(of), state(std::make_unique<desk_state>()) {}
+interface_desk::~interface_desk() = default;
+
+void interface_desk::resume() {
+  pause_bench& bench = state->bench;
+  const std::lock_guard lock(bench.mutex);
+  bench.waiting = false;
+  bench.released.notify_all();
+}
+
+void attach_desk(workstation& w) {
+  user_interface& ui = w.session.ui;
+  ui = user_interface{};
+  ui.context = &w;
+  ui.tell = tell_here;
+  ui.ask = ask_here;
+  ui.choose_open = [](void* c, const std::string& title, const std::string& filter,
+                      std::string& path) { return choose_here(c, title, filter, path, false); };
+  ui.choose_save = [](void* c, const std::string& title, const std::string& filter,
+                      std::string& path) { return choose_here(c, title, filter, path, true); };
+  ui.progress = [](void* c, meter which, std::int32_t value, std::int32_t range) {
+    notify(c, [&](notice_list& t) {
+      t.meters[static_cast<std::size_t>(which)] = std::pair<int, int>(value, range);
+    });
+  };
+  ui.status = [](void* c, status_field field, const std::string& text) {
+    notify(c, [&](notice_list& t) {
+      t.fields[static_cast<std::size_t>(field)] = QString::fromStdString(text);
+    });
+  };
+  ui.log_line = [](void* c, std::string_view line) {
+    notify(c, [&](notice_list& t) { t.log_lines << text_of(line); });
+  };
+  ui.run_log_window = [](void* c, std::string_view line) {
+    notify(c, [&](notice_list& t) { t.run_log_lines << text_of(line); });
+  };
+  ui.title = [](void* c, const std::string& text) {
+    post(c, [c, title = QString::fromStdString(text)] { emit desk_of(c)->title_changed(title); });
+  };
+  ui.refresh = [](void* c) { post(c, [c] { emit desk_of(c)->refresh_requested(); }); };
+  ui.stage = [](void* c, const std::string& name) {
+    post(c, [c, stage = QString::fromStdString(name)] { emit desk_of(c)->stage_began(stage); });
+  };
+  ui.wait_for_resume = wait_here;
+}
+
+void show_message(workstation& w, const QString& text, const QString& title, box_icon icon) {
+  make_box(w, text, title, icon)->open();
+}
+
+void ask_then(workstation& w, const QString& text, const QString& title,
+              std::function<void(bool yes)> then) {
+  QMessageBox* box = make_question(w, text, title);
+  QObject::connect(box, &QDialog::finished, w.frame,
+                   [then = std::move(then)](int result) { then(result == QMessageBox::Yes); });
+  box->open();
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,46 @@
+// The desk: where the engine's notices and questions arrive in the interface thread.
+//
+// attach_desk fills the session's user_interface with routines that turn each call, from
+// any thread, into a signal or a box here. Notices are queued and never hold up the
+// worker; a box or a question holds it until the user has answered.
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <memory>
+
+#include "session/user_interface.h"
+
+namespace kestrelvane {
+
+struct workstation;
+struct desk_state;
+
+class interface_desk : public QObject {
+  Q_OBJECT
+
+ public:
+  explicit interface_desk(workstation& of);
+  ~interface_desk() override;
+
+  // Wakes a worker that waits at a pause point.
+  void resume();
+
+  workstation& shell;
+  std::unique_ptr<desk_state> state;  // notices on their way; interface_desk.cpp
+
+ signals:
+  void progressed(kestrelvane::meter which, int value, int range);
+  void status_changed(kestrelvane::status_field field, const QString& text);
+  void log_line_added(const QString& line);
+  void run_log_line_added(const QString& line);
+  void title_changed(const QString& text);
+  void refresh_requested();
+  void stage_began(const QString& name);
+  void paused();  // the worker waits at a pause point
+  void resumed();
+};
+
+void attach_desk(workstation& w);
+
+}  // namespace kestrelvane

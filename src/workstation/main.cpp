@@ -1,0 +1,66 @@
+// The workstation. One optional argument: the path of a recording.
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QStyle>
+#include <memory>
+
+#include "numerics/parallel.h"
+#include "session/version.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/themes.h"
+#include "workstation/workstation.h"
+
+namespace {
+
+// The current directory; where nothing can be written there (started from a desktop's
+// menu on some systems), the user's own place for data.
+QString home_of_state_files() {
+  const QString current = QDir::currentPath();
+  if (QFileInfo(current).isWritable()) return current;
+  const QString own = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+  QDir().mkpath(own);
+  return own;
+}
+
+QString recording_argument(const QApplication& application) {
+  QCommandLineParser parser;
+  parser.setApplicationDescription("Kestrelvane: spike sorting workstation");
+  parser.addHelpOption();
+  parser.addVersionOption();
+  parser.addPositionalArgument("recording", "a recording to open at start", "[recording]");
+  parser.process(application);
+  const QStringList arguments = parser.positionalArguments();
+  return arguments.isEmpty() ? QString() : arguments.first();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace kestrelvane;
+  flush_denormals();
+  QApplication application(argc, argv);
+  QApplication::setOrganizationName("Kestrelvane");
+  QApplication::setApplicationName("Kestrelvane");
+  QApplication::setApplicationVersion(program_version);
+  QApplication::setDesktopFileName("kestrelvane");
+  load_resources();
+  QApplication::setWindowIcon(program_icon());
+  application.setProperty("platform_style", QApplication::style()->name());
+  apply_theme();
+  const QString argument = recording_argument(application);
+
+  const auto session = std::make_unique<session_state>();
+  start_session(*session);
+  session->home_directory = home_of_state_files().toStdString();
+  workstation shell(*session);
+  start_workstation(shell, argument);
+  const int status = QApplication::exec();
+  join_worker(shell);
+  delete shell.frame;
+  delete shell.desk;
+  return status;
+}

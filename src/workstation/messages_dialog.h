@@ -1,0 +1,40 @@
+// The "Messages" dialog: the run log as it grows, and the bar of a reader.
+//
+// It opens by itself when an operation begins to read a recording, and by its menu entry.
+// OK is live when nothing runs. While it is open, new lines of the log go into its list.
+#pragma once
+
+#include "workstation/operation.h"
+
+class QLineEdit;
+class QListWidget;
+
+namespace kestrelvane {
+
+class messages_dialog : public operation_dialog {
+  Q_OBJECT
+
+ public:
+  explicit messages_dialog(workstation& of);
+  ~messages_dialog() override;
+
+  // Called when the worker begins or ends.
+  void set_reading(bool reading);
+
+ protected:
+  void reject() override;
+
+ private:
+  void add_line(const QString& line);
+
+  QListWidget* lines_;
+  QLineEdit* file_name_;
+  QProgressBar* bar_;
+  QPushButton* ok_;
+  bool reading_ = false;
+};
+
+// The dialog, shown; made if it is not there.
+messages_dialog* show_messages(workstation& w);
+
+}  // namespace kestrelvane

@@ -1,0 +1,141 @@
+#include "workstation/operation.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTimer>
+#include <QVBoxLayout>
+#include <memory>
+#include <utility>
+
+#ifdef __linux__
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
+#include "numerics/parallel.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/messages_dialog.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// A worker below normal gives way to the windows of this and other programs.
+void lower_priority() {
+#ifdef __linux__
+  const auto thread = static_cast<id_t>(syscall(SYS_gettid));
+  setpriority(PRIO_PROCESS, thread, 5);
+#endif
+}
+
+void finish_operation(workstation& w) {
+  w.worker.thread.join();
+  w.worker.running = false;
+  w.frame->set_busy(false);
+  if (w.messages) w.messages->set_reading(false);
+  const std::function<void()> finished = std::exchange(w.worker.finished, nullptr);
+  refresh_graphs(w);
+  if (finished) finished();
+}
+
+}  // namespace
+
+bool start_operation(workstation& w, session_routine routine, std::function<void()> finished,
+                     worker_priority priority) {
+  if (w.worker.running) return false;
+  w.worker.running = true;
+  w.worker.finished = std::move(finished);
+  w.frame->set_busy(true);
+  w.worker.thread = std::thread([&w, routine = std::move(routine), priority] {
+    flush_denormals();
+    if (priority == worker_priority::below_normal) lower_priority();
+    {
+      const session_hold hold(w.session);
+      w.session.multi_threaded_now = w.session.preferences.multi_threaded;
+      routine(w.session);
+    }
+    QMetaObject::invokeMethod(
+        w.desk, [&w] { finish_operation(w); }, Qt::QueuedConnection);
+  });
+  return true;
+}
+
+void join_worker(workstation& w) {
+  if (w.worker.thread.joinable()) w.worker.thread.join();
+}
+
+operation_dialog::operation_dialog(workstation& of, const char* object_name, const QString& title)
+    : QDialog(of.frame), w_(of) {
+  setObjectName(object_name);
+  setWindowTitle(title);
+  setAttribute(Qt::WA_DeleteOnClose);
+}
+
+void operation_dialog::run(session_routine routine, std::function<void()> finished,
+                           worker_priority priority) {
+  const bool started = start_operation(
+      w_, std::move(routine),
+      [this, finished = std::move(finished)] {
+        set_running(false);
+        if (finished) finished();
+      },
+      priority);
+  if (started) set_running(true);
+}
+
+void operation_dialog::set_running(bool running) {
+  runs_ = running;
+  for (QWidget* widget : std::as_const(disabled_while_running)) widget->setEnabled(!running);
+  for (QWidget* widget : std::as_const(enabled_while_running)) widget->setEnabled(running);
+  emit running_changed(running);
+}
+
+void operation_dialog::reject() {
+  if (!runs_) QDialog::reject();
+}
+
+void run_with_progress(workstation& w, const char* object_name, const QString& title,
+                       session_routine routine, std::function<void()> finished) {
+  auto* dialog = new operation_dialog(w, object_name, title);
+  auto* layout = new QVBoxLayout(dialog);
+  auto* message = new QLabel(title);
+  message->setObjectName("message");
+  message->setMinimumWidth(360);
+  auto* bar = new QProgressBar;
+  bar->setObjectName("progress");
+  bar->setRange(0, 0);
+  layout->addWidget(message);
+  layout->addWidget(bar);
+  QObject::connect(w.desk, &interface_desk::progressed, dialog, [bar](meter, int value, int range) {
+    bar->setRange(0, range);
+    bar->setValue(value);
+  });
+  QObject::connect(w.desk, &interface_desk::status_changed, dialog,
+                   [message](status_field field, const QString& text) {
+                     if (field == status_field::message) message->setText(text);
+                   });
+  auto* show_late = new QTimer(dialog);
+  show_late->setSingleShot(true);
+  QObject::connect(show_late, &QTimer::timeout, dialog, [dialog] { dialog->open(); });
+  show_late->start(300);
+  dialog->run(
+      std::move(routine),
+      [dialog, finished = std::move(finished)] {
+        dialog->hide();
+        dialog->deleteLater();
+        if (finished) finished();
+      },
+      worker_priority::normal);
+}
+
+void open_dialog(workstation&, QDialog* dialog) {
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->open();
+}
+
+}  // namespace kestrelvane

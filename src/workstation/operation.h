@@ -1,0 +1,76 @@
+// Running an operation: one worker thread, one operation at a time.
+//
+// The routine runs on the worker with the session gate held; then finished runs on the
+// interface thread. The engine's notices reach the windows through the desk. Both threads
+// meet in the flags of session/long_operation.h alone.
+#pragma once
+
+#include <QDialog>
+#include <functional>
+#include <thread>
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+
+namespace kestrelvane {
+
+struct session_state;
+struct workstation;
+
+struct operation_worker {
+  std::thread thread;
+  bool running = false;  // on the interface thread's clock: from start to finished
+  bool below_normal = false;
+  std::function<void()> finished;
+};
+
+using session_routine = std::function<void(session_state& session)>;
+
+enum class worker_priority { normal, below_normal };
+
+// Starts a routine. False, and nothing happens, while another one runs.
+bool start_operation(workstation& w, session_routine routine, std::function<void()> finished,
+                     worker_priority priority = worker_priority::normal);
+
+// Waits for the worker's thread; before the program ends.
+void join_worker(workstation& w);
+
+// A dialog that can run operations: it stays open while one runs.
+class operation_dialog : public QDialog {
+  Q_OBJECT
+
+ public:
+  operation_dialog(workstation& of, const char* object_name, const QString& title);
+
+  // Runs a routine; until it has finished the widgets of `disabled` are off, those of
+  // `enabled` on, and the other way round afterwards.
+  void run(session_routine routine, std::function<void()> finished,
+           worker_priority priority = worker_priority::below_normal);
+  bool running() const { return runs_; }
+
+  QList<QWidget*> disabled_while_running;
+  QList<QWidget*> enabled_while_running;
+
+ signals:
+  void running_changed(bool running);
+
+ protected:
+  void reject() override;  // not while an operation runs
+
+  workstation& w_;
+
+ private:
+  void set_running(bool running);
+  bool runs_ = false;
+};
+
+// Runs a routine behind a small window with the bar of whatever it reports; the window
+// appears only when the routine takes longer than a third of a second.
+void run_with_progress(workstation& w, const char* object_name, const QString& title,
+                       session_routine routine, std::function<void()> finished);
+
+// Shows a dialog, modal to the frame; it deletes itself when it is closed.
+void open_dialog(workstation& w, QDialog* dialog);
+
+}  // namespace kestrelvane

@@ -1,0 +1,94 @@
+// Controls bound to rows of the settings table.
+//
+// A settings_form belongs to one dialog and holds the controls that show settings. Each
+// control takes its range from the setting's row and its objectName from the setting's
+// name, so that tests and scripts find it. A number that is out of range or no number is
+// refused beside its field, in words, and the setting keeps its value.
+//
+//   settings_form form(w.session, dialog);
+//   layout->addRow("radius", real_control(form, "smooth_radius_um", {.step = 5, .unit = "µm",
+//                                                                    .tip = "..."}));
+//   form.load();           // settings -> controls
+//   form.store();          // controls -> settings; false while a field is refused
+#pragma once
+
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QLabel>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+class QCheckBox;
+class QRadioButton;
+
+namespace kestrelvane {
+
+struct session_state;
+struct setting_row;
+
+// A spin box that takes any text and says beside itself what is wrong with it. Its value
+// is always one in range: what was last accepted. `value_accepted` follows each change.
+class number_field : public QDoubleSpinBox {
+  Q_OBJECT
+
+ public:
+  explicit number_field(QWidget* parent = nullptr);
+
+  // The label that shows the words; made with the field, to be laid out beside it.
+  QLabel* problem() const { return problem_; }
+  bool refused() const { return !problem_->text().isEmpty(); }
+  // The field, its unit and the words in one row, as a layout takes it.
+  QWidget* row();
+
+ protected:
+  QValidator::State validate(QString& text, int& position) const override;
+  void fixup(QString& text) const override;
+  QString textFromValue(double value) const override;
+  double valueFromText(const QString& text) const override;
+
+ private:
+  void judge(const QString& text);
+  QLabel* problem_;
+  QWidget* row_ = nullptr;
+};
+
+struct number_options {
+  double step = 1;
+  int decimals = 0;
+  const char* unit = "";  // shown behind the number
+  const char* tip = "";
+  double low = 0, high = 0;     // both 0: the range of the setting's row
+  double shown_per_stored = 1;  // the control shows the setting times this
+};
+
+struct settings_form {
+  struct binding {
+    std::function<void()> load, store;
+    std::function<bool()> refused;
+  };
+  session_state& session;
+  QWidget* parent;
+  std::vector<binding> bindings;
+
+  settings_form(session_state& of, QWidget* parent_of) : session(of), parent(parent_of) {}
+  void load();
+  // Stores every control. False, with nothing stored, while a field is refused.
+  bool store();
+  bool refused() const;
+};
+
+number_field* number_control(settings_form& form, const char* setting,
+                             const number_options& options = {}, int element = 0);
+QCheckBox* logical_control(settings_form& form, const char* setting, const QString& label,
+                           const char* tip);
+// A list whose entries stand for the given values of an integer setting.
+QComboBox* choice_control(settings_form& form, const char* setting,
+                          const std::vector<std::pair<QString, int>>& entries, const char* tip);
+
+// A free number field of a dialog, not bound to a setting.
+number_field* free_number(QWidget* parent, const char* object_name, double low, double high,
+                          const number_options& options);
+
+}  // namespace kestrelvane

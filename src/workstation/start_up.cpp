@@ -1,0 +1,157 @@
+#include <fmt/format.h>
+
+#include <QApplication>
+#include <QMdiArea>
+#include <QMdiSubWindow>
+#include <QPlainTextEdit>
+#include <QSettings>
+#include <QStatusBar>
+#include <algorithm>
+
+#include "results/program_run.h"
+#include "session/run_log.h"
+#include "session/settings_files.h"
+#include "session/version.h"
+#include "workstation/commands.h"
+#include "workstation/frame.h"
+#include "workstation/graph_windows.h"
+#include "workstation/interface_desk.h"
+#include "workstation/menu_table.h"
+#include "workstation/messages_dialog.h"
+#include "workstation/themes.h"
+#include "workstation/voltage_window.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr int run_log_limit = 5000;  // lines that the run log window keeps
+
+void build_run_log_window(workstation& w) {
+  w.run_log = new QPlainTextEdit;
+  w.run_log->setObjectName("run_log");
+  w.run_log->setReadOnly(true);
+  w.run_log->setMaximumBlockCount(run_log_limit);
+  QFont font("Arial");
+  font.setStyleHint(QFont::SansSerif);
+  font.setPixelSize(14);
+  w.run_log->setFont(font);
+  QMdiSubWindow* window = w.frame->area()->addSubWindow(w.run_log);
+  window->setObjectName("run_log_window");
+  window->setWindowTitle("Kestrelvane run log");
+  window->setWindowIcon(program_icon());
+  // It is there for the whole run; closing hides it until the windows are arranged.
+  window->setAttribute(Qt::WA_DeleteOnClose, false);
+  QObject::connect(w.desk, &interface_desk::run_log_line_added, w.run_log,
+                   &QPlainTextEdit::appendPlainText);
+}
+
+void connect_frame(workstation& w) {
+  QObject::connect(w.desk, &interface_desk::title_changed, w.frame, &QWidget::setWindowTitle);
+  QObject::connect(w.desk, &interface_desk::refresh_requested, w.frame,
+                   [&w] { refresh_voltage_display(w); });
+  QObject::connect(w.desk, &interface_desk::status_changed, w.frame,
+                   [&w](status_field field, const QString& text) {
+                     if (field == status_field::message) w.frame->statusBar()->showMessage(text);
+                   });
+  QObject::connect(w.desk, &interface_desk::stage_began, w.frame, [&w](const QString& name) {
+    if (name == "reading" && w.worker.running) show_messages(w)->set_reading(true);
+  });
+}
+
+// Sizes and places of the graph windows for the preference file.
+void keep_window_layout(workstation& w) {
+  preferences_record& p = w.session.preferences;
+  if (graph_window* voltage = w.graphs[static_cast<int>(graph_kind::voltage_record)]) {
+    p.window_origin[10] = voltage->x();
+    p.window_origin[11] = voltage->y();
+    p.voltage_window_size[0] = voltage->surface()->width();
+    p.voltage_window_size[1] = voltage->surface()->height();
+  }
+  w.frame->save_layout();
+}
+
+void read_settings(workstation& w) {
+  const bool found = read_settings_files(w.session);
+  if (!found) compute_window_layout(w);
+  w.session.view.vd_keep_peaks = QSettings().value("keep_peaks", false).toBool();
+}
+
+void begin_idle_loop(workstation& w) {
+  if (w.autorecover_running || w.leaving) return;
+  w.autorecover_running = true;
+  start_autorecover(w.autorecover, w.session);
+}
+
+// The recovery timer starts once the recording of the start is in and its messages have
+// been closed.
+void after_start(workstation& w) {
+  rebuild_recent_menu(w);
+  if (w.messages) {
+    QObject::connect(w.messages, &QObject::destroyed, w.frame, [&w] { begin_idle_loop(w); });
+  } else {
+    begin_idle_loop(w);
+  }
+}
+
+void leave(workstation& w) {
+  w.leaving = true;
+  w.session.ui = user_interface{};
+  w.frame->close();
+}
+
+}  // namespace
+
+void place_run_log(workstation& w) {
+  auto* window = w.frame->area()->findChild<QMdiSubWindow*>("run_log_window");
+  if (window == nullptr || !window->isVisible()) return;
+  const QSize area = w.frame->area()->viewport()->size();
+  const int height = std::clamp(area.height() / 4, 90, 200);
+  window->setGeometry(0, area.height() - height, area.width(), height);
+}
+
+void start_workstation(workstation& w, const QString& argument) {
+  w.desk = new interface_desk(w);
+  w.frame = new main_frame(w);
+  attach_desk(w);
+  build_run_log_window(w);
+  connect_frame(w);
+  write_run_log_window(w.session,
+                       fmt::format("This is Kestrelvane version {}   working with {:3}  cpus",
+                                   program_version, w.session.n_cpus));
+  w.frame->restore_layout();
+  w.frame->show();
+  read_settings(w);
+  build_menus(w);
+  start_operation(
+      w, [path = argument.toStdString()](session_state& session) { open_at_start(session, path); },
+      [&w] { after_start(w); });
+}
+
+bool request_exit(workstation& w) {
+  if (w.leaving) return true;
+  if (w.worker.running) {
+    show_message(w, "An operation is running: interrupt it or wait until it has finished.",
+                 "Exit Kestrelvane");
+    return false;
+  }
+  keep_window_layout(w);
+  start_operation(
+      w,
+      [&w](session_state& session) {
+        if (w.autorecover_running) {
+          // A save under way needs the gate to come to its end.
+          const session_pause pause(session);
+          stop_autorecover(w.autorecover);
+        }
+        end_session(session);
+      },
+      [&w] {
+        close_graphs(w);
+        leave(w);
+      });
+  return false;
+}
+
+}  // namespace kestrelvane

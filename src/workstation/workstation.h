@@ -1,0 +1,78 @@
+// The workstation: the window shell over one session.
+//
+// One record holds what the windows share: the session, the frame, the desk where notices
+// of the engine arrive, the worker that runs operations, the timed recovery save. main
+// creates it; every command and dialog gets it as its first argument.
+//
+// The interface thread owns all widgets and never works on the session for long: reading,
+// filtering, sorting and writing run on the worker (operation.h), which holds the session
+// gate. While it runs, menus and controls that could disturb it are disabled, and windows
+// show the picture they had.
+#pragma once
+
+#include <QPointer>
+#include <QString>
+#include <functional>
+#include <memory>
+
+#include "results/recovery.h"
+#include "session/session_state.h"
+#include "workstation/operation.h"
+
+class QAction;
+class QPlainTextEdit;
+
+namespace kestrelvane {
+
+class graph_window;
+class interface_desk;
+class main_frame;
+class messages_dialog;
+struct voltage_state;
+
+// Graph windows that exist in this version; the row in the table of graph_windows.h.
+enum class graph_kind { voltage_record, count };
+
+struct workstation {
+  session_state& session;
+  interface_desk* desk = nullptr;
+  main_frame* frame = nullptr;
+  QPlainTextEdit* run_log = nullptr;  // the "Kestrelvane run log" window
+  QPointer<messages_dialog> messages;
+  QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];
+  std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
+  operation_worker worker;
+  autorecover_timer autorecover;
+  bool autorecover_running = false;
+  bool leaving = false;  // the exit path has begun
+
+  explicit workstation(session_state& of) : session(of) {}
+};
+
+// --- start-up and exit (start_up.cpp)
+// Builds desk, frame, run log window and menus, reads the settings files, and ends in
+// the event loop's first turn with the recording of the command line or the offer to
+// resume or recover. argument: "" for none.
+void start_workstation(workstation& w, const QString& argument);
+// The close request from any source: asks, saves, closes. False when an operation runs
+// that the user would rather keep.
+bool request_exit(workstation& w);
+
+// --- small services
+// A message box that does not wait.
+void show_message(workstation& w, const QString& text, const QString& title,
+                  box_icon icon = box_icon::information);
+// A Yes/No question that does not wait; then gets the answer.
+void ask_then(workstation& w, const QString& text, const QString& title,
+              std::function<void(bool yes)> then);
+// Redraws every graph window from the session, when no operation runs.
+void refresh_graphs(workstation& w);
+// The run log window along the lower edge of the frame's area.
+void place_run_log(workstation& w);
+// True when a recording is in memory; says "No recording data in memory" otherwise.
+bool needs_recording(workstation& w);
+// The directory of the last file dialog, kept from run to run.
+QString last_directory();
+void remember_directory(const QString& path_of_file);
+
+}  // namespace kestrelvane

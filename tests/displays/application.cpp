@@ -1,0 +1,26 @@
+// Pictures need fonts, and fonts an application; no screen.
+#include <gtest/gtest.h>
+
+#include <QGuiApplication>
+#include <memory>
+
+namespace {
+
+class application : public testing::Environment {
+ public:
+  void SetUp() override {
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qt_ = std::make_unique<QGuiApplication>(argc_, argv_);
+  }
+  void TearDown() override { qt_.reset(); }
+
+ private:
+  int argc_ = 1;
+  char name_[16] = "displays_tests";
+  char* argv_[2] = {name_, nullptr};
+  std::unique_ptr<QGuiApplication> qt_;
+};
+
+const auto* const environment = testing::AddGlobalTestEnvironment(new application);
+
+}  // namespace

@@ -1,0 +1,128 @@
+// The batch verb that draws, as a process: the window's picture in three kinds of file.
+#include <gtest/gtest.h>
+
+#include <QByteArray>
+#include <QImage>
+#include <QPainter>
+#include <QSvgRenderer>
+
+#include "displays/voltage_record.h"
+#include "recording/open_recording.h"
+#include "signal/display_scale.h"
+#include "support/child_process.h"
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct drawn_recording {
+  temporary_directory folder;
+  std::string recording = folder.file("small.tsf");
+
+  drawn_recording() {
+    run_process(KESTRELVANE_BATCH, {"make-test", recording, "--channels", "8", "--minutes", "0.1",
+                                    "--units", "3", "--quiet"});
+  }
+  process_result draw(const std::string& name, std::vector<std::string> more = {}) {
+    std::vector<std::string> arguments = {
+        "draw",    recording, "--quiet",   "--size", "640x400", "--from",         "1",
+        "--scale", "0.5",     "--spacing", "30",     "--out",   folder.file(name)};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run_process(KESTRELVANE_BATCH, arguments);
+  }
+};
+
+std::int32_t dark_pixels(const QImage& image) {
+  std::int32_t n = 0;
+  for (std::int32_t y = 0; y < image.height(); ++y) {
+    for (std::int32_t x = 0; x < image.width(); ++x) n += qGray(image.pixel(x, y)) < 128;
+  }
+  return n;
+}
+
+TEST(draw_verb, the_picture_is_that_of_the_window) {
+  drawn_recording files;
+  const process_result result = files.draw("a.png");
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(result.err, "");
+  const QImage written(QString::fromStdString(files.folder.file("a.png")));
+  ASSERT_EQ(written.size(), QSize(640, 400));
+
+  small_session session;
+  ASSERT_TRUE(open_recording(*session, files.recording));
+  session->display.vd_show_events = false;
+  session->display.vd_time_scale = 0.5f;
+  session->view.vd_width = 640;
+  session->view.vd_height = 400;
+  session->view.vd_first_sample = session->recording.sampling_frequency + 1;
+  set_channel_spacing(*session, 30);
+  autoscale_voltage_display(*session);
+  QImage drawn(640, 400, QImage::Format_RGB32);
+  QPainter painter(&drawn);
+  draw_voltage(*session, painter);
+  painter.end();
+  EXPECT_EQ(written.convertToFormat(QImage::Format_RGB32), drawn);
+}
+
+TEST(draw_verb, vector_pictures_show_the_same) {
+  drawn_recording files;
+  ASSERT_EQ(files.draw("a.png").status, 0);
+  ASSERT_EQ(files.draw("a.svg").status, 0);
+  ASSERT_EQ(files.draw("a.pdf").status, 0);
+  const QImage png(QString::fromStdString(files.folder.file("a.png")));
+  QSvgRenderer svg(QString::fromStdString(files.folder.file("a.svg")));
+  ASSERT_TRUE(svg.isValid());
+  EXPECT_EQ(svg.viewBox(), QRect(0, 0, 640, 400));
+  QImage rendered(640, 400, QImage::Format_RGB32);
+  rendered.fill(Qt::white);
+  QPainter painter(&rendered);
+  svg.render(&painter);
+  painter.end();
+  // Smoothed lines against pixels: the ink agrees, row by row.
+  const auto ink = [](const QImage& image, std::int32_t top) {
+    return dark_pixels(image.copy(17, top, 550, 30));
+  };
+  for (std::int32_t top = 35; top < 35 + 8 * 30; top += 30) {
+    EXPECT_NEAR(ink(rendered, top), ink(png, top), 0.25 * ink(png, top)) << top;
+  }
+  const std::vector<char> pdf = read_bytes(files.folder.file("a.pdf"));
+  ASSERT_GT(pdf.size(), 2000u);
+  const QByteArray text(pdf.data(), static_cast<qsizetype>(pdf.size()));
+  EXPECT_TRUE(text.startsWith("%PDF-"));
+  // 640 x 400 pixels of 1/96 inch.
+  EXPECT_TRUE(text.contains("/MediaBox [0 0 480.000000 300.000000]") ||
+              text.contains("/MediaBox [0 0 480 300]"))
+      << text.mid(text.indexOf("/MediaBox"), 50).toStdString();
+}
+
+TEST(draw_verb, choices_change_the_picture) {
+  drawn_recording files;
+  const auto picture = [&](std::vector<std::string> more) {
+    EXPECT_EQ(files.draw("b.png", std::move(more)).status, 0);
+    return QImage(QString::fromStdString(files.folder.file("b.png")));
+  };
+  const QImage plain = picture({});
+  EXPECT_NE(picture({"--view", "grey"}), plain);
+  EXPECT_NE(picture({"--grid"}), plain);
+  EXPECT_NE(picture({"--peaks"}), plain);
+  EXPECT_NE(picture({"--first-row", "3"}), plain);
+  EXPECT_GT(dark_pixels(picture({"--reverse"})), 640 * 400 * 3 / 4);
+  EXPECT_EQ(picture({"--events"}), plain);  // there are none
+
+  for (const std::vector<std::string>& wrong : {std::vector<std::string>{"--size", "640"},
+                                                {"--size", "0x10"},
+                                                {"--size", "99999x10"},
+                                                {"--view", "colour"},
+                                                {"--spacing", "501"},
+                                                {"--scale", "-1"}}) {
+    std::vector<std::string> arguments = {"draw", files.recording, "--out",
+                                          files.folder.file("c.png")};
+    arguments.insert(arguments.end(), wrong.begin(), wrong.end());
+    EXPECT_EQ(run_process(KESTRELVANE_BATCH, arguments).status, 2) << wrong[1];
+  }
+  EXPECT_EQ(files.draw("c.bmp").status, 2);
+  EXPECT_EQ(files.draw("no/such/folder.png").status, 1);
+}
+
+}  // namespace
+}  // namespace kestrelvane::test

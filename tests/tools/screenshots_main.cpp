@@ -1,0 +1,164 @@
+// Takes a picture of every window and dialog, as scripts/screenshots arranges it.
+//
+//   kestrelvane-screenshots RECORDING WORK_FILE FOLDER light|dark
+//
+// Runs on a real screen (a virtual one will do), opens the recording and the work file,
+// then each dialog in turn, and saves the screen as FOLDER/NAME.png. It also measures the
+// longest time for which the interface thread has not turned, and prints it.
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QScreen>
+#include <QSettings>
+#include <QTabWidget>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTimer>
+#include <algorithm>
+#include <cstdio>
+
+#include "numerics/parallel.h"
+#include "results/work_file.h"
+#include "support/small_session.h"
+#include "workstation/commands.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/messages_dialog.h"
+#include "workstation/themes.h"
+#include "workstation/voltage_window.h"
+
+namespace {
+
+using namespace kestrelvane;
+using test::driven_workstation;
+using test::wait_until;
+
+QString folder;
+
+void take(const QString& name) {
+  QElapsedTimer clock;
+  clock.start();
+  wait_until([&] { return clock.elapsed() > 400; });
+  const QPixmap picture = QApplication::primaryScreen()->grabWindow(0);
+  picture.save(folder + '/' + name + ".png");
+}
+
+// Opens a dialog by its menu entry, pictures it and its pages, and closes it.
+void take_dialog(driven_workstation& w, const char* entry, const char* name) {
+  w.choose_entry(entry);
+  QDialog* dialog = w.dialog(name);
+  if (dialog == nullptr) return;
+  wait_until([&] { return !w.shell.worker.running; });
+  take(name);
+  if (auto* pages = dialog->findChild<QTabWidget*>("pages")) {
+    for (int page = 1; page < pages->count(); ++page) {
+      pages->setCurrentIndex(page);
+      take(QString("%1_%2").arg(name).arg(page + 1));
+    }
+  }
+  dialog->close();
+  wait_until([&] { return w.shell.frame->findChild<QDialog*>(name) == nullptr; }, 2000);
+}
+
+// A sort with a pause, so that a running dialog can be seen.
+void take_running_sort(driven_workstation& w) {
+  w.choose_entry("autosort");
+  QDialog* dialog = w.dialog("autosort_dialog");
+  w.tick(dialog, "skip_event_detection", false);
+  w.tick(dialog, "skip_clustering", false);
+  w.press(dialog, "start");
+  QElapsedTimer clock;
+  clock.start();
+  wait_until([&] { return clock.elapsed() > 700; });
+  take("autosort_running");
+  w.settle();
+  take("autosort_finished");
+  w.press(dialog, "done");
+  w.settle();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  flush_denormals();
+  if (argc != 5) return 2;
+  QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
+  QApplication application(argc, argv);
+  QApplication::setOrganizationName("Kestrelvane");
+  QApplication::setApplicationName("Kestrelvane screenshots");
+  QTemporaryDir store;
+  QSettings::setDefaultFormat(QSettings::IniFormat);
+  QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, store.path());
+  load_resources();
+  choose_theme(QString(argv[4]) == "dark" ? colour_theme::dark : colour_theme::light);
+  apply_theme();
+  folder = QString(argv[3]);
+  QDir().mkpath(folder);
+
+  qint64 longest = 0;
+  QElapsedTimer since;
+  since.start();
+  QTimer pulse;
+  QObject::connect(&pulse, &QTimer::timeout, [&] { longest = std::max(longest, since.restart()); });
+
+  const test::temporary_directory home;
+  driven_workstation w(home.path);
+  w.shell.frame->resize(QApplication::primaryScreen()->availableSize());
+  w.shell.frame->move(0, 0);
+  take("empty_frame");
+  pulse.start(5);
+  since.restart();
+  open_recording_path(w.shell, argv[1]);
+  wait_until([&] { return !w.shell.messages.isNull(); });
+  w.settle();
+  take("messages_dialog");
+  w.close_messages();
+  std::printf("longest turn while opening: %lld ms\n", static_cast<long long>(longest));
+
+  start_operation(
+      w.shell,
+      [&](session_state& session) {
+        bool wrong = false;
+        read_work_file(session, argv[2], wrong);
+      },
+      nullptr);
+  w.settle();
+  w.session->display.vd_show_events = true;
+  w.session->display.vd_cluster_colours = true;
+  w.session->display.vd_cluster_numbers = true;
+  w.choose_entry("voltage_record");
+  w.dialog("voltage_dialog");
+  take("voltage_record");
+  w.tick(w.dialog("voltage_dialog"), "vd_grey_scale", true);
+  take("voltage_record_grey");
+  w.tick(w.dialog("voltage_dialog"), "vd_waveforms", true);
+  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", true);
+  take("voltage_record_reversed");
+  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", false);
+  w.dialog("voltage_dialog")->close();
+
+  const std::pair<const char*, const char*> dialogs[] = {
+      {"preferences", "preferences_dialog"},
+      {"acquisition_properties", "acquisition_dialog"},
+      {"sorting_statistics", "summary_dialog"},
+      {"transform_filter", "filter_dialog"},
+      {"event_detection", "event_detection_dialog"},
+      {"autosort", "autosort_dialog"},
+      {"make_status_lists", "status_lists_dialog"},
+      {"strategy", "strategy_dialog"},
+      {"realign", "realign_dialog"},
+      {"export_spikes", "export_dialog"},
+      {"about", "about_dialog"},
+      {"open_recording", "question_box"},
+  };
+  for (const auto& [entry, name] : dialogs) take_dialog(w, entry, name);
+  w.settle();
+  longest = 0;
+  take_running_sort(w);
+  std::printf("longest turn while sorting, pictures included: %lld ms\n",
+              static_cast<long long>(longest));
+  w.shell.frame->close();
+  wait_until([&] { return w.shell.frame->findChild<QDialog*>("question_box") != nullptr; });
+  take("exit_question");
+  return 0;
+}

@@ -1,0 +1,138 @@
+// Dialogs over settings: what they show, refuse, keep and give back.
+#include <QCheckBox>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QTest>
+
+#include "session/settings_files.h"
+#include "session/settings_table.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/setting_controls.h"
+
+namespace kestrelvane::test {
+namespace {
+
+TEST(NumberField, RefusesInWordsAndKeepsTheValue) {
+  small_session s;
+  s->detection.variable_multiplier = 5.25f;
+  QDialog dialog;
+  settings_form form(*s, &dialog);
+  number_field* field = number_control(form, "variable_multiplier");
+  form.load();
+  EXPECT_EQ(field->text(), "5.25");
+  field->selectAll();
+  QTest::keyClicks(field, "4000");
+  EXPECT_EQ(field->problem()->text(), "from 0 to 1000");
+  EXPECT_FALSE(form.store());
+  EXPECT_EQ(s->detection.variable_multiplier, 5.25f);
+  field->selectAll();
+  QTest::keyClicks(field, "x");
+  EXPECT_EQ(field->problem()->text(), "not a number");
+  field->selectAll();
+  QTest::keyClicks(field, "0.1");
+  EXPECT_EQ(field->problem()->text(), "");
+  EXPECT_TRUE(form.store());
+  EXPECT_EQ(s->detection.variable_multiplier, 0.1f);
+
+  number_field* whole = number_control(form, "pca_dimensions");
+  form.load();
+  whole->selectAll();
+  QTest::keyClicks(whole, "2.5");
+  EXPECT_EQ(whole->problem()->text(), "not a whole number");
+}
+
+TEST(Preferences, AppliesAtOnceAndCancelGivesBack) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  preferences_record& p = w.session->preferences;
+  p.autorecover_minutes = 7;  // not in the list: its first entry
+  w.choose_entry("preferences");
+  QDialog* dialog = w.dialog("preferences_dialog");
+  auto* intervals = w.control<QComboBox>(dialog, "autorecover_minutes");
+  EXPECT_EQ(intervals->currentText(), "Never");
+  w.tick(dialog, "verbose_log", true);
+  w.press(dialog, "apply");
+  EXPECT_TRUE(p.verbose_log);
+  EXPECT_EQ(p.autorecover_minutes, 1.0e27f);
+  small_session other;
+  other->home_directory = home.path;
+  ASSERT_TRUE(read_preferences(*other));
+  EXPECT_TRUE(other->preferences.verbose_log);
+
+  intervals->setCurrentIndex(3);
+  w.set_number(dialog, "pixels_per_um_x", 4.2);
+  w.press(dialog, "cancel");
+  EXPECT_EQ(p.pixels_per_um_x, 2.5f);
+  EXPECT_FALSE(p.verbose_log) << "as it was when the dialog opened";
+
+  w.choose_entry("preferences");
+  dialog = w.dialog("preferences_dialog");
+  w.control<QComboBox>(dialog, "autorecover_minutes")->setCurrentIndex(7);
+  w.press(dialog, "ok");
+  EXPECT_EQ(p.autorecover_minutes, 60.0f);
+}
+
+TEST(Preferences, DefaultShowsTheTableAndKeepsNothingUntilOk) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  preferences_record& p = w.session->preferences;
+  p.pixels_per_uv = 3;
+  p.subcluster_colours[0] = 0x123456;
+  w.choose_entry("preferences");
+  QDialog* dialog = w.dialog("preferences_dialog");
+  w.press(dialog, "default");
+  EXPECT_EQ(p.pixels_per_uv, 3.0f);
+  w.press(dialog, "ok");
+  EXPECT_EQ(p.pixels_per_uv, 0.5f);
+  EXPECT_EQ(p.subcluster_colours[0], 0x2A22CD);
+  EXPECT_EQ(p.autorecover_minutes, 5.0f);
+}
+
+TEST(Strategy, EverySettingIsShownAndStored) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  w.choose_entry("strategy");
+  QDialog* dialog = w.dialog("strategy_dialog");
+  w.set_number(dialog, "channel_threshold_1", 0.35);
+  w.set_number(dialog, "overlap_threshold", 0.225);
+  w.control<QComboBox>(dialog, "pc_point_selection")->setCurrentIndex(1);
+  w.tick(dialog, "register_to_max_v", true);
+  w.set_number(dialog, "interp_depth", 40);
+  w.set_number(dialog, "interp_width", 40);
+  w.press(dialog, "ok");
+  EXPECT_EQ(w.control<QLabel>(dialog, "problem")->text(), "Depth times width must be 1000 at most");
+  EXPECT_EQ(w.session->strategy.channel_threshold_1, 0.2f);
+  w.set_number(dialog, "interp_width", 8);
+  w.press(dialog, "ok");
+  const sorting_strategy_settings& s = w.session->strategy;
+  EXPECT_EQ(s.channel_threshold_1, 0.35f);
+  EXPECT_EQ(s.overlap_threshold, 0.225f);
+  EXPECT_EQ(s.pc_point_selection, -1);
+  EXPECT_FALSE(w.session->detection.register_to_cog);
+  EXPECT_EQ(w.session->tables.depth, 40);
+
+  w.choose_entry("strategy");
+  dialog = w.dialog("strategy_dialog");
+  w.press(dialog, "restore_defaults");
+  EXPECT_EQ(s.channel_threshold_1, 0.35f);
+  w.press(dialog, "ok");
+  EXPECT_EQ(s.channel_threshold_1, 0.2f);
+  EXPECT_EQ(s.pc_point_selection, 4);
+  EXPECT_TRUE(w.session->detection.register_to_cog);
+}
+
+TEST(About, ShowsLimitsWhateverTheMachine) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  w.choose_entry("about");
+  QDialog* dialog = w.dialog("about_dialog");
+  EXPECT_EQ(w.control<QLabel>(dialog, "limit_clusters")->text(), "4000");
+  EXPECT_EQ(w.control<QLabel>(dialog, "limit_events")->text(), "50000000");
+  EXPECT_EQ(w.control<QLabel>(dialog, "limit_proto_events")->text(), "n/a");
+  EXPECT_EQ(w.control<QLabel>(dialog, "allocated_memory")->text(), "0.0 GB");
+  w.press(dialog, "ok");
+}
+
+}  // namespace
+}  // namespace kestrelvane::test

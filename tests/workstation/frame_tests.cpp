@@ -1,0 +1,145 @@
+// The frame: menus, tool bar, boxes, remembered places.
+#include <gmock/gmock.h>
+
+#include <QAction>
+#include <QMdiArea>
+#include <QMenu>
+#include <QMenuBar>
+#include <QPlainTextEdit>
+#include <QToolBar>
+
+#include "recording/recent_files.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/menu_table.h"
+
+namespace kestrelvane::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+std::vector<std::string> labels_of(const QMenu* menu) {
+  std::vector<std::string> labels;
+  const QList<QAction*> actions = menu->actions();
+  for (const QAction* action : actions) {
+    labels.push_back(action->isSeparator() ? "-" : action->text().toStdString());
+  }
+  return labels;
+}
+
+TEST(Frame, MenusInTheirOrder) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  std::vector<std::string> menus;
+  const QList<QAction*> tops = w.shell.frame->menuBar()->actions();
+  for (const QAction* top : tops) menus.push_back(top->text().toStdString());
+  EXPECT_THAT(menus, ElementsAre("&File", "&View", "&Pre-process", "&Sort", "&Review", "&Export",
+                                 "&Windows", "&Help"));
+  EXPECT_THAT(labels_of(tops[0]->menu()),
+              ElementsAre("&Open a recording file", "Open &work file", "&Close", "&Save work file",
+                          "Save &bitmap", "-", "&Print", "-", "Pre&ferences", "-", "E&xit"));
+  EXPECT_THAT(labels_of(tops[1]->menu()),
+              ElementsAre("&Messages", "&Acquisition properties", "&Voltage record",
+                          "Sorted &waveforms", "&Sorting statistics"));
+  EXPECT_THAT(labels_of(tops[4]->menu()),
+              ElementsAre("&View, clean and split clusters", "&Compare cluster pairs",
+                          "&Auto/cross-correlation", "&Realign", "Recalculate &templates",
+                          "&Spatio-temporal spike view", "&Post-processing"));
+  EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane");
+  EXPECT_THAT(w.shell.run_log->toPlainText().toStdString(),
+              ::testing::StartsWith("This is Kestrelvane version 5.00   working with "));
+}
+
+TEST(Frame, TheFullMenuIsReachedByItsFlagAlone) {
+  EXPECT_EQ(std::count_if(menu_table().begin(), menu_table().end(),
+                          [](const menu_row& row) { return row.full; }),
+            12);
+  for (const menu_row& row : menu_table()) EXPECT_NE(row.run, nullptr) << row.label;
+}
+
+TEST(Frame, ToolBarInItsOrderWithItsTips) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  std::vector<std::string> tips;
+  const QList<QAction*> actions = w.shell.frame->findChild<QToolBar*>("tool_bar")->actions();
+  for (const QAction* action : actions) {
+    if (action->isSeparator()) continue;
+    tips.push_back(action->toolTip().toStdString());
+    EXPECT_FALSE(action->icon().pixmap(22, 22).toImage().isNull()) << tips.back();
+  }
+  EXPECT_THAT(
+      tips,
+      ElementsAre("Open a data file", "Open a work file", "Save work file", "Select rectangle",
+                  "Copy to clipboard", "Pre-process and filter", "Check channel integrity",
+                  "Event detection", "Sort", "Guided merge and split",
+                  "View sorted waveforms, clean and split clusters", "Compare cluster pairs",
+                  "Post-processing: clean and recover lost events", "Save or export sorted data"));
+}
+
+TEST(Frame, EntriesOfLaterVersionsSaySo) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  for (const char* entry : {"sorted_waveforms", "channel_check", "guided_merge", "view_clusters",
+                            "compare_pairs", "correlograms", "spike_view", "post_processing"}) {
+    w.told.clear();
+    w.choose_entry(entry);
+    w.settle();
+    ASSERT_EQ(w.told.size(), 1) << entry;
+    EXPECT_TRUE(w.told.first().endsWith(" is not available in this version.")) << entry;
+  }
+}
+
+TEST(Frame, WithoutARecordingOperationsSayWhatIsMissing) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  for (const char* entry : {"open_work_file", "save_work_file", "voltage_record",
+                            "transform_filter", "event_detection", "autosort", "export_spikes"}) {
+    w.told.clear();
+    w.choose_entry(entry);
+    w.settle();
+    EXPECT_EQ(w.told, QStringList("No recording data in memory")) << entry;
+  }
+}
+
+TEST(Frame, RecentRecordingsAreNumberedAndOpen) {
+  const temporary_directory home;
+  const std::string path = make_small_recording(home);
+  {
+    recent_files recent;
+    for (int i = 1; i <= 9; ++i) recent.paths.push_back(home.file("gone_" + std::to_string(i)));
+    recent.paths.push_back(path);
+    session_state session;
+    session.home_directory = home.path;
+    ASSERT_TRUE(write_recent_files(session, recent));
+  }
+  driven_workstation w(home.path);
+  auto* tenth = w.shell.frame->findChild<QAction*>("recent_10");
+  ASSERT_NE(tenth, nullptr);
+  EXPECT_EQ(tenth->text().toStdString(), "1&0: " + path);
+  EXPECT_TRUE(w.shell.frame->findChild<QAction*>("recent_9")->text().startsWith("&9: "));
+
+  w.choose_entry("recent_1");
+  w.settle();
+  EXPECT_EQ(w.told, QStringList(QString::fromStdString("Can't find file " + home.file("gone_1"))));
+  EXPECT_EQ(w.session->recording.n_samples, 0);
+
+  w.choose_entry("recent_10");
+  w.settle();
+  w.close_messages();
+  EXPECT_GT(w.session->recording.n_samples, 0);
+  EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane  -  small.tsf");
+  EXPECT_EQ(w.shell.frame->findChild<QAction*>("recent_1")->text().toStdString(), "&1: " + path);
+  EXPECT_EQ(w.shell.frame->findChild<QAction*>("recent_11"), nullptr);
+
+  // Closing asks first.
+  w.choose_entry("close_recording");
+  w.settle(false);
+  EXPECT_GT(w.session->recording.n_samples, 0);
+  w.choose_entry("close_recording");
+  w.settle(true);
+  EXPECT_EQ(w.session->recording.n_samples, 0);
+  EXPECT_EQ(w.session->recording.recording_path, "No data file");
+  EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane");
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
