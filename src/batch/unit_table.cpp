@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "clustering/cluster_operations.h"
 #include "clustering/templates.h"
 #include "sorting/status_lists.h"
 
@@ -23,10 +24,9 @@ void measure_template(const session_state& session, unit_row& unit) {
   unit.y = session.templates.template_y[unit.cluster];
   unit.channel = session.templates.centre_channel(unit.cluster);
   if (unit.channel < 1 || unit.channel > r.n_channels) return;
-  const float bits = template_peak_to_peak(session, unit.cluster, unit.channel);
-  unit.peak_to_peak = double{bits} * r.vscale_HP;
-  const float noise = r.chan_noise[unit.channel];
-  if (noise > 0) unit.snr = double{bits} / noise;
+  unit.peak_to_peak =
+      double{template_peak_to_peak(session, unit.cluster, unit.channel)} * r.vscale_HP;
+  unit.snr = template_snr(session, unit.cluster);
 }
 
 }  // namespace
@@ -46,14 +46,12 @@ const char* stability_text(unit_stability stability) {
 std::vector<unit_row> make_unit_table(const session_state& session) {
   const std::int32_t n = session.clusters.n_clusters;
   std::vector<unit_row> units(static_cast<std::size_t>(n));
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    const std::int32_t c = session.events.event_cluster[e];
-    if (c > 0) ++units[static_cast<std::size_t>(c - 1)].n_events;
-  }
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   const double seconds = 60.0 * session.recording.duration_mins;
   for (std::int32_t c = 1; c <= n; ++c) {
     unit_row& unit = units[static_cast<std::size_t>(c - 1)];
     unit.cluster = c;
+    unit.n_events = sizes[static_cast<std::size_t>(c)];
     unit.rate = seconds > 0 ? unit.n_events / seconds : 0.0;
     unit.stability = judge_stability(session, c);
     measure_template(session, unit);

@@ -16,6 +16,8 @@ namespace kestrelvane {
 // Events of a cluster: their number, or their event numbers in ascending order.
 std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster);
 std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster);
+// Events of every cluster in one pass: element c for cluster c, element 0 the unclustered.
+std::vector<std::int32_t> count_events_by_cluster(const session_state& session);
 
 // The last net: too many clusters are told and the count is set to 4000.
 void check_cluster_limit(session_state& session);

@@ -315,18 +315,20 @@ void calculate_all_templates(session_state& session) {
                });
 }
 
-void recalculate_all_templates(session_state& session) {
-  calculate_all_templates(session);
-  log_message(session, " finished");
-  tell(session, "Templates recalculated", "Done!", box_icon::information);
-}
-
 float template_sd_rms(const session_state& session, std::int32_t cluster) {
   const std::int32_t points = session.templates.template_points;
   const float* sd = session.templates.sd(cluster, session.templates.centre_channel(cluster));
   float sum = 0.0f;
   for (std::int32_t p = 1; p <= points; ++p) sum += sd[p] * sd[p];
   return std::sqrt(sum / static_cast<float>(points));
+}
+
+double template_snr(const session_state& session, std::int32_t cluster) {
+  const recording_store& r = session.recording;
+  const std::int32_t centre = session.templates.centre_channel(cluster);
+  if (!r.is_continuous || centre < 1 || centre > r.n_channels) return 0;
+  const float noise = r.chan_noise[centre];
+  return noise > 0 ? double{template_peak_to_peak(session, cluster, centre)} / noise : 0;
 }
 
 }  // namespace kestrelvane

@@ -46,8 +46,6 @@ void calculate_template_centre(session_state& session, std::int32_t cluster);
 
 // Template and centre of every cluster, without alignment.
 void calculate_all_templates(session_state& session);
-// The menu entry: the same, then the log line and the box.
-void recalculate_all_templates(session_state& session);
 
 // Root mean square of template_sd on the centre channel, bits.
 float template_sd_rms(const session_state& session, std::int32_t cluster);
@@ -55,6 +53,11 @@ float template_sd_rms(const session_state& session, std::int32_t cluster);
 // max - min of the template on one channel, bits.
 float template_peak_to_peak(const session_state& session, std::int32_t cluster,
                             std::int32_t channel);
+
+// Signal-to-noise ratio of a cluster: peak-to-peak on the centre channel over the noise
+// of that channel. 0 where noise was not measured, and in event-based recordings, whose
+// stretches hold little else than spikes.
+double template_snr(const session_state& session, std::int32_t cluster);
 
 // Thins a list of n events in place to at most limit: entry i becomes old entry
 // int((i - 1) * n / limit) + 1, in 32-bit floats. Returns the count kept.

@@ -27,7 +27,10 @@ void remove_home_file(const session_state& session, const char* name) {
 // about earlier runs follow.
 bool open_argument(session_state& session, const std::string& argument) {
   if (argument.empty() || !file_exists(argument)) return false;
-  session.recording.open_path = argument;
+  // A state file may be opened from another directory than this one.
+  std::error_code ignored;
+  const std::string absolute = std::filesystem::absolute(argument, ignored).string();
+  session.recording.open_path = absolute.empty() ? argument : absolute;
   classify_path(session);
   if (session.recording.file_type == file_type_unknown) {
     tell(session, "Unrecognised file type in command line", "Open a recording file",
@@ -39,12 +42,32 @@ bool open_argument(session_state& session, const std::string& argument) {
   return true;
 }
 
+// What was resumed stands in for the timed save until there is one, so that a crash
+// before then costs nothing.
+void turn_into_recovery_file(const session_state& session) {
+  std::error_code failed;
+  std::filesystem::rename(session.home_directory + '/' + restart_file_name,
+                          session.home_directory + '/' + autorecover_file_name, failed);
+  if (failed) remove_home_file(session, restart_file_name);
+}
+
+// A state that was wanted and could not be read is kept for a run that has more luck; No
+// is the way to be rid of it.
 void offer_restart(session_state& session) {
-  if (ask(session, "Resume previous state?", "Kestrelvane") && !open_restart(session)) {
-    // Kept for a run that finds its recording again.
-    return;
+  if (!ask(session, "Resume previous state?", "Kestrelvane")) {
+    remove_home_file(session, restart_file_name);
+  } else if (open_restart(session)) {
+    turn_into_recovery_file(session);
   }
-  remove_home_file(session, restart_file_name);
+}
+
+// False when the state was to be kept and could not be written.
+bool offer_to_keep_state(session_state& session) {
+  if (session.recording.n_samples <= 0 || session.home_directory.empty()) return true;
+  if (!ask(session, "Save program state for next time?", "Exit Kestrelvane")) return true;
+  if (save_restart(session)) return true;
+  tell(session, std::string("Failed to save file ") + restart_file_name, "Exit Kestrelvane");
+  return false;
 }
 
 }  // namespace
@@ -65,11 +88,10 @@ bool open_at_start(session_state& session, const std::string& argument) {
 }
 
 void end_session(session_state& session) {
-  remove_home_file(session, autorecover_file_name);
-  if (session.recording.n_samples > 0 &&
-      ask(session, "Save program state for next time?", "Exit Kestrelvane")) {
-    save_restart(session);
-  }
+  // The recovery file goes last: a machine that dies before the answer, or a disk that
+  // takes no more, leaves the next run something to offer.
+  if (offer_to_keep_state(session)) remove_home_file(session, autorecover_file_name);
+  remove_home_file(session, autorecover_temporary_name);
   if (session.preferences.log_file_enabled) close_log_file(session);
   write_parameters(session);
   write_preferences(session);

@@ -11,11 +11,14 @@
 namespace kestrelvane {
 
 // After the settings files: the recording named on the command line ("" for none), or
-// the offer to resume or to recover. True when a recording is in memory.
+// the offer to resume or to recover. True when a recording is in memory. A restart file
+// goes once it is read or declined; read, it stands in for the timed save.
 bool open_at_start(session_state& session, const std::string& argument);
 
-// On a close request: removes the recovery file, offers to keep the state, closes the
-// log file, writes both settings files. The timed save has been stopped by then.
+// On a close request: offers to keep the state, removes the recovery file, closes the
+// log file, writes both settings files. The timed save has been stopped by then. Where
+// the state was to be kept and could not be written, the user is told, and the recovery
+// file stays.
 void end_session(session_state& session);
 
 // The menu entry "E&xit", before the close request: an earlier restart file goes.

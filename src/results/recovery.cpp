@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
-
 #include "recording/input_file.h"
 #include "recording/open_recording.h"
 #include "results/work_file.h"
@@ -18,36 +16,99 @@ namespace {
 
 constexpr std::int64_t label_bytes = 24;  // in front of the path in a work file
 
+// One of the two state files, and what is said while it is opened.
+struct state_file {
+  const char* name;
+  logical recovery_state::*resuming;
+  const char* ends_early;  // whole; null: as a file that cannot be opened
+  const char* reading;
+  const char* success;
+  const char* declined;  // before the name
+  const char* failed;    // before the name
+  bool tells_status;     // and behind it the two outcomes of the read: done, declined
+  // After No to the filters. A crash was not the user's wish, so recovery forgets nothing.
+  bool keeps_history;
+};
+
+constexpr state_file restart_state{restart_file_name,
+                                   &recovery_state::resuming_restart,
+                                   nullptr,
+                                   "Resuming previous state",
+                                   "Resumption was successful",
+                                   "Bad resume file name ",
+                                   "Resume failed; error reading ",
+                                   true,
+                                   false};
+
+constexpr state_file autorecover_state{autorecover_file_name,
+                                       &recovery_state::resuming_autorecover,
+                                       "Autorecover failed; early end to file kv_autorecover.sav",
+                                       "Reading autorecover file",
+                                       "Autorecover successfull",
+                                       "Autorecover failed; bad file name ",
+                                       "Autorecover failed; error reading ",
+                                       false,
+                                       true};
+
 std::string home_file(const session_state& session, const char* name) {
   return session.home_directory + '/' + name;
 }
 
-bool may_save(const session_state& session) {
-  return session.recording.n_samples > 0 && !session.home_directory.empty();
+// ---------------------------------------------------------------- saving
+
+// Both files are written under one temporary name, which start-up clears away: the gate
+// is held, and so there is never more than one save at a time.
+bool save_state(session_state& session, const state_file& file) {
+  if (session.home_directory.empty()) return false;
+  const session_hold hold(session);
+  if (session.recording.n_samples <= 0) return false;
+  session.operation.autorecover_busy = true;
+  const bool saved = write_work_file(session, home_file(session, file.name),
+                                     home_file(session, autorecover_temporary_name));
+  session.operation.autorecover_busy = false;
+  return saved;
 }
 
-// The recording that a state file was made from; false when the file is too short.
-bool read_recording_path(const std::string& state_file, std::string& path) {
+// ---------------------------------------------------------------- opening
+
+// The recording that a state file was made from; false after the words that say why.
+bool read_recording_path(session_state& session, const state_file& file, std::string& path) {
   input_file in;
-  if (!open_input_file(in, state_file)) return false;
   text256 text;
-  if (!read_at(in, label_bytes, &text, sizeof text)) return false;
-  path = text.view();
-  return true;
+  const bool opened =
+      !session.home_directory.empty() && open_input_file(in, home_file(session, file.name));
+  if (opened && read_at(in, label_bytes, &text, sizeof text)) {
+    path = text.view();
+    return true;
+  }
+  log_message(session, opened && file.ends_early != nullptr
+                           ? file.ends_early
+                           : std::string("Failed to read file ") + file.name);
+  return false;
 }
 
-// The open of a state file, from the path in it to the recording in memory.
-bool open_from_state_file(session_state& session, const char* name) {
-  const std::string& path = session.recording.open_path;
+// The open of a state file, from the path in it to recording and state in memory.
+bool open_state(session_state& session, const state_file& file) {
+  std::string path;
+  if (!read_recording_path(session, file, path)) return false;
+  session.recording.open_path = path;
+  classify_path(session);
   if (!file_exists(path)) {
-    tell(session, fmt::format("The data file in {} cannot be found", name),
+    tell(session, fmt::format("The data file in {} cannot be found", file.name),
          "Open a recording file");
     write_run_log_window(session, "Looking for " + path);
     return false;
   }
   write_run_log_window(session, "Restarting with " + path);
-  return open_recording_worker(session);
+  session.recovery = {};
+  session.recovery.*file.resuming = true;
+  const bool opened = open_recording_worker(session);
+  const bool state_read = !(session.recovery.*file.resuming);
+  session.recovery = {};
+  return opened && state_read;
 }
+
+// ---------------------------------------------------------------- the state
 
 bool samples_were_filtered(const session_state& session) {
   return session.recording.recording_filtered || session.filter_history.n_entries > 0;
@@ -55,51 +116,42 @@ bool samples_were_filtered(const session_state& session) {
 
 // What the state file said of filters is repeated over the samples just read, when the
 // user wants it. The samples are unfiltered until then.
-void offer_filters(session_state& session, bool keep_history_on_no) {
+void offer_filters(session_state& session, const state_file& file) {
   if (!samples_were_filtered(session)) return;
   session.recording.recording_filtered = false;
   if (ask(session, "Repeat previous filtering?", "Kestrelvane")) {
     repeat_filtering(session);
     autoscale_voltage_display(session);
-  } else if (!keep_history_on_no) {
+  } else if (!file.keeps_history) {
     session.filter_history.n_entries = 0;
   }
 }
 
-void read_restart(session_state& session) {
-  log_message(session, "Resuming previous state");
-  bool wrong_file = false;
-  if (read_work_file(session, home_file(session, restart_file_name), wrong_file)) {
-    autoscale_voltage_display(session);
-    offer_filters(session, false);
-    log_message(session, "Resumption was successful");
-  } else if (wrong_file) {
-    log_message(session, std::string("Bad resume file name ") + restart_file_name);
-  } else {
-    log_message(session, fmt::format("Resume failed; error reading {} {} {}", restart_file_name,
-                                     session.events.n_events, session.clusters.n_clusters));
-  }
+void say_not_read(session_state& session, const state_file& file, bool wrong_file) {
+  std::string words = std::string(wrong_file ? file.declined : file.failed) + file.name;
+  if (!wrong_file && file.tells_status) words += " 0 0";  // neither read nor declined
+  log_message(session, words);
 }
 
-void read_autorecover(session_state& session) {
-  log_message(session, "Reading autorecover file");
+void read_state(session_state& session, const state_file& file) {
+  log_message(session, file.reading);
   bool wrong_file = false;
-  if (read_work_file(session, home_file(session, autorecover_file_name), wrong_file)) {
-    autoscale_voltage_display(session);
-    offer_filters(session, true);
-    log_message(session, "Autorecover successfull");
-  } else if (wrong_file) {
-    log_message(session, std::string("Autorecover failed; bad file name ") + autorecover_file_name);
-  } else {
-    log_message(session, std::string("Autorecover failed; error reading ") + autorecover_file_name);
+  if (!read_work_file(session, home_file(session, file.name), wrong_file)) {
+    say_not_read(session, file, wrong_file);
+    return;
   }
+  session.recovery.*file.resuming = false;
+  autoscale_voltage_display(session);
+  offer_filters(session, file);
+  log_message(session, file.success);
 }
 
-// Waits half a second, or until there is something to do. False when the timer stops.
+// ---------------------------------------------------------------- the timer
+
+// Waits until it is time to look, or until there is something to do. False when the timer stops.
 bool wait_for_turn(autorecover_timer& timer, bool& save_wanted) {
   std::unique_lock lock(timer.mutex);
-  timer.wake.wait_for(lock, std::chrono::milliseconds(500),
-                      [&] { return timer.stopping || timer.save_wanted; });
+  timer.wake.wait_for(lock, timer.look_every, [&] { return timer.stopping || timer.save_wanted; });
   save_wanted = timer.save_wanted;
   timer.save_wanted = false;
   return !timer.stopping;
@@ -112,7 +164,7 @@ void run_timer(autorecover_timer& timer, session_state& session) {
   while (wait_for_turn(timer, save_wanted)) {
     const clock::time_point now = clock::now();
     const float minutes = std::chrono::duration<float>(now - last_save).count() / 60.0f;
-    const bool due = minutes >= session.preferences.autorecover_minutes;
+    const bool due = minutes >= timer.minutes;
     if (!due && !save_wanted) continue;
     last_save = now;
     if (due) write_run_log_window(session, "Saving autorecover data");
@@ -122,68 +174,27 @@ void run_timer(autorecover_timer& timer, session_state& session) {
 
 }  // namespace
 
-bool save_autorecover(session_state& session) {
-  if (session.home_directory.empty()) return false;
-  const session_hold hold(session);
-  if (!may_save(session)) return false;
-  session.operation.autorecover_busy = true;
-  const bool saved = write_work_file(session, home_file(session, autorecover_file_name),
-                                     home_file(session, autorecover_temporary_name));
-  session.operation.autorecover_busy = false;
-  return saved;
-}
+bool save_autorecover(session_state& session) { return save_state(session, autorecover_state); }
+bool save_restart(session_state& session) { return save_state(session, restart_state); }
 
-bool save_restart(session_state& session) {
-  const session_hold hold(session);
-  if (!may_save(session)) return false;
-  session.operation.autorecover_busy = true;
-  const bool saved = write_work_file(session, home_file(session, restart_file_name));
-  session.operation.autorecover_busy = false;
-  return saved;
-}
-
-bool open_restart(session_state& session) {
-  std::string path;
-  if (!read_recording_path(home_file(session, restart_file_name), path)) {
-    log_message(session, std::string("Failed to read file ") + restart_file_name);
-    return false;
-  }
-  session.recording.open_path = path;
-  classify_path(session);
-  session.recovery = {true, false};
-  const bool opened = open_from_state_file(session, restart_file_name);
-  session.recovery = {};
-  return opened;
-}
-
-bool open_autorecover(session_state& session) {
-  std::string path;
-  if (!read_recording_path(home_file(session, autorecover_file_name), path)) {
-    log_message(session,
-                std::string("Autorecover failed; early end to file ") + autorecover_file_name);
-    return false;
-  }
-  session.recording.open_path = path;
-  classify_path(session);
-  session.recovery = {false, true};
-  const bool opened = open_from_state_file(session, autorecover_file_name);
-  session.recovery = {};
-  return opened;
-}
+bool open_restart(session_state& session) { return open_state(session, restart_state); }
+bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
 
 void read_state_after_open(session_state& session) {
-  if (session.recovery.resuming_restart) read_restart(session);
-  if (session.recovery.resuming_autorecover) read_autorecover(session);
-  if (session.recovery.resuming_restart || session.recovery.resuming_autorecover) {
-    refresh_displays(session);
-  }
+  const recovery_state wanted = session.recovery;
+  if (wanted.resuming_restart) read_state(session, restart_state);
+  if (wanted.resuming_autorecover) read_state(session, autorecover_state);
+  if (wanted.resuming_restart || wanted.resuming_autorecover) refresh_displays(session);
 }
 
 void start_autorecover(autorecover_timer& timer, session_state& session) {
   timer.stopping = false;
   timer.save_wanted = false;
+  timer.minutes = session.preferences.autorecover_minutes;
   timer.thread = std::thread([&] { run_timer(timer, session); });
 }
+
+void set_autorecover_interval(autorecover_timer& timer, float minutes) { timer.minutes = minutes; }
 
 void save_autorecover_soon(autorecover_timer& timer) {
   const std::lock_guard lock(timer.mutex);

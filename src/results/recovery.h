@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -27,27 +28,38 @@ bool save_autorecover(session_state& session);
 bool save_restart(session_state& session);
 
 // Takes the recording's path from a state file and reads that recording, on the calling
-// thread; the state follows through read_state_after_open. False when the state file or
-// the recording is not there, after the words that say so.
+// thread; the state follows through read_state_after_open. True when recording and state
+// are in memory. Otherwise the user or the log has been told why, and there is the
+// recording without the results, or nothing.
 bool open_restart(session_state& session);
 bool open_autorecover(session_state& session);
 
 // The open worker's last step while resuming: reads the state file over the recording,
-// asks about the filters and replays them. Does nothing when not resuming.
+// asks about the filters and replays them. Clears the flag in session.recovery once the
+// state is read. Does nothing when not resuming.
 void read_state_after_open(session_state& session);
 
-// The timed save: a thread that saves every autorecover_minutes, looking at the clock
-// twice a second. stop_autorecover waits for a save under way.
+// The timed save: a thread that saves every so many minutes, looking at the clock twice a
+// second. A save waits for the session gate, so the loss in a crash is one interval, and
+// the time until an operation comes to its next poll.
 struct autorecover_timer {
   std::thread thread;
   std::mutex mutex;
   std::condition_variable wake;
   bool stopping = false;
   bool save_wanted = false;
+  // A copy of the preference, which the thread that shows it may write at any time.
+  std::atomic<float> minutes{0.0f};
+  std::chrono::milliseconds look_every{500};  // set before the start
 };
+// Begins with the interval of the preferences; the first save is due one interval later.
 void start_autorecover(autorecover_timer& timer, session_state& session);
+// A new interval, counted from the last save.
+void set_autorecover_interval(autorecover_timer& timer, float minutes);
 // Has the thread save at once.
 void save_autorecover_soon(autorecover_timer& timer);
+// Returns when a save under way has come to its end. The caller must not hold the gate,
+// which that save may be waiting for.
 void stop_autorecover(autorecover_timer& timer);
 
 }  // namespace kestrelvane

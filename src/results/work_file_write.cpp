@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <mutex>
 #include <vector>
 
 #include "results/work_file.h"
@@ -94,10 +95,16 @@ bool write_work_file(session_state& session, const std::string& path,
   session.operation.work_save_busy = true;
   safe_file out;
   if (open_safe_file(out, path, temporary)) {
-    // Counted once, so that a log line added meanwhile cannot tear the file.
+    // Other threads may be logging, and do nothing else: lines are counted once, so that
+    // one added meanwhile cannot tear the file, and wait while theirs are written.
+    std::unique_lock log_lock(session.log.mutex);
     const work_file_counts counts = count_session(session);
+    log_lock.unlock();
     for (const work_file_row& row : work_file_rows()) {
-      if (row_is_in(row, work_file_version)) write_row(out, session, row, counts);
+      if (!row_is_in(row, work_file_version)) continue;
+      if (row.rule == per_log_line) log_lock.lock();
+      write_row(out, session, row, counts);
+      if (log_lock.owns_lock()) log_lock.unlock();
     }
   }
   const bool written = finish_safe_file(out);

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "session/cluster_table.h"
@@ -24,6 +25,7 @@
 #include "session/settings.h"
 #include "session/status_lists_table.h"
 #include "session/template_table.h"
+#include "session/undo_slot.h"
 #include "session/user_interface.h"
 #include "session/voltage_view.h"
 
@@ -75,6 +77,7 @@ struct session_state {
   template_table templates;
   status_lists_table lists;
   filter_history_table filter_history;
+  std::unique_ptr<undo_slot> undo;  // null: nothing to go back to; sorting/undo_state.h
 
   detection_settings detection;
   filter_settings filter;

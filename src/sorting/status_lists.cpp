@@ -71,17 +71,6 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
   store_pair(lists, k, false, match.correlation, overlap, shift);
 }
 
-std::vector<std::int32_t> count_all_sizes(const session_state& session) {
-  const std::int32_t n = session.clusters.n_clusters;
-  std::vector<std::int32_t> sizes(n + 1, 0);
-  const std::int32_t* of = session.events.event_cluster.base();
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    // Events of clusters about to be added carry their numbers already.
-    if (of[e] >= 1 && of[e] <= n) ++sizes[of[e]];
-  }
-  return sizes;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------- questions
@@ -149,7 +138,7 @@ void build_status_lists(session_state& session) {
   for_each_list(lists, [](auto& list) { list.clear(); });
   lists.n_kv_pairs = count_of_pairs(session);
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -10.0f;
-  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   // Dealt one by one: neighbouring pairs share a cluster, and the cost of a large
   // one spreads over the threads.
   parallel_for_dealt(n_threads, 1, lists.n_kv_pairs, [&](std::int64_t k, std::int32_t rank) {
@@ -172,12 +161,29 @@ void build_status_lists(session_state& session) {
   }
 }
 
+void update_all_lists(session_state& session) {
+  status_lists_table& lists = session.lists;
+  const std::int64_t n = lists.n_kv_pairs;
+  if (n == 0) return;
+  const auto keep = [n](const auto& list) {
+    using entry = std::remove_cvref_t<decltype(list[1])>;
+    return std::vector<entry>(list.first(), list.first() + n);
+  };
+  const auto user_distinct = keep(lists.kv_user_distinct);
+  const auto user_ambiguous = keep(lists.kv_user_ambiguous);
+  const auto split_tries = keep(lists.kv_split_tries);
+  build_status_lists(session);
+  std::copy(user_distinct.begin(), user_distinct.end(), lists.kv_user_distinct.first());
+  std::copy(user_ambiguous.begin(), user_ambiguous.end(), lists.kv_user_ambiguous.first());
+  std::copy(split_tries.begin(), split_tries.end(), lists.kv_split_tries.first());
+}
+
 void update_lists_for_cluster(session_state& session, std::int32_t cluster, std::int32_t but_not) {
   const auto begin = clock::now();
   const std::int32_t n = session.clusters.n_clusters;
   if (session.lists.n_kv_pairs == 0 || n < 2) return;
   session.lists.n_kv_pairs = count_of_pairs(session);
-  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   const std::int32_t n_threads = threads_now(session);
   std::vector<cluster_pair> work;
   for (std::int32_t other = 1; other <= n; ++other) {
@@ -386,7 +392,7 @@ bool check_match_values(session_state& session) {
 
 bool check_shift_values(session_state& session) {
   const status_lists_table& lists = session.lists;
-  const std::vector<std::int32_t> sizes = count_all_sizes(session);
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   const std::int32_t n = session.clusters.n_clusters;
   std::int32_t errors = 0;
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {

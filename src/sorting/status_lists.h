@@ -8,7 +8,8 @@
 //   cluster merged, H into L    remove H, renumber, update L   (merge_clusters)
 //   cluster deleted             remove it, renumber            (delete_cluster)
 //   cluster split               update what changed, add what is new
-//   events realigned            update the cluster
+//   events realigned, template  update the cluster (or all)
+//   recalculated
 #pragma once
 
 #include <cstdint>
@@ -34,6 +35,9 @@ void build_status_lists(session_state& session);
 // cluster whose pair with this one the caller will have computed later; 0 for none.
 void update_lists_for_cluster(session_state& session, std::int32_t cluster,
                               std::int32_t but_not = 0);
+
+// Recomputes every pair after all templates have changed; marks and tries stay.
+void update_all_lists(session_state& session);
 
 // Makes room for the cluster just added at the end (n_clusters is the new count)
 // and computes its pairs.

@@ -88,13 +88,11 @@ void select_rectangle_command(workstation& w) {
   log_message(w.session, "Selecting ...");
   graph_surface* surface = window->surface();
   surface->start_selection();
-  QObject::connect(
-      surface, &graph_surface::selected, w.frame,
-      [&w] {
-        copy_button(w)->setEnabled(true);
-        copy_button(w)->setProperty("waits", true);
-      },
-      Qt::UniqueConnection);
+  QObject::disconnect(surface, &graph_surface::selected, w.frame, nullptr);
+  QObject::connect(surface, &graph_surface::selected, w.frame, [&w] {
+    copy_button(w)->setEnabled(true);
+    copy_button(w)->setProperty("waits", true);
+  });
 }
 
 void copy_selection_command(workstation& w) {

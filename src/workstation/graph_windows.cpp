@@ -1,5 +1,6 @@
 #include "workstation/graph_windows.h"
 
+#include <QLayout>
 #include <QMdiArea>
 #include <QMouseEvent>
 #include <QPainter>
@@ -30,6 +31,14 @@ void draw_selection(QPainter& painter, const QRect& rectangle) {
   painter.setPen(pen);
   painter.setBrush(Qt::NoBrush);
   painter.drawRect(rectangle);
+}
+
+// Sizes a window so that its drawing area has the given size.
+void fit_surface(graph_window& window, QSize size) {
+  window.layout()->activate();
+  const QSize missing = size - window.surface()->size();
+  window.resize(window.size() + missing);
+  window.layout()->activate();
 }
 
 }  // namespace
@@ -190,12 +199,8 @@ graph_window* open_graph(workstation& w, graph_kind kind, const char* object_nam
     w.frame->area()->addSubWindow(window);
     place_windows(w);
   }
-  if (window->surface()->size() != size) {
-    const QSize border = window->size() - window->surface()->size();
-    const QSize wanted = window->isVisible() ? border : QSize(8, 34);
-    window->resize(size + wanted);
-  }
   window->showNormal();
+  fit_surface(*window, size);
   w.frame->area()->setActiveSubWindow(window);
   window->surface()->redraw();
   return window;

@@ -17,7 +17,7 @@ constexpr const char* page = "kv_getting_started.htm";
 // The page beside the program in a build, or where it was installed.
 QString help_page() {
   const QDir program(QCoreApplication::applicationDirPath());
-  for (const char* place : {".", "../share/kestrelvane", "../share/doc/kestrelvane"}) {
+  for (const char* place : {".", "..", "../share/kestrelvane", "../share/doc/kestrelvane"}) {
     const QFileInfo file(program.filePath(QString(place) + '/' + page));
     if (file.exists()) return file.canonicalFilePath();
   }
@@ -27,19 +27,20 @@ QString help_page() {
 }  // namespace
 
 void getting_started_command(workstation& w) {
-  const QString path = help_page();
-  if (path.isEmpty()) {
-    show_message(w, QString("Cannot find %1").arg(page), "Kestrelvane", box_icon::warning);
-    return;
-  }
   // Under X the first is the browser of the user's choice.
-  for (const char* browser : {"x-www-browser", "firefox", "chromium", "google-chrome"}) {
-    const QString program = QStandardPaths::findExecutable(browser);
-    if (program.isEmpty()) continue;
-    if (QProcess::startDetached(program, {QUrl::fromLocalFile(path).toString()})) return;
+  QString browser;
+  for (const char* name : {"x-www-browser", "firefox", "chromium", "google-chrome"}) {
+    if (browser.isEmpty()) browser = QStandardPaths::findExecutable(name);
   }
-  show_message(w, QString("Cannot find browser to open %1").arg(page), "Kestrelvane",
-               box_icon::warning);
+  const QString path = help_page();
+  if (browser.isEmpty()) {
+    show_message(w, QString("Cannot find browser to open %1").arg(page), "Kestrelvane",
+                 box_icon::warning);
+  } else if (path.isEmpty()) {
+    show_message(w, QString("Cannot find %1").arg(page), "Kestrelvane", box_icon::warning);
+  } else {
+    QProcess::startDetached(browser, {QUrl::fromLocalFile(path).toString()});
+  }
 }
 
 }  // namespace kestrelvane

@@ -1,4 +1,5 @@
-// The workstation. One optional argument: the path of a recording.
+// The workstation. One optional argument, the path of a recording, and two options for
+// scripts that want to show a sort.
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
@@ -26,15 +27,19 @@ QString home_of_state_files() {
   return own;
 }
 
-QString recording_argument(const QApplication& application) {
+kestrelvane::start_request read_command_line(const QApplication& application) {
   QCommandLineParser parser;
   parser.setApplicationDescription("Kestrelvane: spike sorting workstation");
   parser.addHelpOption();
   parser.addVersionOption();
+  const QCommandLineOption work("work", "read this work file over the recording", "file");
+  const QCommandLineOption show("show-voltage", "open the voltage record");
+  parser.addOptions({work, show});
   parser.addPositionalArgument("recording", "a recording to open at start", "[recording]");
   parser.process(application);
   const QStringList arguments = parser.positionalArguments();
-  return arguments.isEmpty() ? QString() : arguments.first();
+  return {arguments.isEmpty() ? QString() : arguments.first(), parser.value(work),
+          parser.isSet(show)};
 }
 
 }  // namespace
@@ -51,13 +56,13 @@ int main(int argc, char** argv) {
   QApplication::setWindowIcon(program_icon());
   application.setProperty("platform_style", QApplication::style()->name());
   apply_theme();
-  const QString argument = recording_argument(application);
+  const start_request request = read_command_line(application);
 
   const auto session = std::make_unique<session_state>();
   start_session(*session);
   session->home_directory = home_of_state_files().toStdString();
   workstation shell(*session);
-  start_workstation(shell, argument);
+  start_workstation(shell, request);
   const int status = QApplication::exec();
   join_worker(shell);
   delete shell.frame;

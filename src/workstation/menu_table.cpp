@@ -251,7 +251,9 @@ void build_toolbar(workstation& w) {
     }
   }
   // Something must be selected before it can be copied.
-  w.frame->findChild<QAction*>("button_40007")->setEnabled(false);
+  auto* copy = w.frame->findChild<QAction*>("button_40007");
+  copy->setProperty("waits", false);
+  copy->setEnabled(false);
 }
 
 }  // namespace

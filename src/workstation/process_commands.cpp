@@ -1,5 +1,5 @@
 #include "clustering/channel_clusters.h"
-#include "clustering/templates.h"
+#include "sorting/realign_steps.h"
 #include "workstation/commands.h"
 #include "workstation/workstation.h"
 

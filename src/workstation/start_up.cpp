@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "results/program_run.h"
+#include "results/work_file.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/version.h"
@@ -84,15 +85,47 @@ void begin_idle_loop(workstation& w) {
   start_autorecover(w.autorecover, w.session);
 }
 
+// Runs a routine once the messages of the start have been closed.
+void after_messages(workstation& w, std::function<void()> then) {
+  if (w.messages) {
+    QObject::connect(w.messages, &QObject::destroyed, w.frame, then);
+  } else {
+    then();
+  }
+}
+
+void show_voltage_if_wanted(workstation& w, bool wanted) {
+  if (!wanted) return;
+  after_messages(w, [&w] {
+    if (!w.leaving) voltage_record_command(w);
+  });
+}
+
+// The work file that the command line names, then the picture it asks for.
+void show_requested(workstation& w, const start_request& request) {
+  if (w.session.recording.n_samples == 0) return;
+  const auto show = [&w, wanted = request.show_voltage] { show_voltage_if_wanted(w, wanted); };
+  if (request.work_file.isEmpty()) {
+    show();
+    return;
+  }
+  run_with_progress(
+      w, "work_file_progress", "Reading the work file",
+      [path = request.work_file.toStdString()](session_state& session) {
+        bool wrong_file = false;
+        if (!read_work_file(session, path, wrong_file)) {
+          tell(session, "Failed to read file " + path, "Kestrelvane work file");
+        }
+      },
+      show);
+}
+
 // The recovery timer starts once the recording of the start is in and its messages have
 // been closed.
-void after_start(workstation& w) {
+void after_start(workstation& w, const start_request& request) {
   rebuild_recent_menu(w);
-  if (w.messages) {
-    QObject::connect(w.messages, &QObject::destroyed, w.frame, [&w] { begin_idle_loop(w); });
-  } else {
-    begin_idle_loop(w);
-  }
+  show_requested(w, request);
+  after_messages(w, [&w] { begin_idle_loop(w); });
 }
 
 void leave(workstation& w) {
@@ -111,7 +144,7 @@ void place_run_log(workstation& w) {
   window->setGeometry(0, area.height() - height, area.width(), height);
 }
 
-void start_workstation(workstation& w, const QString& argument) {
+void start_workstation(workstation& w, const start_request& request) {
   w.desk = new interface_desk(w);
   w.frame = new main_frame(w);
   attach_desk(w);
@@ -125,8 +158,11 @@ void start_workstation(workstation& w, const QString& argument) {
   read_settings(w);
   build_menus(w);
   start_operation(
-      w, [path = argument.toStdString()](session_state& session) { open_at_start(session, path); },
-      [&w] { after_start(w); });
+      w,
+      [path = request.recording.toStdString()](session_state& session) {
+        open_at_start(session, path);
+      },
+      [&w, request] { after_start(w, request); });
 }
 
 bool request_exit(workstation& w) {

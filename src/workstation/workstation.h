@@ -49,11 +49,18 @@ struct workstation {
   explicit workstation(session_state& of) : session(of) {}
 };
 
+// What the command line asks for.
+struct start_request {
+  QString recording;          // "" for none
+  QString work_file;          // read over the recording; "" for none
+  bool show_voltage = false;  // and the voltage record is opened
+};
+
 // --- start-up and exit (start_up.cpp)
 // Builds desk, frame, run log window and menus, reads the settings files, and ends in
 // the event loop's first turn with the recording of the command line or the offer to
-// resume or recover. argument: "" for none.
-void start_workstation(workstation& w, const QString& argument);
+// resume or recover.
+void start_workstation(workstation& w, const start_request& request);
 // The close request from any source: asks, saves, closes. False when an operation runs
 // that the user would rather keep.
 bool request_exit(workstation& w);

@@ -53,6 +53,7 @@ TEST(Preferences, AppliesAtOnceAndCancelGivesBack) {
   EXPECT_EQ(intervals->currentText(), "Never");
   w.tick(dialog, "verbose_log", true);
   w.press(dialog, "apply");
+  w.settle();
   EXPECT_TRUE(p.verbose_log);
   EXPECT_EQ(p.autorecover_minutes, 1.0e27f);
   small_session other;
@@ -87,6 +88,30 @@ TEST(Preferences, DefaultShowsTheTableAndKeepsNothingUntilOk) {
   EXPECT_EQ(p.pixels_per_uv, 0.5f);
   EXPECT_EQ(p.subcluster_colours[0], 0x2A22CD);
   EXPECT_EQ(p.autorecover_minutes, 5.0f);
+}
+
+TEST(Preferences, WindowSizesAreThoseOfTheChosenWindow) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  w.choose_entry("preferences");
+  QDialog* dialog = w.dialog("preferences_dialog");
+  const auto size = [&] {
+    return std::pair(w.control<number_field>(dialog, "window_width")->value(),
+                     w.control<number_field>(dialog, "window_height")->value());
+  };
+  EXPECT_EQ(size(), std::pair(400.0, 500.0));
+  auto* windows = w.control<QComboBox>(dialog, "window_list");
+  windows->setCurrentIndex(3);
+  EXPECT_EQ(size(), std::pair(510.0, 250.0));
+  w.set_number(dialog, "window_height", 320);
+  windows->setCurrentIndex(5);
+  EXPECT_EQ(size(), std::pair(790.0, 600.0));
+  w.press(dialog, "ok");
+  const preferences_record& p = w.session->preferences;
+  EXPECT_EQ(p.window_size[6], 510);
+  EXPECT_EQ(p.window_size[7], 320);
+  EXPECT_EQ(p.window_size[1], 500);
+  EXPECT_EQ(p.voltage_window_size[1], 600);
 }
 
 TEST(Strategy, EverySettingIsShownAndStored) {

@@ -46,7 +46,7 @@ driven_workstation::driven_workstation(const std::string& home, const std::strin
                                        bool answer_yes) {
   start_session(*session);
   session->home_directory = home;
-  start_workstation(shell, QString::fromStdString(argument));
+  start_workstation(shell, {QString::fromStdString(argument), {}, false});
   settle(answer_yes);
   close_messages();
 }

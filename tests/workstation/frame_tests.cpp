@@ -2,9 +2,11 @@
 #include <gmock/gmock.h>
 
 #include <QAction>
+#include <QDropEvent>
 #include <QMdiArea>
 #include <QMenu>
 #include <QMenuBar>
+#include <QMimeData>
 #include <QPlainTextEdit>
 #include <QToolBar>
 
@@ -139,6 +141,42 @@ TEST(Frame, RecentRecordingsAreNumberedAndOpen) {
   EXPECT_EQ(w.session->recording.n_samples, 0);
   EXPECT_EQ(w.session->recording.recording_path, "No data file");
   EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane");
+}
+
+TEST(Frame, ADroppedRecordingIsOpened) {
+  const temporary_directory home, data;
+  const std::string path = make_small_recording(data);
+  driven_workstation w(home.path);
+  const auto drop = [&](const QList<QUrl>& urls) {
+    QMimeData files;
+    files.setUrls(urls);
+    QDragEnterEvent enter(QPoint(50, 200), Qt::CopyAction, &files, Qt::LeftButton, {});
+    QApplication::sendEvent(w.shell.frame, &enter);
+    QDropEvent fall(QPointF(50, 200), Qt::CopyAction, &files, Qt::LeftButton, {});
+    if (enter.isAccepted()) QApplication::sendEvent(w.shell.frame, &fall);
+    w.settle();
+    w.close_messages();
+  };
+  drop({QUrl("http://example.com/a.tsf")});
+  drop({QUrl::fromLocalFile(QString::fromStdString(data.file("notes.doc")))});
+  EXPECT_EQ(w.session->recording.n_samples, 0);
+  EXPECT_EQ(w.told, QStringList("Unrecognised file type"));
+  drop({QUrl::fromLocalFile(QString::fromStdString(path))});
+  EXPECT_EQ(w.session->recording.recording_path, path);
+  // Another one over it asks first.
+  drop({QUrl::fromLocalFile(QString::fromStdString(path))});
+  EXPECT_TRUE(w.asked.last().startsWith("The new file will overwrite existing data"));
+}
+
+TEST(Frame, WithoutABrowserHelpSaysSo) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  const QByteArray path = qgetenv("PATH");
+  qputenv("PATH", home.path.c_str());
+  w.choose_entry("getting_started");
+  w.settle();
+  qputenv("PATH", path);
+  EXPECT_EQ(w.told, QStringList("Cannot find browser to open kv_getting_started.htm"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "detection/detection_run.h"
 #include "detection/sample_test.h"
 #include "recording/channel_masks.h"
+#include "session/settings_table.h"
 #include "signal/noise.h"
 #include "workstation/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
@@ -293,6 +294,19 @@ void leave_detection(const shared_detection& d) {
       [d] { d->dialog->accept(); });
 }
 
+// Shows the values of a new installation; they count once detection starts or is left.
+void restore_defaults(const shared_detection& d) {
+  session_state& session = d->w.session;
+  const detection_settings kept = session.detection;
+  const filter_settings kept_filter = session.filter;
+  const review_settings kept_review = session.review;
+  set_default_parameters(session);
+  d->form.load();
+  session.detection = kept;
+  session.filter = kept_filter;
+  session.review = kept_review;
+}
+
 void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProgressBar* bar) {
   operation_dialog* dialog = d->dialog;
   QPushButton* start = add_button(buttons, "start", "Start", QDialogButtonBox::ActionRole,
@@ -300,8 +314,12 @@ void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProg
   QPushButton* stop = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
                                  "Stop looking; what has been found is clustered into events");
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  QPushButton* defaults =
+      add_button(buttons, "restore_defaults", "Restore defaults", QDialogButtonBox::ResetRole,
+                 "The values of a new installation");
+  start->setDefault(true);
   stop->setEnabled(false);
-  dialog->disabled_while_running << start << done;
+  dialog->disabled_while_running << start << done << defaults;
   const QList<QGroupBox*> sections = dialog->findChildren<QGroupBox*>();
   for (QGroupBox* section : sections) dialog->disabled_while_running << section;
   dialog->enabled_while_running << stop;
@@ -312,6 +330,7 @@ void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProg
     d->message->setText("Interrupting: finishing the current step ...");
   });
   QObject::connect(done, &QPushButton::clicked, dialog, [d] { leave_detection(d); });
+  QObject::connect(defaults, &QPushButton::clicked, dialog, [d] { restore_defaults(d); });
   QObject::connect(d->w.desk, &interface_desk::progressed, dialog,
                    [bar](meter which, int value, int range) {
                      if (which != meter::detection) return;

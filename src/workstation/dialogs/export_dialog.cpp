@@ -112,6 +112,7 @@ void export_command(workstation& w) {
   QPushButton* save = add_button(buttons, "save_as", "Save As", QDialogButtonBox::ActionRole,
                                  "Choose a file and write it");
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  save->setDefault(true);
   layout->addWidget(buttons);
   dialog->setMinimumWidth(460);
   dialog->disabled_while_running << save << done << x->format;

@@ -132,6 +132,7 @@ void filter_command(workstation& w) {
   QPushButton* stop = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
                                  "Finish the step under way and leave out the later ones");
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  start->setDefault(true);
   stop->setEnabled(false);
   dialog->disabled_while_running << start << done << box;
   dialog->enabled_while_running << stop;

@@ -92,6 +92,14 @@ void show_colour(QPushButton* button, std::int32_t word) {
   button->setIconSize(patch.size());
 }
 
+// A copy, since each field stores what both show as soon as it changes.
+void show_size(preferences_window& p, int entry) {
+  const auto size = p.sizes[static_cast<std::size_t>(entry)];
+  p.width->setValue(size[0]);
+  p.height->setValue(size[1]);
+  p.sizes[static_cast<std::size_t>(entry)] = size;
+}
+
 void load(preferences_window& p) {
   preferences_record& record = p.w.session.preferences;
   p.form.load();
@@ -105,8 +113,7 @@ void load(preferences_window& p) {
     const std::int32_t* size = size_of_window(record, i);
     p.sizes[static_cast<std::size_t>(i)] = {size[0], size[1]};
   }
-  p.width->setValue(p.sizes[static_cast<std::size_t>(p.window_list->currentIndex())][0]);
-  p.height->setValue(p.sizes[static_cast<std::size_t>(p.window_list->currentIndex())][1]);
+  show_size(p, p.window_list->currentIndex());
   p.theme->setCurrentIndex(static_cast<int>(chosen_theme()));
   p.keep_peaks->setChecked(p.w.session.view.vd_keep_peaks);
 }
@@ -139,6 +146,7 @@ bool apply(preferences_window& p) {
   preferences_record& record = session.preferences;
   session.multi_threaded_now = record.multi_threaded;
   record.autorecover_minutes = intervals[p.autorecover->currentIndex()].minutes;
+  set_autorecover_interval(p.w.autorecover, record.autorecover_minutes);
   std::copy(p.colours.begin(), p.colours.end(), record.subcluster_colours);
   open_log_if_wanted(p.w);
   session.view.vd_keep_peaks = p.keep_peaks->isChecked();
@@ -146,7 +154,9 @@ bool apply(preferences_window& p) {
   choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
   apply_theme();
   store_window_size(p);
-  write_preferences(session);
+  // On the worker, since the file is flushed to the device.
+  start_operation(
+      p.w, [](session_state& of) { write_preferences(of); }, nullptr);
   return true;
 }
 
@@ -280,11 +290,8 @@ QGroupBox* sizes_box(const shared_window& p) {
   };
   QObject::connect(p->width, &QDoubleSpinBox::valueChanged, p->dialog, keep);
   QObject::connect(p->height, &QDoubleSpinBox::valueChanged, p->dialog, keep);
-  QObject::connect(p->window_list, &QComboBox::currentIndexChanged, p->dialog, [p](int entry) {
-    const auto size = p->sizes[static_cast<std::size_t>(entry)];
-    p->width->setValue(size[0]);
-    p->height->setValue(size[1]);
-  });
+  QObject::connect(p->window_list, &QComboBox::currentIndexChanged, p->dialog,
+                   [p](int entry) { show_size(*p, entry); });
   auto* column = new QVBoxLayout;
   column->addLayout(row);
   auto* words = new QHBoxLayout;
@@ -351,6 +358,7 @@ void preferences_command(workstation& w) {
   p->before = w.session.preferences;
   auto* pages = new QTabWidget;
   pages->setObjectName("pages");
+  pages->setUsesScrollButtons(false);
   pages->addTab(program_page(*p), "Program");
   pages->addTab(windows_page(p), "Windows");
   pages->addTab(scales_page(*p), "Scales");

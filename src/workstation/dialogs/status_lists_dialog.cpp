@@ -34,6 +34,7 @@ void status_lists_command(workstation& w) {
   QPushButton* begin = add_button(buttons, "begin", "Begin", QDialogButtonBox::ActionRole,
                                   "Compare all pairs anew; forgets the marks of the user");
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  begin->setDefault(true);
   dialog->disabled_while_running << begin << done;
   auto* layout = new QVBoxLayout(dialog);
   layout->addLayout(rows);

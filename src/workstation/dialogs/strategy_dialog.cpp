@@ -211,6 +211,7 @@ void strategy_command(workstation& w) {
   const auto form = std::make_shared<settings_form>(w.session, dialog);
   auto* pages = new QTabWidget;
   pages->setObjectName("pages");
+  pages->setUsesScrollButtons(false);
   pages->addTab(templates_page(*form), "Templates");
   pages->addTab(clusters_page(*form), "First clusters");
   pages->addTab(clustering_page(*form), "Clustering");

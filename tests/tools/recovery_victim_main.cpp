@@ -1,0 +1,72 @@
+// A run of the program for the test that kills it: recovers what the home has, then works
+// and saves until it is killed. Arguments: home, work file, file of the notes.
+#include <cstdio>
+#include <memory>
+#include <thread>
+
+#include "numerics/parallel.h"
+#include "results/program_run.h"
+#include "results/recovery.h"
+#include "results/work_file.h"
+#include "support/recovery_victim.h"
+#include "support/scripted_interface.h"
+
+using namespace kestrelvane;
+using namespace kestrelvane::test;
+
+namespace {
+
+void change_once(session_state& session, victim_notes& notes) {
+  const session_hold hold(session);
+  const std::int64_t k = notes.changes + 1;
+  make_change(session, k);
+  notes.made_at[k] = steady_ns();
+  notes.changes = k;
+}
+
+void save_work(session_state& session, victim_notes& notes, const std::string& path) {
+  const session_hold hold(session);
+  notes.wrk_begun = notes.changes.load();
+  if (write_work_file(session, path)) notes.wrk_done = notes.wrk_begun.load();
+}
+
+// Works for a minute at most, should nobody come to kill it.
+void work(session_state& session, victim_notes& notes, const std::string& work_file) {
+  constexpr std::int64_t second = 1000000000;
+  const std::int64_t begun = steady_ns();
+  std::int64_t saved = begun;
+  while (steady_ns() - begun < 60 * second && notes.changes + 1 < victim_notes::limit) {
+    change_once(session, notes);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (steady_ns() - saved < second / 8) continue;
+    save_work(session, notes, work_file);
+    saved = steady_ns();
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  flush_denormals();
+  if (argc != 4) return 2;
+  victim_notes* notes = map_notes(argv[3]);
+  if (notes == nullptr) return 2;
+  const auto session = std::make_unique<session_state>();
+  start_session(*session);
+  scripted_interface user;
+  user.attach(*session);
+  user.default_answer = true;
+  session->ui.run_log_window = nullptr;  // the timer's thread writes there
+  session->home_directory = argv[1];
+  session->preferences.autorecover_minutes = static_cast<float>(victim_interval_ms) / 60000.0f;
+  std::fputs("started\n", stderr);
+  if (!open_at_start(*session, "")) return 3;
+  notes->changes = change_of(*session);
+  if (notes->changes < 1) return 4;
+  autorecover_timer timer;
+  timer.look_every = std::chrono::milliseconds(victim_look_ms);
+  start_autorecover(timer, *session);
+  work(*session, *notes, argv[2]);
+  stop_autorecover(timer);
+  return 0;
+}

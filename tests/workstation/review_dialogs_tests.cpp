@@ -1,0 +1,261 @@
+// Dialogs that look a recording or a sort over: acquisition properties, the sorting
+// summary, realignment.
+#include <QComboBox>
+#include <QHeaderView>
+#include <QLabel>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTableView>
+#include <filesystem>
+
+#include "clustering/cluster_operations.h"
+#include "sorting/realign_steps.h"
+#include "sorting/status_lists.h"
+#include "support/plain_forms.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/setting_controls.h"
+
+namespace kestrelvane::test {
+namespace {
+
+// A workstation with a sort in memory, made on the worker as a user's would be.
+struct sorted_workstation : driven_workstation {
+  explicit sorted_workstation(const std::string& home) : driven_workstation(home) {
+    start_operation(
+        shell,
+        [](session_state& s) {
+          make_busy_recording(s, 4, 100000, 41);
+          for (std::int32_t c = 1; c <= 4; ++c) s.recording.chan_noise[c] = 7;
+          recalculate_all_templates(s);
+          s.clusters.current_cluster = 2;
+        },
+        nullptr);
+    settle();
+  }
+  QString text(QDialog* in, const char* label) { return control<QLabel>(in, label)->text(); }
+  std::vector<float> places() const {
+    std::vector<float> all;
+    for (std::int32_t e = 1; e <= session->events.n_events; ++e) {
+      all.push_back(static_cast<float>(session->events.event_time[e]));
+      all.push_back(session->events.event_shift[e]);
+    }
+    return all;
+  }
+};
+
+TEST(AcquisitionProperties, ChangesAreKeptByOkAndTakenBackByCancel) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  recording_store& r = w.session->recording;
+  const float vscale = r.vscale_HP;
+  w.session->current_channel = 3;
+  w.choose_entry("acquisition_properties");
+  QDialog* dialog = w.dialog("acquisition_dialog");
+  const auto text = [&](const char* name) { return w.control<QLabel>(dialog, name)->text(); };
+  EXPECT_EQ(w.session->current_channel, 1);
+  EXPECT_EQ(text("n_channels"), "4");
+  EXPECT_EQ(text("sampling_frequency"), QString("%1 Hz").arg(r.sampling_frequency));
+  EXPECT_EQ(text("n_samples"), QString::number(r.n_samples));
+  w.control<QSpinBox>(dialog, "channel")->setValue(4);
+  EXPECT_EQ(w.session->current_channel, 4);
+  EXPECT_EQ(text("y_position"), QString("%1 µm").arg(r.chan_y[4]));
+
+  w.set_number(dialog, "new_vscale", 0.5);
+  w.press(dialog, "change_vscale");
+  w.settle();
+  EXPECT_EQ(r.vscale_HP, 0.5f);
+  EXPECT_EQ(text("vscale"), "0.5 µV/bit");
+  for (int c = 1; c <= 4; ++c) r.chan_y[c] = static_cast<std::int16_t>(100 - 20 * c);
+  w.set_number(dialog, "scan_angle", 90);
+  w.press(dialog, "recalculate");
+  w.settle();
+  EXPECT_EQ(r.chan_sort_order[1], 4);
+  EXPECT_EQ(text("sort_order"), "1");
+  w.press(dialog, "linear");
+  w.settle();
+  EXPECT_EQ(text("sort_order"), "4");
+  w.press(dialog, "recalculate");
+  w.settle();
+  w.press(dialog, "cancel");
+  w.settle();
+  EXPECT_EQ(r.vscale_HP, vscale);
+  EXPECT_EQ(r.chan_sort_order[1], 1);
+
+  w.choose_entry("acquisition_properties");
+  dialog = w.dialog("acquisition_dialog");
+  w.set_number(dialog, "new_vscale", 0.25);
+  w.press(dialog, "change_vscale");
+  w.settle();
+  w.press(dialog, "ok");
+  w.settle();
+  EXPECT_EQ(r.vscale_HP, 0.25f);
+}
+
+TEST(AcquisitionProperties, SavesTheConfigurationAndAsksBeforeReplacingIt) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path);
+  w.choose_entry("acquisition_properties");
+  w.settle();
+  EXPECT_EQ(w.told, QStringList{"No recording data in memory"});
+  start_operation(
+      w.shell,
+      [&](session_state& s) {
+        make_recording(s, 2, 1000);
+        s.recording.recording_path = data.file("shank.tsf");
+      },
+      nullptr);
+  w.settle();
+  w.choose_entry("acquisition_properties");
+  QDialog* dialog = w.dialog("acquisition_dialog");
+  w.press(dialog, "save_configuration");
+  w.settle();
+  EXPECT_TRUE(w.told.contains("Configuration file saved"));
+  const std::string config = data.file("shank.cfg");
+  ASSERT_TRUE(std::filesystem::exists(config));
+  write_bytes(config, {'m', 'i', 'n', 'e'});
+  w.press(dialog, "save_configuration");
+  w.settle(false);
+  EXPECT_EQ(read_bytes(config).size(), 4u) << "declined";
+  w.press(dialog, "save_configuration");
+  w.settle(true);
+  EXPECT_GT(read_bytes(config).size(), 4u);
+}
+
+TEST(SortingSummary, SortsByItsHeadingsAndLeavesTheCurrentCluster) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  const std::int32_t n = w.session->clusters.n_clusters;
+  w.choose_entry("sorting_statistics");
+  QDialog* dialog = w.dialog("summary_dialog");
+  w.settle();
+  auto* table = w.control<QTableView>(dialog, "summary_table");
+  const auto cell = [&](int row, int column) {
+    return table->model()->index(row, column).data().toString();
+  };
+  ASSERT_EQ(table->model()->rowCount(), n);
+  EXPECT_EQ(w.text(dialog, "n_events").toInt(), w.session->events.n_events);
+  EXPECT_EQ(w.text(dialog, "n_stable"), "0");
+  EXPECT_EQ(cell(0, 0), "1");
+  EXPECT_EQ(cell(0, 6), " unknown");
+  EXPECT_EQ(table->model()->headerData(4, Qt::Horizontal).toString(), "p-p µV");
+  // A press on a heading, and another one.
+  const auto press = [&](int column) {
+    QHeaderView* heading = table->horizontalHeader();
+    const auto order = heading->sortIndicatorSection() == column &&
+                               heading->sortIndicatorOrder() == Qt::AscendingOrder
+                           ? Qt::DescendingOrder
+                           : Qt::AscendingOrder;
+    heading->setSortIndicator(column, order);
+  };
+  press(3);
+  for (int row = 1; row < n; ++row) EXPECT_LE(cell(row - 1, 3).toInt(), cell(row, 3).toInt());
+  press(3);
+  for (int row = 1; row < n; ++row) EXPECT_GE(cell(row - 1, 3).toInt(), cell(row, 3).toInt());
+  EXPECT_EQ(w.session->clusters.current_cluster, 2);
+  emit table->doubleClicked(table->model()->index(0, 0));
+  EXPECT_EQ(w.session->clusters.current_cluster, cell(0, 0).toInt());
+
+  table->setColumnWidth(1, 123);
+  w.press(dialog, "done");
+  w.choose_entry("sorting_statistics");
+  dialog = w.dialog("summary_dialog");
+  w.settle();
+  EXPECT_EQ(w.control<QTableView>(dialog, "summary_table")->columnWidth(1), 123);
+}
+
+TEST(Realign, OneClusterAllOfThemAndBack) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  const std::vector<float> before = w.places();
+  w.choose_entry("realign");
+  QDialog* dialog = w.dialog("realign_dialog");
+  w.settle();
+  EXPECT_EQ(w.control<QSpinBox>(dialog, "cluster")->value(), 2);
+  EXPECT_EQ(w.text(dialog, "cluster_events").toInt(), count_cluster_events(*w.session, 2));
+  const QString sd = w.text(dialog, "template_sd"), mean = w.text(dialog, "mean_template_sd");
+  EXPECT_EQ(sd, QString::number(template_sd_uv(*w.session, 2), 'f', 3) + " µV");
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "undo_templates")->isEnabled());
+
+  w.control<QComboBox>(dialog, "template_align_mode")->setCurrentIndex(0);
+  EXPECT_EQ(w.session->strategy.template_align_mode, 9) << "only Realign takes it";
+  w.press(dialog, "realign_template");
+  w.settle();
+  EXPECT_EQ(w.session->strategy.template_align_mode, 1);
+  EXPECT_NE(w.places(), before);
+  EXPECT_NE(w.text(dialog, "template_sd"), sd);
+  auto* cluster = w.control<QSpinBox>(dialog, "cluster");
+  cluster->setValue(1);
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "undo_events")->isEnabled())
+      << "the copy is of another cluster";
+  cluster->setValue(2);
+  w.press(dialog, "undo_events");
+  w.settle();
+  EXPECT_EQ(w.places(), before);
+  EXPECT_EQ(w.text(dialog, "template_sd"), sd);
+
+  w.control<QComboBox>(dialog, "event_align_mode")->setCurrentIndex(2);
+  w.press(dialog, "realign_events");
+  w.settle();
+  w.press(dialog, "realign_all_templates");
+  w.settle();
+  w.press(dialog, "realign_all_events");
+  w.settle();
+  EXPECT_NE(w.text(dialog, "mean_template_sd"), mean);
+  EXPECT_NE(w.places(), before);
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "undo_templates")->isEnabled());
+  cluster->setValue(3);
+  w.press(dialog, "undo_all");
+  w.settle(true);
+  EXPECT_EQ(w.places(), before);
+  EXPECT_EQ(w.session->clusters.current_cluster, 2);
+  EXPECT_EQ(check_session(*w.session), "");
+  EXPECT_EQ(w.session->undo, nullptr);
+  EXPECT_EQ(w.asked, QStringList{"Continue to use newly selected template realignment method?"});
+  EXPECT_EQ(w.session->strategy.template_align_mode, 1) << "answered with yes";
+}
+
+TEST(Realign, TheOldMethodComesBackWithNo) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  w.choose_entry("realign");
+  QDialog* dialog = w.dialog("realign_dialog");
+  w.settle();
+  w.press(dialog, "done");
+  w.settle();
+  EXPECT_EQ(w.asked, QStringList{}) << "nothing was chosen";
+  w.choose_entry("realign");
+  dialog = w.dialog("realign_dialog");
+  w.settle();
+  w.control<QComboBox>(dialog, "template_align_mode")->setCurrentIndex(4);
+  w.press(dialog, "realign_template");
+  w.settle();
+  const std::vector<float> moved = w.places();
+  w.press(dialog, "done");
+  w.settle(false);
+  EXPECT_EQ(w.asked.size(), 1);
+  EXPECT_EQ(w.session->strategy.template_align_mode, 9);
+  EXPECT_EQ(w.places(), moved) << "the events stay where they were moved to";
+}
+
+TEST(Realign, NeedsClusters) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  for (const char* entry : {"realign", "recalculate_templates"}) {
+    w.told.clear();
+    w.choose_entry(entry);
+    w.settle();
+    EXPECT_EQ(w.told, QStringList{"No recording data in memory"}) << entry;
+  }
+  start_operation(
+      w.shell, [](session_state& s) { make_recording(s, 2, 1000); }, nullptr);
+  w.settle();
+  for (const char* entry : {"realign", "recalculate_templates"}) {
+    w.told.clear();
+    w.choose_entry(entry);
+    w.settle();
+    EXPECT_EQ(w.told, QStringList{"There are no clusters"}) << entry;
+  }
+}
+
+}  // namespace
+}  // namespace kestrelvane::test

@@ -1,0 +1,188 @@
+// The voltage record's window and dialog, and what every graph window can do.
+#include <QAction>
+#include <QCheckBox>
+#include <QClipboard>
+#include <QLabel>
+#include <QRadioButton>
+#include <QScrollBar>
+#include <QSlider>
+#include <QSpinBox>
+#include <QTest>
+#include <QWheelEvent>
+
+#include "signal/display_scale.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/graph_windows.h"
+#include "workstation/setting_controls.h"
+#include "workstation/voltage_window.h"
+
+namespace kestrelvane::test {
+namespace {
+
+// A recording on show, with the dialog open.
+struct voltage_on_show {
+  temporary_directory home, data;
+  driven_workstation w{home.path, make_small_recording(data)};
+  QDialog* dialog = nullptr;
+
+  voltage_on_show() {
+    w.choose_entry("voltage_record");
+    dialog = w.dialog("voltage_dialog");
+  }
+  graph_surface* surface() { return w.shell.graphs[0]->surface(); }
+  voltage_view& view() { return w.session->view; }
+  void turn(int notches, Qt::KeyboardModifiers keys) {
+    QWheelEvent event(QPointF(200, 200), surface()->mapToGlobal(QPointF(200, 200)), {},
+                      QPoint(0, 120 * notches), Qt::NoButton, keys, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(surface(), &event);
+  }
+};
+
+TEST(VoltageWindow, IsAsLargeAsThePreferencesSay) {
+  voltage_on_show v;
+  EXPECT_EQ(v.w.shell.graphs[0]->windowTitle(), "Event display");
+  EXPECT_EQ(v.surface()->size(), QSize(790, 600));
+  EXPECT_EQ(v.view().vd_width, 790);
+  // Left at another size by the user, it is remade at the size asked for.
+  v.w.shell.graphs[0]->resize(500, 400);
+  v.w.choose_entry("voltage_record");
+  EXPECT_EQ(v.surface()->size(), QSize(790, 600));
+}
+
+TEST(VoltageWindow, WheelAndKeysMoveZoomAndScale) {
+  voltage_on_show v;
+  v.view().vd_first_sample = 20000;
+  v.turn(-1, Qt::NoModifier);
+  const std::int32_t moved = v.view().vd_first_sample;
+  EXPECT_GT(moved, 20000);
+  v.turn(1, Qt::NoModifier);
+  EXPECT_EQ(v.view().vd_first_sample, 20000);
+  const float time = v.w.session->display.vd_time_scale;
+  v.turn(1, Qt::ControlModifier);
+  EXPECT_GT(v.w.session->display.vd_time_scale, time);
+  const float voltage = v.w.session->display.vd_voltage_scale;
+  v.turn(1, Qt::ShiftModifier);
+  EXPECT_GT(v.w.session->display.vd_voltage_scale, voltage);
+  const std::int32_t before = v.view().vd_first_sample;
+  QTest::keyClick(v.surface(), Qt::Key_PageDown);
+  EXPECT_GT(v.view().vd_first_sample, before);
+  QTest::keyClick(v.surface(), Qt::Key_Home);
+  EXPECT_EQ(v.view().vd_first_sample, 1);
+}
+
+TEST(VoltageWindow, PointingReadsOut) {
+  voltage_on_show v;
+  QTest::mouseMove(v.surface(), QPoint(300, 40));
+  QTest::mouseClick(v.surface(), Qt::LeftButton, {}, QPoint(300, 40));
+  EXPECT_TRUE(v.w.shell.voltage->shows_reading);
+  const QImage with = v.surface()->picture();
+  v.w.shell.voltage->shows_reading = false;
+  EXPECT_NE(with, v.surface()->picture());
+}
+
+TEST(VoltageDialog, ControlsMoveTheViewAndFollowIt) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  display_settings& d = w.session->display;
+  w.control<QSpinBox>(v.dialog, "vd_time_scale_step")->setValue(1005);
+  EXPECT_EQ(d.vd_time_scale, time_scale_at(1005));
+  w.set_number(v.dialog, "vd_voltage_scale", 0.35);
+  EXPECT_EQ(d.vd_voltage_scale, 0.35f);
+  EXPECT_EQ(w.control<QSpinBox>(v.dialog, "vd_voltage_scale_step")->value(),
+            position_of_voltage_scale(0.35f));
+  w.control<QSpinBox>(v.dialog, "vd_channel_spacing")->setValue(64);
+  EXPECT_EQ(d.vd_channel_spacing, 64);
+  w.control<QSlider>(v.dialog, "vd_slider_position")->setValue(135);
+  const std::int32_t middle = v.view().vd_first_sample;
+  EXPECT_NEAR(middle, w.session->recording.n_samples / 2, w.session->recording.n_samples / 100);
+  w.press(v.dialog, "move_coarse_on");
+  EXPECT_GT(v.view().vd_first_sample, middle);
+  w.press(v.dialog, "move_fine_back");
+  EXPECT_FALSE(w.control<QLabel>(v.dialog, "position_minutes")->text().isEmpty());
+  w.set_number(v.dialog, "index", 5000);
+  w.press(v.dialog, "go_to_index");
+  EXPECT_EQ(v.view().vd_first_sample, 5000 - v.view().vd_lead_samples);
+  w.control<QScrollBar>(v.dialog, "vd_first_channel")->setValue(3);
+  EXPECT_EQ(v.view().vd_first_channel, 3);
+  w.tick(v.dialog, "vd_grey_scale", true);
+  EXPECT_TRUE(v.view().vd_grey_scale);
+  for (const char* box : {"vd_show_events", "vd_cluster_colours", "vd_cluster_numbers",
+                          "vd_msec_grid", "vd_reverse_contrast", "vd_show_template_channel"}) {
+    const QImage before = v.surface()->picture();
+    auto* tick = w.control<QCheckBox>(v.dialog, box);
+    tick->click();
+    tick->click();
+    EXPECT_EQ(v.surface()->picture(), before) << box;
+  }
+  EXPECT_FALSE(w.control<QCheckBox>(v.dialog, "vd_show_proto_events")->isEnabled());
+}
+
+TEST(VoltageDialog, JumpsToEventsAndRingsThem) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  w.choose_entry("event_detection");
+  QDialog* detection = w.dialog("event_detection_dialog");
+  w.settle();
+  w.press(detection, "start");
+  w.settle();
+  w.press(detection, "done");
+  w.settle();
+  const event_table& events = w.session->events;
+  ASSERT_GT(events.n_events, 10);
+  w.choose_entry("voltage_record");  // a new dialog, over the events
+  v.dialog = w.dialog("voltage_dialog");
+  EXPECT_TRUE(w.control<QCheckBox>(v.dialog, "vd_show_proto_events")->isEnabled());
+  w.set_number(v.dialog, "event", 7);
+  w.press(v.dialog, "go_to_event");
+  EXPECT_EQ(v.view().vd_first_sample, std::max(events.event_time[7] - v.view().vd_lead_samples, 1));
+  w.set_number(v.dialog, "channel", events.event_channel[7]);
+  w.press(v.dialog, "go_to_channel");
+  EXPECT_TRUE(v.view().vd_highlight_on);
+  const int reached = static_cast<int>(w.control<number_field>(v.dialog, "event")->value());
+  EXPECT_GT(reached, 7);
+  EXPECT_EQ(events.event_channel[reached], events.event_channel[7]);
+}
+
+TEST(GraphWindow, ARectangleGoesToTheClipboard) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  auto* copy = w.shell.frame->findChild<QAction*>("button_40007");
+  EXPECT_FALSE(copy->isEnabled());
+  QApplication::clipboard()->clear();
+  const auto drag = [&](QPoint from, QPoint to) {
+    w.choose_entry("button_40004");
+    QTest::mousePress(v.surface(), Qt::LeftButton, {}, from);
+    QTest::mouseMove(v.surface(), to);
+    QTest::mouseRelease(v.surface(), Qt::LeftButton, {}, to);
+  };
+  drag(QPoint(50, 60), QPoint(50, 60));
+  EXPECT_FALSE(copy->isEnabled()) << "a rectangle of no size";
+  drag(QPoint(150, 160), QPoint(50, 60));
+  ASSERT_TRUE(copy->isEnabled());
+  w.choose_entry("button_40007");
+  EXPECT_EQ(QApplication::clipboard()->image().size(), QSize(100, 100));
+  EXPECT_FALSE(copy->isEnabled());
+}
+
+TEST(GraphWindow, SavesItsPictureAndArranges) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  const QString path = QString::fromStdString(v.data.file("picture.png"));
+  w.choose_entry("save_bitmap");
+  w.settle(true, {path});
+  EXPECT_EQ(QImage(path).size(), v.surface()->picture().size());
+  w.shell.graphs[0]->move(200, 100);
+  w.choose_entry("auto_arrange");
+  EXPECT_EQ(w.shell.graphs[0]->pos(), QPoint(0, 0));
+  w.choose_entry("cascade");
+  EXPECT_EQ(w.shell.graphs[0]->pos(), QPoint(0, 0));
+  // Where the user leaves it, the next run finds it.
+  w.shell.graphs[0]->move(30, 40);
+  w.leave(false);
+  driven_workstation next(v.home.path);
+  EXPECT_EQ(next.session->preferences.window_origin[10], 30);
+  EXPECT_EQ(next.session->preferences.window_origin[11], 40);
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
