@@ -61,10 +61,12 @@ void report_settings(session_state& session) {
 
 void clean_events(session_state& session) {
   const std::int32_t coincident = delete_coincident_events(session);
+  set_status(session, status_field::coincident_deleted, std::to_string(coincident));
   log_message(session, std::to_string(coincident) + " coincident events were deleted");
   log_message(session, std::to_string(coincident) + " coincident events were removed");
   if (!session.detection.delete_large_events) return;
   const std::int32_t large = delete_large_events(session);
+  set_status(session, status_field::large_deleted, std::to_string(large));
   log_message(session, std::to_string(large) + " were deleted");
   log_message(session, std::to_string(large) + " large events were removed");
 }

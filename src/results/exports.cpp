@@ -147,7 +147,7 @@ const export_format* find_export_format(std::string_view name) {
 bool export_is_possible(session_state& session, const export_format& format) {
   if (format.accepts != nullptr && !format.accepts(session)) return false;
   if (format.write != nullptr) return true;
-  tell(session, fmt::format("There is no writer for the format {} yet", format.label),
+  tell(session, fmt::format("The format {} is not available in this version.", format.label),
        "Can't save data");
   return false;
 }

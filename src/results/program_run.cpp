@@ -23,6 +23,18 @@ void remove_home_file(const session_state& session, const char* name) {
   std::filesystem::remove(session.home_directory + '/' + name, ignored);
 }
 
+// The first save of this run takes the place of a state that nobody was asked about; that
+// one is put aside.
+void keep_earlier_state(session_state& session) {
+  if (!has_home_file(session, autorecover_file_name)) return;
+  std::error_code failed;
+  std::filesystem::rename(session.home_directory + '/' + autorecover_file_name,
+                          session.home_directory + '/' + earlier_state_name, failed);
+  if (failed) return;
+  log_message(session, std::string("The state that an earlier run saved is kept as work file ") +
+                           earlier_state_name);
+}
+
 // The recording of the command line. False when there is no such file, and the questions
 // about earlier runs follow.
 bool open_argument(session_state& session, const std::string& argument) {
@@ -38,6 +50,7 @@ bool open_argument(session_state& session, const std::string& argument) {
     return true;
   }
   open_recording_worker(session);
+  if (session.recording.n_samples > 0) keep_earlier_state(session);
   save_autorecover(session);
   return true;
 }

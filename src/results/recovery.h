@@ -20,6 +20,9 @@ namespace kestrelvane {
 constexpr const char* restart_file_name = "kv_restart.sav";
 constexpr const char* autorecover_file_name = "kv_autorecover.sav";
 constexpr const char* autorecover_temporary_name = "kv_autorecover.tmp";
+// What a crashed run left when the next one was started with a recording of its own; a
+// work file for "Open work file".
+constexpr const char* earlier_state_name = "kv_autorecover_earlier.wrk";
 
 // Waits its turn at the session gate, writes the temporary file and gives it its name.
 // True when a complete save stands; nothing is done without a recording.

@@ -19,8 +19,9 @@ void write_padded(safe_file& out, const std::string& text, std::int64_t length) 
   write_text(out, padded);
 }
 
-void write_templates(safe_file& out, const session_state& session, const table<float>& blocks) {
-  template_planes planes = template_planes_of(session, count_session(session));
+void write_templates(safe_file& out, const session_state& session, const work_file_counts& counts,
+                     const table<float>& blocks) {
+  template_planes planes = template_planes_of(session, counts);
   for (std::int32_t first = 1; first <= planes.n_points && !out.failed; first += planes.chunk) {
     const std::int32_t n = std::min(planes.chunk, planes.n_points + 1 - first);
     gather_planes(planes, blocks.base(), first, n);
@@ -74,7 +75,7 @@ void write_row(safe_file& out, session_state& session, const work_file_row& row,
       write_bytes(out, first, static_cast<std::size_t>(row_bytes(row, counts)));
       break;
     case row_form::templates:
-      write_templates(out, session, *static_cast<const table<float>*>(first));
+      write_templates(out, session, counts, *static_cast<const table<float>*>(first));
       break;
     case row_form::channel_lists:
       write_channel_lists(out, session);

@@ -448,18 +448,18 @@ bool setting_in_range(const setting_row& row, double value) {
 
 std::int32_t settle_settings(session_state& session) {
   std::int32_t n_settled = 0;
-  const auto restore = [&](const setting_row& row) {
-    log_message(session,
-                fmt::format("{} = {} is not possible, {} is used", row.name,
-                            setting_text(session, row), static_cast<float>(row.default_value)));
-    store_setting(session, row, 0, row.default_value);
+  const auto restore = [&](const setting_row& row, std::int32_t element = 0) {
+    log_message(session, fmt::format("{} = {} is not possible, {} is used", row.name,
+                                     setting_text(session, row, element),
+                                     static_cast<float>(row.default_of(element))));
+    store_setting(session, row, element, row.default_of(element));
     ++n_settled;
   };
   for (const setting_row& row : rows) {
-    const bool steers_processing =
-        row.group == setting_group::parameters || row.group == setting_group::strategy;
-    if (!steers_processing) continue;
-    if (!setting_in_range(row, setting_value(session, row))) restore(row);
+    if (row.address == nullptr) continue;
+    for (std::int32_t i = 0; i < row.count; ++i) {
+      if (!setting_in_range(row, setting_value(session, row, i))) restore(row, i);
+    }
   }
   const sorting_strategy_settings& s = session.strategy;
   if (s.interp_depth * s.interp_width > interp_table_size) {

@@ -78,8 +78,9 @@ bool set_setting(session_state& session, std::string_view name, std::string_view
 // True when a value lies in the row's range, compared in the width of the setting.
 bool setting_in_range(const setting_row& row, double value);
 
-// Before a long operation: what a file may have brought and no stage can bear goes back
-// to its default, with a line in the log for each. Returns how many did.
+// Before a long operation, and before the first window: what a file may have brought and
+// no stage or window can bear goes back to its default, with a line in the log for each.
+// Returns how many did.
 std::int32_t settle_settings(session_state& session);
 
 // The built-in defaults. Start-up applies them in this order; "Restore defaults" and

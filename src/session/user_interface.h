@@ -33,9 +33,11 @@ enum class meter {
 
 // Text fields that engine routines fill.
 enum class status_field {
-  message,       // the message line of the running operation
-  elapsed_time,  // seconds or minutes, as the operation words it
-  events_found,  // "# found"
+  message,             // the message line of the running operation
+  elapsed_time,        // seconds or minutes, as the operation words it
+  events_found,        // "# found"
+  coincident_deleted,  // events that a clean-up took out
+  large_deleted,
   clusters_found,
   stable_clusters,
   current_cluster,  // "Now on cluster"

@@ -70,6 +70,9 @@ bool put_back_event_times(session_state& session, const event_times_copy& copy) 
 
 double template_sd_uv(const session_state& session, std::int32_t cluster) {
   if (!has_cluster(session, cluster)) return 0;
+  // A template that is flat on every channel has no centre.
+  const std::int32_t centre = session.templates.centre_channel(cluster);
+  if (centre < 1 || centre > session.recording.n_channels) return 0;
   return double{template_sd_rms(session, cluster)} * session.recording.vscale_HP;
 }
 

@@ -18,6 +18,7 @@ void exit_command(workstation& w);
 
 // --- graph windows (graph_commands.cpp)
 void save_bitmap_command(workstation& w);
+void save_graph_command(workstation& w);  // of a window's own menu
 void print_command(workstation& w);
 void select_rectangle_command(workstation& w);
 void copy_selection_command(workstation& w);

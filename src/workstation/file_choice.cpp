@@ -25,7 +25,7 @@ QString with_both_cases(const QString& filter) {
     if (!patterns.contains(word)) patterns << word;
     if (!patterns.contains(word.toLower())) patterns << word.toLower();
   }
-  return filter.left(match.capturedStart()) + " (" + patterns.join(' ') + ')';
+  return filter.left(match.capturedStart()).trimmed() + " (" + patterns.join(' ') + ')';
 }
 
 }  // namespace

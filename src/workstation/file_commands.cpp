@@ -5,6 +5,7 @@
 #include "recording/recording_formats.h"
 #include "results/program_run.h"
 #include "results/work_file.h"
+#include "signal/display_scale.h"
 #include "workstation/commands.h"
 #include "workstation/file_choice.h"
 #include "workstation/frame.h"
@@ -55,6 +56,7 @@ void read_recording(workstation& w, std::function<bool(session_state&)> prepare)
 void choose_recording(workstation& w) {
   const QList<const recording_format*> formats = formats_by_code();
   file_choice choice{"Open a recording file", {}, {}, false};
+  choice.selected_filter = static_cast<int>(formats.size());  // all files, of no type
   for (const recording_format* format : formats) {
     if (format->code == w.session.recording.file_type) {
       choice.selected_filter = static_cast<int>(choice.filters.size());
@@ -125,6 +127,7 @@ void close_recording_command(workstation& w) {
         w,
         [](session_state& session) {
           reset_session(session);
+          reset_voltage_view(session);
           session.recording.vd.release();
           set_frame_title(session, "Kestrelvane");
         },

@@ -12,6 +12,7 @@
 
 #include "workstation/commands.h"
 #include "workstation/themes.h"
+#include "workstation/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -44,6 +45,8 @@ void main_frame::set_busy(bool busy) {
   for (QAction* action : actions) {
     if (action->property("waits").toBool()) action->setEnabled(!busy);
   }
+  // The one dialog that stands beside its window has to wait like the menus.
+  if (w_.voltage && w_.voltage->dialog) w_.voltage->dialog->setEnabled(!busy);
   setAcceptDrops(!busy);
 }
 

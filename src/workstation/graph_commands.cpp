@@ -66,6 +66,17 @@ void save_bitmap_command(workstation& w) {
   });
 }
 
+void save_graph_command(workstation& w) {
+  const graph_window* window = needs_graph(w, "Save graph");
+  if (window == nullptr || !window->surface()->has_graph()) return;
+  run_with_progress(
+      w, "save_graph_progress", "Saving the graph",
+      [graph = window->surface()->graph()](session_state& session) {
+        save_graph_dialog(session, graph);
+      },
+      nullptr);
+}
+
 void print_command(workstation& w) {
   QPointer<graph_window> window = needs_graph(w, "Print");
   if (!window) return;

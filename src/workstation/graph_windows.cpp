@@ -1,7 +1,9 @@
 #include "workstation/graph_windows.h"
 
+#include <QContextMenuEvent>
 #include <QLayout>
 #include <QMdiArea>
+#include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPlainTextEdit>
@@ -9,6 +11,7 @@
 #include <utility>
 
 #include "session/run_log.h"
+#include "workstation/commands.h"
 #include "workstation/frame.h"
 #include "workstation/themes.h"
 #include "workstation/voltage_window.h"
@@ -25,7 +28,7 @@ QRect between(QPoint a, QPoint b) {
 
 void draw_selection(QPainter& painter, const QRect& rectangle) {
   painter.setCompositionMode(QPainter::RasterOp_SourceXorDestination);
-  QPen pen(QColor(0xff, 0xcc, 0xcc));
+  QPen pen(QColor(0xcc, 0xcc, 0xff));
   pen.setStyle(Qt::DashLine);
   pen.setCosmetic(true);
   painter.setPen(pen);
@@ -58,6 +61,7 @@ void graph_surface::redraw() {
   const QSize pixels = (QSizeF(size()) * ratio).toSize();
   if (pixels.isEmpty()) return;
   if (picture_.size() != pixels) picture_ = QImage(pixels, QImage::Format_RGB32);
+  if (picture_.isNull()) return;  // no memory for one so large
   picture_.setDevicePixelRatio(ratio);
   QPainter painter(&picture_);
   painter.fillRect(rect(), Qt::white);
@@ -166,6 +170,20 @@ void graph_surface::keyPressEvent(QKeyEvent* event) {
   routines_.key(event->key());
 }
 
+void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
+  auto* menu = new QMenu(this);
+  menu->setAttribute(Qt::WA_DeleteOnClose);
+  for (const char* name : {"save_bitmap", "print", "button_40004", "button_40007"}) {
+    menu->addAction(w_.frame->findChild<QAction*>(name));
+  }
+  QAction* save = menu->addAction("Save graph");
+  save->setObjectName("save_graph");
+  save->setStatusTip("Write what is shown as numbers");
+  save->setEnabled(has_graph() && !w_.worker.running);
+  connect(save, &QAction::triggered, this, [this] { save_graph_command(w_); });
+  menu->popup(event->globalPos());
+}
+
 graph_window::graph_window(workstation& of, const char* object_name, const QString& title,
                            graph_routines routines)
     : surface_(new graph_surface(of, std::move(routines))) {
@@ -219,6 +237,7 @@ void refresh_graphs(workstation& w) {
   for (const QPointer<graph_window>& window : w.graphs) {
     if (window) window->surface()->redraw();
   }
+  update_voltage_dialog(w);
 }
 
 void compute_window_layout(workstation& w) {

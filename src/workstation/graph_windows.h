@@ -12,6 +12,7 @@
 #include <QMdiSubWindow>
 #include <functional>
 
+#include "analysis/graph_data.h"
 #include "workstation/workstation.h"
 
 class QPainter;
@@ -26,7 +27,8 @@ struct graph_routines {
   std::function<void(QPoint at)> clicked;            // left button up, nothing selected
   std::function<void()> double_clicked;
   std::function<void(int notches, QPoint at, Qt::KeyboardModifiers keys)> wheel;
-  std::function<void(int key)> key;  // page and cursor keys
+  std::function<void(int key)> key;   // page and cursor keys
+  std::function<graph_data()> graph;  // what the picture shows, as numbers
 };
 
 // The surface inside a graph window.
@@ -41,6 +43,9 @@ class graph_surface : public QWidget {
   QImage picture() const;
   QImage selected_picture() const;
   void paint_vector(QPainter& painter, QSize size) const;  // for the printer
+
+  bool has_graph() const { return static_cast<bool>(routines_.graph); }
+  graph_data graph() const { return routines_.graph(); }
 
   void start_selection();
   bool has_selection() const { return !selection_.isEmpty(); }
@@ -58,6 +63,7 @@ class graph_surface : public QWidget {
   void mouseDoubleClickEvent(QMouseEvent* event) override;
   void wheelEvent(QWheelEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
 
  private:
   workstation& w_;

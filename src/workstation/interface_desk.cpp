@@ -91,24 +91,44 @@ void post(void* context, Routine routine) {
   QMetaObject::invokeMethod(desk_of(context), std::move(routine), Qt::QueuedConnection);
 }
 
+// What a worker waits for while a window is open.
+template <typename Answer>
+struct answer_slip {
+  std::mutex mutex;
+  std::condition_variable answered;
+  std::optional<Answer> answer;
+
+  void give(Answer given) {
+    const std::lock_guard lock(mutex);
+    if (!answer) answer = std::move(given);
+    answered.notify_one();
+  }
+};
+
+// Held by whoever may answer. When the last of them goes without an answer, as when a
+// window is destroyed with the one it stands on, the worker gets the empty answer.
+template <typename Answer>
+struct answer_pledge {
+  std::shared_ptr<answer_slip<Answer>> slip;
+  explicit answer_pledge(std::shared_ptr<answer_slip<Answer>> s) : slip(std::move(s)) {}
+  ~answer_pledge() { slip->give(Answer{}); }
+  answer_pledge(const answer_pledge&) = delete;
+  answer_pledge& operator=(const answer_pledge&) = delete;
+};
+
 // Runs a routine that opens a window and calls its argument when the user has answered;
 // the calling worker waits for that.
 template <typename Answer>
 Answer wait_for_answer(void* context,
                        std::function<void(std::function<void(Answer)>)> open_window) {
-  std::mutex mutex;
-  std::condition_variable answered;
-  std::optional<Answer> answer;
-  post(context, [&] {
-    open_window([&](Answer given) {
-      const std::lock_guard lock(mutex);
-      answer = std::move(given);
-      answered.notify_one();
-    });
+  const auto slip = std::make_shared<answer_slip<Answer>>();
+  auto pledge = std::make_shared<answer_pledge<Answer>>(slip);
+  post(context, [open_window = std::move(open_window), pledge = std::move(pledge)] {
+    open_window([pledge](Answer given) { pledge->slip->give(std::move(given)); });
   });
-  std::unique_lock lock(mutex);
-  answered.wait(lock, [&] { return answer.has_value(); });
-  return *answer;
+  std::unique_lock lock(slip->mutex);
+  slip->answered.wait(lock, [&] { return slip->answer.has_value(); });
+  return *slip->answer;
 }
 
 QWidget* parent_for_box(workstation& w) {
@@ -183,7 +203,10 @@ void wait_here(void* context) {
   std::unique_lock lock(bench.mutex);
   bench.waiting = true;
   post(context, [desk] { emit desk->paused(); });
-  bench.released.wait(lock, [&bench] { return !bench.waiting; });
+  // An interrupt that came between the request and this place has woken nobody.
+  const long_operation_flags& operation = desk->shell.session.operation;
+  bench.released.wait(lock, [&] { return !bench.waiting || operation.autosort_interrupt; });
+  bench.waiting = false;
   post(context, [desk] { emit desk->resumed(); });
 }
 

@@ -33,6 +33,19 @@ QString refusal(const QString& text, double low, double high, bool whole) {
   return {};
 }
 
+// A value as a field of so many decimals shows it.
+double as_shown(double value, int decimals) {
+  const double power = std::pow(10.0, decimals);
+  return std::round(value * power) / power;
+}
+
+// As a 32-bit number is written, without the digits that its width adds.
+double written_value(const session_state& session, const setting_row& row, int element) {
+  const double stored = setting_value(session, row, element);
+  if (row.type != setting_type::real) return stored;
+  return std::stod(fmt::format("{}", static_cast<float>(stored)));
+}
+
 }  // namespace
 
 number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(new QLabel) {
@@ -50,8 +63,20 @@ number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(n
   connect(this, &QDoubleSpinBox::valueChanged, this, [this] { judge(lineEdit()->text()); });
 }
 
+number_field::~number_field() {
+  if (problem_ && problem_->parent() == nullptr) delete problem_;
+}
+
+QString number_field::refusal_of(const QString& text) const {
+  const QString words = refusal(text, minimum(), maximum(), decimals() == 0);
+  if (!words.isEmpty() || multiple_ == 0) return words;
+  const double times = valueFromText(text) / multiple_;
+  return times == std::floor(times) ? QString() : "not a multiple of " + number_text(multiple_);
+}
+
 void number_field::judge(const QString& text) {
-  problem_->setText(refusal(text, minimum(), maximum(), decimals() == 0));
+  // A dialog that is going may have lost its labels first.
+  if (problem_) problem_->setText(refusal_of(text));
 }
 
 QWidget* number_field::row() {
@@ -68,8 +93,7 @@ QWidget* number_field::row() {
 }
 
 QValidator::State number_field::validate(QString& text, int&) const {
-  return refusal(text, minimum(), maximum(), decimals() == 0).isEmpty() ? QValidator::Acceptable
-                                                                        : QValidator::Intermediate;
+  return refusal_of(text).isEmpty() ? QValidator::Acceptable : QValidator::Intermediate;
 }
 
 void number_field::fixup(QString& text) const { text = textFromValue(value()); }
@@ -105,6 +129,7 @@ number_field* free_number(QWidget* parent, const char* object_name, double low, 
   field->setDecimals(options.decimals);
   field->setRange(low, high);
   field->setSingleStep(options.step);
+  field->set_multiple(options.multiple);
   field->setProperty("unit", QString(options.unit));
   field->setToolTip(options.tip);
   return field;
@@ -123,17 +148,17 @@ number_field* number_control(settings_form& form, const char* setting,
   const double scale = options.shown_per_stored;
   session_state& session = form.session;
   form.bindings.push_back({[field, &session, &row, element, scale] {
-                             // As a 32-bit number is written, without the digits that its width
-                             // adds.
-                             const double stored = setting_value(session, row, element);
-                             const double written =
-                                 row.type == setting_type::real
-                                     ? std::stod(fmt::format("{}", static_cast<float>(stored)))
-                                     : stored;
-                             field->setValue(written * scale);
+                             field->setValue(written_value(session, row, element) * scale);
                            },
                            [field, &session, &row, element, scale] {
-                             store_setting(session, row, element, field->value() / scale);
+                             // A setting finer than what the field shows stays as it is until it is
+                             // changed.
+                             const double shown = written_value(session, row, element) * scale;
+                             if (as_shown(shown, field->decimals()) == field->value()) return;
+                             const double value = field->value() / scale;
+                             store_setting(
+                                 session, row, element,
+                                 row.type == setting_type::real ? value : std::round(value));
                            },
                            [field] { return !field->hasAcceptableInput(); }});
   return field;

@@ -15,6 +15,7 @@
 #include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QLabel>
+#include <QPointer>
 #include <functional>
 #include <string>
 #include <utility>
@@ -35,10 +36,13 @@ class number_field : public QDoubleSpinBox {
 
  public:
   explicit number_field(QWidget* parent = nullptr);
+  ~number_field() override;
 
   // The label that shows the words; made with the field, to be laid out beside it.
   QLabel* problem() const { return problem_; }
   bool refused() const { return !problem_->text().isEmpty(); }
+  // Only multiples of this are taken; 0 takes any number.
+  void set_multiple(double multiple) { multiple_ = multiple; }
   // The field, its unit and the words in one row, as a layout takes it.
   QWidget* row();
 
@@ -49,8 +53,10 @@ class number_field : public QDoubleSpinBox {
   double valueFromText(const QString& text) const override;
 
  private:
+  QString refusal_of(const QString& text) const;
   void judge(const QString& text);
-  QLabel* problem_;
+  QPointer<QLabel> problem_;  // the field's own until it is laid out
+  double multiple_ = 0;
   QWidget* row_ = nullptr;
 };
 
@@ -61,6 +67,7 @@ struct number_options {
   const char* tip = "";
   double low = 0, high = 0;     // both 0: the range of the setting's row
   double shown_per_stored = 1;  // the control shows the setting times this
+  double multiple = 0;          // only multiples of this are taken; 0 takes any number
 };
 
 struct settings_form {

@@ -12,6 +12,7 @@
 #include "results/work_file.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
+#include "session/settings_table.h"
 #include "session/version.h"
 #include "workstation/commands.h"
 #include "workstation/frame.h"
@@ -57,7 +58,9 @@ void connect_frame(workstation& w) {
                      if (field == status_field::message) w.frame->statusBar()->showMessage(text);
                    });
   QObject::connect(w.desk, &interface_desk::stage_began, w.frame, [&w](const QString& name) {
-    if (name == "reading" && w.worker.running) show_messages(w)->set_reading(true);
+    if (name != "reading" || !w.worker.running) return;
+    close_graphs(w);  // they show another recording
+    show_messages(w)->set_reading(true);
   });
 }
 
@@ -75,6 +78,8 @@ void keep_window_layout(workstation& w) {
 
 void read_settings(workstation& w) {
   const bool found = read_settings_files(w.session);
+  // A damaged file makes no window that fits no screen, and no analysis without an end.
+  settle_settings(w.session);
   if (!found) compute_window_layout(w);
   w.session.view.vd_keep_peaks = QSettings().value("keep_peaks", false).toBool();
 }

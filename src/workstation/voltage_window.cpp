@@ -2,6 +2,7 @@
 
 #include <QTimer>
 
+#include "displays/voltage_graph.h"
 #include "displays/voltage_navigation.h"
 #include "signal/display_scale.h"
 #include "workstation/commands.h"
@@ -107,6 +108,7 @@ graph_routines routines_of(workstation& w) {
     turn_wheel(w, notches, at, keys);
   };
   routines.key = [&w](int key) { press_key(w, key); };
+  routines.graph = [&w] { return make_voltage_graph(w.session); };
   return routines;
 }
 

@@ -149,6 +149,7 @@ TEST_F(recovery_test, a_named_recording_comes_before_earlier_states) {
   std::filesystem::current_path(here);
   EXPECT_TRUE(run.user.questions.empty());
   EXPECT_NE(read_bytes(autorecover), before) << "saved once";
+  EXPECT_EQ(read_bytes(home.file(earlier_state_name)), before) << "nobody was asked about it";
   std::filesystem::remove(restart);
   // From another directory than that one.
   small_session next;

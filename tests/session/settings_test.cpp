@@ -253,8 +253,13 @@ TEST_F(settings_test, a_file_s_numbers_are_taken_as_they_are_and_settled_before_
   EXPECT_EQ(session->strategy.gac_gain, 1.0f);
   EXPECT_EQ(session->tables.depth, 10);
   EXPECT_TRUE(session.user.logged("pca_dimensions = -7 is not possible, 2 is used"));
-  EXPECT_EQ(session->display.vd_channel_spacing, -7);
+  EXPECT_EQ(session->display.vd_channel_spacing, 20);
   EXPECT_EQ(settle_settings(*session), 0);
+
+  session->preferences.voltage_window_size[1] = 2'000'000'000;
+  session->preferences.autorecover_minutes = -1;
+  EXPECT_EQ(settle_settings(*session), 2);
+  EXPECT_EQ(session->preferences.voltage_window_size[1], 600);
 
   session->strategy.interp_depth = session->strategy.interp_width = 50;
   session->strategy.template_window_start_ms = 0.9f;

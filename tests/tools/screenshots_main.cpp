@@ -43,13 +43,21 @@ void take(const QString& name) {
   picture.save(folder + '/' + name + ".png");
 }
 
+// The dialog alone, for the user guide.
+void take_alone(QWidget* dialog, const QString& name) {
+  QDir().mkpath(folder + "/alone");
+  dialog->grab().save(folder + "/alone/" + name + ".png");
+}
+
 // Opens a dialog by its menu entry, pictures it and its pages, and closes it.
 void take_dialog(driven_workstation& w, const char* entry, const char* name) {
+  wait_until([&] { return !w.shell.worker.running; });
   w.choose_entry(entry);
   QDialog* dialog = w.dialog(name);
   if (dialog == nullptr) return;
   wait_until([&] { return !w.shell.worker.running; });
   take(name);
+  take_alone(dialog, name);
   if (auto* pages = dialog->findChild<QTabWidget*>("pages")) {
     for (int page = 1; page < pages->count(); ++page) {
       pages->setCurrentIndex(page);
@@ -69,7 +77,8 @@ void take_running_sort(driven_workstation& w) {
   w.press(dialog, "start");
   QElapsedTimer clock;
   clock.start();
-  wait_until([&] { return clock.elapsed() > 700; });
+  wait_until([&] { return clock.elapsed() > 900; });
+  take_alone(dialog, "autosort_running");
   take("autosort_running");
   w.settle();
   take("autosort_finished");
@@ -111,6 +120,7 @@ int main(int argc, char** argv) {
   open_recording_path(w.shell, argv[1]);
   wait_until([&] { return !w.shell.messages.isNull(); });
   w.settle();
+  take_alone(w.shell.messages, "messages_dialog");
   take("messages_dialog");
   w.close_messages();
   std::printf("longest turn while opening: %lld ms\n", static_cast<long long>(longest));
@@ -136,6 +146,14 @@ int main(int argc, char** argv) {
   take("voltage_record_reversed");
   w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", false);
   w.dialog("voltage_dialog")->close();
+
+  // A second of the recording over the whole width, without the dialog.
+  const QSize area = w.shell.frame->centralWidget()->size();
+  w.session->display.vd_time_scale = 0.25f;
+  open_voltage_window(w.shell, QSize(area.width() - 10, area.height() * 3 / 4 - 40));
+  take("traces");
+  w.session->display.vd_time_scale = 1.0f;
+  open_voltage_window(w.shell, QSize(790, 600));
 
   const std::pair<const char*, const char*> dialogs[] = {
       {"preferences", "preferences_dialog"},

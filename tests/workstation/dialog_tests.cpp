@@ -3,8 +3,14 @@
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
+#include <QScrollBar>
+#include <QSlider>
 #include <QTest>
+#include <cmath>
+#include <filesystem>
 
+#include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "workstation/driven_workstation.h"
@@ -74,19 +80,85 @@ TEST(Preferences, AppliesAtOnceAndCancelGivesBack) {
   EXPECT_EQ(p.autorecover_minutes, 60.0f);
 }
 
+TEST(Preferences, TheListOfIntervalsIsOneOfMinutes) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  const std::pair<const char*, float> entries[] = {
+      {"Never", 1.0e27f},    {"every 1 min", 1},    {"every 2 mins", 2},   {"every 5 mins", 5},
+      {"every 10 mins", 10}, {"every 20 mins", 20}, {"every 30 mins", 30}, {"every hour", 60}};
+  preferences_record& p = w.session->preferences;
+  for (int i = 0; i < 8; ++i) {
+    w.choose_entry("preferences");
+    QDialog* dialog = w.dialog("preferences_dialog");
+    auto* list = w.control<QComboBox>(dialog, "autorecover_minutes");
+    EXPECT_EQ(list->currentIndex(), i == 0 ? 3 : i - 1) << "found from the value";
+    EXPECT_EQ(list->itemText(i), entries[i].first);
+    list->setCurrentIndex(i);
+    w.press(dialog, "ok");
+    w.settle();
+    EXPECT_EQ(p.autorecover_minutes, entries[i].second);
+  }
+  p.autorecover_minutes = 2000;
+  w.choose_entry("preferences");
+  QDialog* dialog = w.dialog("preferences_dialog");
+  EXPECT_EQ(w.control<QComboBox>(dialog, "autorecover_minutes")->currentText(), "Never");
+  w.tick(dialog, "verbose_log", true);
+  w.press(dialog, "apply");
+  w.settle();
+  QTest::keyClick(dialog, Qt::Key_Escape);
+  EXPECT_FALSE(p.verbose_log) << "left by the key, as by Cancel";
+}
+
+TEST(Preferences, TheLogFileIsOpenedAtOnceOrTheOptionGoesOff) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  const run_log_table& log = w.session->log;
+  w.choose_entry("preferences");
+  QDialog* dialog = w.dialog("preferences_dialog");
+  w.tick(dialog, "log_file_enabled", true);
+  w.press(dialog, "apply");
+  w.settle();
+  ASSERT_TRUE(log.log_file_open);
+  EXPECT_TRUE(std::filesystem::exists(log.log_file_path));
+  EXPECT_EQ(log.log_lines[log.n_log_lines].view(), "Opening logfile: " + log.log_file_path);
+  w.tick(dialog, "log_file_enabled", false);
+  w.press(dialog, "apply");
+  w.settle();
+  EXPECT_FALSE(log.log_file_open);
+
+  w.session->recording.recording_path = data.file("no such folder/a.tsf");
+  w.tick(dialog, "log_file_enabled", true);
+  w.press(dialog, "apply");
+  auto* box = dialog->findChild<QMessageBox*>("message_box");
+  ASSERT_NE(box, nullptr);
+  EXPECT_EQ(box->property("title"), "File open error");
+  w.settle();
+  EXPECT_TRUE(w.told.contains("Error opening logfile"));
+  EXPECT_EQ(log.log_lines[log.n_log_lines].view(), "Failed to open logfile");
+  EXPECT_FALSE(w.session->preferences.log_file_enabled);
+  EXPECT_FALSE(w.control<QCheckBox>(dialog, "log_file_enabled")->isChecked());
+  w.told.clear();
+  w.press(dialog, "ok");
+  w.settle();
+  EXPECT_TRUE(w.told.isEmpty()) << "not tried again";
+}
+
 TEST(Preferences, DefaultShowsTheTableAndKeepsNothingUntilOk) {
   const temporary_directory home;
   driven_workstation w(home.path);
   preferences_record& p = w.session->preferences;
   p.pixels_per_uv = 3;
   p.subcluster_colours[0] = 0x123456;
+  p.window_origin[10] = 77;
   w.choose_entry("preferences");
   QDialog* dialog = w.dialog("preferences_dialog");
   w.press(dialog, "default");
   EXPECT_EQ(p.pixels_per_uv, 3.0f);
+  EXPECT_EQ(p.window_origin[10], 77);
   w.press(dialog, "ok");
   EXPECT_EQ(p.pixels_per_uv, 0.5f);
   EXPECT_EQ(p.subcluster_colours[0], 0x2A22CD);
+  EXPECT_EQ(p.window_origin[10], 0) << "as computed for this frame";
   EXPECT_EQ(p.autorecover_minutes, 5.0f);
 }
 
@@ -145,6 +217,67 @@ TEST(Strategy, EverySettingIsShownAndStored) {
   EXPECT_EQ(s.channel_threshold_1, 0.2f);
   EXPECT_EQ(s.pc_point_selection, 4);
   EXPECT_TRUE(w.session->detection.register_to_cog);
+}
+
+TEST(Strategy, TheSliderOfSigmaGoesInSteps) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  w.choose_entry("strategy");
+  QDialog* dialog = w.dialog("strategy_dialog");
+  auto* slider = w.control<QSlider>(dialog, "gac_start_sigma_slider");
+  auto* field = w.control<number_field>(dialog, "gac_start_sigma");
+  EXPECT_EQ(slider->value(), 20);
+  emit slider->sliderMoved(30);
+  EXPECT_NEAR(field->value(), 5 * std::pow(1.1, 10), 1e-6);
+  EXPECT_EQ(slider->value(), 30);
+  for (int position = 0; position <= slider->maximum(); ++position) {
+    emit slider->sliderMoved(position);
+    EXPECT_EQ(slider->value(), position);
+  }
+  field->setValue(5.4);  // short of the next step
+  EXPECT_EQ(slider->value(), 20);
+  field->setValue(10000);
+  EXPECT_EQ(slider->value(), slider->maximum());
+  field->setValue(6.5);
+  w.set_number(dialog, "interp_width", 8);
+  w.press(dialog, "ok");
+  EXPECT_EQ(w.session->strategy.gac_start_sigma, 6.5f);
+  const run_log_table& log = w.session->log;
+  ASSERT_GE(log.n_log_lines, 2);
+  EXPECT_EQ(log.log_lines[log.n_log_lines - 1].view(), "Recalculating interpolation table");
+  EXPECT_EQ(log.log_lines[log.n_log_lines].view(),
+            "Changing interpolation parameters, depth, width = 10 8");
+}
+
+TEST(Messages, ShowsTheRingAndFollowsIt) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  w.choose_entry("messages");
+  QDialog* dialog = w.dialog("messages_dialog");
+  EXPECT_EQ(dialog->windowTitle(), "Messages");
+  EXPECT_EQ(w.control<QLineEdit>(dialog, "file_name")->text().toStdString(),
+            data.file("small.tsf"));
+  auto* list = w.control<QListWidget>(dialog, "log_lines");
+  const int before = list->count();
+  EXPECT_EQ(before, w.session->log.n_log_lines);
+  start_operation(
+      w.shell,
+      [](session_state& session) {
+        for (int i = 1; i <= 1100; ++i) log_message(session, "line " + std::to_string(i));
+      },
+      nullptr);
+  w.settle();
+  EXPECT_EQ(list->count(), before + 1100);
+  EXPECT_EQ(list->item(before + 1099)->text(), "line 1100");
+  EXPECT_EQ(list->verticalScrollBar()->value(), list->verticalScrollBar()->maximum());
+  w.close_messages();
+  EXPECT_FALSE(w.session->log.messages_dialog_open);
+  w.choose_entry("messages");
+  list = w.control<QListWidget>(w.dialog("messages_dialog"), "log_lines");
+  ASSERT_EQ(list->count(), 1024) << "what the ring holds";
+  EXPECT_EQ(list->item(0)->text(), "line 77");
+  EXPECT_EQ(list->item(1023)->text(), "line 1100");
+  w.close_messages();
 }
 
 TEST(About, ShowsLimitsWhateverTheMachine) {

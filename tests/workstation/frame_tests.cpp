@@ -46,6 +46,14 @@ TEST(Frame, MenusInTheirOrder) {
               ElementsAre("&View, clean and split clusters", "&Compare cluster pairs",
                           "&Auto/cross-correlation", "&Realign", "Recalculate &templates",
                           "&Spatio-temporal spike view", "&Post-processing"));
+  EXPECT_THAT(labels_of(tops[2]->menu()),
+              ElementsAre("&Transform/filter", "&Channel check", "&Event detection"));
+  EXPECT_THAT(labels_of(tops[3]->menu()),
+              ElementsAre("&Autosort", "&Guided merge/split", "&Convert channels to clusters",
+                          "&Make status &lists", "S&trategy"));
+  EXPECT_THAT(labels_of(tops[5]->menu()), ElementsAre("&Sorted spike files"));
+  EXPECT_THAT(labels_of(tops[6]->menu()), ElementsAre("&Cascade", "&Auto-arrange"));
+  EXPECT_THAT(labels_of(tops[7]->menu()), ElementsAre("&Getting started", "&About"));
   EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane");
   EXPECT_THAT(w.shell.run_log->toPlainText().toStdString(),
               ::testing::StartsWith("This is Kestrelvane version 5.00   working with "));
@@ -56,6 +64,20 @@ TEST(Frame, TheFullMenuIsReachedByItsFlagAlone) {
                           [](const menu_row& row) { return row.full; }),
             12);
   for (const menu_row& row : menu_table()) EXPECT_NE(row.run, nullptr) << row.label;
+  small_session s;
+  s->log.short_menu = false;
+  workstation shell(*s);
+  const auto frame = std::make_unique<main_frame>(shell);
+  shell.frame = frame.get();
+  build_menus(shell);
+  const QList<QAction*> tops = frame->menuBar()->actions();
+  EXPECT_THAT(labels_of(tops[1]->menu()),
+              ElementsAre("&Messages", "&Acquisition properties", "&Voltage record", "&HP spectrum",
+                          "&Template image", "Sorted &waveforms", "&Sorting statistics"));
+  EXPECT_THAT(labels_of(tops[5]->menu()),
+              ElementsAre("&Sorted spike files", "&Import events from ptcs file",
+                          "&Export event noise for covariance matrices", "&Make test waveform",
+                          "E&vent amplitude distribution", "Export LFP values as .tsf file"));
 }
 
 TEST(Frame, ToolBarInItsOrderWithItsTips) {
@@ -75,6 +97,67 @@ TEST(Frame, ToolBarInItsOrderWithItsTips) {
                   "Event detection", "Sort", "Guided merge and split",
                   "View sorted waveforms, clean and split clusters", "Compare cluster pairs",
                   "Post-processing: clean and recover lost events", "Save or export sorted data"));
+}
+
+TEST(Frame, ToolButtonsDoWhatTheirEntriesDo) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  const QString no_recording = "No recording data in memory";
+  const std::pair<int, QString> answers[] = {
+      {40002, no_recording},
+      {40003, no_recording},
+      {40004, "No graph window is open"},
+      {40008, no_recording},
+      {40010, "The channel check is not available in this version."},
+      {40012, no_recording},
+      {40013, no_recording},
+      {40014, "Guided merge and split is not available in this version."},
+      {40016, "The review of single clusters is not available in this version."},
+      {40018, "The comparison of cluster pairs is not available in this version."},
+      {40021, "Post-processing is not available in this version."},
+      {40022, no_recording}};
+  for (const auto& [identifier, words] : answers) {
+    w.told.clear();
+    w.choose_entry(qPrintable(QString("button_%1").arg(identifier)));
+    w.settle();
+    EXPECT_EQ(w.told, QStringList(words)) << identifier;
+  }
+}
+
+TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  const auto filters = [&](const char* entry) {
+    w.choose_entry(entry);
+    auto* files = w.shell.frame->findChild<QFileDialog*>("choose_file");
+    QStringList all = files->nameFilters();
+    all.prepend(files->selectedNameFilter());
+    w.settle();
+    wait_until([&] { return w.shell.frame->findChild<QFileDialog*>("choose_file") == nullptr; });
+    return all;
+  };
+  const QStringList first = filters("button_40006");
+  ASSERT_EQ(first.size(), 1 + 15 + 1);
+  EXPECT_TRUE(first[0].startsWith("Plexon (")) << "the default type";
+  const char* order[] = {"Surf files",
+                         "Neuralynx single tetrode",
+                         "Neuralynx",
+                         "PRF files",
+                         "Plexon",
+                         "Neuroscope",
+                         "TSF format",
+                         "Multi Channel Systems",
+                         "Multi Channel Systems HDF5",
+                         "Neurodata Without Borders",
+                         "Blackrock",
+                         "Blackrock extended",
+                         "INTAN",
+                         "Neuropixels SpikeGLX",
+                         "Plexon PL2",
+                         "All files"};
+  for (int i = 0; i < 16; ++i) EXPECT_TRUE(first[i + 1].startsWith(order[i])) << order[i];
+  w.session->recording.file_type = 0;
+  EXPECT_TRUE(filters("open_recording")[0].startsWith("All files"));
 }
 
 TEST(Frame, EntriesOfLaterVersionsSaySo) {

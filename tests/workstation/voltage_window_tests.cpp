@@ -11,6 +11,7 @@
 #include <QWheelEvent>
 
 #include "signal/display_scale.h"
+#include "workstation/commands.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/graph_windows.h"
 #include "workstation/setting_controls.h"
@@ -143,6 +144,30 @@ TEST(VoltageDialog, JumpsToEventsAndRingsThem) {
   EXPECT_EQ(events.event_channel[reached], events.event_channel[7]);
 }
 
+TEST(VoltageDialog, WaitsForTheWorkerAndGoesWithItsRecording) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  // Return in a field is that field's, not the dialog's.
+  auto* index = w.control<number_field>(v.dialog, "index");
+  index->selectAll();
+  QTest::keyClicks(index, "70000");
+  QTest::keyClick(index, Qt::Key_Return);
+  EXPECT_EQ(v.view().vd_first_sample, 70000 - v.view().vd_lead_samples);
+  EXPECT_TRUE(v.dialog->isVisible());
+  bool enabled = true;
+  start_operation(
+      w.shell, [](session_state&) {}, nullptr);
+  enabled = v.dialog->isEnabled();
+  w.settle();
+  EXPECT_FALSE(enabled) << "it writes what the worker reads";
+  EXPECT_TRUE(v.dialog->isEnabled());
+  w.choose_entry("open_recording");
+  w.settle(true, {QString::fromStdString(v.data.file("small.tsf"))});
+  w.close_messages();
+  EXPECT_GT(w.session->recording.n_samples, 0);
+  EXPECT_TRUE(w.shell.graphs[0].isNull()) << "another recording, another window";
+}
+
 TEST(GraphWindow, ARectangleGoesToTheClipboard) {
   voltage_on_show v;
   driven_workstation& w = v.w;
@@ -162,6 +187,28 @@ TEST(GraphWindow, ARectangleGoesToTheClipboard) {
   w.choose_entry("button_40007");
   EXPECT_EQ(QApplication::clipboard()->image().size(), QSize(100, 100));
   EXPECT_FALSE(copy->isEnabled());
+}
+
+TEST(GraphWindow, SavesWhatItShowsAsNumbers) {
+  voltage_on_show v;
+  v.view().vd_first_sample = 1001;
+  v.w.session->display.vd_time_scale = 2;
+  const graph_data graph = v.surface()->graph();
+  const std::vector<float>& x = graph.series[3].x;
+  ASSERT_GT(x.size(), 300u);
+  EXPECT_FLOAT_EQ(x.front(), 1001 * 1000.0f / 25000);
+  const std::int32_t channel = v.w.session->recording.chan_sort_order[4];
+  EXPECT_EQ(graph.series[3].y[7],
+            v.w.session->recording.vd.channel(channel)[1008] * v.w.session->recording.vscale_HP);
+  EXPECT_TRUE(graph.series[4].x.empty()) << "four channels";
+  save_graph_command(v.w.shell);
+  const std::string path = v.data.file("view.gra");
+  v.w.settle(true, {QString::fromStdString(path)});
+  EXPECT_TRUE(v.w.told.contains("Graph saved successfully"));
+  const std::vector<char> bytes = read_bytes(path);
+  ASSERT_GT(bytes.size(), 2u);
+  EXPECT_EQ(static_cast<signed char>(bytes[0]), -23);
+  EXPECT_EQ(static_cast<signed char>(bytes[1]), -1);
 }
 
 TEST(GraphWindow, SavesItsPictureAndArranges) {

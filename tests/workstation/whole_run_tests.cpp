@@ -123,6 +123,7 @@ struct early_pause {
       shown(context, field, text);
     };
   }
+  ~early_pause() { session->ui.status = shown; }
 };
 
 TEST(WholeRun, PauseResumeAndInterruptOfASort) {

@@ -21,6 +21,7 @@ namespace kestrelvane {
 
 namespace {
 
+constexpr int asks_for_next = 2;                                          // result of the dialog
 constexpr int fixed_entry = -1, variable_entry = 0, automatic_entry = 1;  // threshold_mode
 
 // PC display scale of a slider position, 0 to 200.
@@ -218,14 +219,28 @@ bool window_is_possible(const autosort_window& a) {
          a.dialog->findChild<number_field*>("template_window_end_ms")->value();
 }
 
-void begin_run(const shared_autosort& a) {
-  if (!window_is_possible(*a)) {
-    a->message->setText("The template window must begin before it ends");
-    return;
+// Takes the settings over; false, with nothing stored, while something is refused.
+bool store_settings(autosort_window& a) {
+  if (!window_is_possible(a)) {
+    a.message->setText("The template window must begin before it ends");
+    return false;
   }
-  if (!a->form.store()) return;
-  shorten_spike_window(a->w.session);
-  compute_template_points(a->w.session);
+  if (!a.form.store()) return false;
+  shorten_spike_window(a.w.session);
+  compute_template_points(a.w.session);
+  return true;
+}
+
+// A run that has made clusters has made their templates for the window in force.
+void keep_window_edges(autosort_window& a) {
+  const sorting_strategy_settings& s = a.w.session.strategy;
+  if (s.skip_clustering) return;
+  a.window_start_ms = s.template_window_start_ms;
+  a.window_end_ms = s.template_window_end_ms;
+}
+
+void begin_run(const shared_autosort& a) {
+  if (!store_settings(*a)) return;
   long_operation_flags& operation = a->w.session.operation;
   operation.autosort_interrupt = false;
   operation.detection_interrupted = false;
@@ -234,6 +249,7 @@ void begin_run(const shared_autosort& a) {
                  [a] {
                    // Detection may have turned to the lockout method, clusters may be there.
                    a->form.load();
+                   keep_window_edges(*a);
                    a->pause->setChecked(false);
                    grey_sections(*a);
                  });
@@ -253,13 +269,21 @@ QLayout* run_buttons(const shared_autosort& a) {
   a->pause->setEnabled(false);
   a->resume->setEnabled(false);
   operation_dialog* dialog = a->dialog;
-  dialog->disabled_while_running << a->start << next << done << a->detection_box
-                                 << a->clustering_box << a->merging_box;
+  dialog->disabled_while_running << a->start << next << done;
+  for (const QGroupBox* box : {a->detection_box, a->clustering_box, a->merging_box}) {
+    dialog->disabled_while_running << inputs_of(box);
+  }
   dialog->enabled_while_running << a->interrupt << a->pause;
   QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
   QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
   QObject::connect(a->pause, &QCheckBox::toggled, dialog, [a](bool on) {
     if (a->dialog->running()) a->w.session.operation.pause_requested = on;
+  });
+  // Splitting begins without a pause; a box that was ticked during detection still counts.
+  QObject::connect(a->w.desk, &interface_desk::status_changed, dialog, [a](status_field field) {
+    if (field == status_field::current_cluster && a->pause->isChecked()) {
+      a->w.session.operation.pause_requested = true;
+    }
   });
   QObject::connect(a->resume, &QPushButton::clicked, dialog, [a] {
     a->pause->setChecked(false);
@@ -269,8 +293,12 @@ QLayout* run_buttons(const shared_autosort& a) {
                    [a] { a->resume->setEnabled(true); });
   QObject::connect(a->w.desk, &interface_desk::resumed, dialog,
                    [a] { a->resume->setEnabled(false); });
-  QObject::connect(next, &QPushButton::clicked, dialog, [dialog] { dialog->done(2); });
-  QObject::connect(done, &QPushButton::clicked, dialog, [dialog] { dialog->done(1); });
+  QObject::connect(next, &QPushButton::clicked, dialog, [a] {
+    if (store_settings(*a)) a->dialog->done(asks_for_next);
+  });
+  QObject::connect(done, &QPushButton::clicked, dialog, [a] {
+    if (store_settings(*a)) a->dialog->accept();
+  });
   auto* row = new QHBoxLayout;
   row->addWidget(a->start);
   row->addWidget(a->interrupt);
@@ -353,12 +381,7 @@ void autosort_command(workstation& w) {
   connect_reports(*a);
   QObject::connect(dialog, &QDialog::finished, w.frame, [a](int result) {
     workstation& shell = a->w;
-    if (result != 2) shell.session.autosort.next_stage_requested = false;
-    const bool kept = a->form.store();
-    if (kept) {
-      shorten_spike_window(shell.session);
-      compute_template_points(shell.session);
-    }
+    if (result != asks_for_next) shell.session.autosort.next_stage_requested = false;
     after_dialog(shell, a->window_start_ms, a->window_end_ms);
   });
   open_dialog(w, dialog);

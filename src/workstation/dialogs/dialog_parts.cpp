@@ -47,6 +47,18 @@ std::vector<std::pair<QString, int>> named_rows(const char* (*name)(std::int32_t
   return rows;
 }
 
+QList<QWidget*> inputs_of(const QWidget* widget) {
+  QList<QWidget*> inputs;
+  const QList<QWidget*> children = widget->findChildren<QWidget*>();
+  for (QWidget* child : children) {
+    if (qobject_cast<QAbstractSpinBox*>(child) || qobject_cast<QComboBox*>(child) ||
+        qobject_cast<QAbstractButton*>(child) || qobject_cast<QAbstractSlider*>(child)) {
+      inputs << child;
+    }
+  }
+  return inputs;
+}
+
 QProgressBar* make_bar(const char* object_name, int range) {
   auto* bar = new QProgressBar;
   bar->setObjectName(object_name);

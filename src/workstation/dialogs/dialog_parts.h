@@ -34,6 +34,10 @@ QPushButton* make_button(const char* object_name, const QString& label, const ch
 // The entries of a list from a table of names whose rows count from 1.
 std::vector<std::pair<QString, int>> named_rows(const char* (*name)(std::int32_t), int last);
 
+// The fields, lists and boxes below a widget: what is off while an operation runs, so that
+// results beside them stay readable.
+QList<QWidget*> inputs_of(const QWidget* widget);
+
 // A bar from 0 to range.
 QProgressBar* make_bar(const char* object_name, int range);
 

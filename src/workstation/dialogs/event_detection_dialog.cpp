@@ -28,6 +28,7 @@ struct detection_window {
   settings_form form;
   QLabel *noise = nullptr, *n_masked = nullptr, *message = nullptr;
   QLabel *elapsed = nullptr, *n_found = nullptr;
+  QLabel *n_coincident = nullptr, *n_large = nullptr;  // deleted by the clean-up
   QSlider* channel = nullptr;
   QCheckBox* mask = nullptr;
   bool masks_changed = false;
@@ -123,9 +124,13 @@ QGroupBox* noise_section(const shared_detection& d) {
   rows->addRow("Noise", flag_row(*d, s.noise_static, "noise_static", "Static",
                                  "One value for the whole recording", "noise_dynamic", "Dynamic",
                                  "Measured anew in each window of time"));
-  add_number(
-      rows, d->form, "window", "noise_window_secs",
-      {.step = 10, .unit = "secs", .tip = "Window of the dynamic noise, a multiple of 10 s"});
+  add_number(rows, d->form, "window", "noise_window_secs",
+             {.step = 10,
+              .unit = "secs",
+              .tip = "Window of the dynamic noise, a multiple of 10 s",
+              .low = 10,
+              .high = 100'000,
+              .multiple = 10});
   d->noise = new QLabel;
   d->noise->setObjectName("channel_noise");
   rows->addRow(d->noise);
@@ -234,6 +239,9 @@ QGroupBox* method_section(const shared_detection& d) {
     width->setEnabled(method->currentData().toInt() >= method_multiphasic);
   };
   QObject::connect(method, &QComboBox::currentIndexChanged, d->dialog, live);
+  QObject::connect(d->dialog, &operation_dialog::running_changed, d->dialog, [live](bool running) {
+    if (!running) live();
+  });
   return titled_box("Detection", rows);
 }
 
@@ -265,6 +273,10 @@ QGroupBox* result_section(const shared_detection& d, QProgressBar* bar) {
   auto* rows = new QFormLayout;
   rows->addRow("Progress", bar);
   d->elapsed = add_value(rows, "elapsed_time", "Time, s");
+  d->n_coincident = add_value(rows, "coincident_deleted", "# coincident", {},
+                              "Deleted: the same spike found twice on one channel");
+  d->n_large =
+      add_value(rows, "large_deleted", "# too large", {}, "Deleted: larger than any spike");
   d->n_found =
       add_value(rows, "events_found", "# found", QString::number(d->w.session.events.n_events));
   return titled_box("Run", rows);
@@ -273,6 +285,8 @@ QGroupBox* result_section(const shared_detection& d, QProgressBar* bar) {
 void start_detection(const shared_detection& d) {
   if (!d->form.store()) return;
   d->w.session.operation.detection_interrupted = false;
+  d->n_coincident->clear();
+  d->n_large->clear();
   d->message->setText("Detecting events ...");
   d->dialog->run([](session_state& session) { run_detection(session); },
                  [d] {
@@ -301,6 +315,7 @@ void restore_defaults(const shared_detection& d) {
   const filter_settings kept_filter = session.filter;
   const review_settings kept_review = session.review;
   set_default_parameters(session);
+  if (session.detector.pe_alloc_failed) session.detection.use_lockout = true;
   d->form.load();
   session.detection = kept;
   session.filter = kept_filter;
@@ -321,7 +336,9 @@ void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProg
   stop->setEnabled(false);
   dialog->disabled_while_running << start << done << defaults;
   const QList<QGroupBox*> sections = dialog->findChildren<QGroupBox*>();
-  for (QGroupBox* section : sections) dialog->disabled_while_running << section;
+  for (const QGroupBox* section : sections) {
+    dialog->disabled_while_running << inputs_of(section);
+  }
   dialog->enabled_while_running << stop;
   QObject::connect(start, &QPushButton::clicked, dialog, [d] { start_detection(d); });
   QObject::connect(stop, &QPushButton::clicked, dialog, [d, stop] {
@@ -340,6 +357,8 @@ void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProg
   QObject::connect(d->w.desk, &interface_desk::status_changed, dialog,
                    [d](status_field field, const QString& text) {
                      if (field == status_field::elapsed_time) d->elapsed->setText(text);
+                     if (field == status_field::coincident_deleted) d->n_coincident->setText(text);
+                     if (field == status_field::large_deleted) d->n_large->setText(text);
                      if (field == status_field::events_found) d->n_found->setText(text);
                    });
 }

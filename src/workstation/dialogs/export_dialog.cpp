@@ -96,7 +96,6 @@ void connect_reports(const shared_export& x) {
 
 void export_command(workstation& w) {
   if (!needs_recording(w)) return;
-  warn_of_incomplete_detection(w.session);
   auto* dialog = new operation_dialog(w, "export_dialog", "Export spike files");
   const auto x = std::make_shared<export_window>(w, dialog);
   auto* layout = new QVBoxLayout(dialog);
@@ -124,6 +123,7 @@ void export_command(workstation& w) {
   connect_reports(x);
   x->form.load();
   open_dialog(w, dialog);
+  warn_of_incomplete_detection(w.session);  // over the dialog
   show_duplicates(x);
 }
 

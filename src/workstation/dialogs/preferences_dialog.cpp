@@ -12,6 +12,7 @@
 #include <QVBoxLayout>
 #include <array>
 #include <memory>
+#include <utility>
 
 #include "session/run_log.h"
 #include "session/settings_files.h"
@@ -78,6 +79,7 @@ struct preferences_window {
   number_field *width = nullptr, *height = nullptr;
   QComboBox* theme = nullptr;
   QCheckBox* keep_peaks = nullptr;
+  bool arrange = false;  // "Default" was pressed: windows go back to their places
   QList<QPushButton*> colour_buttons;
 
   preferences_window(workstation& of, QDialog* d) : w(of), dialog(d), form(of.session, d) {}
@@ -129,6 +131,10 @@ void open_log_if_wanted(workstation& w) {
 
 void store_window_size(preferences_window& p) {
   preferences_record& record = p.w.session.preferences;
+  if (std::exchange(p.arrange, false)) {
+    compute_window_layout(p.w);
+    place_windows(p.w);
+  }
   for (int i = 0; i < 6; ++i) {
     const auto& size = p.sizes[static_cast<std::size_t>(i)];
     std::copy(size.begin(), size.end(), size_of_window(record, i));
@@ -149,24 +155,39 @@ bool apply(preferences_window& p) {
   set_autorecover_interval(p.w.autorecover, record.autorecover_minutes);
   std::copy(p.colours.begin(), p.colours.end(), record.subcluster_colours);
   open_log_if_wanted(p.w);
+  // A file that cannot be opened turns the option off.
+  p.dialog->findChild<QCheckBox*>("log_file_enabled")->setChecked(record.log_file_enabled);
   session.view.vd_keep_peaks = p.keep_peaks->isChecked();
   QSettings().setValue("keep_peaks", p.keep_peaks->isChecked());
   choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
   apply_theme();
   store_window_size(p);
-  // On the worker, since the file is flushed to the device.
-  start_operation(
-      p.w, [](session_state& of) { write_preferences(of); }, nullptr);
+  // On the worker, since the file is flushed to the device; until then nothing more is
+  // applied.
+  const bool started = start_operation(
+      p.w, [](session_state& of) { write_preferences(of); },
+      [dialog = QPointer<QDialog>(p.dialog)] {
+        if (dialog) dialog->setEnabled(true);
+      });
+  p.dialog->setEnabled(!started);
   return true;
+}
+
+// "Cancel", also by the key or the frame of the dialog: as it was before, whatever has
+// been applied since.
+void give_back(preferences_window& p) {
+  p.w.session.preferences = p.before;
+  p.w.session.multi_threaded_now = p.before.multi_threaded;
+  set_autorecover_interval(p.w.autorecover, p.before.autorecover_minutes);
 }
 
 // The preferences of a new installation, window layout as computed for this frame.
 void restore_defaults(preferences_window& p) {
   const preferences_record kept = p.w.session.preferences;
   set_default_preferences(p.w.session);
-  compute_window_layout(p.w);
   load(p);
   p.w.session.preferences = kept;
+  p.arrange = true;
 }
 
 QWidget* scales_page(preferences_window& p) {
@@ -341,10 +362,8 @@ QDialogButtonBox* buttons(const shared_window& p) {
     p->dialog->accept();
     refresh_graphs(p->w);
   });
-  QObject::connect(box, &QDialogButtonBox::rejected, p->dialog, [p] {
-    p->w.session.preferences = p->before;
-    p->dialog->reject();
-  });
+  QObject::connect(box, &QDialogButtonBox::rejected, p->dialog, &QDialog::reject);
+  QObject::connect(p->dialog, &QDialog::rejected, p->dialog, [p] { give_back(*p); });
   return box;
 }
 

@@ -16,8 +16,10 @@ void show_counts(operation_dialog* dialog, const session_state& session) {
     dialog->findChild<QLabel*>(name)->setText(QString::number(n));
   };
   show("n_clusters", session.clusters.n_clusters);
-  show("stable_clusters", session.lists.n_kv_pairs > 0 ? count_stable_clusters(session) : 0);
-  show("pairs_to_examine", session.lists.n_kv_pairs > 0 ? count_pairs_to_examine(session) : 0);
+  // Without lists nothing is known of pairs; a cluster that has none is stable.
+  const bool known = session.lists.n_kv_pairs > 0 || session.clusters.n_clusters < 2;
+  show("stable_clusters", known ? count_stable_clusters(session) : 0);
+  show("pairs_to_examine", known ? count_pairs_to_examine(session) : 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <memory>
 
+#include "clustering/interpolation.h"
 #include "session/settings_table.h"
 #include "workstation/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
@@ -192,6 +193,17 @@ QString refused_together(QDialog* dialog) {
              : QString();
 }
 
+// False while a field is refused. Another table of interpolation is said in the log.
+bool store_strategy(settings_form& form) {
+  const sorting_strategy_settings& s = form.session.strategy;
+  const std::int32_t depth = s.interp_depth, width = s.interp_width;
+  if (!form.store()) return false;
+  if (s.interp_depth != depth || s.interp_width != width) {
+    change_interpolation(form.session, s.interp_depth, s.interp_width);
+  }
+  return true;
+}
+
 void restore_defaults(settings_form& form) {
   const sorting_strategy_settings kept = form.session.strategy;
   const detection_settings kept_detection = form.session.detection;
@@ -229,7 +241,7 @@ void strategy_command(workstation& w) {
   QObject::connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
   QObject::connect(buttons, &QDialogButtonBox::accepted, dialog, [dialog, form, words] {
     words->setText(refused_together(dialog));
-    if (words->text().isEmpty() && form->store()) dialog->accept();
+    if (words->text().isEmpty() && store_strategy(*form)) dialog->accept();
   });
   auto* layout = new QVBoxLayout(dialog);
   layout->addWidget(pages);

@@ -2,6 +2,7 @@
 #include <QCheckBox>
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QLineEdit>
 #include <QRadioButton>
 #include <QScrollBar>
 #include <QSlider>
@@ -28,6 +29,13 @@ void show(QDialog* dialog, const char* name, Value value) {
   auto* control = dialog->findChild<Control*>(name);
   const QSignalBlocker quiet(control);
   control->setValue(value);
+}
+
+// How far a number may go follows what is in memory.
+void limit(QDialog* dialog, const char* name, std::int32_t last) {
+  auto* field = dialog->findChild<number_field*>(name);
+  const QSignalBlocker quiet(field);
+  if (field->maximum() != std::max(last, 1)) field->setMaximum(std::max(last, 1));
 }
 
 void show_text(QDialog* dialog, const char* name, const std::string& text) {
@@ -152,6 +160,7 @@ number_field* add_jump(workstation& w, QGridLayout* grid, int row, const QString
     redraw_voltage_display(w);
   };
   QObject::connect(button, &QPushButton::clicked, w.frame, jump);
+  QObject::connect(field->findChild<QLineEdit*>(), &QLineEdit::returnPressed, w.frame, jump);
   return field;
 }
 
@@ -265,7 +274,7 @@ QScrollBar* row_bar(workstation& w) {
 
 void update_voltage_dialog(workstation& w) {
   QDialog* dialog = w.voltage ? w.voltage->dialog.data() : nullptr;
-  if (dialog == nullptr) return;
+  if (dialog == nullptr || w.worker.running) return;
   const session_state& session = w.session;
   const display_settings& d = session.display;
   show<QSpinBox>(dialog, "vd_voltage_scale_step", position_of_voltage_scale(d.vd_voltage_scale));
@@ -281,6 +290,10 @@ void update_voltage_dialog(workstation& w) {
   show<QSpinBox>(dialog, "vd_channel_spacing", d.vd_channel_spacing);
   show<QSlider>(dialog, "vd_slider_position", session.view.vd_slider_position);
   show<QScrollBar>(dialog, "vd_first_channel", session.view.vd_first_channel);
+  limit(dialog, "event", session.events.n_events);
+  limit(dialog, "cluster", session.clusters.n_clusters);
+  auto* proto = dialog->findChild<QCheckBox*>("vd_show_proto_events");
+  proto->setEnabled(session.detector.n_proto_marks > 0);
   show_text(dialog, "position_minutes", position_minutes_text(session));
   const shown_range_text shown =
       displaying_events_text(w.voltage->drawn.first_event, w.voltage->drawn.n_events_shown);
@@ -316,6 +329,7 @@ void voltage_record_command(workstation& w) {
   column->addLayout(marks);
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
   buttons->button(QDialogButtonBox::Close)->setObjectName("close");
+  buttons->button(QDialogButtonBox::Close)->setAutoDefault(false);  // Return belongs to the fields
   QObject::connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::close);
   column->addWidget(buttons);
   auto* layout = new QHBoxLayout(dialog);

@@ -1,0 +1,460 @@
+// A user who presses, types, drags and closes at random, over small recordings and files
+// that are none. Whatever comes of it, the program goes on and the session is in order.
+#include <QAction>
+#include <QCheckBox>
+#include <QColorDialog>
+#include <QComboBox>
+#include <QDropEvent>
+#include <QElapsedTimer>
+#include <QLineEdit>
+#include <QMdiSubWindow>
+#include <QMimeData>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QSlider>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QTest>
+#include <QTimer>
+#include <QWheelEvent>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "support/fixture_files.h"
+#include "workstation/driven_workstation.h"
+#include "workstation/graph_windows.h"
+#include "workstation/interface_desk.h"
+#include "workstation/setting_controls.h"
+#include "workstation/voltage_window.h"
+
+namespace kestrelvane::test {
+namespace {
+
+constexpr int ms_per_seed = 4000;
+
+// Entries and buttons that start other programs or wait for a printer.
+const QStringList out_of_bounds = {"getting_started", "system_info", "print"};
+
+QString qt(const std::string& text) { return QString::fromStdString(text); }
+
+// What gets a user further; pressed and chosen more often than the rest.
+const QStringList purposeful = {"autosort",
+                                "event_detection",
+                                "realign",
+                                "transform_filter",
+                                "make_status_lists",
+                                "voltage_record",
+                                "convert_channels",
+                                "recalculate_templates",
+                                "export_spikes",
+                                "save_work_file",
+                                "open_work_file",
+                                "start",
+                                "do_it",
+                                "begin",
+                                "save_as",
+                                "unmask_all",
+                                "restore_defaults",
+                                "realign_all_events",
+                                "realign_all_templates",
+                                "undo_events",
+                                "undo_all",
+                                "resume",
+                                "interrupt",
+                                "pause"};
+
+// Files of every sort: recordings large and tiny, text under a recording's name, nothing.
+struct random_files {
+  temporary_directory data;
+  QStringList paths;
+
+  random_files() {
+    paths << qt(make_small_recording(data, "small.tsf"));
+    std::filesystem::copy(data.file("small.tsf"), data.file("again.tsf"));
+    paths << qt(data.file("again.tsf"));
+    for (const auto& [n_channels, n_samples] : {std::pair{1, 1}, {1, 60}, {3, 1000}, {9, 1506}}) {
+      tsf_fixture tiny;
+      tiny.n_channels = n_channels;
+      tiny.n_samples = n_samples;
+      add(std::to_string(n_channels) + "x" + std::to_string(n_samples) + ".tsf", tsf_bytes(tiny));
+    }
+    const std::string nonsense = "not what its name says, and shorter than any header";
+    for (const char* name : {"a.tsf", "a.bin", "a.nev", "a.ns5", "a.ncs", "a.ntt", "a.mcd", "a.wrk",
+                             "a.rhd", "a.plx2", "a.raw", "a.txt", "a.csv", "a"}) {
+      add(name, {nonsense.begin(), nonsense.end()});
+    }
+    paths << qt(data.file("new.wrk")) << qt(data.file("new.csv")) << qt(data.file("new.png"))
+          << qt(data.file("no such directory/file.tsf")) << qt(data.path);
+  }
+  void add(const std::string& name, const std::vector<char>& bytes) {
+    write_bytes(data.file(name), bytes);
+    paths << qt(data.file(name));
+  }
+};
+
+struct monkey {
+  std::mt19937 random;
+  temporary_directory home;
+  random_files files;
+  std::unique_ptr<driven_workstation> w = std::make_unique<driven_workstation>(home.path);
+  int n_steps = 0;
+
+  explicit monkey(unsigned seed) : random(seed) {}
+
+  int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(std::max(n, 1))); }
+  bool one_in(int n) { return below(n) == 0; }
+  template <typename List>
+  auto one_of(const List& list) {
+    return list[below(static_cast<int>(list.size()))];
+  }
+  QPoint somewhere(const QWidget* in) { return {below(in->width()), below(in->height())}; }
+
+  QString nonsense_number() {
+    static const QStringList texts = {"",           "-1",
+                                      "0",          "1",
+                                      "2",          "17",
+                                      "1e300",      "-1e9",
+                                      "nan",        "inf",
+                                      "x",          "0.5",
+                                      "3.25",       "100",
+                                      "4096",       "-0",
+                                      "1e-9",       "..",
+                                      "+",          "0x10",
+                                      "2147483648", "99999999999999999"};
+    return one_of(texts);
+  }
+
+  void type_into(QWidget* field) {
+    QTest::keyClick(field, Qt::Key_A, Qt::ControlModifier);
+    QTest::keyClicks(field, nonsense_number());
+    if (one_in(2)) QTest::keyClick(field, one_in(2) ? Qt::Key_Tab : Qt::Key_Return);
+  }
+
+  void use(QWidget* control) {
+    if (auto* button = qobject_cast<QAbstractButton*>(control)) {
+      button->click();
+    } else if (auto* box = qobject_cast<QAbstractSpinBox*>(control)) {
+      one_in(3) ? box->stepBy(below(7) - 3) : type_into(box);
+    } else if (auto* list = qobject_cast<QComboBox*>(control)) {
+      list->setCurrentIndex(below(list->count()));
+    } else if (auto* bar = qobject_cast<QAbstractSlider*>(control)) {
+      bar->setValue(bar->minimum() + below(bar->maximum() - bar->minimum() + 1));
+    }
+  }
+
+  void use_something_in(QWidget* window) {
+    QList<QWidget*> controls, better;
+    const QList<QWidget*> all = window->findChildren<QWidget*>();
+    for (QWidget* widget : all) {
+      const bool usable =
+          qobject_cast<QAbstractButton*>(widget) || qobject_cast<QAbstractSpinBox*>(widget) ||
+          qobject_cast<QComboBox*>(widget) || qobject_cast<QAbstractSlider*>(widget);
+      if (usable && widget->isEnabled() && widget->window() == window &&
+          !out_of_bounds.contains(widget->objectName())) {
+        controls << widget;
+        if (purposeful.contains(widget->objectName())) better << widget;
+      }
+    }
+    if (!better.isEmpty() && one_in(3)) {
+      use(one_of(better));
+    } else if (!controls.isEmpty()) {
+      use(one_of(controls));
+    }
+  }
+
+  void use_dialog(QWidget* window) {
+    if (auto* pages = window->findChild<QTabWidget*>("pages")) {
+      pages->setCurrentIndex(below(pages->count()));
+    }
+    if (one_in(25)) {
+      QTest::keyClick(window, Qt::Key_Escape);
+    } else if (one_in(25)) {
+      window->close();
+    } else {
+      use_something_in(window);
+    }
+  }
+
+  void answer(QMessageBox* box) {
+    if (one_in(4)) {
+      box->close();
+    } else {
+      one_of(box->buttons())->click();
+    }
+  }
+
+  void answer(QFileDialog* dialog) {
+    if (one_in(3)) return dialog->reject();
+    // Its own question about a file that is there, or is none, waits inside accept.
+    QTimer asked;
+    QObject::connect(&asked, &QTimer::timeout, dialog, [this, dialog] {
+      if (auto* box = dialog->findChild<QMessageBox*>()) one_of(box->buttons())->click();
+    });
+    asked.start(1);
+    dialog->findChild<QLineEdit*>("fileNameEdit")->setText(one_of(files.paths));
+    QMetaObject::invokeMethod(dialog, "accept");
+  }
+
+  void trigger_entry() {
+    QList<QAction*> possible, better;
+    const QList<QAction*> all = w->shell.frame->findChildren<QAction*>();
+    for (QAction* action : all) {
+      if (!action->isEnabled() || action->objectName().isEmpty()) continue;
+      if (action->isSeparator() || out_of_bounds.contains(action->objectName())) continue;
+      if (action->objectName() == "exit" && !one_in(4)) continue;
+      if (action->objectName() == "close_recording" && !one_in(4)) continue;
+      possible << action;
+      if (purposeful.contains(action->objectName())) better << action;
+    }
+    if (!better.isEmpty() && one_in(2)) {
+      one_of(better)->trigger();
+    } else if (!possible.isEmpty()) {
+      one_of(possible)->trigger();
+    }
+  }
+
+  void drop_file() {
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(one_in(2) ? files.paths.first() : one_of(files.paths))});
+    QWidget* frame = w->shell.frame;
+    QDragEnterEvent enter(QPoint(50, 200), Qt::CopyAction, &mime, Qt::LeftButton, {});
+    if (frame->acceptDrops()) QApplication::sendEvent(frame, &enter);
+    QDropEvent fall(QPointF(50, 200), Qt::CopyAction, &mime, Qt::LeftButton, {});
+    if (frame->acceptDrops() && enter.isAccepted()) QApplication::sendEvent(frame, &fall);
+  }
+
+  void play_with_graph(graph_window* window) {
+    QWidget* surface = window->surface();
+    const auto keys = one_of(
+        std::vector<Qt::KeyboardModifiers>{Qt::NoModifier, Qt::ControlModifier, Qt::ShiftModifier});
+    QWheelEvent wheel(QPointF(somewhere(surface)), QPointF(), {}, QPoint(0, 120 * (below(9) - 4)),
+                      Qt::NoButton, keys, Qt::NoScrollPhase, false);
+    switch (below(8)) {
+      case 0:
+        return window->resize(below(3000), below(2000));
+      case 1:
+        return static_cast<void>(one_in(5) && window->close());
+      case 2:
+        return QTest::mouseClick(surface, Qt::LeftButton, {}, somewhere(surface));
+      case 3:
+        return QTest::mouseDClick(surface, Qt::LeftButton, {}, somewhere(surface));
+      case 4:
+        return QTest::keyClick(surface, static_cast<Qt::Key>(Qt::Key_Home + below(8)));
+      case 5:
+        QTest::mousePress(surface, Qt::LeftButton, {}, somewhere(surface));
+        QTest::mouseMove(surface, somewhere(surface));
+        return QTest::mouseRelease(surface, Qt::LeftButton, {}, somewhere(surface));
+      default:
+        QApplication::sendEvent(surface, &wheel);
+    }
+  }
+
+  void use_frame() {
+    workstation& shell = w->shell;
+    const QPointer<graph_window> graph = shell.graphs[0];
+    QDialog* voltage = shell.voltage ? shell.voltage->dialog.data() : nullptr;
+    if (graph && one_in(3)) {
+      play_with_graph(graph);
+    } else if (voltage != nullptr && voltage->isEnabled() && one_in(2)) {
+      use_dialog(voltage);
+    } else if (one_in(12)) {
+      shell.frame->resize(below(2500), below(1500));
+    } else if (one_in(w->session->recording.n_samples == 0 ? 2 : 30)) {
+      drop_file();
+    } else if (one_in(40)) {
+      shell.frame->close();
+    } else {
+      trigger_entry();
+    }
+  }
+
+  // Where a user can act: the modal window in front, or else anything.
+  void step() {
+    ++n_steps;
+    QWidget* modal = QApplication::activeModalWidget();
+    if (auto* box = qobject_cast<QMessageBox*>(modal)) {
+      answer(box);
+    } else if (auto* choice = qobject_cast<QFileDialog*>(modal)) {
+      answer(choice);
+    } else if (auto* colours = qobject_cast<QColorDialog*>(modal)) {
+      one_in(2) ? colours->accept() : colours->reject();
+    } else if (modal != nullptr) {
+      use_dialog(modal);
+    } else {
+      use_frame();
+    }
+    const int ms = one_in(10) ? below(60) : below(4);
+    if (ms > 0) QTest::qWait(ms);
+    QApplication::processEvents();
+    if (w->shell.leaving) start_again();
+  }
+
+  void start_again() {
+    const std::string argument = one_in(3) ? one_of(files.paths).toStdString() : "";
+    w.reset();
+    w = std::make_unique<driven_workstation>(home.path, argument, one_in(2));
+  }
+
+  // Ends what runs and closes what is open, as a patient user does.
+  bool come_to_rest() {
+    workstation& shell = w->shell;
+    QStringList none;
+    return wait_until([&] {
+      if (w->answer_box(one_in(2), none)) return false;
+      if (shell.leaving) return true;
+      if (shell.worker.running) {
+        request_ends();
+        return false;
+      }
+      QWidget* modal = QApplication::activeModalWidget();
+      if (modal != nullptr) modal->close();
+      return modal == nullptr;
+    });
+  }
+
+  void request_ends() {
+    const QWidgetList windows = QApplication::topLevelWidgets();
+    for (const QWidget* window : windows) {
+      for (const char* name : {"interrupt", "resume"}) {
+        auto* button = window->findChild<QPushButton*>(name);
+        if (button != nullptr && button->isEnabled()) button->click();
+      }
+    }
+  }
+
+  void check_at_rest() {
+    if (!come_to_rest()) {
+      const QWidget* modal = QApplication::activeModalWidget();
+      FAIL() << "after " << n_steps << " steps, running " << w->shell.worker.running << ", leaving "
+             << w->shell.leaving << ", in front "
+             << (modal != nullptr ? modal->objectName().toStdString() : "nothing");
+    }
+    if (w->shell.leaving) return start_again();
+    ASSERT_EQ(check_session(*w->session), "") << "after " << n_steps << " steps";
+    bool turns = false;
+    QTimer::singleShot(0, w->shell.frame, [&] { turns = true; });
+    ASSERT_TRUE(wait_until([&] { return turns; }));
+  }
+
+  void play(int ms) {
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < ms) {
+      const int n = 5 + below(60);
+      for (int i = 0; i < n; ++i) step();
+      if (w->shell.leaving) start_again();
+      ASSERT_NO_FATAL_FAILURE(check_at_rest());
+    }
+  }
+};
+
+class Monkey : public testing::TestWithParam<unsigned> {};
+
+TEST_P(Monkey, BreaksNothing) {
+  monkey m(GetParam());
+  m.play(ms_per_seed);
+  RecordProperty("steps", m.n_steps);
+}
+
+void write_random_bytes(const std::string& path, std::mt19937& random, std::size_t n) {
+  std::vector<char> bytes(n);
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  write_bytes(path, bytes);
+}
+
+void press_if_there(driven_workstation& w, QDialog* in, const char* button) {
+  auto* found = in->findChild<QPushButton*>(button);
+  if (found != nullptr && found->isEnabled()) found->click();
+  w.settle(true);
+}
+
+// Every long operation and every view once, on whatever is in memory.
+void use_everything(driven_workstation& w) {
+  constexpr std::pair<const char*, const char*> dialogs[] = {
+      {"acquisition_properties", "recalculate"},
+      {"transform_filter", "do_it"},
+      {"event_detection", "start"},
+      {"autosort", "start"},
+      {"make_status_lists", "begin"},
+      {"realign", "realign_all_events"},
+      {"sorting_statistics", "done"}};
+  for (const auto& [entry, button] : dialogs) {
+    w.choose_entry(entry);
+    w.settle(true);
+    QWidget* modal = QApplication::activeModalWidget();
+    if (modal == nullptr) continue;  // it has said why not
+    if (QString(entry) == "transform_filter") {
+      const QList<QCheckBox*> steps = modal->findChildren<QCheckBox*>();
+      // A filter by frequency takes a long transform for each channel, however short.
+      const bool few = w.session->recording.n_channels <= 64;
+      for (QCheckBox* step : steps) step->setChecked(few || step->objectName() == "do_common_mean");
+    }
+    press_if_there(w, qobject_cast<QDialog*>(modal), button);
+    if (modal == QApplication::activeModalWidget()) modal->close();
+    w.settle(true);
+    EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << entry;
+    EXPECT_EQ(check_session(*w.session), "") << entry;
+  }
+  w.choose_entry("voltage_record");
+  for (const float scale : {1e-6f, 0.01f, 1.0f, 1e6f}) {
+    w.session->display.vd_time_scale = scale;
+    redraw_voltage_display(w.shell);
+    for (const int key :
+         {Qt::Key_Left, Qt::Key_End, Qt::Key_PageDown, Qt::Key_Down, Qt::Key_Home}) {
+      QTest::keyClick(w.shell.graphs[0]->surface(), static_cast<Qt::Key>(key));
+    }
+    QApplication::processEvents();
+  }
+}
+
+TEST(SmallestAndWidest, EveryOperationOnRecordingsOfFewSamplesAndManyChannels) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path);
+  for (const auto& [n_channels, n_samples] :
+       {std::pair{1, 1}, {1, 99}, {2, 1505}, {64, 1506}, {4096, 150}}) {
+    tsf_fixture recording;
+    recording.n_channels = n_channels;
+    recording.n_samples = n_samples;
+    const std::string path = data.file(std::to_string(n_channels) + ".tsf");
+    write_bytes(path, tsf_bytes(recording));
+    w.choose_entry("open_recording");
+    w.settle(true, {qt(path)});
+    w.close_messages();
+    if (w.session->recording.n_samples == 0) continue;  // refused, in words
+    SCOPED_TRACE(path);
+    use_everything(w);
+  }
+}
+
+TEST(DamagedState, RandomBytesInEveryStateFileStartAsANewInstallation) {
+  const temporary_directory data;
+  const std::string path = make_small_recording(data);
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    SCOPED_TRACE(seed);
+    const temporary_directory home;
+    std::mt19937 random(seed);
+    for (const auto& [name, n] : {std::pair<const char*, std::size_t>{"kv_prefs.sav", 268},
+                                  {"kv_parameters.sav", 436},
+                                  {"kv.ufl", 2568},
+                                  {"kv_restart.sav", 5000},
+                                  {"kv_autorecover.sav", 5000}}) {
+      write_random_bytes(home.file(name), random, n);
+    }
+    driven_workstation w(home.path, seed % 2 == 0 ? path : "", true);
+    EXPECT_LT(w.shell.frame->width(), 3000);
+    if (seed % 2 != 0) {
+      w.choose_entry("open_recording");
+      w.settle(true, {qt(path)});
+      w.close_messages();
+    }
+    ASSERT_GT(w.session->recording.n_samples, 0);
+    use_everything(w);
+    EXPECT_LT(w.shell.graphs[0]->width(), 3000);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, Monkey, testing::Values(1u, 2u, 3u, 4u));
+
+}  // namespace
+}  // namespace kestrelvane::test
