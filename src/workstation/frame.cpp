@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QCloseEvent>
 #include <QDragEnterEvent>
+#include <QLabel>
 #include <QMdiArea>
 #include <QMenuBar>
 #include <QMimeData>
@@ -27,7 +28,8 @@ QString dragged_file(const QMimeData* data) {
 
 }  // namespace
 
-main_frame::main_frame(workstation& of) : w_(of), area_(new QMdiArea(this)) {
+main_frame::main_frame(workstation& of)
+    : w_(of), area_(new QMdiArea(this)), hint_(new QLabel(area_->viewport())) {
   setObjectName("frame");
   setWindowTitle("Kestrelvane");
   setWindowIcon(program_icon());
@@ -35,7 +37,16 @@ main_frame::main_frame(workstation& of) : w_(of), area_(new QMdiArea(this)) {
   area_->setHorizontalScrollBarPolicy(Qt::ScrollBarAsNeeded);
   area_->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
   setCentralWidget(area_);
+  area_->setBackground(QBrush(Qt::NoBrush));
+  area_->viewport()->setAutoFillBackground(true);
+  area_->viewport()->setBackgroundRole(QPalette::Mid);
   area_->viewport()->installEventFilter(this);
+  hint_->setObjectName("hint");
+  hint_->setText("Open a recording with Ctrl+O, or drop one here");
+  hint_->setAttribute(Qt::WA_TransparentForMouseEvents);
+  QFont large = hint_->font();
+  large.setPointSizeF(large.pointSizeF() * 1.4);
+  hint_->setFont(large);
   setAcceptDrops(true);
   statusBar();
 }
@@ -48,6 +59,14 @@ void main_frame::set_busy(bool busy) {
   // The one dialog that stands beside its window has to wait like the menus.
   if (w_.voltage && w_.voltage->dialog) w_.voltage->dialog->setEnabled(!busy);
   setAcceptDrops(!busy);
+  hint_->setVisible(!busy && w_.session.recording.n_samples == 0);
+}
+
+void main_frame::place_hint() {
+  hint_->adjustSize();
+  const QRect area = area_->viewport()->rect();
+  hint_->move(area.center().x() - hint_->width() / 2, area.height() * 2 / 5);
+  hint_->lower();
 }
 
 void main_frame::restore_layout() {
@@ -83,7 +102,10 @@ void main_frame::dropEvent(QDropEvent* event) {
 
 bool main_frame::eventFilter(QObject* watched, QEvent* event) {
   // The run log keeps to the lower edge of the area.
-  if (watched == area_->viewport() && event->type() == QEvent::Resize) place_run_log(w_);
+  if (watched == area_->viewport() && event->type() == QEvent::Resize) {
+    place_run_log(w_);
+    place_hint();
+  }
   return QMainWindow::eventFilter(watched, event);
 }
 

@@ -3,6 +3,7 @@
 
 #include <QMainWindow>
 
+class QLabel;
 class QMdiArea;
 
 namespace kestrelvane {
@@ -30,7 +31,10 @@ class main_frame : public QMainWindow {
 
  private:
   workstation& w_;
+  void place_hint();
+
   QMdiArea* area_;
+  QLabel* hint_;  // what to do first, while there is no recording
 };
 
 }  // namespace kestrelvane

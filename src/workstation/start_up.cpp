@@ -172,12 +172,14 @@ void start_workstation(workstation& w, const start_request& request) {
 
 bool request_exit(workstation& w) {
   if (w.leaving) return true;
+  if (w.exit_begun) return false;  // a second click while the state is being written
   if (w.worker.running) {
     show_message(w, "An operation is running: interrupt it or wait until it has finished.",
                  "Exit Kestrelvane");
     return false;
   }
   keep_window_layout(w);
+  w.exit_begun = true;
   start_operation(
       w,
       [&w](session_state& session) {

@@ -44,7 +44,8 @@ struct workstation {
   operation_worker worker;
   autorecover_timer autorecover;
   bool autorecover_running = false;
-  bool leaving = false;  // the exit path has begun
+  bool exit_begun = false;  // the exit path runs
+  bool leaving = false;     // and has come to its end
 
   explicit workstation(session_state& of) : session(of) {}
 };

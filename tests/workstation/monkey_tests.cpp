@@ -408,6 +408,28 @@ void use_everything(driven_workstation& w) {
   }
 }
 
+TEST(EventDetection, AMaskReachesTheTemplatesThatAreThere) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  w.choose_entry("autosort");
+  QDialog* sort = w.dialog("autosort_dialog");
+  w.set_number(sort, "min_cluster_size", 20);
+  w.press(sort, "start");
+  w.settle();
+  w.press(sort, "done");
+  w.settle();
+  ASSERT_GE(w.session->clusters.n_clusters, 2);
+  w.choose_entry("event_detection");
+  QDialog* dialog = w.dialog("event_detection_dialog");
+  w.settle();
+  w.control<QSlider>(dialog, "channel")->setValue(w.session->templates.centre_channel(1));
+  w.tick(dialog, "mask_channel", true);
+  EXPECT_NE(check_session(*w.session), "");
+  dialog->close();
+  w.settle();
+  EXPECT_EQ(check_session(*w.session), "");
+}
+
 TEST(SmallestAndWidest, EveryOperationOnRecordingsOfFewSamplesAndManyChannels) {
   const temporary_directory home, data;
   driven_workstation w(home.path);

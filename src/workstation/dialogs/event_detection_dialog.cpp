@@ -7,11 +7,13 @@
 #include <cmath>
 #include <memory>
 
+#include "clustering/templates.h"
 #include "detection/detection_run.h"
 #include "detection/sample_test.h"
 #include "recording/channel_masks.h"
 #include "session/settings_table.h"
 #include "signal/noise.h"
+#include "sorting/status_lists.h"
 #include "workstation/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
@@ -308,6 +310,19 @@ void leave_detection(const shared_detection& d) {
       [d] { d->dialog->accept(); });
 }
 
+// Templates of clusters that are there lose the channels that have been masked, however
+// the dialog was left.
+void follow_masks(const shared_detection& d) {
+  if (!d->masks_changed || d->w.session.clusters.n_clusters == 0) return;
+  run_with_progress(
+      d->w, "recalculate_progress", "Recalculate templates",
+      [](session_state& session) {
+        calculate_all_templates(session);
+        update_all_lists(session);
+      },
+      nullptr);
+}
+
 // Shows the values of a new installation; they count once detection starts or is left.
 void restore_defaults(const shared_detection& d) {
   session_state& session = d->w.session;
@@ -403,6 +418,7 @@ void event_detection_command(workstation& w) {
   }
   emit dialog->findChild<QComboBox*>("detection_method")
       ->currentIndexChanged(dialog->findChild<QComboBox*>("detection_method")->currentIndex());
+  QObject::connect(dialog, &QDialog::finished, w.frame, [d] { follow_masks(d); });
   open_dialog(w, dialog);
   measure_noise(d);
 }
