@@ -66,7 +66,10 @@ void choose_recording(workstation& w) {
   choice.filters << all_files;
   choose_file(w, choice, [&w, formats](const QString& path, int filter) {
     if (path.isEmpty()) return;
-    const std::int32_t code = filter >= 0 && filter < formats.size() ? formats[filter]->code : 0;
+    // A known extension says more than a filter that was merely left as it stood.
+    const bool picked = filter >= 0 && filter < formats.size();
+    const std::int32_t own = classify_extension(path.toStdString());
+    const std::int32_t code = own != file_type_unknown || !picked ? own : formats[filter]->code;
     read_recording(w, [path = path.toStdString(), code](session_state& session) {
       return prepare_chosen_recording(session, path, code);
     });

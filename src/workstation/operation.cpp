@@ -119,9 +119,14 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
                    [message](status_field field, const QString& text) {
                      if (field == status_field::message) message->setText(text);
                    });
+  // Not while the routine waits for the user in a box or a file dialog, which the window
+  // would block.
   auto* show_late = new QTimer(dialog);
-  show_late->setSingleShot(true);
-  QObject::connect(show_late, &QTimer::timeout, dialog, [dialog] { dialog->open(); });
+  QObject::connect(show_late, &QTimer::timeout, dialog, [dialog, show_late] {
+    if (QApplication::activeModalWidget() != nullptr) return;
+    show_late->stop();
+    dialog->open();
+  });
   show_late->start(300);
   dialog->run(
       std::move(routine),

@@ -1,5 +1,6 @@
 // A user's whole road on a small recording: open, filter, detect, sort, save, export,
 // leave, resume, recover.
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -77,9 +78,11 @@ TEST(WholeRun, FromARecordingToExportedUnits) {
   EXPECT_EQ(check_session(*w.session), "");
   const std::int32_t n_clusters = w.session->clusters.n_clusters;
 
-  // save, spoil, read back
+  // save, spoil, read back; a user takes time over a name, and nothing may come in between
   const std::string work = data.file("small.wrk");
   w.choose_entry("save_work_file");
+  wait_until([] { return false; }, 700);
+  EXPECT_EQ(QApplication::activeModalWidget()->objectName(), "choose_file");
   w.settle(true, {qt(work)});
   ASSERT_TRUE(std::filesystem::exists(work));
   EXPECT_TRUE(w.told.contains(qt("Work saved in file " + work)));

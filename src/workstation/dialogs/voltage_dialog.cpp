@@ -105,13 +105,13 @@ QLayout* move_buttons(workstation& w, const QString& name,
     QPushButton* button = make_button(qPrintable(name + (direction < 0 ? "_back" : "_on")),
                                       direction < 0 ? "◀" : "▶", tip);
     button->setAutoRepeat(true);
+    button->setMaximumWidth(44);
     row->addWidget(button);
     QObject::connect(button, &QPushButton::clicked, w.frame, [&w, move, direction] {
       move(w.session, direction);
       redraw_voltage_display(w);
     });
   }
-  row->addStretch();
   return row;
 }
 
@@ -126,10 +126,13 @@ QGroupBox* position_box(workstation& w) {
   });
   auto* rows = new QFormLayout;
   rows->addRow(slider);
-  rows->addRow("Position adjust: coarse",
-               move_buttons(w, "move_coarse", move_coarsely, "250 pixels; the page keys"));
-  rows->addRow("fine", move_buttons(w, "move_fine", move_finely,
-                                    "10 pixels and 5 samples; the cursor keys"));
+  auto* adjust = new QHBoxLayout;
+  adjust->addLayout(move_buttons(w, "move_coarse", move_coarsely, "250 pixels; the page keys"));
+  adjust->addWidget(new QLabel("fine"));
+  adjust->addLayout(
+      move_buttons(w, "move_fine", move_finely, "10 pixels and 5 samples; the cursor keys"));
+  adjust->addStretch();
+  rows->addRow("Position adjust: coarse", adjust);
   add_value(rows, "position_minutes", "Position, minutes");
   auto* events = new QHBoxLayout;
   for (const char* name : {"first_shown", "last_shown"}) {
@@ -215,31 +218,8 @@ QCheckBox* mark(workstation& w, const char* name, const QString& label, logical&
   return box;
 }
 
-QGroupBox* marks_box(workstation& w) {
-  display_settings& d = w.session.display;
-  voltage_view& view = w.session.view;
-  QCheckBox* proto = mark(w, "vd_show_proto_events", "proto-events", d.vd_show_proto_events,
-                          "Green: single-channel triggers of the last detection");
-  proto->setEnabled(w.session.detector.n_proto_marks > 0);
-  auto* column = new QVBoxLayout;
-  column->addWidget(proto);
-  column->addWidget(mark(w, "vd_show_events", "events", d.vd_show_events,
-                         "Red on their own channel, blue elsewhere"));
-  column->addWidget(mark(w, "vd_cluster_colours", "cluster colours", d.vd_cluster_colours,
-                         "Events as blocks in the colour of their cluster"));
-  column->addWidget(mark(w, "vd_cluster_numbers", "cluster numbers", d.vd_cluster_numbers,
-                         "The number of the cluster above each event"));
-  column->addWidget(mark(w, "vd_show_template_channel", "if in cluster, show template channel",
-                         view.vd_show_template_channel,
-                         "Clustered events on the centre channel of their cluster"));
-  column->addWidget(mark(w, "vd_msec_grid", "msec grid", d.vd_msec_grid,
-                         "A line every millisecond, or every ten"));
-  column->addWidget(mark(w, "vd_reverse_contrast", "reverse contrast", view.vd_reverse_contrast,
-                         "White traces on black"));
-  return titled_box("Show", column);
-}
-
-QGroupBox* form_box(workstation& w) {
+// Traces or a grey image.
+QLayout* form_row(workstation& w) {
   auto* row = new QHBoxLayout;
   auto* waveforms = new QRadioButton("Waveforms");
   auto* grey = new QRadioButton("Grey Scale");
@@ -255,7 +235,38 @@ QGroupBox* form_box(workstation& w) {
     w.session.view.vd_grey_scale = on;
     redraw_voltage_display(w);
   });
-  return titled_box("Form", row);
+  return row;
+}
+
+QGroupBox* marks_box(workstation& w) {
+  display_settings& d = w.session.display;
+  voltage_view& view = w.session.view;
+  QCheckBox* proto = mark(w, "vd_show_proto_events", "proto-events", d.vd_show_proto_events,
+                          "Green: single-channel triggers of the last detection");
+  proto->setEnabled(w.session.detector.n_proto_marks > 0);
+  QWidget* const boxes[] = {
+      proto,
+      mark(w, "vd_show_events", "events", d.vd_show_events,
+           "Red on their own channel, blue elsewhere"),
+      mark(w, "vd_cluster_colours", "cluster colours", d.vd_cluster_colours,
+           "Events as blocks in the colour of their cluster"),
+      mark(w, "vd_cluster_numbers", "cluster numbers", d.vd_cluster_numbers,
+           "The number of the cluster above each event"),
+      mark(w, "vd_show_template_channel", "if in cluster, show template channel",
+           view.vd_show_template_channel,
+           "Clustered events on the centre channel of their cluster"),
+      mark(w, "vd_msec_grid", "msec grid", d.vd_msec_grid,
+           "A line every millisecond, or every ten"),
+      mark(w, "vd_reverse_contrast", "reverse contrast", view.vd_reverse_contrast,
+           "White traces on black")};
+  auto* grid = new QGridLayout;
+  int n = 0;
+  for (QWidget* box : boxes) {
+    grid->addWidget(box, n % 4, n / 4);
+    ++n;
+  }
+  grid->addLayout(form_row(w), n % 4, n / 4);
+  return titled_box("Show", grid);
 }
 
 QScrollBar* row_bar(workstation& w) {
@@ -320,13 +331,7 @@ void voltage_record_command(workstation& w) {
   column->addWidget(scales_box(w));
   column->addWidget(position_box(w));
   column->addWidget(jumps_box(w, dialog));
-  auto* marks = new QHBoxLayout;
-  marks->addWidget(marks_box(w));
-  auto* right = new QVBoxLayout;
-  right->addWidget(form_box(w));
-  right->addStretch();
-  marks->addLayout(right);
-  column->addLayout(marks);
+  column->addWidget(marks_box(w));
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
   buttons->button(QDialogButtonBox::Close)->setObjectName("close");
   buttons->button(QDialogButtonBox::Close)->setAutoDefault(false);  // Return belongs to the fields
