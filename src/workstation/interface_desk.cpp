@@ -40,7 +40,8 @@ struct pause_bench {
 }  // namespace
 
 struct desk_state {
-  std::mutex mutex;  // of notices
+  std::array<QString, n_fields> latest;  // of each field; the interface thread's
+  std::mutex mutex;                      // of notices
   notice_list notices;
   bool flush_posted = false;
   pause_bench bench;
@@ -66,6 +67,7 @@ void flush(interface_desk* desk) {
   for (const QString& line : std::as_const(taken.log_lines)) emit desk->log_line_added(line);
   for (std::size_t i = 0; i < n_fields; ++i) {
     if (taken.fields[i]) {
+      desk->state->latest[i] = *taken.fields[i];
       emit desk->status_changed(static_cast<status_field>(i), *taken.fields[i]);
     }
   }
@@ -219,6 +221,10 @@ QString text_of(std::string_view text) {
 interface_desk::interface_desk(workstation& of)
     : shell(of), state(std::make_unique<desk_state>()) {}
 interface_desk::~interface_desk() = default;
+
+QString interface_desk::latest(status_field field) const {
+  return state->latest[static_cast<std::size_t>(field)];
+}
 
 void interface_desk::resume() {
   pause_bench& bench = state->bench;

@@ -25,6 +25,8 @@ class interface_desk : public QObject {
 
   // Wakes a worker that waits at a pause point.
   void resume();
+  // What a field was last set to, for a window that opened later.
+  QString latest(status_field field) const;
 
   workstation& shell;
   std::unique_ptr<desk_state> state;  // notices on their way; interface_desk.cpp

@@ -86,6 +86,9 @@ messages_dialog::~messages_dialog() {
 void messages_dialog::set_reading(bool reading) {
   reading_ = reading;
   ok_->setEnabled(!reading);
+  // The name may have come before the dialog.
+  const QString name = w_.desk->latest(status_field::file_name);
+  if (reading && !name.isEmpty()) file_name_->setText(name);
   if (!reading) ok_->setFocus();
 }
 

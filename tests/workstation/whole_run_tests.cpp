@@ -4,6 +4,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <filesystem>
 
@@ -42,7 +43,10 @@ TEST(WholeRun, FromARecordingToExportedUnits) {
   const temporary_directory home, data;
   const std::string path = make_small_recording(data);
   driven_workstation w(home.path);
-  open_by_dialog(w, path);
+  w.choose_entry("open_recording");
+  w.settle(true, {qt(path)});
+  EXPECT_EQ(w.control<QLineEdit>(w.dialog("messages_dialog"), "file_name")->text(), qt(path));
+  w.close_messages();
   ASSERT_GT(w.session->recording.n_samples, 0);
   EXPECT_EQ(w.session->recording.n_channels, 4);
 
