@@ -17,42 +17,26 @@ namespace kestrelvane {
 
 namespace {
 
-QPalette light_palette() {
-  QPalette p(QColor(0xf4, 0xf5, 0xf7));
-  const QColor text(0x1d, 0x21, 0x26);
-  p.setColor(QPalette::Window, QColor(0xf4, 0xf5, 0xf7));
-  p.setColor(QPalette::WindowText, text);
-  p.setColor(QPalette::Base, Qt::white);
-  p.setColor(QPalette::AlternateBase, QColor(0xee, 0xf1, 0xf4));
-  p.setColor(QPalette::Text, text);
-  p.setColor(QPalette::Button, QColor(0xe9, 0xeb, 0xee));
-  p.setColor(QPalette::ButtonText, text);
-  p.setColor(QPalette::ToolTipBase, QColor(0xff, 0xfd, 0xe8));
-  p.setColor(QPalette::ToolTipText, text);
-  p.setColor(QPalette::PlaceholderText, QColor(0x70, 0x78, 0x80));
-  p.setColor(QPalette::Highlight, QColor(0x1f, 0x6f, 0xb5));
-  p.setColor(QPalette::HighlightedText, Qt::white);
-  p.setColor(QPalette::Link, QColor(0x1f, 0x6f, 0xb5));
-  return p;
-}
+struct theme_colours {
+  QRgb window, text, base, alternate, button, tip, placeholder, highlight, link;
+};
+constexpr theme_colours light_colours = {0xf4f5f7, 0x1d2126, 0xffffff, 0xeef1f4, 0xe9ebee,
+                                         0xfffde8, 0x707880, 0x1f6fb5, 0x1f6fb5};
+constexpr theme_colours dark_colours = {0x35393f, 0xe6e8ea, 0x1a1c1f, 0x23262a, 0x454a51,
+                                        0x3a4046, 0x969da5, 0x2f7fc4, 0x6fb7f0};
 
-QPalette dark_palette() {
-  QPalette p(QColor(0x35, 0x39, 0x3f));
-  const QColor text(0xe6, 0xe8, 0xea);
-  p.setColor(QPalette::Window, QColor(0x35, 0x39, 0x3f));
-  p.setColor(QPalette::WindowText, text);
-  p.setColor(QPalette::Base, QColor(0x1a, 0x1c, 0x1f));
-  p.setColor(QPalette::AlternateBase, QColor(0x23, 0x26, 0x2a));
-  p.setColor(QPalette::Text, text);
-  p.setColor(QPalette::Button, QColor(0x45, 0x4a, 0x51));
-  p.setColor(QPalette::ButtonText, text);
-  p.setColor(QPalette::ToolTipBase, QColor(0x3a, 0x40, 0x46));
-  p.setColor(QPalette::ToolTipText, text);
-  p.setColor(QPalette::PlaceholderText, QColor(0x96, 0x9d, 0xa5));
-  p.setColor(QPalette::BrightText, QColor(0xff, 0x8a, 0x7a));
-  p.setColor(QPalette::Highlight, QColor(0x2f, 0x7f, 0xc4));
-  p.setColor(QPalette::HighlightedText, Qt::white);
-  p.setColor(QPalette::Link, QColor(0x6f, 0xb7, 0xf0));
+QPalette palette_of(const theme_colours& c) {
+  QPalette p{QColor(c.window)};
+  const std::pair<QPalette::ColorRole, QRgb> roles[] = {
+      {QPalette::Window, c.window},       {QPalette::WindowText, c.text},
+      {QPalette::Base, c.base},           {QPalette::AlternateBase, c.alternate},
+      {QPalette::Text, c.text},           {QPalette::Button, c.button},
+      {QPalette::ButtonText, c.text},     {QPalette::ToolTipBase, c.tip},
+      {QPalette::ToolTipText, c.text},    {QPalette::PlaceholderText, c.placeholder},
+      {QPalette::Highlight, c.highlight}, {QPalette::HighlightedText, 0xffffff},
+      {QPalette::Link, c.link},
+  };
+  for (const auto& [role, colour] : roles) p.setColor(role, QColor(colour));
   return p;
 }
 
@@ -124,7 +108,7 @@ void apply_theme() {
     return;
   }
   QApplication::setStyle(QStyleFactory::create("Fusion"));
-  QPalette palette = theme == colour_theme::dark ? dark_palette() : light_palette();
+  QPalette palette = palette_of(theme == colour_theme::dark ? dark_colours : light_colours);
   grey_disabled(palette);
   QApplication::setPalette(palette);
 }
