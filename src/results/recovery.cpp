@@ -62,6 +62,8 @@ bool save_state(session_state& session, const state_file& file) {
   if (session.home_directory.empty()) return false;
   const session_hold hold(session);
   if (session.recording.n_samples <= 0) return false;
+  // A reader that asks the user lets others have the gate; half a recording is no state.
+  if (session.operation.reader_running) return false;
   session.operation.autorecover_busy = true;
   const bool saved = write_work_file(session, home_file(session, file.name),
                                      home_file(session, autorecover_temporary_name));
