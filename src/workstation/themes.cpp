@@ -18,22 +18,27 @@ namespace kestrelvane {
 namespace {
 
 struct theme_colours {
-  QRgb window, text, base, alternate, button, tip, placeholder, highlight, link;
+  QRgb window, text, base, alternate, button, tip, highlight, link;
 };
-constexpr theme_colours light_colours = {0xf4f5f7, 0x1d2126, 0xffffff, 0xeef1f4, 0xe9ebee,
-                                         0xfffde8, 0x707880, 0x1f6fb5, 0x1f6fb5};
-constexpr theme_colours dark_colours = {0x35393f, 0xe6e8ea, 0x1a1c1f, 0x23262a, 0x454a51,
-                                        0x3a4046, 0x969da5, 0x2f7fc4, 0x6fb7f0};
+constexpr theme_colours light_colours = {0xf4f5f7, 0x1d2126, 0xffffff, 0xeef1f4,
+                                         0xe9ebee, 0xfffde8, 0x1f6fb5, 0x1f6fb5};
+constexpr theme_colours dark_colours = {0x35393f, 0xe6e8ea, 0x1a1c1f, 0x23262a,
+                                        0x454a51, 0x3a4046, 0x2f7fc4, 0x6fb7f0};
 
 QPalette palette_of(const theme_colours& c) {
   QPalette p{QColor(c.window)};
   const std::pair<QPalette::ColorRole, QRgb> roles[] = {
-      {QPalette::Window, c.window},       {QPalette::WindowText, c.text},
-      {QPalette::Base, c.base},           {QPalette::AlternateBase, c.alternate},
-      {QPalette::Text, c.text},           {QPalette::Button, c.button},
-      {QPalette::ButtonText, c.text},     {QPalette::ToolTipBase, c.tip},
-      {QPalette::ToolTipText, c.text},    {QPalette::PlaceholderText, c.placeholder},
-      {QPalette::Highlight, c.highlight}, {QPalette::HighlightedText, 0xffffff},
+      {QPalette::Window, c.window},
+      {QPalette::WindowText, c.text},
+      {QPalette::Base, c.base},
+      {QPalette::AlternateBase, c.alternate},
+      {QPalette::Text, c.text},
+      {QPalette::Button, c.button},
+      {QPalette::ButtonText, c.text},
+      {QPalette::ToolTipBase, c.tip},
+      {QPalette::ToolTipText, c.text},
+      {QPalette::Highlight, c.highlight},
+      {QPalette::HighlightedText, 0xffffff},
       {QPalette::Link, c.link},
   };
   for (const auto& [role, colour] : roles) p.setColor(role, QColor(colour));
