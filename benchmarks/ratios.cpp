@@ -6,6 +6,7 @@
 //
 //   kestrelvane-benchmarks [RECORDING.tsf]     the recording for the reading rate;
 //                                              without it that line is left out
+//   kestrelvane-benchmarks formats             reading of the acquisition formats alone
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -21,6 +22,8 @@
 #include "clustering/templates.h"
 #include "detection/sample_test.h"
 #include "filter_ratios.h"
+#include "format_ratios.h"
+#include "hdf_ratios.h"
 #include "numerics/parallel.h"
 #include "recording/tsf.h"
 #include "side_by_side.h"
@@ -196,7 +199,14 @@ int main(int argc, char** argv) {
   using namespace kestrelvane::test;
   kestrelvane::flush_denormals();
   fmt::print("{:<52} {:>13} {:>13}   ratio\n", "first / second", "first", "second");
+  if (argc > 1 && std::string(argv[1]) == "formats") {
+    benchmark_formats();
+    benchmark_hdf();
+    return 0;
+  }
   if (argc > 1) benchmark_reading(argv[1]);
+  benchmark_formats();
+  benchmark_hdf();
   benchmark_scan();
   benchmark_filters();
   benchmark_pairs_and_templates();

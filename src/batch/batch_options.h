@@ -18,7 +18,10 @@ struct batch_options {
   std::string output;                // path of convert and make-test
   std::string work;                  // work file to start from; empty: none
   std::string config;                // electrode configuration
+  std::string stream;                // of a recording with several: name or number from 1
   std::string mask;                  // channels, as "3,8-11"
+  std::string hdf_path;              // dataset of a container file; empty: the only one
+  std::string rate, scale;           // Hz and µV/bit of it; empty: what the file suggests
   std::vector<std::string> filters;  // NAME or NAME:VALUE..., applied after the open
   // --- settings
   std::string parameters;        // a kv_parameters.sav
@@ -36,6 +39,7 @@ struct batch_options {
   std::vector<std::string> exports;  // FORMAT=PATH
   std::string log;
   std::string report;  // JSON
+  std::string values;   // FIRST:COUNT, samples that info shows
   bool quiet = false;
   bool json = false;
   // --- draw

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "batch/channel_list.h"
+#include "batch/hdf_tree.h"
 #include "batch/interrupt.h"
 #include "recording/electrode_config.h"
 #include "recording/open_recording.h"
@@ -81,6 +82,11 @@ batch_status start_console(batch_session& batch) {
   console.terminal = standard_error_is_terminal();
   console.answer_yes = batch.options.answer == "yes";
   console.chosen_path = batch.options.config;
+  batch.session->named_config = batch.options.config;
+  console.hdf_path = batch.options.hdf_path;
+  console.hdf_rate = batch.options.rate;
+  console.hdf_scale = batch.options.scale;
+  batch.session->named_stream = batch.options.stream;
   console.on_stage = [&batch](const std::string& name) {
     begin_timed_stage(batch.report.clock, *batch.session, name);
   };
@@ -96,7 +102,9 @@ batch_status place_channels(batch_session& batch) {
   session_state& session = *batch.session;
   const std::string& path = batch.options.config;
   const recording_format* format = find_recording_format(session.recording.file_type);
-  if (path.empty() || format == nullptr || format->needs_configuration) return batch_status::done;
+  if (path.empty() || format == nullptr || format->configuration != config_use::none) {
+    return batch_status::done;
+  }
   std::int32_t n_mapped = 0;
   if (!read_config_file(session, path, n_mapped, true)) {
     return fail_batch(batch, "Failed to read file " + path);
@@ -165,6 +173,7 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
 batch_status open_recording_for_batch(batch_session& batch) {
   session_state& session = *batch.session;
   batch.console.show_log = true;
+  if (!settle_hdf_path(batch)) return batch_status::failed;
   const bool opened = open_recording(session, batch.options.recording);
   batch.console.show_log = false;
   end_timed_stage(batch.report.clock, session);

@@ -20,6 +20,7 @@ void on_interrupt(int) {
   flags->autosort_interrupt = true;
   flags->detection_interrupted = true;
   flags->filtering_interrupted = true;
+  flags->reading_interrupted = true;
 }
 
 }  // namespace

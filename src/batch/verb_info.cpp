@@ -1,8 +1,12 @@
 // info: what a recording holds.
 #include <fmt/format.h>
 
+#include <cinttypes>
+#include <cstdio>
+#include <limits>
 #include <nlohmann/json.hpp>
 
+#include "batch/hdf_tree.h"
 #include "batch/verbs.h"
 
 namespace kestrelvane {
@@ -23,19 +27,44 @@ json describe_channel(const session_state& session, std::int32_t c) {
           {"noise_uv", told(r.chan_noise[c] * r.vscale_HP)}};
 }
 
-std::string describe_as_json(const session_state& session) {
+// Samples of every channel in µV from time index first on, as far as there are any.
+json list_values(const session_state& session, std::int64_t first, std::int64_t count) {
+  const recording_store& r = session.recording;
+  json all = json::array();
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    json values = json::array();
+    for (std::int64_t t = first; t < first + count && t <= r.n_samples; ++t) {
+      values.push_back(told(r.vd.channel(c)[t] * r.vscale_HP));
+    }
+    all.push_back(values);
+  }
+  return all;
+}
+
+// FIRST:COUNT, both 1 or more.
+bool parse_values(const std::string& text, std::int64_t& first, std::int64_t& count) {
+  char rest = 0;
+  const int n = std::sscanf(text.c_str(), "%" SCNd64 ":%" SCNd64 "%c", &first, &count, &rest);
+  constexpr std::int64_t most = 1'000'000;
+  return n == 2 && first >= 1 && first <= std::numeric_limits<std::int32_t>::max() && count >= 1 &&
+         count <= most;
+}
+
+std::string describe_as_json(const session_state& session, const std::string& values) {
   const recording_store& r = session.recording;
   json channels = json::array();
   for (std::int32_t c = 1; c <= r.n_channels; ++c) channels.push_back(describe_channel(session, c));
-  const json all = {{"path", r.recording_path},
-                    {"channels", r.n_channels},
-                    {"sampling_frequency", r.sampling_frequency},
-                    {"samples", r.n_samples},
-                    {"duration_minutes", told(r.duration_mins)},
-                    {"uv_per_bit", told(r.vscale_HP)},
-                    {"events", session.events.n_events},
-                    {"clusters", session.clusters.n_clusters},
-                    {"sites", channels}};
+  json all = {{"path", r.recording_path},
+              {"channels", r.n_channels},
+              {"sampling_frequency", r.sampling_frequency},
+              {"samples", r.n_samples},
+              {"duration_minutes", told(r.duration_mins)},
+              {"uv_per_bit", told(r.vscale_HP)},
+              {"events", session.events.n_events},
+              {"clusters", session.clusters.n_clusters},
+              {"sites", channels}};
+  std::int64_t first = 0, count = 0;
+  if (parse_values(values, first, count)) all["values_uv"] = list_values(session, first, count);
   return all.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -65,15 +94,25 @@ std::string describe_as_text(const session_state& session) {
 }  // namespace
 
 batch_status run_info(const batch_options& options) {
+  std::int64_t first = 0, count = 0;
+  if (!options.values.empty() && !parse_values(options.values, first, count)) {
+    return refuse_usage(fmt::format("--values {}: not FIRST:COUNT", options.values));
+  }
   batch_session batch;
   batch_status status = start_batch(batch, options, "info");
   if (status == batch_status::wrong_usage) return status;
+  if (status == batch_status::done && wants_hdf_tree(batch)) {
+    status = print_hdf_tree(batch);
+    finish_batch(batch);
+    return status;
+  }
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
   finish_batch(batch);
   if (status == batch_status::done) {
     const session_state& session = *batch.session;
-    fmt::print("{}", options.json ? describe_as_json(session) : describe_as_text(session));
+    fmt::print(
+        "{}", options.json ? describe_as_json(session, options.values) : describe_as_text(session));
   }
   return status;
 }

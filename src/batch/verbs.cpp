@@ -26,6 +26,9 @@ enum option_group : unsigned {
   takes_test = 1u << 10,
   takes_quiet = 1u << 11,
   takes_draw = 1u << 12,
+  takes_hdf = 1u << 13,
+  takes_hdf_edits = 1u << 14,
+  takes_values = 1u << 15,
 };
 
 enum class option_kind { positional, text, texts, flag, count, seed, real };
@@ -57,7 +60,13 @@ constexpr option_row option_rows[] = {
       "FILE", "settings from a kv_parameters.sav"},
   {texts, takes_settings, "--set", AT(set), "NAME=VALUE", "one setting; may be repeated"},
   {text, takes_settings, "--config", AT(config), "FILE", "electrode configuration (.cfg)"},
+  {text, takes_settings, "--stream", AT(stream),
+      "NAME", "of a recording with several streams: its name or number from 1"},
   {text, takes_settings, "--mask", AT(mask), "LIST", "channels that take no part, as 3,8-11"},
+  {text, takes_hdf, "--hdf-path", AT(hdf_path),
+      "PLACE", "dataset of voltages in an HDF5 or NWB file; info lists them"},
+  {text, takes_hdf_edits, "--rate", AT(rate), "HZ", "its sampling frequency (as the file says)"},
+  {text, takes_hdf_edits, "--scale", AT(scale), "UV", "µV per bit (as the file says)"},
   {texts, takes_settings, "--filter", AT(filters), "FILTER",
       "means, common-mean, spatial:RADIUS, temporal, phase:F0:SHIFT, highpass:F0:POLES, "
       "lowpass:F0:POLES, notch or compressive:UV, with RADIUS in um, F0 in kHz, SHIFT in degrees "
@@ -74,7 +83,7 @@ constexpr option_row option_rows[] = {
       "detection channel-clusters first-pass lists all"},
   {text, takes_results, "--save-work", AT(save_work), "FILE", "write a work file"},
   {texts, takes_exports, "--export", AT(exports),
-      "FORMAT=PATH", "csv, txt or tsf; may be repeated"},
+      "FORMAT=PATH", "csv, txt, plx, ntt, evt, nev, ptcs, tsf, phy or nwb; may be repeated"},
   {text, takes_results, "--report", AT(report),
       "FILE.json", "settings, times, memory and units as JSON"},
   {text, takes_test, "--electrode", AT(electrode),
@@ -115,14 +124,17 @@ constexpr option_row option_rows[] = {
   {flag, takes_draw, "--peaks", AT(draw_peaks), "", "keep the peaks of each pixel column"},
   {flag, takes_draw, "--reverse", AT(draw_reversed), "", "white on black"},
   {flag, takes_json, "--json", AT(json), "", "JSON instead of text"},
+  {text, takes_values, "--values", AT(values),
+      "FIRST:COUNT", "with info --json: so many samples from time index FIRST on, in µV"},
   {flag, takes_quiet, "--quiet", AT(quiet), "", "no progress; problems are told all the same"},
 };
 
-constexpr unsigned opens = takes_recording | takes_settings | takes_quiet;
+constexpr unsigned views = takes_recording | takes_settings | takes_quiet | takes_hdf;
+constexpr unsigned opens = views | takes_hdf_edits;
 constexpr unsigned sorts = opens | takes_work | takes_skips | takes_exports | takes_results;
 
 constexpr batch_verb verbs[] = {
-  {"info", "what a recording holds", opens | takes_json, run_info},
+  {"info", "what a recording holds", opens | takes_json | takes_values, run_info},
   {"sort", "sort a recording into units", sorts | takes_stop, run_sort},
   {"detect", "find the events of a recording", sorts, run_detect},
   {"export", "write a saved sort for other tools", opens | takes_work | takes_exports, run_export},
@@ -130,7 +142,7 @@ constexpr batch_verb verbs[] = {
   {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
    run_make_test},
 #ifdef KESTRELVANE_WITH_DISPLAYS
-  {"draw", "draw the voltage record to a file", opens | takes_work | takes_draw, run_draw},
+  {"draw", "draw the voltage record to a file", views | takes_work | takes_draw, run_draw},
 #endif
   {"score", "how a sort agrees with planted units", takes_score | takes_json, run_score},
 };

@@ -90,6 +90,8 @@ std::string trimmed(std::string_view text, std::size_t limit) {
 
 bool find_config_file(session_state& session, const std::string& recording_path,
                       std::string& path) {
+  path = session.named_config;
+  if (!path.empty()) return true;
   path = replace_extension(recording_path, ".cfg");
   if (file_exists(path)) return true;
   path = folder_of(recording_path) + "electrode.cfg";
@@ -125,9 +127,17 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
     return false;
   }
   r.no_config_file = false;
+  r.n_mapped_channels = n_mapped;
   r.show_config_in_title = show_in_title;
   log_message(session, "Reading channel configuration file " + file_name_of(path));
   return true;
+}
+
+bool load_configuration(session_state& session, bool show_in_title) {
+  std::string path;
+  std::int32_t n_mapped = 0;
+  return find_config_file(session, session.recording.open_path, path) &&
+         read_config_file(session, path, n_mapped, show_in_title);
 }
 
 bool write_config_file(session_state& session) {

@@ -15,8 +15,9 @@
 
 namespace kestrelvane {
 
-// The configuration of a recording: the file of its name, else "electrode.cfg" beside
-// it, else one that the user chooses. False when there is none.
+// The configuration of a recording: the one the user has named (named_config), the file
+// of its name, else "electrode.cfg" beside it, else one that the user chooses. False when
+// there is none.
 bool find_config_file(session_state& session, const std::string& recording_path, std::string& path);
 
 // The file dialog alone; false when the user cancels.
@@ -28,6 +29,10 @@ bool choose_config_file(session_state& session, std::string& path);
 // no_config_file is true and positions read so far stay.
 bool read_config_file(session_state& session, const std::string& path, std::int32_t& n_mapped,
                       bool show_in_title);
+
+// find_config_file and read_config_file in one, for a reader of open_path: true when a
+// configuration is in use. One that cannot be read counts as none.
+bool load_configuration(session_state& session, bool show_in_title = true);
 
 // Saves the present map and positions as a ".cfg" beside the recording; a recording
 // without a map gets channel for channel. False when the file cannot be written.

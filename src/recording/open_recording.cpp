@@ -10,7 +10,9 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "recording/channel_masks.h"
+#include "recording/electrode_config.h"
 #include "recording/input_file.h"
+#include "recording/open_ephys.h"
 #include "recording/recent_files.h"
 #include "recording/recording_formats.h"
 #include "recording/site_tables.h"
@@ -38,6 +40,14 @@ bool check_readable(session_state& session, const std::string& path) {
   return false;
 }
 
+// A folder stands for the recording in it; anything else for itself.
+std::string recording_of_folder(session_state& session, const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(path, ignored)) return path;
+  const std::string inside = find_structure_file(session, path);
+  return inside.empty() ? path : inside;
+}
+
 void remember_recent(session_state& session, const std::string& path) {
   if (session.home_directory.empty()) return;
   std::error_code ignored;
@@ -52,7 +62,22 @@ void report_unknown_type(session_state& session, std::int32_t earlier_type) {
   tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
 }
 
-// The format's own part: reset, banner, reader, and its words on failure.
+// The electrode configuration of a format that wants one; false when the user would
+// rather not go on without.
+bool find_configuration(session_state& session, const recording_format& format) {
+  if (format.configuration == config_use::none || load_configuration(session)) return true;
+  return format.configuration == config_use::wanted ||
+         ask(session, "Cannot find electrode configuration file, continue anyway?", "Warning");
+}
+
+// True, after the log line, when the user has asked to stop.
+bool stopped_by_user(session_state& session) {
+  if (!reading_interrupted(session)) return false;
+  log_message(session, "Reading interrupted");
+  return true;
+}
+
+// The format's own part: reset, banner, configuration, reader, and its words on failure.
 bool read_format(session_state& session) {
   const recording_format* format = find_recording_format(session.recording.file_type);
   // The path outlives the reset; a copy, since readers may change open_path.
@@ -72,11 +97,25 @@ bool read_format(session_state& session) {
     return false;
   }
   if (format->banner[0] != '\0') log_message(session, format->banner);
-  if (format->read(session, path)) return true;
+  if (!find_configuration(session, *format)) return false;
+  const bool good = format->read(session, path);
+  // Whoever stopped it knows why there is no recording.
+  if (stopped_by_user(session)) return false;
+  if (good) return true;
   if (format->failure_text[0] != '\0') {
     tell(session, format->failure_text, format->failure_title);
   }
   return false;
+}
+
+// Tables of the sites, and what a file does not tell: row distance and display order.
+void settle_geometry(session_state& session) {
+  recording_store& r = session.recording;
+  build_site_tables(session);
+  if (r.file_type == file_type_tsf) return;
+  compute_site_pitch(session);
+  constexpr float scan_angle = 1.0f;  // degrees: across rows and down the shank
+  if (r.chan_sort_order[1] == 0) sort_channels(session, scan_angle);
 }
 
 void name_recording(session_state& session) {
@@ -176,8 +215,9 @@ bool prepare_open_recording(session_state& session, const std::string& path,
   return prepare_chosen_recording(session, path, chosen_code);
 }
 
-bool prepare_chosen_recording(session_state& session, const std::string& path,
+bool prepare_chosen_recording(session_state& session, const std::string& chosen_path,
                               std::int32_t chosen_code) {
+  const std::string path = recording_of_folder(session, chosen_path);
   recording_store& r = session.recording;
   const std::int32_t earlier_type = r.file_type;
   const std::string earlier_path = r.open_path;
@@ -219,6 +259,7 @@ bool open_recording_worker(session_state& session) {
   session.multi_threaded_now = session.preferences.multi_threaded;
   session.operation.reader_running = true;
   session.operation.open_succeeded = false;
+  session.operation.reading_interrupted = false;
   begin_stage(session, "reading");
   set_status(session, status_field::file_name, session.recording.open_path);
   if (session.log.n_log_lines > 0) log_message(session, "");
@@ -227,9 +268,13 @@ bool open_recording_worker(session_state& session) {
     abort_open(session);
     return false;
   }
-  build_site_tables(session);
+  settle_geometry(session);
   name_recording(session);
   measure_recording(session);
+  if (stopped_by_user(session)) {
+    abort_open(session);
+    return false;
+  }
   check_spike_window(session);
   show_from_start(session);
   finish_open(session);

@@ -3,6 +3,17 @@
 #include <algorithm>
 #include <cctype>
 
+#include "recording/hdf_recording.h"
+#include "recording/neuralynx.h"
+#include "recording/neuroscope.h"
+#include "recording/nev.h"
+#include "recording/nsx.h"
+#include "recording/open_ephys.h"
+#include "recording/plx.h"
+#include "recording/prf.h"
+#include "recording/rhd.h"
+#include "recording/spikeglx.h"
+#include "recording/surf.h"
 #include "recording/tsf.h"
 
 namespace kestrelvane {
@@ -15,39 +26,42 @@ constexpr const char* open_title = "Open a recording file";
 constexpr recording_format formats[] = {
     // code, extensions, filter label, banner, reader, failure text, failure title, configuration
     {file_type_srf, ".srf", "Surf files(*.SRF)",
-     "Reading SURF data file", nullptr, "", "", false},
+     "Reading SURF data file", read_srf, "", "", config_use::none},
     {file_type_ntt, ".ntt", "Neuralynx single tetrode(*.NTT)",
-     "Reading tetrode data file (.ntt)", nullptr, "Error reading .ntt file", open_title, false},
+     "Reading tetrode data file (.ntt)", read_ntt, "Error reading .ntt file", open_title, config_use::none},
     {file_type_ncs, ".ncs", "Neuralynx (*.NCS)",
-     "Reading Neuralynx continuous recording data file (.ncs)", nullptr,
-     "Error reading .ncs file", open_title, false},
+     "Reading Neuralynx continuous recording data file (.ncs)", read_ncs,
+     "Error reading .ncs file", open_title, config_use::none},
     {file_type_prf, ".prf", "PRF files(*.PRF)",
-     "Reading Polytrode Recording Format file (.prf)", nullptr, "", "", false},
+     "Reading Polytrode Recording Format file (.prf)", read_prf, "", "", config_use::none},
     {file_type_plx, ".plx", "Plexon (*.PLX)",
-     "Reading Plexon data file (.plx)", nullptr, "", "", false},
+     "Reading Plexon data file (.plx)", read_plx, "", "", config_use::none},
     {file_type_xml, ".xml", "Neuroscope (*.XML)",
-     "Reading Neuroscope data file (.dat/.xml)", nullptr,
-     "Error reading xml data file", "Unrecognised file format or missing .dat file", true},
+     "Reading Neuroscope data file (.dat/.xml)", read_xml_recording,
+     "Error reading xml data file", "Unrecognised file format or missing .dat file", config_use::asked},
     {file_type_tsf, ".tsf", "TSF format (*.TSF)",
-     "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", false},
+     "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none},
     {file_type_mcd, ".mcd", "Multi Channel Systems (*.MCD)",
-     "Reading Multi Channel Systems data file (.mcd)", nullptr, "", "", true},
+     "Reading Multi Channel Systems data file (.mcd)", nullptr, "", "", config_use::asked},
     {file_type_nev, ".nev", "Blackrock(*.NEV)",
-     "Opening Blackrock Microsystems NEV file (Utah array)", nullptr,
-     "Error reading .nev file", open_title, true},
+     "Opening Blackrock Microsystems NEV file (Utah array)", read_nev,
+     "Error reading .nev file", open_title, config_use::asked},
     {file_type_rhd, ".rhd", "INTAN(*.RHD)",
-     "Reading INTAN RHD2000 data file (.rhd)", nullptr, "", "", false},
+     "Reading INTAN RHD2000 data file (.rhd)", read_rhd, "", "", config_use::wanted},
     {file_type_nsx, ".ns#", "Blackrock extended(*.NSx)",
-     "Opening Blackrock Microsystems Extended .NSx file", nullptr,
-     "Error reading .nsx file", open_title, true},
+     "Opening Blackrock Microsystems Extended .NSx file", read_nsx,
+     "Error reading .nsx file", open_title, config_use::asked},
     {file_type_bin, ".bin", "Neuropixels SpikeGLX (*.BIN)",
-     "Reading IMEC Neuropixels data file (.bin)", nullptr, "", "", false},
+     "Reading IMEC Neuropixels data file (.bin)", read_bin_recording, "", "", config_use::none},
     {file_type_hdf5, ".hdf5 .h5", "Multi Channel Systems HDF5",
-     "Reading MCS HDF data file (beta)", nullptr, "", "", true},
+     "Reading MCS HDF data file (beta)", read_hdf_recording, "", "", config_use::asked},
     {file_type_nwb, ".nwb", "Neurodata Without Borders (*.NWB)",
-     "Reading NWB data file (beta)", nullptr, "", "", false},
+     "Reading NWB data file (beta)", read_hdf_folder, "", "", config_use::wanted},
     {file_type_pl2, ".pl2", "Plexon PL2 (*.PL2)",
-     "", nullptr, "", "Read Plexon .PL2 file", false},
+     "", nullptr, "", "Read Plexon .PL2 file", config_use::none},
+    {file_type_oebin, ".oebin", "Open Ephys binary (*.OEBIN)",
+     "Reading Open Ephys binary recording", read_open_ephys,
+     "Error reading Open Ephys recording", open_title, config_use::wanted},
 };
 // clang-format on
 

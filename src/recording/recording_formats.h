@@ -23,6 +23,14 @@ namespace kestrelvane {
 
 using recording_reader = bool (*)(session_state& session, const std::string& path);
 
+// What the worker does about an electrode configuration before it calls a reader. The
+// reader finds the outcome in no_config_file, channel_map and n_mapped_channels.
+enum class config_use {
+  none,    // the file carries positions, or the reader looks for itself
+  wanted,  // one is looked for; the reader goes on without
+  asked,   // likewise, and the user may give up when there is none
+};
+
 struct recording_format {
   std::int32_t code;         // file_type_code
   const char* extensions;    // lower case, separated by blanks; '#' is a digit from 1 to 9
@@ -31,7 +39,7 @@ struct recording_format {
   recording_reader read;     // null: not supported yet
   const char* failure_text;  // box after a failed read; "" for none
   const char* failure_title;
-  bool needs_configuration;  // an electrode configuration file gives the positions
+  config_use configuration;
 };
 
 // In the order in which extensions are tested.

@@ -12,6 +12,7 @@
 #include "clustering/templates.h"
 #include "numerics/parallel.h"
 #include "recording/byte_cursor.h"
+#include "recording/header_checks.h"
 #include "recording/input_file.h"
 #include "recording/site_tables.h"
 #include "session/safe_file.h"
@@ -28,9 +29,6 @@ constexpr std::int32_t table_channels_1000 = 54;
 constexpr float vscale_1000 = std::bit_cast<float>(0x3E79FFFEu);  // µV per bit
 constexpr float table_scan_angle = 1.0f;  // degrees, for a channel table without an order
 constexpr float old_file_scan_angle = 15.0f;
-// Rates and scales that no recording has, so that no later count overflows.
-constexpr std::int32_t highest_frequency = 1'000'000;  // Hz
-constexpr float smallest_vscale = 1e-6f, largest_vscale = 1e6f;
 
 // What is known of the file beyond the session's own records.
 struct tsf_layout {
@@ -45,12 +43,6 @@ struct tsf_layout {
 
 bool fail_early_end(session_state& session) {
   tell(session, "Early end to file", "Error");
-  return false;
-}
-
-bool fail_bad_value(session_state& session, const std::string& text) {
-  log_message(session, text);
-  tell(session, text, "Can't read file");
   return false;
 }
 
@@ -85,25 +77,12 @@ void take_positions(recording_store& r, byte_cursor& in, std::int32_t count, std
 // The header's counts and rates; false after the words for the first that cannot be.
 bool validate_header(session_state& session, std::int32_t most_channels, bool has_samples) {
   recording_store& r = session.recording;
-  if (r.n_channels > most_channels) {
-    r.n_channels = 0;
-    report_too_many_channels(session, most_channels);
-    return false;
-  }
-  std::string problem;
-  if (r.n_channels < 1) {
-    problem = fmt::format("# of channels in file is {}", r.n_channels);
-  } else if (has_samples && r.n_samples < 1) {
-    problem = fmt::format("# of samples in file is {}", r.n_samples);
-  } else if (r.sampling_frequency < 1 || r.sampling_frequency > highest_frequency) {
-    problem = fmt::format("Sampling frequency in file is {} Hz", r.sampling_frequency);
-  } else if (!(r.vscale_HP >= smallest_vscale && r.vscale_HP <= largest_vscale)) {
-    problem = fmt::format("Voltage scaling in file is {} µV/bit", r.vscale_HP);
-  }
-  if (problem.empty()) return true;
-  r.n_channels = 0;
-  r.n_samples = 0;
-  return fail_bad_value(session, problem);
+  const bool sound = check_channel_count(session, r.n_channels, most_channels) &&
+                     (!has_samples || check_sample_count(session, r.n_samples)) &&
+                     check_sampling_frequency(session, r.sampling_frequency) &&
+                     check_voltage_scale(session, static_cast<double>(r.vscale_HP));
+  if (!sound) r.n_channels = r.n_samples = 0;
+  return sound;
 }
 
 // Format 1002: position and display order of every channel.
@@ -272,8 +251,8 @@ bool take_array_count(session_state& session, const input_file& file, std::int64
   at += 4;
   if (stored <= 0) return true;
   if (stored > limit) {
-    return fail_bad_value(session,
-                          fmt::format("# of {} in file exceeds upper limit of {:8}", what, limit));
+    return refuse_file(session,
+                       fmt::format("# of {} in file exceeds upper limit of {:8}", what, limit));
   }
   if (std::int64_t{stored} * 12 > file.size - at) return fail_early_end(session);
   count = stored;
@@ -468,11 +447,6 @@ bool write_tsf(session_state& session, const std::string& path) {
   }
   set_progress(session, meter::saving, 100, 100);
   return true;
-}
-
-void report_too_many_channels(session_state& session, std::int32_t limit) {
-  tell(session, fmt::format("# of channels in file exceeds upper limit of {:4}", limit),
-       "Can't read file");
 }
 
 }  // namespace kestrelvane

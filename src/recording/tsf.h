@@ -30,7 +30,4 @@ bool read_tsf(session_state& session, const std::string& path);
 // then whole. Event-based recordings are the caller's to refuse.
 bool write_tsf(session_state& session, const std::string& path);
 
-// The box for a file with more channels than limit.
-void report_too_many_channels(session_state& session, std::int32_t limit);
-
 }  // namespace kestrelvane

@@ -7,7 +7,13 @@
 #include <vector>
 
 #include "recording/input_file.h"
+#include "recording/neuralynx.h"
+#include "recording/neuroscope.h"
+#include "recording/nev.h"
+#include "recording/plx.h"
 #include "recording/tsf.h"
+#include "results/nwb_units.h"
+#include "results/ptcs.h"
 #include "results/work_file.h"
 #include "session/safe_file.h"
 #include "session/version.h"
@@ -20,8 +26,7 @@ namespace {
 // --- what a format asks of the recording
 
 bool accept_neuralynx(session_state& session) {
-  const std::int32_t type = session.recording.file_type;
-  if (type == file_type_ntt || type == file_type_ncs) return true;
+  if (session.recording.file_type == file_type_ntt) return true;
   tell(session, "No Neuralynx data in memory", "Can't save data");
   return false;
 }
@@ -43,13 +48,16 @@ constexpr export_format formats[] = {
   {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", nullptr, write_csv},
   {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr,
    write_unit_texts},
-  {"plx", "Plexon (.plx)", ".plx", "Plexon (*.PLX)", nullptr, nullptr},
-  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx single tetrode(*.NTT)", accept_neuralynx,
-   nullptr},
-  {"evt", "Neuroscope (.evt)", ".evt", "Neuroscope (*.EVT)", nullptr, nullptr},
-  {"nev", "Blackrock (.nev)", ".nev", "Blackrock(*.NEV)", accept_blackrock, nullptr},
-  {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr, nullptr},
+  {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", nullptr, save_plx},
+  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)", accept_neuralynx, write_ntt},
+  {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", nullptr, export_evt},
+  {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)", accept_blackrock,
+   write_nev_with_units},
+  {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr,
+   export_ptcs},
   {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)", accept_continuous, write_tsf},
+  {"nwb", "NWB units (.nwb)", ".nwb", "Neurodata Without Borders (*.NWB)", nullptr,
+   write_nwb_units},
 };
 // clang-format on
 

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "session/hdf_page.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -94,6 +96,21 @@ bool ask_console(console_interface& console, const std::string& text, const std:
   return yes;
 }
 
+// Straight to the dataset, and one try to read it: what it is refused for does not change.
+void walk_for_console(console_interface& console, const hdf_page* page, hdf_choice& choice) {
+  if (page == nullptr) {
+    console.hdf_turns = 0;
+    return;
+  }
+  choice.rate = console.hdf_rate.empty() ? page->rate : console.hdf_rate;
+  choice.scale = console.hdf_scale.empty() ? page->scale : console.hdf_scale;
+  choice.path = console.hdf_path;
+  const int turn = console.hdf_turns++;
+  if (console.hdf_path.empty() || turn > 1) return;
+  if (turn == 0) choice.step = hdf_step::go_to;
+  if (turn == 1 && page->folder != "/") choice.step = hdf_step::read;
+}
+
 }  // namespace
 
 void attach_console(console_interface& console, session_state& session) {
@@ -123,6 +140,9 @@ void attach_console(console_interface& console, session_state& session) {
   };
   ui.stage = [](void* c, const std::string& name) {
     if (self(c).on_stage) self(c).on_stage(name);
+  };
+  ui.walk_hdf = [](void* c, const hdf_page* page, hdf_choice& choice) {
+    walk_for_console(self(c), page, choice);
   };
   session.log.messages_dialog_open = true;  // the log wants every line
 }

@@ -19,6 +19,9 @@ struct console_interface {
   bool terminal = false;    // draw a bar; see standard_error_is_terminal
   bool answer_yes = false;  // to every question
   std::string chosen_path;  // answers a file dialog; empty: cancelled
+  // A walk through a container file: the dataset to take and what to put into the edits;
+  // an empty rate or scale leaves what the file suggests, an empty path cancels.
+  std::string hdf_path, hdf_rate, hdf_scale;
   std::FILE* out = stderr;
   bool show_log = false;     // lines of the run log are shown, as by the "Messages" dialog
   std::FILE* log = nullptr;  // every line of the run log goes here too
@@ -26,6 +29,7 @@ struct console_interface {
 
   // --- what has happened
   std::string last_problem;  // text of the latest error or warning box
+  int hdf_turns = 0;         // of the walk that goes on
 
   // --- the bar on show
   std::string bar_name;

@@ -16,6 +16,7 @@ void count_poll(long_operation_flags& operation) {
   if (at < 0 || polls != std::max<std::int64_t>(at, 1)) return;
   operation.autosort_interrupt = true;
   operation.detection_interrupted = true;
+  operation.reading_interrupted = true;
 }
 
 }  // namespace
@@ -30,6 +31,12 @@ bool detection_interrupted(session_state& session) {
   count_poll(session.operation);
   yield_session(session);
   return session.operation.detection_interrupted;
+}
+
+bool reading_interrupted(session_state& session) {
+  count_poll(session.operation);
+  yield_session(session);
+  return session.operation.reading_interrupted;
 }
 
 void pause_point(session_state& session) {

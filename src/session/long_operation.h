@@ -16,6 +16,7 @@ struct session_state;
 struct long_operation_flags {
   std::atomic<bool> reader_running{false};
   std::atomic<bool> open_succeeded{false};
+  std::atomic<bool> reading_interrupted{false};
   std::atomic<bool> detection_interrupted{false};
   std::atomic<bool> autosort_interrupt{false};
   std::atomic<bool> filtering_interrupted{false};
@@ -25,8 +26,8 @@ struct long_operation_flags {
   // Value and range last posted to each meter, so that only changes are posted.
   std::array<std::atomic<std::int64_t>, 8> meter_value{};
 
-  // Tests only: counts polls, and raises autosort_interrupt and
-  // detection_interrupted when the count reaches interrupt_at_poll; negative: never.
+  // Tests only: counts polls, and raises autosort_interrupt,
+  // detection_interrupted and reading_interrupted when the count reaches interrupt_at_poll; negative: never.
   std::atomic<std::int64_t> polls{0};
   std::atomic<std::int64_t> interrupt_at_poll{-1};
 };
@@ -35,6 +36,10 @@ struct long_operation_flags {
 // a waiting save of the session go first (session_gate.h).
 bool autosort_interrupted(session_state& session);
 bool detection_interrupted(session_state& session);
+// The same of a reader, which polls between blocks and then gives up: the session is empty
+// afterwards. Only the thread that runs the operation polls; a parallel loop's bodies test
+// operation.reading_interrupted.
+bool reading_interrupted(session_state& session);
 
 // When a pause is requested: logs, blocks until resumed, clears the request, logs
 // "resuming". Goes on at once when nobody is there who could resume.

@@ -12,6 +12,7 @@
 
 #include "session/limits.h"
 #include "session/logical.h"
+#include "session/stimulus_records.h"
 #include "session/table.h"
 
 namespace kestrelvane {
@@ -30,9 +31,10 @@ class voltage_store {
     if (!samples_.reserve(stride * (n_channels + 1))) return false;
     stride_ = stride;
     max_time_ = max_time;
-    // Only where a large page is mostly filled; short recordings would pay for zeros.
-    constexpr std::int64_t long_channel = 1 << 19;
-    if (stride >= long_channel) {
+    // Only where large pages are mostly filled; short recordings would pay for zeros.
+    constexpr std::int64_t long_channel = 1 << 16;
+    constexpr std::int64_t much = 1 << 24;
+    if (stride >= long_channel && stride * n_channels >= much) {
       prefer_large_pages(samples_.first(), static_cast<std::size_t>(stride * n_channels) * 2);
     }
     return true;
@@ -76,6 +78,7 @@ enum file_type_code : std::int32_t {
   file_type_rhd = 13,
   file_type_bin = 14,
   file_type_pl2 = 15,
+  file_type_oebin = 16,
 };
 
 enum electrode_type_code : std::int32_t {
@@ -93,6 +96,7 @@ struct recording_store {
   std::string config_path;                      // electrode configuration in use
   logical no_config_file = true;                // no electrode configuration is in use
   logical show_config_in_title = false;         // the configuration is named beside the recording
+  std::int32_t n_mapped_channels = 0;           // file channels that the configuration maps
 
   // --- the samples
   std::int32_t n_channels = 0;            // at most channel_limit
@@ -123,6 +127,10 @@ struct recording_store {
   table<std::int16_t> event_record_unit;
   table<std::int32_t> tetrode_event_count{channel_limit};  // stored records per tetrode
   table<std::int32_t> channel_event_count{channel_limit};  // stored records per channel
+  std::int64_t plx_blocks_end = 0;    // .plx: offset of the first block that was not read
+  std::string ntt_header;             // .ntt: text in front of the records, written back unchanged
+  std::int32_t ntt_record_count = 0;  // .ntt: records read
+  table<std::int32_t> ntt_features;   // .ntt: eight of each record, written back unchanged
 
   // --- the electrode
   std::string electrode_name;                         // at most 10 characters
@@ -150,6 +158,9 @@ struct recording_store {
   std::int64_t epoch_samples[epoch_limit + 1] = {};      // samples in the epoch
   std::int64_t epoch_first_index[epoch_limit + 1] = {};  // time index of its first sample
   char epoch_code[epoch_limit + 1][2] = {};              // short name of the stimulus type
+  std::string epoch_name[epoch_limit + 1];               // as the file has it; not saved
+
+  stimulus_records stimulus;  // .srf
 
   // --- what the old test formats carry and get back unchanged
   std::int32_t tsf_sample_interval = 0;

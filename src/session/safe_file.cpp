@@ -1,5 +1,6 @@
 #include "session/safe_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace kestrelvane {
@@ -40,6 +41,14 @@ bool finish_safe_file(safe_file& out) {
     out.failed = true;
   }
   return !out.failed;
+}
+
+bool replace_by_file(const std::string& path, const std::string& temporary) {
+  const int descriptor = open(temporary.c_str(), O_RDWR | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const bool flushed = fsync(descriptor) == 0;
+  const bool closed = close(descriptor) == 0;
+  return flushed && closed && std::rename(temporary.c_str(), path.c_str()) == 0;
 }
 
 }  // namespace kestrelvane

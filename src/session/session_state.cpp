@@ -119,11 +119,16 @@ void reset_recording(recording_store& r) {
   release_timestamp_map(r);
   r.tetrode_event_count.clear();
   r.channel_event_count.clear();
+  r.plx_blocks_end = 0;
+  r.ntt_header.clear();
+  r.ntt_record_count = 0;
+  r.ntt_features.release();
 
   r.electrode_name.clear();
   r.electrode_type = electrode_polytrode;
   r.no_config_file = true;
   r.show_config_in_title = false;
+  r.n_mapped_channels = 0;
   r.n_tetrodes = 0;
   r.tetrode_of_channel.clear();
   r.channel_map.clear();
@@ -141,6 +146,9 @@ void reset_recording(recording_store& r) {
   std::fill(std::begin(r.epoch_samples), std::end(r.epoch_samples), 0);
   std::fill(std::begin(r.epoch_first_index), std::end(r.epoch_first_index), 0);
   for (auto& code : r.epoch_code) code[0] = code[1] = ' ';
+  for (std::string& name : r.epoch_name) name.clear();
+
+  r.stimulus = {};
 
   r.tsf_sample_interval = 0;
   std::fill(std::begin(r.tsf_channel_order), std::end(r.tsf_channel_order), std::int16_t{0});

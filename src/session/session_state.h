@@ -100,6 +100,12 @@ struct session_state {
   recovery_state recovery;
   user_interface ui;
 
+  // Electrode configuration that the user has named for the next open; empty: one is
+  // looked for.
+  std::string named_config;
+  // Stream of a recording that has several, a name or a number from 1; empty: the user is
+  // asked.
+  std::string named_stream;
   std::string home_directory;  // where state files live; empty: none are read or written
   std::int32_t n_cpus = 1;     // logical processors, or the threads asked for if more
   std::int32_t n_threads = 1;  // threads of parallel loops when multi_threaded_now

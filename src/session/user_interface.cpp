@@ -1,5 +1,6 @@
 #include "session/user_interface.h"
 
+#include "session/hdf_page.h"
 #include "session/run_log.h"
 #include "session/session_state.h"
 
@@ -34,6 +35,20 @@ bool choose_file_to_save(session_state& session, const std::string& title,
   if (ui.choose_save == nullptr) return false;
   const session_pause others_may_save(session);
   return ui.choose_save(ui.context, title, filter, path);
+}
+
+void ask_for_hdf_step(session_state& session, const hdf_page& page, hdf_choice& choice) {
+  choice = hdf_choice{};
+  const user_interface& ui = session.ui;
+  if (ui.walk_hdf == nullptr) return;
+  const session_pause others_may_save(session);
+  ui.walk_hdf(ui.context, &page, choice);
+}
+
+void end_hdf_walk(session_state& session) {
+  const user_interface& ui = session.ui;
+  hdf_choice none;
+  if (ui.walk_hdf != nullptr) ui.walk_hdf(ui.context, nullptr, none);
 }
 
 void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range) {

@@ -17,6 +17,8 @@
 namespace kestrelvane {
 
 struct session_state;
+struct hdf_page;
+struct hdf_choice;
 
 enum class box_icon { information, warning, error, question };
 
@@ -63,6 +65,9 @@ struct user_interface {
   void (*refresh)(void* context) = nullptr;                                // displays
   // A named stage of a long operation begins; for reports and profiles.
   void (*stage)(void* context, const std::string& name) = nullptr;
+  // Shows a folder of a container file and waits for the user's next step (hdf_page.h).
+  // A null page ends the walk. Null pointer: the user cancels.
+  void (*walk_hdf)(void* context, const hdf_page* page, hdf_choice& choice) = nullptr;
   // Blocks at a pause point until the user resumes.
   void (*wait_for_resume)(void* context) = nullptr;
 };
@@ -76,6 +81,10 @@ bool choose_file_to_open(session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
 bool choose_file_to_save(session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
+// One turn of the walk through a container file; the choice is to cancel when nobody is
+// there to make one.
+void ask_for_hdf_step(session_state& session, const hdf_page& page, hdf_choice& choice);
+void end_hdf_walk(session_state& session);
 // Moves a bar; posted only when the integer value changes.
 void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range);
 void set_status(session_state& session, status_field field, const std::string& text);

@@ -14,6 +14,7 @@ void open_recent_command(workstation& w, int entry);            // from 0
 void open_work_file_command(workstation& w);
 void close_recording_command(workstation& w);
 void save_work_file_command(workstation& w);
+void import_ptcs_command(workstation& w);
 void exit_command(workstation& w);
 
 // --- graph windows (graph_commands.cpp)

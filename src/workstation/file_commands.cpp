@@ -4,6 +4,7 @@
 #include "recording/open_recording.h"
 #include "recording/recording_formats.h"
 #include "results/program_run.h"
+#include "results/ptcs.h"
 #include "results/work_file.h"
 #include "signal/display_scale.h"
 #include "workstation/commands.h"
@@ -113,6 +114,12 @@ void open_work_file_command(workstation& w) {
   run_with_progress(
       w, "work_file_progress", "Reading the work file",
       [](session_state& session) { open_work_file_dialog(session); }, nullptr);
+}
+
+void import_ptcs_command(workstation& w) {
+  if (!needs_recording(w)) return;
+  run_with_progress(w, "ptcs_import_progress", "Import events from ptcs file",
+                    [](session_state& session) { import_ptcs_dialog(session); }, nullptr);
 }
 
 void save_work_file_command(workstation& w) {

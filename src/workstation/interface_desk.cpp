@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "workstation/dialogs/hdf_folder_dialog.h"
 #include "workstation/file_choice.h"
 #include "workstation/frame.h"
 #include "workstation/workstation.h"
@@ -45,6 +46,7 @@ struct desk_state {
   notice_list notices;
   bool flush_posted = false;
   pause_bench bench;
+  QPointer<hdf_folder_dialog> hdf_window;  // of the walk that goes on; the interface thread's
 };
 
 namespace {
@@ -199,6 +201,31 @@ bool choose_here(void* context, const std::string& title, const std::string& fil
   return true;
 }
 
+void close_hdf_window(desk_state& desk) {
+  if (desk.hdf_window) {
+    desk.hdf_window->hide();
+    desk.hdf_window->deleteLater();
+  }
+  desk.hdf_window.clear();
+}
+
+// The window stays from the first page of a walk to its end.
+void walk_here(void* context, const hdf_page* page, hdf_choice& choice) {
+  desk_state* desk = desk_of(context)->state.get();
+  if (page == nullptr) {
+    post(context, [desk] { close_hdf_window(*desk); });
+    return;
+  }
+  workstation& w = shell_of(context);
+  choice = wait_for_answer<hdf_choice>(context, [&](std::function<void(hdf_choice)> reply) {
+    if (!desk->hdf_window) {
+      desk->hdf_window = new hdf_folder_dialog(parent_for_box(w));
+      desk->hdf_window->open();
+    }
+    desk->hdf_window->show_page(*page, std::move(reply));
+  });
+}
+
 void wait_here(void* context) {
   interface_desk* desk = desk_of(context);
   pause_bench& bench = desk->state->bench;
@@ -266,6 +293,7 @@ void attach_desk(workstation& w) {
   ui.stage = [](void* c, const std::string& name) {
     post(c, [c, stage = QString::fromStdString(name)] { emit desk_of(c)->stage_began(stage); });
   };
+  ui.walk_hdf = walk_here;
   ui.wait_for_resume = wait_here;
 }
 

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "numerics/parallel.h"
+#include "recording/hdf_probe.h"
 #include "session/version.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
@@ -46,6 +47,8 @@ kestrelvane::start_request read_command_line(const QApplication& application) {
 
 int main(int argc, char** argv) {
   using namespace kestrelvane;
+  int probe_status = 0;
+  if (run_as_hdf_probe(argc, argv, probe_status)) return probe_status;
   flush_denormals();
   QApplication application(argc, argv);
   QApplication::setOrganizationName("Kestrelvane");

@@ -42,7 +42,6 @@ LATER(test_decisions, "The test of decisions");
 LATER(manage_clusters, "The management of clusters");
 LATER(isi_height, "The ISI height plot");
 LATER(acf_time, "The plot of autocorrelation against time");
-LATER(ptcs_import, "The import from ptcs files");
 LATER(event_noise, "The export of event noise");
 LATER(test_waveform, "The test waveform maker");
 LATER(amplitude_distribution, "The event amplitude distribution");
@@ -124,7 +123,8 @@ constexpr menu_row rows[] = {
 
   {"&Export", "&Sorted spike files", "export_spikes", "Ctrl+E",
    "Write the sorted spikes for other tools", both, none, export_command},
-  {"&Export", "&Import events from ptcs file", "ptcs_import", "", "", full, none, ptcs_import},
+  {"&Export", "&Import events from ptcs file", "ptcs_import", "",
+   "Replace events and clusters by the units of a file", full, none, import_ptcs_command},
   {"&Export", "&Export event noise for covariance matrices", "event_noise", "", "", full, none,
    event_noise},
   {"&Export", "&Make test waveform", "test_waveform", "", "", full, none, test_waveform},

@@ -10,6 +10,7 @@
 
 #include "session/run_log.h"
 #include "workstation/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
@@ -53,6 +54,10 @@ messages_dialog::messages_dialog(workstation& of)
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
   ok_ = buttons->button(QDialogButtonBox::Ok);
   ok_->setObjectName("ok");
+  interrupt_ = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
+                          "Stop reading; no recording is in memory then");
+  interrupt_->setEnabled(false);
+  connect(interrupt_, &QPushButton::clicked, this, &messages_dialog::interrupt_reading);
   connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
 
   auto* form = new QFormLayout;
@@ -86,10 +91,18 @@ messages_dialog::~messages_dialog() {
 void messages_dialog::set_reading(bool reading) {
   reading_ = reading;
   ok_->setEnabled(!reading);
+  interrupt_->setEnabled(reading);
   // The name may have come before the dialog.
   const QString name = w_.desk->latest(status_field::file_name);
   if (reading && !name.isEmpty()) file_name_->setText(name);
   if (!reading) ok_->setFocus();
+}
+
+void messages_dialog::interrupt_reading() {
+  interrupt_->setEnabled(false);
+  // The filters of a work file are repeated while its recording is opened.
+  w_.session.operation.filtering_interrupted = true;
+  w_.session.operation.reading_interrupted = true;
 }
 
 void messages_dialog::reject() {

@@ -224,11 +224,11 @@ TEST_F(batch_test, what_cannot_be_written_or_read_fails_in_words) {
   EXPECT_EQ(work.status, 1);
   EXPECT_THAT(work.err, HasSubstr("Failed to read file " + file("bad.wrk")));
 
-  const process_result plx = run({"detect", tsf, "--quiet", "--export", "plx=" + file("a.plx"),
-                                  "--save-work", file("plx.wrk")});
-  EXPECT_EQ(plx.status, 1);
-  EXPECT_FALSE(std::filesystem::exists(file("plx.wrk")));  // refused before the work
-  EXPECT_THAT(plx.err, HasSubstr("not available in this version"));
+  const process_result ntt = run({"detect", tsf, "--quiet", "--export", "ntt=" + file("a.ntt"),
+                                  "--save-work", file("ntt.wrk")});
+  EXPECT_EQ(ntt.status, 1);
+  EXPECT_FALSE(std::filesystem::exists(file("ntt.wrk")));  // refused before the work
+  EXPECT_THAT(ntt.err, HasSubstr("No Neuralynx data in memory"));
 
   EXPECT_EQ(run({"sort", tsf, "--parameters", nowhere}).status, 1);
   EXPECT_EQ(run({"sort", tsf, "--skip-detection"}).status, 1);

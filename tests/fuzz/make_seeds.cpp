@@ -1,10 +1,17 @@
 // Writes the seeds of the fuzzers: make_seeds FOLDER, one folder per target in it.
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include "session/settings_files.h"
+#include "support/blackrock_fixture.h"
 #include "support/fixture_files.h"
+#include "support/hdf_fixture.h"
+#include "support/neuralynx_fixture.h"
+#include "support/plx_fixture.h"
+#include "support/rhd_fixture.h"
 #include "support/small_session.h"
 #include "support/work_file_fixture.h"
 
@@ -39,6 +46,46 @@ void make_tsf_seeds(const std::string& folder) {
   put(folder, "wide_window", tsf_bytes(wide));
 }
 
+void make_blackrock_seeds(const std::string& folder) {
+  nev_fixture spikes;
+  spikes.other_headers = {"ARRAYNME", "ODD"};
+  spikes.packets = {{30, 1, 1}, {60, 3, 2},   {70, 3, 2},     {90, 2, 0},
+                    {99, 1, 2}, {99, 1, 255}, {99, 0xFFFF, 0}};
+  for (const char way : {'\0', '\1'}) {
+    for (const bool is_v3 : {false, true}) {
+      spikes.is_v3 = is_v3;
+      std::vector<char> bytes = nev_bytes(spikes);
+      bytes.insert(bytes.begin(), way);
+      put(folder + "/nev", std::string(is_v3 ? "v3_" : "v2_") + (way ? "time" : "records"), bytes);
+    }
+  }
+  for (const char* magic : {"NEURALSG", "NEURALCD", "BRSMPGRP"}) {
+    nsx_fixture f;
+    f.magic = magic;
+    f.channels[2].units = "mV";
+    f.stretches = {{30, 5, -1}, {60, 4, -1}, {20, 3, -1}, {90, 2, 0}};
+    put(folder + "/nsx", magic, nsx_bytes(f));
+  }
+  nsx_fixture points;
+  points.magic = "BRSMPGRP";
+  points.resolution = 1'000'000'000;
+  points.stretches.clear();
+  for (std::uint64_t k = 0; k < 40; ++k) points.stretches.push_back({33'333 * k, 1, -1});
+  put(folder + "/nsx", "points", nsx_bytes(points));
+}
+
+void make_rhd_seeds(const std::string& folder) {
+  for (const std::int32_t major : {1, 2, 3}) {
+    rhd_fixture f;
+    f.major = major;
+    f.minor = major == 1 ? 3 : 0;
+    f.n_temperature = major == 1 ? 1 : 0;
+    if (major == 3) f.groups = {{true, {{0}, {1}, {2}, {3}, {4}, {5}}}};
+    f.n_blocks = 2;
+    put(folder, "version_" + std::to_string(major), rhd_bytes(f));
+  }
+}
+
 void make_settings_seeds(const std::string& folder) {
   temporary_directory home;
   small_session session;
@@ -61,6 +108,33 @@ void make_work_file_seeds(const std::string& folder) {
   }
 }
 
+// Few groups, since each takes a thousand bytes of a file.
+void make_hdf_seeds(const std::string& folder) {
+  std::filesystem::create_directories(folder);
+  {
+    hdf_maker mcs(folder + "/mcs");
+    mcs.group("/Data");
+    mcs.text("/Data", "Date", "Mittwoch, 9. Juli 2014");
+    mcs.numbers("/Data/ChannelData", {"i16", {2, 200}, hdf_storage::contiguous, {}, nullptr});
+    mcs.info_channel("/Data/InfoChannel", {{0, -9, 0, 50, 381470}, {1, -9, 3, 50, 381470}}, false);
+  }
+  const auto by_time = [](std::uint64_t t, std::uint64_t c) { return hdf_fixture_value(c, t); };
+  for (const auto& [name, storage, type] : {std::tuple{"gzip", hdf_storage::gzip, "i32"},
+                                            {"chunked", hdf_storage::chunked, "f32"},
+                                            {"compact", hdf_storage::compact, "i8"}}) {
+    hdf_maker nwb(folder + "/nwb_" + name);
+    nwb.numbers("/data", {type, {200, 2}, storage, {100, 2}, by_time});
+    nwb.number("/data", "conversion", 2e-7);
+    nwb.scalar("/starting_time", 0);
+    nwb.number("/starting_time", "rate", 20000);
+  }
+  hdf_maker maker(folder + "/attributes");
+  maker.group("/g");
+  maker.many_attributes("/g");
+  maker.soft_link("/loop", "/loop");
+  maker.external_link("/other", "absent.h5", "/v");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,6 +144,11 @@ int main(int argc, char** argv) {
   }
   const std::string folder = argv[1];
   make_tsf_seeds(folder + "/tsf");
+  make_hdf_seeds(folder + "/hdf");
+  make_blackrock_seeds(folder);
+  make_rhd_seeds(folder + "/rhd");
+  make_plx_seeds(folder + "/plx");
+  make_neuralynx_seeds(folder);
   make_settings_seeds(folder + "/settings");
   make_work_file_seeds(folder + "/work_file");
   put(folder + "/config", "two_columns", text("Probe\n1 2 -28, 0\n2,1,28,65\n\n0 3 0 130\n"));

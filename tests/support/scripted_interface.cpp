@@ -32,6 +32,12 @@ void scripted_interface::attach(session_state& session) {
   };
   ui.title = [](void* c, const std::string& text) { self(c).titles.push_back(text); };
   ui.stage = [](void* c, const std::string& name) { self(c).stages.push_back(name); };
+  ui.walk_hdf = [](void* c, const hdf_page* page, hdf_choice& choice) {
+    self(c).walk_ended = page == nullptr;
+    if (page == nullptr) return;
+    self(c).pages.push_back(*page);
+    if (self(c).on_walk) choice = self(c).on_walk(*page);
+  };
   ui.wait_for_resume = [](void* c) {
     ++self(c).pauses;
     if (self(c).on_pause) self(c).on_pause();

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "session/hdf_page.h"
 #include "session/session_state.h"
 
 namespace kestrelvane::test {
@@ -28,6 +29,11 @@ struct scripted_interface {
   int pauses = 0;
   std::function<void()> on_pause;
   std::function<void(const std::string& text)> on_status;
+  // The next step in a container file; none: cancelled. pages has what was on show, and
+  // walk_ended tells that the walk has been taken to its end.
+  std::function<hdf_choice(const hdf_page& page)> on_walk;
+  std::vector<hdf_page> pages;
+  bool walk_ended = false;
 
   // Makes the session talk to this user. The object must outlive the session's use.
   void attach(session_state& session);

@@ -15,11 +15,14 @@
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
+#include <QTreeWidget>
 #include <algorithm>
 #include <cstdio>
 
 #include "numerics/parallel.h"
+#include "recording/hdf_probe.h"
 #include "results/work_file.h"
+#include "support/hdf_fixture.h"
 #include "support/small_session.h"
 #include "workstation/commands.h"
 #include "workstation/driven_workstation.h"
@@ -86,9 +89,36 @@ void take_running_sort(driven_workstation& w) {
   w.settle();
 }
 
+// The walk through a container file: a stream of channels, and the dataset in it.
+void take_hdf_walk(driven_workstation& w, const std::string& path) {
+  test::make_mcs_file(path);
+  open_recording_path(w.shell, QString::fromStdString(path));
+  QStringList none;
+  int n_entered = 0;
+  QDialog* dialog = nullptr;
+  wait_until([&] {
+    w.answer_box(true, none);
+    dialog = w.shell.frame->findChild<QDialog*>("hdf_folder_dialog");
+    if (dialog == nullptr || !dialog->isVisible() || !dialog->isEnabled()) return false;
+    if (n_entered++ == 4) take("hdf_folder_dialog_stream");
+    auto* members = dialog->findChild<QTreeWidget*>("hdf_members");
+    if (members->topLevelItemCount() == 0) return true;
+    emit members->itemDoubleClicked(members->currentItem(), 0);
+    return false;
+  });
+  if (dialog == nullptr) return;
+  take("hdf_folder_dialog");
+  take_alone(dialog, "hdf_folder_dialog");
+  w.press(dialog, "cancel");
+  w.settle();
+  w.close_messages();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  int status = 0;
+  if (kestrelvane::run_as_hdf_probe(argc, argv, status)) return status;
   flush_denormals();
   if (argc != 5) return 2;
   QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
@@ -115,6 +145,7 @@ int main(int argc, char** argv) {
   w.shell.frame->resize(QApplication::primaryScreen()->availableSize());
   w.shell.frame->move(0, 0);
   take("empty_frame");
+  take_hdf_walk(w, home.file("walk.h5"));
   pulse.start(5);
   since.restart();
   open_recording_path(w.shell, argv[1]);

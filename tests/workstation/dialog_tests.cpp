@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QPushButton>
 #include <QScrollBar>
 #include <QSlider>
 #include <QTest>
@@ -13,6 +14,7 @@
 #include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
+#include "support/interleaved_fixture.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/setting_controls.h"
 
@@ -247,6 +249,30 @@ TEST(Strategy, TheSliderOfSigmaGoesInSteps) {
   EXPECT_EQ(log.log_lines[log.n_log_lines - 1].view(), "Recalculating interpolation table");
   EXPECT_EQ(log.log_lines[log.n_log_lines].view(),
             "Changing interpolation parameters, depth, width = 10 8");
+}
+
+TEST(Messages, InterruptLeavesNoRecording) {
+  const temporary_directory home, data;
+  spikeglx_fixture recording;
+  recording.told_bytes = 77;  // a box about it holds the reader
+  const QString path = QString::fromStdString(write_spikeglx(data.path, recording));
+  driven_workstation w(home.path);
+  w.choose_entry("open_recording");
+  QStringList paths{path};
+  ASSERT_TRUE(wait_until([&] { return w.answer_box(true, paths) && paths.isEmpty(); }));
+  QDialog* dialog = w.dialog("messages_dialog");
+  ASSERT_NE(dialog, nullptr);
+  auto* interrupt = w.control<QPushButton>(dialog, "interrupt");
+  ASSERT_TRUE(wait_until([&] { return interrupt->isEnabled(); }));
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "ok")->isEnabled());
+  interrupt->click();
+  EXPECT_FALSE(interrupt->isEnabled());
+  w.settle();
+  EXPECT_EQ(w.session->recording.n_samples, 0);
+  EXPECT_EQ(w.session->recording.recording_path, "No data file");
+  auto* lines = w.control<QListWidget>(dialog, "log_lines");
+  EXPECT_FALSE(lines->findItems("Reading interrupted", Qt::MatchExactly).isEmpty());
+  EXPECT_TRUE(w.control<QPushButton>(dialog, "ok")->isEnabled());
 }
 
 TEST(Messages, ShowsTheRingAndFollowsIt) {

@@ -6,9 +6,12 @@
 #include <QTemporaryDir>
 
 #include "numerics/parallel.h"
+#include "recording/hdf_probe.h"
 #include "workstation/themes.h"
 
 int main(int argc, char** argv) {
+  int status = 0;
+  if (kestrelvane::run_as_hdf_probe(argc, argv, status)) return status;
   kestrelvane::flush_denormals();
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);

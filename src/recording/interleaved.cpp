@@ -1,0 +1,158 @@
+#include "recording/interleaved.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstring>
+
+#include "numerics/parallel.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// A block is turned while it stands in the second-level cache.
+constexpr std::int64_t block_bytes = 512 << 10;
+constexpr std::size_t edge = 8;  // of the square that is turned in registers
+
+using eight = std::int16_t __attribute__((vector_size(16)));
+using square = std::array<eight, edge>;
+
+eight low_pairs(eight a, eight b) {
+  return __builtin_shufflevector(a, b, 0, 8, 1, 9, 2, 10, 3, 11);
+}
+eight high_pairs(eight a, eight b) {
+  return __builtin_shufflevector(a, b, 4, 12, 5, 13, 6, 14, 7, 15);
+}
+
+// Three rounds of pairing rows that are half a square apart exchange rows and columns.
+void turn(square& s) {
+  for (int round = 0; round < 3; ++round) {
+    square paired;
+    for (std::size_t i = 0; i < edge / 2; ++i) {
+      paired[2 * i] = low_pairs(s[i], s[i + edge / 2]);
+      paired[2 * i + 1] = high_pairs(s[i], s[i + edge / 2]);
+    }
+    s = paired;
+  }
+}
+
+// One value of every point to a run.
+void spread_value(const std::int16_t* points, std::size_t n_values, std::int64_t n_points,
+                  std::int16_t* to) {
+  for (std::int64_t p = 0; p < n_points; ++p)
+    to[p] = points[static_cast<std::size_t>(p) * n_values];
+}
+
+// Eight neighbouring values of every point to eight runs.
+void spread_eight(const std::int16_t* points, std::size_t n_values, std::int64_t n_points,
+                  const std::array<std::int16_t*, edge>& to) {
+  const std::int64_t whole = n_points - n_points % static_cast<std::int64_t>(edge);
+  for (std::int64_t p = 0; p < whole; p += edge) {
+    square s;
+    const std::int16_t* row = points + static_cast<std::size_t>(p) * n_values;
+    for (eight& line : s) {
+      std::memcpy(&line, row, sizeof line);
+      row += n_values;
+    }
+    turn(s);
+    for (std::size_t i = 0; i < edge; ++i) std::memcpy(to[i] + p, &s[i], sizeof s[i]);
+  }
+  for (std::size_t i = 0; i < edge; ++i) {
+    spread_value(points + static_cast<std::size_t>(whole) * n_values + i, n_values,
+                 n_points - whole, to[i] + whole);
+  }
+}
+
+struct reading {
+  session_state& session;
+  const input_file& file;
+  const interleaved_channels& channels;
+  const interleaved_run& run;
+  std::int64_t points_per_block = 0;
+  std::atomic<std::int64_t> n_done{0};
+  std::atomic<bool> early_end{false};
+};
+
+// The b-th block of the run, from 0.
+void read_one_block(reading& r, std::int64_t b, std::vector<std::int16_t>& buffer) {
+  const std::int64_t first = b * r.points_per_block;
+  const std::int64_t n_points = std::min(r.points_per_block, r.run.n_points - first);
+  const auto n_values = static_cast<std::int64_t>(r.channels.target.size());
+  buffer.resize(static_cast<std::size_t>(r.points_per_block * n_values));
+  if (!read_at(r.file, r.run.at + 2 * first * n_values, buffer.data(), 2 * n_points * n_values)) {
+    r.early_end = true;
+    return;
+  }
+  spread_points(r.session, r.channels, buffer.data(), n_points, r.run.first_index + first);
+}
+
+}  // namespace
+
+void spread_points(session_state& session, const interleaved_channels& channels,
+                   const std::int16_t* points, std::int64_t n_points, std::int64_t first_index) {
+  voltage_store& vd = session.recording.vd;
+  const std::vector<std::int32_t>& target = channels.target;
+  const std::size_t n_values = target.size();
+  const auto run_of = [&](std::size_t v) { return vd.channel(target[v]) + first_index; };
+  for (std::size_t v = 0; v < n_values;) {
+    const bool eight_kept =
+        v + edge <= n_values && std::all_of(target.begin() + static_cast<std::ptrdiff_t>(v),
+                                            target.begin() + static_cast<std::ptrdiff_t>(v + edge),
+                                            [](std::int32_t c) { return c > 0; });
+    if (eight_kept) {
+      std::array<std::int16_t*, edge> to;
+      for (std::size_t i = 0; i < edge; ++i) to[i] = run_of(v + i);
+      spread_eight(points + v, n_values, n_points, to);
+      v += edge;
+      continue;
+    }
+    if (target[v] > 0) spread_value(points + v, n_values, n_points, run_of(v));
+    ++v;
+  }
+  if (!channels.change) return;
+  for (std::size_t v = 0; v < n_values; ++v) {
+    if (target[v] > 0) channels.change(v, run_of(v), n_points);
+  }
+}
+
+read_end read_interleaved(session_state& session, const input_file& file,
+                          const interleaved_channels& channels, const interleaved_run& run,
+                          std::int32_t bar_from, std::int32_t bar_to) {
+  if (run.n_points <= 0 || channels.target.empty()) return read_end::whole;
+  const auto point_bytes = static_cast<std::int64_t>(2 * channels.target.size());
+  reading r{session, file, channels, run};
+  r.points_per_block = std::max<std::int64_t>(block_bytes / point_bytes / 8 * 8, 8);
+  const std::int64_t n_blocks = (run.n_points - 1) / r.points_per_block + 1;
+  const std::int32_t n_threads = threads_now(session);
+  std::vector<std::vector<std::int16_t>> buffers(static_cast<std::size_t>(n_threads));
+  const std::atomic<bool>& interrupted = session.operation.reading_interrupted;
+  expect_sequential_reading(file);
+  parallel_for_dealt(n_threads, 0, n_blocks - 1, [&](std::int64_t b, std::int32_t rank) {
+    if (r.early_end || interrupted) return;
+    read_one_block(r, b, buffers[static_cast<std::size_t>(rank)]);
+    const std::int64_t done = ++r.n_done;
+    if (rank != 0) return;
+    // The bar and the polls belong to the thread that runs the operation.
+    const auto share = static_cast<std::int32_t>((bar_to - bar_from) * done / n_blocks);
+    set_progress(session, meter::reading, bar_from + share, 115);
+    reading_interrupted(session);
+  });
+  if (interrupted) return read_end::interrupted;
+  return r.early_end ? read_end::early_end : read_end::whole;
+}
+
+interleaved_channels map_interleaved(const session_state& session, std::int32_t n) {
+  const recording_store& r = session.recording;
+  interleaved_channels channels;
+  channels.target.resize(static_cast<std::size_t>(std::max(n, 0)));
+  for (std::int32_t i = 1; i <= n; ++i) {
+    std::int32_t channel = i;
+    if (!r.no_config_file) channel = i <= channel_limit ? r.channel_map[i] : 0;
+    if (channel < 1 || channel > r.n_channels) channel = 0;
+    channels.target[static_cast<std::size_t>(i - 1)] = channel;
+  }
+  return channels;
+}
+
+}  // namespace kestrelvane

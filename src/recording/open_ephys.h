@@ -1,0 +1,21 @@
+// Open Ephys recordings in binary form: a folder with "structure.oebin", which describes
+// the streams, and for each stream a "continuous.dat" of interleaved 16-bit samples.
+#pragma once
+
+#include <string>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// The reader of the format table; path is that of the structure.oebin. Reads the
+// electrode channels of one stream: the named one (session.named_stream, a name or a
+// number from 1), or the one that the user says Yes to. Positions come from the
+// configuration, or from the probe's description in "settings.xml".
+bool read_open_ephys(session_state& session, const std::string& path);
+
+// The structure.oebin that a folder holds, at any depth: of several the first in natural
+// order, the others being logged. Empty when there is none.
+std::string find_structure_file(session_state& session, const std::string& folder);
+
+}  // namespace kestrelvane

@@ -1,0 +1,14 @@
+// Polytrode Data: several epochs of a recording in one file.
+#pragma once
+
+#include <string>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// The reader of the format table. Epochs stand one after the other on the time axis, a
+// second of zeros behind each; epoch_start is in seconds.
+bool read_prf(session_state& session, const std::string& path);
+
+}  // namespace kestrelvane

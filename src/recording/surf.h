@@ -1,0 +1,19 @@
+// Surf recordings of polytrodes: a stream of typed records; see surf_records.h.
+#pragma once
+
+#include <string>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// The reader of the format table. Spike blocks go to vd at the times of their stamps, LFP
+// blocks, digital values and stimulus headers are kept for the exports. Positions are
+// those of the polytrode that the file names.
+bool read_srf(session_state& session, const std::string& path);
+
+// Positions, name and grounded channels of a polytrode named by a file; false, after the
+// words, for one that is not known.
+bool place_sites_of_polytrode(session_state& session, const std::string& name);
+
+}  // namespace kestrelvane

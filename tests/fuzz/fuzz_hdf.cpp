@@ -1,0 +1,72 @@
+// Walking an HDF5 file and opening the datasets in it that may be voltages.
+#include <cstdlib>
+
+#include "fuzz_session.h"
+#include "recording/hdf_probe.h"
+#include "recording/hdf_walk.h"
+#include "recording/open_recording.h"
+#include "session/settings_table.h"
+
+using namespace kestrelvane;
+
+namespace {
+
+// What the user of this file goes for.
+std::string wanted_place;
+int turn = 0;
+
+void walk(void*, const hdf_page* page, hdf_choice& choice) {
+  if (page == nullptr) return;
+  choice.rate = page->rate.empty() ? "1000" : page->rate;
+  choice.scale = page->scale.empty() ? "1" : page->scale;
+  choice.path = wanted_place;
+  if (turn == 0) choice.step = hdf_step::go_to;
+  if (turn == 1) choice.step = hdf_step::read;
+  ++turn;
+}
+
+// Every page that a user could see; the places of what may be voltages.
+std::vector<std::string> look_at_everything(const std::string& path) {
+  std::vector<std::string> places;
+  hdf_file in;
+  if (open_hdf_file(in, path) != hdf_error::none) return places;
+  int n_pages = 0;
+  for (const hdf_entry& entry : list_hdf_tree(in)) {
+    hdf_page page;
+    if (++n_pages < 40) make_hdf_page(in, entry.place, page);
+    if (entry.may_be_data && places.size() < 3) places.push_back(entry.place);
+  }
+  return places;
+}
+
+}  // namespace
+
+// What the probe must survive is not for this process to find out.
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
+  int status = 0;
+  if (run_as_hdf_probe(*argc, *argv, status)) std::exit(status);
+  return 0;
+}
+
+// The library forgets blocks when it gives up on a file.
+extern "C" const char* __lsan_default_suppressions() { return "leak:libhdf5\n"; }
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) {
+  session_state& session = fuzz::the_session();
+  session.ui.walk_hdf = walk;
+  for (const char* name : {"input.h5", "input.nwb"}) {
+    const std::string path = fuzz::scratch_path(name);
+    fuzz::write_input(path, bytes, n);
+    for (const std::string& place : look_at_everything(path)) {
+      set_default_strategy(session);
+      wanted_place = place;
+      turn = 0;
+      if (!open_recording(session, path)) {
+        fuzz::require(session.recording.n_samples == 0 && session.recording.n_channels == 0,
+                      "a failed open leaves something behind");
+      }
+      fuzz::require_sound_session(session);
+    }
+  }
+  return 0;
+}

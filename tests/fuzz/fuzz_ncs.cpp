@@ -1,0 +1,31 @@
+// Opening a Neuralynx .ncs file: a sound session, or an empty one.
+//
+// The text of the header ends at the first NUL of the input; records follow.
+#include <algorithm>
+#include <vector>
+
+#include "fuzz_session.h"
+#include "recording/neuralynx.h"
+#include "recording/open_recording.h"
+#include "session/settings_table.h"
+
+using namespace kestrelvane;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) {
+  session_state& session = fuzz::the_session();
+  const std::string path = fuzz::scratch_path("input.ncs");
+  const std::uint8_t* text_end =
+      std::find(bytes, bytes + std::min<std::size_t>(n, neuralynx_header_bytes), 0);
+  std::vector<std::uint8_t> file(bytes, text_end);
+  file.resize(neuralynx_header_bytes);
+  if (text_end != bytes + n) file.insert(file.end(), text_end + 1, bytes + n);
+  fuzz::write_input(path, file.data(), file.size());
+  set_default_strategy(session);
+  if (!open_recording(session, path)) {
+    fuzz::require(session.recording.n_samples == 0 && session.recording.n_channels == 0 &&
+                      session.events.n_events == 0 && session.clusters.n_clusters == 0,
+                  "a failed open leaves something behind");
+  }
+  fuzz::require_sound_session(session);
+  return 0;
+}
