@@ -39,7 +39,7 @@ struct batch_options {
   std::vector<std::string> exports;  // FORMAT=PATH
   std::string log;
   std::string report;  // JSON
-  std::string values;   // FIRST:COUNT, samples that info shows
+  std::string values;  // FIRST:COUNT, samples that info shows
   bool quiet = false;
   bool json = false;
   // --- draw

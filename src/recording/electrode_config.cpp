@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "recording/input_file.h"
+#include "recording/probe_files.h"
 #include "recording/text_lines.h"
 #include "session/safe_file.h"
 
@@ -80,6 +81,24 @@ bool read_entries(session_state& session, text_lines& lines, std::int32_t& n_map
   return check_map(session, uses, n_mapped) && good;
 }
 
+// Channels of the program in the order of those of the file.
+bool take_contacts(session_state& session, const std::string& path, std::int32_t& n_mapped) {
+  recording_store& r = session.recording;
+  std::vector<wired_contact> contacts;
+  std::string problem;
+  if (!read_probe_file(path, contacts, problem)) {
+    log_message(session, fmt::format("   {}", problem));
+    return false;
+  }
+  for (const wired_contact& contact : contacts) {
+    ++n_mapped;
+    r.channel_map[contact.file_channel] = n_mapped;
+    r.chan_x[n_mapped] = static_cast<std::int16_t>(contact.x);
+    r.chan_y[n_mapped] = static_cast<std::int16_t>(contact.y);
+  }
+  return true;
+}
+
 std::string trimmed(std::string_view text, std::size_t limit) {
   text = text.substr(0, limit);
   while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
@@ -92,10 +111,16 @@ bool find_config_file(session_state& session, const std::string& recording_path,
                       std::string& path) {
   path = session.named_config;
   if (!path.empty()) return true;
-  path = replace_extension(recording_path, ".cfg");
-  if (file_exists(path)) return true;
-  path = folder_of(recording_path) + "electrode.cfg";
-  if (file_exists(path)) return true;
+  const std::string beside = folder_of(recording_path) + "electrode";
+  for (const char* extension : {".cfg", ".prb", ".json"}) {
+    for (const std::string& candidate :
+         {replace_extension(recording_path, extension), beside + extension}) {
+      path = candidate;
+      if (!file_exists(path)) continue;
+      // Other tools leave ".json" files beside a recording, too.
+      if (extension != std::string_view(".json") || describes_probes(path)) return true;
+    }
+  }
   path.clear();
   return ask(session, "Cannot find a default electrode configuration file: choose a specific one?",
              "Looking for file") &&
@@ -104,7 +129,7 @@ bool find_config_file(session_state& session, const std::string& recording_path,
 
 bool choose_config_file(session_state& session, std::string& path) {
   return choose_file_to_open(session, "Choose channel configuration file",
-                             "Channel config files(*.CFG)", path);
+                             "Channel config files(*.CFG *.JSON *.PRB)", path);
 }
 
 bool read_config_file(session_state& session, const std::string& path, std::int32_t& n_mapped,
@@ -118,11 +143,18 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
     log_message(session, "Error opening config file " + path);
     return false;
   }
-  std::string_view name;
-  next_line(lines, name);
-  r.electrode_name = trimmed(name, name_characters);
   r.channel_map.clear();
-  if (!read_entries(session, lines, n_mapped)) {
+  bool good = false;
+  if (is_probe_file(path)) {
+    r.electrode_name = file_name_of(replace_extension(path, "")).substr(0, name_characters);
+    good = take_contacts(session, path, n_mapped);
+  } else {
+    std::string_view name;
+    next_line(lines, name);
+    r.electrode_name = trimmed(name, name_characters);
+    good = read_entries(session, lines, n_mapped);
+  }
+  if (!good) {
     log_message(session, "Channel map error in config file");
     return false;
   }

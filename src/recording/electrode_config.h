@@ -16,7 +16,8 @@
 namespace kestrelvane {
 
 // The configuration of a recording: the one the user has named (named_config), the file
-// of its name, else "electrode.cfg" beside it, else one that the user chooses. False when
+// of its name, else "electrode.cfg" beside it, then the same with ".prb" and ".json"
+// (probe_files.h), else one that the user chooses. False when
 // there is none.
 bool find_config_file(session_state& session, const std::string& recording_path, std::string& path);
 

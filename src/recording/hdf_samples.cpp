@@ -77,28 +77,44 @@ std::int16_t limited_integer(std::int64_t value, std::int64_t& n_limited) {
   return static_cast<std::int16_t>(kept);
 }
 
-// Nearest integer, halves away from zero; what is no number becomes 0.
-std::int16_t limited_value(double value, std::int64_t& n_limited) {
+// Nearest integers, halves away from zero; what is no number becomes 0. Values to whole
+// numbers first, then those to 16 bits: two loops, each over lanes of one width.
+template <typename ValueOf>
+std::int64_t limit_values(std::int64_t n, std::int16_t* to, ValueOf&& value_of) {
   constexpr double beyond = 40000;  // outside of 16 bits, inside of 32
-  const bool number = value == value;
-  const double near = std::min(std::max(number ? value : 0.0, -beyond), beyond);
-  const auto whole = static_cast<std::int32_t>(near + (near < 0 ? -0.5 : 0.5));
-  const std::int32_t kept = std::min(std::max(whole, -32768), 32767);
-  n_limited += (kept != whole) | !number;
-  return static_cast<std::int16_t>(kept);
+  constexpr std::int32_t no_number = -1'000'000'000;
+  constexpr std::int64_t block = 512;
+  std::int32_t whole[block];
+  std::int64_t n_limited = 0;
+  for (std::int64_t first = 0; first < n; first += block) {
+    const std::int64_t count = std::min(block, n - first);
+    for (std::int64_t i = 0; i < count; ++i) {
+      const double value = value_of(first + i);
+      const double near = std::min(std::max(value, -beyond), beyond);
+      const double rounded = near + std::copysign(0.5, near);
+      whole[i] = static_cast<std::int32_t>(value == value ? rounded : no_number);
+    }
+    std::int32_t here = 0;
+    for (std::int64_t i = 0; i < count; ++i) {
+      const std::int32_t within = std::min(std::max(whole[i], -32768), 32767);
+      const std::int32_t kept = whole[i] == no_number ? 0 : within;
+      here += kept != whole[i];
+      to[first + i] = static_cast<std::int16_t>(kept);
+    }
+    n_limited += here;
+  }
+  return n_limited;
 }
 
 template <typename T>
 std::int64_t convert_unchanged(const T* values, std::int16_t* to, std::int64_t n) {
-  std::int64_t n_limited = 0;
-  for (std::int64_t i = 0; i < n; ++i) {
-    if constexpr (std::is_integral_v<T>) {
-      to[i] = limited_integer(values[i], n_limited);
-    } else {
-      to[i] = limited_value(values[i], n_limited);
-    }
+  if constexpr (std::is_floating_point_v<T>) {
+    return limit_values(n, to, [values](std::int64_t i) { return double{values[i]}; });
+  } else {
+    std::int64_t n_limited = 0;
+    for (std::int64_t i = 0; i < n; ++i) to[i] = limited_integer(values[i], n_limited);
+    return n_limited;
   }
-  return n_limited;
 }
 
 // One channel's values.
@@ -107,11 +123,8 @@ std::int64_t convert_run(const hdf_conversion& plan, std::uint64_t channel, cons
                          std::int16_t* to, std::int64_t n) {
   if (!plan.changes) return convert_unchanged(values, to, n);
   const double gain = plan.gain[channel], shift = plan.shift[channel];
-  std::int64_t n_limited = 0;
-  for (std::int64_t i = 0; i < n; ++i) {
-    to[i] = limited_value(static_cast<double>(values[i]) * gain + shift, n_limited);
-  }
-  return n_limited;
+  return limit_values(
+      n, to, [=](std::int64_t i) { return static_cast<double>(values[i]) * gain + shift; });
 }
 
 // Values of neighbouring channels, time point after time point.
@@ -119,17 +132,16 @@ template <typename T>
 std::int64_t convert_points(const hdf_conversion& plan, std::uint64_t first_channel,
                             std::uint64_t n_channels, const T* values, std::int16_t* to,
                             std::uint64_t n_points) {
-  const std::uint64_t n = n_points * n_channels;
-  if (!plan.changes) return convert_unchanged(values, to, static_cast<std::int64_t>(n));
+  const auto n = static_cast<std::int64_t>(n_channels);
+  if (!plan.changes) {
+    return convert_unchanged(values, to, static_cast<std::int64_t>(n_points) * n);
+  }
   const double* gain = plan.gain.data() + first_channel;
   const double* shift = plan.shift.data() + first_channel;
   std::int64_t n_limited = 0;
-  for (std::uint64_t p = 0; p < n_points; ++p) {
-    for (std::uint64_t c = 0; c < n_channels; ++c) {
-      to[c] = limited_value(static_cast<double>(values[c]) * gain[c] + shift[c], n_limited);
-    }
-    values += n_channels;
-    to += n_channels;
+  for (std::uint64_t p = 0; p < n_points; ++p, values += n, to += n) {
+    n_limited += limit_values(
+        n, to, [=](std::int64_t i) { return static_cast<double>(values[i]) * gain[i] + shift[i]; });
   }
   return n_limited;
 }

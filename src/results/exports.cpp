@@ -13,6 +13,7 @@
 #include "recording/plx.h"
 #include "recording/tsf.h"
 #include "results/nwb_units.h"
+#include "results/phy_folder.h"
 #include "results/ptcs.h"
 #include "results/work_file.h"
 #include "session/safe_file.h"
@@ -56,6 +57,7 @@ constexpr export_format formats[] = {
   {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr,
    export_ptcs},
   {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)", accept_continuous, write_tsf},
+  {"phy", "Phy folder", "_phy", "Phy folder(*)", nullptr, export_phy},
   {"nwb", "NWB units (.nwb)", ".nwb", "Neurodata Without Borders (*.NWB)", nullptr,
    write_nwb_units},
 };

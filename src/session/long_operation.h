@@ -27,7 +27,8 @@ struct long_operation_flags {
   std::array<std::atomic<std::int64_t>, 8> meter_value{};
 
   // Tests only: counts polls, and raises autosort_interrupt,
-  // detection_interrupted and reading_interrupted when the count reaches interrupt_at_poll; negative: never.
+  // detection_interrupted and reading_interrupted when the count reaches interrupt_at_poll;
+  // negative: never.
   std::atomic<std::int64_t> polls{0};
   std::atomic<std::int64_t> interrupt_at_poll{-1};
 };

@@ -118,8 +118,9 @@ void open_work_file_command(workstation& w) {
 
 void import_ptcs_command(workstation& w) {
   if (!needs_recording(w)) return;
-  run_with_progress(w, "ptcs_import_progress", "Import events from ptcs file",
-                    [](session_state& session) { import_ptcs_dialog(session); }, nullptr);
+  run_with_progress(
+      w, "ptcs_import_progress", "Import events from ptcs file",
+      [](session_state& session) { import_ptcs_dialog(session); }, nullptr);
 }
 
 void save_work_file_command(workstation& w) {

@@ -1,7 +1,8 @@
 // The "Messages" dialog: the run log as it grows, and the bar of a reader.
 //
 // It opens by itself when an operation begins to read a recording, and by its menu entry.
-// OK is live when nothing runs, Interrupt while a recording is read. While it is open, new lines of the log go into its list.
+// OK is live when nothing runs, Interrupt while a recording is read. While it is open, new lines of
+// the log go into its list.
 #pragma once
 
 #include "workstation/operation.h"

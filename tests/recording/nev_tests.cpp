@@ -472,24 +472,17 @@ TEST_F(nev_test, cut_files_are_read_as_far_as_they_go_or_refused) {
 TEST_F(nev_test, impossible_headers_are_refused) {
   nev_fixture f = many_kinds();
   const std::vector<char> good = nev_bytes(f);
-  for (const auto& [offset, value] :
-       std::vector<std::pair<std::size_t, std::int32_t>>{{12, 0},
-                                                         {12, 335},
-                                                         {12, -1},
-                                                         {12, 1 << 30},  // bytes in headers
-                                                         {16, 0},
-                                                         {16, 7},
-                                                         {16, 8},
-                                                         {16, 9},  // bytes of a packet
-                                                         {20, 0},  // resolution
-                                                         {24, 0},
-                                                         {24, -1},
-                                                         {24, 1'000'001},  // rate
-                                                         {332, -1},
-                                                         {332, 1 << 30},
-                                                         {332, 1'000'000}}) {  // extended headers
-    EXPECT_FALSE(open(with_i32(good, offset, value))) << offset << " " << value;
-    expect_empty();
+  const std::vector<std::pair<std::size_t, std::vector<std::int32_t>>> bad = {
+      {12, {0, 335, -1, 1 << 30}},        // bytes in headers
+      {16, {0, 7, 8, 9, 1'050'000, -2}},  // bytes of a packet
+      {20, {0}},                          // resolution
+      {24, {0, -1, 1'000'001}},           // rate
+      {332, {-1, 1 << 30, 1'000'000}}};   // extended headers
+  for (const auto& [offset, values] : bad) {
+    for (const std::int32_t value : values) {
+      EXPECT_FALSE(open(with_i32(good, offset, value))) << offset << " " << value;
+      expect_empty();
+    }
   }
   // One packet that is longer than the file is no packet.
   ASSERT_TRUE(open(with_i32(good, 16, 1 << 20)));

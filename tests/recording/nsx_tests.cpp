@@ -298,17 +298,15 @@ TEST_F(nsx_test, cut_files_are_read_as_far_as_they_go_or_refused) {
 TEST_F(nsx_test, impossible_headers_are_refused) {
   const nsx_fixture f;
   const std::vector<char> good = nsx_bytes(f);
-  for (const auto& [offset, value] :
-       std::vector<std::pair<std::size_t, std::int32_t>>{{286, 0},
-                                                         {286, -1},
-                                                         {286, 30001},  // period
-                                                         {290, 0},      // resolution
-                                                         {310, 0},
-                                                         {310, -1},
-                                                         {310, 4097},
-                                                         {310, 1000}}) {  // channels
-    EXPECT_FALSE(open(with_i32(good, offset, value))) << offset << " " << value;
-    expect_empty();
+  const std::vector<std::pair<std::size_t, std::vector<std::int32_t>>> bad = {
+      {286, {0, -1, 30001}},        // period
+      {290, {0}},                   // resolution
+      {310, {0, -1, 4097, 1000}}};  // channels
+  for (const auto& [offset, values] : bad) {
+    for (const std::int32_t value : values) {
+      EXPECT_FALSE(open(with_i32(good, offset, value))) << offset << " " << value;
+      expect_empty();
+    }
   }
   // The place of the data follows from the channels unless the header has room to spare.
   for (const std::int32_t stated : {0, -1, 400, 1 << 30}) {

@@ -1,0 +1,479 @@
+#include "results/phy_folder.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <numeric>
+#include <system_error>
+#include <vector>
+
+#include "clustering/templates.h"
+#include "numerics/jacobi.h"
+#include "numerics/parallel.h"
+#include "recording/input_file.h"
+#include "recording/npy_file.h"
+#include "session/run_log.h"
+#include "session/safe_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr const char* box_title = "Save sorted spikes";
+constexpr std::int32_t n_components = 3;         // principal components per channel
+constexpr std::size_t most_local_channels = 12;  // channels with features, per template
+constexpr std::size_t most_similar = 16;         // templates that a spike is compared with
+constexpr std::size_t most_sample_spikes = 200;  // extracted waveforms per cluster
+constexpr std::size_t n_per_piece = 4096;        // spikes worked on between two writes
+
+// What all files of the folder are made from.
+struct phy_export {
+  session_state& session;
+  std::string folder;                                 // with its last slash
+  std::vector<std::int32_t> channels;                 // unmasked, program numbers
+  std::vector<std::int32_t> events;                   // sorted ones in order of time
+  std::vector<std::vector<std::int32_t>> local;       // of each template, places in channels
+  std::vector<float> templates;                       // template, point, channel; bits
+  std::vector<float> similarity;                      // template by template
+  std::vector<std::vector<std::int32_t>> neighbours;  // of each template, most similar first
+  std::vector<float> components;                      // component, point
+
+  std::size_t n_templates() const { return static_cast<std::size_t>(session.clusters.n_clusters); }
+  std::size_t n_points() const {
+    return static_cast<std::size_t>(session.templates.template_points);
+  }
+  std::size_t n_local() const { return std::min(most_local_channels, channels.size()); }
+  // The template of a spike, from 0.
+  std::size_t template_of(std::int32_t event) const {
+    return static_cast<std::size_t>(session.events.event_cluster[event]) - 1;
+  }
+  // Samples of a spike's window on the channel at a place of channels.
+  const std::int16_t* window(std::int32_t event, std::int32_t place) const {
+    return session.recording.vd.channel(channels[static_cast<std::size_t>(place)]) +
+           session.events.event_time[event] + window_first_sample(session);
+  }
+  float template_value(std::size_t t, std::size_t p, std::int32_t place) const {
+    return templates[(t * n_points() + p) * channels.size() + static_cast<std::size_t>(place)];
+  }
+};
+
+// --- files
+
+template <typename T>
+bool write_array(const phy_export& x, const std::string& name, const std::string& type,
+                 const std::vector<std::int64_t>& shape, const std::vector<T>& values) {
+  safe_file out;
+  if (!open_safe_file(out, x.folder + name + ".npy")) return false;
+  write_text(out, npy_header_text(type, shape));
+  write_bytes(out, values.data(), values.size() * sizeof(T));
+  return finish_safe_file(out);
+}
+
+// An array of one row per spike, worked out in pieces; fill writes the rows of the spikes
+// first to first + n - 1, on several threads by its own choice.
+template <typename T>
+bool write_rows(const phy_export& x, const std::string& name, const std::string& type,
+                const std::vector<std::int64_t>& row_shape, const std::vector<std::int32_t>& spikes,
+                const std::function<void(std::int32_t event, T* row)>& fill) {
+  std::vector<std::int64_t> shape = {static_cast<std::int64_t>(spikes.size())};
+  shape.insert(shape.end(), row_shape.begin(), row_shape.end());
+  const auto row_size = static_cast<std::size_t>(std::accumulate(
+      row_shape.begin(), row_shape.end(), std::int64_t{1}, std::multiplies<std::int64_t>()));
+  safe_file out;
+  if (!open_safe_file(out, x.folder + name + ".npy")) return false;
+  write_text(out, npy_header_text(type, shape));
+  std::vector<T> piece;
+  for (std::size_t first = 0; first < spikes.size() && !out.failed; first += n_per_piece) {
+    const std::size_t n = std::min(n_per_piece, spikes.size() - first);
+    piece.assign(n * row_size, T{});
+    parallel_for(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
+                 [&](std::int64_t i, std::int32_t) {
+                   const auto row = static_cast<std::size_t>(i);
+                   fill(spikes[first + row], piece.data() + row * row_size);
+                 });
+    write_bytes(out, piece.data(), piece.size() * sizeof(T));
+  }
+  return finish_safe_file(out);
+}
+
+bool write_text_file(const phy_export& x, const std::string& name, const std::string& text) {
+  safe_file out;
+  if (!open_safe_file(out, x.folder + name)) return false;
+  write_text(out, text);
+  return finish_safe_file(out);
+}
+
+// --- what is derived from the sort
+
+void list_events(phy_export& x) {
+  const event_table& e = x.session.events;
+  for (std::int32_t i = 1; i <= e.n_events; ++i) {
+    if (e.event_cluster[i] > 0) x.events.push_back(i);
+  }
+  std::stable_sort(x.events.begin(), x.events.end(), [&e](std::int32_t a, std::int32_t b) {
+    return e.event_time[a] < e.event_time[b];
+  });
+}
+
+void list_templates(phy_export& x) {
+  const template_table& t = x.session.templates;
+  const std::size_t n_points = x.n_points(), n_channels = x.channels.size();
+  x.templates.resize(x.n_templates() * n_points * n_channels);
+  for (std::size_t k = 0; k < x.n_templates(); ++k) {
+    for (std::size_t c = 0; c < n_channels; ++c) {
+      const float* mean = t.mean(static_cast<std::int32_t>(k) + 1, x.channels[c]);
+      for (std::size_t p = 0; p < n_points; ++p) {
+        x.templates[(k * n_points + p) * n_channels + c] = mean[p + 1];
+      }
+    }
+  }
+}
+
+// The channels on which a template is largest, largest first; of equals the lower.
+void list_local_channels(phy_export& x) {
+  for (std::size_t k = 0; k < x.n_templates(); ++k) {
+    std::vector<float> heights;
+    for (const std::int32_t c : x.channels) {
+      heights.push_back(template_peak_to_peak(x.session, static_cast<std::int32_t>(k) + 1, c));
+    }
+    std::vector<std::int32_t> places(x.channels.size());
+    std::iota(places.begin(), places.end(), 0);
+    std::stable_sort(places.begin(), places.end(), [&](std::int32_t a, std::int32_t b) {
+      return heights[static_cast<std::size_t>(a)] > heights[static_cast<std::size_t>(b)];
+    });
+    places.resize(x.n_local());
+    x.local.push_back(places);
+  }
+}
+
+// Cosine of the angle between two templates over all channels.
+void compare_templates(phy_export& x) {
+  const std::size_t n = x.n_templates(), size = x.n_points() * x.channels.size();
+  const auto product = [&](std::size_t a, std::size_t b) {
+    double sum = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+      sum += double{x.templates[a * size + i]} * double{x.templates[b * size + i]};
+    }
+    return sum;
+  };
+  std::vector<double> lengths(n);
+  for (std::size_t k = 0; k < n; ++k) lengths[k] = std::sqrt(product(k, k));
+  x.similarity.assign(n * n, 0.0f);
+  parallel_for_dealt(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
+                     [&](std::int64_t row, std::int32_t) {
+                       const auto a = static_cast<std::size_t>(row);
+                       for (std::size_t b = 0; b < n; ++b) {
+                         const double scale = lengths[a] * lengths[b];
+                         if (scale <= 0) continue;
+                         x.similarity[a * n + b] = static_cast<float>(product(a, b) / scale);
+                       }
+                     });
+  for (std::size_t a = 0; a < n; ++a) {
+    std::vector<std::int32_t> order(n);
+    std::iota(order.begin(), order.end(), 0);
+    const auto likeness = [&](std::int32_t b) {
+      return static_cast<std::size_t>(b) == a ? 2.0f
+                                              : x.similarity[a * n + static_cast<std::size_t>(b)];
+    };
+    std::stable_sort(order.begin(), order.end(),
+                     [&](std::int32_t b, std::int32_t c) { return likeness(b) > likeness(c); });
+    order.resize(std::min(most_similar, n));
+    x.neighbours.push_back(order);
+  }
+}
+
+// The directions in which waveforms of the templates differ most.
+void find_components(phy_export& x) {
+  const auto n = static_cast<std::int32_t>(x.n_points());
+  const std::size_t points = x.n_points();
+  std::vector<float> covariance(points * points), values(points), vectors(points * points);
+  std::vector<double> sums(points * points);
+  for (std::size_t k = 0; k < x.n_templates(); ++k) {
+    for (const std::int32_t place : x.local[k]) {
+      for (std::size_t p = 0; p < points; ++p) {
+        for (std::size_t q = 0; q < points; ++q) {
+          sums[p * points + q] +=
+              double{x.template_value(k, p, place)} * double{x.template_value(k, q, place)};
+        }
+      }
+    }
+  }
+  const double largest = *std::max_element(sums.begin(), sums.end());
+  for (std::size_t i = 0; i < sums.size(); ++i) {
+    covariance[i] = static_cast<float>(largest > 0 ? sums[i] / largest : 0);
+  }
+  std::int32_t n_rotations = 0;
+  eigen_decomposition(covariance.data(), n, n, values.data(), vectors.data(), n_rotations);
+  x.components.assign(vectors.begin(),
+                      vectors.begin() + static_cast<long>(points) * std::min(n_components, n));
+  x.components.resize(static_cast<std::size_t>(n_components) * points);
+}
+
+// --- rows of a spike
+
+double project(const std::int16_t* samples, const float* onto, std::size_t n) {
+  double sum = 0;
+  for (std::size_t p = 0; p < n; ++p) sum += double{onto[p]} * samples[p];
+  return sum;
+}
+
+// How much of its template a spike is, on the template's channels.
+double spike_scale(const phy_export& x, std::int32_t event, std::size_t t) {
+  double product = 0, square = 0;
+  for (const std::int32_t place : x.local[t]) {
+    const std::int16_t* samples = x.window(event, place);
+    for (std::size_t p = 0; p < x.n_points(); ++p) {
+      const double value = x.template_value(t, p, place);
+      product += value * samples[p];
+      square += value * value;
+    }
+  }
+  return square > 0 ? product / square : 0;
+}
+
+bool write_spikes(const phy_export& x) {
+  const event_table& e = x.session.events;
+  const auto& spikes = x.events;
+  return write_rows<std::int64_t>(
+             x, "spike_times", "<i8", {}, spikes,
+             [&](std::int32_t i, std::int64_t* row) { *row = e.event_time[i] - 1; }) &&
+         write_rows<std::int32_t>(
+             x, "spike_templates", "<i4", {}, spikes,
+             [&](std::int32_t i, std::int32_t* row) { *row = e.event_cluster[i] - 1; }) &&
+         write_rows<std::int32_t>(
+             x, "spike_clusters", "<i4", {}, spikes,
+             [&](std::int32_t i, std::int32_t* row) { *row = e.event_cluster[i]; }) &&
+         write_rows<double>(x, "amplitudes", "<f8", {}, spikes, [&](std::int32_t i, double* row) {
+           *row = spike_scale(x, i, x.template_of(i));
+         });
+}
+
+bool write_features(const phy_export& x) {
+  const auto n_local = static_cast<std::int64_t>(x.n_local());
+  const auto n_templates = static_cast<std::int64_t>(x.n_templates());
+  const std::size_t points = x.n_points();
+  std::vector<std::uint32_t> places, similar;
+  const std::size_t n_similar = std::min(most_similar, x.n_templates());
+  for (std::size_t t = 0; t < x.n_templates(); ++t) {
+    for (const std::int32_t place : x.local[t]) places.push_back(static_cast<std::uint32_t>(place));
+    for (const std::int32_t k : x.neighbours[t]) similar.push_back(static_cast<std::uint32_t>(k));
+  }
+  return write_array(x, "pc_feature_ind", "<u4", {n_templates, n_local}, places) &&
+         write_rows<float>(
+             x, "pc_features", "<f4", {n_components, n_local}, x.events,
+             [&](std::int32_t i, float* row) {
+               const std::vector<std::int32_t>& local = x.local[x.template_of(i)];
+               for (std::size_t k = 0; k < static_cast<std::size_t>(n_components); ++k) {
+                 for (std::size_t c = 0; c < local.size(); ++c) {
+                   row[k * local.size() + c] = static_cast<float>(
+                       project(x.window(i, local[c]), x.components.data() + k * points, points));
+                 }
+               }
+             }) &&
+         write_array(x, "template_feature_ind", "<u4",
+                     {n_templates, static_cast<std::int64_t>(n_similar)}, similar) &&
+         write_rows<float>(x, "template_features", "<f4", {static_cast<std::int64_t>(n_similar)},
+                           x.events, [&](std::int32_t i, float* row) {
+                             const auto& others = x.neighbours[x.template_of(i)];
+                             for (std::size_t k = 0; k < others.size(); ++k) {
+                               row[k] = static_cast<float>(
+                                   spike_scale(x, i, static_cast<std::size_t>(others[k])));
+                             }
+                           });
+}
+
+// Up to a few hundred waveforms per cluster, so that views need not go to the samples.
+bool write_sample_spikes(const phy_export& x) {
+  std::vector<std::vector<std::int64_t>> of_template(x.n_templates());
+  for (std::size_t s = 0; s < x.events.size(); ++s) {
+    of_template[x.template_of(x.events[s])].push_back(static_cast<std::int64_t>(s));
+  }
+  std::vector<std::int64_t> chosen;
+  for (const std::vector<std::int64_t>& all : of_template) {
+    const std::size_t n = std::min(all.size(), most_sample_spikes);
+    for (std::size_t k = 0; k < n; ++k) chosen.push_back(all[k * all.size() / n]);
+  }
+  std::sort(chosen.begin(), chosen.end());
+  std::vector<std::int32_t> events;
+  for (const std::int64_t s : chosen) events.push_back(x.events[static_cast<std::size_t>(s)]);
+  const auto n_local = static_cast<std::int64_t>(x.n_local());
+  const auto n_points = static_cast<std::int64_t>(x.n_points());
+  return write_array(x, "_phy_spikes_subset.spikes", "<i8",
+                     {static_cast<std::int64_t>(chosen.size())}, chosen) &&
+         write_rows<std::int64_t>(x, "_phy_spikes_subset.channels", "<i8", {n_local}, events,
+                                  [&](std::int32_t i, std::int64_t* row) {
+                                    const auto& local = x.local[x.template_of(i)];
+                                    std::copy(local.begin(), local.end(), row);
+                                  }) &&
+         write_rows<float>(x, "_phy_spikes_subset.waveforms", "<f4", {n_points, n_local}, events,
+                           [&](std::int32_t i, float* row) {
+                             const auto& local = x.local[x.template_of(i)];
+                             for (std::size_t c = 0; c < local.size(); ++c) {
+                               const std::int16_t* samples = x.window(i, local[c]);
+                               for (std::size_t p = 0; p < x.n_points(); ++p) {
+                                 row[p * local.size() + c] = samples[p];
+                               }
+                             }
+                           });
+}
+
+// --- channels, templates, clusters
+
+std::vector<double> identity(std::size_t n) {
+  std::vector<double> matrix(n * n, 0.0);
+  for (std::size_t i = 0; i < n; ++i) matrix[i * n + i] = 1.0;
+  return matrix;
+}
+
+bool write_channels(const phy_export& x) {
+  const recording_store& r = x.session.recording;
+  const auto n = static_cast<std::int64_t>(x.channels.size());
+  std::vector<std::int32_t> places, shanks, probes;
+  std::vector<double> positions;
+  for (const std::int32_t c : x.channels) {
+    places.push_back(c - 1);
+    shanks.push_back(std::max(r.tetrode_of_channel[c] - 1, 0));
+    probes.push_back(0);
+    positions.push_back(r.chan_x[c]);
+    positions.push_back(r.chan_y[c]);
+  }
+  const std::vector<double> matrix = identity(x.channels.size());
+  return write_array(x, "channel_map", "<i4", {n}, places) &&
+         write_array(x, "channel_positions", "<f8", {n, 2}, positions) &&
+         write_array(x, "channel_shanks", "<i4", {n}, shanks) &&
+         write_array(x, "channel_probe", "<i4", {n}, probes) &&
+         write_array(x, "whitening_mat", "<f8", {n, n}, matrix) &&
+         write_array(x, "whitening_mat_inv", "<f8", {n, n}, matrix);
+}
+
+bool write_templates(const phy_export& x) {
+  const auto n = static_cast<std::int64_t>(x.n_templates());
+  return write_array(x, "templates", "<f4",
+                     {n, static_cast<std::int64_t>(x.n_points()),
+                      static_cast<std::int64_t>(x.channels.size())},
+                     x.templates) &&
+         write_array(x, "similar_templates", "<f4", {n, n}, x.similarity);
+}
+
+// One line for every cluster that has a value.
+bool write_cluster_table(const phy_export& x, const std::string& field,
+                         const std::function<std::string(std::int32_t cluster)>& value) {
+  std::string text = "cluster_id\t" + field + "\n";
+  for (std::int32_t c = 1; c <= x.session.clusters.n_clusters; ++c) {
+    const std::string cell = value(c);
+    if (!cell.empty()) text += fmt::format("{}\t{}\n", c, cell);
+  }
+  return write_text_file(x, "cluster_" + field + ".tsv", text);
+}
+
+bool write_clusters(const phy_export& x) {
+  const session_state& session = x.session;
+  const float scale = session.recording.vscale_HP;
+  return write_cluster_table(x, "group",
+                             [&](std::int32_t c) {
+                               return session.clusters.cluster_signed_off[c] ? "good" : "unsorted";
+                             }) &&
+         write_cluster_table(x, "Amplitude",
+                             [&](std::int32_t c) {
+                               const std::int32_t centre = session.templates.centre_channel(c);
+                               return fmt::format(
+                                   "{:.1f}", scale * template_peak_to_peak(session, c, centre));
+                             }) &&
+         write_cluster_table(
+             x, "snr",
+             [&](std::int32_t c) { return fmt::format("{:.2f}", template_snr(session, c)); }) &&
+         write_cluster_table(x, "comment", [&](std::int32_t c) {
+           std::string comment(session.clusters.cluster_comment[c].view());
+           std::replace(comment.begin(), comment.end(), '\t', ' ');
+           return comment;
+         });
+}
+
+// --- the samples
+
+// All channels, channel fastest, as they are in memory.
+bool write_samples(const phy_export& x) {
+  const recording_store& r = x.session.recording;
+  const auto n_channels = static_cast<std::size_t>(r.n_channels);
+  constexpr std::int64_t points_per_piece = 4096;
+  std::vector<std::int16_t> piece;
+  safe_file out;
+  if (!open_safe_file(out, x.folder + "recording.dat")) return false;
+  for (std::int64_t first = 1; first <= r.n_samples && !out.failed; first += points_per_piece) {
+    const auto n =
+        static_cast<std::size_t>(std::min<std::int64_t>(points_per_piece, r.n_samples - first + 1));
+    piece.resize(n * n_channels);
+    parallel_for(threads_now(x.session), 1, r.n_channels, [&](std::int64_t c, std::int32_t) {
+      const std::int16_t* samples = r.vd.channel(static_cast<std::int32_t>(c)) + first;
+      std::int16_t* to = piece.data() + (c - 1);
+      for (std::size_t p = 0; p < n; ++p) to[p * n_channels] = samples[p];
+    });
+    write_bytes(out, piece.data(), piece.size() * sizeof(std::int16_t));
+    set_progress(x.session, meter::saving, static_cast<std::int32_t>(50 * first / r.n_samples) + 20,
+                 100);
+  }
+  return finish_safe_file(out);
+}
+
+bool write_params(const phy_export& x) {
+  const recording_store& r = x.session.recording;
+  const double rate = r.file_type == file_type_bin && r.sampling_frequency_exact > 0
+                          ? r.sampling_frequency_exact
+                          : double{static_cast<double>(r.sampling_frequency)};
+  return write_text_file(x, "params.py",
+                         fmt::format("dat_path = 'recording.dat'\nn_channels_dat = {}\n"
+                                     "dtype = 'int16'\noffset = 0\nsample_rate = {}\n"
+                                     "hp_filtered = {}\n",
+                                     r.n_channels, rate, r.recording_filtered ? "True" : "False"));
+}
+
+bool write_folder(phy_export& x) {
+  list_events(x);
+  list_templates(x);
+  list_local_channels(x);
+  compare_templates(x);
+  find_components(x);
+  // params.py makes a folder of it, so it comes last.
+  return write_samples(x) && write_channels(x) && write_templates(x) && write_spikes(x) &&
+         write_features(x) && write_sample_spikes(x) && write_clusters(x) && write_params(x);
+}
+
+}  // namespace
+
+bool export_phy(session_state& session, const std::string& path) {
+  const recording_store& r = session.recording;
+  phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}};
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!r.chan_mask[c]) x.channels.push_back(c);
+  }
+  if (session.clusters.n_clusters == 0 || x.channels.empty()) {
+    tell(session, "There are no clusters to export", box_title);
+    return false;
+  }
+  // What somebody has curated there would be gone.
+  if (file_exists(x.folder + "params.py") &&
+      !ask(session, path + " holds a sort already. Replace it?", "File already exists")) {
+    return false;
+  }
+  const std::int64_t bytes = std::int64_t{4} * session.clusters.n_clusters *
+                             session.templates.template_points *
+                             static_cast<std::int64_t>(x.channels.size());
+  if (!memory_can_hold(bytes)) {
+    tell(session, "Not enough memory for the templates of the folder", box_title);
+    return false;
+  }
+  std::error_code failed, ignored;
+  std::filesystem::create_directories(path, failed);
+  std::filesystem::remove(x.folder + "cluster_info.tsv", ignored);  // of the sort that was there
+  if (failed || !write_folder(x)) {
+    tell(session, "Error saving Phy folder " + path, box_title);
+    return false;
+  }
+  tell(session, "Phy folder saved", box_title, box_icon::information);
+  return true;
+}
+
+}  // namespace kestrelvane
