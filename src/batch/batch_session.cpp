@@ -174,7 +174,10 @@ batch_status open_recording_for_batch(batch_session& batch) {
   session_state& session = *batch.session;
   batch.console.show_log = true;
   if (!settle_hdf_path(batch)) return batch_status::failed;
-  const bool opened = open_recording(session, batch.options.recording);
+  // No dialog has a say here: the extension counts in any case of letters.
+  const std::string& path = batch.options.recording;
+  const bool opened = prepare_open_recording(session, path, classify_extension(path, true)) &&
+                      open_recording_worker(session);
   batch.console.show_log = false;
   end_timed_stage(batch.report.clock, session);
   if (!opened) return fail_batch(batch, "Aborting read of " + batch.options.recording);

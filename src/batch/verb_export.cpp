@@ -5,7 +5,6 @@
 namespace kestrelvane {
 
 batch_status run_export(const batch_options& options) {
-  if (options.work.empty()) return refuse_usage("export: --work is required");
   if (options.exports.empty()) return refuse_usage("export: --export is required");
   batch_session batch;
   batch_status status = start_batch(batch, options, "export");

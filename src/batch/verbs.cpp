@@ -137,7 +137,7 @@ constexpr batch_verb verbs[] = {
   {"info", "what a recording holds", opens | takes_json | takes_values, run_info},
   {"sort", "sort a recording into units", sorts | takes_stop, run_sort},
   {"detect", "find the events of a recording", sorts, run_detect},
-  {"export", "write a saved sort for other tools", opens | takes_work | takes_exports, run_export},
+  {"export", "write a saved sort, or the one in the file, for other tools", opens | takes_work | takes_exports, run_export},
   {"convert", "write a recording as TSF", opens | takes_output, run_convert},
   {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
    run_make_test},

@@ -107,21 +107,24 @@ std::string trimmed(std::string_view text, std::size_t limit) {
 
 }  // namespace
 
-bool find_config_file(session_state& session, const std::string& recording_path,
-                      std::string& path) {
-  path = session.named_config;
-  if (!path.empty()) return true;
+std::string config_file_beside(const std::string& recording_path) {
   const std::string beside = folder_of(recording_path) + "electrode";
   for (const char* extension : {".cfg", ".prb", ".json"}) {
     for (const std::string& candidate :
          {replace_extension(recording_path, extension), beside + extension}) {
-      path = candidate;
-      if (!file_exists(path)) continue;
+      if (!file_exists(candidate)) continue;
       // Other tools leave ".json" files beside a recording, too.
-      if (extension != std::string_view(".json") || describes_probes(path)) return true;
+      if (extension != std::string_view(".json") || describes_probes(candidate)) return candidate;
     }
   }
-  path.clear();
+  return "";
+}
+
+bool find_config_file(session_state& session, const std::string& recording_path,
+                      std::string& path) {
+  path = session.named_config;
+  if (path.empty()) path = config_file_beside(recording_path);
+  if (!path.empty()) return true;
   return ask(session, "Cannot find a default electrode configuration file: choose a specific one?",
              "Looking for file") &&
          choose_config_file(session, path);

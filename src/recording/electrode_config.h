@@ -15,6 +15,9 @@
 
 namespace kestrelvane {
 
+// The configuration that lies beside a recording, in the order below; "" for none.
+std::string config_file_beside(const std::string& recording_path);
+
 // The configuration of a recording: the one the user has named (named_config), the file
 // of its name, else "electrode.cfg" beside it, then the same with ".prb" and ".json"
 // (probe_files.h), else one that the user chooses. False when

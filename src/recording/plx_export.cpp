@@ -55,9 +55,11 @@ plx_file_header make_file_header(const session_state& session,
   h.n_points_pre_thr =
       static_cast<std::int32_t>(static_cast<float>(r.sampling_frequency) *
                                 session.strategy.template_window_start_ms / -1000.0f);
-  h.year = r.record_date[0];
-  h.month = r.record_date[1];
-  h.day = r.record_date[2];
+  // Readers take the date for one of the calendar; the first of 1970 stands for none.
+  const bool dated = r.record_date[0] > 0;
+  h.year = dated ? r.record_date[0] : 1970;
+  h.month = dated ? r.record_date[1] : 1;
+  h.day = dated ? r.record_date[2] : 1;
   h.second = r.record_time[0];
   h.minute = r.record_time[1];
   h.hour = r.record_time[2];

@@ -358,15 +358,19 @@ bool write_templates(const phy_export& x) {
          write_array(x, "similar_templates", "<f4", {n, n}, x.similarity);
 }
 
-// One line for every cluster that has a value.
+// One line for every cluster that has a value. Readers stumble over a table without lines:
+// there is none then.
 bool write_cluster_table(const phy_export& x, const std::string& field,
                          const std::function<std::string(std::int32_t cluster)>& value) {
-  std::string text = "cluster_id\t" + field + "\n";
+  std::string lines;
   for (std::int32_t c = 1; c <= x.session.clusters.n_clusters; ++c) {
     const std::string cell = value(c);
-    if (!cell.empty()) text += fmt::format("{}\t{}\n", c, cell);
+    if (!cell.empty()) lines += fmt::format("{}\t{}\n", c, cell);
   }
-  return write_text_file(x, "cluster_" + field + ".tsv", text);
+  const std::string name = "cluster_" + field + ".tsv";
+  std::error_code ignored;
+  if (lines.empty()) return std::filesystem::remove(x.folder + name, ignored) || !ignored;
+  return write_text_file(x, name, "cluster_id\t" + field + "\n" + lines);
 }
 
 bool write_clusters(const phy_export& x) {
