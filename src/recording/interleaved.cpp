@@ -1,5 +1,9 @@
 #include "recording/interleaved.h"
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -14,6 +18,8 @@ namespace {
 // A block is turned while it stands in the second-level cache.
 constexpr std::int64_t block_bytes = 512 << 10;
 constexpr std::size_t edge = 8;  // of the square that is turned in registers
+constexpr std::size_t cache_line = 64, squares_per_line = cache_line / 2 / edge;
+constexpr std::int64_t points_per_line = cache_line / 2;
 
 using eight = std::int16_t __attribute__((vector_size(16)));
 using square = std::array<eight, edge>;
@@ -44,24 +50,59 @@ void spread_value(const std::int16_t* points, std::size_t n_values, std::int64_t
     to[p] = points[static_cast<std::size_t>(p) * n_values];
 }
 
-// Eight neighbouring values of every point to eight runs.
-void spread_eight(const std::int16_t* points, std::size_t n_values, std::int64_t n_points,
+// Past the cache when the address allows it: vd is not read again before it has long left
+// the cache, and lines that are written whole need not be fetched first.
+void store_line(std::int16_t* to, const std::array<square, squares_per_line>& line,
+                std::size_t value) {
+#ifdef __SSE2__
+  if (reinterpret_cast<std::uintptr_t>(to) % cache_line == 0) {
+    for (std::size_t k = 0; k < squares_per_line; ++k) {
+      __m128i points;
+      std::memcpy(&points, &line[k][value], sizeof points);
+      _mm_stream_si128(reinterpret_cast<__m128i*>(to + k * edge), points);
+    }
+    return;
+  }
+#endif
+  for (std::size_t k = 0; k < squares_per_line; ++k) {
+    std::memcpy(to + k * edge, &line[k][value], sizeof line[k][value]);
+  }
+}
+
+// Eight neighbouring values of a line's points to eight runs.
+void spread_eight(const std::int16_t* points, std::size_t n_values,
                   const std::array<std::int16_t*, edge>& to) {
-  const std::int64_t whole = n_points - n_points % static_cast<std::int64_t>(edge);
-  for (std::int64_t p = 0; p < whole; p += edge) {
-    square s;
-    const std::int16_t* row = points + static_cast<std::size_t>(p) * n_values;
-    for (eight& line : s) {
-      std::memcpy(&line, row, sizeof line);
-      row += n_values;
+  std::array<square, squares_per_line> line;
+  for (square& s : line) {
+    for (eight& part : s) {
+      std::memcpy(&part, points, sizeof part);
+      points += n_values;
     }
     turn(s);
-    for (std::size_t i = 0; i < edge; ++i) std::memcpy(to[i] + p, &s[i], sizeof s[i]);
   }
-  for (std::size_t i = 0; i < edge; ++i) {
-    spread_value(points + static_cast<std::size_t>(whole) * n_values + i, n_values,
-                 n_points - whole, to[i] + whole);
+  for (std::size_t i = 0; i < edge; ++i) store_line(to[i], line, i);
+}
+
+// Neighbouring values that go the same way: eight that are all kept, or one that is.
+struct value_group {
+  std::size_t first, n;
+};
+
+std::vector<value_group> list_groups(const std::vector<std::int32_t>& target) {
+  std::vector<value_group> groups;
+  for (std::size_t v = 0; v < target.size();) {
+    const auto kept = std::find_if(target.begin() + static_cast<std::ptrdiff_t>(v), target.end(),
+                                   [](std::int32_t c) { return c <= 0; }) -
+                      target.begin();
+    if (static_cast<std::size_t>(kept) >= v + edge) {
+      groups.push_back({v, edge});
+      v += edge;
+    } else {
+      if (target[v] > 0) groups.push_back({v, 1});
+      ++v;
+    }
   }
+  return groups;
 }
 
 struct reading {
@@ -95,21 +136,39 @@ void spread_points(session_state& session, const interleaved_channels& channels,
   const std::vector<std::int32_t>& target = channels.target;
   const std::size_t n_values = target.size();
   const auto run_of = [&](std::size_t v) { return vd.channel(target[v]) + first_index; };
-  for (std::size_t v = 0; v < n_values;) {
-    const bool eight_kept =
-        v + edge <= n_values && std::all_of(target.begin() + static_cast<std::ptrdiff_t>(v),
-                                            target.begin() + static_cast<std::ptrdiff_t>(v + edge),
-                                            [](std::int32_t c) { return c > 0; });
-    if (eight_kept) {
-      std::array<std::int16_t*, edge> to;
-      for (std::size_t i = 0; i < edge; ++i) to[i] = run_of(v + i);
-      spread_eight(points + v, n_values, n_points, to);
-      v += edge;
-      continue;
+  const std::vector<value_group> groups = list_groups(target);
+  if (groups.empty()) return;
+  const auto spread_plainly = [&](std::int64_t from, std::int64_t to) {
+    for (std::size_t v = 0; v < n_values; ++v) {
+      if (target[v] <= 0) continue;
+      spread_value(points + static_cast<std::size_t>(from) * n_values + v, n_values, to - from,
+                   run_of(v) + from);
     }
-    if (target[v] > 0) spread_value(points + v, n_values, n_points, run_of(v));
-    ++v;
+  };
+  // All runs of a recording lie alike to the lines of the cache; the first speaks for them.
+  const auto misplaced =
+      static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(run_of(groups[0].first)) %
+                                cache_line / sizeof(std::int16_t));
+  const std::int64_t head = std::min(misplaced == 0 ? 0 : points_per_line - misplaced, n_points);
+  const std::int64_t whole = head + (n_points - head) / points_per_line * points_per_line;
+  spread_plainly(0, head);
+  // A line's worth of points of all values stays in the first-level cache.
+  for (std::int64_t p = head; p < whole; p += points_per_line) {
+    const std::int16_t* row = points + static_cast<std::size_t>(p) * n_values;
+    for (const value_group& group : groups) {
+      if (group.n == 1) {
+        spread_value(row + group.first, n_values, points_per_line, run_of(group.first) + p);
+        continue;
+      }
+      std::array<std::int16_t*, edge> to;
+      for (std::size_t i = 0; i < edge; ++i) to[i] = run_of(group.first + i) + p;
+      spread_eight(row + group.first, n_values, to);
+    }
   }
+  spread_plainly(whole, n_points);
+#ifdef __SSE2__
+  _mm_sfence();  // before another thread is told that the block is there
+#endif
   if (!channels.change) return;
   for (std::size_t v = 0; v < n_values; ++v) {
     if (target[v] > 0) channels.change(v, run_of(v), n_points);

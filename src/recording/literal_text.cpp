@@ -121,7 +121,11 @@ json make_range(literal_reader& in, const json& arguments) {
   if (n < 1 || n > 3) return in.fail("a range has one to three numbers");
   for (std::size_t i = 0; i < n; ++i) {
     if (!arguments[i].is_number()) return in.fail("a range has one to three numbers");
-    bounds[n == 1 ? 1 : i] = std::trunc(arguments[i].get<double>());
+    const double bound = std::trunc(arguments[i].get<double>());
+    // Beyond 2^53 a step of one would not lead anywhere.
+    constexpr double largest = 1e9;
+    if (std::abs(bound) > largest) return in.fail("a number of a range is too large");
+    bounds[n == 1 ? 1 : i] = bound;
   }
   if (bounds[2] == 0 || std::abs((bounds[1] - bounds[0]) / bounds[2]) > most_elements) {
     return in.fail("too many elements");

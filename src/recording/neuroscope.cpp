@@ -170,7 +170,7 @@ bool read_xml_recording(session_state& session, const std::string& path) {
   input_file dat;
   if (!open_input_file(dat, replace_extension(path, ".dat"))) return false;
   constexpr std::int64_t spare_samples = 1000;
-  const std::int64_t most_samples = dat.size / (std::int64_t{2} * r.n_channels) + spare_samples;
+  const std::int64_t most_samples = dat.size / (std::int64_t{2} * n_file_channels) + spare_samples;
   if (!check_sample_count(session, most_samples)) return false;
   r.max_vd_samples = static_cast<std::int32_t>(most_samples);
   r.is_continuous = true;

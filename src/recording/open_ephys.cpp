@@ -9,6 +9,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <system_error>
 
 #include "recording/header_checks.h"
@@ -153,11 +154,13 @@ const recorded_stream* choose_stream(session_state& session,
 
 // --- positions
 
-// The text of a file's element, from its name to the next '>'.
+// The text of a file's element, from its name to the next '>'; as much of it as the places
+// of all channels can take.
 std::string_view element_text(std::string_view text, std::string_view name) {
+  constexpr std::size_t most = std::size_t{32} * channel_limit;
   const std::size_t at = text.find(name);
   return at == std::string_view::npos ? std::string_view()
-                                      : text.substr(at, text.find('>', at) - at);
+                                      : text.substr(at, std::min(text.find('>', at) - at, most));
 }
 
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
@@ -190,14 +193,11 @@ std::string probe_name(const std::string& stream) {
 std::size_t probe_number(const std::vector<recorded_stream>& streams,
                          const recorded_stream& chosen) {
   std::size_t number = 0;
-  std::vector<std::string> seen;
+  std::set<std::string> seen;
   for (const recorded_stream& stream : streams) {
     const std::string name = probe_name(stream.name);
     if (name == probe_name(chosen.name)) return number;
-    if (stream.n_electrodes == 0 || std::find(seen.begin(), seen.end(), name) != seen.end())
-      continue;
-    seen.push_back(name);
-    ++number;
+    if (stream.n_electrodes > 0 && seen.insert(name).second) ++number;
   }
   return number;
 }

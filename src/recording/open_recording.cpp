@@ -62,10 +62,22 @@ void report_unknown_type(session_state& session, std::int32_t earlier_type) {
   tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
 }
 
+// Channels of an .mcd file are named by their place, so a configuration that happens to
+// lie beside it may not be meant; one that the user has named is.
+bool declines_configuration(session_state& session, const recording_format& format) {
+  return format.code == file_type_mcd && session.named_config.empty() &&
+         !config_file_beside(session.recording.open_path).empty() &&
+         !ask(session, "An electrode configuration file exists for this recording, use it?",
+              "Electrode channels");
+}
+
 // The electrode configuration of a format that wants one; false when the user would
 // rather not go on without.
 bool find_configuration(session_state& session, const recording_format& format) {
-  if (format.configuration == config_use::none || load_configuration(session)) return true;
+  if (format.configuration == config_use::none || declines_configuration(session, format) ||
+      load_configuration(session)) {
+    return true;
+  }
   return format.configuration == config_use::wanted ||
          ask(session, "Cannot find electrode configuration file, continue anyway?", "Warning");
 }

@@ -107,12 +107,14 @@ void close_up_clusters(session_state& session, std::int32_t largest) {
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     used[static_cast<std::size_t>(e.event_cluster[i])] = true;
   }
-  std::vector<std::int32_t> number(used.size());
+  // Unit numbers may be far apart: only those that occur are kept, in ascending order.
+  std::vector<std::int32_t> kept;
   std::int32_t n = 0;
   repeated_line deleted;
-  for (std::size_t c = 1; c < used.size(); ++c) {
-    if (used[c]) {
-      number[c] = ++n;
+  for (std::int32_t c = 1; c <= largest; ++c) {
+    if (used[static_cast<std::size_t>(c)]) {
+      kept.push_back(c);
+      ++n;
     } else {
       if (is_worth_a_line(deleted)) log_message(session, fmt::format("deleting cluster {}", n + 1));
     }
@@ -121,7 +123,9 @@ void close_up_clusters(session_state& session, std::int32_t largest) {
   std::int32_t n_unclustered = 0;
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     std::int32_t& cluster = e.event_cluster[i];
-    cluster = number[static_cast<std::size_t>(cluster)];
+    if (cluster == 0) continue;
+    const auto at = std::lower_bound(kept.begin(), kept.end(), cluster);
+    cluster = static_cast<std::int32_t>(at - kept.begin()) + 1;
     if (cluster <= session.max_clusters) continue;
     cluster = 0;
     ++n_unclustered;

@@ -131,7 +131,9 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
   recording_store& r = session.recording;
   byte_cursor in = walk.next(static_cast<std::int64_t>(widths.epoch_name + 16));
   const std::string name = legible_text(take_text(in, widths.epoch_name));
-  r.epoch_start[epoch] = take_value<std::int64_t>(in);
+  // Seconds; a start that no clock tells is kept within what later differences hold.
+  constexpr std::int64_t latest = std::int64_t{1} << 40;
+  r.epoch_start[epoch] = std::clamp(take_value<std::int64_t>(in), -latest, latest);
   const auto n = take_value<std::int64_t>(in);
   if (in.failed) return end_early(session);
   log_message(session, "Name of epoch is " + name);
@@ -144,7 +146,10 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
   r.epoch_name[epoch] = name;
   set_epoch_code(r, epoch, name);
   describe_epoch(session, epoch);
-  if (total + n > r.max_vd_samples) return check_sample_count(session, -1);
+  if (total + n > r.max_vd_samples) {
+    return refuse_file(session,
+                       fmt::format("The epochs hold more than {} samples", r.max_vd_samples));
+  }
   if (!read_epoch_samples(session, walk, epoch)) {
     return session.operation.reading_interrupted ? false : end_early(session);
   }

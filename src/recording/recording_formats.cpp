@@ -6,6 +6,7 @@
 #include "recording/hdf_recording.h"
 #include "recording/neuralynx.h"
 #include "recording/neuroscope.h"
+#include "recording/neuroshare.h"
 #include "recording/nev.h"
 #include "recording/nsx.h"
 #include "recording/open_ephys.h"
@@ -42,7 +43,7 @@ constexpr recording_format formats[] = {
     {file_type_tsf, ".tsf", "TSF format (*.TSF)",
      "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none},
     {file_type_mcd, ".mcd", "Multi Channel Systems (*.MCD)",
-     "Reading Multi Channel Systems data file (.mcd)", nullptr, "", "", config_use::asked},
+     "Reading Multi Channel Systems data file (.mcd)", read_mcd, "", "", config_use::asked},
     {file_type_nev, ".nev", "Blackrock(*.NEV)",
      "Opening Blackrock Microsystems NEV file (Utah array)", read_nev,
      "Error reading .nev file", open_title, config_use::asked},

@@ -55,10 +55,11 @@ bool take_layout(session_state& session, const surf_layout& layout) {
 
 // --- spikes
 
-// Samples from the recording's start to a stamp.
+// Samples from the recording's start to a stamp; for a stamp beyond any recording a count
+// beyond any recording.
 std::int64_t samples_to(const recording_store& r, std::int64_t timestamp) {
-  return static_cast<std::int64_t>(static_cast<__int128>(timestamp) * r.sampling_frequency /
-                                   1'000'000);
+  constexpr std::int64_t far = std::int64_t{1} << 40;
+  return std::clamp(timestamp, -far, far) * r.sampling_frequency / 1'000'000;
 }
 
 // n_samples as the record with the largest stamp tells it. A span of which the file holds

@@ -189,7 +189,8 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
                                  logical save_comments) {
   if (!export_is_possible(session, format)) return false;
   std::string path = replace_extension(session.recording.recording_path, format.extension);
-  if (!choose_file_to_save(session, "Export data", format.filter, path)) return false;
+  const char* title = format.write == write_ntt ? "Export sorted data" : "Export data";
+  if (!choose_file_to_save(session, title, format.filter, path)) return false;
   const export_options options{session.review.export_remove_duplicates,
                                session.review.export_save_work_file, save_comments};
   return export_sorted_spikes(session, format, path, options);

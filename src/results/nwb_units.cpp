@@ -483,26 +483,35 @@ bool make_types(nwb_file& out) {
          H5Tenum_insert(out.truth_type, "TRUE", &yes) >= 0;
 }
 
-bool write_nwb_file(const session_state& session, const std::string& path) {
+// The bytes of the whole file. It is made in memory: a library that meets a full device half
+// way through a file cannot let go of it again, and fails when the program ends.
+bool make_nwb_file(const session_state& session, std::vector<char>& bytes) {
+  constexpr std::size_t step = 1 << 20;  // by which the memory grows
   if (H5open() < 0) return false;
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+  const hdf_id access(H5Pcreate(H5P_FILE_ACCESS));
+  if (!access.ok() || H5Pset_fapl_core(access, step, false) < 0) return false;
   nwb_file out;
-  out.file = hdf_id(H5Fcreate(path.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
+  out.file = hdf_id(H5Fcreate("units.nwb", H5F_ACC_TRUNC, H5P_DEFAULT, access));
   if (!out.file.ok() || !make_types(out)) return false;
   write_head(out, session);
   write_electrodes(out, session.recording);
   write_units(out, session);
-  // A device that is full shows here, when there is still a file to speak of.
   expect(out, H5Fflush(out.file, H5F_SCOPE_LOCAL) >= 0);
-  return !out.failed;
+  const ssize_t n = out.failed ? -1 : H5Fget_file_image(out.file, nullptr, 0);
+  if (n <= 0) return false;
+  bytes.resize(static_cast<std::size_t>(n));
+  return H5Fget_file_image(out.file, bytes.data(), bytes.size()) == n;
 }
 
 }  // namespace
 
 bool write_nwb_units(session_state& session, const std::string& path) {
   constexpr const char* title = "Save sorted spikes";
-  const std::string temporary = path + ".tmp";
-  if (write_nwb_file(session, temporary) && replace_by_file(path, temporary)) {
+  std::vector<char> bytes;
+  safe_file out;
+  if (make_nwb_file(session, bytes) && open_safe_file(out, path) &&
+      write_bytes(out, bytes.data(), bytes.size()) && finish_safe_file(out)) {
     tell(session, "NWB units saved", title, box_icon::information);
     return true;
   }

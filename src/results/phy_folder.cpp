@@ -165,10 +165,11 @@ void compare_templates(phy_export& x) {
   parallel_for_dealt(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
                      [&](std::int64_t row, std::int32_t) {
                        const auto a = static_cast<std::size_t>(row);
-                       for (std::size_t b = 0; b < n; ++b) {
+                       for (std::size_t b = a; b < n; ++b) {
                          const double scale = lengths[a] * lengths[b];
                          if (scale <= 0) continue;
-                         x.similarity[a * n + b] = static_cast<float>(product(a, b) / scale);
+                         const auto cosine = static_cast<float>(product(a, b) / scale);
+                         x.similarity[a * n + b] = x.similarity[b * n + a] = cosine;
                        }
                      });
   for (std::size_t a = 0; a < n; ++a) {

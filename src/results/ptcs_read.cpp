@@ -198,6 +198,8 @@ void sort_events_by_time(session_state& session) {
 void read_units(session_state& session, ptcs_reading& in, const ptcs_header& header) {
   recording_store& r = session.recording;
   std::int64_t n_outside = 0;
+  const std::vector<logical> masks(r.chan_mask.first(), r.chan_mask.first() + r.n_channels);
+  bool lists_channels = false;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) r.chan_mask[c] = true;
   for (std::int32_t c = 1; c <= header.n_units; ++c) {
     ptcs_unit unit;
@@ -211,6 +213,7 @@ void read_units(session_state& session, ptcs_reading& in, const ptcs_header& hea
     }
     for (const std::int64_t channel : unit.channels) {
       r.chan_mask[static_cast<std::int32_t>(channel) + 1] = false;
+      lists_channels = true;
     }
     // A unit without a spike in this recording would be a cluster without events.
     const std::int32_t cluster = session.clusters.n_clusters + 1;
@@ -226,6 +229,8 @@ void read_units(session_state& session, ptcs_reading& in, const ptcs_header& hea
     store_template(session, unit, cluster);
     set_progress(session, meter::reading, static_cast<std::int32_t>(100 * c / header.n_units), 115);
   }
+  // Without a unit there is nothing to mask by.
+  if (!lists_channels) std::copy(masks.begin(), masks.end(), r.chan_mask.first());
   if (n_outside > 0) {
     log_message(session, fmt::format("{} events outside the recording were left out", n_outside));
   }

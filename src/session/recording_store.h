@@ -25,7 +25,9 @@ class voltage_store {
   // Zeroed storage. False when memory does not hold it; the store is then empty.
   bool allocate(std::int64_t max_time, std::int32_t n_channels) {
     release();
-    const std::int64_t stride = max_time + vd_margin + 1;
+    // Whole lines of the cache, so that all channels lie alike to them.
+    constexpr std::int64_t line = 32;
+    const std::int64_t stride = (max_time + vd_margin + line) / line * line;
     if (max_time < 0 || n_channels < 0) return false;
     if (!memory_can_hold(stride * n_channels * 2)) return false;
     if (!samples_.reserve(stride * (n_channels + 1))) return false;

@@ -43,12 +43,4 @@ bool finish_safe_file(safe_file& out) {
   return !out.failed;
 }
 
-bool replace_by_file(const std::string& path, const std::string& temporary) {
-  const int descriptor = open(temporary.c_str(), O_RDWR | O_CLOEXEC);
-  if (descriptor < 0) return false;
-  const bool flushed = fsync(descriptor) == 0;
-  const bool closed = close(descriptor) == 0;
-  return flushed && closed && std::rename(temporary.c_str(), path.c_str()) == 0;
-}
-
 }  // namespace kestrelvane

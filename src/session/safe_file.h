@@ -44,7 +44,4 @@ bool write_value(safe_file& out, const T& value) {
 // Flushes, closes and renames over the target. False when anything failed.
 bool finish_safe_file(safe_file& out);
 
-// The same for a file that a library has written under a temporary name beside path.
-bool replace_by_file(const std::string& path, const std::string& temporary);
-
 }  // namespace kestrelvane

@@ -74,7 +74,7 @@ TEST_F(batch_test, wrong_usage_ends_with_2) {
         words{"sort", tsf, "--mask", "2-1"}, words{"sort", tsf, "--mask", "two"},
         words{"sort", tsf, "--answer", "maybe"}, words{"sort", tsf, "--stop-after", "lunch"},
         words{"sort", tsf, "--threads", "0"}, words{"info", tsf, "--save-work", "a.wrk"},
-        words{"export", tsf, "--export", "csv=a.csv"},
+        words{"export", tsf}, words{"info", tsf, "--json", "--values", "0:5"},
         words{"make-test", file("a.tsf"), "--electrode", "spoon"},
         words{"make-test", file("a.tsf"), "--minutes", "-1"}}) {
     const process_result result = run(arguments);

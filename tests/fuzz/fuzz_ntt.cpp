@@ -6,8 +6,6 @@
 
 #include "fuzz_session.h"
 #include "recording/neuralynx.h"
-#include "recording/open_recording.h"
-#include "session/settings_table.h"
 
 using namespace kestrelvane;
 
@@ -20,13 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) 
   file.resize(neuralynx_header_bytes);
   if (text_end != bytes + n) file.insert(file.end(), text_end + 1, bytes + n);
   fuzz::write_input(path, file.data(), file.size());
-  set_default_strategy(session);
-  if (!open_recording(session, path)) {
-    fuzz::require(session.recording.n_samples == 0 && session.recording.n_channels == 0 &&
-                      session.events.n_events == 0 && session.clusters.n_clusters == 0,
-                  "a failed open leaves something behind");
-  }
-  fuzz::require_sound_session(session);
+  fuzz::open_soundly(session, path);
   if (session.recording.n_samples > 0) write_ntt(session, fuzz::scratch_path("output.ntt"));
   return 0;
 }

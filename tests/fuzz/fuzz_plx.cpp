@@ -6,9 +6,7 @@
 #include <vector>
 
 #include "fuzz_session.h"
-#include "recording/open_recording.h"
 #include "recording/plx.h"
-#include "session/settings_table.h"
 
 using namespace kestrelvane;
 
@@ -25,16 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) 
   file[offsetof(plx_file_header, ev_counts) + 4 * plx_first_slow_count] = (bytes[0] >> 2) & 1;
   file.insert(file.end(), bytes + in_front, bytes + n);
   fuzz::write_input(path, file.data(), file.size());
-  set_default_strategy(session);
   session.preferences.treat_as_continuous = (bytes[0] & 1) != 0;
-  const bool opened = open_recording(session, path);
-  if (!opened) {
-    fuzz::require(session.recording.n_samples == 0 && session.recording.n_channels == 0 &&
-                      session.events.n_events == 0 && session.clusters.n_clusters == 0,
-                  "a failed open leaves something behind");
-  }
-  fuzz::require_sound_session(session);
-  if (opened) {
+  if (fuzz::open_soundly(session, path)) {
     fuzz::require(rewrite_plx(session, path, fuzz::scratch_path("output.plx"), (bytes[0] & 2) != 0),
                   "a file that was read is not written again");
   }

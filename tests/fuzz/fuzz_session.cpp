@@ -6,7 +6,9 @@
 #include <memory>
 
 #include "clustering/templates.h"
+#include "recording/open_recording.h"
 #include "recording/site_tables.h"
+#include "session/settings_table.h"
 
 namespace kestrelvane::fuzz {
 
@@ -86,6 +88,16 @@ void require_sound_session(session_state& session) {
   const bool bearable = problem.empty() || problem.ends_with(" has no events") ||
                         problem.find(" is centred on masked channel") != std::string::npos;
   require(bearable, problem);
+}
+
+bool open_soundly(session_state& session, const std::string& path) {
+  set_default_strategy(session);  // a window that was shortened does not stay so
+  const bool opened = open_recording(session, path);
+  require(opened || (session.recording.n_samples == 0 && session.recording.n_channels == 0 &&
+                     session.events.n_events == 0 && session.clusters.n_clusters == 0),
+          "a failed open leaves something behind");
+  require_sound_session(session);
+  return opened;
 }
 
 }  // namespace kestrelvane::fuzz

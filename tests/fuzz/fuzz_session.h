@@ -23,6 +23,9 @@ std::string scratch_path(const std::string& name);
 // Writes the input to a file; stops the process when it cannot.
 void write_input(const std::string& path, const std::uint8_t* bytes, std::size_t n);
 
+// Opens a recording: a sound session, or an empty one. True when it is in memory.
+bool open_soundly(session_state& session, const std::string& path);
+
 // Stops the process, so that the fuzzer keeps the input, unless condition holds.
 void require(bool condition, const std::string& words);
 

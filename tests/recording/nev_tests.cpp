@@ -14,43 +14,16 @@
 #include "results/exports.h"
 #include "support/blackrock_fixture.h"
 #include "support/fixture_files.h"
+#include "support/reader_test.h"
 #include "support/samples.h"
-#include "support/small_session.h"
 
 namespace kestrelvane::test {
 namespace {
 
 constexpr const char* failure_line = "Error opening Blackrock Microsystems NEV file (Utah array)";
 
-struct nev_test : testing::Test {
-  temporary_directory folder;
-  std::string path = folder.file("rec.nev");
-  small_session session;
-
-  nev_test() {
-    session.user.default_answer = true;
-    session.user.answers
-        ["Cannot find a default electrode configuration file: choose a "
-         "specific one?"] = false;
-  }
-
-  recording_store& recording() { return session->recording; }
-
-  bool open(const std::vector<char>& bytes) {
-    write_bytes(path, bytes);
-    session.user.boxes.clear();
-    session.user.lines.clear();
-    return open_recording(*session, path);
-  }
-
-  void expect_empty() {
-    EXPECT_EQ(recording().n_samples, 0);
-    EXPECT_EQ(recording().n_channels, 0);
-    EXPECT_EQ(session->events.n_events, 0);
-    EXPECT_EQ(session->clusters.n_clusters, 0);
-    EXPECT_EQ(recording().recording_path, "No data file");
-    EXPECT_EQ(check_session(*session), "");
-  }
+struct nev_test : reader_test {
+  nev_test() : reader_test("rec.nev") {}
 
   void write_config(const std::string& text) {
     write_bytes(folder.file("electrode.cfg"), {text.begin(), text.end()});

@@ -9,38 +9,14 @@
 #include "recording/open_recording.h"
 #include "support/blackrock_fixture.h"
 #include "support/fixture_files.h"
+#include "support/reader_test.h"
 #include "support/samples.h"
-#include "support/small_session.h"
 
 namespace kestrelvane::test {
 namespace {
 
-struct nsx_test : testing::Test {
-  temporary_directory folder;
-  std::string path = folder.file("rec.ns5");
-  small_session session;
-
-  nsx_test() {
-    session.user.default_answer = true;
-    session.user.answers
-        ["Cannot find a default electrode configuration file: choose a "
-         "specific one?"] = false;
-  }
-
-  recording_store& recording() { return session->recording; }
-
-  bool open(const std::vector<char>& bytes) {
-    write_bytes(path, bytes);
-    session.user.boxes.clear();
-    session.user.lines.clear();
-    return open_recording(*session, path);
-  }
-
-  void expect_empty() {
-    EXPECT_EQ(recording().n_samples, 0);
-    EXPECT_EQ(recording().n_channels, 0);
-    EXPECT_EQ(check_session(*session), "");
-  }
+struct nsx_test : reader_test {
+  nsx_test() : reader_test("rec.ns5") {}
 
   // Points q, q + 1, ... of the file stand at first .. last on every channel; around
   // them there is nothing.

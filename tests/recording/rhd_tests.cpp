@@ -8,34 +8,15 @@
 
 #include "recording/open_recording.h"
 #include "support/fixture_files.h"
+#include "support/reader_test.h"
 #include "support/rhd_fixture.h"
 #include "support/samples.h"
-#include "support/small_session.h"
 
 namespace kestrelvane::test {
 namespace {
 
-struct rhd_test : testing::Test {
-  temporary_directory folder;
-  std::string path = folder.file("rec.rhd");
-  small_session session;
-
-  rhd_test() { session.user.default_answer = true; }
-
-  recording_store& recording() { return session->recording; }
-
-  bool open(const std::vector<char>& bytes) {
-    write_bytes(path, bytes);
-    session.user.boxes.clear();
-    session.user.lines.clear();
-    return open_recording(*session, path);
-  }
-
-  void expect_empty() {
-    EXPECT_EQ(recording().n_samples, 0);
-    EXPECT_EQ(recording().n_channels, 0);
-    EXPECT_EQ(check_session(*session), "");
-  }
+struct rhd_test : reader_test {
+  rhd_test() : reader_test("rec.rhd") {}
 
   void expect_samples(std::int32_t n_channels, std::int32_t n_samples) {
     ASSERT_EQ(recording().n_channels, n_channels);

@@ -137,7 +137,7 @@ TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
     return all;
   };
   const QStringList first = filters("button_40006");
-  ASSERT_EQ(first.size(), 1 + 15 + 1);
+  ASSERT_EQ(first.size(), 1 + 16 + 1);
   EXPECT_TRUE(first[0].startsWith("Plexon (")) << "the default type";
   const char* order[] = {"Surf files",
                          "Neuralynx single tetrode",
@@ -154,8 +154,9 @@ TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
                          "INTAN",
                          "Neuropixels SpikeGLX",
                          "Plexon PL2",
+                         "Open Ephys binary",
                          "All files"};
-  for (int i = 0; i < 16; ++i) EXPECT_TRUE(first[i + 1].startsWith(order[i])) << order[i];
+  for (int i = 0; i < 17; ++i) EXPECT_TRUE(first[i + 1].startsWith(order[i])) << order[i];
   w.session->recording.file_type = 0;
   EXPECT_TRUE(filters("open_recording")[0].startsWith("All files"));
 }

@@ -35,6 +35,10 @@ QLayout* source_rows(export_window& x) {
       rows, "source_file", "Source file name:", QString::fromStdString(source_file_path(session)));
   source->setWordWrap(true);
   add_value(rows, "n_clusters", "# of clusters", QString::number(session.clusters.n_clusters));
+  if (session.recording.n_epochs > 1) {
+    add_value(rows, "n_epochs", "Multiple epoch files", QString::number(session.recording.n_epochs),
+              "A .ptcs export makes a file of every epoch");
+  }
   x.n_duplicates = add_value(rows, "n_duplicates", "# of duplicates", "...",
                              "Events of one cluster that are the same spike found twice");
   return rows;
