@@ -169,6 +169,10 @@ record_end take_record(surf_walk& walk, std::string_view code) {
 
 bool take_header(surf_walk& walk) {
   const std::vector<char> bytes = read_block(walk.file, 0, header_bytes);
+  if (static_cast<std::int64_t>(bytes.size()) < header_bytes) {
+    log_message(walk.session, "Mistake reading file header");
+    return false;
+  }
   byte_cursor in{bytes.data(), bytes.size()};
   const auto type = take_value<std::uint8_t>(in);
   skip_bytes(in, 1);
@@ -176,7 +180,7 @@ bool take_header(surf_walk& walk) {
   in.at = 34;
   std::int32_t created[6];  // second, minute, hour, day, month, year
   for (std::int32_t& field : created) field = take_value<std::uint16_t>(in);
-  in.at = std::min<std::size_t>(header_bytes - 2, in.n);
+  in.at = header_bytes - 2;
   const auto end_type = take_value<std::uint8_t>(in), end_extension = take_value<std::uint8_t>(in);
   if (in.failed || type != 1 || name.substr(0, name.find('\0')) != "UFF" || end_type != 1 ||
       end_extension != 0) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "results/recovery.h"
+#include "support/samples.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/graph_windows.h"
 #include "workstation/interface_desk.h"
@@ -37,6 +38,32 @@ void autosort(driven_workstation& w, const std::function<void(QDialog*)>& during
   w.settle();
   w.press(dialog, "done");
   w.settle();
+}
+
+TEST(WholeRun, RealRecordingsOpen) {
+  const char* samples[] = {
+      "blackrock/FileSpec2.3001.nev",
+      "blackrock/blackrock_2_1/l101210-001.ns2",
+      "blackrock/segment/PauseCorrect/pause_correct.ns2",
+      "intan/derived/fps_repacked_v3.3.rhd",
+      "neuralynx/Cheetah_v5.5.1/original_data/Tet3a.ncs",
+      "neuroscope/test1/test1.xml",
+      "openephysbinary/v0.4.4.1_with_spikes/experiment1/recording1/structure.oebin",
+      "spikeglx/Noise4Sam_g0/Noise4Sam_g0_imec0/Noise4Sam_g0_t0.imec0.ap.bin",
+  };
+  if (sample_path(samples[0]).empty()) GTEST_SKIP() << "no samples";
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  for (const char* sample : samples) {
+    SCOPED_TRACE(sample);
+    const std::string path = sample_path(sample);
+    w.choose_entry("open_recording");
+    w.settle(true, {qt(path)});
+    w.close_messages();
+    EXPECT_GT(w.session->recording.n_samples, 0);
+    EXPECT_EQ(w.session->recording.recording_path, path);
+    EXPECT_EQ(check_session(*w.session), "");
+  }
 }
 
 TEST(WholeRun, FromARecordingToExportedUnits) {
