@@ -16,7 +16,7 @@ namespace kestrelvane {
 namespace {
 
 // A block is turned while it stands in the second-level cache.
-constexpr std::int64_t block_bytes = 512 << 10;
+constexpr std::int64_t block_bytes = 1 << 20;
 constexpr std::size_t edge = 8;  // of the square that is turned in registers
 constexpr std::size_t cache_line = 64, squares_per_line = cache_line / 2 / edge;
 constexpr std::int64_t points_per_line = cache_line / 2;

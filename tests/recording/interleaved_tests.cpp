@@ -103,7 +103,7 @@ TEST_F(interleaved_test, a_run_beyond_the_file_ends_early_and_an_interrupt_stops
   const interleaved_channels channels{{1, 2, 3, 4}, {}};
   EXPECT_EQ(read_interleaved(*session, file, channels, {0, 200'001, 1}), read_end::early_end);
   session->operation.polls = 0;
-  session->operation.interrupt_at_poll = 2;
+  session->operation.interrupt_at_poll = 1;
   EXPECT_EQ(read_interleaved(*session, file, channels, {0, 200'000, 1}), read_end::interrupted);
 }
 
