@@ -111,7 +111,7 @@ void set_tetrode_map(session_state& session) {
   recording_store& r = session.recording;
   constexpr std::int32_t side = 25, distance = 300;
   r.electrode_type = electrode_tetrode;
-  r.n_tetrodes = r.n_channels / 4;
+  r.n_tetrodes = std::max(r.n_channels / 4, 1);  // two or three channels are one, too
   r.site_columns = 2;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const std::int32_t tetrode = (c - 1) / 4, site = (c - 1) % 4;
