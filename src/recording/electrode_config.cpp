@@ -161,6 +161,11 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
     log_message(session, "Channel map error in config file");
     return false;
   }
+  if (r.channel_map[0] != 0) {
+    log_message(session,
+                "Warning: file channels count from 1; file channel 0 of the "
+                "configuration is not read");
+  }
   r.no_config_file = false;
   r.n_mapped_channels = n_mapped;
   r.show_config_in_title = show_in_title;

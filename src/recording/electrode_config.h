@@ -4,7 +4,7 @@
 // Line 1 is the electrode's name; every further line of up to 80 characters holds four
 // numbers, separated by blanks or commas: file channel, program channel, x and y in µm.
 // Numbers are read as floating point and truncated. Lines without numbers are skipped.
-// File channels count from 0 or 1, program channels from 1; each program channel up to
+// File channels count from 1, and so do program channels; each program channel up to
 // the largest must be there once.
 #pragma once
 

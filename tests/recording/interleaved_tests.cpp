@@ -343,6 +343,12 @@ TEST_F(interleaved_test, a_configuration_picks_and_orders_the_channels) {
   expect_run(3, 0, 300);
   EXPECT_EQ(recording().chan_x[2], 10);
 
+  write("base.cfg", "probe\n0 1 0 0\n1 2 0 20\n");
+  ASSERT_TRUE(open(write_neuroscope(folder.path, {})));
+  EXPECT_TRUE(session.user.logged("file channel 0 of the configuration is not read"));
+  expect_run(2, 0, 300);
+  EXPECT_EQ(sample(1, 5), 0);
+
   write("base.cfg", "probe\n1 1 0 0\n2 2 0 0\n3 3 0 0\n4 4 0 0\n5 5 0 0\n6 6 0 0\n");
   EXPECT_FALSE(open(write_neuroscope(folder.path, {})));
   EXPECT_TRUE(session.user.logged("More channels in config file than in data file"));
