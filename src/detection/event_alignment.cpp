@@ -1,5 +1,6 @@
 #include "detection/event_alignment.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "clustering/interpolation.h"
@@ -137,7 +138,11 @@ aligned_time align_to_feature(const session_state& session, std::int32_t feature
 
 aligned_time align_event(const session_state& session, std::int32_t channel, std::int32_t t,
                          std::int32_t h) {
-  return align_to_feature(session, session.detection.align_feature, channel, t, h);
+  const aligned_time aligned =
+      align_to_feature(session, session.detection.align_feature, channel, t, h);
+  const std::int32_t last = session.recording.n_samples;
+  if (aligned.time >= 1 && aligned.time <= last) return aligned;
+  return {std::clamp(t, 1, last), 0.0f};
 }
 
 }  // namespace kestrelvane

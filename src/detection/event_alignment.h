@@ -18,7 +18,8 @@ struct aligned_time {
 aligned_time align_to_feature(const session_state& session, std::int32_t feature,
                               std::int32_t channel, std::int32_t t, std::int32_t h);
 
-// The same to align_feature of the settings.
+// The same to align_feature of the settings. An event stays inside the recording: a feature
+// in the margin before or behind it is not taken.
 aligned_time align_event(const session_state& session, std::int32_t channel, std::int32_t t,
                          std::int32_t h);
 

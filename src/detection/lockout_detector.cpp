@@ -174,7 +174,8 @@ bool is_duplicate(const session_state& session, std::int32_t channel, std::int32
 bool add_event(session_state& session, std::int32_t channel, std::int32_t time) {
   event_table& events = session.events;
   const std::int32_t e = ++events.n_events;
-  events.event_time[e] = time;
+  // A feature may lie in the margin of the recording; the event does not.
+  events.event_time[e] = std::clamp(time, 1, session.recording.n_samples);
   events.event_channel[e] = channel;
   events.event_shift[e] = 0.0f;
   events.event_cluster[e] = 0;

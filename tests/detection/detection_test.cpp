@@ -77,6 +77,21 @@ TEST(event_alignment, without_a_feature_the_time_stays) {
   }
 }
 
+// A recording that begins high above 0: its margin, which is 0, is then a trough.
+TEST(event_alignment, an_event_stays_inside_the_recording) {
+  small_session session;
+  make_recording(*session, 1, 400);
+  put_samples(*session, 1, 1, std::vector<int>(400, 300));
+  for (int feature = 1; feature <= 9; ++feature) {
+    session->detection.align_feature = feature;
+    for (const std::int32_t t : {-3, 0, 1, 3, 398, 400, 405}) {
+      const aligned_time aligned = align_event(*session, 1, t, 12);
+      EXPECT_GE(aligned.time, 1) << feature << " " << t;
+      EXPECT_LE(aligned.time, 400) << feature << " " << t;
+    }
+  }
+}
+
 TEST(proto_events, two_spikes_on_three_channels) {
   small_session session;
   make_recording(*session, 3, 400);
