@@ -12,14 +12,12 @@
 #include "recording/hdf_walk.h"
 #include "recording/header_checks.h"
 #include "recording/site_layouts.h"
-#include "recording/site_tables.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
 
 namespace {
 
-constexpr float scan_angle = 1.0f;  // degrees
 constexpr const char* title = "Open a recording file";
 
 // A read in progress.
@@ -165,8 +163,6 @@ hdf_error read_samples(hdf_read& read, std::string_view good) {
       read.layout.channels_first ? read_channels(read, good) : read_time_points(read);
   if (error != hdf_error::none) return error;
   if (read.session.recording.no_config_file) place_channels_in_line(read.session);
-  compute_site_pitch(read.session);
-  sort_channels(read.session, scan_angle);
   set_progress(read.session, meter::reading, 100, 115);
   return hdf_error::none;
 }

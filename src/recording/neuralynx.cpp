@@ -25,8 +25,6 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr float scan_angle = 1.0f;  // degrees, of the display order
-
 // --- header
 
 // The next line of the header; a carriage return and line feed are one end. False behind
@@ -139,12 +137,6 @@ void report_remainder(session_state& session, const input_file& file, std::int64
   if (rest == 0) return;
   log_message(session, fmt::format("Early end to file: the last record has {} of {} bytes", rest,
                                    record_bytes));
-}
-
-void finish_geometry(session_state& session) {
-  compute_site_pitch(session);
-  build_site_tables(session);
-  sort_channels(session, scan_angle);
 }
 
 // --- .ncs
@@ -512,7 +504,7 @@ void finish_ntt(session_state& session) {
   r.n_channels = ntt_channels;
   set_tetrode_map(session);
   r.chan_mask.clear();
-  finish_geometry(session);
+  build_site_tables(session);
   set_ntt_window(session);
   // Cell numbers without records have no template, but none may be without a channel.
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
@@ -539,7 +531,6 @@ bool read_ncs(session_state& session, const std::string& path) {
   r.is_continuous = true;
   r.first_timestamp = static_cast<std::int64_t>(survey.first_us);
   if (r.n_channels > 1) set_tetrode_map(session);
-  finish_geometry(session);
   return true;
 }
 

@@ -20,8 +20,6 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr float scan_angle = 1.0f;  // degrees, for a display order along the electrode
-
 // What the reader carries from pass to pass.
 struct nev_reading {
   nev_layout layout;
@@ -327,7 +325,6 @@ bool read_file(session_state& session, const std::string& path) {
   if (!read_packets(session, file, reading)) return false;
   log_packets(session, reading);
   if (r.no_config_file) place_channels_in_line(session);
-  sort_channels(session, scan_angle);
   make_templates(session, number_clusters(session));
   log_message(session, fmt::format("Allocating memory for {} voltage samples", r.n_samples));
   session.clusters.current_cluster = 1;

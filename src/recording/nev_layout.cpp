@@ -7,7 +7,6 @@
 #include <cstring>
 #include <limits>
 
-#include "recording/byte_cursor.h"
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "session/run_log.h"
@@ -27,19 +26,6 @@ constexpr std::uint16_t analog_factor_16 = 21516;
 constexpr double analog_factor = 152592.547;
 
 std::string_view up_to_nul(std::string_view text) { return text.substr(0, text.find('\0')); }
-
-record_start take_start(byte_cursor& in) {
-  record_start start;
-  start.year = take_value<std::uint16_t>(in);
-  start.month = take_value<std::uint16_t>(in);
-  skip_bytes(in, 2);  // day of the week
-  start.day = take_value<std::uint16_t>(in);
-  start.hour = take_value<std::uint16_t>(in);
-  start.minute = take_value<std::uint16_t>(in);
-  start.second = take_value<std::uint16_t>(in);
-  skip_bytes(in, 2);  // milliseconds
-  return start;
-}
 
 // The kind of file and its version; the cursor stands behind them.
 bool take_kind(byte_cursor& in, nev_layout& layout) {
@@ -90,6 +76,19 @@ nev_electrode take_electrode(byte_cursor& in) {
 
 }  // namespace
 
+record_start take_blackrock_start(byte_cursor& in) {
+  record_start start;
+  start.year = take_value<std::uint16_t>(in);
+  start.month = take_value<std::uint16_t>(in);
+  skip_bytes(in, 2);  // day of the week
+  start.day = take_value<std::uint16_t>(in);
+  start.hour = take_value<std::uint16_t>(in);
+  start.minute = take_value<std::uint16_t>(in);
+  start.second = take_value<std::uint16_t>(in);
+  skip_bytes(in, 2);  // milliseconds
+  return start;
+}
+
 bool read_nev_layout(session_state& session, const input_file& file, nev_layout& layout) {
   layout.basic = read_block(file, 0, nev_basic_bytes);
   byte_cursor in{layout.basic.data(), layout.basic.size()};
@@ -101,7 +100,7 @@ bool read_nev_layout(session_state& session, const input_file& file, nev_layout&
   layout.packet_bytes = take_value<std::uint32_t>(in);
   layout.resolution = take_value<std::uint32_t>(in);
   layout.sample_rate = take_value<std::uint32_t>(in);
-  layout.start = take_start(in);
+  layout.start = take_blackrock_start(in);
   layout.application = up_to_nul(take_text(in, 32));
   layout.comment = up_to_nul(take_text(in, nev_comment_bytes));
   layout.n_extended = take_value<std::uint32_t>(in);

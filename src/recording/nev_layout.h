@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "recording/byte_cursor.h"
 #include "recording/input_file.h"
 #include "recording/record_start.h"
 #include "session/session_state.h"
@@ -29,6 +30,9 @@ constexpr std::int64_t wall_clock_resolution = 1'000'000'000;  // counts per sec
 
 // Waveforms that one channel can hold; the time stamp map of Utah arrays has no room for more.
 constexpr std::int32_t nev_records_per_channel = 2'000'000;
+
+// The eight 16-bit fields of a date and time that headers of both kinds of file have.
+record_start take_blackrock_start(byte_cursor& in);
 
 struct nev_layout {
   std::int64_t header_bytes = 0;     // offset of the first packet

@@ -16,7 +16,6 @@
 #include "recording/nsx_packets.h"
 #include "recording/record_start.h"
 #include "recording/site_layouts.h"
-#include "recording/site_tables.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -27,7 +26,6 @@ constexpr std::int64_t basic_bytes = 314;
 constexpr std::int64_t channel_bytes = 66;
 constexpr std::int64_t old_basic_bytes = 32;       // version 2.1
 constexpr std::int64_t period_resolution = 30000;  // counts of the period per second
-constexpr float scan_angle = 1.0f;  // degrees, for a display order along the electrode
 
 struct nsx_header {
   bool is_old = false;  // version 2.1
@@ -138,14 +136,7 @@ bool read_header(session_state& session, const input_file& file, nsx_header& hea
   skip_bytes(in, 256);  // comment
   header.period = take_u32(in);
   header.stream.resolution = take_u32(in);
-  header.start.year = take_value<std::uint16_t>(in);
-  header.start.month = take_value<std::uint16_t>(in);
-  skip_bytes(in, 2);  // day of the week
-  header.start.day = take_value<std::uint16_t>(in);
-  header.start.hour = take_value<std::uint16_t>(in);
-  header.start.minute = take_value<std::uint16_t>(in);
-  header.start.second = take_value<std::uint16_t>(in);
-  skip_bytes(in, 2);  // milliseconds
+  header.start = take_blackrock_start(in);
   header.n_channels = take_u32(in);
   if (in.failed) return refuse_file(session, "Early end to file");
   if (!check_channel_count(session, header.n_channels)) return false;
@@ -279,7 +270,6 @@ bool read_file(session_state& session, const std::string& path) {
   if (!allocate_recording(session, file.size)) return false;
   if (!read_samples(session, file, header, runs)) return false;
   if (r.no_config_file) place_channels_in_line(session);
-  sort_channels(session, scan_angle);
   set_progress(session, meter::reading, 100, 115);
   return true;
 }

@@ -20,7 +20,6 @@ namespace kestrelvane {
 namespace {
 
 constexpr std::int64_t spare_samples = 10000;  // allocated beyond the estimate
-constexpr float scan_angle = 1.0f;             // degrees, of the display order
 // A cluster is known only when all units have been seen: until then an event carries
 // its channel or tetrode, and its unit.
 constexpr std::int32_t label_factor = 32768;
@@ -161,9 +160,7 @@ void make_templates(session_state& session) {
 
 void finish_read(session_state& session, const plx_plan& plan) {
   if (plan.tetrodes) set_tetrode_map(session);
-  compute_site_pitch(session);
   build_site_tables(session);
-  sort_channels(session, scan_angle);
   make_templates(session);
   const std::int32_t n = session.clusters.n_clusters;
   session.clusters.current_cluster = 1;

@@ -7,9 +7,11 @@
 // the session empty (reset_session), and may log and drive meter::reading up to 100 of
 // 115. It fills n_channels, n_samples, sampling_frequency, vscale_HP, positions, electrode_type
 // and is_continuous, allocates vd and templates (allocate_recording, or for itself), and
-// leaves in vd bits at time index 1 and on. It tests every count of the file against
-// limits and the file's size before it allocates or loops. It returns false after saying
-// why; what it has filled by then the worker resets, and the row's failure text follows.
+// leaves in vd bits at time index 1 and on. Distance tables, row distance and, where the
+// file has none, the display order are made by the worker afterwards. It tests every
+// count of the file against limits and the file's size before it allocates or loops. It
+// returns false after saying why; what it has filled by then the worker resets, and the
+// row's failure text follows.
 #pragma once
 
 #include <cstdint>

@@ -11,7 +11,6 @@
 #include "recording/header_text.h"
 #include "recording/interleaved.h"
 #include "recording/site_layouts.h"
-#include "recording/site_tables.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -21,7 +20,6 @@ namespace {
 constexpr std::uint32_t magic = 0xC6912702;
 constexpr float uv_per_bit = 0.195f;
 constexpr std::int64_t sample_number_bytes = 4;
-constexpr float scan_angle = 1.0f;  // degrees, for a display order along the electrode
 
 // --- the header
 
@@ -256,7 +254,6 @@ bool read_rhd(session_state& session, const std::string& path) {
   log_message(session, fmt::format("Number of channels in file = {}", r.n_channels));
   log_message(session, fmt::format("Number of channels read = {}", r.n_channels));
   if (r.no_config_file) place_channels_in_line(session);
-  sort_channels(session, scan_angle);
   set_progress(session, meter::reading, 100, 115);
   log_message(session, fmt::format("Allocating memory for {} voltage samples", r.n_samples));
   return true;
