@@ -18,8 +18,8 @@
 #include <cstring>
 #include <vector>
 
-#include "displays/voltage_navigation.h"
-#include "displays/voltage_record.h"
+#include "displays/voltage/voltage_navigation.h"
+#include "displays/voltage/voltage_record.h"
 #include "numerics/parallel.h"
 #include "signal/display_scale.h"
 #include "signal/noise.h"

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "recording/hdf_samples.h"
-#include "recording/hdf_walk.h"
+#include "recording/formats/hdf/hdf_samples.h"
+#include "recording/formats/hdf/hdf_walk.h"
 #include "side_by_side.h"
 #include "support/hdf_fixture.h"
 #include "support/small_session.h"

@@ -16,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
 #include "clustering/gradient_ascent.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
@@ -25,7 +24,7 @@
 #include "format_ratios.h"
 #include "hdf_ratios.h"
 #include "numerics/parallel.h"
-#include "recording/tsf.h"
+#include "recording/formats/tsf.h"
 #include "side_by_side.h"
 #include "signal/noise.h"
 #include "sorting/pair_measures.h"

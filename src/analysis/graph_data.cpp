@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "recording/input_file.h"
-#include "session/safe_file.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
 
 namespace kestrelvane {
 

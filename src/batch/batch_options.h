@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "batch/test_recording.h"
+#include "synthesis/test_recording.h"
 
 namespace kestrelvane {
 

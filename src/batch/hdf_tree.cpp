@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "recording/hdf_walk.h"
-#include "recording/input_file.h"
+#include "files/input_file.h"
+#include "recording/formats/hdf/hdf_walk.h"
 #include "recording/recording_formats.h"
 #include "session/run_log.h"
 

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "files/safe_file.h"
 #include "results/work_file_rows.h"
-#include "session/safe_file.h"
 #include "session/settings_table.h"
 #include "session/version.h"
 

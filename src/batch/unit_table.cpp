@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/templates.h"
 #include "sorting/status_lists.h"
 

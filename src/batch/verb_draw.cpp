@@ -10,7 +10,7 @@
 
 #include "batch/verbs.h"
 #include "displays/picture_file.h"
-#include "displays/voltage_record.h"
+#include "displays/voltage/voltage_record.h"
 #include "signal/display_scale.h"
 
 namespace kestrelvane {

@@ -1,6 +1,6 @@
 // export and convert: files from what is in memory.
 #include "batch/verbs.h"
-#include "recording/tsf.h"
+#include "recording/formats/tsf.h"
 
 namespace kestrelvane {
 

@@ -7,7 +7,7 @@
 
 #include "batch/interrupt.h"
 #include "batch/verbs.h"
-#include "sorting/autosort.h"
+#include "operations/autosort.h"
 
 namespace kestrelvane {
 

@@ -4,8 +4,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "batch/score.h"
 #include "batch/verbs.h"
+#include "synthesis/score.h"
 
 namespace kestrelvane {
 

@@ -5,14 +5,15 @@
 #include <algorithm>
 #include <cmath>
 
-#include "clustering/cluster_operations.h"
-#include "clustering/interpolation.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "numerics/jacobi.h"
 #include "numerics/simd.h"
 #include "numerics/sort.h"
 #include "session/pair_index.h"
+#include "session/template_window.h"
+#include "signal/interpolation.h"
 
 namespace kestrelvane {
 

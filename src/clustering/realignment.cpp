@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "clustering/alignment_scores.h"
-#include "clustering/cluster_operations.h"
-#include "clustering/interpolation.h"
+#include "clustering/membership.h"
 #include "clustering/template_sums.h"
 #include "clustering/templates.h"
 #include "detection/event_alignment.h"
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 

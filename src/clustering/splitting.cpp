@@ -5,9 +5,9 @@
 #include <cmath>
 #include <memory>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
-#include "sorting/stage_judge.h"
+#include "clustering/stage_judge.h"
 
 namespace kestrelvane {
 

@@ -1,58 +1,17 @@
 #include "clustering/templates.h"
+#include "session/template_window.h"
 
 #include <cmath>
 #include <cstring>
 
-#include "clustering/cluster_operations.h"
-#include "clustering/interpolation.h"
+#include "clustering/membership.h"
 #include "clustering/template_sums.h"
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
 #include "recording/site_tables.h"
+#include "signal/interpolation.h"
 
 namespace kestrelvane {
-
-namespace {
-
-std::int32_t window_edge(float ms, std::int32_t sampling_frequency) {
-  return static_cast<std::int32_t>(ms * static_cast<float>(sampling_frequency) / 1000.0f);
-}
-
-}  // namespace
-
-std::int32_t window_first_sample(const session_state& session) {
-  return window_edge(session.strategy.template_window_start_ms,
-                     session.recording.sampling_frequency);
-}
-
-std::int32_t window_last_sample(const session_state& session) {
-  return window_edge(session.strategy.template_window_end_ms, session.recording.sampling_frequency);
-}
-
-void compute_template_points(session_state& session) {
-  const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
-  session.templates.template_points = points < 3                      ? 3
-                                      : points > template_point_limit ? template_point_limit
-                                                                      : points;
-}
-
-bool spike_window_is_readable(const session_state& session) {
-  const std::int32_t reach = 100 + session.tables.width;
-  return window_first_sample(session) >= -(vd_margin - 1 - reach) &&
-         window_last_sample(session) <= 1000 - 2 * n_lanes - reach;
-}
-
-bool shorten_spike_window(session_state& session) {
-  const std::int32_t width = window_last_sample(session) - window_first_sample(session);
-  if (width < template_point_limit && spike_window_is_readable(session)) return false;
-  const auto f = static_cast<float>(session.recording.sampling_frequency);
-  session.strategy.template_window_start_ms = -75000.0f / f;
-  session.strategy.template_window_end_ms = 74000.0f / f;
-  compute_template_points(session);
-  tell(session, "The spike temporal window was shortened to prevent overflow", "Warning",
-       box_icon::information);
-  return true;
-}
 
 std::int32_t thin_event_list(std::vector<std::int32_t>& list, std::int32_t limit) {
   const auto n = static_cast<std::int32_t>(list.size());

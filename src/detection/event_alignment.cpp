@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "clustering/interpolation.h"
 #include "detection/sample_test.h"
+#include "signal/interpolation.h"
 
 namespace kestrelvane {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "detection/detection_run.h"
+#include "detection/detected_events.h"
 #include "detection/sample_test.h"
 #include "signal/noise.h"
 #include "signal/thresholds.h"

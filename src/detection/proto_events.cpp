@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "detection/detection_run.h"
+#include "detection/detected_events.h"
 #include "detection/event_alignment.h"
 #include "detection/sample_test.h"
 #include "numerics/parallel.h"

@@ -8,7 +8,7 @@
 #include <QSvgGenerator>
 #include <string_view>
 
-#include "session/safe_file.h"
+#include "files/safe_file.h"
 
 namespace kestrelvane {
 

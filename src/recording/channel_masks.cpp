@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
-#include "recording/input_file.h"
-#include "recording/text_lines.h"
-#include "session/safe_file.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
+#include "files/text_lines.h"
 
 namespace kestrelvane {
 

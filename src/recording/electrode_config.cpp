@@ -6,10 +6,10 @@
 #include <limits>
 #include <vector>
 
-#include "recording/input_file.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
+#include "files/text_lines.h"
 #include "recording/probe_files.h"
-#include "recording/text_lines.h"
-#include "session/safe_file.h"
 
 namespace kestrelvane {
 

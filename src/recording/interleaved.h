@@ -10,7 +10,7 @@
 #include <functional>
 #include <vector>
 
-#include "recording/input_file.h"
+#include "files/input_file.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {

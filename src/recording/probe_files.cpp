@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "recording/input_file.h"
-#include "recording/literal_text.h"
+#include "files/input_file.h"
+#include "files/literal_text.h"
 #include "session/limits.h"
 
 namespace kestrelvane {

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "recording/byte_cursor.h"
-#include "recording/input_file.h"
+#include "files/byte_cursor.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
 #include "session/logical.h"
-#include "session/safe_file.h"
 
 namespace kestrelvane {
 

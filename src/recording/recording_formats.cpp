@@ -3,19 +3,19 @@
 #include <algorithm>
 #include <cctype>
 
-#include "recording/hdf_recording.h"
-#include "recording/neuralynx.h"
-#include "recording/neuroscope.h"
-#include "recording/neuroshare.h"
-#include "recording/nev.h"
-#include "recording/nsx.h"
-#include "recording/open_ephys.h"
-#include "recording/plx.h"
-#include "recording/prf.h"
-#include "recording/rhd.h"
-#include "recording/spikeglx.h"
-#include "recording/surf.h"
-#include "recording/tsf.h"
+#include "recording/formats/blackrock/nev.h"
+#include "recording/formats/blackrock/nsx.h"
+#include "recording/formats/hdf/hdf_recording.h"
+#include "recording/formats/intan/rhd.h"
+#include "recording/formats/neuralynx/neuralynx.h"
+#include "recording/formats/neuroscope.h"
+#include "recording/formats/neuroshare.h"
+#include "recording/formats/open_ephys.h"
+#include "recording/formats/plexon/plx.h"
+#include "recording/formats/spikeglx/spikeglx.h"
+#include "recording/formats/surf/prf.h"
+#include "recording/formats/surf/surf.h"
+#include "recording/formats/tsf.h"
 
 namespace kestrelvane {
 

@@ -6,17 +6,17 @@
 #include <numeric>
 #include <vector>
 
-#include "recording/input_file.h"
-#include "recording/neuralynx.h"
-#include "recording/neuroscope.h"
-#include "recording/nev.h"
-#include "recording/plx.h"
-#include "recording/tsf.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
+#include "recording/formats/blackrock/nev.h"
+#include "recording/formats/neuralynx/neuralynx.h"
+#include "recording/formats/neuroscope.h"
+#include "recording/formats/plexon/plx.h"
+#include "recording/formats/tsf.h"
 #include "results/nwb_units.h"
 #include "results/phy_folder.h"
 #include "results/ptcs.h"
 #include "results/work_file.h"
-#include "session/safe_file.h"
 #include "session/version.h"
 #include "sorting/duplicates.h"
 

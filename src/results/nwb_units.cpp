@@ -11,10 +11,10 @@
 #include <random>
 #include <vector>
 
-#include "recording/hdf_file.h"
-#include "recording/input_file.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
+#include "recording/formats/hdf/hdf_file.h"
 #include "results/exports.h"
-#include "session/safe_file.h"
 #include "session/version.h"
 #include "sorting/sorting_summary.h"
 

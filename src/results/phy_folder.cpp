@@ -11,12 +11,13 @@
 #include <vector>
 
 #include "clustering/templates.h"
+#include "files/input_file.h"
+#include "files/npy_file.h"
+#include "files/safe_file.h"
 #include "numerics/jacobi.h"
 #include "numerics/parallel.h"
-#include "recording/input_file.h"
-#include "recording/npy_file.h"
 #include "session/run_log.h"
-#include "session/safe_file.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 

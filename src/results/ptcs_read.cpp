@@ -5,8 +5,8 @@
 #include <numeric>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
-#include "recording/input_file.h"
+#include "clustering/membership.h"
+#include "files/input_file.h"
 #include "results/ptcs.h"
 #include "session/run_log.h"
 

@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "clustering/templates.h"
-#include "recording/input_file.h"
+#include "files/input_file.h"
+#include "files/safe_file.h"
 #include "results/exports.h"
 #include "results/ptcs.h"
 #include "results/ptcs_layout.h"
 #include "session/run_log.h"
-#include "session/safe_file.h"
 
 namespace kestrelvane {
 

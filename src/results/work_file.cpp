@@ -1,6 +1,6 @@
 #include "results/work_file.h"
 
-#include "recording/input_file.h"
+#include "files/input_file.h"
 #include "signal/filter_chain.h"
 
 namespace kestrelvane {

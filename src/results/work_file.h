@@ -5,7 +5,7 @@
 // recording. Version 8 is written; versions 4 to 8 are read; older ones are
 // reported as unreadable. The layout is one table of rows (work_file_rows.h).
 //
-// Writing goes beside the target and is renamed over it (session/safe_file.h).
+// Writing goes beside the target and is renamed over it (files/safe_file.h).
 // A read that fails leaves the settings that were read so far, and no events and
 // no clusters: half a sort is none. Called from the thread of the running
 // operation; nothing else may change the session meanwhile.

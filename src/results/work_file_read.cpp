@@ -4,7 +4,7 @@
 #include <array>
 #include <vector>
 
-#include "recording/input_file.h"
+#include "files/input_file.h"
 #include "results/work_file.h"
 #include "results/work_file_blocks.h"
 #include "results/work_file_rows.h"

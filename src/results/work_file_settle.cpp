@@ -6,11 +6,12 @@
 #include <cmath>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
-#include "clustering/interpolation.h"
 #include "clustering/templates.h"
 #include "recording/site_tables.h"
+#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
+#include "session/template_window.h"
+#include "sorting/cluster_edits.h"
 
 namespace kestrelvane {
 

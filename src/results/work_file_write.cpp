@@ -4,10 +4,10 @@
 #include <mutex>
 #include <vector>
 
+#include "files/safe_file.h"
 #include "results/work_file.h"
 #include "results/work_file_blocks.h"
 #include "results/work_file_rows.h"
-#include "session/safe_file.h"
 
 namespace kestrelvane {
 

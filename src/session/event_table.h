@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
+#include "numerics/table.h"
 #include "session/limits.h"
-#include "session/table.h"
 
 namespace kestrelvane {
 

@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <string>
 
+#include "numerics/table.h"
 #include "session/limits.h"
 #include "session/logical.h"
 #include "session/stimulus_records.h"
-#include "session/table.h"
 
 namespace kestrelvane {
 
@@ -169,6 +169,8 @@ struct recording_store {
   std::int16_t tsf_channel_order[64] = {};
   std::int16_t tsf_n_probes = 0;
   std::int32_t sleep_start_mins = 0;
+  // The clusters of the file are planted, not sorted: they are compared with, and get no templates.
+  logical clusters_are_planted = false;
   std::int32_t n_fake_spikes = 0;  // planted spikes of a test file, the ground truth
   table<std::int32_t> fake_spike_time{fake_spike_limit};
   table<std::int32_t> fake_spike_cluster{fake_spike_limit};

@@ -13,9 +13,9 @@
 #include <string>
 #include <string_view>
 
+#include "numerics/table.h"
 #include "session/limits.h"
 #include "session/logical.h"
-#include "session/table.h"
 
 namespace kestrelvane {
 

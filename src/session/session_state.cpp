@@ -7,8 +7,8 @@
 #include <limits>
 #include <thread>
 
-#include "clustering/interpolation.h"
 #include "numerics/parallel.h"
+#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 
 namespace kestrelvane {
@@ -154,6 +154,7 @@ void reset_recording(recording_store& r) {
   std::fill(std::begin(r.tsf_channel_order), std::end(r.tsf_channel_order), std::int16_t{0});
   r.tsf_n_probes = 0;
   r.sleep_start_mins = 0;
+  r.clusters_are_planted = false;
   r.n_fake_spikes = 0;
   r.fake_spike_time.clear();
   r.fake_spike_cluster.clear();

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "clustering/interpolation.h"
-#include "session/safe_file.h"
+#include "files/safe_file.h"
+#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 
 namespace kestrelvane {

@@ -8,7 +8,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "clustering/interpolation.h"
+#include "session/interpolation_tables.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {

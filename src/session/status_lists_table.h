@@ -8,9 +8,9 @@
 
 #include <cstdint>
 
+#include "numerics/table.h"
 #include "session/limits.h"
 #include "session/logical.h"
-#include "session/table.h"
 
 namespace kestrelvane {
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "numerics/table.h"
 #include "session/limits.h"
-#include "session/table.h"
 
 namespace kestrelvane {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 
 namespace kestrelvane {
 

@@ -8,9 +8,10 @@
 #include <memory>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "session/pair_index.h"
+#include "sorting/cluster_edits.h"
 #include "sorting/pair_measures.h"
 #include "sorting/status_lists.h"
 

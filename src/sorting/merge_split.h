@@ -10,8 +10,8 @@
 #include <cstdint>
 
 #include "clustering/gradient_ascent.h"
+#include "clustering/stage_judge.h"
 #include "session/session_state.h"
-#include "sorting/stage_judge.h"
 
 namespace kestrelvane {
 

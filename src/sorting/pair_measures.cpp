@@ -4,10 +4,11 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/principal_components.h"
 #include "clustering/templates.h"
 #include "numerics/simd.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 

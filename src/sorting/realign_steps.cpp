@@ -1,6 +1,6 @@
 #include "sorting/realign_steps.h"
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "sorting/status_lists.h"

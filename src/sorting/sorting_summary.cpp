@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/templates.h"
 #include "recording/recording_formats.h"
 #include "sorting/status_lists.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "numerics/parallel.h"
 #include "numerics/sort.h"
 #include "session/pair_index.h"

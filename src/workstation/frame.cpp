@@ -11,9 +11,9 @@
 #include <QStatusBar>
 #include <QToolBar>
 
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/themes.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

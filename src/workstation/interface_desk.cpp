@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "workstation/commands/file_choice.h"
 #include "workstation/dialogs/hdf_folder_dialog.h"
-#include "workstation/file_choice.h"
 #include "workstation/frame.h"
 #include "workstation/workstation.h"
 

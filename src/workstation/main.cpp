@@ -9,7 +9,7 @@
 #include <memory>
 
 #include "numerics/parallel.h"
-#include "recording/hdf_probe.h"
+#include "recording/formats/hdf/hdf_probe.h"
 #include "session/version.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

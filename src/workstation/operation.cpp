@@ -16,9 +16,9 @@
 #endif
 
 #include "numerics/parallel.h"
+#include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
-#include "workstation/messages_dialog.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

@@ -8,20 +8,20 @@
 #include <QStatusBar>
 #include <algorithm>
 
-#include "results/program_run.h"
+#include "operations/program_run.h"
 #include "results/work_file.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "session/version.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
+#include "workstation/commands/menu_table.h"
+#include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
-#include "workstation/graph_windows.h"
 #include "workstation/interface_desk.h"
-#include "workstation/menu_table.h"
-#include "workstation/messages_dialog.h"
 #include "workstation/themes.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

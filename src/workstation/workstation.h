@@ -15,7 +15,7 @@
 #include <functional>
 #include <memory>
 
-#include "results/recovery.h"
+#include "operations/recovery.h"
 #include "session/session_state.h"
 #include "workstation/operation.h"
 

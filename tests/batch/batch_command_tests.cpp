@@ -9,7 +9,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "results/work_file.h"
 #include "support/child_process.h"
 #include "support/small_session.h"

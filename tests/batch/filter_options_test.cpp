@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "batch/filter_options.h"
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/child_process.h"
 #include "support/small_session.h"
 

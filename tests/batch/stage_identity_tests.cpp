@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "batch/test_recording.h"
 #include "support/child_process.h"
 #include "support/compare_work_files.h"
 #include "support/small_session.h"
 #include "support/work_file_fixture.h"
+#include "synthesis/test_recording.h"
 
 namespace kestrelvane::test {
 namespace {

@@ -5,7 +5,6 @@
 #include <memory>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
 #include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"

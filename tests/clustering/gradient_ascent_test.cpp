@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "clustering/splitting.h"
-#include "sorting/stage_judge.h"
+#include "clustering/stage_judge.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -1,5 +1,6 @@
 // Templates and alignment against known numbers.
 #include "clustering/templates.h"
+#include "session/template_window.h"
 
 #include <gtest/gtest.h>
 

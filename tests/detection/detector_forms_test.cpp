@@ -3,11 +3,11 @@
 
 #include <vector>
 
-#include "detection/detection_run.h"
 #include "detection/event_cleanup.h"
 #include "detection/lockout_detector.h"
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
+#include "operations/detection_run.h"
 #include "signal/noise.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"

@@ -6,8 +6,8 @@
 #include <QPainter>
 #include <QSvgRenderer>
 
-#include "displays/voltage_record.h"
-#include "recording/open_recording.h"
+#include "displays/voltage/voltage_record.h"
+#include "operations/open_recording.h"
 #include "signal/display_scale.h"
 #include "support/child_process.h"
 #include "support/small_session.h"

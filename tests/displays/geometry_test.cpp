@@ -1,16 +1,16 @@
 // Where rows, columns and events lie, and what columns read: plain forms against the
 // product's.
-#include "displays/voltage_geometry.h"
+#include "displays/voltage/voltage_geometry.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
-#include "clustering/interpolation.h"
 #include "detection/proto_events.h"
-#include "displays/peak_summary.h"
-#include "displays/visible_events.h"
+#include "displays/voltage/peak_summary.h"
+#include "displays/voltage/visible_events.h"
 #include "signal/display_scale.h"
+#include "signal/interpolation.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

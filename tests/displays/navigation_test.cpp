@@ -1,9 +1,9 @@
 // Moving about in the voltage record: every control with its own bounds.
-#include "displays/voltage_navigation.h"
+#include "displays/voltage/voltage_navigation.h"
 
 #include <gtest/gtest.h>
 
-#include "displays/voltage_geometry.h"
+#include "displays/voltage/voltage_geometry.h"
 #include "signal/display_scale.h"
 #include "support/small_session.h"
 

@@ -7,11 +7,11 @@
 
 #include "displays/display_colours.h"
 #include "displays/display_fonts.h"
-#include "displays/grey_image.h"
 #include "displays/trace_pen.h"
-#include "displays/voltage_geometry.h"
-#include "displays/voltage_readout.h"
-#include "displays/voltage_record.h"
+#include "displays/voltage/grey_image.h"
+#include "displays/voltage/voltage_geometry.h"
+#include "displays/voltage/voltage_readout.h"
+#include "displays/voltage/voltage_record.h"
 #include "signal/display_scale.h"
 #include "support/small_session.h"
 

@@ -2,9 +2,9 @@
 #include <cstdlib>
 
 #include "fuzz_session.h"
-#include "recording/hdf_probe.h"
-#include "recording/hdf_walk.h"
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
+#include "recording/formats/hdf/hdf_probe.h"
+#include "recording/formats/hdf/hdf_walk.h"
 #include "session/settings_table.h"
 
 using namespace kestrelvane;

@@ -1,7 +1,7 @@
 // Opening a Blackrock .nev recording, as records or on one time axis (the first byte says
 // which), and writing its units back: a sound session, or an empty one.
 #include "fuzz_session.h"
-#include "recording/nev.h"
+#include "recording/formats/blackrock/nev.h"
 
 using namespace kestrelvane;
 

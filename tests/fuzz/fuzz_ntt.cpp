@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz_session.h"
-#include "recording/neuralynx.h"
+#include "recording/formats/neuralynx/neuralynx.h"
 
 using namespace kestrelvane;
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz_session.h"
-#include "recording/plx.h"
+#include "recording/formats/plexon/plx.h"
 
 using namespace kestrelvane;
 

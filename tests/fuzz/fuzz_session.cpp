@@ -5,10 +5,10 @@
 #include <filesystem>
 #include <memory>
 
-#include "clustering/templates.h"
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "recording/site_tables.h"
 #include "session/settings_table.h"
+#include "session/template_window.h"
 
 namespace kestrelvane::fuzz {
 

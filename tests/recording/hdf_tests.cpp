@@ -13,11 +13,11 @@
 #include <numeric>
 #include <thread>
 
-#include "recording/hdf_probe.h"
-#include "recording/hdf_samples.h"
-#include "recording/hdf_text.h"
-#include "recording/hdf_walk.h"
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
+#include "recording/formats/hdf/hdf_probe.h"
+#include "recording/formats/hdf/hdf_samples.h"
+#include "recording/formats/hdf/hdf_text.h"
+#include "recording/formats/hdf/hdf_walk.h"
 #include "support/hdf_fixture.h"
 #include "support/samples.h"
 #include "support/small_session.h"

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <limits>
 
-#include "recording/neuroscope.h"
-#include "recording/open_recording.h"
-#include "recording/spikeglx_meta.h"
+#include "operations/open_recording.h"
+#include "recording/formats/neuroscope.h"
+#include "recording/formats/spikeglx/spikeglx_meta.h"
 #include "support/interleaved_fixture.h"
 #include "support/samples.h"
 #include "support/small_session.h"

@@ -1,9 +1,9 @@
 // Neuralynx: continuous and tetrode files, the tetrode writer, and files that lie.
-#include "recording/neuralynx.h"
+#include "recording/formats/neuralynx/neuralynx.h"
 
 #include <gtest/gtest.h>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "results/exports.h"
 #include "support/fixture_files.h"
 #include "support/full_device.h"

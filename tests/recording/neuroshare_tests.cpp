@@ -1,5 +1,5 @@
 // Multi Channel Systems .mcd through a library that the tests bring along.
-#include "recording/neuroshare.h"
+#include "recording/formats/neuroshare.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -1,5 +1,5 @@
 // Blackrock .nev: both ways of laying out waveforms, units, the writer, and files that lie.
-#include "recording/nev.h"
+#include "recording/formats/blackrock/nev.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <limits>
 
-#include "recording/nev_layout.h"
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
+#include "recording/formats/blackrock/nev_layout.h"
 #include "recording/recording_formats.h"
 #include "results/exports.h"
 #include "support/blackrock_fixture.h"

@@ -1,12 +1,12 @@
 // Blackrock .nsx: packets on the time axis, scales, and files that lie.
-#include "recording/nsx.h"
+#include "recording/formats/blackrock/nsx.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/blackrock_fixture.h"
 #include "support/fixture_files.h"
 #include "support/reader_test.h"

@@ -1,12 +1,12 @@
 // Plexon: continuous, event-based and tetrode files, and files that lie.
-#include "recording/plx.h"
+#include "recording/formats/plexon/plx.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/fixture_files.h"
 #include "support/plx_fixture.h"
 #include "support/samples.h"

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <filesystem>
 
-#include "clustering/templates.h"
-#include "recording/open_recording.h"
-#include "recording/plx.h"
+#include "operations/open_recording.h"
+#include "recording/formats/plexon/plx.h"
 #include "results/exports.h"
+#include "session/template_window.h"
 #include "support/full_device.h"
 #include "support/plx_fixture.h"
 #include "support/samples.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "recording/site_layouts.h"
 #include "support/polytrode_fixture.h"
 #include "support/small_session.h"

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include "files/literal_text.h"
+#include "operations/open_recording.h"
 #include "recording/electrode_config.h"
-#include "recording/literal_text.h"
-#include "recording/open_recording.h"
 #include "support/interleaved_fixture.h"
 #include "support/samples.h"
 #include "support/small_session.h"

@@ -1,12 +1,12 @@
 // Intan .rhd: versions, what a block holds besides the amplifiers, and files that lie.
-#include "recording/rhd.h"
+#include "recording/formats/intan/rhd.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <limits>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/fixture_files.h"
 #include "support/reader_test.h"
 #include "support/rhd_fixture.h"

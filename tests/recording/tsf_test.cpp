@@ -1,5 +1,5 @@
 // TSF: all formats, the writer, and files that lie.
-#include "recording/tsf.h"
+#include "recording/formats/tsf.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -11,8 +11,8 @@
 #include <limits>
 #include <set>
 
-#include "recording/open_recording.h"
-#include "session/safe_file.h"
+#include "files/safe_file.h"
+#include "operations/open_recording.h"
 #include "support/fixture_files.h"
 #include "support/small_session.h"
 

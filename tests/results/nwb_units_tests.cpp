@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <set>
 
-#include "recording/hdf_text.h"
-#include "recording/hdf_walk.h"
+#include "recording/formats/hdf/hdf_text.h"
+#include "recording/formats/hdf/hdf_walk.h"
 #include "results/exports.h"
 #include "support/full_device.h"
 #include "support/small_session.h"

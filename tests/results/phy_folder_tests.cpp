@@ -6,9 +6,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "clustering/templates.h"
-#include "recording/input_file.h"
-#include "recording/npy_file.h"
+#include "files/input_file.h"
+#include "files/npy_file.h"
+#include "session/template_window.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <limits>
 
-#include "clustering/templates.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

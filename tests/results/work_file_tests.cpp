@@ -9,7 +9,7 @@
 #include <cstring>
 #include <limits>
 
-#include "session/safe_file.h"
+#include "files/safe_file.h"
 #include "support/small_session.h"
 #include "support/work_file_fixture.h"
 

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <functional>
 
-#include "session/safe_file.h"
+#include "files/safe_file.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -6,10 +6,11 @@
 #include <cmath>
 #include <cstring>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "session/pair_index.h"
+#include "sorting/cluster_edits.h"
 #include "sorting/merge_split.h"
 #include "sorting/status_lists.h"
 #include "support/plain_forms.h"

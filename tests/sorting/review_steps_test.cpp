@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "session/pair_index.h"
+#include "session/template_window.h"
+#include "sorting/cluster_edits.h"
 #include "sorting/realign_steps.h"
 #include "sorting/sorting_summary.h"
 #include "sorting/status_lists.h"

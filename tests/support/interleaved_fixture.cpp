@@ -5,7 +5,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "recording/npy_file.h"
+#include "files/npy_file.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

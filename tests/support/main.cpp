@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "numerics/parallel.h"
-#include "recording/hdf_probe.h"
+#include "recording/formats/hdf/hdf_probe.h"
 
 int main(int argc, char** argv) {
   int status = 0;

@@ -4,13 +4,14 @@
 #include <cmath>
 #include <cstdlib>
 
-#include "clustering/cluster_operations.h"
-#include "clustering/interpolation.h"
+#include "clustering/membership.h"
 #include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "numerics/plain_jacobi.h"
 #include "numerics/sort.h"
+#include "session/template_window.h"
+#include "signal/interpolation.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

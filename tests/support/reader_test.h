@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "recording/open_recording.h"
+#include "operations/open_recording.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -7,8 +7,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "clustering/templates.h"
 #include "recording/site_tables.h"
+#include "session/template_window.h"
 
 namespace kestrelvane::test {
 

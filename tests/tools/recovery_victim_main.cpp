@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "numerics/parallel.h"
-#include "results/program_run.h"
-#include "results/recovery.h"
+#include "operations/program_run.h"
+#include "operations/recovery.h"
 #include "results/work_file.h"
 #include "support/recovery_victim.h"
 #include "support/scripted_interface.h"

@@ -20,15 +20,15 @@
 #include <cstdio>
 
 #include "numerics/parallel.h"
-#include "recording/hdf_probe.h"
+#include "recording/formats/hdf/hdf_probe.h"
 #include "results/work_file.h"
 #include "support/hdf_fixture.h"
 #include "support/small_session.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
+#include "workstation/dialogs/messages_dialog.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/messages_dialog.h"
 #include "workstation/themes.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/voltage_window.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "support/interleaved_fixture.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/setting_controls.h"
 
 namespace kestrelvane::test {
 namespace {

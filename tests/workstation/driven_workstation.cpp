@@ -9,10 +9,10 @@
 #include <QTest>
 #include <QThread>
 
-#include "batch/test_recording.h"
+#include "synthesis/test_recording.h"
+#include "workstation/dialogs/messages_dialog.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/interface_desk.h"
-#include "workstation/messages_dialog.h"
-#include "workstation/setting_controls.h"
 
 namespace kestrelvane::test {
 

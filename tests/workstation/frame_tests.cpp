@@ -11,8 +11,8 @@
 #include <QToolBar>
 
 #include "recording/recent_files.h"
+#include "workstation/commands/menu_table.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/menu_table.h"
 
 namespace kestrelvane::test {
 namespace {

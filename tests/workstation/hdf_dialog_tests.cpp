@@ -8,9 +8,9 @@
 #include <QTreeWidget>
 
 #include "support/hdf_fixture.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
+#include "workstation/dialogs/messages_dialog.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/messages_dialog.h"
 
 namespace kestrelvane::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <QTemporaryDir>
 
 #include "numerics/parallel.h"
-#include "recording/hdf_probe.h"
+#include "recording/formats/hdf/hdf_probe.h"
 #include "workstation/themes.h"
 
 int main(int argc, char** argv) {

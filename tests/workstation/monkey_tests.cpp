@@ -22,11 +22,11 @@
 #include <random>
 
 #include "support/fixture_files.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/graph_windows.h"
 #include "workstation/interface_desk.h"
-#include "workstation/setting_controls.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 
 namespace kestrelvane::test {
 namespace {

@@ -10,10 +10,9 @@
 #include <QTest>
 #include <filesystem>
 
-#include "clustering/templates.h"
 #include "sorting/status_lists.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/setting_controls.h"
 
 namespace kestrelvane::test {
 namespace {

@@ -8,12 +8,12 @@
 #include <QTableView>
 #include <filesystem>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
 #include "support/plain_forms.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/setting_controls.h"
 
 namespace kestrelvane::test {
 namespace {

@@ -11,11 +11,11 @@
 #include <QWheelEvent>
 
 #include "signal/display_scale.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/graph_windows.h"
-#include "workstation/setting_controls.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 
 namespace kestrelvane::test {
 namespace {

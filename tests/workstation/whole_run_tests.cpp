@@ -8,11 +8,11 @@
 #include <QPushButton>
 #include <filesystem>
 
-#include "results/recovery.h"
+#include "operations/recovery.h"
 #include "support/samples.h"
 #include "workstation/driven_workstation.h"
-#include "workstation/graph_windows.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/graph_windows.h"
 
 namespace kestrelvane::test {
 namespace {

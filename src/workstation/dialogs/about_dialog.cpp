@@ -14,7 +14,7 @@
 
 #include "session/limits.h"
 #include "session/version.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/themes.h"

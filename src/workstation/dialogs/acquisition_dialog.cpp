@@ -6,11 +6,11 @@
 #include <memory>
 #include <vector>
 
+#include "files/input_file.h"
 #include "recording/acquisition_facts.h"
 #include "recording/electrode_config.h"
-#include "recording/input_file.h"
 #include "recording/site_tables.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/workstation.h"

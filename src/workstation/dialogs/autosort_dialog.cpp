@@ -7,11 +7,11 @@
 #include <memory>
 
 #include "clustering/realignment.h"
-#include "clustering/templates.h"
 #include "detection/sample_test.h"
-#include "sorting/autosort.h"
+#include "operations/autosort.h"
+#include "session/template_window.h"
 #include "sorting/status_lists.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

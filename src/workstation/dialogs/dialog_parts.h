@@ -9,7 +9,7 @@
 #include <QPushButton>
 #include <QString>
 
-#include "workstation/setting_controls.h"
+#include "workstation/dialogs/setting_controls.h"
 
 namespace kestrelvane {
 

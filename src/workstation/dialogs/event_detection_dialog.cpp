@@ -8,13 +8,13 @@
 #include <memory>
 
 #include "clustering/templates.h"
-#include "detection/detection_run.h"
 #include "detection/sample_test.h"
+#include "operations/detection_run.h"
 #include "recording/channel_masks.h"
 #include "session/settings_table.h"
 #include "signal/noise.h"
 #include "sorting/status_lists.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

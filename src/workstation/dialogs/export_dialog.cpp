@@ -5,7 +5,7 @@
 
 #include "results/exports.h"
 #include "sorting/duplicates.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "signal/filter_chain.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

@@ -17,13 +17,13 @@
 #include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/setting_controls.h"
 #include "workstation/frame.h"
-#include "workstation/graph_windows.h"
-#include "workstation/setting_controls.h"
 #include "workstation/themes.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

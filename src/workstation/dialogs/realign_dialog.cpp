@@ -4,11 +4,11 @@
 #include <memory>
 #include <vector>
 
-#include "clustering/cluster_operations.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "sorting/realign_steps.h"
 #include "sorting/undo_state.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

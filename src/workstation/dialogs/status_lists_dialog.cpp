@@ -1,7 +1,7 @@
 #include <QVBoxLayout>
 
 #include "sorting/status_lists.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"

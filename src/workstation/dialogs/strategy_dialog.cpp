@@ -9,9 +9,9 @@
 #include <cmath>
 #include <memory>
 
-#include "clustering/interpolation.h"
+#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/workstation.h"

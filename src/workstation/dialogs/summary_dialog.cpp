@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "sorting/sorting_summary.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/workstation.h"

@@ -10,13 +10,13 @@
 #include <QVBoxLayout>
 #include <functional>
 
-#include "displays/voltage_navigation.h"
+#include "displays/voltage/voltage_navigation.h"
 #include "signal/display_scale.h"
-#include "workstation/commands.h"
+#include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
-#include "workstation/graph_windows.h"
-#include "workstation/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

@@ -1,0 +1,125 @@
+#include "clustering/membership.h"
+
+#include "numerics/simd.h"
+
+namespace kestrelvane {
+
+// ---------------------------------------------------------------- counting
+
+namespace {
+
+KESTRELVANE_CLONES std::int32_t count_equal(const std::int32_t* values, std::int64_t n,
+                                            std::int32_t wanted) {
+  std::int32_t count = 0;
+  for (std::int64_t i = 0; i < n; ++i) count += values[i] == wanted;
+  return count;
+}
+
+constexpr std::int64_t scan_block = 64;
+
+KESTRELVANE_CLONES bool block_holds(const std::int32_t* values, std::int32_t wanted) {
+  std::int32_t any = 0;
+  for (std::int64_t i = 0; i < scan_block; ++i) any |= values[i] == wanted;
+  return any != 0;
+}
+
+}  // namespace
+
+std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster) {
+  return count_equal(session.events.event_cluster.first(), session.events.n_events, cluster);
+}
+
+std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster) {
+  const std::int32_t* of = session.events.event_cluster.first();
+  const std::int64_t n = session.events.n_events;
+  std::vector<std::int32_t> list;
+  std::int64_t i = 0;
+  for (; i + scan_block <= n; i += scan_block) {
+    if (!block_holds(of + i, cluster)) continue;
+    for (std::int64_t k = i; k < i + scan_block; ++k) {
+      if (of[k] == cluster) list.push_back(static_cast<std::int32_t>(k + 1));
+    }
+  }
+  for (; i < n; ++i) {
+    if (of[i] == cluster) list.push_back(static_cast<std::int32_t>(i + 1));
+  }
+  return list;
+}
+
+std::vector<std::int32_t> count_events_by_cluster(const session_state& session) {
+  const std::int32_t n = session.clusters.n_clusters;
+  std::vector<std::int32_t> sizes(static_cast<std::size_t>(n) + 1);
+  const std::int32_t* of = session.events.event_cluster.base();
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    // Events of clusters about to be added carry their numbers already.
+    if (of[e] >= 0 && of[e] <= n) ++sizes[static_cast<std::size_t>(of[e])];
+  }
+  return sizes;
+}
+
+std::int32_t count_epoch_events(const session_state& session, std::int32_t cluster,
+                                std::int32_t epoch) {
+  const recording_store& r = session.recording;
+  std::int32_t count = 0;
+  for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    std::int32_t of_event = 1;
+    for (std::int32_t k = 1; k <= r.n_epochs; ++k) {
+      if (r.epoch_first_index[k] < session.events.event_time[e]) of_event = k;
+    }
+    count += of_event == epoch;
+  }
+  return count;
+}
+
+// ---------------------------------------------------------------- limits
+
+void check_cluster_limit(session_state& session) {
+  if (session.clusters.n_clusters <= session.max_clusters) return;
+  tell(session, "Number of clusters has reached upper limit", "Warning!", box_icon::warning);
+  session.clusters.n_clusters = cluster_limit;
+}
+
+bool cluster_can_grow(session_state& session) {
+  if (session.clusters.n_clusters < session.max_clusters) return true;
+  tell(session, "Cannot add new cluster as maximum number has been reached", "Create new cluster",
+       box_icon::warning);
+  return false;
+}
+
+// ---------------------------------------------------------------- records
+
+void clear_cluster_record(session_state& session, std::int32_t cluster) {
+  cluster_table& clusters = session.clusters;
+  template_table& templates = session.templates;
+  clusters.cluster_ellipse[cluster] = {};
+  clusters.cluster_signed_off[cluster] = false;
+  clusters.cluster_tag[cluster] = 0;
+  clusters.cluster_comment[cluster].blank();
+  clusters.cluster_reserved[cluster] = 0.0f;
+  templates.template_n_channels[cluster] = 0;
+}
+
+void blank_cluster_comments(session_state& session) { session.clusters.cluster_comment.clear(); }
+
+float distance_from_centre_squared(const session_state& session, std::int32_t event,
+                                   std::int32_t cluster) {
+  const recording_store& r = session.recording;
+  const std::int32_t channel = session.events.event_channel[event];
+  const float dx = static_cast<float>(r.chan_x[channel]) - session.templates.template_x[cluster];
+  const float dy = static_cast<float>(r.chan_y[channel]) - session.templates.template_y[cluster];
+  return dx * dx + dy * dy;
+}
+
+void compact_subcluster_labels(std::int32_t* labels, std::int64_t n, const std::int32_t* sizes) {
+  std::int32_t map[101];
+  for (std::int32_t k = 0; k <= 100; ++k) map[k] = k;
+  for (std::int32_t k = 1; k <= 100; ++k) {
+    if (sizes[k] != 0) continue;
+    for (std::int32_t above = k + 1; above <= 100; ++above) --map[above];
+  }
+  for (std::int64_t i = 0; i < n; ++i) {
+    if (labels[i] != 0) labels[i] = map[labels[i]];
+  }
+}
+
+}  // namespace kestrelvane

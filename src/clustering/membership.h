@@ -1,0 +1,44 @@
+// Who belongs to whom: the events of a cluster, and what a cluster's record holds.
+//
+// Nothing here moves a cluster number; sorting/cluster_edits.h does. Counts and lists are
+// plain scans over all events. Reading runs on any thread, changing on one at a time.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// Events of a cluster: their number, or their event numbers in ascending order.
+std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster);
+std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster);
+// Events of every cluster in one pass: element c for cluster c, element 0 the unclustered.
+std::vector<std::int32_t> count_events_by_cluster(const session_state& session);
+
+// Events of a cluster inside an epoch; the epoch of a time is the last whose
+// start is below it.
+std::int32_t count_epoch_events(const session_state& session, std::int32_t cluster,
+                                std::int32_t epoch);
+
+// The last net: too many clusters are told and the count is set to 4000.
+void check_cluster_limit(session_state& session);
+// False, with a box, when no cluster can be added.
+bool cluster_can_grow(session_state& session);
+
+// Blanks the comments of all cluster slots.
+void blank_cluster_comments(session_state& session);
+
+// Zeroes the record of a cluster that is about to be made at a slot; cluster_sigma
+// keeps what stands there.
+void clear_cluster_record(session_state& session, std::int32_t cluster);
+
+// Removes empty labels 1..100: sizes[label] counts them; labels are rewritten.
+void compact_subcluster_labels(std::int32_t* labels, std::int64_t n, const std::int32_t* sizes);
+
+// Squared distance of an event's site from the centre of a cluster's template, µm².
+float distance_from_centre_squared(const session_state& session, std::int32_t event,
+                                   std::int32_t cluster);
+
+}  // namespace kestrelvane

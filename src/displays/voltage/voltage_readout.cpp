@@ -1,0 +1,167 @@
+#include "displays/voltage/voltage_readout.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "displays/display_colours.h"
+#include "displays/display_fonts.h"
+#include "displays/voltage/peak_summary.h"
+#include "displays/voltage/voltage_geometry.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t nearest_counts = 4;  // pixels; from there on nothing is found
+
+// The nearest place so far.
+struct nearest_place {
+  std::int32_t distance = 1000;
+  std::int32_t channel = 0, index = 0;
+  float bits = 0.0f;
+
+  void offer(std::int32_t new_distance, std::int32_t new_channel, std::int32_t new_index,
+             float new_bits) {
+    if (new_distance < distance) *this = {new_distance, new_channel, new_index, new_bits};
+  }
+};
+
+// Columns whose place, less two pixels, is nearer to the pointer than the width of a
+// sample: none when last < first.
+struct column_run {
+  std::int32_t first = 1, last = 0;
+};
+
+column_run columns_at_pointer(const session_state& session, const voltage_layout& layout) {
+  column_run run;
+  for (std::int32_t k = 2; k <= layout.n_columns; ++k) {
+    const std::int32_t away = layout.margin + k - 2 - session.view.vd_mouse_x;
+    if (!(static_cast<float>(std::abs(away)) < layout.time_scale)) continue;
+    if (run.last < run.first) run.first = k;
+    run.last = k;
+  }
+  return run;
+}
+
+// The time index that a column stands for.
+std::int32_t index_of_column(const voltage_layout& layout, std::int32_t k) {
+  const double behind = static_cast<double>(k) / layout.time_scale;
+  return static_cast<std::int32_t>(std::min(layout.first_sample + behind, 2147483647.0));
+}
+
+void search_samples(const session_state& session, const voltage_layout& layout,
+                    nearest_place& nearest) {
+  const column_run run = columns_at_pointer(session, layout);
+  if (run.last < run.first) return;
+  const voltage_to_pixels pixels(session);
+  const column_samples all = find_trace_samples(session, layout);
+  column_samples columns = all;  // those of the run alone
+  columns.offset.assign(1, 0);
+  columns.step.assign(1, 0);
+  for (std::int32_t k = run.first; k <= run.last; ++k) {
+    columns.offset.push_back(all.offset[k]);
+    columns.step.push_back(all.step[k]);
+  }
+  std::vector<float> values(columns.offset.size());
+  for (std::int32_t row = layout.first_row; row <= layout.last_row; ++row) {
+    const std::int32_t channel = session.recording.chan_sort_order[row];
+    read_columns(session, layout, columns, channel, values.data());
+    const std::int32_t baseline = row_baseline(layout, row);
+    for (std::int32_t k = run.first; k <= run.last; ++k) {
+      const float bits = values[k - run.first + 1];
+      const std::int32_t away = std::abs(pixels.y(baseline, bits) - session.view.vd_mouse_y);
+      nearest.offer(away, channel, index_of_column(layout, k), bits);
+    }
+  }
+}
+
+// The column under the pointer, sample by sample.
+void search_peaks(const session_state& session, const voltage_layout& layout,
+                  nearest_place& nearest) {
+  const std::int32_t k = session.view.vd_mouse_x - layout.margin + 1;
+  if (k < 1 || k > layout.n_columns) return;
+  const peak_columns columns = find_peak_columns(layout);
+  const std::int64_t first = columns.begin[k], last = columns.begin[k + 1] - 1;
+  if (last < first) return;
+  const voltage_to_pixels pixels(session);
+  for (std::int32_t row = layout.first_row; row <= layout.last_row; ++row) {
+    const std::int32_t channel = session.recording.chan_sort_order[row];
+    const std::int16_t* v = session.recording.vd.channel(channel);
+    const auto [least, greatest] = std::minmax_element(v + first, v + last + 1);
+    for (const std::int16_t* peak : {least, greatest}) {
+      const std::int32_t y = pixels.y(row_baseline(layout, row), *peak);
+      nearest.offer(std::abs(y - session.view.vd_mouse_y), channel,
+                    static_cast<std::int32_t>(peak - v), *peak);
+    }
+  }
+}
+
+// To one decimal, halves upwards; far below zero the last digit is cut instead.
+float rounded_microvolts(float v) {
+  const float tenths = std::clamp(v * 10.0f + 10000.5f, -2e9f, 2e9f);
+  return static_cast<float>(static_cast<std::int32_t>(tenths)) / 10.0f - 1000.0f;
+}
+
+void draw_labels(QPainter& painter) {
+  draw_text(painter, 5, 1,
+            QStringLiteral("Voltage=          µV; Channel #=        ; time=                mins; "
+                           "index="));
+}
+
+void draw_values(QPainter& painter, const voltage_reading& reading) {
+  const auto put = [&](std::int32_t x, const std::string& text) {
+    draw_text(painter, x, 1, QString::fromStdString(text));
+  };
+  put(47, fmt::format("{:6.1f}", reading.microvolts));
+  put(150, fmt::format("{:3}", reading.channel));
+  put(206, fmt::format("{:8.4f}", reading.minutes));
+  put(312, fmt::format("{:10}", reading.index));
+}
+
+}  // namespace
+
+double minutes_of_index(const session_state& session, std::int32_t index, std::int32_t channel) {
+  const recording_store& r = session.recording;
+  if (!r.is_continuous && !session.preferences.treat_as_continuous) {
+    return static_cast<double>(event_record_time_ms(session, index, channel)) / 60000.0;
+  }
+  const double rate = r.file_type == file_type_bin ? r.sampling_frequency_exact
+                                                   : static_cast<double>(r.sampling_frequency);
+  return rate > 0 ? index / (rate * 60.0) : 0.0;
+}
+
+voltage_reading read_voltage_at_pointer(session_state& session) {
+  voltage_reading reading;
+  if (session.recording.n_samples == 0) return reading;
+  const voltage_layout layout = lay_out_voltage(session);
+  nearest_place nearest;
+  if (keeps_peaks(session)) {
+    search_peaks(session, layout, nearest);
+  } else {
+    search_samples(session, layout, nearest);
+  }
+  reading.distance = nearest.distance;
+  reading.found = nearest.distance < nearest_counts;
+  if (!reading.found) return reading;
+  reading.channel = nearest.channel;
+  reading.index = nearest.index;
+  reading.microvolts = rounded_microvolts(nearest.bits * session.recording.vscale_HP);
+  reading.minutes = minutes_of_index(session, nearest.index, nearest.channel);
+  return reading;
+}
+
+void draw_readout(session_state& session, QPainter& painter, const voltage_reading& reading) {
+  const bool reversed = session.view.vd_reverse_contrast;
+  painter.save();
+  painter.fillRect(5, 2, 376, 15, colour_of_word(reversed ? 0 : 0xF2F2F2));
+  use_font(session, painter, "t'Arial'h16w5");
+  painter.setPen(colour_of_word(reversed ? 0xFFFFFF : 0xFF));
+  draw_labels(painter);
+  if (reading.found) draw_values(painter, reading);
+  painter.restore();
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,421 @@
+#include "operations/autosort.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "clustering/membership.h"
+#include "clustering/realignment.h"
+#include "clustering/splitting.h"
+#include "detection/detected_events.h"
+#include "detection/event_cleanup.h"
+#include "detection/lockout_detector.h"
+#include "detection/proto_events.h"
+#include "detection/sample_test.h"
+#include "session/template_window.h"
+#include "signal/thresholds.h"
+#include "sorting/channel_clusters.h"
+#include "sorting/cluster_edits.h"
+#include "sorting/duplicates.h"
+#include "sorting/merge_split.h"
+#include "sorting/status_lists.h"
+
+namespace kestrelvane {
+
+namespace {
+
+using clock = std::chrono::steady_clock;
+
+// Minutes since the start, cut to hundredths.
+double minutes_since(clock::time_point begin) {
+  const double seconds = std::chrono::duration<double>(clock::now() - begin).count();
+  return std::trunc(seconds / 60.0 * 100.0) / 100.0;
+}
+
+void show_time(session_state& session, clock::time_point begin) {
+  set_status(session, status_field::elapsed_time, fmt::format("{:.2f}", minutes_since(begin)));
+}
+
+std::string count_of_clusters(std::int32_t n) {
+  return n == 1 ? fmt::format("{} cluster found", n) : fmt::format("{} clusters found", n);
+}
+
+// ---------------------------------------------------------------- detection
+
+void clear_events(session_state& session) {
+  event_table& events = session.events;
+  events.event_cluster.clear();
+  events.event_channel.clear();
+  events.event_subcluster.clear();
+  events.event_time.clear();
+  events.event_shift.clear();
+  clear_detected_events(session);
+}
+
+void say_thresholds(session_state& session) {
+  const detection_settings& d = session.detection;
+  if (d.threshold_mode == -1) {
+    say(session, fmt::format("Detecting events with fixed threshold ={}", d.fixed_threshold_uv));
+  } else if (d.threshold_mode == 1) {
+    say(session, "Detecting events with automatic thresholding");
+    compute_auto_thresholds(session);
+  } else {
+    say(session, fmt::format("Detecting events with variable threshold ={} x noise level",
+                             d.variable_multiplier));
+  }
+  say(session,
+      fmt::format("Event detection method is {}", detection_method_name(d.detection_method)));
+}
+
+// One try with the method selected; false when the run must end.
+bool run_detector(session_state& session) {
+  if (session.detection.use_lockout) {
+    detect_events_lockout(session);
+    return true;
+  }
+  return detect_events_proto(session) == detection_end::done;
+}
+
+void remove_unwanted_events(session_state& session) {
+  log_message(session, "Removing any coincident events, please wait ...");
+  const std::int32_t coincident = delete_coincident_events(session);
+  log_message(session, " finished!");
+  say(session, fmt::format("{} coincident events were removed from the record", coincident));
+  if (session.detection.delete_large_events) {
+    const std::int32_t large = delete_large_events(session);
+    say(session, fmt::format("{} large events were removed from the record", large));
+  }
+  keep_detected_times(session);
+}
+
+bool detect_all_events(session_state& session, clock::time_point begin) {
+  begin_stage(session, "detection");
+  for (;;) {
+    clear_events(session);
+    show_time(session, begin);
+    say_thresholds(session);
+    if (!run_detector(session)) return false;
+    if (!session.detector.detection_incomplete || session.detection.use_lockout) break;
+    // An interrupted scan keeps what it found; a full table calls for the other
+    // method.
+    if (autosort_interrupted(session)) break;
+    say(session, "Incomplete event detection; repeating detection with STL lockout");
+    tell(session, "Repeating event detection with Spatio-temporal lockout",
+         "Incomplete event detection", box_icon::warning);
+    session.detection.use_lockout = true;
+  }
+  set_progress(session, meter::detection, 1000, 1000);
+  if (session.events.n_events == 0) {
+    say(session, "Autosort terminated because no events were detected");
+    tell(session, "No events detected: use lower threshold", "Autosort", box_icon::warning);
+    return false;
+  }
+  remove_unwanted_events(session);
+  say(session, fmt::format("{} events were detected", session.events.n_events));
+  refresh_displays(session);
+  show_time(session, begin);
+  set_status(session, status_field::events_found, std::to_string(session.events.n_events));
+  return true;
+}
+
+// ---------------------------------------------------------------- first clusters
+
+void make_first_clusters(session_state& session) {
+  begin_stage(session, "channel-clusters");
+  set_status(session, status_field::events_found, std::to_string(session.events.n_events));
+  form_channel_clusters(session);
+  const std::int32_t n = session.clusters.n_clusters;
+  set_status(session, status_field::clusters_found, std::to_string(n));
+  say(session,
+      fmt::format("Events clustered based on channel assignments; {} initial clusters", n));
+  if (session.strategy.realign_after_channel_clusters) {
+    log_message(session, " Realigning all clusters ... ");
+    set_status(session, status_field::message,
+               "Realigning all clusters after channel-based clustering");
+    log_message(session, "Realigning all clusters");
+    realign_all_clusters(session);
+    log_message(session, "finished");
+  }
+}
+
+// ---------------------------------------------------------------- first pass
+
+// Splits the clusters of a work list; false when the run was stopped. Deleting a
+// cluster renumbers the entries behind it.
+bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& list,
+                           clock::time_point begin) {
+  cluster_table& clusters = session.clusters;
+  std::size_t at = 0;
+  while (at < list.size()) {
+    const std::int32_t nc = list[at];
+    clusters.current_cluster = nc;
+    set_status(session, status_field::current_cluster,
+               fmt::format("Now on cluster {} of {}: {} events", nc, clusters.n_clusters,
+                           count_cluster_events(session, nc)));
+    const split_outcome outcome = split_cluster(session, nc);
+    bool deleted = false;
+    if (count_cluster_events(session, nc) < session.strategy.min_cluster_size) {
+      delete_cluster(session, nc);
+      list.erase(list.begin() + static_cast<std::ptrdiff_t>(at));
+      for (std::int32_t& later : list) later -= later > nc;
+      deleted = true;
+    }
+    show_time(session, begin);
+    set_progress(session, meter::clusters, nc * 100 / std::max(1, clusters.n_clusters), 100);
+    if (outcome.limit_reached) session.autosort.max_clusters_reached = true;
+    if (outcome.limit_reached || autosort_interrupted(session)) return false;
+    pause_point(session);
+    if (!deleted) ++at;
+  }
+  return true;
+}
+
+// Splits until every cluster is signed off.
+void first_pass(session_state& session, clock::time_point begin) {
+  cluster_table& clusters = session.clusters;
+  session.operation.pause_requested = false;
+  clusters.cluster_signed_off.clear();
+  const std::int32_t old_current = clusters.current_cluster;
+  for (;;) {
+    std::vector<std::int32_t> list;
+    for (std::int32_t c = 1; c <= clusters.n_clusters; ++c) {
+      if (!clusters.cluster_signed_off[c]) list.push_back(c);
+    }
+    if (list.empty() || !split_listed_clusters(session, list, begin)) break;
+  }
+  clusters.current_cluster = std::min(old_current, clusters.n_clusters);
+  if (session.operation.autosort_interrupt) {
+    say(session, "User terminated autosort");
+    tell(session, "Autosort terminated by user", "Autosort", box_icon::information);
+  }
+}
+
+// ---------------------------------------------------------------- after the first pass
+
+void remove_first_pass_duplicates(session_state& session) {
+  const std::int32_t n = remove_duplicate_events(session, true);
+  if (n == 0) {
+    set_status(session, status_field::message, "No duplicate events after 1st pass");
+    log_message(session, "No duplicate events found after 1st pass");
+  } else if (n == 1) {
+    say(session, "One duplicate event was removed after 1st pass");
+  } else {
+    say(session, fmt::format("{} duplicate events were removed after 1st pass", n));
+  }
+}
+
+void delete_small_clusters(session_state& session) {
+  log_message(session, "Deleting any clusters < threshold size ...");
+  session.lists.n_kv_pairs = 0;
+  const std::int32_t size = session.strategy.min_cluster_size;
+  std::int32_t deleted = 0;
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters;) {
+    if (count_cluster_events(session, c) < size) {
+      delete_cluster(session, c);
+      ++deleted;
+    } else {
+      ++c;
+    }
+  }
+  log_message(session, " finished");
+  if (deleted == 1) {
+    say(session, fmt::format("One cluster with <{} members was removed", size));
+  } else if (deleted > 1) {
+    say(session, fmt::format("{} clusters with <{} members were removed", deleted, size));
+  }
+}
+
+void align_after_first_pass(session_state& session) {
+  log_message(session, "Aligning templates ...");
+  realign_all_clusters(session);
+  session.clusters.current_cluster = 1;
+  log_message(session, "finished");
+}
+
+// ---------------------------------------------------------------- pairs
+
+void build_lists(session_state& session) {
+  begin_stage(session, "lists");
+  log_message(session, "Making status lists ... ");
+  build_status_lists(session);
+  set_status(session, status_field::stable_clusters,
+             std::to_string(count_stable_clusters(session)));
+}
+
+void report_last_merges(session_state& session, std::int32_t n) {
+  if (n == 0) {
+    log_message(session, "Finished final merging check, no merges made");
+  } else if (n == 1) {
+    log_message(session, "Finished final merging check, 1 merge made");
+  } else {
+    log_message(session, fmt::format("Finished final merging check,{} merges made", n));
+  }
+}
+
+// The rounds of merging; false when interrupted.
+bool run_merge_rounds(session_state& session) {
+  const bool merge = session.strategy.merge_safe_pairs;
+  const bool split = session.strategy.merge_split_pairs;
+  begin_stage(session, "merge-and-split");
+  if (merge) automerge_safe_pairs(session, 0, 20);
+  if (autosort_interrupted(session)) return false;
+  if (split) {
+    session.autosort.autosort_pair_stage = true;
+    merge_split_pairs_pass(session, 20, 120);
+  }
+  if (autosort_interrupted(session)) return false;
+  if (merge) automerge_safe_pairs(session, 120, 130);
+  if (autosort_interrupted(session)) return false;
+  begin_stage(session, "final-check");
+  if (split) final_split_check(session, 130, 140);
+  if (autosort_interrupted(session)) return false;
+  log_message(session, "Doing final search for merges ...");
+  if (merge) report_last_merges(session, automerge_safe_pairs(session, 140, 150));
+  return !autosort_interrupted(session);
+}
+
+// ---------------------------------------------------------------- ends
+
+void leave_pair_stage(session_state& session) {
+  session.autosort.autosort_pair_stage = false;
+  session.lists.kv_user_ambiguous.clear();
+}
+
+bool end_interrupted(session_state& session) {
+  leave_pair_stage(session);
+  tell(session, "Autosort interrupted by user!", "Autosort", box_icon::information);
+  say(session, "User terminated autosort");
+  return false;
+}
+
+bool end_finished(session_state& session, clock::time_point begin) {
+  set_progress(session, meter::merge_and_sort, 150, 150);
+  session.clusters.current_cluster = session.clusters.n_clusters > 0 ? 1 : 0;
+  leave_pair_stage(session);
+  const std::int32_t n = session.clusters.n_clusters;
+  say(session, count_of_clusters(n));
+  const std::int32_t stable = count_stable_clusters(session);
+  set_status(session, status_field::stable_clusters, std::to_string(stable));
+  const double minutes = minutes_since(begin);
+  if (minutes < 0.0) {
+    log_message(session, fmt::format("Error: -ve r_time derived from {} {}",
+                                     begin.time_since_epoch().count(),
+                                     clock::now().time_since_epoch().count()));
+  }
+  show_time(session, begin);
+  say(session, fmt::format("Finished autosort. Total time taken={:.2f} minutes", minutes));
+  if (session.autosort.max_clusters_reached) {
+    tell(session,
+         "You are at, or close to, the maximum number of clusters the program can support. "
+         "Autosort did not complete.",
+         "Warning!", box_icon::warning);
+  } else if (stable == n) {
+    tell(session, "Finished Autosort!", "Done!", box_icon::information);
+  } else {
+    tell(session, "Finished Autosort, now do Guided Merge", "Done!", box_icon::information);
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------- the road
+
+bool can_start(session_state& session) {
+  if (session.strategy.skip_event_detection && session.events.n_events == 0) {
+    tell(session, "There are no events, turn event detection back on", "Autosort",
+         box_icon::warning);
+    return false;
+  }
+  if (session.strategy.skip_clustering && session.clusters.n_clusters == 0) {
+    tell(session, "There are no clusters, turn clustering back on", "Autosort", box_icon::warning);
+    return false;
+  }
+  return true;
+}
+
+void set_run_flags(session_state& session) {
+  session.strategy.remove_duplicates_after_first_pass = true;
+  session.strategy.realign_after_channel_clusters = true;
+  session.strategy.template_shift_on = true;
+  session.autosort.next_stage_requested = true;
+  session.autosort.max_clusters_reached = false;
+  session.autosort.autosort_pair_stage = false;
+  session.operation.detection_interrupted = false;
+  session.multi_threaded_now = session.preferences.multi_threaded;
+}
+
+enum class road { go_on, ended_well, ended_early };
+
+// From the first clusters to the aligned templates of the first pass.
+road cluster_events(session_state& session, clock::time_point begin) {
+  if (!session.strategy.skip_clustering) make_first_clusters(session);
+  if (session.autosort.stop_after == stop_after_channel_clusters) return road::ended_well;
+  show_time(session, begin);
+  begin_stage(session, "first-pass");
+  first_pass(session, begin);
+  show_time(session, begin);
+  if (session.operation.autosort_interrupt) {
+    say(session, "User terminated autosort");
+    return road::ended_early;
+  }
+  say(session,
+      fmt::format("Finished first pass. Time so far ={:.2f} minutes", minutes_since(begin)));
+  say(session, count_of_clusters(session.clusters.n_clusters));
+  if (session.strategy.remove_duplicates_after_first_pass) remove_first_pass_duplicates(session);
+  delete_small_clusters(session);
+  if (session.clusters.n_clusters < 2) return road::ended_well;
+  if (autosort_interrupted(session)) {
+    end_interrupted(session);
+    return road::ended_early;
+  }
+  align_after_first_pass(session);
+  if (autosort_interrupted(session)) {
+    end_interrupted(session);
+    return road::ended_early;
+  }
+  return session.autosort.stop_after == stop_after_first_pass ? road::ended_well : road::go_on;
+}
+
+}  // namespace
+
+bool autosort(session_state& session) {
+  if (!can_start(session)) return false;
+  set_run_flags(session);
+  const clock::time_point begin = clock::now();
+  say(session, "Beginning autosort");
+  set_progress(session, meter::detection, 0, 1000);
+  set_progress(session, meter::merge_and_sort, 0, 150);
+  const bool detect = !session.strategy.skip_event_detection;
+  const bool cluster = !session.strategy.skip_clustering;
+  if (detect || cluster) {
+    clear_status_lists(session);
+    blank_cluster_comments(session);
+  }
+  if (detect && !detect_all_events(session, begin)) return false;
+  if (session.autosort.stop_after == stop_after_detection) return true;
+  if (detect || cluster) {
+    const road way = cluster_events(session, begin);
+    if (way != road::go_on) return way == road::ended_well;
+  }
+  build_lists(session);
+  if (session.autosort.stop_after == stop_after_lists) return true;
+  if (!run_merge_rounds(session)) return end_interrupted(session);
+  return end_finished(session, begin);
+}
+
+bool leave_autosort(session_state& session, float window_start_ms, float window_end_ms) {
+  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) return true;
+  const bool changed = session.strategy.template_window_start_ms != window_start_ms ||
+                       session.strategy.template_window_end_ms != window_end_ms;
+  if (!changed || session.clusters.n_clusters == 0) return false;
+  set_status(session, status_field::message,
+             "Spikes are being realigned and templates\r\nrecalculated because the spike window "
+             "was\r\nchanged");
+  compute_template_points(session);
+  realign_all_clusters(session);
+  set_status(session, status_field::message, "Finished ... press OK to continue");
+  return false;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,322 @@
+#include "operations/open_recording.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+
+#include "clustering/realignment.h"
+#include "clustering/templates.h"
+#include "files/input_file.h"
+#include "operations/recovery.h"
+#include "recording/channel_masks.h"
+#include "recording/electrode_config.h"
+#include "recording/formats/open_ephys.h"
+#include "recording/recent_files.h"
+#include "recording/recording_formats.h"
+#include "recording/site_tables.h"
+#include "session/template_window.h"
+#include "signal/display_scale.h"
+#include "signal/noise.h"
+#include "signal/thresholds.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int32_t bar_range = 115;
+
+// Says why a path cannot be opened; true when it can.
+bool check_readable(session_state& session, const std::string& path) {
+  constexpr const char* title = "Open file failed";
+  if (!file_exists(path)) {
+    tell(session, "Can't find file " + path, title);
+    return false;
+  }
+  input_file probe;
+  if (open_input_file(probe, path)) return true;
+  tell(session, fmt::format("Can't open file {}: {}", path, probe.problem), title);
+  return false;
+}
+
+// A folder stands for the recording in it; anything else for itself.
+std::string recording_of_folder(session_state& session, const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(path, ignored)) return path;
+  const std::string inside = find_structure_file(session, path);
+  return inside.empty() ? path : inside;
+}
+
+void remember_recent(session_state& session, const std::string& path) {
+  if (session.home_directory.empty()) return;
+  std::error_code ignored;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
+  recent_files recent = read_recent_files(session);
+  promote_recent_file(recent, absolute.empty() ? path : absolute.string());
+  write_recent_files(session, recent);
+}
+
+void report_unknown_type(session_state& session, std::int32_t earlier_type) {
+  session.recording.file_type = earlier_type;
+  tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+}
+
+// Channels of an .mcd file are named by their place, so a configuration that happens to
+// lie beside it may not be meant; one that the user has named is.
+bool declines_configuration(session_state& session, const recording_format& format) {
+  return format.code == file_type_mcd && session.named_config.empty() &&
+         !config_file_beside(session.recording.open_path).empty() &&
+         !ask(session, "An electrode configuration file exists for this recording, use it?",
+              "Electrode channels");
+}
+
+// The electrode configuration of a format that wants one; false when the user would
+// rather not go on without.
+bool find_configuration(session_state& session, const recording_format& format) {
+  if (format.configuration == config_use::none || declines_configuration(session, format) ||
+      load_configuration(session)) {
+    return true;
+  }
+  return format.configuration == config_use::wanted ||
+         ask(session, "Cannot find electrode configuration file, continue anyway?", "Warning");
+}
+
+// True, after the log line, when the user has asked to stop.
+bool stopped_by_user(session_state& session) {
+  if (!reading_interrupted(session)) return false;
+  log_message(session, "Reading interrupted");
+  return true;
+}
+
+// The format's own part: reset, banner, configuration, reader, and its words on failure.
+bool read_format(session_state& session) {
+  const recording_format* format = find_recording_format(session.recording.file_type);
+  // The path outlives the reset; a copy, since readers may change open_path.
+  const std::string path = session.recording.open_path;
+  reset_session(session);
+  if (format == nullptr) {
+    tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+    return false;
+  }
+  if (format->read == nullptr) {
+    const std::string extensions = format->extensions;
+    const std::string title = format->failure_title;
+    tell(session,
+         fmt::format("Sorry, {} format support is not fully implemented yet",
+                     extensions.substr(0, extensions.find(' '))),
+         title.empty() ? "Open a recording file" : title, box_icon::information);
+    return false;
+  }
+  if (format->banner[0] != '\0') log_message(session, format->banner);
+  if (!find_configuration(session, *format)) return false;
+  const bool good = format->read(session, path);
+  // Whoever stopped it knows why there is no recording.
+  if (stopped_by_user(session)) return false;
+  if (good) return true;
+  if (format->failure_text[0] != '\0') {
+    tell(session, format->failure_text, format->failure_title);
+  }
+  return false;
+}
+
+// Tables of the sites, and what a file does not tell: row distance and display order.
+void settle_geometry(session_state& session) {
+  recording_store& r = session.recording;
+  build_site_tables(session);
+  if (r.file_type == file_type_tsf) return;
+  compute_site_pitch(session);
+  constexpr float scan_angle = 1.0f;  // degrees: across rows and down the shank
+  if (r.chan_sort_order[1] == 0) sort_channels(session, scan_angle);
+}
+
+// Templates of the clusters that came with the file. A unit number without events has
+// none, but no cluster may be without a channel.
+void make_file_templates(session_state& session) {
+  const std::int32_t n = session.clusters.n_clusters;
+  compute_template_points(session);
+  for (std::int32_t c = 1; c <= n; ++c) {
+    if (session.templates.template_n_channels[c] > 0) continue;
+    session.templates.template_n_channels[c] = 1;
+    session.templates.channels(c)[1] = 1;
+  }
+  // A window that reaches out of vd is shortened later, and the templates are made then.
+  if (n == 0 || session.recording.clusters_are_planted || !spike_window_is_readable(session)) {
+    return;
+  }
+  const bool tells = session.recording.file_type == file_type_tsf;
+  if (tells) log_message(session, "Making templates");
+  calculate_all_templates(session);
+  if (tells) log_message(session, "Finished making templates");
+}
+
+void name_recording(session_state& session) {
+  recording_store& r = session.recording;
+  r.recording_path = r.open_path;
+  session.operation.open_succeeded = true;
+  std::string name = file_name_of(r.recording_path);
+  if (r.show_config_in_title) name += " + " + r.config_path;
+  set_frame_title(session, "Kestrelvane  -  " + name);
+}
+
+std::string frequency_text(const recording_store& r) {
+  if (r.file_type == file_type_bin) return fmt::format("{:.12g}", r.sampling_frequency_exact);
+  return fmt::format("{}", r.sampling_frequency);
+}
+
+void measure_recording(session_state& session) {
+  recording_store& r = session.recording;
+  set_progress(session, meter::reading, 110, bar_range);
+  log_message(session, "Calculating channel noise values");
+  compute_noise(session);
+  r.recording_filtered = false;
+  session.filter_history.n_entries = 0;
+  set_fixed_threshold_bits(session);
+  compute_duration(session);
+  log_message(session, fmt::format("Recording duration = {:.2f} mins", r.duration_mins));
+  log_message(session, fmt::format("# of voltage samples per channel = {}", r.n_samples));
+  log_message(session, fmt::format("# of events saved in file = {}", session.events.n_events));
+  log_message(session, fmt::format("Sampling frequency = {} Hz", frequency_text(r)));
+}
+
+void check_spike_window(session_state& session) {
+  const bool shortened = shorten_spike_window(session);
+  compute_template_points(session);
+  if (!shortened || session.clusters.n_clusters == 0) return;
+  log_message(session, "Recalculating templates and realigning");
+  realign_all_clusters(session);
+}
+
+// Rows as high as the window and the number of channels suggest.
+void choose_channel_spacing(session_state& session) {
+  const recording_store& r = session.recording;
+  std::int32_t& spacing = session.display.vd_channel_spacing;
+  if (r.file_type == file_type_ntt) {
+    spacing = 60;
+  } else if (r.n_channels > 16) {
+    spacing = 20;
+  } else {
+    const std::int32_t height = session.preferences.voltage_window_size[1];
+    spacing = std::clamp((height - 80) / std::max(r.n_channels, 1), 1, 500);
+  }
+}
+
+void show_from_start(session_state& session) {
+  choose_channel_spacing(session);
+  reset_voltage_view(session);
+  find_start_of_signal(session);
+  autoscale_voltage_display(session);
+}
+
+void finish_open(session_state& session) {
+  set_progress(session, meter::reading, 112, bar_range);
+  if (session.preferences.log_file_enabled) open_log_file(session);
+  log_message(session, "Finished reading recording file!");
+  log_message(session, "");
+  if (session.recording.file_type != file_type_tsf) read_mask_file(session);
+  refresh_displays(session);
+  set_progress(session, meter::reading, bar_range, bar_range);
+  read_state_after_open(session);
+  session.operation.reader_running = false;
+}
+
+void abort_open(session_state& session) {
+  const std::string path = session.recording.open_path;
+  session.operation.reader_running = false;
+  session.operation.open_succeeded = false;
+  reset_session(session);
+  reset_voltage_view(session);
+  session.recording.vd.release();
+  set_frame_title(session, "Kestrelvane");
+  refresh_displays(session);
+  log_message(session, "Aborting read of " + path);
+  log_message(session, "");
+}
+
+}  // namespace
+
+void classify_path(session_state& session) {
+  session.recording.file_type = classify_extension(session.recording.open_path);
+}
+
+bool prepare_open_recording(session_state& session, const std::string& path,
+                            std::int32_t chosen_code) {
+  if (session.recording.n_samples > 0 && !ask(session, overwrite_question, overwrite_title)) {
+    return false;
+  }
+  return prepare_chosen_recording(session, path, chosen_code);
+}
+
+bool prepare_chosen_recording(session_state& session, const std::string& chosen_path,
+                              std::int32_t chosen_code) {
+  const std::string path = recording_of_folder(session, chosen_path);
+  recording_store& r = session.recording;
+  const std::int32_t earlier_type = r.file_type;
+  const std::string earlier_path = r.open_path;
+  r.open_path = path;
+  r.file_type = chosen_code;
+  if (chosen_code == file_type_unknown) classify_path(session);
+  if (r.file_type == file_type_unknown) {
+    r.open_path = earlier_path;
+    report_unknown_type(session, earlier_type);
+    return false;
+  }
+  if (!check_readable(session, path)) {
+    r.open_path = earlier_path;
+    r.file_type = earlier_type;
+    return false;
+  }
+  remember_recent(session, path);
+  return true;
+}
+
+bool prepare_open_recent(session_state& session, std::size_t entry) {
+  const recent_files recent = read_recent_files(session);
+  if (entry >= recent.paths.size()) return false;
+  const std::string& path = recent.paths[entry];
+  if (!check_readable(session, path)) return false;
+  recording_store& r = session.recording;
+  const std::int32_t code = classify_extension(path, true);
+  if (code == file_type_unknown) {
+    report_unknown_type(session, r.file_type);
+    return false;
+  }
+  r.open_path = path;
+  r.file_type = code;
+  remember_recent(session, path);
+  return true;
+}
+
+bool open_recording_worker(session_state& session) {
+  session.multi_threaded_now = session.preferences.multi_threaded;
+  session.operation.reader_running = true;
+  session.operation.open_succeeded = false;
+  session.operation.reading_interrupted = false;
+  begin_stage(session, "reading");
+  set_status(session, status_field::file_name, session.recording.open_path);
+  if (session.log.n_log_lines > 0) log_message(session, "");
+  set_progress(session, meter::reading, 0, bar_range);
+  if (!read_format(session)) {
+    abort_open(session);
+    return false;
+  }
+  settle_geometry(session);
+  make_file_templates(session);
+  name_recording(session);
+  measure_recording(session);
+  if (stopped_by_user(session)) {
+    abort_open(session);
+    return false;
+  }
+  check_spike_window(session);
+  show_from_start(session);
+  finish_open(session);
+  return true;
+}
+
+bool open_recording(session_state& session, const std::string& path) {
+  return prepare_open_recording(session, path) && open_recording_worker(session);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,115 @@
+#include "operations/program_run.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "files/input_file.h"
+#include "operations/open_recording.h"
+#include "operations/recovery.h"
+#include "session/run_log.h"
+#include "session/settings_files.h"
+
+namespace kestrelvane {
+
+namespace {
+
+bool has_home_file(const session_state& session, const char* name) {
+  return !session.home_directory.empty() && file_exists(session.home_directory + '/' + name);
+}
+
+void remove_home_file(const session_state& session, const char* name) {
+  if (session.home_directory.empty()) return;
+  std::error_code ignored;
+  std::filesystem::remove(session.home_directory + '/' + name, ignored);
+}
+
+// The first save of this run takes the place of a state that nobody was asked about; that
+// one is put aside.
+void keep_earlier_state(session_state& session) {
+  if (!has_home_file(session, autorecover_file_name)) return;
+  std::error_code failed;
+  std::filesystem::rename(session.home_directory + '/' + autorecover_file_name,
+                          session.home_directory + '/' + earlier_state_name, failed);
+  if (failed) return;
+  log_message(session, std::string("The state that an earlier run saved is kept as work file ") +
+                           earlier_state_name);
+}
+
+// The recording of the command line. False when there is no such file, and the questions
+// about earlier runs follow.
+bool open_argument(session_state& session, const std::string& argument) {
+  if (argument.empty() || !file_exists(argument)) return false;
+  // A state file may be opened from another directory than this one.
+  std::error_code ignored;
+  const std::string absolute = std::filesystem::absolute(argument, ignored).string();
+  session.recording.open_path = absolute.empty() ? argument : absolute;
+  classify_path(session);
+  if (session.recording.file_type == file_type_unknown) {
+    tell(session, "Unrecognised file type in command line", "Open a recording file",
+         box_icon::information);
+    return true;
+  }
+  open_recording_worker(session);
+  if (session.recording.n_samples > 0) keep_earlier_state(session);
+  save_autorecover(session);
+  return true;
+}
+
+// What was resumed stands in for the timed save until there is one, so that a crash
+// before then costs nothing.
+void turn_into_recovery_file(const session_state& session) {
+  std::error_code failed;
+  std::filesystem::rename(session.home_directory + '/' + restart_file_name,
+                          session.home_directory + '/' + autorecover_file_name, failed);
+  if (failed) remove_home_file(session, restart_file_name);
+}
+
+// A state that was wanted and could not be read is kept for a run that has more luck; No
+// is the way to be rid of it.
+void offer_restart(session_state& session) {
+  if (!ask(session, "Resume previous state?", "Kestrelvane")) {
+    remove_home_file(session, restart_file_name);
+  } else if (open_restart(session)) {
+    turn_into_recovery_file(session);
+  }
+}
+
+// False when the state was to be kept and could not be written.
+bool offer_to_keep_state(session_state& session) {
+  if (session.recording.n_samples <= 0 || session.home_directory.empty()) return true;
+  if (!ask(session, "Save program state for next time?", "Exit Kestrelvane")) return true;
+  if (save_restart(session)) return true;
+  tell(session, std::string("Failed to save file ") + restart_file_name, "Exit Kestrelvane");
+  return false;
+}
+
+}  // namespace
+
+bool open_at_start(session_state& session, const std::string& argument) {
+  if (!open_argument(session, argument)) {
+    if (has_home_file(session, restart_file_name)) {
+      offer_restart(session);
+    } else {
+      remove_home_file(session, autorecover_temporary_name);
+      if (has_home_file(session, autorecover_file_name) &&
+          ask(session, "Recover information from previous run?", "Kestrelvane crash recovery")) {
+        open_autorecover(session);
+      }
+    }
+  }
+  return session.recording.n_samples > 0;
+}
+
+void end_session(session_state& session) {
+  // The recovery file goes last: a machine that dies before the answer, or a disk that
+  // takes no more, leaves the next run something to offer.
+  if (offer_to_keep_state(session)) remove_home_file(session, autorecover_file_name);
+  remove_home_file(session, autorecover_temporary_name);
+  if (session.preferences.log_file_enabled) close_log_file(session);
+  write_parameters(session);
+  write_preferences(session);
+}
+
+void forget_restart(session_state& session) { remove_home_file(session, restart_file_name); }
+
+}  // namespace kestrelvane

@@ -1,0 +1,217 @@
+#include "operations/recovery.h"
+
+#include <fmt/format.h>
+
+#include "files/input_file.h"
+#include "operations/open_recording.h"
+#include "results/work_file.h"
+#include "session/logical.h"
+#include "session/run_log.h"
+#include "signal/display_scale.h"
+#include "signal/filter_chain.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::int64_t label_bytes = 24;  // in front of the path in a work file
+
+// One of the two state files, and what is said while it is opened.
+struct state_file {
+  const char* name;
+  logical recovery_state::*resuming;
+  const char* ends_early;  // whole; null: as a file that cannot be opened
+  const char* reading;
+  const char* success;
+  const char* declined;  // before the name
+  const char* failed;    // before the name
+  bool tells_status;     // and behind it the two outcomes of the read: done, declined
+  // After No to the filters. A crash was not the user's wish, so recovery forgets nothing.
+  bool keeps_history;
+};
+
+constexpr state_file restart_state{restart_file_name,
+                                   &recovery_state::resuming_restart,
+                                   nullptr,
+                                   "Resuming previous state",
+                                   "Resumption was successful",
+                                   "Bad resume file name ",
+                                   "Resume failed; error reading ",
+                                   true,
+                                   false};
+
+constexpr state_file autorecover_state{autorecover_file_name,
+                                       &recovery_state::resuming_autorecover,
+                                       "Autorecover failed; early end to file kv_autorecover.sav",
+                                       "Reading autorecover file",
+                                       "Autorecover successfull",
+                                       "Autorecover failed; bad file name ",
+                                       "Autorecover failed; error reading ",
+                                       false,
+                                       true};
+
+std::string home_file(const session_state& session, const char* name) {
+  return session.home_directory + '/' + name;
+}
+
+// ---------------------------------------------------------------- saving
+
+// Both files are written under one temporary name, which start-up clears away: the gate
+// is held, and so there is never more than one save at a time.
+bool save_state(session_state& session, const state_file& file) {
+  if (session.home_directory.empty()) return false;
+  const session_hold hold(session);
+  if (session.recording.n_samples <= 0) return false;
+  // A reader that asks the user lets others have the gate; half a recording is no state.
+  if (session.operation.reader_running) return false;
+  session.operation.autorecover_busy = true;
+  const bool saved = write_work_file(session, home_file(session, file.name),
+                                     home_file(session, autorecover_temporary_name));
+  session.operation.autorecover_busy = false;
+  return saved;
+}
+
+// ---------------------------------------------------------------- opening
+
+// The recording that a state file was made from; false after the words that say why.
+bool read_recording_path(session_state& session, const state_file& file, std::string& path) {
+  input_file in;
+  text256 text;
+  const bool opened =
+      !session.home_directory.empty() && open_input_file(in, home_file(session, file.name));
+  if (opened && read_at(in, label_bytes, &text, sizeof text)) {
+    path = text.view();
+    return true;
+  }
+  log_message(session, opened && file.ends_early != nullptr
+                           ? file.ends_early
+                           : std::string("Failed to read file ") + file.name);
+  return false;
+}
+
+// The open of a state file, from the path in it to recording and state in memory.
+bool open_state(session_state& session, const state_file& file) {
+  std::string path;
+  if (!read_recording_path(session, file, path)) return false;
+  session.recording.open_path = path;
+  classify_path(session);
+  if (!file_exists(path)) {
+    tell(session, fmt::format("The data file in {} cannot be found", file.name),
+         "Open a recording file");
+    write_run_log_window(session, "Looking for " + path);
+    return false;
+  }
+  write_run_log_window(session, "Restarting with " + path);
+  session.recovery = {};
+  session.recovery.*file.resuming = true;
+  const bool opened = open_recording_worker(session);
+  const bool state_read = !(session.recovery.*file.resuming);
+  session.recovery = {};
+  return opened && state_read;
+}
+
+// ---------------------------------------------------------------- the state
+
+bool samples_were_filtered(const session_state& session) {
+  return session.recording.recording_filtered || session.filter_history.n_entries > 0;
+}
+
+// What the state file said of filters is repeated over the samples just read, when the
+// user wants it. The samples are unfiltered until then.
+void offer_filters(session_state& session, const state_file& file) {
+  if (!samples_were_filtered(session)) return;
+  session.recording.recording_filtered = false;
+  if (ask(session, "Repeat previous filtering?", "Kestrelvane")) {
+    repeat_filtering(session);
+    autoscale_voltage_display(session);
+  } else if (!file.keeps_history) {
+    session.filter_history.n_entries = 0;
+  }
+}
+
+void say_not_read(session_state& session, const state_file& file, bool wrong_file) {
+  std::string words = std::string(wrong_file ? file.declined : file.failed) + file.name;
+  if (!wrong_file && file.tells_status) words += " 0 0";  // neither read nor declined
+  log_message(session, words);
+}
+
+void read_state(session_state& session, const state_file& file) {
+  log_message(session, file.reading);
+  bool wrong_file = false;
+  if (!read_work_file(session, home_file(session, file.name), wrong_file)) {
+    say_not_read(session, file, wrong_file);
+    return;
+  }
+  session.recovery.*file.resuming = false;
+  autoscale_voltage_display(session);
+  offer_filters(session, file);
+  log_message(session, file.success);
+}
+
+// ---------------------------------------------------------------- the timer
+
+// Waits until it is time to look, or until there is something to do. False when the timer stops.
+bool wait_for_turn(autorecover_timer& timer, bool& save_wanted) {
+  std::unique_lock lock(timer.mutex);
+  timer.wake.wait_for(lock, timer.look_every, [&] { return timer.stopping || timer.save_wanted; });
+  save_wanted = timer.save_wanted;
+  timer.save_wanted = false;
+  return !timer.stopping;
+}
+
+void run_timer(autorecover_timer& timer, session_state& session) {
+  using clock = std::chrono::steady_clock;
+  clock::time_point last_save = clock::now();
+  bool save_wanted = false;
+  while (wait_for_turn(timer, save_wanted)) {
+    const clock::time_point now = clock::now();
+    const float minutes = std::chrono::duration<float>(now - last_save).count() / 60.0f;
+    const bool due = minutes >= timer.minutes;
+    if (!due && !save_wanted) continue;
+    last_save = now;
+    if (due) write_run_log_window(session, "Saving autorecover data");
+    save_autorecover(session);
+  }
+}
+
+}  // namespace
+
+bool save_autorecover(session_state& session) { return save_state(session, autorecover_state); }
+bool save_restart(session_state& session) { return save_state(session, restart_state); }
+
+bool open_restart(session_state& session) { return open_state(session, restart_state); }
+bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
+
+void read_state_after_open(session_state& session) {
+  const recovery_state wanted = session.recovery;
+  if (wanted.resuming_restart) read_state(session, restart_state);
+  if (wanted.resuming_autorecover) read_state(session, autorecover_state);
+  if (wanted.resuming_restart || wanted.resuming_autorecover) refresh_displays(session);
+}
+
+void start_autorecover(autorecover_timer& timer, session_state& session) {
+  timer.stopping = false;
+  timer.save_wanted = false;
+  timer.minutes = session.preferences.autorecover_minutes;
+  timer.thread = std::thread([&] { run_timer(timer, session); });
+}
+
+void set_autorecover_interval(autorecover_timer& timer, float minutes) { timer.minutes = minutes; }
+
+void save_autorecover_soon(autorecover_timer& timer) {
+  const std::lock_guard lock(timer.mutex);
+  timer.save_wanted = true;
+  timer.wake.notify_one();
+}
+
+void stop_autorecover(autorecover_timer& timer) {
+  if (!timer.thread.joinable()) return;
+  {
+    const std::lock_guard lock(timer.mutex);
+    timer.stopping = true;
+    timer.wake.notify_one();
+  }
+  timer.thread.join();
+}
+
+}  // namespace kestrelvane

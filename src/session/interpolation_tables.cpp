@@ -1,0 +1,51 @@
+#include "session/interpolation_tables.h"
+
+#include <cmath>
+#include <cstring>
+#include <string>
+
+namespace kestrelvane {
+
+void build_interp_table(session_state& session) {
+  interpolation_tables& tables = session.tables;
+  std::int32_t depth = session.strategy.interp_depth;
+  std::int32_t width = session.strategy.interp_width;
+  depth = depth < 1 ? 1 : depth > 50 ? 50 : depth;
+  width = width < 1 ? 1 : width > 50 ? 50 : width;
+  while (depth * width > 1000) --width;
+  tables.depth = depth;
+  tables.width = width;
+
+  constexpr double pi = 3.1415927410125732;
+  std::memset(tables.interp_table, 0, sizeof tables.interp_table);
+  tables.interp_table[0] = 1.0f;
+  const std::int32_t n = depth * width;
+  for (std::int32_t k = 1; k < n; ++k) {
+    // Arguments in 64 bits, rounded; the functions in 64 bits, rounded.
+    const float window_angle =
+        static_cast<float>(pi * static_cast<double>(n - 1 + k) / static_cast<double>(n - 1));
+    const float sinc_angle = static_cast<float>(pi * static_cast<double>(k) / depth);
+    const float cosine = static_cast<float>(std::cos(static_cast<double>(window_angle)));
+    const float sine = static_cast<float>(std::sin(static_cast<double>(sinc_angle)));
+    tables.interp_table[k] = (0.54f - 0.46f * cosine) * sine / sinc_angle;
+  }
+}
+
+void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width) {
+  session.strategy.interp_depth = depth;
+  session.strategy.interp_width = width;
+  log_message(session, "Recalculating interpolation table");
+  log_message(session, "Changing interpolation parameters, depth, width = " +
+                           std::to_string(depth) + " " + std::to_string(width));
+  build_interp_table(session);
+}
+
+void build_gac_table(session_state& session) {
+  for (std::int32_t k = 0; k <= 10000; ++k) {
+    // The argument is a 32-bit float, its exponential is taken in 64 bits.
+    const float argument = -static_cast<float>(k) / 500.0f;
+    session.tables.gac_table[k] = static_cast<float>(std::exp(static_cast<double>(argument)));
+  }
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,24 @@
+// The tables behind reading between samples and behind the clustering kernel.
+//
+// Both follow from settings, so they are built where settings are kept: at start-up and
+// whenever depth or width change. signal/interpolation.h reads through the first, gradient
+// ascent clustering through the second.
+#pragma once
+
+#include <cstdint>
+
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// Fills interp_table for the settings in force. Depth times width beyond the
+// table narrows the width to what fits.
+void build_interp_table(session_state& session);
+
+// A change of depth and width by the user: rebuilds the table and logs both.
+void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width);
+
+// Fills the kernel table exp(-k/500), k = 0..10000.
+void build_gac_table(session_state& session);
+
+}  // namespace kestrelvane

@@ -1,0 +1,55 @@
+#include "signal/interpolation.h"
+
+#include "numerics/simd.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// out[i] = sum over taps j of v[i + j - width] * taps[j], taps in rising order:
+// lanes are neighbouring samples. Works in whole lanes; samples are converted once,
+// as many as a block of the longest run needs.
+constexpr std::int32_t run_block = 10 * n_lanes;
+
+KESTRELVANE_CLONES void filter_run(const std::int16_t* v, const float* taps, std::int32_t width,
+                                   std::int32_t n, float* out) {
+  float samples[run_block + 2 * 50 + 2 * n_lanes];
+  for (std::int32_t first = 0; first < n; first += run_block) {
+    const std::int32_t end = n - first < run_block ? n - first : run_block;
+    const std::int32_t n_samples = whole_lanes(whole_lanes(end) + 2 * width);
+    for (std::int32_t i = 0; i < n_samples; i += n_lanes) {
+      const short_lanes s = *reinterpret_cast<const short_lanes*>(v + first + i - width);
+      *reinterpret_cast<float_lanes*>(samples + i) = __builtin_convertvector(s, float_lanes);
+    }
+    for (std::int32_t i = 0; i < end; i += n_lanes) {
+      float_lanes sum = {};
+      for (std::int32_t j = 0; j <= 2 * width; ++j) {
+        sum += *reinterpret_cast<const float_lanes*>(samples + i + j) * taps[j];
+      }
+      *reinterpret_cast<float_lanes*>(out + first + i) = sum;
+    }
+  }
+}
+
+KESTRELVANE_CLONES void copy_run(const std::int16_t* v, std::int32_t n, float* out) {
+  for (std::int32_t i = 0; i < n; ++i) out[i] = static_cast<float>(v[i]);
+}
+
+}  // namespace
+
+void interp_run(const session_state& session, const std::int16_t* v, std::int32_t s, std::int32_t n,
+                float* out) {
+  if (s == 0) {
+    copy_run(v, n, out);
+    return;
+  }
+  const interpolation_tables& tables = session.tables;
+  float taps[101];
+  for (std::int32_t j = -tables.width; j <= tables.width; ++j) {
+    const std::int32_t k = tables.depth * j - s;
+    taps[j + tables.width] = tables.interp_table[k < 0 ? -k : k];
+  }
+  filter_run(v, taps, tables.width, n, out);
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,128 @@
+#include "workstation/dialogs/messages_dialog.h"
+
+#include <QDialogButtonBox>
+#include <QFormLayout>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "session/run_log.h"
+#include "workstation/commands/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+QString line_text(const text256& line) { return QString::fromStdString(std::string(line.view())); }
+
+// Takes down the lines so far and has later ones sent, in one step, so that none is
+// missed and none comes twice.
+QStringList take_lines(session_state& session) {
+  run_log_table& log = session.log;
+  const std::lock_guard lock(log.mutex);
+  log.messages_dialog_open = true;
+  QStringList lines;
+  for (std::int32_t i = 1; i <= log.n_log_lines; ++i) lines << line_text(log.log_lines[i]);
+  return lines;
+}
+
+}  // namespace
+
+messages_dialog::messages_dialog(workstation& of)
+    : operation_dialog(of, "messages_dialog", "Messages"),
+      lines_(new QListWidget),
+      file_name_(new QLineEdit),
+      bar_(new QProgressBar) {
+  lines_->setObjectName("log_lines");
+  lines_->setUniformItemSizes(true);
+  lines_->setAlternatingRowColors(true);
+  lines_->addItems(take_lines(w_.session));
+  lines_->scrollToBottom();
+  file_name_->setObjectName("file_name");
+  file_name_->setReadOnly(true);
+  file_name_->setText(QString::fromStdString(w_.session.recording.recording_path));
+  bar_->setObjectName("progress");
+  bar_->setRange(0, 100);
+  bar_->setValue(0);
+
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
+  ok_ = buttons->button(QDialogButtonBox::Ok);
+  ok_->setObjectName("ok");
+  interrupt_ = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
+                          "Stop reading; no recording is in memory then");
+  interrupt_->setEnabled(false);
+  connect(interrupt_, &QPushButton::clicked, this, &messages_dialog::interrupt_reading);
+  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
+
+  auto* form = new QFormLayout;
+  form->setFieldGrowthPolicy(QFormLayout::ExpandingFieldsGrow);
+  form->addRow("Filename:", file_name_);
+  auto* layout = new QVBoxLayout(this);
+  layout->addLayout(form);
+  layout->addWidget(lines_, 1);
+  layout->addWidget(bar_);
+  layout->addWidget(buttons);
+  resize(640, 420);
+
+  connect(w_.desk, &interface_desk::log_line_added, this, &messages_dialog::add_line);
+  connect(w_.desk, &interface_desk::status_changed, this,
+          [this](status_field field, const QString& text) {
+            if (field == status_field::file_name) file_name_->setText(text);
+          });
+  connect(w_.desk, &interface_desk::progressed, this, [this](meter which, int value, int range) {
+    if (which != meter::reading && which != meter::filtering) return;
+    bar_->setRange(0, range);
+    bar_->setValue(value);
+  });
+}
+
+messages_dialog::~messages_dialog() {
+  run_log_table& log = w_.session.log;
+  const std::lock_guard lock(log.mutex);
+  log.messages_dialog_open = false;
+}
+
+void messages_dialog::set_reading(bool reading) {
+  reading_ = reading;
+  ok_->setEnabled(!reading);
+  interrupt_->setEnabled(reading);
+  // The name may have come before the dialog.
+  const QString name = w_.desk->latest(status_field::file_name);
+  if (reading && !name.isEmpty()) file_name_->setText(name);
+  if (!reading) ok_->setFocus();
+}
+
+void messages_dialog::interrupt_reading() {
+  interrupt_->setEnabled(false);
+  // The filters of a work file are repeated while its recording is opened.
+  w_.session.operation.filtering_interrupted = true;
+  w_.session.operation.reading_interrupted = true;
+}
+
+void messages_dialog::reject() {
+  if (!reading_) QDialog::reject();
+}
+
+void messages_dialog::add_line(const QString& line) {
+  lines_->addItem(line);
+  // The last 13 lines stay in view.
+  if (lines_->count() > 12) lines_->scrollToBottom();
+}
+
+messages_dialog* show_messages(workstation& w) {
+  if (!w.messages) {
+    w.messages = new messages_dialog(w);
+    open_dialog(w, w.messages);
+  }
+  return w.messages;
+}
+
+void messages_command(workstation& w) { show_messages(w); }
+
+}  // namespace kestrelvane

@@ -1,0 +1,200 @@
+#include "workstation/dialogs/setting_controls.h"
+
+#include <fmt/format.h>
+
+#include <QCheckBox>
+#include <QHBoxLayout>
+#include <QLineEdit>
+#include <QLocale>
+#include <cmath>
+
+#include "session/interpolation_tables.h"
+#include "session/settings_table.h"
+
+namespace kestrelvane {
+
+namespace {
+
+QString number_text(double value) { return QString::number(value, 'g', 9); }
+
+QString name_of(const char* setting, int element, const setting_row& row) {
+  return row.count > 1 ? QString("%1_%2").arg(setting).arg(element + 1) : QString(setting);
+}
+
+// What is wrong with a text, in words; empty when it is a number in range.
+QString refusal(const QString& text, double low, double high, bool whole) {
+  bool reads = false;
+  const double value = QLocale::c().toDouble(text.trimmed(), &reads);
+  if (!reads || !std::isfinite(value)) return "not a number";
+  if (whole && value != std::floor(value)) return "not a whole number";
+  if (value < low || value > high) {
+    return QString("from %1 to %2").arg(number_text(low), number_text(high));
+  }
+  return {};
+}
+
+// A value as a field of so many decimals shows it.
+double as_shown(double value, int decimals) {
+  const double power = std::pow(10.0, decimals);
+  return std::round(value * power) / power;
+}
+
+// As a 32-bit number is written, without the digits that its width adds.
+double written_value(const session_state& session, const setting_row& row, int element) {
+  const double stored = setting_value(session, row, element);
+  if (row.type != setting_type::real) return stored;
+  return std::stod(fmt::format("{}", static_cast<float>(stored)));
+}
+
+}  // namespace
+
+number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(new QLabel) {
+  setLocale(QLocale::c());
+  setAccelerated(true);
+  setKeyboardTracking(true);
+  setCorrectionMode(QAbstractSpinBox::CorrectToPreviousValue);
+  setMinimumWidth(fontMetrics().horizontalAdvance("00000.00") + 40);
+  QPalette colours = problem_->palette();
+  const bool dark = colours.color(QPalette::Window).lightness() < 128;
+  colours.setColor(QPalette::WindowText,
+                   dark ? QColor(0xff, 0x9a, 0x8c) : QColor(0xb0, 0x20, 0x10));
+  problem_->setPalette(colours);
+  connect(lineEdit(), &QLineEdit::textEdited, this, &number_field::judge);
+  connect(this, &QDoubleSpinBox::valueChanged, this, [this] { judge(lineEdit()->text()); });
+}
+
+number_field::~number_field() {
+  if (problem_ && problem_->parent() == nullptr) delete problem_;
+}
+
+QString number_field::refusal_of(const QString& text) const {
+  const QString words = refusal(text, minimum(), maximum(), decimals() == 0);
+  if (!words.isEmpty() || multiple_ == 0) return words;
+  const double times = valueFromText(text) / multiple_;
+  return times == std::floor(times) ? QString() : "not a multiple of " + number_text(multiple_);
+}
+
+void number_field::judge(const QString& text) {
+  // A dialog that is going may have lost its labels first.
+  if (problem_) problem_->setText(refusal_of(text));
+}
+
+QWidget* number_field::row() {
+  if (row_ != nullptr) return row_;
+  row_ = new QWidget;
+  auto* layout = new QHBoxLayout(row_);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->addWidget(this);
+  const QString unit = property("unit").toString();
+  if (!unit.isEmpty()) layout->addWidget(new QLabel(unit));
+  layout->addWidget(problem_, 1);
+  problem_->setObjectName(objectName() + "_problem");
+  return row_;
+}
+
+QValidator::State number_field::validate(QString& text, int&) const {
+  return refusal_of(text).isEmpty() ? QValidator::Acceptable : QValidator::Intermediate;
+}
+
+void number_field::fixup(QString& text) const { text = textFromValue(value()); }
+
+QString number_field::textFromValue(double value) const { return number_text(value); }
+
+double number_field::valueFromText(const QString& text) const {
+  return QLocale::c().toDouble(text.trimmed());
+}
+
+void settings_form::load() {
+  for (const binding& bound : bindings) bound.load();
+}
+
+bool settings_form::refused() const {
+  for (const binding& bound : bindings) {
+    if (bound.refused && bound.refused()) return true;
+  }
+  return false;
+}
+
+bool settings_form::store() {
+  if (refused()) return false;
+  for (const binding& bound : bindings) bound.store();
+  build_interp_table(session);
+  return true;
+}
+
+number_field* free_number(QWidget* parent, const char* object_name, double low, double high,
+                          const number_options& options) {
+  auto* field = new number_field(parent);
+  field->setObjectName(object_name);
+  field->setDecimals(options.decimals);
+  field->setRange(low, high);
+  field->setSingleStep(options.step);
+  field->set_multiple(options.multiple);
+  field->setProperty("unit", QString(options.unit));
+  field->setToolTip(options.tip);
+  return field;
+}
+
+number_field* number_control(settings_form& form, const char* setting,
+                             const number_options& options, int element) {
+  const setting_row& row = *find_setting(setting);
+  const bool own_range = options.low != 0 || options.high != 0;
+  const double low = own_range ? options.low : row.low * options.shown_per_stored;
+  const double high = own_range ? options.high : row.high * options.shown_per_stored;
+  number_options shown = options;
+  if (row.type == setting_type::real && shown.decimals == 0) shown.decimals = 6;
+  number_field* field =
+      free_number(form.parent, name_of(setting, element, row).toLatin1(), low, high, shown);
+  const double scale = options.shown_per_stored;
+  session_state& session = form.session;
+  form.bindings.push_back({[field, &session, &row, element, scale] {
+                             field->setValue(written_value(session, row, element) * scale);
+                           },
+                           [field, &session, &row, element, scale] {
+                             // A setting finer than what the field shows stays as it is until it is
+                             // changed.
+                             const double shown = written_value(session, row, element) * scale;
+                             if (as_shown(shown, field->decimals()) == field->value()) return;
+                             const double value = field->value() / scale;
+                             store_setting(
+                                 session, row, element,
+                                 row.type == setting_type::real ? value : std::round(value));
+                           },
+                           [field] { return !field->hasAcceptableInput(); }});
+  return field;
+}
+
+QCheckBox* logical_control(settings_form& form, const char* setting, const QString& label,
+                           const char* tip) {
+  const setting_row& row = *find_setting(setting);
+  auto* box = new QCheckBox(label, form.parent);
+  box->setObjectName(setting);
+  box->setToolTip(tip);
+  session_state& session = form.session;
+  form.bindings.push_back(
+      {[box, &session, &row] { box->setChecked(setting_value(session, row) != 0); },
+       [box, &session, &row] { store_setting(session, row, 0, box->isChecked() ? 1 : 0); },
+       nullptr});
+  return box;
+}
+
+QComboBox* choice_control(settings_form& form, const char* setting,
+                          const std::vector<std::pair<QString, int>>& entries, const char* tip) {
+  const setting_row& row = *find_setting(setting);
+  auto* list = new QComboBox(form.parent);
+  list->setObjectName(setting);
+  list->setToolTip(tip);
+  for (const auto& [label, value] : entries) list->addItem(label, value);
+  session_state& session = form.session;
+  form.bindings.push_back(
+      {[list, &session, &row] {
+         const int value = static_cast<int>(setting_value(session, row));
+         const int index = list->findData(value);
+         list->setCurrentIndex(index < 0 ? 0 : index);
+       },
+       [list, &session, &row] { store_setting(session, row, 0, list->currentData().toInt()); },
+       nullptr});
+  return list;
+}
+
+}  // namespace kestrelvane

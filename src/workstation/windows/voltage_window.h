@@ -1,0 +1,39 @@
+// The voltage record's window, "Event display", and its dialog.
+//
+// The window shows what displays/voltage/voltage_record.h draws from session.view; every move or
+// change of scale redraws it. The wheel goes through time, with Ctrl it zooms time, with
+// Shift it scales voltage; cursor and page keys move, a click reads out, a double click
+// opens the dialog.
+#pragma once
+
+#include <QDialog>
+#include <QPointer>
+#include <QSize>
+
+#include "displays/voltage/peak_summary.h"
+#include "displays/voltage/voltage_readout.h"
+#include "displays/voltage/voltage_record.h"
+
+namespace kestrelvane {
+
+struct workstation;
+
+struct voltage_state {
+  peak_summary peaks;
+  drawn_events drawn;       // by the last redraw
+  voltage_reading reading;  // under the pointer
+  bool shows_reading = false;
+  QPointer<QDialog> dialog;
+};
+
+// The window with a drawing area of that size.
+void open_voltage_window(workstation& w, QSize size);
+// Redraws the open window and brings the dialog in step; after a move or a change of scale.
+void redraw_voltage_display(workstation& w);
+// The same after samples or events have changed.
+void refresh_voltage_display(workstation& w);
+
+// dialogs/voltage_dialog.cpp: brings its controls in step with the view.
+void update_voltage_dialog(workstation& w);
+
+}  // namespace kestrelvane
