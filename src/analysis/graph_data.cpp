@@ -88,7 +88,7 @@ bool write_graph(const graph_data& graph, const std::string& path) {
   return finish_safe_file(out);
 }
 
-bool save_graph_dialog(session_state& session, const graph_data& graph) {
+bool save_graph_dialog(const session_state& session, const graph_data& graph) {
   constexpr const char* title = "Save graph";
   std::string path = replace_extension(session.recording.recording_path, ".gra");
   if (!choose_file_to_save(session, title, "Graph files(*.GRA)", path)) return false;

@@ -93,6 +93,6 @@ bool write_graph(const graph_data& graph, const std::string& path);
 
 // Lets the user choose a file, the recording's name with ".gra" offered, writes the graph
 // and tells how it went. False when it failed or the user cancelled.
-bool save_graph_dialog(session_state& session, const graph_data& graph);
+bool save_graph_dialog(const session_state& session, const graph_data& graph);
 
 }  // namespace kestrelvane

@@ -170,7 +170,7 @@ void link_stages(const session_state& session, gac_tables& tables, std::int32_t 
   for (std::int32_t t = 3; t <= s; ++t) link_stage(session, tables, t);
 }
 
-void as_cl_scores_update(session_state& session, gac_tables& tables, std::int32_t s) {
+void as_cl_scores_update(const session_state& session, gac_tables& tables, std::int32_t s) {
   std::memset(tables.as_cl_scores, 0, sizeof tables.as_cl_scores);
   bool visited[gac_stage_limit + 1][gac_label_limit + 1] = {};
   for (std::int32_t t = 1; t <= s; ++t) {
@@ -249,7 +249,7 @@ void run_stages(const session_state& session, const gac_points& points, std::int
 }
 
 // Takes a stage into the tables; sets final_stage when it meets a stop rule.
-void judge_stop(session_state& session, std::int32_t s, gac_tables& tables) {
+void judge_stop(const session_state& session, std::int32_t s, gac_tables& tables) {
   count_stage_sizes(session, tables, s);
   tables.n_stages = s;
   if (s >= 3) link_stage(session, tables, s);
@@ -266,7 +266,7 @@ void judge_stop(session_state& session, std::int32_t s, gac_tables& tables) {
 
 }  // namespace
 
-std::int32_t gac_run(session_state& session, const gac_points& points, gac_tables& tables) {
+std::int32_t gac_run(const session_state& session, const gac_points& points, gac_tables& tables) {
   const auto begin = std::chrono::steady_clock::now();
   tables.n = points.n;
   tables.final_stage = 0;

@@ -52,7 +52,7 @@ struct gac_tables {
 };
 
 // Runs the ladder on the points; fills the tables and returns final_stage.
-std::int32_t gac_run(session_state& session, const gac_points& points, gac_tables& tables);
+std::int32_t gac_run(const session_state& session, const gac_points& points, gac_tables& tables);
 
 // One stage: labels, scouts_left and iterations of stage s.
 void gac_stage(const session_state& session, const gac_points& points, std::int32_t s,
@@ -63,7 +63,7 @@ void count_stage_sizes(const session_state& session, gac_tables& tables, std::in
 
 // Links of stages 2..s - 1 to the stages above them, and the scores that follow.
 void link_stages(const session_state& session, gac_tables& tables, std::int32_t s);
-void as_cl_scores_update(session_state& session, gac_tables& tables, std::int32_t s);
+void as_cl_scores_update(const session_state& session, gac_tables& tables, std::int32_t s);
 
 // The principal component values of a cluster, or of a pair at its shift, and the
 // ladder run on them.

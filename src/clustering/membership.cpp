@@ -79,7 +79,7 @@ void check_cluster_limit(session_state& session) {
   session.clusters.n_clusters = cluster_limit;
 }
 
-bool cluster_can_grow(session_state& session) {
+bool cluster_can_grow(const session_state& session) {
   if (session.clusters.n_clusters < session.max_clusters) return true;
   tell(session, "Cannot add new cluster as maximum number has been reached", "Create new cluster",
        box_icon::warning);

@@ -25,7 +25,7 @@ std::int32_t count_epoch_events(const session_state& session, std::int32_t clust
 // The last net: too many clusters are told and the count is set to 4000.
 void check_cluster_limit(session_state& session);
 // False, with a box, when no cluster can be added.
-bool cluster_can_grow(session_state& session);
+bool cluster_can_grow(const session_state& session);
 
 // Blanks the comments of all cluster slots.
 void blank_cluster_comments(session_state& session);

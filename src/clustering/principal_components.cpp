@@ -130,7 +130,7 @@ void score_entropy(const session_state& session, std::int32_t slot,
   }
 }
 
-pc_candidates score_candidates(session_state& session, std::int32_t slot, std::int32_t method,
+pc_candidates score_candidates(const session_state& session, std::int32_t slot, std::int32_t method,
                                const std::vector<aligned_event>& entropy_events) {
   const template_table& templates = session.templates;
   const std::int32_t points = templates.template_points;

@@ -338,7 +338,8 @@ void choose_best_stage(const gac_tables& tables, stage_verdict& verdict) {
 
 }  // namespace
 
-stage_verdict judge_stages(session_state& session, const gac_points& points, gac_tables& tables) {
+stage_verdict judge_stages(const session_state& session, const gac_points& points,
+                           gac_tables& tables) {
   stage_verdict verdict;
   if (tables.final_stage < 1) return verdict;
   const std::int32_t pool_size = tables.as_cl_sizes[tables.final_stage][1];

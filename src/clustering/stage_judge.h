@@ -27,7 +27,8 @@ struct stage_verdict {
 
 // Judges stages 1..final_stage. Folding changes labels and sizes of the stages it
 // judges.
-stage_verdict judge_stages(session_state& session, const gac_points& points, gac_tables& tables);
+stage_verdict judge_stages(const session_state& session, const gac_points& points,
+                           gac_tables& tables);
 
 // Assigns every event of sub-cluster j at a stage to one neighbour, by the vote of
 // its points' nearest points outside it (first two components; voting ends with

@@ -246,7 +246,7 @@ bool climb(const session_state& session, proto_event_table& p, std::int32_t i) {
   return p.pe_x.base()[i] != x || p.pe_y.base()[i] != y || p.pe_t.base()[i] != t;
 }
 
-void move_points(session_state& session, proto_event_table& p, climbing_state& state) {
+void move_points(const session_state& session, proto_event_table& p, climbing_state& state) {
   const auto n = static_cast<std::int64_t>(state.alive.size());
   const std::int32_t n_threads = n < 1000 ? 1 : threads_now(session);
   parallel_for(n_threads, 0, n - 1, [&](std::int64_t a, std::int32_t) {

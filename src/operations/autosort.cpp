@@ -34,7 +34,7 @@ double minutes_since(clock::time_point begin) {
   return std::trunc(seconds / 60.0 * 100.0) / 100.0;
 }
 
-void show_time(session_state& session, clock::time_point begin) {
+void show_time(const session_state& session, clock::time_point begin) {
   set_status(session, status_field::elapsed_time, fmt::format("{:.2f}", minutes_since(begin)));
 }
 
@@ -244,7 +244,7 @@ void build_lists(session_state& session) {
              std::to_string(count_stable_clusters(session)));
 }
 
-void report_last_merges(session_state& session, std::int32_t n) {
+void report_last_merges(const session_state& session, std::int32_t n) {
   if (n == 0) {
     log_message(session, "Finished final merging check, no merges made");
   } else if (n == 1) {
@@ -321,7 +321,7 @@ bool end_finished(session_state& session, clock::time_point begin) {
 
 // ---------------------------------------------------------------- the road
 
-bool can_start(session_state& session) {
+bool can_start(const session_state& session) {
   if (session.strategy.skip_event_detection && session.events.n_events == 0) {
     tell(session, "There are no events, turn event detection back on", "Autosort",
          box_icon::warning);

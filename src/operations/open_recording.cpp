@@ -29,7 +29,7 @@ namespace {
 constexpr std::int32_t bar_range = 115;
 
 // Says why a path cannot be opened; true when it can.
-bool check_readable(session_state& session, const std::string& path) {
+bool check_readable(const session_state& session, const std::string& path) {
   constexpr const char* title = "Open file failed";
   if (!file_exists(path)) {
     tell(session, "Can't find file " + path, title);
@@ -42,14 +42,14 @@ bool check_readable(session_state& session, const std::string& path) {
 }
 
 // A folder stands for the recording in it; anything else for itself.
-std::string recording_of_folder(session_state& session, const std::string& path) {
+std::string recording_of_folder(const session_state& session, const std::string& path) {
   std::error_code ignored;
   if (!std::filesystem::is_directory(path, ignored)) return path;
   const std::string inside = find_structure_file(session, path);
   return inside.empty() ? path : inside;
 }
 
-void remember_recent(session_state& session, const std::string& path) {
+void remember_recent(const session_state& session, const std::string& path) {
   if (session.home_directory.empty()) return;
   std::error_code ignored;
   const std::filesystem::path absolute = std::filesystem::absolute(path, ignored);
@@ -65,7 +65,7 @@ void report_unknown_type(session_state& session, std::int32_t earlier_type) {
 
 // Channels of an .mcd file are named by their place, so a configuration that happens to
 // lie beside it may not be meant; one that the user has named is.
-bool declines_configuration(session_state& session, const recording_format& format) {
+bool declines_configuration(const session_state& session, const recording_format& format) {
   return format.code == file_type_mcd && session.named_config.empty() &&
          !config_file_beside(session.recording.open_path).empty() &&
          !ask(session, "An electrode configuration file exists for this recording, use it?",
@@ -84,7 +84,7 @@ bool find_configuration(session_state& session, const recording_format& format) 
 }
 
 // True, after the log line, when the user has asked to stop.
-bool stopped_by_user(session_state& session) {
+bool stopped_by_user(const session_state& session) {
   if (!reading_interrupted(session)) return false;
   log_message(session, "Reading interrupted");
   return true;

@@ -25,7 +25,7 @@ void remove_home_file(const session_state& session, const char* name) {
 
 // The first save of this run takes the place of a state that nobody was asked about; that
 // one is put aside.
-void keep_earlier_state(session_state& session) {
+void keep_earlier_state(const session_state& session) {
   if (!has_home_file(session, autorecover_file_name)) return;
   std::error_code failed;
   std::filesystem::rename(session.home_directory + '/' + autorecover_file_name,
@@ -110,6 +110,6 @@ void end_session(session_state& session) {
   write_preferences(session);
 }
 
-void forget_restart(session_state& session) { remove_home_file(session, restart_file_name); }
+void forget_restart(const session_state& session) { remove_home_file(session, restart_file_name); }
 
 }  // namespace kestrelvane

@@ -22,6 +22,6 @@ bool open_at_start(session_state& session, const std::string& argument);
 void end_session(session_state& session);
 
 // The menu entry "E&xit", before the close request: an earlier restart file goes.
-void forget_restart(session_state& session);
+void forget_restart(const session_state& session);
 
 }  // namespace kestrelvane

@@ -58,7 +58,7 @@ std::string home_file(const session_state& session, const char* name) {
 
 // Both files are written under one temporary name, which start-up clears away: the gate
 // is held, and so there is never more than one save at a time.
-bool save_state(session_state& session, const state_file& file) {
+bool save_state(const session_state& session, const state_file& file) {
   if (session.home_directory.empty()) return false;
   const session_hold hold(session);
   if (session.recording.n_samples <= 0) return false;
@@ -74,7 +74,7 @@ bool save_state(session_state& session, const state_file& file) {
 // ---------------------------------------------------------------- opening
 
 // The recording that a state file was made from; false after the words that say why.
-bool read_recording_path(session_state& session, const state_file& file, std::string& path) {
+bool read_recording_path(const session_state& session, const state_file& file, std::string& path) {
   input_file in;
   text256 text;
   const bool opened =
@@ -129,7 +129,7 @@ void offer_filters(session_state& session, const state_file& file) {
   }
 }
 
-void say_not_read(session_state& session, const state_file& file, bool wrong_file) {
+void say_not_read(const session_state& session, const state_file& file, bool wrong_file) {
   std::string words = std::string(wrong_file ? file.declined : file.failed) + file.name;
   if (!wrong_file && file.tells_status) words += " 0 0";  // neither read nor declined
   log_message(session, words);
@@ -159,7 +159,7 @@ bool wait_for_turn(autorecover_timer& timer, bool& save_wanted) {
   return !timer.stopping;
 }
 
-void run_timer(autorecover_timer& timer, session_state& session) {
+void run_timer(autorecover_timer& timer, const session_state& session) {
   using clock = std::chrono::steady_clock;
   clock::time_point last_save = clock::now();
   bool save_wanted = false;
@@ -176,8 +176,10 @@ void run_timer(autorecover_timer& timer, session_state& session) {
 
 }  // namespace
 
-bool save_autorecover(session_state& session) { return save_state(session, autorecover_state); }
-bool save_restart(session_state& session) { return save_state(session, restart_state); }
+bool save_autorecover(const session_state& session) {
+  return save_state(session, autorecover_state);
+}
+bool save_restart(const session_state& session) { return save_state(session, restart_state); }
 
 bool open_restart(session_state& session) { return open_state(session, restart_state); }
 bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
@@ -189,7 +191,7 @@ void read_state_after_open(session_state& session) {
   if (wanted.resuming_restart || wanted.resuming_autorecover) refresh_displays(session);
 }
 
-void start_autorecover(autorecover_timer& timer, session_state& session) {
+void start_autorecover(autorecover_timer& timer, const session_state& session) {
   timer.stopping = false;
   timer.save_wanted = false;
   timer.minutes = session.preferences.autorecover_minutes;

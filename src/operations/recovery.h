@@ -26,9 +26,9 @@ constexpr const char* earlier_state_name = "kv_autorecover_earlier.wrk";
 
 // Waits its turn at the session gate, writes the temporary file and gives it its name.
 // True when a complete save stands; nothing is done without a recording.
-bool save_autorecover(session_state& session);
+bool save_autorecover(const session_state& session);
 // The same for kv_restart.sav.
-bool save_restart(session_state& session);
+bool save_restart(const session_state& session);
 
 // Takes the recording's path from a state file and reads that recording, on the calling
 // thread; the state follows through read_state_after_open. True when recording and state
@@ -56,7 +56,7 @@ struct autorecover_timer {
   std::chrono::milliseconds look_every{500};  // set before the start
 };
 // Begins with the interval of the preferences; the first save is due one interval later.
-void start_autorecover(autorecover_timer& timer, session_state& session);
+void start_autorecover(autorecover_timer& timer, const session_state& session);
 // A new interval, counted from the last save.
 void set_autorecover_interval(autorecover_timer& timer, float minutes);
 // Has the thread save at once.

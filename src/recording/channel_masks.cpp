@@ -33,7 +33,7 @@ void read_mask_file(session_state& session) {
   }
 }
 
-bool write_mask_file(session_state& session) {
+bool write_mask_file(const session_state& session) {
   const recording_store& r = session.recording;
   if (!ask(session, "Save/replace mask file (.msk)?", "Channel masks have changed")) return false;
   safe_file out;

@@ -14,6 +14,6 @@ void read_mask_file(session_state& session);
 
 // After masks have changed: asks, and on Yes replaces the recording's mask file. False
 // when the user declined or the file could not be written.
-bool write_mask_file(session_state& session);
+bool write_mask_file(const session_state& session);
 
 }  // namespace kestrelvane

@@ -43,7 +43,7 @@ config_line take_entry(std::string_view line, config_entry& entry) {
 }
 
 // Each program channel up to the largest once; logs the others.
-bool check_map(session_state& session, const std::vector<std::int32_t>& uses,
+bool check_map(const session_state& session, const std::vector<std::int32_t>& uses,
                std::int32_t n_mapped) {
   std::int32_t largest = channel_limit;
   while (largest > 0 && uses[static_cast<std::size_t>(largest)] == 0) --largest;
@@ -120,7 +120,7 @@ std::string config_file_beside(const std::string& recording_path) {
   return "";
 }
 
-bool find_config_file(session_state& session, const std::string& recording_path,
+bool find_config_file(const session_state& session, const std::string& recording_path,
                       std::string& path) {
   path = session.named_config;
   if (path.empty()) path = config_file_beside(recording_path);
@@ -130,7 +130,7 @@ bool find_config_file(session_state& session, const std::string& recording_path,
          choose_config_file(session, path);
 }
 
-bool choose_config_file(session_state& session, std::string& path) {
+bool choose_config_file(const session_state& session, std::string& path) {
   return choose_file_to_open(session, "Choose channel configuration file",
                              "Channel config files(*.CFG *.JSON *.PRB)", path);
 }
@@ -180,7 +180,7 @@ bool load_configuration(session_state& session, bool show_in_title) {
          read_config_file(session, path, n_mapped, show_in_title);
 }
 
-bool write_config_file(session_state& session) {
+bool write_config_file(const session_state& session) {
   const recording_store& r = session.recording;
   log_message(session, "Saving configuration file");
   safe_file out;

@@ -22,10 +22,11 @@ std::string config_file_beside(const std::string& recording_path);
 // of its name, else "electrode.cfg" beside it, then the same with ".prb" and ".json"
 // (probe_files.h), else one that the user chooses. False when
 // there is none.
-bool find_config_file(session_state& session, const std::string& recording_path, std::string& path);
+bool find_config_file(const session_state& session, const std::string& recording_path,
+                      std::string& path);
 
 // The file dialog alone; false when the user cancels.
-bool choose_config_file(session_state& session, std::string& path);
+bool choose_config_file(const session_state& session, std::string& path);
 
 // Reads a configuration into channel_map, chan_x, chan_y and electrode_name. n_mapped is
 // the count of mapped channels. On success no_config_file is false, config_path is path
@@ -40,6 +41,6 @@ bool load_configuration(session_state& session, bool show_in_title = true);
 
 // Saves the present map and positions as a ".cfg" beside the recording; a recording
 // without a map gets channel for channel. False when the file cannot be written.
-bool write_config_file(session_state& session);
+bool write_config_file(const session_state& session);
 
 }  // namespace kestrelvane

@@ -8,13 +8,14 @@
 
 namespace kestrelvane {
 
-bool refuse_file(session_state& session, const std::string& text) {
+bool refuse_file(const session_state& session, const std::string& text) {
   log_message(session, text);
   tell(session, text, "Can't read file");
   return false;
 }
 
-bool check_channel_count(session_state& session, std::int64_t n_channels, std::int32_t limit) {
+bool check_channel_count(const session_state& session, std::int64_t n_channels,
+                         std::int32_t limit) {
   if (n_channels > limit) {
     return refuse_file(session,
                        fmt::format("# of channels in file exceeds upper limit of {:4}", limit));
@@ -23,18 +24,18 @@ bool check_channel_count(session_state& session, std::int64_t n_channels, std::i
          refuse_file(session, fmt::format("# of channels in file is {}", n_channels));
 }
 
-bool check_sample_count(session_state& session, std::int64_t n_samples) {
+bool check_sample_count(const session_state& session, std::int64_t n_samples) {
   constexpr std::int64_t most = std::numeric_limits<std::int32_t>::max();
   return (n_samples >= 1 && n_samples <= most) ||
          refuse_file(session, fmt::format("# of samples in file is {}", n_samples));
 }
 
-bool check_sampling_frequency(session_state& session, double hz) {
+bool check_sampling_frequency(const session_state& session, double hz) {
   return (hz >= 1 && hz <= 1e6) ||
          refuse_file(session, fmt::format("Sampling frequency in file is {} Hz", hz));
 }
 
-bool check_voltage_scale(session_state& session, double uv_per_bit) {
+bool check_voltage_scale(const session_state& session, double uv_per_bit) {
   return (uv_per_bit >= 1e-6 && uv_per_bit <= 1e6) ||
          refuse_file(session, fmt::format("Voltage scaling in file is {} µV/bit", uv_per_bit));
 }

@@ -80,7 +80,7 @@ void place(recording_store& r, std::int32_t c, std::int32_t x, std::int32_t y) {
   r.chan_y[c] = static_cast<std::int16_t>(std::min(y, farthest));
 }
 
-void warn_of_positions(session_state& session) {
+void warn_of_positions(const session_state& session) {
   log_message(session, "Warning: missing config file: assigning default channel positions");
   log_message(session, "NB these will not support proper sorting");
 }

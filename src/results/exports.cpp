@@ -26,19 +26,19 @@ namespace {
 
 // --- what a format asks of the recording
 
-bool accept_neuralynx(session_state& session) {
+bool accept_neuralynx(const session_state& session) {
   if (session.recording.file_type == file_type_ntt) return true;
   tell(session, "No Neuralynx data in memory", "Can't save data");
   return false;
 }
 
-bool accept_blackrock(session_state& session) {
+bool accept_blackrock(const session_state& session) {
   if (session.recording.file_type == file_type_nev) return true;
   tell(session, "No Blackrock .nev data in memory", "Can't save data");
   return false;
 }
 
-bool accept_continuous(session_state& session) {
+bool accept_continuous(const session_state& session) {
   if (session.recording.is_continuous) return true;
   tell(session, "TSF export not supported for  event based recording", "Can't save data");
   return false;
@@ -49,7 +49,8 @@ constexpr export_format formats[] = {
   {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", nullptr, write_csv},
   {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr,
    write_unit_texts},
-  {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", nullptr, save_plx},
+  {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", nullptr, save_plx,
+   &recording_store::plx_path},
   {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)", accept_neuralynx, write_ntt},
   {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", nullptr, export_evt},
   {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)", accept_blackrock,
@@ -132,8 +133,8 @@ void take_out_duplicates(session_state& session) {
   say(session, fmt::format("{} duplicate events removed from clusters", removed));
 }
 
-bool save_beside(session_state& session, const std::string& path, const std::string& what,
-                 bool (*write)(session_state&, const std::string&)) {
+bool save_beside(const session_state& session, const std::string& path, const std::string& what,
+                 bool (*write)(const session_state&, const std::string&)) {
   const bool written = write(session, path);
   if (written) {
     tell(session, fmt::format("Saved {} {}", what, path), "Export data", box_icon::information);
@@ -169,10 +170,11 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
   if (options.remove_duplicates) take_out_duplicates(session);
   set_progress(session, meter::saving, 20, 100);
   bool done = format.write(session, path);
+  if (done && format.last_path != nullptr) session.recording.*format.last_path = path;
   if (done) set_status(session, status_field::file_name, path);
   set_progress(session, meter::saving, 80, 100);
   if (options.save_work_file) {
-    const auto write = [](session_state& of, const std::string& to) {
+    const auto write = [](const session_state& of, const std::string& to) {
       return write_work_file(of, to);
     };
     done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write);
@@ -196,7 +198,7 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
   return export_sorted_spikes(session, format, path, options);
 }
 
-void warn_of_incomplete_detection(session_state& session) {
+void warn_of_incomplete_detection(const session_state& session) {
   if (!session.detector.detection_incomplete) return;
   tell(session,
        "Event detection was probably incomplete due to memory limitations or was interrupted "
@@ -227,7 +229,7 @@ double event_seconds(const session_state& session, std::int32_t event) {
   return static_cast<double>(ms) / 1000.0 + double{static_cast<float>(r.first_timestamp) / 1.0e6f};
 }
 
-bool write_csv(session_state& session, const std::string& path) {
+bool write_csv(const session_state& session, const std::string& path) {
   const event_table& e = session.events;
   safe_file out;
   std::string line;
@@ -253,7 +255,7 @@ bool write_csv(session_state& session, const std::string& path) {
   return written;
 }
 
-bool write_unit_texts(session_state& session, const std::string& path) {
+bool write_unit_texts(const session_state& session, const std::string& path) {
   const events_by_cluster lists = list_by_cluster(session);
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     const std::size_t i = static_cast<std::size_t>(c);
@@ -267,7 +269,7 @@ bool write_unit_texts(session_state& session, const std::string& path) {
   return true;
 }
 
-bool write_comments_file(session_state& session, const std::string& path) {
+bool write_comments_file(const session_state& session, const std::string& path) {
   safe_file out;
   if (open_safe_file(out, path)) {
     write_text(out, "Comments on units sorted from data file: " + source_file_path(session) + "\n");

@@ -22,9 +22,11 @@ struct export_format {
   const char* filter;     // of the file dialog
   // Says why the recording in memory cannot be written so, and returns false;
   // null: there is no such condition.
-  bool (*accepts)(session_state& session);
+  bool (*accepts)(const session_state& session);
   // Writes, and tells the user how it went; null: no writer yet.
-  bool (*write)(session_state& session, const std::string& path);
+  bool (*write)(const session_state& session, const std::string& path);
+  // The path that the recording remembers for this kind of file; null: for none.
+  std::string recording_store::*last_path = nullptr;
 };
 
 std::span<const export_format> export_formats();
@@ -50,7 +52,7 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
                                  logical save_comments);
 
 // What opening the dialog says first: detection may have been incomplete.
-void warn_of_incomplete_detection(session_state& session);
+void warn_of_incomplete_detection(const session_state& session);
 
 // Path of the file that the recording came from, by its type.
 std::string source_file_path(const session_state& session);
@@ -59,8 +61,8 @@ std::string source_file_path(const session_state& session);
 double event_seconds(const session_state& session, std::int32_t event);
 
 // The writers.
-bool write_csv(session_state& session, const std::string& path);
-bool write_unit_texts(session_state& session, const std::string& path);
-bool write_comments_file(session_state& session, const std::string& path);
+bool write_csv(const session_state& session, const std::string& path);
+bool write_unit_texts(const session_state& session, const std::string& path);
+bool write_comments_file(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

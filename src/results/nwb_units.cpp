@@ -506,7 +506,7 @@ bool make_nwb_file(const session_state& session, std::vector<char>& bytes) {
 
 }  // namespace
 
-bool write_nwb_units(session_state& session, const std::string& path) {
+bool write_nwb_units(const session_state& session, const std::string& path) {
   constexpr const char* title = "Save sorted spikes";
   std::vector<char> bytes;
   safe_file out;

@@ -14,6 +14,6 @@
 namespace kestrelvane {
 
 // Writes, and tells the user how it went.
-bool write_nwb_units(session_state& session, const std::string& path);
+bool write_nwb_units(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

@@ -32,7 +32,7 @@ constexpr std::size_t n_per_piece = 4096;        // spikes worked on between two
 
 // What all files of the folder are made from.
 struct phy_export {
-  session_state& session;
+  const session_state& session;
   std::string folder;                                 // with its last slash
   std::vector<std::int32_t> channels;                 // unmasked, program numbers
   std::vector<std::int32_t> events;                   // sorted ones in order of time
@@ -449,7 +449,7 @@ bool write_folder(phy_export& x) {
 
 }  // namespace
 
-bool export_phy(session_state& session, const std::string& path) {
+bool export_phy(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
   phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}};
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {

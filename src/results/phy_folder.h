@@ -13,6 +13,6 @@ namespace kestrelvane {
 
 // Writes the folder, creating it; a folder that already holds a sort is replaced only when
 // the user says so. Tells how it went; false when a file could not be written.
-bool export_phy(session_state& session, const std::string& path);
+bool export_phy(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

@@ -14,7 +14,7 @@ namespace kestrelvane {
 // Writes the sort. A recording of several epochs becomes one file per epoch, named after
 // it, in the folder of path (or in path, if that is a folder), with files of its stimuli
 // beside each. Tells how it went; false when a file could not be written.
-bool export_ptcs(session_state& session, const std::string& path);
+bool export_ptcs(const session_state& session, const std::string& path);
 
 // Replaces the events and clusters by the units of a file. The recording must have its
 // geometry: as many channels. On a bad file what was read so far stays, and the log says

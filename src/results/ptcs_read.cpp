@@ -84,7 +84,7 @@ bool read_header(ptcs_reading& in, ptcs_header& header) {
 
 // The count in front of a waveform block. In version 1 bytes may stand in the place of
 // elements.
-bool take_waveform_count(session_state& session, ptcs_reading& in, const ptcs_header& header,
+bool take_waveform_count(const session_state& session, ptcs_reading& in, const ptcs_header& header,
                          std::int64_t expected) {
   const std::int64_t told = in.take_i64();
   if (told == expected) return !in.failed;
@@ -93,7 +93,7 @@ bool take_waveform_count(session_state& session, ptcs_reading& in, const ptcs_he
   return !in.failed;
 }
 
-bool read_unit(session_state& session, ptcs_reading& in, const ptcs_header& header,
+bool read_unit(const session_state& session, ptcs_reading& in, const ptcs_header& header,
                ptcs_unit& unit) {
   in.take_i64();  // number
   unit.comment = in.take_text();

@@ -145,7 +145,8 @@ void write_unit(const session_state& session, safe_file& out, std::int32_t clust
   write_bytes(out, times.data(), times.size() * sizeof(std::int64_t));
 }
 
-bool write_stretch(session_state& session, const std::string& path, const ptcs_stretch& stretch) {
+bool write_stretch(const session_state& session, const std::string& path,
+                   const ptcs_stretch& stretch) {
   const std::vector<std::int32_t> used = unmasked_channels(session.recording);
   const std::vector<std::vector<std::int64_t>> times = list_spike_times(session, stretch);
   std::int64_t n_spikes = 0;
@@ -218,7 +219,7 @@ bool write_stimulus_files(const session_state& session, const std::string& stem,
   return good;
 }
 
-bool export_epochs(session_state& session, const std::string& path) {
+bool export_epochs(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
   std::error_code ignored;
   std::string folder = std::filesystem::is_directory(path, ignored) ? path + "/" : folder_of(path);
@@ -245,7 +246,7 @@ bool export_epochs(session_state& session, const std::string& path) {
 
 }  // namespace
 
-bool export_ptcs(session_state& session, const std::string& path) {
+bool export_ptcs(const session_state& session, const std::string& path) {
   if (session.recording.n_epochs > 1) return export_epochs(session, path);
   ptcs_stretch whole;
   whole.last = session.recording.n_samples;

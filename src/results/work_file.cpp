@@ -52,7 +52,7 @@ work_file_outcome open_work_file_dialog(session_state& session) {
   return open_work_file_at(session, path);
 }
 
-bool save_work_file_at(session_state& session, const std::string& path) {
+bool save_work_file_at(const session_state& session, const std::string& path) {
   const bool written = write_work_file(session, path);
   if (written) {
     tell(session, "Work saved in file " + path, box_title, box_icon::information);
@@ -62,7 +62,7 @@ bool save_work_file_at(session_state& session, const std::string& path) {
   return written;
 }
 
-bool save_work_file_dialog(session_state& session) {
+bool save_work_file_dialog(const session_state& session) {
   std::string path = replace_extension(session.recording.recording_path, ".wrk");
   return choose_file_to_save(session, "Save work file", file_filter, path) &&
          save_work_file_at(session, path);

@@ -19,7 +19,7 @@ namespace kestrelvane {
 
 // Writes version 8; work_save_busy is set meanwhile. temporary: the name until the file is
 // whole, as in open_safe_file. False on any failure.
-bool write_work_file(session_state& session, const std::string& path,
+bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary = "");
 
 // Reads a work file of any readable version over the recording in memory. False
@@ -50,9 +50,9 @@ work_file_outcome open_work_file_at(session_state& session, const std::string& p
 work_file_outcome open_work_file_dialog(session_state& session);
 
 // Writes a work file and tells the user how it went.
-bool save_work_file_at(session_state& session, const std::string& path);
+bool save_work_file_at(const session_state& session, const std::string& path);
 // The menu entry: lets the user choose, the recording's name with ".wrk" offered.
 // False when it failed or the user cancelled.
-bool save_work_file_dialog(session_state& session);
+bool save_work_file_dialog(const session_state& session);
 
 }  // namespace kestrelvane

@@ -206,7 +206,7 @@ std::string name_without_folders(const std::string& path) {
 
 // False when the file was saved from a recording of another name and the user
 // does not want to go on.
-bool belongs_to_recording(session_state& session, const std::string& saved_path) {
+bool belongs_to_recording(const session_state& session, const std::string& saved_path) {
   // The file cuts paths at its field's length, so both sides are compared cut.
   const std::string path = session.recording.recording_path.substr(0, work_file_path_length);
   const std::string saved = name_without_folders(saved_path);

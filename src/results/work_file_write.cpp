@@ -60,9 +60,11 @@ void write_comments(safe_file& out, const session_state& session) {
   }
 }
 
-void write_row(safe_file& out, session_state& session, const work_file_row& row,
+void write_row(safe_file& out, const session_state& session, const work_file_row& row,
                const work_file_counts& counts) {
-  void* first = row.first == nullptr ? nullptr : row.first(session);
+  // The reader stores through the same address; here it is only read.
+  const void* first =
+      row.first == nullptr ? nullptr : row.first(const_cast<session_state&>(session));
   switch (row.form) {
     case row_form::label:
     case row_form::text:
@@ -91,7 +93,7 @@ void write_row(safe_file& out, session_state& session, const work_file_row& row,
 
 }  // namespace
 
-bool write_work_file(session_state& session, const std::string& path,
+bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary) {
   session.operation.work_save_busy = true;
   safe_file out;

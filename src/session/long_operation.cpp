@@ -21,25 +21,25 @@ void count_poll(long_operation_flags& operation) {
 
 }  // namespace
 
-bool autosort_interrupted(session_state& session) {
+bool autosort_interrupted(const session_state& session) {
   count_poll(session.operation);
   yield_session(session);
   return session.operation.autosort_interrupt;
 }
 
-bool detection_interrupted(session_state& session) {
+bool detection_interrupted(const session_state& session) {
   count_poll(session.operation);
   yield_session(session);
   return session.operation.detection_interrupted;
 }
 
-bool reading_interrupted(session_state& session) {
+bool reading_interrupted(const session_state& session) {
   count_poll(session.operation);
   yield_session(session);
   return session.operation.reading_interrupted;
 }
 
-void pause_point(session_state& session) {
+void pause_point(const session_state& session) {
   if (!session.operation.pause_requested) return;
   log_message(session, "Paused, press resume button to continue ... ");
   const user_interface& ui = session.ui;

@@ -35,15 +35,15 @@ struct long_operation_flags {
 
 // True when the user has asked Autosort to stop. Every poll goes through here, and lets
 // a waiting save of the session go first (session_gate.h).
-bool autosort_interrupted(session_state& session);
-bool detection_interrupted(session_state& session);
+bool autosort_interrupted(const session_state& session);
+bool detection_interrupted(const session_state& session);
 // The same of a reader, which polls between blocks and then gives up: the session is empty
 // afterwards. Only the thread that runs the operation polls; a parallel loop's bodies test
 // operation.reading_interrupted.
-bool reading_interrupted(session_state& session);
+bool reading_interrupted(const session_state& session);
 
 // When a pause is requested: logs, blocks until resumed, clears the request, logs
 // "resuming". Goes on at once when nobody is there who could resume.
-void pause_point(session_state& session);
+void pause_point(const session_state& session);
 
 }  // namespace kestrelvane

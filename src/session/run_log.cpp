@@ -79,7 +79,7 @@ std::string log_path(const std::string& recording_path) {
 
 }  // namespace
 
-void log_message(session_state& session, std::string_view text) {
+void log_message(const session_state& session, std::string_view text) {
   run_log_table& log = session.log;
   text = without_trailing_blanks(text);
   const wrapped_text wrapped = wrap(text);
@@ -101,12 +101,12 @@ void log_message(session_state& session, std::string_view text) {
   }
 }
 
-void log_line(session_state& session, std::string_view text) {
+void log_line(const session_state& session, std::string_view text) {
   std::lock_guard lock(session.log.mutex);
   add_to_ring(session.log, &text, 1);
 }
 
-void write_run_log_window(session_state& session, std::string_view text) {
+void write_run_log_window(const session_state& session, std::string_view text) {
   const user_interface& ui = session.ui;
   if (ui.run_log_window != nullptr) ui.run_log_window(ui.context, text);
 }
@@ -115,7 +115,7 @@ bool log_timing(const session_state& session) {
   return session.preferences.verbose_log && !session.log.short_menu;
 }
 
-void report_failed_check(session_state& session, std::int32_t number) {
+void report_failed_check(const session_state& session, std::int32_t number) {
   write_run_log_window(session, fmt::format("Failed check {}", number));
 }
 
@@ -140,7 +140,7 @@ void open_log_file(session_state& session) {
   log_message(session, "Opening logfile: " + path);
 }
 
-void close_log_file(session_state& session) {
+void close_log_file(const session_state& session) {
   run_log_table& log = session.log;
   std::lock_guard lock(log.mutex);
   if (log.log_file != nullptr) std::fclose(log.log_file);

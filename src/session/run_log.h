@@ -36,24 +36,24 @@ struct run_log_table {
 // Wraps a text into at most five lines (a cut at the first blank after 100
 // characters, 256 at the latest) and adds them to the ring, the log file (whole,
 // as one line) and the open dialog.
-void log_message(session_state& session, std::string_view text);
+void log_message(const session_state& session, std::string_view text);
 
 // Adds one line as given: no wrap, no copy to file or dialog.
-void log_line(session_state& session, std::string_view text);
+void log_line(const session_state& session, std::string_view text);
 
 // Plain output to the run log window; not kept.
-void write_run_log_window(session_state& session, std::string_view text);
+void write_run_log_window(const session_state& session, std::string_view text);
 
 // True when detail timing lines are wanted.
 bool log_timing(const session_state& session);
 
 // "Failed check " and the number, to the run log window; the operation goes on.
-void report_failed_check(session_state& session, std::int32_t number);
+void report_failed_check(const session_state& session, std::int32_t number);
 
 // Opens the log file beside the recording, named after it with the date and
 // time; sets log_file_open. On failure clears it and log_file_enabled, logs and
 // tells the user.
 void open_log_file(session_state& session);
-void close_log_file(session_state& session);
+void close_log_file(const session_state& session);
 
 }  // namespace kestrelvane

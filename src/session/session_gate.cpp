@@ -30,7 +30,7 @@ bool holds_session(const session_state& session) {
   return session.gate.holder.load(std::memory_order_relaxed) == std::this_thread::get_id();
 }
 
-void enter_session(session_state& session) {
+void enter_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (holds_session(session)) {
     ++gate.depth;
@@ -40,14 +40,14 @@ void enter_session(session_state& session) {
   take_turn(gate, lock, 1);
 }
 
-void leave_session(session_state& session) {
+void leave_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (!holds_session(session) || --gate.depth > 0) return;
   std::lock_guard lock(gate.mutex);
   hand_over(gate);
 }
 
-void yield_session(session_state& session) {
+void yield_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (!holds_session(session)) return;
   // Nobody has drawn a ticket behind the holder's; one drawn this moment can wait.
@@ -59,7 +59,7 @@ void yield_session(session_state& session) {
   take_turn(gate, lock, hand_over(gate));
 }
 
-session_pause::session_pause(session_state& held) : session(held) {
+session_pause::session_pause(const session_state& held) : session(held) {
   if (!holds_session(session)) return;
   std::lock_guard lock(session.gate.mutex);
   depth = hand_over(session.gate);

@@ -31,33 +31,33 @@ struct session_gate {
 };
 
 // Waits for the gate and holds it. The holder may enter again.
-void enter_session(session_state& session);
-void leave_session(session_state& session);
+void enter_session(const session_state& session);
+void leave_session(const session_state& session);
 
 // Lets those who wait go first; does nothing when nobody waits or when the caller does
 // not hold the gate. Cheap enough for a poll. The tables must be fit to be saved.
-void yield_session(session_state& session);
+void yield_session(const session_state& session);
 
 // Whether the calling thread holds the gate.
 bool holds_session(const session_state& session);
 
 // Holds the gate for a scope.
 struct session_hold {
-  explicit session_hold(session_state& held) : session(held) { enter_session(session); }
+  explicit session_hold(const session_state& held) : session(held) { enter_session(session); }
   ~session_hold() { leave_session(session); }
   session_hold(const session_hold&) = delete;
   session_hold& operator=(const session_hold&) = delete;
-  session_state& session;
+  const session_state& session;
 };
 
 // Gives the gate up for a scope, while the holder waits for the user; nothing happens
 // when the caller does not hold it.
 struct session_pause {
-  explicit session_pause(session_state& held);
+  explicit session_pause(const session_state& held);
   ~session_pause();
   session_pause(const session_pause&) = delete;
   session_pause& operator=(const session_pause&) = delete;
-  session_state& session;
+  const session_state& session;
   std::int32_t depth = 0;  // entries to take up again
 };
 

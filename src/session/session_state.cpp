@@ -86,7 +86,7 @@ std::string rounded_gigabytes(double bytes) {
   return fmt::format("{:4}", static_cast<std::int64_t>(std::lround(bytes / 1e9)));
 }
 
-void report_no_memory_for_samples(session_state& session, std::int64_t max_time) {
+void report_no_memory_for_samples(const session_state& session, std::int64_t max_time) {
   const recording_store& r = session.recording;
   log_message(session, fmt::format("n_channels={} max_vd_samples={}", r.n_channels, max_time));
   const double bytes = 2.0 * r.n_channels * static_cast<double>(max_time);

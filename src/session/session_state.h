@@ -94,9 +94,13 @@ struct session_state {
 
   std::int32_t current_channel = 1;  // selected in all dialogs
 
-  run_log_table log;
-  long_operation_flags operation;
-  session_gate gate;
+  // The ways in which running code speaks and is spoken to. They hold nothing that a result
+  // depends on, so a routine that changes nothing may log, tell and poll: they can be written
+  // through a const session.
+  mutable run_log_table log;
+  mutable long_operation_flags operation;
+  mutable session_gate gate;
+
   recovery_state recovery;
   user_interface ui;
 

@@ -6,7 +6,7 @@
 
 namespace kestrelvane {
 
-void tell(session_state& session, const std::string& text, const std::string& title,
+void tell(const session_state& session, const std::string& text, const std::string& title,
           box_icon icon) {
   const user_interface& ui = session.ui;
   if (ui.tell == nullptr) return;
@@ -14,14 +14,14 @@ void tell(session_state& session, const std::string& text, const std::string& ti
   ui.tell(ui.context, text, title, icon);
 }
 
-bool ask(session_state& session, const std::string& text, const std::string& title) {
+bool ask(const session_state& session, const std::string& text, const std::string& title) {
   const user_interface& ui = session.ui;
   if (ui.ask == nullptr) return false;
   const session_pause others_may_save(session);
   return ui.ask(ui.context, text, title);
 }
 
-bool choose_file_to_open(session_state& session, const std::string& title,
+bool choose_file_to_open(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path) {
   const user_interface& ui = session.ui;
   if (ui.choose_open == nullptr) return false;
@@ -29,7 +29,7 @@ bool choose_file_to_open(session_state& session, const std::string& title,
   return ui.choose_open(ui.context, title, filter, path);
 }
 
-bool choose_file_to_save(session_state& session, const std::string& title,
+bool choose_file_to_save(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path) {
   const user_interface& ui = session.ui;
   if (ui.choose_save == nullptr) return false;
@@ -37,7 +37,7 @@ bool choose_file_to_save(session_state& session, const std::string& title,
   return ui.choose_save(ui.context, title, filter, path);
 }
 
-void ask_for_hdf_step(session_state& session, const hdf_page& page, hdf_choice& choice) {
+void ask_for_hdf_step(const session_state& session, const hdf_page& page, hdf_choice& choice) {
   choice = hdf_choice{};
   const user_interface& ui = session.ui;
   if (ui.walk_hdf == nullptr) return;
@@ -45,13 +45,14 @@ void ask_for_hdf_step(session_state& session, const hdf_page& page, hdf_choice& 
   ui.walk_hdf(ui.context, &page, choice);
 }
 
-void end_hdf_walk(session_state& session) {
+void end_hdf_walk(const session_state& session) {
   const user_interface& ui = session.ui;
   hdf_choice none;
   if (ui.walk_hdf != nullptr) ui.walk_hdf(ui.context, nullptr, none);
 }
 
-void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range) {
+void set_progress(const session_state& session, meter which, std::int32_t value,
+                  std::int32_t range) {
   // No bar has range 0, so the zero of a new session never hides a first post.
   const std::int64_t posted = (std::int64_t{range} << 32) | static_cast<std::uint32_t>(value);
   auto& last = session.operation.meter_value[static_cast<std::size_t>(which)];
@@ -60,27 +61,27 @@ void set_progress(session_state& session, meter which, std::int32_t value, std::
   if (ui.progress != nullptr) ui.progress(ui.context, which, value, range);
 }
 
-void set_status(session_state& session, status_field field, const std::string& text) {
+void set_status(const session_state& session, status_field field, const std::string& text) {
   const user_interface& ui = session.ui;
   if (ui.status != nullptr) ui.status(ui.context, field, text);
 }
 
-void set_frame_title(session_state& session, const std::string& text) {
+void set_frame_title(const session_state& session, const std::string& text) {
   const user_interface& ui = session.ui;
   if (ui.title != nullptr) ui.title(ui.context, text);
 }
 
-void refresh_displays(session_state& session) {
+void refresh_displays(const session_state& session) {
   const user_interface& ui = session.ui;
   if (ui.refresh != nullptr) ui.refresh(ui.context);
 }
 
-void begin_stage(session_state& session, const std::string& name) {
+void begin_stage(const session_state& session, const std::string& name) {
   const user_interface& ui = session.ui;
   if (ui.stage != nullptr) ui.stage(ui.context, name);
 }
 
-void say(session_state& session, const std::string& text) {
+void say(const session_state& session, const std::string& text) {
   set_status(session, status_field::message, text);
   log_message(session, text);
 }

@@ -73,26 +73,27 @@ struct user_interface {
 };
 
 // A message box.
-void tell(session_state& session, const std::string& text, const std::string& title,
+void tell(const session_state& session, const std::string& text, const std::string& title,
           box_icon icon = box_icon::error);
 // A Yes/No question; true for Yes.
-bool ask(session_state& session, const std::string& text, const std::string& title);
-bool choose_file_to_open(session_state& session, const std::string& title,
+bool ask(const session_state& session, const std::string& text, const std::string& title);
+bool choose_file_to_open(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
-bool choose_file_to_save(session_state& session, const std::string& title,
+bool choose_file_to_save(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
 // One turn of the walk through a container file; the choice is to cancel when nobody is
 // there to make one.
-void ask_for_hdf_step(session_state& session, const hdf_page& page, hdf_choice& choice);
-void end_hdf_walk(session_state& session);
+void ask_for_hdf_step(const session_state& session, const hdf_page& page, hdf_choice& choice);
+void end_hdf_walk(const session_state& session);
 // Moves a bar; posted only when the integer value changes.
-void set_progress(session_state& session, meter which, std::int32_t value, std::int32_t range);
-void set_status(session_state& session, status_field field, const std::string& text);
-void set_frame_title(session_state& session, const std::string& text);
-void refresh_displays(session_state& session);
-void begin_stage(session_state& session, const std::string& name);
+void set_progress(const session_state& session, meter which, std::int32_t value,
+                  std::int32_t range);
+void set_status(const session_state& session, status_field field, const std::string& text);
+void set_frame_title(const session_state& session, const std::string& text);
+void refresh_displays(const session_state& session);
+void begin_stage(const session_state& session, const std::string& name);
 
 // The message line of the running operation and the run log, in the same words.
-void say(session_state& session, const std::string& text);
+void say(const session_state& session, const std::string& text);
 
 }  // namespace kestrelvane

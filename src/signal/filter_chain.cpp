@@ -193,7 +193,7 @@ void begin_filtering(session_state& session) {
   session.multi_threaded_now = session.preferences.multi_threaded;
 }
 
-bool interrupted(session_state& session) {
+bool interrupted(const session_state& session) {
   yield_session(session);
   return session.operation.filtering_interrupted;
 }
@@ -215,7 +215,7 @@ void follow_samples(filter_progress& progress) {
   end_filter_step(progress);
 }
 
-void say_stopped(session_state& session, std::int64_t n_done, std::int64_t n_steps) {
+void say_stopped(const session_state& session, std::int64_t n_done, std::int64_t n_steps) {
   say(session, fmt::format("Filtering was stopped: {} of {} steps done", n_done, n_steps));
 }
 

@@ -175,12 +175,12 @@ std::int32_t filter_threads(const session_state& session) {
   return n < 2 ? 1 : std::max(2, n / 6);
 }
 
-bool report_no_memory(session_state& session) {
+bool report_no_memory(const session_state& session) {
   tell(session, "Not enough memory for filtering", "Problem");
   return false;
 }
 
-bool allocate_all(session_state& session, std::vector<fft_buffer>& buffers) {
+bool allocate_all(const session_state& session, std::vector<fft_buffer>& buffers) {
   for (fft_buffer& buffer : buffers) {
     if (!buffer.allocate()) return report_no_memory(session);
   }
@@ -294,9 +294,10 @@ double settled_deviation(const std::vector<float>& x) {
 
 // The channel in µV through its segments into out, in place of vd.
 template <typename Finished>
-void shape_channel(session_state& session, std::int32_t channel, const std::vector<float>& gains,
-                   fft_buffer& buffer, std::vector<float>& out, Finished&& finished) {
-  recording_store& r = session.recording;
+void shape_channel(const session_state& session, std::int32_t channel,
+                   const std::vector<float>& gains, fft_buffer& buffer, std::vector<float>& out,
+                   Finished&& finished) {
+  const recording_store& r = session.recording;
   std::fill(out.begin(), out.end(), 0.0f);
   segment s = first_segment(r.n_samples);
   for (std::int32_t pass = 0; pass < passes_over(r.n_samples); ++pass) {

@@ -43,7 +43,7 @@ inline std::int32_t nearest(Real x) {
 
 // body(channel) on every channel of the list, each a part of the step.
 template <typename Body>
-void for_each_channel(session_state& session, filter_progress& progress,
+void for_each_channel(const session_state& session, filter_progress& progress,
                       const std::vector<std::int32_t>& channels, Body&& body) {
   if (session.recording.n_samples <= 0) return;
   const auto n = static_cast<std::int64_t>(channels.size());
@@ -56,7 +56,7 @@ void for_each_channel(session_state& session, filter_progress& progress,
 
 // body(first, n, rank) on stretches of n samples from first on.
 template <typename Body>
-void for_each_block(session_state& session, filter_progress& progress, std::int32_t length,
+void for_each_block(const session_state& session, filter_progress& progress, std::int32_t length,
                     Body&& body) {
   const std::int64_t n_samples = session.recording.n_samples;
   const std::int64_t n_blocks = (n_samples + length - 1) / length;

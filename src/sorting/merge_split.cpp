@@ -24,11 +24,11 @@ constexpr std::int32_t merges_per_call = 100;
 constexpr std::int32_t tries_per_pair = 4;
 constexpr std::int16_t label_outside_list = 10;
 
-void set_merge_meter(session_state& session, std::int32_t value) {
+void set_merge_meter(const session_state& session, std::int32_t value) {
   set_progress(session, meter::merge_and_sort, value, merge_meter_range);
 }
 
-void show_counts(session_state& session) {
+void show_counts(const session_state& session) {
   set_status(session, status_field::stable_clusters,
              std::to_string(count_stable_clusters(session)));
   set_status(session, status_field::clusters_found, std::to_string(session.clusters.n_clusters));
@@ -82,8 +82,8 @@ pair_search find_safe_pair(const session_state& session) {
   return find_largest_overlap(session, [&](std::int64_t k) { return pair_is_safe(session, k); });
 }
 
-void report_merge_loss(session_state& session, std::int32_t size_before, std::int32_t size_after,
-                       std::int32_t clustered_before) {
+void report_merge_loss(const session_state& session, std::int32_t size_before,
+                       std::int32_t size_after, std::int32_t clustered_before) {
   if (size_before == size_after) {
     log_message(session, "Merging did not remove any events");
     return;
@@ -159,7 +159,7 @@ std::int32_t place_in_list(const stage_verdict& verdict, std::int32_t label) {
 }
 
 // Folds what is at the best stage but not in the list.
-void fold_unlisted(session_state& session, const gac_points& points, gac_tables& tables,
+void fold_unlisted(const session_state& session, const gac_points& points, gac_tables& tables,
                    const stage_verdict& verdict) {
   bool any = false;
   for (std::int32_t j = 1; j <= gac_label_limit; ++j) {
@@ -379,7 +379,7 @@ void split_by_verdict(session_state& session, std::int32_t cluster, const gac_po
   for (const std::int32_t e : list) events.event_subcluster[e] = 0;
 }
 
-void report_final_check(session_state& session, const char* words, std::int32_t n_splits,
+void report_final_check(const session_state& session, const char* words, std::int32_t n_splits,
                         std::int32_t n_first) {
   log_message(session, fmt::format("{}; made {} further splits", words, n_splits));
   log_message(session,
@@ -424,7 +424,7 @@ struct check_meter {
   std::int32_t from, mid, to;
 };
 
-void move_check_meter(session_state& session, const check_meter& meter, std::int32_t pass,
+void move_check_meter(const session_state& session, const check_meter& meter, std::int32_t pass,
                       std::int32_t c, std::int32_t n_in_pass) {
   if (pass == 1) {
     set_merge_meter(session, meter.from + c * (meter.mid - meter.from) / n_in_pass);

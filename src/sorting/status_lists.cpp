@@ -346,7 +346,7 @@ void get_match_lists(session_state& session) {
 
 // ---------------------------------------------------------------- self-checks
 
-bool check_shift_owners(session_state& session) {
+bool check_shift_owners(const session_state& session) {
   const status_lists_table& lists = session.lists;
   const std::int32_t n = session.clusters.n_clusters;
   std::int32_t errors = 0;
@@ -367,7 +367,7 @@ bool check_shift_owners(session_state& session) {
   return errors == 0;
 }
 
-bool check_match_values(session_state& session) {
+bool check_match_values(const session_state& session) {
   const status_lists_table& lists = session.lists;
   const std::int32_t n = session.clusters.n_clusters;
   std::int32_t errors = 0;
@@ -390,7 +390,7 @@ bool check_match_values(session_state& session) {
   return errors == 0;
 }
 
-bool check_shift_values(session_state& session) {
+bool check_shift_values(const session_state& session) {
   const status_lists_table& lists = session.lists;
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   const std::int32_t n = session.clusters.n_clusters;
@@ -409,7 +409,7 @@ bool check_shift_values(session_state& session) {
   return errors == 0;
 }
 
-bool check_overlap_flags(session_state& session) {
+bool check_overlap_flags(const session_state& session) {
   const status_lists_table& lists = session.lists;
   bool good = true;
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {

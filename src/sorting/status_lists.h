@@ -56,10 +56,10 @@ void get_match_lists(session_state& session);
 
 // Self-checks of the lists, with their reports in the log. Each is true when it
 // found nothing wrong.
-bool check_shift_owners(session_state& session);
-bool check_match_values(session_state& session);
-bool check_shift_values(session_state& session);
-bool check_overlap_flags(session_state& session);
+bool check_shift_owners(const session_state& session);
+bool check_match_values(const session_state& session);
+bool check_shift_values(const session_state& session);
+bool check_overlap_flags(const session_state& session);
 // Builds the lists plainly and threaded and compares them bit for bit.
 bool check_threaded_lists(session_state& session);
 

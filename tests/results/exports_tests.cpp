@@ -148,6 +148,14 @@ TEST_F(export_test, save_as_takes_its_steps_in_order) {
   EXPECT_TRUE(session.user.told("Saved work file " + directory.file("a.wrk"), "Export data"));
   EXPECT_TRUE(session.user.told("Saved comments file " + directory.file("a.txt"), "Export data"));
   EXPECT_TRUE(exists("a.wrk") && exists("a.txt"));
+
+  // Only a Plexon file is remembered as the recording's own, and only once it stands.
+  EXPECT_TRUE(session->recording.plx_path.empty());
+  const export_format& plx = *find_export_format("plx");
+  EXPECT_FALSE(export_sorted_spikes(*session, plx, directory.file("absent/a.plx"), {}));
+  EXPECT_TRUE(session->recording.plx_path.empty());
+  EXPECT_TRUE(export_sorted_spikes(*session, plx, directory.file("a.plx"), {}));
+  EXPECT_EQ(session->recording.plx_path, directory.file("a.plx"));
 }
 
 TEST_F(export_test, a_full_device_costs_the_new_file_only) {

@@ -116,7 +116,7 @@ std::int16_t limited(std::int32_t value) {
 }
 
 // Takes the value of zero volts off every sample.
-void subtract_offset(session_state& session, interleaved_channels& channels, double offset) {
+void subtract_offset(const session_state& session, interleaved_channels& channels, double offset) {
   const auto zero = static_cast<std::int32_t>(std::clamp(std::round(offset), -65535.0, 65535.0));
   if (zero == 0) return;
   log_message(session, fmt::format("The offset of {} in the XML file is subtracted", zero));
@@ -184,7 +184,7 @@ bool read_xml_recording(session_state& session, const std::string& path) {
   return true;
 }
 
-bool export_evt(session_state& session, const std::string& path) {
+bool export_evt(const session_state& session, const std::string& path) {
   const event_table& e = session.events;
   const double ms_per_sample = 1000.0 / session.recording.sampling_frequency;
   constexpr const char* title = "Save sorted spikes";

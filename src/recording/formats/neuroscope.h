@@ -15,6 +15,6 @@ bool read_xml_recording(session_state& session, const std::string& path);
 
 // Writes one line per event, in order: time in ms, channel and cluster. False, after the
 // box, when the file cannot be written.
-bool export_evt(session_state& session, const std::string& path);
+bool export_evt(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

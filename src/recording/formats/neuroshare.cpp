@@ -83,14 +83,14 @@ T field(const ns_record& record, std::size_t offset) {
   return value;
 }
 
-bool report_code(session_state& session, const std::string& text, ns_result code) {
+bool report_code(const session_state& session, const std::string& text, ns_result code) {
   log_message(session, text);
   log_message(session, fmt::format("mcs_error_code={}", code));
   tell(session, text, "Open a recording file");
   return false;
 }
 
-bool report_bad_read(session_state& session, ns_result code) {
+bool report_bad_read(const session_state& session, ns_result code) {
   return report_code(session, "Error reading file", code);
 }
 
@@ -110,7 +110,8 @@ std::vector<std::string> library_candidates(const std::string& recording_path) {
   return candidates;
 }
 
-bool load_library(session_state& session, const std::string& recording_path, ns_library& library) {
+bool load_library(const session_state& session, const std::string& recording_path,
+                  ns_library& library) {
   for (const std::string& candidate : library_candidates(recording_path)) {
     const bool has_folder = candidate.find('/') != std::string::npos;
     if (has_folder && !file_exists(candidate)) continue;
@@ -135,7 +136,7 @@ bool find_routine(const ns_library& library, const char* name, routine& found) {
   return found != nullptr;
 }
 
-bool find_routines(session_state& session, ns_library& library) {
+bool find_routines(const session_state& session, ns_library& library) {
   if (find_routine(library, "ns_OpenFile", library.open_file) &&
       find_routine(library, "ns_CloseFile", library.close_file) &&
       find_routine(library, "ns_GetFileInfo", library.file_info) &&
@@ -166,7 +167,7 @@ ns_result try_sizes(std::initializer_list<std::uint32_t> sizes, ns_record& recor
   return code;
 }
 
-bool count_entities(session_state& session, const ns_library& library, const input_file& file,
+bool count_entities(const session_state& session, const ns_library& library, const input_file& file,
                     std::uint32_t& n_entities) {
   ns_record record;
   const ns_result code = try_sizes({404, 408}, record, [&](void* info, std::uint32_t size) {
@@ -178,7 +179,8 @@ bool count_entities(session_state& session, const ns_library& library, const inp
          refuse_file(session, fmt::format("# of entities in file is {}", n_entities));
 }
 
-bool describe_channel(session_state& session, const ns_library& library, ns_channel& channel) {
+bool describe_channel(const session_state& session, const ns_library& library,
+                      ns_channel& channel) {
   ns_record record;
   const ns_result code = try_sizes({264, 272}, record, [&](void* info, std::uint32_t size) {
     return library.analog_info(library.handle, channel.entity, info, size);
@@ -190,8 +192,8 @@ bool describe_channel(session_state& session, const ns_library& library, ns_chan
 }
 
 // The analog entities of the raw electrode streams, of the filtered ones if there are none.
-bool list_channels(session_state& session, const ns_library& library, std::uint32_t n_entities,
-                   std::vector<ns_channel>& channels) {
+bool list_channels(const session_state& session, const ns_library& library,
+                   std::uint32_t n_entities, std::vector<ns_channel>& channels) {
   std::vector<ns_channel> filtered;
   for (std::uint32_t e = 0; e < n_entities; ++e) {
     if (e % 256 == 0 && reading_interrupted(session)) return false;
@@ -216,7 +218,7 @@ bool list_channels(session_state& session, const ns_library& library, std::uint3
   return true;
 }
 
-void keep_one_rate(session_state& session, std::vector<ns_channel>& channels) {
+void keep_one_rate(const session_state& session, std::vector<ns_channel>& channels) {
   const double rate = channels[0].rate;
   const auto n_other = std::erase_if(channels, [&](const ns_channel& c) { return c.rate != rate; });
   if (n_other == 0) return;
@@ -225,7 +227,7 @@ void keep_one_rate(session_state& session, std::vector<ns_channel>& channels) {
                                    n_other));
 }
 
-void log_channels(session_state& session, const std::vector<ns_channel>& channels) {
+void log_channels(const session_state& session, const std::vector<ns_channel>& channels) {
   const recording_store& r = session.recording;
   log_message(session, fmt::format("There are {} electrode channels", channels.size()));
   std::string names;
@@ -316,7 +318,7 @@ bool read_channel(session_state& session, const ns_library& library, const ns_ch
   return true;
 }
 
-void log_counts(session_state& session, const value_counts& counts) {
+void log_counts(const session_state& session, const value_counts& counts) {
   const recording_store& r = session.recording;
   if (counts.n_pauses > 0) {
     log_message(session,

@@ -94,7 +94,7 @@ recorded_stream describe_stream(const json& object) {
   return stream;
 }
 
-bool read_structure(session_state& session, const std::string& path,
+bool read_structure(const session_state& session, const std::string& path,
                     std::vector<recorded_stream>& streams) {
   constexpr std::int64_t most_bytes = 64 << 20;
   input_file file;
@@ -127,7 +127,7 @@ bool is_named(const recorded_stream& stream, std::size_t number, const std::stri
 }
 
 // Null after the words for why there is none.
-const recorded_stream* choose_stream(session_state& session,
+const recorded_stream* choose_stream(const session_state& session,
                                      const std::vector<recorded_stream>& streams) {
   std::vector<const recorded_stream*> candidates;
   const std::string& wanted = session.named_stream;
@@ -284,7 +284,7 @@ std::optional<std::int64_t> number_at(const input_file& file, std::int64_t at) {
 }
 
 // Sample numbers that jump tell of pauses, which the time axis does not show.
-void report_gaps(session_state& session, const std::string& folder, std::int64_t n_samples) {
+void report_gaps(const session_state& session, const std::string& folder, std::int64_t n_samples) {
   input_file file;
   npy_header header;
   const bool is_new = file_exists(folder + "sample_numbers.npy");
@@ -334,7 +334,7 @@ bool comes_before(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-std::string find_structure_file(session_state& session, const std::string& folder) {
+std::string find_structure_file(const session_state& session, const std::string& folder) {
   namespace fs = std::filesystem;
   constexpr int deepest = 6;
   constexpr std::size_t most_entries = 100000;

@@ -16,6 +16,6 @@ bool read_open_ephys(session_state& session, const std::string& path);
 
 // The structure.oebin that a folder holds, at any depth: of several the first in natural
 // order, the others being logged. Empty when there is none.
-std::string find_structure_file(session_state& session, const std::string& folder);
+std::string find_structure_file(const session_state& session, const std::string& folder);
 
 }  // namespace kestrelvane

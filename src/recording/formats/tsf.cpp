@@ -40,12 +40,12 @@ struct tsf_layout {
   bool needs_order = false;        // the channel table does not give a display order
 };
 
-bool fail_early_end(session_state& session) {
+bool fail_early_end(const session_state& session) {
   tell(session, "Early end to file", "Error");
   return false;
 }
 
-bool read_label(session_state& session, byte_cursor& in, tsf_layout& layout) {
+bool read_label(const session_state& session, byte_cursor& in, tsf_layout& layout) {
   if (take_text(in, label.size()) != label) {
     log_message(session, "Error reading tsf file");
     return false;
@@ -242,7 +242,7 @@ void drop_bad_events(session_state& session) {
 }
 
 // A count of 4-byte entries in three arrays, tested against limit and file.
-bool take_array_count(session_state& session, const input_file& file, std::int64_t& at,
+bool take_array_count(const session_state& session, const input_file& file, std::int64_t& at,
                       std::int32_t limit, const char* what, std::int32_t& count) {
   count = 0;
   std::int32_t stored = 0;
@@ -258,7 +258,7 @@ bool take_array_count(session_state& session, const input_file& file, std::int64
   return true;
 }
 
-bool take_three_arrays(session_state& session, const input_file& file, std::int64_t at,
+bool take_three_arrays(const session_state& session, const input_file& file, std::int64_t at,
                        std::int32_t count, table<std::int32_t>& a, table<std::int32_t>& b,
                        table<std::int32_t>& c) {
   const std::int64_t bytes = 4 * std::int64_t{count};
@@ -372,7 +372,7 @@ void write_channel_table(safe_file& out, const recording_store& r) {
   }
 }
 
-void write_events(session_state& session, safe_file& out) {
+void write_events(const session_state& session, safe_file& out) {
   const event_table& e = session.events;
   const std::size_t bytes = 4 * static_cast<std::size_t>(e.n_events);
   write_value(out, e.n_events);
@@ -406,7 +406,7 @@ bool read_tsf(session_state& session, const std::string& path) {
   return true;
 }
 
-bool write_tsf(session_state& session, const std::string& path) {
+bool write_tsf(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
   safe_file out;
   if (open_safe_file(out, path)) {

@@ -28,6 +28,6 @@ bool read_tsf(session_state& session, const std::string& path);
 // Writes the recording as it is in memory, filters included, and its events, format
 // 1002. False, with a box, when the file cannot be written; an old file of that name is
 // then whole. Event-based recordings are the caller's to refuse.
-bool write_tsf(session_state& session, const std::string& path);
+bool write_tsf(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

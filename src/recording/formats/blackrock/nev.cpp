@@ -68,13 +68,13 @@ bool take_electrodes(session_state& session, const input_file& file, nev_layout&
 
 // --- the size of the store
 
-bool report_broken_walk(session_state& session) {
+bool report_broken_walk(const session_state& session) {
   if (!session.operation.reading_interrupted) log_message(session, "Error or end of file");
   return false;
 }
 
 // One pass over ids and time stamps.
-bool count_waveforms(session_state& session, const input_file& file, nev_reading& reading) {
+bool count_waveforms(const session_state& session, const input_file& file, nev_reading& reading) {
   const nev_layout& layout = reading.layout;
   reading.counts.assign(static_cast<std::size_t>(layout.n_file_channels) + 1, 0);
   const bool walked = walk_nev_packets(file, layout, [&](const char* bytes, std::int64_t n) {
@@ -100,7 +100,7 @@ std::int64_t count_record_samples(const nev_reading& reading) {
 
 // Up to the last time stamp, and to the end of a waveform that begins there: its event would
 // lie behind the recording otherwise.
-std::int64_t count_time_samples(session_state& session, const nev_reading& reading) {
+std::int64_t count_time_samples(const session_state& session, const nev_reading& reading) {
   const nev_layout& layout = reading.layout;
   const std::int64_t by_stamp = ticks_to(reading.last_ticks, layout.sample_rate, layout.resolution);
   const std::int64_t last_waveform =
@@ -214,11 +214,11 @@ bool read_packets(session_state& session, const input_file& file, nev_reading& r
   return walked || report_broken_walk(session);
 }
 
-void log_count(session_state& session, std::int64_t n, const char* words) {
+void log_count(const session_state& session, std::int64_t n, const char* words) {
   if (n > 0) log_message(session, fmt::format("{} {}", n, words));
 }
 
-void log_packets(session_state& session, const nev_reading& reading) {
+void log_packets(const session_state& session, const nev_reading& reading) {
   std::int64_t n_unknown = 0;
   for (const auto& [id, n] : reading.unknown_ids) n_unknown += n;
   log_count(session, n_unknown, "packets have an unrecognised id");

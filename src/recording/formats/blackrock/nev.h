@@ -26,6 +26,6 @@ bool read_nev(session_state& session, const std::string& path);
 //
 // path may be the loaded file itself: that is renamed to ".___tmp" until the copy is whole,
 // and has its name back after a failure. Tells the user how it went.
-bool write_nev_with_units(session_state& session, const std::string& path);
+bool write_nev_with_units(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

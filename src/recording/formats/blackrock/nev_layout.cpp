@@ -35,7 +35,7 @@ bool take_kind(byte_cursor& in, nev_layout& layout) {
   return kind == "BREVENTS" || kind == "NEURALEV";
 }
 
-bool check_layout(session_state& session, const input_file& file, const nev_layout& layout) {
+bool check_layout(const session_state& session, const input_file& file, const nev_layout& layout) {
   const std::int64_t least_header = nev_basic_bytes + nev_extended_bytes * layout.n_extended;
   if (layout.header_bytes < nev_basic_bytes || layout.header_bytes > file.size ||
       least_header > file.size) {
@@ -55,7 +55,7 @@ bool check_layout(session_state& session, const input_file& file, const nev_layo
 }
 
 // Network clocks tell the time of day: the first packet is then where the recording begins.
-void find_first_stamp(session_state& session, const input_file& file, nev_layout& layout) {
+void find_first_stamp(const session_state& session, const input_file& file, nev_layout& layout) {
   if (layout.resolution < wall_clock_resolution || layout.n_packets == 0) return;
   const std::vector<char> packet = read_block(file, layout.header_bytes, layout.packet_head);
   if (std::ssize(packet) < layout.packet_head) return;
@@ -89,7 +89,7 @@ record_start take_blackrock_start(byte_cursor& in) {
   return start;
 }
 
-bool read_nev_layout(session_state& session, const input_file& file, nev_layout& layout) {
+bool read_nev_layout(const session_state& session, const input_file& file, nev_layout& layout) {
   layout.basic = read_block(file, 0, nev_basic_bytes);
   byte_cursor in{layout.basic.data(), layout.basic.size()};
   if (!take_kind(in, layout)) {

@@ -55,7 +55,7 @@ struct nev_layout {
 
 // Parses and tests the basic header. False, after the words for what is wrong, unless the
 // packets can be walked.
-bool read_nev_layout(session_state& session, const input_file& file, nev_layout& layout);
+bool read_nev_layout(const session_state& session, const input_file& file, nev_layout& layout);
 
 // What an extended header says of an electrode.
 struct nev_electrode {

@@ -132,7 +132,7 @@ std::int32_t unit_now(const session_state& session, nev_writing& writing, const 
   return packet.unit;
 }
 
-void classify_packet(session_state& session, nev_writing& writing, char* bytes) {
+void classify_packet(const session_state& session, nev_writing& writing, char* bytes) {
   const nev_packet packet = nev_packet_at(writing.layout, bytes);
   if (packet.id == 0) return;
   if (packet.id > writing.layout.n_file_channels) {
@@ -163,7 +163,7 @@ bool copy_range(safe_file& out, const input_file& file, std::int64_t from, std::
   return std::ssize(bytes) == to - from && write_bytes(out, bytes.data(), bytes.size());
 }
 
-bool copy_headers(session_state& session, const input_file& file, safe_file& out,
+bool copy_headers(const session_state& session, const input_file& file, safe_file& out,
                   nev_layout& layout) {
   const auto on_unknown = [&](std::int64_t header) {
     log_message(session, fmt::format("Unrecognised extended header {}", header));
@@ -176,7 +176,7 @@ bool copy_headers(session_state& session, const input_file& file, safe_file& out
          copy_range(out, file, nev_basic_bytes, layout.header_bytes);
 }
 
-bool copy_packets(session_state& session, const input_file& file, safe_file& out,
+bool copy_packets(const session_state& session, const input_file& file, safe_file& out,
                   nev_writing& writing) {
   const nev_layout& layout = writing.layout;
   const bool walked = walk_nev_packets(file, layout, [&](char* bytes, std::int64_t n) {
@@ -194,7 +194,7 @@ bool copy_packets(session_state& session, const input_file& file, safe_file& out
                     file.size);
 }
 
-bool copy_classified(session_state& session, const std::string& from, const std::string& to) {
+bool copy_classified(const session_state& session, const std::string& from, const std::string& to) {
   input_file file;
   if (!open_input_file(file, from)) {
     log_message(session, "Failed to Open NEV file");
@@ -223,7 +223,7 @@ bool copy_classified(session_state& session, const std::string& from, const std:
 }
 
 // Over the loaded file itself, whose bytes stand under another name until the copy is whole.
-bool replace_classified(session_state& session, const std::string& path) {
+bool replace_classified(const session_state& session, const std::string& path) {
   const std::string kept = replace_extension(path, ".___tmp");
   // A file of that name may be the only copy of something.
   if (file_exists(kept) || std::rename(path.c_str(), kept.c_str()) != 0) {
@@ -249,7 +249,7 @@ std::string resolved(const std::string& path) {
 
 }  // namespace
 
-bool write_nev_with_units(session_state& session, const std::string& path) {
+bool write_nev_with_units(const session_state& session, const std::string& path) {
   const std::string& input = session.recording.recording_path;
   const std::string target = resolved(path);
   const bool over_itself = !target.empty() && target == resolved(input);

@@ -43,7 +43,7 @@ std::int64_t take_u32(byte_cursor& in) { return take_value<std::uint32_t>(in); }
 // --- the header of version 2.1
 
 // Scales of electrodes by id, from the .nev file of the same name.
-std::vector<double> read_companion_scales(session_state& session, const std::string& path) {
+std::vector<double> read_companion_scales(const session_state& session, const std::string& path) {
   std::vector<double> scales;
   for (const char* extension : {".nev", ".NEV"}) {
     const std::string companion = replace_extension(path, extension);
@@ -65,7 +65,7 @@ std::vector<double> read_companion_scales(session_state& session, const std::str
 }
 
 // 0 where the .nev file does not know the electrode.
-void take_old_scales(session_state& session, const std::string& path, byte_cursor& in,
+void take_old_scales(const session_state& session, const std::string& path, byte_cursor& in,
                      nsx_header& header) {
   const std::vector<double> of_electrodes = read_companion_scales(session, path);
   for (std::int64_t c = 0; c < header.n_channels; ++c) {
@@ -78,7 +78,7 @@ void take_old_scales(session_state& session, const std::string& path, byte_curso
   log_message(session, "The voltage scaling is not known: 1 uV/bit is assumed");
 }
 
-bool read_old_header(session_state& session, const input_file& file, const std::string& path,
+bool read_old_header(const session_state& session, const input_file& file, const std::string& path,
                      nsx_header& header) {
   const std::vector<char> basic = read_block(file, 8, old_basic_bytes - 8);
   byte_cursor in{basic.data(), basic.size()};
@@ -109,7 +109,8 @@ double take_scale(byte_cursor& in) {
   return !units.empty() && units[0] == 'm' ? 1000 * scale : scale;
 }
 
-bool read_channel_headers(session_state& session, const input_file& file, nsx_header& header) {
+bool read_channel_headers(const session_state& session, const input_file& file,
+                          nsx_header& header) {
   const std::vector<char> block = read_block(file, basic_bytes, channel_bytes * header.n_channels);
   byte_cursor in{block.data(), block.size()};
   for (std::int64_t c = 0; c < header.n_channels; ++c) header.scales.push_back(take_scale(in));
@@ -117,7 +118,7 @@ bool read_channel_headers(session_state& session, const input_file& file, nsx_he
 }
 
 // Where the data begin, by the channel count unless the header gives room for more.
-void settle_header_bytes(session_state& session, const input_file& file, nsx_header& header) {
+void settle_header_bytes(const session_state& session, const input_file& file, nsx_header& header) {
   const std::int64_t by_count = basic_bytes + channel_bytes * header.n_channels;
   const std::int64_t stated = header.header_bytes;
   if (stated < by_count || stated > file.size) header.header_bytes = by_count;
@@ -190,7 +191,7 @@ bool take_header(session_state& session, nsx_header& header) {
 
 // A hook that brings the channels of other scales to that of channel 1; none if there are
 // no such channels. Samples that leave 16 bits are limited, and counted.
-void rescale_channels(session_state& session, const nsx_header& header,
+void rescale_channels(const session_state& session, const nsx_header& header,
                       interleaved_channels& channels, std::atomic<std::int64_t>& n_limited) {
   std::vector<double> factors;
   std::int32_t n_bad = 0, n_differing = 0;

@@ -105,7 +105,7 @@ std::string megabytes_per_second(const hdf_read& read, double seconds) {
   return fmt::format("{:.0f} MBytes/s", bytes / std::max(seconds, 1e-9) / 1e6);
 }
 
-void report_limited(session_state& session, std::int64_t n_limited) {
+void report_limited(const session_state& session, std::int64_t n_limited) {
   if (n_limited == 0) return;
   log_message(session,
               fmt::format("Warning: {} samples did not fit 16 bits and were limited", n_limited));

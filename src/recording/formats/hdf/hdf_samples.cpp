@@ -413,8 +413,9 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   return false;
 }
 
-bool plan_hdf_conversion(session_state& session, hid_t dataset, const hdf_selection& selection,
-                         const hdf_layout& layout, hdf_conversion& plan) {
+bool plan_hdf_conversion(const session_state& session, hid_t dataset,
+                         const hdf_selection& selection, const hdf_layout& layout,
+                         hdf_conversion& plan) {
   const hdf_id type(H5Dget_type(dataset));
   const H5T_class_t kind = type.ok() ? H5Tget_class(type) : H5T_NO_CLASS;
   const std::size_t size = type.ok() ? H5Tget_size(type) : 0;

@@ -40,8 +40,9 @@ struct hdf_conversion {
 
 // Logs what is going to be done to the values. False, after the log line, for a type that
 // is no number of a known size.
-bool plan_hdf_conversion(session_state& session, hid_t dataset, const hdf_selection& selection,
-                         const hdf_layout& layout, hdf_conversion& plan);
+bool plan_hdf_conversion(const session_state& session, hid_t dataset,
+                         const hdf_selection& selection, const hdf_layout& layout,
+                         hdf_conversion& plan);
 
 struct hdf_read_result {
   std::string problem;         // of the library, when it is not finished

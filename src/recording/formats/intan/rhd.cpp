@@ -123,7 +123,8 @@ bool numbers_run_on(const input_file& file, const rhd_header& header) {
 
 // Digital words stand once in a block. Systems that record inputs and outputs write them
 // twice; the numbers of the samples tell.
-void settle_digital_words(session_state& session, const input_file& file, rhd_header& header) {
+void settle_digital_words(const session_state& session, const input_file& file,
+                          rhd_header& header) {
   const bool both = header.n_enabled[rhd_digital_in] > 0 && header.n_enabled[rhd_digital_out] > 0;
   if (!both || numbers_run_on(file, header)) return;
   set_block_size(header, 2);
@@ -172,13 +173,13 @@ bool read_blocks(session_state& session, const input_file& file, const rhd_heade
 }
 
 // How the file ends: behind a block, or inside one.
-void log_end(session_state& session, const input_file& file, const rhd_header& header) {
+void log_end(const session_state& session, const input_file& file, const rhd_header& header) {
   const std::int64_t rest = (file.size - header.first_block) % header.block_bytes;
   const bool inside_samples = rest >= sample_number_bytes * header.samples_per_block;
   log_message(session, inside_samples ? "Error or end of file" : "Expected end of file");
 }
 
-bool check_blocks(session_state& session, const rhd_header& header, std::int64_t n_blocks) {
+bool check_blocks(const session_state& session, const rhd_header& header, std::int64_t n_blocks) {
   if (n_blocks > 0) return check_sample_count(session, n_blocks * header.samples_per_block);
   return refuse_file(session,
                      "The file has a header but no samples; samples in files of their own "

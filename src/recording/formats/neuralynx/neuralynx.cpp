@@ -65,9 +65,11 @@ bool take_whole(std::string_view text, std::int32_t& value) {
   return true;
 }
 
-void report_undecoded(session_state& session) { log_message(session, "Error decoding header"); }
+void report_undecoded(const session_state& session) {
+  log_message(session, "Error decoding header");
+}
 
-bool parse_waveform_length(session_state& session, std::string_view value) {
+bool parse_waveform_length(const session_state& session, std::string_view value) {
   std::int32_t length = 0;
   if (!take_whole(value, length)) {
     report_undecoded(session);
@@ -118,7 +120,7 @@ void log_header(session_state& session, std::string_view text) {
   }
 }
 
-bool open_and_read_header(session_state& session, input_file& file, const std::string& path,
+bool open_and_read_header(const session_state& session, input_file& file, const std::string& path,
                           std::string& header) {
   if (!open_input_file(file, path)) {
     log_message(session, file.problem);
@@ -131,7 +133,8 @@ bool open_and_read_header(session_state& session, input_file& file, const std::s
   return false;
 }
 
-void report_remainder(session_state& session, const input_file& file, std::int64_t record_bytes) {
+void report_remainder(const session_state& session, const input_file& file,
+                      std::int64_t record_bytes) {
   const std::int64_t rest = (file.size - neuralynx_header_bytes) % record_bytes;
   if (rest == 0) return;
   log_message(session, fmt::format("Early end to file: the last record has {} of {} bytes", rest,
@@ -172,8 +175,8 @@ struct ncs_survey {
 // Calls use(first record, records, bytes) for the blocks of the file on all threads. False
 // when the file cannot be read or the user stops it; the bar goes from bar_from to 100.
 template <typename Use>
-bool for_each_ncs_block(session_state& session, const input_file& file, std::int64_t n_records,
-                        std::int32_t bar_from, Use&& use) {
+bool for_each_ncs_block(const session_state& session, const input_file& file,
+                        std::int64_t n_records, std::int32_t bar_from, Use&& use) {
   const std::int32_t n_threads = std::max(threads_now(session), 1);
   const std::int64_t n_blocks = (n_records + ncs_block_records - 1) / ncs_block_records;
   std::vector<std::vector<char>> buffers(static_cast<std::size_t>(n_threads));
@@ -458,7 +461,7 @@ bool allocate_ntt(session_state& session, const input_file& file, std::int64_t n
          refuse_file(session, "Not enough memory for features");
 }
 
-void report_max_events(session_state& session) {
+void report_max_events(const session_state& session) {
   log_message(session, "MAX EVENTS REACHED, ABORTING READ");
   tell(session, "Max events reached, Aborting read", "Neuralynx", box_icon::warning);
 }

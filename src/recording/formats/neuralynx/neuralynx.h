@@ -29,6 +29,6 @@ bool read_ntt(session_state& session, const std::string& path);
 // Writes the records of the .ntt file in memory with the session's clusters as cell numbers
 // and its voltages. A record whose event has been moved out of it, or that has none, gets
 // cell number 0. Tells how it went; an old file of that name is whole when it fails.
-bool write_ntt(session_state& session, const std::string& path);
+bool write_ntt(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane

@@ -74,7 +74,7 @@ void write_record(const session_state& session, safe_file& out, std::int64_t rec
   write_value(out, samples);
 }
 
-void write_records(session_state& session, safe_file& out) {
+void write_records(const session_state& session, safe_file& out) {
   const std::int64_t n = session.recording.ntt_record_count;
   const events_by_record list = list_by_record(session);
   std::int32_t from = 1;
@@ -90,7 +90,7 @@ void write_records(session_state& session, safe_file& out) {
 
 }  // namespace
 
-bool write_ntt(session_state& session, const std::string& path) {
+bool write_ntt(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
   safe_file out;
   if (open_safe_file(out, path)) {

@@ -23,17 +23,17 @@ bool read_plx(session_state& session, const std::string& path);
 
 // The save path of a Plexon file, for any recording: an opened ".plx" file is written
 // again, with the user's answer about its voltage records; other recordings become a new
-// file. Tells how it went. On success plx_path is the new file.
-bool save_plx(session_state& session, const std::string& path);
+// file. Tells how it went.
+bool save_plx(const session_state& session, const std::string& path);
 
 // A new file from the recording in memory. False when it cannot be written; an old file of
 // that name is then whole.
-bool export_plx(session_state& session, const std::string& path);
+bool export_plx(const session_state& session, const std::string& path);
 
 // The file source, which the recording in memory came from, with the units of the session:
 // as target, or in its own place. With overwrite_samples its voltages are those in memory.
 // False when either file fails; the source then stands as it did.
-bool rewrite_plx(session_state& session, const std::string& source, const std::string& target,
+bool rewrite_plx(const session_state& session, const std::string& source, const std::string& target,
                  bool overwrite_samples);
 
 // What is added to the channel number of a slow block to count from 1: 1, or 0 for files

@@ -110,7 +110,7 @@ bool next_is_buffered(const plx_block_stream& in) {
 
 bool is_worth_a_line(repeated_line& counter) { return ++counter.n <= most_lines; }
 
-void log_rest(session_state& session, const repeated_line& counter, const char* what) {
+void log_rest(const session_state& session, const repeated_line& counter, const char* what) {
   if (counter.n <= most_lines) return;
   log_message(session, fmt::format("and {} more {}", counter.n - most_lines, what));
 }

@@ -59,7 +59,7 @@ struct repeated_line {
 };
 // Counts one; true when it is to be logged.
 bool is_worth_a_line(repeated_line& counter);
-void log_rest(session_state& session, const repeated_line& counter, const char* what);
+void log_rest(const session_state& session, const repeated_line& counter, const char* what);
 
 // Which record of an event-based recording a spike block is.
 struct plx_record {

@@ -120,7 +120,7 @@ void write_slow_headers(const recording_store& r, safe_file& out) {
 }
 
 // Blocks of all channels in turn; the last round holds what is left, or nothing.
-void write_samples(session_state& session, safe_file& out) {
+void write_samples(const session_state& session, safe_file& out) {
   const recording_store& r = session.recording;
   plx_block_header h{};
   h.type = plx_slow_block;
@@ -173,7 +173,7 @@ std::string source_of(const recording_store& r) {
 
 }  // namespace
 
-bool export_plx(session_state& session, const std::string& path) {
+bool export_plx(const session_state& session, const std::string& path) {
   safe_file out;
   if (!open_safe_file(out, path)) return false;
   const std::vector<std::int16_t> units = number_plx_units(session, false);
@@ -186,8 +186,8 @@ bool export_plx(session_state& session, const std::string& path) {
   return finish_safe_file(out);
 }
 
-bool save_plx(session_state& session, const std::string& path) {
-  recording_store& r = session.recording;
+bool save_plx(const session_state& session, const std::string& path) {
+  const recording_store& r = session.recording;
   tell(session, "Creating new Plexon file", title, box_icon::information);
   const bool saved = r.file_type == file_type_plx
                          ? rewrite_plx(session, source_of(r), path,
@@ -199,7 +199,6 @@ bool save_plx(session_state& session, const std::string& path) {
     tell(session, "Error saving Plexon data", title);
     return false;
   }
-  r.plx_path = path;
   tell(session, "Plexon recording data saved", title, box_icon::information);
   return true;
 }

@@ -40,7 +40,7 @@ std::int32_t plx_waveform_rate(const plx_file_header& h);
 // The blocks that are to be read.
 plx_block_stream plx_stream(const input_file& file, const plx_plan& plan);
 // The next block of a scan: false at the end, or when the user wants to stop.
-bool next_scanned_block(session_state& session, plx_block_stream& in, plx_block& block);
+bool next_scanned_block(const session_state& session, plx_block_stream& in, plx_block& block);
 
 // Allocates vd for an estimated length.
 bool allocate_plx_samples(session_state& session, const input_file& file, std::int64_t estimate);

@@ -17,7 +17,7 @@ constexpr std::int32_t most_tetrode_units = 500;
 constexpr std::int32_t us_per_second = 1'000'000;
 
 // µV per bit of spike waveforms.
-double spike_scale(session_state& session, const plx_plan& plan) {
+double spike_scale(const session_state& session, const plx_plan& plan) {
   const plx_file_header& h = plan.headers.file;
   const std::int64_t gain = plan.headers.channels.back().gain;
   // Whole numbers: a gain above 1 gives 0, for the user to put right.
@@ -88,14 +88,14 @@ bool store_record(session_state& session, const plx_block& block, const plx_reco
                        record.unit_group, unit, units);
 }
 
-void report_full(session_state& session) {
+void report_full(const session_state& session) {
   const recording_store& r = session.recording;
   log_message(session, fmt::format("{} {}", event_limit, r.max_vd_samples));
   log_message(session, "max exceeded");
   log_message(session, fmt::format("{} {}", session.events.n_events, r.n_samples));
 }
 
-void report_unparsed(session_state& session, repeated_line& line, const plx_block& block,
+void report_unparsed(const session_state& session, repeated_line& line, const plx_block& block,
                      bool tetrodes) {
   if (!is_worth_a_line(line)) return;
   const plx_block_header& h = block.header;
@@ -144,7 +144,8 @@ bool read_records(session_state& session, const input_file& file, const plx_plan
   return true;
 }
 
-void report_blocks(session_state& session, const block_counts& counts, const plx_units& units) {
+void report_blocks(const session_state& session, const block_counts& counts,
+                   const plx_units& units) {
   log_message(session, fmt::format("n_blocks in file = {}", counts.n_blocks));
   log_message(session, fmt::format("Types of block= {} {} {}", counts.n_spikes, counts.n_events,
                                    counts.n_slow));

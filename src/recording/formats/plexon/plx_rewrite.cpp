@@ -75,7 +75,7 @@ struct record_at {
   }
 };
 
-std::vector<record_at> list_starts(session_state& session, std::int32_t group, std::size_t n,
+std::vector<record_at> list_starts(const session_state& session, std::int32_t group, std::size_t n,
                                    repeated_line& zeros) {
   std::vector<record_at> starts;
   plx_record record;
@@ -103,7 +103,7 @@ std::size_t record_of_time(const std::vector<record_at>& starts, std::int64_t ti
 }
 
 // Records at their times.
-void map_times(session_state& session, record_clusters& records) {
+void map_times(const session_state& session, record_clusters& records) {
   const event_table& e = session.events;
   log_message(session, "Making timestamp_cluster_map2");
   log_message(session, "Records per channel");
@@ -124,7 +124,7 @@ void map_times(session_state& session, record_clusters& records) {
   }
 }
 
-record_clusters map_records(session_state& session) {
+record_clusters map_records(const session_state& session) {
   log_message(session, "Making cluster map for event based recording");
   record_clusters records = list_records(session);
   if (session.preferences.treat_as_continuous) {
@@ -179,7 +179,7 @@ bool write_headers(const session_state& session, plx_rewriter& w) {
   return copy_bytes(w, at, w.headers.blocks_at);
 }
 
-void log_units(session_state& session, const plx_rewriter& w) {
+void log_units(const session_state& session, const plx_rewriter& w) {
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     log_message(session,
                 fmt::format("Cluster to unit number {} {} {}", session.templates.centre_channel(c),
@@ -243,7 +243,7 @@ void change_samples(const session_state& session, const plx_rewriter& w, const p
   replace_words(r, channel, time + 1, words, static_cast<std::int64_t>(words.size() / 2));
 }
 
-bool write_blocks(session_state& session, plx_rewriter& w) {
+bool write_blocks(const session_state& session, plx_rewriter& w) {
   const recording_store& r = session.recording;
   const std::int32_t offset = plx_slow_offset(w.headers);
   plx_record_counter counter = begin_records(session);
@@ -290,7 +290,7 @@ std::vector<std::int16_t> list_slots(const recording_store& r) {
   return slots;
 }
 
-void write_spikes(session_state& session, plx_rewriter& w) {
+void write_spikes(const session_state& session, plx_rewriter& w) {
   const recording_store& r = session.recording;
   const event_table& e = session.events;
   log_message(session, "Writing spike data records for continuous data");
@@ -323,7 +323,7 @@ void write_spikes(session_state& session, plx_rewriter& w) {
 
 // --- files
 
-bool write_copy(session_state& session, const std::string& source, const std::string& target,
+bool write_copy(const session_state& session, const std::string& source, const std::string& target,
                 bool overwrite_samples) {
   plx_rewriter w;
   if (!open_input_file(w.source, source) || !read_plx_headers(w.source, w.headers) ||
@@ -353,7 +353,7 @@ bool rename_file(const std::string& from, const std::string& to) {
 
 }  // namespace
 
-bool rewrite_plx(session_state& session, const std::string& source, const std::string& target,
+bool rewrite_plx(const session_state& session, const std::string& source, const std::string& target,
                  bool overwrite_samples) {
   if (!is_same_file(source, target)) return write_copy(session, source, target, overwrite_samples);
   // A file of that name may be all that is left of an earlier source: it is not replaced.

@@ -14,7 +14,7 @@ namespace {
 
 // Some systems list slow channels that they did not record. The counts of the header tell;
 // where they are all zero the blocks are looked at.
-bool has_slow_blocks(session_state& session, const input_file& file, const plx_plan& plan) {
+bool has_slow_blocks(const session_state& session, const input_file& file, const plx_plan& plan) {
   const plx_file_header& h = plan.headers.file;
   if (h.n_slow_channels == 0) return false;
   if (std::any_of(h.ev_counts + plx_first_slow_count, std::end(h.ev_counts),
@@ -42,7 +42,8 @@ void include_block(record_extent& extent, const plx_block& block) {
   extent.longest = std::max(extent.longest, block.n_words);
 }
 
-record_extent scan_channels(session_state& session, const input_file& file, const plx_plan& plan) {
+record_extent scan_channels(const session_state& session, const input_file& file,
+                            const plx_plan& plan) {
   record_extent extent;
   std::vector<std::int64_t> counts(std::size_t{channel_limit} + 1);
   plx_block_stream in = plx_stream(file, plan);
@@ -76,7 +77,8 @@ std::string list_fields(const tetrode_group& group, bool with_units) {
 enum class group_state { record, unused, bad };
 
 // The tetrode of four blocks; logs what is wrong with them.
-group_state check_group(session_state& session, const tetrode_group& group, std::int32_t& tetrode) {
+group_state check_group(const session_state& session, const tetrode_group& group,
+                        std::int32_t& tetrode) {
   const auto is_valid = [&](const plx_block& b) {
     return b.header.channel >= 1 && b.header.channel <= session.recording.n_channels;
   };
@@ -106,7 +108,7 @@ group_state check_group(session_state& session, const tetrode_group& group, std:
 }
 
 // Stops at the first group that is none: the read will end there.
-record_extent scan_tetrodes(session_state& session, const input_file& file, plx_plan& plan) {
+record_extent scan_tetrodes(const session_state& session, const input_file& file, plx_plan& plan) {
   record_extent extent;
   std::vector<std::int64_t> counts(std::size_t{channel_limit} + 1);
   tetrode_group group;
@@ -133,7 +135,7 @@ record_extent scan_tetrodes(session_state& session, const input_file& file, plx_
   return extent;
 }
 
-void estimate_events(session_state& session, const input_file& file, plx_plan& plan) {
+void estimate_events(const session_state& session, const input_file& file, plx_plan& plan) {
   const plx_file_header& h = plan.headers.file;
   const record_extent extent =
       plan.tetrodes ? scan_tetrodes(session, file, plan) : scan_channels(session, file, plan);
@@ -168,7 +170,7 @@ plx_block_stream plx_stream(const input_file& file, const plx_plan& plan) {
   return in;
 }
 
-bool next_scanned_block(session_state& session, plx_block_stream& in, plx_block& block) {
+bool next_scanned_block(const session_state& session, plx_block_stream& in, plx_block& block) {
   return next_block(in, block) && !(block.new_stretch && reading_interrupted(session));
 }
 

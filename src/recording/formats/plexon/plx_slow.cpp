@@ -57,7 +57,8 @@ bool take_slow_channels(session_state& session, const plx_headers& headers) {
          check_voltage_scale(session, r.vscale_HP);
 }
 
-std::int64_t slow_extent(session_state& session, const input_file& file, const plx_plan& plan) {
+std::int64_t slow_extent(const session_state& session, const input_file& file,
+                         const plx_plan& plan) {
   std::int64_t extent = 0;
   plx_block_stream in = plx_stream(file, plan);
   plx_block block;
@@ -73,7 +74,8 @@ std::int64_t slow_extent(session_state& session, const input_file& file, const p
 
 // The header's last time stamp, unless it is none or promises far more samples than the
 // file has: then the blocks tell.
-std::int64_t estimate_slow(session_state& session, const input_file& file, const plx_plan& plan) {
+std::int64_t estimate_slow(const session_state& session, const input_file& file,
+                           const plx_plan& plan) {
   const plx_file_header& h = plan.headers.file;
   const double ratio = static_cast<double>(session.recording.sampling_frequency) / h.ad_frequency;
   const double stated = h.last_timestamp * ratio;
@@ -139,7 +141,7 @@ std::string describe_block(const plx_block_header& h) {
                      plx_time(h), h.channel, h.unit, h.n_waveforms, h.n_words);
 }
 
-void report_block(session_state& session, const plx_block& block, slow_report& report) {
+void report_block(const session_state& session, const plx_block& block, slow_report& report) {
   const bool known = block.header.type == plx_spike_block || block.header.type == plx_event_block ||
                      block.header.type == plx_slow_block;
   if (!known && is_worth_a_line(report.bad_types)) {

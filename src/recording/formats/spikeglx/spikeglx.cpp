@@ -111,7 +111,7 @@ bool take_rate(session_state& session, const spikeglx_meta& meta) {
 }
 
 // Streams of other devices have the same files but no spike channels.
-bool check_stream(session_state& session, const spikeglx_meta& meta) {
+bool check_stream(const session_state& session, const spikeglx_meta& meta) {
   const bool from_probe = meta.stream.empty() || meta.stream == "imec";
   if (from_probe && meta.has_counts) return true;
   return refuse_file(
@@ -129,7 +129,7 @@ bool take_meta(session_state& session, const spikeglx_meta& meta) {
   return true;
 }
 
-void compare_sizes(session_state& session, std::int64_t in_meta, std::int64_t actual) {
+void compare_sizes(const session_state& session, std::int64_t in_meta, std::int64_t actual) {
   if (in_meta == actual) return;
   tell(session, "Size of recording file does not match number of bytes in meta file", "Warning",
        box_icon::warning);

@@ -48,7 +48,7 @@ struct prf_walk {
   }
 };
 
-bool end_early(session_state& session) { return refuse_file(session, "Early end to file"); }
+bool end_early(const session_state& session) { return refuse_file(session, "Early end to file"); }
 
 void set_epoch_code(recording_store& r, std::int32_t epoch, const std::string& name) {
   char* code = r.epoch_code[epoch];
@@ -114,7 +114,7 @@ bool read_epoch_samples(session_state& session, const prf_walk& walk, std::int32
   return !failed && !interrupted;
 }
 
-void describe_epoch(session_state& session, std::int32_t epoch) {
+void describe_epoch(const session_state& session, std::int32_t epoch) {
   const recording_store& r = session.recording;
   const double minutes = static_cast<double>(r.epoch_samples[epoch]) / r.sampling_frequency / 60;
   log_message(session, "Reading data from recording epoch ");
@@ -161,7 +161,7 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
   return !reading_interrupted(session);
 }
 
-void check_time_stamps(session_state& session) {
+void check_time_stamps(const session_state& session) {
   const recording_store& r = session.recording;
   log_message(session, "Checking time stamps");
   for (std::int32_t e = 1; e < r.n_epochs; ++e) {

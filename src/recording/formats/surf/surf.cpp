@@ -130,7 +130,7 @@ bool read_spike_blocks(session_state& session, const input_file& file, const sur
 // --- local field potentials
 
 // The site that an LFP channel taps: the number after "ch" in its description.
-std::int32_t decode_lfp_site(session_state& session, const std::string& description) {
+std::int32_t decode_lfp_site(const session_state& session, const std::string& description) {
   std::int32_t site = -1;
   const std::size_t at = description.find("ch");
   if (at != std::string::npos) {
@@ -162,7 +162,7 @@ std::vector<lfp_channel> list_lfp_channels(session_state& session, const surf_fi
 }
 
 // A pause shows as a step from block to block of one channel, longer than the block.
-void check_pause(session_state& session, lfp_channel& channel, const surf_block& block) {
+void check_pause(const session_state& session, lfp_channel& channel, const surf_block& block) {
   constexpr std::int64_t longest_step = 100'000;  // µs
   const std::int64_t rate = std::max(channel.layout->sampling_frequency, 1);
   const std::int64_t duration = std::int64_t{block.n_values} * 1'000'000 / rate;
