@@ -150,6 +150,7 @@ TEST_F(export_test, save_as_takes_its_steps_in_order) {
   EXPECT_TRUE(exists("a.wrk") && exists("a.txt"));
 
   // Only a Plexon file is remembered as the recording's own, and only once it stands.
+  session->recording.file_type = file_type_tsf;
   EXPECT_TRUE(session->recording.plx_path.empty());
   const export_format& plx = *find_export_format("plx");
   EXPECT_FALSE(export_sorted_spikes(*session, plx, directory.file("absent/a.plx"), {}));
