@@ -104,20 +104,7 @@ std::int32_t delete_large_events(session_state& session) {
 
 std::int32_t delete_marked_events(session_state& session) {
   event_table& events = session.events;
-  std::int32_t kept = 0;
-  for (std::int32_t e = 1; e <= events.n_events; ++e) {
-    if (events.event_cluster[e] == -1) continue;
-    ++kept;
-    events.event_time[kept] = events.event_time[e];
-    events.event_shift[kept] = events.event_shift[e];
-    events.event_detected_time[kept] = events.event_detected_time[e];
-    events.event_channel[kept] = events.event_channel[e];
-    events.event_cluster[kept] = events.event_cluster[e];
-    events.event_subcluster[kept] = events.event_subcluster[e];
-  }
-  const std::int32_t removed = events.n_events - kept;
-  events.n_events = kept;
-  return removed;
+  return compact_events(events, [&](std::int32_t e) { return events.event_cluster[e] != -1; });
 }
 
 }  // namespace kestrelvane

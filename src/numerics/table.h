@@ -10,6 +10,7 @@
 // T must be trivially copyable and its zero bytes must be its empty value.
 #pragma once
 
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
@@ -100,5 +101,9 @@ class table {
   T* elements_ = nullptr;
   std::int64_t capacity_ = 0;
 };
+
+// A record of tables, or a const one: what the walks over its columns take.
+template <typename T, typename Record>
+concept record_of = std::same_as<std::remove_const_t<T>, Record>;
 
 }  // namespace kestrelvane

@@ -44,16 +44,6 @@ std::string count_of_clusters(std::int32_t n) {
 
 // ---------------------------------------------------------------- detection
 
-void clear_events(session_state& session) {
-  event_table& events = session.events;
-  events.event_cluster.clear();
-  events.event_channel.clear();
-  events.event_subcluster.clear();
-  events.event_time.clear();
-  events.event_shift.clear();
-  clear_detected_events(session);
-}
-
 void say_thresholds(session_state& session) {
   const detection_settings& d = session.detection;
   if (d.threshold_mode == -1) {
@@ -93,7 +83,8 @@ void remove_unwanted_events(session_state& session) {
 bool detect_all_events(session_state& session, clock::time_point begin) {
   begin_stage(session, "detection");
   for (;;) {
-    clear_events(session);
+    clear_events(session.events);
+    clear_detected_events(session);
     show_time(session, begin);
     say_thresholds(session);
     if (!run_detector(session)) return false;
@@ -142,8 +133,21 @@ void make_first_clusters(session_state& session) {
 
 // ---------------------------------------------------------------- first pass
 
+// Splits one cluster, which adds at most a few at the end of the table.
+split_outcome split_and_tell(session_state& session, std::int32_t nc) {
+  const std::int32_t n_before = session.clusters.n_clusters;
+  cluster_change change = begin_change(session, cluster_change_kind::split, {nc});
+  const split_outcome outcome = split_cluster(session, nc);
+  change.after = {nc};
+  for (std::int32_t c = n_before + 1; c <= session.clusters.n_clusters; ++c) {
+    change.after.push_back(c);
+  }
+  end_change(session, change);
+  return outcome;
+}
+
 // Splits the clusters of a work list; false when the run was stopped. Deleting a
-// cluster renumbers the entries behind it.
+// cluster renumbers the entries after it.
 bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& list,
                            clock::time_point begin) {
   cluster_table& clusters = session.clusters;
@@ -154,7 +158,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
     set_status(session, status_field::current_cluster,
                fmt::format("Now on cluster {} of {}: {} events", nc, clusters.n_clusters,
                            count_cluster_events(session, nc)));
-    const split_outcome outcome = split_cluster(session, nc);
+    const split_outcome outcome = split_and_tell(session, nc);
     bool deleted = false;
     if (count_cluster_events(session, nc) < session.strategy.min_cluster_size) {
       delete_cluster(session, nc);
@@ -206,19 +210,11 @@ void remove_first_pass_duplicates(session_state& session) {
   }
 }
 
-void delete_small_clusters(session_state& session) {
+void remove_small_clusters(session_state& session) {
   log_message(session, "Deleting any clusters < threshold size ...");
   session.lists.n_kv_pairs = 0;
   const std::int32_t size = session.strategy.min_cluster_size;
-  std::int32_t deleted = 0;
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters;) {
-    if (count_cluster_events(session, c) < size) {
-      delete_cluster(session, c);
-      ++deleted;
-    } else {
-      ++c;
-    }
-  }
+  const std::int32_t deleted = delete_small_clusters(session, size);
   log_message(session, " finished");
   if (deleted == 1) {
     say(session, fmt::format("One cluster with <{} members was removed", size));
@@ -363,7 +359,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
       fmt::format("Finished first pass. Time so far ={:.2f} minutes", minutes_since(begin)));
   say(session, count_of_clusters(session.clusters.n_clusters));
   if (session.strategy.remove_duplicates_after_first_pass) remove_first_pass_duplicates(session);
-  delete_small_clusters(session);
+  remove_small_clusters(session);
   if (session.clusters.n_clusters < 2) return road::ended_well;
   if (autosort_interrupted(session)) {
     end_interrupted(session);

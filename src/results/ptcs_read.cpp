@@ -173,14 +173,6 @@ std::int64_t append_events(session_state& session, const ptcs_unit& unit, std::i
   return n_outside;
 }
 
-template <typename T>
-void reorder(table<T>& values, const std::vector<std::int32_t>& order) {
-  std::vector<T> sorted;
-  sorted.reserve(order.size());
-  for (const std::int32_t i : order) sorted.push_back(values[i]);
-  std::copy(sorted.begin(), sorted.end(), values.first());
-}
-
 // Units come one after the other; the rest of the program takes events in order of time.
 void sort_events_by_time(session_state& session) {
   event_table& e = session.events;
@@ -189,10 +181,7 @@ void sort_events_by_time(session_state& session) {
   std::stable_sort(order.begin(), order.end(), [&e](std::int32_t a, std::int32_t b) {
     return e.event_time[a] < e.event_time[b];
   });
-  reorder(e.event_time, order);
-  reorder(e.event_detected_time, order);
-  reorder(e.event_channel, order);
-  reorder(e.event_cluster, order);
+  permute_events(e, order);
 }
 
 void read_units(session_state& session, ptcs_reading& in, const ptcs_header& header) {

@@ -21,25 +21,6 @@ namespace {
 // a window round them still finds samples in vd.
 constexpr std::int64_t longest_window_reach = 300;  // samples
 
-void clear_events(event_table& events) {
-  events.n_events = 0;
-  events.event_time.clear();
-  events.event_shift.clear();
-  events.event_detected_time.clear();
-  events.event_channel.clear();
-  events.event_cluster.clear();
-  events.event_subcluster.clear();
-}
-
-void move_event(event_table& events, std::int32_t from, std::int32_t to) {
-  events.event_time[to] = events.event_time[from];
-  events.event_shift[to] = events.event_shift[from];
-  events.event_detected_time[to] = events.event_detected_time[from];
-  events.event_channel[to] = events.event_channel[from];
-  events.event_cluster[to] = events.event_cluster[from];
-  events.event_subcluster[to] = events.event_subcluster[from];
-}
-
 std::int64_t last_usable_time(const session_state& session, std::int32_t version) {
   const recording_store& r = session.recording;
   if (version >= 8) return r.n_samples;
@@ -56,14 +37,9 @@ std::vector<std::int32_t> cluster_sizes(const session_state& session) {
 
 // Removes events outside 1..last; returns how many.
 std::int32_t remove_outside_events(event_table& events, std::int64_t last) {
-  std::int32_t kept = 0;
-  for (std::int32_t e = 1; e <= events.n_events; ++e) {
-    if (events.event_time[e] < 1 || events.event_time[e] > last) continue;
-    if (++kept != e) move_event(events, e, kept);
-  }
-  const std::int32_t removed = events.n_events - kept;
-  events.n_events = kept;
-  return removed;
+  return compact_events(events, [&](std::int32_t e) {
+    return events.event_time[e] >= 1 && events.event_time[e] <= last;
+  });
 }
 
 // A cluster that lost all its events with them is no unit of this recording.

@@ -26,20 +26,67 @@ struct cluster_table {
   std::int32_t current_cluster = 0;   // selected in all dialogs; 0 when there is none
   std::int32_t previous_cluster = 0;  // current before a split
 
-  table<std::int32_t> cluster_spare{cluster_limit};  // carried by the work file, no other reader
-  table<float> cluster_sigma{cluster_limit};         // µV, bandwidth at sign-off; never moved
-  table<float> cluster_reserved{cluster_limit};      // carried by the work file, no other reader
-  table<text256> cluster_comment{cluster_limit};
-  table<cluster_ellipse_record> cluster_ellipse{cluster_limit};
-  table<logical> cluster_signed_off{cluster_limit};  // the splitter has finished with it
-  table<std::int32_t> cluster_tag{cluster_limit};    // opaque value of the analysis tools
+  // Moves with its cluster.
+  table<text256> cluster_comment;
+  table<cluster_ellipse_record> cluster_ellipse;
+  table<logical> cluster_signed_off;  // the splitter has finished with it
+  table<std::int32_t> cluster_tag;    // opaque value of the analysis tools
+
+  // Stays at its number when clusters move.
+  table<float> cluster_sigma;         // µV, bandwidth at sign-off
+  table<float> cluster_reserved;      // carried by the work file, no other reader
+  table<std::int32_t> cluster_spare;  // likewise
 
   // Legacy tables of the work file: zero in a new session, passed through.
-  table<std::int32_t> history_count{cluster_limit};
-  table<std::int32_t> history_a{std::int64_t{cluster_limit} * 150};
-  table<std::int32_t> history_b{std::int64_t{cluster_limit} * 100};
-  table<float> history_c{std::int64_t{cluster_limit} * 50};
-  table<std::int32_t> history_d{std::int64_t{cluster_limit} * 50};
+  table<std::int32_t> history_count, history_a, history_b, history_d;
+  table<float> history_c;
+
+  cluster_table();                                // room for cluster_limit clusters
+  explicit cluster_table(std::int64_t capacity);  // without the legacy tables
 };
+
+// Calls visit for each column that moves with its cluster; templates have their own.
+template <typename Visit, record_of<cluster_table>... Tables>
+void for_each_moving_column(Visit&& visit, Tables&... of) {
+  visit(of.cluster_comment...);
+  visit(of.cluster_ellipse...);
+  visit(of.cluster_signed_off...);
+  visit(of.cluster_tag...);
+}
+
+// Calls visit for each column of a cluster.
+template <typename Visit, record_of<cluster_table>... Tables>
+void for_each_column(Visit&& visit, Tables&... of) {
+  for_each_moving_column(visit, of...);
+  visit(of.cluster_sigma...);
+  visit(of.cluster_reserved...);
+  visit(of.cluster_spare...);
+}
+
+// Calls visit(table, entries per cluster) for each legacy table.
+template <typename Visit>
+void for_each_legacy_table(Visit&& visit, cluster_table& clusters) {
+  visit(clusters.history_count, 1);
+  visit(clusters.history_a, 150);
+  visit(clusters.history_b, 100);
+  visit(clusters.history_c, 50);
+  visit(clusters.history_d, 50);
+}
+
+inline cluster_table::cluster_table(std::int64_t capacity) {
+  for_each_column([capacity](auto& column) { column.reserve(capacity); }, *this);
+}
+
+inline cluster_table::cluster_table() : cluster_table(cluster_limit) {
+  for_each_legacy_table(
+      [](auto& legacy, std::int64_t each) { legacy.reserve(cluster_limit * each); }, *this);
+}
+
+// Forgets all clusters and what stood beside them.
+inline void clear_cluster_table(cluster_table& clusters) {
+  clusters.n_clusters = clusters.current_cluster = clusters.previous_cluster = 0;
+  for_each_column([](auto& column) { column.clear(); }, clusters);
+  for_each_legacy_table([](auto& legacy, std::int64_t) { legacy.clear(); }, clusters);
+}
 
 }  // namespace kestrelvane

@@ -161,44 +161,6 @@ void reset_recording(recording_store& r) {
   r.fake_spike_channel.clear();
 }
 
-void reset_events(event_table& events) {
-  events.n_events = 0;
-  events.event_time.clear();
-  events.event_shift.clear();
-  events.event_detected_time.clear();
-  events.event_channel.clear();
-  events.event_cluster.clear();
-  events.event_subcluster.clear();
-}
-
-void reset_clusters(cluster_table& clusters) {
-  clusters.n_clusters = 0;
-  clusters.current_cluster = 0;
-  clusters.previous_cluster = 0;
-  clusters.cluster_spare.clear();
-  clusters.cluster_sigma.clear();
-  clusters.cluster_reserved.clear();
-  clusters.cluster_comment.clear();
-  clusters.cluster_ellipse.clear();
-  clusters.cluster_signed_off.clear();
-  clusters.cluster_tag.clear();
-  clusters.history_count.clear();
-  clusters.history_a.clear();
-  clusters.history_b.clear();
-  clusters.history_c.clear();
-  clusters.history_d.clear();
-}
-
-void reset_templates(template_table& templates) {
-  templates.template_mean.clear();
-  templates.template_sd.clear();
-  templates.template_n_channels.clear();
-  templates.template_channels.clear();
-  templates.template_x.clear();
-  templates.template_y.clear();
-  templates.template_z.clear();
-}
-
 }  // namespace
 
 void start_session(session_state& session) {
@@ -304,9 +266,9 @@ std::int64_t event_record_time_ms(const session_state& session, std::int64_t tim
 void reset_session(session_state& session) {
   close_log_file(session);
   reset_recording(session.recording);
-  reset_events(session.events);
-  reset_clusters(session.clusters);
-  reset_templates(session.templates);
+  clear_events(session.events);
+  clear_cluster_table(session.clusters);
+  clear_templates(session.templates);
   session.lists.n_kv_pairs = 0;
   session.lists.n_match = 0;
   session.filter_history.n_entries = 0;

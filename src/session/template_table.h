@@ -20,12 +20,13 @@ struct template_table {
 
   table<float> template_mean;  // bits
   table<float> template_sd;    // bits
-  table<std::int32_t> template_n_channels{template_slot_limit};
   // Assigned channels, centre channel first; see channels().
-  table<std::int32_t> template_channels{std::int64_t{template_slot_limit} * channel_limit};
-  table<float> template_x{template_slot_limit};  // µm, centre of gravity
-  table<float> template_y{template_slot_limit};
-  table<float> template_z{template_slot_limit};
+  table<std::int32_t> template_channels;
+  table<std::int32_t> template_n_channels;
+  table<float> template_x, template_y, template_z;  // µm, centre of gravity
+
+  template_table();                                // room for template_slot_limit slots
+  explicit template_table(std::int64_t capacity);  // without channels and waveforms
 
   // mean(c, ch)[p] for p = 1..template_points; likewise sd. Slot c, channel ch.
   float* mean(std::int32_t c, std::int32_t ch) { return template_mean.base() + offset(c, ch); }
@@ -51,5 +52,30 @@ struct template_table {
     return (std::int64_t{c - 1} * allocated_channels + (ch - 1)) * template_point_limit;
   }
 };
+
+// Calls visit for each column of one entry per slot; channels and waveforms lie in blocks.
+template <typename Visit, record_of<template_table>... Tables>
+void for_each_column(Visit&& visit, Tables&... of) {
+  visit(of.template_n_channels...);
+  visit(of.template_x...);
+  visit(of.template_y...);
+  visit(of.template_z...);
+}
+
+inline template_table::template_table(std::int64_t capacity) {
+  for_each_column([capacity](auto& column) { column.reserve(capacity); }, *this);
+}
+
+inline template_table::template_table() : template_table(template_slot_limit) {
+  template_channels.reserve(std::int64_t{template_slot_limit} * channel_limit);
+}
+
+// Zeroes every slot; the room for waveforms stays.
+inline void clear_templates(template_table& templates) {
+  for_each_column([](auto& column) { column.clear(); }, templates);
+  templates.template_channels.clear();
+  templates.template_mean.clear();
+  templates.template_sd.clear();
+}
 
 }  // namespace kestrelvane

@@ -1,46 +1,47 @@
 // The undo slot: one copy of the sort, taken before the user changes it.
 //
 // Plain storage, sized to the data at hand; the routines are in sorting/undo_state.h. The
-// session owns one at most: a new save replaces it, and a new recording drops it. Tables keep the
-// order of the tables they were copied from, without their unused ends: templates hold
-// template_points floats for each channel of each cluster.
+// session owns one at most: a new save replaces it, and a new recording drops it. The
+// columns are those of the session's own records, without their unused ends; channels and
+// waveforms of templates are packed, n_channels and n_channels times template_points to a
+// cluster.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <string>
 
-#include "numerics/table.h"
 #include "session/cluster_table.h"
-#include "session/logical.h"
+#include "session/event_table.h"
+#include "session/status_lists_table.h"
+#include "session/template_table.h"
 
 namespace kestrelvane {
 
+// The tools that save before they change. Each takes back only what it saved itself.
+enum class undo_owner {
+  nobody,
+  realignment,
+  cluster_review,
+  guided_merge,
+  pair_comparison,
+  post_processing,
+  management,
+};
+
 struct undo_slot {
-  std::int32_t n_channels = 0, template_points = 0;  // what the templates were packed by
+  undo_owner owner = undo_owner::nobody;
+  std::string recording_path;                      // whose sort it is
+  std::chrono::system_clock::time_point saved_at;  // when
 
-  std::int32_t n_events = 0;
-  table<std::int32_t> event_time, event_detected_time, event_channel, event_cluster;
-  table<float> event_shift;
-  table<std::int16_t> event_subcluster;
+  std::int32_t n_channels = 0, template_points = 0;  // what the templates are packed by
+  event_table events;
+  cluster_table clusters;
+  template_table templates;
+  status_lists_table lists;
 
-  std::int32_t n_clusters = 0, current_cluster = 0, previous_cluster = 0;
-  table<std::int32_t> cluster_spare, cluster_tag;
-  table<float> cluster_sigma, cluster_reserved;
-  table<text256> cluster_comment;
-  table<cluster_ellipse_record> cluster_ellipse;
-  table<logical> cluster_signed_off;
-  table<std::int32_t> template_n_channels;
-  table<float> template_x, template_y, template_z;
-  table<std::int32_t> template_channels;  // n_channels to a cluster
-  table<float> template_mean, template_sd;
-
-  std::int32_t n_kv_pairs = 0;
-  table<logical> kv_templates_dont_overlap, kv_user_distinct, kv_user_ambiguous;
-  table<float> kv_template_correlation, kv_cluster_overlap, rms_template_shift;
-  table<std::int32_t> kv_n_shift_template;
-  table<std::int16_t> kv_split_tries;
-  std::int32_t n_match = 0;
-  table<std::int32_t> match_a, match_b;
-  table<float> match_values;
+  undo_slot(std::int32_t n_events, std::int32_t n_clusters, std::int32_t n_pairs)
+      : events(n_events), clusters(n_clusters), templates(n_clusters), lists(n_pairs) {}
 };
 
 }  // namespace kestrelvane

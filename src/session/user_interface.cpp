@@ -76,6 +76,11 @@ void refresh_displays(const session_state& session) {
   if (ui.refresh != nullptr) ui.refresh(ui.context);
 }
 
+void tell_cluster_change(const session_state& session, const cluster_change& change) {
+  const user_interface& ui = session.ui;
+  if (ui.clusters_changed != nullptr) ui.clusters_changed(ui.context, change);
+}
+
 void begin_stage(const session_state& session, const std::string& name) {
   const user_interface& ui = session.ui;
   if (ui.stage != nullptr) ui.stage(ui.context, name);

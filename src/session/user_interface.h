@@ -19,6 +19,7 @@ namespace kestrelvane {
 struct session_state;
 struct hdf_page;
 struct hdf_choice;
+struct cluster_change;
 
 enum class box_icon { information, warning, error, question };
 
@@ -63,6 +64,8 @@ struct user_interface {
   void (*run_log_window)(void* context, std::string_view line) = nullptr;  // not kept
   void (*title)(void* context, const std::string& text) = nullptr;         // of the frame
   void (*refresh)(void* context) = nullptr;                                // displays
+  // An edit of the clusters has ended (cluster_change.h).
+  void (*clusters_changed)(void* context, const cluster_change& change) = nullptr;
   // A named stage of a long operation begins; for reports and profiles.
   void (*stage)(void* context, const std::string& name) = nullptr;
   // Shows a folder of a container file and waits for the user's next step (hdf_page.h).
@@ -91,6 +94,7 @@ void set_progress(const session_state& session, meter which, std::int32_t value,
 void set_status(const session_state& session, status_field field, const std::string& text);
 void set_frame_title(const session_state& session, const std::string& text);
 void refresh_displays(const session_state& session);
+void tell_cluster_change(const session_state& session, const cluster_change& change);
 void begin_stage(const session_state& session, const std::string& name);
 
 // The message line of the running operation and the run log, in the same words.

@@ -92,15 +92,7 @@ std::int32_t drop_far_events(session_state& session) {
 }
 
 void delete_small_channel_clusters(session_state& session) {
-  std::int32_t deleted = 0;
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters;) {
-    if (count_cluster_events(session, c) < session.strategy.min_cluster_size) {
-      delete_cluster(session, c);
-      ++deleted;
-    } else {
-      ++c;
-    }
-  }
+  const std::int32_t deleted = delete_small_clusters(session, session.strategy.min_cluster_size);
   log_message(session, fmt::format("{} subthreshold sized clusters deleted as a result", deleted));
 }
 
@@ -131,6 +123,9 @@ void form_channel_clusters(session_state& session) {
   }
   clusters.current_cluster = 1;
   if (clusters.n_clusters == 0) clusters.current_cluster = 0;
+  cluster_change change = begin_change(session, cluster_change_kind::rebuilt);
+  change.after = all_clusters(session);
+  end_change(session, change);
   refresh_displays(session);
 }
 

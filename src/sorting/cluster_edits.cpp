@@ -1,47 +1,86 @@
 #include "sorting/cluster_edits.h"
-#include "clustering/membership.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
+#include <set>
 
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
-#include "numerics/parallel.h"
-#include "numerics/simd.h"
+#include "clustering/templates.h"
+#include "session/pair_index.h"
 #include "sorting/status_lists.h"
 
 namespace kestrelvane {
+
+// ---------------------------------------------------------------- the change
+
+std::vector<std::int32_t> all_clusters(const session_state& session) {
+  std::vector<std::int32_t> all(static_cast<std::size_t>(session.clusters.n_clusters));
+  std::iota(all.begin(), all.end(), 1);
+  return all;
+}
+
+cluster_change begin_change(const session_state& session, cluster_change_kind kind,
+                            std::vector<std::int32_t> before) {
+  cluster_change change{kind, std::move(before), {}, {}};
+  using enum cluster_change_kind;
+  if (kind == cleared || kind == restored || kind == rebuilt) return change;
+  change.number_now.resize(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  std::iota(change.number_now.begin(), change.number_now.end(), 0);
+  return change;
+}
+
+namespace {
+
+// The match lists keep the pairs that are left, under their new numbers. Values of clusters
+// that an edit changed are for the pair comparison to compute anew.
+void follow_in_match_lists(status_lists_table& lists, const cluster_change& change) {
+  std::int32_t kept = 0;
+  for (std::int32_t i = 1; i <= lists.n_match; ++i) {
+    const std::int32_t a = number_after(change, lists.match_a[i]);
+    const std::int32_t b = number_after(change, lists.match_b[i]);
+    if (a == 0 || b == 0 || a == b) continue;
+    ++kept;
+    lists.match_a[kept] = std::min(a, b);
+    lists.match_b[kept] = std::max(a, b);
+    lists.match_values[kept] = lists.match_values[i];
+  }
+  lists.n_match = kept;
+}
+
+}  // namespace
+
+void end_change(session_state& session, cluster_change& change) {
+  // What an undo brought back has match lists of its own.
+  if (change.kind != cluster_change_kind::restored) follow_in_match_lists(session.lists, change);
+  tell_cluster_change(session, change);
+}
 
 // ---------------------------------------------------------------- records
 
 namespace {
 
-// Moves the record of cluster + 1 over that of cluster; cluster_sigma stays.
-void copy_record_down(session_state& session, std::int32_t cluster) {
-  cluster_table& clusters = session.clusters;
+// Copies the record of one slot over that of another; cluster_sigma stays.
+void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
+  const auto copy = [from, to](auto& column) { column[to] = column[from]; };
   template_table& templates = session.templates;
-  const std::int32_t from = cluster + 1;
-  clusters.cluster_ellipse[cluster] = clusters.cluster_ellipse[from];
-  const std::size_t template_bytes =
-      sizeof(float) * template_point_limit * static_cast<std::size_t>(templates.allocated_channels);
-  std::memcpy(templates.mean(cluster, 1) + 1, templates.mean(from, 1) + 1, template_bytes);
-  std::memcpy(templates.sd(cluster, 1) + 1, templates.sd(from, 1) + 1, template_bytes);
-  templates.template_n_channels[cluster] = templates.template_n_channels[from];
-  std::memcpy(templates.channels(cluster) + 1, templates.channels(from) + 1,
-              sizeof(std::int32_t) * static_cast<std::size_t>(templates.allocated_channels));
-  templates.template_x[cluster] = templates.template_x[from];
-  templates.template_y[cluster] = templates.template_y[from];
-  templates.template_z[cluster] = templates.template_z[from];
-  clusters.cluster_signed_off[cluster] = clusters.cluster_signed_off[from];
-  clusters.cluster_tag[cluster] = clusters.cluster_tag[from];
-  clusters.cluster_comment[cluster] = clusters.cluster_comment[from];
+  for_each_moving_column(copy, session.clusters);
+  for_each_column(copy, templates);
+  const auto n_channels = static_cast<std::size_t>(templates.allocated_channels);
+  const std::size_t bytes = sizeof(float) * template_point_limit * n_channels;
+  std::memcpy(templates.mean(to, 1) + 1, templates.mean(from, 1) + 1, bytes);
+  std::memcpy(templates.sd(to, 1) + 1, templates.sd(from, 1) + 1, bytes);
+  std::memcpy(templates.channels(to) + 1, templates.channels(from) + 1,
+              sizeof(std::int32_t) * n_channels);
 }
 
 void close_record_gap(session_state& session, std::int32_t removed) {
   for (std::int32_t k = removed; k < session.clusters.n_clusters; ++k) {
-    copy_record_down(session, k);
+    copy_record(session, k + 1, k);
   }
 }
 
@@ -52,13 +91,26 @@ void remove_from_lists(session_state& session, std::int32_t cluster) {
   renumber_shift_owners(session, cluster);
 }
 
+// The numbers of a change once a cluster, by its present number, has gone.
+void drop_number(std::vector<std::int32_t>& numbers, std::int32_t gone) {
+  for (std::int32_t& number : numbers) {
+    if (number == gone) {
+      number = 0;
+    } else if (number > gone) {
+      --number;
+    }
+  }
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- deleting
 
-void delete_cluster(session_state& session, std::int32_t cluster) {
+namespace {
+
+// Deletes one cluster, by its present number, inside an edit.
+void delete_record(session_state& session, std::int32_t cluster, cluster_change& change) {
   cluster_table& clusters = session.clusters;
-  if (clusters.n_clusters == 0) return;
   const bool have_lists = session.lists.n_kv_pairs > 0;
   remove_from_lists(session, cluster);
   close_record_gap(session, cluster);
@@ -72,10 +124,42 @@ void delete_cluster(session_state& session, std::int32_t cluster) {
   }
   --clusters.n_clusters;
   if (have_lists) {
-    const std::int32_t n = clusters.n_clusters;
-    session.lists.n_kv_pairs = n * (n - 1) / 2;
+    session.lists.n_kv_pairs = static_cast<std::int32_t>(pair_count(clusters.n_clusters));
   }
   clusters.current_cluster = std::min(clusters.current_cluster, clusters.n_clusters);
+  drop_number(change.number_now, cluster);
+}
+
+bool is_cluster(const session_state& session, std::int32_t cluster) {
+  return cluster >= 1 && cluster <= session.clusters.n_clusters;
+}
+
+}  // namespace
+
+void delete_clusters(session_state& session, const std::vector<std::int32_t>& doomed) {
+  std::vector<std::int32_t> before;
+  for (const std::int32_t c : std::set<std::int32_t>(doomed.begin(), doomed.end())) {
+    if (is_cluster(session, c)) before.push_back(c);
+  }
+  if (before.empty()) return;
+  cluster_change change = begin_change(session, cluster_change_kind::deleted, before);
+  // From the top down, so that the numbers still to go stay as they are.
+  for (auto c = before.rbegin(); c != before.rend(); ++c) delete_record(session, *c, change);
+  end_change(session, change);
+}
+
+void delete_cluster(session_state& session, std::int32_t cluster) {
+  delete_clusters(session, {cluster});
+}
+
+std::int32_t delete_small_clusters(session_state& session, std::int32_t size) {
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
+  std::vector<std::int32_t> small;
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    if (sizes[static_cast<std::size_t>(c)] < size) small.push_back(c);
+  }
+  delete_clusters(session, small);
+  return static_cast<std::int32_t>(small.size());
 }
 
 // ---------------------------------------------------------------- coincident events
@@ -120,6 +204,15 @@ void merge_events(session_state& session, std::int32_t low, std::int32_t high) {
   }
 }
 
+cluster_change begin_merge(const session_state& session, std::int32_t low, std::int32_t high) {
+  cluster_change change = begin_change(session, cluster_change_kind::merged, {low, high});
+  drop_number(change.number_now, high);
+  // Whoever looked at either of the two looks at what they became.
+  change.number_now[static_cast<std::size_t>(high)] = low;
+  change.after = {low};
+  return change;
+}
+
 }  // namespace
 
 void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
@@ -129,6 +222,7 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
     return;
   }
   const std::int32_t low = std::min(a, b), high = std::max(a, b);
+  cluster_change change = begin_merge(session, low, high);
   remove_from_lists(session, high);
   merge_events(session, low, high);
   // The records close up here, before anything is calculated: the number above
@@ -147,9 +241,49 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
     clusters.cluster_comment[low].assign("Comment deleted because it was merged with another unit");
   }
   update_lists_for_cluster(session, low);
+  end_change(session, change);
 }
 
-// ---------------------------------------------------------------- splitting by hand
+void absorb_cluster(session_state& session, std::int32_t a, std::int32_t b) {
+  cluster_change change = begin_change(session, cluster_change_kind::merged, {a, b});
+  event_table& events = session.events;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (events.event_cluster[e] != a && events.event_cluster[e] != b) continue;
+    events.event_cluster[e] = a;
+    events.event_subcluster[e] = 1;
+  }
+  recalculate_cluster(session, a);
+  delete_record(session, b, change);
+  const std::int32_t left = number_after(change, a);
+  update_lists_for_cluster(session, left);
+  change.number_now[static_cast<std::size_t>(b)] = left;
+  change.after = {left};
+  end_change(session, change);
+}
+
+// ---------------------------------------------------------------- splitting
+
+namespace {
+
+// A new cluster at the end of the table, of the events that carry its number already.
+void add_cluster(session_state& session, std::int32_t number) {
+  clear_cluster_record(session, number);
+  session.clusters.n_clusters = number;
+  recalculate_cluster(session, number);
+  // Its pairs are computed here, and do not change before the next cluster.
+  add_cluster_to_lists(session);
+}
+
+// Events of a cluster that have a label.
+std::vector<std::int32_t> list_labelled_events(const session_state& session, std::int32_t cluster,
+                                               std::int32_t label) {
+  std::vector<std::int32_t> labelled = list_cluster_events(session, cluster);
+  std::erase_if(labelled,
+                [&](std::int32_t e) { return session.events.event_subcluster[e] != label; });
+  return labelled;
+}
+
+}  // namespace
 
 void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   cluster_table& clusters = session.clusters;
@@ -157,23 +291,20 @@ void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   if (!cluster_can_grow(session)) return;
   const std::int32_t old_cluster = clusters.current_cluster;
   const std::int32_t new_cluster = clusters.n_clusters + 1;
-  bool any = false;
-  for (const std::int32_t e : list_cluster_events(session, old_cluster)) {
-    if (events.event_subcluster[e] != k) continue;
+  const std::vector<std::int32_t> labelled = list_labelled_events(session, old_cluster, k);
+  const auto n_labelled = static_cast<std::int32_t>(labelled.size());
+  if (n_labelled == 0 || n_labelled == count_cluster_events(session, old_cluster)) return;
+  cluster_change change = begin_change(session, cluster_change_kind::split, {old_cluster});
+  for (const std::int32_t e : labelled) {
     events.event_cluster[e] = new_cluster;
     events.event_subcluster[e] = 0;
-    any = true;
   }
-  if (!any) return;
-  clear_cluster_record(session, new_cluster);
-  ++clusters.n_clusters;
-  recalculate_cluster(session, old_cluster);
   clusters.previous_cluster = old_cluster;
-  clusters.current_cluster = new_cluster;
-  recalculate_cluster(session, new_cluster);
-  add_cluster_to_lists(session);
-  clusters.current_cluster = old_cluster;
+  recalculate_cluster(session, old_cluster);
+  add_cluster(session, new_cluster);
   update_lists_for_cluster(session, old_cluster);
+  change.after = {old_cluster, new_cluster};
+  end_change(session, change);
   refresh_displays(session);
   if (session.preferences.tell_new_cluster) {
     tell(session, fmt::format("New cluster {} created", new_cluster), "Create new cluster",
@@ -181,10 +312,190 @@ void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   }
 }
 
+std::vector<std::int32_t> share_out_events(session_state& session, const event_places& places) {
+  const std::vector<std::int32_t>& old = places.clusters;
+  const auto n_old = static_cast<std::int32_t>(old.size());
+  cluster_change change = begin_change(session, cluster_change_kind::split, old);
+  const std::int32_t first_new = session.clusters.n_clusters + 1;
+  for (std::int32_t p = 1; p <= places.n_places; ++p) {
+    change.after.push_back(p <= n_old ? old[static_cast<std::size_t>(p - 1)]
+                                      : first_new + p - 1 - n_old);
+  }
+  for (std::size_t i = 0; i < places.events.size(); ++i) {
+    const std::int32_t p = places.place[i];
+    if (p < 0) continue;
+    session.events.event_cluster[places.events[i]] =
+        p == 0 ? 0 : change.after[static_cast<std::size_t>(p - 1)];
+  }
+  for (const std::int32_t c : old) recalculate_cluster(session, c);
+  for (std::size_t i = 0; i < old.size(); ++i) {
+    // The pair of two old clusters is computed once, with the later of them.
+    update_lists_for_cluster(session, old[i], i + 1 < old.size() ? old[i + 1] : 0);
+  }
+  if (places.old_ones_done) places.old_ones_done();
+  for (std::int32_t p = n_old + 1; p <= places.n_places; ++p) {
+    add_cluster(session, change.after[static_cast<std::size_t>(p - 1)]);
+  }
+  end_change(session, change);
+  return change.after;
+}
+
+// ---------------------------------------------------------------- moving events
+
+namespace {
+
+// What the clusters that lost or gained events need: template and centre without alignment,
+// status rows; those without any event go.
+void settle_changed_clusters(session_state& session, const std::set<std::int32_t>& changed,
+                             cluster_change& change) {
+  std::vector<std::int32_t> emptied;
+  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
+  for (const std::int32_t c : changed) {
+    if (sizes[static_cast<std::size_t>(c)] == 0) {
+      emptied.push_back(c);
+      continue;
+    }
+    calculate_template(session, c);
+    calculate_template_centre(session, c);
+  }
+  for (auto c = emptied.rbegin(); c != emptied.rend(); ++c) delete_record(session, *c, change);
+  for (const std::int32_t c : changed) {
+    const std::int32_t now = number_after(change, c);
+    if (now == 0) continue;
+    session.clusters.cluster_signed_off[now] = false;
+    update_lists_for_cluster(session, now);
+    change.after.push_back(now);
+  }
+}
+
+// Gives events to a cluster, 0 for none; returns the clusters whose members changed.
+std::set<std::int32_t> reassign(session_state& session, const std::vector<std::int32_t>& moving,
+                                std::int32_t cluster, std::int32_t& n_moved) {
+  event_table& events = session.events;
+  std::set<std::int32_t> changed;
+  for (const std::int32_t e : moving) {
+    if (events.event_cluster[e] == cluster) continue;
+    if (events.event_cluster[e] > 0) changed.insert(events.event_cluster[e]);
+    events.event_cluster[e] = cluster;
+    events.event_subcluster[e] = 0;
+    ++n_moved;
+  }
+  if (n_moved > 0 && cluster > 0) changed.insert(cluster);
+  return changed;
+}
+
+std::int32_t reassign_events(session_state& session, const std::vector<std::int32_t>& moving,
+                             std::int32_t cluster, cluster_change_kind kind) {
+  std::int32_t n_moved = 0;
+  const std::set<std::int32_t> changed = reassign(session, moving, cluster, n_moved);
+  if (n_moved == 0) return 0;
+  cluster_change change = begin_change(session, kind, {changed.begin(), changed.end()});
+  settle_changed_clusters(session, changed, change);
+  end_change(session, change);
+  return n_moved;
+}
+
+}  // namespace
+
+std::int32_t remove_events(session_state& session, const std::vector<std::int32_t>& events) {
+  return reassign_events(session, events, 0, cluster_change_kind::removed_events);
+}
+
+std::int32_t move_events(session_state& session, const std::vector<std::int32_t>& events,
+                         std::int32_t cluster) {
+  if (!is_cluster(session, cluster)) return 0;
+  return reassign_events(session, events, cluster, cluster_change_kind::moved_events);
+}
+
+// ---------------------------------------------------------------- renumbering
+
+namespace {
+
+bool names_each_cluster_once(const session_state& session, const std::vector<std::int32_t>& order) {
+  std::vector<std::int32_t> sorted = order;
+  std::sort(sorted.begin(), sorted.end());
+  return sorted == all_clusters(session);
+}
+
+// Follows each cycle of the permutation, with the slot above the clusters to hold its first.
+void permute_records(session_state& session, const std::vector<std::int32_t>& order) {
+  const std::int32_t n = session.clusters.n_clusters;
+  const std::int32_t spare = n + 1;
+  std::vector<char> placed(order.size(), 0);
+  for (std::int32_t start = 1; start <= n; ++start) {
+    if (placed[static_cast<std::size_t>(start - 1)] != 0) continue;
+    copy_record(session, start, spare);
+    std::int32_t to = start;
+    for (;;) {
+      placed[static_cast<std::size_t>(to - 1)] = 1;
+      const std::int32_t from = order[static_cast<std::size_t>(to - 1)];
+      copy_record(session, from == start ? spare : from, to);
+      if (from == start) break;
+      to = from;
+    }
+  }
+}
+
+// Each pair's values stay with its two clusters, whichever of them comes first now.
+void permute_pairs(status_lists_table& lists, const std::vector<std::int32_t>& order,
+                   const cluster_change& change) {
+  if (lists.n_kv_pairs == 0) return;
+  const auto n = static_cast<std::int32_t>(order.size());
+  std::vector<std::int64_t> from;
+  from.reserve(static_cast<std::size_t>(lists.n_kv_pairs));
+  for (std::int32_t a = 1; a < n; ++a) {
+    for (std::int32_t b = a + 1; b <= n; ++b) {
+      const auto [low, high] = std::minmax(order[static_cast<std::size_t>(a - 1)],
+                                           order[static_cast<std::size_t>(b - 1)]);
+      from.push_back(pair_index(n, low, high));
+    }
+  }
+  for_each_column(
+      [&from](auto& list) {
+        using entry = std::remove_reference_t<decltype(list[1])>;
+        std::vector<entry> moved;
+        moved.reserve(from.size());
+        for (const std::int64_t k : from) moved.push_back(list[k]);
+        std::copy(moved.begin(), moved.end(), list.first());
+      },
+      lists);
+  for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    lists.kv_n_shift_template[k] = number_after(change, lists.kv_n_shift_template[k]);
+  }
+}
+
+}  // namespace
+
+bool permute_clusters(session_state& session, const std::vector<std::int32_t>& order) {
+  // The slot above the clusters holds a record on its way.
+  if (session.clusters.n_clusters >= cluster_limit) return false;
+  if (!names_each_cluster_once(session, order)) return false;
+  cluster_table& clusters = session.clusters;
+  cluster_change change = begin_change(session, cluster_change_kind::renumbered, order);
+  change.after = all_clusters(session);
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    change.number_now[static_cast<std::size_t>(order[i])] = static_cast<std::int32_t>(i) + 1;
+  }
+  permute_records(session, order);
+  std::int32_t* of = session.events.event_cluster.base();
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    if (of[e] > 0) of[e] = number_after(change, of[e]);
+  }
+  permute_pairs(session.lists, order, change);
+  clusters.current_cluster = number_after(change, clusters.current_cluster);
+  clusters.previous_cluster = number_after(change, clusters.previous_cluster);
+  end_change(session, change);
+  return true;
+}
+
+// ---------------------------------------------------------------- forgetting
+
 void clear_clusters(session_state& session) {
   if (!ask(session, "This will delete all the cluster assignments to events!", "Are you sure?")) {
     return;
   }
+  cluster_change change =
+      begin_change(session, cluster_change_kind::cleared, all_clusters(session));
   blank_cluster_comments(session);
   session.events.event_cluster.clear();
   session.clusters.n_clusters = 0;
@@ -192,6 +503,7 @@ void clear_clusters(session_state& session) {
   session.clusters.cluster_sigma.clear();
   session.clusters.cluster_spare.clear();
   session.lists.n_kv_pairs = 0;
+  end_change(session, change);
 }
 
 }  // namespace kestrelvane

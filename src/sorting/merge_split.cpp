@@ -183,17 +183,10 @@ void label_events(session_state& session, const std::vector<std::int32_t>& list,
 }
 
 // The pool is one unit: a plain merge, without shift and without removals.
-void merge_pool(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
-                const std::vector<std::int32_t>& list) {
+void merge_pool(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k) {
   log_message(session, fmt::format("Merging pair that can't be split; initial overlap ={}",
                                    session.lists.kv_cluster_overlap[k]));
-  for (const std::int32_t e : list) {
-    session.events.event_cluster[e] = a;
-    session.events.event_subcluster[e] = 1;
-  }
-  recalculate_cluster(session, a);
-  delete_cluster(session, b);
-  update_lists_for_cluster(session, a);
+  absorb_cluster(session, a, b);
 }
 
 void mark_ambiguous(session_state& session, const std::vector<std::int32_t>& members) {
@@ -205,48 +198,46 @@ void mark_ambiguous(session_state& session, const std::vector<std::int32_t>& mem
   }
 }
 
-// Makes the listed sub-clusters a, b and, from the third on, new clusters.
-void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
-                  const std::vector<std::int32_t>& list, const stage_verdict& verdict) {
-  cluster_table& clusters = session.clusters;
-  if (session.preferences.verbose_log) {
-    log_message(session, fmt::format("split list = {}", fmt::join(verdict.kept, " ")));
-  }
-  const auto n_listed = static_cast<std::int32_t>(verdict.kept.size());
-  const std::int32_t first_new = clusters.n_clusters + 1;
-  const float old_overlap = session.lists.kv_cluster_overlap[k];
+// Where labelled events go: label p to place p. others: the place of events whose label
+// stands for no sub-cluster of the list.
+event_places places_of_labels(const session_state& session, std::vector<std::int32_t> clusters,
+                              const std::vector<std::int32_t>& list, const stage_verdict& verdict,
+                              std::int32_t others) {
+  event_places places{
+      std::move(clusters), list, {}, static_cast<std::int32_t>(verdict.kept.size()), {}};
+  places.place.reserve(list.size());
   for (const std::int32_t e : list) {
-    const std::int32_t place = session.events.event_subcluster[e];
-    // What no listed sub-cluster could take stays where it is.
-    if (place > n_listed) continue;
-    session.events.event_cluster[e] = place == 1 ? a : place == 2 ? b : first_new + place - 3;
+    const std::int32_t label = session.events.event_subcluster[e];
+    places.place.push_back(label <= places.n_places ? label : others);
   }
-  recalculate_cluster(session, a);
-  recalculate_cluster(session, b);
-  // The pair itself once: it is computed with b.
-  update_lists_for_cluster(session, a, b);
-  update_lists_for_cluster(session, b);
+  return places;
+}
+
+// The pair has been tried once more; says what became of its overlap.
+void note_pair_tried(session_state& session, std::int64_t k, float old_overlap) {
   session.lists.kv_user_ambiguous[k] = true;
   ++session.lists.kv_split_tries[k];
   log_message(session, fmt::format("  overlaps before and after split ={} {}", old_overlap,
                                    session.lists.kv_cluster_overlap[k]));
-  std::vector<std::int32_t> members{a, b};
-  if (n_listed >= 3) {
+}
+
+// Makes the listed sub-clusters a, b and, from the third on, new clusters.
+void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                  const std::vector<std::int32_t>& list, const stage_verdict& verdict) {
+  if (session.preferences.verbose_log) {
+    log_message(session, fmt::format("split list = {}", fmt::join(verdict.kept, " ")));
+  }
+  const auto n_listed = static_cast<std::int32_t>(verdict.kept.size());
+  const float old_overlap = session.lists.kv_cluster_overlap[k];
+  // What no listed sub-cluster could take stays where it is.
+  event_places places = places_of_labels(session, {a, b}, list, verdict, -1);
+  places.old_ones_done = [&] {
+    note_pair_tried(session, k, old_overlap);
+    if (n_listed < 3) return;
     log_message(session, n_listed == 3 ? "Adding new cluster" : "Adding new clusters");
     log_message(session, fmt::format("Splitting into{}", n_listed));
-    const std::int32_t old_current = clusters.current_cluster;
-    for (std::int32_t c = first_new; c < first_new + n_listed - 2; ++c) {
-      clear_cluster_record(session, c);
-      clusters.n_clusters = c;
-      clusters.current_cluster = c;
-      recalculate_cluster(session, c);
-      // Its pairs are computed here and do not change before the next cluster.
-      add_cluster_to_lists(session);
-      members.push_back(c);
-    }
-    clusters.current_cluster = old_current;
-  }
-  mark_ambiguous(session, members);
+  };
+  mark_ambiguous(session, share_out_events(session, places));
 }
 
 }  // namespace
@@ -269,7 +260,7 @@ bool merge_or_split_pair(session_state& session, std::int64_t k) {
   label_events(session, list, *tables, verdict);
   refresh_displays(session);
   if (verdict.kept.size() < 2) {
-    merge_pool(session, a, b, k, list);
+    merge_pool(session, a, b, k);
   } else {
     replace_pair(session, a, b, k, list, verdict);
   }
@@ -350,33 +341,15 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
 namespace {
 
 // Cuts one cluster by the verdict: the first of the list stays, the others become
-// new clusters at the end.
+// new clusters at the end, and what no listed sub-cluster could take is unclustered.
 void split_by_verdict(session_state& session, std::int32_t cluster, const gac_points& points,
                       gac_tables& tables, const stage_verdict& verdict) {
-  cluster_table& clusters = session.clusters;
   fold_unlisted(session, points, tables, verdict);
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   label_events(session, list, tables, verdict);
   refresh_displays(session);
-  event_table& events = session.events;
-  for (const std::int32_t e : list) {
-    if (events.event_subcluster[e] > 1) events.event_cluster[e] = 0;
-  }
-  recalculate_cluster(session, cluster);
-  update_lists_for_cluster(session, cluster);
-  const std::int32_t old_current = clusters.current_cluster;
-  for (std::int32_t place = 2; place <= static_cast<std::int32_t>(verdict.kept.size()); ++place) {
-    const std::int32_t created = clusters.n_clusters + 1;
-    clear_cluster_record(session, created);
-    for (const std::int32_t e : list) {
-      if (events.event_subcluster[e] == place) events.event_cluster[e] = created;
-    }
-    clusters.n_clusters = created;
-    recalculate_cluster(session, created);
-    add_cluster_to_lists(session);
-  }
-  clusters.current_cluster = old_current;
-  for (const std::int32_t e : list) events.event_subcluster[e] = 0;
+  share_out_events(session, places_of_labels(session, {cluster}, list, verdict, 0));
+  for (const std::int32_t e : list) session.events.event_subcluster[e] = 0;
 }
 
 void report_final_check(const session_state& session, const char* words, std::int32_t n_splits,

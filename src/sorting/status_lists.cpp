@@ -28,19 +28,6 @@ std::int32_t count_of_pairs(const session_state& session) {
   return static_cast<std::int32_t>(pair_count(session.clusters.n_clusters));
 }
 
-// Calls visit(list) for each of the eight lists, which move together.
-template <typename Visit>
-void for_each_list(status_lists_table& lists, Visit&& visit) {
-  visit(lists.kv_templates_dont_overlap);
-  visit(lists.kv_template_correlation);
-  visit(lists.kv_cluster_overlap);
-  visit(lists.rms_template_shift);
-  visit(lists.kv_n_shift_template);
-  visit(lists.kv_user_distinct);
-  visit(lists.kv_user_ambiguous);
-  visit(lists.kv_split_tries);
-}
-
 void store_pair(status_lists_table& lists, std::int64_t k, bool dont_overlap, float correlation,
                 float overlap, pair_shift shift) {
   lists.kv_templates_dont_overlap[k] = dont_overlap;
@@ -135,7 +122,7 @@ void build_status_lists(session_state& session) {
     log_message(session,
                 threaded ? "Making threaded status lists" : "Making unthreaded status lists");
   }
-  for_each_list(lists, [](auto& list) { list.clear(); });
+  for_each_column([](auto& list) { list.clear(); }, lists);
   lists.n_kv_pairs = count_of_pairs(session);
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -10.0f;
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
@@ -213,18 +200,20 @@ void add_cluster_to_lists(session_state& session) {
   if (lists.n_kv_pairs == 0 || n < 2) return;
   // From the end down: each row moves up by as many places as rows before it gain
   // an entry, and its new last entry (a, n) is zeroed.
-  for_each_list(lists, [&](auto& list) {
-    using entry = std::remove_reference_t<decltype(list[1])>;
-    for (std::int32_t a = n - 1; a >= 1; --a) {
-      const std::int32_t old_length = n - 1 - a;
-      const std::int64_t new_first = pair_index(n, a, a + 1);
-      if (old_length > 0) {
-        std::memmove(list.base() + new_first, list.base() + pair_index(n - 1, a, a + 1),
-                     sizeof(entry) * old_length);
-      }
-      list[new_first + old_length] = entry{};
-    }
-  });
+  for_each_column(
+      [&](auto& list) {
+        using entry = std::remove_reference_t<decltype(list[1])>;
+        for (std::int32_t a = n - 1; a >= 1; --a) {
+          const std::int32_t old_length = n - 1 - a;
+          const std::int64_t new_first = pair_index(n, a, a + 1);
+          if (old_length > 0) {
+            std::memmove(list.base() + new_first, list.base() + pair_index(n - 1, a, a + 1),
+                         sizeof(entry) * old_length);
+          }
+          list[new_first + old_length] = entry{};
+        }
+      },
+      lists);
   lists.n_kv_pairs = count_of_pairs(session);
   log_message(session, fmt::format("Updating lists for cluster {}", n));
   update_lists_for_cluster(session, n);
@@ -244,7 +233,7 @@ void remove_cluster_from_lists(session_state& session, std::int32_t cluster) {
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
     if (lists.kv_n_shift_template[k] == marker) continue;
     ++kept;
-    if (kept != k) for_each_list(lists, [&](auto& list) { list[kept] = list[k]; });
+    if (kept != k) for_each_column([&](auto& list) { list[kept] = list[k]; }, lists);
   }
   lists.n_kv_pairs = kept;
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "clustering/templates.h"
+#include "sorting/cluster_edits.h"
 
 namespace kestrelvane {
 
@@ -11,134 +12,120 @@ namespace {
 // Calls visit(table of the session, table of the slot, number of elements) for all that
 // lies in the same order in both. Save and restore walk the same lines.
 template <typename Visit>
-void for_each_table(session_state& session, Visit&& visit) {
-  undo_slot& slot = *session.undo;
-  event_table& events = session.events;
-  visit(events.event_time, slot.event_time, slot.n_events);
-  visit(events.event_detected_time, slot.event_detected_time, slot.n_events);
-  visit(events.event_channel, slot.event_channel, slot.n_events);
-  visit(events.event_cluster, slot.event_cluster, slot.n_events);
-  visit(events.event_shift, slot.event_shift, slot.n_events);
-  visit(events.event_subcluster, slot.event_subcluster, slot.n_events);
-  cluster_table& clusters = session.clusters;
-  visit(clusters.cluster_spare, slot.cluster_spare, slot.n_clusters);
-  visit(clusters.cluster_tag, slot.cluster_tag, slot.n_clusters);
-  visit(clusters.cluster_sigma, slot.cluster_sigma, slot.n_clusters);
-  visit(clusters.cluster_reserved, slot.cluster_reserved, slot.n_clusters);
-  visit(clusters.cluster_comment, slot.cluster_comment, slot.n_clusters);
-  visit(clusters.cluster_ellipse, slot.cluster_ellipse, slot.n_clusters);
-  visit(clusters.cluster_signed_off, slot.cluster_signed_off, slot.n_clusters);
-  template_table& templates = session.templates;
-  visit(templates.template_n_channels, slot.template_n_channels, slot.n_clusters);
-  visit(templates.template_x, slot.template_x, slot.n_clusters);
-  visit(templates.template_y, slot.template_y, slot.n_clusters);
-  visit(templates.template_z, slot.template_z, slot.n_clusters);
-  status_lists_table& lists = session.lists;
-  visit(lists.kv_templates_dont_overlap, slot.kv_templates_dont_overlap, slot.n_kv_pairs);
-  visit(lists.kv_template_correlation, slot.kv_template_correlation, slot.n_kv_pairs);
-  visit(lists.kv_cluster_overlap, slot.kv_cluster_overlap, slot.n_kv_pairs);
-  visit(lists.rms_template_shift, slot.rms_template_shift, slot.n_kv_pairs);
-  visit(lists.kv_n_shift_template, slot.kv_n_shift_template, slot.n_kv_pairs);
-  visit(lists.kv_user_distinct, slot.kv_user_distinct, slot.n_kv_pairs);
-  visit(lists.kv_user_ambiguous, slot.kv_user_ambiguous, slot.n_kv_pairs);
-  visit(lists.kv_split_tries, slot.kv_split_tries, slot.n_kv_pairs);
-  visit(lists.match_a, slot.match_a, slot.n_match);
-  visit(lists.match_b, slot.match_b, slot.n_match);
-  visit(lists.match_values, slot.match_values, slot.n_match);
+void for_each_table(session_state& session, undo_slot& slot, Visit&& visit) {
+  const auto first = [&visit](std::int32_t n) {
+    return [&visit, n](auto& of, auto& copy) { visit(of, copy, std::int64_t{n}); };
+  };
+  for_each_column(first(slot.events.n_events), session.events, slot.events);
+  for_each_column(first(slot.clusters.n_clusters), session.clusters, slot.clusters);
+  for_each_column(first(slot.clusters.n_clusters), session.templates, slot.templates);
+  for_each_column(first(slot.lists.n_kv_pairs), session.lists, slot.lists);
+  for_each_match_column(first(slot.lists.n_match), session.lists, slot.lists);
 }
 
 // Calls visit(elements of the session, elements of the slot, number) for each run of a
 // template: its channels, and its points on every channel.
 template <typename Visit>
-void for_each_template_run(session_state& session, Visit&& visit) {
-  undo_slot& slot = *session.undo;
+void for_each_template_run(session_state& session, undo_slot& slot, Visit&& visit) {
   template_table& templates = session.templates;
-  for (std::int64_t c = 1; c <= slot.n_clusters; ++c) {
-    const auto cluster = static_cast<std::int32_t>(c);
-    visit(templates.channels(cluster) + 1,
-          slot.template_channels.first() + (c - 1) * slot.n_channels, slot.n_channels);
-    for (std::int32_t channel = 1; channel <= slot.n_channels; ++channel) {
-      const std::int64_t run = ((c - 1) * slot.n_channels + channel - 1) * slot.template_points;
-      visit(templates.mean(cluster, channel) + 1, slot.template_mean.first() + run,
-            slot.template_points);
-      visit(templates.sd(cluster, channel) + 1, slot.template_sd.first() + run,
-            slot.template_points);
+  template_table& copy = slot.templates;
+  const std::int32_t n_channels = slot.n_channels, n_points = slot.template_points;
+  for (std::int32_t c = 1; c <= slot.clusters.n_clusters; ++c) {
+    const std::int64_t before = (std::int64_t{c} - 1) * n_channels;  // channels of earlier ones
+    visit(templates.channels(c) + 1, copy.template_channels.first() + before, n_channels);
+    for (std::int32_t channel = 1; channel <= n_channels; ++channel) {
+      const std::int64_t run = (before + channel - 1) * n_points;
+      visit(templates.mean(c, channel) + 1, copy.template_mean.first() + run, n_points);
+      visit(templates.sd(c, channel) + 1, copy.template_sd.first() + run, n_points);
     }
   }
 }
 
-void note_sizes(session_state& session) {
-  undo_slot& slot = *session.undo;
-  slot.n_channels = session.recording.n_channels;
-  slot.template_points = session.templates.template_points;
-  slot.n_events = session.events.n_events;
-  slot.n_clusters = session.clusters.n_clusters;
-  slot.current_cluster = session.clusters.current_cluster;
-  slot.previous_cluster = session.clusters.previous_cluster;
-  slot.n_kv_pairs = session.lists.n_kv_pairs;
-  slot.n_match = session.lists.n_match;
+// Counters and selections, which lie in no column.
+void copy_counters(session_state& from_session, undo_slot& slot) {
+  slot.events.n_events = from_session.events.n_events;
+  slot.clusters.n_clusters = from_session.clusters.n_clusters;
+  slot.clusters.current_cluster = from_session.clusters.current_cluster;
+  slot.clusters.previous_cluster = from_session.clusters.previous_cluster;
+  slot.lists.n_kv_pairs = from_session.lists.n_kv_pairs;
+  slot.lists.n_match = from_session.lists.n_match;
 }
 
-std::int64_t template_values(const undo_slot& slot) {
-  return std::int64_t{slot.n_clusters} * slot.n_channels * slot.template_points;
+void put_back_counters(session_state& session, const undo_slot& slot) {
+  session.events.n_events = slot.events.n_events;
+  session.clusters.n_clusters = slot.clusters.n_clusters;
+  session.clusters.current_cluster = slot.clusters.current_cluster;
+  session.clusters.previous_cluster = slot.clusters.previous_cluster;
+  session.lists.n_kv_pairs = slot.lists.n_kv_pairs;
+  session.lists.n_match = slot.lists.n_match;
 }
 
-bool reserve_slot(session_state& session) {
-  undo_slot& slot = *session.undo;
-  const std::int64_t n_listed = std::int64_t{slot.n_clusters} * slot.n_channels;
-  const std::int64_t n_values = template_values(slot);
+// Room for the packed blocks, once it is known that memory holds blocks and columns: the
+// columns were reserved with the slot, which costs nothing, and are filled now.
+bool reserve_blocks(session_state& session, undo_slot& slot) {
+  const std::int64_t n_listed = std::int64_t{slot.clusters.n_clusters} * slot.n_channels;
+  const std::int64_t n_values = n_listed * slot.template_points;
   std::int64_t bytes = 4 * n_listed + 8 * n_values;
-  for_each_table(session, [&](const auto& of, const auto&, std::int64_t n) {
+  bool reserved = true;
+  for_each_table(session, slot, [&](const auto& of, const auto& copy, std::int64_t n) {
     bytes += n * static_cast<std::int64_t>(sizeof(of[1]));
+    reserved = reserved && copy.capacity() >= n;
   });
-  if (!memory_can_hold(bytes)) return false;
-  bool reserved = slot.template_channels.reserve(n_listed) &&
-                  slot.template_mean.reserve(n_values) && slot.template_sd.reserve(n_values);
-  for_each_table(session, [&](const auto&, auto& copy, std::int64_t n) {
-    reserved = reserved && copy.reserve(n);
-  });
-  return reserved;
+  template_table& t = slot.templates;
+  return reserved && memory_can_hold(bytes) && t.template_channels.reserve(n_listed) &&
+         t.template_mean.reserve(n_values) && t.template_sd.reserve(n_values);
 }
 
 }  // namespace
 
-bool save_undo_state(session_state& session) {
+bool save_undo_state(session_state& session, undo_owner owner) {
   // The old copy goes first: there may not be room for two.
   session.undo.reset();
-  session.undo = std::make_unique<undo_slot>();
-  note_sizes(session);
-  if (!reserve_slot(session)) {
-    session.undo.reset();
+  auto slot =
+      std::make_unique<undo_slot>(session.events.n_events, session.clusters.n_clusters,
+                                  std::max(session.lists.n_kv_pairs, session.lists.n_match));
+  slot->owner = owner;
+  slot->recording_path = session.recording.recording_path;
+  slot->saved_at = std::chrono::system_clock::now();
+  slot->n_channels = session.recording.n_channels;
+  slot->template_points = session.templates.template_points;
+  copy_counters(session, *slot);
+  if (!reserve_blocks(session, *slot)) {
     log_message(session, "Not enough memory to undo");
     return false;
   }
-  for_each_table(session, [](const auto& of, auto& copy, std::int64_t n) {
+  for_each_table(session, *slot, [](const auto& of, auto& copy, std::int64_t n) {
     std::copy_n(of.first(), n, copy.first());
   });
   for_each_template_run(
-      session, [](const auto* of, auto* copy, std::int64_t n) { std::copy_n(of, n, copy); });
+      session, *slot, [](const auto* of, auto* copy, std::int64_t n) { std::copy_n(of, n, copy); });
+  session.undo = std::move(slot);
   return true;
 }
 
-bool restore_undo_state(session_state& session) {
-  if (!session.undo || session.undo->n_channels != session.recording.n_channels) return false;
-  const undo_slot& slot = *session.undo;
-  session.events.n_events = slot.n_events;
-  session.clusters.n_clusters = slot.n_clusters;
-  session.clusters.current_cluster = slot.current_cluster;
-  session.clusters.previous_cluster = slot.previous_cluster;
-  session.lists.n_kv_pairs = slot.n_kv_pairs;
-  session.lists.n_match = slot.n_match;
-  for_each_table(session, [](auto& of, const auto& copy, std::int64_t n) {
+bool can_undo(const session_state& session, undo_owner owner) {
+  return session.undo && session.undo->owner == owner &&
+         session.undo->recording_path == session.recording.recording_path &&
+         session.undo->n_channels == session.recording.n_channels;
+}
+
+bool restore_undo_state(session_state& session, undo_owner owner) {
+  if (!can_undo(session, owner)) return false;
+  undo_slot& slot = *session.undo;
+  cluster_change change = begin_change(session, cluster_change_kind::restored);
+  put_back_counters(session, slot);
+  for_each_table(session, slot, [](auto& of, const auto& copy, std::int64_t n) {
     std::copy_n(copy.first(), n, of.first());
   });
-  const bool same_window = slot.template_points == session.templates.template_points;
-  if (same_window) {
-    for_each_template_run(
-        session, [](auto* of, const auto* copy, std::int64_t n) { std::copy_n(copy, n, of); });
+  if (slot.template_points == session.templates.template_points) {
+    for_each_template_run(session, slot, [](auto* of, const auto* copy, std::int64_t n) {
+      std::copy_n(copy, n, of);
+    });
   } else {
     calculate_all_templates(session);
   }
+  change.after = all_clusters(session);
+  end_change(session, change);
   return true;
 }
 

@@ -1,9 +1,10 @@
-// Undo: the whole sort as it was when it was saved.
+// Undo: the whole sort as it was when a tool saved it.
 //
-// One slot in the session, shared by all dialogs that offer to undo. It takes events
-// (those too that a later step removes), clusters with their templates, and pair lists,
-// and so needs about 22 bytes for each event, 33 for each pair, and the templates. Called
-// by the worker; at 50,000,000 events a save takes a few seconds.
+// One slot in the session, shared by all tools that offer to undo; a tool restores only
+// what it saved itself, of the recording in memory. It takes events (those too that a
+// later step removes), clusters with their templates, and pair lists, and so needs about
+// 22 bytes for each event, 33 for each pair, and the templates. Called by the worker; at
+// 50,000,000 events a save takes a few seconds.
 #pragma once
 
 #include "session/session_state.h"
@@ -12,10 +13,14 @@ namespace kestrelvane {
 
 // Fills the slot with the sort in memory. False, after a log line, when memory does not
 // hold it; the slot is then empty.
-bool save_undo_state(session_state& session);
+bool save_undo_state(session_state& session, undo_owner owner);
 
-// Writes the slot back and keeps it. False, and nothing changes, when it is empty.
-// Templates are calculated anew if the spike window has been changed since the save.
-bool restore_undo_state(session_state& session);
+// Whether the slot holds what this tool saved of the recording in memory.
+bool can_undo(const session_state& session, undo_owner owner);
+
+// Writes the slot back, keeps it, and tells whoever listens. False, and nothing changes,
+// when can_undo is false. Templates are calculated anew if the spike window has been
+// changed since the save.
+bool restore_undo_state(session_state& session, undo_owner owner);
 
 }  // namespace kestrelvane

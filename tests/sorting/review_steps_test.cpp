@@ -69,9 +69,9 @@ TEST(undo_state, brings_back_what_was_changed) {
   session->lists.kv_user_distinct[3] = true;
   session->clusters.cluster_comment[2].assign("kept");
   session->events.event_subcluster[7] = 4;
-  EXPECT_FALSE(restore_undo_state(*session)) << "nothing was saved";
+  EXPECT_FALSE(restore_undo_state(*session, undo_owner::realignment)) << "nothing was saved";
   const sort_print before = print_sort(*session);
-  ASSERT_TRUE(save_undo_state(*session));
+  ASSERT_TRUE(save_undo_state(*session, undo_owner::realignment));
 
   delete_cluster(*session, 2);
   merge_clusters(*session, 1, 3);
@@ -87,7 +87,7 @@ TEST(undo_state, brings_back_what_was_changed) {
   --events.n_events;
   ASSERT_FALSE(print_sort(*session) == before);
   for (int again = 0; again < 2; ++again) {
-    ASSERT_TRUE(restore_undo_state(*session));
+    ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
     EXPECT_TRUE(print_sort(*session) == before);
     EXPECT_EQ(check_session(*session), "");
     delete_cluster(*session, 1);
@@ -95,28 +95,28 @@ TEST(undo_state, brings_back_what_was_changed) {
 
   // A second save takes the place of the first.
   const sort_print later = print_sort(*session);
-  ASSERT_TRUE(save_undo_state(*session));
+  ASSERT_TRUE(save_undo_state(*session, undo_owner::realignment));
   delete_cluster(*session, 1);
-  ASSERT_TRUE(restore_undo_state(*session));
+  ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
   EXPECT_TRUE(print_sort(*session) == later);
 }
 
 TEST(undo_state, follows_the_recording_and_the_spike_window) {
   small_session session;
   make_sorted(*session);
-  ASSERT_TRUE(save_undo_state(*session));
+  ASSERT_TRUE(save_undo_state(*session, undo_owner::realignment));
   session->strategy.template_window_end_ms = 1.2f;
   compute_template_points(*session);
-  ASSERT_TRUE(restore_undo_state(*session));
+  ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
   const float mean = session->templates.mean(1, 1)[session->templates.template_points];
   calculate_template(*session, 1);
   EXPECT_EQ(session->templates.mean(1, 1)[session->templates.template_points], mean);
   EXPECT_EQ(check_session(*session), "");
   reset_session(*session);
-  EXPECT_FALSE(restore_undo_state(*session));
+  EXPECT_FALSE(restore_undo_state(*session, undo_owner::realignment));
   // An empty session can be saved and restored.
-  EXPECT_TRUE(save_undo_state(*session));
-  EXPECT_TRUE(restore_undo_state(*session));
+  EXPECT_TRUE(save_undo_state(*session, undo_owner::realignment));
+  EXPECT_TRUE(restore_undo_state(*session, undo_owner::realignment));
 }
 
 TEST(sorting_summary, measures_every_cluster) {

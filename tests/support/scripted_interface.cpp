@@ -31,6 +31,9 @@ void scripted_interface::attach(session_state& session) {
     self(c).run_log_window.emplace_back(line);
   };
   ui.title = [](void* c, const std::string& text) { self(c).titles.push_back(text); };
+  ui.clusters_changed = [](void* context, const cluster_change& change) {
+    static_cast<scripted_interface*>(context)->changes.push_back(change);
+  };
   ui.stage = [](void* c, const std::string& name) { self(c).stages.push_back(name); };
   ui.walk_hdf = [](void* c, const hdf_page* page, hdf_choice& choice) {
     self(c).walk_ended = page == nullptr;

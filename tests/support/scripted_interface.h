@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "session/cluster_change.h"
 #include "session/hdf_page.h"
 #include "session/session_state.h"
 
@@ -23,6 +24,7 @@ struct scripted_interface {
   std::vector<std::string> titles;
   std::vector<std::string> statuses;
   std::vector<std::string> stages;
+  std::vector<cluster_change> changes;
   std::map<std::string, bool> answers;  // by the text of the question
   bool default_answer = false;
   std::string chosen_path;  // given by the file dialogs; empty: cancelled

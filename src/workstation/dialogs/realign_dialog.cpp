@@ -84,7 +84,7 @@ void run_step(const shared_realign& r, session_routine step) {
 void save_and_measure(const shared_realign& r) {
   r->dialog->run(
       [r](session_state& session) {
-        r->saved = save_undo_state(session);
+        r->saved = save_undo_state(session, undo_owner::realignment);
         r->sizes = count_events_by_cluster(session);
         r->mean_sd = mean_template_sd_uv(session);
       },
@@ -234,7 +234,7 @@ void leave(const shared_realign& r, int result) {
   start_operation(
       r->w,
       [undo = result == undo_everything](session_state& session) {
-        if (undo) restore_undo_state(session);
+        if (undo) restore_undo_state(session, undo_owner::realignment);
         session.undo.reset();
       },
       [r] { ask_about_mode(r); });

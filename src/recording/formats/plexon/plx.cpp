@@ -65,19 +65,12 @@ bool map_channels(session_state& session, bool tetrodes) {
 
 void drop_events_outside(session_state& session) {
   event_table& e = session.events;
-  std::int32_t n_kept = 0;
-  for (std::int32_t i = 1; i <= e.n_events; ++i) {
-    if (e.event_time[i] < 1 || e.event_time[i] > session.recording.n_samples) continue;
-    ++n_kept;
-    e.event_time[n_kept] = e.event_time[i];
-    e.event_channel[n_kept] = e.event_channel[i];
-    e.event_cluster[n_kept] = e.event_cluster[i];
+  const std::int32_t dropped = compact_events(e, [&](std::int32_t i) {
+    return e.event_time[i] >= 1 && e.event_time[i] <= session.recording.n_samples;
+  });
+  if (dropped > 0) {
+    log_message(session, fmt::format("{} events outside the recording were left out", dropped));
   }
-  if (n_kept < e.n_events) {
-    log_message(session,
-                fmt::format("{} events outside the recording were left out", e.n_events - n_kept));
-  }
-  e.n_events = n_kept;
 }
 
 // Labels become cluster numbers: a unit, and before it all units of lower channels. Returns
