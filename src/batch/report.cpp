@@ -104,9 +104,8 @@ json describe_units(const std::vector<unit_row>& units) {
                 {"rate_hz", u.rate},
                 {"peak_to_peak_uv", u.peak_to_peak},
                 {"snr", u.snr}};
-    row["stable"] = u.stability == unit_stability::unknown
-                        ? json(nullptr)
-                        : json(u.stability == unit_stability::stable);
+    row["stable"] = u.status == cluster_status::unknown ? json(nullptr)
+                                                        : json(u.status == cluster_status::stable);
     rows.push_back(row);
   }
   return rows;

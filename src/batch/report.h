@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "batch/stage_clock.h"
-#include "batch/unit_table.h"
+#include "batch/unit_list.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {

@@ -16,7 +16,7 @@
 #include "recording/formats/hdf/hdf_file.h"
 #include "results/exports.h"
 #include "session/version.h"
-#include "sorting/sorting_summary.h"
+#include "sorting/unit_table.h"
 
 namespace kestrelvane {
 
@@ -433,16 +433,14 @@ void add_waveform(nwb_file& out, nwb_table& table, const session_state& session,
 }
 
 void add_quality(nwb_file& out, nwb_table& table, const session_state& session) {
-  const sorting_summary summary = make_sorting_summary(session);
-  const double seconds = 60.0 * session.recording.duration_mins;
   std::vector<std::int64_t> n_spikes;
   std::vector<float> rates, peaks, snr;
   std::vector<std::int8_t> signed_off;
   texts quality, comments;
-  for (const summary_row& row : summary.rows) {
+  for (const unit_row& row : make_unit_table(session)) {
     n_spikes.push_back(row.n_events);
-    rates.push_back(seconds > 0 ? static_cast<float>(row.n_events / seconds) : 0.0f);
-    peaks.push_back(static_cast<float>(row.peak_to_peak));
+    rates.push_back(static_cast<float>(row.rate));
+    peaks.push_back(static_cast<float>(rounded_uv(row.peak_to_peak)));
     snr.push_back(static_cast<float>(row.snr));
     signed_off.push_back(session.clusters.cluster_signed_off[row.cluster] ? 1 : 0);
     quality.emplace_back(row.status == cluster_status::stable     ? "stable"

@@ -3,42 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
+#include <functional>
 
-#include "clustering/membership.h"
-#include "clustering/templates.h"
 #include "recording/recording_formats.h"
 #include "sorting/status_lists.h"
 
 namespace kestrelvane {
 
 namespace {
-
-// Status of every cluster, element 0 being spare. Going once through the pairs keeps to
-// their order in memory.
-std::vector<cluster_status> judge_clusters(const session_state& session) {
-  const std::int32_t n = session.clusters.n_clusters;
-  const bool known = session.lists.n_kv_pairs > 0;
-  std::vector<cluster_status> status(static_cast<std::size_t>(n) + 1,
-                                     known ? cluster_status::stable : cluster_status::unknown);
-  std::int64_t k = 0;
-  for (std::int32_t a = 1; known && a < n; ++a) {
-    for (std::int32_t b = a + 1; b <= n; ++b) {
-      if (pair_is_distinct(session, ++k)) continue;
-      status[static_cast<std::size_t>(a)] = cluster_status::unstable;
-      status[static_cast<std::size_t>(b)] = cluster_status::unstable;
-    }
-  }
-  return status;
-}
-
-double rounded_peak_to_peak(const session_state& session, std::int32_t cluster) {
-  const recording_store& r = session.recording;
-  const std::int32_t centre = session.templates.centre_channel(cluster);
-  if (centre < 1 || centre > r.n_channels) return 0;
-  const double uv = double{template_peak_to_peak(session, cluster, centre)} * r.vscale_HP;
-  return std::round(uv * 10) / 10;
-}
 
 // The label of the format without its pattern of file names.
 std::string file_type_text(const session_state& session) {
@@ -48,10 +20,12 @@ std::string file_type_text(const session_state& session) {
   return label.substr(0, label.find_last_not_of(' ', label.find('(') - 1) + 1);
 }
 
-template <typename Value>
-void sort_by(std::vector<summary_row>& rows, Value summary_row::*field, bool ascending) {
-  std::stable_sort(rows.begin(), rows.end(), [&](const summary_row& a, const summary_row& b) {
-    return ascending ? a.*field < b.*field : b.*field < a.*field;
+// key: a field of the row, or a routine of it.
+template <typename Key>
+void sort_by(std::vector<unit_row>& rows, Key key, bool ascending) {
+  std::stable_sort(rows.begin(), rows.end(), [&](const unit_row& a, const unit_row& b) {
+    return ascending ? std::invoke(key, a) < std::invoke(key, b)
+                     : std::invoke(key, b) < std::invoke(key, a);
   });
 }
 
@@ -63,16 +37,9 @@ sorting_summary make_sorting_summary(const session_state& session) {
   summary.file_type = file_type_text(session);
   summary.n_events = session.events.n_events;
   summary.n_clusters = session.clusters.n_clusters;
-  const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
-  const std::vector<cluster_status> status = judge_clusters(session);
-  for (std::int32_t c = 1; c <= summary.n_clusters; ++c) {
-    const auto i = static_cast<std::size_t>(c);
-    summary.rows.push_back({c, session.templates.centre_channel(c), session.templates.template_y[c],
-                            sizes[i], rounded_peak_to_peak(session, c), template_snr(session, c),
-                            status[i]});
-    summary.n_clustered += sizes[i];
-    summary.n_stable += status[i] == cluster_status::stable;
-  }
+  summary.n_stable = count_stable_clusters(session);
+  summary.rows = make_unit_table(session);
+  for (const unit_row& row : summary.rows) summary.n_clustered += row.n_events;
   summary.n_unclustered = summary.n_events - summary.n_clustered;
   if (summary.n_events > 0) {
     summary.percent_clustered = 100.0 * summary.n_clustered / summary.n_events;
@@ -98,7 +65,7 @@ const char* summary_heading(summary_column column) {
   return headings[static_cast<int>(column)];
 }
 
-std::string summary_text(const summary_row& row, summary_column column) {
+std::string summary_text(const unit_row& row, summary_column column) {
   switch (column) {
     case summary_column::cluster:
       return fmt::format("{}", row.cluster);
@@ -109,7 +76,7 @@ std::string summary_text(const summary_row& row, summary_column column) {
     case summary_column::events:
       return fmt::format("{}", row.n_events);
     case summary_column::peak_to_peak:
-      return fmt::format("{:.1f}", row.peak_to_peak);
+      return fmt::format("{:.1f}", rounded_uv(row.peak_to_peak));
     case summary_column::snr:
       return fmt::format("{:.2f}", row.snr);
     case summary_column::status:
@@ -120,22 +87,24 @@ std::string summary_text(const summary_row& row, summary_column column) {
   return {};
 }
 
-void sort_summary(std::vector<summary_row>& rows, summary_column column, bool ascending) {
+void sort_summary(std::vector<unit_row>& rows, summary_column column, bool ascending) {
   switch (column) {
     case summary_column::cluster:
-      return sort_by(rows, &summary_row::cluster, ascending);
+      return sort_by(rows, &unit_row::cluster, ascending);
     case summary_column::channel:
-      return sort_by(rows, &summary_row::channel, ascending);
+      return sort_by(rows, &unit_row::channel, ascending);
     case summary_column::y:
-      return sort_by(rows, &summary_row::y, ascending);
+      return sort_by(rows, &unit_row::y, ascending);
     case summary_column::events:
-      return sort_by(rows, &summary_row::n_events, ascending);
+      return sort_by(rows, &unit_row::n_events, ascending);
     case summary_column::peak_to_peak:
-      return sort_by(rows, &summary_row::peak_to_peak, ascending);
+      // As shown: rows that look alike keep their order.
+      return sort_by(
+          rows, [](const unit_row& r) { return rounded_uv(r.peak_to_peak); }, ascending);
     case summary_column::snr:
-      return sort_by(rows, &summary_row::snr, ascending);
+      return sort_by(rows, &unit_row::snr, ascending);
     case summary_column::status:
-      return sort_by(rows, &summary_row::status, ascending);
+      return sort_by(rows, &unit_row::status, ascending);
     case summary_column::count:
       break;
   }

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "batch/channel_list.h"
-#include "batch/unit_table.h"
+#include "batch/unit_list.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -41,15 +41,15 @@ TEST(unit_table, measures_templates_in_microvolts) {
   EXPECT_EQ(units[1].snr, 12);
   EXPECT_EQ(units[0].snr, 0) << "a channel without noise has no ratio";
   EXPECT_EQ(units[1].y, 12.5f);
-  EXPECT_EQ(units[1].stability, unit_stability::unknown);
+  EXPECT_EQ(units[1].status, cluster_status::unknown);
 
   session->lists.n_kv_pairs = 1;
   session->strategy.overlap_threshold = 0.15f;
   session->lists.kv_cluster_overlap[1] = 0.5f;
   session->lists.kv_template_correlation[1] = 0.9f;
-  EXPECT_EQ(make_unit_table(*session)[0].stability, unit_stability::unstable);
+  EXPECT_EQ(make_unit_table(*session)[0].status, cluster_status::unstable);
   session->lists.kv_cluster_overlap[1] = 0.1f;
-  EXPECT_EQ(make_unit_table(*session)[0].stability, unit_stability::stable);
+  EXPECT_EQ(make_unit_table(*session)[0].status, cluster_status::stable);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
 #include <vector>
 
 #include "clustering/membership.h"
@@ -133,10 +134,11 @@ TEST(sorting_summary, measures_every_cluster) {
   EXPECT_EQ(summary.n_clustered, session->events.n_events - count_cluster_events(*session, 0));
   EXPECT_EQ(summary.n_clustered + summary.n_unclustered, summary.n_events);
   EXPECT_NEAR(summary.percent_clustered, 100.0 * summary.n_clustered / summary.n_events, 1e-9);
-  for (const summary_row& row : summary.rows) {
+  for (const unit_row& row : summary.rows) {
     EXPECT_EQ(row.n_events, count_cluster_events(*session, row.cluster));
     const double bits = double{template_peak_to_peak(*session, row.cluster, row.channel)};
-    EXPECT_NEAR(row.peak_to_peak, 0.1 * bits, 0.0500001);
+    EXPECT_NEAR(row.peak_to_peak, 0.1 * bits, 1e-4);
+    EXPECT_NEAR(std::stod(summary_text(row, summary_column::peak_to_peak)), 0.1 * bits, 0.0500001);
     EXPECT_NEAR(row.snr, bits / 7, 1e-6);
     EXPECT_EQ(summary_text(row, summary_column::status), " unknown");
   }
@@ -150,7 +152,7 @@ TEST(sorting_summary, measures_every_cluster) {
   summary = make_sorting_summary(*session);
   EXPECT_EQ(summary.rows[2].status, cluster_status::unstable);
   EXPECT_EQ(summary.n_stable, count_stable_clusters(*session));
-  for (const summary_row& row : summary.rows) {
+  for (const unit_row& row : summary.rows) {
     EXPECT_STREQ(cluster_status_text(row.status),
                  cluster_is_stable(*session, row.cluster) ? "  stable" : "unstable");
   }
@@ -158,15 +160,20 @@ TEST(sorting_summary, measures_every_cluster) {
   EXPECT_EQ(make_sorting_summary(*session).rows[0].snr, 0);
   delete_cluster(*session, 2);
   EXPECT_EQ(make_sorting_summary(*session).rows.back().cluster, n - 1);
+  // One that is alone counts as stable; its line has no pairs to tell from.
+  while (session->clusters.n_clusters > 1) delete_cluster(*session, 1);
+  summary = make_sorting_summary(*session);
+  EXPECT_EQ(summary.n_stable, 1);
+  EXPECT_EQ(summary.rows[0].status, cluster_status::unknown);
 }
 
 TEST(sorting_summary, sorts_by_each_column_and_keeps_ties) {
   const auto unknown = cluster_status::unknown, stable = cluster_status::stable;
-  const std::vector<summary_row> rows{{1, 4, 30, 500, 90.1, 8, unknown},
-                                      {2, 3, 10, 900, 120, 6, stable},
-                                      {3, 4, 20, 500, 80, 7, stable}};
+  const std::vector<unit_row> rows{{1, 4, 0, 30, 500, 0, 90.1, 8, unknown},
+                                   {2, 3, 0, 10, 900, 0, 120, 6, stable},
+                                   {3, 4, 0, 20, 500, 0, 80, 7, stable}};
   const auto order = [&](summary_column column, bool ascending) {
-    std::vector<summary_row> sorted = rows;
+    std::vector<unit_row> sorted = rows;
     sort_summary(sorted, column, ascending);
     return 100 * sorted[0].cluster + 10 * sorted[1].cluster + sorted[2].cluster;
   };

@@ -37,7 +37,7 @@ class summary_model : public QAbstractTableModel {
   summary_model(const session_state& session, QObject* parent)
       : QAbstractTableModel(parent), session_(session) {}
 
-  void show(std::vector<summary_row> rows) {
+  void show(std::vector<unit_row> rows) {
     beginResetModel();
     rows_ = std::move(rows);
     sort_summary(rows_, column_, ascending_);
@@ -55,7 +55,7 @@ class summary_model : public QAbstractTableModel {
     return parent.isValid() ? 0 : n_columns;
   }
   QVariant data(const QModelIndex& at, int role) const override {
-    const summary_row& row = rows_[static_cast<std::size_t>(at.row())];
+    const unit_row& row = rows_[static_cast<std::size_t>(at.row())];
     if (role == Qt::DisplayRole) {
       return QString::fromStdString(summary_text(row, static_cast<summary_column>(at.column())));
     }
@@ -85,7 +85,7 @@ class summary_model : public QAbstractTableModel {
     return font;
   }
   const session_state& session_;
-  std::vector<summary_row> rows_;
+  std::vector<unit_row> rows_;
   summary_column column_ = summary_column::cluster;
   bool ascending_ = true;
 };
