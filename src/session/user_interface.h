@@ -53,7 +53,8 @@ struct user_interface {
   void (*tell)(void* context, const std::string& text, const std::string& title,
                box_icon icon) = nullptr;
   bool (*ask)(void* context, const std::string& text, const std::string& title) = nullptr;
-  // Fills path; false when the user cancels. filter as "Label(*.EXT)".
+  // Fills path; false when the user cancels. filter as "Label(*.EXT)", or several with ";;"
+  // between them, the first of which is offered.
   bool (*choose_open)(void* context, const std::string& title, const std::string& filter,
                       std::string& path) = nullptr;
   bool (*choose_save)(void* context, const std::string& title, const std::string& filter,

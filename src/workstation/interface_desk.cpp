@@ -190,8 +190,7 @@ bool choose_here(void* context, const std::string& title, const std::string& fil
                  std::string& path, bool saving) {
   workstation& w = shell_of(context);
   const file_choice wanted{QString::fromStdString(title),
-                           {QString::fromStdString(filter)},
-                           QString::fromStdString(path),
+                           QString::fromStdString(filter).split(";;"), QString::fromStdString(path),
                            saving};
   const QString chosen = wait_for_answer<QString>(context, [&](std::function<void(QString)> reply) {
     choose_file(w, wanted, [reply](const QString& answer, int) { reply(answer); });

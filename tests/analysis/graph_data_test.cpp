@@ -1,7 +1,10 @@
 // Graph files, byte for byte, and saving them.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #include "analysis/graph_data.h"
 #include "support/fixture_files.h"
@@ -84,6 +87,78 @@ TEST(graph_file, every_field_stands_where_it_belongs) {
   EXPECT_EQ(read_bytes(path), empty.bytes);
   EXPECT_EQ(read_bytes(path)[0], char(0xE9));
   EXPECT_EQ(read_bytes(path)[1], char(0xFF));
+}
+
+TEST(graph_file, looks_and_forms_come_back_from_their_number) {
+  for (const series_look& look : {series_look{},
+                                  series_look{form_bars, true, true, 0xFF8001},
+                                  {form_image, false, true, 0}}) {
+    const series_look back = unpack_series_look(pack_series_look(look));
+    EXPECT_EQ(back.form, look.form);
+    EXPECT_EQ(back.error_bars, look.error_bars);
+    EXPECT_EQ(back.own_colour, look.own_colour);
+    EXPECT_EQ(back.colour, look.colour);
+  }
+  graph_data graph;
+  EXPECT_EQ(look_of_series(graph, 0).form, form_lines);
+  graph.kind = form_bars;
+  graph.series_style[1] = form_points;
+  graph.series_style[2] = 15;  // of a later version
+  EXPECT_EQ(look_of_series(graph, 0).form, form_bars);
+  EXPECT_EQ(look_of_series(graph, 1).form, form_points);
+  EXPECT_EQ(look_of_series(graph, 2).form, form_bars);
+  graph.kind = form_image;  // without rows and columns
+  EXPECT_FALSE(has_image(graph));
+  EXPECT_EQ(look_of_series(graph, 0).form, form_points);
+}
+
+std::string text_of(const std::string& path) {
+  const std::vector<char> bytes = read_bytes(path);
+  return {bytes.begin(), bytes.end()};
+}
+
+TEST(graph_file, text_has_a_column_for_each_value) {
+  const temporary_directory directory;
+  const std::string path = directory.file("a.CSV");
+  graph_data graph;
+  graph.labels[label_x_axis] = "time, s";
+  graph.labels[label_legend + 2] = "say \"b\"";
+  graph.units = {"ms", "µV", "", ""};
+  graph.series[0].x = {1, 0.1f, 0x1p-70f};
+  graph.series[0].y = {4, std::nanf("")};
+  graph.series[2] = {{16777216}, {-2}, {0.5f}, {}, {}};
+  ASSERT_TRUE(write_graph_file(graph, path));
+  EXPECT_EQ(text_of(path),
+            "\"time, s (ms)\",y (µV),\"say \"\"b\"\" time, s (ms)\",\"say \"\"b\"\" y (µV)\","
+            "\"say \"\"b\"\" third\"\n"
+            "1,4,16777216,-2,0.5\n"
+            "0.100000001,,,,\n"
+            "8.47032947e-22,0,,,\n");
+  // Every value comes back from its nine digits.
+  graph = {};
+  vector_random random(7);
+  for (int i = 0; i < 500; ++i) {
+    graph.series[0].x.push_back(static_cast<float>(random.next()) * 1e-13f);
+  }
+  ASSERT_TRUE(write_graph_csv(graph, path));
+  std::istringstream lines(text_of(path));
+  std::string line;
+  std::getline(lines, line);
+  for (const float x : graph.series[0].x) {
+    std::getline(lines, line);
+    EXPECT_EQ(std::strtof(line.c_str(), nullptr), x);
+  }
+  ASSERT_TRUE(write_graph_file(graph, directory.file("csv")));
+  EXPECT_EQ(read_bytes(directory.file("csv"))[0], char(0xE9));
+}
+
+TEST(graph_file, text_of_an_image_is_its_grid) {
+  const temporary_directory directory;
+  graph_data graph;
+  put_image(graph, {2, 3, 10, 1, 0, -65}, {1, 2, 3, 4, 5});  // the last cell is missing
+  ASSERT_TRUE(has_image(graph));
+  ASSERT_TRUE(write_graph_csv(graph, directory.file("i.csv")));
+  EXPECT_EQ(text_of(directory.file("i.csv")), "y \\ x,10,11,12\n0,1,2,3\n-65,4,5,0\n");
 }
 
 TEST(graph_file, saving_tells_how_it_went) {

@@ -28,6 +28,16 @@ QString with_both_cases(const QString& filter) {
   return filter.left(match.capturedStart()).trimmed() + " (" + patterns.join(' ') + ')';
 }
 
+// The name follows the kind of file that is chosen for it, while the dialog is open: it asks
+// before it overwrites a file of the name that results.
+void follow_filter(QFileDialog* dialog, const QString& filter) {
+  static const QRegularExpression pattern(R"(\*\.(\w+))");
+  const QString suffix = pattern.match(filter).captured(1).toLower();
+  const QFileInfo name(dialog->selectedFiles().value(0));
+  dialog->setDefaultSuffix(suffix);
+  if (!name.suffix().isEmpty()) dialog->selectFile(name.completeBaseName() + '.' + suffix);
+}
+
 }  // namespace
 
 QString last_directory() {
@@ -51,6 +61,10 @@ void choose_file(workstation& w, const file_choice& choice,
   dialog->setNameFilters(filters);
   dialog->selectNameFilter(filters.value(choice.selected_filter));
   if (!choice.default_suffix.isEmpty()) dialog->setDefaultSuffix(choice.default_suffix);
+  if (choice.saving && filters.size() > 1) {
+    QObject::connect(dialog, &QFileDialog::filterSelected, dialog,
+                     [dialog](const QString& filter) { follow_filter(dialog, filter); });
+  }
   const QFileInfo offered(choice.path);
   dialog->setDirectory(choice.path.isEmpty() || !offered.absoluteDir().exists()
                            ? last_directory()
