@@ -1,15 +1,17 @@
-// draw: the voltage record as a picture, without a screen.
+// draw: the voltage record as a picture, or as a graph with axes, without a screen.
 #ifdef KESTRELVANE_WITH_DISPLAYS
 
 #include <fmt/format.h>
 
-#include <QGuiApplication>
+#include <QApplication>
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 
 #include "batch/verbs.h"
+#include "displays/graph.h"
 #include "displays/picture_file.h"
+#include "displays/voltage/voltage_graph.h"
 #include "displays/voltage/voltage_record.h"
 #include "signal/display_scale.h"
 
@@ -31,11 +33,18 @@ bool parse_size(const std::string& text, QSize& size) {
          width <= largest_side && height <= largest_side;
 }
 
+// A graph can be written as its numbers, which need no drawing.
+bool wants_numbers(const batch_options& options) {
+  return options.view == "graph" &&
+         (options.picture.ends_with(".csv") || options.picture.ends_with(".gra"));
+}
+
 bool check_draw_options(const batch_options& options, QSize& size, std::string& problem) {
   if (options.picture.empty()) {
     problem = "draw: --out is required";
-  } else if (!is_picture_path(options.picture)) {
-    problem = "--out " + options.picture + ": not a .png, .svg or .pdf";
+  } else if (!is_picture_path(options.picture) && !wants_numbers(options)) {
+    problem = "--out " + options.picture + ": not a .png, .svg or .pdf" +
+              (options.view == "graph" ? ", .csv or .gra" : "");
   } else if (!parse_size(options.size, size)) {
     problem = "--size " + options.size + ": not WxH in pixels";
   } else if (options.time_scale < 0 || options.voltage_scale < 0) {
@@ -85,18 +94,34 @@ void keep_failures(QtMsgType type, const QMessageLogContext&, const QString& tex
   if (type == QtCriticalMsg || type == QtFatalMsg) fmt::print(stderr, "{}\n", text.toStdString());
 }
 
+bool draw_view(const batch_session& batch, QSize size) {
+  const batch_options& options = batch.options;
+  session_state& session = *batch.session;
+  if (options.view == "graph") {
+    const graph_style style = options.draw_reversed ? dark_style() : paper_style();
+    return write_graph_picture(make_voltage_graph(session), style, options.picture, size);
+  }
+  return write_picture(options.picture, size,
+                       [&](QPainter& painter) { draw_voltage_display(session, painter); });
+}
+
 // Letters come from the platform's fonts, which want an application; a screen they do not.
-batch_status paint_picture(batch_session& batch, QSize size) {
+bool draw_off_screen(const batch_session& batch, QSize size) {
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   qInstallMessageHandler(keep_failures);
   int argc = 1;
   char name[] = "kestrelvane-batch";
   char* argv[] = {name, nullptr};
-  QGuiApplication application(argc, argv);
-  const bool written = write_picture(batch.options.picture, size, [&](QPainter& painter) {
-    draw_voltage_display(*batch.session, painter);
-  });
-  if (!written) return fail_batch(batch, "Failed to save file " + batch.options.picture);
+  const QApplication application(argc, argv);
+  return draw_view(batch, size);
+}
+
+batch_status write_view(batch_session& batch, QSize size) {
+  const std::string& path = batch.options.picture;
+  const bool written = wants_numbers(batch.options)
+                           ? write_graph_file(make_voltage_graph(*batch.session), path)
+                           : draw_off_screen(batch, size);
+  if (!written) return fail_batch(batch, "Failed to save file " + path);
   return batch_status::done;
 }
 
@@ -121,7 +146,7 @@ batch_status run_draw(const batch_options& options) {
   if (status == batch_status::done) {
     choose_place(session, options, size);
     choose_marks(session, options);
-    status = paint_picture(batch, size);
+    status = write_view(batch, size);
   }
   session.preferences = preferences;
   session.display = display;

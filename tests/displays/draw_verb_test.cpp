@@ -121,7 +121,31 @@ TEST(draw_verb, choices_change_the_picture) {
     EXPECT_EQ(run_process(KESTRELVANE_BATCH, arguments).status, 2) << wrong[1];
   }
   EXPECT_EQ(files.draw("c.bmp").status, 2);
+  EXPECT_EQ(files.draw("c.csv").status, 2) << "traces are no numbers";
+  EXPECT_EQ(files.draw("c.bmp", {"--view", "graph"}).status, 2);
   EXPECT_EQ(files.draw("no/such/folder.png").status, 1);
+}
+
+TEST(draw_verb, a_graph_has_axes_and_numbers) {
+  drawn_recording files;
+  for (const char* name : {"g.png", "g.svg", "g.pdf", "g.csv", "g.gra"}) {
+    const process_result result = files.draw(name, {"--view", "graph"});
+    ASSERT_EQ(result.status, 0) << name << ": " << result.err;
+    EXPECT_EQ(result.err, "") << name;
+  }
+  const QImage png(QString::fromStdString(files.folder.file("g.png")));
+  EXPECT_EQ(png.size(), QSize(640, 400));
+  ASSERT_EQ(files.draw("d.png", {"--view", "graph", "--reverse"}).status, 0);
+  const QImage dark(QString::fromStdString(files.folder.file("d.png")));
+  EXPECT_EQ(png.pixelColor(1, 1), Qt::white);
+  EXPECT_EQ(dark.pixelColor(1, 1), Qt::black);
+  const std::vector<char> bytes = read_bytes(files.folder.file("g.csv"));
+  const QList<QByteArray> lines =
+      QByteArray(bytes.data(), static_cast<qsizetype>(bytes.size())).split('\n');
+  EXPECT_EQ(lines[0].count(','), 15) << "x and y of eight channels";
+  EXPECT_TRUE(lines[0].startsWith("channel ") && lines[0].contains(" time (ms),channel "));
+  EXPECT_NEAR(lines[1].split(',')[0].toDouble(), 1000, 0.1) << "from the second second";
+  EXPECT_EQ(read_bytes(files.folder.file("g.gra"))[0], char(0xE9));
 }
 
 }  // namespace
