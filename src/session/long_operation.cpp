@@ -19,23 +19,30 @@ void count_poll(long_operation_flags& operation) {
   operation.reading_interrupted = true;
 }
 
+// What every poll does for the others.
+void give_way(session_state& session) {
+  yield_session(session);
+  std::atomic<bool>& owed = session.operation.refresh_owed;
+  if (owed.load(std::memory_order_relaxed) && owed.exchange(false)) refresh_displays(session);
+}
+
 }  // namespace
 
 bool autosort_interrupted(const session_state& session) {
   count_poll(session.operation);
-  yield_session(session);
+  give_way(session);
   return session.operation.autosort_interrupt;
 }
 
 bool detection_interrupted(const session_state& session) {
   count_poll(session.operation);
-  yield_session(session);
+  give_way(session);
   return session.operation.detection_interrupted;
 }
 
 bool reading_interrupted(const session_state& session) {
   count_poll(session.operation);
-  yield_session(session);
+  give_way(session);
   return session.operation.reading_interrupted;
 }
 

@@ -21,6 +21,8 @@ struct long_operation_flags {
   std::atomic<bool> autosort_interrupt{false};
   std::atomic<bool> filtering_interrupted{false};
   std::atomic<bool> pause_requested{false};
+  // A refresh of the displays came too soon after another; a poll makes up for it.
+  std::atomic<bool> refresh_owed{false};
   std::atomic<bool> work_save_busy{false};
   std::atomic<bool> autorecover_busy{false};
   // Value and range last posted to each meter, so that only changes are posted.
@@ -34,7 +36,7 @@ struct long_operation_flags {
 };
 
 // True when the user has asked Autosort to stop. Every poll goes through here, and lets
-// a waiting save of the session go first (session_gate.h).
+// a waiting save of the session go first (session_gate.h) and the displays follow.
 bool autosort_interrupted(const session_state& session);
 bool detection_interrupted(const session_state& session);
 // The same of a reader, which polls between blocks and then gives up: the session is empty

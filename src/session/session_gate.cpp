@@ -14,6 +14,23 @@ void take_turn(session_gate& gate, std::unique_lock<std::mutex>& lock, std::int3
   gate.depth = depth;
 }
 
+// Takes what the holder offers; the lender sleeps until it is back.
+void borrow(session_gate& gate) {
+  gate.offered = false;
+  gate.lent = true;
+  gate.lender = gate.holder;
+  gate.lender_depth = gate.depth;
+  gate.holder = std::this_thread::get_id();
+  gate.depth = 1;
+}
+
+void give_back(session_gate& gate) {
+  gate.lent = false;
+  gate.holder = gate.lender;
+  gate.depth = gate.lender_depth;
+  gate.moved.notify_all();
+}
+
 std::int32_t hand_over(session_gate& gate) {
   const std::int32_t depth = gate.depth;
   gate.depth = 0;
@@ -44,12 +61,47 @@ void leave_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (!holds_session(session) || --gate.depth > 0) return;
   std::lock_guard lock(gate.mutex);
-  hand_over(gate);
+  if (gate.lent) {
+    give_back(gate);
+  } else {
+    hand_over(gate);
+  }
+}
+
+bool try_enter_session(session_state& session) {
+  session_gate& gate = session.gate;
+  if (holds_session(session)) {
+    ++gate.depth;
+    return true;
+  }
+  std::unique_lock lock(gate.mutex);
+  if (gate.offered) {
+    borrow(gate);
+    return true;
+  }
+  if (gate.next_ticket != gate.now_serving) return false;
+  take_turn(gate, lock, 1);
+  return true;
+}
+
+bool lend_session(session_state& session, std::chrono::milliseconds bound) {
+  session_gate& gate = session.gate;
+  if (!holds_session(session)) return false;
+  std::unique_lock lock(gate.mutex);
+  gate.offered = true;
+  const auto until = std::chrono::steady_clock::now() + bound;
+  gate.moved.wait_until(lock, until, [&] { return !gate.offered && !gate.lent; });
+  const bool taken = !gate.offered;
+  gate.offered = false;
+  // Who has it is drawing, which waits for nobody.
+  gate.moved.wait(lock, [&] { return !gate.lent; });
+  return taken;
 }
 
 void yield_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (!holds_session(session)) return;
+  if (gate.lent) return;  // not the borrower's to pass on
   // Nobody has drawn a ticket behind the holder's; one drawn this moment can wait.
   if (gate.next_ticket.load(std::memory_order_relaxed) ==
       gate.now_serving.load(std::memory_order_relaxed) + 1) {
@@ -60,7 +112,7 @@ void yield_session(const session_state& session) {
 }
 
 session_pause::session_pause(const session_state& held) : session(held) {
-  if (!holds_session(session)) return;
+  if (!holds_session(session) || session.gate.lent) return;
   std::lock_guard lock(session.gate.mutex);
   depth = hand_over(session.gate);
 }

@@ -4,13 +4,16 @@
 // yields it at its polls, at pause points and while a box waits for the user. There the
 // tables are whole, so the timed recovery save, which runs on a thread of its own, takes
 // its turn without ever meeting half-written tables. The interface thread never waits
-// here: it hands operations to a worker.
+// here: it hands operations to a worker. It may try, and gets the gate where nobody holds it,
+// or where the holder lends it: the worker lends it at points where displays are refreshed,
+// and holds still until it has it back.
 //
 // Passing is in the order of arrival, so that a saver is not starved by a worker that
 // yields and comes back at once.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -28,11 +31,24 @@ struct session_gate {
   std::atomic<std::uint64_t> now_serving{0};  // whose turn it is
   std::atomic<std::thread::id> holder{};      // default: nobody
   std::int32_t depth = 0;                     // nested entries; the holder's alone
+  bool offered = false;                       // the holder would lend it
+  bool lent = false;                          // and somebody has taken it
+  std::int32_t lender_depth = 0;              // entries of the lender, put by meanwhile
+  std::thread::id lender{};
 };
 
 // Waits for the gate and holds it. The holder may enter again.
 void enter_session(const session_state& session);
 void leave_session(const session_state& session);
+
+// Holds the gate when that needs no waiting: nobody holds it or waits for it, its holder is
+// the caller or lends it. To be left as after enter_session.
+bool try_enter_session(session_state& session);
+
+// Offers the gate to whoever tries; no queue forms. Comes back when it has been taken and
+// given back, or when nobody has taken it within the bound. True when somebody had it. Does
+// nothing when the caller does not hold it. The tables must be fit to be read.
+bool lend_session(session_state& session, std::chrono::milliseconds bound);
 
 // Lets those who wait go first; does nothing when nobody waits or when the caller does
 // not hold the gate. Cheap enough for a poll. The tables must be fit to be saved.

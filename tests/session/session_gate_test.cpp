@@ -129,5 +129,97 @@ TEST(session_gate, polls_boxes_and_pauses_let_a_save_through) {
   }
 }
 
+TEST(session_gate, who_tries_gets_a_free_gate_and_never_waits) {
+  small_session session;
+  EXPECT_TRUE(try_enter_session(*session));
+  EXPECT_TRUE(try_enter_session(*session)) << "again, by its holder";
+  bool tried = true;
+  std::thread([&] { tried = try_enter_session(*session); }).join();
+  EXPECT_FALSE(tried) << "held by another";
+  std::thread saver = queue_up(*session, [] {});
+  leave_session(*session);
+  EXPECT_TRUE(holds_session(*session));
+  leave_session(*session);
+  saver.join();
+  EXPECT_EQ(session->gate.now_serving, session->gate.next_ticket);
+  EXPECT_TRUE(try_enter_session(*session)) << "all have gone";
+  leave_session(*session);
+}
+
+TEST(session_gate, a_lent_gate_comes_back_to_its_holder) {
+  small_session session;
+  EXPECT_FALSE(lend_session(*session, 1ms)) << "not the caller's";
+  enter_session(*session);
+  enter_session(*session);
+  EXPECT_FALSE(lend_session(*session, 1ms)) << "nobody wants it";
+  bool tried = true;
+  std::thread([&] { tried = try_enter_session(*session); }).join();
+  EXPECT_FALSE(tried) << "the offer is over";
+  // A save waits all the while: the loan passes it by.
+  bool saved = false;
+  std::thread saver = queue_up(*session, [&] { saved = true; });
+  session->current_channel = 1;
+  std::thread borrower([&] {
+    while (!try_enter_session(*session)) std::this_thread::yield();
+    EXPECT_TRUE(try_enter_session(*session));
+    yield_session(*session);  // not its own to pass on
+    const session_pause nor_to_leave(*session);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(session->current_channel, 1) << "the lender holds still, beyond its bound";
+    leave_session(*session);
+    EXPECT_TRUE(holds_session(*session));
+    leave_session(*session);
+  });
+  while (!lend_session(*session, 5ms)) continue;
+  session->current_channel = 2;
+  EXPECT_FALSE(saved);
+  EXPECT_TRUE(holds_session(*session));
+  borrower.join();
+  leave_session(*session);
+  EXPECT_TRUE(holds_session(*session)) << "its entries are as before";
+  leave_session(*session);
+  saver.join();
+  EXPECT_TRUE(saved);
+}
+
+// Lenders and borrowers in a hurry: nobody sees a change half made, and nobody is lost.
+TEST(session_gate, loans_and_savers_meet_without_harm) {
+  small_session session;
+  std::int32_t a = 0, b = 0;
+  std::atomic<bool> over = false;
+  std::atomic<int> torn = 0, seen = 0;
+  const auto look = [&] { torn += a != b; };
+  std::thread drawer([&] {
+    while (!over) {
+      if (!try_enter_session(*session)) continue;
+      look();
+      ++seen;
+      leave_session(*session);
+    }
+  });
+  std::thread saver([&] {
+    while (!over) {
+      const session_hold hold(*session);
+      look();
+    }
+  });
+  {
+    const session_hold hold(*session);
+    for (int i = 0; i < 3000; ++i) {
+      ++a;
+      if (i % 3 == 0) std::this_thread::yield();
+      ++b;
+      if (i % 5 == 0) lend_session(*session, 1ms);
+      yield_session(*session);
+    }
+  }
+  over = true;
+  drawer.join();
+  saver.join();
+  EXPECT_EQ(torn, 0);
+  EXPECT_GT(seen, 0);
+  EXPECT_EQ(session->gate.now_serving, session->gate.next_ticket);
+}
+
 }  // namespace
 }  // namespace kestrelvane::test
