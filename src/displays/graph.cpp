@@ -140,6 +140,8 @@ void put_frame(QCustomPlot& plot, const graph_data& graph, const graph_style& st
                const graph_view& view) {
   plot.setBackground(style.background);
   plot.axisRect()->setMinimumSize(20, 20);
+  // Room for most numbers, so that the axis stays where it is while a graph is moved.
+  plot.axisRect()->setMinimumMargins(QMargins(std::min(56, plot.viewport().width() / 6), 0, 12, 0));
   plot.axisRect()->setupFullAxesBox(false);
   for (QCPAxis* axis : {plot.xAxis2, plot.yAxis2}) {
     dress_axis(axis, style, graph_font("", small_font));
@@ -226,8 +228,12 @@ void put_legend(QCustomPlot& plot, const graph_data& graph, const graph_style& s
   if (shown && fits && n > 4) move_legend_beside(plot);
 }
 
+// Asked of the axes, whose first and last pixels are their own affair.
 drawn_graph as_drawn(const QCustomPlot& plot, const graph_view& view) {
-  return {plot.axisRect()->rect(), view, plot.xAxis->rangeReversed(), plot.yAxis->rangeReversed()};
+  const QCPAxis &x = *plot.xAxis, &y = *plot.yAxis;
+  const QPointF first(x.coordToPixel(view.x_from), y.coordToPixel(view.y_from));
+  const QPointF last(x.coordToPixel(view.x_to), y.coordToPixel(view.y_to));
+  return {QRectF(first, last).normalized(), view, x.rangeReversed(), y.rangeReversed()};
 }
 
 bool is_raster(const QPainter& painter) {
