@@ -13,7 +13,7 @@
 
 #include "workstation/commands/commands.h"
 #include "workstation/themes.h"
-#include "workstation/windows/voltage_window.h"
+#include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -56,8 +56,8 @@ void main_frame::set_busy(bool busy) {
   for (QAction* action : actions) {
     if (action->property("waits").toBool()) action->setEnabled(!busy);
   }
-  // The one dialog that stands beside its window has to wait like the menus.
-  if (w_.voltage && w_.voltage->dialog) w_.voltage->dialog->setEnabled(!busy);
+  // Dialogs that stand beside their windows have to wait like the menus.
+  enable_companions(w_, !busy);
   setAcceptDrops(!busy);
   hint_->setVisible(!busy && w_.session.recording.n_samples == 0);
 }

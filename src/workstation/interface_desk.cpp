@@ -4,7 +4,10 @@
 #include <QMessageBox>
 #include <QStringList>
 #include <QThread>
+#include <algorithm>
 #include <array>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -14,6 +17,7 @@
 #include "workstation/commands/file_choice.h"
 #include "workstation/dialogs/hdf_folder_dialog.h"
 #include "workstation/frame.h"
+#include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -31,6 +35,21 @@ struct notice_list {
   QStringList log_lines, run_log_lines;
 };
 
+using steady = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// A worker that refreshes the displays a thousand times a second is held up at the most for
+// a fifth of its time.
+constexpr auto refresh_interval = 150ms;
+constexpr int refresh_rest = 4;  // times as long as the drawing took
+// How long a worker offers the session to an interface thread that is busy.
+constexpr auto refresh_bound = 100ms;
+
+struct refresh_clock {
+  std::atomic<bool> posted{false};  // the interface thread has a refresh to come to
+  std::atomic<steady::time_point> next{steady::time_point{}};
+};
+
 // Where a worker at a pause point waits.
 struct pause_bench {
   std::mutex mutex;
@@ -46,6 +65,7 @@ struct desk_state {
   notice_list notices;
   bool flush_posted = false;
   pause_bench bench;
+  refresh_clock refreshes;
   QPointer<hdf_folder_dialog> hdf_window;  // of the walk that goes on; the interface thread's
 };
 
@@ -238,6 +258,40 @@ void wait_here(void* context) {
   post(context, [desk] { emit desk->resumed(); });
 }
 
+// Draws while the worker holds still. One that has gone on, since this thread was busy,
+// still owes its refresh.
+void draw_refresh(interface_desk* desk) {
+  const steady::time_point began = steady::now();
+  {
+    const session_turn turn(desk->shell);
+    if (turn.taken) emit desk->refresh_requested();
+    if (!turn.taken) desk->shell.session.operation.refresh_owed = true;
+  }
+  const steady::time_point ended = steady::now();
+  refresh_clock& clock = desk->state->refreshes;
+  clock.next = ended + std::max<steady::duration>(refresh_interval, refresh_rest * (ended - began));
+  clock.posted = false;
+}
+
+// One refresh at a time, and none soon after another: what comes too soon is owed until a
+// poll or the end of the operation. An interface thread that is held up elsewhere, even by
+// one who waits for this worker, costs the bound, and once only.
+void refresh_here(void* context) {
+  interface_desk* desk = desk_of(context);
+  session_state& session = desk->shell.session;
+  if (!holds_session(session)) {
+    post(context, [desk] { emit desk->refresh_requested(); });
+    return;
+  }
+  refresh_clock& clock = desk->state->refreshes;
+  if (steady::now() < clock.next.load() || clock.posted.exchange(true)) {
+    session.operation.refresh_owed = true;
+    return;
+  }
+  post(context, [desk] { draw_refresh(desk); });
+  lend_session(session, refresh_bound);
+}
+
 QString text_of(std::string_view text) {
   return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
@@ -252,7 +306,14 @@ QString interface_desk::latest(status_field field) const {
   return state->latest[static_cast<std::size_t>(field)];
 }
 
+bool interface_desk::worker_waits() const {
+  const std::lock_guard lock(state->bench.mutex);
+  return state->bench.waiting;
+}
+
 void interface_desk::resume() {
+  // Dialogs that could be used meanwhile are off before the worker moves.
+  emit resuming();
   pause_bench& bench = state->bench;
   const std::lock_guard lock(bench.mutex);
   bench.waiting = false;
@@ -288,7 +349,7 @@ void attach_desk(workstation& w) {
   ui.title = [](void* c, const std::string& text) {
     post(c, [c, title = QString::fromStdString(text)] { emit desk_of(c)->title_changed(title); });
   };
-  ui.refresh = [](void* c) { post(c, [c] { emit desk_of(c)->refresh_requested(); }); };
+  ui.refresh = refresh_here;
   ui.stage = [](void* c, const std::string& name) {
     post(c, [c, stage = QString::fromStdString(name)] { emit desk_of(c)->stage_began(stage); });
   };

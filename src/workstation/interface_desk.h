@@ -23,8 +23,9 @@ class interface_desk : public QObject {
   explicit interface_desk(workstation& of);
   ~interface_desk() override;
 
-  // Wakes a worker that waits at a pause point.
+  // Wakes a worker that waits at a pause point. Interface thread.
   void resume();
+  bool worker_waits() const;  // at a pause point
   // What a field was last set to, for a window that opened later.
   QString latest(status_field field) const;
 
@@ -39,8 +40,9 @@ class interface_desk : public QObject {
   void title_changed(const QString& text);
   void refresh_requested();
   void stage_began(const QString& name);
-  void paused();  // the worker waits at a pause point
-  void resumed();
+  void paused();    // the worker waits at a pause point
+  void resuming();  // it is about to be woken
+  void resumed();   // it has gone on
 };
 
 void attach_desk(workstation& w);

@@ -19,6 +19,7 @@
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -34,12 +35,16 @@ void lower_priority() {
 }
 
 void finish_operation(workstation& w) {
-  w.worker.thread.join();
+  if (w.worker.thread.joinable()) w.worker.thread.join();
   w.worker.running = false;
   w.frame->set_busy(false);
   if (w.messages) w.messages->set_reading(false);
   const std::function<void()> finished = std::exchange(w.worker.finished, nullptr);
-  refresh_graphs(w);
+  if (w.session.operation.refresh_owed.exchange(false)) {
+    refresh_windows(w);
+  } else {
+    refresh_graphs(w);
+  }
   if (finished) finished();
 }
 
@@ -66,6 +71,14 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
 }
 
 void join_worker(workstation& w) {
+  if (w.worker.running && w.desk != nullptr) {
+    // Nobody is left who could resume it.
+    long_operation_flags& operation = w.session.operation;
+    operation.autosort_interrupt = true;
+    operation.detection_interrupted = true;
+    operation.reading_interrupted = true;
+    w.desk->resume();
+  }
   if (w.worker.thread.joinable()) w.worker.thread.join();
 }
 
@@ -74,6 +87,20 @@ operation_dialog::operation_dialog(workstation& of, const char* object_name, con
   setObjectName(object_name);
   setWindowTitle(title);
   setAttribute(Qt::WA_DeleteOnClose);
+  connect(of.desk, &interface_desk::paused, this, [this] {
+    if (runs_ && w_.desk->worker_waits()) block_frame(false);
+  });
+  connect(of.desk, &interface_desk::resuming, this, [this] { block_frame(true); });
+}
+
+// What a window blocks is settled when it is shown.
+void operation_dialog::block_frame(bool block) {
+  if (!isVisible() || block != std::exchange(frame_is_free_, !block)) return;
+  const QPoint place = pos();
+  hide();
+  setWindowModality(block ? Qt::WindowModal : Qt::NonModal);
+  move(place);
+  show();
 }
 
 void operation_dialog::run(session_routine routine, std::function<void()> finished,

@@ -2,7 +2,7 @@
 //
 // The routine runs on the worker with the session gate held; then finished runs on the
 // interface thread. The engine's notices reach the windows through the desk. Both threads
-// meet in the flags of session/long_operation.h alone.
+// meet in the flags of session/long_operation.h and at the gate alone.
 #pragma once
 
 #include <QDialog>
@@ -33,10 +33,11 @@ enum class worker_priority { normal, below_normal };
 bool start_operation(workstation& w, session_routine routine, std::function<void()> finished,
                      worker_priority priority = worker_priority::normal);
 
-// Waits for the worker's thread; before the program ends.
+// Waits for the worker's thread, which is told to stop; before the program ends.
 void join_worker(workstation& w);
 
-// A dialog that can run operations: it stays open while one runs.
+// A dialog that can run operations: it stays open while one runs. While the worker pauses
+// it leaves the frame to the user, whose windows can be scrolled then.
 class operation_dialog : public QDialog {
   Q_OBJECT
 
@@ -62,7 +63,9 @@ class operation_dialog : public QDialog {
 
  private:
   void set_running(bool running);
+  void block_frame(bool block);
   bool runs_ = false;
+  bool frame_is_free_ = false;  // during a pause
 };
 
 // Runs a routine behind a small window with the bar of whatever it reports; the window

@@ -21,7 +21,7 @@
 #include "workstation/interface_desk.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
-#include "workstation/windows/voltage_window.h"
+#include "workstation/windows/window_table.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -35,13 +35,14 @@ void build_run_log_window(workstation& w) {
   w.run_log->setObjectName("run_log");
   w.run_log->setReadOnly(true);
   w.run_log->setMaximumBlockCount(run_log_limit);
-  QFont font("Arial");
-  font.setStyleHint(QFont::SansSerif);
-  font.setPixelSize(14);
-  w.run_log->setFont(font);
+  const window_row& row = window_row_of(graph_kind::run_log);
+  if (std::optional<QFont> font = read_window_font(w.session, row.kind)) {
+    font->setUnderline(false);  // nobody reads pages of underlined text
+    w.run_log->setFont(*font);
+  }
   QMdiSubWindow* window = w.frame->area()->addSubWindow(w.run_log);
-  window->setObjectName("run_log_window");
-  window->setWindowTitle("Kestrelvane run log");
+  window->setObjectName(row.object_name);
+  window->setWindowTitle(row.title);
   window->setWindowIcon(program_icon());
   // It is there for the whole run; closing hides it until the windows are arranged.
   window->setAttribute(Qt::WA_DeleteOnClose, false);
@@ -52,7 +53,11 @@ void build_run_log_window(workstation& w) {
 void connect_frame(workstation& w) {
   QObject::connect(w.desk, &interface_desk::title_changed, w.frame, &QWidget::setWindowTitle);
   QObject::connect(w.desk, &interface_desk::refresh_requested, w.frame,
-                   [&w] { refresh_voltage_display(w); });
+                   [&w] { refresh_windows(w); });
+  QObject::connect(w.desk, &interface_desk::paused, w.frame, [&w] {
+    if (w.desk->worker_waits()) begin_pause(w);
+  });
+  QObject::connect(w.desk, &interface_desk::resuming, w.frame, [&w] { end_pause(w); });
   QObject::connect(w.desk, &interface_desk::status_changed, w.frame,
                    [&w](status_field field, const QString& text) {
                      if (field == status_field::message) w.frame->statusBar()->showMessage(text);
@@ -66,13 +71,7 @@ void connect_frame(workstation& w) {
 
 // Sizes and places of the graph windows for the preference file.
 void keep_window_layout(workstation& w) {
-  preferences_record& p = w.session.preferences;
-  if (graph_window* voltage = w.graphs[static_cast<int>(graph_kind::voltage_record)]) {
-    p.window_origin[10] = voltage->x();
-    p.window_origin[11] = voltage->y();
-    p.voltage_window_size[0] = voltage->surface()->width();
-    p.voltage_window_size[1] = voltage->surface()->height();
-  }
+  keep_window_sizes(w);
   w.frame->save_layout();
 }
 
@@ -142,7 +141,8 @@ void leave(workstation& w) {
 }  // namespace
 
 void place_run_log(workstation& w) {
-  auto* window = w.frame->area()->findChild<QMdiSubWindow*>("run_log_window");
+  const char* name = window_row_of(graph_kind::run_log).object_name;
+  auto* window = w.frame->area()->findChild<QMdiSubWindow*>(name);
   if (window == nullptr || !window->isVisible()) return;
   const QSize area = w.frame->area()->viewport()->size();
   const int height = std::clamp(area.height() / 4, 90, 200);

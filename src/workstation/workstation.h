@@ -7,7 +7,8 @@
 // The interface thread owns all widgets and never works on the session for long: reading,
 // filtering, sorting and writing run on the worker (operation.h), which holds the session
 // gate. While it runs, menus and controls that could disturb it are disabled, and windows
-// show the picture they had.
+// show the picture they had; where it pauses or refreshes displays, they draw a new one
+// (windows/session_turn.h).
 #pragma once
 
 #include <QPointer>
@@ -30,8 +31,23 @@ class main_frame;
 class messages_dialog;
 struct voltage_state;
 
-// Graph windows that exist in this version; the row in the table of graph_windows.h.
-enum class graph_kind { voltage_record, count };
+// The windows in the frame's area; rows of the table in windows/window_table.h.
+enum class graph_kind {
+  voltage_record,
+  autocorrelation_vs_time,
+  intervals,
+  amplitude_vs_time,
+  overlap,
+  principal_components,
+  template_image,
+  correlograms,
+  spike_trains,
+  channel_analysis,
+  waveform_comparison,
+  cluster_waveforms,
+  run_log,
+  count,
+};
 
 struct workstation {
   session_state& session;
@@ -39,9 +55,11 @@ struct workstation {
   main_frame* frame = nullptr;
   QPlainTextEdit* run_log = nullptr;  // the "Kestrelvane run log" window
   QPointer<messages_dialog> messages;
-  QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];
+  QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   operation_worker worker;
+  bool paused = false;          // the worker waits at a pause point
+  bool redraw_planned = false;  // for when the session is free again, while paused
   autorecover_timer autorecover;
   bool autorecover_running = false;
   bool exit_begun = false;  // the exit path runs
@@ -73,7 +91,8 @@ void show_message(workstation& w, const QString& text, const QString& title,
 // A Yes/No question that does not wait; then gets the answer.
 void ask_then(workstation& w, const QString& text, const QString& title,
               std::function<void(bool yes)> then);
-// Redraws every graph window from the session, when no operation runs.
+// Redraws every graph window from the session, as far as it can be had, after a change of
+// what is shown of it.
 void refresh_graphs(workstation& w);
 // The run log window along the lower edge of the frame's area.
 void place_run_log(workstation& w);

@@ -1,7 +1,6 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QFileInfo>
-#include <QMdiArea>
 #include <QPainter>
 #include <QPlainTextEdit>
 #include <QPrintDialog>
@@ -125,23 +124,12 @@ void copy_selection_command(workstation& w) {
   log_message(w.session, "selection copied to clipboard");
 }
 
-void cascade_command(workstation& w) {
-  int step = 0;
-  const QList<QMdiSubWindow*> windows = w.frame->area()->subWindowList(QMdiArea::StackingOrder);
-  for (QMdiSubWindow* window : windows) {
-    if (dynamic_cast<graph_window*>(window) == nullptr) continue;
-    window->showNormal();
-    window->move(30 * step, 30 * step);
-    window->raise();
-    ++step;
-  }
-}
+void cascade_command(workstation& w) { cascade_windows(w); }
 
 void auto_arrange_command(workstation& w) {
   compute_window_layout(w);
-  place_windows(w);
   w.run_log->parentWidget()->showNormal();
-  place_run_log(w);
+  place_windows(w);
 }
 
 }  // namespace kestrelvane

@@ -23,7 +23,7 @@
 #include "workstation/frame.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
-#include "workstation/windows/voltage_window.h"
+#include "workstation/windows/window_table.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -49,15 +49,11 @@ int interval_entry_of(float minutes) {
   return 0;
 }
 
-// The windows of "Make", and where width and height of each lie.
+// The windows of "Make", in the order of their slots (window_table.h).
 constexpr const char* sized_windows[] = {"View cluster waveforms", "Compare cluster pairs",
                                          "Principal components",   "Correlograms",
                                          "View sorted waveforms",  "Voltage record"};
-constexpr int voltage_entry = 5;
-
-std::int32_t* size_of_window(preferences_record& p, int entry) {
-  return entry == voltage_entry ? p.voltage_window_size : p.window_size + 2 * entry;
-}
+static_assert(std::size(sized_windows) == slot_count);
 
 QColor colour_of(std::int32_t word) {
   return QColor(word & 0xff, (word >> 8) & 0xff, (word >> 16) & 0xff);
@@ -112,7 +108,7 @@ void load(preferences_window& p) {
     show_colour(p.colour_buttons[static_cast<qsizetype>(i)], p.colours[i]);
   }
   for (int i = 0; i < 6; ++i) {
-    const std::int32_t* size = size_of_window(record, i);
+    const std::int32_t* size = size_in(record, i);
     p.sizes[static_cast<std::size_t>(i)] = {size[0], size[1]};
   }
   show_size(p, p.window_list->currentIndex());
@@ -137,11 +133,9 @@ void store_window_size(preferences_window& p) {
   }
   for (int i = 0; i < 6; ++i) {
     const auto& size = p.sizes[static_cast<std::size_t>(i)];
-    std::copy(size.begin(), size.end(), size_of_window(record, i));
+    std::copy(size.begin(), size.end(), size_in(record, i));
   }
-  if (p.w.graphs[static_cast<int>(graph_kind::voltage_record)]) {
-    open_voltage_window(p.w, QSize(record.voltage_window_size[0], record.voltage_window_size[1]));
-  }
+  size_windows(p.w);
 }
 
 // False while a field is refused.

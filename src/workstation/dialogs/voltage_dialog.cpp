@@ -16,6 +16,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/windows/graph_windows.h"
+#include "workstation/windows/session_turn.h"
 #include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
@@ -284,8 +285,9 @@ QScrollBar* row_bar(workstation& w) {
 }  // namespace
 
 void update_voltage_dialog(workstation& w) {
-  QDialog* dialog = w.voltage ? w.voltage->dialog.data() : nullptr;
-  if (dialog == nullptr || w.worker.running) return;
+  QDialog* dialog = voltage_dialog_of(w);
+  const session_turn turn(w);
+  if (dialog == nullptr || !turn.taken) return;
   const session_state& session = w.session;
   const display_settings& d = session.display;
   show<QSpinBox>(dialog, "vd_voltage_scale_step", position_of_voltage_scale(d.vd_voltage_scale));

@@ -6,7 +6,7 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
-#include <QPlainTextEdit>
+#include <QTimer>
 #include <algorithm>
 #include <utility>
 
@@ -14,7 +14,8 @@
 #include "workstation/commands/commands.h"
 #include "workstation/frame.h"
 #include "workstation/themes.h"
-#include "workstation/windows/voltage_window.h"
+#include "workstation/windows/session_turn.h"
+#include "workstation/windows/window_table.h"
 
 namespace kestrelvane {
 
@@ -44,10 +45,62 @@ void fit_surface(graph_window& window, QSize size) {
   window.layout()->activate();
 }
 
+template <typename Routine>
+void for_each_row(Routine routine) {
+  for (int kind = 0; kind < window_count; ++kind) {
+    routine(window_row_of(static_cast<graph_kind>(kind)));
+  }
+}
+
+graph_routines routines_of(workstation& w, graph_kind kind) {
+  const window_row& row = window_row_of(kind);
+  return row.surface ? row.surface(w) : graph_routines{};
+}
+
+QSize size_of(workstation& w, const window_row& row) {
+  if (row.size_slot == no_slot) return row.size;
+  const std::int32_t* size = size_in(w.session.preferences, row.size_slot);
+  return QSize(size[0], size[1]);
+}
+
+void move_to_step(QMdiSubWindow& window, int step) { window.move(30 * step, 30 * step); }
+
+// How many open windows stand before this one in a cascade of those without a place.
+int cascade_step(const workstation& w, const window_row& row) {
+  int step = 0;
+  for_each_row([&](const window_row& other) {
+    const bool before = other.kind < row.kind && other.origin_slot == no_slot;
+    step += before && graph_of(w, other.kind) != nullptr;
+  });
+  return step + 1;
+}
+
+void place_window(workstation& w, const window_row& row) {
+  if (row.place) row.place(w);
+  graph_window* window = graph_of(w, row.kind);
+  if (window == nullptr) return;
+  if (row.placed_message) log_message(w.session, row.placed_message);
+  if (row.origin_slot == no_slot) return move_to_step(*window, cascade_step(w, row));
+  const std::int32_t* origin = origin_in(w.session.preferences, row.origin_slot);
+  const QSize area = w.frame->area()->size();
+  window->move(std::clamp(origin[0], 0, std::max(area.width() - 100, 0)),
+               std::clamp(origin[1], 0, std::max(area.height() - 60, 0)));
+}
+
+// While the worker pauses, a save may have the session for a while: windows are drawn when
+// it is through.
+void plan_redraw(workstation& w) {
+  if (!w.paused || std::exchange(w.redraw_planned, true)) return;
+  QTimer::singleShot(50, w.frame, [&w] {
+    w.redraw_planned = false;
+    refresh_windows(w);
+  });
+}
+
 }  // namespace
 
-graph_surface::graph_surface(workstation& of, graph_routines routines)
-    : w_(of), routines_(std::move(routines)) {
+graph_surface::graph_surface(workstation& of, graph_routines routines, std::optional<QFont> font)
+    : w_(of), routines_(std::move(routines)), font_(std::move(font)) {
   setObjectName("surface");
   setMouseTracking(true);
   setFocusPolicy(Qt::StrongFocus);
@@ -56,7 +109,20 @@ graph_surface::graph_surface(workstation& of, graph_routines routines)
 }
 
 void graph_surface::redraw() {
-  if (w_.worker.running) return;
+  const session_turn turn(w_);
+  if (!turn.taken) {
+    plan_redraw(w_);
+    return;
+  }
+  if (routines_.gather) routines_.gather();
+  make_picture();
+}
+
+void graph_surface::repaint_numbers() {
+  if (routines_.gather) make_picture();
+}
+
+void graph_surface::make_picture() {
   const qreal ratio = devicePixelRatioF();
   const QSize pixels = (QSizeF(size()) * ratio).toSize();
   if (pixels.isEmpty()) return;
@@ -65,6 +131,7 @@ void graph_surface::redraw() {
   picture_.setDevicePixelRatio(ratio);
   QPainter painter(&picture_);
   painter.fillRect(rect(), Qt::white);
+  if (font_) painter.setFont(*font_);
   if (routines_.draw) routines_.draw(painter, size());
   update();
 }
@@ -85,6 +152,7 @@ QImage graph_surface::selected_picture() const {
 }
 
 void graph_surface::paint_vector(QPainter& painter, QSize size) const {
+  if (font_) painter.setFont(*font_);
   if (routines_.draw) routines_.draw(painter, size);
 }
 
@@ -99,75 +167,112 @@ void graph_surface::clear_selection() {
   update();
 }
 
+bool graph_surface::in_turn(const std::function<void()>& routine) {
+  const session_turn turn(w_);
+  const bool may_run = turn.taken || routines_.gather;
+  if (may_run) routine();
+  if (routines_.gather) repaint_numbers();
+  return may_run;
+}
+
 void graph_surface::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   if (picture_.isNull()) {
     painter.fillRect(rect(), Qt::white);
     return;
   }
-  // While a worker runs, a resized window shows the earlier picture at its corner.
+  // While a worker has the session, a resized window shows the earlier picture at its corner.
   if (picture_.size() != (QSizeF(size()) * devicePixelRatioF()).toSize()) {
     painter.fillRect(rect(), Qt::white);
   }
   painter.drawImage(QPoint(0, 0), picture_);
-  if (routines_.draw_over && !w_.worker.running) routines_.draw_over(painter);
-  if (dragging_ || has_selection()) draw_selection(painter, selection_);
+  if (routines_.draw_over) {
+    const session_turn turn(w_);
+    if (turn.taken) routines_.draw_over(painter);
+  }
+  const bool drawing = drag_ == drag_kind::select || drag_ == drag_kind::enclose;
+  if (drawing || has_selection()) draw_selection(painter, selection_);
 }
 
-void graph_surface::resizeEvent(QResizeEvent*) { redraw(); }
+void graph_surface::resizeEvent(QResizeEvent*) {
+  redraw();
+  // Numbers that were gathered fit any size.
+  if (picture_.size() != (QSizeF(size()) * devicePixelRatioF()).toSize()) repaint_numbers();
+}
+
+void graph_surface::changeEvent(QEvent* event) {
+  if (event->type() == QEvent::PaletteChange) repaint_numbers();
+  QWidget::changeEvent(event);
+}
 
 void graph_surface::mousePressEvent(QMouseEvent* event) {
-  if (event->button() != Qt::LeftButton || !selecting_) return;
-  dragging_ = true;
+  if (event->button() != Qt::LeftButton) return;
+  drag_ = drag_kind::none;
+  if (selecting_) {
+    drag_ = drag_kind::select;
+    selection_ = QRect();
+  } else if (routines_.enclosed && event->modifiers().testFlag(Qt::ShiftModifier)) {
+    drag_ = drag_kind::enclose;
+    selection_ = QRect();
+  } else if (routines_.dragged) {
+    drag_ = drag_kind::move;
+  }
   drag_start_ = event->pos();
-  selection_ = QRect();
+  moved_ = false;
 }
 
 void graph_surface::mouseMoveEvent(QMouseEvent* event) {
-  if (dragging_) {
+  if (drag_ == drag_kind::move) {
+    moved_ = true;
+    in_turn([&] { routines_.dragged(std::exchange(drag_start_, event->pos()), event->pos()); });
+  } else if (drag_ != drag_kind::none) {
     selection_ = between(drag_start_, event->pos()).intersected(rect());
     update();
-  } else if (event->buttons() == Qt::NoButton && routines_.mouse_moved && !w_.worker.running) {
-    routines_.mouse_moved(event->pos());
+  } else if (event->buttons() == Qt::NoButton && routines_.mouse_moved) {
+    in_turn([&] { routines_.mouse_moved(event->pos()); });
   }
 }
 
 void graph_surface::mouseReleaseEvent(QMouseEvent* event) {
   if (event->button() != Qt::LeftButton) return;
-  if (std::exchange(dragging_, false)) {
+  const drag_kind ended = std::exchange(drag_, drag_kind::none);
+  if (ended == drag_kind::select) {
     selecting_ = false;
     setCursor(Qt::OpenHandCursor);
     update();
     if (has_selection()) emit selected();
-  } else if (routines_.clicked && !w_.worker.running) {
-    routines_.clicked(event->pos());
+  } else if (ended == drag_kind::enclose) {
+    const QRect part = std::exchange(selection_, QRect());
+    update();
+    in_turn([&] { routines_.enclosed(part); });
+  } else if (routines_.clicked && !moved_) {
+    in_turn([&] { routines_.clicked(event->pos()); });
   }
 }
 
 void graph_surface::mouseDoubleClickEvent(QMouseEvent* event) {
-  if (event->button() == Qt::LeftButton && routines_.double_clicked && !w_.worker.running) {
-    routines_.double_clicked();
-  }
+  if (event->button() != Qt::LeftButton || !routines_.double_clicked) return;
+  // Opening a dialog of the session waits for the end of an operation.
+  if (routines_.gather || !w_.worker.running) in_turn(routines_.double_clicked);
 }
 
 void graph_surface::wheelEvent(QWheelEvent* event) {
-  if (!routines_.wheel || w_.worker.running) return;
-  constexpr int notch = 120;
-  // With Alt or Shift some platforms turn the wheel sideways.
-  const QPoint turned = event->angleDelta();
-  wheel_angle_ += turned.y() != 0 ? turned.y() : turned.x();
-  const int notches = wheel_angle_ / notch;
-  wheel_angle_ -= notches * notch;
-  if (notches != 0) routines_.wheel(notches, event->position().toPoint(), event->modifiers());
-  event->accept();
+  if (!routines_.wheel) return;
+  in_turn([&] {
+    constexpr int notch = 120;
+    // With Alt or Shift some platforms turn the wheel sideways.
+    const QPoint turned = event->angleDelta();
+    wheel_angle_ += turned.y() != 0 ? turned.y() : turned.x();
+    const int notches = wheel_angle_ / notch;
+    wheel_angle_ -= notches * notch;
+    if (notches != 0) routines_.wheel(notches, event->position().toPoint(), event->modifiers());
+    event->accept();
+  });
 }
 
 void graph_surface::keyPressEvent(QKeyEvent* event) {
-  if (!routines_.key || w_.worker.running) {
-    QWidget::keyPressEvent(event);
-    return;
-  }
-  routines_.key(event->key());
+  const bool done = routines_.key && in_turn([&] { routines_.key(event->key()); });
+  if (!done) QWidget::keyPressEvent(event);
 }
 
 void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
@@ -184,11 +289,9 @@ void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
   menu->popup(event->globalPos());
 }
 
-graph_window::graph_window(workstation& of, const char* object_name, const QString& title,
-                           graph_routines routines)
-    : surface_(new graph_surface(of, std::move(routines))) {
-  setObjectName(object_name);
-  setWindowTitle(title);
+graph_window::graph_window(workstation& of, graph_kind kind)
+    : surface_(new graph_surface(of, routines_of(of, kind), read_window_font(of.session, kind))) {
+  setObjectName(window_row_of(kind).object_name);
   setWindowIcon(program_icon());
   setWidget(surface_);
   setAttribute(Qt::WA_DeleteOnClose);
@@ -209,54 +312,120 @@ graph_window* active_graph(workstation& w) {
   return nullptr;
 }
 
-graph_window* open_graph(workstation& w, graph_kind kind, const char* object_name,
-                         const QString& title, QSize size, const graph_routines& routines) {
+graph_window* graph_of(const workstation& w, graph_kind kind) {
+  return w.graphs[static_cast<int>(kind)];
+}
+
+graph_window* open_graph(workstation& w, graph_kind kind, QSize size, const QString& title) {
+  const window_row& row = window_row_of(kind);
   QPointer<graph_window>& window = w.graphs[static_cast<int>(kind)];
   if (!window) {
-    window = new graph_window(w, object_name, title, routines);
+    window = new graph_window(w, kind);
     w.frame->area()->addSubWindow(window);
-    place_windows(w);
+    place_window(w, row);
   }
+  window->setWindowTitle(title.isEmpty() ? QString(row.title) : title);
   window->showNormal();
-  fit_surface(*window, size);
+  fit_surface(*window, size.isEmpty() ? size_of(w, row) : size);
   w.frame->area()->setActiveSubWindow(window);
   window->surface()->redraw();
   return window;
 }
 
 void close_graphs(workstation& w) {
-  if (w.voltage && w.voltage->dialog) w.voltage->dialog->close();
-  for (QPointer<graph_window>& window : w.graphs) {
+  for_each_row([&w](const window_row& row) {
+    if (QDialog* dialog = row.companion ? row.companion(w) : nullptr) dialog->close();
+    QPointer<graph_window>& window = w.graphs[static_cast<int>(row.kind)];
     if (window) window->close();
     window.clear();
-  }
+  });
 }
 
 void refresh_graphs(workstation& w) {
-  if (w.worker.running) return;
-  for (const QPointer<graph_window>& window : w.graphs) {
-    if (window) window->surface()->redraw();
-  }
-  update_voltage_dialog(w);
+  const session_turn turn(w);
+  if (!turn.taken) return plan_redraw(w);
+  for_each_row([&w](const window_row& row) {
+    if (graph_window* window = graph_of(w, row.kind)) window->surface()->redraw();
+    if (row.follow) row.follow(w);
+  });
+}
+
+void refresh_windows(workstation& w) {
+  const session_turn turn(w);
+  if (!turn.taken) return plan_redraw(w);
+  for_each_row([&w](const window_row& row) {
+    if (row.forget) row.forget(w);
+  });
+  refresh_graphs(w);
+}
+
+void enable_companions(workstation& w, bool enabled) {
+  for_each_row([&](const window_row& row) {
+    if (QDialog* dialog = row.companion ? row.companion(w) : nullptr) dialog->setEnabled(enabled);
+  });
+}
+
+void begin_pause(workstation& w) {
+  w.paused = true;
+  enable_companions(w, true);
+  refresh_windows(w);
+}
+
+void end_pause(workstation& w) {
+  if (!std::exchange(w.paused, false)) return;
+  enable_companions(w, false);
 }
 
 void compute_window_layout(workstation& w) {
   // Six windows: five in steps from the left, the voltage record at the corner.
-  std::int32_t* origin = w.session.preferences.window_origin;
+  preferences_record& preferences = w.session.preferences;
   const int width = std::max(w.frame->area()->width(), 400);
-  for (int i = 0; i < 5; ++i) {
-    origin[2 * i] = std::min(40 * (i + 1), width / 2);
-    origin[2 * i + 1] = 30 * i;
+  for (int slot = 0; slot < slot_voltage_record; ++slot) {
+    std::int32_t* origin = origin_in(preferences, slot);
+    origin[0] = std::min(40 * (slot + 1), width / 2);
+    origin[1] = 30 * slot;
   }
-  origin[10] = origin[11] = 0;
+  std::int32_t* origin = origin_in(preferences, slot_voltage_record);
+  origin[0] = origin[1] = 0;
 }
 
 void place_windows(workstation& w) {
-  const std::int32_t* origin = w.session.preferences.window_origin;
-  if (graph_window* voltage = w.graphs[static_cast<int>(graph_kind::voltage_record)]) {
-    const QSize area = w.frame->area()->size();
-    voltage->move(std::clamp(origin[10], 0, std::max(area.width() - 100, 0)),
-                  std::clamp(origin[11], 0, std::max(area.height() - 60, 0)));
+  for_each_row([&w](const window_row& row) { place_window(w, row); });
+}
+
+void size_windows(workstation& w) {
+  for_each_row([&w](const window_row& row) {
+    if (row.size_slot != no_slot && graph_of(w, row.kind)) {
+      const QString title = graph_of(w, row.kind)->windowTitle();
+      open_graph(w, row.kind, {}, title);
+    }
+  });
+}
+
+void keep_window_sizes(workstation& w) {
+  preferences_record& p = w.session.preferences;
+  for_each_row([&](const window_row& row) {
+    const graph_window* window = graph_of(w, row.kind);
+    if (window == nullptr) return;
+    if (row.origin_slot != no_slot) {
+      origin_in(p, row.origin_slot)[0] = window->x();
+      origin_in(p, row.origin_slot)[1] = window->y();
+    }
+    if (row.size_slot != no_slot) {
+      size_in(p, row.size_slot)[0] = window->surface()->width();
+      size_in(p, row.size_slot)[1] = window->surface()->height();
+    }
+  });
+}
+
+void cascade_windows(workstation& w) {
+  int step = 0;
+  const QList<QMdiSubWindow*> windows = w.frame->area()->subWindowList(QMdiArea::StackingOrder);
+  for (QMdiSubWindow* window : windows) {
+    if (dynamic_cast<graph_window*>(window) == nullptr) continue;
+    window->showNormal();
+    move_to_step(*window, step++);
+    window->raise();
   }
 }
 

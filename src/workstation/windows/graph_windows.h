@@ -2,15 +2,19 @@
 //
 // A window shows a picture that a drawing routine makes from the session. The picture is
 // kept and shown again until the window is told to redraw, so that it stays as it is
-// while a worker changes what it was drawn from. Sizes are in logical pixels; the picture
-// has the pixels of the screen.
+// while a worker changes what it was drawn from. Drawing, and whatever a wheel or a key
+// does to the view, needs a turn at the session (session_turn.h). Sizes are in logical
+// pixels; the picture has the pixels of the screen.
 //
-// Created on first need and used again; closed ones forget their picture.
+// What windows there are says the table (window_table.h). Created on first need and used
+// again; closed ones forget their picture.
 #pragma once
 
+#include <QFont>
 #include <QImage>
 #include <QMdiSubWindow>
 #include <functional>
+#include <optional>
 
 #include "analysis/graph_data.h"
 #include "workstation/workstation.h"
@@ -21,11 +25,16 @@ namespace kestrelvane {
 
 // What a kind of window does; every pointer may be empty.
 struct graph_routines {
+  // Takes from the session what draw shows. With it, draw and the rest do without the
+  // session and run at any time; the picture is made anew after each.
+  std::function<void()> gather;
   std::function<void(QPainter& painter, QSize size)> draw;
   std::function<void(QPainter& painter)> draw_over;  // read-outs, over the kept picture
   std::function<void(QPoint at)> mouse_moved;        // no button held
   std::function<void(QPoint at)> clicked;            // left button up, nothing selected
   std::function<void()> double_clicked;
+  std::function<void(QPoint from, QPoint to)> dragged;  // left button held, step by step
+  std::function<void(QRect part)> enclosed;             // a rectangle, drawn with Shift held
   std::function<void(int notches, QPoint at, Qt::KeyboardModifiers keys)> wheel;
   std::function<void(int key)> key;   // page and cursor keys
   std::function<graph_data()> graph;  // what the picture shows, as numbers
@@ -36,9 +45,10 @@ class graph_surface : public QWidget {
   Q_OBJECT
 
  public:
-  graph_surface(workstation& of, graph_routines routines);
+  graph_surface(workstation& of, graph_routines routines, std::optional<QFont> font = {});
 
-  void redraw();  // makes the picture anew, when no operation runs
+  void redraw();           // makes the picture anew, when the session can be had
+  void repaint_numbers();  // the same from what was gathered last
   // The picture as shown, or the selected part of it, in pixels of the screen.
   QImage picture() const;
   QImage selected_picture() const;
@@ -64,12 +74,22 @@ class graph_surface : public QWidget {
   void wheelEvent(QWheelEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   void contextMenuEvent(QContextMenuEvent* event) override;
+  void changeEvent(QEvent* event) override;
 
  private:
+  enum class drag_kind { none, select, enclose, move };
+
+  void make_picture();
+  // Runs a routine that may use the session; false when it cannot be had.
+  bool in_turn(const std::function<void()>& routine);
+
   workstation& w_;
   graph_routines routines_;
+  std::optional<QFont> font_;  // that texts of the picture begin with
   QImage picture_;
-  bool selecting_ = false, dragging_ = false;
+  bool selecting_ = false;
+  drag_kind drag_ = drag_kind::none;
+  bool moved_ = false;  // since the button went down
   QPoint drag_start_;
   QRect selection_;
   int wheel_angle_ = 0;  // turned so far, short of a notch
@@ -79,8 +99,7 @@ class graph_window : public QMdiSubWindow {
   Q_OBJECT
 
  public:
-  graph_window(workstation& of, const char* object_name, const QString& title,
-               graph_routines routines);
+  graph_window(workstation& of, graph_kind kind);
   graph_surface* surface() const { return surface_; }
 
  signals:
@@ -95,16 +114,33 @@ class graph_window : public QMdiSubWindow {
 
 // The active graph window, or the only one; null when there is none.
 graph_window* active_graph(workstation& w);
+// The window of a kind; null when it is not open.
+graph_window* graph_of(const workstation& w, graph_kind kind);
 
-// The window of a kind at the size of its drawing area asked for: made, or resized, or
-// used as it is. It is shown, in front and redrawn.
-graph_window* open_graph(workstation& w, graph_kind kind, const char* object_name,
-                         const QString& title, QSize size, const graph_routines& routines);
+// The window of a kind at the size of its drawing area asked for, or the preferences', or
+// its row's: made, or resized, or used as it is. It is shown, in front and redrawn. The
+// title is the row's unless given.
+graph_window* open_graph(workstation& w, graph_kind kind, QSize size = {},
+                         const QString& title = {});
 void close_graphs(workstation& w);
+
+// Redraws all after the session has changed: what was kept of it between two pictures is
+// forgotten. Windows that listen for one kind of change alone hang in here.
+void refresh_windows(workstation& w);
+// Dialogs beside windows wait while the worker has the session.
+void enable_companions(workstation& w, bool enabled);
+// The worker waits at a pause point, or goes on: windows follow, draw and scroll meanwhile.
+void begin_pause(workstation& w);
+void end_pause(workstation& w);
 
 // Where windows stand when nobody has moved them, from the size of the frame's area; also
 // what "&Auto-arrange" restores.
 void compute_window_layout(workstation& w);
 void place_windows(workstation& w);
+// Sizes of open windows as the preferences have them; sizes and places into the preferences.
+void size_windows(workstation& w);
+void keep_window_sizes(workstation& w);
+// Windows one above the other, each a step to the right and down.
+void cascade_windows(workstation& w);
 
 }  // namespace kestrelvane

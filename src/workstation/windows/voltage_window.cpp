@@ -93,7 +93,9 @@ void press_key(workstation& w, int key) {
   redraw_voltage_display(w);
 }
 
-graph_routines routines_of(workstation& w) {
+}  // namespace
+
+graph_routines voltage_routines(workstation& w) {
   graph_routines routines;
   routines.draw = [&w](QPainter& painter, QSize size) { draw(w, painter, size); };
   routines.draw_over = [&w](QPainter& painter) {
@@ -112,12 +114,9 @@ graph_routines routines_of(workstation& w) {
   return routines;
 }
 
-}  // namespace
-
 void open_voltage_window(workstation& w, QSize size) {
   state_of(w);
-  open_graph(w, graph_kind::voltage_record, "voltage_window", "Event display", size,
-             routines_of(w));
+  open_graph(w, graph_kind::voltage_record, size);
 }
 
 void redraw_voltage_display(workstation& w) {
@@ -125,11 +124,14 @@ void redraw_voltage_display(workstation& w) {
   update_voltage_dialog(w);
 }
 
-void refresh_voltage_display(workstation& w) {
+void forget_voltage_display(workstation& w) {
   voltage_state& state = state_of(w);
   forget_peaks(state.peaks);
   state.shows_reading = false;
-  redraw_voltage_display(w);
+}
+
+QDialog* voltage_dialog_of(const workstation& w) {
+  return w.voltage ? w.voltage->dialog.data() : nullptr;
 }
 
 }  // namespace kestrelvane

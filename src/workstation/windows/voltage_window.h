@@ -16,6 +16,7 @@
 
 namespace kestrelvane {
 
+struct graph_routines;
 struct workstation;
 
 struct voltage_state {
@@ -30,8 +31,12 @@ struct voltage_state {
 void open_voltage_window(workstation& w, QSize size);
 // Redraws the open window and brings the dialog in step; after a move or a change of scale.
 void redraw_voltage_display(workstation& w);
-// The same after samples or events have changed.
-void refresh_voltage_display(workstation& w);
+
+// --- for the window's row in the table
+graph_routines voltage_routines(workstation& w);
+// Drops the peaks and the read-out: samples or events have changed.
+void forget_voltage_display(workstation& w);
+QDialog* voltage_dialog_of(const workstation& w);
 
 // dialogs/voltage_dialog.cpp: brings its controls in step with the view.
 void update_voltage_dialog(workstation& w);

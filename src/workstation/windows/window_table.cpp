@@ -1,0 +1,126 @@
+#include "workstation/windows/window_table.h"
+
+#include "displays/display_fonts.h"
+#include "session/run_log.h"
+#include "workstation/windows/voltage_window.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr const char* small_courier = "t'Courier'h12w8f";
+constexpr const char* large_arial = "t'Arial'h20w0";
+
+using enum graph_kind;
+
+// Titles that name clusters or channels are set by who opens the window:
+// "PC1 vs time for cluster", "PC values for clusters", "P-P Height (", " waveforms", ...
+const window_row window_rows[] = {
+    {.kind = voltage_record,
+     .object_name = "voltage_window",
+     .title = "Event display",
+     .font = nullptr,
+     .size = {790, 600},
+     .size_slot = slot_voltage_record,
+     .origin_slot = slot_voltage_record,
+     .surface = voltage_routines,
+     .forget = forget_voltage_display,
+     .companion = voltage_dialog_of,
+     .follow = update_voltage_dialog},
+    {.kind = autocorrelation_vs_time,
+     .object_name = "autocorrelation_window",
+     .title = "Autocorrelation vs time plot",
+     .font = small_courier,  // "t'Courier'h14w10f" for its headings
+     .size = {640, 420}},
+    {.kind = intervals,
+     .object_name = "isi_window",
+     .title = "ISI plot",
+     .font = small_courier,
+     .size = {510, 350}},
+    {.kind = amplitude_vs_time,
+     .object_name = "amplitude_window",
+     .title = "PC1 vs time for cluster",
+     .font = small_courier,
+     .size = {640, 350},
+     .origin_slot = slot_fifth,
+     .placed_message = "Autopositioning SAT window"},
+    {.kind = overlap,
+     .object_name = "overlap_window",
+     .title = "Overlap diagnostics for Clusters",
+     .font = large_arial,
+     .size = {510, 420}},
+    {.kind = principal_components,
+     .object_name = "components_window",
+     .title = "Principal Components display",
+     .font = large_arial,
+     .size = {350, 350},
+     .size_slot = slot_principal_components,
+     .origin_slot = slot_principal_components},
+    {.kind = template_image,
+     .object_name = "template_image_window",
+     .title = "2D template image",
+     .font = small_courier,
+     .size = {510, 420}},
+    {.kind = correlograms,
+     .object_name = "correlograms_window",
+     .title = "Auto- and cross-correlations",
+     .font = small_courier,
+     .size = {510, 250},
+     .size_slot = slot_correlograms,
+     .origin_slot = slot_correlograms},
+    {.kind = spike_trains,
+     .object_name = "spike_trains_window",
+     .title = "Spike train cross correlograms",
+     .font = small_courier,
+     .size = {640, 420}},
+    {.kind = channel_analysis,
+     .object_name = "channel_analysis_window",
+     .title = "Graph Window",
+     .font = nullptr,
+     .size = {640, 420}},
+    {.kind = waveform_comparison,
+     .object_name = "comparison_window",
+     .title = "Spike waveforms comparison",
+     .font = large_arial,
+     .size = {400, 500},
+     .size_slot = slot_waveform_comparison,
+     .origin_slot = slot_waveform_comparison},
+    {.kind = cluster_waveforms,
+     .object_name = "waveforms_window",
+     .title = "Cluster waveforms",
+     .font = "t'Courier'h20w12b",
+     .size = {400, 500},
+     .size_slot = slot_cluster_waveforms,
+     .origin_slot = slot_cluster_waveforms},
+    // Lines of text, in a window of its own make (start_up.cpp).
+    {.kind = run_log,
+     .object_name = "run_log_window",
+     .title = "Kestrelvane run log",
+     .font = "t'Arial'h14w0u",
+     .size = {},
+     .place = place_run_log},
+};
+static_assert(std::size(window_rows) == window_count);
+
+}  // namespace
+
+const window_row& window_row_of(graph_kind kind) { return window_rows[static_cast<int>(kind)]; }
+
+std::int32_t* size_in(preferences_record& p, int size_slot) {
+  return size_slot == slot_voltage_record ? p.voltage_window_size : p.window_size + 2 * size_slot;
+}
+
+std::int32_t* origin_in(preferences_record& p, int origin_slot) {
+  return p.window_origin + 2 * origin_slot;
+}
+
+std::optional<QFont> read_window_font(session_state& session, graph_kind kind) {
+  const char* name = window_row_of(kind).font;
+  if (name == nullptr) return std::nullopt;
+  font_description description;
+  if (parse_font(name, description)) return make_font(description);
+  log_message(session, "Problem loading Font string=" + std::string(name));
+  return std::nullopt;
+}
+
+}  // namespace kestrelvane
