@@ -20,7 +20,7 @@ void count_poll(long_operation_flags& operation) {
 }
 
 // What every poll does for the others.
-void give_way(session_state& session) {
+void give_way(const session_state& session) {
   yield_session(session);
   std::atomic<bool>& owed = session.operation.refresh_owed;
   if (owed.load(std::memory_order_relaxed) && owed.exchange(false)) refresh_displays(session);

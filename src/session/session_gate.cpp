@@ -68,7 +68,7 @@ void leave_session(const session_state& session) {
   }
 }
 
-bool try_enter_session(session_state& session) {
+bool try_enter_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (holds_session(session)) {
     ++gate.depth;
@@ -84,7 +84,7 @@ bool try_enter_session(session_state& session) {
   return true;
 }
 
-bool lend_session(session_state& session, std::chrono::milliseconds bound) {
+bool lend_session(const session_state& session, std::chrono::milliseconds bound) {
   session_gate& gate = session.gate;
   if (!holds_session(session)) return false;
   std::unique_lock lock(gate.mutex);

@@ -43,12 +43,12 @@ void leave_session(const session_state& session);
 
 // Holds the gate when that needs no waiting: nobody holds it or waits for it, its holder is
 // the caller or lends it. To be left as after enter_session.
-bool try_enter_session(session_state& session);
+bool try_enter_session(const session_state& session);
 
 // Offers the gate to whoever tries; no queue forms. Comes back when it has been taken and
 // given back, or when nobody has taken it within the bound. True when somebody had it. Does
 // nothing when the caller does not hold it. The tables must be fit to be read.
-bool lend_session(session_state& session, std::chrono::milliseconds bound);
+bool lend_session(const session_state& session, std::chrono::milliseconds bound);
 
 // Lets those who wait go first; does nothing when nobody waits or when the caller does
 // not hold the gate. Cheap enough for a poll. The tables must be fit to be saved.
