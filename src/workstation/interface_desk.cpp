@@ -350,6 +350,9 @@ void attach_desk(workstation& w) {
     post(c, [c, title = QString::fromStdString(text)] { emit desk_of(c)->title_changed(title); });
   };
   ui.refresh = refresh_here;
+  ui.clusters_changed = [](void* c, const cluster_change& change) {
+    post(c, [c, change] { emit desk_of(c)->clusters_changed(change); });
+  };
   ui.stage = [](void* c, const std::string& name) {
     post(c, [c, stage = QString::fromStdString(name)] { emit desk_of(c)->stage_began(stage); });
   };

@@ -9,6 +9,7 @@
 #include <QString>
 #include <memory>
 
+#include "session/cluster_change.h"
 #include "session/user_interface.h"
 
 namespace kestrelvane {
@@ -38,6 +39,8 @@ class interface_desk : public QObject {
   void log_line_added(const QString& line);
   void run_log_line_added(const QString& line);
   void title_changed(const QString& text);
+  // An edit of the clusters has ended; who keeps a cluster number follows it.
+  void clusters_changed(const kestrelvane::cluster_change& change);
   void refresh_requested();
   void stage_began(const QString& name);
   void paused();    // the worker waits at a pause point

@@ -54,6 +54,8 @@ void connect_frame(workstation& w) {
   QObject::connect(w.desk, &interface_desk::title_changed, w.frame, &QWidget::setWindowTitle);
   QObject::connect(w.desk, &interface_desk::refresh_requested, w.frame,
                    [&w] { refresh_windows(w); });
+  QObject::connect(w.desk, &interface_desk::clusters_changed, w.frame,
+                   [&w] { refresh_windows(w); });
   QObject::connect(w.desk, &interface_desk::paused, w.frame, [&w] {
     if (w.desk->worker_waits()) begin_pause(w);
   });

@@ -1,7 +1,9 @@
 // A worker that waits for the user comes back, whatever becomes of the window it waits for.
 #include "session/long_operation.h"
 #include "session/user_interface.h"
+#include "sorting/cluster_edits.h"
 #include "workstation/driven_workstation.h"
+#include "workstation/interface_desk.h"
 
 namespace kestrelvane::test {
 namespace {
@@ -27,6 +29,26 @@ TEST(Desk, AWindowThatGoesWithoutAnAnswerReleasesTheWorker) {
   EXPECT_TRUE(wait_until([&] { return !w.shell.worker.running; }));
   EXPECT_FALSE(answer);
   EXPECT_EQ(path, "unchanged");
+}
+
+TEST(Desk, ChangesOfClustersArriveInTheirOrder) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  std::vector<std::int32_t> gone;
+  QObject::connect(w.shell.desk, &interface_desk::clusters_changed, w.shell.frame,
+                   [&](const cluster_change& change) {
+                     gone.push_back(number_after(change, 1) == 0 ? change.before.front() : 0);
+                   });
+  ASSERT_TRUE(start_operation(
+      w.shell,
+      [](session_state& session) {
+        session.clusters.n_clusters = 4;
+        delete_cluster(session, 1);
+        delete_clusters(session, {3, 1});
+      },
+      nullptr));
+  EXPECT_TRUE(wait_until([&] { return !w.shell.worker.running && gone.size() == 2; }));
+  EXPECT_EQ(gone, (std::vector<std::int32_t>{1, 1}));
 }
 
 TEST(Desk, APauseThatComesAfterTheInterruptHoldsNobody) {

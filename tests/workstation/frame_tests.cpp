@@ -23,6 +23,7 @@ std::vector<std::string> labels_of(const QMenu* menu) {
   std::vector<std::string> labels;
   const QList<QAction*> actions = menu->actions();
   for (const QAction* action : actions) {
+    if (!action->isVisible()) continue;
     labels.push_back(action->isSeparator() ? "-" : action->text().toStdString());
   }
   return labels;
@@ -59,7 +60,7 @@ TEST(Frame, MenusInTheirOrder) {
               ::testing::StartsWith("This is Kestrelvane version 5.00   working with "));
 }
 
-TEST(Frame, TheFullMenuIsReachedByItsFlagAlone) {
+TEST(Frame, TheFullMenuIsReachedByItsFlag) {
   EXPECT_EQ(std::count_if(menu_table().begin(), menu_table().end(),
                           [](const menu_row& row) { return row.full; }),
             12);
@@ -78,6 +79,31 @@ TEST(Frame, TheFullMenuIsReachedByItsFlagAlone) {
               ElementsAre("&Sorted spike files", "&Import events from ptcs file",
                           "&Export event noise for covariance matrices", "&Make test waveform",
                           "E&vent amplitude distribution", "Export LFP values as .tsf file"));
+}
+
+TEST(Frame, ResearchToolsShowAtOnceAndInTheNextRun) {
+  const temporary_directory home;
+  const auto shown = [](driven_workstation& w) {
+    return w.shell.frame->findChild<QAction*>("ptcs_import")->isVisible();
+  };
+  const auto choose = [](driven_workstation& w, bool wanted) {
+    w.choose_entry("preferences");
+    QDialog* dialog = w.dialog("preferences_dialog");
+    w.tick(dialog, "research_tools", wanted);
+    w.press(dialog, "ok");
+    w.settle();
+  };
+  {
+    driven_workstation w(home.path);
+    EXPECT_FALSE(shown(w));
+    choose(w, true);
+    EXPECT_TRUE(shown(w));
+    EXPECT_TRUE(w.shell.session.log.short_menu) << "which decides of more than the menus";
+  }
+  driven_workstation again(home.path);
+  EXPECT_TRUE(shown(again));
+  choose(again, false);
+  EXPECT_FALSE(shown(again));
 }
 
 TEST(Frame, ToolBarInItsOrderWithItsTips) {

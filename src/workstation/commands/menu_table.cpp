@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QFileInfo>
 #include <QMenuBar>
+#include <QSettings>
 #include <QStatusBar>
 #include <QToolBar>
 #include <algorithm>
@@ -75,8 +76,10 @@ constexpr menu_row rows[] = {
    acquisition_properties_command},
   {"&View", "&Voltage record", "voltage_record", "Ctrl+R",
    "The traces of the recording with events and clusters", both, none, voltage_record_command},
-  {"&View", "&HP spectrum", "hp_spectrum", "", "", full, none, hp_spectrum},
-  {"&View", "&Template image", "template_image", "", "", full, none, template_image},
+  {"&View", "&HP spectrum", "hp_spectrum", "",
+   "Power of the filtered channels against frequency", full, none, hp_spectrum},
+  {"&View", "&Template image", "template_image", "",
+   "The template of the current cluster as an image of channels and time", full, none, template_image},
   {"&View", "Sorted &waveforms", "sorted_waveforms", "",
    "Waveforms of sorted clusters", both, none, sorted_waveforms},
   {"&View", "&Sorting statistics", "sorting_statistics", "Ctrl+T",
@@ -100,7 +103,8 @@ constexpr menu_row rows[] = {
    status_lists_command},
   {"&Sort", "S&trategy", "strategy", "Ctrl+Shift+T",
    "Settings of templates, clustering, splitting and merging", both, none, strategy_command},
-  {"&Sort", "Export feature matrices", "feature_export", "", "", full, none, feature_export},
+  {"&Sort", "Export feature matrices", "feature_export", "",
+   "Write the principal components of every cluster", full, none, feature_export},
 
   {"&Review", "&View, clean and split clusters", "view_clusters", "",
    "Look at one cluster and mend it", both, none, view_clusters},
@@ -116,21 +120,27 @@ constexpr menu_row rows[] = {
    "Spikes in space and time", both, none, spike_view},
   {"&Review", "&Post-processing", "post_processing", "",
    "Clean up and recover lost events", both, none, post_processing},
-  {"&Review", "&Test decisions", "test_decisions", "", "", full, none, test_decisions},
-  {"&Review", "&Manage clusters", "manage_clusters", "", "", full, none, manage_clusters},
-  {"&Review", "&ISI Height plot", "isi_height", "", "", full, none, isi_height},
-  {"&Review", "&Autocorrelation vs time plot", "acf_time", "", "", full, none, acf_time},
+  {"&Review", "&Test decisions", "test_decisions", "",
+   "Sort again and compare the decisions of Autosort", full, none, test_decisions},
+  {"&Review", "&Manage clusters", "manage_clusters", "",
+   "Figures, deletion and order of clusters", full, none, manage_clusters},
+  {"&Review", "&ISI Height plot", "isi_height", "",
+   "Height of spikes against the interval before them", full, none, isi_height},
+  {"&Review", "&Autocorrelation vs time plot", "acf_time", "",
+   "Autocorrelograms of successive stretches of the recording", full, none, acf_time},
 
   {"&Export", "&Sorted spike files", "export_spikes", "Ctrl+E",
    "Write the sorted spikes for other tools", both, none, export_command},
   {"&Export", "&Import events from ptcs file", "ptcs_import", "",
    "Replace events and clusters by the units of a file", full, none, import_ptcs_command},
-  {"&Export", "&Export event noise for covariance matrices", "event_noise", "", "", full, none,
-   event_noise},
-  {"&Export", "&Make test waveform", "test_waveform", "", "", full, none, test_waveform},
-  {"&Export", "E&vent amplitude distribution", "amplitude_distribution", "", "", full, none,
-   amplitude_distribution},
-  {"&Export", "Export LFP values as .tsf file", "lfp_export", "", "", full, none, lfp_export},
+  {"&Export", "&Export event noise for covariance matrices", "event_noise", "",
+   "Write stretches without events, for covariances", full, none, event_noise},
+  {"&Export", "&Make test waveform", "test_waveform", "",
+   "Make a waveform with known spikes", full, none, test_waveform},
+  {"&Export", "E&vent amplitude distribution", "amplitude_distribution", "",
+   "Distribution of the heights of events and of noise", full, none, amplitude_distribution},
+  {"&Export", "Export LFP values as .tsf file", "lfp_export", "",
+   "Write the local field potentials as a recording", full, none, lfp_export},
 
   {"&Windows", "&Cascade", "cascade", "",
    "Lay the graph windows over each other", both, none, cascade_command},
@@ -169,6 +179,7 @@ constexpr int group_ends[] = {40003, 40007, 40013, 40021};
 // clang-format on
 
 constexpr const char* recent_property = "recent_entry";
+constexpr const char* research_key = "research_tools";
 
 QMenu* menu_of(QMenuBar* bar, const char* label) {
   const QString name = QString(label).remove('&').toLower().replace('-', '_') + "_menu";
@@ -265,12 +276,23 @@ std::span<const int> toolbar_order() { return order; }
 void build_menus(workstation& w) {
   QMenuBar* bar = w.frame->menuBar();
   for (const menu_row& row : rows) {
-    if (row.full && w.session.log.short_menu) continue;
     add_entry(w, menu_of(bar, row.menu), row);
   }
   add_exit(w, menu_of(bar, "&File"));
+  show_full_entries(w);
   rebuild_recent_menu(w);
   build_toolbar(w);
+}
+
+bool wants_research_tools() { return QSettings().value(research_key, false).toBool(); }
+
+void keep_research_tools(bool wanted) { QSettings().setValue(research_key, wanted); }
+
+void show_full_entries(workstation& w) {
+  const bool shown = !w.session.log.short_menu || wants_research_tools();
+  for (const menu_row& row : rows) {
+    if (row.full) w.frame->findChild<QAction*>(row.name)->setVisible(shown);
+  }
 }
 
 void rebuild_recent_menu(workstation& w) {

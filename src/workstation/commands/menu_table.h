@@ -1,8 +1,8 @@
 // The menus and the tool bar, as tables of rows.
 //
 // Labels, order and tool-tips stand there and nowhere else. A row's name is the
-// objectName of its action; the tool bar refers to actions by it. Rows marked full exist
-// only when short_menu is false. No entry is ever greyed: each operation tests for what it
+// objectName of its action; the tool bar refers to actions by it. Rows marked full show
+// when short_menu is false, or when the user has asked for the research tools. No entry is ever greyed: each operation tests for what it
 // needs and says what is missing. The one exception is a running operation, during which
 // all entries wait.
 #pragma once
@@ -43,6 +43,11 @@ std::span<const int> toolbar_order();
 
 // Fills the menu bar, and the tool bar with it.
 void build_menus(workstation& w);
+// Whether the user wants the research tools in the menus, kept in the platform's store.
+bool wants_research_tools();
+void keep_research_tools(bool wanted);
+// Shows or hides the rows marked full, as short_menu and the user's wish have it.
+void show_full_entries(workstation& w);
 // The numbered entries of recent recordings.
 void rebuild_recent_menu(workstation& w);
 

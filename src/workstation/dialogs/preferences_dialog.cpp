@@ -18,6 +18,7 @@
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "workstation/commands/commands.h"
+#include "workstation/commands/menu_table.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/frame.h"
@@ -75,6 +76,7 @@ struct preferences_window {
   number_field *width = nullptr, *height = nullptr;
   QComboBox* theme = nullptr;
   QCheckBox* keep_peaks = nullptr;
+  QCheckBox* research_tools = nullptr;
   bool arrange = false;  // "Default" was pressed: windows go back to their places
   QList<QPushButton*> colour_buttons;
 
@@ -153,6 +155,8 @@ bool apply(preferences_window& p) {
   p.dialog->findChild<QCheckBox*>("log_file_enabled")->setChecked(record.log_file_enabled);
   session.view.vd_keep_peaks = p.keep_peaks->isChecked();
   QSettings().setValue("keep_peaks", p.keep_peaks->isChecked());
+  keep_research_tools(p.research_tools->isChecked());
+  show_full_entries(p.w);
   choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
   apply_theme();
   store_window_size(p);
@@ -236,6 +240,13 @@ QWidget* program_page(preferences_window& p) {
   form->addRow(logical_control(p.form, "tell_new_cluster",
                                "tell user when a new cluster is manually created",
                                "Show a box whenever a cluster is made by hand"));
+  p.research_tools = new QCheckBox("Research tools in the menus");
+  p.research_tools->setObjectName("research_tools");
+  p.research_tools->setToolTip(
+      "Show the entries that few laboratories need: spectra, distributions, exports of features "
+      "and noise, import of .ptcs files");
+  p.research_tools->setChecked(wants_research_tools());
+  form->addRow(p.research_tools);
   p.autorecover = new QComboBox;
   p.autorecover->setObjectName("autorecover_minutes");
   p.autorecover->setToolTip("How often the sort is saved, to be offered after a crash");
