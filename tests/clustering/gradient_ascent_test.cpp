@@ -93,9 +93,11 @@ TEST(gradient_ascent, thirty_points_judged) {
   EXPECT_EQ(verdict.best_stage, 6);
   EXPECT_TRUE(verdict.found);
   EXPECT_EQ(verdict.kept, (std::vector<std::int32_t>{1, 2, 3}));
-  const int rows[] = {6, 6, 5, 5, 5, 2, 2, 2, 2, 2, 2, 2, 2};
   for (int s = 1; s <= 13; ++s) {
-    EXPECT_EQ(verdict.row[s], rows[s - 1]) << s;
+    const stage_rule rule = s <= 2   ? stage_rule::two_short_lived
+                            : s <= 5 ? stage_rule::two_one_long_lived
+                                     : stage_rule::all_long_lived;
+    EXPECT_EQ(verdict.rule[s], rule) << s << ": " << stage_rule_words(verdict.rule[s]);
     const float value = s <= 2 ? 0.0f : s <= 5 ? 35.5861f : 75.5727f;
     EXPECT_NEAR(verdict.stage_value[s], value, 1e-4f) << s;
     EXPECT_EQ(verdict.stage_keep[s], s <= 2 ? 0 : s <= 5 ? 2 : 3) << s;
