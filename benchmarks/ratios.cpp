@@ -131,7 +131,7 @@ void benchmark_gradient_ascent() {
 void benchmark_pairs_and_templates() {
   small_session session;
   make_busy_recording(*session, 16, 3000000, 7);
-  session->strategy.template_shift_on = true;
+  session->lists.template_shift_on = true;
   use_threads(*session, 1);
   realign_all_clusters(*session);
   const std::int32_t n = session->clusters.n_clusters;
@@ -183,7 +183,7 @@ void benchmark_pairs_and_templates() {
         },
         [&] {
           restore();
-          for (std::int32_t c = 1; c <= n; ++c) align_events(*session, c);
+          for (std::int32_t c = 1; c <= n; ++c) align_events(*session, c, multiplicative);
         });
     report(
         fmt::format("event alignment plain / fast, {}", multiplicative ? "multiplicative" : "rms"),

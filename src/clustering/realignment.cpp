@@ -324,8 +324,7 @@ void prefetch_event(const session_state& session, const alignment_target& target
 }
 
 void align_listed_events(session_state& session, std::int32_t cluster,
-                         const std::vector<std::int32_t>& list) {
-  const bool multiplicative = session.strategy.multiplicative_matching;
+                         const std::vector<std::int32_t>& list, bool multiplicative) {
   const std::int32_t w = realign_window(session);
   if (w < 1) return;
   const alignment_target target = make_target(session, cluster, w, multiplicative);
@@ -352,8 +351,8 @@ float align_event_multiplicative(session_state& session, std::int32_t cluster, s
   return fit_event(session, make_target(session, cluster, w, true), event, true);
 }
 
-void align_events(session_state& session, std::int32_t cluster) {
-  align_listed_events(session, cluster, list_cluster_events(session, cluster));
+void align_events(session_state& session, std::int32_t cluster, bool multiplicative) {
+  align_listed_events(session, cluster, list_cluster_events(session, cluster), multiplicative);
 }
 
 // ---------------------------------------------------------------- clusters
@@ -365,7 +364,7 @@ void recalculate_cluster(session_state& session, std::int32_t cluster) {
   get_template_channels(session, cluster);
   shift_events(session, list, find_template_shift(session, cluster));
   calculate_assigned_template(session, cluster, list);
-  align_listed_events(session, cluster, list);
+  align_listed_events(session, cluster, list, session.strategy.multiplicative_matching);
   calculate_listed_template(session, cluster, list);
   get_template_channels(session, cluster);
   calculate_template_centre(session, cluster);
@@ -419,13 +418,8 @@ void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b
 
 void realign_events(session_state& session, std::int32_t cluster) {
   const std::int32_t mode = session.strategy.event_align_mode;
-  if (mode >= 9) {
-    const logical old_matching = session.strategy.multiplicative_matching;
-    session.strategy.multiplicative_matching = mode == 10;
-    align_events(session, cluster);
-    session.strategy.multiplicative_matching = old_matching;
-    return;
-  }
+  // The list names the fit itself, whatever the strategy takes for clusters.
+  if (mode >= 9) return align_events(session, cluster, mode == 10);
   const std::int32_t centre = session.templates.centre_channel(cluster);
   const std::int32_t half_window = session.templates.template_points / 2;
   for (const std::int32_t e : list_cluster_events(session, cluster)) {

@@ -22,8 +22,9 @@ void recalculate_cluster(session_state& session, std::int32_t cluster);
 void align_template(session_state& session, std::int32_t cluster);
 float template_align_shift(session_state& session, std::int32_t cluster);
 
-// Fits every event of the cluster to its template; at most 5 calls an event.
-void align_events(session_state& session, std::int32_t cluster);
+// Fits every event of the cluster to its template, by the multiplicative or the rms fit;
+// at most 5 calls an event.
+void align_events(session_state& session, std::int32_t cluster, bool multiplicative);
 
 // recalculate_cluster for every cluster, threaded or not.
 void realign_all_clusters(session_state& session);

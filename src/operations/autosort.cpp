@@ -59,9 +59,9 @@ void say_thresholds(session_state& session) {
       fmt::format("Event detection method is {}", detection_method_name(d.detection_method)));
 }
 
-// One try with the method selected; false when the run must end.
-bool run_detector(session_state& session) {
-  if (session.detection.use_lockout) {
+// One try; false when the run must end.
+bool run_detector(session_state& session, bool lockout) {
+  if (lockout) {
     detect_events_lockout(session);
     return true;
   }
@@ -80,23 +80,32 @@ void remove_unwanted_events(session_state& session) {
   keep_detected_times(session);
 }
 
-bool detect_all_events(session_state& session, clock::time_point begin) {
-  begin_stage(session, "detection");
+// Scans with the method selected and, when that fills its table, once more with the
+// lockout detector, which needs none. The setting stays as the user has it.
+bool scan_recording(session_state& session, clock::time_point begin) {
+  bool lockout = session.detection.use_lockout;
+  session.detector.repeated_with_lockout = false;
   for (;;) {
     clear_events(session.events);
     clear_detected_events(session);
     show_time(session, begin);
     say_thresholds(session);
-    if (!run_detector(session)) return false;
-    if (!session.detector.detection_incomplete || session.detection.use_lockout) break;
+    if (!run_detector(session, lockout)) return false;
+    if (!session.detector.detection_incomplete || lockout) return true;
     // An interrupted scan keeps what it found; a full table calls for the other
     // method.
-    if (autosort_interrupted(session)) break;
+    if (autosort_interrupted(session)) return true;
     say(session, "Incomplete event detection; repeating detection with STL lockout");
     tell(session, "Repeating event detection with Spatio-temporal lockout",
          "Incomplete event detection", box_icon::warning);
-    session.detection.use_lockout = true;
+    lockout = true;
+    session.detector.repeated_with_lockout = true;
   }
+}
+
+bool detect_all_events(session_state& session, clock::time_point begin) {
+  begin_stage(session, "detection");
+  if (!scan_recording(session, begin)) return false;
   set_progress(session, meter::detection, 1000, 1000);
   if (session.events.n_events == 0) {
     say(session, "Autosort terminated because no events were detected");
@@ -121,14 +130,12 @@ void make_first_clusters(session_state& session) {
   set_status(session, status_field::clusters_found, std::to_string(n));
   say(session,
       fmt::format("Events clustered based on channel assignments; {} initial clusters", n));
-  if (session.strategy.realign_after_channel_clusters) {
-    log_message(session, " Realigning all clusters ... ");
-    set_status(session, status_field::message,
-               "Realigning all clusters after channel-based clustering");
-    log_message(session, "Realigning all clusters");
-    realign_all_clusters(session);
-    log_message(session, "finished");
-  }
+  log_message(session, " Realigning all clusters ... ");
+  set_status(session, status_field::message,
+             "Realigning all clusters after channel-based clustering");
+  log_message(session, "Realigning all clusters");
+  realign_all_clusters(session);
+  log_message(session, "finished");
 }
 
 // ---------------------------------------------------------------- first pass
@@ -330,10 +337,8 @@ bool can_start(const session_state& session) {
   return true;
 }
 
-void set_run_flags(session_state& session) {
-  session.strategy.remove_duplicates_after_first_pass = true;
-  session.strategy.realign_after_channel_clusters = true;
-  session.strategy.template_shift_on = true;
+void begin_run(session_state& session) {
+  session.lists.template_shift_on = true;
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;
   session.autosort.autosort_pair_stage = false;
@@ -358,7 +363,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
   say(session,
       fmt::format("Finished first pass. Time so far ={:.2f} minutes", minutes_since(begin)));
   say(session, count_of_clusters(session.clusters.n_clusters));
-  if (session.strategy.remove_duplicates_after_first_pass) remove_first_pass_duplicates(session);
+  remove_first_pass_duplicates(session);
   remove_small_clusters(session);
   if (session.clusters.n_clusters < 2) return road::ended_well;
   if (autosort_interrupted(session)) {
@@ -377,7 +382,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
 
 bool autosort(session_state& session) {
   if (!can_start(session)) return false;
-  set_run_flags(session);
+  begin_run(session);
   const clock::time_point begin = clock::now();
   say(session, "Beginning autosort");
   set_progress(session, meter::detection, 0, 1000);

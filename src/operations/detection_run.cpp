@@ -60,6 +60,7 @@ void clean_events(session_state& session) {
 bool run_detection(session_state& session) {
   const auto begin = std::chrono::steady_clock::now();
   session.operation.detection_interrupted = false;
+  session.detector.repeated_with_lockout = false;
   report_settings(session);
   set_progress(session, meter::detection, 0, 1000);
   if (session.detection.use_lockout) {

@@ -34,6 +34,14 @@ constexpr work_file_row unread(work_file_row row) {
 std::string current_label = "Kestrelvane work file V8";
 const std::int32_t reserved_words[100] = {};
 
+// Where a run had to do otherwise than a setting says, the file tells how its events and
+// clusters were made. prepare_for_work_file forgets the run, so that what is read reaches
+// the setting.
+void* use_lockout_in_force(session_state& s) {
+  return s.detector.repeated_with_lockout ? &s.detector.repeated_with_lockout
+                                          : &s.detection.use_lockout;
+}
+
 #define AT(member) [](session_state& s) -> void* { return &s.member; }
 #define LIST(member) [](session_state& s) -> void* { return s.member.first(); }
 
@@ -76,7 +84,7 @@ constexpr work_file_row rows[] = {
   word("template_window_start_ms", AT(strategy.template_window_start_ms)),
   word("template_window_end_ms", AT(strategy.template_window_end_ms)),
   word("window_samples", AT(detection.window_samples)),
-  word("use_lockout", AT(detection.use_lockout)),
+  word("use_lockout", use_lockout_in_force),
   word("lockout_ms", AT(detection.lockout_ms)),
   word("register_to_cog", AT(detection.register_to_cog)),
   word("delete_large_events", AT(detection.delete_large_events)),
@@ -150,7 +158,7 @@ constexpr work_file_row rows[] = {
   words("kv_user_distinct", per_pair, 1, LIST(lists.kv_user_distinct)),
   words("kv_user_ambiguous", per_pair, 1, LIST(lists.kv_user_ambiguous)),
   words("kv_templates_dont_overlap", per_pair, 1, LIST(lists.kv_templates_dont_overlap), 8),
-  word("template_shift_on", AT(strategy.template_shift_on)),
+  word("template_shift_on", AT(lists.template_shift_on)),
   word("status_flag", AT(strategy.status_flag)),
   word("relocate_sd_factor", AT(review.relocate_sd_factor)),
   word("status_parameter_1", AT(strategy.status_parameter_1)),

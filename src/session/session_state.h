@@ -41,6 +41,9 @@ struct detection_state {
   table<float> auto_threshold_neg{channel_limit};
   logical detection_incomplete = false;  // the last run was cut short
   logical pe_alloc_failed = false;       // proto-event storage could not be had
+  // The last run was set to proto-events and repeated with the lockout detector, since
+  // the table of events had filled.
+  logical repeated_with_lockout = false;
   // Proto-events of the last run as the voltage record shows them, in order of time.
   std::int32_t n_proto_marks = 0;
   table<std::int32_t> proto_mark_time{event_limit};  // time index of the trigger

@@ -6,8 +6,9 @@
 // table. The initialisers here are neutral; set_default_preferences,
 // set_default_parameters and set_default_strategy give the defaults.
 //
-// Dialogs and files write these; engine routines only read them, except where a
-// comment says otherwise.
+// Dialogs and files write these; engine routines only read them. A run that has to do
+// otherwise than the settings say keeps that in its own record (detection_state,
+// autosort_state), so that what the user has set is what is saved.
 #pragma once
 
 #include <cstdint>
@@ -105,7 +106,7 @@ struct sorting_strategy_settings {
   logical force_one_cluster_per_tetrode;
   // Autosort
   logical autosort_option_2;                      // stored, no reader
-  logical remove_duplicates_after_first_pass;     // each Autosort run sets it true
+  logical remove_duplicates_after_first_pass;     // stored, no reader: every Autosort does so
   logical realign_after_channel_clusters = true;  // likewise
   logical merge_split_pairs;
   logical merge_safe_pairs;
@@ -114,8 +115,7 @@ struct sorting_strategy_settings {
   // pairs
   float overlap_threshold = 0;
   float correlation_threshold = 0;
-  float merge_safe_limit = 0;         // stored, no reader
-  logical template_shift_on = false;  // pair measures use template shifts; Autosort sets it
+  float merge_safe_limit = 0;                            // stored, no reader
   float status_parameter_1 = 0, status_parameter_2 = 0;  // stored
   float pair_parameter_1 = 0, pair_parameter_2 = 0;      // stored, no reader
   logical status_flag, session_flag;                     // carried by the work file

@@ -41,6 +41,7 @@ constexpr setting_group group_of_recording = setting_group::display;
 constexpr setting_group group_of_detection = setting_group::parameters;
 constexpr setting_group group_of_filter = setting_group::parameters;
 constexpr setting_group group_of_strategy = setting_group::strategy;
+constexpr setting_group group_of_lists = setting_group::strategy;
 constexpr setting_group group_of_review = setting_group::parameters;
 constexpr setting_group group_of_display = setting_group::display;
 constexpr setting_group group_of_preferences = setting_group::preferences;
@@ -253,7 +254,7 @@ constexpr setting_row rows[] = {
     EXTRA(strategy, remove_small_final_subclusters, 1, 0, 1, "Remove small final sub-clusters"),
     EXTRA(strategy, realign_after_channel_clusters, 1, 0, 1,
         "Realign after channel-based clustering"),
-    EXTRA(strategy, template_shift_on, 0, 0, 1, "Pair measures use template shifts"),
+    EXTRA(lists, template_shift_on, 0, 0, 1, "Pair measures use template shifts"),
     EXTRA(strategy, status_flag, 0, 0, 1, "Stored only"),
     EXTRA(strategy, session_flag, 0, 0, 1, "Stored only"),
     EXTRA(display, pc_view_range, 0, -1000000000.0, 1000000000.0,

@@ -16,6 +16,9 @@ namespace kestrelvane {
 
 struct status_lists_table {
   std::int32_t n_kv_pairs = 0;
+  // Measures read the later member of a pair at its template shift. Autosort turns it on,
+  // and it stays on, so that lists that are made or mended later agree with its lists.
+  logical template_shift_on = false;
   table<logical> kv_templates_dont_overlap;
   table<float> kv_template_correlation;     // -1..1
   table<float> kv_cluster_overlap;          // 0 apart, about 1 mixed; -1, -10 not computed

@@ -84,7 +84,7 @@ KESTRELVANE_CLONES void add_lagged_products(const float* reference, const float*
 
 pair_shift template_shift(const session_state& session, std::int32_t a, std::int32_t b,
                           std::int32_t n_a, std::int32_t n_b) {
-  if (!session.strategy.template_shift_on) return {0.0f, b};
+  if (!session.lists.template_shift_on) return {0.0f, b};
   const std::int32_t reference = n_a >= n_b ? a : b;
   const std::int32_t moved = n_a >= n_b ? b : a;
   const std::vector<std::int32_t> channels = common_channels(session, a, b);

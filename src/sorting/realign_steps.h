@@ -1,7 +1,9 @@
 // Realignment by hand: the steps that the user can take one at a time, and take back.
 //
 // Each step sets the mode that it was asked for, moves events, calculates the templates
-// that follow and brings the pair lists in step; the marks of the user stay. Steps over
+// that follow and brings the pair lists in step; the marks of the user stay. The mode is
+// the user's choice and stays one: later realignments take the mode that the user has
+// seen work, and the dialog asks before it keeps another one for templates. Steps over
 // all clusters are work for the worker; they move meter::clusters from 0 to 100 and, when
 // there are pair lists, meter::status_lists after it.
 #pragma once

@@ -107,7 +107,7 @@ TEST(fast_forms, alignment_of_events) {
       use_threads(*fast, 3);
       for (std::int32_t c = 1; c <= plain->clusters.n_clusters; ++c) {
         plain_align_events(*plain, c);
-        align_events(*fast, c);
+        align_events(*fast, c, multiplicative);
       }
       for (std::int32_t e = 1; e <= plain->events.n_events; ++e) {
         ASSERT_EQ(fast->events.event_time[e], plain->events.event_time[e]) << window_ms;
@@ -129,7 +129,7 @@ TEST(fast_forms, recalculation_is_its_five_steps) {
     for (std::int32_t c = 1; c <= steps->clusters.n_clusters; ++c) {
       calculate_template(*steps, c);
       align_template(*steps, c);
-      align_events(*steps, c);
+      align_events(*steps, c, steps->strategy.multiplicative_matching);
       calculate_template(*steps, c);
       calculate_template_centre(*steps, c);
     }

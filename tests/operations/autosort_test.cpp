@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "clustering/membership.h"
+#include "session/settings_table.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/merge_split.h"
 #include "sorting/status_lists.h"
@@ -68,7 +69,7 @@ TEST(autosort, runs_to_the_end_and_says_so) {
   EXPECT_EQ(session.user.stages,
             (std::vector<std::string>{"detection", "channel-clusters", "first-pass", "lists",
                                       "merge-and-split", "final-check"}));
-  EXPECT_TRUE(session->strategy.template_shift_on);
+  EXPECT_TRUE(session->lists.template_shift_on);
 
   // Both skips: only lists and merging, on what is there.
   session->strategy.skip_event_detection = true;
@@ -77,6 +78,32 @@ TEST(autosort, runs_to_the_end_and_says_so) {
   EXPECT_TRUE(autosort(*session));
   EXPECT_EQ(session.user.stages.front(), "lists");
   EXPECT_EQ(check_session(*session), "");
+}
+
+// Every setting in its bytes' own form, but for what belongs to the lists.
+std::vector<std::string> all_settings(session_state& session) {
+  std::vector<std::string> all;
+  for (const setting_row& row : settings_table()) {
+    if (row.address == nullptr || std::string_view{row.name} == "template_shift_on") continue;
+    for (std::int32_t i = 0; i < row.count; ++i) {
+      all.push_back(std::string{row.name} + " = " + setting_text(session, row, i));
+    }
+  }
+  return all;
+}
+
+TEST(autosort, leaves_the_settings_as_the_user_has_them) {
+  small_session session;
+  make_raw(*session);
+  session->strategy.remove_duplicates_after_first_pass = false;
+  session->strategy.realign_after_channel_clusters = false;
+  const std::vector<std::string> before = all_settings(*session);
+  EXPECT_TRUE(autosort(*session));
+  EXPECT_EQ(all_settings(*session), before);
+  small_session with_defaults;
+  make_raw(*with_defaults);
+  EXPECT_TRUE(autosort(*with_defaults));
+  EXPECT_EQ(digest(*session), digest(*with_defaults)) << "every run does what they ask for";
 }
 
 TEST(autosort, guards_and_empty_recordings) {

@@ -177,7 +177,7 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
   };
   for (const auto& [name, value] : stored) EXPECT_EQ(value, fixture_scalar(name)) << name;
   EXPECT_TRUE(d.use_lockout && s.gac_flag && s.force_one_cluster_per_tetrode && s.session_flag &&
-              s.template_shift_on && s.status_flag);
+              session->lists.template_shift_on && s.status_flag);
   EXPECT_FALSE(d.noise_static || d.register_to_cog || d.delete_large_events ||
                s.multiplicative_matching || s.gac_option || s.keep_largest_final_subcluster ||
                s.split_obvious || s.gac_subsample || s.equal_numbers_for_overlap ||
@@ -186,6 +186,17 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
   // Derived tables follow the settings.
   EXPECT_EQ(session->tables.depth, 8);
   EXPECT_EQ(session->tables.width, 5);
+}
+
+// Such a run leaves the setting alone; the file says how its events were found.
+TEST_F(work_file_test, a_run_that_fell_back_to_lockout_is_told) {
+  session->detection.use_lockout = false;
+  session->detector.repeated_with_lockout = true;
+  ASSERT_TRUE(write_work_file(*session, path));
+  EXPECT_FALSE(session->detection.use_lockout);
+  ASSERT_TRUE(read_work_file(*session, path, wrong_file));
+  EXPECT_TRUE(session->detection.use_lockout);
+  EXPECT_FALSE(session->detector.repeated_with_lockout);
 }
 
 TEST_F(work_file_test, an_empty_session_ends_after_the_filter_history) {

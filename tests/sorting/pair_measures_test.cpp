@@ -21,7 +21,7 @@ namespace {
 
 void make_aligned(session_state& session) {
   make_busy_recording(session, 4, 150000, 41);
-  session.strategy.template_shift_on = true;
+  session.lists.template_shift_on = true;
   realign_all_clusters(session);
 }
 
@@ -77,7 +77,7 @@ TEST(pair_measures, a_moved_copy_is_found_at_its_shift) {
   // The smaller one moves.
   EXPECT_EQ(template_shift(*session, 1, 8, 50, 100).n_shift, 1);
   EXPECT_NEAR(template_shift(*session, 1, 8, 50, 100).shift, -3.0f, 0.2f);
-  session->strategy.template_shift_on = false;
+  session->lists.template_shift_on = false;
   EXPECT_EQ(template_shift(*session, 1, 8, 50, 100).n_shift, 8);
   EXPECT_EQ(template_shift(*session, 1, 8, 50, 100).shift, 0.0f);
 }
