@@ -94,6 +94,8 @@ void set_progress(const session_state& session, meter which, std::int32_t value,
                   std::int32_t range);
 void set_status(const session_state& session, status_field field, const std::string& text);
 void set_frame_title(const session_state& session, const std::string& text);
+// The tables must be fit to be drawn from; they need not be fit to be saved. The caller may
+// be held up for the moment of drawing.
 void refresh_displays(const session_state& session);
 void tell_cluster_change(const session_state& session, const cluster_change& change);
 void begin_stage(const session_state& session, const std::string& name);

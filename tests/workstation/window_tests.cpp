@@ -193,13 +193,15 @@ TEST(GraphPlot, ZoomsMovesAndShowsTheWholeAgain) {
 
 TEST(GraphPlot, ZoomsWhileAWorkerHasTheSessionAndFollowsTheTheme) {
   plotted p;
-  std::atomic<bool> over = false;
+  std::atomic<bool> began = false, over = false;
   ASSERT_TRUE(start_operation(
       p.w.shell,
       [&](session_state&) {
+        began = true;
         while (!over) QThread::msleep(1);
       },
       nullptr));
+  while (!began) QThread::msleep(1);  // until then the gate is free
   const QImage before = p.surface->picture();
   turn(p.surface.get(), 2);
   const QImage zoomed = p.surface->picture();
@@ -264,12 +266,14 @@ TEST(DrawingInAPause, WindowsFollowScrollAndResize) {
 TEST(DrawingInAPause, WaitsForASaveWithoutWaiting) {
   recording_on_show v;
   driven_workstation& w = v.w;
-  std::atomic<bool> saving = false, saved = false;
+  std::atomic<bool> began = false, saving = false, saved = false;
   const QImage before = v.picture();
   ASSERT_TRUE(v.start([&](session_state& session) {
+    began = true;
     set_level(session, 500);
     pause_now(session);
   }));
+  while (!began) QThread::msleep(1);
   // As the recovery timer does, the saver takes the gate that the pause sets free.
   std::thread saver([&] {
     const session_hold hold(*w.session);
