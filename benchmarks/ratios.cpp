@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "clustering/clustering_runs.h"
 #include "clustering/gradient_ascent.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
@@ -104,7 +105,8 @@ void benchmark_gradient_ascent() {
             for (const int stage : s.stages) plain_gac_stage(*session, points, stage, *plain);
           },
           [&] {
-            for (const int stage : s.stages) gac_stage(*session, points, stage, *fast);
+            for (const int stage : s.stages)
+              gac_stage(gac_parameters_of(*session), points, stage, *fast);
           });
       bool same = true;
       for (const int stage : s.stages) {
@@ -116,7 +118,7 @@ void benchmark_gradient_ascent() {
       const auto run = [&](int threads) {
         use_threads(*session, threads);
         const auto tables = std::make_unique<gac_tables>();
-        gac_run(*session, points, *tables);
+        gac_run(gac_parameters_of(*session), points, *tables);
       };
       report(fmt::format("ladder 1 / 2 threads, {} points, {} dimensions", s.n, dimensions),
              time_side_by_side(

@@ -42,7 +42,7 @@ std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& se
 // Merges scouts that lie within h of an earlier one.
 void merge_scouts(float h, gac_scouts& scouts);
 
-// Up to this many scouts a merge acts at once and skips the scout behind the one
+// Up to this many scouts a merge acts at once and skips the scout that follows the one
 // merged; above it merges are marked and no scout is skipped.
 constexpr std::int32_t gac_immediate_merge_limit = 2000;
 

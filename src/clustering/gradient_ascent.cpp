@@ -1,24 +1,19 @@
 #include "clustering/gradient_ascent.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 
 #include "clustering/gac_scouts.h"
-#include "clustering/principal_components.h"
 #include "numerics/parallel.h"
 
 namespace kestrelvane {
 
-namespace {
-
-// 1.1^(s - 1), the bandwidth of a stage relative to the first.
 float stage_bandwidth(std::int32_t s) {
   return static_cast<float>(std::pow(static_cast<double>(1.1f), s - 1));
 }
+
+namespace {
 
 gac_columns scale_points(const gac_points& points, float g) {
   gac_columns columns;
@@ -82,30 +77,25 @@ void relabel_by_size(std::int32_t n_labels, std::vector<std::int32_t>& labels) {
   }
 }
 
-}  // namespace
-
-namespace {
-
-void run_stage(const session_state& session, const gac_points& points, std::int32_t s,
+void run_stage(const gac_parameters& parameters, const gac_points& points, std::int32_t s,
                gac_scouts& scouts, gac_tables& tables) {
-  const sorting_strategy_settings& strategy = session.strategy;
   const float g = stage_bandwidth(s);
   const gac_columns scaled = scale_points(points, g);
-  const float radius = strategy.gac_merge_radius / g;
+  const float radius = parameters.merge_radius / g;
   const float h = radius * 0.5f;
   start_scouts(scaled, scouts);
   merge_scouts(h, scouts);
 
-  const std::int32_t q = strategy.gac_subsample ? points.n / 5000 + 1 : 1;
+  const std::int32_t q = parameters.subsample ? points.n / 5000 + 1 : 1;
   const gac_columns sources = pick_sources(scaled, q);
-  const gac_step_settings settings{strategy.gac_gain, strategy.gac_stop_step / g,
-                                   strategy.gac_stall_limit, session.tables.gac_table};
+  const gac_step_settings settings{parameters.gain, parameters.stop_step / g,
+                                   parameters.stall_limit, parameters.kernel};
   std::int32_t iterations = 0, going = 0;
   do {
     going = step_scouts(sources, settings, scouts);
     merge_scouts(h, scouts);
     ++iterations;
-  } while (going > 0 && iterations < strategy.gac_max_iterations);
+  } while (going > 0 && iterations < parameters.max_iterations);
 
   label_points(scouts, tables.stage_labels[s]);
   relabel_by_size(scouts.n_scouts, tables.stage_labels[s]);
@@ -115,13 +105,13 @@ void run_stage(const session_state& session, const gac_points& points, std::int3
 
 }  // namespace
 
-void gac_stage(const session_state& session, const gac_points& points, std::int32_t s,
+void gac_stage(const gac_parameters& parameters, const gac_points& points, std::int32_t s,
                gac_tables& tables) {
   gac_scouts scouts;
-  run_stage(session, points, s, scouts, tables);
+  run_stage(parameters, points, s, scouts, tables);
 }
 
-void count_stage_sizes(const session_state& session, gac_tables& tables, std::int32_t s) {
+void count_stage_sizes(const gac_parameters& parameters, gac_tables& tables, std::int32_t s) {
   std::int32_t* sizes = tables.as_cl_sizes[s];
   std::fill(sizes, sizes + gac_label_limit + 1, 0);
   for (std::int32_t& label : tables.stage_labels[s]) {
@@ -129,7 +119,7 @@ void count_stage_sizes(const session_state& session, gac_tables& tables, std::in
     ++sizes[label];
   }
   std::int32_t leading = 0;
-  while (leading < 50 && sizes[leading + 1] >= session.strategy.min_cluster_size) ++leading;
+  while (leading < 50 && sizes[leading + 1] >= parameters.min_cluster_size) ++leading;
   tables.nc_ge_min[s] = leading;
   std::int32_t tiny = 0;
   for (std::int32_t c = 1; c <= gac_label_limit; ++c) tiny += sizes[c] >= gac_tiny_size;
@@ -140,7 +130,7 @@ namespace {
 
 // Links of stage t - 1 to stage t: each label of t continues the label of t - 1
 // that holds nearly all its points.
-void link_stage(const session_state& session, gac_tables& tables, std::int32_t t) {
+void link_stage(const gac_parameters& parameters, gac_tables& tables, std::int32_t t) {
   std::int32_t* map = tables.as_cluster_map[t - 1];
   std::fill(map, map + gac_label_limit + 1, 0);
   std::int32_t top = gac_label_limit;
@@ -159,18 +149,18 @@ void link_stage(const session_state& session, gac_tables& tables, std::int32_t t
         std::max_element(counts + 1, counts + gac_label_limit + 1) - counts);
     const auto size = static_cast<float>(tables.as_cl_sizes[t][c]);
     const float change = (static_cast<float>(counts[best]) - size) * 100.0f / size;
-    if (std::fabs(change) < session.strategy.gac_size_tolerance) map[best] = c;
+    if (std::fabs(change) < parameters.size_tolerance) map[best] = c;
   }
 }
 
 }  // namespace
 
-void link_stages(const session_state& session, gac_tables& tables, std::int32_t s) {
+void link_stages(const gac_parameters& parameters, gac_tables& tables, std::int32_t s) {
   // The first links run from stage 2 to stage 3.
-  for (std::int32_t t = 3; t <= s; ++t) link_stage(session, tables, t);
+  for (std::int32_t t = 3; t <= s; ++t) link_stage(parameters, tables, t);
 }
 
-void as_cl_scores_update(const session_state& session, gac_tables& tables, std::int32_t s) {
+void as_cl_scores_update(gac_tables& tables, std::int32_t s) {
   std::memset(tables.as_cl_scores, 0, sizeof tables.as_cl_scores);
   bool visited[gac_stage_limit + 1][gac_label_limit + 1] = {};
   for (std::int32_t t = 1; t <= s; ++t) {
@@ -189,21 +179,15 @@ void as_cl_scores_update(const session_state& session, gac_tables& tables, std::
       }
     }
   }
-  for (std::int32_t t = s + 1; t <= gac_stage_limit; ++t) {
-    for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
-      if (tables.as_cl_scores[t][c] != 0) {
-        log_message(session, fmt::format("indexing error in as_cl_scores {} {}", t, c));
-      }
-    }
-  }
 }
 
 namespace {
 
 // Some cluster of stage s is so long-lived that waiting for more stages is idle.
-bool has_obvious_cluster(const session_state& session, const gac_tables& tables, std::int32_t s) {
-  if (!session.strategy.split_obvious || tables.n_clusters_ge_tiny_size_list[s] < 2) return false;
-  const float limit = 1.5f * static_cast<float>(session.strategy.gac_threshold);
+bool has_obvious_cluster(const gac_parameters& parameters, const gac_tables& tables,
+                         std::int32_t s) {
+  if (!parameters.split_obvious || tables.n_clusters_ge_tiny_size_list[s] < 2) return false;
+  const float limit = 1.5f * static_cast<float>(parameters.threshold);
   for (std::int32_t c = 1; c <= tables.nc_ge_min[s]; ++c) {
     if (limit <= static_cast<float>(tables.as_cl_scores[s][c])) return true;
   }
@@ -211,99 +195,74 @@ bool has_obvious_cluster(const session_state& session, const gac_tables& tables,
 }
 
 // Almost all points are in long-lived clusters, or in the largest one.
-bool is_settled(const session_state& session, const gac_tables& tables, std::int32_t s) {
+bool is_settled(const gac_parameters& parameters, const gac_tables& tables, std::int32_t s) {
   std::int32_t unstable = 0;
   for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
-    if (tables.as_cl_scores[s][c] < session.strategy.gac_threshold) {
+    if (tables.as_cl_scores[s][c] < parameters.threshold) {
       unstable += tables.as_cl_sizes[s][c];
     }
   }
-  return unstable < session.strategy.min_cluster_size || tables.n - tables.as_cl_sizes[s][1] < 3;
+  return unstable < parameters.min_cluster_size || tables.n - tables.as_cl_sizes[s][1] < 3;
 }
 
-void count_long_lived(const session_state& session, gac_tables& tables) {
+void count_long_lived(const gac_parameters& parameters, gac_tables& tables) {
   for (std::int32_t s = 1; s <= tables.n_stages; ++s) {
     tables.nc_ge_threshold[s] = 0;
     for (std::int32_t c = 1; c <= tables.nc_ge_min[s]; ++c) {
-      tables.nc_ge_threshold[s] += tables.as_cl_scores[s][c] >= session.strategy.gac_threshold;
+      tables.nc_ge_threshold[s] += tables.as_cl_scores[s][c] >= parameters.threshold;
     }
   }
 }
-
-}  // namespace
-
-namespace {
 
 // Stages run ahead of the one that is judged: those beyond the stop are idle work.
 constexpr std::int32_t stages_ahead = 4;
 
 // Runs stages first..last, side by side when that pays: they depend on nothing but
 // the points.
-void run_stages(const session_state& session, const gac_points& points, std::int32_t first,
+void run_stages(const gac_parameters& parameters, const gac_points& points, std::int32_t first,
                 std::int32_t last, std::vector<gac_scouts>& scouts, gac_tables& tables) {
-  const std::int32_t n_threads = threads_now(session);
+  const std::int32_t n_threads = parameters.threads;
   if (static_cast<std::int32_t>(scouts.size()) < n_threads) scouts.resize(n_threads);
   parallel_for_dealt(n_threads, first, last, [&](std::int64_t s, std::int32_t rank) {
-    run_stage(session, points, static_cast<std::int32_t>(s), scouts[rank], tables);
+    run_stage(parameters, points, static_cast<std::int32_t>(s), scouts[rank], tables);
   });
 }
 
 // Takes a stage into the tables; sets final_stage when it meets a stop rule.
-void judge_stop(const session_state& session, std::int32_t s, gac_tables& tables) {
-  count_stage_sizes(session, tables, s);
+void judge_stop(const gac_parameters& parameters, std::int32_t s, gac_tables& tables) {
+  count_stage_sizes(parameters, tables, s);
   tables.n_stages = s;
-  if (s >= 3) link_stage(session, tables, s);
+  if (s >= 3) link_stage(parameters, tables, s);
   if (s < gac_first_judged_stage) return;
-  as_cl_scores_update(session, tables, s);
-  if (has_obvious_cluster(session, tables, s)) {
-    if (log_timing(session)) log_message(session, "Splitting obvious cluster");
+  as_cl_scores_update(tables, s);
+  if (has_obvious_cluster(parameters, tables, s)) {
     tables.obvious = true;
     tables.final_stage = s;
-  } else if (is_settled(session, tables, s)) {
+  } else if (is_settled(parameters, tables, s)) {
     tables.final_stage = s;
   }
 }
 
 }  // namespace
 
-std::int32_t gac_run(const session_state& session, const gac_points& points, gac_tables& tables) {
-  const auto begin = std::chrono::steady_clock::now();
+std::int32_t gac_run(const gac_parameters& parameters, const gac_points& points,
+                     gac_tables& tables) {
   tables.n = points.n;
   tables.final_stage = 0;
   std::vector<gac_scouts> scouts(1);
-  const std::int32_t ahead = std::min(threads_now(session), stages_ahead);
+  const std::int32_t ahead = std::min(parameters.threads, stages_ahead);
   for (std::int32_t first = 1; first <= gac_stage_limit && tables.final_stage == 0;) {
     // No rule is asked before the sixth stage.
     const std::int32_t last =
         first == 1 ? gac_first_judged_stage : std::min(first + ahead - 1, gac_stage_limit);
-    run_stages(session, points, first, last, scouts, tables);
+    run_stages(parameters, points, first, last, scouts, tables);
     for (std::int32_t s = first; s <= last && tables.final_stage == 0; ++s) {
-      judge_stop(session, s, tables);
+      judge_stop(parameters, s, tables);
     }
     first = last + 1;
   }
-  count_long_lived(session, tables);
-  if (log_timing(session)) {
-    const auto msecs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                           std::chrono::steady_clock::now() - begin)
-                           .count();
-    log_message(session, fmt::format("{} clustering time = {} msecs",
-                                     threads_now(session) > 1 ? "Threaded" : "Unthreaded", msecs));
-  }
+  count_long_lived(parameters, tables);
   return tables.final_stage;
-}
-
-std::int32_t gac_run_cluster(session_state& session, std::int32_t cluster, gac_points& points,
-                             gac_tables& tables) {
-  cluster_pc_values(session, cluster, points);
-  return gac_run(session, points, tables);
-}
-
-std::int32_t gac_run_pair(session_state& session, std::int32_t a, std::int32_t b,
-                          gac_points& points, gac_tables& tables) {
-  session.pc_scale = compute_pc_scale(session);
-  pair_pc_values(session, a, b, 0, points);
-  return gac_run(session, points, tables);
 }
 
 }  // namespace kestrelvane

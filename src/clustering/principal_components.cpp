@@ -438,7 +438,7 @@ float compute_pc_scale(const session_state& session) {
 }
 
 void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points) {
-  session.pc_scale = compute_pc_scale(session);
+  const float scale = compute_pc_scale(session);
   std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   const std::vector<aligned_event> events = read_events(session, list, false, 0.0f);
   std::vector<aligned_event> entropy_events;
@@ -448,7 +448,7 @@ void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points&
   }
   const std::vector<pc_point> chosen = select_pc_points(session, cluster, entropy_events);
   pc_rows rows;
-  fill_pc_rows(session, chosen, events, session.pc_scale, rows);
+  fill_pc_rows(session, chosen, events, scale, rows);
   std::vector<float> axes;
   find_axes(session, rows, axes);
   points.n = rows.n_rows;

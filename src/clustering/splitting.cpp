@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <cmath>
 #include <memory>
 
+#include "clustering/clustering_runs.h"
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/stage_judge.h"
@@ -210,9 +210,7 @@ sign_off_result sign_off(session_state& session, std::int32_t cluster,
     return sign_off_result::again;
   }
   session.clusters.cluster_signed_off[cluster] = true;
-  session.clusters.cluster_sigma[cluster] =
-      static_cast<float>(std::pow(static_cast<double>(1.1f), tables.final_stage - 1)) *
-      session.strategy.gac_start_sigma;
+  session.clusters.cluster_sigma[cluster] = stage_sigma_uv(session, tables.final_stage);
   recalculate_cluster(session, cluster);
   return sign_off_result::signed_off;
 }
@@ -230,10 +228,9 @@ split_outcome split_cluster(session_state& session, std::int32_t cluster) {
     log_message(session, "");
     log_message(session, fmt::format("Cluster {}, {} events, channel {}", cluster, list.size(),
                                      session.templates.centre_channel(cluster)));
-    session.strategy.split_obvious = true;
     gac_points points;
     const auto tables = std::make_unique<gac_tables>();
-    gac_run_cluster(session, cluster, points, *tables);
+    gac_run_cluster(session, automatic_gac_parameters(session), cluster, points, *tables);
     const subcluster_choice choice = choose_subcluster(session, *tables);
     if (choice.found) {
       const std::vector<std::int32_t>& labels = tables->stage_labels[choice.stage];
@@ -263,7 +260,7 @@ void autosplit_current_cluster(session_state& session) {
   if (list.empty()) return;
   gac_points points;
   const auto tables = std::make_unique<gac_tables>();
-  gac_run_cluster(session, cluster, points, *tables);
+  gac_run_cluster(session, gac_parameters_of(session), cluster, points, *tables);
   stage_verdict verdict = judge_stages(session, points, *tables);
   if (!verdict.found) {
     log_message(session, "Cannot find subclusters");
@@ -276,9 +273,7 @@ void autosplit_current_cluster(session_state& session) {
   for (std::size_t i = 0; i < list.size(); ++i) {
     session.events.event_subcluster[list[i]] = static_cast<std::int16_t>(labels[i]);
   }
-  const float sigma =
-      static_cast<float>(std::pow(static_cast<double>(1.1f), verdict.best_stage - 1)) *
-      session.strategy.gac_start_sigma;
+  const float sigma = stage_sigma_uv(session, verdict.best_stage);
   set_status(session, status_field::message, fmt::format("sigma = {}", sigma));
 }
 

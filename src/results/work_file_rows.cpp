@@ -41,6 +41,9 @@ void* use_lockout_in_force(session_state& s) {
   return s.detector.repeated_with_lockout ? &s.detector.repeated_with_lockout
                                           : &s.detection.use_lockout;
 }
+void* split_obvious_in_force(session_state& s) {
+  return s.autosort.split_obvious ? &s.autosort.split_obvious : &s.strategy.split_obvious;
+}
 
 #define AT(member) [](session_state& s) -> void* { return &s.member; }
 #define LIST(member) [](session_state& s) -> void* { return s.member.first(); }
@@ -123,7 +126,7 @@ constexpr work_file_row rows[] = {
   word("pair_parameter_2", AT(strategy.pair_parameter_2), 5),
   word("recluster_limit", AT(strategy.recluster_limit)),
   word("keep_largest_final_subcluster", AT(strategy.keep_largest_final_subcluster)),
-  word("split_obvious", AT(strategy.split_obvious)),
+  word("split_obvious", split_obvious_in_force),
   word("clean_threshold", AT(review.clean_threshold)),
   word("channel_threshold_1", AT(strategy.channel_threshold_1), 8),
   word("channel_threshold_2", AT(strategy.channel_threshold_2), 8),

@@ -40,12 +40,16 @@ void change_interpolation(session_state& session, std::int32_t depth, std::int32
   build_interp_table(session);
 }
 
-void build_gac_table(session_state& session) {
+void fill_gac_table(float* table) {
   for (std::int32_t k = 0; k <= 10000; ++k) {
     // The argument is a 32-bit float, its exponential is taken in 64 bits.
     const float argument = -static_cast<float>(k) / 500.0f;
-    session.tables.gac_table[k] = static_cast<float>(std::exp(static_cast<double>(argument)));
+    table[k] = static_cast<float>(std::exp(static_cast<double>(argument)));
   }
+  // What lies beyond the table weighs nothing.
+  table[10001] = 0.0f;
 }
+
+void build_gac_table(session_state& session) { fill_gac_table(session.tables.gac_table); }
 
 }  // namespace kestrelvane

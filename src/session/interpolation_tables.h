@@ -20,5 +20,6 @@ void change_interpolation(session_state& session, std::int32_t depth, std::int32
 
 // Fills the kernel table exp(-k/500), k = 0..10000.
 void build_gac_table(session_state& session);
+void fill_gac_table(float* table);  // the same into 10,002 entries
 
 }  // namespace kestrelvane

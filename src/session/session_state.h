@@ -55,6 +55,9 @@ struct autosort_state {
   logical next_stage_requested = true;
   logical max_clusters_reached = false;
   logical autosort_pair_stage = false;
+  // Clusters were split early where that was obvious, as every run does. A work file tells
+  // it in place of the setting, which is for splits by hand.
+  logical split_obvious = false;
   // The batch command and tests may end a run after a stage; autosort.h.
   std::int32_t stop_after = 0;
 };
@@ -93,7 +96,6 @@ struct session_state {
   detection_state detector;
   autosort_state autosort;
   interpolation_tables tables;
-  float pc_scale = 0.0f;  // bits -> distance units of clustering
 
   std::int32_t current_channel = 1;  // selected in all dialogs
 

@@ -102,7 +102,7 @@ struct sorting_strategy_settings {
   std::int32_t recluster_limit = 0;  // events
   logical remove_small_final_subclusters = true;
   logical keep_largest_final_subcluster;
-  logical split_obvious;  // also written by the clustering runs
+  logical split_obvious;  // in splits by hand; Autosort always does so
   logical force_one_cluster_per_tetrode;
   // Autosort
   logical autosort_option_2;                      // stored, no reader

@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "clustering/clustering_runs.h"
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "session/pair_index.h"
@@ -247,8 +248,7 @@ bool merge_or_split_pair(session_state& session, std::int64_t k) {
   log_message(session, fmt::format("Merging & splitting clusters {} & {}", a, b));
   gac_points points;
   const auto tables = std::make_unique<gac_tables>();
-  session.strategy.split_obvious = true;
-  gac_run_pair(session, a, b, points, *tables);
+  gac_run_pair(session, automatic_gac_parameters(session), a, b, points, *tables);
   const stage_verdict verdict = judge_stages(session, points, *tables);
   if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) return false;
   if (verdict.best_stage != 0) fold_unlisted(session, points, *tables, verdict);
@@ -369,8 +369,7 @@ check_result check_cluster(session_state& session, std::int32_t c) {
   log_message(session, fmt::format("Checking cluster {}", c));
   gac_points points;
   const auto tables = std::make_unique<gac_tables>();
-  session.strategy.split_obvious = true;
-  gac_run_cluster(session, c, points, *tables);
+  gac_run_cluster(session, automatic_gac_parameters(session), c, points, *tables);
   const stage_verdict verdict = judge_stages(session, points, *tables);
   if (verdict.kept.size() < 2) {
     log_message(session, "Cannot find subclusters");

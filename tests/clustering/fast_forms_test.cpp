@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "clustering/clustering_runs.h"
 #include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
@@ -27,7 +28,7 @@ TEST(fast_forms, gradient_ascent_stages) {
       const auto plain = std::make_unique<gac_tables>();
       plain_gac_stage(*session, points, s, *plain);
       const auto fast = std::make_unique<gac_tables>();
-      gac_stage(*session, points, s, *fast);
+      gac_stage(gac_parameters_of(*session), points, s, *fast);
       EXPECT_EQ(fast->stage_labels[s], plain->stage_labels[s]) << n << " " << dimensions;
       EXPECT_EQ(fast->scouts_left[s], plain->scouts_left[s]);
       EXPECT_EQ(fast->iterations[s], plain->iterations[s]);
@@ -41,12 +42,12 @@ TEST(fast_forms, the_ladder_at_any_thread_count) {
     const gac_points points = make_clouds(n, 2, 3 + n);
     const auto serial = std::make_unique<gac_tables>();
     use_threads(*session, 1);
-    gac_run(*session, points, *serial);
+    gac_run(gac_parameters_of(*session), points, *serial);
     ASSERT_GT(serial->final_stage, 5);
     for (const int threads : {2, 3, 7}) {
       use_threads(*session, threads);
       const auto threaded = std::make_unique<gac_tables>();
-      EXPECT_EQ(gac_run(*session, points, *threaded), serial->final_stage);
+      EXPECT_EQ(gac_run(gac_parameters_of(*session), points, *threaded), serial->final_stage);
       EXPECT_EQ(threaded->obvious, serial->obvious);
       for (int s = 1; s <= serial->final_stage; ++s) {
         EXPECT_EQ(threaded->stage_labels[s], serial->stage_labels[s]);
@@ -67,7 +68,7 @@ TEST(fast_forms, gain_and_stall_settings_are_followed) {
   session->strategy.gac_merge_radius = 0.4f;
   const auto plain = std::make_unique<gac_tables>(), fast = std::make_unique<gac_tables>();
   plain_gac_stage(*session, points, 2, *plain);
-  gac_stage(*session, points, 2, *fast);
+  gac_stage(gac_parameters_of(*session), points, 2, *fast);
   EXPECT_EQ(fast->stage_labels[2], plain->stage_labels[2]);
   EXPECT_EQ(fast->iterations[2], plain->iterations[2]);
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "clustering/clustering_runs.h"
 #include "clustering/splitting.h"
 #include "clustering/stage_judge.h"
 #include "support/small_session.h"
@@ -59,7 +60,7 @@ TEST(gradient_ascent, thirty_points_stage_by_stage) {
     session->strategy.min_cluster_size = 5;
     session->strategy.split_obvious = obvious;
     const auto tables = std::make_unique<gac_tables>();
-    ASSERT_EQ(gac_run(*session, fixed_points(), *tables), 13);
+    ASSERT_EQ(gac_run(gac_parameters_of(*session), fixed_points(), *tables), 13);
     EXPECT_FALSE(tables->obvious);
     for (int s = 1; s <= 13; ++s) {
       const known_stage& known = known_stages()[s - 1];
@@ -87,7 +88,7 @@ TEST(gradient_ascent, thirty_points_judged) {
   session->strategy.min_cluster_size = 5;
   const gac_points points = fixed_points();
   const auto tables = std::make_unique<gac_tables>();
-  gac_run(*session, points, *tables);
+  gac_run(gac_parameters_of(*session), points, *tables);
   const stage_verdict verdict = judge_stages(*session, points, *tables);
   EXPECT_EQ(verdict.n_keep, 3);
   EXPECT_EQ(verdict.best_stage, 6);
@@ -112,7 +113,7 @@ TEST(gradient_ascent, degenerate_clouds_end_at_stage_6) {
     points.dimensions = 3;
     points.values.assign(3 * n, 1.5f);
     const auto tables = std::make_unique<gac_tables>();
-    EXPECT_EQ(gac_run(*session, points, *tables), 6);
+    EXPECT_EQ(gac_run(gac_parameters_of(*session), points, *tables), 6);
     EXPECT_EQ(tables->as_cl_sizes[6][1], n);
   }
 }

@@ -95,6 +95,7 @@ std::vector<std::string> all_settings(session_state& session) {
 TEST(autosort, leaves_the_settings_as_the_user_has_them) {
   small_session session;
   make_raw(*session);
+  session->strategy.split_obvious = false;
   session->strategy.remove_duplicates_after_first_pass = false;
   session->strategy.realign_after_channel_clusters = false;
   const std::vector<std::string> before = all_settings(*session);

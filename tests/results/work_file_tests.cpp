@@ -188,15 +188,19 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
   EXPECT_EQ(session->tables.width, 5);
 }
 
-// Such a run leaves the setting alone; the file says how its events were found.
-TEST_F(work_file_test, a_run_that_fell_back_to_lockout_is_told) {
+// A run leaves the settings alone; the file says how its events and clusters were made.
+TEST_F(work_file_test, what_a_run_did_otherwise_is_told) {
   session->detection.use_lockout = false;
   session->detector.repeated_with_lockout = true;
+  session->strategy.split_obvious = false;
+  session->autosort.split_obvious = true;
   ASSERT_TRUE(write_work_file(*session, path));
   EXPECT_FALSE(session->detection.use_lockout);
   ASSERT_TRUE(read_work_file(*session, path, wrong_file));
   EXPECT_TRUE(session->detection.use_lockout);
   EXPECT_FALSE(session->detector.repeated_with_lockout);
+  EXPECT_TRUE(session->strategy.split_obvious);
+  EXPECT_FALSE(session->autosort.split_obvious);
 }
 
 TEST_F(work_file_test, an_empty_session_ends_after_the_filter_history) {
