@@ -83,8 +83,7 @@ void benchmark_format(const char* name, std::int32_t code, const std::string& re
           [&] {
             reset_session(*session);
             session->recording.file_type = code;
-            session->recording.open_path = read_path;
-            good = read(*session, read_path) && good;
+            good = read(*session, {read_path, code}) && good;
           });
       report(fmt::format("plain read / {}, {}, {} thr.", name, name_of(form), threads), times,
              good);

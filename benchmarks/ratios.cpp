@@ -50,7 +50,7 @@ void benchmark_reading(const std::string& path) {
   for (const int threads : {1, 2}) {
     use_threads(*session, threads);
     const best_times times = time_side_by_side(5, plain_read, [&] {
-      read_tsf(*session, path);
+      read_tsf(*session, {path});
       session->recording.n_samples = 0;
     });
     report(fmt::format("plain read / read_tsf, {} thread(s)", threads), times, true);

@@ -82,11 +82,9 @@ batch_status start_console(batch_session& batch) {
   console.terminal = standard_error_is_terminal();
   console.answer_yes = batch.options.answer == "yes";
   console.chosen_path = batch.options.config;
-  batch.session->named_config = batch.options.config;
   console.hdf_path = batch.options.hdf_path;
   console.hdf_rate = batch.options.rate;
   console.hdf_scale = batch.options.scale;
-  batch.session->named_stream = batch.options.stream;
   console.on_stage = [&batch](const std::string& name) {
     begin_timed_stage(batch.report.clock, *batch.session, name);
   };
@@ -175,12 +173,14 @@ batch_status open_recording_for_batch(batch_session& batch) {
   batch.console.show_log = true;
   if (!settle_hdf_path(batch)) return batch_status::failed;
   // No dialog has a say here: the extension counts in any case of letters.
-  const std::string& path = batch.options.recording;
-  const bool opened = prepare_open_recording(session, path, classify_extension(path, true)) &&
-                      open_recording_worker(session);
+  const batch_options& options = batch.options;
+  const std::optional<recording_request> request = prepare_open_recording(
+      session, {options.recording, classify_extension(options.recording, true), options.config,
+                options.stream});
+  const bool opened = request && open_recording_worker(session, *request);
   batch.console.show_log = false;
   end_timed_stage(batch.report.clock, session);
-  if (!opened) return fail_batch(batch, "Aborting read of " + batch.options.recording);
+  if (!opened) return fail_batch(batch, "Aborting read of " + options.recording);
   // Refused now, not after the sort that the export was to follow.
   for (const planned_export& planned : batch.exports) {
     if (!export_is_possible(session, *planned.format)) return batch_status::failed;

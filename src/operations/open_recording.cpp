@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "files/input_file.h"
-#include "operations/recovery.h"
 #include "recording/channel_masks.h"
 #include "recording/electrode_config.h"
 #include "recording/formats/open_ephys.h"
@@ -27,6 +27,7 @@ namespace kestrelvane {
 namespace {
 
 constexpr std::int32_t bar_range = 115;
+constexpr const char* open_title = "Open a recording file";
 
 // Says why a path cannot be opened; true when it can.
 bool check_readable(const session_state& session, const std::string& path) {
@@ -58,25 +59,25 @@ void remember_recent(const session_state& session, const std::string& path) {
   write_recent_files(session, recent);
 }
 
-void report_unknown_type(session_state& session, std::int32_t earlier_type) {
-  session.recording.file_type = earlier_type;
-  tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+void report_unknown_type(const session_state& session) {
+  tell(session, "Unrecognised file type", open_title, box_icon::information);
 }
 
 // Channels of an .mcd file are named by their place, so a configuration that happens to
 // lie beside it may not be meant; one that the user has named is.
-bool declines_configuration(const session_state& session, const recording_format& format) {
-  return format.code == file_type_mcd && session.named_config.empty() &&
-         !config_file_beside(session.recording.open_path).empty() &&
+bool declines_configuration(const session_state& session, const recording_request& request) {
+  return request.format == file_type_mcd && request.configuration.empty() &&
+         !config_file_beside(request.path).empty() &&
          !ask(session, "An electrode configuration file exists for this recording, use it?",
               "Electrode channels");
 }
 
 // The electrode configuration of a format that wants one; false when the user would
 // rather not go on without.
-bool find_configuration(session_state& session, const recording_format& format) {
-  if (format.configuration == config_use::none || declines_configuration(session, format) ||
-      load_configuration(session)) {
+bool find_configuration(session_state& session, const recording_request& request,
+                        const recording_format& format) {
+  if (format.configuration == config_use::none || declines_configuration(session, request) ||
+      load_configuration(session, request)) {
     return true;
   }
   return format.configuration == config_use::wanted ||
@@ -90,28 +91,31 @@ bool stopped_by_user(const session_state& session) {
   return true;
 }
 
-// The format's own part: reset, banner, configuration, reader, and its words on failure.
-bool read_format(session_state& session) {
-  const recording_format* format = find_recording_format(session.recording.file_type);
-  // The path outlives the reset; a copy, since readers may change open_path.
-  const std::string path = session.recording.open_path;
-  reset_session(session);
+// True when the format of the request is one that can be read; says so otherwise.
+bool has_reader(const session_state& session, const recording_format* format) {
+  if (format != nullptr && format->read != nullptr) return true;
   if (format == nullptr) {
-    tell(session, "Unrecognised file type", "Open a recording file", box_icon::information);
+    report_unknown_type(session);
     return false;
   }
-  if (format->read == nullptr) {
-    const std::string extensions = format->extensions;
-    const std::string title = format->failure_title;
-    tell(session,
-         fmt::format("Sorry, {} format support is not fully implemented yet",
-                     extensions.substr(0, extensions.find(' '))),
-         title.empty() ? "Open a recording file" : title, box_icon::information);
-    return false;
-  }
+  const std::string extensions = format->extensions;
+  const std::string title = format->failure_title;
+  tell(session,
+       fmt::format("Sorry, {} format support is not fully implemented yet",
+                   extensions.substr(0, extensions.find(' '))),
+       title.empty() ? open_title : title, box_icon::information);
+  return false;
+}
+
+// The format's own part: reset, banner, configuration, reader, and its words on failure.
+bool read_format(session_state& session, const recording_request& request) {
+  const recording_format* format = find_recording_format(request.format);
+  reset_session(session);
+  if (!has_reader(session, format)) return false;
+  session.recording.file_type = request.format;
   if (format->banner[0] != '\0') log_message(session, format->banner);
-  if (!find_configuration(session, *format)) return false;
-  const bool good = format->read(session, path);
+  if (!find_configuration(session, request, *format)) return false;
+  const bool good = format->read(session, request);
   // Whoever stopped it knows why there is no recording.
   if (stopped_by_user(session)) return false;
   if (good) return true;
@@ -151,9 +155,11 @@ void make_file_templates(session_state& session) {
   if (tells) log_message(session, "Finished making templates");
 }
 
-void name_recording(session_state& session) {
+// By the file that the format goes by, which need not be the one that was chosen.
+void name_recording(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
-  r.recording_path = r.open_path;
+  const recording_format* format = find_recording_format(r.file_type);
+  r.recording_path = format->source_path == nullptr ? request.path : r.*format->source_path;
   session.operation.open_succeeded = true;
   std::string name = file_name_of(r.recording_path);
   if (r.show_config_in_title) name += " + " + r.config_path;
@@ -217,12 +223,10 @@ void finish_open(session_state& session) {
   if (session.recording.file_type != file_type_tsf) read_mask_file(session);
   refresh_displays(session);
   set_progress(session, meter::reading, bar_range, bar_range);
-  read_state_after_open(session);
   session.operation.reader_running = false;
 }
 
-void abort_open(session_state& session) {
-  const std::string path = session.recording.open_path;
+void abort_open(session_state& session, const recording_request& request) {
   session.operation.reader_running = false;
   session.operation.open_succeeded = false;
   reset_session(session);
@@ -230,83 +234,68 @@ void abort_open(session_state& session) {
   session.recording.vd.release();
   set_frame_title(session, "Kestrelvane");
   refresh_displays(session);
-  log_message(session, "Aborting read of " + path);
+  log_message(session, "Aborting read of " + request.path);
   log_message(session, "");
 }
 
 }  // namespace
 
-void classify_path(session_state& session) {
-  session.recording.file_type = classify_extension(session.recording.open_path);
-}
-
-bool prepare_open_recording(session_state& session, const std::string& path,
-                            std::int32_t chosen_code) {
+std::optional<recording_request> prepare_open_recording(const session_state& session,
+                                                        recording_request request) {
   if (session.recording.n_samples > 0 && !ask(session, overwrite_question, overwrite_title)) {
-    return false;
+    return std::nullopt;
   }
-  return prepare_chosen_recording(session, path, chosen_code);
+  return prepare_chosen_recording(session, std::move(request));
 }
 
-bool prepare_chosen_recording(session_state& session, const std::string& chosen_path,
-                              std::int32_t chosen_code) {
-  const std::string path = recording_of_folder(session, chosen_path);
-  recording_store& r = session.recording;
-  const std::int32_t earlier_type = r.file_type;
-  const std::string earlier_path = r.open_path;
-  r.open_path = path;
-  r.file_type = chosen_code;
-  if (chosen_code == file_type_unknown) classify_path(session);
-  if (r.file_type == file_type_unknown) {
-    r.open_path = earlier_path;
-    report_unknown_type(session, earlier_type);
-    return false;
+std::optional<recording_request> prepare_chosen_recording(const session_state& session,
+                                                          recording_request request) {
+  request.path = recording_of_folder(session, request.path);
+  if (request.format == file_type_unknown) request.format = classify_extension(request.path);
+  if (request.format == file_type_unknown) {
+    report_unknown_type(session);
+    return std::nullopt;
   }
-  if (!check_readable(session, path)) {
-    r.open_path = earlier_path;
-    r.file_type = earlier_type;
-    return false;
-  }
-  remember_recent(session, path);
-  return true;
+  if (!check_readable(session, request.path)) return std::nullopt;
+  remember_recent(session, request.path);
+  return request;
 }
 
-bool prepare_open_recent(session_state& session, std::size_t entry) {
+std::optional<recording_request> prepare_open_recent(const session_state& session,
+                                                     std::size_t entry) {
   const recent_files recent = read_recent_files(session);
-  if (entry >= recent.paths.size()) return false;
-  const std::string& path = recent.paths[entry];
-  if (!check_readable(session, path)) return false;
-  recording_store& r = session.recording;
-  const std::int32_t code = classify_extension(path, true);
-  if (code == file_type_unknown) {
-    report_unknown_type(session, r.file_type);
-    return false;
+  if (entry >= recent.paths.size()) return std::nullopt;
+  const recording_request request{recent.paths[entry],
+                                  classify_extension(recent.paths[entry], true)};
+  if (!check_readable(session, request.path)) return std::nullopt;
+  if (request.format == file_type_unknown) {
+    report_unknown_type(session);
+    return std::nullopt;
   }
-  r.open_path = path;
-  r.file_type = code;
-  remember_recent(session, path);
-  return true;
+  remember_recent(session, request.path);
+  return request;
 }
 
-bool open_recording_worker(session_state& session) {
+bool open_recording_worker(session_state& session, const recording_request& request) {
   session.multi_threaded_now = session.preferences.multi_threaded;
+  session.preferences.open_dialog_format = request.format;
   session.operation.reader_running = true;
   session.operation.open_succeeded = false;
   session.operation.reading_interrupted = false;
   begin_stage(session, "reading");
-  set_status(session, status_field::file_name, session.recording.open_path);
+  set_status(session, status_field::file_name, request.path);
   if (session.log.n_log_lines > 0) log_message(session, "");
   set_progress(session, meter::reading, 0, bar_range);
-  if (!read_format(session)) {
-    abort_open(session);
+  if (!read_format(session, request)) {
+    abort_open(session, request);
     return false;
   }
   settle_geometry(session);
   make_file_templates(session);
-  name_recording(session);
+  name_recording(session, request);
   measure_recording(session);
   if (stopped_by_user(session)) {
-    abort_open(session);
+    abort_open(session, request);
     return false;
   }
   check_spike_window(session);
@@ -316,7 +305,8 @@ bool open_recording_worker(session_state& session) {
 }
 
 bool open_recording(session_state& session, const std::string& path) {
-  return prepare_open_recording(session, path) && open_recording_worker(session);
+  const std::optional<recording_request> request = prepare_open_recording(session, {path});
+  return request && open_recording_worker(session, *request);
 }
 
 }  // namespace kestrelvane

@@ -6,6 +6,7 @@
 #include "files/input_file.h"
 #include "operations/open_recording.h"
 #include "operations/recovery.h"
+#include "recording/recording_formats.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
 
@@ -42,14 +43,14 @@ bool open_argument(session_state& session, const std::string& argument) {
   // A state file may be opened from another directory than this one.
   std::error_code ignored;
   const std::string absolute = std::filesystem::absolute(argument, ignored).string();
-  session.recording.open_path = absolute.empty() ? argument : absolute;
-  classify_path(session);
-  if (session.recording.file_type == file_type_unknown) {
+  recording_request request{absolute.empty() ? argument : absolute};
+  request.format = classify_extension(request.path);
+  if (request.format == file_type_unknown) {
     tell(session, "Unrecognised file type in command line", "Open a recording file",
          box_icon::information);
     return true;
   }
-  open_recording_worker(session);
+  open_recording_worker(session, request);
   if (session.recording.n_samples > 0) keep_earlier_state(session);
   save_autorecover(session);
   return true;

@@ -4,6 +4,7 @@
 
 #include "files/input_file.h"
 #include "operations/open_recording.h"
+#include "recording/recording_formats.h"
 #include "results/work_file.h"
 #include "session/logical.h"
 #include "session/run_log.h"
@@ -19,7 +20,6 @@ constexpr std::int64_t label_bytes = 24;  // in front of the path in a work file
 // One of the two state files, and what is said while it is opened.
 struct state_file {
   const char* name;
-  logical recovery_state::*resuming;
   const char* ends_early;  // whole; null: as a file that cannot be opened
   const char* reading;
   const char* success;
@@ -31,7 +31,6 @@ struct state_file {
 };
 
 constexpr state_file restart_state{restart_file_name,
-                                   &recovery_state::resuming_restart,
                                    nullptr,
                                    "Resuming previous state",
                                    "Resumption was successful",
@@ -41,7 +40,6 @@ constexpr state_file restart_state{restart_file_name,
                                    false};
 
 constexpr state_file autorecover_state{autorecover_file_name,
-                                       &recovery_state::resuming_autorecover,
                                        "Autorecover failed; early end to file kv_autorecover.sav",
                                        "Reading autorecover file",
                                        "Autorecover successfull",
@@ -71,45 +69,6 @@ bool save_state(const session_state& session, const state_file& file) {
   return saved;
 }
 
-// ---------------------------------------------------------------- opening
-
-// The recording that a state file was made from; false after the words that say why.
-bool read_recording_path(const session_state& session, const state_file& file, std::string& path) {
-  input_file in;
-  text256 text;
-  const bool opened =
-      !session.home_directory.empty() && open_input_file(in, home_file(session, file.name));
-  if (opened && read_at(in, label_bytes, &text, sizeof text)) {
-    path = text.view();
-    return true;
-  }
-  log_message(session, opened && file.ends_early != nullptr
-                           ? file.ends_early
-                           : std::string("Failed to read file ") + file.name);
-  return false;
-}
-
-// The open of a state file, from the path in it to recording and state in memory.
-bool open_state(session_state& session, const state_file& file) {
-  std::string path;
-  if (!read_recording_path(session, file, path)) return false;
-  session.recording.open_path = path;
-  classify_path(session);
-  if (!file_exists(path)) {
-    tell(session, fmt::format("The data file in {} cannot be found", file.name),
-         "Open a recording file");
-    write_run_log_window(session, "Looking for " + path);
-    return false;
-  }
-  write_run_log_window(session, "Restarting with " + path);
-  session.recovery = {};
-  session.recovery.*file.resuming = true;
-  const bool opened = open_recording_worker(session);
-  const bool state_read = !(session.recovery.*file.resuming);
-  session.recovery = {};
-  return opened && state_read;
-}
-
 // ---------------------------------------------------------------- the state
 
 bool samples_were_filtered(const session_state& session) {
@@ -135,17 +94,58 @@ void say_not_read(const session_state& session, const state_file& file, bool wro
   log_message(session, words);
 }
 
-void read_state(session_state& session, const state_file& file) {
+// The state file over the recording that is in memory.
+bool read_state(session_state& session, const state_file& file) {
   log_message(session, file.reading);
   bool wrong_file = false;
   if (!read_work_file(session, home_file(session, file.name), wrong_file)) {
     say_not_read(session, file, wrong_file);
-    return;
+    return false;
   }
-  session.recovery.*file.resuming = false;
   autoscale_voltage_display(session);
   offer_filters(session, file);
   log_message(session, file.success);
+  return true;
+}
+
+// ---------------------------------------------------------------- opening
+
+// The recording that a state file was made from; false after the words that say why.
+bool read_recording_path(const session_state& session, const state_file& file, std::string& path) {
+  input_file in;
+  text256 text;
+  const bool opened =
+      !session.home_directory.empty() && open_input_file(in, home_file(session, file.name));
+  if (opened && read_at(in, label_bytes, &text, sizeof text)) {
+    path = text.view();
+    return true;
+  }
+  log_message(session, opened && file.ends_early != nullptr
+                           ? file.ends_early
+                           : std::string("Failed to read file ") + file.name);
+  return false;
+}
+
+// The open of a state file, from the path in it to recording and state in memory.
+bool open_state(session_state& session, const state_file& file) {
+  recording_request request;
+  if (!read_recording_path(session, file, request.path)) return false;
+  request.format = classify_extension(request.path);
+  if (!file_exists(request.path)) {
+    tell(session, fmt::format("The data file in {} cannot be found", file.name),
+         "Open a recording file");
+    write_run_log_window(session, "Looking for " + request.path);
+    return false;
+  }
+  write_run_log_window(session, "Restarting with " + request.path);
+  if (!open_recording_worker(session, request)) return false;
+  // A question lets others have the gate: a timed save would put the recording without its
+  // results in the place of the state that is being read.
+  session.operation.reader_running = true;
+  const bool state_read = read_state(session, file);
+  refresh_displays(session);
+  session.operation.reader_running = false;
+  return state_read;
 }
 
 // ---------------------------------------------------------------- the timer
@@ -183,13 +183,6 @@ bool save_restart(const session_state& session) { return save_state(session, res
 
 bool open_restart(session_state& session) { return open_state(session, restart_state); }
 bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
-
-void read_state_after_open(session_state& session) {
-  const recovery_state wanted = session.recovery;
-  if (wanted.resuming_restart) read_state(session, restart_state);
-  if (wanted.resuming_autorecover) read_state(session, autorecover_state);
-  if (wanted.resuming_restart || wanted.resuming_autorecover) refresh_displays(session);
-}
 
 void start_autorecover(autorecover_timer& timer, const session_state& session) {
   timer.stopping = false;

@@ -30,17 +30,12 @@ bool save_autorecover(const session_state& session);
 // The same for kv_restart.sav.
 bool save_restart(const session_state& session);
 
-// Takes the recording's path from a state file and reads that recording, on the calling
-// thread; the state follows through read_state_after_open. True when recording and state
-// are in memory. Otherwise the user or the log has been told why, and there is the
-// recording without the results, or nothing.
+// Takes the recording's path from a state file, reads that recording and then the state over
+// it, on the calling thread; asks about the filters of the state, and repeats them. True when
+// recording and state are in memory. Otherwise the user or the log has been told why, and there is
+// the recording without the results, or nothing.
 bool open_restart(session_state& session);
 bool open_autorecover(session_state& session);
-
-// The open worker's last step while resuming: reads the state file over the recording,
-// asks about the filters and replays them. Clears the flag in session.recovery once the
-// state is read. Does nothing when not resuming.
-void read_state_after_open(session_state& session);
 
 // The timed save: a thread that saves every so many minutes, looking at the clock twice a
 // second. A save waits for the session gate, so the loss in a crash is one interval, and

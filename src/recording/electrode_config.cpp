@@ -120,10 +120,10 @@ std::string config_file_beside(const std::string& recording_path) {
   return "";
 }
 
-bool find_config_file(const session_state& session, const std::string& recording_path,
+bool find_config_file(const session_state& session, const recording_request& request,
                       std::string& path) {
-  path = session.named_config;
-  if (path.empty()) path = config_file_beside(recording_path);
+  path = request.configuration;
+  if (path.empty()) path = config_file_beside(request.path);
   if (!path.empty()) return true;
   return ask(session, "Cannot find a default electrode configuration file: choose a specific one?",
              "Looking for file") &&
@@ -173,11 +173,11 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
   return true;
 }
 
-bool load_configuration(session_state& session, bool show_in_title) {
+bool load_configuration(session_state& session, const recording_request& request) {
   std::string path;
   std::int32_t n_mapped = 0;
-  return find_config_file(session, session.recording.open_path, path) &&
-         read_config_file(session, path, n_mapped, show_in_title);
+  return find_config_file(session, request, path) &&
+         read_config_file(session, path, n_mapped, true);
 }
 
 bool write_config_file(const session_state& session) {

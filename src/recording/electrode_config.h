@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -18,11 +19,10 @@ namespace kestrelvane {
 // The configuration that lies beside a recording, in the order below; "" for none.
 std::string config_file_beside(const std::string& recording_path);
 
-// The configuration of a recording: the one the user has named (named_config), the file
-// of its name, else "electrode.cfg" beside it, then the same with ".prb" and ".json"
-// (probe_files.h), else one that the user chooses. False when
-// there is none.
-bool find_config_file(const session_state& session, const std::string& recording_path,
+// The configuration of a recording: the one the user has named in the request, the file of
+// its name, else "electrode.cfg" beside it, then the same with ".prb" and ".json"
+// (probe_files.h), else one that the user chooses. False when there is none.
+bool find_config_file(const session_state& session, const recording_request& request,
                       std::string& path);
 
 // The file dialog alone; false when the user cancels.
@@ -35,9 +35,9 @@ bool choose_config_file(const session_state& session, std::string& path);
 bool read_config_file(session_state& session, const std::string& path, std::int32_t& n_mapped,
                       bool show_in_title);
 
-// find_config_file and read_config_file in one, for a reader of open_path: true when a
-// configuration is in use. One that cannot be read counts as none.
-bool load_configuration(session_state& session, bool show_in_title = true);
+// find_config_file and read_config_file in one, with the configuration named in the title:
+// true when one is in use. One that cannot be read counts as none.
+bool load_configuration(session_state& session, const recording_request& request);
 
 // Saves the present map and positions as a ".cfg" beside the recording; a recording
 // without a map gets channel for channel. False when the file cannot be written.

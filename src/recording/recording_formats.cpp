@@ -25,7 +25,8 @@ constexpr const char* open_title = "Open a recording file";
 
 // clang-format off
 constexpr recording_format formats[] = {
-    // code, extensions, filter label, banner, reader, failure text, failure title, configuration
+    // code, extensions, filter label, banner, reader, failure text, failure title, configuration,
+    // source path
     {file_type_srf, ".srf", "Surf files(*.SRF)",
      "Reading SURF data file", read_srf, "", "", config_use::none},
     {file_type_ntt, ".ntt", "Neuralynx single tetrode(*.NTT)",
@@ -34,12 +35,15 @@ constexpr recording_format formats[] = {
      "Reading Neuralynx continuous recording data file (.ncs)", read_ncs,
      "Error reading .ncs file", open_title, config_use::none},
     {file_type_prf, ".prf", "PRF files(*.PRF)",
-     "Reading Polytrode Recording Format file (.prf)", read_prf, "", "", config_use::none},
+     "Reading Polytrode Recording Format file (.prf)", read_prf, "", "", config_use::none,
+     &recording_store::srf_path},
     {file_type_plx, ".plx", "Plexon (*.PLX)",
-     "Reading Plexon data file (.plx)", read_plx, "", "", config_use::none},
+     "Reading Plexon data file (.plx)", read_plx, "", "", config_use::none,
+     &recording_store::plx_path},
     {file_type_xml, ".xml", "Neuroscope (*.XML)",
      "Reading Neuroscope data file (.dat/.xml)", read_xml_recording,
-     "Error reading xml data file", "Unrecognised file format or missing .dat file", config_use::asked},
+     "Error reading xml data file", "Unrecognised file format or missing .dat file", config_use::asked,
+     &recording_store::xml_path},
     {file_type_tsf, ".tsf", "TSF format (*.TSF)",
      "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none},
     {file_type_mcd, ".mcd", "Multi Channel Systems (*.MCD)",

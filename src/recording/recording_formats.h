@@ -3,8 +3,8 @@
 // Classification, the open dialog, the worker and the batch command read these rows
 // and nothing else.
 //
-// Contract of a reader. It is called on the worker with open_path and file_type set and
-// the session empty (reset_session), and may log and drive meter::reading up to 100 of
+// Contract of a reader. It is called on the worker with what was asked for and the session
+// empty (reset_session) but for file_type, and may log and drive meter::reading up to 100 of
 // 115. It fills n_channels, n_samples, sampling_frequency, vscale_HP, positions, electrode_type
 // and is_continuous, allocates vd and templates (allocate_recording, or for itself), and
 // leaves in vd bits at time index 1 and on. Distance tables, row distance and, where the
@@ -16,14 +16,14 @@
 
 #include <cstdint>
 #include <span>
-#include <string>
 #include <string_view>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
-using recording_reader = bool (*)(session_state& session, const std::string& path);
+using recording_reader = bool (*)(session_state& session, const recording_request& request);
 
 // What the worker does about an electrode configuration before it calls a reader. The
 // reader finds the outcome in no_config_file, channel_map and n_mapped_channels.
@@ -42,6 +42,9 @@ struct recording_format {
   const char* failure_text;  // box after a failed read; "" for none
   const char* failure_title;
   config_use configuration;
+  // The path that the reader leaves for what the recording goes by from then on; null: the
+  // path that was opened.
+  std::string recording_store::*source_path = nullptr;
 };
 
 // In the order in which extensions are tested.

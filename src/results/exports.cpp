@@ -13,6 +13,7 @@
 #include "recording/formats/neuroscope.h"
 #include "recording/formats/plexon/plx.h"
 #include "recording/formats/tsf.h"
+#include "recording/recording_formats.h"
 #include "results/nwb_units.h"
 #include "results/phy_folder.h"
 #include "results/ptcs.h"
@@ -208,11 +209,10 @@ void warn_of_incomplete_detection(const session_state& session) {
 
 std::string source_file_path(const session_state& session) {
   const recording_store& r = session.recording;
-  const std::string* path = nullptr;
-  if (r.file_type == file_type_prf) path = &r.srf_path;
-  if (r.file_type == file_type_plx) path = &r.plx_path;
-  if (r.file_type == file_type_xml) path = &r.xml_path;
-  return path == nullptr || path->empty() ? r.recording_path : *path;
+  const recording_format* format = find_recording_format(r.file_type);
+  if (format == nullptr || format->source_path == nullptr) return r.recording_path;
+  const std::string& path = r.*format->source_path;
+  return path.empty() ? r.recording_path : path;
 }
 
 double event_seconds(const session_state& session, std::int32_t event) {

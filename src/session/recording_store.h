@@ -91,7 +91,7 @@ enum electrode_type_code : std::int32_t {
 
 struct recording_store {
   // --- the files
-  std::string open_path;                        // the path being opened
+  std::int32_t file_type = file_type_unknown;   // what was read; written by the open worker alone
   std::string recording_path = "No data file";  // the loaded recording
   std::string xml_path, plx_path, srf_path;     // last file of that kind; kept in the work file
   std::string tsf_path;                         // last .tsf read
@@ -175,9 +175,6 @@ struct recording_store {
   table<std::int32_t> fake_spike_time{fake_spike_limit};
   table<std::int32_t> fake_spike_cluster{fake_spike_limit};
   table<std::int32_t> fake_spike_channel{fake_spike_limit};
-
-  // --- which record of a loaded event-based recording: options of the reader
-  std::int32_t file_type = file_type_plx;  // code of the loaded or last chosen format
 
   // Distance of two sites in µm.
   float distance(std::int32_t a, std::int32_t b) const {

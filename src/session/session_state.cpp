@@ -101,6 +101,7 @@ void report_no_memory_for_samples(const session_state& session, std::int64_t max
 
 void reset_recording(recording_store& r) {
   r.recording_path = "No data file";
+  r.file_type = file_type_unknown;
   r.n_channels = 0;
   r.n_samples = 0;
   r.max_vd_samples = 0;

@@ -62,12 +62,6 @@ struct autosort_state {
   std::int32_t stop_after = 0;
 };
 
-// What the recording being opened is to be followed by.
-struct recovery_state {
-  logical resuming_restart = false;      // kv_restart.sav
-  logical resuming_autorecover = false;  // kv_autorecover.sav
-};
-
 // Sinc interpolation and kernel tables, built from the settings.
 struct interpolation_tables {
   // 1000 entries, and zeros behind them for taps that fall beyond the width.
@@ -106,15 +100,8 @@ struct session_state {
   mutable long_operation_flags operation;
   mutable session_gate gate;
 
-  recovery_state recovery;
   user_interface ui;
 
-  // Electrode configuration that the user has named for the next open; empty: one is
-  // looked for.
-  std::string named_config;
-  // Stream of a recording that has several, a name or a number from 1; empty: the user is
-  // asked.
-  std::string named_stream;
   std::string home_directory;  // where state files live; empty: none are read or written
   std::int32_t n_cpus = 1;     // logical processors, or the threads asked for if more
   std::int32_t n_threads = 1;  // threads of parallel loops when multi_threaded_now

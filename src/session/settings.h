@@ -162,9 +162,10 @@ struct display_settings {
   float pc_view_range[7] = {};  // scales of the principal component displays
 };
 
-// How the program looks and behaves (kv_prefs.sav, which also carries the format last
-// opened and three scales of display_settings).
+// How the program looks and behaves (kv_prefs.sav, which also carries three scales of
+// display_settings).
 struct preferences_record {
+  std::int32_t open_dialog_format = 0;  // file_type_code last opened; 0: all files
   float pixels_per_um_x = 0, pixels_per_um_y = 0;
   float pixels_per_uv = 0;
   float pixels_per_msec = 0;

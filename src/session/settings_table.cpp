@@ -37,7 +37,6 @@ constexpr std::int32_t count_of() {
 }
 
 // The routine that gives a row its default follows from the record that holds it.
-constexpr setting_group group_of_recording = setting_group::display;
 constexpr setting_group group_of_detection = setting_group::parameters;
 constexpr setting_group group_of_filter = setting_group::parameters;
 constexpr setting_group group_of_strategy = setting_group::strategy;
@@ -84,7 +83,8 @@ constexpr setting_row rows[] = {
     // --- kv_parameters.sav. The first word is a marker without a use.
     {"marker", setting_file::parameters, setting_group::display, setting_type::integer, 1,
      nullptr, nullptr, -1, -1, -1, "", setting_reading::dropped},
-    SETTING(recording, file_type, 5, 0, 15, "Format of the open dialog"),
+    ROW(parameters, setting_group::display, preferences, open_dialog_format, nullptr, 5, 0, 16,
+        "Format of the open dialog", stored),
     SETTING(filter, smooth_radius_um, 50, 1, 16'000, "Spatial smooth, radius, µm"),
     SETTING(filter, bw_f0_khz, 0.5, 0.1, 3200, "Butterworth filter, f0, kHz"),
     SETTING(filter, bw_f0_khz_previous, 0.5, 0.1, 3200, "Butterworth filter, earlier f0, kHz"),
@@ -220,7 +220,7 @@ constexpr setting_row rows[] = {
     ARRAY(correlogram_binwidths, binwidths, 0.001, 100'000, "Auto/cross-correlogram binwidths, ms"),
     PREFERENCE(treat_as_continuous, 0, 0, 1, "treat event based recording as continuous"),
     PREFERENCE(autoscale_voltage, 1, 0, 1, "Autoscale voltage and channel position scaling values"),
-    SHARED(recording, file_type, 5, 0, 15, "Format of the open dialog"),
+    LAYOUT(open_dialog_format, 5, 0, 16, "Format of the open dialog"),
     PREFERENCE(tell_new_cluster, 1, 0, 1, "tell user when a new cluster is manually created"),
     ARRAY(voltage_window_size, voltage_window, 1, 100'000,
         "Voltage window width and height, pixels"),

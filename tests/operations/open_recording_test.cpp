@@ -28,12 +28,7 @@ TEST(recording_formats, extensions_count_in_upper_or_lower_case_alone) {
       {"rec.rhd", 13},   {"rec.bin", 14},   {"rec.pl2", 15}, {"rec.Tsf", 0},  {"rec.ns0", 0},
       {"rec.nsx", 0},    {"rec.hDF5", 0},   {"tsf", 0},      {"", 0},         {"rec.tsf.bak", 0},
       {"rec.tsf/no", 0}, {"two.tsf.plx", 5}};
-  small_session session;
-  for (const auto& [path, code] : cases) {
-    session->recording.open_path = path;
-    classify_path(*session);
-    EXPECT_EQ(session->recording.file_type, code) << path;
-  }
+  for (const auto& [path, code] : cases) EXPECT_EQ(classify_extension(path), code) << path;
   EXPECT_EQ(classify_extension("rec.Tsf", true), 7);
   EXPECT_EQ(classify_extension("rec.Hdf5", true), 9);
 }
@@ -135,23 +130,27 @@ TEST_F(open_test, paths_that_cannot_be_read_are_told_and_change_nothing) {
   EXPECT_FALSE(open_recording(*session, make("rec.Tsf")));
   EXPECT_TRUE(user.told("Unrecognised file type", "Open a recording file"));
   EXPECT_EQ(session->recording.file_type, file_type_tsf);
-  EXPECT_EQ(session->recording.open_path, folder.file("good.tsf"));
+  EXPECT_EQ(session->recording.recording_path, folder.file("good.tsf"));
   EXPECT_EQ(session->recording.n_samples, 60);
   EXPECT_EQ(check_session(*session), "");
 }
 
 TEST_F(open_test, a_chosen_filter_overrules_the_extension) {
   const std::string path = make("rec.data");
-  EXPECT_FALSE(prepare_open_recording(*session, path));
-  ASSERT_TRUE(prepare_open_recording(*session, path, file_type_tsf));
-  EXPECT_TRUE(open_recording_worker(*session));
+  EXPECT_FALSE(prepare_open_recording(*session, {path}));
+  const auto request = prepare_open_recording(*session, {path, file_type_tsf});
+  ASSERT_TRUE(request);
+  EXPECT_TRUE(open_recording_worker(*session, *request));
+  EXPECT_EQ(session->recording.file_type, file_type_tsf);
+  EXPECT_EQ(session->preferences.open_dialog_format, file_type_tsf) << "offered the next time";
 }
 
 TEST_F(open_test, a_file_that_vanishes_before_the_read_leaves_an_empty_session) {
   const std::string path = make("rec.tsf");
-  ASSERT_TRUE(prepare_open_recording(*session, path));
+  const auto request = prepare_open_recording(*session, {path});
+  ASSERT_TRUE(request);
   std::filesystem::remove(path);
-  EXPECT_FALSE(open_recording_worker(*session));
+  EXPECT_FALSE(open_recording_worker(*session, *request));
   EXPECT_TRUE(user.logged("Error opening tsf file"));
   EXPECT_TRUE(user.told("Error reading tsf data file", "Possibly not enough memory"));
   EXPECT_TRUE(user.logged("Aborting read of " + path));
@@ -207,8 +206,9 @@ TEST_F(open_test, recent_files_come_back_most_recent_first) {
   EXPECT_EQ(recent.paths.back(), folder.file("rec2.tsf"));
 
   // Opening an entry moves it to the top without a copy.
-  ASSERT_TRUE(prepare_open_recent(*session, 9));
-  EXPECT_EQ(session->recording.open_path, folder.file("rec2.tsf"));
+  const auto request = prepare_open_recent(*session, 9);
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->path, folder.file("rec2.tsf"));
   recent = read_recent_files(*session);
   EXPECT_EQ(recent.paths.size(), 10u);
   EXPECT_EQ(recent.paths.front(), folder.file("rec2.tsf"));
@@ -222,8 +222,9 @@ TEST_F(open_test, recent_files_come_back_most_recent_first) {
   // From the list, mixed case is as good as any.
   promote_recent_file(recent, make("Mixed.Tsf"));
   ASSERT_TRUE(write_recent_files(*session, recent));
-  EXPECT_TRUE(prepare_open_recent(*session, 0));
-  EXPECT_EQ(session->recording.file_type, file_type_tsf);
+  const auto mixed = prepare_open_recent(*session, 0);
+  ASSERT_TRUE(mixed);
+  EXPECT_EQ(mixed->format, file_type_tsf);
 }
 
 TEST_F(open_test, the_recent_list_is_a_plain_byte_stream) {

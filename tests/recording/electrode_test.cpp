@@ -184,21 +184,23 @@ TEST_F(config_test, refuses_maps_that_are_no_map) {
 
 TEST_F(config_test, looks_for_the_recordings_own_file_first) {
   std::string found;
-  EXPECT_FALSE(find_config_file(*session, recording, found));
+  EXPECT_FALSE(find_config_file(*session, {recording}, found));
   EXPECT_TRUE(
       user.asked("Cannot find a default electrode configuration file: choose a specific one?",
                  "Looking for file"));
   user.default_answer = true;
-  EXPECT_FALSE(find_config_file(*session, recording, found));  // the dialog is cancelled
+  EXPECT_FALSE(find_config_file(*session, {recording}, found));  // the dialog is cancelled
   user.chosen_path = folder.file("chosen.cfg");
-  EXPECT_TRUE(find_config_file(*session, recording, found));
+  EXPECT_TRUE(find_config_file(*session, {recording}, found));
   EXPECT_EQ(found, folder.file("chosen.cfg"));
   write_bytes(folder.file("electrode.cfg"), {});
-  EXPECT_TRUE(find_config_file(*session, recording, found));
+  EXPECT_TRUE(find_config_file(*session, {recording}, found));
   EXPECT_EQ(found, folder.file("electrode.cfg"));
   write_bytes(config, {});
-  EXPECT_TRUE(find_config_file(*session, recording, found));
+  EXPECT_TRUE(find_config_file(*session, {recording}, found));
   EXPECT_EQ(found, config);
+  EXPECT_TRUE(find_config_file(*session, {.path = recording, .configuration = "named"}, found));
+  EXPECT_EQ(found, "named");
 }
 
 TEST_F(config_test, writes_what_it_reads) {

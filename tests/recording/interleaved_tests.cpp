@@ -12,6 +12,8 @@
 #include "operations/open_recording.h"
 #include "recording/formats/neuroscope.h"
 #include "recording/formats/spikeglx/spikeglx_meta.h"
+#include "session/settings_files.h"
+#include "session/settings_table.h"
 #include "support/interleaved_fixture.h"
 #include "support/samples.h"
 #include "support/small_session.h"
@@ -24,6 +26,7 @@ constexpr const char* no_config = "Cannot find electrode configuration file, con
 struct interleaved_test : testing::Test {
   temporary_directory folder;
   small_session session;
+  std::string stream;  // named by the user
 
   recording_store& recording() { return session->recording; }
 
@@ -32,7 +35,8 @@ struct interleaved_test : testing::Test {
     session.user.lines.clear();
     session.user.questions.clear();
     session.user.answers[overwrite_question] = true;
-    return open_recording(*session, path);
+    const auto request = prepare_open_recording(*session, {.path = path, .stream = stream});
+    return request && open_recording_worker(*session, *request);
   }
 
   void write(const std::string& name, const std::string& text) {
@@ -457,12 +461,30 @@ TEST_F(interleaved_test, of_several_streams_the_user_chooses_one) {
   EXPECT_FALSE(open(path));
   EXPECT_TRUE(session.user.logged("No stream was chosen"));
   expect_empty();
-  session->named_stream = "1";
+  stream = "1";
   ASSERT_TRUE(open(path));
   EXPECT_EQ(recording().n_channels, 4);
-  session->named_stream = "Analog";
+  stream = "Analog";
   EXPECT_FALSE(open(path));
   EXPECT_TRUE(session.user.logged("Stream Analog has no electrode channels"));
+}
+
+TEST_F(interleaved_test, settings_do_not_reach_what_a_loaded_recording_is) {
+  session.user.default_answer = true;
+  ASSERT_TRUE(open(write_open_ephys(folder.path, {})));
+  EXPECT_EQ(session->preferences.open_dialog_format, file_type_oebin);
+  EXPECT_EQ(settle_settings(*session), 0) << "the format of the dialog is in range";
+  session->home_directory = folder.path;
+  ASSERT_TRUE(write_parameters(*session));
+  session->preferences.open_dialog_format = file_type_plx;
+  ASSERT_TRUE(write_preferences(*session));
+  ASSERT_TRUE(read_parameters(*session));
+  EXPECT_EQ(session->preferences.open_dialog_format, file_type_oebin);
+  ASSERT_TRUE(read_preferences(*session));
+  EXPECT_EQ(session->preferences.open_dialog_format, file_type_plx);
+  session->preferences.open_dialog_format = 99;
+  EXPECT_EQ(settle_settings(*session), 1);
+  EXPECT_EQ(recording().file_type, file_type_oebin);
 }
 
 TEST_F(interleaved_test, structure_files_that_lie_are_refused) {
@@ -497,7 +519,7 @@ TEST_F(interleaved_test, real_open_ephys_recordings) {
   EXPECT_EQ(recording().n_samples, 30000);
   EXPECT_EQ(recording().n_channels, 4);
   EXPECT_TRUE(session.user.logged("First sample number = 28892"));
-  session->named_stream = "ProbeB";
+  stream = "ProbeB";
   ASSERT_TRUE(open(sample_path(root + "v0.6.x_neuropixels_multiexp_multistream")));
   const int first[] = {-74, 141, 176, 250, 94};
   for (std::int64_t i = 0; i < 5; ++i) EXPECT_EQ(sample(1, i + 1), first[i]);

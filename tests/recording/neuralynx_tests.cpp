@@ -25,9 +25,7 @@ struct neuralynx_test : testing::Test {
   bool open_path(const std::string& path, std::int32_t code) {
     session.user.boxes.clear();
     session.user.lines.clear();
-    recording().open_path = path;
-    recording().file_type = code;
-    return open_recording_worker(*session);
+    return open_recording_worker(*session, {path, code});
   }
   bool open_ncs(const std::vector<ncs_fixture_record>& records,
                 const std::vector<std::string>& lines = ncs_header_lines()) {

@@ -25,6 +25,7 @@ struct neuroshare_test : testing::Test {
     place_library(whole_library, "nsMCDLibrary.so");
   }
 
+  recording_request request;
   recording_store& recording() { return session->recording; }
 
   void place_library(const std::string& which, const std::string& name) {
@@ -39,7 +40,9 @@ struct neuroshare_test : testing::Test {
     session.user.boxes.clear();
     session.user.lines.clear();
     session.user.questions.clear();
-    return open_recording(*session, path);
+    request.path = path;
+    const auto prepared = prepare_open_recording(*session, request);
+    return prepared && open_recording_worker(*session, *prepared);
   }
 
   void expect_refused(const std::string& settings, const std::string& text) {
@@ -156,7 +159,7 @@ TEST_F(neuroshare_test, a_configuration_beside_the_recording_is_used_if_the_user
   expect_samples(1, 1, 1000);
   EXPECT_EQ(recording().chan_y[2], 200);
   // One that is named needs no question.
-  session->named_config = folder.file("electrode.cfg");
+  request.configuration = folder.file("electrode.cfg");
   ASSERT_TRUE(open(""));
   EXPECT_FALSE(session.user.asked(question, "Electrode channels"));
   EXPECT_EQ(recording().chan_y[2], 50);

@@ -15,7 +15,7 @@ namespace {
 // kv_parameters.sav as a new session writes it, field by field.
 std::vector<char> default_parameters_file() {
   byte_sink f;
-  f.i32(-1).i32(5);                                     // marker, file_type
+  f.i32(-1).i32(5);                                     // marker, open_dialog_format
   f.f32(50).f32(0.5).f32(0.5);                          // 3
   f.i32(10).i32(2).yes().i32(0).f32(80).f32(5);         // 6 noise, threshold
   f.f32(80).f32(0.25).i32(150).f32(0.5);                // 12 proto-events, lockout
@@ -279,7 +279,7 @@ TEST_F(settings_test, texts_of_all_settings_read_back) {
 }
 
 TEST_F(settings_test, restoring_defaults_leaves_other_groups_alone) {
-  session->recording.file_type = file_type_tsf;
+  session->preferences.open_dialog_format = file_type_tsf;
   session->detection.window_samples = 9;
   session->strategy.min_cluster_size = 9;
   session->display.vd_channel_spacing = 9;
@@ -293,7 +293,7 @@ TEST_F(settings_test, restoring_defaults_leaves_other_groups_alone) {
   set_default_preferences(*session);
   EXPECT_EQ(session->preferences.vertical_axis_uv, 100);
   EXPECT_EQ(session->display.vd_channel_spacing, 9);
-  EXPECT_EQ(session->recording.file_type, file_type_tsf);
+  EXPECT_EQ(session->preferences.open_dialog_format, file_type_tsf);
 }
 
 }  // namespace

@@ -183,7 +183,7 @@ TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
                          "Open Ephys binary",
                          "All files"};
   for (int i = 0; i < 17; ++i) EXPECT_TRUE(first[i + 1].startsWith(order[i])) << order[i];
-  w.session->recording.file_type = 0;
+  w.session->preferences.open_dialog_format = 0;
   EXPECT_TRUE(filters("open_recording")[0].startsWith("All files"));
 }
 

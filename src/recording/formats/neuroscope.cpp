@@ -161,14 +161,15 @@ bool read_dat_samples(session_state& session, const input_file& file,
 
 }  // namespace
 
-bool read_xml_recording(session_state& session, const std::string& path) {
+bool read_xml_recording(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
-  log_message(session, "Reading " + path);
+  log_message(session, "Reading " + request.path);
   xml_values values;
   std::int32_t n_file_channels = 0;
-  if (!read_values(path, values) || !take_values(session, values, n_file_channels)) return false;
+  if (!read_values(request.path, values) || !take_values(session, values, n_file_channels))
+    return false;
   input_file dat;
-  if (!open_input_file(dat, replace_extension(path, ".dat"))) return false;
+  if (!open_input_file(dat, replace_extension(request.path, ".dat"))) return false;
   constexpr std::int64_t spare_samples = 1000;
   const std::int64_t most_samples = dat.size / (std::int64_t{2} * n_file_channels) + spare_samples;
   if (!check_sample_count(session, most_samples)) return false;
@@ -179,8 +180,7 @@ bool read_xml_recording(session_state& session, const std::string& path) {
   interleaved_channels channels = map_interleaved(session, n_file_channels);
   subtract_offset(session, channels, values.offset.value_or(0));
   if (!read_dat_samples(session, dat, channels)) return false;
-  r.open_path = replace_extension(path, ".xml");
-  r.xml_path = r.open_path;
+  r.xml_path = replace_extension(request.path, ".xml");
   return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -11,7 +12,7 @@ namespace kestrelvane {
 // The reader of the format table; the worker has looked for the configuration. Of the
 // ".xml" the first of each tag counts: nChannels, samplingRate, nBits, voltageRange,
 // amplification, offset (subtracted from the samples).
-bool read_xml_recording(session_state& session, const std::string& path);
+bool read_xml_recording(session_state& session, const recording_request& request);
 
 // Writes one line per event, in order: time in ms, channel and cluster. False, after the
 // box, when the file cannot be written.

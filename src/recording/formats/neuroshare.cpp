@@ -358,15 +358,16 @@ bool read_values(session_state& session, const ns_library& library,
 
 }  // namespace
 
-bool read_mcd(session_state& session, const std::string& path) {
+bool read_mcd(session_state& session, const recording_request& request) {
   input_file file;
-  if (!open_input_file(file, path)) {
+  if (!open_input_file(file, request.path)) {
     log_message(session, file.problem);
     return report_bad_read(session, 0);
   }
   ns_library library;
-  if (!load_library(session, path, library) || !find_routines(session, library)) return false;
-  const ns_result code = library.open_file(path.c_str(), &library.handle);
+  if (!load_library(session, request.path, library) || !find_routines(session, library))
+    return false;
+  const ns_result code = library.open_file(request.path.c_str(), &library.handle);
   if (code != 0) return report_code(session, "Error accessing MCD format file", code);
   library.file_is_open = true;
   std::uint32_t n_entities = 0;

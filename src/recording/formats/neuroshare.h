@@ -10,12 +10,13 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // A reader (recording_formats.h). What the library says is trusted no more than a file: its
 // counts are tested against the size of the file. All calls come from the calling thread.
-bool read_mcd(session_state& session, const std::string& path);
+bool read_mcd(session_state& session, const recording_request& request);
 
 }  // namespace kestrelvane

@@ -127,10 +127,9 @@ bool is_named(const recorded_stream& stream, std::size_t number, const std::stri
 }
 
 // Null after the words for why there is none.
-const recorded_stream* choose_stream(const session_state& session,
+const recorded_stream* choose_stream(const session_state& session, const std::string& wanted,
                                      const std::vector<recorded_stream>& streams) {
   std::vector<const recorded_stream*> candidates;
-  const std::string& wanted = session.named_stream;
   for (std::size_t i = 0; i < streams.size(); ++i) {
     log_message(session, fmt::format("Stream {}: {}", i + 1, describe(streams[i])));
     if (!wanted.empty() ? is_named(streams[i], i + 1, wanted) : streams[i].n_electrodes > 0) {
@@ -358,17 +357,17 @@ std::string find_structure_file(const session_state& session, const std::string&
   return found[0];
 }
 
-bool read_open_ephys(session_state& session, const std::string& path) {
+bool read_open_ephys(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   std::vector<recorded_stream> streams;
-  if (!read_structure(session, path, streams)) return false;
-  const recorded_stream* stream = choose_stream(session, streams);
+  if (!read_structure(session, request.path, streams)) return false;
+  const recorded_stream* stream = choose_stream(session, request.stream, streams);
   if (stream == nullptr) return false;
   if (stream->n_electrodes == 0) {
     return refuse_file(session, fmt::format("Stream {} has no electrode channels", stream->name));
   }
   log_message(session, "Reading stream " + describe(*stream));
-  const std::string folder = folder_of(path) + "continuous/" + stream->folder + "/";
+  const std::string folder = folder_of(request.path) + "continuous/" + stream->folder + "/";
   input_file dat;
   if (stream->folder.empty() || !open_input_file(dat, folder + "continuous.dat")) {
     return refuse_file(session, "Can't find file " + folder + "continuous.dat");
@@ -389,7 +388,7 @@ bool read_open_ephys(session_state& session, const std::string& path) {
     return false;
   }
   log_message(session, fmt::format("Voltage scaling (uV/bit) = {}", r.vscale_HP));
-  if (r.no_config_file && !place_channels_of_probe(session, path, streams, *stream)) {
+  if (r.no_config_file && !place_channels_of_probe(session, request.path, streams, *stream)) {
     place_channels_in_line(session);
   }
   return allocate_recording(session, dat.size) &&

@@ -386,14 +386,14 @@ void write_events(const session_state& session, safe_file& out) {
 
 }  // namespace
 
-bool read_tsf(session_state& session, const std::string& path) {
+bool read_tsf(session_state& session, const recording_request& request) {
   input_file file;
-  if (!open_input_file(file, path)) {
+  if (!open_input_file(file, request.path)) {
     log_message(session, "Error opening tsf file");
     log_message(session, file.problem);
     return false;
   }
-  log_message(session, "Opening .tsf recording data file " + path);
+  log_message(session, "Opening .tsf recording data file " + request.path);
   recording_store& r = session.recording;
   tsf_layout layout;
   if (!read_header(session, file, layout)) return false;
@@ -402,7 +402,7 @@ bool read_tsf(session_state& session, const std::string& path) {
   log_message(session, fmt::format("There are {:4} channels in the file", r.n_channels));
   if (r.n_samples > 0 && !read_samples(session, file, layout)) return false;
   if (!read_tail(session, file, layout)) return false;
-  close_read(session, path, layout);
+  close_read(session, request.path, layout);
   return true;
 }
 

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -23,7 +24,7 @@ constexpr std::int32_t tsf_current_format = 1002;
 // Reads a file into an empty session, with distance tables, channel order and
 // templates. On the worker; reads channels on threads_now. False after the log line or
 // box that says why; what was read so far is then for the caller to reset.
-bool read_tsf(session_state& session, const std::string& path);
+bool read_tsf(session_state& session, const recording_request& request);
 
 // Writes the recording as it is in memory, filters included, and its events, format
 // 1002. False, with a box, when the file cannot be written; an old file of that name is

@@ -1,5 +1,6 @@
 #include <QDir>
 #include <QFileInfo>
+#include <optional>
 
 #include "operations/open_recording.h"
 #include "operations/program_run.h"
@@ -45,11 +46,13 @@ QList<const recording_format*> formats_by_code() {
 
 // Reads on the worker what prepare agrees to; the Messages dialog opens by itself when
 // reading begins.
-void read_recording(workstation& w, std::function<bool(session_state&)> prepare) {
+using recording_decision = std::function<std::optional<recording_request>(session_state&)>;
+void read_recording(workstation& w, recording_decision prepare) {
   start_operation(
       w,
       [prepare = std::move(prepare)](session_state& session) {
-        if (prepare(session)) open_recording_worker(session);
+        const std::optional<recording_request> request = prepare(session);
+        if (request) open_recording_worker(session, *request);
       },
       [&w] { rebuild_recent_menu(w); });
 }
@@ -59,7 +62,7 @@ void choose_recording(workstation& w) {
   file_choice choice{"Open a recording file", {}, {}, false};
   choice.selected_filter = static_cast<int>(formats.size());  // all files, of no type
   for (const recording_format* format : formats) {
-    if (format->code == w.session.recording.file_type) {
+    if (format->code == w.session.preferences.open_dialog_format) {
       choice.selected_filter = static_cast<int>(choice.filters.size());
     }
     choice.filters << dialog_filter(*format);
@@ -71,9 +74,9 @@ void choose_recording(workstation& w) {
     const bool picked = filter >= 0 && filter < formats.size();
     const std::int32_t own = classify_extension(path.toStdString());
     const std::int32_t code = own != file_type_unknown || !picked ? own : formats[filter]->code;
-    read_recording(w, [path = path.toStdString(), code](session_state& session) {
-      return prepare_chosen_recording(session, path, code);
-    });
+    const recording_request chosen{path.toStdString(), code};
+    read_recording(
+        w, [chosen](session_state& session) { return prepare_chosen_recording(session, chosen); });
   });
 }
 
@@ -97,7 +100,7 @@ void open_recording_command(workstation& w) {
 void open_recording_path(workstation& w, const QString& path) {
   ask_before_reading(w, [&w, path] {
     read_recording(w, [path = path.toStdString()](session_state& session) {
-      return prepare_chosen_recording(session, path, 0);
+      return prepare_chosen_recording(session, {path});
     });
   });
 }

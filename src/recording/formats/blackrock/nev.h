@@ -11,12 +11,13 @@
 #include <cstdint>
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // The reader of the format; open_recording's contract.
-bool read_nev(session_state& session, const std::string& path);
+bool read_nev(session_state& session, const recording_request& request);
 
 // Writes a copy of the loaded file in which each waveform's unit is that of the event's
 // cluster, numbered 1, 2, ... on the centre channel of the cluster's template. A waveform

@@ -277,8 +277,8 @@ bool read_file(session_state& session, const std::string& path) {
 
 }  // namespace
 
-bool read_nsx(session_state& session, const std::string& path) {
-  if (read_file(session, path)) return true;
+bool read_nsx(session_state& session, const recording_request& request) {
+  if (read_file(session, request.path)) return true;
   if (!session.operation.reading_interrupted) {
     log_message(session, "Error opening Blackrock Microsystems NSx file (Utah array)");
   }

@@ -11,12 +11,13 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // The reader of the format; open_recording's contract. A channel whose scale is not that of
 // channel 1 is rescaled to it, within 16 bits.
-bool read_nsx(session_state& session, const std::string& path);
+bool read_nsx(session_state& session, const recording_request& request);
 
 }  // namespace kestrelvane

@@ -242,9 +242,9 @@ bool conclude(hdf_read& read, hdf_error error, bool chosen) {
 
 }  // namespace
 
-bool read_hdf_recording(session_state& session, const std::string& path) {
+bool read_hdf_recording(session_state& session, const recording_request& request) {
   hdf_read read{session, {}, {}, {}, {}, {}};
-  hdf_error error = choose(read, path);
+  hdf_error error = choose(read, request.path);
   const bool chosen = !read.selection.folder.empty();
   if (error != hdf_error::none || !chosen) return conclude(read, error, chosen);
   tell_of_array(read);
@@ -257,9 +257,9 @@ bool read_hdf_recording(session_state& session, const std::string& path) {
   return conclude(read, error, chosen);
 }
 
-bool read_hdf_folder(session_state& session, const std::string& path) {
+bool read_hdf_folder(session_state& session, const recording_request& request) {
   hdf_read read{session, {}, {}, {}, {}, {}};
-  hdf_error error = choose(read, path);
+  hdf_error error = choose(read, request.path);
   const bool chosen = !read.selection.folder.empty();
   if (error != hdf_error::none || !chosen) return conclude(read, error, chosen);
   log_message(session, "Reading voltage data from folder " + read.selection.folder);

@@ -11,13 +11,14 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // Readers of the format table. Failures are told as "Error #", a code of hdf_error and
 // " reading hdf file"; a user who gives up is only logged.
-bool read_hdf_recording(session_state& session, const std::string& path);
-bool read_hdf_folder(session_state& session, const std::string& path);
+bool read_hdf_recording(session_state& session, const recording_request& request);
+bool read_hdf_folder(session_state& session, const recording_request& request);
 
 }  // namespace kestrelvane

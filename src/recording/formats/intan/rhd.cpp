@@ -230,9 +230,9 @@ void read_rhd_block(session_state& session, const rhd_header& header,
   }
 }
 
-bool read_rhd(session_state& session, const std::string& path) {
+bool read_rhd(session_state& session, const recording_request& request) {
   input_file file;
-  if (!open_input_file(file, path)) {
+  if (!open_input_file(file, request.path)) {
     log_message(session, "Failed to Open RHD file");
     log_message(session, file.problem);
     return false;

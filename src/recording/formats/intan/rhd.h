@@ -13,6 +13,7 @@
 
 #include "files/byte_cursor.h"
 #include "files/input_file.h"
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -43,7 +44,7 @@ struct rhd_header {
 
 // The reader of the format; open_recording's contract. A block cut by the end of the file
 // is left out.
-bool read_rhd(session_state& session, const std::string& path);
+bool read_rhd(session_state& session, const recording_request& request);
 
 // One signal group: names, flags, and its channels if it is enabled; adds the enabled
 // channels to the counts. The cursor fails at the end of its bytes.

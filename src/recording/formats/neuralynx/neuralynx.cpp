@@ -512,11 +512,11 @@ void finish_ntt(session_state& session) {
 
 }  // namespace
 
-bool read_ncs(session_state& session, const std::string& path) {
+bool read_ncs(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   input_file file;
   std::string header;
-  if (!open_and_read_header(session, file, path, header)) return false;
+  if (!open_and_read_header(session, file, request.path, header)) return false;
   log_header(session, header);
   parse_header(session, header);
   report_remainder(session, file, ncs_record_bytes);
@@ -528,11 +528,11 @@ bool read_ncs(session_state& session, const std::string& path) {
   return true;
 }
 
-bool read_ntt(session_state& session, const std::string& path) {
+bool read_ntt(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
-  log_message(session, "Opening tetrode (.ntt) data file " + path);
+  log_message(session, "Opening tetrode (.ntt) data file " + request.path);
   input_file file;
-  if (!open_and_read_header(session, file, path, r.ntt_header)) return false;
+  if (!open_and_read_header(session, file, request.path, r.ntt_header)) return false;
   log_header(session, r.ntt_header);
   if (!parse_header(session, r.ntt_header)) {
     tell(session, "This record length currently unsupported", "Unsupported file format");

@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -23,8 +24,8 @@ constexpr std::int32_t ntt_feature_count = 8;
 
 // Read a file into an empty session. On the worker; .ncs on threads_now. False after the
 // words that say why; what was read so far is for the caller to reset.
-bool read_ncs(session_state& session, const std::string& path);
-bool read_ntt(session_state& session, const std::string& path);
+bool read_ncs(session_state& session, const recording_request& request);
+bool read_ntt(session_state& session, const recording_request& request);
 
 // Writes the records of the .ntt file in memory with the session's clusters as cell numbers
 // and its voltages. A record whose event has been moved out of it, or that has none, gets

@@ -48,7 +48,7 @@ void describe_file(session_state& session, const plx_headers& headers) {
 }
 
 // Non-tetrode files have their sites from a configuration, tetrode files channel for channel.
-bool map_channels(session_state& session, bool tetrodes) {
+bool map_channels(session_state& session, const recording_request& request, bool tetrodes) {
   recording_store& r = session.recording;
   if (tetrodes) {
     for (std::int32_t c = 1; c <= r.n_channels; ++c) r.channel_map[c] = c;
@@ -56,7 +56,7 @@ bool map_channels(session_state& session, bool tetrodes) {
     r.n_tetrodes = (r.n_channels + 3) / 4;
     return true;
   }
-  if (load_configuration(session)) return true;
+  if (load_configuration(session, request)) return true;
   tell(session, "Cannot find electrode configuration file, aborting read", "Open a recording file");
   return false;
 }
@@ -190,10 +190,10 @@ bool add_plx_event(session_state& session, std::int64_t time, std::int32_t chann
   return true;
 }
 
-bool read_plx(session_state& session, const std::string& path) {
+bool read_plx(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   input_file file;
-  if (!open_input_file(file, path)) {
+  if (!open_input_file(file, request.path)) {
     log_message(session, "Error reading Plexon data file");
     log_message(session, file.problem);
     return false;
@@ -201,8 +201,8 @@ bool read_plx(session_state& session, const std::string& path) {
   expect_sequential_reading(file);
   plx_plan plan;
   if (!scan_plx(session, file, plan) || session.operation.reading_interrupted) return false;
-  if (!map_channels(session, plan.tetrodes)) return false;
-  r.plx_path = path;
+  if (!map_channels(session, request, plan.tetrodes)) return false;
+  r.plx_path = request.path;
   r.plx_blocks_end = plan.blocks_end;
   describe_file(session, plan.headers);
   plx_units units;

@@ -13,13 +13,14 @@
 #include <string>
 
 #include "recording/formats/plexon/plx_blocks.h"
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // Reads a file into an empty session. On the worker. False after the words that say why;
 // what was read so far is for the caller to reset.
-bool read_plx(session_state& session, const std::string& path);
+bool read_plx(session_state& session, const recording_request& request);
 
 // The save path of a Plexon file, for any recording: an opened ".plx" file is written
 // again, with the user's answer about its voltage records; other recordings become a new

@@ -186,16 +186,16 @@ bool read_geometry_file(session_state& session, const std::string& path, std::in
   return true;
 }
 
-bool read_bin_recording(session_state& session, const std::string& path) {
+bool read_bin_recording(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   r.is_continuous = true;
   r.electrode_type = electrode_polytrode;
   set_progress(session, meter::reading, 0, 115);
   spikeglx_meta meta;
-  const bool has_meta = read_meta_file(replace_extension(path, ".meta"), meta);
+  const bool has_meta = read_meta_file(replace_extension(request.path, ".meta"), meta);
   if (has_meta && !check_stream(session, meta)) return false;
   std::int32_t n_sites = 0;
-  if (!place_sites(session, path, meta, n_sites) && has_meta) return false;
+  if (!place_sites(session, request.path, meta, n_sites) && has_meta) return false;
   if (!has_meta) {
     log_message(session, "Matching .meta file not found, cancelling read");
     tell(session, "Missing matching .meta file, cancelling read", ".meta file not found");
@@ -211,7 +211,7 @@ bool read_bin_recording(session_state& session, const std::string& path) {
   log_message(session, fmt::format("Number of channels being read={}", r.n_channels));
   log_message(session, "Neuropixels meta file read correctly");
   input_file file;
-  if (!open_input_file(file, path)) return false;
+  if (!open_input_file(file, request.path)) return false;
   compare_sizes(session, meta.n_file_bytes, file.size);
   if (!allocate_recording(session, file.size)) return false;
   if (!check_sample_count(session, r.n_samples)) return false;

@@ -174,10 +174,12 @@ void check_time_stamps(const session_state& session) {
 
 }  // namespace
 
-bool read_prf(session_state& session, const std::string& path) {
+bool read_prf(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   input_file file;
-  if (!open_input_file(file, path)) return refuse_file(session, "Can't open file " + path);
+  if (!open_input_file(file, request.path)) {
+    return refuse_file(session, "Can't open file " + request.path);
+  }
   prf_walk walk{file, 0, {}};
   r.electrode_type = electrode_polytrode;
   r.is_continuous = true;
@@ -193,7 +195,7 @@ bool read_prf(session_state& session, const std::string& path) {
   if (!check_sample_count(session, std::min<std::int64_t>(total, r.max_vd_samples))) return false;
   r.n_samples = static_cast<std::int32_t>(std::min<std::int64_t>(total, r.max_vd_samples));
   check_time_stamps(session);
-  r.srf_path = path;
+  r.srf_path = request.path;
   log_message(session, "Finished reading combined surf file!");
   return true;
 }

@@ -3,12 +3,13 @@
 
 #include <string>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 // The reader of the format table. Epochs stand one after the other on the time axis, a
 // second of zeros behind each; epoch_start is in seconds.
-bool read_prf(session_state& session, const std::string& path);
+bool read_prf(session_state& session, const recording_request& request);
 
 }  // namespace kestrelvane

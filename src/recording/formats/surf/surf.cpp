@@ -229,10 +229,12 @@ bool place_sites_of_polytrode(session_state& session, const std::string& name) {
   return true;
 }
 
-bool read_srf(session_state& session, const std::string& path) {
+bool read_srf(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   input_file file;
-  if (!open_input_file(file, path)) return refuse_file(session, "Can't open file " + path);
+  if (!open_input_file(file, request.path)) {
+    return refuse_file(session, "Can't open file " + request.path);
+  }
   log_message(session, "Please wait, parsing records ...");
   surf_file surf;
   if (!parse_surf_file(session, file, surf, bar_of_records)) return false;
@@ -251,7 +253,7 @@ bool read_srf(session_state& session, const std::string& path) {
   }
   log_message(session, fmt::format("{} voltage values read", r.n_samples));
   r.electrode_type = electrode_polytrode;
-  r.srf_path = path;
+  r.srf_path = request.path;
   return true;
 }
 
