@@ -17,8 +17,8 @@ namespace {
 using json = nlohmann::ordered_json;
 
 bool is_container(const std::string& path) {
-  const std::int32_t code = classify_extension(path);
-  return (code == file_type_hdf5 || code == file_type_nwb) && file_exists(path);
+  const recording_format* format = find_recording_format(classify_extension(path));
+  return format != nullptr && format->habits.is_container && file_exists(path);
 }
 
 bool list_tree(batch_session& batch, std::vector<hdf_entry>& entries) {

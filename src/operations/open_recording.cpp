@@ -11,6 +11,7 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "files/input_file.h"
+#include "recording/acquisition_facts.h"
 #include "recording/channel_masks.h"
 #include "recording/electrode_config.h"
 #include "recording/formats/open_ephys.h"
@@ -63,10 +64,11 @@ void report_unknown_type(const session_state& session) {
   tell(session, "Unrecognised file type", open_title, box_icon::information);
 }
 
-// Channels of an .mcd file are named by their place, so a configuration that happens to
-// lie beside it may not be meant; one that the user has named is.
-bool declines_configuration(const session_state& session, const recording_request& request) {
-  return request.format == file_type_mcd && request.configuration.empty() &&
+// Where channels are named by their place, a configuration that happens to lie beside the
+// recording may not be meant; one that the user has named is.
+bool declines_configuration(const session_state& session, const recording_request& request,
+                            const recording_format& format) {
+  return format.configuration == config_use::offered && request.configuration.empty() &&
          !config_file_beside(request.path).empty() &&
          !ask(session, "An electrode configuration file exists for this recording, use it?",
               "Electrode channels");
@@ -76,8 +78,8 @@ bool declines_configuration(const session_state& session, const recording_reques
 // rather not go on without.
 bool find_configuration(session_state& session, const recording_request& request,
                         const recording_format& format) {
-  if (format.configuration == config_use::none || declines_configuration(session, request) ||
-      load_configuration(session, request)) {
+  if (format.configuration == config_use::none ||
+      declines_configuration(session, request, format) || load_configuration(session, request)) {
     return true;
   }
   return format.configuration == config_use::wanted ||
@@ -129,8 +131,7 @@ bool read_format(session_state& session, const recording_request& request) {
 void settle_geometry(session_state& session) {
   recording_store& r = session.recording;
   build_site_tables(session);
-  if (r.file_type == file_type_tsf) return;
-  compute_site_pitch(session);
+  if (r.site_pitch == 0) compute_site_pitch(session);
   constexpr float scan_angle = 1.0f;  // degrees: across rows and down the shank
   if (r.chan_sort_order[1] == 0) sort_channels(session, scan_angle);
 }
@@ -149,7 +150,7 @@ void make_file_templates(session_state& session) {
   if (n == 0 || session.recording.clusters_are_planted || !spike_window_is_readable(session)) {
     return;
   }
-  const bool tells = session.recording.file_type == file_type_tsf;
+  const bool tells = habits_of(session.recording).announces_templates;
   if (tells) log_message(session, "Making templates");
   calculate_all_templates(session);
   if (tells) log_message(session, "Finished making templates");
@@ -166,11 +167,6 @@ void name_recording(session_state& session, const recording_request& request) {
   set_frame_title(session, "Kestrelvane  -  " + name);
 }
 
-std::string frequency_text(const recording_store& r) {
-  if (r.file_type == file_type_bin) return fmt::format("{:.12g}", r.sampling_frequency_exact);
-  return fmt::format("{}", r.sampling_frequency);
-}
-
 void measure_recording(session_state& session) {
   recording_store& r = session.recording;
   set_progress(session, meter::reading, 110, bar_range);
@@ -183,7 +179,7 @@ void measure_recording(session_state& session) {
   log_message(session, fmt::format("Recording duration = {:.2f} mins", r.duration_mins));
   log_message(session, fmt::format("# of voltage samples per channel = {}", r.n_samples));
   log_message(session, fmt::format("# of events saved in file = {}", session.events.n_events));
-  log_message(session, fmt::format("Sampling frequency = {} Hz", frequency_text(r)));
+  log_message(session, fmt::format("Sampling frequency = {} Hz", rate_text(r)));
 }
 
 void check_spike_window(session_state& session) {
@@ -198,7 +194,7 @@ void check_spike_window(session_state& session) {
 void choose_channel_spacing(session_state& session) {
   const recording_store& r = session.recording;
   std::int32_t& spacing = session.display.vd_channel_spacing;
-  if (r.file_type == file_type_ntt) {
+  if (habits_of(r).one_tetrode) {
     spacing = 60;
   } else if (r.n_channels > 16) {
     spacing = 20;
@@ -220,7 +216,7 @@ void finish_open(session_state& session) {
   if (session.preferences.log_file_enabled) open_log_file(session);
   log_message(session, "Finished reading recording file!");
   log_message(session, "");
-  if (session.recording.file_type != file_type_tsf) read_mask_file(session);
+  if (habits_of(session.recording).reads_mask_file) read_mask_file(session);
   refresh_displays(session);
   set_progress(session, meter::reading, bar_range, bar_range);
   session.operation.reader_running = false;

@@ -10,12 +10,6 @@ namespace {
 
 const char* continuity_text(bool continuous) { return continuous ? "continuous" : "event based"; }
 
-std::string rate_text(const recording_store& r) {
-  // The one format whose rate need not be whole.
-  if (r.file_type == file_type_bin) return fmt::format("{:.12g}", r.sampling_frequency_exact);
-  return fmt::format("{}", r.sampling_frequency);
-}
-
 std::int32_t count_masked(const recording_store& r) {
   std::int32_t masked = 0;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) masked += r.chan_mask[c] ? 1 : 0;
@@ -50,6 +44,15 @@ void add_times(const recording_store& r, acquisition_facts& facts) {
 }
 
 }  // namespace
+
+double exact_rate(const recording_store& recording) {
+  return recording.sampling_frequency_exact > 0 ? recording.sampling_frequency_exact
+                                                : recording.sampling_frequency;
+}
+
+std::string rate_text(const recording_store& recording) {
+  return fmt::format("{:.12g}", exact_rate(recording));
+}
 
 site_spacing measure_site_spacing(const session_state& session) {
   const recording_store& r = session.recording;

@@ -28,6 +28,11 @@ struct acquisition_facts {
   std::string n_samples;                     // per channel
 };
 
+// Samples per second; every digit of it where the format has them. 0 without a recording.
+double exact_rate(const recording_store& recording);
+// The same in Hz, as it is shown.
+std::string rate_text(const recording_store& recording);
+
 acquisition_facts list_acquisition_facts(const session_state& session);
 
 // The smallest and largest over channels of the distance to the nearest other site, µm;

@@ -26,11 +26,12 @@ constexpr const char* open_title = "Open a recording file";
 // clang-format off
 constexpr recording_format formats[] = {
     // code, extensions, filter label, banner, reader, failure text, failure title, configuration,
-    // source path
+    // source path, habits
     {file_type_srf, ".srf", "Surf files(*.SRF)",
      "Reading SURF data file", read_srf, "", "", config_use::none},
     {file_type_ntt, ".ntt", "Neuralynx single tetrode(*.NTT)",
-     "Reading tetrode data file (.ntt)", read_ntt, "Error reading .ntt file", open_title, config_use::none},
+     "Reading tetrode data file (.ntt)", read_ntt, "Error reading .ntt file", open_title, config_use::none,
+     nullptr, {.one_tetrode = true}},
     {file_type_ncs, ".ncs", "Neuralynx (*.NCS)",
      "Reading Neuralynx continuous recording data file (.ncs)", read_ncs,
      "Error reading .ncs file", open_title, config_use::none},
@@ -45,9 +46,10 @@ constexpr recording_format formats[] = {
      "Error reading xml data file", "Unrecognised file format or missing .dat file", config_use::asked,
      &recording_store::xml_path},
     {file_type_tsf, ".tsf", "TSF format (*.TSF)",
-     "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none},
+     "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none,
+     nullptr, {.announces_templates = true, .reads_mask_file = false}},
     {file_type_mcd, ".mcd", "Multi Channel Systems (*.MCD)",
-     "Reading Multi Channel Systems data file (.mcd)", read_mcd, "", "", config_use::asked},
+     "Reading Multi Channel Systems data file (.mcd)", read_mcd, "", "", config_use::offered},
     {file_type_nev, ".nev", "Blackrock(*.NEV)",
      "Opening Blackrock Microsystems NEV file (Utah array)", read_nev,
      "Error reading .nev file", open_title, config_use::asked},
@@ -59,9 +61,11 @@ constexpr recording_format formats[] = {
     {file_type_bin, ".bin", "Neuropixels SpikeGLX (*.BIN)",
      "Reading IMEC Neuropixels data file (.bin)", read_bin_recording, "", "", config_use::none},
     {file_type_hdf5, ".hdf5 .h5", "Multi Channel Systems HDF5",
-     "Reading MCS HDF data file (beta)", read_hdf_recording, "", "", config_use::asked},
+     "Reading MCS HDF data file (beta)", read_hdf_recording, "", "", config_use::asked,
+     nullptr, {.is_container = true}},
     {file_type_nwb, ".nwb", "Neurodata Without Borders (*.NWB)",
-     "Reading NWB data file (beta)", read_hdf_folder, "", "", config_use::wanted},
+     "Reading NWB data file (beta)", read_hdf_folder, "", "", config_use::wanted,
+     nullptr, {.is_container = true}},
     {file_type_pl2, ".pl2", "Plexon PL2 (*.PL2)",
      "", nullptr, "", "Read Plexon .PL2 file", config_use::none},
     {file_type_oebin, ".oebin", "Open Ephys binary (*.OEBIN)",
@@ -113,6 +117,11 @@ const recording_format* find_recording_format(std::int32_t code) {
     if (format.code == code) return &format;
   }
   return nullptr;
+}
+
+format_habits habits_of(const recording_store& recording) {
+  const recording_format* format = find_recording_format(recording.file_type);
+  return format == nullptr ? format_habits{} : format->habits;
 }
 
 std::int32_t classify_extension(std::string_view path, bool any_case) {

@@ -6,7 +6,7 @@
 // Contract of a reader. It is called on the worker with what was asked for and the session
 // empty (reset_session) but for file_type, and may log and drive meter::reading up to 100 of
 // 115. It fills n_channels, n_samples, sampling_frequency, vscale_HP, positions, electrode_type
-// and is_continuous, allocates vd and templates (allocate_recording, or for itself), and
+// and is_continuous, allocates vd and templates (storage.h, or for itself), and
 // leaves in vd bits at time index 1 and on. Distance tables, row distance and, where the
 // file has none, the display order are made by the worker afterwards. It tests every
 // count of the file against limits and the file's size before it allocates or loops. It
@@ -28,9 +28,18 @@ using recording_reader = bool (*)(session_state& session, const recording_reques
 // What the worker does about an electrode configuration before it calls a reader. The
 // reader finds the outcome in no_config_file, channel_map and n_mapped_channels.
 enum class config_use {
-  none,    // the file carries positions, or the reader looks for itself
-  wanted,  // one is looked for; the reader goes on without
-  asked,   // likewise, and the user may give up when there is none
+  none,     // the file carries positions, or the reader looks for itself
+  wanted,   // one is looked for; the reader goes on without
+  asked,    // likewise, and the user may give up when there is none
+  offered,  // as asked, but one that merely lies beside the recording needs the user's Yes
+};
+
+// What sets few formats apart.
+struct format_habits {
+  bool one_tetrode = false;          // waveforms of a single tetrode, which displays suit
+  bool is_container = false;         // a tree, in which the user walks to the samples
+  bool announces_templates = false;  // the log tells when templates of its clusters are made
+  bool reads_mask_file = true;       // masks beside the recording are taken
 };
 
 struct recording_format {
@@ -45,6 +54,7 @@ struct recording_format {
   // The path that the reader leaves for what the recording goes by from then on; null: the
   // path that was opened.
   std::string recording_store::*source_path = nullptr;
+  format_habits habits = {};
 };
 
 // In the order in which extensions are tested.
@@ -52,6 +62,9 @@ std::span<const recording_format> recording_formats();
 
 // The row of a code; null for 0 or an unknown one.
 const recording_format* find_recording_format(std::int32_t code);
+
+// Those of the recording in memory; the usual ones without it.
+format_habits habits_of(const recording_store& recording);
 
 // Code for the extension of a path, wholly in upper or wholly in lower case; mixed case
 // counts only with any_case. 0 for none of the table's.

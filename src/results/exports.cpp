@@ -8,6 +8,7 @@
 
 #include "files/input_file.h"
 #include "files/safe_file.h"
+#include "recording/acquisition_facts.h"
 #include "recording/formats/blackrock/nev.h"
 #include "recording/formats/neuralynx/neuralynx.h"
 #include "recording/formats/neuroscope.h"
@@ -25,42 +26,28 @@ namespace kestrelvane {
 
 namespace {
 
-// --- what a format asks of the recording
-
-bool accept_neuralynx(const session_state& session) {
-  if (session.recording.file_type == file_type_ntt) return true;
-  tell(session, "No Neuralynx data in memory", "Can't save data");
-  return false;
-}
-
-bool accept_blackrock(const session_state& session) {
-  if (session.recording.file_type == file_type_nev) return true;
-  tell(session, "No Blackrock .nev data in memory", "Can't save data");
-  return false;
-}
-
-bool accept_continuous(const session_state& session) {
-  if (session.recording.is_continuous) return true;
-  tell(session, "TSF export not supported for  event based recording", "Can't save data");
-  return false;
-}
+constexpr const char* failure_title = "Can't save data";
 
 // clang-format off
 constexpr export_format formats[] = {
-  {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", nullptr, write_csv},
-  {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", nullptr,
+  {"csv", ".csv file (.csv)", ".csv", "Comma separated text file (*.CSV)", {}, write_csv},
+  {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", {},
    write_unit_texts},
-  {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", nullptr, save_plx,
+  {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", {}, save_plx,
    &recording_store::plx_path},
-  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)", accept_neuralynx, write_ntt},
-  {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", nullptr, export_evt},
-  {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)", accept_blackrock,
+  {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)",
+   {.format = file_type_ntt, .refusal = "No Neuralynx data in memory"}, write_ntt},
+  {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", {}, export_evt},
+  {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)",
+   {.format = file_type_nev, .refusal = "No Blackrock .nev data in memory"},
    write_nev_with_units},
-  {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", nullptr,
+  {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", {},
    export_ptcs},
-  {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)", accept_continuous, write_tsf},
-  {"phy", "Phy folder", "_phy", "Phy folder(*)", nullptr, export_phy},
-  {"nwb", "NWB units (.nwb)", ".nwb", "Neurodata Without Borders (*.NWB)", nullptr,
+  {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)",
+   {.continuous = true, .refusal = "TSF export not supported for  event based recording"},
+   write_tsf},
+  {"phy", "Phy folder", "_phy", "Phy folder(*)", {}, export_phy},
+  {"nwb", "NWB units (.nwb)", ".nwb", "Neurodata Without Borders (*.NWB)", {},
    write_nwb_units},
 };
 // clang-format on
@@ -156,11 +143,17 @@ const export_format* find_export_format(std::string_view name) {
   return nullptr;
 }
 
-bool export_is_possible(session_state& session, const export_format& format) {
-  if (format.accepts != nullptr && !format.accepts(session)) return false;
+bool export_is_possible(const session_state& session, const export_format& format) {
+  const recording_store& r = session.recording;
+  const export_condition& needed = format.needed;
+  if ((needed.format != file_type_unknown && needed.format != r.file_type) ||
+      (needed.continuous && !r.is_continuous)) {
+    tell(session, needed.refusal, failure_title);
+    return false;
+  }
   if (format.write != nullptr) return true;
   tell(session, fmt::format("The format {} is not available in this version.", format.label),
-       "Can't save data");
+       failure_title);
   return false;
 }
 
@@ -219,8 +212,9 @@ double event_seconds(const session_state& session, std::int32_t event) {
   const recording_store& r = session.recording;
   const std::int32_t t = session.events.event_time[event];
   if (r.is_continuous || session.preferences.treat_as_continuous) {
-    const double step = r.file_type == file_type_bin
-                            ? 1.0 / r.sampling_frequency_exact
+    // The step of a whole rate is held in single precision, as these formats have always had it.
+    const double step = r.sampling_frequency_exact > 0
+                            ? 1.0 / exact_rate(r)
                             : double{1.0f / static_cast<float>(r.sampling_frequency)};
     return t * step;
   }

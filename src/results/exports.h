@@ -15,14 +15,19 @@
 
 namespace kestrelvane {
 
+// What the recording in memory must be.
+struct export_condition {
+  std::int32_t format = file_type_unknown;  // file_type_code that was read; 0: any
+  bool continuous = false;
+  const char* refusal = "";  // said when it is not so
+};
+
 struct export_format {
   const char* name;       // of the batch command
   const char* label;      // in the "Data format" list
   const char* extension;  // with its dot
   const char* filter;     // of the file dialog
-  // Says why the recording in memory cannot be written so, and returns false;
-  // null: there is no such condition.
-  bool (*accepts)(const session_state& session);
+  export_condition needed;
   // Writes, and tells the user how it went; null: no writer yet.
   bool (*write)(const session_state& session, const std::string& path);
   // The path that the recording remembers for this kind of file; null: for none.
@@ -34,7 +39,7 @@ std::span<const export_format> export_formats();
 const export_format* find_export_format(std::string_view name);
 
 // True when the format has a writer and accepts the recording; says so otherwise.
-bool export_is_possible(session_state& session, const export_format& format);
+bool export_is_possible(const session_state& session, const export_format& format);
 
 struct export_options {
   logical remove_duplicates = false;  // from within clusters, before writing

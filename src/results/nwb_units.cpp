@@ -13,6 +13,7 @@
 
 #include "files/input_file.h"
 #include "files/safe_file.h"
+#include "recording/acquisition_facts.h"
 #include "recording/formats/hdf/hdf_file.h"
 #include "results/exports.h"
 #include "session/version.h"
@@ -316,12 +317,6 @@ void write_electrodes(nwb_file& out, const recording_store& r) {
 
 // --- units
 
-// Samples per second; every digit of it where the format has them.
-double rate_of(const recording_store& r) {
-  const bool exact = r.file_type == file_type_bin && r.sampling_frequency_exact > 0;
-  return exact ? r.sampling_frequency_exact : r.sampling_frequency;
-}
-
 bool has_unbroken_time(const session_state& session) {
   return session.recording.is_continuous || session.preferences.treat_as_continuous;
 }
@@ -341,7 +336,7 @@ struct unit_times {
 unit_times list_times(const session_state& session) {
   const event_table& e = session.events;
   const auto n_units = static_cast<std::size_t>(session.clusters.n_clusters);
-  const double rate = rate_of(session.recording);
+  const double rate = exact_rate(session.recording);
   unit_times times;
   std::vector<std::uint64_t> next(n_units + 1, 0);
   const auto unit_of = [&](std::int32_t i) {
@@ -373,13 +368,13 @@ void add_times(nwb_file& out, nwb_table& table, const session_state& session) {
       out, table, "spike_times", "times of the spikes, s from the first sample", H5T_IEEE_F64LE,
       H5T_NATIVE_DOUBLE, list_of(times.seconds.size()), times.seconds.data());
   if (r.sampling_frequency > 0) {
-    write_number_attribute(out, column, "resolution", 1 / rate_of(r));
+    write_number_attribute(out, column, "resolution", 1 / exact_rate(r));
   }
   add_index(out, table, "spike_times", times.ends);
 
   // One interval per unit: more, or none, is more than most readers understand.
   double end = 60.0 * r.duration_mins;
-  if (has_unbroken_time(session) && r.sampling_frequency > 0) end = r.n_samples / rate_of(r);
+  if (has_unbroken_time(session) && r.sampling_frequency > 0) end = r.n_samples / exact_rate(r);
   if (!times.seconds.empty()) {
     end = std::max(end, *std::max_element(times.seconds.begin(), times.seconds.end()));
   }
@@ -428,7 +423,7 @@ void add_waveform(nwb_file& out, nwb_table& table, const session_state& session,
   const hdf_id column = add_column(out, table, name, description, H5T_IEEE_F32LE, H5T_NATIVE_FLOAT,
                                    {{n, n_points}}, volts.data());
   write_text_attribute(out, column, "unit", "volts");
-  const auto rate = static_cast<float>(rate_of(session.recording));
+  const auto rate = static_cast<float>(exact_rate(session.recording));
   write_attribute(out, column, "sampling_rate", H5T_IEEE_F32LE, H5T_NATIVE_FLOAT, {}, &rate);
 }
 

@@ -16,6 +16,7 @@
 #include "files/safe_file.h"
 #include "numerics/jacobi.h"
 #include "numerics/parallel.h"
+#include "recording/acquisition_facts.h"
 #include "session/run_log.h"
 #include "session/template_window.h"
 
@@ -426,14 +427,12 @@ bool write_samples(const phy_export& x) {
 
 bool write_params(const phy_export& x) {
   const recording_store& r = x.session.recording;
-  const double rate = r.file_type == file_type_bin && r.sampling_frequency_exact > 0
-                          ? r.sampling_frequency_exact
-                          : double{static_cast<double>(r.sampling_frequency)};
-  return write_text_file(x, "params.py",
-                         fmt::format("dat_path = 'recording.dat'\nn_channels_dat = {}\n"
-                                     "dtype = 'int16'\noffset = 0\nsample_rate = {}\n"
-                                     "hp_filtered = {}\n",
-                                     r.n_channels, rate, r.recording_filtered ? "True" : "False"));
+  return write_text_file(
+      x, "params.py",
+      fmt::format("dat_path = 'recording.dat'\nn_channels_dat = {}\n"
+                  "dtype = 'int16'\noffset = 0\nsample_rate = {}\n"
+                  "hp_filtered = {}\n",
+                  r.n_channels, exact_rate(r), r.recording_filtered ? "True" : "False"));
 }
 
 bool write_folder(phy_export& x) {

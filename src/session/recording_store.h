@@ -106,7 +106,7 @@ struct recording_store {
   std::int32_t max_vd_samples = 0;        // highest usable time index of vd
   voltage_store vd;                       // bits; written by readers and filters alone
   std::int32_t sampling_frequency = 0;    // Hz
-  double sampling_frequency_exact = 0.0;  // Hz; file type 14 only, whose rate need not be whole
+  double sampling_frequency_exact = 0.0;  // Hz, of a rate that need not be whole; 0: it is
   float vscale_HP = 1.0f;                 // µV per bit of vd
   float vscale_norm = 1.0f;               // scale of clustering distance units, 1 from start-up on
   float duration_mins = 0.0f;             // compute_duration

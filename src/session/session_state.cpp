@@ -1,10 +1,6 @@
 #include "session/session_state.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <cmath>
-#include <limits>
 #include <thread>
 
 #include "numerics/parallel.h"
@@ -14,90 +10,6 @@
 namespace kestrelvane {
 
 namespace {
-
-// Bytes of one template array per channel, as the memory message counts them.
-constexpr double template_bytes_per_channel = 4.0 * template_slot_limit * template_point_limit;
-
-constexpr std::int64_t no_fixed_size = -1;
-
-// The time axis of each format, in samples.
-std::int64_t time_axis(recording_store& r, std::int64_t file_bytes) {
-  const std::int64_t n_channels = std::max(r.n_channels, 1);
-  switch (r.file_type) {
-    case file_type_srf:
-      return std::int64_t{r.n_samples} + 10000;
-    case file_type_ntt:
-      r.n_channels = 4;
-      return file_bytes / 2 + 10000;
-    case file_type_prf:
-      return file_bytes / (2 * n_channels) + 5'000'000;
-    case file_type_plx:
-    case file_type_xml:
-      return r.max_vd_samples;
-    case file_type_bin: {
-      const std::int64_t samples = file_bytes / (2 * n_channels);
-      r.n_samples = static_cast<std::int32_t>(
-          std::min<std::int64_t>(samples, std::numeric_limits<std::int32_t>::max() - 1000));
-      return samples + 1000;
-    }
-    case file_type_unknown:
-    case file_type_tsf:
-      return no_fixed_size;
-    default:  // .ncs, .mcd, HDF5, .nwb, .nev, .nsX, .rhd, .pl2
-      return std::int64_t{r.n_samples} + 1000;
-  }
-}
-
-// Formats that store records with time stamps of their own.
-bool has_timestamp_map(const recording_store& r) {
-  switch (r.file_type) {
-    case file_type_unknown:
-    case file_type_srf:
-    case file_type_prf:
-    case file_type_rhd:
-    case file_type_bin:
-      return false;
-    default:
-      return !r.is_continuous;
-  }
-}
-
-bool allocate_timestamp_map(session_state& session) {
-  recording_store& r = session.recording;
-  const std::int64_t units = r.electrode_type == electrode_tetrode ? r.n_tetrodes : r.n_channels;
-  r.records_per_unit = r.electrode_type == electrode_utah_array ? 2'000'000 : 5'000'000;
-  const std::int64_t elements = units * (std::int64_t{r.records_per_unit} + 1);
-  if (r.event_timestamp.reserve(elements) && r.event_record_unit.reserve(elements)) return true;
-  r.event_timestamp.release();
-  r.event_record_unit.release();
-  r.records_per_unit = 0;
-  tell(session, "Not enough memory for timestamp map", "Problem");
-  return false;
-}
-
-void release_timestamp_map(recording_store& r) {
-  r.event_timestamp.release();
-  r.event_record_unit.release();
-  r.records_per_unit = 0;
-}
-
-// Gigabytes (10^9 bytes), rounded, as the memory messages print them.
-std::string rounded_gigabytes(double bytes) {
-  return fmt::format("{:4}", static_cast<std::int64_t>(std::lround(bytes / 1e9)));
-}
-
-void report_no_memory_for_samples(const session_state& session, std::int64_t max_time) {
-  const recording_store& r = session.recording;
-  log_message(session, fmt::format("n_channels={} max_vd_samples={}", r.n_channels, max_time));
-  const double bytes = 2.0 * r.n_channels * static_cast<double>(max_time);
-  tell(session,
-       "Not enough memory: about " + rounded_gigabytes(bytes) + " GB needed for recording data",
-       "Problem");
-  if (!r.is_continuous && session.preferences.treat_as_continuous) {
-    tell(session, "Try turning off 'treat event based recording as continuous' option",
-         "Suggestion", box_icon::information);
-  }
-}
 
 void reset_recording(recording_store& r) {
   r.recording_path = "No data file";
@@ -185,47 +97,6 @@ void set_thread_count(session_state& session, std::int32_t n) {
   session.max_clusters = cluster_limit - session.n_cpus;
 }
 
-bool allocate_templates(session_state& session) {
-  template_table& t = session.templates;
-  const std::int32_t n_channels = session.recording.n_channels;
-  const std::int64_t elements =
-      std::int64_t{template_slot_limit} * n_channels * template_point_limit;
-  t.template_mean.release();
-  t.template_sd.release();
-  t.allocated_channels = 0;
-  if (n_channels >= 0 && t.template_mean.reserve(elements) && t.template_sd.reserve(elements)) {
-    t.allocated_channels = n_channels;
-    return true;
-  }
-  t.template_mean.release();
-  log_message(session, fmt::format("n_channels={}", n_channels));
-  tell(session,
-       "Not enough memory: about " + rounded_gigabytes(n_channels * template_bytes_per_channel) +
-           " additional GB needed for templates",
-       "Problem");
-  return false;
-}
-
-bool allocate_recording(session_state& session, std::int64_t file_bytes) {
-  recording_store& r = session.recording;
-  r.vd.release();
-  release_timestamp_map(r);
-  const std::int64_t max_time = time_axis(r, file_bytes);
-  if (max_time != no_fixed_size) {
-    const bool countable = max_time >= 0 && max_time <= std::numeric_limits<std::int32_t>::max();
-    if (!countable || !r.vd.allocate(max_time, r.n_channels)) {
-      report_no_memory_for_samples(session, max_time);
-      return false;
-    }
-    r.max_vd_samples = static_cast<std::int32_t>(max_time);
-  }
-  if (has_timestamp_map(r) && !allocate_timestamp_map(session)) {
-    r.vd.release();
-    return false;
-  }
-  return allocate_templates(session);
-}
-
 void compute_duration(session_state& session) {
   recording_store& r = session.recording;
   r.duration_mins = 0.0f;
@@ -262,6 +133,12 @@ std::int64_t event_record_time_ms(const session_state& session, std::int64_t tim
   if (record < 0 || record > r.records_per_unit) return 0;
   const bool tetrodes = r.electrode_type == electrode_tetrode;
   return r.timestamp(record, tetrodes ? r.tetrode_of_channel[channel] : channel) / 1000;
+}
+
+void release_timestamp_map(recording_store& r) {
+  r.event_timestamp.release();
+  r.event_record_unit.release();
+  r.records_per_unit = 0;
 }
 
 void reset_session(session_state& session) {

@@ -121,17 +121,6 @@ inline std::int32_t threads_now(const session_state& session) {
   return session.multi_threaded_now ? session.n_threads : 1;
 }
 
-// allocate_templates: room for n_channels of the recording, zeroed. False on
-// failure, after the log line and the box.
-bool allocate_templates(session_state& session);
-
-// Sizes and allocates vd for the format in recording.file_type, the time stamp map
-// of event-based recordings, and templates. Reads n_channels and n_samples (.srf:
-// the samples reached by the last record) or, for .plx and .xml, max_vd_samples; sets
-// n_channels of .ntt and n_samples of .bin from the file's size. False on failure,
-// after the log lines and the box; .tsf does it for itself.
-bool allocate_recording(session_state& session, std::int64_t file_bytes);
-
 // Sets duration_mins (minutes) from samples, epochs or record time stamps.
 void compute_duration(session_state& session);
 
@@ -139,6 +128,9 @@ void compute_duration(session_state& session);
 // recording; 0 when there is none.
 std::int64_t event_record_time_ms(const session_state& session, std::int64_t time_index,
                                   std::int32_t channel);
+
+// Gives back the time stamps of stored records.
+void release_timestamp_map(recording_store& recording);
 
 // Forgets recording, events and clusters, closes the log file; settings stay, and
 // so does the allocation of vd, which the next recording replaces.

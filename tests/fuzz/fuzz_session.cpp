@@ -7,6 +7,7 @@
 
 #include "operations/open_recording.h"
 #include "recording/site_tables.h"
+#include "recording/storage.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
 

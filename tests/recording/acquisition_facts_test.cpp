@@ -32,7 +32,6 @@ TEST(acquisition_facts, a_continuous_recording) {
   EXPECT_EQ(facts.voltage_scaling, "0.25");
   r.no_config_file = false;
   r.config_path = "shank.cfg";
-  r.file_type = file_type_bin;
   r.sampling_frequency_exact = 30000.1234567;
   facts = list_acquisition_facts(*session);
   EXPECT_EQ(facts.config_file, "shank.cfg");

@@ -84,12 +84,11 @@ TEST_F(export_test, every_unit_gets_a_text_file) {
 TEST_F(export_test, times_follow_the_kind_of_recording) {
   recording_store& r = session->recording;
   EXPECT_EQ(event_seconds(*session, 2), 1000001 * double{1.0f / 25000.0f});
-  r.file_type = file_type_bin;
   r.sampling_frequency_exact = 30000.5;
   EXPECT_EQ(event_seconds(*session, 2), 1000001 * (1.0 / 30000.5));
 
   // Event-based: the stamp of the record, in whole ms, after the start.
-  r.file_type = file_type_ntt;
+  r.sampling_frequency_exact = 0;
   r.is_continuous = false;
   r.samples_per_event = 32;
   r.first_timestamp = 123456789;

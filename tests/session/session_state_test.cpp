@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "files/safe_file.h"
+#include "recording/storage.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -31,102 +32,6 @@ TEST(session, starts_with_limits_and_defaults) {
   set_thread_count(*session, 1);
   EXPECT_EQ(threads_now(*session), 1);
   EXPECT_EQ(session->max_clusters, 3936);
-}
-
-TEST(session, sizes_vd_by_format) {
-  struct {
-    std::int32_t file_type, n_channels, n_samples, max_before;
-    std::int64_t file_bytes;
-    std::int32_t max_after, channels_after, samples_after;
-  } const cases[] = {
-      {file_type_srf, 3, 700, 0, 0, 10700, 3, 700}, {file_type_ntt, 1, 0, 0, 5001, 12500, 4, 0},
-      {file_type_ncs, 2, 700, 0, 0, 1700, 2, 700},  {file_type_prf, 2, 0, 0, 4003, 5'001'000, 2, 0},
-      {file_type_plx, 2, 0, 777, 0, 777, 2, 0},     {file_type_xml, 2, 0, 778, 0, 778, 2, 0},
-      {file_type_rhd, 2, 50, 0, 0, 1050, 2, 50},    {file_type_bin, 5, 0, 0, 1003, 1100, 5, 100},
-  };
-  small_session session;
-  recording_store& r = session->recording;
-  for (const auto& c : cases) {
-    r.file_type = c.file_type;
-    r.n_channels = c.n_channels;
-    r.n_samples = c.n_samples;
-    r.max_vd_samples = c.max_before;
-    ASSERT_TRUE(allocate_recording(*session, c.file_bytes)) << c.file_type;
-    EXPECT_EQ(r.max_vd_samples, c.max_after) << c.file_type;
-    EXPECT_EQ(r.vd.max_time(), c.max_after) << c.file_type;
-    EXPECT_EQ(r.n_channels, c.channels_after) << c.file_type;
-    EXPECT_EQ(r.n_samples, c.samples_after) << c.file_type;
-    EXPECT_EQ(session->templates.allocated_channels, c.channels_after);
-    EXPECT_EQ(r.vd.channel(1)[-vd_margin], 0);
-    EXPECT_EQ(r.vd.channel(r.n_channels + 1)[c.max_after], 0);
-  }
-}
-
-TEST(session, time_stamp_map_belongs_to_some_event_based_formats) {
-  small_session session;
-  recording_store& r = session->recording;
-  r.n_channels = 8;
-  r.n_tetrodes = 2;
-  r.n_samples = 10;
-  r.is_continuous = false;
-  const auto capacity = [&](std::int32_t file_type, std::int32_t electrode) {
-    r.file_type = file_type;
-    r.electrode_type = electrode;
-    r.max_vd_samples = 1000;
-    EXPECT_TRUE(allocate_recording(*session, 0));
-    return std::pair<std::int64_t, std::int64_t>(r.records_per_unit, r.event_timestamp.capacity());
-  };
-  using sizes = std::pair<std::int64_t, std::int64_t>;
-  EXPECT_EQ(capacity(file_type_plx, electrode_tetrode), sizes(5'000'000, 2 * 5'000'001));
-  EXPECT_EQ(capacity(file_type_plx, electrode_polytrode), sizes(5'000'000, 8 * 5'000'001));
-  EXPECT_EQ(capacity(file_type_nev, electrode_utah_array), sizes(2'000'000, 8 * 2'000'001));
-  for (std::int32_t without : {file_type_srf, file_type_prf, file_type_rhd, file_type_bin}) {
-    EXPECT_EQ(capacity(without, electrode_polytrode), sizes(0, 0)) << without;
-  }
-  r.is_continuous = true;
-  EXPECT_EQ(capacity(file_type_plx, electrode_polytrode), sizes(0, 0));
-}
-
-TEST(session, says_how_much_memory_is_missing) {
-  small_session session;
-  recording_store& r = session->recording;
-  r.file_type = file_type_ncs;
-  r.n_channels = 4096;
-  r.n_samples = 2'000'000'000;
-  EXPECT_FALSE(allocate_recording(*session, 0));
-  EXPECT_FALSE(r.vd.is_allocated());
-  EXPECT_TRUE(session.user.logged("n_channels=4096 max_vd_samples=2000001000"));
-  EXPECT_TRUE(
-      session.user.told("Not enough memory: about 16384 GB needed for recording data", "Problem"));
-  EXPECT_EQ(session.user.boxes.size(), 1u);
-
-  // An event-based recording on one time axis gets a suggestion too.
-  r.is_continuous = false;
-  session->preferences.treat_as_continuous = true;
-  EXPECT_FALSE(allocate_recording(*session, 0));
-  EXPECT_EQ(session.user.boxes.size(), 3u);
-  EXPECT_TRUE(session.user.told(
-      "Try turning off 'treat event based recording as continuous' option", "Suggestion"));
-
-  // A file too long for a time index.
-  r.is_continuous = true;
-  r.file_type = file_type_prf;
-  r.n_channels = 1;
-  EXPECT_FALSE(allocate_recording(*session, std::int64_t{1} << 40));
-  EXPECT_EQ(session.user.boxes.size(), 4u);
-
-  r.n_channels = 100'000'000;
-  EXPECT_FALSE(allocate_templates(*session));
-  EXPECT_TRUE(session.user.told(
-      "Not enough memory: about 245466 additional GB needed for templates", "Problem"));
-  EXPECT_EQ(session->templates.allocated_channels, 0);
-
-  r.n_channels = 100'000'000;
-  r.n_samples = 0;
-  r.file_type = file_type_tsf;
-  r.is_continuous = false;
-  EXPECT_FALSE(allocate_recording(*session, 0));
-  EXPECT_TRUE(session.user.told("Not enough memory for timestamp map", "Problem"));
 }
 
 TEST(session, duration_follows_samples_epochs_or_time_stamps) {
@@ -158,13 +63,11 @@ TEST(session, duration_follows_samples_epochs_or_time_stamps) {
 
   // Event-based: the last stamp of any tetrode.
   r.is_continuous = false;
-  r.file_type = file_type_plx;
   r.electrode_type = electrode_tetrode;
   r.n_channels = 8;
   r.n_tetrodes = 2;
-  r.max_vd_samples = 100;
   r.samples_per_event = 32;
-  ASSERT_TRUE(allocate_recording(*session, 0));
+  ASSERT_TRUE(allocate_recording(*session, 100));
   r.tetrode_event_count[1] = 3;
   r.timestamp(3, 1) = 120'000'999;
   r.tetrode_event_count[2] = 2;

@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "recording/site_tables.h"
+#include "recording/storage.h"
 #include "session/template_window.h"
 
 namespace kestrelvane::test {

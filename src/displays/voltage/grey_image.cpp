@@ -1,4 +1,5 @@
 #include "displays/voltage/grey_image.h"
+#include "recording/recording_formats.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,7 +9,7 @@ namespace kestrelvane {
 
 grey_layout lay_out_grey_image(const session_state& session, const voltage_layout& layout) {
   const recording_store& r = session.recording;
-  const bool one_tetrode = r.file_type == file_type_ntt;
+  const bool one_tetrode = habits_of(r).one_tetrode;
   grey_layout grey;
   if (r.n_channels <= 8 || one_tetrode) grey.row_height = 10;
   if (one_tetrode) grey.offset = 50;

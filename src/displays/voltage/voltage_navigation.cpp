@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "displays/voltage/voltage_geometry.h"
+#include "recording/acquisition_facts.h"
 #include "signal/display_scale.h"
 
 namespace kestrelvane {
@@ -187,8 +188,7 @@ std::string position_minutes_text(const session_state& session) {
   const recording_store& r = session.recording;
   const std::int32_t first = session.view.vd_first_sample;
   if (r.is_continuous || session.preferences.treat_as_continuous) {
-    const double rate = r.file_type == file_type_bin ? r.sampling_frequency_exact
-                                                     : static_cast<double>(r.sampling_frequency);
+    const double rate = exact_rate(r);
     return rate > 0 ? fmt::format("{:.4f}", first / rate / 60.0) : std::string{};
   }
   if (r.electrode_type != electrode_tetrode || r.n_tetrodes != 1 || r.samples_per_event <= 0) {

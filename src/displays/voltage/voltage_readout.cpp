@@ -10,6 +10,7 @@
 #include "displays/display_fonts.h"
 #include "displays/voltage/peak_summary.h"
 #include "displays/voltage/voltage_geometry.h"
+#include "recording/acquisition_facts.h"
 
 namespace kestrelvane {
 
@@ -128,8 +129,7 @@ double minutes_of_index(const session_state& session, std::int32_t index, std::i
   if (!r.is_continuous && !session.preferences.treat_as_continuous) {
     return static_cast<double>(event_record_time_ms(session, index, channel)) / 60000.0;
   }
-  const double rate = r.file_type == file_type_bin ? r.sampling_frequency_exact
-                                                   : static_cast<double>(r.sampling_frequency);
+  const double rate = exact_rate(r);
   return rate > 0 ? index / (rate * 60.0) : 0.0;
 }
 

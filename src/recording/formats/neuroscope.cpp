@@ -13,6 +13,7 @@
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -170,13 +171,12 @@ bool read_xml_recording(session_state& session, const recording_request& request
     return false;
   input_file dat;
   if (!open_input_file(dat, replace_extension(request.path, ".dat"))) return false;
-  constexpr std::int64_t spare_samples = 1000;
-  const std::int64_t most_samples = dat.size / (std::int64_t{2} * n_file_channels) + spare_samples;
+  const std::int64_t most_samples =
+      dat.size / (std::int64_t{2} * n_file_channels) + usual_spare_samples;
   if (!check_sample_count(session, most_samples)) return false;
-  r.max_vd_samples = static_cast<std::int32_t>(most_samples);
   r.is_continuous = true;
   r.electrode_type = electrode_polytrode;
-  if (!allocate_recording(session, dat.size)) return false;
+  if (!allocate_recording(session, most_samples)) return false;
   interleaved_channels channels = map_interleaved(session, n_file_channels);
   subtract_offset(session, channels, values.offset.value_or(0));
   if (!read_dat_samples(session, dat, channels)) return false;

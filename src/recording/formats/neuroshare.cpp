@@ -19,6 +19,7 @@
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -359,14 +360,16 @@ bool read_values(session_state& session, const ns_library& library,
 }  // namespace
 
 bool read_mcd(session_state& session, const recording_request& request) {
+  const recording_store& r = session.recording;
   input_file file;
   if (!open_input_file(file, request.path)) {
     log_message(session, file.problem);
     return report_bad_read(session, 0);
   }
   ns_library library;
-  if (!load_library(session, request.path, library) || !find_routines(session, library))
+  if (!load_library(session, request.path, library) || !find_routines(session, library)) {
     return false;
+  }
   const ns_result code = library.open_file(request.path.c_str(), &library.handle);
   if (code != 0) return report_code(session, "Error accessing MCD format file", code);
   library.file_is_open = true;
@@ -374,11 +377,12 @@ bool read_mcd(session_state& session, const recording_request& request) {
   std::vector<ns_channel> channels;
   if (!count_entities(session, library, file, n_entities) ||
       !list_channels(session, library, n_entities, channels) ||
-      !take_channels(session, file, channels) || !allocate_recording(session, file.size) ||
+      !take_channels(session, file, channels) ||
+      !allocate_recording(session, r.n_samples + usual_spare_samples) ||
       !read_values(session, library, channels)) {
     return false;
   }
-  if (session.recording.no_config_file) place_channels_in_columns(session);
+  if (r.no_config_file) place_channels_in_columns(session);
   set_progress(session, meter::reading, 100, 115);
   return true;
 }

@@ -17,6 +17,7 @@
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -391,7 +392,7 @@ bool read_open_ephys(session_state& session, const recording_request& request) {
   if (r.no_config_file && !place_channels_of_probe(session, request.path, streams, *stream)) {
     place_channels_in_line(session);
   }
-  return allocate_recording(session, dat.size) &&
+  return allocate_recording(session, r.n_samples + usual_spare_samples) &&
          read_stream(session, folder, *stream, channels, dat);
 }
 

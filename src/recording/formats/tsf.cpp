@@ -15,7 +15,7 @@
 #include "numerics/parallel.h"
 #include "recording/header_checks.h"
 #include "recording/site_tables.h"
-#include "signal/thresholds.h"
+#include "recording/storage.h"
 
 namespace kestrelvane {
 
@@ -345,7 +345,6 @@ bool read_tail(session_state& session, const input_file& file, const tsf_layout&
   return read_fake_spikes(session, file, layout.tail_at + 4);
 }
 
-// Numbers without events get no template, but none may be without a channel.
 // What follows the reading, in every format.
 void close_read(session_state& session, const std::string& path, const tsf_layout& layout) {
   recording_store& r = session.recording;
@@ -353,13 +352,9 @@ void close_read(session_state& session, const std::string& path, const tsf_layou
     log_message(session, fmt::format("{:8} test spikes present", r.n_fake_spikes));
   }
   log_message(session, fmt::format("Sampling frequency = {:8}", r.sampling_frequency));
-  if (r.site_pitch == 0) compute_site_pitch(session);
   r.site_columns = 2;
-  build_site_tables(session);
   if (layout.format != tsf_current_format) sort_channels(session, old_file_scan_angle);
-  set_fixed_threshold_bits(session);
   r.tsf_path = path;
-  session.filter_history.n_entries = 0;
   r.clusters_are_planted = layout.format == 1001;
   session.clusters.current_cluster = 1;
 }

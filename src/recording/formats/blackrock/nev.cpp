@@ -13,6 +13,7 @@
 #include "recording/header_checks.h"
 #include "recording/site_layouts.h"
 #include "recording/site_tables.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -113,7 +114,7 @@ std::int64_t count_time_samples(const session_state& session, const nev_reading&
   return by_waveform;
 }
 
-bool allocate_store(session_state& session, const input_file& file, nev_reading& reading) {
+bool allocate_store(session_state& session, const nev_reading& reading) {
   recording_store& r = session.recording;
   const std::int64_t n_samples = session.preferences.treat_as_continuous
                                      ? count_time_samples(session, reading)
@@ -124,7 +125,7 @@ bool allocate_store(session_state& session, const input_file& file, nev_reading&
   r.is_continuous = false;
   r.electrode_type = electrode_utah_array;
   session.detection.use_lockout = true;  // it suits data that are cut into events
-  return allocate_recording(session, file.size);
+  return allocate_recording(session, r.n_samples + usual_spare_samples);
 }
 
 // --- packets
@@ -311,7 +312,7 @@ bool read_file(session_state& session, const std::string& path) {
   log_message(session, fmt::format("There are {} channels", r.n_channels));
   log_message(session, fmt::format("Sample Frequency = {} Hz", r.sampling_frequency));
   log_message(session, "Reading waveforms, please wait ...");
-  if (!count_waveforms(session, file, reading) || !allocate_store(session, file, reading)) {
+  if (!count_waveforms(session, file, reading) || !allocate_store(session, reading)) {
     return false;
   }
   reading.slots = list_nev_slots(session, layout.n_file_channels);

@@ -16,6 +16,7 @@
 #include "recording/interleaved.h"
 #include "recording/record_start.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -268,7 +269,7 @@ bool read_file(session_state& session, const std::string& path) {
   r.n_samples = static_cast<std::int32_t>(n_samples);
   log_message(session, fmt::format("There are {} channels", r.n_channels));
   log_message(session, fmt::format("Sample Frequency = {} Hz", r.sampling_frequency));
-  if (!allocate_recording(session, file.size)) return false;
+  if (!allocate_recording(session, r.n_samples + usual_spare_samples)) return false;
   if (!read_samples(session, file, header, runs)) return false;
   if (r.no_config_file) place_channels_in_line(session);
   set_progress(session, meter::reading, 100, 115);

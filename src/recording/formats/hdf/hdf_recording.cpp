@@ -12,6 +12,7 @@
 #include "recording/formats/hdf/hdf_walk.h"
 #include "recording/header_checks.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -96,7 +97,8 @@ hdf_error prepare(hdf_read& read) {
   r.n_channels = static_cast<std::int32_t>(read.layout.n_channels);
   r.n_samples = static_cast<std::int32_t>(read.layout.n_samples);
   r.is_continuous = true;
-  return allocate_recording(session, 0) ? hdf_error::none : hdf_error::memory;
+  return allocate_recording(session, r.n_samples + usual_spare_samples) ? hdf_error::none
+                                                                        : hdf_error::memory;
 }
 
 std::string megabytes_per_second(const hdf_read& read, double seconds) {

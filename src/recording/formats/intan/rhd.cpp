@@ -11,6 +11,7 @@
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -247,7 +248,7 @@ bool read_rhd(session_state& session, const recording_request& request) {
   const std::int64_t n_blocks = (file.size - header.first_block) / header.block_bytes;
   if (!check_blocks(session, header, n_blocks)) return false;
   r.n_samples = static_cast<std::int32_t>(n_blocks * header.samples_per_block);
-  if (!allocate_recording(session, file.size)) return false;
+  if (!allocate_recording(session, r.n_samples + usual_spare_samples)) return false;
   log_message(session, "Reading waveforms, please wait ...");
   if (!read_blocks(session, file, header, n_blocks)) return false;
   log_end(session, file, header);

@@ -18,7 +18,7 @@
 #include "recording/event_records.h"
 #include "recording/header_checks.h"
 #include "recording/site_layouts.h"
-#include "recording/site_tables.h"
+#include "recording/storage.h"
 
 namespace kestrelvane {
 
@@ -279,12 +279,12 @@ std::int64_t count_ncs_samples(const ncs_survey& survey, std::int32_t frequency)
          spare_samples;
 }
 
-bool allocate_ncs(session_state& session, const input_file& file, std::int64_t n) {
+bool allocate_ncs(session_state& session, std::int64_t n) {
   recording_store& r = session.recording;
   if (!check_sample_count(session, n)) return false;
   r.n_samples = static_cast<std::int32_t>(n);
   log_message(session, fmt::format("allocating {} {}", r.n_samples, r.n_channels));
-  return allocate_recording(session, file.size);
+  return allocate_recording(session, r.n_samples + usual_spare_samples);
 }
 
 // --- one channel: the file is read once. Records are taken to be full; where some are not,
@@ -331,7 +331,7 @@ one_pass read_one_channel(session_state& session, const input_file& file, ncs_su
   recording_store& r = session.recording;
   const std::int64_t n_stored = count_records(file) * ncs_samples;
   r.n_channels = 1;
-  if (!allocate_ncs(session, file, n_stored + spare_samples)) return one_pass::failed;
+  if (!allocate_ncs(session, n_stored + spare_samples)) return one_pass::failed;
   const one_pass outcome = read_full_records(session, file, survey, channel);
   if (outcome != one_pass::done) return outcome;
   if (!place_records(session, survey)) return one_pass::failed;
@@ -354,7 +354,7 @@ bool read_channels(session_state& session, const input_file& file, ncs_survey& s
   const std::int64_t n_records = count_records(file);
   if (!for_each_ncs_block(session, file, n_records, 0, survey_block) ||
       !place_records(session, survey) ||
-      !allocate_ncs(session, file, count_ncs_samples(survey, r.sampling_frequency))) {
+      !allocate_ncs(session, count_ncs_samples(survey, r.sampling_frequency))) {
     return false;
   }
   const auto store_block = [&](std::int64_t first, std::int64_t count, const char* bytes) {
@@ -454,7 +454,10 @@ void store_ntt_record(session_state& session, const ntt_record& record) {
 bool allocate_ntt(session_state& session, const input_file& file, std::int64_t n_records) {
   recording_store& r = session.recording;
   r.n_tetrodes = 1;
-  if (!allocate_recording(session, file.size)) return false;
+  r.n_channels = ntt_channels;
+  // A record takes twice the length of its waveform, which is less than half of its bytes.
+  constexpr std::int64_t ntt_spare_samples = 10'000;
+  if (!allocate_recording(session, file.size / 2 + ntt_spare_samples)) return false;
   log_message(session, fmt::format("max_vd_samples= {}", r.max_vd_samples));
   const std::int64_t n = std::min<std::int64_t>(n_records, r.records_per_unit);
   return r.ntt_features.reserve(n * ntt_feature_count) ||
@@ -502,10 +505,8 @@ void finish_ntt(session_state& session) {
   recording_store& r = session.recording;
   log_message(session,
               fmt::format("There are {} clusters in the file", session.clusters.n_clusters));
-  r.n_channels = ntt_channels;
   set_tetrode_map(session);
   r.chan_mask.clear();
-  build_site_tables(session);
   set_ntt_window(session);
   session.clusters.current_cluster = session.clusters.previous_cluster = 1;
 }

@@ -12,7 +12,7 @@
 #include "recording/header_checks.h"
 #include "recording/record_start.h"
 #include "recording/site_layouts.h"
-#include "recording/site_tables.h"
+#include "recording/storage.h"
 
 namespace kestrelvane {
 
@@ -142,7 +142,6 @@ void make_clusters(session_state& session, const plx_plan& plan, const plx_units
 
 void finish_read(session_state& session, const plx_plan& plan) {
   if (plan.tetrodes) set_tetrode_map(session);
-  build_site_tables(session);
   const std::int32_t n = session.clusters.n_clusters;
   session.clusters.current_cluster = 1;
   log_message(session, n == 0   ? "There are no clusters in the file"
@@ -155,11 +154,9 @@ void finish_read(session_state& session, const plx_plan& plan) {
 
 }  // namespace
 
-bool allocate_plx_samples(session_state& session, const input_file& file, std::int64_t estimate) {
+bool allocate_plx_samples(session_state& session, std::int64_t estimate) {
   const std::int64_t needed = estimate + spare_samples;
-  session.recording.max_vd_samples = static_cast<std::int32_t>(
-      std::min<std::int64_t>(needed, std::numeric_limits<std::int32_t>::max()));
-  if (check_sample_count(session, needed) && allocate_recording(session, file.size)) return true;
+  if (check_sample_count(session, needed) && allocate_recording(session, needed)) return true;
   log_message(session, fmt::format("Not enough memory for data {}", needed));
   return false;
 }

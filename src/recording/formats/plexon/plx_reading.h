@@ -43,7 +43,7 @@ plx_block_stream plx_stream(const input_file& file, const plx_plan& plan);
 bool next_scanned_block(const session_state& session, plx_block_stream& in, plx_block& block);
 
 // Allocates vd for an estimated length.
-bool allocate_plx_samples(session_state& session, const input_file& file, std::int64_t estimate);
+bool allocate_plx_samples(session_state& session, std::int64_t estimate);
 
 // Words from a time index on, as far as the recording has room for them. Any thread.
 void store_plx_words(recording_store& r, std::int32_t channel, std::int64_t index,

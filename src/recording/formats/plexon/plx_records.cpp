@@ -166,7 +166,7 @@ bool read_plx_records(session_state& session, const input_file& file, const plx_
   r.samples_per_event = plan.record_samples;
   r.sampling_frequency = plx_waveform_rate(h);
   if (h.waveform_freq == 0) log_message(session, "Using A/D Frequency as Waveform Frequency");
-  if (!set_spike_scale(session, plan) || !allocate_plx_samples(session, file, plan.estimate)) {
+  if (!set_spike_scale(session, plan) || !allocate_plx_samples(session, plan.estimate)) {
     return false;
   }
   const std::string kind = plan.tetrodes ? "tetrode data" : "recording data";

@@ -253,7 +253,7 @@ bool read_plx_slow(session_state& session, const input_file& file, const plx_pla
   recording_store& r = session.recording;
   log_message(session, "Reading continuous A/D records");
   if (!take_slow_channels(session, plan.headers) ||
-      !allocate_plx_samples(session, file, estimate_slow(session, file, plan))) {
+      !allocate_plx_samples(session, estimate_slow(session, file, plan))) {
     return false;
   }
   const plx_units listed = count_listed_units(session, plan.headers);

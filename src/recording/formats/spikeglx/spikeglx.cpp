@@ -12,6 +12,7 @@
 #include "recording/header_checks.h"
 #include "recording/interleaved.h"
 #include "recording/site_tables.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -213,8 +214,10 @@ bool read_bin_recording(session_state& session, const recording_request& request
   input_file file;
   if (!open_input_file(file, request.path)) return false;
   compare_sizes(session, meta.n_file_bytes, file.size);
-  if (!allocate_recording(session, file.size)) return false;
-  if (!check_sample_count(session, r.n_samples)) return false;
+  const std::int64_t n_samples = file.size / (2 * std::int64_t{r.n_channels});
+  if (!allocate_recording(session, n_samples + usual_spare_samples)) return false;
+  if (!check_sample_count(session, n_samples)) return false;
+  r.n_samples = static_cast<std::int32_t>(n_samples);
   if (!read_blocks(session, file, meta.n_saved_channels)) return false;
   order_channels_linearly(session);
   return true;

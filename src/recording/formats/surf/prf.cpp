@@ -12,6 +12,7 @@
 #include "numerics/parallel.h"
 #include "recording/formats/surf/surf.h"
 #include "recording/header_checks.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
@@ -186,7 +187,10 @@ bool read_prf(session_state& session, const recording_request& request) {
   r.vscale_HP = uv_per_bit;
   if (!read_header(session, walk)) return false;
   log_message(session, "Allocating memory for prf file");
-  if (!allocate_recording(session, file.size)) return false;
+  // Blank seconds stand between the epochs, however short these are.
+  constexpr std::int64_t room_for_blanks = 5'000'000;
+  const std::int64_t stored = file.size / (2 * std::int64_t{r.n_channels});
+  if (!allocate_recording(session, stored + room_for_blanks)) return false;
   std::int64_t total = 0;
   for (std::int32_t e = 1; e <= r.n_epochs; ++e) {
     if (!read_epoch(session, walk, e, total)) return false;

@@ -8,13 +8,15 @@
 #include "recording/formats/surf/surf_records.h"
 #include "recording/header_checks.h"
 #include "recording/site_layouts.h"
+#include "recording/storage.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {
 
 namespace {
 
-constexpr std::int32_t mid_scale = 2048;  // the value of 0 V
+constexpr std::int64_t spare_samples = 10'000;  // allocated behind the last record
+constexpr std::int32_t mid_scale = 2048;        // the value of 0 V
 constexpr std::int32_t bar_of_records = 20, bar_of_spikes = 90, bar_of_lfp = 100;
 
 // µV per bit of a layout.
@@ -247,8 +249,8 @@ bool read_srf(session_state& session, const recording_request& request) {
     return refuse_file(session, "There is no layout of spike channels in file");
   r.is_continuous = true;
   if (!take_layout(session, *layout) || !count_samples(session, surf, *layout) ||
-      !allocate_recording(session, file.size) || !read_spike_blocks(session, file, surf, *layout) ||
-      !read_lfp_blocks(session, file, surf)) {
+      !allocate_recording(session, r.n_samples + spare_samples) ||
+      !read_spike_blocks(session, file, surf, *layout) || !read_lfp_blocks(session, file, surf)) {
     return false;
   }
   log_message(session, fmt::format("{} voltage values read", r.n_samples));
