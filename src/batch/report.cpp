@@ -111,8 +111,7 @@ json describe_units(const std::vector<unit_row>& units) {
   return rows;
 }
 
-}  // namespace
-
+// The report as indented text, ending with a line break.
 std::string print_report(session_state& session, const run_report& report,
                          const std::vector<unit_row>& units) {
   double wall = 0, cpu = 0;
@@ -139,6 +138,8 @@ std::string print_report(session_state& session, const run_report& report,
   // Paths need not be valid UTF-8; what is not is replaced rather than refused.
   return all.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
+
+}  // namespace
 
 bool write_report(session_state& session, const run_report& report,
                   const std::vector<unit_row>& units, const std::string& path) {

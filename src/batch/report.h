@@ -17,10 +17,6 @@ struct run_report {
   stage_clock clock;
 };
 
-// The report as indented text, ending with a line break.
-std::string print_report(session_state& session, const run_report& report,
-                         const std::vector<unit_row>& units);
-
 // Writes it beside its target and renames. False on failure.
 bool write_report(session_state& session, const run_report& report,
                   const std::vector<unit_row>& units, const std::string& path);

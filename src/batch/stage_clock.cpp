@@ -16,12 +16,13 @@ double seconds_of(const timeval& time) {
   return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
 }
 
-}  // namespace
-
+// Processor time of the process so far, user and system, in seconds.
 double cpu_seconds_used() {
   const rusage usage = usage_now();
   return seconds_of(usage.ru_utime) + seconds_of(usage.ru_stime);
 }
+
+}  // namespace
 
 // The system counts in units of 1024 bytes.
 std::int64_t peak_memory_bytes() { return std::int64_t{usage_now().ru_maxrss} * 1024; }

@@ -29,8 +29,6 @@ struct stage_clock {
 void begin_timed_stage(stage_clock& clock, const session_state& session, const std::string& name);
 void end_timed_stage(stage_clock& clock, const session_state& session);
 
-// Processor time of the process so far, user and system, in seconds.
-double cpu_seconds_used();
 // Largest resident size of the process so far, in bytes.
 std::int64_t peak_memory_bytes();
 

@@ -163,6 +163,7 @@ bool is_duplicate(const session_state& session, std::int32_t channel, std::int32
   const std::int32_t oldest = std::max(1, events.n_events - look_back);
   for (std::int32_t e = events.n_events; e >= oldest; --e) {
     if (std::abs(events.event_time[e] - time) <= w &&
+        // True when the sites of two channels lie within lockout_radius_um.
         event_within_lockout(session, channel, events.event_channel[e])) {
       return true;
     }

@@ -18,9 +18,6 @@ namespace kestrelvane {
 // Replaces all events.
 void detect_events_lockout(session_state& session);
 
-// True when the sites of two channels lie within lockout_radius_um.
-bool event_within_lockout(const session_state& session, std::int32_t c1, std::int32_t c2);
-
 // What a feature routine makes of a trigger on channel c at sample t.
 struct lockout_feature {
   std::int32_t channel;  // channel of the event

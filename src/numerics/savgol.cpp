@@ -42,6 +42,9 @@ bool ludcmp(double* a, std::int32_t n, std::int32_t stride, std::int32_t* rows,
   return true;
 }
 
+namespace {
+
+// Solves for b in place with what ludcmp left.
 void lu_solve(const double* a, std::int32_t n, std::int32_t stride, const std::int32_t* rows,
               double* b) {
   const auto row = [&](std::int32_t i) { return a + std::int64_t{i} * stride; };
@@ -54,6 +57,8 @@ void lu_solve(const double* a, std::int32_t n, std::int32_t stride, const std::i
     b[i] /= row(i)[i];
   }
 }
+
+}  // namespace
 
 bool savgol(float* coefficients, std::int32_t n_left, std::int32_t n_right, std::int32_t derivative,
             std::int32_t degree, const failure_log& log) {

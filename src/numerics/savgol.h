@@ -15,10 +15,6 @@ namespace kestrelvane {
 bool ludcmp(double* a, std::int32_t n, std::int32_t stride, std::int32_t* rows,
             const failure_log& log = {});
 
-// Solves for b in place with what ludcmp left.
-void lu_solve(const double* a, std::int32_t n, std::int32_t stride, const std::int32_t* rows,
-              double* b);
-
 // Coefficients that give the derivative-th derivative (0 smooths) at a sample
 // from n_left samples before it to n_right after it, by a fitted polynomial of
 // the given degree: coefficients[k] belongs to sample k - n_left. Per sample

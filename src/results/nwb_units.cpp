@@ -155,11 +155,19 @@ void finish_table(nwb_file& out, const nwb_table& table) {
   write_texts_attribute(out, table.group, "colnames", table.columns);
 }
 
+// The values of a column, and how they lie in the file and in memory.
+struct column_values {
+  hid_t type, memory_type;
+  shape extent;
+  const void* values;
+  const char* column_type = "VectorData";
+};
+
 hdf_id add_column(nwb_file& out, nwb_table& table, const char* name, const std::string& description,
-                  hid_t type, hid_t memory_type, const shape& s, const void* values,
-                  const char* column_type = "VectorData") {
-  hdf_id column = make_dataset(out, table.place + "/" + name, type, memory_type, s, values);
-  mark(out, column, column_type, common);
+                  const column_values& c) {
+  hdf_id column =
+      make_dataset(out, table.place + "/" + name, c.type, c.memory_type, c.extent, c.values);
+  mark(out, column, c.column_type, common);
   write_text_attribute(out, column, "description", description);
   table.columns.emplace_back(name);
   return column;
@@ -167,20 +175,20 @@ hdf_id add_column(nwb_file& out, nwb_table& table, const char* name, const std::
 
 hdf_id add_floats(nwb_file& out, nwb_table& table, const char* name, const std::string& description,
                   const std::vector<float>& values) {
-  return add_column(out, table, name, description, H5T_IEEE_F32LE, H5T_NATIVE_FLOAT,
-                    list_of(values.size()), values.data());
+  return add_column(out, table, name, description,
+                    {H5T_IEEE_F32LE, H5T_NATIVE_FLOAT, list_of(values.size()), values.data()});
 }
 
 void add_texts(nwb_file& out, nwb_table& table, const char* name, const std::string& description,
                const texts& values) {
-  add_column(out, table, name, description, out.text_type, out.text_type, list_of(values.size()),
-             pointers_to(values).data());
+  add_column(out, table, name, description,
+             {out.text_type, out.text_type, list_of(values.size()), pointers_to(values).data()});
 }
 
 void add_truths(nwb_file& out, nwb_table& table, const char* name, const std::string& description,
                 const std::vector<std::int8_t>& values) {
-  add_column(out, table, name, description, out.truth_type, out.truth_type, list_of(values.size()),
-             values.data());
+  add_column(out, table, name, description,
+             {out.truth_type, out.truth_type, list_of(values.size()), values.data()});
 }
 
 // Where the elements of each row end in the column of that name; the smallest width that
@@ -302,8 +310,8 @@ void write_electrodes(nwb_file& out, const recording_store& r) {
     if (out.failed) break;
     expect(out, H5Rcreate(&reference, out.file, group.c_str(), H5R_OBJECT, H5I_INVALID_HID) >= 0);
   }
-  add_column(out, table, "group", "the electrode group", H5T_STD_REF_OBJ, H5T_STD_REF_OBJ,
-             list_of(n), groups.data());
+  add_column(out, table, "group", "the electrode group",
+             {H5T_STD_REF_OBJ, H5T_STD_REF_OBJ, list_of(n), groups.data()});
   add_texts(out, table, "group_name", "name of the electrode group", texts(n, group_name(r)));
   std::vector<float> x(r.chan_x.first(), r.chan_x.first() + n);
   std::vector<float> y(r.chan_y.first(), r.chan_y.first() + n);
@@ -365,8 +373,8 @@ void add_times(nwb_file& out, nwb_table& table, const session_state& session) {
   const recording_store& r = session.recording;
   const unit_times times = list_times(session);
   const hdf_id column = add_column(
-      out, table, "spike_times", "times of the spikes, s from the first sample", H5T_IEEE_F64LE,
-      H5T_NATIVE_DOUBLE, list_of(times.seconds.size()), times.seconds.data());
+      out, table, "spike_times", "times of the spikes, s from the first sample",
+      {H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, list_of(times.seconds.size()), times.seconds.data()});
   if (r.sampling_frequency > 0) {
     write_number_attribute(out, column, "resolution", 1 / exact_rate(r));
   }
@@ -382,7 +390,7 @@ void add_times(nwb_file& out, nwb_table& table, const session_state& session) {
   std::vector<double> intervals;
   for (std::size_t u = 0; u < n; ++u) intervals.insert(intervals.end(), {0.0, end});
   add_column(out, table, "obs_intervals", "interval in which the unit was looked for, s",
-             H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, {{n, 2}}, intervals.data());
+             {H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, {{n, 2}}, intervals.data()});
   std::vector<std::uint64_t> ends(n);
   std::iota(ends.begin(), ends.end(), std::uint64_t{1});
   add_index(out, table, "obs_intervals", ends);
@@ -401,9 +409,9 @@ void add_electrodes(nwb_file& out, nwb_table& table, const session_state& sessio
     rows.push_back(channel_of(session, c) - 1);
     ends.push_back(rows.size());
   }
-  const hdf_id column =
-      add_column(out, table, "electrodes", "the centre channel of the template", H5T_STD_I64LE,
-                 H5T_NATIVE_INT64, list_of(rows.size()), rows.data(), "DynamicTableRegion");
+  const hdf_id column = add_column(
+      out, table, "electrodes", "the centre channel of the template",
+      {H5T_STD_I64LE, H5T_NATIVE_INT64, list_of(rows.size()), rows.data(), "DynamicTableRegion"});
   write_reference(out, column, "table", electrodes_place);
   add_index(out, table, "electrodes", ends);
 }
@@ -420,8 +428,9 @@ void add_waveform(nwb_file& out, nwb_table& table, const session_state& session,
     for (std::size_t p = 1; p <= n_points; ++p) volts.push_back(bits[p] * volts_per_bit);
   }
   const auto n = static_cast<std::size_t>(session.clusters.n_clusters);
-  const hdf_id column = add_column(out, table, name, description, H5T_IEEE_F32LE, H5T_NATIVE_FLOAT,
-                                   {{n, n_points}}, volts.data());
+  const hdf_id column =
+      add_column(out, table, name, description,
+                 {H5T_IEEE_F32LE, H5T_NATIVE_FLOAT, {{n, n_points}}, volts.data()});
   write_text_attribute(out, column, "unit", "volts");
   const auto rate = static_cast<float>(exact_rate(session.recording));
   write_attribute(out, column, "sampling_rate", H5T_IEEE_F32LE, H5T_NATIVE_FLOAT, {}, &rate);
@@ -443,8 +452,8 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
                                                                   : "unknown");
     comments.emplace_back(session.clusters.cluster_comment[row.cluster].view());
   }
-  add_column(out, table, "n_spikes", "number of spikes", H5T_STD_I64LE, H5T_NATIVE_INT64,
-             list_of(n_spikes.size()), n_spikes.data());
+  add_column(out, table, "n_spikes", "number of spikes",
+             {H5T_STD_I64LE, H5T_NATIVE_INT64, list_of(n_spikes.size()), n_spikes.data()});
   add_floats(out, table, "firing_rate", "spikes per second of the recording", rates);
   add_floats(out, table, "peak_to_peak_uv", "of the template on the electrode, uV", peaks);
   add_floats(out, table, "snr", "peak-to-peak amplitude over the noise of the electrode", snr);

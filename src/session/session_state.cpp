@@ -11,7 +11,7 @@ namespace kestrelvane {
 
 namespace {
 
-void reset_recording(recording_store& r) {
+void reset_samples(recording_store& r) {
   r.recording_path = "No data file";
   r.file_type = file_type_unknown;
   r.n_channels = 0;
@@ -25,7 +25,9 @@ void reset_recording(recording_store& r) {
   std::fill(std::begin(r.record_time), std::end(r.record_time), 0);
   r.recording_filtered = false;
   r.means_zeroed = r.common_mean_removed = r.temporal_smoothed = r.sample_hold_done = false;
+}
 
+void reset_stored_records(recording_store& r) {
   r.is_continuous = true;
   r.samples_per_event = 0;
   r.first_timestamp = 0;
@@ -36,7 +38,9 @@ void reset_recording(recording_store& r) {
   r.ntt_header.clear();
   r.ntt_record_count = 0;
   r.ntt_features.release();
+}
 
+void reset_electrode(recording_store& r) {
   r.electrode_name.clear();
   r.electrode_type = electrode_polytrode;
   r.no_config_file = true;
@@ -53,16 +57,20 @@ void reset_recording(recording_store& r) {
   r.site_pitch = 0;
   r.site_columns = 0;
   r.site_x_min = r.site_x_max = r.site_y_min = r.site_y_max = 0;
+}
 
+void reset_epochs(recording_store& r) {
   r.n_epochs = 1;
   std::fill(std::begin(r.epoch_start), std::end(r.epoch_start), 0);
   std::fill(std::begin(r.epoch_samples), std::end(r.epoch_samples), 0);
   std::fill(std::begin(r.epoch_first_index), std::end(r.epoch_first_index), 0);
   for (auto& code : r.epoch_code) code[0] = code[1] = ' ';
   for (std::string& name : r.epoch_name) name.clear();
-
   r.stimulus = {};
+}
 
+// What the old test formats carry, and the truth that was planted in them.
+void reset_test_facts(recording_store& r) {
   r.tsf_sample_interval = 0;
   std::fill(std::begin(r.tsf_channel_order), std::end(r.tsf_channel_order), std::int16_t{0});
   r.tsf_n_probes = 0;
@@ -143,7 +151,12 @@ void release_timestamp_map(recording_store& r) {
 
 void reset_session(session_state& session) {
   close_log_file(session);
-  reset_recording(session.recording);
+  recording_store& recording = session.recording;
+  reset_samples(recording);
+  reset_stored_records(recording);
+  reset_electrode(recording);
+  reset_epochs(recording);
+  reset_test_facts(recording);
   clear_events(session.events);
   clear_cluster_table(session.clusters);
   clear_templates(session.templates);

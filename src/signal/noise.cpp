@@ -118,8 +118,6 @@ void measure_channels(session_state& session, Measure&& measure) {
   });
 }
 
-}  // namespace
-
 void compute_noise_continuous(session_state& session) {
   if (session.detection.noise_method == noise_by_deviation) {
     measure_channels(session, sub_sample_deviation);
@@ -139,6 +137,8 @@ void compute_noise_event_based(session_state& session) {
     });
   }
 }
+
+}  // namespace
 
 void compute_noise(session_state& session) {
   if (session.recording.is_continuous) {

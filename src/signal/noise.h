@@ -10,10 +10,7 @@
 
 namespace kestrelvane {
 
-// Recomputes chan_noise: of a continuous recording, of an event-based one, or of
-// whichever is loaded.
-void compute_noise_continuous(session_state& session);
-void compute_noise_event_based(session_state& session);
+// Recomputes chan_noise, of a continuous recording or of an event-based one.
 void compute_noise(session_state& session);
 
 // Noise of one channel in noise_window_secs round a sample (dynamic noise).

@@ -241,8 +241,8 @@ void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::i
   mark_ambiguous(session, share_out_events(session, places));
 }
 
-}  // namespace
-
+// Merges or splits the pair k = (a, b). False when the cluster limit forbids it;
+// nothing is changed then.
 bool merge_or_split_pair(session_state& session, std::int64_t k) {
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
   log_message(session, fmt::format("Merging & splitting clusters {} & {}", a, b));
@@ -266,6 +266,8 @@ bool merge_or_split_pair(session_state& session, std::int64_t k) {
   }
   return true;
 }
+
+}  // namespace
 
 // ---------------------------------------------------------------- all pairs
 

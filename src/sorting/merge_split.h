@@ -27,8 +27,4 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from, std
 
 void final_split_check(session_state& session, std::int32_t meter_from, std::int32_t meter_to);
 
-// Merges or splits the pair k = (a, b). False when the cluster limit forbids it;
-// nothing is changed then.
-bool merge_or_split_pair(session_state& session, std::int64_t k);
-
 }  // namespace kestrelvane

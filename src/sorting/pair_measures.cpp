@@ -50,6 +50,9 @@ std::int32_t n_union_channels(const session_state& session, std::int32_t a, std:
          n_common_channels(session, a, b);
 }
 
+namespace {
+
+// a's channels in their order, then those of b not yet present.
 std::vector<std::int32_t> union_channels(const session_state& session, std::int32_t a,
                                          std::int32_t b) {
   const template_table& templates = session.templates;
@@ -61,6 +64,8 @@ std::vector<std::int32_t> union_channels(const session_state& session, std::int3
   }
   return all;
 }
+
+}  // namespace
 
 // ---------------------------------------------------------------- shift
 
@@ -154,6 +159,9 @@ float template_correlation(const session_state& session, std::int32_t a, std::in
   return norm > 0.0f ? xy / norm : 0.0f;
 }
 
+namespace {
+
+// Root mean square difference over the union channels, µV.
 float rms_template_distance(const session_state& session, std::int32_t a, std::int32_t b,
                             pair_shift shift) {
   float sum = 0.0f;
@@ -165,6 +173,8 @@ float rms_template_distance(const session_state& session, std::int32_t a, std::i
   if (count == 0) return 0.0f;
   return std::sqrt(sum / static_cast<float>(count)) * session.recording.vscale_HP;
 }
+
+}  // namespace
 
 template_overlap templates_dont_overlap(const session_state& session, std::int32_t a,
                                         std::int32_t b, pair_shift shift) {

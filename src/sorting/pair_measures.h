@@ -23,9 +23,6 @@ struct pair_shift {
 
 std::int32_t n_common_channels(const session_state& session, std::int32_t a, std::int32_t b);
 std::int32_t n_union_channels(const session_state& session, std::int32_t a, std::int32_t b);
-// a's channels in their order, then those of b not yet present.
-std::vector<std::int32_t> union_channels(const session_state& session, std::int32_t a,
-                                         std::int32_t b);
 
 // The smaller cluster slides (b on a tie). Sizes are passed in: n_a, n_b events.
 pair_shift template_shift(const session_state& session, std::int32_t a, std::int32_t b,
@@ -34,9 +31,6 @@ pair_shift template_shift(const session_state& session, std::int32_t a, std::int
 // Normalised dot product over the union channels, -1..1; no means subtracted.
 float template_correlation(const session_state& session, std::int32_t a, std::int32_t b,
                            pair_shift shift);
-// Root mean square difference over the union channels, µV.
-float rms_template_distance(const session_state& session, std::int32_t a, std::int32_t b,
-                            pair_shift shift);
 
 // Whether the templates are too different to be one unit: common share of channels
 // plus correlation below 1.1; on tetrodes, centres on different tetrodes.

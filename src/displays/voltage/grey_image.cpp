@@ -23,10 +23,15 @@ std::int32_t grey_row_top(const grey_layout& grey, std::int32_t row) {
   return row * grey.row_height + grey.offset + 1;
 }
 
+namespace {
+
+// 0 to 255: mid-grey at 0 µV, brighter upwards.
 std::uint8_t grey_of(const session_state& session, float bits) {
   const float level = session.display.vd_voltage_scale * 2.25f * bits + 127.0f;
   return static_cast<std::uint8_t>(std::clamp(level, 0.0f, 255.0f));
 }
+
+}  // namespace
 
 QImage make_grey_image(const session_state& session, const voltage_layout& layout,
                        const grey_layout& grey) {

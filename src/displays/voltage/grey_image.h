@@ -21,9 +21,6 @@ grey_layout lay_out_grey_image(const session_state& session, const voltage_layou
 // y of the first pixel of a row.
 std::int32_t grey_row_top(const grey_layout& grey, std::int32_t row);
 
-// 0 to 255: mid-grey at 0 µV, brighter upwards.
-std::uint8_t grey_of(const session_state& session, float bits);
-
 // Rows 1..n_rows, columns 1..n_columns; to be put at left, grey_row_top(1). Null when the
 // window has no room for any.
 QImage make_grey_image(const session_state& session, const voltage_layout& layout,

@@ -46,8 +46,8 @@ std::int32_t pixel_between(const voltage_layout& layout, std::int32_t t, std::in
   return static_cast<std::int32_t>(place);
 }
 
-}  // namespace
-
+// The channel an event is shown on: its own, or with vd_show_template_channel and a
+// cluster the centre channel of that cluster's template.
 std::int32_t shown_channel(const session_state& session, std::int32_t event) {
   const std::int32_t cluster = session.events.event_cluster[event];
   if (session.view.vd_show_template_channel && cluster > 0 &&
@@ -56,6 +56,8 @@ std::int32_t shown_channel(const session_state& session, std::int32_t event) {
   }
   return session.events.event_channel[event];
 }
+
+}  // namespace
 
 std::vector<visible_event> find_visible_events(const session_state& session,
                                                const voltage_layout& layout, std::int32_t margin,

@@ -18,10 +18,6 @@ struct visible_event {
   std::int32_t row;      // of that channel, drawn
 };
 
-// The channel an event is shown on: its own, or with vd_show_template_channel and a
-// cluster the centre channel of that cluster's template.
-std::int32_t shown_channel(const session_state& session, std::int32_t event);
-
 // Events with left < x < right on rows that are drawn, in order of their numbers. x counts
 // from the given margin.
 std::vector<visible_event> find_visible_events(const session_state& session,

@@ -122,8 +122,8 @@ void draw_values(QPainter& painter, const voltage_reading& reading) {
   put(312, fmt::format("{:10}", reading.index));
 }
 
-}  // namespace
-
+// Real time of a time index in minutes: by the sampling frequency, or by the time stamp of
+// the stored record in an event-based recording.
 double minutes_of_index(const session_state& session, std::int32_t index, std::int32_t channel) {
   const recording_store& r = session.recording;
   if (!r.is_continuous && !session.preferences.treat_as_continuous) {
@@ -132,6 +132,8 @@ double minutes_of_index(const session_state& session, std::int32_t index, std::i
   const double rate = exact_rate(r);
   return rate > 0 ? index / (rate * 60.0) : 0.0;
 }
+
+}  // namespace
 
 voltage_reading read_voltage_at_pointer(session_state& session) {
   voltage_reading reading;

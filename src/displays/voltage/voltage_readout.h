@@ -22,10 +22,6 @@ struct voltage_reading {
 // column that is nearer to the pointer, at its own time.
 voltage_reading read_voltage_at_pointer(session_state& session);
 
-// Real time of a time index in minutes: by the sampling frequency, or by the time stamp of
-// the stored record in an event-based recording.
-double minutes_of_index(const session_state& session, std::int32_t index, std::int32_t channel);
-
 // Draws the line at the top left: labels, and the values when something was found.
 void draw_readout(session_state& session, QPainter& painter, const voltage_reading& reading);
 

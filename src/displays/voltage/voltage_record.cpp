@@ -310,6 +310,9 @@ drawn_events draw_voltage(session_state& session, QPainter& painter, peak_summar
   return drawn;
 }
 
+namespace {
+
+// The grey image: one band per channel, mid-grey at 0 µV.
 drawn_events draw_grey_scale(session_state& session, QPainter& painter) {
   voltage_painting p(session, painter);
   painter.save();
@@ -341,6 +344,8 @@ drawn_events draw_grey_scale(session_state& session, QPainter& painter) {
   painter.restore();
   return drawn;
 }
+
+}  // namespace
 
 drawn_events draw_voltage_display(session_state& session, QPainter& painter, peak_summary* peaks) {
   if (session.view.vd_grey_scale) return draw_grey_scale(session, painter);

@@ -25,9 +25,6 @@ struct drawn_events {
 // The traces. peaks serves vd_keep_peaks; without it every sample in view is read.
 drawn_events draw_voltage(session_state& session, QPainter& painter, peak_summary* peaks = nullptr);
 
-// The grey image: one band per channel, mid-grey at 0 µV.
-drawn_events draw_grey_scale(session_state& session, QPainter& painter);
-
 // Whichever of the two vd_grey_scale asks for.
 drawn_events draw_voltage_display(session_state& session, QPainter& painter,
                                   peak_summary* peaks = nullptr);
