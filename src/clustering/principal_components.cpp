@@ -21,15 +21,6 @@ namespace kestrelvane {
 
 namespace {
 
-enum pc_method : std::int32_t {
-  pc_max_variance = -1,
-  pc_distributed = 0,
-  pc_max_entropy = 1,
-  pc_voltage = 2,
-  pc_gradient = 3,
-  pc_voltage_plus_gradient = 4,
-};
-
 struct pc_candidates {
   std::vector<pc_point> points;
   std::vector<float> scores;
@@ -173,25 +164,6 @@ failure_log session_failure_log(session_state& session) {
 }
 
 }  // namespace
-
-const char* pc_point_selection_name(std::int32_t method) {
-  switch (method) {
-    case pc_max_variance:
-      return "max variance";
-    case pc_distributed:
-      return "distributed";
-    case pc_max_entropy:
-      return "max entropy";
-    case pc_voltage:
-      return "voltage magnitude";
-    case pc_gradient:
-      return "voltage gradient";
-    case pc_voltage_plus_gradient:
-      return "voltage plus gradient";
-    default:
-      return "";
-  }
-}
 
 std::vector<pc_point> select_pc_points(session_state& session, std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events) {

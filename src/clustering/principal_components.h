@@ -45,9 +45,6 @@ struct aligned_event {
 std::vector<pc_point> select_pc_points(session_state& session, std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events);
 
-// Name of a pc_point_selection as its list shows it; empty for other numbers.
-const char* pc_point_selection_name(std::int32_t method);
-
 // Rows of interpolated voltages, bits times scale.
 void fill_pc_rows(const session_state& session, const std::vector<pc_point>& points,
                   const std::vector<aligned_event>& events, float scale, pc_rows& rows);

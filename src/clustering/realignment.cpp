@@ -58,9 +58,9 @@ std::int32_t find_extreme_point(const template_view& view, std::int32_t mode) {
   const float* t = view.on(view.centre);
   std::int32_t best = 1;
   for (std::int32_t p = 2; p <= view.points; ++p) {
-    const bool better = mode == 1   ? t[p] > t[best]
-                        : mode == 2 ? t[p] < t[best]
-                                    : std::fabs(t[p]) > std::fabs(t[best]);
+    const bool better = mode == align_peak     ? t[p] > t[best]
+                        : mode == align_trough ? t[p] < t[best]
+                                               : std::fabs(t[p]) > std::fabs(t[best]);
     if (better) best = p;
   }
   return best;
@@ -72,35 +72,35 @@ struct feature {
   float steepness = 0.0f;
 };
 
-// Steepest zero crossing between first and last, rising (mode 4) or falling (5).
+// Steepest zero crossing between first and last, rising or falling.
 feature find_crossing(const float* t, std::int32_t first, std::int32_t last, std::int32_t mode) {
   feature best;
   for (std::int32_t p = first; p <= last; ++p) {
-    const bool crosses =
-        mode == 4 ? t[p] < 0.0f && t[p + 1] >= 0.0f : t[p] > 0.0f && t[p + 1] <= 0.0f;
-    const float steepness = mode == 4 ? t[p + 1] - t[p] : t[p] - t[p + 1];
+    const bool crosses = mode == align_rising_crossing ? t[p] < 0.0f && t[p + 1] >= 0.0f
+                                                       : t[p] > 0.0f && t[p + 1] <= 0.0f;
+    const float steepness = mode == align_rising_crossing ? t[p + 1] - t[p] : t[p] - t[p + 1];
     if (crosses && steepness > best.steepness) {
-      const float inside = mode == 4 ? -t[p] / steepness : t[p] / steepness;
+      const float inside = mode == align_rising_crossing ? -t[p] / steepness : t[p] / steepness;
       best = {static_cast<float>(p) + inside, steepness};
     }
   }
   return best;
 }
 
-// Steepest rise (mode 6) or fall (7) between first and last.
+// Steepest rise or fall between first and last.
 feature find_slope(const float* t, std::int32_t first, std::int32_t last, std::int32_t mode) {
   feature best;
   for (std::int32_t p = first; p <= last; ++p) {
-    const float steepness = mode == 6 ? t[p + 1] - t[p] : t[p] - t[p + 1];
+    const float steepness = mode == align_rise ? t[p + 1] - t[p] : t[p] - t[p + 1];
     if (steepness > best.steepness) best = {static_cast<float>(p), steepness};
   }
   return best;
 }
 
-// Modes 4 to 7: the feature of the centre channel, refined by the peak-to-peak
+// Crossings and slopes: the feature of the centre channel, refined by the peak-to-peak
 // weighted mean over the assigned channels near it. 0 when there is none.
 float find_feature_point(const template_view& view, std::int32_t mode) {
-  const bool crossing = mode <= 5;
+  const bool crossing = mode <= align_falling_crossing;
   const std::int32_t first = 2;
   const std::int32_t last = crossing ? view.points - 2 : view.points - 1;
   const auto find = [&](std::int32_t channel, std::int32_t from, std::int32_t to) {
@@ -125,16 +125,16 @@ float find_feature_point(const template_view& view, std::int32_t mode) {
   return sum / weight;
 }
 
-// Mode 8: centre of gravity of squared voltage; mode 9: of squared curvature.
+// Centre of gravity of squared voltage, or of squared curvature.
 // 0 when the template is flat.
 float find_gravity_point(const template_view& view, std::int32_t mode) {
   double moment = 0.0, mass = 0.0;
-  const std::int32_t margin = mode == 8 ? 0 : 1;
+  const std::int32_t margin = mode == align_gravity ? 0 : 1;
   for (std::int32_t channel = 1; channel <= view.session.recording.n_channels; ++channel) {
     const float* v = view.on(channel);
     const float gain = distance_weight(view, channel);
     for (std::int32_t p = 1 + margin; p <= view.points - margin; ++p) {
-      const float height = mode == 8 ? v[p] : 2.0f * v[p] - v[p - 1] - v[p + 1];
+      const float height = mode == align_gravity ? v[p] : 2.0f * v[p] - v[p - 1] - v[p + 1];
       const double w = static_cast<double>(gain * (height * height));
       moment += w * p;
       mass += w;
@@ -149,11 +149,11 @@ float find_template_shift(const session_state& session, std::int32_t cluster) {
                            session.templates.centre_channel(cluster)};
   const std::int32_t mode = session.strategy.template_align_mode;
   float p = 0.0f;
-  if (mode >= 1 && mode <= 3) {
+  if (mode >= align_peak && mode <= align_largest) {
     p = static_cast<float>(find_extreme_point(view, mode));
-  } else if (mode >= 4 && mode <= 7) {
+  } else if (mode >= align_rising_crossing && mode <= align_fall) {
     p = find_feature_point(view, mode);
-  } else if (mode == 8 || mode == 9) {
+  } else if (mode == align_gravity || mode == align_curvature) {
     p = find_gravity_point(view, mode);
   }
   if (p == 0.0f) return 0.0f;
@@ -182,7 +182,7 @@ void shift_events(session_state& session, const std::vector<std::int32_t>& list,
 
 float template_align_shift(session_state& session, std::int32_t cluster) {
   const std::int32_t mode = session.strategy.template_align_mode;
-  if (mode == 8 || mode == 9) calculate_template_values(session, cluster);
+  if (mode == align_gravity || mode == align_curvature) calculate_template_values(session, cluster);
   return find_template_shift(session, cluster);
 }
 
@@ -419,7 +419,9 @@ void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b
 void realign_events(session_state& session, std::int32_t cluster) {
   const std::int32_t mode = session.strategy.event_align_mode;
   // The list names the fit itself, whatever the strategy takes for clusters.
-  if (mode >= 9) return align_events(session, cluster, mode == 10);
+  if (mode >= align_rms_match) {
+    return align_events(session, cluster, mode == align_multiplicative_match);
+  }
   const std::int32_t centre = session.templates.centre_channel(cluster);
   const std::int32_t half_window = session.templates.template_points / 2;
   for (const std::int32_t e : list_cluster_events(session, cluster)) {
@@ -443,25 +445,6 @@ void realign_all_events(session_state& session) {
                          std::chrono::steady_clock::now() - begin)
                          .count();
   log_message(session, "Serial realign clusters took " + std::to_string(msecs) + " msecs");
-}
-
-namespace {
-
-constexpr const char* align_mode_names[] = {
-    "Positive peak",         "Negative trough", "Largest peak/trough", "Max +ve zero crossing",
-    "Max -ve zero crossing", "Max +ve slope",   "Max -ve slope",       "Center of gravity"};
-
-}  // namespace
-
-const char* template_align_mode_name(std::int32_t mode) {
-  if (mode == 9) return "Peak weighted c.o.g.";
-  return mode >= 1 && mode <= 8 ? align_mode_names[mode - 1] : "";
-}
-
-const char* event_align_mode_name(std::int32_t mode) {
-  if (mode == 9) return "RMS match";
-  if (mode == 10) return "Multiplicative match";
-  return mode >= 1 && mode <= 8 ? align_mode_names[mode - 1] : "";
 }
 
 std::int32_t check_threaded_alignment(session_state& session) {

@@ -46,10 +46,6 @@ void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b
 // "Realign All" of the events: realign_events and the template of every cluster.
 void realign_all_events(session_state& session);
 
-// Names of the alignment modes as their lists show them; empty for other numbers.
-const char* template_align_mode_name(std::int32_t mode);
-const char* event_align_mode_name(std::int32_t mode);
-
 // Proof that threads change nothing: runs the whole alignment twice from the same
 // event times and compares. Returns how many events differ; the second result
 // stays.

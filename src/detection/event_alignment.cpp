@@ -50,7 +50,9 @@ aligned_time align_to_extremum(const session_state& session, std::int32_t featur
     const bool peak = feature != 2 && is_local_peak(v + i);
     const bool trough = feature != 1 && !peak && is_local_trough(v + i);
     if (!peak && !trough) continue;
-    const std::int32_t height = feature == 1 ? v[i] : feature == 2 ? -v[i] : std::abs(v[i]);
+    const std::int32_t height = feature == align_peak     ? v[i]
+                                : feature == align_trough ? -v[i]
+                                                          : std::abs(v[i]);
     if (found && height <= best_height) continue;
     found = true;
     best = i;
@@ -61,7 +63,7 @@ aligned_time align_to_extremum(const session_state& session, std::int32_t featur
   return best_is_peak ? refine_peak(session, channel, best) : refine_trough(session, channel, best);
 }
 
-// Rows 4 and 5: the steepest zero crossing of adjacent samples.
+// The steepest zero crossing of adjacent samples.
 aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t t, std::int32_t h) {
   std::int32_t best = 0, best_step = 0;
   for (std::int32_t i = t - h; i < t + h; ++i) {
@@ -76,7 +78,7 @@ aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t 
   return {best, -static_cast<float>(v[best]) / static_cast<float>(v[best + 1] - v[best])};
 }
 
-// Rows 6 and 7: the steepest slope between adjacent samples.
+// The steepest slope between adjacent samples.
 aligned_time align_to_slope(const std::int16_t* v, bool rising, std::int32_t t, std::int32_t h) {
   std::int32_t best = t - h;
   for (std::int32_t i = t - h + 1; i < t + h; ++i) {
@@ -88,7 +90,7 @@ aligned_time align_to_slope(const std::int16_t* v, bool rising, std::int32_t t, 
   return {best, rising ? 0.0f : 0.5f};
 }
 
-// Row 8: the centre of gravity of squared voltage on the channel and its near
+// The centre of gravity of squared voltage on the channel and its near
 // channels.
 aligned_time align_to_gravity(const session_state& session, std::int32_t channel, std::int32_t t,
                               std::int32_t h) {
@@ -119,17 +121,17 @@ aligned_time align_to_feature(const session_state& session, std::int32_t feature
                               std::int32_t channel, std::int32_t t, std::int32_t h) {
   const std::int16_t* v = session.recording.vd.channel(channel);
   switch (feature) {
-    case 1:
-    case 2:
-    case 3:
+    case align_peak:
+    case align_trough:
+    case align_largest:
       return align_to_extremum(session, feature, channel, t, h);
-    case 4:
-    case 5:
-      return align_to_crossing(v, feature == 4, t, h);
-    case 6:
-    case 7:
-      return align_to_slope(v, feature == 6, t, h);
-    case 8:
+    case align_rising_crossing:
+    case align_falling_crossing:
+      return align_to_crossing(v, feature == align_rising_crossing, t, h);
+    case align_rise:
+    case align_fall:
+      return align_to_slope(v, feature == align_rise, t, h);
+    case align_gravity:
       return align_to_gravity(session, channel, t, h);
     default:
       return {t, 0.0f};

@@ -29,7 +29,7 @@ bool any_neighbour(const session_state& session, std::int32_t channel, Visit&& v
 }
 
 std::int32_t extremum_height(std::int32_t row, std::int16_t v) {
-  return row == 1 ? v : row == 2 ? -v : std::abs(std::int32_t{v});
+  return row == align_peak ? v : row == align_trough ? -v : std::abs(std::int32_t{v});
 }
 
 // Rows 1 to 3: the first highest, lowest or largest sample; vetoed by a neighbour
@@ -55,7 +55,8 @@ lockout_feature find_extremum(const session_state& session, std::int32_t row, st
 
 // Steepness of the crossing between v[i] and v[i + 1]; 0 when there is none.
 std::int32_t crossing_steepness(std::int32_t row, const std::int16_t* v) {
-  const bool crosses = row == 4 ? v[0] <= 0 && v[1] >= 1 : v[0] >= 0 && v[1] < 0;
+  const bool crosses =
+      row == align_rising_crossing ? v[0] <= 0 && v[1] >= 1 : v[0] >= 0 && v[1] < 0;
   return crosses ? std::abs(v[1] - v[0]) : 0;
 }
 
@@ -91,7 +92,7 @@ lockout_feature find_slope(const session_state& session, std::int32_t row, std::
   for (std::int32_t i = t - w + 1; i <= t + w; ++i) {
     const std::int32_t slope = v[i + 1] - v[i - 1];
     const std::int32_t best_slope = v[best + 1] - v[best - 1];
-    if (row == 6 ? slope > best_slope : slope < best_slope) best = i;
+    if (row == align_rise ? slope > best_slope : slope < best_slope) best = i;
   }
   return {channel, best, best == t - w || best == t + w};
 }
@@ -197,17 +198,17 @@ lockout_feature find_lockout_feature(const session_state& session, std::int32_t 
   const auto w = static_cast<std::int32_t>(lockout_samples(session));
   const auto narrow = static_cast<std::int32_t>(lockout_samples(session) - 1.0f);
   switch (row) {
-    case 1:
-    case 2:
-    case 3:
+    case align_peak:
+    case align_trough:
+    case align_largest:
       return find_extremum(session, row, channel, t, w);
-    case 4:
-    case 5:
+    case align_rising_crossing:
+    case align_falling_crossing:
       return find_crossing(session, row, channel, t, narrow, last_time);
-    case 6:
-    case 7:
+    case align_rise:
+    case align_fall:
       return find_slope(session, row, channel, t, narrow);
-    case 8:
+    case align_gravity:
       return find_gravity(session, channel, t, w);
     default:
       return find_detection_time(session, channel, t, w);

@@ -13,27 +13,11 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr const char* method_names[] = {"Unipolar threshold", "Bipolar threshold",
-                                        "Multiphasic filter", "Dynamic multiphasic filter",
-                                        "Windowed Teager"};
-constexpr const char* feature_names[] = {
-    "Positive peak",         "Negative trough",       "Largest peak/trough",
-    "Max +ve zero crossing", "Max -ve zero crossing", "Max +ve slope",
-    "Max -ve slope",         "v² weighted c.o.g.",    "Detection time"};
-
 constexpr std::int32_t plateau_limit = 6;
 
 std::int16_t negated(std::int16_t v) { return static_cast<std::int16_t>(-v); }
 
 }  // namespace
-
-const char* detection_method_name(std::int32_t row) {
-  return row >= 1 && row <= 5 ? method_names[row - 1] : "";
-}
-
-const char* align_feature_name(std::int32_t row) {
-  return row >= 1 && row <= 9 ? feature_names[row - 1] : "";
-}
 
 bool is_local_peak(const std::int16_t* v) {
   if (!(v[0] > v[-1])) return false;

@@ -4,6 +4,9 @@
 // each channel and stretch of constant noise; thresholds are in bits. Samples are
 // read from seven before to seven after the sample under test, or as far as
 // window_samples reaches.
+//
+// The windowed Teager method compares the energy operator v(t)^2 - v(t - w) v(t + w) (Kaiser,
+// Proc. ICASSP 1990, with w = 1), which rises with frequency as well as with voltage.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +15,6 @@
 #include "session/session_state.h"
 
 namespace kestrelvane {
-
-// Rows of the detection methods.
-enum detection_method_row : std::int32_t {
-  method_unipolar = 1,
-  method_bipolar = 2,
-  method_multiphasic = 3,
-  method_dynamic_multiphasic = 4,
-  method_teager = 5,
-};
-
-// Name of a row as the "Method" and "Align to" lists show it; empty for others.
-const char* detection_method_name(std::int32_t row);
-const char* align_feature_name(std::int32_t row);
 
 // What the test of one channel compares with.
 struct trigger_test {

@@ -46,17 +46,17 @@ std::string count_of_clusters(std::int32_t n) {
 
 void say_thresholds(session_state& session) {
   const detection_settings& d = session.detection;
-  if (d.threshold_mode == -1) {
+  if (d.threshold_mode == threshold_fixed) {
     say(session, fmt::format("Detecting events with fixed threshold ={}", d.fixed_threshold_uv));
-  } else if (d.threshold_mode == 1) {
+  } else if (d.threshold_mode == threshold_automatic) {
     say(session, "Detecting events with automatic thresholding");
     compute_auto_thresholds(session);
   } else {
     say(session, fmt::format("Detecting events with variable threshold ={} x noise level",
                              d.variable_multiplier));
   }
-  say(session,
-      fmt::format("Event detection method is {}", detection_method_name(d.detection_method)));
+  say(session, fmt::format("Event detection method is {}",
+                           mode_name(detection_methods(), d.detection_method)));
 }
 
 // One try; false when the run must end.

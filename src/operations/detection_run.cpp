@@ -19,18 +19,17 @@ namespace {
 // The method goes to the log and its window line to the run log window as well.
 void report_settings(session_state& session) {
   const detection_settings& d = session.detection;
-  log_message(session, std::string("Event detection method is: ") +
-                           detection_method_name(d.detection_method));
-  const std::string method =
-      std::string("Detection method is ") + detection_method_name(d.detection_method);
+  const std::string name = mode_name(detection_methods(), d.detection_method);
+  log_message(session, "Event detection method is: " + name);
+  const std::string method = "Detection method is " + name;
   write_run_log_window(session, method);
   log_message(session, method);
-  if (d.threshold_mode == -1) {
+  if (d.threshold_mode == threshold_fixed) {
     log_message(session, fmt::format("with fixed threshold ={}", d.fixed_threshold_uv));
-  } else if (d.threshold_mode == 0) {
+  } else if (d.threshold_mode == threshold_variable) {
     log_message(session, fmt::format("with variable threshold ={}{}", d.variable_multiplier,
                                      d.noise_method == 2 ? " x median noise" : " x s.d. noise"));
-  } else if (d.threshold_mode == 1) {
+  } else if (d.threshold_mode == threshold_automatic) {
     log_message(session, "with automatic thresholding");
     compute_auto_thresholds(session);
   } else {

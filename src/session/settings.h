@@ -15,6 +15,7 @@
 
 #include "session/limits.h"
 #include "session/logical.h"
+#include "session/modes.h"
 
 namespace kestrelvane {
 
@@ -23,12 +24,12 @@ struct detection_settings {
   std::int32_t noise_window_secs = 0;  // s, window of the dynamic noise
   std::int32_t noise_method = 0;       // 1 standard deviation, 2 median
   logical noise_static;                // false: noise follows the recording
-  std::int32_t threshold_mode = 0;     // 1 automatic, -1 fixed, 0 variable
+  std::int32_t threshold_mode = 0;     // threshold_mode_code
   float fixed_threshold_uv = 0;        // µV; its sign is the polarity of the unipolar test
   float variable_multiplier = 0;       // times the noise of the channel
   float mask_noise_below_uv = 0;       // µV
-  std::int32_t detection_method = 0;   // row of the methods table, 1..5
-  std::int32_t align_feature = 0;      // row of the alignment table, 1..9
+  std::int32_t detection_method = 0;   // detection_method_row
+  std::int32_t align_feature = 0;      // align_mode, 1..9
   std::int32_t window_samples = 0;     // samples; methods 3, 4, 5
   logical use_lockout;                 // true: lockout detector, false: proto-events
   std::int32_t lockout_radius_um = 0;  // µm
@@ -74,14 +75,14 @@ struct sorting_strategy_settings {
   float channel_threshold_2 = 0;  // peak-to-peak over s.d. must exceed this
   float channel_radius = 0;       // µm from the centre channel
   logical template_centre_from_events = false;  // set by nothing; an alternative centre rule
-  std::int32_t event_align_mode = 0;            // 1..10
-  std::int32_t template_align_mode = 0;         // 1..9
+  std::int32_t event_align_mode = 0;            // align_mode, 1..10
+  std::int32_t template_align_mode = 0;         // align_mode, 1..9
   float realign_window_ms = 0;                  // ms, plus or minus
   logical multiplicative_matching;
   std::int32_t interp_depth = 0;  // sub-sample steps per sample, 1..50
   std::int32_t interp_width = 0;  // taps on each side, 1..50
   // principal components
-  std::int32_t pc_point_selection = 0;  // -1 variance, 0 distributed, 1 entropy, 2..4 voltage
+  std::int32_t pc_point_selection = 0;  // pc_selection
   std::int32_t pc_point_limit = 0;      // 1..100
   std::int32_t pca_dimensions = 0;      // 2..5
   logical equal_numbers_for_overlap;
@@ -133,7 +134,7 @@ struct review_settings {
   std::int32_t delete_size_limit = 0;  // events
   float manage_option_3 = 0;
   std::int32_t manage_option_4 = 0;
-  std::int32_t match_method = 0;  // 1..7
+  std::int32_t match_method = 0;  // match_method_row
   std::int32_t clean_channels = 0;
   std::int32_t clean_method = 0;
   float clean_threshold = 0;

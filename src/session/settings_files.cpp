@@ -66,9 +66,9 @@ void correct_parameters(session_state& session) {
   // Written so that a value that is not a number is put right too.
   float& scale = session.display.vd_voltage_scale;
   if (!(scale >= 0.0001f && scale <= 10.0f)) scale = 1.0f;
-  if (session.review.match_method < 0) session.review.match_method = 3;
-  if (session.detection.detection_method >= 5) {
-    session.detection.detection_method = 4;
+  if (session.review.match_method < 0) session.review.match_method = match_correlation;
+  if (session.detection.detection_method >= method_teager) {
+    session.detection.detection_method = method_dynamic_multiphasic;
     session.detection.use_lockout = false;
   }
 }

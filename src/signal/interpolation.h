@@ -3,7 +3,9 @@
 // Every consumer that cuts a waveform out of vd at an aligned time reads it
 // through one windowed sinc: D steps to the sample (interp_depth), W taps on each
 // side (interp_width). Shifts are whole numbers of 1/D sample. Shift 0 returns
-// the stored sample; any other shift filters. Voltages are in bits.
+// the stored sample; any other shift filters. Voltages are in bits. Cut to W taps by a
+// Hamming window, it is the band-limited interpolation of the sampling theorem (Shannon,
+// Proc. IRE 37, 1949).
 //
 // Reentrant; the table (session/interpolation_tables.h) changes only when settings do.
 #pragma once

@@ -1,6 +1,7 @@
 // Noise of each channel, in bits.
 //
-// Method 1 is the standard deviation, method 2 the median of |v| / 0.6745.
+// Method 1 is the standard deviation, method 2 the median of |v| / 0.6745, which spikes
+// hardly move (Quian Quiroga, Nadasdy & Ben-Shaul, Neural Comput. 16, 2004).
 // Results go to recording.chan_noise; a channel with too few samples keeps 0.
 #pragma once
 

@@ -13,12 +13,6 @@ namespace kestrelvane {
 
 namespace {
 
-enum threshold_mode_code : std::int32_t {
-  threshold_fixed = -1,
-  threshold_variable = 0,
-  threshold_automatic = 1,
-};
-
 constexpr std::int32_t highest_bin = 1000;
 constexpr std::int32_t bits_per_bin = 4;
 constexpr std::int32_t most_fit_iterations = 500;

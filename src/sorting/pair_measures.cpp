@@ -483,22 +483,6 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
   return {true, compare_gradients(grid_a, grid_b)};
 }
 
-namespace {
-
-constexpr const char* match_names[] = {"Spatial separation (µm)",
-                                       "Cluster overlap",
-                                       "Template cross-correlation",
-                                       "rms distance (µV)",
-                                       "Doublet pairs",
-                                       "Rate complementarity",
-                                       "PC adjacency"};
-
-}  // namespace
-
-const char* match_method_name(std::int32_t method) {
-  return method >= 1 && method <= 7 ? match_names[method - 1] : "";
-}
-
 float match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
                   pair_shift shift, std::int32_t rank) {
   const recording_store& r = session.recording;
@@ -508,17 +492,17 @@ float match_value(session_state& session, std::int32_t a, std::int32_t b, std::i
     return 1000.0f;
   }
   switch (session.review.match_method) {
-    case 1:
+    case match_separation:
       return spatial_separation(session, a, b);
-    case 2:
+    case match_overlap:
       return session.lists.kv_cluster_overlap[k];
-    case 3:
+    case match_correlation:
       return template_correlation(session, a, b, shift);
-    case 4:
+    case match_rms_distance:
       return rms_template_distance(session, a, b, shift);
-    case 5:
+    case match_doublets:
       return doublet_value(session, a, b, 20.0f);
-    case 6:
+    case match_rates:
       return rate_complementarity(session, a, b);
     default:
       return pc_adjacency(session, a, b, rank).value;

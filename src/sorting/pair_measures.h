@@ -43,7 +43,9 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
 
 // 0 when the smaller cluster's points have only their own kind as nearest
 // neighbours in the principal components of the pair, about 1 when the two are
-// intermingled. Overwrites scratch_slot. Not a number when a sample is empty.
+// intermingled. The count of nearest neighbours of the own kind is that of the two-sample
+// tests of Schilling (J. Am. Stat. Assoc. 81, 1986), with one neighbour, scaled by the sizes.
+// Overwrites scratch_slot. Not a number when a sample is empty.
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                       std::int32_t scratch_slot, pair_shift shift);
 
@@ -65,11 +67,9 @@ struct optional_value {
 optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t b,
                             std::int32_t rank);
 
-// The value of the selected match method (1..7) for the pair numbered k. rank: the
-// calling thread, whose scratch slot method 7 uses.
+// The value of the selected match method for the pair numbered k. rank: the
+// calling thread, whose scratch slot match_pc_adjacency uses.
 float match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
                   pair_shift shift, std::int32_t rank);
-// Name of a match method as its list shows it; empty for other numbers.
-const char* match_method_name(std::int32_t method);
 
 }  // namespace kestrelvane

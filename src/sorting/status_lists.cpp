@@ -259,9 +259,9 @@ constexpr std::int32_t match_list_limit = 5000;
 // Pairs that a method leaves out before its value is computed.
 bool is_left_out(const session_state& session, cluster_pair pair) {
   switch (session.review.match_method) {
-    case 6:
+    case match_rates:
       return spatial_separation(session, pair.a, pair.b) >= 50.0f;
-    case 7:
+    case match_pc_adjacency:
       return 2 * n_common_channels(session, pair.a, pair.b) <
              n_union_channels(session, pair.a, pair.b);
     default:
@@ -326,7 +326,7 @@ void get_match_lists(session_state& session) {
                           n_threads > 1 ? "Get threaded match lists" : "Get match lists unthreaded",
                           msecs_since(begin)));
   const std::int32_t method = session.review.match_method;
-  sort_match_lists(session, method == 1 || method == 4);
+  sort_match_lists(session, method == match_separation || method == match_rms_distance);
   lists.n_match = std::min(lists.n_match, match_list_limit);
   if (lists.n_match == 0) {
     tell(session, "There are no pairs in this list", "Pair comparisons", box_icon::information);

@@ -158,7 +158,7 @@ TEST(fast_forms, the_alignment_diagnostic_finds_no_difference) {
   for (int mode = 1; mode <= 10; ++mode) {
     session->strategy.event_align_mode = mode;
     realign_all_events(*session);
-    EXPECT_EQ(check_session(*session), "") << event_align_mode_name(mode);
+    EXPECT_EQ(check_session(*session), "") << mode_name(event_align_modes(), mode);
   }
   EXPECT_TRUE(session->strategy.multiplicative_matching);
 }

@@ -239,7 +239,7 @@ TEST(match_lists, every_method_sorts_its_way) {
     session->review.match_method = method;
     get_match_lists(*session);
     const status_lists_table& lists = session->lists;
-    ASSERT_GT(lists.n_match, method == 6 ? 0 : 2) << match_method_name(method);
+    ASSERT_GT(lists.n_match, method == 6 ? 0 : 2) << mode_name(match_methods(), method);
     for (std::int32_t i = 2; i <= lists.n_match; ++i) {
       const bool ascending = method == 1 || method == 4;
       EXPECT_TRUE(ascending ? lists.match_values[i] >= lists.match_values[i - 1]

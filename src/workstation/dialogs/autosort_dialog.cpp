@@ -21,8 +21,7 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr int asks_for_next = 2;                                          // result of the dialog
-constexpr int fixed_entry = -1, variable_entry = 0, automatic_entry = 1;  // threshold_mode
+constexpr int asks_for_next = 2;  // result of the dialog
 
 // PC display scale of a slider position, 0 to 200.
 float pc_scale_of(int position) { return static_cast<float>(position * 9.75 / 200 + 0.25); }
@@ -68,8 +67,8 @@ void grey_sections(const autosort_window& a) {
 
 void show_threshold_value(const autosort_window& a) {
   const int mode = a.threshold_mode->currentData().toInt();
-  a.fixed_uv->row()->setVisible(mode == fixed_entry);
-  a.multiplier->row()->setVisible(mode == variable_entry);
+  a.fixed_uv->row()->setVisible(mode == threshold_fixed);
+  a.multiplier->row()->setVisible(mode == threshold_variable);
 }
 
 QGroupBox* detection_section(autosort_window& a) {
@@ -77,10 +76,8 @@ QGroupBox* detection_section(autosort_window& a) {
   a.skip_detection =
       logical_control(a.form, "skip_event_detection", "skip", "Keep the events that are there");
   rows->addRow(a.skip_detection);
-  a.threshold_mode = choice_control(
-      a.form, "threshold_mode",
-      {{"Automatic", automatic_entry}, {"Fixed", fixed_entry}, {"Variable", variable_entry}},
-      "How the detection threshold of each channel is found");
+  a.threshold_mode = choice_control(a.form, "threshold_mode", mode_entries(threshold_modes()),
+                                    "How the detection threshold of each channel is found");
   a.fixed_uv = number_control(a.form, "fixed_threshold_uv",
                               {.step = 5, .unit = "µV", .tip = "Threshold of all channels, µV"});
   a.multiplier = number_control(
@@ -92,7 +89,7 @@ QGroupBox* detection_section(autosort_window& a) {
   value->addWidget(a.multiplier->row());
   rows->addRow("Threshold", value);
   rows->addRow("Initial alignment",
-               choice_control(a.form, "align_feature", named_rows(align_feature_name, 9),
+               choice_control(a.form, "align_feature", mode_entries(align_features()),
                               "Point of the spike that is its time at first"));
   rows->addRow("Progress", make_bar("detection_meter", 1000));
   add_value(rows, "events_found", "# of events");
@@ -116,7 +113,7 @@ QGroupBox* clustering_section(autosort_window& a) {
   window->addWidget(to);
   window->addWidget(new QLabel("ms;  realignment"));
   window->addWidget(
-      choice_control(a.form, "template_align_mode", named_rows(template_align_mode_name, 9),
+      choice_control(a.form, "template_align_mode", mode_entries(template_align_modes()),
                      "Point of the template that new templates are moved to"),
       1);
   rows->addRow("Template window  ", window);

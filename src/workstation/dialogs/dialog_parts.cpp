@@ -41,9 +41,9 @@ QPushButton* make_button(const char* object_name, const QString& label, const ch
   return button;
 }
 
-std::vector<std::pair<QString, int>> named_rows(const char* (*name)(std::int32_t), int last) {
+std::vector<std::pair<QString, int>> mode_entries(mode_labels labels) {
   std::vector<std::pair<QString, int>> rows;
-  for (int row = 1; row <= last; ++row) rows.emplace_back(name(row), row);
+  for (const mode_label& row : labels) rows.emplace_back(row.label, row.value);
   return rows;
 }
 

@@ -9,6 +9,7 @@
 #include <QPushButton>
 #include <QString>
 
+#include "session/modes.h"
 #include "workstation/dialogs/setting_controls.h"
 
 namespace kestrelvane {
@@ -31,8 +32,8 @@ QPushButton* add_button(QDialogButtonBox* box, const char* object_name, const QS
 // A push button with its name and tool-tip.
 QPushButton* make_button(const char* object_name, const QString& label, const char* tip);
 
-// The entries of a list from a table of names whose rows count from 1.
-std::vector<std::pair<QString, int>> named_rows(const char* (*name)(std::int32_t), int last);
+// The entries of a list of modes.
+std::vector<std::pair<QString, int>> mode_entries(mode_labels labels);
 
 // The fields, lists and boxes below a widget: what is off while an operation runs, so that
 // results beside them stay readable.

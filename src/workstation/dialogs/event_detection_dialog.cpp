@@ -144,10 +144,11 @@ QGroupBox* threshold_section(const shared_detection& d) {
   auto* rows = new QFormLayout;
   rows->addRow(
       radio_row(*d, s.threshold_mode,
-                {{"threshold_automatic", "Automatic", 1,
+                {{"threshold_automatic", "Automatic", threshold_automatic,
                   "Where the histogram of voltages leaves the bell curve of the noise"},
-                 {"threshold_fixed", "Fixed", -1, "The same voltage on all channels"},
-                 {"threshold_variable", "Variable", 0, "A multiple of each channel's noise"}}));
+                 {"threshold_fixed", "Fixed", threshold_fixed, "The same voltage on all channels"},
+                 {"threshold_variable", "Variable", threshold_variable,
+                  "A multiple of each channel's noise"}}));
   add_number(rows, d->form, "Fixed", "fixed_threshold_uv",
              {.step = 5,
               .unit = "µV",
@@ -219,9 +220,8 @@ QGroupBox* mask_section(const shared_detection& d) {
 QGroupBox* method_section(const shared_detection& d) {
   const double ms = ms_per_sample(*d);
   auto* rows = new QFormLayout;
-  QComboBox* method =
-      choice_control(d->form, "detection_method", named_rows(detection_method_name, 5),
-                     "What makes a sample a candidate for a spike");
+  QComboBox* method = choice_control(d->form, "detection_method", mode_entries(detection_methods()),
+                                     "What makes a sample a candidate for a spike");
   rows->addRow("Method", method);
   number_field* width = add_number(rows, d->form, "Window width", "window_samples",
                                    {.step = ms,
@@ -230,9 +230,8 @@ QGroupBox* method_section(const shared_detection& d) {
                                     .tip = "How far around a sample the last three methods look, "
                                            "ms; kept in whole samples",
                                     .shown_per_stored = ms});
-  rows->addRow("Align to",
-               choice_control(d->form, "align_feature", named_rows(align_feature_name, 9),
-                              "Point of the spike that is its time"));
+  rows->addRow("Align to", choice_control(d->form, "align_feature", mode_entries(align_features()),
+                                          "Point of the spike that is its time"));
   rows->addRow(logical_control(d->form, "delete_large_events", "delete events with p-p > ",
                                "Take out artefacts that are larger than any spike"));
   add_number(rows, d->form, "", "max_event_pp_uv",

@@ -164,7 +164,7 @@ QGroupBox* templates_box(const shared_realign& r) {
        "Move all events of this cluster by one common amount",
        "Align the templates and then the events of every cluster", realign_cluster_template,
        realign_every_template},
-      named_rows(template_align_mode_name, 9), r->template_mode, r->undo_templates);
+      mode_entries(template_align_modes()), r->template_mode, r->undo_templates);
 }
 
 QGroupBox* events_box(const shared_realign& r) {
@@ -174,7 +174,7 @@ QGroupBox* events_box(const shared_realign& r) {
        "Point of its own waveform, or fit to the template, that each event is moved to",
        "Move each event of this cluster by itself", "Move each event of every cluster by itself",
        realign_cluster_events, realign_every_event},
-      named_rows(event_align_mode_name, 10), r->event_mode, r->undo_events);
+      mode_entries(event_align_modes()), r->event_mode, r->undo_events);
 }
 
 QLayout* cluster_rows(const shared_realign& r) {

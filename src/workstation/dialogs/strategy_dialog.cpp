@@ -100,13 +100,7 @@ QWidget* clusters_page(settings_form& form) {
       logical_control(form, "force_one_cluster_per_tetrode", "force one cluster per tetrode",
                       "Start from one cluster for each tetrode instead of one for each channel"));
   rows->addRow("Principal Components Selection",
-               choice_control(form, "pc_point_selection",
-                              {{"distributed", 0},
-                               {"max variance", -1},
-                               {"max entropy", 1},
-                               {"voltage magnitude", 2},
-                               {"voltage gradient", 3},
-                               {"voltage plus gradient", 4}},
+               choice_control(form, "pc_point_selection", mode_entries(pc_selections()),
                               "Which points of the template the components are computed from"));
   add_number(rows, form, "limit to", "pc_point_limit",
              {.unit = "points", .tip = "Most template points that are used, 1 to 100"});
