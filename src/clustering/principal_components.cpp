@@ -56,9 +56,10 @@ void score_points(const session_state& session, const std::vector<std::int32_t>&
 }
 
 // Points shared among the assigned channels by peak-to-peak, evenly in time.
-std::vector<pc_point> distribute_points(const session_state& session, std::int32_t slot) {
+std::vector<pc_point> distribute_points(const session_state& session, std::int32_t slot,
+                                        std::int32_t point_limit) {
   const std::vector<std::int32_t> channels = assigned_channels(session, slot);
-  const auto limit = static_cast<std::size_t>(session.strategy.pc_point_limit);
+  const auto limit = static_cast<std::size_t>(point_limit);
   const auto points = static_cast<float>(session.templates.template_points);
   const auto end = static_cast<float>(window_last_sample(session));
   float total = 0.0f;
@@ -157,27 +158,38 @@ pc_candidates score_candidates(const session_state& session, std::int32_t slot, 
   return candidates;
 }
 
+}  // namespace
+
 failure_log session_failure_log(session_state& session) {
   return {&session, [](void* context, const std::string& words) {
             log_message(*static_cast<session_state*>(context), words);
           }};
 }
 
-}  // namespace
+pc_parameters pc_parameters_of(const session_state& session) {
+  const sorting_strategy_settings& strategy = session.strategy;
+  pc_parameters parameters;
+  parameters.selection = strategy.pc_point_selection;
+  parameters.point_limit = strategy.pc_point_limit;
+  parameters.dimensions = strategy.pca_dimensions;
+  parameters.equal_numbers = strategy.equal_numbers_for_overlap;
+  return parameters;
+}
 
-std::vector<pc_point> select_pc_points(session_state& session, std::int32_t slot,
+std::vector<pc_point> select_pc_points(session_state& session, const pc_parameters& parameters,
+                                       std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events) {
-  const std::int32_t method = session.strategy.pc_point_selection;
+  const std::int32_t method = parameters.selection;
   if (method < pc_max_variance || method > pc_voltage_plus_gradient) {
     log_message(session, fmt::format("Error in pc_point_selection flag {}; valid codes are -1 to 4",
                                      method));
   }
-  if (method == pc_distributed) return distribute_points(session, slot);
+  if (method == pc_distributed) return distribute_points(session, slot, parameters.point_limit);
   const pc_candidates candidates = score_candidates(session, slot, method, entropy_events);
   const auto count = static_cast<std::int32_t>(candidates.points.size());
   std::vector<std::int32_t> order(count);
   index_sort(count, candidates.scores.data(), order.data(), session_failure_log(session));
-  std::vector<pc_point> chosen(std::min(count, session.strategy.pc_point_limit));
+  std::vector<pc_point> chosen(std::min(count, parameters.point_limit));
   for (std::size_t i = 0; i < chosen.size(); ++i) {
     chosen[i] = candidates.points[order[count - 1 - i] - 1];
   }
@@ -298,7 +310,7 @@ KESTRELVANE_CLONES void sum_rows(const float* rows, std::int64_t step, std::int6
 
 }  // namespace
 
-void find_axes(session_state& session, const pc_rows& rows, std::vector<float>& axes) {
+void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log& log) {
   const std::int32_t m = rows.n_points;
   const std::int32_t q = rows.n_rows / 5000 + 1;
   const std::int64_t k = (rows.n_rows + q - 1) / q;
@@ -321,8 +333,7 @@ void find_axes(session_state& session, const pc_rows& rows, std::vector<float>& 
   }
   std::vector<float> eigenvalues(m);
   std::int32_t rotations = 0;
-  eigen_decomposition(covariance.data(), m, m, eigenvalues.data(), axes.data(), rotations,
-                      session_failure_log(session));
+  eigen_decomposition(covariance.data(), m, m, eigenvalues.data(), axes.data(), rotations, log);
 }
 
 void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int32_t dimensions,
@@ -386,13 +397,13 @@ pair_sample proportional_sample(std::int32_t n_a, std::int32_t n_b) {
   return {share_a, share_b};
 }
 
-std::vector<aligned_event> covariance_sample(const session_state& session,
+std::vector<aligned_event> covariance_sample(const pc_parameters& parameters,
                                              const std::vector<aligned_event>& a,
                                              const std::vector<aligned_event>& b) {
   const auto n_a = static_cast<std::int32_t>(a.size());
   const auto n_b = static_cast<std::int32_t>(b.size());
   pair_sample sizes = proportional_sample(n_a, n_b);
-  if (session.strategy.equal_numbers_for_overlap) {
+  if (parameters.equal_numbers) {
     const std::int32_t m = std::min({n_a, n_b, 1000});
     sizes = {m, m};
   }
@@ -411,20 +422,22 @@ float compute_pc_scale(const session_state& session) {
 
 void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points) {
   const float scale = compute_pc_scale(session);
+  const pc_parameters parameters = pc_parameters_of(session);
   std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   const std::vector<aligned_event> events = read_events(session, list, false, 0.0f);
   std::vector<aligned_event> entropy_events;
-  if (session.strategy.pc_point_selection == pc_max_entropy) {
+  if (parameters.selection == pc_max_entropy) {
     thin_event_list(list, 10000);
     entropy_events = read_events(session, list, false, 0.0f);
   }
-  const std::vector<pc_point> chosen = select_pc_points(session, cluster, entropy_events);
+  const std::vector<pc_point> chosen =
+      select_pc_points(session, parameters, cluster, entropy_events);
   pc_rows rows;
   fill_pc_rows(session, chosen, events, scale, rows);
   std::vector<float> axes;
-  find_axes(session, rows, axes);
+  find_axes(rows, axes, session_failure_log(session));
   points.n = rows.n_rows;
-  points.dimensions = session.strategy.pca_dimensions;
+  points.dimensions = parameters.dimensions;
   project_rows(rows, axes, points.dimensions, points.values);
 }
 
@@ -471,6 +484,7 @@ void make_pair_template(session_state& session, std::int32_t a, std::int32_t b, 
 void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,
                     gac_points& points) {
   const float scale = compute_pc_scale(session);
+  const pc_parameters parameters = pc_parameters_of(session);
   float shift = 0.0f;
   std::int32_t n_shift = b;
   const std::int64_t k = pair_index(session.clusters.n_clusters, std::min(a, b), std::max(a, b));
@@ -485,12 +499,12 @@ void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std:
   const std::int32_t slot = session.clusters.n_clusters + 1 + rank;
   make_pair_template(session, a, b, shift, n_shift, static_cast<std::int32_t>(list_a.size()),
                      static_cast<std::int32_t>(list_b.size()), slot);
-  const std::vector<aligned_event> sample = covariance_sample(session, events_a, events_b);
-  const std::vector<pc_point> chosen = select_pc_points(session, slot, sample);
+  const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
+  const std::vector<pc_point> chosen = select_pc_points(session, parameters, slot, sample);
   pc_rows rows;
   fill_pc_rows(session, chosen, sample, scale, rows);
   std::vector<float> axes;
-  find_axes(session, rows, axes);
+  find_axes(rows, axes, session_failure_log(session));
 
   // Both clusters in event order.
   std::vector<aligned_event> all;
@@ -506,7 +520,7 @@ void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std:
   }
   fill_pc_rows(session, chosen, all, scale, rows);
   points.n = rows.n_rows;
-  points.dimensions = session.strategy.pca_dimensions;
+  points.dimensions = parameters.dimensions;
   project_rows(rows, axes, points.dimensions, points.values);
 }
 

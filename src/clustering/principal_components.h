@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "clustering/gradient_ascent.h"
+#include "numerics/failure_log.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -40,9 +41,19 @@ struct aligned_event {
   float shift;
 };
 
-// Points of a template slot by pc_point_selection, highest score first, at most
-// pc_point_limit. entropy_events: where "max entropy" reads its histograms.
-std::vector<pc_point> select_pc_points(session_state& session, std::int32_t slot,
+// Which points enter and what is kept of them. The defaults are those of the settings.
+struct pc_parameters {
+  std::int32_t selection = pc_voltage_plus_gradient;  // pc_selection: the score of a point
+  std::int32_t point_limit = 50;                      // most points, 1..100
+  std::int32_t dimensions = 2;                        // components, 2..5
+  bool equal_numbers = true;  // a pair's covariance takes as many events of either cluster
+};
+pc_parameters pc_parameters_of(const session_state& session);
+
+// Points of a template slot, highest score first. entropy_events: where "max entropy"
+// reads its histograms. An unknown selection is logged and taken as "max variance".
+std::vector<pc_point> select_pc_points(session_state& session, const pc_parameters& parameters,
+                                       std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events);
 
 // Rows of interpolated voltages, bits times scale.
@@ -50,8 +61,10 @@ void fill_pc_rows(const session_state& session, const std::vector<pc_point>& poi
                   const std::vector<aligned_event>& events, float scale, pc_rows& rows);
 
 // Axes from the covariance of every q-th row, q = n / 5000 + 1. axes[d * n_points
-// + p]: component p of axis d, by falling magnitude of eigenvalue.
-void find_axes(session_state& session, const pc_rows& rows, std::vector<float>& axes);
+// + p]: component p of axis d, by falling magnitude of eigenvalue. log: where a
+// decomposition that does not converge is told.
+void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log& log = {});
+failure_log session_failure_log(session_state& session);
 
 // out[e * dimensions + d], without subtracting a mean.
 void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int32_t dimensions,
@@ -94,7 +107,7 @@ std::vector<aligned_event> read_events(const session_state& session,
 std::vector<aligned_event> stride_events(const std::vector<aligned_event>& events, std::int32_t m);
 
 // The sample of a pair for the covariance, a's events before b's.
-std::vector<aligned_event> covariance_sample(const session_state& session,
+std::vector<aligned_event> covariance_sample(const pc_parameters& parameters,
                                              const std::vector<aligned_event>& a,
                                              const std::vector<aligned_event>& b);
 

@@ -289,19 +289,20 @@ float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
   const auto n_b = static_cast<std::int32_t>(events_b.size());
   if (n_a == 0 || n_b == 0) return std::nanf("");
   make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
-  const std::vector<aligned_event> sample = covariance_sample(session, events_a, events_b);
-  const std::vector<pc_point> points = select_pc_points(session, scratch_slot, sample);
+  const pc_parameters parameters = pc_parameters_of(session);
+  const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
+  const std::vector<pc_point> points = select_pc_points(session, parameters, scratch_slot, sample);
   pc_rows rows;
   fill_pc_rows(session, points, sample, 1.0f, rows);
   std::vector<float> axes;
-  find_axes(session, rows, axes);
+  find_axes(rows, axes, session_failure_log(session));
 
   const pair_sample sizes = proportional_sample(n_a, n_b);
   std::vector<aligned_event> test = stride_events(events_a, sizes.n_a);
   const std::vector<aligned_event> rest = stride_events(events_b, sizes.n_b);
   test.insert(test.end(), rest.begin(), rest.end());
   fill_pc_rows(session, points, test, 1.0f, rows);
-  const std::int32_t dimensions = std::min(session.strategy.pca_dimensions, 3);
+  const std::int32_t dimensions = std::min(parameters.dimensions, 3);
   std::vector<float> coordinates;
   project_rows(rows, axes, dimensions, coordinates);
   return nearest_neighbour_overlap(coordinates, dimensions, sizes.n_a, sizes.n_b);

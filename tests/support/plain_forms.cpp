@@ -463,8 +463,9 @@ float plain_cluster_overlap(session_state& session, std::int32_t a, std::int32_t
   const auto n_a = static_cast<std::int32_t>(events_a.size());
   const auto n_b = static_cast<std::int32_t>(events_b.size());
   make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
-  const std::vector<aligned_event> sample = covariance_sample(session, events_a, events_b);
-  const std::vector<pc_point> points = select_pc_points(session, scratch_slot, sample);
+  const pc_parameters parameters = pc_parameters_of(session);
+  const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
+  const std::vector<pc_point> points = select_pc_points(session, parameters, scratch_slot, sample);
   const auto m = static_cast<std::int32_t>(points.size());
   const std::vector<float> axes = plain_axes(plain_rows(session, points, sample), m);
   const pair_sample sizes = proportional_sample(n_a, n_b);
@@ -472,7 +473,7 @@ float plain_cluster_overlap(session_state& session, std::int32_t a, std::int32_t
   const std::vector<aligned_event> rest = stride_events(events_b, sizes.n_b);
   test.insert(test.end(), rest.begin(), rest.end());
   const std::vector<float> rows = plain_rows(session, points, test);
-  const std::int32_t d = std::min(session.strategy.pca_dimensions, 3);
+  const std::int32_t d = std::min(parameters.dimensions, 3);
   std::vector<float> projected;
   for (std::size_t e = 0; e < test.size(); ++e) {
     for (std::int32_t axis = 0; axis < d; ++axis) {
