@@ -386,6 +386,7 @@ pair_sample proportional_sample(std::int32_t n_a, std::int32_t n_b) {
   const std::int64_t total = std::int64_t{n_a} + n_b;
   const auto share_a = static_cast<std::int32_t>(n_a * most / total);
   const auto share_b = static_cast<std::int32_t>(n_b * most / total);
+  // Ten events at least, if there are as many: fewer tell nothing of a cloud.
   if (share_a < 10) {
     const std::int32_t kept = std::min(n_a, 10);
     return {kept, static_cast<std::int32_t>(most) - kept};
@@ -481,17 +482,43 @@ void make_pair_template(session_state& session, std::int32_t a, std::int32_t b, 
   get_scratch_template_channels(session, slot);
 }
 
+namespace {
+
+// How far a pair's templates lie apart, and which of the two is read at that shift.
+struct pair_reading {
+  float shift;  // samples
+  std::int32_t n_shift;
+};
+
+// The shift that the lists hold for a pair; without lists b lies where it lies.
+pair_reading stored_shift(const session_state& session, std::int32_t a, std::int32_t b) {
+  if (session.lists.n_kv_pairs == 0) return {0.0f, b};
+  const std::int64_t k = pair_index(session.clusters.n_clusters, std::min(a, b), std::max(a, b));
+  return {session.lists.rms_template_shift[k], session.lists.kv_n_shift_template[k]};
+}
+
+// Both clusters in event order, which is that of the labels that clustering gives back.
+std::vector<aligned_event> join_events(const std::vector<std::int32_t>& list_a,
+                                       const std::vector<aligned_event>& events_a,
+                                       const std::vector<std::int32_t>& list_b,
+                                       const std::vector<aligned_event>& events_b) {
+  std::vector<aligned_event> all;
+  all.reserve(events_a.size() + events_b.size());
+  std::size_t i = 0, j = 0;
+  while (i < list_a.size() || j < list_b.size()) {
+    const bool from_a = j == list_b.size() || (i < list_a.size() && list_a[i] < list_b[j]);
+    all.push_back(from_a ? events_a[i++] : events_b[j++]);
+  }
+  return all;
+}
+
+}  // namespace
+
 void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,
                     gac_points& points) {
   const float scale = compute_pc_scale(session);
   const pc_parameters parameters = pc_parameters_of(session);
-  float shift = 0.0f;
-  std::int32_t n_shift = b;
-  const std::int64_t k = pair_index(session.clusters.n_clusters, std::min(a, b), std::max(a, b));
-  if (session.lists.n_kv_pairs > 0) {
-    shift = session.lists.rms_template_shift[k];
-    n_shift = session.lists.kv_n_shift_template[k];
-  }
+  const auto [shift, n_shift] = stored_shift(session, a, b);
   const std::vector<std::int32_t> list_a = list_cluster_events(session, a);
   const std::vector<std::int32_t> list_b = list_cluster_events(session, b);
   const std::vector<aligned_event> events_a = read_events(session, list_a, n_shift == a, shift);
@@ -506,14 +533,7 @@ void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std:
   std::vector<float> axes;
   find_axes(rows, axes, session_failure_log(session));
 
-  // Both clusters in event order.
-  std::vector<aligned_event> all;
-  all.reserve(events_a.size() + events_b.size());
-  std::size_t i = 0, j = 0;
-  while (i < list_a.size() || j < list_b.size()) {
-    const bool from_a = j == list_b.size() || (i < list_a.size() && list_a[i] < list_b[j]);
-    all.push_back(from_a ? events_a[i++] : events_b[j++]);
-  }
+  const std::vector<aligned_event> all = join_events(list_a, events_a, list_b, events_b);
   const auto expected = static_cast<std::int32_t>(list_a.size() + list_b.size());
   if (static_cast<std::int32_t>(all.size()) != expected) {
     log_message(session, fmt::format("possible mismatch with nevents {} {}", all.size(), expected));

@@ -61,7 +61,7 @@ std::int32_t crossing_steepness(std::int32_t row, const std::int16_t* v) {
 }
 
 // Rows 4 and 5: the steepest zero crossing. A window without any crossing keeps
-// the time that the last trigger left behind.
+// the time that the last trigger has left.
 lockout_feature find_crossing(const session_state& session, std::int32_t row, std::int32_t channel,
                               std::int32_t t, std::int32_t w, std::int32_t last_time) {
   const std::int16_t* v = session.recording.vd.channel(channel);

@@ -22,7 +22,9 @@ namespace {
 
 constexpr std::int32_t merge_meter_range = 150;
 constexpr std::int32_t merges_per_call = 100;
+// A pair that stays ambiguous after so many splits is left to the user.
 constexpr std::int32_t tries_per_pair = 4;
+// Of what has no place in the list of sub-clusters that are kept.
 constexpr std::int16_t label_outside_list = 10;
 
 void set_merge_meter(const session_state& session, std::int32_t value) {
@@ -222,7 +224,8 @@ void note_pair_tried(session_state& session, std::int64_t k, float old_overlap) 
                                    session.lists.kv_cluster_overlap[k]));
 }
 
-// Makes the listed sub-clusters a, b and, from the third on, new clusters.
+// Makes the listed sub-clusters a, b and, from the third on, new clusters. All pairs among
+// them count as looked at, so that the pass ends.
 void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
                   const std::vector<std::int32_t>& list, const stage_verdict& verdict) {
   if (session.preferences.verbose_log) {
@@ -287,6 +290,40 @@ std::string name_pairs_left(std::int32_t n) {
   return n == 1 ? "There is 1 pair left" : fmt::format("There are {} pairs left", n);
 }
 
+// An overlap that is not a number belongs to a pair that nothing can be said of: it
+// counts, but is never the largest.
+pair_search find_pair_to_try(const session_state& session) {
+  return find_largest_overlap(session, [&](std::int64_t k) {
+    return !pair_is_distinct(session, k) && session.lists.kv_split_tries[k] < tries_per_pair;
+  });
+}
+
+// A split may leave more pairs than there were at first: the meter stays within its part.
+void move_pairs_meter(const session_state& session, std::int32_t from, std::int32_t to,
+                      std::int32_t n_left, std::int32_t n_initial) {
+  const auto left = static_cast<std::int64_t>(n_left) * to / n_initial;
+  set_merge_meter(session,
+                  std::min(to, std::max(from, static_cast<std::int32_t>(from + to - left))));
+}
+
+// Merges or splits a pair, with its words; false when the cluster limit forbids it.
+bool try_pair(session_state& session, std::int64_t k, std::int32_t looked_at) {
+  const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  log_message(session,
+              fmt::format(" # of comparisons={} next pair={} {}; sizes={} {}", looked_at, a, b,
+                          count_cluster_events(session, a), count_cluster_events(session, b)));
+  set_status(session, status_field::current_pair, fmt::format("{} {}", a, b));
+  const bool room = merge_or_split_pair(session, k);
+  refresh_displays(session);
+  show_counts(session);
+  pause_point(session);
+  if (room) return true;
+  tell(session, "Cannot add new cluster as maximum number has been reached", "Create new cluster",
+       box_icon::warning);
+  session.autosort.max_clusters_reached = true;
+  return false;
+}
+
 }  // namespace
 
 void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
@@ -296,41 +333,19 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
   std::int32_t n_initial = 0, looked_at = 0;
   bool stop = false;
   while (!stop) {
-    // An overlap that is not a number belongs to a pair that nothing can be said
-    // of: it counts, but is never the largest.
-    const pair_search search = find_largest_overlap(session, [&](std::int64_t k) {
-      return !pair_is_distinct(session, k) && session.lists.kv_split_tries[k] < tries_per_pair;
-    });
+    const pair_search search = find_pair_to_try(session);
     if (n_initial == 0) n_initial = search.count;
     if (search.count == 0) break;
-    const auto left = static_cast<std::int64_t>(search.count) * meter_to / n_initial;
-    set_merge_meter(
-        session,
-        std::min<std::int32_t>(
-            meter_to, std::max<std::int32_t>(
-                          meter_from, static_cast<std::int32_t>(meter_from + meter_to - left))));
+    move_pairs_meter(session, meter_from, meter_to, search.count, n_initial);
     log_message(session, name_pairs_left(search.count));
     if (search.best == 0) {
       log_message(session, "!!!!!!!!!!!Error looking for cluster pair!!!!!!!!!!!!!");
       break;
     }
     ++looked_at;
-    const auto [a, b] = pair_from_index(session.clusters.n_clusters, search.best);
-    log_message(session,
-                fmt::format(" # of comparisons={} next pair={} {}; sizes={} {}", looked_at, a, b,
-                            count_cluster_events(session, a), count_cluster_events(session, b)));
-    set_status(session, status_field::current_pair, fmt::format("{} {}", a, b));
-    const bool room = merge_or_split_pair(session, search.best);
-    refresh_displays(session);
-    show_counts(session);
-    pause_point(session);
-    if (!room) {
-      tell(session, "Cannot add new cluster as maximum number has been reached",
-           "Create new cluster", box_icon::warning);
-      session.autosort.max_clusters_reached = true;
-    }
-    stop = !room || autosort_interrupted(session);
+    stop = !try_pair(session, search.best, looked_at) || autosort_interrupted(session);
   }
+  // They were the marks of the pass; the review by the user starts without any.
   clear_ambiguous_marks(session);
   if (stop) {
     log_message(session, fmt::format("Initial # of pairs to look at={}", n_initial));
