@@ -15,6 +15,12 @@ namespace kestrelvane {
 
 namespace {
 
+// True when the sites of two channels lie within lockout_radius_um.
+bool event_within_lockout(const session_state& session, std::int32_t c1, std::int32_t c2) {
+  return session.recording.distance(c2, c1) <=
+         static_cast<float>(session.detection.lockout_radius_um);
+}
+
 constexpr std::int32_t look_back = 100;
 
 // Calls visit(channel) for each unmasked neighbour of a channel until it returns
@@ -164,7 +170,6 @@ bool is_duplicate(const session_state& session, std::int32_t channel, std::int32
   const std::int32_t oldest = std::max(1, events.n_events - look_back);
   for (std::int32_t e = events.n_events; e >= oldest; --e) {
     if (std::abs(events.event_time[e] - time) <= w &&
-        // True when the sites of two channels lie within lockout_radius_um.
         event_within_lockout(session, channel, events.event_channel[e])) {
       return true;
     }
@@ -187,11 +192,6 @@ bool add_event(session_state& session, std::int32_t channel, std::int32_t time) 
 }
 
 }  // namespace
-
-bool event_within_lockout(const session_state& session, std::int32_t c1, std::int32_t c2) {
-  return session.recording.distance(c2, c1) <=
-         static_cast<float>(session.detection.lockout_radius_um);
-}
 
 lockout_feature find_lockout_feature(const session_state& session, std::int32_t row,
                                      std::int32_t channel, std::int32_t t, std::int32_t last_time) {
