@@ -127,6 +127,21 @@ bool read_format(session_state& session, const recording_request& request) {
   return false;
 }
 
+// What the file demands of settings becomes the setting, and stays so until the user or the
+// next recording changes it. Readers change none: one that fails leaves them as they were.
+void meet_demands(session_state& session) {
+  const recording_store& r = session.recording;
+  if (r.file_window_start_ms < r.file_window_end_ms) {
+    session.strategy.template_window_start_ms = r.file_window_start_ms;
+    session.strategy.template_window_end_ms = r.file_window_end_ms;
+  }
+  if (r.suits_lockout) session.detection.use_lockout = true;
+  if (r.records_stay_apart && session.preferences.treat_as_continuous) {
+    log_message(session, "Turning off option to 'treat_event_based_recording_as_continuous'");
+    session.preferences.treat_as_continuous = false;
+  }
+}
+
 // Tables of the sites, and what a file does not tell: row distance and display order.
 void settle_geometry(session_state& session) {
   recording_store& r = session.recording;
@@ -286,6 +301,7 @@ bool open_recording_worker(session_state& session, const recording_request& requ
     abort_open(session, request);
     return false;
   }
+  meet_demands(session);
   settle_geometry(session);
   make_file_templates(session);
   name_recording(session, request);

@@ -37,7 +37,7 @@ void report_no_memory_for_samples(const session_state& session, std::int64_t max
   tell(session,
        "Not enough memory: about " + rounded_gigabytes(bytes) + " GB needed for recording data",
        "Problem");
-  if (!r.is_continuous && session.preferences.treat_as_continuous) {
+  if (!r.is_continuous && !r.records_stay_apart && session.preferences.treat_as_continuous) {
     tell(session, "Try turning off 'treat event based recording as continuous' option",
          "Suggestion", box_icon::information);
   }

@@ -134,6 +134,11 @@ struct recording_store {
   std::int32_t ntt_record_count = 0;  // .ntt: records read
   table<std::int32_t> ntt_features;   // .ntt: eight of each record, written back unchanged
 
+  // --- what the file demands of settings; set by its reader, met by the open worker
+  float file_window_start_ms = 0, file_window_end_ms = 0;  // template window; both 0: any
+  logical suits_lockout = false;                           // its events are found by lockout
+  logical records_stay_apart = false;  // they cannot be laid out on one time axis
+
   // --- the electrode
   std::string electrode_name;                         // at most 10 characters
   std::int32_t electrode_type = electrode_polytrode;  // electrode_type_code

@@ -38,6 +38,8 @@ void reset_stored_records(recording_store& r) {
   r.ntt_header.clear();
   r.ntt_record_count = 0;
   r.ntt_features.release();
+  r.file_window_start_ms = r.file_window_end_ms = 0;
+  r.suits_lockout = r.records_stay_apart = false;
 }
 
 void reset_electrode(recording_store& r) {

@@ -195,9 +195,13 @@ TEST_F(neuralynx_test, reading_can_be_interrupted) {
   EXPECT_TRUE(session.user.logged("Reading interrupted"));
   expect_empty();
   session->operation.interrupt_at_poll = session->operation.polls + 1;
+  session->preferences.treat_as_continuous = true;
   EXPECT_FALSE(open_ntt({{0}}));
   EXPECT_TRUE(session.user.logged("Reading interrupted"));
   expect_empty();
+  // What the file would have demanded of settings is not done.
+  EXPECT_EQ(session->strategy.template_window_end_ms, 0.8f);
+  EXPECT_TRUE(session->preferences.treat_as_continuous);
 }
 
 TEST_F(neuralynx_test, ntt_records_become_events_of_four_channels) {

@@ -124,7 +124,7 @@ bool allocate_store(session_state& session, const nev_reading& reading) {
   r.samples_per_event = static_cast<std::int32_t>(reading.layout.n_samples);
   r.is_continuous = false;
   r.electrode_type = electrode_utah_array;
-  session.detection.use_lockout = true;  // it suits data that are cut into events
+  r.suits_lockout = true;  // as data do that are cut into events
   return allocate_recording(session, r.n_samples + usual_spare_samples);
 }
 
@@ -282,17 +282,16 @@ void give_clusters_a_channel(session_state& session, const std::vector<std::int3
   }
 }
 
-// The window becomes that of the waveforms.
-void suit_window(session_state& session, const std::vector<std::int32_t>& base) {
-  const recording_store& r = session.recording;
+// The template window is to be that of the waveforms.
+void demand_window(session_state& session) {
+  recording_store& r = session.recording;
   const std::int32_t n_clusters = session.clusters.n_clusters;
   log_message(session, n_clusters == 1 ? std::string("There is one cluster")
                                        : fmt::format("There are {} clusters", n_clusters));
   const float half_ms = static_cast<float>(r.samples_per_event) * 1000.0f /
                         (2.0f * static_cast<float>(r.sampling_frequency));
-  session.strategy.template_window_start_ms = -half_ms;
-  session.strategy.template_window_end_ms = half_ms;
-  give_clusters_a_channel(session, base);
+  r.file_window_start_ms = -half_ms;
+  r.file_window_end_ms = half_ms;
 }
 
 bool read_file(session_state& session, const std::string& path) {
@@ -320,7 +319,9 @@ bool read_file(session_state& session, const std::string& path) {
   if (!read_packets(session, file, reading)) return false;
   log_packets(session, reading);
   if (r.no_config_file) place_channels_in_line(session);
-  suit_window(session, number_clusters(session));
+  const std::vector<std::int32_t> base = number_clusters(session);
+  demand_window(session);
+  give_clusters_a_channel(session, base);
   log_message(session, fmt::format("Allocating memory for {} voltage samples", r.n_samples));
   session.clusters.current_cluster = 1;
   set_progress(session, meter::reading, 100, 115);

@@ -495,19 +495,15 @@ bool read_ntt_records(session_state& session, const input_file& file, std::int64
   return true;
 }
 
-// The template window suits the length of the records.
-void set_ntt_window(session_state& session) {
-  session.strategy.template_window_start_ms = -0.64f;
-  session.strategy.template_window_end_ms = 0.64f;
-}
-
 void finish_ntt(session_state& session) {
   recording_store& r = session.recording;
   log_message(session,
               fmt::format("There are {} clusters in the file", session.clusters.n_clusters));
   set_tetrode_map(session);
   r.chan_mask.clear();
-  set_ntt_window(session);
+  // The length of a record.
+  r.file_window_start_ms = -0.64f;
+  r.file_window_end_ms = 0.64f;
   session.clusters.current_cluster = session.clusters.previous_cluster = 1;
 }
 
@@ -549,10 +545,7 @@ bool read_ntt(session_state& session, const recording_request& request) {
   r.is_continuous = false;
   r.electrode_type = electrode_tetrode;
   r.samples_per_event = ntt_waveform_length;
-  if (session.preferences.treat_as_continuous) {
-    log_message(session, "Turning off option to 'treat_event_based_recording_as_continuous'");
-    session.preferences.treat_as_continuous = false;
-  }
+  r.records_stay_apart = true;
   if (!allocate_ntt(session, file, n_records) || !read_ntt_records(session, file, n_records)) {
     return false;
   }
