@@ -46,6 +46,7 @@ void* split_obvious_in_force(session_state& s) {
 }
 
 #define AT(member) [](session_state& s) -> void* { return &s.member; }
+#define CARRIED(name) [](session_state& s) -> void* { return s.carried.at(carried_setting::name); }
 #define LIST(member) [](session_state& s) -> void* { return s.member.first(); }
 
 // clang-format off
@@ -111,8 +112,8 @@ constexpr work_file_row rows[] = {
   word("gac_max_iterations", AT(strategy.gac_max_iterations)),
   word("gac_merge_radius", AT(strategy.gac_merge_radius)),
   word("gac_stop_step", AT(strategy.gac_stop_step)),
-  word("gac_flag", AT(strategy.gac_flag)),
-  word("gac_option", AT(strategy.gac_option)),
+  word("gac_flag", CARRIED(gac_flag)),
+  word("gac_option", CARRIED(gac_option)),
   word("gac_stall_limit", AT(strategy.gac_stall_limit)),
   word("pc_point_selection", AT(strategy.pc_point_selection), 8),
   word("pc_point_limit", AT(strategy.pc_point_limit)),
@@ -121,9 +122,9 @@ constexpr work_file_row rows[] = {
   word("gac_threshold", AT(strategy.gac_threshold)),
   word("gac_size_tolerance", AT(strategy.gac_size_tolerance)),
   word("overlap_threshold", AT(strategy.overlap_threshold)),
-  word("merge_safe_limit", AT(strategy.merge_safe_limit)),
-  word("pair_parameter_1", AT(strategy.pair_parameter_1), 5),
-  word("pair_parameter_2", AT(strategy.pair_parameter_2), 5),
+  word("merge_safe_limit", CARRIED(merge_safe_limit)),
+  word("pair_parameter_1", CARRIED(pair_parameter_1), 5),
+  word("pair_parameter_2", CARRIED(pair_parameter_2), 5),
   word("recluster_limit", AT(strategy.recluster_limit)),
   word("keep_largest_final_subcluster", AT(strategy.keep_largest_final_subcluster)),
   word("split_obvious", split_obvious_in_force),
@@ -133,7 +134,7 @@ constexpr work_file_row rows[] = {
   word("force_one_cluster_per_tetrode", AT(strategy.force_one_cluster_per_tetrode), 8),
   word("channel_radius", AT(strategy.channel_radius), 8),
   word("match_method", AT(review.match_method)),
-  word("session_flag", AT(strategy.session_flag)),
+  word("session_flag", CARRIED(session_flag)),
   word("gac_subsample", AT(strategy.gac_subsample)),
 
   words("cluster_spare", per_cluster, 1, LIST(clusters.cluster_spare)),
@@ -162,12 +163,12 @@ constexpr work_file_row rows[] = {
   words("kv_user_ambiguous", per_pair, 1, LIST(lists.kv_user_ambiguous)),
   words("kv_templates_dont_overlap", per_pair, 1, LIST(lists.kv_templates_dont_overlap), 8),
   word("template_shift_on", AT(lists.template_shift_on)),
-  word("status_flag", AT(strategy.status_flag)),
+  word("status_flag", CARRIED(status_flag)),
   word("relocate_sd_factor", AT(review.relocate_sd_factor)),
-  word("status_parameter_1", AT(strategy.status_parameter_1)),
+  word("status_parameter_1", CARRIED(status_parameter_1)),
   word("correlation_threshold", AT(strategy.correlation_threshold), 7),
   word("do_common_mean", AT(filter.do_common_mean), 4, 6),
-  word("status_parameter_2", AT(strategy.status_parameter_2)),
+  word("status_parameter_2", CARRIED(status_parameter_2)),
   word("equal_numbers_for_overlap", AT(strategy.equal_numbers_for_overlap)),
   word("export_remove_duplicates", AT(review.export_remove_duplicates)),
   word("export_save_work_file", AT(review.export_save_work_file)),
@@ -190,6 +191,7 @@ constexpr work_file_row rows[] = {
 // clang-format on
 
 #undef AT
+#undef CARRIED
 #undef LIST
 
 }  // namespace

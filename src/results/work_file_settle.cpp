@@ -8,7 +8,6 @@
 
 #include "clustering/templates.h"
 #include "recording/site_tables.h"
-#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
 #include "sorting/cluster_edits.h"
@@ -193,7 +192,7 @@ void settle_settings(session_state& session, const kept_settings& before) {
     }
   }
   // What a window may reach depends on the taps of the interpolation.
-  build_interp_table(session);
+  apply_settings(session);
   settle_window(session, before.window_start_ms, before.window_end_ms);
   build_neighbour_list(session);
 }

@@ -31,13 +31,11 @@ void build_interp_table(session_state& session) {
   }
 }
 
-void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width) {
-  session.strategy.interp_depth = depth;
-  session.strategy.interp_width = width;
+void log_interpolation(const session_state& session) {
   log_message(session, "Recalculating interpolation table");
   log_message(session, "Changing interpolation parameters, depth, width = " +
-                           std::to_string(depth) + " " + std::to_string(width));
-  build_interp_table(session);
+                           std::to_string(session.strategy.interp_depth) + " " +
+                           std::to_string(session.strategy.interp_width));
 }
 
 void fill_gac_table(float* table) {

@@ -5,18 +5,16 @@
 // ascent clustering through the second.
 #pragma once
 
-#include <cstdint>
-
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
-// Fills interp_table for the settings in force. Depth times width beyond the
+// Fills interp_table for the settings in force; their rows apply it. Depth times width beyond the
 // table narrows the width to what fits.
 void build_interp_table(session_state& session);
 
-// A change of depth and width by the user: rebuilds the table and logs both.
-void change_interpolation(session_state& session, std::int32_t depth, std::int32_t width);
+// Says in the log that the user has changed depth or width.
+void log_interpolation(const session_state& session);
 
 // Fills the kernel table exp(-k/500), k = 0..10000.
 void build_gac_table(session_state& session);

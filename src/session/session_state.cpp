@@ -96,7 +96,6 @@ void start_session(session_state& session) {
   set_default_strategy(session);
   set_display_defaults(session);
   session.multi_threaded_now = session.preferences.multi_threaded;
-  build_interp_table(session);
   build_gac_table(session);
 }
 

@@ -85,6 +85,7 @@ struct session_state {
   review_settings review;
   display_settings display;
   preferences_record preferences;
+  carried_settings carried;
   voltage_view view;
 
   detection_state detector;

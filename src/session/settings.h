@@ -11,6 +11,7 @@
 // autosort_state), so that what the user has set is what is saved.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "session/limits.h"
@@ -96,8 +97,6 @@ struct sorting_strategy_settings {
   float gac_size_tolerance = 0;    // per cent
   std::int32_t gac_threshold = 0;  // stages
   logical gac_subsample;
-  logical gac_option;                 // stored, no reader
-  logical gac_flag;                   // carried by the work file
   std::int32_t min_cluster_size = 0;  // events
   // splitting
   std::int32_t recluster_limit = 0;  // events
@@ -106,7 +105,6 @@ struct sorting_strategy_settings {
   logical split_obvious;  // in splits by hand; Autosort always does so
   logical force_one_cluster_per_tetrode;
   // Autosort
-  logical autosort_option_2;                      // stored, no reader
   logical remove_duplicates_after_first_pass;     // stored, no reader: every Autosort does so
   logical realign_after_channel_clusters = true;  // likewise
   logical merge_split_pairs;
@@ -116,10 +114,6 @@ struct sorting_strategy_settings {
   // pairs
   float overlap_threshold = 0;
   float correlation_threshold = 0;
-  float merge_safe_limit = 0;                            // stored, no reader
-  float status_parameter_1 = 0, status_parameter_2 = 0;  // stored
-  float pair_parameter_1 = 0, pair_parameter_2 = 0;      // stored, no reader
-  logical status_flag, session_flag;                     // carried by the work file
 };
 
 // Guided review, post-processing and export.
@@ -127,7 +121,6 @@ struct review_settings {
   float view_split_sigma = 0;  // µV
   std::int32_t search_order = 0;
   std::int32_t manage_option_1 = 0;
-  float post_option_1 = 0;  // stored, no reader
   std::int32_t renumber_order = 0;
   logical show_correlograms;
   float correlogram_bin_ms = 0;        // ms
@@ -188,8 +181,33 @@ struct preferences_record {
   logical centre_pc_points;
   logical show_pca_points;
   logical autoscale_pc_display;
-  logical display_option;
-  logical display_flag_1, display_flag_2;
+};
+
+// What the files hold and nothing reads: kept so that it goes back as it came. Each is a row
+// of the settings table, with a place in the files of settings or in the work file.
+enum class carried_setting : std::int32_t {
+  autosort_option_2,
+  merge_safe_limit,
+  status_parameter_1,
+  status_parameter_2,
+  gac_option,
+  gac_flag,
+  post_option_1,
+  pair_parameter_1,
+  pair_parameter_2,
+  status_flag,
+  session_flag,
+  display_option,
+  display_flag_1,
+  display_flag_2,
+  count
+};
+
+struct carried_settings {
+  std::int32_t words[static_cast<std::size_t>(carried_setting::count)] = {};
+
+  // Bytes of an integer, a float or a logical, as the row says.
+  void* at(carried_setting which) { return &words[static_cast<std::size_t>(which)]; }
 };
 
 }  // namespace kestrelvane

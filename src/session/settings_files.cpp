@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "files/safe_file.h"
-#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 
 namespace kestrelvane {
@@ -92,7 +91,7 @@ bool read_parameters_file(session_state& session, const std::string& path) {
   if (!load(path, in)) return false;
   take_fields(session, setting_file::parameters, in);
   correct_parameters(session);
-  build_interp_table(session);
+  apply_settings(session);
   return true;
 }
 

@@ -16,7 +16,7 @@ constexpr std::size_t parameters_file_bytes = 436;
 constexpr std::size_t preferences_file_bytes = 268;
 
 // Reads kv_parameters.sav, puts right what display and detection cannot take, and
-// brings the interpolation table in step. False when there is no such file.
+// applies them. False when there is no such file.
 bool read_parameters(session_state& session);
 // The same from any path, for the batch command.
 bool read_parameters_file(session_state& session, const std::string& path);

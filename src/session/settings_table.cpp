@@ -5,6 +5,8 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstddef>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -45,38 +47,52 @@ constexpr setting_group group_of_review = setting_group::parameters;
 constexpr setting_group group_of_display = setting_group::display;
 constexpr setting_group group_of_preferences = setting_group::preferences;
 
-#define ROW(in, group, record, field, defaults, value, low, high, label, reading)                  \
+#define ROW(in, group, record, field, defaults, value, low, high, label, reading, apply)           \
   {                                                                                                \
 #field, setting_file::in, group,                                                               \
         type_of < decltype((std::declval <session_state&>().record.field))>(),                     \
         count_of < decltype((std::declval <session_state&>().record.field))>(),                    \
         [](session_state &                                                                         \
            session) -> void* { return &session.record.field; }, defaults, value, low, high, label, \
-                                                             setting_reading::reading              \
+                                                             setting_reading::reading, apply       \
   }
 // Rows of kv_parameters.sav: record, field, default, lowest, highest, label.
-#define SETTING(record, field, value, low, high, label) \
-  ROW(parameters, group_of_##record, record, field, nullptr, value, low, high, label, stored)
+#define SETTING(record, field, value, low, high, label)                                       \
+  ROW(parameters, group_of_##record, record, field, nullptr, value, low, high, label, stored, \
+      nullptr)
 // Rows of kv_prefs.sav over preferences_record, and those over another record.
 #define PREFERENCE(field, value, low, high, label) \
   SHARED(preferences, field, value, low, high, label)
-#define SHARED(record, field, value, low, high, label) \
-  ROW(preferences, group_of_##record, record, field, nullptr, value, low, high, label, stored)
+#define SHARED(record, field, value, low, high, label)                                         \
+  ROW(preferences, group_of_##record, record, field, nullptr, value, low, high, label, stored, \
+      nullptr)
 // One default per element.
 #define ARRAY(field, defaults, low, high, label)                                                  \
   ROW(preferences, setting_group::preferences, preferences, field, defaults, 0, low, high, label, \
-      stored)
+      stored, nullptr)
 // Written a second time, and dropped when read.
 #define COPY(field, value, low, high, label)                                                  \
   ROW(preferences, setting_group::preferences, preferences, field, nullptr, value, low, high, \
-      label, dropped)
+      label, dropped, nullptr)
 // Left alone by the "Default" button.
 #define LAYOUT(field, value, low, high, label)                                                   \
   ROW(preferences, setting_group::display, preferences, field, nullptr, value, low, high, label, \
-      stored)
+      stored, nullptr)
+// As SETTING, for a setting that a table follows from.
+#define APPLIED(record, field, value, low, high, label, apply) \
+  ROW(parameters, group_of_##record, record, field, nullptr, value, low, high, label, stored, apply)
+// Bytes that no record has a field for, and that no "Default" touches: file, name, type,
+// default, lowest, highest.
+#define CARRIED(in, name, type, value, low, high)                                               \
+  {                                                                                             \
+#name, setting_file::in, setting_group::display, setting_type::type, 1,                     \
+        [](session_state &                                                                      \
+           session) { return session.carried.at(carried_setting::name); }, nullptr, value, low, \
+                                                                        high, "Stored only"     \
+  }
 // Rows in neither file.
 #define EXTRA(record, field, value, low, high, label) \
-  ROW(extra, group_of_##record, record, field, nullptr, value, low, high, label, stored)
+  ROW(extra, group_of_##record, record, field, nullptr, value, low, high, label, stored, nullptr)
 
 // clang-format off
 constexpr setting_row rows[] = {
@@ -84,7 +100,7 @@ constexpr setting_row rows[] = {
     {"marker", setting_file::parameters, setting_group::display, setting_type::integer, 1,
      nullptr, nullptr, -1, -1, -1, "", setting_reading::dropped},
     ROW(parameters, setting_group::display, preferences, open_dialog_format, nullptr, 5, 0, 16,
-        "Format of the open dialog", stored),
+        "Format of the open dialog", stored, nullptr),
     SETTING(filter, smooth_radius_um, 50, 1, 16'000, "Spatial smooth, radius, µm"),
     SETTING(filter, bw_f0_khz, 0.5, 0.1, 3200, "Butterworth filter, f0, kHz"),
     SETTING(filter, bw_f0_khz_previous, 0.5, 0.1, 3200, "Butterworth filter, earlier f0, kHz"),
@@ -118,26 +134,26 @@ constexpr setting_row rows[] = {
     SETTING(strategy, keep_largest_final_subcluster, 1, 0, 1,
         "Keep only the largest final sub-cluster"),
     SETTING(strategy, split_obvious, 1, 0, 1, "Split obvious clusters early"),
-    SETTING(strategy, autosort_option_2, 0, 0, 1, "Stored only"),
+    CARRIED(parameters, autosort_option_2, logical_word, 0, 0, 1),
     SETTING(strategy, remove_duplicates_after_first_pass, 1, 0, 1,
         "Remove duplicates after the first pass"),
     SETTING(strategy, merge_split_pairs, 1, 0, 1, "merge/split for overlaps >"),
     SETTING(strategy, overlap_threshold, 0.15, 0, 1, "cluster overlap <"),
-    SETTING(strategy, merge_safe_limit, 0.8, 0, 1, "Stored only"),
+    CARRIED(parameters, merge_safe_limit, real, 0.8, 0, 1),
     SETTING(strategy, merge_safe_pairs, 1, 0, 1, "Merge safe pairs"),
     SETTING(strategy, skip_event_detection, 0, 0, 1, "skip event detection"),
     SETTING(strategy, skip_clustering, 0, 0, 1, "skip clustering"),
     SETTING(filter, do_channel_means, 0, 0, 1, "Make channel means ~ 0"),
     SETTING(filter, do_temporal_smooth, 0, 0, 1, "Temporal 1:2:1 smooth"),
     SETTING(filter, do_common_mean, 0, 0, 1, "Remove common mean"),
-    SETTING(strategy, status_parameter_1, 2.5, -1000000.0, 1000000.0, "Stored only"),
+    CARRIED(parameters, status_parameter_1, real, 2.5, -1000000.0, 1000000.0),
     SETTING(review, search_order, 1, 1, 3, "Search order, row of the list"),
     SETTING(strategy, gac_subsample, 1, 0, 1, "Subsample the kernel sources"),
     SETTING(strategy, pc_point_selection, pc_voltage_plus_gradient, -1, 4, "Principal components selection"),
-    SETTING(strategy, gac_option, 1, 0, 1, "Stored only"),
+    CARRIED(parameters, gac_option, logical_word, 1, 0, 1),
     SETTING(strategy, pca_dimensions, 2, 2, 5, "PCA dimensions"),
     SETTING(review, manage_option_1, 150, 0, 1'000'000, "Manage clusters, first value"),
-    SETTING(review, post_option_1, 80, -1000000.0, 1000000.0, "Stored only"),
+    CARRIED(parameters, post_option_1, real, 80, -1000000.0, 1000000.0),
     SETTING(review, renumber_order, 2, 1, 100, "cluster numbering by, row of the list"),
     SETTING(review, show_correlograms, 0, 0, 1, "Show correlograms"),
     SETTING(review, correlogram_bin_ms, 0.2, 0.001, 100'000, "Correlogram bin width, ms"),
@@ -157,13 +173,15 @@ constexpr setting_row rows[] = {
     SETTING(display, vd_cluster_colours, 1, 0, 1, "Voltage record: cluster colours"),
     SETTING(display, vd_cluster_numbers, 0, 0, 1, "Voltage record: cluster numbers"),
     SETTING(display, vd_msec_grid, 0, 0, 1, "Voltage record: msec grid"),
-    SETTING(strategy, pair_parameter_1, 0, -1000000.0, 1000000.0, "Stored only"),
-    SETTING(strategy, pair_parameter_2, 0, -1000000.0, 1000000.0, "Stored only"),
+    CARRIED(parameters, pair_parameter_1, real, 0, -1000000.0, 1000000.0),
+    CARRIED(parameters, pair_parameter_2, real, 0, -1000000.0, 1000000.0),
     SETTING(strategy, correlation_threshold, 0.1, -1, 1, "template correlation <"),
-    SETTING(strategy, status_parameter_2, 0.34, -1000000.0, 1000000.0, "Stored only"),
+    CARRIED(parameters, status_parameter_2, real, 0.34, -1000000.0, 1000000.0),
     SETTING(strategy, recluster_limit, 10, 0, 50'000'000, "Recluster if more events are deleted"),
-    SETTING(strategy, interp_depth, 10, 1, 50, "Interpolation depth, steps per sample"),
-    SETTING(strategy, interp_width, 6, 1, 50, "Interpolation width, samples on each side"),
+    APPLIED(strategy, interp_depth, 10, 1, 50, "Interpolation depth, steps per sample",
+        build_interp_table),
+    APPLIED(strategy, interp_width, 6, 1, 50, "Interpolation width, samples on each side",
+        build_interp_table),
     SETTING(strategy, pc_point_limit, 50, 1, 100, "Principal components, limit to points"),
     SETTING(strategy, equal_numbers_for_overlap, 1, 0, 1, "use equal numbers for overlap"),
     SETTING(strategy, force_one_cluster_per_tetrode, 0, 0, 1, "force one cluster per tetrode"),
@@ -228,14 +246,14 @@ constexpr setting_row rows[] = {
     PREFERENCE(centre_pc_points, 1, 0, 1, "Center points in PC display"),
     PREFERENCE(show_pca_points, 0, 0, 1, "Show points used for PCA in displays"),
     PREFERENCE(autoscale_pc_display, 1, 0, 1, "Autoscale PC display"),
-    PREFERENCE(display_option, 0, 0, 1, "Stored only"),
+    CARRIED(preferences, display_option, logical_word, 0, 0, 1),
     SHARED(display, vd_channel_spacing, 20, 1, 500, "Voltage record: channel spacing, pixels"),
     SHARED(display, vd_voltage_scale, 0.2, 1e-06, 1000000.0,
         "Voltage record: voltage scale, pixels/µV"),
     SHARED(display, vd_time_scale, 1, 1e-06, 1000000.0,
         "Voltage record: time scale, pixels/sample"),
-    PREFERENCE(display_flag_1, 0, 0, 1, "Stored only"),
-    PREFERENCE(display_flag_2, 0, 0, 1, "Stored only"),
+    CARRIED(preferences, display_flag_1, logical_word, 0, 0, 1),
+    CARRIED(preferences, display_flag_2, logical_word, 0, 0, 1),
     // The file ends with 20 bytes that nothing uses.
     {"reserved", setting_file::preferences, setting_group::display, setting_type::integer, 5,
      nullptr, nullptr, 0, 0, 0, "", setting_reading::dropped},
@@ -250,25 +268,44 @@ constexpr setting_row rows[] = {
     EXTRA(strategy, template_max_events, 200, 1, 50'000'000, "Most events of a template"),
     EXTRA(strategy, template_centre_from_events, 0, 0, 1,
         "Template centre from the channels of its events"),
-    EXTRA(strategy, gac_flag, 0, 0, 1, "Stored only"),
+    CARRIED(extra, gac_flag, logical_word, 0, 0, 1),
     EXTRA(strategy, remove_small_final_subclusters, 1, 0, 1, "Remove small final sub-clusters"),
     EXTRA(strategy, realign_after_channel_clusters, 1, 0, 1,
         "Realign after channel-based clustering"),
     EXTRA(lists, template_shift_on, 0, 0, 1, "Pair measures use template shifts"),
-    EXTRA(strategy, status_flag, 0, 0, 1, "Stored only"),
-    EXTRA(strategy, session_flag, 0, 0, 1, "Stored only"),
+    CARRIED(extra, status_flag, logical_word, 0, 0, 1),
+    CARRIED(extra, session_flag, logical_word, 0, 0, 1),
     EXTRA(display, pc_view_range, 0, -1000000000.0, 1000000000.0,
         "Principal components: view range"),
 };
 // clang-format on
 #undef ROW
 #undef SETTING
+#undef APPLIED
+#undef CARRIED
 #undef PREFERENCE
 #undef SHARED
 #undef EXTRA
 #undef ARRAY
 #undef COPY
 #undef LAYOUT
+
+// Elements are moved as bytes: a carried one has no type of its own.
+template <typename T>
+T word_at(const void* first, std::int32_t element) {
+  T value;
+  std::memcpy(&value, static_cast<const char*>(first) + 4 * std::ptrdiff_t{element}, 4);
+  return value;
+}
+
+// True when it was another.
+template <typename T>
+bool put_word(void* first, std::int32_t element, T value) {
+  char* to = static_cast<char*>(first) + 4 * std::ptrdiff_t{element};
+  const bool changed = std::memcmp(to, &value, 4) != 0;
+  std::memcpy(to, &value, 4);
+  return changed;
+}
 
 constexpr std::size_t rows_before(setting_file file) {
   std::size_t n = 0;
@@ -366,11 +403,11 @@ double setting_value(const session_state& session, const setting_row& row, std::
   const void* first = row.address(const_cast<session_state&>(session));
   switch (row.type) {
     case setting_type::integer:
-      return static_cast<const std::int32_t*>(first)[element];
+      return word_at<std::int32_t>(first, element);
     case setting_type::real:
-      return static_cast<double>(static_cast<const float*>(first)[element]);
+      return static_cast<double>(word_at<float>(first, element));
     case setting_type::logical_word:
-      return static_cast<const logical*>(first)[element] ? 1 : 0;
+      return word_at<logical>(first, element) ? 1 : 0;
   }
   return 0;
 }
@@ -378,16 +415,27 @@ double setting_value(const session_state& session, const setting_row& row, std::
 void store_setting(session_state& session, const setting_row& row, std::int32_t element,
                    double value) {
   void* first = row.address(session);
+  bool changed = false;
   switch (row.type) {
     case setting_type::integer:
-      static_cast<std::int32_t*>(first)[element] = static_cast<std::int32_t>(value);
+      changed = put_word(first, element, static_cast<std::int32_t>(value));
       break;
     case setting_type::real:
-      static_cast<float*>(first)[element] = static_cast<float>(value);
+      changed = put_word(first, element, static_cast<float>(value));
       break;
     case setting_type::logical_word:
-      static_cast<logical*>(first)[element] = value != 0;
+      changed = put_word(first, element, logical(value != 0));
       break;
+  }
+  if (changed && row.apply != nullptr) row.apply(session);
+}
+
+void apply_settings(session_state& session) {
+  void (*last)(session_state&) = nullptr;
+  for (const setting_row& row : rows) {
+    // Settings that one table follows from stand together.
+    if (row.apply != nullptr && row.apply != last) row.apply(session);
+    if (row.apply != nullptr) last = row.apply;
   }
 }
 
@@ -436,7 +484,6 @@ bool set_setting(session_state& session, std::string_view name, std::string_view
     store_setting(session, *row, element, before);
     return false;
   }
-  build_interp_table(session);
   return true;
 }
 
@@ -471,7 +518,6 @@ std::int32_t settle_settings(session_state& session) {
     restore(*find_setting("template_window_start_ms"));
     restore(*find_setting("template_window_end_ms"));
   }
-  if (n_settled > 0) build_interp_table(session);
   return n_settled;
 }
 
@@ -486,7 +532,6 @@ void set_default_parameters(session_state& session) {
 
 void set_default_strategy(session_state& session) {
   apply_defaults(session, setting_group::strategy);
-  build_interp_table(session);
 }
 
 void set_display_defaults(session_state& session) {

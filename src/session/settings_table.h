@@ -6,7 +6,9 @@
 // label; its position in a file follows from the rows above it. Rows with more than
 // one element are small arrays.
 //
-// A setting that stands in both files has a row in each, over one value.
+// A setting that stands in both files has a row in each, over one value. A row also knows the
+// routine by which what is computed from the setting follows it; whoever changes settings
+// goes through store_setting, or calls apply_settings once.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +30,8 @@ enum class setting_group {
   preferences,  // set_default_preferences
   parameters,   // set_default_parameters: detection, filters, review
   strategy,     // set_default_strategy: alignment, clustering, splitting, merging
-  display,      // set_display_defaults: what starts with its display, at start-up only
+  display,      // set_display_defaults: at start-up only; what starts with its display, and what
+                // is merely carried
 };
 
 // What a reader does with the value in the file.
@@ -46,6 +49,8 @@ struct setting_row {
   double low, high;   // range that a dialog or --set accepts
   const char* label;  // as a dialog words it, with unit
   setting_reading reading = setting_reading::stored;
+  // Brings in step what is computed from the setting; null: nothing is.
+  void (*apply)(session_state&) = nullptr;
 
   double default_of(std::int32_t element) const {  // from 0
     return defaults != nullptr ? defaults[element] : default_value;
@@ -62,8 +67,11 @@ const setting_row* find_setting(std::string_view name);
 // One element (from 0) of a row as a number; a logical is 0 or 1.
 double setting_value(const session_state& session, const setting_row& row,
                      std::int32_t element = 0);
+// Applies the row when the value is another one.
 void store_setting(session_state& session, const setting_row& row, std::int32_t element,
                    double value);
+// Applies all rows, after settings were written as bytes of a file.
+void apply_settings(session_state& session);
 // The same in the form that set_setting reads.
 std::string setting_text(const session_state& session, const setting_row& row,
                          std::int32_t element = 0);
@@ -71,7 +79,7 @@ std::string setting_text(const session_state& session, const setting_row& row,
 // Sets a setting by name from text: a number, or true/false, yes/no, on/off, 1/0. An
 // element of an array is named "name.2", counted from 1. False for an unknown name, a
 // text that does not read as such a value, or one out of range; problem then says so
-// and nothing has changed. Brings the interpolation table in step.
+// and nothing has changed.
 bool set_setting(session_state& session, std::string_view name, std::string_view text,
                  std::string& problem);
 
@@ -84,12 +92,11 @@ bool setting_in_range(const setting_row& row, double value);
 std::int32_t settle_settings(session_state& session);
 
 // The built-in defaults. Start-up applies them in this order; "Restore defaults" and
-// "Default" of the dialogs call the one concerned. The strategy defaults compute the
-// interpolation table.
+// "Default" of the dialogs call the one concerned.
 void set_default_preferences(session_state& session);
 void set_default_parameters(session_state& session);
 void set_default_strategy(session_state& session);
-// Scales and marks of the displays, window layout, format of the open dialog.
+// Scales and marks of the displays, window layout, format of the open dialog, carried bytes.
 void set_display_defaults(session_state& session);
 
 }  // namespace kestrelvane

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "files/safe_file.h"
+#include "session/settings_table.h"
 #include "support/small_session.h"
 #include "support/work_file_fixture.h"
 
@@ -17,6 +18,11 @@ namespace kestrelvane::test {
 namespace {
 
 // A session with a recording, and a directory for the file.
+// What no record has a field for.
+double carried(const session_state& session, const char* name) {
+  return setting_value(session, *find_setting(name));
+}
+
 struct work_file_test : ::testing::Test {
   small_session session;
   temporary_directory directory;
@@ -162,8 +168,8 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
       {"gac_threshold", s.gac_threshold},
       {"gac_size_tolerance", s.gac_size_tolerance},
       {"overlap_threshold", s.overlap_threshold},
-      {"merge_safe_limit", s.merge_safe_limit},
-      {"pair_parameter_2", s.pair_parameter_2},
+      {"merge_safe_limit", carried(*session, "merge_safe_limit")},
+      {"pair_parameter_2", carried(*session, "pair_parameter_2")},
       {"recluster_limit", s.recluster_limit},
       {"clean_threshold", r.clean_threshold},
       {"channel_threshold_1", s.channel_threshold_1},
@@ -171,17 +177,21 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
       {"channel_radius", s.channel_radius},
       {"match_method", r.match_method},
       {"relocate_sd_factor", r.relocate_sd_factor},
-      {"status_parameter_1", s.status_parameter_1},
+      {"status_parameter_1", carried(*session, "status_parameter_1")},
       {"correlation_threshold", s.correlation_threshold},
-      {"status_parameter_2", s.status_parameter_2},
+      {"status_parameter_2", carried(*session, "status_parameter_2")},
   };
   for (const auto& [name, value] : stored) EXPECT_EQ(value, fixture_scalar(name)) << name;
-  EXPECT_TRUE(d.use_lockout && s.gac_flag && s.force_one_cluster_per_tetrode && s.session_flag &&
-              session->lists.template_shift_on && s.status_flag);
+  EXPECT_TRUE(d.use_lockout && s.force_one_cluster_per_tetrode &&
+              session->lists.template_shift_on);
   EXPECT_FALSE(d.noise_static || d.register_to_cog || d.delete_large_events ||
-               s.multiplicative_matching || s.gac_option || s.keep_largest_final_subcluster ||
-               s.split_obvious || s.gac_subsample || s.equal_numbers_for_overlap ||
-               r.export_remove_duplicates || r.export_save_work_file);
+               s.multiplicative_matching || s.keep_largest_final_subcluster || s.split_obvious ||
+               s.gac_subsample || s.equal_numbers_for_overlap || r.export_remove_duplicates ||
+               r.export_save_work_file);
+  for (const char* flag : {"gac_flag", "session_flag", "status_flag"}) {
+    EXPECT_EQ(carried(*session, flag), 1) << flag;
+  }
+  EXPECT_EQ(carried(*session, "gac_option"), 0);
   EXPECT_EQ(session->display.pc_view_range[2], 3.5f);
   // Derived tables follow the settings.
   EXPECT_EQ(session->tables.depth, 8);
@@ -236,7 +246,7 @@ TEST_F(work_file_test, older_versions_lack_what_came_later) {
     small_session fresh;
     make_recording(*fresh, 3, 10000);
     fresh->clusters.cluster_sigma[2] = 77;
-    fresh->strategy.pair_parameter_1 = 7.75f;
+    store_setting(*fresh, *find_setting("pair_parameter_1"), 0, 7.75);
     fresh->recording.recording_filtered = false;
     const float correlation_before = fresh->strategy.correlation_threshold;
     work_file_content content;
@@ -265,7 +275,7 @@ TEST_F(work_file_test, older_versions_lack_what_came_later) {
     EXPECT_EQ(fresh->filter.do_common_mean, version < 7);
     EXPECT_EQ(fresh->filter.do_temporal_smooth, version < 7);
     EXPECT_EQ(fresh->clusters.cluster_sigma[2], version >= 6 ? 32 : 77);
-    EXPECT_EQ(fresh->strategy.pair_parameter_1, version >= 5 ? 1.75f : 7.75f);
+    EXPECT_EQ(carried(*fresh, "pair_parameter_1"), version >= 5 ? 1.75 : 7.75);
     EXPECT_EQ(fresh->clusters.cluster_comment[1].view(), version >= 5 ? "a fine unit" : "");
     // Their run log comes back; version 8 keeps that of the running program.
     EXPECT_EQ(fresh->log.log_lines[1].view(), "first line");

@@ -278,6 +278,39 @@ TEST_F(settings_test, texts_of_all_settings_read_back) {
   EXPECT_EQ(read_bytes(parameters), default_parameters_file());
 }
 
+TEST_F(settings_test, what_follows_from_a_setting_follows_every_change) {
+  std::string problem;
+  ASSERT_TRUE(set_setting(*session, "interp_depth", "8", problem));
+  EXPECT_EQ(session->tables.depth, 8);
+  EXPECT_FALSE(set_setting(*session, "interp_depth", "50", problem) &&
+               set_setting(*session, "interp_width", "50", problem));
+  EXPECT_EQ(session->tables.depth * session->tables.width,
+            session->strategy.interp_depth * session->strategy.interp_width);
+  ASSERT_TRUE(set_setting(*session, "interp_depth", "12", problem));
+  ASSERT_TRUE(write_parameters(*session));
+  set_default_strategy(*session);
+  EXPECT_EQ(session->tables.depth, 10);
+  ASSERT_TRUE(read_parameters(*session));
+  EXPECT_EQ(session->tables.depth, 12);
+  session->strategy.interp_depth = 99;
+  EXPECT_EQ(settle_settings(*session), 1);
+  EXPECT_EQ(session->tables.depth, 10);
+}
+
+TEST_F(settings_test, what_nothing_reads_comes_back_as_it_went) {
+  std::string problem;
+  ASSERT_TRUE(set_setting(*session, "merge_safe_limit", "0.625", problem));
+  ASSERT_TRUE(set_setting(*session, "gac_option", "false", problem));
+  ASSERT_TRUE(write_parameters(*session));
+  set_default_strategy(*session);
+  EXPECT_EQ(setting_text(*session, *find_setting("merge_safe_limit")), "0.625");
+  set_display_defaults(*session);
+  EXPECT_EQ(setting_text(*session, *find_setting("merge_safe_limit")), "0.8");
+  ASSERT_TRUE(read_parameters(*session));
+  EXPECT_EQ(setting_text(*session, *find_setting("merge_safe_limit")), "0.625");
+  EXPECT_EQ(setting_text(*session, *find_setting("gac_option")), "false");
+}
+
 TEST_F(settings_test, restoring_defaults_leaves_other_groups_alone) {
   session->preferences.open_dialog_format = file_type_tsf;
   session->detection.window_samples = 9;

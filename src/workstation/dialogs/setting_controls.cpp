@@ -8,7 +8,6 @@
 #include <QLocale>
 #include <cmath>
 
-#include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 
 namespace kestrelvane {
@@ -118,7 +117,6 @@ bool settings_form::refused() const {
 bool settings_form::store() {
   if (refused()) return false;
   for (const binding& bound : bindings) bound.store();
-  build_interp_table(session);
   return true;
 }
 

@@ -192,9 +192,7 @@ bool store_strategy(settings_form& form) {
   const sorting_strategy_settings& s = form.session.strategy;
   const std::int32_t depth = s.interp_depth, width = s.interp_width;
   if (!form.store()) return false;
-  if (s.interp_depth != depth || s.interp_width != width) {
-    change_interpolation(form.session, s.interp_depth, s.interp_width);
-  }
+  if (s.interp_depth != depth || s.interp_width != width) log_interpolation(form.session);
   return true;
 }
 
@@ -206,6 +204,7 @@ void restore_defaults(settings_form& form) {
   form.load();
   form.session.strategy = kept;
   form.session.detection = kept_detection;
+  apply_settings(form.session);
 }
 
 }  // namespace
