@@ -6,13 +6,13 @@
 // Contract of a reader. It is called on the worker with what was asked for and the session
 // empty (reset_session) but for file_type, and may log and drive meter::reading up to 100 of
 // 115. It fills n_channels, n_samples, sampling_frequency, vscale_HP, positions, electrode_type
-// and is_continuous, allocates vd and templates (storage.h, or for itself), and
-// leaves in vd bits at time index 1 and on. It writes no setting: what the file demands of
-// one it leaves in recording_store. Distance tables, row distance and, where the
-// file has none, the display order are made by the worker afterwards. It tests every
-// count of the file against limits and the file's size before it allocates or loops. It
-// returns false after saying why; what it has filled by then the worker resets, and the
-// row's failure text follows.
+// and is_continuous, allocates vd and templates (storage.h, or for itself), and leaves in vd
+// bits at time index 1 and on. It writes no setting: what the file demands of one it leaves in
+// recording_store. Distance tables, row distance and, where the file has none, the display
+// order are made by the worker afterwards, and so are the templates of clusters it brings. It
+// tests every count of the file against limits and the file's size before it allocates or
+// loops. It returns false after saying why; what it has filled by then the worker resets, and
+// the row's failure text follows.
 #pragma once
 
 #include <cstdint>

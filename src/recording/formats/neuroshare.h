@@ -8,8 +8,6 @@
 // are laid end to end.
 #pragma once
 
-#include <string>
-
 #include "session/recording_request.h"
 #include "session/session_state.h"
 

@@ -10,9 +10,9 @@
 namespace kestrelvane {
 
 // The reader of the format table; the path is that of the structure.oebin. Reads the
-// electrode channels of one stream: the one that the request names, or
-// the one that the user says Yes to. Positions come from the
-// configuration, or from the probe's description in "settings.xml".
+// electrode channels of one stream: the one that the request names, or the one that the user
+// says Yes to. Positions come from the configuration, or from the probe's description in
+// "settings.xml".
 bool read_open_ephys(session_state& session, const recording_request& request);
 
 // The structure.oebin that a folder holds, at any depth: of several the first in natural

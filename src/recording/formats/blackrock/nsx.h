@@ -9,8 +9,6 @@
 // stretch without scale, which is taken from the .nev file of the same name.
 #pragma once
 
-#include <string>
-
 #include "session/recording_request.h"
 #include "session/session_state.h"
 

@@ -9,8 +9,6 @@
 // an electrode configuration alone.
 #pragma once
 
-#include <string>
-
 #include "session/recording_request.h"
 #include "session/session_state.h"
 

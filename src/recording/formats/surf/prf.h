@@ -1,8 +1,6 @@
 // Polytrode Data: several epochs of a recording in one file.
 #pragma once
 
-#include <string>
-
 #include "session/recording_request.h"
 #include "session/session_state.h"
 
