@@ -83,8 +83,12 @@ void log_message(const session_state& session, std::string_view text) {
   run_log_table& log = session.log;
   text = without_trailing_blanks(text);
   const wrapped_text wrapped = wrap(text);
+  bool listed = false;
   {
     std::lock_guard lock(log.mutex);
+    // Read with the lock that adds the lines: a dialog that opens in between would have them
+    // from the ring and once more from here.
+    listed = log.messages_dialog_open;
     add_to_ring(log, wrapped.lines.data(), wrapped.n_lines);
     if (session.preferences.log_file_enabled && log.log_file_open && log.log_file != nullptr) {
       // Flushed at once: the log is wanted most after a crash. Errors are ignored.
@@ -95,7 +99,7 @@ void log_message(const session_state& session, std::string_view text) {
   }
   // Outside the lock: a listener may wait for a thread that is logging itself.
   const user_interface& ui = session.ui;
-  if (!log.messages_dialog_open || ui.log_line == nullptr) return;
+  if (!listed || ui.log_line == nullptr) return;
   for (std::int32_t i = 0; i < wrapped.n_lines; ++i) {
     ui.log_line(ui.context, wrapped.lines[static_cast<std::size_t>(i)]);
   }
