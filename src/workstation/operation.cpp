@@ -1,9 +1,6 @@
 #include "workstation/operation.h"
 
 #include <QApplication>
-#include <QLabel>
-#include <QProgressBar>
-#include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <memory>
@@ -16,6 +13,7 @@
 #endif
 
 #include "numerics/parallel.h"
+#include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
@@ -133,19 +131,11 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
   auto* message = new QLabel(title);
   message->setObjectName("message");
   message->setMinimumWidth(360);
-  auto* bar = new QProgressBar;
-  bar->setObjectName("progress");
-  bar->setRange(0, 0);
+  // Busy, without an end, until the routine says how far it goes.
+  QProgressBar* bar = make_bar("progress", 0);
   layout->addWidget(message);
   layout->addWidget(bar);
-  QObject::connect(w.desk, &interface_desk::progressed, dialog, [bar](meter, int value, int range) {
-    bar->setRange(0, range);
-    bar->setValue(value);
-  });
-  QObject::connect(w.desk, &interface_desk::status_changed, dialog,
-                   [message](status_field field, const QString& text) {
-                     if (field == status_field::message) message->setText(text);
-                   });
+  follow(w, dialog, every_meter(bar), {{status_field::message, message}});
   // Not while the routine waits for the user in a box or a file dialog, which the window
   // would block.
   auto* show_late = new QTimer(dialog);

@@ -9,10 +9,6 @@
 #include <functional>
 #include <thread>
 
-class QLabel;
-class QProgressBar;
-class QPushButton;
-
 namespace kestrelvane {
 
 struct session_state;

@@ -36,11 +36,16 @@ struct autosort_window {
   float window_start_ms, window_end_ms;  // as they were when the dialog opened
   QComboBox* threshold_mode = nullptr;
   number_field *fixed_uv = nullptr, *multiplier = nullptr;
+  number_field *window_from = nullptr, *window_to = nullptr;  // of templates, ms
   QCheckBox* skip_detection = nullptr;
   QCheckBox* skip_clustering = nullptr;
   QGroupBox *detection_box = nullptr, *clustering_box = nullptr, *merging_box = nullptr;
+  QProgressBar *detection_bar = nullptr, *cluster_bar = nullptr, *merge_bar = nullptr;
+  QLabel *events_found = nullptr, *current_cluster = nullptr, *clusters_found = nullptr;
+  QLabel *stable_clusters = nullptr, *current_pair = nullptr, *elapsed = nullptr;
   QLabel* message = nullptr;
   QPushButton *start = nullptr, *interrupt = nullptr, *resume = nullptr;
+  QPushButton *next = nullptr, *done = nullptr;
   QCheckBox* pause = nullptr;
 
   autosort_window(workstation& of, operation_dialog* d)
@@ -91,8 +96,8 @@ QGroupBox* detection_section(autosort_window& a) {
   rows->addRow("Initial alignment",
                choice_control(a.form, "align_feature", mode_entries(align_features()),
                               "Point of the spike that is its time at first"));
-  rows->addRow("Progress", make_bar("detection_meter", 1000));
-  add_value(rows, "events_found", "# of events");
+  rows->addRow("Progress", a.detection_bar = make_bar("detection_meter", 1000));
+  a.events_found = add_value(rows, "events_found", "# of events");
   QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
                    [&a] { show_threshold_value(a); });
   return a.detection_box = titled_box("Event detection", rows);
@@ -105,12 +110,11 @@ QGroupBox* clustering_section(autosort_window& a) {
   rows->addRow(a.skip_clustering);
   auto* window = new QHBoxLayout;
   const char* tip = "Part of the spike that templates cover, ms around its aligned time";
-  number_field* from =
-      number_control(a.form, "template_window_start_ms", {.step = 0.1, .tip = tip});
-  number_field* to = number_control(a.form, "template_window_end_ms", {.step = 0.1, .tip = tip});
-  window->addWidget(from);
+  a.window_from = number_control(a.form, "template_window_start_ms", {.step = 0.1, .tip = tip});
+  a.window_to = number_control(a.form, "template_window_end_ms", {.step = 0.1, .tip = tip});
+  window->addWidget(a.window_from);
   window->addWidget(new QLabel("to"));
-  window->addWidget(to);
+  window->addWidget(a.window_to);
   window->addWidget(new QLabel("ms;  realignment"));
   window->addWidget(
       choice_control(a.form, "template_align_mode", mode_entries(template_align_modes()),
@@ -127,8 +131,8 @@ QGroupBox* clustering_section(autosort_window& a) {
                      "during sorting"});
   add_number(rows, a.form, "PCA dimensions", "pca_dimensions",
              {.tip = "Principal components that clustering works in, 2 to 5"});
-  rows->addRow("Progress", make_bar("cluster_meter", 100));
-  add_value(rows, "current_cluster", "Current cluster");
+  rows->addRow("Progress", a.cluster_bar = make_bar("cluster_meter", 100));
+  a.current_cluster = add_value(rows, "current_cluster", "Current cluster");
   return a.clustering_box = titled_box("Clustering", rows);
 }
 
@@ -144,11 +148,11 @@ QGroupBox* merging_section(autosort_window& a) {
                      {.step = 0.01, .decimals = 2, .tip = "Least overlap of such a pair, 0 to 1"});
   merges->addWidget(overlap->row(), 1);
   rows->addRow(merges);
-  rows->addRow("Progress", make_bar("merge_meter", 150));
-  add_value(rows, "clusters_found", "# of clusters");
-  add_value(rows, "stable_clusters", "# of stable clusters");
-  add_value(rows, "current_pair", "Current pair");
-  add_value(rows, "elapsed_time", "Time, minutes");
+  rows->addRow("Progress", a.merge_bar = make_bar("merge_meter", 150));
+  a.clusters_found = add_value(rows, "clusters_found", "# of clusters");
+  a.stable_clusters = add_value(rows, "stable_clusters", "# of stable clusters");
+  a.current_pair = add_value(rows, "current_pair", "Current pair");
+  a.elapsed = add_value(rows, "elapsed_time", "Time, minutes");
   return a.merging_box = titled_box("Merge and Split", rows);
 }
 
@@ -166,39 +170,20 @@ QLayout* pc_scale_row(workstation& w) {
   return row;
 }
 
-// Shows in a labelled field what the worker reports.
-void connect_reports(const autosort_window& a) {
-  static constexpr std::pair<status_field, const char*> fields[] = {
-      {status_field::message, "message"},
-      {status_field::events_found, "events_found"},
-      {status_field::clusters_found, "clusters_found"},
-      {status_field::stable_clusters, "stable_clusters"},
-      {status_field::current_cluster, "current_cluster"},
-      {status_field::current_pair, "current_pair"},
-      {status_field::elapsed_time, "elapsed_time"},
-  };
-  static constexpr std::pair<meter, const char*> bars[] = {
-      {meter::detection, "detection_meter"},
-      {meter::clusters, "cluster_meter"},
-      {meter::merge_and_sort, "merge_meter"},
-      {meter::status_lists, "cluster_meter"},
-  };
-  operation_dialog* dialog = a.dialog;
-  QObject::connect(a.w.desk, &interface_desk::status_changed, dialog,
-                   [dialog](status_field field, const QString& text) {
-                     for (const auto& [which, name] : fields) {
-                       if (which == field) dialog->findChild<QLabel*>(name)->setText(text);
-                     }
-                   });
-  QObject::connect(a.w.desk, &interface_desk::progressed, dialog,
-                   [dialog](meter which, int value, int range) {
-                     for (const auto& [bar_of, name] : bars) {
-                       if (bar_of != which) continue;
-                       auto* bar = dialog->findChild<QProgressBar*>(name);
-                       bar->setRange(0, range);
-                       bar->setValue(value);
-                     }
-                   });
+void follow_run(const autosort_window& a) {
+  // A run compares all pairs before it merges, when the bar of clustering has done its work.
+  follow(a.w, a.dialog,
+         {{meter::detection, a.detection_bar},
+          {meter::clusters, a.cluster_bar},
+          {meter::status_lists, a.cluster_bar},
+          {meter::merge_and_sort, a.merge_bar}},
+         {{status_field::message, a.message},
+          {status_field::events_found, a.events_found},
+          {status_field::clusters_found, a.clusters_found},
+          {status_field::stable_clusters, a.stable_clusters},
+          {status_field::current_cluster, a.current_cluster},
+          {status_field::current_pair, a.current_pair},
+          {status_field::elapsed_time, a.elapsed}});
 }
 
 void request_interrupt(autosort_window& a) {
@@ -212,8 +197,7 @@ void request_interrupt(autosort_window& a) {
 }
 
 bool window_is_possible(const autosort_window& a) {
-  return a.dialog->findChild<number_field*>("template_window_start_ms")->value() <
-         a.dialog->findChild<number_field*>("template_window_end_ms")->value();
+  return a.window_from->value() < a.window_to->value();
 }
 
 // Takes the settings over; false, with nothing stored, while something is refused.
@@ -252,27 +236,32 @@ void begin_run(const shared_autosort& a) {
                  });
 }
 
-QLayout* run_buttons(const shared_autosort& a) {
-  a->start = make_button("start", "Start", "Run the pipeline with these settings");
-  a->interrupt = make_button("interrupt", "Interrupt", "Stop; what has been sorted so far stays");
-  a->pause = new QCheckBox("pause");
-  a->pause->setObjectName("pause");
-  a->pause->setToolTip("Wait at the next pause point: between clusters, after a pair or a merge");
-  a->resume = make_button("resume", "Resume", "Go on after a pause");
-  QPushButton* next = make_button("next", "Next", "Go on to guided merging of what is left");
-  QPushButton* done = make_button("done", "Done", "Close");
-  a->start->setDefault(true);
-  a->interrupt->setEnabled(false);
-  a->pause->setEnabled(false);
-  a->resume->setEnabled(false);
-  operation_dialog* dialog = a->dialog;
-  dialog->disabled_while_running << a->start << next << done;
-  for (const QGroupBox* box : {a->detection_box, a->clustering_box, a->merging_box}) {
-    dialog->disabled_while_running << inputs_of(box);
+void make_buttons(autosort_window& a) {
+  a.start = make_button("start", "Start", "Run the pipeline with these settings");
+  a.interrupt = make_button("interrupt", "Interrupt", "Stop; what has been sorted so far stays");
+  a.pause = new QCheckBox("pause");
+  a.pause->setObjectName("pause");
+  a.pause->setToolTip("Wait at the next pause point: between clusters, after a pair or a merge");
+  a.resume = make_button("resume", "Resume", "Go on after a pause");
+  a.next = make_button("next", "Next", "Go on to guided merging of what is left");
+  a.done = make_button("done", "Done", "Close");
+  a.start->setDefault(true);
+  a.interrupt->setEnabled(false);
+  a.pause->setEnabled(false);
+  a.resume->setEnabled(false);
+}
+
+// What is on when. Resume is in neither list: it goes with the pauses of a run.
+void share_out_controls(const autosort_window& a) {
+  a.dialog->disabled_while_running << a.start << a.next << a.done;
+  for (const QGroupBox* box : {a.detection_box, a.clustering_box, a.merging_box}) {
+    a.dialog->disabled_while_running << inputs_of(box);
   }
-  dialog->enabled_while_running << a->interrupt << a->pause;
-  QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
-  QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
+  a.dialog->enabled_while_running << a.interrupt << a.pause;
+}
+
+void connect_pause(const shared_autosort& a) {
+  operation_dialog* dialog = a->dialog;
   QObject::connect(a->pause, &QCheckBox::toggled, dialog, [a](bool on) {
     if (a->dialog->running()) a->w.session.operation.pause_requested = on;
   });
@@ -290,20 +279,34 @@ QLayout* run_buttons(const shared_autosort& a) {
                    [a] { a->resume->setEnabled(true); });
   QObject::connect(a->w.desk, &interface_desk::resumed, dialog,
                    [a] { a->resume->setEnabled(false); });
-  QObject::connect(next, &QPushButton::clicked, dialog, [a] {
+}
+
+void connect_run(const shared_autosort& a) {
+  operation_dialog* dialog = a->dialog;
+  connect_pause(a);
+  QObject::connect(a->skip_detection, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
+  QObject::connect(a->skip_clustering, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
+  QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
+  QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
+  QObject::connect(a->next, &QPushButton::clicked, dialog, [a] {
     if (store_settings(*a)) a->dialog->done(asks_for_next);
   });
-  QObject::connect(done, &QPushButton::clicked, dialog, [a] {
+  QObject::connect(a->done, &QPushButton::clicked, dialog, [a] {
     if (store_settings(*a)) a->dialog->accept();
   });
+}
+
+QLayout* button_row(const shared_autosort& a) {
+  make_buttons(*a);
+  share_out_controls(*a);
   auto* row = new QHBoxLayout;
   row->addWidget(a->start);
   row->addWidget(a->interrupt);
   row->addWidget(a->pause);
   row->addWidget(a->resume);
   row->addStretch();
-  row->addWidget(next);
-  row->addWidget(done);
+  row->addWidget(a->next);
+  row->addWidget(a->done);
   return row;
 }
 
@@ -321,12 +324,7 @@ void realign_after(workstation& w, float start_ms, float end_ms) {
   layout->addWidget(bar);
   layout->addWidget(buttons);
   QObject::connect(buttons, &QDialogButtonBox::accepted, box, &QDialog::accept);
-  QObject::connect(w.desk, &interface_desk::status_changed, box,
-                   [message](status_field field, const QString& text) {
-                     if (field == status_field::message) message->setText(text);
-                   });
-  QObject::connect(w.desk, &interface_desk::progressed, box,
-                   [bar](meter, int value, int) { bar->setValue(value); });
+  follow(w, box, every_meter(bar), {{status_field::message, message}});
   box->run(
       [start_ms, end_ms](session_state& session) { leave_autosort(session, start_ms, end_ms); },
       nullptr);
@@ -369,13 +367,12 @@ void autosort_command(workstation& w) {
   a->message->setObjectName("message");
   a->message->setWordWrap(true);
   layout->addWidget(a->message);
-  layout->addLayout(run_buttons(a));
-  QObject::connect(a->skip_detection, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
-  QObject::connect(a->skip_clustering, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
+  layout->addLayout(button_row(a));
   a->form.load();
   show_threshold_value(*a);
   grey_sections(*a);
-  connect_reports(*a);
+  follow_run(*a);
+  connect_run(a);
   QObject::connect(dialog, &QDialog::finished, w.frame, [a](int result) {
     workstation& shell = a->w;
     if (result != asks_for_next) shell.session.autosort.next_stage_requested = false;

@@ -1,5 +1,10 @@
 #include "workstation/dialogs/dialog_parts.h"
 
+#include <utility>
+
+#include "workstation/interface_desk.h"
+#include "workstation/workstation.h"
+
 namespace kestrelvane {
 
 QGroupBox* titled_box(const QString& title, QLayout* layout) {
@@ -65,6 +70,33 @@ QProgressBar* make_bar(const char* object_name, int range) {
   bar->setRange(0, range);
   bar->setValue(0);
   return bar;
+}
+
+void follow(workstation& w, const QDialog* dialog, std::vector<followed_meter> bars,
+            std::vector<followed_field> fields) {
+  QObject::connect(w.desk, &interface_desk::progressed, dialog,
+                   [bars = std::move(bars)](meter which, int value, int range) {
+                     for (const followed_meter& row : bars) {
+                       if (row.which != which) continue;
+                       // The range first: a value beyond the old one would be dropped.
+                       row.bar->setRange(0, range);
+                       row.bar->setValue(value);
+                     }
+                   });
+  QObject::connect(w.desk, &interface_desk::status_changed, dialog,
+                   [fields = std::move(fields)](status_field which, const QString& text) {
+                     for (const followed_field& row : fields) {
+                       if (row.which == which) row.label->setText(text);
+                     }
+                   });
+}
+
+std::vector<followed_meter> every_meter(QProgressBar* bar) {
+  std::vector<followed_meter> rows;
+  for (int which = 0; which <= static_cast<int>(meter::filtering); ++which) {
+    rows.push_back({static_cast<meter>(which), bar});
+  }
+  return rows;
 }
 
 }  // namespace kestrelvane

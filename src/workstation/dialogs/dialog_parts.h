@@ -8,11 +8,15 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QString>
+#include <vector>
 
 #include "session/modes.h"
+#include "session/user_interface.h"
 #include "workstation/dialogs/setting_controls.h"
 
 namespace kestrelvane {
+
+struct workstation;
 
 // A titled box around a layout.
 QGroupBox* titled_box(const QString& title, QLayout* layout);
@@ -41,5 +45,21 @@ QList<QWidget*> inputs_of(const QWidget* widget);
 
 // A bar from 0 to range.
 QProgressBar* make_bar(const char* object_name, int range);
+
+// What a dialog shows of the worker's progress, in rows. Several meters may share a bar.
+struct followed_meter {
+  meter which;
+  QProgressBar* bar;
+};
+struct followed_field {
+  status_field which;
+  QLabel* label;
+};
+
+// For as long as the dialog lives, bars and labels show the latest of their meter or field.
+void follow(workstation& w, const QDialog* dialog, std::vector<followed_meter> bars,
+            std::vector<followed_field> fields = {});
+// The rows of a bar that shows whatever is reported.
+std::vector<followed_meter> every_meter(QProgressBar* bar);
 
 }  // namespace kestrelvane

@@ -5,6 +5,7 @@
 #include <QSlider>
 #include <QVBoxLayout>
 #include <cmath>
+#include <functional>
 #include <memory>
 
 #include "clustering/templates.h"
@@ -17,7 +18,6 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
-#include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -33,6 +33,11 @@ struct detection_window {
   QLabel *n_coincident = nullptr, *n_large = nullptr;  // deleted by the clean-up
   QSlider* channel = nullptr;
   QCheckBox* mask = nullptr;
+  QComboBox* method = nullptr;
+  number_field* width = nullptr;  // of the window of some methods
+  QProgressBar* bar = nullptr;
+  QPushButton* interrupt = nullptr;
+  QList<QGroupBox*> sections;
   bool masks_changed = false;
 
   detection_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
@@ -43,10 +48,12 @@ double ms_per_sample(const detection_window& d) {
   return 1000.0 / std::max(d.w.session.recording.sampling_frequency, 1);
 }
 
-// Radio buttons over an integer, in one row: name, label, what it stands for, tool-tip.
+// Radio buttons over an integer, in one row: name, label, what it stands for, tool-tip. A
+// press by the user is told to chosen at once.
 QLayout* radio_row(
     detection_window& d, std::int32_t& value,
-    std::initializer_list<std::tuple<const char*, const char*, int, const char*>> buttons) {
+    std::initializer_list<std::tuple<const char*, const char*, int, const char*>> buttons,
+    const std::function<void(int)>& chosen = {}) {
   auto* row = new QHBoxLayout;
   auto* group = new QButtonGroup(d.dialog);  // apart from other rows of the same box
   for (const auto& [name, label, stands_for, tip] : buttons) {
@@ -61,6 +68,8 @@ QLayout* radio_row(
                                  if (button->isChecked()) value = own;
                                },
                                nullptr});
+    if (!chosen) continue;
+    QObject::connect(button, &QRadioButton::clicked, d.dialog, [chosen, own] { chosen(own); });
   }
   row->addStretch();
   return row;
@@ -115,6 +124,12 @@ void measure_noise(const shared_detection& d) {
                  worker_priority::normal);
 }
 
+// The user sees at once what a method makes of the recording, before anything is detected.
+void measure_with(const shared_detection& d, int method) {
+  d->w.session.detection.noise_method = method;
+  measure_noise(d);
+}
+
 QGroupBox* noise_section(const shared_detection& d) {
   detection_settings& s = d->w.session.detection;
   auto* rows = new QFormLayout;
@@ -122,7 +137,8 @@ QGroupBox* noise_section(const shared_detection& d) {
                                     {{"noise_sd", "s.d.", 1, "Standard deviation of the samples"},
                                      {"noise_median", "median", 2,
                                       "Median of the absolute voltage over 0.6745; spikes "
-                                      "weigh less"}}));
+                                      "weigh less"}},
+                                    [d](int method) { measure_with(d, method); }));
   rows->addRow("Noise", flag_row(*d, s.noise_static, "noise_static", "Static",
                                  "One value for the whole recording", "noise_dynamic", "Dynamic",
                                  "Measured anew in each window of time"));
@@ -159,62 +175,79 @@ QGroupBox* threshold_section(const shared_detection& d) {
   return titled_box("Threshold", rows);
 }
 
-QGroupBox* mask_section(const shared_detection& d) {
-  session_state& session = d->w.session;
-  auto* rows = new QFormLayout;
+void change_masks(detection_window& d) {
+  d.masks_changed = true;
+  show_channel(d);
+}
+
+QLayout* channel_row(const shared_detection& d) {
   d->channel = new QSlider(Qt::Horizontal);
   d->channel->setObjectName("channel");
-  d->channel->setRange(1, std::max(session.recording.n_channels, 1));
+  d->channel->setRange(1, std::max(d->w.session.recording.n_channels, 1));
   d->channel->setToolTip("The channel that is shown");
   d->mask = new QCheckBox("Mask");
   d->mask->setObjectName("mask_channel");
   d->mask->setToolTip("The channel takes no part in detection, clustering and templates");
-  auto* one = new QHBoxLayout;
-  one->addWidget(d->channel, 1);
-  one->addWidget(d->mask);
-  rows->addRow("Channel", one);
+  QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { show_channel(*d); });
+  QObject::connect(d->mask, &QCheckBox::toggled, d->dialog, [d](bool on) {
+    d->w.session.recording.chan_mask[d->channel->value()] = on;
+    change_masks(*d);
+  });
+  auto* row = new QHBoxLayout;
+  row->addWidget(d->channel, 1);
+  row->addWidget(d->mask);
+  return row;
+}
+
+// The number counts at once, since the button beside it needs it.
+QLayout* quiet_row(const shared_detection& d) {
   QPushButton* quiet = make_button("mask_quiet", "Mask", "Mask every channel that is quieter");
   number_field* below = number_control(
       d->form, "mask_noise_below_uv",
       {.step = 0.5, .unit = "µV", .tip = "Channels with less noise are likely not connected, µV"});
-  auto* quiet_row = new QHBoxLayout;
-  quiet_row->addWidget(quiet);
-  quiet_row->addWidget(new QLabel("if noise <"));
-  quiet_row->addWidget(below->row(), 1);
-  rows->addRow(quiet_row);
-  QPushButton* all = make_button("mask_all", "Mask all", "Mask every channel");
-  QPushButton* none = make_button("unmask_all", "Unmask all", "Let every channel take part");
-  auto* both = new QHBoxLayout;
-  both->addWidget(all);
-  both->addWidget(none);
-  both->addStretch();
-  rows->addRow(both);
-  d->n_masked = new QLabel;
-  d->n_masked->setObjectName("n_masked");
-  rows->addRow(d->n_masked);
-
-  const auto changed = [d] {
-    d->masks_changed = true;
-    show_channel(*d);
-  };
-  QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { show_channel(*d); });
-  QObject::connect(d->mask, &QCheckBox::toggled, d->dialog, [d, changed](bool on) {
-    d->w.session.recording.chan_mask[d->channel->value()] = on;
-    changed();
-  });
-  QObject::connect(quiet, &QPushButton::clicked, d->dialog, [d, changed, below] {
+  QObject::connect(quiet, &QPushButton::clicked, d->dialog, [d, below] {
     if (!below->hasAcceptableInput()) return;
     d->w.session.detection.mask_noise_below_uv = static_cast<float>(below->value());
     mask_quiet_channels(d->w.session);
-    changed();
+    change_masks(*d);
   });
-  const auto set_all = [d, changed](bool masked) {
-    mask_all_channels(d->w.session, masked);
-    changed();
-  };
-  QObject::connect(all, &QPushButton::clicked, d->dialog, [set_all] { set_all(true); });
-  QObject::connect(none, &QPushButton::clicked, d->dialog, [set_all] { set_all(false); });
+  auto* row = new QHBoxLayout;
+  row->addWidget(quiet);
+  row->addWidget(new QLabel("if noise <"));
+  row->addWidget(below->row(), 1);
+  return row;
+}
+
+QLayout* all_channels_row(const shared_detection& d) {
+  QPushButton* all = make_button("mask_all", "Mask all", "Mask every channel");
+  QPushButton* none = make_button("unmask_all", "Unmask all", "Let every channel take part");
+  auto* row = new QHBoxLayout;
+  for (QPushButton* button : {all, none}) {
+    row->addWidget(button);
+    QObject::connect(button, &QPushButton::clicked, d->dialog, [d, masked = button == all] {
+      mask_all_channels(d->w.session, masked);
+      change_masks(*d);
+    });
+  }
+  row->addStretch();
+  return row;
+}
+
+QGroupBox* mask_section(const shared_detection& d) {
+  auto* rows = new QFormLayout;
+  rows->addRow("Channel", channel_row(d));
+  rows->addRow(quiet_row(d));
+  rows->addRow(all_channels_row(d));
+  d->n_masked = new QLabel;
+  d->n_masked->setObjectName("n_masked");
+  rows->addRow(d->n_masked);
   return titled_box("Channel masks", rows);
+}
+
+// The width is live for the methods that have a window; while a run is on, for none.
+void follow_method(const detection_window& d) {
+  const bool has_window = d.method->currentData().toInt() >= method_multiphasic;
+  d.width->setEnabled(has_window && !d.dialog->running());
 }
 
 QGroupBox* method_section(const shared_detection& d) {
@@ -222,27 +255,24 @@ QGroupBox* method_section(const shared_detection& d) {
   auto* rows = new QFormLayout;
   QComboBox* method = choice_control(d->form, "detection_method", mode_entries(detection_methods()),
                                      "What makes a sample a candidate for a spike");
+  d->method = method;
   rows->addRow("Method", method);
-  number_field* width = add_number(rows, d->form, "Window width", "window_samples",
-                                   {.step = ms,
-                                    .decimals = 4,
-                                    .unit = "ms",
-                                    .tip = "How far around a sample the last three methods look, "
-                                           "ms; kept in whole samples",
-                                    .shown_per_stored = ms});
+  d->width = add_number(rows, d->form, "Window width", "window_samples",
+                        {.step = ms,
+                         .decimals = 4,
+                         .unit = "ms",
+                         .tip = "How far around a sample the last three methods look, "
+                                "ms; kept in whole samples",
+                         .shown_per_stored = ms});
   rows->addRow("Align to", choice_control(d->form, "align_feature", mode_entries(align_features()),
                                           "Point of the spike that is its time"));
   rows->addRow(logical_control(d->form, "delete_large_events", "delete events with p-p > ",
                                "Take out artefacts that are larger than any spike"));
   add_number(rows, d->form, "", "max_event_pp_uv",
              {.step = 50, .unit = "µV", .tip = "Largest peak-to-peak voltage of a spike, µV"});
-  const auto live = [method, width] {
-    width->setEnabled(method->currentData().toInt() >= method_multiphasic);
-  };
-  QObject::connect(method, &QComboBox::currentIndexChanged, d->dialog, live);
-  QObject::connect(d->dialog, &operation_dialog::running_changed, d->dialog, [live](bool running) {
-    if (!running) live();
-  });
+  QObject::connect(method, &QComboBox::currentIndexChanged, d->dialog, [d] { follow_method(*d); });
+  QObject::connect(d->dialog, &operation_dialog::running_changed, d->dialog,
+                   [d] { follow_method(*d); });
   return titled_box("Detection", rows);
 }
 
@@ -270,9 +300,10 @@ QGroupBox* detector_section(const shared_detection& d) {
   return titled_box("Detector", rows);
 }
 
-QGroupBox* result_section(const shared_detection& d, QProgressBar* bar) {
+QGroupBox* result_section(const shared_detection& d) {
   auto* rows = new QFormLayout;
-  rows->addRow("Progress", bar);
+  d->bar = make_bar("progress", 1000);
+  rows->addRow("Progress", d->bar);
   d->elapsed = add_value(rows, "elapsed_time", "Time, s");
   d->n_coincident = add_value(rows, "coincident_deleted", "# coincident", {},
                               "Deleted: the same spike found twice on one channel");
@@ -336,45 +367,65 @@ void restore_defaults(const shared_detection& d) {
   session.review = kept_review;
 }
 
-void connect_buttons(const shared_detection& d, QDialogButtonBox* buttons, QProgressBar* bar) {
+void interrupt_run(const detection_window& d) {
+  d.w.session.operation.detection_interrupted = true;
+  d.interrupt->setEnabled(false);
+  d.message->setText("Interrupting: finishing the current step ...");
+}
+
+QDialogButtonBox* button_row(const shared_detection& d) {
+  auto* buttons = new QDialogButtonBox;
   operation_dialog* dialog = d->dialog;
   QPushButton* start = add_button(buttons, "start", "Start", QDialogButtonBox::ActionRole,
                                   "Look for spikes; replaces all events and clusters");
-  QPushButton* stop = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
-                                 "Stop looking; what has been found is clustered into events");
+  d->interrupt = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
+                            "Stop looking; what has been found is clustered into events");
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
   QPushButton* defaults =
       add_button(buttons, "restore_defaults", "Restore defaults", QDialogButtonBox::ResetRole,
                  "The values of a new installation");
   start->setDefault(true);
-  stop->setEnabled(false);
+  d->interrupt->setEnabled(false);
   dialog->disabled_while_running << start << done << defaults;
-  const QList<QGroupBox*> sections = dialog->findChildren<QGroupBox*>();
-  for (const QGroupBox* section : sections) {
-    dialog->disabled_while_running << inputs_of(section);
-  }
-  dialog->enabled_while_running << stop;
+  dialog->enabled_while_running << d->interrupt;
   QObject::connect(start, &QPushButton::clicked, dialog, [d] { start_detection(d); });
-  QObject::connect(stop, &QPushButton::clicked, dialog, [d, stop] {
-    d->w.session.operation.detection_interrupted = true;
-    stop->setEnabled(false);
-    d->message->setText("Interrupting: finishing the current step ...");
-  });
+  QObject::connect(d->interrupt, &QPushButton::clicked, dialog, [d] { interrupt_run(*d); });
   QObject::connect(done, &QPushButton::clicked, dialog, [d] { leave_detection(d); });
   QObject::connect(defaults, &QPushButton::clicked, dialog, [d] { restore_defaults(d); });
-  QObject::connect(d->w.desk, &interface_desk::progressed, dialog,
-                   [bar](meter which, int value, int range) {
-                     if (which != meter::detection) return;
-                     bar->setRange(0, range);
-                     bar->setValue(value);
-                   });
-  QObject::connect(d->w.desk, &interface_desk::status_changed, dialog,
-                   [d](status_field field, const QString& text) {
-                     if (field == status_field::elapsed_time) d->elapsed->setText(text);
-                     if (field == status_field::coincident_deleted) d->n_coincident->setText(text);
-                     if (field == status_field::large_deleted) d->n_large->setText(text);
-                     if (field == status_field::events_found) d->n_found->setText(text);
-                   });
+  return buttons;
+}
+
+QLayout* column_of(detection_window& d, std::initializer_list<QGroupBox*> sections) {
+  auto* column = new QVBoxLayout;
+  for (QGroupBox* section : sections) {
+    column->addWidget(section);
+    d.sections << section;
+  }
+  column->addStretch();
+  return column;
+}
+
+void follow_run(const detection_window& d) {
+  follow(d.w, d.dialog, {{meter::detection, d.bar}},
+         {{status_field::elapsed_time, d.elapsed},
+          {status_field::coincident_deleted, d.n_coincident},
+          {status_field::large_deleted, d.n_large},
+          {status_field::events_found, d.n_found}});
+}
+
+void lay_out(const shared_detection& d) {
+  auto* columns = new QHBoxLayout;
+  columns->addLayout(column_of(*d, {noise_section(d), threshold_section(d), mask_section(d)}));
+  columns->addLayout(column_of(*d, {method_section(d), detector_section(d), result_section(d)}));
+  d->message = new QLabel;
+  d->message->setObjectName("message");
+  auto* layout = new QVBoxLayout(d->dialog);
+  layout->addLayout(columns);
+  layout->addWidget(d->message);
+  layout->addWidget(button_row(d));
+  for (const QGroupBox* section : d->sections) {
+    d->dialog->disabled_while_running << inputs_of(section);
+  }
 }
 
 }  // namespace
@@ -383,43 +434,13 @@ void event_detection_command(workstation& w) {
   if (!needs_recording(w)) return;
   auto* dialog = new operation_dialog(w, "event_detection_dialog", "Event detection");
   const auto d = std::make_shared<detection_window>(w, dialog);
-  QProgressBar* bar = make_bar("progress", 1000);
-  auto* left = new QVBoxLayout;
-  left->addWidget(noise_section(d));
-  left->addWidget(threshold_section(d));
-  left->addWidget(mask_section(d));
-  left->addStretch();
-  auto* right = new QVBoxLayout;
-  right->addWidget(method_section(d));
-  right->addWidget(detector_section(d));
-  right->addWidget(result_section(d, bar));
-  right->addStretch();
-  auto* columns = new QHBoxLayout;
-  columns->addLayout(left);
-  columns->addLayout(right);
-  d->message = new QLabel;
-  d->message->setObjectName("message");
-  auto* buttons = new QDialogButtonBox;
-  auto* layout = new QVBoxLayout(dialog);
-  layout->addLayout(columns);
-  layout->addWidget(d->message);
-  layout->addWidget(buttons);
-  connect_buttons(d, buttons, bar);
-  // A change of the method measures anew, with the method just chosen.
-  const QList<QRadioButton*> methods = {dialog->findChild<QRadioButton*>("noise_sd"),
-                                        dialog->findChild<QRadioButton*>("noise_median")};
+  lay_out(d);
   d->form.load();
-  for (QRadioButton* method : methods) {
-    QObject::connect(method, &QRadioButton::clicked, dialog, [d, method] {
-      d->w.session.detection.noise_method = method->objectName() == "noise_sd" ? 1 : 2;
-      measure_noise(d);
-    });
-  }
-  emit dialog->findChild<QComboBox*>("detection_method")
-      ->currentIndexChanged(dialog->findChild<QComboBox*>("detection_method")->currentIndex());
+  follow_method(*d);
+  follow_run(*d);
   QObject::connect(dialog, &QDialog::finished, w.frame, [d] { follow_masks(d); });
   open_dialog(w, dialog);
-  measure_noise(d);
+  measure_noise(d);  // the first look at a recording is whether its channels are alive
 }
 
 }  // namespace kestrelvane

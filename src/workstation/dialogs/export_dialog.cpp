@@ -8,7 +8,6 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
-#include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -83,17 +82,26 @@ void save_as(const shared_export& x) {
       [x] { show_duplicates(x); });
 }
 
-void connect_reports(const shared_export& x) {
-  QObject::connect(x->w.desk, &interface_desk::progressed, x->dialog,
-                   [x](meter which, int value, int range) {
-                     if (which != meter::saving) return;
-                     x->bar->setRange(0, range);
-                     x->bar->setValue(value);
-                   });
-  QObject::connect(x->w.desk, &interface_desk::status_changed, x->dialog,
-                   [x](status_field field, const QString& text) {
-                     if (field == status_field::file_name) x->exported->setText(text);
-                   });
+QLayout* after_rows(export_window& x) {
+  auto* rows = new QFormLayout;
+  x.exported = add_value(rows, "exported_file", "Exported file name:");
+  x.exported->setWordWrap(true);
+  return rows;
+}
+
+QDialogButtonBox* button_row(const shared_export& x) {
+  auto* buttons = new QDialogButtonBox;
+  QPushButton* save = add_button(buttons, "save_as", "Save As", QDialogButtonBox::ActionRole,
+                                 "Choose a file and write it");
+  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  save->setDefault(true);
+  x->dialog->disabled_while_running << save << done << x->format;
+  QObject::connect(save, &QPushButton::clicked, x->dialog, [x] { save_as(x); });
+  QObject::connect(done, &QPushButton::clicked, x->dialog, [x] {
+    x->form.store();
+    x->dialog->accept();
+  });
+  return buttons;
 }
 
 }  // namespace
@@ -102,29 +110,15 @@ void export_command(workstation& w) {
   if (!needs_recording(w)) return;
   auto* dialog = new operation_dialog(w, "export_dialog", "Export spike files");
   const auto x = std::make_shared<export_window>(w, dialog);
+  x->bar = make_bar("progress", 100);
   auto* layout = new QVBoxLayout(dialog);
   layout->addLayout(source_rows(*x));
   layout->addLayout(choice_rows(*x));
-  auto* after = new QFormLayout;
-  x->exported = add_value(after, "exported_file", "Exported file name:");
-  x->exported->setWordWrap(true);
-  layout->addLayout(after);
-  x->bar = make_bar("progress", 100);
+  layout->addLayout(after_rows(*x));
   layout->addWidget(x->bar);
-  auto* buttons = new QDialogButtonBox;
-  QPushButton* save = add_button(buttons, "save_as", "Save As", QDialogButtonBox::ActionRole,
-                                 "Choose a file and write it");
-  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
-  save->setDefault(true);
-  layout->addWidget(buttons);
+  layout->addWidget(button_row(x));
   dialog->setMinimumWidth(460);
-  dialog->disabled_while_running << save << done << x->format;
-  QObject::connect(save, &QPushButton::clicked, dialog, [x] { save_as(x); });
-  QObject::connect(done, &QPushButton::clicked, dialog, [x] {
-    x->form.store();
-    x->dialog->accept();
-  });
-  connect_reports(x);
+  follow(w, dialog, {{meter::saving, x->bar}}, {{status_field::file_name, x->exported}});
   x->form.load();
   open_dialog(w, dialog);
   warn_of_incomplete_detection(w.session);  // over the dialog

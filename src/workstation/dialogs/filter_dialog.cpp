@@ -7,7 +7,6 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
-#include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -20,6 +19,9 @@ struct filter_window {
   settings_form form;
   QGridLayout* grid = new QGridLayout;
   int row = 0;
+  QLabel* message = nullptr;
+  QProgressBar* bar = nullptr;
+  QPushButton* interrupt = nullptr;
 
   filter_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
 };
@@ -99,67 +101,70 @@ void add_frequency_domain(filter_window& f) {
                     .tip = "The voltage that comes out as three quarters of itself, µV"})});
 }
 
-void do_it(const shared_filter& f, QLabel* message) {
+void do_it(const shared_filter& f) {
   if (!f->form.store()) return;
   f->w.session.operation.filtering_interrupted = false;
-  message->setText("Filtering ...");
+  f->message->setText("Filtering ...");
   f->dialog->run([](session_state& session) { run_filter_chain(session); },
-                 [f, message] {
+                 [f] {
                    // The chain has cleared what must be ticked afresh.
                    f->form.load();
-                   message->clear();
+                   f->message->clear();
                  },
                  worker_priority::normal);
+}
+
+void interrupt_chain(const filter_window& f) {
+  f.w.session.operation.filtering_interrupted = true;
+  f.interrupt->setEnabled(false);  // the step under way may take a while
+}
+
+QDialogButtonBox* button_row(const shared_filter& f) {
+  auto* buttons = new QDialogButtonBox;
+  QPushButton* start = add_button(buttons, "do_it", "Do It!", QDialogButtonBox::ActionRole,
+                                  "Rewrite the samples in memory; the file stays as it is");
+  f->interrupt = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
+                            "Finish the step under way and leave out the later ones");
+  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
+  start->setDefault(true);
+  f->interrupt->setEnabled(false);
+  operation_dialog* dialog = f->dialog;
+  dialog->disabled_while_running << start << done;
+  dialog->enabled_while_running << f->interrupt;
+  QObject::connect(start, &QPushButton::clicked, dialog, [f] { do_it(f); });
+  QObject::connect(f->interrupt, &QPushButton::clicked, dialog, [f] { interrupt_chain(*f); });
+  QObject::connect(done, &QPushButton::clicked, dialog, [f] {
+    if (f->form.store()) f->dialog->accept();
+  });
+  return buttons;
+}
+
+QGroupBox* chain_box(filter_window& f) {
+  add_time_domain(f);
+  add_frequency_domain(f);
+  QGroupBox* box = titled_box("Applied in this order", f.grid);
+  f.dialog->disabled_while_running << box;
+  return box;
 }
 
 }  // namespace
 
 void filter_command(workstation& w) {
   if (!needs_recording(w)) return;
+  // Options without a memory: a low pass left on from last time would take the spikes out.
   w.session.filter.make_low_pass = false;
   w.session.filter.do_one_over_f = false;
   auto* dialog = new operation_dialog(w, "filter_dialog", "Transform voltage waveform");
   const auto f = std::make_shared<filter_window>(w, dialog);
-  add_time_domain(*f);
-  add_frequency_domain(*f);
-  QGroupBox* box = titled_box("Applied in this order", f->grid);
-  auto* message = new QLabel;
-  message->setObjectName("message");
-  QProgressBar* bar = make_bar("progress", 100);
-  auto* buttons = new QDialogButtonBox;
-  QPushButton* start = add_button(buttons, "do_it", "Do It!", QDialogButtonBox::ActionRole,
-                                  "Rewrite the samples in memory; the file stays as it is");
-  QPushButton* stop = add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole,
-                                 "Finish the step under way and leave out the later ones");
-  QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole);
-  start->setDefault(true);
-  stop->setEnabled(false);
-  dialog->disabled_while_running << start << done << box;
-  dialog->enabled_while_running << stop;
+  f->message = new QLabel;
+  f->message->setObjectName("message");
+  f->bar = make_bar("progress", 100);
   auto* layout = new QVBoxLayout(dialog);
-  layout->addWidget(box);
-  layout->addWidget(message);
-  layout->addWidget(bar);
-  layout->addWidget(buttons);
-
-  QObject::connect(start, &QPushButton::clicked, dialog, [f, message] { do_it(f, message); });
-  QObject::connect(stop, &QPushButton::clicked, dialog, [&w, stop] {
-    w.session.operation.filtering_interrupted = true;
-    stop->setEnabled(false);
-  });
-  QObject::connect(done, &QPushButton::clicked, dialog, [f] {
-    if (f->form.store()) f->dialog->accept();
-  });
-  QObject::connect(w.desk, &interface_desk::progressed, dialog,
-                   [bar](meter which, int value, int range) {
-                     if (which != meter::filtering) return;
-                     bar->setRange(0, range);
-                     bar->setValue(value);
-                   });
-  QObject::connect(w.desk, &interface_desk::status_changed, dialog,
-                   [message](status_field field, const QString& text) {
-                     if (field == status_field::message) message->setText(text);
-                   });
+  layout->addWidget(chain_box(*f));
+  layout->addWidget(f->message);
+  layout->addWidget(f->bar);
+  layout->addWidget(button_row(f));
+  follow(w, dialog, {{meter::filtering, f->bar}}, {{status_field::message, f->message}});
   f->form.load();
   open_dialog(w, dialog);
 }

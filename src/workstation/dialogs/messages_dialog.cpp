@@ -13,6 +13,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -32,13 +33,21 @@ QStringList take_lines(session_state& session) {
   return lines;
 }
 
+// The dialog also opens while a reader gives the recording its new path. Then the name is the
+// one that the reader tells.
+QString name_of_recording(workstation& w) {
+  const session_turn turn(w);
+  return turn.taken ? QString::fromStdString(w.session.recording.recording_path)
+                    : w.desk->latest(status_field::file_name);
+}
+
 }  // namespace
 
 messages_dialog::messages_dialog(workstation& of)
     : operation_dialog(of, "messages_dialog", "Messages"),
       lines_(new QListWidget),
       file_name_(new QLineEdit),
-      bar_(new QProgressBar) {
+      bar_(make_bar("progress", 100)) {
   lines_->setObjectName("log_lines");
   lines_->setUniformItemSizes(true);
   lines_->setAlternatingRowColors(true);
@@ -46,11 +55,18 @@ messages_dialog::messages_dialog(workstation& of)
   lines_->scrollToBottom();
   file_name_->setObjectName("file_name");
   file_name_->setReadOnly(true);
-  file_name_->setText(QString::fromStdString(w_.session.recording.recording_path));
-  bar_->setObjectName("progress");
-  bar_->setRange(0, 100);
-  bar_->setValue(0);
+  file_name_->setText(name_of_recording(w_));
+  lay_out();
+  connect(w_.desk, &interface_desk::log_line_added, this, &messages_dialog::add_line);
+  follow(w_, this, {{meter::reading, bar_}, {meter::filtering, bar_}});
+  // A line edit, which can be scrolled where a path is longer than the dialog is wide.
+  connect(w_.desk, &interface_desk::status_changed, this,
+          [this](status_field field, const QString& text) {
+            if (field == status_field::file_name) file_name_->setText(text);
+          });
+}
 
+void messages_dialog::lay_out() {
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
   ok_ = buttons->button(QDialogButtonBox::Ok);
   ok_->setObjectName("ok");
@@ -69,17 +85,6 @@ messages_dialog::messages_dialog(workstation& of)
   layout->addWidget(bar_);
   layout->addWidget(buttons);
   resize(640, 420);
-
-  connect(w_.desk, &interface_desk::log_line_added, this, &messages_dialog::add_line);
-  connect(w_.desk, &interface_desk::status_changed, this,
-          [this](status_field field, const QString& text) {
-            if (field == status_field::file_name) file_name_->setText(text);
-          });
-  connect(w_.desk, &interface_desk::progressed, this, [this](meter which, int value, int range) {
-    if (which != meter::reading && which != meter::filtering) return;
-    bar_->setRange(0, range);
-    bar_->setValue(value);
-  });
 }
 
 messages_dialog::~messages_dialog() {

@@ -1,14 +1,16 @@
 // The "Messages" dialog: the run log as it grows, and the bar of a reader.
 //
 // It opens by itself when an operation begins to read a recording, and by its menu entry.
-// OK is live when nothing runs, Interrupt while a recording is read. While it is open, new lines of
-// the log go into its list.
+// OK is live when nothing runs, Interrupt while a recording is read. While it is open, new
+// lines of the log go into its list.
 #pragma once
 
 #include "workstation/operation.h"
 
 class QLineEdit;
 class QListWidget;
+class QProgressBar;
+class QPushButton;
 
 namespace kestrelvane {
 
@@ -26,6 +28,7 @@ class messages_dialog : public operation_dialog {
   void reject() override;
 
  private:
+  void lay_out();
   void add_line(const QString& line);
   void interrupt_reading();
 

@@ -77,6 +77,7 @@ struct preferences_window {
   QComboBox* theme = nullptr;
   QCheckBox* keep_peaks = nullptr;
   QCheckBox* research_tools = nullptr;
+  QCheckBox* log_file = nullptr;
   bool arrange = false;  // "Default" was pressed: windows go back to their places
   QList<QPushButton*> colour_buttons;
 
@@ -152,7 +153,7 @@ bool apply(preferences_window& p) {
   std::copy(p.colours.begin(), p.colours.end(), record.subcluster_colours);
   open_log_if_wanted(p.w);
   // A file that cannot be opened turns the option off.
-  p.dialog->findChild<QCheckBox*>("log_file_enabled")->setChecked(record.log_file_enabled);
+  p.log_file->setChecked(record.log_file_enabled);
   session.view.vd_keep_peaks = p.keep_peaks->isChecked();
   QSettings().setValue("keep_peaks", p.keep_peaks->isChecked());
   keep_research_tools(p.research_tools->isChecked());
@@ -233,8 +234,9 @@ QWidget* program_page(preferences_window& p) {
                                "treat event based recording as continuous",
                                "Lay stored events out on one time axis, with blanks between "
                                "them; takes more memory"));
-  form->addRow(logical_control(p.form, "log_file_enabled", "Save log file",
-                               "Write the messages to a text file beside each recording"));
+  p.log_file = logical_control(p.form, "log_file_enabled", "Save log file",
+                               "Write the messages to a text file beside each recording");
+  form->addRow(p.log_file);
   form->addRow(logical_control(p.form, "verbose_log", "Verbose output to run log",
                                "Write details of each stage to the run log window"));
   form->addRow(logical_control(p.form, "tell_new_cluster",

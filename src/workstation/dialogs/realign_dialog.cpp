@@ -205,14 +205,12 @@ QLayout* cluster_rows(const shared_realign& r) {
 }
 
 void connect_reports(const shared_realign& r) {
-  QObject::connect(r->w.desk, &interface_desk::progressed, r->dialog,
-                   [r](meter which, int value, int range) {
-                     if (which != meter::clusters && which != meter::status_lists) return;
-                     r->message->setText(which == meter::clusters ? "Moving events"
-                                                                  : "Comparing pairs of clusters");
-                     r->bar->setRange(0, range);
-                     r->bar->setValue(value);
-                   });
+  follow(r->w, r->dialog, {{meter::clusters, r->bar}, {meter::status_lists, r->bar}});
+  // The steps report no words; which meter moves tells what is being done.
+  QObject::connect(r->w.desk, &interface_desk::progressed, r->dialog, [r](meter which) {
+    if (which == meter::clusters) r->message->setText("Moving events");
+    if (which == meter::status_lists) r->message->setText("Comparing pairs of clusters");
+  });
   QObject::connect(r->dialog, &operation_dialog::running_changed, r->dialog,
                    [r] { set_undo_buttons(*r); });
 }

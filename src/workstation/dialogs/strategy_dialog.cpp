@@ -28,6 +28,16 @@ int position_of_sigma(double sigma) {
   return static_cast<int>(std::log(sigma / 5.0) / 0.095310204 + 20.001);
 }
 
+struct strategy_window {
+  QDialog* dialog;
+  settings_form form;
+  number_field *depth = nullptr, *width = nullptr;  // of the interpolation
+  QLabel* problem = nullptr;                        // what is wrong with two numbers together
+
+  strategy_window(workstation& of, QDialog* d) : dialog(d), form(of.session, d) {}
+};
+using shared_strategy = std::shared_ptr<strategy_window>;
+
 QWidget* page_of(QLayout* layout) {
   auto* page = new QWidget;
   auto* column = new QVBoxLayout(page);
@@ -36,7 +46,8 @@ QWidget* page_of(QLayout* layout) {
   return page;
 }
 
-QWidget* templates_page(settings_form& form) {
+QWidget* templates_page(strategy_window& s) {
+  settings_form& form = s.form;
   auto* rows = new QFormLayout;
   add_number(rows, form, "Threshold 1", "channel_threshold_1",
              {.step = 0.01,
@@ -58,11 +69,12 @@ QWidget* templates_page(settings_form& form) {
   rows->addRow(logical_control(
       form, "multiplicative_matching", "use multiplicative event matching to templates",
       "Fit events by the product with the template instead of the squared difference"));
-  add_number(rows, form, "Depth", "interp_depth",
-             {.tip = "Interpolation: steps between two samples, 1 to 50; depth times width may "
-                     "be 1000 at most"});
-  add_number(rows, form, "Width", "interp_width",
-             {.tip = "Interpolation: samples used on each side, 1 to 50"});
+  s.depth =
+      add_number(rows, form, "Depth", "interp_depth",
+                 {.tip = "Interpolation: steps between two samples, 1 to 50; depth times width "
+                         "may be 1000 at most"});
+  s.width = add_number(rows, form, "Width", "interp_width",
+                       {.tip = "Interpolation: samples used on each side, 1 to 50"});
   return page_of(rows);
 }
 
@@ -178,13 +190,9 @@ QWidget* splitting_page(settings_form& form) {
 }
 
 // Depth times width is the length of the interpolation table, which holds 1000.
-QString refused_together(QDialog* dialog) {
-  const auto value = [&](const char* name) {
-    return dialog->findChild<number_field*>(name)->value();
-  };
-  return value("interp_depth") * value("interp_width") > 1000
-             ? "Depth times width must be 1000 at most"
-             : QString();
+QString refused_together(const strategy_window& s) {
+  return s.depth->value() * s.width->value() > 1000 ? "Depth times width must be 1000 at most"
+                                                    : QString();
 }
 
 // False while a field is refused. Another table of interpolation is said in the log.
@@ -196,6 +204,7 @@ bool store_strategy(settings_form& form) {
   return true;
 }
 
+// Shows the values of a new installation; nothing is stored before "OK".
 void restore_defaults(settings_form& form) {
   const sorting_strategy_settings kept = form.session.strategy;
   const detection_settings kept_detection = form.session.detection;
@@ -207,40 +216,49 @@ void restore_defaults(settings_form& form) {
   apply_settings(form.session);
 }
 
-}  // namespace
-
-void strategy_command(workstation& w) {
-  auto* dialog = new QDialog(w.frame);
-  dialog->setObjectName("strategy_dialog");
-  dialog->setWindowTitle("Sorting strategy");
-  const auto form = std::make_shared<settings_form>(w.session, dialog);
+QTabWidget* all_pages(strategy_window& s) {
   auto* pages = new QTabWidget;
   pages->setObjectName("pages");
   pages->setUsesScrollButtons(false);
-  pages->addTab(templates_page(*form), "Templates");
-  pages->addTab(clusters_page(*form), "First clusters");
-  pages->addTab(clustering_page(*form), "Clustering");
-  pages->addTab(splitting_page(*form), "Splitting and pairs");
-  auto* words = new QLabel;
-  words->setObjectName("problem");
+  pages->addTab(templates_page(s), "Templates");
+  pages->addTab(clusters_page(s.form), "First clusters");
+  pages->addTab(clustering_page(s.form), "Clustering");
+  pages->addTab(splitting_page(s.form), "Splitting and pairs");
+  return pages;
+}
 
+void leave_with_ok(strategy_window& s) {
+  s.problem->setText(refused_together(s));
+  if (s.problem->text().isEmpty() && store_strategy(s.form)) s.dialog->accept();
+}
+
+QDialogButtonBox* button_row(const shared_strategy& s) {
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel);
   buttons->button(QDialogButtonBox::Ok)->setObjectName("ok");
   buttons->button(QDialogButtonBox::Cancel)->setObjectName("cancel");
   QPushButton* defaults =
       add_button(buttons, "restore_defaults", "Restore defaults", QDialogButtonBox::ResetRole,
                  "The values of a new installation");
-  QObject::connect(defaults, &QPushButton::clicked, dialog, [form] { restore_defaults(*form); });
-  QObject::connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
-  QObject::connect(buttons, &QDialogButtonBox::accepted, dialog, [dialog, form, words] {
-    words->setText(refused_together(dialog));
-    if (words->text().isEmpty() && store_strategy(*form)) dialog->accept();
-  });
+  QObject::connect(defaults, &QPushButton::clicked, s->dialog, [s] { restore_defaults(s->form); });
+  QObject::connect(buttons, &QDialogButtonBox::rejected, s->dialog, &QDialog::reject);
+  QObject::connect(buttons, &QDialogButtonBox::accepted, s->dialog, [s] { leave_with_ok(*s); });
+  return buttons;
+}
+
+}  // namespace
+
+void strategy_command(workstation& w) {
+  auto* dialog = new QDialog(w.frame);
+  dialog->setObjectName("strategy_dialog");
+  dialog->setWindowTitle("Sorting strategy");
+  const auto s = std::make_shared<strategy_window>(w, dialog);
+  s->problem = new QLabel;
+  s->problem->setObjectName("problem");
   auto* layout = new QVBoxLayout(dialog);
-  layout->addWidget(pages);
-  layout->addWidget(words);
-  layout->addWidget(buttons);
-  form->load();
+  layout->addWidget(all_pages(*s));
+  layout->addWidget(s->problem);
+  layout->addWidget(button_row(s));
+  s->form.load();
   open_dialog(w, dialog);
 }
 

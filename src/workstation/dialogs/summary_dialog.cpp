@@ -92,67 +92,91 @@ class summary_model : public QAbstractTableModel {
 
 QString qt(const std::string& text) { return QString::fromStdString(text); }
 
-QLayout* top_block(operation_dialog* dialog) {
+struct summary_window {
+  workstation& w;
+  operation_dialog* dialog;
+  summary_model* model;
+  QTableView* table = nullptr;
+  QLabel *file_name = nullptr, *file_type = nullptr;
+  QLabel *n_events = nullptr, *n_clustered = nullptr, *n_unclustered = nullptr;
+  QLabel *percent_clustered = nullptr, *n_clusters = nullptr, *n_stable = nullptr;
+};
+using shared_summary = std::shared_ptr<summary_window>;
+
+constexpr int name_width = 420;  // pixels; longer paths lose their middle
+
+QLayout* top_block(summary_window& s) {
   auto* files = new QFormLayout;
-  add_value(files, "file_name", "Filename");
-  add_value(files, "file_type", "File type");
+  s.file_name = add_value(files, "file_name", "Filename");
+  s.file_type = add_value(files, "file_type", "File type");
   auto* left = new QFormLayout;
-  add_value(left, "n_events", "Total events", "...");
-  add_value(left, "n_clustered", "Clustered", "...", "Events that belong to a cluster");
-  add_value(left, "n_unclustered", "unclustered", "...", "Events that belong to none");
-  add_value(left, "percent_clustered", "% clustered", "...", "Share of the events, percent");
+  s.n_events = add_value(left, "n_events", "Total events", "...");
+  s.n_clustered =
+      add_value(left, "n_clustered", "Clustered", "...", "Events that belong to a cluster");
+  s.n_unclustered =
+      add_value(left, "n_unclustered", "unclustered", "...", "Events that belong to none");
+  s.percent_clustered =
+      add_value(left, "percent_clustered", "% clustered", "...", "Share of the events, percent");
   auto* right = new QFormLayout;
-  add_value(right, "n_clusters", "# of clusters", "...");
-  add_value(right, "n_stable", "Stable", "...", "Clusters all of whose pairs are distinct");
+  s.n_clusters = add_value(right, "n_clusters", "# of clusters", "...");
+  s.n_stable =
+      add_value(right, "n_stable", "Stable", "...", "Clusters all of whose pairs are distinct");
   auto* counts = new QHBoxLayout;
   counts->addLayout(left, 1);
   counts->addLayout(right, 1);
   auto* column = new QVBoxLayout;
   column->addLayout(files);
   column->addLayout(counts);
-  dialog->setMinimumWidth(420);
   return column;
 }
 
-void show_top_block(operation_dialog* dialog, const sorting_summary& summary) {
-  const auto show = [dialog](const char* name, const QString& text) {
-    dialog->findChild<QLabel*>(name)->setText(text);
-  };
-  auto* file = dialog->findChild<QLabel*>("file_name");
-  file->setText(file->fontMetrics().elidedText(qt(summary.file_name), Qt::ElideMiddle, 420));
-  file->setToolTip(qt(summary.file_name));
-  show("file_type", qt(summary.file_type));
-  show("n_events", QString::number(summary.n_events));
-  show("n_clustered", QString::number(summary.n_clustered));
-  show("n_unclustered", QString::number(summary.n_unclustered));
-  show("percent_clustered", QString::number(summary.percent_clustered, 'f', 1) + " %");
-  show("n_clusters", QString::number(summary.n_clusters));
-  show("n_stable", QString::number(summary.n_stable));
+void show_top_block(const summary_window& s, const sorting_summary& summary) {
+  const QString name = qt(summary.file_name);
+  // Both ends tell recordings apart: the folder, and the number of the file.
+  s.file_name->setText(s.file_name->fontMetrics().elidedText(name, Qt::ElideMiddle, name_width));
+  s.file_name->setToolTip(name);
+  s.file_type->setText(qt(summary.file_type));
+  s.n_events->setText(QString::number(summary.n_events));
+  s.n_clustered->setText(QString::number(summary.n_clustered));
+  s.n_unclustered->setText(QString::number(summary.n_unclustered));
+  s.percent_clustered->setText(QString::number(summary.percent_clustered, 'f', 1) + " %");
+  s.n_clusters->setText(QString::number(summary.n_clusters));
+  s.n_stable->setText(QString::number(summary.n_stable));
 }
 
 // Widths of columns and size of the window, kept from run to run.
-void restore_layout(QDialog* dialog, QTableView* table) {
+void restore_layout(const summary_window& s) {
   const QSettings store;
   const QVariantList widths = store.value("summary/columns").toList();
   for (int column = 0; column < n_columns; ++column) {
     const int width = column < widths.size() ? widths[column].toInt() : 0;
-    table->setColumnWidth(column, width > 0 ? width : 84);
+    s.table->setColumnWidth(column, width > 0 ? width : 84);
   }
-  dialog->resize(store.value("summary/size", QSize(660, 560)).toSize());
+  s.dialog->resize(store.value("summary/size", QSize(660, 560)).toSize());
 }
 
-void save_layout(const QDialog* dialog, const QTableView* table) {
+void save_layout(const summary_window& s) {
   QVariantList widths;
-  for (int column = 0; column < n_columns; ++column) widths << table->columnWidth(column);
+  for (int column = 0; column < n_columns; ++column) widths << s.table->columnWidth(column);
   QSettings store;
   store.setValue("summary/columns", widths);
-  store.setValue("summary/size", dialog->size());
+  store.setValue("summary/size", s.dialog->size());
 }
 
-QTableView* make_table(workstation& w, operation_dialog* dialog, summary_model* model) {
+// The cluster of a line becomes the current one, which other windows show.
+void choose_line(const summary_window& s, int row) {
+  // Its number may be another cluster's by the time the worker has finished.
+  if (s.w.worker.running) return;
+  s.w.session.clusters.current_cluster = s.model->cluster_at(row);
+  s.model->current_cluster_changed();
+  refresh_graphs(s.w);
+}
+
+QTableView* make_table(const shared_summary& s) {
   auto* table = new QTableView;
+  s->table = table;
   table->setObjectName("summary_table");
-  table->setModel(model);
+  table->setModel(s->model);
   table->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
   table->setSelectionBehavior(QAbstractItemView::SelectRows);
   table->setSelectionMode(QAbstractItemView::SingleSelection);
@@ -165,40 +189,40 @@ QTableView* make_table(workstation& w, operation_dialog* dialog, summary_model* 
   table->horizontalHeader()->setStretchLastSection(true);
   table->sortByColumn(0, Qt::AscendingOrder);
   table->setSortingEnabled(true);
-  QObject::connect(table, &QTableView::doubleClicked, dialog, [&w, model](const QModelIndex& at) {
-    if (w.worker.running) return;
-    w.session.clusters.current_cluster = model->cluster_at(at.row());
-    model->current_cluster_changed();
-    refresh_graphs(w);
-  });
+  QObject::connect(table, &QTableView::doubleClicked, s->dialog,
+                   [s](const QModelIndex& at) { choose_line(*s, at.row()); });
   return table;
+}
+
+// On the worker: a pass over all events and all pairs.
+void count_and_show(const shared_summary& s) {
+  const auto summary = std::make_shared<sorting_summary>();
+  s->dialog->run([summary](session_state& session) { *summary = make_sorting_summary(session); },
+                 [s, summary] {
+                   show_top_block(*s, *summary);
+                   s->model->show(std::move(summary->rows));
+                 });
 }
 
 }  // namespace
 
 void sorting_summary_command(workstation& w) {
   auto* dialog = new operation_dialog(w, "summary_dialog", "Sorting summary");
-  auto* model = new summary_model(w.session, dialog);
-  QTableView* table = make_table(w, dialog, model);
+  const auto s = std::make_shared<summary_window>(
+      summary_window{w, dialog, new summary_model(w.session, dialog)});
   auto* buttons = new QDialogButtonBox;
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole, "Close");
   auto* layout = new QVBoxLayout(dialog);
-  layout->addLayout(top_block(dialog));
-  layout->addWidget(table, 1);
+  layout->addLayout(top_block(*s));
+  layout->addWidget(make_table(s), 1);
   layout->addWidget(buttons);
+  dialog->setMinimumWidth(name_width);
   dialog->disabled_while_running << done;
   QObject::connect(done, &QPushButton::clicked, dialog, &QDialog::accept);
-  QObject::connect(dialog, &QDialog::finished, dialog,
-                   [dialog, table] { save_layout(dialog, table); });
-  restore_layout(dialog, table);
+  QObject::connect(dialog, &QDialog::finished, dialog, [s] { save_layout(*s); });
+  restore_layout(*s);
   open_dialog(w, dialog);
-  // On the worker: a pass over all events and all pairs.
-  const auto summary = std::make_shared<sorting_summary>();
-  dialog->run([summary](session_state& session) { *summary = make_sorting_summary(session); },
-              [dialog, model, summary] {
-                show_top_block(dialog, *summary);
-                model->show(std::move(summary->rows));
-              });
+  count_and_show(s);
 }
 
 }  // namespace kestrelvane
