@@ -51,15 +51,26 @@ main_frame::main_frame(workstation& of)
   statusBar();
 }
 
+// Dialogs that go with the frame give nothing back: there is nobody left to take it.
+main_frame::~main_frame() { w_.menu_holds.clear(); }
+
 void main_frame::set_busy(bool busy) {
-  const QList<QAction*> actions = findChildren<QAction*>();
-  for (QAction* action : actions) {
-    if (action->property("waits").toBool()) action->setEnabled(!busy);
+  if (busy) {
+    hold_menus(w_, this);
+  } else {
+    release_menus(w_, this);
   }
   // Dialogs that stand beside their windows have to wait like the menus.
   enable_companions(w_, !busy);
-  setAcceptDrops(!busy);
-  hint_->setVisible(!busy && w_.session.recording.n_samples == 0);
+}
+
+void main_frame::settle_actions() {
+  const QList<QAction*> actions = findChildren<QAction*>();
+  for (QAction* action : actions) settle_action(w_, action);
+  // What is dropped is opened. The samples are counted only where no worker reads them in.
+  const bool may_open = entry_may_run(w_, "open_recording");
+  setAcceptDrops(may_open);
+  hint_->setVisible(may_open && w_.session.recording.n_samples == 0);
 }
 
 void main_frame::place_hint() {

@@ -15,10 +15,13 @@ class main_frame : public QMainWindow {
 
  public:
   explicit main_frame(workstation& of);
+  ~main_frame() override;
 
   QMdiArea* area() const { return area_; }
-  // While an operation runs, menus and tool bar wait.
+  // While an operation runs, menus and tool bar wait, and dialogs beside the windows.
   void set_busy(bool busy);
+  // Brings actions and drops in step with those who hold the menus (menu_holds.h).
+  void settle_actions();
   // Size and place of the last run, kept in the platform's settings store.
   void restore_layout();
   void save_layout() const;

@@ -157,6 +157,9 @@ Answer wait_for_answer(void* context,
 
 QWidget* parent_for_box(workstation& w) {
   if (QWidget* modal = QApplication::activeModalWidget()) return modal;
+  // A box blocks the window it stands on and those behind: on the frame alone it would leave
+  // the dialog beside it live while its question is open.
+  if (QDialog* dialog = dialog_beside(w)) return dialog;
   return w.frame;
 }
 

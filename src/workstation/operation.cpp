@@ -1,6 +1,7 @@
 #include "workstation/operation.h"
 
 #include <QApplication>
+#include <QPointer>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <memory>
@@ -93,7 +94,8 @@ operation_dialog::operation_dialog(workstation& of, const char* object_name, con
 
 // What a window blocks is settled when it is shown.
 void operation_dialog::block_frame(bool block) {
-  if (!isVisible() || block != std::exchange(frame_is_free_, !block)) return;
+  const bool stands_beside = !block && windowModality() == Qt::NonModal;
+  if (stands_beside || !isVisible() || block != std::exchange(frame_is_free_, !block)) return;
   const QPoint place = pos();
   hide();
   setWindowModality(block ? Qt::WindowModal : Qt::NonModal);
@@ -103,14 +105,17 @@ void operation_dialog::block_frame(bool block) {
 
 void operation_dialog::run(session_routine routine, std::function<void()> finished,
                            worker_priority priority) {
-  const bool started = start_operation(
+  if (w_.worker.running) return;
+  // Known before it starts: dialogs beside the windows wait then, but for the one that runs.
+  set_running(true);
+  start_operation(
       w_, std::move(routine),
-      [this, finished = std::move(finished)] {
-        set_running(false);
+      [self = QPointer<operation_dialog>(this), finished = std::move(finished)] {
+        if (!self) return;
+        self->set_running(false);
         if (finished) finished();
       },
       priority);
-  if (started) set_running(true);
 }
 
 void operation_dialog::set_running(bool running) {
@@ -158,6 +163,17 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
 void open_dialog(workstation&, QDialog* dialog) {
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->open();
+}
+
+void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
+  hold_menus(w, dialog, allowed);
+  // Closed by a button, a key or its frame, or gone with what it stood on.
+  const auto release = [&w, dialog] { release_menus(w, dialog); };
+  QObject::connect(dialog, &QDialog::finished, w.desk, release);
+  QObject::connect(dialog, &QObject::destroyed, w.desk, release);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->setModal(false);
+  dialog->show();
 }
 
 }  // namespace kestrelvane

@@ -33,7 +33,8 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
 void join_worker(workstation& w);
 
 // A dialog that can run operations: it stays open while one runs. While the worker pauses
-// it leaves the frame to the user, whose windows can be scrolled then.
+// it leaves the frame to the user, whose windows can be scrolled then; one that stands beside
+// the windows has left it to him all along.
 class operation_dialog : public QDialog {
   Q_OBJECT
 
@@ -41,7 +42,8 @@ class operation_dialog : public QDialog {
   operation_dialog(workstation& of, const char* object_name, const QString& title);
 
   // Runs a routine; until it has finished the widgets of `disabled` are off, those of
-  // `enabled` on, and the other way round afterwards.
+  // `enabled` on, and the other way round afterwards. Nothing happens while another runs;
+  // finished is not called when the dialog is gone by then.
   void run(session_routine routine, std::function<void()> finished,
            worker_priority priority = worker_priority::below_normal);
   bool running() const { return runs_; }
@@ -71,5 +73,10 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
 
 // Shows a dialog, modal to the frame; it deletes itself when it is closed.
 void open_dialog(workstation& w, QDialog* dialog);
+
+// Shows a dialog beside the windows, which stay live; it deletes itself when it is closed.
+// Until then menus and tool bar wait but for the entries whose names are allowed, and while
+// an operation runs for those, too. The program cannot be left before it is closed.
+void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed);
 
 }  // namespace kestrelvane

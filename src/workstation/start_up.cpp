@@ -180,6 +180,11 @@ bool request_exit(workstation& w) {
                  "Exit Kestrelvane");
     return false;
   }
+  if (const QDialog* dialog = dialog_beside(w)) {
+    // It may hold a sort half changed, which would be saved as it stands.
+    show_message(w, QString("Close \"%1\" first.").arg(dialog->windowTitle()), "Exit Kestrelvane");
+    return false;
+  }
   keep_window_layout(w);
   w.exit_begun = true;
   start_operation(

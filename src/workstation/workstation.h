@@ -15,9 +15,11 @@
 #include <QString>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "operations/recovery.h"
 #include "session/session_state.h"
+#include "workstation/menu_holds.h"
 #include "workstation/operation.h"
 
 class QAction;
@@ -58,8 +60,9 @@ struct workstation {
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   operation_worker worker;
-  bool paused = false;          // the worker waits at a pause point
-  bool redraw_planned = false;  // for when the session is free again, while paused
+  std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
+  bool paused = false;                // the worker waits at a pause point
+  bool redraw_planned = false;        // for when the session is free again, while paused
   autorecover_timer autorecover;
   bool autorecover_running = false;
   bool exit_begun = false;  // the exit path runs

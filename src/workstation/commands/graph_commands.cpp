@@ -25,7 +25,6 @@ graph_window* needs_graph(workstation& w, const QString& title) {
 }
 
 QAction* copy_button(workstation& w) { return w.frame->findChild<QAction*>("button_40007"); }
-QAction* select_button(workstation& w) { return w.frame->findChild<QAction*>("button_40004"); }
 
 void save_picture(workstation& w, const QImage& picture, const QString& path) {
   if (picture.save(path)) {
@@ -100,13 +99,12 @@ void select_rectangle_command(workstation& w) {
   surface->start_selection();
   QObject::disconnect(surface, &graph_surface::selected, w.frame, nullptr);
   QObject::connect(surface, &graph_surface::selected, w.frame, [&w] {
-    copy_button(w)->setEnabled(true);
     copy_button(w)->setProperty("waits", true);
+    settle_action(w, copy_button(w));
   });
 }
 
 void copy_selection_command(workstation& w) {
-  select_button(w)->setEnabled(true);
   copy_button(w)->setEnabled(false);
   copy_button(w)->setProperty("waits", false);
   graph_window* window = active_graph(w);

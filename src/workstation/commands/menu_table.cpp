@@ -238,6 +238,7 @@ QAction* toolbar_action(workstation& w, const toolbar_row& row) {
   } else {
     action = new QAction(w.frame);
     action->setProperty("waits", true);
+    action->setProperty("stands_for", row.action);
     auto* entry = w.frame->findChild<QAction*>(row.action);
     QObject::connect(action, &QAction::triggered, entry, &QAction::trigger);
   }
@@ -317,6 +318,7 @@ void rebuild_recent_menu(workstation& w) {
       line->setProperty(recent_property, -1);
     }
     menu->insertAction(before, action);
+    settle_action(w, action);
   }
 }
 

@@ -2,9 +2,10 @@
 //
 // Labels, order and tool-tips stand there and nowhere else. A row's name is the
 // objectName of its action; the tool bar refers to actions by it. Rows marked full show
-// when short_menu is false, or when the user has asked for the research tools. No entry is ever greyed: each operation tests for what it
-// needs and says what is missing. The one exception is a running operation, during which
-// all entries wait.
+// when short_menu is false, or when the user has asked for the research tools. No entry is
+// ever greyed: each operation tests for what it needs and says what is missing. The one
+// exception is an entry that waits for a running operation or for a dialog beside the
+// windows (workstation/menu_holds.h).
 #pragma once
 
 #include <QKeySequence>

@@ -284,7 +284,7 @@ void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
   QAction* save = menu->addAction("Save graph");
   save->setObjectName("save_graph");
   save->setStatusTip("Write what is shown as numbers");
-  save->setEnabled(has_graph() && !w_.worker.running);
+  save->setEnabled(has_graph() && entry_may_run(w_, "save_graph"));
   connect(save, &QAction::triggered, this, [this] { save_graph_command(w_); });
   menu->popup(event->globalPos());
 }
@@ -363,6 +363,12 @@ void enable_companions(workstation& w, bool enabled) {
   for_each_row([&](const window_row& row) {
     if (QDialog* dialog = row.companion ? row.companion(w) : nullptr) dialog->setEnabled(enabled);
   });
+  for (const menu_hold& hold : w.menu_holds) {
+    auto* dialog = qobject_cast<QDialog*>(hold.holder);
+    // The one whose operation runs has the button that interrupts it.
+    const auto* runner = qobject_cast<operation_dialog*>(hold.holder);
+    if (dialog && !(runner && runner->running())) dialog->setEnabled(enabled);
+  }
 }
 
 void begin_pause(workstation& w) {

@@ -127,7 +127,7 @@ void close_graphs(workstation& w);
 // Redraws all after the session has changed: what was kept of it between two pictures is
 // forgotten. Windows that listen for one kind of change alone hang in here.
 void refresh_windows(workstation& w);
-// Dialogs beside windows wait while the worker has the session.
+// Dialogs beside windows wait while the worker has the session, but for the one that runs it.
 void enable_companions(workstation& w, bool enabled);
 // The worker waits at a pause point, or goes on: windows follow, draw and scroll meanwhile.
 void begin_pause(workstation& w);
