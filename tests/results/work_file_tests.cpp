@@ -182,8 +182,7 @@ TEST_F(work_file_test, settings_reach_the_fields_they_belong_to) {
       {"status_parameter_2", carried(*session, "status_parameter_2")},
   };
   for (const auto& [name, value] : stored) EXPECT_EQ(value, fixture_scalar(name)) << name;
-  EXPECT_TRUE(d.use_lockout && s.force_one_cluster_per_tetrode &&
-              session->lists.template_shift_on);
+  EXPECT_TRUE(d.use_lockout && s.force_one_cluster_per_tetrode && session->lists.template_shift_on);
   EXPECT_FALSE(d.noise_static || d.register_to_cog || d.delete_large_events ||
                s.multiplicative_matching || s.keep_largest_final_subcluster || s.split_obvious ||
                s.gac_subsample || s.equal_numbers_for_overlap || r.export_remove_duplicates ||
