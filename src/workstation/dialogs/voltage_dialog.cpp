@@ -22,25 +22,40 @@
 
 namespace kestrelvane {
 
+struct voltage_controls {
+  workstation& w;
+  QDialog* dialog;
+  number_field *voltage_scale = nullptr, *time_scale = nullptr;
+  QSpinBox *voltage_step = nullptr, *time_step = nullptr, *spacing = nullptr;
+  QSlider* position = nullptr;
+  QScrollBar* first_row = nullptr;
+  number_field *event = nullptr, *index = nullptr, *cluster = nullptr;
+  QLabel *minutes = nullptr, *first_shown = nullptr, *last_shown = nullptr;
+  QCheckBox* proto_events = nullptr;
+};
+
 namespace {
 
-// A control keeps its value without telling its own listeners.
+// A control keeps its value without telling its own listeners, which would move the view.
 template <typename Control, typename Value>
-void show(QDialog* dialog, const char* name, Value value) {
-  auto* control = dialog->findChild<Control*>(name);
+void show(Control* control, Value value) {
   const QSignalBlocker quiet(control);
   control->setValue(value);
 }
 
+// What is being typed stays as it is.
+void show_typed(number_field* field, double value) {
+  if (!field->hasFocus()) show(field, value);
+}
+
 // How far a number may go follows what is in memory.
-void limit(QDialog* dialog, const char* name, std::int32_t last) {
-  auto* field = dialog->findChild<number_field*>(name);
+void limit(number_field* field, std::int32_t last) {
   const QSignalBlocker quiet(field);
   if (field->maximum() != std::max(last, 1)) field->setMaximum(std::max(last, 1));
 }
 
-void show_text(QDialog* dialog, const char* name, const std::string& text) {
-  dialog->findChild<QLabel*>(name)->setText(QString::fromStdString(text));
+void show_text(QLabel* label, const std::string& text) {
+  label->setText(QString::fromStdString(text));
 }
 
 QSpinBox* spinner(const char* name, int low, int high, const char* tip) {
@@ -52,17 +67,13 @@ QSpinBox* spinner(const char* name, int low, int high, const char* tip) {
   return box;
 }
 
-// A scale as a spinner of steps and a number that may be typed.
-void add_scale(workstation& w, QFormLayout* rows, const QString& label, const char* name,
-               const char* step_name, int last_position, const number_options& options,
-               float& scale, float (*scale_at)(std::int32_t)) {
-  number_field* typed = free_number(nullptr, name, 1e-6, 1e6, options);
-  QSpinBox* steps = spinner(step_name, 1, last_position, "Steps of the scale");
+// A scale as a number that may be typed and a spinner of steps, which follow each other.
+QLayout* scale_row(workstation& w, number_field* typed, QSpinBox* steps, float& scale,
+                   float (*scale_at)(std::int32_t)) {
   auto* row = new QHBoxLayout;
   row->addWidget(typed->row(), 1);
   row->addWidget(new QLabel("step"));
   row->addWidget(steps);
-  rows->addRow(label, row);
   QObject::connect(typed, &QDoubleSpinBox::valueChanged, w.frame, [&w, &scale](double value) {
     scale = static_cast<float>(value);
     redraw_voltage_display(w);
@@ -71,27 +82,38 @@ void add_scale(workstation& w, QFormLayout* rows, const QString& label, const ch
     scale = scale_at(position);
     redraw_voltage_display(w);
   });
+  return row;
 }
 
-QGroupBox* scales_box(workstation& w) {
-  session_state& session = w.session;
+number_field* scale_field(const char* name, const number_options& options) {
+  return free_number(nullptr, name, 1e-6, 1e6, options);
+}
+
+QGroupBox* scales_box(voltage_controls& v) {
+  workstation& w = v.w;
+  display_settings& d = w.session.display;
+  v.voltage_scale = scale_field(
+      "vd_voltage_scale", {.step = 0.05,
+                           .decimals = 6,
+                           .unit = "pixels/µV",
+                           .tip = "Height of a microvolt, pixels; Shift and the wheel change it, "
+                                  "too"});
+  v.time_scale = scale_field(
+      "vd_time_scale", {.step = 0.1,
+                        .decimals = 6,
+                        .unit = "pixels/sample",
+                        .tip = "Width of a sample, pixels; Ctrl and the wheel change it, too"});
+  v.voltage_step = spinner("vd_voltage_scale_step", 1, 100, "Steps of the scale");
+  v.time_step = spinner("vd_time_scale_step", 1, 2000, "Steps of the scale");
+  v.spacing = spinner("vd_channel_spacing", 1, 500, "Distance of two rows, pixels");
+  v.spacing->setSuffix(" pixels");
   auto* rows = new QFormLayout;
-  add_scale(w, rows, "Voltage scale", "vd_voltage_scale", "vd_voltage_scale_step", 100,
-            {.step = 0.05,
-             .decimals = 6,
-             .unit = "pixels/µV",
-             .tip = "Height of a microvolt, pixels; Shift and the wheel change it, too"},
-            session.display.vd_voltage_scale, voltage_scale_at);
-  add_scale(w, rows, "Time scale", "vd_time_scale", "vd_time_scale_step", 2000,
-            {.step = 0.1,
-             .decimals = 6,
-             .unit = "pixels/sample",
-             .tip = "Width of a sample, pixels; Ctrl and the wheel change it, too"},
-            session.display.vd_time_scale, time_scale_at);
-  QSpinBox* spacing = spinner("vd_channel_spacing", 1, 500, "Distance of two rows, pixels");
-  spacing->setSuffix(" pixels");
-  rows->addRow("Channel spacing", spacing);
-  QObject::connect(spacing, &QSpinBox::valueChanged, w.frame, [&w](int pixels) {
+  rows->addRow("Voltage scale",
+               scale_row(w, v.voltage_scale, v.voltage_step, d.vd_voltage_scale, voltage_scale_at));
+  rows->addRow("Time scale",
+               scale_row(w, v.time_scale, v.time_step, d.vd_time_scale, time_scale_at));
+  rows->addRow("Channel spacing", v.spacing);
+  QObject::connect(v.spacing, &QSpinBox::valueChanged, w.frame, [&w](int pixels) {
     set_channel_spacing(w.session, pixels);
     redraw_voltage_display(w);
   });
@@ -116,7 +138,7 @@ QLayout* move_buttons(workstation& w, const QString& name,
   return row;
 }
 
-QGroupBox* position_box(workstation& w) {
+QSlider* position_slider(workstation& w) {
   auto* slider = new QSlider(Qt::Horizontal);
   slider->setObjectName("vd_slider_position");
   slider->setRange(1, 270);
@@ -125,24 +147,38 @@ QGroupBox* position_box(workstation& w) {
     move_to_slider(w.session, position);
     redraw_voltage_display(w);
   });
-  auto* rows = new QFormLayout;
-  rows->addRow(slider);
-  auto* adjust = new QHBoxLayout;
-  adjust->addLayout(move_buttons(w, "move_coarse", move_coarsely, "250 pixels; the page keys"));
-  adjust->addWidget(new QLabel("fine"));
-  adjust->addLayout(
+  return slider;
+}
+
+QLayout* adjust_row(workstation& w) {
+  auto* row = new QHBoxLayout;
+  row->addLayout(move_buttons(w, "move_coarse", move_coarsely, "250 pixels; the page keys"));
+  row->addWidget(new QLabel("fine"));
+  row->addLayout(
       move_buttons(w, "move_fine", move_finely, "10 pixels and 5 samples; the cursor keys"));
-  adjust->addStretch();
-  rows->addRow("Position adjust: coarse", adjust);
-  add_value(rows, "position_minutes", "Position, minutes");
+  row->addStretch();
+  return row;
+}
+
+QLabel* named_label(const char* name) {
+  auto* label = new QLabel;
+  label->setObjectName(name);
+  return label;
+}
+
+QGroupBox* position_box(voltage_controls& v) {
+  v.position = position_slider(v.w);
+  v.first_shown = named_label("first_shown");
+  v.last_shown = named_label("last_shown");
   auto* events = new QHBoxLayout;
-  for (const char* name : {"first_shown", "last_shown"}) {
-    auto* text = new QLabel;
-    text->setObjectName(name);
-    if (QString(name) == "last_shown") events->addWidget(new QLabel("to"));
-    events->addWidget(text);
-  }
+  events->addWidget(v.first_shown);
+  events->addWidget(new QLabel("to"));
+  events->addWidget(v.last_shown);
   events->addStretch();
+  auto* rows = new QFormLayout;
+  rows->addRow(v.position);
+  rows->addRow("Position adjust: coarse", adjust_row(v.w));
+  v.minutes = add_value(rows, "position_minutes", "Position, minutes");
   rows->addRow("Displaying events", events);
   return titled_box("Position", rows);
 }
@@ -168,12 +204,12 @@ number_field* add_jump(workstation& w, QGridLayout* grid, int row, const QString
   return field;
 }
 
-void show_jump(QDialog* dialog, const event_jump& jump) {
+// Where a jump has gone; a field whose number there is none of is left empty.
+void show_jump(const voltage_controls& v, const event_jump& jump) {
   if (!jump.done) return;
-  const std::pair<const char*, std::string> shown[] = {{"event", jump_event_text(jump)},
-                                                       {"index", jump_index_text(jump)}};
-  for (const auto& [name, text] : shown) {
-    auto* field = dialog->findChild<number_field*>(name);
+  const std::pair<number_field*, std::string> shown[] = {{v.event, jump_event_text(jump)},
+                                                         {v.index, jump_index_text(jump)}};
+  for (const auto& [field, text] : shown) {
     const QSignalBlocker quiet(field);
     const double value = QString::fromStdString(text).toDouble();
     if (value > 0) {
@@ -184,24 +220,24 @@ void show_jump(QDialog* dialog, const event_jump& jump) {
   }
 }
 
-QGroupBox* jumps_box(workstation& w, QDialog* dialog) {
+QGroupBox* jumps_box(voltage_controls& v) {
+  workstation& w = v.w;
   session_state& session = w.session;
   auto* grid = new QGridLayout;
-  add_jump(w, grid, 0, "index", "index", session.recording.n_samples,
-           "Time index in samples, above 50", [&w](int index) { go_to_index(w.session, index); });
-  add_jump(w, grid, 1, "event", "event", session.events.n_events, "Number of an event",
-           [&w](int event) { go_to_event(w.session, event); });
+  v.index = add_jump(w, grid, 0, "index", "index", session.recording.n_samples,
+                     "Time index in samples, above 50",
+                     [&w](int index) { go_to_index(w.session, index); });
+  v.event = add_jump(w, grid, 1, "event", "event", session.events.n_events, "Number of an event",
+                     [&w](int event) { go_to_event(w.session, event); });
   add_jump(w, grid, 2, "next event on channel", "channel", session.recording.n_channels,
-           "The first event behind the left edge on this channel", [&w, dialog](int channel) {
-             show_jump(dialog, go_to_next_event_on_channel(w.session, channel));
-           });
-  number_field* cluster =
-      add_jump(w, grid, 3, "next event in cluster", "cluster", session.clusters.n_clusters,
-               "The first event behind the left edge in this cluster", [&w, dialog](int number) {
-                 if (!choose_current_cluster(w.session, number)) return;
-                 show_jump(dialog, go_to_next_event_in_cluster(w.session));
-               });
-  cluster->setValue(session.clusters.current_cluster);
+           "The first event after the left edge on this channel",
+           [&v](int channel) { show_jump(v, go_to_next_event_on_channel(v.w.session, channel)); });
+  v.cluster = add_jump(w, grid, 3, "next event in cluster", "cluster", session.clusters.n_clusters,
+                       "The first event after the left edge in this cluster", [&v](int number) {
+                         if (!choose_current_cluster(v.w.session, number)) return;
+                         show_jump(v, go_to_next_event_in_cluster(v.w.session));
+                       });
+  v.cluster->setValue(session.clusters.current_cluster);
   grid->setColumnStretch(3, 1);
   return titled_box("Go to", grid);
 }
@@ -239,14 +275,14 @@ QLayout* form_row(workstation& w) {
   return row;
 }
 
-QGroupBox* marks_box(workstation& w) {
+QGroupBox* marks_box(voltage_controls& v) {
+  workstation& w = v.w;
   display_settings& d = w.session.display;
   voltage_view& view = w.session.view;
-  QCheckBox* proto = mark(w, "vd_show_proto_events", "proto-events", d.vd_show_proto_events,
-                          "Green: single-channel triggers of the last detection");
-  proto->setEnabled(w.session.detector.n_proto_marks > 0);
+  v.proto_events = mark(w, "vd_show_proto_events", "proto-events", d.vd_show_proto_events,
+                        "Green: single-channel triggers of the last detection");
   QWidget* const boxes[] = {
-      proto,
+      v.proto_events,
       mark(w, "vd_show_events", "events", d.vd_show_events,
            "Red on their own channel, blue elsewhere"),
       mark(w, "vd_cluster_colours", "cluster colours", d.vd_cluster_colours,
@@ -282,72 +318,92 @@ QScrollBar* row_bar(workstation& w) {
   return bar;
 }
 
+void show_scales(const voltage_controls& v) {
+  const display_settings& d = v.w.session.display;
+  show(v.voltage_step, position_of_voltage_scale(d.vd_voltage_scale));
+  show(v.time_step, position_of_time_scale(d.vd_time_scale));
+  show_typed(v.voltage_scale, static_cast<double>(d.vd_voltage_scale));
+  show_typed(v.time_scale, QString::fromStdString(time_scale_text(v.w.session)).toDouble());
+  show(v.spacing, d.vd_channel_spacing);
+}
+
+void show_position(const voltage_controls& v) {
+  const session_state& session = v.w.session;
+  show(v.position, session.view.vd_slider_position);
+  show(v.first_row, session.view.vd_first_channel);
+  show_text(v.minutes, position_minutes_text(session));
+  const drawn_events& drawn = v.w.voltage->drawn;
+  const shown_range_text shown = displaying_events_text(drawn.first_event, drawn.n_events_shown);
+  show_text(v.first_shown, shown.first);
+  show_text(v.last_shown, shown.last);
+}
+
+QDialogButtonBox* button_row(const voltage_controls& v) {
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+  QPushButton* close = buttons->button(QDialogButtonBox::Close);
+  close->setObjectName("close");
+  close->setAutoDefault(false);  // Return belongs to the fields
+  QObject::connect(buttons, &QDialogButtonBox::rejected, v.dialog, &QDialog::close);
+  return buttons;
+}
+
+void lay_out(voltage_controls& v) {
+  auto* column = new QVBoxLayout;
+  column->addWidget(scales_box(v));
+  column->addWidget(position_box(v));
+  column->addWidget(jumps_box(v));
+  column->addWidget(marks_box(v));
+  column->addWidget(button_row(v));
+  auto* layout = new QHBoxLayout(v.dialog);
+  layout->addLayout(column);
+  layout->addWidget(v.first_row = row_bar(v.w));
+}
+
+// Another recording has other channels and limits: the dialog of the last one goes.
+void close_last_dialog(voltage_state& state) {
+  if (!state.dialog) return;
+  state.dialog->close();
+  delete state.dialog;
+}
+
+// At the right edge of the frame, so that the traces stay in view.
+void place_dialog(const voltage_controls& v) {
+  v.dialog->adjustSize();
+  const QWidget* frame = v.w.frame;
+  v.dialog->move(frame->mapToGlobal(QPoint(frame->width() - v.dialog->width() - 12, 90)));
+}
+
 }  // namespace
 
 void update_voltage_dialog(workstation& w) {
-  QDialog* dialog = voltage_dialog_of(w);
+  if (voltage_dialog_of(w) == nullptr) return;
   const session_turn turn(w);
-  if (dialog == nullptr || !turn.taken) return;
+  if (!turn.taken) return;
+  const voltage_controls& v = *w.voltage->controls;
   const session_state& session = w.session;
-  const display_settings& d = session.display;
-  show<QSpinBox>(dialog, "vd_voltage_scale_step", position_of_voltage_scale(d.vd_voltage_scale));
-  show<QSpinBox>(dialog, "vd_time_scale_step", position_of_time_scale(d.vd_time_scale));
-  // What is being typed stays as it is.
-  if (!dialog->findChild<number_field*>("vd_voltage_scale")->hasFocus()) {
-    show<number_field>(dialog, "vd_voltage_scale", static_cast<double>(d.vd_voltage_scale));
-  }
-  if (!dialog->findChild<number_field*>("vd_time_scale")->hasFocus()) {
-    show<number_field>(dialog, "vd_time_scale",
-                       QString::fromStdString(time_scale_text(session)).toDouble());
-  }
-  show<QSpinBox>(dialog, "vd_channel_spacing", d.vd_channel_spacing);
-  show<QSlider>(dialog, "vd_slider_position", session.view.vd_slider_position);
-  show<QScrollBar>(dialog, "vd_first_channel", session.view.vd_first_channel);
-  limit(dialog, "event", session.events.n_events);
-  limit(dialog, "cluster", session.clusters.n_clusters);
-  auto* proto = dialog->findChild<QCheckBox*>("vd_show_proto_events");
-  proto->setEnabled(session.detector.n_proto_marks > 0);
-  show_text(dialog, "position_minutes", position_minutes_text(session));
-  const shown_range_text shown =
-      displaying_events_text(w.voltage->drawn.first_event, w.voltage->drawn.n_events_shown);
-  show_text(dialog, "first_shown", shown.first);
-  show_text(dialog, "last_shown", shown.last);
+  show_scales(v);
+  show_position(v);
+  limit(v.event, session.events.n_events);
+  limit(v.cluster, session.clusters.n_clusters);
+  v.proto_events->setEnabled(session.detector.n_proto_marks > 0);
 }
 
 void voltage_record_command(workstation& w) {
   if (!needs_recording(w)) return;
-  session_state& session = w.session;
-  const std::int32_t* size = session.preferences.voltage_window_size;
+  const std::int32_t* size = w.session.preferences.voltage_window_size;
   open_voltage_window(w, QSize(size[0], size[1]));
-  prepare_voltage_dialog(session);
-  if (w.voltage->dialog) {
-    w.voltage->dialog->close();
-    delete w.voltage->dialog;
-  }
-  // Beside the window, which stays live.
+  prepare_voltage_dialog(w.session);
+  close_last_dialog(*w.voltage);
+  // Beside the window, which stays live, and without a hold on the menus: it only looks.
   auto* dialog = new QDialog(w.frame);
   dialog->setObjectName("voltage_dialog");
   dialog->setWindowTitle("Voltage Waveform Display");
   dialog->setAttribute(Qt::WA_DeleteOnClose);
-  auto* column = new QVBoxLayout;
-  column->addWidget(scales_box(w));
-  column->addWidget(position_box(w));
-  column->addWidget(jumps_box(w, dialog));
-  column->addWidget(marks_box(w));
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
-  buttons->button(QDialogButtonBox::Close)->setObjectName("close");
-  buttons->button(QDialogButtonBox::Close)->setAutoDefault(false);  // Return belongs to the fields
-  QObject::connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::close);
-  column->addWidget(buttons);
-  auto* layout = new QHBoxLayout(dialog);
-  layout->addLayout(column);
-  layout->addWidget(row_bar(w));
+  w.voltage->controls = std::make_shared<voltage_controls>(voltage_controls{w, dialog});
+  lay_out(*w.voltage->controls);
   w.voltage->dialog = dialog;
   redraw_voltage_display(w);
-  dialog->adjustSize();
-  // At the right edge of the frame, so that the traces stay in view.
-  const QPoint corner = w.frame->mapToGlobal(QPoint(w.frame->width() - dialog->width() - 12, 90));
-  dialog->move(corner);
+  place_dialog(*w.voltage->controls);
   dialog->show();
 }
 

@@ -9,6 +9,7 @@
 #include <QDialog>
 #include <QPointer>
 #include <QSize>
+#include <memory>
 
 #include "displays/voltage/peak_summary.h"
 #include "displays/voltage/voltage_readout.h"
@@ -17,6 +18,7 @@
 namespace kestrelvane {
 
 struct graph_routines;
+struct voltage_controls;  // dialogs/voltage_dialog.cpp
 struct workstation;
 
 struct voltage_state {
@@ -25,6 +27,7 @@ struct voltage_state {
   voltage_reading reading;  // under the pointer
   bool shows_reading = false;
   QPointer<QDialog> dialog;
+  std::shared_ptr<voltage_controls> controls;  // of the dialog, and good for as long as it is
 };
 
 // The window with a drawing area of that size.
