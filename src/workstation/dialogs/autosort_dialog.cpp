@@ -29,11 +29,15 @@ int pc_position_of(float scale) {
   return static_cast<int>(std::lround((static_cast<double>(scale) - 0.25) * 200 / 9.75));
 }
 
+// The settings of a whole sort, and its run. Settings are stored by Start, Next and Done, all
+// or none, so that a run never sees half of what was typed. Closing the window by its frame
+// drops them, and a run cannot be left but by Interrupt, which keeps what has been sorted.
 struct autosort_window {
   workstation& w;
   operation_dialog* dialog;
   settings_form form;
-  float window_start_ms, window_end_ms;  // as they were when the dialog opened
+  // Of the templates that are there: as they were when the dialog opened, or of the last run.
+  float window_start_ms, window_end_ms;
   QComboBox* threshold_mode = nullptr;
   number_field *fixed_uv = nullptr, *multiplier = nullptr;
   number_field *window_from = nullptr, *window_to = nullptr;  // of templates, ms
@@ -57,7 +61,8 @@ struct autosort_window {
 };
 using shared_autosort = std::shared_ptr<autosort_window>;
 
-// Its "skip" boxes grey the rest of a section.
+// Its "skip" boxes grey the rest of a section: a value there would be without effect, and
+// the user would wait hours for a run that has not followed it.
 void grey_sections(const autosort_window& a) {
   const auto set = [](QGroupBox* box, const QCheckBox* skip) {
     const QList<QWidget*> children =
@@ -70,6 +75,7 @@ void grey_sections(const autosort_window& a) {
   set(a.clustering_box, a.skip_clustering);
 }
 
+// One value at a time, since only the chosen mode reads its own.
 void show_threshold_value(const autosort_window& a) {
   const int mode = a.threshold_mode->currentData().toInt();
   a.fixed_uv->row()->setVisible(mode == threshold_fixed);
@@ -186,6 +192,8 @@ void follow_run(const autosort_window& a) {
           {status_field::elapsed_time, a.elapsed}});
 }
 
+// A sort may be in detection, in clustering or at a pause point; each looks at its own flag,
+// and one that waits has to be woken to look.
 void request_interrupt(autosort_window& a) {
   long_operation_flags& operation = a.w.session.operation;
   operation.autosort_interrupt = true;
@@ -197,6 +205,7 @@ void request_interrupt(autosort_window& a) {
 }
 
 bool window_is_possible(const autosort_window& a) {
+  // Each field knows its own range only.
   return a.window_from->value() < a.window_to->value();
 }
 
@@ -207,6 +216,8 @@ bool store_settings(autosort_window& a) {
     return false;
   }
   if (!a.form.store()) return false;
+  // A window of more points than a template holds is cut, and the user told, before hours of
+  // sorting with it.
   shorten_spike_window(a.w.session);
   compute_template_points(a.w.session);
   return true;
@@ -223,6 +234,7 @@ void keep_window_edges(autosort_window& a) {
 void begin_run(const shared_autosort& a) {
   if (!store_settings(*a)) return;
   long_operation_flags& operation = a->w.session.operation;
+  // Left by the last run; it would end this one before its first cluster.
   operation.autosort_interrupt = false;
   operation.detection_interrupted = false;
   operation.pause_requested = a->pause->isChecked();
@@ -310,7 +322,8 @@ QLayout* button_row(const shared_autosort& a) {
   return row;
 }
 
-// The box that stands while templates follow a new spike window.
+// The box that stands while templates follow a new spike window. Without them, the old
+// templates would be compared with waveforms of another length.
 void realign_after(workstation& w, float start_ms, float end_ms) {
   auto* box = new operation_dialog(w, "realign_box", "Autosort");
   auto* message = new QLabel;
@@ -345,6 +358,7 @@ void after_dialog(workstation& w, float start_ms, float end_ms) {
 
 void open_settings(workstation& w) {
   session_state& session = w.session;
+  // Events that are there have perhaps been cleaned by hand: detection would replace them.
   session.strategy.skip_event_detection = session.events.n_events >= 1;
   if (session.clusters.n_clusters == 0) session.strategy.skip_clustering = false;
   session.autosort.next_stage_requested = true;

@@ -42,6 +42,7 @@ QPushButton* make_button(const char* object_name, const QString& label, const ch
   auto* button = new QPushButton(label);
   button->setObjectName(object_name);
   button->setToolTip(tip);
+  // Return belongs to the default button, whichever button was pressed last.
   button->setAutoDefault(false);
   return button;
 }
@@ -56,6 +57,7 @@ QList<QWidget*> inputs_of(const QWidget* widget) {
   QList<QWidget*> inputs;
   const QList<QWidget*> children = widget->findChildren<QWidget*>();
   for (QWidget* child : children) {
+    // By class: what merely shows a result has none of these.
     if (qobject_cast<QAbstractSpinBox*>(child) || qobject_cast<QComboBox*>(child) ||
         qobject_cast<QAbstractButton*>(child) || qobject_cast<QAbstractSlider*>(child)) {
       inputs << child;

@@ -24,6 +24,9 @@ namespace kestrelvane {
 
 namespace {
 
+// Noise, thresholds, masks and the run. Numbers and choices are stored by Start and Done;
+// masks and the method of the noise count at once, since what the dialog shows of a channel
+// follows them. Start replaces all events, and with them every cluster.
 struct detection_window {
   workstation& w;
   operation_dialog* dialog;
@@ -44,6 +47,7 @@ struct detection_window {
 };
 using shared_detection = std::shared_ptr<detection_window>;
 
+// Widths are kept in samples and shown in ms. A session without a rate divides by 1.
 double ms_per_sample(const detection_window& d) {
   return 1000.0 / std::max(d.w.session.recording.sampling_frequency, 1);
 }
@@ -75,7 +79,8 @@ QLayout* radio_row(
   return row;
 }
 
-// Two radio buttons over a logical.
+// Two radio buttons over a logical. Two, and not a box: neither choice is the lack of the
+// other, and both have a name in the field.
 QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, const char* yes_label,
                   const char* yes_tip, const char* no_name, const char* no_label,
                   const char* no_tip) {
@@ -107,6 +112,7 @@ void show_channel(detection_window& d) {
   d.noise->setText(QString("Channel %1: noise %2 µV")
                        .arg(c)
                        .arg(static_cast<double>(r.chan_noise[c] * r.vscale_HP), 0, 'f', 2));
+  // Shown, not pressed: moving along the channels must not mark their masks as changed.
   const QSignalBlocker quiet(d.mask);
   d.mask->setChecked(r.chan_mask[c]);
   int masked = 0;
@@ -114,6 +120,7 @@ void show_channel(detection_window& d) {
   d.n_masked->setText(QString("%1 of %2 channels are masked").arg(masked).arg(r.n_channels));
 }
 
+// On the worker at normal priority: the user waits for it before anything else.
 void measure_noise(const shared_detection& d) {
   d->message->setText("Measuring the noise ...");
   d->dialog->run([](session_state& session) { compute_noise(session); },
@@ -317,12 +324,14 @@ QGroupBox* result_section(const shared_detection& d) {
 void start_detection(const shared_detection& d) {
   if (!d->form.store()) return;
   d->w.session.operation.detection_interrupted = false;
+  // A run that is interrupted may never report them; the last run's would stay.
   d->n_coincident->clear();
   d->n_large->clear();
   d->message->setText("Detecting events ...");
   d->dialog->run([](session_state& session) { run_detection(session); },
                  [d] {
                    d->message->clear();
+                   // The run may have turned to the lockout detector for lack of memory.
                    d->form.load();
                    show_channel(*d);
                  });
@@ -357,6 +366,7 @@ void follow_masks(const shared_detection& d) {
 void restore_defaults(const shared_detection& d) {
   session_state& session = d->w.session;
   const detection_settings kept = session.detection;
+  // The routine that sets defaults fills more records than this dialog shows.
   const filter_settings kept_filter = session.filter;
   const review_settings kept_review = session.review;
   set_default_parameters(session);
@@ -367,6 +377,7 @@ void restore_defaults(const shared_detection& d) {
   session.review = kept_review;
 }
 
+// Pressed once only: what was found is still clustered into events, which takes a while.
 void interrupt_run(const detection_window& d) {
   d.w.session.operation.detection_interrupted = true;
   d.interrupt->setEnabled(false);
@@ -423,6 +434,7 @@ void lay_out(const shared_detection& d) {
   layout->addLayout(columns);
   layout->addWidget(d->message);
   layout->addWidget(button_row(d));
+  // The inputs alone, so that the figures of a running detection are not greyed.
   for (const QGroupBox* section : d->sections) {
     d->dialog->disabled_while_running << inputs_of(section);
   }

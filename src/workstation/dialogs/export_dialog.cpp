@@ -14,6 +14,8 @@ namespace kestrelvane {
 
 namespace {
 
+// Nothing of the session changes here but by the two boxes: duplicates that are removed leave
+// the sort for good, and are counted beforehand so that the user knows how many.
 struct export_window {
   workstation& w;
   operation_dialog* dialog;
@@ -62,6 +64,7 @@ QLayout* choice_rows(export_window& x) {
   return rows;
 }
 
+// On the worker, since it walks all events; again after an export, which may have removed them.
 void show_duplicates(const shared_export& x) {
   auto count = std::make_shared<std::int32_t>(0);
   x->dialog->run(
@@ -74,7 +77,9 @@ void save_as(const shared_export& x) {
   const export_format& format =
       export_formats()[static_cast<std::size_t>(x->format->currentIndex())];
   const bool comments = x->comments->isChecked();
+  // Many formats are written too fast to report; a full bar from the last one would mislead.
   x->bar->setValue(0);
+  // The file dialog comes from within, over this one; the worker waits for it.
   x->dialog->run(
       [&format, comments](session_state& session) {
         export_sorted_spikes_dialog(session, format, comments);
@@ -98,7 +103,7 @@ QDialogButtonBox* button_row(const shared_export& x) {
   x->dialog->disabled_while_running << save << done << x->format;
   QObject::connect(save, &QPushButton::clicked, x->dialog, [x] { save_as(x); });
   QObject::connect(done, &QPushButton::clicked, x->dialog, [x] {
-    x->form.store();
+    x->form.store();  // two boxes, which nothing can refuse
     x->dialog->accept();
   });
   return buttons;

@@ -13,6 +13,8 @@ namespace kestrelvane {
 
 namespace {
 
+// The chain rewrites the samples in memory: there is no way back but reading the file again.
+// So nothing runs before "Do It!", and what must not be done twice is unticked once it has run.
 struct filter_window {
   workstation& w;
   operation_dialog* dialog;
@@ -53,6 +55,7 @@ QWidget* number(filter_window& f, const char* setting, const number_options& opt
   return number_control(f.form, setting, options)->row();
 }
 
+// Top to bottom in the order in which the chain applies them.
 void add_time_domain(filter_window& f) {
   add_line(f, option(f, "do_channel_means", &filter_settings::do_channel_means,
                      "Make channel means ~ 0", "Take the mean of each channel out of it"));

@@ -87,6 +87,7 @@ void messages_dialog::lay_out() {
   resize(640, 420);
 }
 
+// Lines are no longer sent to a list that is gone; a worker may be adding one now.
 messages_dialog::~messages_dialog() {
   run_log_table& log = w_.session.log;
   const std::lock_guard lock(log.mutex);
@@ -100,9 +101,10 @@ void messages_dialog::set_reading(bool reading) {
   // The name may have come before the dialog.
   const QString name = w_.desk->latest(status_field::file_name);
   if (reading && !name.isEmpty()) file_name_->setText(name);
-  if (!reading) ok_->setFocus();
+  if (!reading) ok_->setFocus();  // Return then leaves, as most users want to
 }
 
+// Once: reading stops at its next poll, and nothing of the recording stays.
 void messages_dialog::interrupt_reading() {
   interrupt_->setEnabled(false);
   // The filters of a work file are repeated while its recording is opened.

@@ -31,7 +31,7 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr float never = 1.0e27f;
+constexpr float never = 1.0e27f;  // minutes; a number, as the preference file has a number
 
 struct interval_entry {
   const char* label;
@@ -56,6 +56,7 @@ constexpr const char* sized_windows[] = {"View cluster waveforms", "Compare clus
                                          "View sorted waveforms",  "Voltage record"};
 static_assert(std::size(sized_windows) == slot_count);
 
+// Red in the lowest byte, blue in the third: the order of the preference file.
 QColor colour_of(std::int32_t word) {
   return QColor(word & 0xff, (word >> 8) & 0xff, (word >> 16) & 0xff);
 }
@@ -63,6 +64,8 @@ std::int32_t word_of(const QColor& colour) {
   return colour.red() | colour.green() << 8 | colour.blue() << 16;
 }
 
+// How the program looks and behaves. "Apply" shows a change at once, so that "Cancel" has to
+// know what was there before it.
 struct preferences_window {
   workstation& w;
   QDialog* dialog;
@@ -101,6 +104,7 @@ void show_size(preferences_window& p, int entry) {
   p.sizes[static_cast<std::size_t>(entry)] = size;
 }
 
+// Also for the defaults, which stand in the record for as long as this takes.
 void load(preferences_window& p) {
   preferences_record& record = p.w.session.preferences;
   p.form.load();
@@ -119,6 +123,7 @@ void load(preferences_window& p) {
   p.keep_peaks->setChecked(p.w.session.view.vd_keep_peaks);
 }
 
+// A log belongs to a recording and lies beside it; without one there is no place for it.
 void open_log_if_wanted(workstation& w) {
   run_log_table& log = w.session.log;
   if (!w.session.preferences.log_file_enabled || w.session.recording.n_samples == 0) {
@@ -224,6 +229,36 @@ QWidget* scales_page(preferences_window& p) {
   return page;
 }
 
+QComboBox* autorecover_list() {
+  auto* list = new QComboBox;
+  list->setObjectName("autorecover_minutes");
+  list->setToolTip("How often the sort is saved, to be offered after a crash");
+  for (const interval_entry& entry : intervals) list->addItem(entry.label);
+  return list;
+}
+
+// No setting of the session: the platform's store keeps it, as it keeps the places of windows.
+QCheckBox* research_box() {
+  auto* box = new QCheckBox("Research tools in the menus");
+  box->setObjectName("research_tools");
+  box->setToolTip(
+      "Show the entries that few laboratories need: spectra, distributions, exports of features "
+      "and noise, import of .ptcs files");
+  box->setChecked(wants_research_tools());
+  return box;
+}
+
+QLayout* binwidths_row(preferences_window& p) {
+  auto* row = new QHBoxLayout;
+  for (int i = 0; i < 3; ++i) {
+    row->addWidget(number_control(
+        p.form, "correlogram_binwidths",
+        {.step = 0.5, .unit = "ms", .tip = "Width of a bin of the three correlograms, ms"}, i));
+  }
+  row->addWidget(new QLabel("ms"));
+  return row;
+}
+
 QWidget* program_page(preferences_window& p) {
   auto* form = new QFormLayout;
   form->addRow(logical_control(p.form, "sticky_parameters", "Sticky Parameters",
@@ -242,31 +277,15 @@ QWidget* program_page(preferences_window& p) {
   form->addRow(logical_control(p.form, "tell_new_cluster",
                                "tell user when a new cluster is manually created",
                                "Show a box whenever a cluster is made by hand"));
-  p.research_tools = new QCheckBox("Research tools in the menus");
-  p.research_tools->setObjectName("research_tools");
-  p.research_tools->setToolTip(
-      "Show the entries that few laboratories need: spectra, distributions, exports of features "
-      "and noise, import of .ptcs files");
-  p.research_tools->setChecked(wants_research_tools());
-  form->addRow(p.research_tools);
-  p.autorecover = new QComboBox;
-  p.autorecover->setObjectName("autorecover_minutes");
-  p.autorecover->setToolTip("How often the sort is saved, to be offered after a crash");
-  for (const interval_entry& entry : intervals) p.autorecover->addItem(entry.label);
-  form->addRow("Save autorecover information", p.autorecover);
-  auto* widths = new QHBoxLayout;
-  for (int i = 0; i < 3; ++i) {
-    widths->addWidget(number_control(
-        p.form, "correlogram_binwidths",
-        {.step = 0.5, .unit = "ms", .tip = "Width of a bin of the three correlograms, ms"}, i));
-  }
-  widths->addWidget(new QLabel("ms"));
-  form->addRow("Auto/cross-correlogram binwidths", widths);
+  form->addRow(p.research_tools = research_box());
+  form->addRow("Save autorecover information", p.autorecover = autorecover_list());
+  form->addRow("Auto/cross-correlogram binwidths", binwidths_row(p));
   auto* page = new QWidget;
   page->setLayout(form);
   return page;
 }
 
+// The colour is the dialog's own until "OK" or "Apply", as everything else here.
 void edit_colour(const shared_window& p, int entry) {
   auto* chooser =
       new QColorDialog(colour_of(p->colours[static_cast<std::size_t>(entry)]), p->dialog);

@@ -18,6 +18,9 @@ namespace kestrelvane {
 
 namespace {
 
+// Realignment moves the times of events, so each step can be taken back: one cluster's by its
+// copy of the times, everything by the sort that was saved on opening. Steps run on the worker;
+// figures beside the buttons show whether the waveforms lie closer together than before.
 struct realign_window {
   workstation& w;
   operation_dialog* dialog;
@@ -45,6 +48,7 @@ QString microvolts(double value) { return QString::number(value, 'f', 3) + " µV
 
 void show_cluster(const realign_window& r) {
   const std::int32_t cluster = r.cluster->value();
+  // The first figures are still being gathered.
   if (cluster >= static_cast<std::int32_t>(r.sizes.size())) return;
   r.events->setText(QString::number(r.sizes[static_cast<std::size_t>(cluster)]));
   r.sd->setText(microvolts(template_sd_uv(r.w.session, cluster)));
@@ -59,12 +63,14 @@ void set_undo_buttons(const realign_window& r) {
   r.undo_all->setEnabled(!r.dialog->running() && r.saved);
 }
 
+// A step may have changed the figures as well as what can be taken back.
 void show_outcome(const realign_window& r) {
   show_cluster(r);
   set_undo_buttons(r);
 }
 
-// Runs a step on the worker; figures and buttons follow it.
+// Runs a step on the worker; figures and buttons follow it. The mean goes over all templates,
+// which is why it is taken there.
 void run_step(const shared_realign& r, session_routine step) {
   r->bar->setValue(0);
   r->message->setText("");
@@ -98,6 +104,7 @@ using cluster_step = void (*)(session_state& session, std::int32_t cluster, std:
 using every_step = void (*)(session_state& session, std::int32_t mode);
 
 void realign_one(const shared_realign& r, const QComboBox* list, cluster_step step) {
+  // Read here: the worker must not touch a control.
   const std::int32_t mode = list->currentData().toInt();
   const std::int32_t cluster = r->cluster->value();
   run_step(r, [r, step, cluster, mode](session_state& session) {
@@ -117,7 +124,7 @@ void realign_every(const shared_realign& r, const QComboBox* list, every_step st
 void undo_one(const shared_realign& r) {
   run_step(r, [r](session_state& session) {
     put_back_event_times(session, r->copy);
-    r->copy = {};
+    r->copy = {};  // nothing is left to take back: the buttons go off
   });
 }
 
@@ -215,6 +222,8 @@ void connect_reports(const shared_realign& r) {
                    [r] { set_undo_buttons(*r); });
 }
 
+// The method tried here is the one that sorting uses. A user who only tried it may not want it
+// in the next sort.
 void ask_about_mode(const shared_realign& r) {
   workstation& w = r->w;
   const std::int32_t old_mode = r->old_template_mode;
@@ -227,7 +236,7 @@ void ask_about_mode(const shared_realign& r) {
 
 constexpr int undo_everything = 2;  // result of the dialog
 
-// The saved sort lives as long as the dialog.
+// The saved sort lives as long as the dialog: it takes as much memory as the events do.
 void leave(const shared_realign& r, int result) {
   start_operation(
       r->w,

@@ -11,6 +11,8 @@ namespace kestrelvane {
 
 namespace {
 
+// The pairs of clusters compared anew. It is a dialog of its own, with a button, because it
+// forgets which pairs the user has marked ambiguous: hours of looking may be in them.
 struct lists_window {
   workstation& w;
   operation_dialog* dialog;
@@ -69,7 +71,7 @@ void status_lists_command(workstation& w) {
   layout->addLayout(count_rows(*l));
   layout->addWidget(l->bar);
   layout->addWidget(button_row(l));
-  dialog->setMinimumWidth(320);
+  dialog->setMinimumWidth(320);  // a shorter bar hardly moves
   follow(w, dialog, {{meter::status_lists, l->bar}});
   show_counts(*l);
   open_dialog(w, dialog);

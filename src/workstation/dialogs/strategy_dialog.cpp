@@ -20,7 +20,8 @@ namespace kestrelvane {
 
 namespace {
 
-// Positions of the "Starting sigma" slider; position 20 is 5 µV, each step a factor 1.1.
+// Positions of the "Starting sigma" slider; position 20 is 5 µV, each step a factor 1.1, since
+// what matters of a bandwidth is its ratio to the spread of a cluster.
 constexpr int sigma_positions = 60;
 
 double sigma_of_position(int position) { return 5.0 * std::pow(1.1, position - 20); }
@@ -28,6 +29,8 @@ int position_of_sigma(double sigma) {
   return static_cast<int>(std::log(sigma / 5.0) / 0.095310204 + 20.001);
 }
 
+// Settings of sorting that are chosen once for a kind of recording. All pages are stored
+// together by "OK", or none: a number that is refused on a hidden page keeps the dialog open.
 struct strategy_window {
   QDialog* dialog;
   settings_form form;
@@ -38,6 +41,7 @@ struct strategy_window {
 };
 using shared_strategy = std::shared_ptr<strategy_window>;
 
+// The rows keep to the top: a short page would spread them over the height of the longest.
 QWidget* page_of(QLayout* layout) {
   auto* page = new QWidget;
   auto* column = new QVBoxLayout(page);
@@ -122,7 +126,8 @@ QWidget* clusters_page(settings_form& form) {
   return page_of(rows);
 }
 
-// The slider and the number beside it show the same sigma.
+// The slider and the number beside it show the same sigma. The number rules: the slider tells
+// it only of moves by the user, or a typed value would jump to the slider's next step.
 QLayout* sigma_row(settings_form& form) {
   auto* slider = new QSlider(Qt::Horizontal);
   slider->setObjectName("gac_start_sigma_slider");
@@ -195,7 +200,8 @@ QString refused_together(const strategy_window& s) {
                                                     : QString();
 }
 
-// False while a field is refused. Another table of interpolation is said in the log.
+// False while a field is refused. Another table of interpolation is said in the log: events
+// aligned before and after it may differ by a fraction of a sample.
 bool store_strategy(settings_form& form) {
   const sorting_strategy_settings& s = form.session.strategy;
   const std::int32_t depth = s.interp_depth, width = s.interp_width;
@@ -204,7 +210,8 @@ bool store_strategy(settings_form& form) {
   return true;
 }
 
-// Shows the values of a new installation; nothing is stored before "OK".
+// Shows the values of a new installation. Controls load from the session, so that the defaults
+// are there for a moment; nothing is stored before "OK".
 void restore_defaults(settings_form& form) {
   const sorting_strategy_settings kept = form.session.strategy;
   const detection_settings kept_detection = form.session.detection;

@@ -37,6 +37,7 @@ class summary_model : public QAbstractTableModel {
   summary_model(const session_state& session, QObject* parent)
       : QAbstractTableModel(parent), session_(session) {}
 
+  // Rows that come later keep the order that the user has asked for meanwhile.
   void show(std::vector<unit_row> rows) {
     beginResetModel();
     rows_ = std::move(rows);
@@ -92,6 +93,8 @@ class summary_model : public QAbstractTableModel {
 
 QString qt(const std::string& text) { return QString::fromStdString(text); }
 
+// A line for every cluster. The figures are taken once, on opening; the window changes nothing
+// but the current cluster, so that it may be opened at any point of a sort.
 struct summary_window {
   workstation& w;
   operation_dialog* dialog;
@@ -144,7 +147,8 @@ void show_top_block(const summary_window& s, const sorting_summary& summary) {
   s.n_stable->setText(QString::number(summary.n_stable));
 }
 
-// Widths of columns and size of the window, kept from run to run.
+// Widths of columns and size of the window, kept from run to run. An entry that cannot be read
+// counts as none.
 void restore_layout(const summary_window& s) {
   const QSettings store;
   const QVariantList widths = store.value("summary/columns").toList();
@@ -177,6 +181,7 @@ QTableView* make_table(const shared_summary& s) {
   s->table = table;
   table->setObjectName("summary_table");
   table->setModel(s->model);
+  // Digits one below the other, so that columns of figures can be compared at a glance.
   table->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
   table->setSelectionBehavior(QAbstractItemView::SelectRows);
   table->setSelectionMode(QAbstractItemView::SingleSelection);

@@ -22,6 +22,9 @@
 
 namespace kestrelvane {
 
+// The controls write the view and redraw; whatever moves the view by other ways, the wheel or a
+// key, brings the controls in step through update_voltage_dialog. Neither side may answer the
+// other, or rounding would carry the view away.
 struct voltage_controls {
   workstation& w;
   QDialog* dialog;
@@ -120,7 +123,7 @@ QGroupBox* scales_box(voltage_controls& v) {
   return titled_box("Scales", rows);
 }
 
-// A pair of buttons that move back and on.
+// A pair of buttons that move back and on, again and again while they are held.
 QLayout* move_buttons(workstation& w, const QString& name,
                       void (*move)(session_state&, std::int32_t), const char* tip) {
   auto* row = new QHBoxLayout;
@@ -188,6 +191,7 @@ number_field* add_jump(workstation& w, QGridLayout* grid, int row, const QString
                        const char* name, double high, const char* tip,
                        std::function<void(int)> go) {
   number_field* field = free_number(nullptr, name, 1, std::max(high, 1.0), {.tip = tip});
+  // Typed and sent off: arrows would change the number without going there.
   field->setButtonSymbols(QAbstractSpinBox::NoButtons);
   QPushButton* button = make_button(qPrintable(QString("go_to_") + name), "Go to", tip);
   grid->addWidget(button, row, 0);
@@ -237,7 +241,7 @@ QGroupBox* jumps_box(voltage_controls& v) {
                          if (!choose_current_cluster(v.w.session, number)) return;
                          show_jump(v, go_to_next_event_in_cluster(v.w.session));
                        });
-  v.cluster->setValue(session.clusters.current_cluster);
+  v.cluster->setValue(session.clusters.current_cluster);  // the likeliest to be looked for
   grid->setColumnStretch(3, 1);
   return titled_box("Go to", grid);
 }
@@ -255,7 +259,7 @@ QCheckBox* mark(workstation& w, const char* name, const QString& label, logical&
   return box;
 }
 
-// Traces or a grey image.
+// Traces or a grey image. The second button follows from the first; one of them tells.
 QLayout* form_row(workstation& w) {
   auto* row = new QHBoxLayout;
   auto* waveforms = new QRadioButton("Waveforms");
