@@ -15,6 +15,7 @@
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "support/interleaved_fixture.h"
+#include "workstation/dialogs/messages_dialog.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
 
@@ -304,6 +305,32 @@ TEST(Messages, ShowsTheRingAndFollowsIt) {
   EXPECT_EQ(list->item(0)->text(), "line 77");
   EXPECT_EQ(list->item(1023)->text(), "line 1100");
   w.close_messages();
+}
+
+TEST(Messages, OpensWhileAWorkerLogsAndNamesItsFile) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  for (int round = 1; round <= 10; ++round) {
+    start_operation(
+        w.shell,
+        [round](session_state& session) {
+          set_status(session, status_field::file_name, "/data/told.tsf");
+          for (int i = 1; i <= 50; ++i) {
+            log_message(session, "line " + std::to_string(1000 * round + i));
+            session.recording.recording_path = "/data/" + std::to_string(i) + ".tsf";
+          }
+        },
+        nullptr);
+    QDialog* dialog = show_messages(w.shell);
+    w.settle();
+    EXPECT_EQ(w.control<QLineEdit>(dialog, "file_name")->text(), "/data/told.tsf");
+    const auto* list = w.control<QListWidget>(dialog, "log_lines");
+    for (int i = 1; i <= 50; ++i) {
+      const QString line = "line " + QString::number(1000 * round + i);
+      EXPECT_EQ(list->findItems(line, Qt::MatchExactly).size(), 1) << line.toStdString();
+    }
+    w.close_messages();
+  }
 }
 
 TEST(About, ShowsLimitsWhateverTheMachine) {
