@@ -36,6 +36,7 @@ void lower_priority() {
 void finish_operation(workstation& w) {
   if (w.worker.thread.joinable()) w.worker.thread.join();
   w.worker.running = false;
+  // Before finished, which may open what the menus open or start the next operation.
   w.frame->set_busy(false);
   if (w.messages) w.messages->set_reading(false);
   const std::function<void()> finished = std::exchange(w.worker.finished, nullptr);
@@ -92,7 +93,8 @@ operation_dialog::operation_dialog(workstation& of, const char* object_name, con
   connect(of.desk, &interface_desk::resuming, this, [this] { block_frame(true); });
 }
 
-// What a window blocks is settled when it is shown.
+// What a window blocks is settled when it is shown, so that it has to be hidden for a change.
+// One that stands beside the windows blocks nothing, and must not begin to after a pause.
 void operation_dialog::block_frame(bool block) {
   const bool stands_beside = !block && windowModality() == Qt::NonModal;
   if (stands_beside || !isVisible() || block != std::exchange(frame_is_free_, !block)) return;
@@ -111,7 +113,7 @@ void operation_dialog::run(session_routine routine, std::function<void()> finish
   start_operation(
       w_, std::move(routine),
       [self = QPointer<operation_dialog>(this), finished = std::move(finished)] {
-        if (!self) return;
+        if (!self) return;  // finished would fill controls that are gone
         self->set_running(false);
         if (finished) finished();
       },
@@ -167,6 +169,8 @@ void open_dialog(workstation&, QDialog* dialog) {
 
 void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
   hold_menus(w, dialog, allowed);
+  // One that comes while an operation runs waits for it with the others.
+  enable_companions(w, !w.worker.running || w.paused);
   // Closed by a button, a key or its frame, or gone with what it stood on.
   const auto release = [&w, dialog] { release_menus(w, dialog); };
   QObject::connect(dialog, &QDialog::finished, w.desk, release);

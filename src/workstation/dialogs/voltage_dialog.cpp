@@ -54,6 +54,7 @@ void show_typed(number_field* field, double value) {
 // How far a number may go follows what is in memory.
 void limit(number_field* field, std::int32_t last) {
   const QSignalBlocker quiet(field);
+  // A limit that is set anew writes over what is being typed.
   if (field->maximum() != std::max(last, 1)) field->setMaximum(std::max(last, 1));
 }
 
@@ -198,6 +199,7 @@ number_field* add_jump(workstation& w, QGridLayout* grid, int row, const QString
   grid->addWidget(new QLabel(label), row, 1);
   grid->addWidget(field, row, 2);
   grid->addWidget(field->problem(), row, 3);
+  // By the button or by Return, which is why Close is no default button.
   const auto jump = [&w, field, go = std::move(go)] {
     if (!field->hasAcceptableInput()) return;
     go(static_cast<int>(field->value()));
@@ -396,6 +398,7 @@ void voltage_record_command(workstation& w) {
   if (!needs_recording(w)) return;
   const std::int32_t* size = w.session.preferences.voltage_window_size;
   open_voltage_window(w, QSize(size[0], size[1]));
+  // The view first: the dialog shows it, and a control that is filled must not move it.
   prepare_voltage_dialog(w.session);
   close_last_dialog(*w.voltage);
   // Beside the window, which stays live, and without a hold on the menus: it only looks.
