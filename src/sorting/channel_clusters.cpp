@@ -58,14 +58,17 @@ void form_single_channel_clusters(session_state& session) {
     const std::int32_t c = clusters.current_cluster + 1;
     const std::int32_t count =
         assign_events(session, c, [&](std::int32_t channel) { return channel == ch; });
+    // A channel without events is passed over in silence; one that had some is worth a line.
     if (count > 0 && count < session.strategy.min_cluster_size) {
       unassign_events(session, c);
       log_message(session, fmt::format("channel {} has too few events: {}", ch, count));
     } else if (count > 0) {
       clear_cluster_record(session, c);
       clusters.current_cluster = c;
+      // For its box alone: so many tetrodes may have filled the table.
     }
     clusters.n_clusters = clusters.current_cluster;
+    // The slots above max_clusters are the scratch templates of the threads.
     if (clusters.n_clusters == session.max_clusters) {
       tell(session, "Stopping conversion as maximum number of clusters has been reached",
            "Convert channels to clusters", box_icon::warning);
@@ -107,6 +110,7 @@ void form_channel_clusters(session_state& session) {
   clusters.cluster_sigma.clear();
   clusters.cluster_reserved.clear();
   blank_cluster_comments(session);
+  // From here on there are no lists, so the deletions below have none to keep in step.
   session.lists.n_kv_pairs = 0;
   if (session.recording.electrode_type == electrode_tetrode &&
       session.strategy.force_one_cluster_per_tetrode) {

@@ -28,6 +28,7 @@ cluster_change begin_change(const session_state& session, cluster_change_kind ki
                             std::vector<std::int32_t> before) {
   cluster_change change{kind, std::move(before), {}, {}};
   using enum cluster_change_kind;
+  // Nothing can be followed over these: with no numbers, number_after gives 0 for all.
   if (kind == cleared || kind == restored || kind == rebuilt) return change;
   change.number_now.resize(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
   std::iota(change.number_now.begin(), change.number_now.end(), 0);
@@ -39,10 +40,13 @@ namespace {
 // The match lists keep the pairs that are left, under their new numbers. Values of clusters
 // that an edit changed are for the pair comparison to compute anew.
 void follow_in_match_lists(status_lists_table& lists, const cluster_change& change) {
+  // An entry moves down or stays, so that one pass in place never reads what it has written. A
+  // change whose numbers cannot be followed empties the lists.
   std::int32_t kept = 0;
   for (std::int32_t i = 1; i <= lists.n_match; ++i) {
     const std::int32_t a = number_after(change, lists.match_a[i]);
     const std::int32_t b = number_after(change, lists.match_b[i]);
+    // A pair whose two clusters became one is no pair any more.
     if (a == 0 || b == 0 || a == b) continue;
     ++kept;
     lists.match_a[kept] = std::min(a, b);
@@ -70,6 +74,7 @@ void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
   template_table& templates = session.templates;
   for_each_moving_column(copy, session.clusters);
   for_each_column(copy, templates);
+  // The channels of a slot lie one after the other, all 151 points of each: one block.
   const auto n_channels = static_cast<std::size_t>(templates.allocated_channels);
   const std::size_t bytes = sizeof(float) * template_point_limit * n_channels;
   std::memcpy(templates.mean(to, 1) + 1, templates.mean(from, 1) + 1, bytes);
@@ -79,6 +84,7 @@ void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
 }
 
 void close_record_gap(session_state& session, std::int32_t removed) {
+  // Upwards: the copy of one step frees the slot that the next step writes to.
   for (std::int32_t k = removed; k < session.clusters.n_clusters; ++k) {
     copy_record(session, k + 1, k);
   }
@@ -112,6 +118,7 @@ namespace {
 void delete_record(session_state& session, std::int32_t cluster, cluster_change& change) {
   cluster_table& clusters = session.clusters;
   const bool have_lists = session.lists.n_kv_pairs > 0;
+  // The lists go first: their pair numbers are those of the old count.
   remove_from_lists(session, cluster);
   close_record_gap(session, cluster);
   std::int32_t* of = session.events.event_cluster.base();
@@ -138,6 +145,7 @@ bool is_cluster(const session_state& session, std::int32_t cluster) {
 
 void delete_clusters(session_state& session, const std::vector<std::int32_t>& doomed) {
   std::vector<std::int32_t> before;
+  // A number named twice goes once; the set is ascending, which the loop below needs.
   for (const std::int32_t c : std::set<std::int32_t>(doomed.begin(), doomed.end())) {
     if (is_cluster(session, c)) before.push_back(c);
   }
@@ -166,10 +174,13 @@ std::int32_t delete_small_clusters(session_state& session, std::int32_t size) {
 
 std::int32_t remove_coincident_cluster_events(session_state& session, std::int32_t cluster) {
   event_table& events = session.events;
+  // Cut to whole samples. A window of 0 still catches two events of the same sample.
   const auto window =
       static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
                                 session.detection.coincidence_ms / 1000.0f);
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  // Events that have lost already go on being compared, at the times they were put back to, so that
+  // the outcome depends on the order of the list.
   constexpr std::size_t look_ahead = 50;
   for (std::size_t i = 0; i < list.size(); ++i) {
     const std::size_t last = std::min(list.size() - 1, i + look_ahead);
@@ -177,6 +188,7 @@ std::int32_t remove_coincident_cluster_events(session_state& session, std::int32
       if (std::abs(events.event_time[list[j]] - events.event_time[list[i]]) > window) continue;
       const float d_i = distance_from_centre_squared(session, list[i], cluster);
       const float d_j = distance_from_centre_squared(session, list[j], cluster);
+      // On a tie the earlier one goes.
       const std::int32_t loser = d_j > d_i ? list[j] : list[i];
       events.event_cluster[loser] = 0;
       if (events.event_detected_time[loser] != 0) {
@@ -184,6 +196,7 @@ std::int32_t remove_coincident_cluster_events(session_state& session, std::int32
       }
     }
   }
+  // By what is left and not by a count of losses: an event may lose more than once.
   return static_cast<std::int32_t>(list.size()) - count_cluster_events(session, cluster);
 }
 
@@ -221,6 +234,7 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
     clusters.current_cluster = a;
     return;
   }
+  // Whatever the order of the two, the lower number survives.
   const std::int32_t low = std::min(a, b), high = std::max(a, b);
   cluster_change change = begin_merge(session, low, high);
   remove_from_lists(session, high);
@@ -231,7 +245,9 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
   close_record_gap(session, high);
   clusters.current_cluster = low;
   --clusters.n_clusters;
+  // The template is that of all events of both; it is not made anew for those that leave below.
   recalculate_cluster(session, low);
+  // What was signed off were the two, and not what they became.
   clusters.cluster_signed_off[low] = false;
   clusters.cluster_sigma[low] = sigma;
   const std::int32_t removed = remove_coincident_cluster_events(session, low);
@@ -247,12 +263,15 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
 void absorb_cluster(session_state& session, std::int32_t a, std::int32_t b) {
   cluster_change change = begin_change(session, cluster_change_kind::merged, {a, b});
   event_table& events = session.events;
+  // b has no events from here on, but keeps its record until the numbers close up.
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     if (events.event_cluster[e] != a && events.event_cluster[e] != b) continue;
     events.event_cluster[e] = a;
     events.event_subcluster[e] = 1;
   }
+  // While the numbers are still the old ones: if b is the lower of the two, a moves down.
   recalculate_cluster(session, a);
+  // When b lies below a, this is where a changes its number.
   delete_record(session, b, change);
   const std::int32_t left = number_after(change, a);
   update_lists_for_cluster(session, left);
@@ -288,11 +307,13 @@ std::vector<std::int32_t> list_labelled_events(const session_state& session, std
 void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   cluster_table& clusters = session.clusters;
   event_table& events = session.events;
+  // Refused before anything has changed.
   if (!cluster_can_grow(session)) return;
   const std::int32_t old_cluster = clusters.current_cluster;
   const std::int32_t new_cluster = clusters.n_clusters + 1;
   const std::vector<std::int32_t> labelled = list_labelled_events(session, old_cluster, k);
   const auto n_labelled = static_cast<std::int32_t>(labelled.size());
+  // A split that leaves one of the two sides empty is none.
   if (n_labelled == 0 || n_labelled == count_cluster_events(session, old_cluster)) return;
   cluster_change change = begin_change(session, cluster_change_kind::split, {old_cluster});
   for (const std::int32_t e : labelled) {
@@ -327,11 +348,13 @@ std::vector<std::int32_t> share_out_events(session_state& session, const event_p
     session.events.event_cluster[places.events[i]] =
         p == 0 ? 0 : change.after[static_cast<std::size_t>(p - 1)];
   }
+  // Every template before any pair: two of the old clusters may be each other's pair.
   for (const std::int32_t c : old) recalculate_cluster(session, c);
   for (std::size_t i = 0; i < old.size(); ++i) {
     // The pair of two old clusters is computed once, with the later of them.
     update_lists_for_cluster(session, old[i], i + 1 < old.size() ? old[i + 1] : 0);
   }
+  // Pair numbers still count the old clusters; the first new one changes them all.
   if (places.old_ones_done) places.old_ones_done();
   for (std::int32_t p = n_old + 1; p <= places.n_places; ++p) {
     add_cluster(session, change.after[static_cast<std::size_t>(p - 1)]);
@@ -349,6 +372,7 @@ namespace {
 void settle_changed_clusters(session_state& session, const std::set<std::int32_t>& changed,
                              cluster_change& change) {
   std::vector<std::int32_t> emptied;
+  // By the old numbers, and so are the templates: no record has moved yet.
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   for (const std::int32_t c : changed) {
     if (sizes[static_cast<std::size_t>(c)] == 0) {
@@ -358,7 +382,9 @@ void settle_changed_clusters(session_state& session, const std::set<std::int32_t
     calculate_template(session, c);
     calculate_template_centre(session, c);
   }
+  // From the top down, so that the numbers still to go stay as they are.
   for (auto c = emptied.rbegin(); c != emptied.rend(); ++c) delete_record(session, *c, change);
+  // Pairs come last: they look at the templates of both clusters and at the final numbers.
   for (const std::int32_t c : changed) {
     const std::int32_t now = number_after(change, c);
     if (now == 0) continue;
@@ -374,12 +400,14 @@ std::set<std::int32_t> reassign(session_state& session, const std::vector<std::i
   event_table& events = session.events;
   std::set<std::int32_t> changed;
   for (const std::int32_t e : moving) {
+    // Where it is already, an event does not move, and its label stays.
     if (events.event_cluster[e] == cluster) continue;
     if (events.event_cluster[e] > 0) changed.insert(events.event_cluster[e]);
     events.event_cluster[e] = cluster;
     events.event_subcluster[e] = 0;
     ++n_moved;
   }
+  // A target that only gained events has changed, too.
   if (n_moved > 0 && cluster > 0) changed.insert(cluster);
   return changed;
 }
@@ -412,6 +440,7 @@ std::int32_t move_events(session_state& session, const std::vector<std::int32_t>
 namespace {
 
 bool names_each_cluster_once(const session_state& session, const std::vector<std::int32_t>& order) {
+  // Comparing with 1..n catches missing, repeated and foreign numbers at once.
   std::vector<std::int32_t> sorted = order;
   std::sort(sorted.begin(), sorted.end());
   return sorted == all_clusters(session);
@@ -429,6 +458,7 @@ void permute_records(session_state& session, const std::vector<std::int32_t>& or
     for (;;) {
       placed[static_cast<std::size_t>(to - 1)] = 1;
       const std::int32_t from = order[static_cast<std::size_t>(to - 1)];
+      // The first slot of a cycle was overwritten at once; its record waits in the spare one.
       copy_record(session, from == start ? spare : from, to);
       if (from == start) break;
       to = from;
@@ -445,11 +475,13 @@ void permute_pairs(status_lists_table& lists, const std::vector<std::int32_t>& o
   from.reserve(static_cast<std::size_t>(lists.n_kv_pairs));
   for (std::int32_t a = 1; a < n; ++a) {
     for (std::int32_t b = a + 1; b <= n; ++b) {
+      // In the old numbering the pair may have been the other way round.
       const auto [low, high] = std::minmax(order[static_cast<std::size_t>(a - 1)],
                                            order[static_cast<std::size_t>(b - 1)]);
       from.push_back(pair_index(n, low, high));
     }
   }
+  // All is read before anything is written: a permutation has no safe direction in place.
   for_each_column(
       [&from](auto& list) {
         using entry = std::remove_reference_t<decltype(list[1])>;
@@ -459,6 +491,7 @@ void permute_pairs(status_lists_table& lists, const std::vector<std::int32_t>& o
         std::copy(moved.begin(), moved.end(), list.first());
       },
       lists);
+  // Owners are cluster numbers as well; they lie in the column as the old ones.
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
     lists.kv_n_shift_template[k] = number_after(change, lists.kv_n_shift_template[k]);
   }
@@ -478,6 +511,7 @@ bool permute_clusters(session_state& session, const std::vector<std::int32_t>& o
   }
   permute_records(session, order);
   std::int32_t* of = session.events.event_cluster.base();
+  // Labels below 1 are no clusters: unclustered events, and those of a removal pass.
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
     if (of[e] > 0) of[e] = number_after(change, of[e]);
   }

@@ -17,6 +17,7 @@ template <typename Found>
 void find_duplicates(const session_state& session, Found&& found) {
   const event_table& events = session.events;
   constexpr std::int32_t look_ahead = 50;
+  // At least one sample, however short the lockout.
   const std::int32_t window = std::max(
       1, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
                                    session.detection.lockout_ms / 1000.0f));
@@ -30,6 +31,7 @@ void find_duplicates(const session_state& session, Found&& found) {
         continue;
       }
       const float d_i = distance_from_centre_squared(session, i, cluster);
+      // The event in hand may lose several times over, and each time counts.
       const float d_j = distance_from_centre_squared(session, j, cluster);
       found(d_j <= d_i ? i : j);
     }
@@ -39,12 +41,15 @@ void find_duplicates(const session_state& session, Found&& found) {
 }  // namespace
 
 std::int32_t remove_duplicate_events(session_state& session, bool remove) {
+  // Without removal the losers stay in play: the count of a trial may be above that of the removal
+  // which follows it.
   std::int32_t count = 0;
   find_duplicates(session, [&](std::int32_t worse) {
     ++count;
     if (!remove) return;
     event_table& events = session.events;
     events.event_cluster[worse] = 0;
+    // 0 stands for an event whose time of detection is not known.
     if (events.event_detected_time[worse] != 0) {
       events.event_time[worse] = events.event_detected_time[worse];
     }

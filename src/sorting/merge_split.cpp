@@ -58,6 +58,7 @@ pair_search find_largest_overlap(const session_state& session, Qualifies&& quali
   for (std::int64_t k = 1; k <= session.lists.n_kv_pairs; ++k) {
     if (!qualifies(k)) continue;
     ++search.count;
+    // Strictly above: the first of equal ones stays, and what is not a number never wins.
     if (session.lists.kv_cluster_overlap[k] > best) {
       best = session.lists.kv_cluster_overlap[k];
       search.best = k;
@@ -73,8 +74,10 @@ pair_search find_largest_overlap(const session_state& session, Qualifies&& quali
 bool pair_is_safe(const session_state& session, std::int64_t k) {
   const status_lists_table& lists = session.lists;
   const float s = lists.kv_template_correlation[k] + 1.25f * lists.kv_cluster_overlap[k] - 1.75f;
+  // Not a number is not safe, either.
   if (!(s > 0.0f)) return false;
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  // Templates that reach over different channels need a clearer case.
   const std::int32_t differing = n_union_channels(session, a, b) - n_common_channels(session, a, b);
   return differing < 6 || s >= 0.25f;
 }
@@ -99,6 +102,8 @@ void report_merge_loss(const session_state& session, std::int32_t size_before,
 
 void merge_safe_pair(session_state& session, std::int64_t k) {
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
+  // Read once: labels, report and pause belong together, and the button may be pressed at any
+  // moment.
   const bool pause = session.operation.pause_requested;
   const std::int32_t size_before =
       count_cluster_events(session, a) + count_cluster_events(session, b);
@@ -113,6 +118,7 @@ void merge_safe_pair(session_state& session, std::int64_t k) {
     refresh_displays(session);
     log_message(session, fmt::format("Paused for clusters {} {}", a, b));
   }
+  // Numbers the pair by the clusters before the merge; k means nothing after it.
   apply_template_shift(session, a, b, k);
   merge_clusters(session, a, b);
   refresh_displays(session);
@@ -143,8 +149,10 @@ std::int32_t automerge_safe_pairs(session_state& session, std::int32_t meter_fro
     show_counts(session);
     set_status(session, status_field::current_pair, "");
     search = find_safe_pair(session);
+    // A merge may make new safe pairs, more than there were at first.
     const std::int32_t done = std::max(0, n_first - search.count);
     set_merge_meter(session, meter_from + (meter_to - meter_from) * done / n_first);
+    // A bound for merges that keep making each other's next pair.
     if (merges >= merges_per_call || autosort_interrupted(session)) break;
   }
   set_merge_meter(session, meter_to);
@@ -167,6 +175,7 @@ void fold_unlisted(const session_state& session, const gac_points& points, gac_t
   bool any = false;
   for (std::int32_t j = 1; j <= gac_label_limit; ++j) {
     if (tables.as_cl_sizes[verdict.best_stage][j] == 0 || place_in_list(verdict, j) != 0) continue;
+    // The call stands first, so that none is skipped once one has been folded.
     any = fold_small_subcluster(session, points, tables, verdict.best_stage, j) || any;
   }
   if (any) log_message(session, "Small subcluster was merged");
@@ -177,6 +186,7 @@ void label_events(session_state& session, const std::vector<std::int32_t>& list,
                   const gac_tables& tables, const stage_verdict& verdict) {
   for (std::size_t i = 0; i < list.size(); ++i) {
     std::int16_t label = 1;
+    // Without a stage that splits the pool, all of it is sub-cluster 1.
     if (verdict.best_stage != 0 && verdict.n_keep >= 2) {
       const std::int32_t place = place_in_list(verdict, tables.stage_labels[verdict.best_stage][i]);
       label = place == 0 ? label_outside_list : static_cast<std::int16_t>(place);
@@ -235,6 +245,7 @@ void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::i
   const float old_overlap = session.lists.kv_cluster_overlap[k];
   // What no listed sub-cluster could take stays where it is.
   event_places places = places_of_labels(session, {a, b}, list, verdict, -1);
+  // k is good here and no later: the first new cluster gives all pairs other numbers.
   places.old_ones_done = [&] {
     note_pair_tried(session, k, old_overlap);
     if (n_listed < 3) return;
@@ -253,6 +264,7 @@ bool merge_or_split_pair(session_state& session, std::int64_t k) {
   const auto tables = std::make_unique<gac_tables>();
   gac_run_pair(session, automatic_gac_parameters(session), a, b, points, *tables);
   const stage_verdict verdict = judge_stages(session, points, *tables);
+  // As if all of them were new, though two take over the numbers of the pair.
   if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) return false;
   if (verdict.best_stage != 0) fold_unlisted(session, points, *tables, verdict);
   std::vector<std::int32_t> list;
@@ -301,6 +313,7 @@ pair_search find_pair_to_try(const session_state& session) {
 // A split may leave more pairs than there were at first: the meter stays within its part.
 void move_pairs_meter(const session_state& session, std::int32_t from, std::int32_t to,
                       std::int32_t n_left, std::int32_t n_initial) {
+  // Pairs run to eight million; times the range of the meter that leaves 32 bits.
   const auto left = static_cast<std::int64_t>(n_left) * to / n_initial;
   set_merge_meter(session,
                   std::min(to, std::max(from, static_cast<std::int32_t>(from + to - left))));
@@ -334,15 +347,18 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
   bool stop = false;
   while (!stop) {
     const pair_search search = find_pair_to_try(session);
+    // The first search gives the scale of the meter.
     if (n_initial == 0) n_initial = search.count;
     if (search.count == 0) break;
     move_pairs_meter(session, meter_from, meter_to, search.count, n_initial);
     log_message(session, name_pairs_left(search.count));
+    // Pairs are left, none of them with an overlap above 0: there is no best one to take.
     if (search.best == 0) {
       log_message(session, "!!!!!!!!!!!Error looking for cluster pair!!!!!!!!!!!!!");
       break;
     }
     ++looked_at;
+    // The pair in hand is finished; the interrupt counts before the next one.
     stop = !try_pair(session, search.best, looked_at) || autosort_interrupted(session);
   }
   // They were the marks of the pass; the review by the user starts without any.
@@ -395,6 +411,7 @@ check_result check_cluster(session_state& session, std::int32_t c) {
     }
     return check_result::one_cluster;
   }
+  // As if all of them were new, though the first keeps the number.
   if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) {
     return check_result::no_room;
   }
@@ -434,13 +451,17 @@ void final_split_check(session_state& session, std::int32_t meter_from, std::int
       static_cast<std::int32_t>(static_cast<float>(meter_from) +
                                 static_cast<float>(meter_to - meter_from) * 0.8f),
       meter_to};
+  // By number, which holds during the check: clusters come at the end and none is deleted.
   std::vector<char> checked(cluster_limit + 1, 0);
   std::int32_t n_splits = 0, n_left = n_first;
   for (std::int32_t pass = 1; n_left > 0; ++pass) {
+    // Clusters that this pass adds wait for the next one.
     const std::int32_t n_now = session.clusters.n_clusters;
     for (std::int32_t c = 1; c <= n_now; ++c) {
       if (checked[c]) continue;
       const check_result result = check_cluster(session, c);
+      // A cluster that was split stays unchecked under its number: what is left of it is looked at
+      // again, until every part has been found to be one.
       checked[c] = result == check_result::one_cluster;
       n_splits += result == check_result::split;
       if (result == check_result::no_room) {

@@ -94,6 +94,7 @@ pair_shift template_shift(const session_state& session, std::int32_t a, std::int
   const std::int32_t moved = n_a >= n_b ? b : a;
   const std::vector<std::int32_t> channels = common_channels(session, a, b);
   if (channels.empty()) return {0.0f, moved};
+  // Up to a millisecond either way, held to what the arrays have room for.
   const std::int32_t m = std::min(session.recording.sampling_frequency / 1000, widest_lag);
   const std::int32_t points = session.templates.template_points;
   float sums[2 * widest_lag + 1] = {};
@@ -108,6 +109,8 @@ pair_shift template_shift(const session_state& session, std::int32_t a, std::int
   const auto c = [&](std::int32_t lag) { return -sums[lag + m]; };
   std::int32_t best = 0;
   bool found = false;
+  // A local minimum needs a neighbour on both sides, so the two outermost lags are none. Of a flat
+  // floor the first lag counts, of equal minima the first one.
   for (std::int32_t lag = -m + 1; lag <= m - 1; ++lag) {
     if (!(c(lag - 1) > c(lag) && c(lag + 1) >= c(lag))) continue;
     if (!found || c(lag) < c(best)) best = lag;
@@ -115,10 +118,12 @@ pair_shift template_shift(const session_state& session, std::int32_t a, std::int
   }
   if (!found || std::abs(best) >= m) return {0.0f, moved};
   float shift = static_cast<float>(best);
+  // The vertex of the parabola through the minimum and its two neighbours.
   const float d = (c(best) - c(best - 1)) + (c(best) - c(best + 1));
   if (d != 0.0f) shift += -((c(best - 1) - c(best + 1)) * 0.5f / d);
   const auto low = static_cast<float>(window_first_sample(session));
   const auto high = static_cast<float>(window_last_sample(session));
+  // Beyond the spike window nothing of the template would be left to compare.
   if (!(shift > low && shift < high)) shift = 0.0f;
   return {shift, moved};
 }
@@ -133,6 +138,7 @@ template <typename Visit>
 void compare_templates(const session_state& session, std::int32_t a, std::int32_t b,
                        pair_shift shift, Visit&& visit) {
   const template_table& templates = session.templates;
+  // A shift of 0 compares the points as they are, without interpolation.
   const bool moved = shift.shift != 0.0f;
   for (const std::int32_t channel : union_channels(session, a, b)) {
     const float* x = templates.mean(a, channel);
@@ -156,6 +162,7 @@ float template_correlation(const session_state& session, std::int32_t a, std::in
     yy += y * y;
   });
   const float norm = std::sqrt(xx) * std::sqrt(yy);
+  // A template without any voltage is like nothing.
   return norm > 0.0f ? xy / norm : 0.0f;
 }
 
@@ -182,6 +189,7 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
   if (r.electrode_type == electrode_tetrode) {
     const bool same = r.tetrode_of_channel[session.templates.centre_channel(a)] ==
                       r.tetrode_of_channel[session.templates.centre_channel(b)];
+    // Units of two tetrodes cannot be one; their waveforms are not compared at all.
     return same ? template_overlap{false, template_correlation(session, a, b, shift)}
                 : template_overlap{true, -1.0f};
   }
@@ -190,6 +198,7 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
   const float share =
       all == 0 ? 0.0f
                : static_cast<float>(n_common_channels(session, a, b)) / static_cast<float>(all);
+  // In 32 bits, and strictly below: a pair that reaches 1.1 is compared further.
   return {share + correlation < 1.1f, correlation};
 }
 
@@ -214,6 +223,8 @@ sorted_points sort_points(const std::vector<float>& coordinates, std::int32_t di
   points.row.resize(n);
   for (std::int32_t i = 0; i < n; ++i) points.row[i] = i;
   std::sort(points.row.begin(), points.row.end(),
+            // Equal first coordinates may come in any order: of equal distances the lowest row
+            // wins, wherever it stands.
             [&](std::int32_t a, std::int32_t b) { return at(a, 0) < at(b, 0); });
   points.place.resize(n);
   for (std::int32_t k = 0; k < n; ++k) {
@@ -239,6 +250,7 @@ std::int32_t find_nearest_row(const sorted_points& points, std::int32_t row, boo
   const auto look = [&](std::int32_t k) {
     const float dx = points.x[k] - x;
     float d = dx * dx;
+    // Strictly: a point as far in its first coordinate alone may still win by its row.
     if (d > best) return false;
     const float dy = points.y[k] - y;
     d += dy * dy;
@@ -266,6 +278,7 @@ std::int32_t find_nearest_row(const sorted_points& points, std::int32_t row, boo
 float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
                                 std::int32_t n_a, std::int32_t n_b) {
   const sorted_points points = sort_points(coordinates, dimensions, n_a + n_b);
+  // The smaller one asks, b when they are equal.
   const bool query_a = n_a < n_b;
   const std::int32_t first = query_a ? 0 : n_a;
   const std::int32_t last = query_a ? n_a - 1 : n_a + n_b - 1;
@@ -275,6 +288,8 @@ float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int3
     same += nearest >= first && nearest <= last;
   }
   const auto smaller = static_cast<float>(query_a ? n_a : n_b);
+  // The share of foreign neighbours over the share to be expected if the points were dealt at
+  // random: 0 for two apart, about 1 for two that are mixed.
   return (1.0f - static_cast<float>(same) / smaller) /
          (1.0f - smaller / static_cast<float>(n_a + n_b));
 }
@@ -286,6 +301,8 @@ float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
   const std::vector<aligned_event> events_b =
       read_events(session, list_cluster_events(session, b), shift.n_shift == b, shift.shift);
   const auto n_a = static_cast<std::int32_t>(events_a.size());
+  // The test points are drawn anew and in proportion: axes may come from another share of the two,
+  // but neighbours must be counted at the sizes that the clusters have.
   const auto n_b = static_cast<std::int32_t>(events_b.size());
   if (n_a == 0 || n_b == 0) return std::nanf("");
   make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
@@ -320,6 +337,8 @@ float doublet_value(const session_state& session, std::int32_t a, std::int32_t b
   const recording_store& r = session.recording;
   const event_table& events = session.events;
   if (!r.is_continuous && !session.preferences.treat_as_continuous) return -1.0f;
+  // Events are in order of discovery, so a window of time is a stretch of the list: as many as all
+  // clusters together hold when each fires at 50 Hz, and never below 50.
   const std::int64_t span = std::max<std::int64_t>(
       50, static_cast<std::int64_t>(static_cast<float>(session.clusters.n_clusters) * 50.0f *
                                     window_ms / 1000.0f));
@@ -333,6 +352,7 @@ float doublet_value(const session_state& session, std::int32_t a, std::int32_t b
       const float dt = static_cast<float>(events.event_time[other] - events.event_time[e]) *
                        1000.0f / static_cast<float>(r.sampling_frequency);
       if (std::fabs(dt) > window_ms) continue;
+      // What is less than a millisecond apart has no order that could be trusted.
       after += dt > 1.0f;
       before += dt < -1.0f;
     }
@@ -340,6 +360,8 @@ float doublet_value(const session_state& session, std::int32_t a, std::int32_t b
   const std::int32_t channel = session.templates.centre_channel(b);
   const float height_a = template_peak_to_peak(session, a, channel);
   const float height_b = template_peak_to_peak(session, b, channel);
+  // By the count of the one that is smaller on b's centre channel; positive when the smaller
+  // follows the larger, as in a burst, where the later spikes lose height.
   const std::int32_t size = height_a <= height_b ? n_a : count_cluster_events(session, b);
   const float value = static_cast<float>(after - before) / static_cast<float>(size);
   return (height_a - height_b) / (height_a + height_b) >= 0.0f ? value : -value;
@@ -351,6 +373,8 @@ std::vector<float> count_by_bin(const session_state& session, std::int32_t clust
                                 std::int32_t n_bins, float width) {
   std::vector<float> counts(n_bins + 1, 0.0f);
   for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    // Cut to whole seconds before the bin is found. In recordings below 100 s, where bins are
+    // shorter than a second, the bins between stay empty and are passed over.
     const std::int32_t seconds =
         session.events.event_time[e] / session.recording.sampling_frequency;
     const auto bin = static_cast<std::int32_t>(static_cast<float>(seconds) / width + 1.0f);
@@ -365,6 +389,7 @@ float rate_complementarity(const session_state& session, std::int32_t a, std::in
   const float length = session.recording.duration_mins * 60.0f;
   float width = 60.0f;
   auto n_bins = static_cast<std::int32_t>(length / width);
+  // At least a hundred bins, or a correlation would rest on a handful of points.
   if (n_bins < 100) {
     width = length / 100.0f;
     n_bins = static_cast<std::int32_t>(length / width);
@@ -373,6 +398,7 @@ float rate_complementarity(const session_state& session, std::int32_t a, std::in
   const std::vector<float> y = count_by_bin(session, b, n_bins, width);
   double n = 0, sum_x = 0, sum_y = 0, sum_xx = 0, sum_yy = 0, sum_xy = 0;
   for (std::int32_t i = 1; i <= n_bins; ++i) {
+    // Where neither fires there is nothing to complement.
     if (x[i] == 0.0f && y[i] == 0.0f) continue;
     n += 1;
     sum_x += x[i];
@@ -383,6 +409,7 @@ float rate_complementarity(const session_state& session, std::int32_t a, std::in
   }
   if (n == 0) return -0.0f;
   const double norm = std::sqrt((sum_xx - sum_x * sum_x / n) * (sum_yy - sum_y * sum_y / n));
+  // Negated: units that take turns, one unit that drifted, have the highest value.
   return norm > 0.0 ? -static_cast<float>((sum_xy - sum_x * sum_y / n) / norm) : 0.0f;
 }
 
@@ -403,6 +430,7 @@ pc_spread measure_spread(const std::vector<float>& xy) {
       spread.mean[d] += (xy[2 * i + d] - spread.mean[d]) / static_cast<float>(i + 1);
       squares += xy[2 * i + d] * xy[2 * i + d];
     }
+    // Rounding may leave a variance below zero when all points lie on one spot.
     const float variance = (squares - static_cast<float>(n) * spread.mean[d] * spread.mean[d]) /
                            static_cast<float>(n - 1);
     spread.sd[d] = variance > 0.0f ? std::sqrt(variance) : 0.0f;
@@ -418,11 +446,13 @@ void fill_grid(const std::vector<float>& xy, const float* low, float scale, coun
   for (std::size_t i = 0; i + 1 < xy.size(); i += 2) {
     const auto bx = static_cast<std::int32_t>((xy[i] - low[0]) * scale + 1.0f);
     const auto by = static_cast<std::int32_t>((xy[i + 1] - low[1]) * scale + 1.0f);
+    // What lies beyond two deviations on either side is not counted.
     if (bx < 1 || bx > grid_limit || by < 1 || by > grid_limit) continue;
     grid.cells[bx][by] += 1.0f;
   }
   for (auto& row : grid.cells) {
     for (float& cell : row) {
+      // One point alone in its cell makes no density.
       if (cell == 1.0f) cell = 0.0f;
     }
   }
@@ -432,6 +462,7 @@ void fill_grid(const std::vector<float>& xy, const float* low, float scale, coun
 // power of the smaller one.
 float compare_gradients(const count_grid& a, const count_grid& b) {
   float power_a = 0, power_b = 0, opposing = 0, count_a = 0, count_b = 0;
+  // The rim has no neighbour to take a difference with, so it has no gradient.
   for (std::int32_t x = 2; x < grid_limit; ++x) {
     for (std::int32_t y = 2; y < grid_limit; ++y) {
       const float ax = a.cells[x + 1][y] - a.cells[x - 1][y];
@@ -456,6 +487,7 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
   gac_points points;
   pair_pc_values(session, a, b, rank, points);
   std::vector<float> xy[2];
+  // Rows lie in the order of the events, whichever of the two clusters they belong to.
   std::int32_t i = 0;
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
     const std::int32_t of = session.events.event_cluster[e];
@@ -465,6 +497,7 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
     out.push_back(points.row(i)[1]);
     ++i;
   }
+  // Two coordinates to an event.
   if (xy[0].size() < 4 || xy[1].size() < 4) return {false, 0.0f};
   const pc_spread spread_a = measure_spread(xy[0]), spread_b = measure_spread(xy[1]);
   float low[2], range = 0.0f;
@@ -473,8 +506,10 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
                       spread_b.mean[d] - 2.0f * spread_b.sd[d]);
     const float high = std::max(spread_a.mean[d] + 2.0f * spread_a.sd[d],
                                 spread_b.mean[d] + 2.0f * spread_b.sd[d]);
+    // One scale for both axes, the one that fits the wider of them.
     range = std::max(range, high - low[d]);
   }
+  // The more points, the finer the grid.
   const std::int32_t bins =
       std::min(grid_limit, static_cast<std::int32_t>(std::sqrt(static_cast<float>(points.n))));
   const float scale = static_cast<float>(bins - 1) / range;
@@ -490,6 +525,7 @@ float match_value(session_state& session, std::int32_t a, std::int32_t b, std::i
   if (r.electrode_type == electrode_tetrode &&
       r.tetrode_of_channel[session.templates.centre_channel(a)] !=
           r.tetrode_of_channel[session.templates.centre_channel(b)]) {
+    // Last in methods that begin with small values, first in those that begin with large ones.
     return 1000.0f;
   }
   switch (session.review.match_method) {

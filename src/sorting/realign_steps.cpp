@@ -57,6 +57,7 @@ void realign_every_event(session_state& session, std::int32_t mode) {
 bool put_back_event_times(session_state& session, const event_times_copy& copy) {
   if (!has_cluster(session, copy.cluster)) return false;
   const std::vector<std::int32_t> list = list_cluster_events(session, copy.cluster);
+  // Places count in the list of now; with another number of events they mean other events.
   if (list.size() != copy.event_time.size()) return false;
   for (std::size_t i = 0; i < list.size(); ++i) {
     session.events.event_time[list[i]] = copy.event_time[i];

@@ -24,6 +24,7 @@ std::string file_type_text(const session_state& session) {
 template <typename Key>
 void sort_by(std::vector<unit_row>& rows, Key key, bool ascending) {
   std::stable_sort(rows.begin(), rows.end(), [&](const unit_row& a, const unit_row& b) {
+    // Operands change sides, not the answer: equal rows keep their order either way.
     return ascending ? std::invoke(key, a) < std::invoke(key, b)
                      : std::invoke(key, b) < std::invoke(key, a);
   });
@@ -40,6 +41,7 @@ sorting_summary make_sorting_summary(const session_state& session) {
   summary.n_stable = count_stable_clusters(session);
   summary.rows = make_unit_table(session);
   for (const unit_row& row : summary.rows) summary.n_clustered += row.n_events;
+  // Clusters hold each event once, so that what they do not count is unclustered.
   summary.n_unclustered = summary.n_events - summary.n_clustered;
   if (summary.n_events > 0) {
     summary.percent_clustered = 100.0 * summary.n_clustered / summary.n_events;

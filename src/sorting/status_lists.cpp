@@ -43,16 +43,19 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
                   const std::vector<std::int32_t>& sizes, std::int32_t rank) {
   const auto [a, b] = pair;
   status_lists_table& lists = session.lists;
+  // No common channel: nothing to compare, and the shift belongs to b as it does without one.
   if (n_common_channels(session, a, b) == 0) {
     store_pair(lists, k, true, 0.0f, -1.0f, {0.0f, b});
     return;
   }
   const pair_shift shift = template_shift(session, a, b, sizes[a], sizes[b]);
   const template_overlap match = templates_dont_overlap(session, a, b, shift);
+  // The correlation is kept for the eye; the overlap of such a pair is never computed.
   if (match.dont_overlap) {
     store_pair(lists, k, true, match.correlation, -1.0f, {0.0f, b});
     return;
   }
+  // Each thread has a scratch template above the clusters; max_clusters leaves room for them.
   const float overlap =
       cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift);
   store_pair(lists, k, false, match.correlation, overlap, shift);
@@ -65,6 +68,9 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
 bool pair_is_distinct(const session_state& session, std::int64_t k) {
   const status_lists_table& lists = session.lists;
   const sorting_strategy_settings& strategy = session.strategy;
+  // An overlap at its threshold is distinct, a correlation at its threshold is not. An overlap that
+  // is not a number fails every test: nothing is known of such a pair, and it stays to be looked
+  // at.
   return lists.kv_cluster_overlap[k] <= strategy.overlap_threshold ||
          lists.kv_template_correlation[k] < strategy.correlation_threshold ||
          lists.kv_templates_dont_overlap[k] || lists.kv_user_distinct[k];
@@ -72,6 +78,7 @@ bool pair_is_distinct(const session_state& session, std::int64_t k) {
 
 bool cluster_is_stable(const session_state& session, std::int32_t cluster) {
   const std::int32_t n = session.clusters.n_clusters;
+  // One cluster alone has no pair that could be doubtful; of several nothing is known.
   if (session.lists.n_kv_pairs == 0) return n == 1;
   for (std::int32_t other = 1; other <= n; ++other) {
     if (other == cluster) continue;
@@ -101,6 +108,7 @@ std::int32_t count_pairs_to_examine(const session_state& session) {
 
 void clear_status_lists(session_state& session) {
   status_lists_table& lists = session.lists;
+  // Only entries in use: the rest of the column was never touched, and would cost memory.
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -1.0f;
   lists.rms_template_shift.clear();
   lists.kv_n_shift_template.clear();
@@ -124,12 +132,14 @@ void build_status_lists(session_state& session) {
   }
   for_each_column([](auto& list) { list.clear(); }, lists);
   lists.n_kv_pairs = count_of_pairs(session);
+  // Stays where a pair has not been reached yet, and is no value that a pair can have.
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -10.0f;
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   // Dealt one by one: neighbouring pairs share a cluster, and the cost of a large
   // one spreads over the threads.
   parallel_for_dealt(n_threads, 1, lists.n_kv_pairs, [&](std::int64_t k, std::int32_t rank) {
     compute_pair(session, k, pair_from_index(n, k), sizes, rank);
+    // The calling thread alone posts; its pairs are spread over the range as the others' are.
     if (rank == 0) {
       set_progress(session, meter::status_lists,
                    static_cast<std::int32_t>(100 * k / lists.n_kv_pairs), 100);
@@ -148,6 +158,7 @@ void build_status_lists(session_state& session) {
   }
 }
 
+// The full build clears every column, the marks of the user as well.
 void update_all_lists(session_state& session) {
   status_lists_table& lists = session.lists;
   const std::int64_t n = lists.n_kv_pairs;
@@ -168,6 +179,7 @@ void update_all_lists(session_state& session) {
 void update_lists_for_cluster(session_state& session, std::int32_t cluster, std::int32_t but_not) {
   const auto begin = clock::now();
   const std::int32_t n = session.clusters.n_clusters;
+  // Without lists there is nothing to keep up.
   if (session.lists.n_kv_pairs == 0 || n < 2) return;
   session.lists.n_kv_pairs = count_of_pairs(session);
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
@@ -204,12 +216,14 @@ void add_cluster_to_lists(session_state& session) {
       [&](auto& list) {
         using entry = std::remove_reference_t<decltype(list[1])>;
         for (std::int32_t a = n - 1; a >= 1; --a) {
+          // Row a holds its pairs with a + 1 .. n, one more than before.
           const std::int32_t old_length = n - 1 - a;
           const std::int64_t new_first = pair_index(n, a, a + 1);
           if (old_length > 0) {
             std::memmove(list.base() + new_first, list.base() + pair_index(n - 1, a, a + 1),
                          sizeof(entry) * old_length);
           }
+          // The new place still holds an entry of the row that made way.
           list[new_first + old_length] = entry{};
         }
       },
@@ -222,6 +236,7 @@ void add_cluster_to_lists(session_state& session) {
 void remove_cluster_from_lists(session_state& session, std::int32_t cluster) {
   status_lists_table& lists = session.lists;
   if (lists.n_kv_pairs == 0) return;
+  // No owner is negative, so the column itself can carry the mark until entries have moved.
   constexpr std::int32_t marker = -100;
   const std::int32_t n = session.clusters.n_clusters;
   for (std::int32_t other = 1; other <= n; ++other) {
@@ -236,6 +251,7 @@ void remove_cluster_from_lists(session_state& session, std::int32_t cluster) {
     if (kept != k) for_each_column([&](auto& list) { list[kept] = list[k]; }, lists);
   }
   lists.n_kv_pairs = kept;
+  // A mark that is still there means that the count and the list were out of step.
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
     if (lists.kv_n_shift_template[k] == marker) {
       log_message(session, fmt::format("shifting error at point {} {}", k, lists.n_kv_pairs));
@@ -261,7 +277,9 @@ bool is_left_out(const session_state& session, cluster_pair pair) {
   switch (session.review.match_method) {
     case match_rates:
       return spatial_separation(session, pair.a, pair.b) >= 50.0f;
+    // Rates that take turns speak for one unit only where the two lie close together.
     case match_pc_adjacency:
+      // Principal components of few common channels say little: half of all must be shared.
       return 2 * n_common_channels(session, pair.a, pair.b) <
              n_union_channels(session, pair.a, pair.b);
     default:
@@ -273,6 +291,7 @@ void sort_match_lists(session_state& session, bool ascending) {
   status_lists_table& lists = session.lists;
   const std::int32_t n = lists.n_match;
   std::vector<float> keys(n);
+  // The sort goes up only; methods in which large means alike sort the negated values.
   for (std::int32_t i = 0; i < n; ++i) {
     keys[i] = ascending ? lists.match_values[i + 1] : -lists.match_values[i + 1];
   }
@@ -302,6 +321,7 @@ void get_match_lists(session_state& session) {
   lists.match_a.clear();
   lists.match_b.clear();
   std::vector<std::int64_t> places;
+  // The positions are noted first, so that values can be computed in any order after it.
   for (std::int64_t k = 1; k <= lists.n_kv_pairs && lists.n_match < pair_limit; ++k) {
     if (lists.kv_templates_dont_overlap[k]) continue;
     const cluster_pair pair = pair_from_index(n, k);
@@ -318,6 +338,7 @@ void get_match_lists(session_state& session) {
         match_value(session, lists.match_a[i], lists.match_b[i], k, shift, rank);
     if (rank == 0) {
       set_progress(session, meter::status_lists,
+                   // The first cluster of the pair stands for the progress: match_a ascends.
                    static_cast<std::int32_t>(100 * lists.match_a[i] / std::max(1, n - 1)), 100);
     }
   });
@@ -325,8 +346,10 @@ void get_match_lists(session_state& session) {
               fmt::format("{} took {} msecs",
                           n_threads > 1 ? "Get threaded match lists" : "Get match lists unthreaded",
                           msecs_since(begin)));
+  // For these two small means alike.
   const std::int32_t method = session.review.match_method;
   sort_match_lists(session, method == match_separation || method == match_rms_distance);
+  // Cut after sorting, so that it is the least interesting pairs that fall away.
   lists.n_match = std::min(lists.n_match, match_list_limit);
   if (lists.n_match == 0) {
     tell(session, "There are no pairs in this list", "Pair comparisons", box_icon::information);
@@ -343,6 +366,7 @@ bool check_shift_owners(const session_state& session) {
     const auto [a, b] = pair_from_index(n, k);
     const std::int32_t owner = lists.kv_n_shift_template[k];
     if (owner == a || owner == b) continue;
+    // A list that is out of step is so everywhere; a hundred lines tell as much as a million.
     if (++errors > 100) {
       log_message(session, "Limiting error log");
       return false;
@@ -362,6 +386,7 @@ bool check_match_values(const session_state& session) {
   std::int32_t errors = 0;
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
     const auto [a, b] = pair_from_index(n, k);
+    // The stored shift means nothing for pairs that were not compared.
     if (lists.kv_templates_dont_overlap[k] || n_common_channels(session, a, b) == 0) continue;
     const float value = template_correlation(
         session, a, b, {lists.rms_template_shift[k], lists.kv_n_shift_template[k]});
@@ -388,6 +413,7 @@ bool check_shift_values(const session_state& session) {
     if (lists.kv_templates_dont_overlap[k]) continue;
     const auto [a, b] = pair_from_index(n, k);
     const pair_shift shift = template_shift(session, a, b, sizes[a], sizes[b]);
+    // Shifts come from the same arithmetic, so that anything but the last digits is a fault.
     errors += std::fabs(shift.shift - lists.rms_template_shift[k]) > 0.000001f;
   }
   if (errors == 0) {
@@ -414,6 +440,7 @@ bool check_threaded_lists(session_state& session) {
   status_lists_table& lists = session.lists;
   const logical old_threads = session.multi_threaded_now;
   session.multi_threaded_now = false;
+  // Both builds forget the marks of the user; the lists of the second stay.
   build_status_lists(session);
   const std::size_t n = static_cast<std::size_t>(lists.n_kv_pairs) + 1;
   const std::vector<float> overlap(lists.kv_cluster_overlap.base(),
@@ -426,6 +453,8 @@ bool check_threaded_lists(session_state& session) {
   build_status_lists(session);
   session.multi_threaded_now = old_threads;
   const auto same = [&](const void* plain, const void* threaded) {
+    // By their bits, so that an overlap that is not a number equals itself. All three columns have
+    // entries of four bytes, and element 0 is spare.
     return std::memcmp(plain, threaded, 4 * n) == 0;
   };
   const bool same_overlap = same(overlap.data(), lists.kv_cluster_overlap.base());

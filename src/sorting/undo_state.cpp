@@ -31,6 +31,7 @@ void for_each_template_run(session_state& session, undo_slot& slot, Visit&& visi
   template_table& copy = slot.templates;
   const std::int32_t n_channels = slot.n_channels, n_points = slot.template_points;
   for (std::int32_t c = 1; c <= slot.clusters.n_clusters; ++c) {
+    // Packed by the channels and points in use, where the session's slots have fixed strides.
     const std::int64_t before = (std::int64_t{c} - 1) * n_channels;  // channels of earlier ones
     visit(templates.channels(c) + 1, copy.template_channels.first() + before, n_channels);
     for (std::int32_t channel = 1; channel <= n_channels; ++channel) {
@@ -65,6 +66,7 @@ void put_back_counters(session_state& session, const undo_slot& slot) {
 bool reserve_blocks(session_state& session, undo_slot& slot) {
   const std::int64_t n_listed = std::int64_t{slot.clusters.n_clusters} * slot.n_channels;
   const std::int64_t n_values = n_listed * slot.template_points;
+  // Channel lists, then mean and deviation of each point.
   std::int64_t bytes = 4 * n_listed + 8 * n_values;
   bool reserved = true;
   for_each_table(session, slot, [&](const auto& of, const auto& copy, std::int64_t n) {
@@ -104,6 +106,8 @@ bool save_undo_state(session_state& session, undo_owner owner) {
 }
 
 bool can_undo(const session_state& session, undo_owner owner) {
+  // A path and a number of channels are what the tables depend on; a recording that was closed and
+  // opened again is the same one.
   return session.undo && session.undo->owner == owner &&
          session.undo->recording_path == session.recording.recording_path &&
          session.undo->n_channels == session.recording.n_channels;
@@ -117,6 +121,7 @@ bool restore_undo_state(session_state& session, undo_owner owner) {
   for_each_table(session, slot, [](auto& of, const auto& copy, std::int64_t n) {
     std::copy_n(copy.first(), n, of.first());
   });
+  // Packed for another spike window, the waveforms have another stride and other points.
   if (slot.template_points == session.templates.template_points) {
     for_each_template_run(session, slot, [](auto* of, const auto* copy, std::int64_t n) {
       std::copy_n(copy, n, of);

@@ -17,6 +17,7 @@ std::vector<cluster_status> judge_clusters(const session_state& session) {
   const bool known = session.lists.n_kv_pairs > 0;
   std::vector<cluster_status> status(static_cast<std::size_t>(n) + 1,
                                      known ? cluster_status::stable : cluster_status::unknown);
+  // Follows the numbering of pairs, which is the order of these two loops.
   std::int64_t k = 0;
   for (std::int32_t a = 1; known && a < n; ++a) {
     for (std::int32_t b = a + 1; b <= n; ++b) {
@@ -46,6 +47,7 @@ void measure_template(const session_state& session, unit_row& unit) {
 std::vector<unit_row> make_unit_table(const session_state& session) {
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   const std::vector<cluster_status> status = judge_clusters(session);
+  // From the float of minutes that every display shows.
   const double seconds = 60.0 * session.recording.duration_mins;
   std::vector<unit_row> units;
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
@@ -53,6 +55,7 @@ std::vector<unit_row> make_unit_table(const session_state& session) {
     unit_row unit;
     unit.cluster = c;
     unit.n_events = sizes[i];
+    // Without a duration there is no rate to tell.
     unit.rate = seconds > 0 ? sizes[i] / seconds : 0.0;
     unit.status = status[i];
     measure_template(session, unit);
