@@ -40,6 +40,7 @@ void autoscale_voltage_display(session_state& session) {
   }
   const float mean = n > 0 ? sum / static_cast<float>(n) : 0.0f;
   float factor = 1.0f;
+  // Noise that was not measured is 0 on every channel.
   if (mean * r.vscale_HP != 0.0f) {
     factor = 1.1999999f / (mean * r.vscale_HP);
   } else {
@@ -83,6 +84,7 @@ void scroll_to_row(session_state& session, std::int32_t p) {
 }
 
 void set_channel_spacing(session_state& session, std::int32_t spacing) {
+  // Before the spacing changes: the offset is in pixels of the old one.
   const std::int32_t p = row_at_top(session);
   session.display.vd_channel_spacing = std::clamp(spacing, 1, 500);
   scroll_to_row(session, p);

@@ -16,7 +16,7 @@ namespace kestrelvane {
 // after a recording is opened and after every filter chain.
 void autoscale_voltage_display(session_state& session);
 
-// Sets vd_first_sample behind a flat start: the first place, looked for in steps of 100
+// Sets vd_first_sample after a flat start: the first place, looked for in steps of 100
 // samples on three channels, where a sample differs from the one 500 before it; 1 when
 // there is none or the recording is shorter than 1506 samples.
 void find_start_of_signal(session_state& session);

@@ -83,6 +83,8 @@ bool is_positive(float x) { return std::isfinite(x) && x > 0.0f; }
 
 // A notch has nothing in these slots, and the settings then show that nothing.
 bool reload_slots(filter_settings& f, const history_entry& e) {
+  // Histories come from files. A number of poles beyond any reason, or one that is no number, has
+  // no whole number to be rounded to.
   constexpr float no_more_poles = 1000.0f;
   f.bw_f0_khz = e.param1;
   f.bw_poles =
@@ -109,6 +111,7 @@ bool reload_compression(filter_settings& f, const history_entry& e) {
 }
 
 // In the order of a chain. The 1/f filter takes the place of the Butterworth filter.
+// Codes are those that the history has always stored, so they do not follow this order.
 constexpr filter_operation operations[] = {
     {1, "channel means", step_units::per_channel, always<zero_channel_means>,
      [](const session_state& s) { return s.filter.do_channel_means && !s.recording.means_zeroed; },
@@ -189,6 +192,7 @@ std::int64_t units_of(const session_state& session, const filter_operation* oper
 }
 
 void begin_filtering(session_state& session) {
+  // What was pressed after the last chain must not stop this one.
   session.operation.filtering_interrupted = false;
   session.multi_threaded_now = session.preferences.multi_threaded;
 }
@@ -249,6 +253,7 @@ replayed repeat_entry(filter_progress& progress, std::int32_t i) {
   session_state& session = progress.session;
   const history_entry entry = entry_of(session.filter_history, i);
   const filter_operation* operation = find_operation(entry.code);
+  // A history from a file may hold codes of other programs; the rest of it is still repeated.
   if (operation == nullptr || !operation->reload(session.filter, entry)) {
     log_message(session, fmt::format("Entry {} of the filter history cannot be repeated: code {}, "
                                      "parameters {} and {}",
@@ -276,6 +281,7 @@ bool run_filter_chain(session_state& session) {
   begin_filtering(session);
   settle_settings(session);
   warn_of_sample_hold(session);
+  // Decided before the first of them runs, for that one changes what is asked.
   const std::vector<const filter_operation*> steps = wanted_steps(session);
   filter_progress progress{session};
   for (const filter_operation* step : steps) progress.range += units_of(session, step);
@@ -284,6 +290,7 @@ bool run_filter_chain(session_state& session) {
   std::int64_t n_done = 0;
   const auto n_steps = static_cast<std::int64_t>(steps.size());
   for (const filter_operation* step : steps) {
+    // No memory and an interrupt end the chain alike: with what was done until then.
     if (interrupted(session) || !run_operation(progress, *step)) break;
     list_operation(session, *step);
     step->untick(session.filter);
@@ -296,6 +303,7 @@ bool run_filter_chain(session_state& session) {
     say_stopped(session, n_done, n_steps);
     return false;
   }
+  // A chain without a single step counts as filtering, too.
   session.recording.recording_filtered = true;
   tell(session, "Finished transforming", "Done!", box_icon::information);
   return true;
@@ -319,6 +327,7 @@ bool repeat_filtering(session_state& session) {
     all_done = all_done && outcome == replayed::done;
     ++n_passed;
   }
+  // Entries have turned the low-pass switch on their way.
   untick_butterworth(session.filter);
   follow_samples(progress);
   if (n_passed < history.n_entries) {

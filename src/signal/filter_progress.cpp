@@ -32,6 +32,7 @@ void tell_interrupt(filter_progress& progress) {
 void begin_filter_step(filter_progress& progress, const char* name, std::int64_t units) {
   progress.step_name = name;
   progress.units = units;
+  // One part until the step says how many: finish_part divides by it.
   set_parts(progress, 1);
   set_status(progress.session, status_field::message, name);
 }
@@ -49,6 +50,7 @@ void set_parts(filter_progress& progress, std::int64_t n_parts) {
 
 void finish_part(filter_progress& progress, std::int32_t rank) {
   const std::int64_t done = ++progress.parts_done;
+  // The count is every thread's; the bar and the gate are the calling thread's alone.
   if (rank != 0) return;
   yield_session(progress.session);
   tell_interrupt(progress);

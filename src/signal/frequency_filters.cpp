@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::int32_t half_points = fft_points / 2;
 constexpr std::int32_t taper_length = 64;
+// With 65 shared samples the falling and the rising ramp add to 1 at each of them.
 constexpr std::int32_t overlap_length = taper_length + 1;
 // What the count of passes divides by; segments advance by one sample less.
 constexpr std::int32_t pass_length = fft_points - taper_length;
@@ -57,6 +58,7 @@ KESTRELVANE_CLONES void copy_as_float(float* out, const std::int16_t* v, std::in
 // Ramps from 0 at the two ends of a segment.
 void taper(float* x, std::int32_t length) {
   for (std::int32_t j = 0; j < std::min(taper_length, length); ++j) {
+    // A last segment may be shorter than its two ramps, which then overlap.
     const float ramp = static_cast<float>(j) / taper_length;
     x[j] *= ramp;
     x[length - 1 - j] *= ramp;
@@ -67,7 +69,7 @@ void clear_from(float* x, std::int32_t first) {
   std::memset(x + first, 0, sizeof(float) * static_cast<std::size_t>(fft_points - first));
 }
 
-// Fills one array of the transform, 0 behind the segment.
+// Fills one array of the transform, 0 after the segment.
 void load_segment(float* x, segment_channel& channel, segment s) {
   if (channel.samples == nullptr) {
     clear_from(x, 0);
@@ -76,6 +78,7 @@ void load_segment(float* x, segment_channel& channel, segment s) {
   const std::int16_t* v = channel.samples + s.start + 1;
   copy_as_float(x, v, s.length);
   if (s.start > 0) copy_as_float(x, channel.shared, std::min(overlap_length, s.length));
+  // A last segment of the overlap alone has nothing to pass on.
   if (s.length > overlap_length) {
     std::memcpy(channel.shared, v + s.length - overlap_length, sizeof channel.shared);
   }
@@ -114,9 +117,11 @@ void round_away(std::int16_t* out, const float* x, std::int32_t n) {
 void store_segment(segment_channel& channel, const float* x, segment s, round_routine round) {
   if (channel.samples == nullptr) return;
   std::int16_t* v = channel.samples + s.start + 1;
+  // The last of the shared samples is the new segment's alone: the old one was tapered to 0.
   const std::int32_t n_added = s.start > 0 ? std::min(taper_length, s.length) : 0;
   std::int16_t rounded[taper_length];
   round(rounded, x, n_added);
+  // Both halves of the cross-fade are rounded by themselves.
   for (std::int32_t i = 0; i < n_added; ++i) v[i] = static_cast<std::int16_t>(v[i] + rounded[i]);
   round(v + n_added, x + n_added, s.length - n_added);
 }
@@ -154,6 +159,7 @@ KESTRELVANE_CLONES void multiply_backward(float* last, const float* gain, std::i
 
 void apply_gains(fft_buffer& buffer, const std::vector<float>& gains) {
   for (float* x : {buffer.re, buffer.im}) {
+    // Bin N - k has the gain of bin k; bins 0 and N/2 have no partner.
     multiply(x, gains.data(), half_points + 1);
     multiply_backward(x + fft_points - 1, gains.data() + 1, half_points - 1);
   }
@@ -196,6 +202,7 @@ bool filter_pairs(session_state& session, filter_progress& progress,
                   const std::vector<float>& gains) {
   recording_store& r = session.recording;
   const std::int32_t n_threads = filter_threads(session);
+  // An odd last channel travels alone, with zeros as the imaginary part.
   const std::int32_t n_pairs = (r.n_channels + 1) / 2;
   const std::int32_t n_passes = passes_over(r.n_samples);
   if (n_passes == 0) return true;
@@ -222,6 +229,7 @@ struct phase_table {
 phase_table make_phase_table(std::int32_t f0_bin, float degrees_per_decade) {
   phase_table table{std::vector<float>(half_points, 1.0f), std::vector<float>(half_points, 0.0f)};
   const double radians_per_decade = double{degrees_per_decade} * M_PI / 180.0;
+  // Bins 0 and N/2 stay: a turned phase there would not be that of a real signal.
   for (std::int32_t k = 1; k < half_points; ++k) {
     const double angle = std::log10(static_cast<double>(k) / f0_bin) * radians_per_decade;
     table.cosine[static_cast<std::size_t>(k)] = static_cast<float>(std::cos(angle));
@@ -254,6 +262,7 @@ bool turn_channels(session_state& session, filter_progress& progress) {
   const std::int32_t n_threads = filter_threads(session);
   std::vector<fft_buffer> buffers(static_cast<std::size_t>(n_threads));
   if (!allocate_all(session, buffers)) return false;
+  // At least the first bin: angles are counted from the logarithm of k over it.
   const std::int32_t f0_bin = std::max(bin_of_frequency(f.phase_f0_khz, r.sampling_frequency), 1);
   const phase_table table = make_phase_table(f0_bin, f.phase_shift_degs_per_decade);
   set_parts(progress, std::int64_t{r.n_channels} * n_passes);
@@ -322,6 +331,7 @@ void store_shaped(session_state& session, std::int32_t channel, std::vector<floa
   recording_store& r = session.recording;
   const double deviation = settled_deviation(x);
   const float noise_uv = r.chan_noise[channel] * r.vscale_HP;
+  // A channel that does not move becomes 0 throughout.
   const float factor = deviation > 0.0 ? noise_uv / static_cast<float>(deviation) : 0.0f;
   for (std::size_t i = 0; i < x.size(); ++i) {
     x[i] = x[i] * factor / r.vscale_HP;
@@ -335,9 +345,11 @@ bool shape_channels(session_state& session, filter_progress& progress) {
   recording_store& r = session.recording;
   if (r.n_samples <= 0) return true;
   fft_buffer buffer;
+  // Asked before the arrays below are made, which would end the program where there is no room.
   if (!memory_can_hold(std::int64_t{4} * r.n_samples) || !buffer.allocate()) {
     return report_no_memory(session);
   }
+  // This is the noise that each channel gets again; after the first step it could not be measured.
   compute_noise(session);
   const std::vector<float> gains = one_over_f_gains();
   std::vector<float> shaped(static_cast<std::size_t>(r.n_samples));
@@ -354,6 +366,7 @@ bool shape_channels(session_state& session, filter_progress& progress) {
 std::int32_t bin_of_frequency(float khz, std::int32_t sampling_frequency) {
   const float bin =
       khz * static_cast<float>(points_in_khz) / static_cast<float>(sampling_frequency);
+  // A sampling frequency of 0 makes it infinite, which no whole number holds.
   constexpr float beyond_all_bins = 1e8f;
   // Not a number counts as 0.
   return bin > 0.0f ? static_cast<std::int32_t>(std::min(bin, beyond_all_bins)) : 0;
@@ -362,8 +375,10 @@ std::int32_t bin_of_frequency(float khz, std::int32_t sampling_frequency) {
 std::vector<float> butterworth_gains(std::int32_t cutoff_bin, std::int32_t poles, bool low_pass) {
   std::vector<float> gains(half_points + 1, 1.0f);
   const std::int64_t n_bins =
+      // In 64 bits: ten times the highest bin that a cut-off may have is beyond 32.
       low_pass ? half_points : std::min<std::int64_t>(10 * std::int64_t{cutoff_bin}, half_points);
   for (std::int64_t k = 0; k < n_bins; ++k) {
+    // Bin 0 by itself: with a cut-off of 0 it would be 0 / 0.
     const double x = k == 0 ? 0.0 : static_cast<double>(k) / cutoff_bin;
     const double low = std::sqrt(1.0 / (1.0 + even_power(x, poles)));
     gains[static_cast<std::size_t>(k)] = static_cast<float>(low_pass ? low : 1.0 - low);
@@ -377,6 +392,7 @@ std::vector<float> notch_gains(std::int32_t sampling_frequency) {
   if (sampling_frequency <= 0) return gains;
   constexpr std::int32_t width = 2500;
   for (std::int32_t harmonic = 1; harmonic <= 4; ++harmonic) {
+    // 240 times 2^20 still fits 32 bits.
     const std::int32_t centre = harmonic * 60 * fft_points / sampling_frequency;
     const std::int32_t last = std::min(centre + width, fft_points - 1);
     for (std::int32_t k = std::max(centre - width, 1); k <= last; ++k) {

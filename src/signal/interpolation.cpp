@@ -17,6 +17,7 @@ KESTRELVANE_CLONES void filter_run(const std::int16_t* v, const float* taps, std
   for (std::int32_t first = 0; first < n; first += run_block) {
     const std::int32_t end = n - first < run_block ? n - first : run_block;
     const std::int32_t n_samples = whole_lanes(whole_lanes(end) + 2 * width);
+    // Reads up to a lane or two beyond the run; the margins of vd take that.
     for (std::int32_t i = 0; i < n_samples; i += n_lanes) {
       const short_lanes s = *reinterpret_cast<const short_lanes*>(v + first + i - width);
       *reinterpret_cast<float_lanes*>(samples + i) = __builtin_convertvector(s, float_lanes);
@@ -46,6 +47,7 @@ void interp_run(const session_state& session, const std::int16_t* v, std::int32_
   const interpolation_tables& tables = session.tables;
   float taps[101];
   for (std::int32_t j = -tables.width; j <= tables.width; ++j) {
+    // The table is symmetric, so that it holds one side alone.
     const std::int32_t k = tables.depth * j - s;
     taps[j + tables.width] = tables.interp_table[k < 0 ? -k : k];
   }

@@ -24,6 +24,7 @@ std::uint16_t magnitude(std::int16_t v) {
 // The element at place (n + 1) / 2 in order, found by counting: first the upper
 // byte of the answer, then the lower one.
 float median_magnitude(const magnitudes& values) {
+  // Of an even number the lower of the two in the middle.
   std::int32_t rank = static_cast<std::int32_t>(values.size() + 1) / 2;
   if (rank == 0) return 0.0f;
   const auto pick = [&rank](const std::int32_t* counts) {
@@ -48,6 +49,7 @@ struct exact_sums {
   void add(std::int16_t v) {
     ++n;
     sum += v;
+    // A square of two bytes fits four.
     sum_of_squares += std::int32_t{v} * v;
   }
   float deviation() const {
@@ -73,6 +75,7 @@ void walk_sub_sample(const std::int16_t* v, std::int32_t n_samples, Keep&& keep,
 }
 
 // Two zeros on end are a stretch that was blanked.
+// At the last sample this looks one further, where vd has a spare sample or a spare channel.
 bool is_not_blanked(const std::int16_t* v, std::int64_t t) { return v[t] != 0 || v[t + 1] != 0; }
 // Stored records are padded with zeros.
 bool is_not_padding(const std::int16_t* v, std::int64_t t) { return v[t] != 0; }
@@ -111,6 +114,7 @@ float event_deviation(const std::int16_t* v, std::int32_t n_samples) {
 template <typename Measure>
 void measure_channels(session_state& session, Measure&& measure) {
   recording_store& r = session.recording;
+  // Channels that cannot be measured keep the 0.
   r.chan_noise.clear();
   if (r.n_samples <= 0) return;
   parallel_for_dealt(threads_now(session), 1, r.n_channels, [&](std::int64_t c, std::int32_t) {
@@ -174,6 +178,7 @@ float window_noise(const session_state& session, std::int32_t channel, std::int3
 void mask_quiet_channels(session_state& session) {
   recording_store& r = session.recording;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    // Noise that was not measured, 0, is below every limit.
     if (r.chan_noise[c] * r.vscale_HP < session.detection.mask_noise_below_uv) {
       r.chan_mask[c] = true;
     }

@@ -32,6 +32,7 @@ void count_voltages(const std::int16_t* v, std::int32_t n_samples, voltage_histo
     const std::int32_t n = (n_samples - 96) / 5;
     for (std::int32_t i = 0; i < n; ++i) {
       const std::int32_t sample = v[50 + std::int64_t{5} * i];
+      // Rounds downwards on both sides of 0, so that all bins are four bits wide.
       const std::int32_t bin = sample >> 2;  // floor(sample / 4)
       if (sample == 0 || bin < -highest_bin || bin > highest_bin) continue;
       ++h.at(bin);
@@ -55,6 +56,7 @@ voltage_shoulders find_shoulders(const recording_store& r, std::int32_t channel)
   fit_points points;
   points.fit_model = fit_gaussian;
   for (std::int32_t bin = h.lowest; bin <= h.highest; ++bin) {
+    // Half a bit above the lowest voltage of the bin, and not its middle.
     points.fit_x.push_back((static_cast<float>(bits_per_bin * bin) + 0.5f) * r.vscale_HP);
     points.fit_y.push_back(static_cast<float>(h.at(bin)));
   }
@@ -70,6 +72,7 @@ voltage_shoulders find_shoulders(const recording_store& r, std::int32_t channel)
   for (std::size_t i = 0; i < points.fit_x.size(); ++i) {
     const float x = points.fit_x[i];
     const float y = points.fit_y[i];
+    // A bin that nothing fell into is no tail.
     if (!(y > 0.0f) || !(fit_value(fit_gaussian, fit.p, x) / y <= tail_share)) continue;
     if (x < 0.0f) found.negative = x;
     if (x > 0.0f && found.positive == 0.0f) found.positive = x;
@@ -87,6 +90,7 @@ bool fill_missing(std::vector<voltage_shoulders>& all, float voltage_shoulders::
     sum += s.*side;
     ++n;
   }
+  // Nothing is missing on this side.
   if (n == static_cast<std::int32_t>(all.size())) return false;
   const float mean = sum / static_cast<float>(n);
   for (voltage_shoulders& s : all) {
@@ -99,6 +103,7 @@ bool fill_missing(std::vector<voltage_shoulders>& all, float voltage_shoulders::
 // a number becomes a threshold that no sample reaches.
 std::int32_t threshold_of(float bits, std::int32_t unreachable) {
   if (std::isnan(bits)) return unreachable;
+  // One beyond what a sample can hold, on either side: a threshold that is never reached.
   return static_cast<std::int32_t>(std::clamp(bits, -32769.0f, 32768.0f));
 }
 
@@ -121,6 +126,7 @@ void compute_auto_thresholds(session_state& session) {
   parallel_for_dealt(threads_now(session), 1, r.n_channels, [&](std::int64_t c, std::int32_t) {
     all[c - 1] = find_shoulders(r, static_cast<std::int32_t>(c));
   });
+  // After the loop, so that lines come in the order of the channels and not of the threads.
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const curve_fit& fit = all[c - 1].fit;
     if (fit.status == 0) continue;
@@ -134,9 +140,11 @@ void compute_auto_thresholds(session_state& session) {
                            : "Channel thresholds");
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const voltage_shoulders& s = all[c - 1];
+    // Masked channels are fitted like the others; they are only not listed.
     if (!r.chan_mask[c]) {
       log_message(session, fmt::format("{:4} {:9.2f} {:9.2f}", c, s.negative, s.positive));
     }
+    // The halves make the later cut to whole bits a rounding.
     d.auto_threshold_pos[c] = s.positive / r.vscale_HP + 0.5f;
     d.auto_threshold_neg[c] = s.negative / r.vscale_HP - 0.5f;
   }
@@ -150,6 +158,7 @@ void set_fixed_threshold_bits(session_state& session) {
 void threshold_for_channel(session_state& session, std::int32_t channel) {
   detection_state& d = session.detector;
   switch (session.detection.threshold_mode) {
+    // threshold_bits was set at the start of the pass and is the same for every channel.
     case threshold_fixed:
       set_both_sides(d);
       break;

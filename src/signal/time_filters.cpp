@@ -78,6 +78,7 @@ std::vector<std::int32_t> all_channels(const recording_store& r) {
 // ---------------------------------------------------------------- channel means
 
 KESTRELVANE_CLONES void subtract_mean(std::int16_t* v, std::int32_t n, double mean) {
+  // A mean far from 0 may carry a sample out of two bytes; it wraps.
   for (std::int32_t i = 0; i < n; ++i) v[i] = static_cast<std::int16_t>(nearest(v[i] - mean));
 }
 
@@ -116,6 +117,7 @@ std::vector<weight_row> weight_table(const recording_store& r,
   for (std::size_t c = 0; c < channels.size(); ++c) {
     for (std::size_t j = 0; j < channels.size(); ++j) {
       const float d = r.distance(channels[c], channels[j]);
+      // Strictly below, so that a radius of 0 leaves not even the channel itself.
       if (!(d < 3.0f * radius)) continue;
       // In 64 bits, so that the table is the same on every machine.
       const auto weight = static_cast<float>(std::exp(-(double{d} * d) / two_r_squared));
@@ -161,7 +163,7 @@ void smooth_channel(std::int16_t* v, std::int64_t last, std::int64_t max_time) {
   std::int16_t before = v[1];
   for (std::int64_t t = 2; t <= last; t += smooth_block) {
     const auto n = static_cast<std::int32_t>(std::min<std::int64_t>(smooth_block, last + 1 - t));
-    // The sample in front has been written over by now, the one behind will be.
+    // The sample in front has been written over by now, the one after it will be.
     x[0] = before;
     std::memcpy(x + 1, v + t, sizeof(std::int16_t) * static_cast<std::size_t>(n));
     x[n + 1] = t + n <= max_time ? v[t + n] : std::int16_t{0};
@@ -245,6 +247,8 @@ void spatial_smooth(session_state& session, filter_progress& progress) {
     for_each_block(session, progress, length,
                    [&](std::int64_t first, std::int32_t n, std::int32_t rank) {
                      float* const block = blocks[static_cast<std::size_t>(rank)].data();
+                     // All channels are copied before any is written: neighbours must be read
+                     // unsmoothed.
                      for (std::size_t c = 0; c < channels.size(); ++c) {
                        copy_as_float(block + c * length, r.vd.channel(channels[c]) + first, n);
                      }
@@ -267,6 +271,7 @@ void temporal_smooth(session_state& session, filter_progress& progress) {
   recording_store& r = session.recording;
   const std::int64_t n_blocks = (std::int64_t{r.n_samples} + smooth_block - 1) / smooth_block;
   const std::int64_t max_time = r.vd.max_time();
+  // Whole blocks, on beyond the recording as far as there is room.
   const std::int64_t last = std::min(n_blocks * smooth_block + 1, max_time);
   for_each_channel(session, progress, unmasked_channels(r),
                    [&](std::int32_t c) { smooth_channel(r.vd.channel(c), last, max_time); });

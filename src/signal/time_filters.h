@@ -28,7 +28,7 @@ void remove_common_mean(session_state& session, filter_progress& progress);
 void spatial_smooth(session_state& session, filter_progress& progress);
 
 // 1:2:1 over time on unmasked channels, in two-byte arithmetic. Each term is rounded by
-// itself; the sum of the outer two wraps. Runs on into the spare samples behind the
+// itself; the sum of the outer two wraps. Runs on into the spare samples after the
 // recording. Sets temporal_smoothed.
 void temporal_smooth(session_state& session, filter_progress& progress);
 
