@@ -13,7 +13,9 @@ namespace HWY_NAMESPACE {
 
 namespace hn = hwy::HWY_NAMESPACE;
 
+// At a distance of 3 the kernel has fallen to exp(-9), about a ten-thousandth.
 constexpr float box_limit = 3.0f;
+// Entries of the kernel table to a unit of squared distance.
 constexpr float table_scale = 500.0f;
 
 // Copies the points inside the box of a scout, in order, column by column;
@@ -39,6 +41,8 @@ std::int32_t keep_inside(const gac_columns& sources, const float* scout, float* 
     if (hn::AllFalse(d, in_box)) continue;
     // Compressed in the register and stored whole: a compressing store is many
     // times slower on some processors.
+    // What a store leaves beyond count is overwritten by the next one; the padding of the column
+    // takes the last.
     for (int c = 0; c < dimensions; ++c) {
       hn::StoreU(hn::Compress(hn::LoadU(d, columns[c] + i), in_box), d,
                  inside + std::int64_t{c} * inside_stride + count);
@@ -59,6 +63,7 @@ void form_terms(const float* kernel, const float* scout, const float* inside,
   const hn::RebindToSigned<decltype(d)> di;
   const auto lanes = static_cast<std::int32_t>(hn::Lanes(d));
   const auto zero = hn::Zero(d);
+  // Up to a whole vector: terms beyond count are made of leftovers, and never added.
   for (std::int32_t i = 0; i < count; i += lanes) {
     decltype(hn::Zero(d)) difference[8] = {zero, zero, zero, zero, zero, zero, zero, zero};
     auto squared = zero;
@@ -70,6 +75,7 @@ void form_terms(const float* kernel, const float* scout, const float* inside,
     }
     // Beyond the table the weight is its last entry, 0.
     const auto scaled = hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
+    // The conversion drops the fraction: the table is read at its entries, not between them.
     const auto weight = hn::GatherIndex(d, kernel, hn::ConvertTo(di, scaled));
     for (int c = 0; c < dimensions; ++c) difference[c] = hn::Mul(difference[c], weight);
     hn::StoreInterleaved4(weight, difference[0], difference[1], difference[2], d, terms + 4 * i);
@@ -89,6 +95,7 @@ HWY_INLINE void add_terms(const float* const* terms, std::int32_t first, std::in
                           four_doubles* sums) {
   four_doubles local[n_chains];
   for (int k = 0; k < n_chains; ++k) local[k] = sums[k];
+  // Each scout adds its own terms in their order; only scouts run side by side.
   for (std::int32_t i = first; i < last; ++i) {
     for (int k = 0; k < n_chains; ++k) {
       const auto term = *reinterpret_cast<const four_floats*>(terms[k] + 4 * std::int64_t{i});
@@ -212,6 +219,7 @@ std::int32_t find_near(const gac_columns& scouts, std::int32_t first, std::int32
       squared = hn::Add(squared, hn::Mul(dc, dc));
     }
     near = hn::And(near, hn::Lt(squared, reach_squared));
+    // The vector may reach beyond last, where what it finds does not count.
     const auto found = hn::FindFirstTrue(d, near);
     if (found >= 0) {
       const auto at = j + static_cast<std::int32_t>(found);
@@ -235,6 +243,7 @@ void gac_columns::resize(std::int32_t n_points, std::int32_t n_dimensions) {
   constexpr std::int32_t widest = 64;  // floats of the widest vector known
   n = n_points;
   dimensions = n_dimensions;
+  // A whole vector of padding at least: loads begin at any point and run on beyond the last.
   stride = (n_points + 2 * widest) / widest * widest;
   // Far from everything, so that padding is in no box and near no scout.
   values.assign(static_cast<std::size_t>(stride) * n_dimensions, 3.0e18f);

@@ -1,7 +1,7 @@
 // The scout step of gradient ascent clustering: its hot loop.
 //
 // A scout moves to the Gaussian-weighted mean of the points within a box of 3.0
-// round it. The sums behind that mean are made in the order of the points, one
+// round it. The sums of that mean are made in the order of the points, one
 // scout at a time, so the bits do not depend on the vector width chosen at run
 // time or on the number of threads. What is fast here: the box test runs over
 // many points at once and keeps, in order, only those inside; weights and moments

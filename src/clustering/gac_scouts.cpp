@@ -23,12 +23,15 @@ namespace {
 
 void count_tiny_step(const gac_step_settings& settings, gac_scouts& scouts, std::int32_t k) {
   ++scouts.stall[k];
+  // The limit itself is still a step; it stops with the one after it.
   if (scouts.stall[k] > settings.stall_limit) scouts.stopped[k] = 1;
 }
 
 // Moves a scout by what it gathered.
 void move_scout(const gac_step_settings& settings, gac_scouts& scouts, std::int32_t k,
                 const gac_sums& sums) {
+  // Nothing near has any weight, so there is no slope to climb. With every q-th point as a source
+  // that happens to a scout that started far out.
   if (!(sums.weight > 0.0)) {
     scouts.stopped[k] = 1;
     return;
@@ -73,6 +76,7 @@ std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& se
     if (scouts.stopped[k]) continue;
     if (scouts.frozen[k] == 0) {
       going.push_back(k);
+      // It would take the same tiny step again, which counts though it is not computed.
     } else if (scouts.frozen[k] == 2) {
       count_tiny_step(settings, scouts, k);
     }
@@ -81,6 +85,8 @@ std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& se
   for (std::int32_t first = 0; first < n; first += 4) {
     step_batch(sources, settings, scouts, going.data() + first, std::min(4, n - first));
   }
+  // One that is frozen by a step that was not tiny goes on counting as going: far out, a step may
+  // be too short for 32 bits to move it. Such a stage ends with max_iterations.
   std::int32_t still_going = 0;
   for (std::int32_t k = 0; k < scouts.n_scouts; ++k) still_going += scouts.stopped[k] == 0;
   return still_going;
@@ -138,6 +144,8 @@ std::int64_t cell_of(const scout_grid& grid, float x) {
 }
 
 std::uint32_t chain_of(const scout_grid& grid, std::int64_t cell_x, std::int64_t cell_y) {
+  // Chains may hold several cells. Every candidate is tested, and one that has gone is passed over,
+  // so that a collision costs time alone.
   const auto key = static_cast<std::uint64_t>(cell_x) * 0x9e3779b97f4a7c15u ^
                    static_cast<std::uint64_t>(cell_y) * 0xc2b2ae3d27d4eb4fu;
   return static_cast<std::uint32_t>(key >> 32) & grid.mask;

@@ -10,6 +10,7 @@
 namespace kestrelvane {
 
 float stage_bandwidth(std::int32_t s) {
+  // 1.1 as 32 bits hold it, raised to its power in 64.
   return static_cast<float>(std::pow(static_cast<double>(1.1f), s - 1));
 }
 
@@ -84,6 +85,7 @@ void run_stage(const gac_parameters& parameters, const gac_points& points, std::
   const float radius = parameters.merge_radius / g;
   const float h = radius * 0.5f;
   start_scouts(scaled, scouts);
+  // Scouts that start close together need not climb one by one.
   merge_scouts(h, scouts);
 
   const std::int32_t q = parameters.subsample ? points.n / 5000 + 1 : 1;
@@ -91,6 +93,7 @@ void run_stage(const gac_parameters& parameters, const gac_points& points, std::
   const gac_step_settings settings{parameters.gain, parameters.stop_step / g,
                                    parameters.stall_limit, parameters.kernel};
   std::int32_t iterations = 0, going = 0;
+  // At least one step, whatever the limit.
   do {
     going = step_scouts(sources, settings, scouts);
     merge_scouts(h, scouts);
@@ -115,10 +118,12 @@ void count_stage_sizes(const gac_parameters& parameters, gac_tables& tables, std
   std::int32_t* sizes = tables.as_cl_sizes[s];
   std::fill(sizes, sizes + gac_label_limit + 1, 0);
   for (std::int32_t& label : tables.stage_labels[s]) {
+    // What is above 99 shares the last label, so that it is no cluster of its own.
     if (label > gac_label_limit - 1) label = gac_label_limit;
     ++sizes[label];
   }
   std::int32_t leading = 0;
+  // Labels fall in size, so the first that is too small ends the count.
   while (leading < 50 && sizes[leading + 1] >= parameters.min_cluster_size) ++leading;
   tables.nc_ge_min[s] = leading;
   std::int32_t tiny = 0;
@@ -135,6 +140,7 @@ void link_stage(const gac_parameters& parameters, gac_tables& tables, std::int32
   std::fill(map, map + gac_label_limit + 1, 0);
   std::int32_t top = gac_label_limit;
   while (top > 0 && tables.as_cl_sizes[t][top] == 0) --top;
+  // Label 100 in use means more clusters than labels: nothing is linked to such a stage.
   if (top == gac_label_limit || top == 0) return;
   // from[c][b]: points of label c that had label b.
   std::vector<std::int32_t> from(static_cast<std::size_t>(top + 1) * (gac_label_limit + 1), 0);
@@ -145,10 +151,12 @@ void link_stage(const gac_parameters& parameters, gac_tables& tables, std::int32
   }
   for (std::int32_t c = 1; c <= top; ++c) {
     const std::int32_t* counts = from.data() + static_cast<std::size_t>(c) * (gac_label_limit + 1);
+    // The lowest label of several that gave as many.
     const auto best = static_cast<std::int32_t>(
         std::max_element(counts + 1, counts + gac_label_limit + 1) - counts);
     const auto size = static_cast<float>(tables.as_cl_sizes[t][c]);
     const float change = (static_cast<float>(counts[best]) - size) * 100.0f / size;
+    // Of two labels that continue the same one the later stands, which is the smaller.
     if (std::fabs(change) < parameters.size_tolerance) map[best] = c;
   }
 }
@@ -167,6 +175,7 @@ void as_cl_scores_update(gac_tables& tables, std::int32_t s) {
     for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
       if (visited[t][c]) continue;
       std::int32_t length = 1;
+      // A chain that goes on above stage s counts to s alone.
       for (std::int32_t at = t, label = c;
            at < s && (label = tables.as_cluster_map[at][label]) != 0; ++at) {
         ++length;
@@ -201,6 +210,7 @@ bool is_settled(const gac_parameters& parameters, const gac_tables& tables, std:
     if (tables.as_cl_scores[s][c] < parameters.threshold) {
       unstable += tables.as_cl_sizes[s][c];
     }
+    // Fewer than three points are outside the largest cluster: nothing is left to merge.
   }
   return unstable < parameters.min_cluster_size || tables.n - tables.as_cl_sizes[s][1] < 3;
 }

@@ -34,6 +34,7 @@ std::vector<std::int32_t> list_cluster_events(const session_state& session, std:
   const std::int64_t n = session.events.n_events;
   std::vector<std::int32_t> list;
   std::int64_t i = 0;
+  // In blocks: most hold no event of the cluster, and the test alone runs in whole lanes.
   for (; i + scan_block <= n; i += scan_block) {
     if (!block_holds(of + i, cluster)) continue;
     for (std::int64_t k = i; k < i + scan_block; ++k) {
@@ -64,6 +65,7 @@ std::int32_t count_epoch_events(const session_state& session, std::int32_t clust
   for (const std::int32_t e : list_cluster_events(session, cluster)) {
     std::int32_t of_event = 1;
     for (std::int32_t k = 1; k <= r.n_epochs; ++k) {
+      // Strictly: an event on the very first sample of an epoch counts to the one before.
       if (r.epoch_first_index[k] < session.events.event_time[e]) of_event = k;
     }
     count += of_event == epoch;
@@ -95,6 +97,7 @@ void clear_cluster_record(session_state& session, std::int32_t cluster) {
   clusters.cluster_signed_off[cluster] = false;
   clusters.cluster_tag[cluster] = 0;
   clusters.cluster_comment[cluster].blank();
+  // cluster_sigma is left alone: it belongs to the number and not to the cluster.
   clusters.cluster_reserved[cluster] = 0.0f;
   templates.template_n_channels[cluster] = 0;
 }
@@ -115,6 +118,7 @@ void compact_subcluster_labels(std::int32_t* labels, std::int64_t n, const std::
   for (std::int32_t k = 0; k <= 100; ++k) map[k] = k;
   for (std::int32_t k = 1; k <= 100; ++k) {
     if (sizes[k] != 0) continue;
+    // Each empty label lets those above it close up by one.
     for (std::int32_t above = k + 1; above <= 100; ++above) --map[above];
   }
   for (std::int64_t i = 0; i < n; ++i) {

@@ -48,6 +48,7 @@ void score_points(const session_state& session, const std::vector<std::int32_t>&
                   std::int32_t first, std::int32_t last, pc_candidates& candidates, Score&& score) {
   const std::int32_t start = window_first_sample(session);
   for (const std::int32_t channel : channels) {
+    // Room is bounded: channels that come after the list is full have no say.
     for (std::int32_t t = first; t <= last && !candidates.full(); ++t) {
       candidates.points.push_back({start + t - 1, channel});
       candidates.scores.push_back(score(channel, t));
@@ -69,9 +70,11 @@ std::vector<pc_point> distribute_points(const session_state& session, std::int32
     const float height = template_peak_to_peak(session, slot, c);
     const float step = points / (height * static_cast<float>(limit) / total);
     std::int32_t previous = INT32_MIN;
+    // A template that is flat on every channel makes it 0 / 0.
     if (!(step > 0.0f)) continue;
     for (auto y = static_cast<float>(window_first_sample(session)); y < end; y += step) {
       const auto i = static_cast<std::int32_t>(std::lround(y));
+      // A step below one sample would name the same one twice.
       if (i != previous && chosen.size() < limit) {
         chosen.push_back({i, c});
         previous = i;
@@ -91,7 +94,9 @@ float point_entropy(const session_state& session, const std::vector<aligned_even
     const float v =
         interp_voltage(session, e.time + offset, channel, interp_step(session, e.shift));
     const auto bin =
+        // Cut towards 0, so that the middle bin is twice as wide: from -5 to 5 µV.
         static_cast<std::int32_t>((v * session.recording.vscale_HP + 1000.0f) / 5.0f - 200.0f);
+    // What is beyond 500 µV does not enter, nor count in the total.
     if (bin < -reach || bin > reach) continue;
     bins[bin + reach] += 1.0f;
     total += 1.0f;
@@ -113,6 +118,7 @@ void score_entropy(const session_state& session, std::int32_t slot,
     const float d = r.distance(centre, c);
     const float argument = -(d * d) / 80000.0f;
     const auto weight = static_cast<float>(std::exp(static_cast<double>(argument)));
+    // Beyond some 740 µm a channel cannot be among the best.
     if (r.chan_mask[c] || !(weight > 0.001f)) continue;
     const std::int32_t start = window_first_sample(session);
     score_points(session, {c}, 1, session.templates.template_points, candidates,
@@ -130,6 +136,7 @@ pc_candidates score_candidates(const session_state& session, std::int32_t slot, 
   const auto voltage = [&](std::int32_t c, std::int32_t t) {
     return std::fabs(templates.mean(slot, c)[t]);
   };
+  // Over two samples, so that the value belongs to the point in the middle.
   const auto gradient = [&](std::int32_t c, std::int32_t t) {
     const float* mean = templates.mean(slot, c);
     return std::fabs(mean[t + 1] - mean[t - 1]);
@@ -190,6 +197,7 @@ std::vector<pc_point> select_pc_points(session_state& session, const pc_paramete
   std::vector<std::int32_t> order(count);
   index_sort(count, candidates.scores.data(), order.data(), session_failure_log(session));
   std::vector<pc_point> chosen(std::min(count, parameters.point_limit));
+  // The sort rises: the best stand at its end. Its numbers count from 1.
   for (std::size_t i = 0; i < chosen.size(); ++i) {
     chosen[i] = candidates.points[order[count - 1 - i] - 1];
   }
@@ -245,6 +253,7 @@ void fill_pc_rows(const session_state& session, const std::vector<pc_point>& poi
     const aligned_event& event = events[e];
     const std::int32_t s = interp_step(session, event.shift);
     float* row = rows.row(e);
+    // The samples of an event lie anywhere in vd: they are fetched while others are worked on.
     if (e + prefetch_distance < rows.n_rows) {
       for (const channel_run& run : runs) {
         prefetch_samples(session.recording.vd.channel(run.channel) +
@@ -288,6 +297,7 @@ __attribute__((always_inline)) inline void sum_products_block(const float* rows,
 KESTRELVANE_CLONES void sum_all_products(const float* rows, std::int64_t step, std::int64_t k,
                                          std::int32_t m, std::int32_t stride, double* products) {
   for (std::int32_t p = 0; p < m; p += 4) {
+    // From the lane that holds p on: what falls below the diagonal is computed and not read.
     for (std::int32_t r = p / n_lanes * n_lanes; r < m; r += n_lanes) {
       double_lanes sums[4];
       sum_products_block<4>(rows, step, k, p, r, sums);
@@ -326,6 +336,7 @@ void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log&
   for (std::int32_t p = 0; p < m; ++p) {
     for (std::int32_t r = p; r < m; ++r) {
       const double product = products[std::int64_t{p} * rows.stride + r];
+      // Over n and not n - 1, which changes no axis.
       const auto value = static_cast<float>((product - sums[p] * sums[r] / n) / n);
       covariance[static_cast<std::size_t>(p) * m + r] = value;
       covariance[static_cast<std::size_t>(r) * m + p] = value;
@@ -340,6 +351,7 @@ void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int3
                   std::vector<float>& out) {
   const std::int32_t m = rows.n_points;
   out.assign(static_cast<std::size_t>(rows.n_rows) * dimensions, 0.0f);
+  // With more components than points the rest stay 0.
   for (std::int32_t d = 0; d < std::min(dimensions, m); ++d) {
     const float* axis = axes.data() + std::int64_t{d} * m;
     // Eight rows side by side, each in the order of its points.
@@ -370,6 +382,7 @@ std::vector<aligned_event> read_events(const session_state& session,
 }
 
 std::int32_t stride_member(std::int32_t i, std::int32_t n, std::int32_t m) {
+  // In 64 bits: places and counts multiply beyond 32.
   return static_cast<std::int32_t>(std::int64_t{i - 1} * n / m) + 1;
 }
 
@@ -428,6 +441,7 @@ void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points&
   const std::vector<aligned_event> events = read_events(session, list, false, 0.0f);
   std::vector<aligned_event> entropy_events;
   if (parameters.selection == pc_max_entropy) {
+    // Only after all events have been read from it.
     thin_event_list(list, 10000);
     entropy_events = read_events(session, list, false, 0.0f);
   }
@@ -448,7 +462,9 @@ float shifted_template_value(const session_state& session, const float* values, 
   const auto i = static_cast<std::int32_t>(position);
   const auto j = static_cast<std::int32_t>((position - static_cast<float>(i)) *
                                            static_cast<float>(tables.depth));
+  // A whole shift repeats the end point where it runs over the template; a fraction reads 0.
   if (j == 0) return values[std::clamp(i, 1, points)];
+  // Point 151, where there is one, never enters a sum.
   const std::int32_t last = std::min({i + tables.width, points, template_point_limit - 1});
   float sum = 0.0f;
   for (std::int32_t k = std::max(i - tables.width, 1); k <= last; ++k) {
@@ -475,9 +491,11 @@ void make_pair_template(session_state& session, std::int32_t a, std::int32_t b, 
       mean[t] = w_a * read(a, templates.mean(a, c), t) + w_b * read(b, templates.mean(b, c), t);
       const float sd_a = read(a, templates.sd(a, c), t);
       const float sd_b = read(b, templates.sd(b, c), t);
+      // The spreads alone, by their weights; how far the two means lie apart does not enter.
       sd[t] = std::sqrt(w_a * (sd_a * sd_a) + w_b * (sd_b * sd_b));
     }
   }
+  // A flat template must not inherit the channels of whoever used the slot before.
   templates.template_n_channels[slot] = 0;
   get_scratch_template_channels(session, slot);
 }
@@ -506,6 +524,7 @@ std::vector<aligned_event> join_events(const std::vector<std::int32_t>& list_a,
   all.reserve(events_a.size() + events_b.size());
   std::size_t i = 0, j = 0;
   while (i < list_a.size() || j < list_b.size()) {
+    // An event is in one cluster, so that no two numbers are equal.
     const bool from_a = j == list_b.size() || (i < list_a.size() && list_a[i] < list_b[j]);
     all.push_back(from_a ? events_a[i++] : events_b[j++]);
   }
@@ -523,10 +542,12 @@ void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std:
   const std::vector<std::int32_t> list_b = list_cluster_events(session, b);
   const std::vector<aligned_event> events_a = read_events(session, list_a, n_shift == a, shift);
   const std::vector<aligned_event> events_b = read_events(session, list_b, n_shift == b, shift);
+  // The first slots above the clusters are scratch, one for each thread.
   const std::int32_t slot = session.clusters.n_clusters + 1 + rank;
   make_pair_template(session, a, b, shift, n_shift, static_cast<std::int32_t>(list_a.size()),
                      static_cast<std::int32_t>(list_b.size()), slot);
   const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
+  // Points and axes come from the sample, then every event is projected on them.
   const std::vector<pc_point> chosen = select_pc_points(session, parameters, slot, sample);
   pc_rows rows;
   fill_pc_rows(session, chosen, sample, scale, rows);

@@ -24,6 +24,7 @@ void apply_event_shift(std::int32_t& time, float& fraction, float shift) {
   const auto whole = static_cast<std::int32_t>(raised);
   const float new_fraction = (raised - static_cast<float>(whole)) + fraction;
   const std::int32_t new_time = whole - 1000 + time;
+  // A fraction of exactly 1 stays one.
   if (new_fraction > 1.0f) {
     time = new_time + 1;
     fraction = new_fraction - 1.0f;
@@ -55,6 +56,7 @@ float distance_weight(const template_view& view, std::int32_t channel) {
 }
 
 std::int32_t find_extreme_point(const template_view& view, std::int32_t mode) {
+  // Strictly better: the first of equal points.
   const float* t = view.on(view.centre);
   std::int32_t best = 1;
   for (std::int32_t p = 2; p <= view.points; ++p) {
@@ -109,12 +111,14 @@ float find_feature_point(const template_view& view, std::int32_t mode) {
     return crossing ? find_crossing(view.on(channel), from, to, mode)
                     : find_slope(view.on(channel), from, to, mode);
   };
+  // The centre channel decides whether there is a feature at all.
   const feature centre = find(view.centre, first, last);
   if (!(centre.steepness > 0.0f)) return 0.0f;
   float weight = template_peak_to_peak(view.session, view.cluster, view.centre);
   float sum = centre.position * weight;
   const auto near = static_cast<std::int32_t>(centre.position);
   const std::int32_t* channels = view.session.templates.channels(view.cluster);
+  // The first of the list is the centre channel, counted already.
   for (std::int32_t k = 2; k <= view.session.templates.template_n_channels[view.cluster]; ++k) {
     const feature other = find(channels[k], near - 5, near + 5);
     if (!(other.steepness > 0.0f)) continue;
@@ -129,6 +133,7 @@ float find_feature_point(const template_view& view, std::int32_t mode) {
 // 0 when the template is flat.
 float find_gravity_point(const template_view& view, std::int32_t mode) {
   double moment = 0.0, mass = 0.0;
+  // A curvature needs a neighbour on both sides.
   const std::int32_t margin = mode == align_gravity ? 0 : 1;
   for (std::int32_t channel = 1; channel <= view.session.recording.n_channels; ++channel) {
     const float* v = view.on(channel);
@@ -156,6 +161,7 @@ float find_template_shift(const session_state& session, std::int32_t cluster) {
   } else if (mode == align_gravity || mode == align_curvature) {
     p = find_gravity_point(view, mode);
   }
+  // No feature to align to: the events stay where they are.
   if (p == 0.0f) return 0.0f;
   return static_cast<float>(window_first_sample(session) - 1) + p;
 }
@@ -204,6 +210,7 @@ std::int32_t find_sharpest_minimum(const float* s, std::int32_t w) {
   float best_curvature = 0.0f;
   for (std::int32_t d = -w + 1; d <= w - 1; ++d) {
     if (!(s[d] < s[d - 1] && s[d] < s[d + 1])) continue;
+    // Negative at a minimum, the more so the sharper it is.
     const float curvature = 2.0f * s[d] - s[d - 1] - s[d + 1];
     if (best < -w || curvature < best_curvature) {
       best = d;
@@ -219,6 +226,7 @@ std::int32_t find_lowest_minimum(const float* s, std::int32_t w) {
   std::int32_t best = -w - 1;
   for (std::int32_t d = -w + 1; d <= w - 1; ++d) {
     if (!(s[d] < s[d - 1] && s[d] < s[d + 1])) continue;
+    // The first of equal ones.
     if (best < -w || s[d] < s[best]) best = d;
   }
   if (best >= -w) return best;
@@ -235,6 +243,7 @@ float move_to_vertex(session_state& session, std::int32_t event, const float* s,
   event_table& events = session.events;
   const float curvature = 2.0f * s[d] - s[d - 1] - s[d + 1];
   float vertex = 0.0f;
+  // A minimum without curvature has no vertex, one at the very edge only one neighbour.
   if (curvature != 0.0f && std::abs(d) < widest_realign) {
     vertex = -0.5f * (s[d - 1] - s[d + 1]) / curvature;
   }
@@ -247,6 +256,7 @@ float move_to_vertex(session_state& session, std::int32_t event, const float* s,
     ++d;
     u -= 1.0f;
   }
+  // No move counts as settled, so that the repetitions end.
   if (!time_in_recording(session, events.event_time[event] + d)) return 0.0f;
   const float moved = (u - events.event_shift[event]) + static_cast<float>(d);
   events.event_shift[event] = u;
@@ -293,6 +303,7 @@ float fit_event(session_state& session, const alignment_target& target, std::int
 std::int32_t realign_window(const session_state& session) {
   const auto w =
       static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                // Cut to whole samples.
                                 session.strategy.realign_window_ms / 1000.0f);
   return w > widest_realign ? widest_realign : w;
 }
@@ -326,6 +337,7 @@ void prefetch_event(const session_state& session, const alignment_target& target
 void align_listed_events(session_state& session, std::int32_t cluster,
                          const std::vector<std::int32_t>& list, bool multiplicative) {
   const std::int32_t w = realign_window(session);
+  // A window of less than a sample has no offset to try.
   if (w < 1) return;
   const alignment_target target = make_target(session, cluster, w, multiplicative);
   std::vector<std::int32_t> times(list.size());
@@ -363,6 +375,7 @@ void recalculate_cluster(session_state& session, std::int32_t cluster) {
   calculate_listed_template(session, cluster, list);
   get_template_channels(session, cluster);
   shift_events(session, list, find_template_shift(session, cluster));
+  // Only what the fit reads; the other channels follow below, from the final times.
   calculate_assigned_template(session, cluster, list);
   align_listed_events(session, cluster, list, session.strategy.multiplicative_matching);
   calculate_listed_template(session, cluster, list);
@@ -399,6 +412,7 @@ void realign_all_clusters(session_state& session) {
 
 void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k) {
   const std::int32_t moved = session.lists.kv_n_shift_template[k];
+  // Shifts belong to one of the two; anything else means lists that are out of step.
   if (moved != a && moved != b) {
     log_message(session, "Error applying template shift " + std::to_string(a) + " " +
                              std::to_string(b) + " " + std::to_string(moved));
@@ -410,6 +424,7 @@ void apply_template_shift(session_state& session, std::int32_t a, std::int32_t b
     std::int32_t time = events.event_time[e];
     float fraction = events.event_shift[e];
     apply_event_shift(time, fraction, shift);
+    // An event that would leave the recording stays, while the others of its cluster move.
     if (!time_in_recording(session, time)) continue;
     events.event_time[e] = time;
     events.event_shift[e] = fraction;
@@ -456,6 +471,7 @@ std::int32_t check_threaded_alignment(session_state& session) {
   log_message(session, "starting threaded realignment, n_events=" + count);
   realign_all_clusters(session);
   log_message(session, "finished threaded alignment, n_events= " + count);
+  // Before the copies are put back, so that both runs start from the same times.
   const std::vector<float> first_run(events.event_shift.first(), events.event_shift.first() + n);
   std::copy(time.begin(), time.end(), events.event_time.first());
   std::copy(shift.begin(), shift.end(), events.event_shift.first());
@@ -463,6 +479,7 @@ std::int32_t check_threaded_alignment(session_state& session) {
   realign_all_clusters(session);
   std::int32_t different = 0;
   for (std::int32_t e = 1; e <= n; ++e) {
+    // To the bit: threads must not change a result at all.
     if (events.event_shift[e] == first_run[e - 1]) continue;
     if (++different > 500) continue;
     log_message(session, std::to_string(e) + " " + std::to_string(first_run[e - 1]) + " " +

@@ -28,6 +28,7 @@ using entry_marks = bool[gac_stage_limit + 1][gac_label_limit + 1];
 void mark_candidates(const session_state& session, const gac_tables& tables, entry_marks& marked) {
   constexpr std::int32_t noise_clusters = 10;
   for (std::int32_t s = 1; s <= tables.final_stage; ++s) {
+    // As many clusters as this are fragments, whatever they last.
     if (tables.nc_ge_min[s] >= noise_clusters) continue;
     for (std::int32_t c = 1; c <= tables.nc_ge_min[s]; ++c) {
       marked[s][c] = tables.as_cl_scores[s][c] >= session.strategy.gac_threshold;
@@ -83,6 +84,7 @@ subcluster_choice choose_subcluster(const session_state& session, const gac_tabl
       if (!marked[s][c]) continue;
       const lineage candidate = follow_lineage(tables, s, c, marked);
       const std::int64_t mean = candidate.size_sum / candidate.n_elements;
+      // The first of equal means.
       if (any && mean >= smallest_mean) continue;
       any = true;
       smallest = candidate;
@@ -101,6 +103,7 @@ split_result apply_split(session_state& session, std::int32_t cluster,
   std::int32_t* of = session.events.event_cluster.base();
   std::int32_t rest = 0;
   for (const std::int32_t label : labels) {
+    // Outliers, label 100, belong to neither side.
     rest += label != chosen_label && label != gac_label_limit;
   }
   if (rest < session.strategy.min_cluster_size) {
@@ -108,9 +111,11 @@ split_result apply_split(session_state& session, std::int32_t cluster,
       if (labels[i] != chosen_label) of[list[i]] = 0;
     }
     log_message(session, "Not enough events in remaining cluster; will delete them");
+    // Up to five events leave the template as it was.
     if (rest > 5) recalculate_cluster(session, cluster);
     return {};
   }
+  // Asked only now: removing the rest needs no room.
   if (clusters.n_clusters >= session.max_clusters) {
     log_message(session, "Cannot create new cluster, maximum number reached");
     return {false, true};
@@ -123,6 +128,7 @@ split_result apply_split(session_state& session, std::int32_t cluster,
       of[list[i]] = 0;
     }
   }
+  // The record is cleared before anything is calculated into its slot.
   clear_cluster_record(session, created);
   clusters.n_clusters = created;
   recalculate_cluster(session, cluster);
@@ -159,12 +165,14 @@ void mark_outliers(session_state& session, const std::vector<std::int32_t>& list
   for (std::size_t i = 0; i < list.size(); ++i) {
     std::int32_t& label = labels[i];
     if (strategy.remove_small_final_subclusters &&
+        // Long-lived, but too small to stand alone.
         tables.as_cl_scores[s][label] >= strategy.gac_threshold &&
         tables.as_cl_sizes[s][label] < strategy.min_cluster_size) {
       label = gac_label_limit;
       events.event_subcluster[list[i]] = 100;
       ++small;
     }
+    // Labels fall in size: the largest is 1.
     if (strategy.keep_largest_final_subcluster && label > 1) {
       label = gac_label_limit;
       events.event_subcluster[list[i]] = 100;
@@ -203,12 +211,14 @@ sign_off_result sign_off(session_state& session, std::int32_t cluster,
   mark_outliers(session, list, tables);
   const std::int32_t removed = remove_marked_outliers(session, list);
   const std::int32_t left = static_cast<std::int32_t>(list.size()) - removed;
+  // No template for it any more: the caller deletes the cluster.
   if (left < session.strategy.min_cluster_size) return sign_off_result::too_small;
   if (removed > session.strategy.recluster_limit) {
     session.clusters.cluster_signed_off[cluster] = false;
     log_message(session, fmt::format("reclustering {}: {} events deleted", cluster, removed));
     return sign_off_result::again;
   }
+  // From here on no later pass cuts it again.
   session.clusters.cluster_signed_off[cluster] = true;
   session.clusters.cluster_sigma[cluster] = stage_sigma_uv(session, tables.final_stage);
   recalculate_cluster(session, cluster);
@@ -222,6 +232,7 @@ split_outcome split_cluster(session_state& session, std::int32_t cluster) {
     const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
     if (list.empty()) {
       log_message(session, fmt::format("Invalid cluster #{}", cluster));
+      // Numbers that are empty are passed over; the caller goes on with the one that was done.
       if (++cluster > session.clusters.n_clusters) return {cluster, false, false};
       continue;
     }
@@ -269,6 +280,7 @@ void autosplit_current_cluster(session_state& session) {
   }
   log_message(session, "Can split this cluster");
   std::vector<std::int32_t>& labels = tables->stage_labels[verdict.best_stage];
+  // Folding has emptied labels; for the displays they close up.
   compact_subcluster_labels(labels.data(), tables->n, tables->as_cl_sizes[verdict.best_stage]);
   for (std::size_t i = 0; i < list.size(); ++i) {
     session.events.event_subcluster[list[i]] = static_cast<std::int16_t>(labels[i]);

@@ -27,6 +27,7 @@ std::int32_t find_nearest(const gac_points& points, const std::vector<std::int32
     const float d = dx * dx + dy * dy;
     if (best < 0.0f || d < best) {
       best = d;
+      // The sums of squares are never negative, so -1 stands for none yet.
       nearest = k;
     }
   }
@@ -57,6 +58,7 @@ bool fold_into_neighbour(const gac_points& points, gac_tables& tables, std::int3
     if (label == j) label = winner;
   }
   sizes[winner] += sizes[j];
+  // The size moves as well, so that later votes and means see what is left.
   sizes[j] = 0;
   return true;
 }
@@ -137,6 +139,7 @@ void take_means(stage_judge& judge) {
   float sum = 0.0f, weighted = 0.0f, weights = 0.0f;
   std::int32_t qualified = 0;
   for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
+    // An empty label is none, even where clusters of any size will do.
     if (sizes[c] < judge.session.strategy.min_cluster_size || sizes[c] == 0) continue;
     const auto score = static_cast<float>(scores[c]);
     const auto size = static_cast<float>(sizes[c]);
@@ -423,6 +426,7 @@ void choose_best_stage(const gac_tables& tables, stage_verdict& verdict) {
   float best = -10000.0f;
   std::int32_t best_stage = 0;
   for (std::int32_t s = 1; s <= tables.final_stage; ++s) {
+    // A merit of exactly 0 is that of a stage that was refused. Of equal ones the first wins.
     if (verdict.stage_value[s] == 0.0f || !(verdict.stage_value[s] > best)) continue;
     best = verdict.stage_value[s];
     best_stage = s;
@@ -432,6 +436,7 @@ void choose_best_stage(const gac_tables& tables, stage_verdict& verdict) {
   verdict.best_stage = best_stage;
   verdict.found = true;
   // The list ends with the n_keep-th sub-cluster that still has events.
+  // Ten at most: what the lists of kept sub-clusters hold.
   for (std::int32_t c = 1; c <= 10; ++c) {
     if (tables.as_cl_sizes[best_stage][c] == 0) continue;
     if (static_cast<std::int32_t>(verdict.kept.size()) == verdict.n_keep) break;
@@ -452,10 +457,12 @@ stage_verdict judge_stages(const session_state& session, const gac_points& point
                            gac_tables& tables) {
   stage_verdict verdict;
   if (tables.final_stage < 1) return verdict;
+  // Not the number of points: what the largest cluster of the last stage has gathered.
   const std::int32_t pool_size = tables.as_cl_sizes[tables.final_stage][1];
   for (std::int32_t s = 1; s <= tables.final_stage; ++s) {
     stage_judge judge = open_stage(session, points, tables, s);
     verdict.rule[s] = apply_first_rule(judge);
+    // Only where there is merit: evenness alone makes no unit.
     if (judge.merit > 0.0f) judge.merit += evenness_bonus(judge, pool_size);
     verdict.stage_value[s] = judge.merit;
     verdict.stage_keep[s] = judge.n_keep;

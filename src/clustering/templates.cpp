@@ -17,6 +17,7 @@ std::int32_t thin_event_list(std::vector<std::int32_t>& list, std::int32_t limit
   const auto n = static_cast<std::int32_t>(list.size());
   if (n <= limit) return n;
   for (std::int32_t i = 1; i <= limit; ++i) {
+    // In 32 bits: beyond 2^24 the positions are those that 32 bits hold.
     const float position =
         static_cast<float>(i - 1) * static_cast<float>(n) / static_cast<float>(limit);
     list[i - 1] = list[static_cast<std::size_t>(position)];
@@ -44,8 +45,10 @@ void finish_point(float sum, float squares, std::int32_t n, float flat_sd, float
   const double exact_mean = static_cast<double>(sum) / n;
   mean = static_cast<float>(exact_mean);
   float residual =
+      // Rounding may leave a little below zero.
       static_cast<float>(static_cast<double>(squares) - static_cast<double>(sum) * exact_mean);
   if (residual < 0.0f) residual = 0.0f;
+  // One event, or events that are all alike, tell nothing of the spread.
   sd = residual == 0.0f || n < 2 ? flat_sd : std::sqrt(residual / static_cast<float>(n - 1));
 }
 
@@ -84,14 +87,17 @@ void average_waveforms(session_state& session, std::int32_t cluster,
     if (i + prefetch_distance < list.size()) {
       prefetch_samples(samples + events.event_time[list[i + prefetch_distance]] + first, used);
     }
+    // vd has a margin that takes a window which begins before the recording.
     interp_run(session, samples + events.event_time[e] + first,
                interp_step(session, events.event_shift[e]), used, v);
     add_waveform(v, used, sum, squares);
   }
   const auto n = static_cast<std::int32_t>(list.size());
+  // 8 µV stands for a spread that cannot be told.
   const float flat_sd = 8.0f / session.recording.vscale_HP;
   float* mean = templates.mean(cluster, channel);
   float* sd = templates.sd(cluster, channel);
+  // Points beyond those that were read have sums of 0: a mean of 0, and that spread.
   for (std::int32_t p = 1; p <= points; ++p) {
     finish_point(sum[p - 1], squares[p - 1], n, flat_sd, mean[p], sd[p]);
   }
@@ -112,6 +118,7 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list) {
   if (list.empty()) return;
+  // Thinned once for all channels, so that every channel averages the same events.
   thin_event_list(list, session.strategy.template_max_events);
   parallel_for(threads_now(session), 1, session.recording.n_channels,
                [&](std::int64_t channel, std::int32_t) {
@@ -226,13 +233,16 @@ void get_scratch_template_channels(session_state& session, std::int32_t slot) {
   const float centre_height = template_peak_to_peak(session, slot, centre);
   for (std::int32_t channel = 1; channel <= r.n_channels; ++channel) {
     if (channel == centre || r.chan_mask[channel]) continue;
+    // A channel exactly at the radius belongs.
     if (!(r.distance(centre, channel) <= session.strategy.channel_radius)) continue;
     const channel_extent extent = find_extent(templates, slot, channel);
     const float height = extent.high - extent.low;
     float quality = 0.0f;
+    // Without a spread on either side there is no quality, and the channel stays out.
     if (extent.high_sd > 0.0f && extent.low_sd > 0.0f) {
       quality = height / std::sqrt(extent.high_sd * extent.low_sd);
     }
+    // At the first threshold a channel is in, at the second it is out.
     if (session.strategy.channel_threshold_1 <= height / centre_height &&
         session.strategy.channel_threshold_2 < quality) {
       channels[++count] = channel;
@@ -259,6 +269,7 @@ void calculate_template_centre(session_state& session, std::int32_t cluster) {
     x += height * static_cast<float>(r.chan_x[channels[k]]);
     y += height * static_cast<float>(r.chan_y[channels[k]]);
   }
+  // A flat template has no place; 0 stands for it.
   templates.template_x[cluster] = weight > 0.0f ? x / weight : 0.0f;
   templates.template_y[cluster] = weight > 0.0f ? y / weight : 0.0f;
   templates.template_z[cluster] = 50.0f;
