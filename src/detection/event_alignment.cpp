@@ -53,6 +53,7 @@ aligned_time align_to_extremum(const session_state& session, std::int32_t featur
     const std::int32_t height = feature == align_peak     ? v[i]
                                 : feature == align_trough ? -v[i]
                                                           : std::abs(v[i]);
+    // The first of equally high ones.
     if (found && height <= best_height) continue;
     found = true;
     best = i;
@@ -67,6 +68,7 @@ aligned_time align_to_extremum(const session_state& session, std::int32_t featur
 aligned_time align_to_crossing(const std::int16_t* v, bool rising, std::int32_t t, std::int32_t h) {
   std::int32_t best = 0, best_step = 0;
   for (std::int32_t i = t - h; i < t + h; ++i) {
+    // 0 itself belongs to the side that is left.
     const bool crosses = rising ? v[i] <= 0 && v[i + 1] >= 1 : v[i] >= 0 && v[i + 1] <= -1;
     const std::int32_t step = std::abs(v[i + 1] - v[i]);
     if (crosses && step > best_step) {
@@ -87,6 +89,7 @@ aligned_time align_to_slope(const std::int16_t* v, bool rising, std::int32_t t, 
     if (rising ? slope > best_slope : slope < best_slope) best = i;
   }
   if (h < 1) return {t, 0.0f};
+  // A fall is placed between its two samples, a rise on the first of them.
   return {best, rising ? 0.0f : 0.5f};
 }
 
@@ -104,12 +107,15 @@ aligned_time align_to_gravity(const session_state& session, std::int32_t channel
       moment += static_cast<float>(k) * square;
     }
   };
+  // A masked channel weighs nothing, not even the event's own.
   if (!r.chan_mask[channel]) add(channel);
   const std::int32_t* near = r.lockout_neighbours(channel);
   for (std::int32_t i = 1; i <= near[0]; ++i) {
     if (!r.chan_mask[near[i]] && near[i] != channel) add(near[i]);
   }
   const float d = mass > 0.0f ? moment / mass : 0.0f;
+  // In 32 bits: beyond 2^24 samples the time is rounded to what they hold. The fraction is that of
+  // d alone: before t it is negative, though the time has been cut downwards.
   const float position = static_cast<float>(t) + d;
   return {static_cast<std::int32_t>(position),
           d - static_cast<float>(static_cast<std::int32_t>(d))};

@@ -18,6 +18,8 @@ std::int32_t samples_of(const session_state& session, float ms) {
                                    1000.0f);
 }
 
+// Shifts stay where they are, so that each then stands against a later event than its own;
+// alignment to templates follows and settles it.
 // Compacts time, channel and cluster past the marked events and zeroes the tail.
 std::int32_t compact_after_detection(event_table& events) {
   std::int32_t kept = 0;
@@ -54,6 +56,7 @@ std::int32_t delete_coincident_events(session_state& session) {
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     const std::int32_t last = std::min(e + look_ahead, events.n_events);
     for (std::int32_t other = e + 1; other <= last; ++other) {
+      // An event that is marked itself still marks those after it.
       if (events.event_channel[other] == events.event_channel[e] &&
           std::abs(events.event_time[other] - events.event_time[e]) <= tolerance) {
         events.event_cluster[other] = -1;
@@ -71,6 +74,7 @@ std::int32_t delete_large_events(session_state& session) {
   event_table& events = session.events;
   const recording_store& r = session.recording;
   const std::int32_t half = samples_of(session, 2.0f * session.detection.lockout_ms);
+  // Each thread writes the flags of its own events; the table is marked afterwards.
   std::vector<char> large(events.n_events + 1, 0);
   parallel_for(threads_now(session), 1, events.n_events, [&](std::int64_t e, std::int32_t) {
     const std::int16_t* v = r.vd.channel(events.event_channel[e]);
@@ -83,6 +87,7 @@ std::int32_t delete_large_events(session_state& session) {
       high = std::max<std::int32_t>(high, v[i]);
       low = std::min<std::int32_t>(low, v[i]);
     }
+    // Strictly above: an event of just that height stays.
     large[e] = static_cast<float>(high - low) * r.vscale_HP > session.detection.max_event_pp_uv;
   });
   std::int32_t marked = 0;

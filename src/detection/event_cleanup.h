@@ -1,7 +1,7 @@
 // Clean-up of the event table after a detector has run.
 //
 // Both passes mark events and compact the table in order. They move event_time,
-// event_channel and event_cluster together; event_shift is not moved, so behind
+// event_channel and event_cluster together; event_shift is not moved, so after
 // the first removed event each offset stands against a later event than its own.
 // Alignment to templates puts that right before anything depends on it.
 #pragma once

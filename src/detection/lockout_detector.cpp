@@ -47,8 +47,10 @@ lockout_feature find_extremum(const session_state& session, std::int32_t row, st
   for (std::int32_t i = t - w + 1; i <= t + w; ++i) {
     if (extremum_height(row, v[i]) > extremum_height(row, v[best])) best = i;
   }
+  // At the end of the window it is no extremum, only the flank of one outside.
   if (best == t - w || best == t + w) return {channel, best, true};
   const std::int32_t height = extremum_height(row, v[best]);
+  // Strictly better: a tie vetoes nobody.
   const bool vetoed = any_neighbour(session, channel, [&](std::int32_t other) {
     const std::int16_t* u = session.recording.vd.channel(other);
     for (std::int32_t i = t - w; i <= t + w; ++i) {
@@ -80,6 +82,7 @@ lockout_feature find_crossing(const session_state& session, std::int32_t row, st
     }
   }
   if (steepness > 0 && (best == t - w || best == t + w)) return {channel, best, true};
+  // Without a crossing of its own, any crossing of a neighbour vetoes.
   const bool vetoed = any_neighbour(session, channel, [&](std::int32_t other) {
     const std::int16_t* u = session.recording.vd.channel(other);
     for (std::int32_t i = t - w; i <= t + w; ++i) {
@@ -106,7 +109,9 @@ lockout_feature find_slope(const session_state& session, std::int32_t row, std::
 // Row 8: the channel of most squared voltage, at its centre of gravity.
 lockout_feature find_gravity(const session_state& session, std::int32_t channel, std::int32_t t,
                              std::int32_t w) {
+  // Below every mass, so that the channel itself is taken even where all is flat.
   std::int64_t best_mass = -1, best_moment = 0;
+  // Whole numbers in 64 bits: the order of the channels does not show in them.
   std::int32_t best_channel = channel;
   const auto weigh = [&](std::int32_t c) {
     const std::int16_t* v = session.recording.vd.channel(c) + t;
@@ -146,6 +151,7 @@ lockout_feature find_detection_time(const session_state& session, std::int32_t c
   std::int16_t high = v[at_high], low = v[at_low];
   any_neighbour(session, channel, [&](std::int32_t other) {
     const std::int16_t* u = session.recording.vd.channel(other);
+    // The range widens as it goes, so that a neighbour must outdo all before it.
     for (std::int32_t i = t - w; i <= t + w; ++i) {
       if (u[i] > high || u[i] < low) owner = other;
       high = std::max(high, u[i]);
@@ -169,6 +175,7 @@ bool is_duplicate(const session_state& session, std::int32_t channel, std::int32
   const event_table& events = session.events;
   const std::int32_t oldest = std::max(1, events.n_events - look_back);
   for (std::int32_t e = events.n_events; e >= oldest; --e) {
+    // The window and the radius themselves count as inside.
     if (std::abs(events.event_time[e] - time) <= w &&
         event_within_lockout(session, channel, events.event_channel[e])) {
       return true;
@@ -196,6 +203,7 @@ bool add_event(session_state& session, std::int32_t channel, std::int32_t time) 
 lockout_feature find_lockout_feature(const session_state& session, std::int32_t row,
                                      std::int32_t channel, std::int32_t t, std::int32_t last_time) {
   const auto w = static_cast<std::int32_t>(lockout_samples(session));
+  // A sample less on either side, for what looks at neighbouring samples.
   const auto narrow = static_cast<std::int32_t>(lockout_samples(session) - 1.0f);
   switch (row) {
     case align_peak:
@@ -217,6 +225,7 @@ lockout_feature find_lockout_feature(const session_state& session, std::int32_t 
 
 void detect_events_lockout(session_state& session) {
   clear_detected_events(session);
+  // Dynamic noise is measured window by window, as the scan comes to it.
   if (!session.recording.is_continuous || session.detection.noise_static) compute_noise(session);
   set_fixed_threshold_bits(session);
   const auto w = static_cast<std::int32_t>(lockout_samples(session));
@@ -230,6 +239,7 @@ void detect_events_lockout(session_state& session) {
     for (const trigger& found : triggers) {
       const lockout_feature feature =
           find_lockout_feature(session, row, found.channel, found.time, last_time);
+      // Of rejected triggers, too: a window without a crossing falls back on it.
       last_time = feature.time;
       if (feature.reject) continue;
       if (is_duplicate(session, feature.channel, feature.time, w)) continue;

@@ -55,7 +55,9 @@ void release_points(proto_event_table& p) {
 }  // namespace
 
 bool allocate_proto_events(session_state& session, proto_event_table& p) {
+  // 500 triggers a second on each channel.
   const double wanted = 30000.0 * session.recording.duration_mins * session.recording.n_channels;
+  // Held to a range before it becomes a whole number: no recording is too long for the cast.
   p.max_proto_events = static_cast<std::int32_t>(std::clamp(wanted + 2000.0, 5.0e7, 5.0e8));
   session.detector.pe_alloc_failed = false;
   for (std::int32_t tries = 0; tries < 3; ++tries) {
@@ -66,6 +68,7 @@ bool allocate_proto_events(session_state& session, proto_event_table& p) {
       p.max_proto_events /= 2;
       log_message(session, "Reducing memory request to" + std::to_string(p.max_proto_events));
     }
+    // Twenty neighbours to a point, as a mean.
     p.pe_table_limit = std::int64_t{20} * p.max_proto_events;
     if (reserve_points(p)) return true;
     release_points(p);
@@ -114,6 +117,7 @@ void compile_proto_events(session_state& session, proto_event_table& p) {
   p.n_proto_events = 0;
   while (next_stretch(session, stretch)) {
     if (detection_interrupted(session)) {
+      // The flag goes back, or it would stop the clustering of what was found as well.
       session.detector.detection_incomplete = true;
       session.operation.detection_interrupted = false;
       return;
@@ -127,6 +131,7 @@ void compile_proto_events(session_state& session, proto_event_table& p) {
       }
     }
     const double done = static_cast<double>(stretch.last) / session.recording.n_samples;
+    // Of the bar the scan has the part to 405, the table to 705, the rounds to 995.
     set_progress(session, meter::detection, 5 + static_cast<std::int32_t>(400.0 * done), 1000);
     set_status(session, status_field::events_found, std::to_string(p.n_proto_events));
   }
@@ -157,6 +162,7 @@ void stop_at_table_limit(session_state& session, proto_event_table& p, std::int3
 }  // namespace
 
 void build_proto_neighbours(session_state& session, proto_event_table& p) {
+  // A bound for dense stretches, in entries and not in time.
   const std::int32_t reach = 10 * session.recording.n_channels;
   const std::int32_t n = p.n_proto_events;
   const double* t0 = p.pe_t0.base();
@@ -167,6 +173,7 @@ void build_proto_neighbours(session_state& session, proto_event_table& p) {
     std::int32_t first = i, last = i;
     while (first > 1 && i - (first - 1) <= reach && t0[i] - t0[first - 1] < furthest) --first;
     while (last < n && (last + 1) - i <= reach && t0[last + 1] - t0[i] < furthest) ++last;
+    // Asked for the worst case, before anything of point i is written.
     if (end + 1 + (last - first + 1) > p.pe_table_limit) {
       stop_at_table_limit(session, p, i);
       break;
@@ -179,6 +186,7 @@ void build_proto_neighbours(session_state& session, proto_event_table& p) {
     }
     p.pe_table[head] = static_cast<std::int32_t>(end - head);
     p.pe_head[i] = head;
+    // Alone in its range it stays where it is, and is an event of its own.
     p.pe_done[i] = end - head <= 1;
     if (i % 4096 == 0) {
       set_progress(session, meter::detection, 405 + static_cast<std::int32_t>(300.0 * i / n), 1000);
@@ -186,6 +194,7 @@ void build_proto_neighbours(session_state& session, proto_event_table& p) {
   }
   // Dropped points are nobody's neighbours.
   if (p.n_proto_events < n) {
+    // Neighbours stand in rising order, so that the dropped ones are the last.
     for (std::int32_t i = 1; i <= p.n_proto_events; ++i) {
       std::int32_t& count = p.pe_table[p.pe_head[i]];
       while (count > 0 && p.pe_table[p.pe_head[i] + count] > p.n_proto_events) --count;
@@ -232,6 +241,7 @@ bool climb(const session_state& session, proto_event_table& p, std::int32_t i) {
     const float dy = p.pe_y0.base()[j] - y;
     const double dt = p.pe_t0.base()[j] - t;
     const double r_squared = static_cast<double>(dx * dx + dy * dy) + dt * dt;
+    // Louder triggers draw the others to them.
     const float w = kernel(session, r_squared) *
                     static_cast<float>(std::abs(std::int32_t{p.pe_volts.base()[j]}));
     sum_x += w * dx;
@@ -248,6 +258,7 @@ bool climb(const session_state& session, proto_event_table& p, std::int32_t i) {
 
 void move_points(const session_state& session, proto_event_table& p, climbing_state& state) {
   const auto n = static_cast<std::int64_t>(state.alive.size());
+  // A short list is not worth waking the other threads.
   const std::int32_t n_threads = n < 1000 ? 1 : threads_now(session);
   parallel_for(n_threads, 0, n - 1, [&](std::int64_t a, std::int32_t) {
     const std::int32_t i = state.alive[a];
@@ -264,6 +275,7 @@ bool points_meet(const proto_event_table& p, std::int32_t i, std::int32_t j) {
   const float dx = p.pe_x.base()[i] - p.pe_x.base()[j];
   const float dy = p.pe_y.base()[i] - p.pe_y.base()[j];
   const auto dt = static_cast<float>(p.pe_t.base()[i] - p.pe_t.base()[j]);
+  // Half a sigma; strictly nearer.
   return dx * dx + dy * dy + dt * dt < 0.25f;
 }
 
@@ -271,6 +283,8 @@ void merge_point(proto_event_table& p, std::int32_t i, std::int32_t j) {
   const std::int32_t old_label = p.pe_label[j];
   p.pe_head[j] = 0;
   p.pe_label[j] = p.pe_label[i];
+  // Labels follow for fifty entries alone, though points up to a hundred apart may merge: what lies
+  // beyond keeps the label it had.
   const std::int32_t last = std::min(i + label_reach, p.n_proto_events);
   for (std::int32_t k = i; k <= last; ++k) {
     if (p.pe_label[k] == old_label) p.pe_label[k] = p.pe_label[i];
@@ -356,6 +370,7 @@ std::int32_t find_loudest_channel(const proto_event_table& p, std::int32_t i) {
   std::int32_t loudest = i;
   const std::int32_t last = std::min(i + merge_reach, p.n_proto_events);
   for (std::int32_t j = i + 1; j <= last; ++j) {
+    // Strictly louder: the first of equal ones.
     if (p.pe_label[j] == p.pe_label[i] &&
         std::abs(std::int32_t{p.pe_volts[j]}) > std::abs(std::int32_t{p.pe_volts[loudest]})) {
       loudest = j;
@@ -370,7 +385,7 @@ void make_events(session_state& session, const proto_event_table& p) {
   event_table& events = session.events;
   const detection_settings& settings = session.detection;
   const float sigma_samples = samples_per_sigma(session);
-  // Held to what the margin of vd allows an interpolated read in front of it.
+  // Held to what the margin of vd allows an interpolated read before it.
   constexpr std::int32_t widest = vd_margin - 70;
   const auto h = std::min(
       widest, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
@@ -379,11 +394,13 @@ void make_events(session_state& session, const proto_event_table& p) {
   for (std::int32_t i = 1; i <= p.n_proto_events; ++i) {
     if (p.pe_head[i] > 0) alive.push_back(i);
   }
+  // In order of time, so that it is the end of the recording that is lost.
   const bool too_many = alive.size() > static_cast<std::size_t>(event_limit);
   if (too_many) alive.resize(event_limit);
   events.n_events = static_cast<std::int32_t>(alive.size());
   parallel_for(threads_now(session), 1, events.n_events, [&](std::int64_t e, std::int32_t) {
     const std::int32_t i = alive[e - 1];
+    // Cut to whole samples; the alignment below finds the fraction.
     const auto t = static_cast<std::int32_t>(p.pe_t[i] * static_cast<double>(sigma_samples));
     const std::int32_t channel =
         settings.register_to_cog ? find_nearest_channel(session, p.pe_x[i] * settings.pe_sigma_um,

@@ -20,6 +20,7 @@ std::int16_t negated(std::int16_t v) { return static_cast<std::int16_t>(-v); }
 }  // namespace
 
 bool is_local_peak(const std::int16_t* v) {
+  // A plateau counts at its first sample.
   if (!(v[0] > v[-1])) return false;
   for (std::int32_t i = 1; i <= plateau_limit; ++i) {
     if (v[i] < v[0]) return true;
@@ -46,6 +47,7 @@ bool is_extremum(const std::int16_t* v) { return is_local_peak(v) || is_local_tr
 
 bool triggers_multiphasic(const trigger_test& test, const std::int16_t* v) {
   if (!is_extremum(v)) return false;
+  // Strictly past, where the other methods take a voltage at the threshold.
   if (v[0] > test.threshold_pos) {
     for (std::int32_t i = 1; i <= test.window; ++i) {
       if (v[i] < test.threshold_neg) return true;
@@ -64,6 +66,7 @@ bool triggers_dynamic(const trigger_test& test, const std::int16_t* v) {
   if (!(v[0] >= test.threshold_pos || v[0] <= test.threshold_neg)) return false;
   if (!is_extremum(v)) return false;
   const std::int32_t range = test.threshold_pos - test.threshold_neg;
+  // The far side may lie before the trigger or after it.
   for (std::int32_t i = -test.window; i <= test.window; ++i) {
     if (std::abs(std::int32_t{v[i]} - v[0]) > range) return true;
   }
@@ -75,6 +78,7 @@ bool triggers_dynamic(const trigger_test& test, const std::int16_t* v) {
 bool sample_triggers(const trigger_test& test, const std::int16_t* v) {
   switch (test.method) {
     case method_unipolar:
+      // The sign of the threshold chooses the side.
       return (test.threshold_bits > 0 ? v[0] >= test.threshold_pos : v[0] <= test.threshold_neg) &&
              is_extremum(v);
     case method_bipolar:
@@ -95,12 +99,14 @@ bool sample_triggers(const trigger_test& test, const std::int16_t* v) {
 
 trigger_test make_trigger_test(session_state& session, std::int32_t channel, bool set_teager) {
   threshold_for_channel(session, channel);
+  // Without it the threshold of the last lockout run stays in force.
   if (set_teager && session.detection.detection_method == method_teager) {
     const auto bits = static_cast<float>(session.detector.threshold_bits);
     session.detector.teager_threshold = std::fabs(2.0f * bits * bits);
   }
   trigger_test test;
   test.method = session.detection.detection_method;
+  // Held to the margin of vd, whatever a settings file says.
   test.window = std::clamp(session.detection.window_samples, 0, vd_margin - 1);
   test.threshold_pos = session.detector.threshold_pos;
   test.threshold_neg = session.detector.threshold_neg;
@@ -119,6 +125,8 @@ bool sample_triggers(session_state& session, std::int32_t channel, std::int32_t 
 
 namespace {
 
+// A threshold that no sample reaches becomes one that the extreme reaches: the test of a block may
+// say yes too often, but never no.
 std::int16_t clamp_to_sample(std::int32_t threshold) {
   return static_cast<std::int16_t>(std::clamp(threshold, -32768, 32767));
 }
@@ -178,6 +186,7 @@ void find_triggers(session_state& session, std::int32_t first, std::int32_t last
   for (std::int32_t c = 1; c <= n; ++c) {
     for (const std::int32_t t : times[c]) found.push_back({t, c});
   }
+  // No two triggers are equal, so that the order is the same with any number of threads.
   std::sort(found.begin(), found.end(), [](const trigger& a, const trigger& b) {
     return a.time != b.time ? a.time < b.time : a.channel < b.channel;
   });
@@ -187,6 +196,7 @@ bool next_stretch(session_state& session, scan_stretch& stretch) {
   const recording_store& r = session.recording;
   constexpr std::int32_t stretch_samples = 1 << 17;
   stretch.first = stretch.last + 1;
+  // The last sample has no neighbour to fall to.
   const std::int32_t end = r.n_samples - 1;
   if (stretch.first > end) return false;
   stretch.last = end - stretch.first < stretch_samples ? end : stretch.first + stretch_samples - 1;
@@ -195,6 +205,7 @@ bool next_stretch(session_state& session, scan_stretch& stretch) {
   if (session.detection.noise_static || !r.is_continuous || window < 1) return true;
   const auto number = static_cast<std::int32_t>(stretch.first / window + 1);
   stretch.last =
+      // No stretch crosses a window: thresholds are those of its noise.
       static_cast<std::int32_t>(std::min<std::int64_t>(stretch.last, window * number - 1));
   if (number != stretch.noise_window) {
     stretch.noise_window = number;
