@@ -44,6 +44,7 @@ std::string count_of_clusters(std::int32_t n) {
 
 // ---------------------------------------------------------------- detection
 
+// Also makes the thresholds, where they are to be fitted.
 void say_thresholds(session_state& session) {
   const detection_settings& d = session.detection;
   if (d.threshold_mode == threshold_fixed) {
@@ -77,6 +78,7 @@ void remove_unwanted_events(session_state& session) {
     const std::int32_t large = delete_large_events(session);
     say(session, fmt::format("{} large events were removed from the record", large));
   }
+  // Only now: the clean-up has moved times, but not those of detection.
   keep_detected_times(session);
 }
 
@@ -134,6 +136,7 @@ void make_first_clusters(session_state& session) {
   set_status(session, status_field::message,
              "Realigning all clusters after channel-based clustering");
   log_message(session, "Realigning all clusters");
+  // Once more: events far from their template have left since the first time.
   realign_all_clusters(session);
   log_message(session, "finished");
 }
@@ -167,6 +170,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
                            count_cluster_events(session, nc)));
     const split_outcome outcome = split_and_tell(session, nc);
     bool deleted = false;
+    // By its count and not by the outcome: a cut may have left a cluster small as well.
     if (count_cluster_events(session, nc) < session.strategy.min_cluster_size) {
       delete_cluster(session, nc);
       list.erase(list.begin() + static_cast<std::ptrdiff_t>(at));
@@ -187,6 +191,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
 void first_pass(session_state& session, clock::time_point begin) {
   cluster_table& clusters = session.clusters;
   session.operation.pause_requested = false;
+  // All clusters are to be split, whatever an earlier run signed off.
   clusters.cluster_signed_off.clear();
   const std::int32_t old_current = clusters.current_cluster;
   for (;;) {
@@ -195,6 +200,7 @@ void first_pass(session_state& session, clock::time_point begin) {
       if (!clusters.cluster_signed_off[c]) list.push_back(c);
     }
     if (list.empty() || !split_listed_clusters(session, list, begin)) break;
+    // Clusters that this round has made are in the next list.
   }
   clusters.current_cluster = std::min(old_current, clusters.n_clusters);
   if (session.operation.autosort_interrupt) {
@@ -219,6 +225,7 @@ void remove_first_pass_duplicates(session_state& session) {
 
 void remove_small_clusters(session_state& session) {
   log_message(session, "Deleting any clusters < threshold size ...");
+  // Lists are made afresh after this; keeping old ones in step would be idle.
   session.lists.n_kv_pairs = 0;
   const std::int32_t size = session.strategy.min_cluster_size;
   const std::int32_t deleted = delete_small_clusters(session, size);
@@ -283,6 +290,7 @@ bool run_merge_rounds(session_state& session) {
 
 void leave_pair_stage(session_state& session) {
   session.autosort.autosort_pair_stage = false;
+  // They were marks of the run; the review by the user starts without any.
   session.lists.kv_user_ambiguous.clear();
 }
 
@@ -365,6 +373,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
   say(session, count_of_clusters(session.clusters.n_clusters));
   remove_first_pass_duplicates(session);
   remove_small_clusters(session);
+  // A single cluster has no pairs to look at.
   if (session.clusters.n_clusters < 2) return road::ended_well;
   if (autosort_interrupted(session)) {
     end_interrupted(session);
@@ -389,6 +398,7 @@ bool autosort(session_state& session) {
   set_progress(session, meter::merge_and_sort, 0, 150);
   const bool detect = !session.strategy.skip_event_detection;
   const bool cluster = !session.strategy.skip_clustering;
+  // What follows makes all clusters anew; with neither, the lists and comments still hold.
   if (detect || cluster) {
     clear_status_lists(session);
     blank_cluster_comments(session);

@@ -89,8 +89,10 @@ void check_detected_events(session_state& session) {
   std::int32_t errors = 0;
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     const std::int32_t t = events.event_time[e];
+    // Outside the recording nothing could be read at the event.
     if (t >= 1 && t <= session.recording.n_samples) continue;
     log_message(session, fmt::format("bad event time {} {}", t, e));
+    // So many mean a table that cannot be trusted.
     if (++errors > 100) {
       log_message(session, "Too many errors; deleting events");
       events.n_events = 0;

@@ -112,6 +112,7 @@ bool has_reader(const session_state& session, const recording_format* format) {
 // The format's own part: reset, banner, configuration, reader, and its words on failure.
 bool read_format(session_state& session, const recording_request& request) {
   const recording_format* format = find_recording_format(request.format);
+  // First of all, so that a failure leaves an empty session and not half of two.
   reset_session(session);
   if (!has_reader(session, format)) return false;
   session.recording.file_type = request.format;
@@ -187,8 +188,10 @@ void measure_recording(session_state& session) {
   set_progress(session, meter::reading, 110, bar_range);
   log_message(session, "Calculating channel noise values");
   compute_noise(session);
+  // Marks of the recording before; this one is as the file has it.
   r.recording_filtered = false;
   session.filter_history.n_entries = 0;
+  // Depends on the µV of a bit, which the reader has just set.
   set_fixed_threshold_bits(session);
   compute_duration(session);
   log_message(session, fmt::format("Recording duration = {:.2f} mins", r.duration_mins));
@@ -234,6 +237,7 @@ void finish_open(session_state& session) {
   if (habits_of(session.recording).reads_mask_file) read_mask_file(session);
   refresh_displays(session);
   set_progress(session, meter::reading, bar_range, bar_range);
+  // From here on a timed save may take the session.
   session.operation.reader_running = false;
 }
 
@@ -242,6 +246,7 @@ void abort_open(session_state& session, const recording_request& request) {
   session.operation.open_succeeded = false;
   reset_session(session);
   reset_voltage_view(session);
+  // reset_session keeps the samples' storage for the recording that follows; here none does.
   session.recording.vd.release();
   set_frame_title(session, "Kestrelvane");
   refresh_displays(session);
@@ -306,6 +311,7 @@ bool open_recording_worker(session_state& session, const recording_request& requ
   make_file_templates(session);
   name_recording(session, request);
   measure_recording(session);
+  // The measuring may have taken long enough for a change of mind.
   if (stopped_by_user(session)) {
     abort_open(session, request);
     return false;

@@ -91,6 +91,7 @@ bool open_at_start(session_state& session, const std::string& argument) {
     if (has_home_file(session, restart_file_name)) {
       offer_restart(session);
     } else {
+      // What has the temporary name is a save that did not come to its end.
       remove_home_file(session, autorecover_temporary_name);
       if (has_home_file(session, autorecover_file_name) &&
           ask(session, "Recover information from previous run?", "Kestrelvane crash recovery")) {

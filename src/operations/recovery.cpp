@@ -168,6 +168,7 @@ void run_timer(autorecover_timer& timer, const session_state& session) {
     const float minutes = std::chrono::duration<float>(now - last_save).count() / 60.0f;
     const bool due = minutes >= timer.minutes;
     if (!due && !save_wanted) continue;
+    // A save that was asked for counts as the timed one, and the interval begins anew.
     last_save = now;
     if (due) write_run_log_window(session, "Saving autorecover data");
     save_autorecover(session);
