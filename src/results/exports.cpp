@@ -70,6 +70,7 @@ void append_seconds(std::string& line, double seconds) {
 // The name that was chosen, with "_" and the cluster number before ".txt".
 std::string unit_text_path(const std::string& path, std::int32_t cluster) {
   std::string stem = path;
+  // Other spellings of the ending stay, and the new one follows them.
   if (stem.ends_with(".txt") || stem.ends_with(".TXT")) stem.resize(stem.size() - 4);
   return fmt::format("{}_{}.txt", stem, cluster);
 }
@@ -86,6 +87,7 @@ events_by_cluster list_by_cluster(const session_state& session) {
   const std::size_t n_clusters = static_cast<std::size_t>(session.clusters.n_clusters);
   events_by_cluster lists;
   lists.first.assign(n_clusters + 2, 0);
+  // Sizes go one place up, so that their running sum gives where each cluster begins.
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] > 0) ++lists.first[static_cast<std::size_t>(e.event_cluster[i]) + 1];
   }
@@ -171,6 +173,7 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
     const auto write = [](const session_state& of, const std::string& to) {
       return write_work_file(of, to);
     };
+    // What comes after a failure is tried all the same.
     done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write);
   }
   if (options.save_comments) {
@@ -216,6 +219,7 @@ double event_seconds(const session_state& session, std::int32_t event) {
     const double step = r.sampling_frequency_exact > 0
                             ? 1.0 / exact_rate(r)
                             : double{1.0f / static_cast<float>(r.sampling_frequency)};
+    // Time indices count from 1, so the first sample stands at one step and not at 0.
     return t * step;
   }
   const std::int64_t ms = event_record_time_ms(session, t, session.events.event_channel[event]);
@@ -251,6 +255,7 @@ bool write_csv(const session_state& session, const std::string& path) {
 
 bool write_unit_texts(const session_state& session, const std::string& path) {
   const events_by_cluster lists = list_by_cluster(session);
+  // Units without events get their file, too: one for every number.
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     const std::size_t i = static_cast<std::size_t>(c);
     const std::span<const std::int32_t> events{lists.events.data() + lists.first[i],

@@ -48,6 +48,8 @@ void expect(nwb_file& out, bool good) {
 std::string new_identity(nwb_file& out) {
   const std::uint64_t a = out.random(), b = out.random();
   return fmt::format("{:08x}-{:04x}-4{:03x}-{:04x}-{:012x}", a >> 32, (a >> 16) & 0xffff, a & 0xfff,
+                     // The form of a random identity: a 4, and two fixed bits before the last group
+                     // but one.
                      0x8000 | (b >> 50), b & 0xffffffffffffull);
 }
 
@@ -120,6 +122,7 @@ hdf_id make_dataset(nwb_file& out, const std::string& place, hid_t type, hid_t m
   const hdf_id space = make_space(s);
   hdf_id dataset(
       H5Dcreate2(out.file, place.c_str(), type, space, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+  // A column of a table without rows has nothing to write, nor memory to write from.
   const bool empty = space.ok() && H5Sget_simple_extent_npoints(space) == 0;
   expect(out, dataset.ok() && (empty || H5Dwrite(dataset, memory_type, H5S_ALL, H5S_ALL,
                                                  H5P_DEFAULT, values) >= 0));
@@ -195,6 +198,7 @@ void add_truths(nwb_file& out, nwb_table& table, const char* name, const std::st
 // holds the last.
 void add_index(nwb_file& out, const nwb_table& table, const char* name,
                const std::vector<std::uint64_t>& ends) {
+  // The ends rise, so that the last is the largest.
   const std::uint64_t last = ends.empty() ? 0 : ends.back();
   const hid_t type = last < 256          ? H5T_STD_U8LE
                      : last < 65536      ? H5T_STD_U16LE
@@ -214,6 +218,7 @@ void add_index(nwb_file& out, const nwb_table& table, const char* name,
 std::string time_text(std::time_t when) {
   std::tm parts{};
   localtime_r(&when, &parts);
+  // What stands where the system does not tell.
   char zone[8] = "+0000";
   std::strftime(zone, sizeof zone, "%z", &parts);
   const std::string z = zone;
@@ -234,6 +239,7 @@ std::string start_text(const recording_store& r) {
   parts.tm_hour = r.record_time[2];
   parts.tm_min = r.record_time[1];
   parts.tm_sec = r.record_time[0];
+  // Whether it was summer time is for the system to find out.
   parts.tm_isdst = -1;
   return time_text(std::mktime(&parts));
 }
@@ -265,6 +271,7 @@ void write_head(nwb_file& out, const session_state& session) {
 // A name that can stand in a path.
 std::string group_name(const recording_store& r) {
   std::string name = r.electrode_name;
+  // "electrodes" is the name of the table beside it, and a dot that of the group itself.
   std::replace(name.begin(), name.end(), '/', '_');
   while (!name.empty() && name.back() == ' ') name.pop_back();
   return name.empty() || name == "electrodes" || name == "." ? "electrode_group" : name;
@@ -332,6 +339,7 @@ bool has_unbroken_time(const session_state& session) {
 // Seconds from the first sample; those of event-based recordings as the other exports have
 // them.
 double spike_seconds(const session_state& session, std::int32_t event, double rate) {
+  // Gaps between stored records are in the stamps and nowhere else.
   if (!has_unbroken_time(session)) return event_seconds(session, event);
   return (session.events.event_time[event] - 1) / rate;
 }
@@ -349,6 +357,7 @@ unit_times list_times(const session_state& session) {
   std::vector<std::uint64_t> next(n_units + 1, 0);
   const auto unit_of = [&](std::int32_t i) {
     const std::int32_t c = e.event_cluster[i];
+    // Rows stand for clusters that exist; anything else has none.
     return c >= 1 && c <= session.clusters.n_clusters ? static_cast<std::size_t>(c) : 0;
   };
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
@@ -357,10 +366,12 @@ unit_times list_times(const session_state& session) {
   std::partial_sum(next.begin(), next.end(), next.begin());
   times.ends.assign(next.begin() + 1, next.end());
   times.seconds.resize(next.back());
+  // From the end down: each end moves to where its unit begins, and events stay in order.
   for (std::int32_t i = e.n_events; i >= 1; --i) {
     const std::size_t unit = unit_of(i);
     if (unit > 0) times.seconds[--next[unit]] = spike_seconds(session, i, rate);
   }
+  // Events are in order of discovery; readers take times for ascending.
   for (std::size_t u = 0; u < n_units; ++u) {
     const std::uint64_t first = u == 0 ? 0 : times.ends[u - 1];
     std::sort(times.seconds.begin() + static_cast<std::ptrdiff_t>(first),
@@ -384,6 +395,7 @@ void add_times(nwb_file& out, nwb_table& table, const session_state& session) {
   double end = 60.0 * r.duration_mins;
   if (has_unbroken_time(session) && r.sampling_frequency > 0) end = r.n_samples / exact_rate(r);
   if (!times.seconds.empty()) {
+    // No spike may lie outside the interval of its unit.
     end = std::max(end, *std::max_element(times.seconds.begin(), times.seconds.end()));
   }
   const auto n = static_cast<std::size_t>(session.clusters.n_clusters);
@@ -406,6 +418,7 @@ void add_electrodes(nwb_file& out, nwb_table& table, const session_state& sessio
   std::vector<std::int64_t> rows;
   std::vector<std::uint64_t> ends;
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    // Rows of the table of electrodes count from 0.
     rows.push_back(channel_of(session, c) - 1);
     ends.push_back(rows.size());
   }
@@ -444,6 +457,7 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
   for (const unit_row& row : make_unit_table(session)) {
     n_spikes.push_back(row.n_events);
     rates.push_back(static_cast<float>(row.rate));
+    // As the tables of the program show it.
     peaks.push_back(static_cast<float>(rounded_uv(row.peak_to_peak)));
     snr.push_back(static_cast<float>(row.snr));
     signed_off.push_back(session.clusters.cluster_signed_off[row.cluster] ? 1 : 0);
@@ -490,6 +504,7 @@ bool make_types(nwb_file& out) {
 bool make_nwb_file(const session_state& session, std::vector<char>& bytes) {
   constexpr std::size_t step = 1 << 20;  // by which the memory grows
   if (H5open() < 0) return false;
+  // The library would print its complaints; ours go to a box.
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
   const hdf_id access(H5Pcreate(H5P_FILE_ACCESS));
   if (!access.ok() || H5Pset_fapl_core(access, step, false) < 0) return false;
@@ -500,6 +515,7 @@ bool make_nwb_file(const session_state& session, std::vector<char>& bytes) {
   write_electrodes(out, session.recording);
   write_units(out, session);
   expect(out, H5Fflush(out.file, H5F_SCOPE_LOCAL) >= 0);
+  // The first call asks for the size.
   const ssize_t n = out.failed ? -1 : H5Fget_file_image(out.file, nullptr, 0);
   if (n <= 0) return false;
   bytes.resize(static_cast<std::size_t>(n));

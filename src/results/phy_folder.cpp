@@ -115,6 +115,7 @@ void list_events(phy_export& x) {
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] > 0) x.events.push_back(i);
   }
+  // Events at one time stay in the order in which they were found.
   std::stable_sort(x.events.begin(), x.events.end(), [&e](std::int32_t a, std::int32_t b) {
     return e.event_time[a] < e.event_time[b];
   });
@@ -143,6 +144,7 @@ void list_local_channels(phy_export& x) {
     }
     std::vector<std::int32_t> places(x.channels.size());
     std::iota(places.begin(), places.end(), 0);
+    // Stable, so that of equals the lower comes first.
     std::stable_sort(places.begin(), places.end(), [&](std::int32_t a, std::int32_t b) {
       return heights[static_cast<std::size_t>(a)] > heights[static_cast<std::size_t>(b)];
     });
@@ -167,8 +169,10 @@ void compare_templates(phy_export& x) {
   parallel_for_dealt(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
                      [&](std::int64_t row, std::int32_t) {
                        const auto a = static_cast<std::size_t>(row);
+                       // Every pair is computed by one thread alone, that of the lower of the two.
                        for (std::size_t b = a; b < n; ++b) {
                          const double scale = lengths[a] * lengths[b];
+                         // A template without any voltage is like nothing.
                          if (scale <= 0) continue;
                          const auto cosine = static_cast<float>(product(a, b) / scale);
                          x.similarity[a * n + b] = x.similarity[b * n + a] = cosine;
@@ -178,6 +182,7 @@ void compare_templates(phy_export& x) {
     std::vector<std::int32_t> order(n);
     std::iota(order.begin(), order.end(), 0);
     const auto likeness = [&](std::int32_t b) {
+      // Above every cosine: a template is most like itself.
       return static_cast<std::size_t>(b) == a ? 2.0f
                                               : x.similarity[a * n + static_cast<std::size_t>(b)];
     };
@@ -205,6 +210,7 @@ void find_components(phy_export& x) {
     }
   }
   const double largest = *std::max_element(sums.begin(), sums.end());
+  // Scaled while still in 64 bits; the directions do not depend on it.
   for (std::size_t i = 0; i < sums.size(); ++i) {
     covariance[i] = static_cast<float>(largest > 0 ? sums[i] / largest : 0);
   }
@@ -212,6 +218,7 @@ void find_components(phy_export& x) {
   eigen_decomposition(covariance.data(), n, n, values.data(), vectors.data(), n_rotations);
   x.components.assign(vectors.begin(),
                       vectors.begin() + static_cast<long>(points) * std::min(n_components, n));
+  // A window of fewer points than components has zeros for the rest.
   x.components.resize(static_cast<std::size_t>(n_components) * points);
 }
 
@@ -234,6 +241,7 @@ double spike_scale(const phy_export& x, std::int32_t event, std::size_t t) {
       square += value * value;
     }
   }
+  // A flat template is no measure of anything.
   return square > 0 ? product / square : 0;
 }
 
@@ -242,6 +250,7 @@ bool write_spikes(const phy_export& x) {
   const auto& spikes = x.events;
   return write_rows<std::int64_t>(
              x, "spike_times", "<i8", {}, spikes,
+             // The files count samples from 0.
              [&](std::int32_t i, std::int64_t* row) { *row = e.event_time[i] - 1; }) &&
          write_rows<std::int32_t>(
              x, "spike_templates", "<i4", {}, spikes,
@@ -297,8 +306,10 @@ bool write_sample_spikes(const phy_export& x) {
   std::vector<std::int64_t> chosen;
   for (const std::vector<std::int64_t>& all : of_template) {
     const std::size_t n = std::min(all.size(), most_sample_spikes);
+    // Evenly over the recording, as its shape may drift.
     for (std::size_t k = 0; k < n; ++k) chosen.push_back(all[k * all.size() / n]);
   }
+  // Readers look spikes up in the order of the spikes.
   std::sort(chosen.begin(), chosen.end());
   std::vector<std::int32_t> events;
   for (const std::int64_t s : chosen) events.push_back(x.events[static_cast<std::size_t>(s)]);
@@ -338,11 +349,13 @@ bool write_channels(const phy_export& x) {
   std::vector<double> positions;
   for (const std::int32_t c : x.channels) {
     places.push_back(c - 1);
+    // No tetrode is shank 0.
     shanks.push_back(std::max(r.tetrode_of_channel[c] - 1, 0));
     probes.push_back(0);
     positions.push_back(r.chan_x[c]);
     positions.push_back(r.chan_y[c]);
   }
+  // The samples are not whitened, so that the way back is that of no change.
   const std::vector<double> matrix = identity(x.channels.size());
   return write_array(x, "channel_map", "<i4", {n}, places) &&
          write_array(x, "channel_positions", "<f8", {n, 2}, positions) &&
@@ -394,6 +407,7 @@ bool write_clusters(const phy_export& x) {
              [&](std::int32_t c) { return fmt::format("{:.2f}", template_snr(session, c)); }) &&
          write_cluster_table(x, "comment", [&](std::int32_t c) {
            std::string comment(session.clusters.cluster_comment[c].view());
+           // A tab would begin another column.
            std::replace(comment.begin(), comment.end(), '\t', ' ');
            return comment;
          });
@@ -463,6 +477,7 @@ bool export_phy(const session_state& session, const std::string& path) {
       !ask(session, path + " holds a sort already. Replace it?", "File already exists")) {
     return false;
   }
+  // Asked before the tables are made, which would end the program where there is no room.
   const std::int64_t bytes = std::int64_t{4} * session.clusters.n_clusters *
                              session.templates.template_points *
                              static_cast<std::int64_t>(x.channels.size());

@@ -32,6 +32,7 @@ struct ptcs_reading {
   // A count of elements of so many bytes that follow.
   std::int64_t take_count(std::int64_t element_bytes) {
     const std::int64_t n = take_i64();
+    // Divided and not multiplied: no count can overflow the test.
     if (n < 0 || n > (file.size - std::min(at, file.size)) / element_bytes) failed = true;
     return failed ? 0 : n;
   }
@@ -45,6 +46,7 @@ struct ptcs_reading {
   }
   std::string take_text() {
     const std::vector<char> text = take_array<char>(take_count(1));
+    // Writers pad with zeros or with blanks.
     std::string trimmed(text.begin(), std::find(text.begin(), text.end(), '\0'));
     trimmed.resize(trimmed.find_last_not_of(' ') + 1);
     return trimmed;
@@ -73,6 +75,7 @@ bool read_header(ptcs_reading& in, ptcs_header& header) {
   in.take_i64();  // bytes of a sample
   in.take_i64();  // sample rate
   in.take_text();
+  // Two coordinates to a site, of eight bytes each.
   header.n_sites = in.take_count(16);
   in.at += 16 * header.n_sites;
   in.take_i64();  // used channels
@@ -106,6 +109,7 @@ bool read_unit(const session_state& session, ptcs_reading& in, const ptcs_header
   unit.centre = in.take_i64();
   unit.n_points = in.take_i64();
   const std::int64_t n_sites = session.recording.n_channels;
+  // Numbers of channels become places in tables, so none is believed.
   const auto on_probe = [n_sites](std::int64_t c) { return c >= 0 && c < n_sites; };
   if (in.failed || !on_probe(unit.centre) || unit.n_points < 3 ||
       unit.n_points >= template_point_limit ||
@@ -113,6 +117,7 @@ bool read_unit(const session_state& session, ptcs_reading& in, const ptcs_header
     return false;
   }
   const std::int64_t expected = unit.n_points * static_cast<std::int64_t>(unit.channels.size());
+  // More values than the file can hold.
   if (expected > in.file.size / 4) return false;
   if (!take_waveform_count(session, in, header, expected)) return false;
   unit.mean = in.take_array<float>(expected);
@@ -126,6 +131,7 @@ bool read_unit(const session_state& session, ptcs_reading& in, const ptcs_header
 
 void forget_sort(session_state& session) {
   cluster_table& clusters = session.clusters;
+  // It belongs to the sort that goes.
   session.undo.reset();
   session.events.n_events = 0;
   clusters.n_clusters = clusters.current_cluster = clusters.previous_cluster = 0;
@@ -144,6 +150,8 @@ void store_template(session_state& session, const ptcs_unit& unit, std::int32_t 
   for (std::size_t k = 0; k < unit.channels.size(); ++k) {
     const auto channel = static_cast<std::int32_t>(unit.channels[k]) + 1;
     for (std::size_t p = 0; p < points; ++p) {
+      // The file has µV, memory bits. What is no number would spread through everything made from
+      // it.
       const float mean = unit.mean[k * points + p] / scale, sd = unit.sd[k * points + p] / scale;
       t.mean(cluster, channel)[p + 1] = std::isfinite(mean) ? mean : 0.0f;
       t.sd(cluster, channel)[p + 1] = std::isfinite(sd) ? sd : 0.0f;
@@ -157,6 +165,7 @@ std::int64_t append_events(session_state& session, const ptcs_unit& unit, std::i
   const recording_store& r = session.recording;
   std::int64_t n_outside = 0;
   for (const std::int64_t us : unit.times) {
+    // In 128 bits: a time from a file, times the rate, may leave 64.
     const auto t =
         static_cast<std::int64_t>(static_cast<__int128>(us) * r.sampling_frequency / 1'000'000);
     if (us < 0 || t < 1 || t > r.n_samples || e.n_events == event_limit) {
@@ -193,9 +202,11 @@ void read_units(session_state& session, ptcs_reading& in, const ptcs_header& hea
   for (std::int32_t c = 1; c <= header.n_units; ++c) {
     ptcs_unit unit;
     if (!read_unit(session, in, header, unit)) {
+      // What was read before the fault stays.
       log_message(session, fmt::format("Error reading unit {} of ptcs file", c));
       break;
     }
+    // The first unit sets the window for all.
     if (c == 1) {
       session.templates.template_points = static_cast<std::int32_t>(unit.n_points);
       log_message(session, fmt::format("n_template_points={}", unit.n_points));

@@ -29,6 +29,7 @@ struct ptcs_stretch {
 void write_i64(safe_file& out, std::int64_t value) { write_value(out, value); }
 
 void write_padded(safe_file& out, std::string text, std::int64_t bytes) {
+  // Cuts as well as pads.
   text.resize(static_cast<std::size_t>(bytes), ' ');
   write_text(out, text);
 }
@@ -51,6 +52,7 @@ std::vector<std::vector<std::int64_t>> list_spike_times(const session_state& ses
     const std::int64_t t = e.event_time[i];
     if (e.event_cluster[i] < 1 || t < stretch.first || t > stretch.last) continue;
     times[static_cast<std::size_t>(e.event_cluster[i])].push_back(
+        // The first sample of the stretch stands at one step and not at 0; cut to whole µs.
         (t - stretch.first + 1) * 1'000'000 / session.recording.sampling_frequency);
   }
   for (std::vector<std::int64_t>& of_cluster : times) {
@@ -97,6 +99,7 @@ void write_header(const session_state& session, safe_file& out, const ptcs_stret
   }
   write_i64(out, n_used);
   const std::string path = source_file_path(session);
+  // Whole words of eight bytes, with one blank at the end at least.
   const std::int64_t path_bytes = (static_cast<std::int64_t>(path.size()) / 8 + 1) * 8;
   write_i64(out, path_bytes);
   write_padded(out, path, path_bytes);
@@ -124,12 +127,14 @@ void write_unit(const session_state& session, safe_file& out, std::int32_t clust
   const template_table& t = session.templates;
   const float scale = session.recording.vscale_HP;
   const std::string comment(session.clusters.cluster_comment[cluster].view());
+  // A template that is flat on every channel has no centre.
   const std::int32_t centre = std::max(t.centre_channel(cluster), 1);
   const float noise = template_sd_rms(session, cluster);
   const float peak = template_peak_to_peak(session, cluster, centre);
   write_i64(out, cluster);
   write_i64(out, static_cast<std::int64_t>(comment.size()));
   write_text(out, comment);
+  // -1 stands for none.
   write_value(out, noise > 0 ? peak / noise : -1.0f);
   write_value(out, noise * scale);
   for (const float place : {t.template_x[cluster], t.template_y[cluster], t.template_z[cluster]}) {
@@ -172,6 +177,7 @@ ptcs_stretch stretch_of_epoch(const recording_store& r, std::int32_t epoch) {
   stretch.description = ptcs_epoch_description;
   stretch.first = r.epoch_first_index[epoch];
   stretch.last = stretch.first + r.epoch_samples[epoch] - 1;
+  // Stamps of epochs are in seconds.
   stretch.days = static_cast<double>(r.epoch_start[epoch] - r.epoch_start[1]) / seconds_per_day;
   return stretch;
 }
@@ -215,6 +221,7 @@ bool write_stimulus_files(const session_state& session, const std::string& stem,
   for (const stimulus_header& header : r.stimulus.headers) {
     if (inside(header.timestamp)) write_text(scripts, header.script + "\n");
   }
+  // All three are closed, also after one has failed.
   for (safe_file* file : {&values, &facts, &scripts}) good = finish_safe_file(*file) && good;
   return good;
 }

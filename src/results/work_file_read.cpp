@@ -39,6 +39,7 @@ bool open_source(work_file_source& in, const std::string& path) {
 
 std::int64_t remaining(const work_file_source& in) { return in.file.size - in.position; }
 
+// The length first: a count from a damaged file must not be read for.
 bool read_bytes(work_file_source& in, void* bytes, std::int64_t n) {
   if (n > remaining(in)) return fail(in, "ends early");
   if (!read_at(in.file, in.position, bytes, n)) return fail(in, "cannot be read");
@@ -73,6 +74,7 @@ std::string count_problem(const session_state& session, row_count rule, std::int
     case per_cluster:
       return within(0, session.max_clusters);
     case per_point:
+      // Clusters have templates, and those need three points at least.
       return within(session.clusters.n_clusters > 0 ? 3 : 0, template_point_limit);
     case per_pair:
       return within(0, pair_limit);
@@ -80,6 +82,7 @@ std::string count_problem(const session_state& session, row_count rule, std::int
       return within(0, log_line_limit);
     case per_filter:
       return within(0, filter_history_limit);
+    // A sort of other channels cannot be laid over this recording.
     case per_channel:
       if (n == session.recording.n_channels) return {};
       return fmt::format("is {}, but the recording has {} channels", n,
@@ -97,6 +100,7 @@ bool read_counter(work_file_source& in, session_state& session, const work_file_
   const std::string problem = count_problem(session, row.rule, value);
   if (!problem.empty()) return fail(in, problem);
   in.counts.of[static_cast<std::size_t>(row.rule)] = value;
+  // At once: the rows that follow are as long as it says.
   if (row.stored) *static_cast<std::int32_t*>(row.first(session)) = value;
   return true;
 }
@@ -114,6 +118,7 @@ bool read_templates(work_file_source& in, const session_state& session, table<fl
 }
 
 bool read_channel_lists(work_file_source& in, session_state& session) {
+  // Both counts were checked when their counters were read.
   const std::int64_t n_clusters = in.counts.of[per_cluster];
   std::vector<std::int32_t> slots(static_cast<std::size_t>(n_clusters));
   for (std::int64_t k = 1; k <= in.counts.of[per_channel]; ++k) {
@@ -141,6 +146,7 @@ bool read_comments(work_file_source& in, session_state& session) {
   while (remaining(in) > 0) {
     std::int32_t length = 0, cluster = 0;
     if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
+    // The length is that of the field in memory; the number becomes a place in the table.
     if (length < 0 || length > 256 || cluster < 1 || cluster > in.counts.of[per_cluster]) {
       return fail(in, fmt::format("has {} characters for cluster {}", length, cluster));
     }
@@ -154,6 +160,7 @@ bool read_comments(work_file_source& in, session_state& session) {
 bool read_row(work_file_source& in, session_state& session, const work_file_row& row) {
   const std::int64_t bytes = row_bytes(row, in.counts);
   if (row.form == row_form::counter) return read_counter(in, session, row);
+  // Before any byte of the row is stored.
   if (bytes > remaining(in)) return fail(in, "ends early");
   if (!row.stored) return pass_over(in, bytes);
   void* first = row.first == nullptr ? nullptr : row.first(session);
@@ -182,6 +189,7 @@ bool read_rows(work_file_source& in, session_state& session) {
   for (const work_file_row& row : work_file_rows()) {
     if (!row_is_in(row, in.version)) continue;
     if (!read_row(in, session, row)) {
+      // The name of the row tells where in the file the damage is.
       in.problem = fmt::format("Work file is damaged: {} {}", row.name, in.problem);
       return false;
     }
@@ -192,6 +200,7 @@ bool read_rows(work_file_source& in, session_state& session) {
 // 1 to 8, or 0 for a label that is none.
 std::int32_t version_of_label(const std::array<char, work_file_label_length>& label) {
   const std::string_view text(label.data(), label.size());
+  // The first version filled its label with a zero and blanks.
   if (text == std::string_view("Kestrelvane work file\0  ", 24)) return 1;
   for (std::int32_t v = 2; v <= work_file_version; ++v) {
     if (text == fmt::format("Kestrelvane work file V{}", v)) return v;
@@ -241,6 +250,7 @@ bool read_version(work_file_source& in, session_state& session, const std::strin
   const kept_settings before = keep_settings(session);
   prepare_for_work_file(session);
   bool read = read_rows(in, session);
+  // After a read that failed, too: the settings that came before the fault stay.
   settle_settings(session, before);
   if (read) {
     log_message(session, fmt::format("# of events = {}", session.events.n_events));

@@ -27,6 +27,7 @@ std::int64_t last_usable_time(const session_state& session, std::int32_t version
 }
 
 std::vector<std::int32_t> cluster_sizes(const session_state& session) {
+  // Numbers of events were checked before this.
   std::vector<std::int32_t> sizes(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
     ++sizes[static_cast<std::size_t>(session.events.event_cluster[e])];
@@ -44,6 +45,7 @@ std::int32_t remove_outside_events(event_table& events, std::int64_t last) {
 // A cluster that lost all its events with them is no unit of this recording.
 void delete_emptied_clusters(session_state& session, const std::vector<std::int32_t>& before) {
   const std::vector<std::int32_t> after = cluster_sizes(session);
+  // From the top down, so that the numbers still to go stay as they are.
   for (std::int32_t c = session.clusters.n_clusters; c >= 1; --c) {
     const std::size_t i = static_cast<std::size_t>(c);
     if (before[i] > 0 && after[i] == 0) delete_cluster(session, c);
@@ -69,6 +71,7 @@ std::string check_event_numbers(session_state& session) {
 void settle_event_times(session_state& session, std::int64_t last) {
   event_table& events = session.events;
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    // Negated, so that what is no number goes the same way.
     if (!(std::fabs(events.event_shift[e]) <= 1.0f)) events.event_shift[e] = 0.0f;
     // 0 stands for none; anything else may become event_time again.
     if (events.event_detected_time[e] < 0 || events.event_detected_time[e] > last) {
@@ -80,6 +83,7 @@ void settle_event_times(session_state& session, std::int64_t last) {
 bool lists_valid_channels(const session_state& session, std::int32_t cluster) {
   const template_table& t = session.templates;
   const std::int32_t n = t.template_n_channels[cluster];
+  // The count comes from the file, and is as long as the lists are read.
   if (n < 1 || n > session.recording.n_channels) return false;
   const std::int32_t* list = t.channels(cluster) + 1;
   return std::all_of(list, list + n, [&](std::int32_t channel) {
@@ -106,6 +110,7 @@ void settle_template_channels(session_state& session, std::int32_t version) {
       session.templates.template_n_channels[c] = length_of_channel_list(session, c);
     }
     if (!lists_valid_channels(session, c)) {
+      // What stands there is not believed; the template itself tells its channels.
       session.templates.template_n_channels[c] = 0;
       std::fill_n(session.templates.channels(c) + 1, session.recording.n_channels, 0);
       get_template_channels(session, c);
@@ -129,6 +134,7 @@ void settle_lists(session_state& session, std::int32_t version) {
       // -1 was stored for templates that do not overlap.
       if (version < 8) lists.kv_templates_dont_overlap[k] = lists.kv_cluster_overlap[k] == -1.0f;
       const std::int32_t shifted = lists.kv_n_shift_template[k];
+      // Before version 8 the shifts were not saved.
       if (version < 8 || (shifted != a && shifted != b)) {
         lists.kv_n_shift_template[k] = b;
         lists.rms_template_shift[k] = 0.0f;
@@ -185,6 +191,7 @@ void settle_settings(session_state& session, const kept_settings& before) {
     for (std::int32_t i = 0; i < row.count; ++i, ++earlier) {
       if (row.address == nullptr) continue;
       const double value = setting_value(session, row, i);
+      // What was out of range before the file came is not its doing.
       if (setting_in_range(row, value) || value == *earlier) continue;
       log_message(session, fmt::format("{} = {} in the work file is out of range, {} is kept",
                                        row.name, value, *earlier));
@@ -211,6 +218,7 @@ void prepare_for_work_file(session_state& session) {
   c.cluster_tag.clear();
   session.lists.n_kv_pairs = 0;
   session.lists.n_match = 0;
+  // Not in the file; tries of the sort before would count against pairs of this one.
   session.lists.kv_split_tries.clear();
   session.templates.template_n_channels.clear();
   session.templates.template_channels.clear();
@@ -222,7 +230,9 @@ std::string settle_sort(session_state& session, std::int32_t version) {
   const std::int64_t last = last_usable_time(session, version);
   settle_event_times(session, last);
   settle_template_channels(session, version);
+  // Before clusters are deleted, which keeps lists in step that fit.
   settle_lists(session, version);
+  // Counted before events go: a cluster that the file left empty stays as it is.
   const std::vector<std::int32_t> sizes = cluster_sizes(session);
   const std::int32_t removed = remove_outside_events(session.events, last);
   if (removed > 0) {
@@ -230,6 +240,7 @@ std::string settle_sort(session_state& session, std::int32_t version) {
     delete_emptied_clusters(session, sizes);
   }
   settle_selection(session);
+  // A file without templates has no points either.
   if (session.templates.template_points < 3) compute_template_points(session);
   return {};
 }

@@ -14,6 +14,7 @@ namespace kestrelvane {
 namespace {
 
 void write_padded(safe_file& out, const std::string& text, std::int64_t length) {
+  // A longer path is cut; the reader compares both sides cut.
   std::string padded = text.substr(0, static_cast<std::size_t>(length));
   padded.resize(static_cast<std::size_t>(length), ' ');
   write_text(out, padded);
@@ -104,6 +105,7 @@ bool write_work_file(const session_state& session, const std::string& path,
     const work_file_counts counts = count_session(session);
     log_lock.unlock();
     for (const work_file_row& row : work_file_rows()) {
+      // Rows that only older versions had.
       if (!row_is_in(row, work_file_version)) continue;
       if (row.rule == per_log_line) log_lock.lock();
       write_row(out, session, row, counts);
