@@ -22,6 +22,7 @@ struct lowest_points {
   sample best, second, third;
 
   void add(const sample& u) {
+    // Of equal values the newest is the best, so that a flat floor is walked over.
     if (u.f <= best.f) {
       third = second;
       second = best;
@@ -59,6 +60,7 @@ float brent(float ax, float bx, float cx, const scalar_function& f, float tolera
     const float x = low.best.x;
     const float middle = 0.5f * (a + b);
     const float nearest = tolerance * std::fabs(x) + least_step;
+    // The bracket is as short as the accuracy at x can tell apart.
     if (std::fabs(x - middle) <= 2.0f * nearest - 0.5f * (b - a)) {
       xmin = x;
       return low.best.f;
@@ -79,6 +81,7 @@ float brent(float ax, float bx, float cx, const scalar_function& f, float tolera
         }
       }
     }
+    // The golden section of the larger part, when the parabola cannot be trusted.
     if (!by_parabola) {
       step_before_last = x >= middle ? a - x : b - x;
       step = golden * step_before_last;
@@ -101,6 +104,7 @@ float zbrent(const scalar_function& f, float x1, float x2, float tolerance,
              const failure_log& log) {
   sample before{x1, f(x1)};
   sample best{x2, f(x2)};
+  // A value of exactly 0 at an end counts as a root.
   if ((before.f > 0.0f && best.f > 0.0f) || (before.f < 0.0f && best.f < 0.0f)) {
     log("root must be bracketed for zbrent");
     return x2;
@@ -113,6 +117,7 @@ float zbrent(const scalar_function& f, float x1, float x2, float tolerance,
       other = before;
       step = step_before = best.x - before.x;
     }
+    // The better end is always the one that the next step starts from.
     if (std::fabs(other.f) < std::fabs(best.f)) {
       before = best;
       best = other;
@@ -136,6 +141,8 @@ float zbrent(const scalar_function& f, float x1, float x2, float tolerance,
       }
       if (p > 0.0f) q = -q;
       p = std::fabs(p);
+      // Taken only within three quarters of the bracket, and when it shrinks faster than the step
+      // before.
       interpolated =
           2.0f * p < std::min(3.0f * half * q - std::fabs(nearest * q), std::fabs(step_before * q));
       if (interpolated) {

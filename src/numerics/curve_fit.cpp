@@ -41,6 +41,7 @@ float saturation(const float* p, float x, float* slope) {
   const float by_u = (p[1] - 1.0f) / ((1.0f + u) * (1.0f + u));
   slope[1] = u / (1.0f + u);
   slope[2] = by_u * power;
+  // At 0 every power is 0, and the logarithm has no value.
   slope[3] = x > 0.0f ? by_u * u * static_cast<float>(std::log(static_cast<double>(x))) : 0.0f;
   return (1.0f + p[1] * u) / (1.0f + u);
 }
@@ -83,6 +84,7 @@ void measure(const fit_points& points, const float* p, const std::int32_t* free_
     }
     m.chi += residual * residual;
   }
+  // Only the lower half has been summed.
   for (std::int32_t j = 1; j < n_free; ++j) {
     for (std::int32_t k = 0; k < j; ++k) m.alpha[k][j] = m.alpha[j][k];
   }
@@ -111,6 +113,7 @@ void lm_fit(const fit_points& points, curve_fit& fit, std::int32_t max_iteration
   std::int32_t n_settled = 0;
   while (fit.iterations < max_iterations) {
     merit damped = best;
+    // Times and not plus, so that parameters of any unit are damped alike.
     for (std::int32_t j = 0; j < n_free; ++j) damped.alpha[j][j] *= 1.0f + lambda;
     if (!gauss_jordan(&damped.alpha[0][0], n_free, n_slots, damped.beta)) {
       fit.status = 1;
@@ -132,6 +135,8 @@ void lm_fit(const fit_points& points, curve_fit& fit, std::int32_t max_iteration
     ++fit.iterations;
     fit.p[fit_residual] = std::sqrt(best.chi);
     const float change = chi_before - best.chi;
+    // A refused step changes nothing and counts as settled. One small change may be chance; so many
+    // in a row are not.
     n_settled = change >= 0.0f && change < settled_change ? n_settled + 1 : 0;
     if (n_settled > settled_after) {
       fit.status = 0;

@@ -43,6 +43,7 @@ fft_buffer::~fft_buffer() { std::free(re); }
 
 bool fft_buffer::allocate() {
   std::free(re);
+  // On a large page from its first byte, or the advice below would be lost on the rest.
   re = static_cast<float*>(std::aligned_alloc(large_page, 2 * array_bytes));
   im = re == nullptr ? nullptr : re + fft_points;
   if (re != nullptr) madvise(re, 2 * array_bytes, MADV_HUGEPAGE);
@@ -56,6 +57,7 @@ void fft_1m(fft_direction direction, fft_buffer& buffer) {
   }
   // With the arrays exchanged the forward sum runs backward.
   fftwf_execute_split_dft(plans(buffer).backward, buffer.im, buffer.re, buffer.im, buffer.re);
+  // A power of two, so that the scaling is exact.
   constexpr float one_in_all = 1.0f / fft_points;
   scale_array(buffer.re, one_in_all);
   scale_array(buffer.im, one_in_all);

@@ -25,6 +25,7 @@ bool find_pivot(const square_matrix& m, const std::vector<int>& used, std::int32
     if (used[i] == 1) continue;
     for (std::int32_t k = 0; k < m.n; ++k) {
       if (used[k] > 1) return false;
+      // Of equal ones the last.
       if (used[k] == 0 && std::fabs(m.row(i)[k]) >= largest) {
         largest = std::fabs(m.row(i)[k]);
         pivot_row = i;
@@ -54,8 +55,10 @@ bool gauss_jordan(float* a, std::int32_t n, std::int32_t stride, float* b) {
     }
     exchanges.emplace_back(from, pivot);
     float* pivot_row = m.row(pivot);
+    // Neither 0 nor a value that is no number can be divided by.
     if (!(pivot_row[pivot] != 0.0f) || std::isnan(pivot_row[pivot])) return false;
     const float inverse = 1.0f / pivot_row[pivot];
+    // The inverse grows in the place of the matrix; this is where the pivot's column of it begins.
     pivot_row[pivot] = 1.0f;
     for (std::int32_t k = 0; k < n; ++k) pivot_row[k] *= inverse;
     b[pivot] *= inverse;
@@ -67,6 +70,7 @@ bool gauss_jordan(float* a, std::int32_t n, std::int32_t stride, float* b) {
       b[i] -= b[pivot] * factor;
     }
   }
+  // Undone from the last to the first.
   for (std::int32_t step = n - 1; step >= 0; --step) {
     const auto [from, pivot] = exchanges[step];
     if (from == pivot) continue;

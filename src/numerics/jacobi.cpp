@@ -73,6 +73,7 @@ inline __attribute__((always_inline)) std::int32_t sweep_row(const work_rows& w,
     const float element = row_p[q];
     const float magnitude = std::fabs(element);
     const float g = 100.0f * magnitude;
+    // After four sweeps: too small to change either element of the diagonal.
     if (sweep > 4 && std::fabs(d[p]) + g == std::fabs(d[p]) &&
         std::fabs(d[q]) + g == std::fabs(d[q])) {
       row_p[q] = 0.0f;
@@ -81,6 +82,7 @@ inline __attribute__((always_inline)) std::int32_t sweep_row(const work_rows& w,
     if (!(magnitude > threshold)) continue;
     const float difference = d[q] - d[p];
     float t;
+    // The square of theta would leave 32 bits; t is then half its inverse.
     if (std::fabs(difference) + g == std::fabs(difference)) {
       t = element / difference;
     } else {
@@ -133,6 +135,8 @@ KESTRELVANE_CLONES bool sweep_until_diagonal(const work_rows& w, std::int32_t n,
       const float* row_q = w.row(q);
       for (std::int32_t j = 0; j < q; ++j) w.row(j)[q] = row_q[j];
     }
+    // The diagonal from before the sweep, and the sum of the small changes: added one by one they
+    // would lose more to rounding.
     for (std::int32_t p = 0; p < n; ++p) {
       b[p] += z[p];
       d[p] = b[p];
@@ -146,6 +150,7 @@ void fill_rows(const work_rows& w, const float* a, std::int32_t n, std::int32_t 
   for (std::int32_t i = 0; i < n; ++i) {
     float* row = w.row(i);
     for (std::int32_t j = 0; j < 2 * w.half; ++j) row[j] = 0.0f;
+    // Only the half above the diagonal of the caller's matrix is read.
     for (std::int32_t j = 0; j < i; ++j) row[j] = a[std::int64_t{j} * stride + i];
     for (std::int32_t j = i + 1; j < n; ++j) row[j] = a[std::int64_t{i} * stride + j];
     row[w.half + i] = 1.0f;
@@ -179,6 +184,7 @@ void report_too_many_iterations(std::int32_t n, std::int32_t n_rotations, const 
 void sort_eigenvectors(std::int32_t n, std::int32_t stride, float* eigenvalues, float* vectors) {
   std::vector<float> keys(n);
   std::vector<std::int32_t> order(n);
+  // By magnitude: the sign of an eigenvalue does not tell how much it matters.
   for (std::int32_t i = 0; i < n; ++i) keys[i] = -std::fabs(eigenvalues[i]);
   index_sort(n, keys.data(), order.data());
   const std::vector<float> values(eigenvalues, eigenvalues + n);

@@ -22,6 +22,7 @@ bool levene_test(std::span<const std::span<const float>> groups, levene_result& 
     n += group.size();
     any_empty |= group.empty();
   }
+  // As many groups as values leave nothing to vary within them.
   if (any_empty || n <= k) {
     log("2 error calculating k");
     return false;
@@ -44,6 +45,7 @@ bool levene_test(std::span<const std::span<const float>> groups, levene_result& 
     within += squares;
     grand_sum += deviations;
   }
+  // With no variation within the groups the quotient has no end.
   if (!(within > 0.0)) {
     log("3 error calculating k");
     return false;

@@ -34,6 +34,7 @@ float chi_at_angle(void* context, float angle) {
   const auto weight = [&](std::size_t i) {
     const double across = slope * s.sx[i];
     const double variance = across * across + double{s.sy[i]} * s.sy[i];
+    // A point without any error decides the line by itself, but must not divide by 0.
     return variance < 1e-30 ? 1e30 : 1.0 / variance;
   };
   for (std::size_t i = 0; i < s.x.size(); ++i) {
@@ -66,8 +67,10 @@ double spread(std::int32_t n, const float* v) {
 bool fitexy(std::int32_t n, const float* x, const float* y, const float* sx, const float* sy,
             line_fit& fit, const failure_log& log) {
   fit = {};
+  // Two points leave no degree of freedom to judge the line by.
   if (n < 3) return false;
   const double spread_x = spread(n, x), spread_y = spread(n, y);
+  // All points on one spot have no line.
   if (!(spread_x > 0.0) && !(spread_y > 0.0)) return false;
   const auto scale = static_cast<float>(spread_x > 0.0 && spread_y > 0.0 ? spread_x / spread_y : 1);
   scaled_points s{{x, x + n}, {y, y + n}, {sx, sx + n}, {sy, sy + n}};
@@ -79,6 +82,7 @@ bool fitexy(std::int32_t n, const float* x, const float* y, const float* sx, con
   const float spacing = pi / n_trial_angles;
   float lowest_angle = 0.0f, lowest = unbounded;
   for (int k = 0; k < n_trial_angles; ++k) {
+    // Half a spacing off, so that no angle is vertical, where the tangent has no end.
     const float angle = -0.5f * pi + (static_cast<float>(k) + 0.5f) * spacing;
     const float value = chi(angle);
     if (value < lowest) lowest = value, lowest_angle = angle;
@@ -90,6 +94,7 @@ bool fitexy(std::int32_t n, const float* x, const float* y, const float* sx, con
   const float intercept = s.intercept;
   const float intercept_variance = 1.0f / s.sum_of_weights;
   fit.probability =
+      // Rounding may leave a little below 0.
       gammq(0.5f * static_cast<float>(n - 2), 0.5f * std::max(0.0f, fit.chi_squared), log);
   fit.intercept = intercept / scale;
   fit.slope = static_cast<float>(std::tan(double{best}) / scale);
@@ -102,12 +107,14 @@ bool fitexy(std::int32_t n, const float* x, const float* y, const float* sx, con
     if (above == 0.0f && chi(best + away) > 0.0f) above = away;
     if (below == 0.0f && chi(best - away) > 0.0f) below = away;
   }
+  // The line holds; its errors have no bound.
   if (above == 0.0f || below == 0.0f) return true;
   const float up = zbrent(chi, best, best + above, angle_accuracy * 1e-2f, log) - best;
   const float intercept_up = s.intercept - intercept;
   const float down = zbrent(chi, best, best - below, angle_accuracy * 1e-2f, log) - best;
   const float intercept_down = s.intercept - intercept;
   const auto cosine = static_cast<float>(std::cos(double{best}));
+  // The derivative of the tangent turns an error of the angle into one of the slope.
   fit.slope_error = std::sqrt(0.5f * (up * up + down * down)) / (scale * cosine * cosine);
   fit.intercept_error =
       std::sqrt(0.5f * (intercept_up * intercept_up + intercept_down * intercept_down) +

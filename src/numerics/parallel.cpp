@@ -28,12 +28,14 @@ class worker_pool {
 
   // False when another loop has the workers.
   bool run(std::int32_t n_threads, void (*body)(void*, std::int32_t), void* context) {
+    // Rather on one thread at once than on many later: the other loop may be a long one.
     std::unique_lock busy(one_loop_, std::try_to_lock);
     if (!busy.owns_lock()) return false;
     {
       std::lock_guard lock(mutex_);
       while (static_cast<std::int32_t>(threads_.size()) < n_threads - 1) {
         const auto rank = static_cast<std::int32_t>(threads_.size()) + 1;
+        // A new worker has seen all loops so far, so that this one is its first.
         threads_.emplace_back([this, rank, seen = generation_] { work(rank, seen); });
       }
       body_ = body;
@@ -57,6 +59,7 @@ class worker_pool {
       wake_.wait(lock, [&] { return generation_ != seen; });
       seen = generation_;
       if (stopping_) return;
+      // Not in this loop: it sleeps on.
       if (rank >= n_threads_) continue;
       const auto body = body_;
       void* const context = context_;
@@ -89,6 +92,8 @@ thread_local bool inside_loop = false;
 
 }  // namespace
 
+// Results too small for a normal number become 0, and such operands count as 0: they would slow the
+// loops down many times over, and no result depends on them.
 void flush_denormals() { _mm_setcsr(_mm_getcsr() | 0x8040u); }
 
 void run_on_threads(std::int32_t n_threads, void (*body)(void*, std::int32_t), void* context) {
@@ -103,6 +108,7 @@ void run_on_threads(std::int32_t n_threads, void (*body)(void*, std::int32_t), v
     inside_loop = false;
   };
   if (!inside_loop && n_threads > 1 && workers().run(n_threads, marked_body, &inner)) return;
+  // In turn, since a body may keep something by its rank.
   for (std::int32_t rank = 0; rank < n_threads; ++rank) body(context, rank);
 }
 

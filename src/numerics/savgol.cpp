@@ -23,6 +23,8 @@ bool ludcmp(double* a, std::int32_t n, std::int32_t stride, std::int32_t* rows,
   for (std::int32_t k = 0; k < n; ++k) {
     std::int32_t pivot = k;
     for (std::int32_t i = k + 1; i < n; ++i) {
+      // By their share of the largest in their row, so that the scale of an equation does not
+      // matter.
       if (scale[i] * std::fabs(row(i)[k]) > scale[pivot] * std::fabs(row(pivot)[k])) pivot = i;
     }
     rows[k] = pivot;
@@ -74,6 +76,7 @@ bool savgol(float* coefficients, std::int32_t n_left, std::int32_t n_right, std:
   std::vector<double> a(static_cast<std::size_t>(n) * n, 0.0);
   for (std::int32_t offset = -n_left; offset <= n_right; ++offset) {
     for (std::int32_t i = 0; i < n; ++i) {
+      // 0 to the power of 0 is 1 here, as the equations want it.
       for (std::int32_t k = 0; k < n; ++k) a[i * n + k] += std::pow(offset, i + k);
     }
   }

@@ -27,6 +27,7 @@ struct index_sorter {
       const std::int32_t moving = at(place);
       const float moving_key = keys[moving - 1];
       std::int32_t i = place - 1;
+      // Negated, so that a key that is no number stops nothing.
       for (; i >= first && !(key(i) <= moving_key); --i) at(i + 1) = at(i);
       at(i + 1) = moving;
     }

@@ -89,6 +89,7 @@ float betacf(float a, float b, float x, const failure_log& log) {
 
 float betai(float a, float b, float x, const failure_log& log) {
   if (!(x >= 0.0f && x <= 1.0f)) log("Error in argument x to betai function");
+  // Negated, so that what is no number takes this way out.
   if (!(x > 0.0f)) return 0.0f;
   if (!(x < 1.0f)) return 1.0f;
   const double powers = a * std::log(double{x}) + b * std::log1p(-double{x});
@@ -105,6 +106,7 @@ float gammq(float a, float x, const failure_log& log) {
     return 1.0f;
   }
   if (x == 0.0f) return 1.0f;
+  // The series converges fast here, the fraction beyond.
   if (x < a + 1.0f) return 1.0f - lower_gamma_series(a, x);
   return upper_gamma_fraction(a, x);
 }

@@ -10,6 +10,7 @@ void make_spline(std::int32_t n, const float* x, const float* y, float* second) 
   // Tridiagonal equations for the second derivatives, solved by elimination
   // downward (second and right keep the reduced row) and substitution back.
   std::vector<float> right(n, 0.0f);
+  // A natural spline: no bend at either end.
   second[0] = 0.0f;
   for (std::int32_t i = 1; i < n - 1; ++i) {
     const float before = x[i] - x[i - 1];
@@ -29,6 +30,7 @@ float spline_value(std::int32_t n, const float* x, const float* y, const float* 
   if (n <= 0) return 0.0f;
   if (n == 1) return y[0];
   const auto above = static_cast<std::int32_t>(std::upper_bound(x, x + n, at) - x);
+  // Outside the points the first or the last piece goes on.
   const std::int32_t high = std::clamp(above, 1, n - 1);
   const std::int32_t low = high - 1;
   const float width = x[high] - x[low];

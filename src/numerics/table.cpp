@@ -11,6 +11,7 @@ namespace kestrelvane {
 
 void* reserve_pages(std::size_t bytes) {
   void* pages = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                     // Addresses alone: memory is taken page by page as they are touched.
                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   return pages == MAP_FAILED ? nullptr : pages;
 }
@@ -31,6 +32,7 @@ void zero_pages(void* first, std::size_t bytes) {
   }
   std::memset(begin, 0, static_cast<std::size_t>(inner_begin - begin));
   std::memset(inner_end, 0, static_cast<std::size_t>(end - inner_end));
+  // Pages that cannot be given back are written like short ranges.
   if (madvise(inner_begin, static_cast<std::size_t>(inner_end - inner_begin), MADV_DONTNEED) != 0) {
     std::memset(inner_begin, 0, static_cast<std::size_t>(inner_end - inner_begin));
   }
@@ -38,6 +40,7 @@ void zero_pages(void* first, std::size_t bytes) {
 
 bool memory_can_hold(std::int64_t bytes) {
   std::FILE* meminfo = std::fopen("/proc/meminfo", "r");
+  // Where the system does not tell, nothing is refused.
   if (meminfo == nullptr) return true;
   std::int64_t available = -1;
   std::int64_t swap = 0;
