@@ -10,6 +10,7 @@ namespace {
 std::size_t utf8_length(std::string_view text) {
   const auto first = static_cast<unsigned char>(text.front());
   if (first < 0x80) return 1;
+  // 0xC0, 0xC1 and everything from 0xF5 on begin no character.
   const std::size_t n = first >= 0xC2 && first < 0xE0   ? 2
                         : first >= 0xE0 && first < 0xF0 ? 3
                         : first >= 0xF0 && first < 0xF5 ? 4
@@ -27,9 +28,11 @@ std::string legible_text(std::string_view text) {
   while (!text.empty()) {
     const std::size_t n = utf8_length(text);
     const auto c = static_cast<unsigned char>(text.front());
+    // The two bytes that stand for this Latin-1 character.
     if (n == 0) {
       out += static_cast<char>(0xC0 | (c >> 6));
       out += static_cast<char>(0x80 | (c & 0x3F));
+      // A control character could break the line of the log.
     } else if (n == 1 && (c < 0x20 || c == 0x7F)) {
       out += ' ';
     } else {

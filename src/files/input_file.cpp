@@ -38,6 +38,7 @@ bool read_at(const input_file& in, std::int64_t offset, void* to, std::int64_t c
     const ssize_t n =
         pread(in.descriptor, at, static_cast<std::size_t>(std::min(count, most)), offset);
     if (n < 0 && errno == EINTR) continue;
+    // 0 is the end of the file: it has become shorter since it was opened.
     if (n <= 0) return false;
     at += n;
     offset += n;
@@ -47,6 +48,7 @@ bool read_at(const input_file& in, std::int64_t offset, void* to, std::int64_t c
 }
 
 std::vector<char> read_block(const input_file& in, std::int64_t offset, std::int64_t count) {
+  // An offset beyond the end leaves none.
   count = std::clamp<std::int64_t>(in.size - offset, 0, count);
   std::vector<char> block(static_cast<std::size_t>(count));
   if (!read_at(in, offset, block.data(), count)) block.clear();
@@ -60,6 +62,7 @@ void expect_sequential_reading(const input_file& in) {
 std::string replace_extension(const std::string& path, const std::string& extension) {
   const std::size_t name = folder_of(path).size();
   const std::size_t dot = path.find_last_of('.');
+  // A dot at the front of a name begins no extension.
   const bool has_extension = dot != std::string::npos && dot > name;
   return path.substr(0, has_extension ? dot : std::string::npos) + extension;
 }

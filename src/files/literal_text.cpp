@@ -12,6 +12,7 @@ namespace {
 
 using json = nlohmann::json;
 
+// Bounds for text that was made to exhaust the stack, or the memory.
 constexpr int deepest = 16;
 constexpr std::size_t most_elements = 200'000;
 
@@ -66,6 +67,7 @@ json take_value(literal_reader& in, int depth);
 json take_number(literal_reader& in) {
   const char* from = in.text.data() + in.at;
   const char* to = in.text.data() + in.text.size();
+  // from_chars knows no plus sign. It has no locale, either: the point is always a point.
   if (from < to && *from == '+') ++from;
   double value = 0;
   const auto [end, error] = std::from_chars(from, to, value);
@@ -88,6 +90,7 @@ json take_elements(literal_reader& in, char close, int depth) {
   json list = json::array();
   while (!in.failed() && !accept(in, close)) {
     list.push_back(take_value(in, depth + 1));
+    // Over the whole text, so that nesting does not get round it.
     if (++in.n_elements > most_elements) return in.fail("too many elements");
     if (!accept(in, ',') && (skip_space(in), in.peek() != close)) {
       return in.fail("a comma or an end is missing");
@@ -125,8 +128,10 @@ json make_range(literal_reader& in, const json& arguments) {
     // Beyond 2^53 a step of one would not lead anywhere.
     constexpr double largest = 1e9;
     if (std::abs(bound) > largest) return in.fail("a number of a range is too large");
+    // A single number is where the range ends.
     bounds[n == 1 ? 1 : i] = bound;
   }
+  // Before the list is made, which a hostile range would fill the memory with.
   if (bounds[2] == 0 || std::abs((bounds[1] - bounds[0]) / bounds[2]) > most_elements) {
     return in.fail("too many elements");
   }
@@ -160,6 +165,7 @@ json take_bracketed(literal_reader& in, int depth) {
   const std::size_t from = in.at;
   json list = take_elements(in, ')', depth);
   if (in.failed() || list.size() != 1) return list;
+  // A comma before the bracket makes a tuple of a single element.
   std::size_t last = in.at - 2;
   while (last > from && std::isspace(static_cast<unsigned char>(in.text[last]))) --last;
   return in.text[last] == ',' ? list : json(list[0]);
@@ -168,6 +174,7 @@ json take_bracketed(literal_reader& in, int depth) {
 json take_term(literal_reader& in, int depth) {
   skip_space(in);
   const char c = in.peek();
+  // Before the next level is entered.
   if (depth > deepest) return in.fail("nested too deeply");
   if (accept(in, '[')) return take_elements(in, ']', depth);
   if (accept(in, '(')) return take_bracketed(in, depth);

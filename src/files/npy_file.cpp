@@ -26,8 +26,10 @@ std::string_view value_of(std::string_view text, std::string_view key) {
 bool take_shape(std::string_view text, std::vector<std::int64_t>& shape) {
   if (!text.starts_with('(')) return false;
   text = text.substr(1, text.find(')') - 1);
+  // Arrays of more indices are none that are read here.
   constexpr std::size_t most_indices = 8;
   while (shape.size() < most_indices) {
+    // Old writers put an L after whole numbers.
     const std::size_t start = text.find_first_not_of(" ,L");
     if (start == std::string_view::npos) return true;
     text.remove_prefix(start);
@@ -52,6 +54,7 @@ bool data_fits(const npy_header& header, std::int64_t file_bytes) {
   std::int64_t n = element_bytes(header.type);
   if (n < 1) return false;
   for (const std::int64_t count : header.shape) {
+    // Divided and not multiplied: no shape can overflow the test.
     if (count > 0 && n > file_bytes / count) return false;
     n *= count;
   }
@@ -67,6 +70,7 @@ bool read_npy_header(const input_file& file, npy_header& header) {
   if (take_text(in, magic.size()) != magic) return false;
   const auto version = take_value<std::uint8_t>(in);
   skip_bytes(in, 1);
+  // The length grew from two bytes to four with version 2.
   const std::uint32_t length =
       version == 1 ? take_value<std::uint16_t>(in) : take_value<std::uint32_t>(in);
   const std::string_view text = take_text(in, length);
@@ -84,6 +88,7 @@ std::string npy_header_text(const std::string& type, const std::vector<std::int6
                                  type, fmt::join(shape, ", "), shape.size() == 1 ? "," : "");
   constexpr std::size_t front = magic.size() + 4, alignment = 64;
   // Blanks up to the alignment, the last of them a line end.
+  // Room for the line end is counted, too.
   const std::size_t whole = (front + text.size() + 1 + alignment - 1) / alignment * alignment;
   text.resize(whole - front - 1, ' ');
   text += '\n';

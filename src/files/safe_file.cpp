@@ -34,6 +34,8 @@ bool write_text(safe_file& out, std::string_view text) {
 
 bool finish_safe_file(safe_file& out) {
   if (out.file == nullptr) return false;
+  // On the device before the rename: a machine that dies in between would otherwise leave an empty
+  // file under the name.
   if (std::fflush(out.file) != 0 || fsync(fileno(out.file)) != 0) out.failed = true;
   if (std::fclose(out.file) != 0) out.failed = true;
   out.file = nullptr;

@@ -8,6 +8,7 @@
 namespace kestrelvane {
 
 bool load_text(text_lines& lines, const std::string& path) {
+  // A configuration has a few hundred lines; what is larger is something else.
   constexpr std::int64_t most_bytes = 4 << 20;
   input_file file;
   if (!open_input_file(file, path)) return false;
@@ -34,9 +35,11 @@ std::vector<double> leading_numbers(std::string_view line, std::size_t limit) {
     const std::size_t start = line.find_first_not_of(separators);
     if (start == std::string_view::npos) break;
     line.remove_prefix(start);
+    // Two signs are no number.
     if (line.size() > 1 && line[0] == '+' && line[1] != '-') line.remove_prefix(1);
     double value = 0;
     const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), value);
+    // No number, or one that is not finite, ends them, and so does a word that begins as one.
     if (error != std::errc() || !std::isfinite(value)) break;
     line.remove_prefix(static_cast<std::size_t>(end - line.data()));
     if (!line.empty() && separators.find(line[0]) == std::string_view::npos) break;
