@@ -23,11 +23,13 @@ void read_mask_file(session_state& session) {
   const std::string path = mask_path(session);
   if (!file_exists(path)) return;
   if (!ask(session, "Read associated mask file (.msk)?", "Channel mask file exists")) return;
+  // Channels beyond the end of the file are unmasked, whatever they were before.
   r.chan_mask.clear();
   text_lines lines;
   if (!load_text(lines, path)) return;
   std::string_view line;
   for (std::int32_t c = 1; c <= r.n_channels && next_line(lines, line); ++c) {
+    // A line too short for the word masks nothing.
     const char word = line.size() > mask_column ? line[mask_column] : 'F';
     r.chan_mask[c] = word == 'T' || word == 't';
   }

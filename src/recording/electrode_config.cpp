@@ -25,6 +25,7 @@ struct config_entry {
 
 enum class config_line { none, good, bad };
 
+// -0.5 and 4096.9 become numbers that are inside.
 bool fits(double value, double low, double high) { return value > low - 1 && value < high + 1; }
 
 // Numbers are truncated, so the tests run on what is left of them then.
@@ -33,6 +34,7 @@ config_line take_entry(std::string_view line, config_entry& entry) {
   if (n.empty()) return config_line::none;
   constexpr double low = std::numeric_limits<std::int16_t>::min();
   constexpr double high = std::numeric_limits<std::int16_t>::max();
+  // 1 itself is tested again: between 0 and 1 a program channel would become 0.
   if (n.size() < 4 || !fits(n[0], 0, channel_limit) || !fits(n[1], 1, channel_limit) || n[1] < 1 ||
       !fits(n[2], low, high) || !fits(n[3], low, high)) {
     return config_line::bad;
@@ -45,6 +47,7 @@ config_line take_entry(std::string_view line, config_entry& entry) {
 // Each program channel up to the largest once; logs the others.
 bool check_map(const session_state& session, const std::vector<std::int32_t>& uses,
                std::int32_t n_mapped) {
+  // The largest number that is used tells how many channels there must be.
   std::int32_t largest = channel_limit;
   while (largest > 0 && uses[static_cast<std::size_t>(largest)] == 0) --largest;
   bool good = largest > 0;
@@ -73,6 +76,7 @@ bool read_entries(session_state& session, text_lines& lines, std::int32_t& n_map
       continue;
     }
     ++n_mapped;
+    // A file channel that is named again goes to the later place.
     r.channel_map[entry.file_channel] = entry.channel;
     r.chan_x[entry.channel] = entry.x;
     r.chan_y[entry.channel] = entry.y;
@@ -93,6 +97,7 @@ bool take_contacts(session_state& session, const std::string& path, std::int32_t
   for (const wired_contact& contact : contacts) {
     ++n_mapped;
     r.channel_map[contact.file_channel] = n_mapped;
+    // Positions are whole and were checked when the file was read.
     r.chan_x[n_mapped] = static_cast<std::int16_t>(contact.x);
     r.chan_y[n_mapped] = static_cast<std::int16_t>(contact.y);
   }
@@ -109,6 +114,7 @@ std::string trimmed(std::string_view text, std::size_t limit) {
 
 std::string config_file_beside(const std::string& recording_path) {
   const std::string beside = folder_of(recording_path) + "electrode";
+  // The file of the recording's name goes before one of the folder, for each kind.
   for (const char* extension : {".cfg", ".prb", ".json"}) {
     for (const std::string& candidate :
          {replace_extension(recording_path, extension), beside + extension}) {
@@ -140,6 +146,7 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
   recording_store& r = session.recording;
   n_mapped = 0;
   r.config_path = path;
+  // Until it has been read without a fault.
   r.no_config_file = true;
   text_lines lines;
   if (!load_text(lines, path)) {
@@ -191,12 +198,14 @@ bool write_config_file(const session_state& session) {
                fmt::format("{:5} {:5} {:6} {:6}\n", file_channel, c, r.chan_x[c], r.chan_y[c]));
   };
   bool mapped = false;
+  // File channel 0 as well, so that a map that was read comes back whole.
   for (std::int32_t f = 0; f <= channel_limit; ++f) {
     const std::int32_t c = r.channel_map[f];
     if (c < 1 || c > r.n_channels) continue;
     write_entry(f, c);
     mapped = true;
   }
+  // Without a map channel for channel.
   for (std::int32_t c = 1; !mapped && c <= r.n_channels; ++c) write_entry(c, c);
   return finish_safe_file(out);
 }

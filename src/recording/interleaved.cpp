@@ -91,6 +91,7 @@ struct value_group {
 std::vector<value_group> list_groups(const std::vector<std::int32_t>& target) {
   std::vector<value_group> groups;
   for (std::size_t v = 0; v < target.size();) {
+    // The next value that is not kept ends the run of those that are.
     const auto kept = std::find_if(target.begin() + static_cast<std::ptrdiff_t>(v), target.end(),
                                    [](std::int32_t c) { return c <= 0; }) -
                       target.begin();
@@ -118,10 +119,12 @@ struct reading {
 // The b-th block of the run, from 0.
 void read_one_block(reading& r, std::int64_t b, std::vector<std::int16_t>& buffer) {
   const std::int64_t first = b * r.points_per_block;
+  // The last block may be shorter.
   const std::int64_t n_points = std::min(r.points_per_block, r.run.n_points - first);
   const auto n_values = static_cast<std::int64_t>(r.channels.target.size());
   buffer.resize(static_cast<std::size_t>(r.points_per_block * n_values));
   if (!read_at(r.file, r.run.at + 2 * first * n_values, buffer.data(), 2 * n_points * n_values)) {
+    // Other threads have blocks under way; they see it before their next one.
     r.early_end = true;
     return;
   }
@@ -149,6 +152,7 @@ void spread_points(session_state& session, const interleaved_channels& channels,
   const auto misplaced =
       static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(run_of(groups[0].first)) %
                                 cache_line / sizeof(std::int16_t));
+  // Points in front of the first whole line, and never more than there are.
   const std::int64_t head = std::min(misplaced == 0 ? 0 : points_per_line - misplaced, n_points);
   const std::int64_t whole = head + (n_points - head) / points_per_line * points_per_line;
   spread_plainly(0, head);
@@ -171,6 +175,7 @@ void spread_points(session_state& session, const interleaved_channels& channels,
 #endif
   if (!channels.change) return;
   for (std::size_t v = 0; v < n_values; ++v) {
+    // Only the part just stored: blocks of other threads are changed by them.
     if (target[v] > 0) channels.change(v, run_of(v), n_points);
   }
 }
@@ -181,6 +186,7 @@ read_end read_interleaved(session_state& session, const input_file& file,
   if (run.n_points <= 0 || channels.target.empty()) return read_end::whole;
   const auto point_bytes = static_cast<std::int64_t>(2 * channels.target.size());
   reading r{session, file, channels, run};
+  // In eights, so that squares are whole; 8 at least, however many the channels.
   r.points_per_block = std::max<std::int64_t>(block_bytes / point_bytes / 8 * 8, 8);
   const std::int64_t n_blocks = (run.n_points - 1) / r.points_per_block + 1;
   const std::int32_t n_threads = threads_now(session);
@@ -190,6 +196,7 @@ read_end read_interleaved(session_state& session, const input_file& file,
   parallel_for_dealt(n_threads, 0, n_blocks - 1, [&](std::int64_t b, std::int32_t rank) {
     if (r.early_end || interrupted) return;
     read_one_block(r, b, buffers[static_cast<std::size_t>(rank)]);
+    // Counted by all, shown by one.
     const std::int64_t done = ++r.n_done;
     if (rank != 0) return;
     // The bar and the polls belong to the thread that runs the operation.
@@ -197,6 +204,7 @@ read_end read_interleaved(session_state& session, const input_file& file,
     set_progress(session, meter::reading, bar_from + share, 115);
     reading_interrupted(session);
   });
+  // The user's wish goes first, as it may be the reason for the rest.
   if (interrupted) return read_end::interrupted;
   return r.early_end ? read_end::early_end : read_end::whole;
 }
@@ -207,6 +215,7 @@ interleaved_channels map_interleaved(const session_state& session, std::int32_t 
   channels.target.resize(static_cast<std::size_t>(std::max(n, 0)));
   for (std::int32_t i = 1; i <= n; ++i) {
     std::int32_t channel = i;
+    // With a configuration nothing goes by its own number, not even beyond the map.
     if (!r.no_config_file) channel = i <= channel_limit ? r.channel_map[i] : 0;
     if (channel < 1 || channel > r.n_channels) channel = 0;
     channels.target[static_cast<std::size_t>(i - 1)] = channel;

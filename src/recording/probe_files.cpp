@@ -17,12 +17,14 @@ namespace {
 
 using json = nlohmann::json;
 
+// Far more than any probe needs, and little enough to be parsed.
 constexpr std::int64_t most_bytes = 16 << 20;
 constexpr double farthest = 32767;       // µm
 constexpr double probe_distance = 1000;  // µm, between probes whose positions overlap
 
 bool has_extension(const std::string& path, std::string_view extension) {
   if (path.size() < extension.size()) return false;
+  // Case does not matter in an extension; the pattern is in lower case.
   return std::equal(extension.begin(), extension.end(), path.end() - extension.size(),
                     [](char a, char b) { return a == (b | 0x20) || a == b; });
 }
@@ -47,6 +49,7 @@ bool take_position(const json& pair, double scale, wired_contact& contact) {
   if (!x || !y || pair.size() != 2) return false;
   contact.x = std::round(*x * scale);
   contact.y = std::round(*y * scale);
+  // What is no number was refused above; what is too far has no place in 16 bits.
   return std::abs(contact.x) <= farthest && std::abs(contact.y) <= farthest;
 }
 
@@ -81,12 +84,14 @@ bool take_probe(const json& probe, double shift, std::vector<wired_contact>& con
     wired_contact contact;
     const double channel =
         wired ? number_in(wiring, i).value_or(-1) : static_cast<double>(n_before + i);
+    // A contact that is wired to nothing, which the format marks by -1.
     if (channel < 0) continue;
     if (channel >= channel_limit || !take_position(positions[i], scale, contact)) {
       problem = fmt::format("contact {} has no sound channel and position", i);
       return false;
     }
     contact.file_channel = static_cast<std::int32_t>(channel) + 1;
+    // The probes after the first stand to its right, as far as positions reach.
     contact.x = std::min(contact.x + shift, farthest);
     contacts.push_back(contact);
   }
@@ -95,6 +100,7 @@ bool take_probe(const json& probe, double shift, std::vector<wired_contact>& con
 
 bool read_probes(const std::string& text, std::vector<wired_contact>& contacts,
                  std::string& problem) {
+  // Depth is bounded, or nesting could exhaust the stack.
   const json::parser_callback_t shallow = [](int depth, json::parse_event_t, json&) {
     return depth < 16;
   };
@@ -145,6 +151,7 @@ bool take_group(const json& group, double shift, std::vector<wired_contact>& con
       return false;
     }
     contact.file_channel = static_cast<std::int32_t>(channel) + 1;
+    // As for probes: to the right of the groups before it.
     contact.x = std::min(contact.x + shift, farthest);
     contacts.push_back(contact);
   }
@@ -182,6 +189,7 @@ bool read_channel_groups(const std::string& text, std::vector<wired_contact>& co
   }
   if (!take_groups(*groups, 0, contacts, problem)) return false;
   // Tetrodes and shanks are often described each from its own origin.
+  // The second round places them side by side; the first has shown that it must.
   return !positions_repeat(contacts) || take_groups(*groups, probe_distance, contacts, problem);
 }
 
@@ -206,6 +214,7 @@ bool is_probe_file(const std::string& path) {
 }
 
 bool describes_probes(const std::string& path) {
+  // Only looked for: what the file says otherwise is for the reader to judge.
   return load(path).find("\"probeinterface\"") != std::string::npos;
 }
 
@@ -217,6 +226,7 @@ bool read_probe_file(const std::string& path, std::vector<wired_contact>& contac
   const bool good = has_extension(path, ".prb") ? read_channel_groups(text, contacts, problem)
                                                 : read_probes(text, contacts, problem);
   if (good && check_channels(contacts, problem)) return true;
+  // No half of a probe.
   contacts.clear();
   return false;
 }

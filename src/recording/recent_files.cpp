@@ -23,6 +23,7 @@ recent_files read_recent_files(const session_state& session) {
   byte_cursor in{bytes.data(), bytes.size()};
   recent.recent_version = take_i32(in);
   const std::int32_t n_recent = take_i32(in);
+  // A count of a damaged file; ten is all there can be.
   if (n_recent < 0 || n_recent > static_cast<std::int32_t>(recent_limit)) return recent;
   for (std::int32_t i = 0; i < n_recent; ++i) {
     const text256 entry = take_value<text256>(in);
@@ -37,6 +38,7 @@ bool write_recent_files(const session_state& session, const recent_files& recent
   const std::size_t n = std::min(recent.paths.size(), recent_limit);
   write_value(out, recent.recent_version);
   write_value(out, static_cast<std::int32_t>(n));
+  // Always ten entries, blank where there are fewer.
   for (std::size_t i = 0; i < recent_limit; ++i) {
     text256 entry;
     entry.assign(i < n ? recent.paths[i] : std::string());

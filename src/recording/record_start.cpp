@@ -17,6 +17,7 @@ bool is_between(std::int32_t value, std::int32_t low, std::int32_t high) {
 void note_record_start(session_state& session, const record_start& start) {
   const bool sound = is_between(start.year, 1900, 9999) && is_between(start.month, 1, 12) &&
                      is_between(start.day, 1, 31) && is_between(start.hour, 0, 23) &&
+                     // 60: a leap second.
                      is_between(start.minute, 0, 59) && is_between(start.second, 0, 60);
   if (!sound) return;
   recording_store& r = session.recording;

@@ -79,9 +79,11 @@ enum class letter_case { lower, upper, any };
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 
 bool matches(char c, char pattern, letter_case which) {
+  // '#' is the digit of a family of extensions.
   if (pattern == '#') return c >= '1' && c <= '9';
   if (which == letter_case::lower) return c == pattern;
   if (which == letter_case::any) return lower(c) == pattern;
+  // No lower-case letter, but digits and signs as they are.
   return lower(c) == pattern && !std::islower(static_cast<unsigned char>(c));
 }
 
@@ -125,6 +127,7 @@ format_habits habits_of(const recording_store& recording) {
 }
 
 std::int32_t classify_extension(std::string_view path, bool any_case) {
+  // The first row that fits; no extension stands in two of them.
   for (const recording_format& format : formats) {
     if (has_extension(path, format.extensions, any_case)) return format.code;
   }

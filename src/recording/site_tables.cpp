@@ -45,10 +45,12 @@ void fill_neighbours(recording_store& r) {
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     std::int32_t* list = r.neighbours(c);
     const float nearest = nearest_distance(r, c);
+    // Negated, so that a single channel, with nothing near, has none either.
     if (!(nearest < sparse_distance)) continue;
     const float reach = r.electrode_type == electrode_utah_array ? utah_neighbour_distance
                                                                  : neighbour_factor * nearest;
     for (std::int32_t b = 1; b <= r.n_channels; ++b) {
+      // Strictly nearer than the reach.
       if (b != c && r.distance(c, b) < reach) list[++list[0]] = b;
     }
   }
@@ -68,6 +70,7 @@ void build_neighbour_list(session_state& session) {
   const std::int32_t radius = session.detection.lockout_radius_um;
   const bool utah = r.electrode_type == electrode_utah_array;
   r.neighbour_list.clear();
+  // An array's sites are too far apart to see one spike twice.
   if (utah && radius < utah_all_radius) return;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     std::int32_t* list = r.lockout_neighbours(c);
@@ -84,6 +87,7 @@ void compute_site_pitch(session_state& session) {
   if (r.n_channels < 2) return;
   std::vector<std::int32_t> rows(r.chan_y.first(), r.chan_y.first() + r.n_channels);
   std::sort(rows.begin(), rows.end());
+  // Stays when all rows are level.
   r.site_pitch = level_pitch;
   for (std::size_t i = 1; i < rows.size(); ++i) {
     const std::int32_t step = rows[i] - rows[i - 1];
@@ -114,6 +118,7 @@ void sort_channels(session_state& session, float scan_angle) {
     projection[static_cast<std::size_t>(c)] =
         static_cast<float>(r.chan_x[c]) * along_x + static_cast<float>(r.chan_y[c]) * along_y;
   }
+  // First by number, so that equal projections keep it.
   order_channels_linearly(session);
   std::stable_sort(r.chan_sort_order.first(), r.chan_sort_order.first() + r.n_channels,
                    [&](std::int32_t a, std::int32_t b) {

@@ -15,8 +15,10 @@ constexpr double template_bytes_per_channel = 4.0 * template_slot_limit * templa
 bool allocate_timestamp_map(session_state& session) {
   recording_store& r = session.recording;
   const std::int64_t units = r.electrode_type == electrode_tetrode ? r.n_tetrodes : r.n_channels;
+  // Room is reserved and not taken: what is not touched costs nothing.
   r.records_per_unit = r.electrode_type == electrode_utah_array ? 2'000'000 : 5'000'000;
   const std::int64_t elements = units * (std::int64_t{r.records_per_unit} + 1);
+  // One of the two alone would be of no use.
   if (r.event_timestamp.reserve(elements) && r.event_record_unit.reserve(elements)) return true;
   r.event_timestamp.release();
   r.event_record_unit.release();
@@ -68,6 +70,7 @@ bool allocate_templates(session_state& session) {
 
 bool allocate_recording(session_state& session, std::int64_t max_time) {
   recording_store& r = session.recording;
+  // The old samples go first: there may not be room for both recordings.
   r.vd.release();
   release_timestamp_map(r);
   const bool countable = max_time >= 0 && max_time <= std::numeric_limits<std::int32_t>::max();
@@ -77,6 +80,7 @@ bool allocate_recording(session_state& session, std::int64_t max_time) {
   }
   r.max_vd_samples = static_cast<std::int32_t>(max_time);
   if (!r.is_continuous && !allocate_timestamp_map(session)) {
+    // Without its stamps an event-based recording cannot be timed.
     r.vd.release();
     return false;
   }

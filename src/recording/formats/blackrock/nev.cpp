@@ -48,6 +48,7 @@ bool take_electrodes(session_state& session, const input_file& file, nev_layout&
   double scale = 0;
   bool differs = false;
   const auto on_electrode = [&](const nev_electrode& electrode) {
+    // The first scale that says anything is that of the recording.
     if (scale == 0) scale = electrode.scale;
     differs |= electrode.scale != 0 && electrode.scale != scale;
   };
@@ -63,6 +64,7 @@ bool take_electrodes(session_state& session, const input_file& file, nev_layout&
                                      "is used for all",
                                      r.vscale_HP));
   }
+  // With a configuration only its channels are read.
   r.n_channels = r.no_config_file ? layout.n_file_channels : r.n_mapped_channels;
   return check_channel_count(session, r.n_channels) && check_voltage_scale(session, r.vscale_HP);
 }
@@ -82,6 +84,7 @@ bool count_waveforms(const session_state& session, const input_file& file, nev_r
     for (std::int64_t p = 0; p < n; ++p, bytes += layout.packet_bytes) {
       const nev_packet packet = nev_packet_at(layout, bytes);
       const std::uint64_t ticks = ticks_of(layout, packet.stamp);
+      // Digital inputs and comments count as well: they may come after the last waveform.
       reading.last_ticks = std::max(reading.last_ticks, ticks);
       if (packet.id < 1 || packet.id > layout.n_file_channels) continue;
       reading.last_waveform_ticks = std::max(reading.last_waveform_ticks, ticks);
@@ -94,6 +97,7 @@ bool count_waveforms(const session_state& session, const input_file& file, nev_r
 
 // Room for the fullest channel's records.
 std::int64_t count_record_samples(const nev_reading& reading) {
+  // As many records as the map of stamps has room for, each with a gap of its length.
   const std::int64_t most = *std::max_element(reading.counts.begin(), reading.counts.end());
   return 2 * reading.layout.n_samples * std::min<std::int64_t>(most, nev_records_per_channel) +
          1000;
@@ -106,6 +110,7 @@ std::int64_t count_time_samples(const session_state& session, const nev_reading&
   const std::int64_t by_stamp = ticks_to(reading.last_ticks, layout.sample_rate, layout.resolution);
   const std::int64_t last_waveform =
       ticks_to(reading.last_waveform_ticks, layout.sample_rate, layout.resolution);
+  // Far above what 32 bits hold, and far below where the sum below would overflow.
   constexpr std::int64_t far = std::int64_t{1} << 40;  // not a count that a session holds
   const std::int64_t by_waveform = std::min(last_waveform, far) + layout.n_samples - 1;
   if (by_waveform <= by_stamp) return by_stamp;
@@ -133,6 +138,7 @@ bool allocate_store(session_state& session, const nev_reading& reading) {
 // Samples from a time index on, as far as the store reaches.
 void store_waveform(recording_store& r, std::int32_t slot, std::int64_t index,
                     const char* samples) {
+  // What lies before index 1 or beyond the store is left out.
   const std::int64_t from = std::max<std::int64_t>(1 - index, 0);
   const std::int64_t to = std::min<std::int64_t>(r.samples_per_event, r.max_vd_samples - index + 1);
   if (to <= from) return;
@@ -153,6 +159,7 @@ void add_event(session_state& session, nev_reading& reading, const nev_packet& p
   }
   // Unclassified waveforms are registered to the electrode's own number.
   std::int32_t channel = packet.unit > 0 ? slot : packet.id;
+  // An id of the file need not be a channel of the program.
   if (channel > r.n_channels) {
     channel = slot;
     ++reading.n_without_id;
@@ -175,6 +182,7 @@ void take_waveform(session_state& session, nev_reading& reading, const nev_packe
     index = ticks_to(ticks, layout.sample_rate, layout.resolution);
   } else {
     std::int32_t& record = reading.n_waveforms[static_cast<std::size_t>(slot)];
+    // The map is full: waveforms beyond it have no time.
     if (record == r.records_per_unit) {
       ++reading.n_beyond_map;
       return;
@@ -191,8 +199,10 @@ void take_waveform(session_state& session, nev_reading& reading, const nev_packe
 
 void take_packet(session_state& session, nev_reading& reading, const char* bytes) {
   const nev_packet packet = nev_packet_at(reading.layout, bytes);
+  // Its bytes are no waveform.
   if (packet.id == 0) return;  // digital input
   if (packet.id > reading.layout.n_file_channels) {
+    // Named once each; the rest are counted.
     if (++reading.unknown_ids[packet.id] == 1) {
       log_message(session, fmt::format("Unrecognised packet id = {}", packet.id));
     }
@@ -245,6 +255,7 @@ std::vector<std::int32_t> number_clusters(session_state& session) {
   const auto next_base = [&](std::int32_t event) -> std::int32_t& {
     return base[static_cast<std::size_t>(e.event_channel[event]) + 1];
   };
+  // Until numbers are settled, an event's cluster is the unit of its channel.
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     next_base(i) = std::max(next_base(i), e.event_cluster[i]);
   }
@@ -254,6 +265,7 @@ std::vector<std::int32_t> number_clusters(session_state& session) {
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] == 0) continue;
     e.event_cluster[i] += base[static_cast<std::size_t>(e.event_channel[i])];
+    // Events keep their place; only the unit is lost.
     if (e.event_cluster[i] > session.max_clusters) {
       e.event_cluster[i] = 0;
       ++n_unclustered;
@@ -275,6 +287,7 @@ void give_clusters_a_channel(session_state& session, const std::vector<std::int3
   }
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     session.templates.template_n_channels[c] = 1;
+    // A cluster beyond the base of a channel belongs to the one after it.
     while (c > base[static_cast<std::size_t>(channel) + 1]) ++channel;
     session.templates.channels(c)[1] = channel;
     if (has_events[static_cast<std::size_t>(c)]) continue;
@@ -323,6 +336,7 @@ bool read_file(session_state& session, const std::string& path) {
   demand_window(session);
   give_clusters_a_channel(session, base);
   log_message(session, fmt::format("Allocating memory for {} voltage samples", r.n_samples));
+  // The first unit is what the user looks at, if there is one.
   session.clusters.current_cluster = 1;
   set_progress(session, meter::reading, 100, 115);
   return true;
@@ -332,6 +346,7 @@ bool read_file(session_state& session, const std::string& path) {
 
 bool read_nev(session_state& session, const recording_request& request) {
   if (read_file(session, request.path)) return true;
+  // The user who stopped it needs no words.
   if (!session.operation.reading_interrupted) {
     log_message(session, "Error opening Blackrock Microsystems NEV file (Utah array)");
   }

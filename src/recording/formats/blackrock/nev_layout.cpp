@@ -31,12 +31,14 @@ std::string_view up_to_nul(std::string_view text) { return text.substr(0, text.f
 bool take_kind(byte_cursor& in, nev_layout& layout) {
   const std::string_view kind = take_text(in, name_bytes);
   skip_bytes(in, 4);  // version, flags
+  // The newer kind has stamps of eight bytes.
   layout.packet_head = kind == "BREVENTS" ? 12 : 8;
   return kind == "BREVENTS" || kind == "NEURALEV";
 }
 
 bool check_layout(const session_state& session, const input_file& file, const nev_layout& layout) {
   const std::int64_t least_header = nev_basic_bytes + nev_extended_bytes * layout.n_extended;
+  // Every size is tested against the file before it is divided by or read.
   if (layout.header_bytes < nev_basic_bytes || layout.header_bytes > file.size ||
       least_header > file.size) {
     return refuse_file(session, fmt::format("Size of headers in file is {}, with {} extended "
@@ -44,6 +46,7 @@ bool check_layout(const session_state& session, const input_file& file, const ne
                                             layout.header_bytes, layout.n_extended, file.size));
   }
   constexpr std::int64_t longest_packet = 1 << 20;  // far beyond any system's
+  // A bound for the blocks that are read at a time.
   if (layout.n_samples < 1 || layout.packet_bytes > longest_packet) {
     return refuse_file(session, fmt::format("Packet size in file is {}", layout.packet_bytes));
   }
@@ -56,6 +59,7 @@ bool check_layout(const session_state& session, const input_file& file, const ne
 
 // Network clocks tell the time of day: the first packet is then where the recording begins.
 void find_first_stamp(const session_state& session, const input_file& file, nev_layout& layout) {
+  // Below that resolution stamps count from the start of the recording.
   if (layout.resolution < wall_clock_resolution || layout.n_packets == 0) return;
   const std::vector<char> packet = read_block(file, layout.header_bytes, layout.packet_head);
   if (std::ssize(packet) < layout.packet_head) return;
@@ -70,6 +74,7 @@ nev_electrode take_electrode(byte_cursor& in) {
   skip_bytes(in, 2);  // connector and pin
   const auto factor = take_value<std::uint16_t>(in);
   electrode.scale =
+      // 16 bits do not hold the factor of analogue inputs, so that one value stands for it.
       (factor == analog_factor_16 ? analog_factor : static_cast<double>(factor)) / 1000;
   return electrode;
 }
@@ -107,6 +112,7 @@ bool read_nev_layout(const session_state& session, const input_file& file, nev_l
   if (in.failed) return refuse_file(session, "Early end to file");
   layout.n_samples = (layout.packet_bytes - layout.packet_head) / 2;
   if (!check_layout(session, file, layout)) return false;
+  // What is left after the last whole packet is no packet.
   layout.n_packets = (file.size - layout.header_bytes) / layout.packet_bytes;
   find_first_stamp(session, file, layout);
   return true;
@@ -122,6 +128,7 @@ bool scan_nev_electrodes(const input_file& file, nev_layout& layout,
     const std::string_view header = take_text(all, nev_extended_bytes);
     if (all.failed) return false;
     const std::string_view name = up_to_nul(header.substr(0, name_bytes));
+    // Unknown headers are named and passed over: their size is that of the others.
     if (std::find(known_headers.begin(), known_headers.end(), name) == known_headers.end()) {
       on_unknown(h);
     }
@@ -161,6 +168,7 @@ nev_packet nev_packet_at(const nev_layout& layout, const char* bytes) {
 bool walk_nev_packets(const input_file& file, const nev_layout& layout,
                       const std::function<bool(char* packets, std::int64_t n)>& on_block) {
   constexpr std::int64_t block_bytes = 1 << 20;
+  // At least one packet, however long.
   const std::int64_t in_block = std::max<std::int64_t>(block_bytes / layout.packet_bytes, 1);
   std::vector<char> block(
       static_cast<std::size_t>(std::min(in_block, layout.n_packets) * layout.packet_bytes));
@@ -181,6 +189,7 @@ std::int64_t ticks_to(std::uint64_t ticks, std::int64_t per_second, std::int64_t
   constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
   // rest * rate stays below 2^32 * 10^6.
   const std::uint64_t rest = ticks % divisor * rate / divisor;
+  // Divided and not multiplied: clock times of a hostile file would leave 64 bits.
   if (seconds > (static_cast<std::uint64_t>(most) - rest) / rate) return most;
   return static_cast<std::int64_t>(seconds * rate + rest);
 }

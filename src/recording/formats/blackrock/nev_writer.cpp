@@ -34,12 +34,14 @@ event_index index_events(const session_state& session) {
   const auto channel_of = [&](std::int32_t event) {
     return static_cast<std::size_t>(e.event_channel[event]);
   };
+  // Sizes go one place up, so that their running sum gives where each channel begins.
   for (std::int32_t i = 1; i <= e.n_events; ++i) ++index.first[channel_of(i) + 1];
   std::partial_sum(index.first.begin(), index.first.end(), index.first.begin());
   index.events.resize(static_cast<std::size_t>(e.n_events));
   std::vector<std::size_t> next = index.first;
   for (std::int32_t i = 1; i <= e.n_events; ++i) index.events[next[channel_of(i)]++] = i;
   const auto earlier = [&](std::int32_t a, std::int32_t b) {
+    // Of equal times the one found first.
     return e.event_time[a] != e.event_time[b] ? e.event_time[a] < e.event_time[b] : a < b;
   };
   for (std::size_t c = 1; c + 1 < index.first.size(); ++c) {
@@ -54,6 +56,7 @@ std::int32_t find_event(const session_state& session, const event_index& index,
                         std::int32_t channel, std::int64_t from, std::int64_t to) {
   const event_table& e = session.events;
   const auto c = static_cast<std::size_t>(channel);
+  // From where the channel begins to where the next one does.
   const auto end = index.events.begin() + static_cast<std::ptrdiff_t>(index.first[c + 1]);
   auto at = std::lower_bound(
       index.events.begin() + static_cast<std::ptrdiff_t>(index.first[c]), end, from,
@@ -106,6 +109,7 @@ std::int64_t stored_index(const session_state& session, nev_writing& writing,
     return ticks_to(ticks_of(layout, packet.stamp), layout.sample_rate, layout.resolution);
   }
   std::int32_t& record = writing.n_waveforms[static_cast<std::size_t>(slot)];
+  // The reader left it out, and the unit that stands there is not ours to change.
   if (record == session.recording.channel_event_count[slot]) return -1;
   return record_index(++record, session.recording.samples_per_event);
 }
@@ -118,6 +122,7 @@ std::int32_t unit_now(const session_state& session, nev_writing& writing, const 
   if (from < 0) return packet.unit;
   const std::int64_t to = from + r.samples_per_event;
   const std::int32_t event = find_event(session, writing.events, slot, from, to);
+  // A waveform without an event has been removed from the sort: it is noise.
   if (event == 0) {
     // An event that the reader has left unclassified is registered to the electrode's number.
     const bool elsewhere = packet.id != slot && packet.id <= r.n_channels && packet.unit == 0 &&
@@ -125,8 +130,10 @@ std::int32_t unit_now(const session_state& session, nev_writing& writing, const 
     return elsewhere ? packet.unit : noise_unit;
   }
   const std::int32_t cluster = session.events.event_cluster[event];
+  // Unclustered events keep what the file says; so do those of clusters beyond the channels.
   if (cluster < 1 || cluster > r.n_channels) return packet.unit;
   const std::int32_t unit = writing.unit_of_cluster[static_cast<std::size_t>(cluster)];
+  // 255 means noise, so that 254 units are the most that a byte can tell.
   if (unit < noise_unit) return unit;
   ++writing.n_kept;
   return packet.unit;
@@ -152,6 +159,7 @@ void sign_comment(nev_layout& layout) {
   std::string comment(layout.comment);
   if (comment.find("d by Ke") != std::string::npos) return;
   if (!comment.empty()) comment += ' ';
+  // The user's words are cut rather than the signature.
   comment.resize(std::min(comment.size(), nev_comment_bytes - 1 - signature.size()));
   comment += signature;
   comment.resize(nev_comment_bytes, '\0');
@@ -159,6 +167,7 @@ void sign_comment(nev_layout& layout) {
 }
 
 bool copy_range(safe_file& out, const input_file& file, std::int64_t from, std::int64_t to) {
+  // Headers and the tail are short; packets go in blocks.
   const std::vector<char> bytes = read_block(file, from, to - from);
   return std::ssize(bytes) == to - from && write_bytes(out, bytes.data(), bytes.size());
 }
@@ -252,6 +261,7 @@ std::string resolved(const std::string& path) {
 bool write_nev_with_units(const session_state& session, const std::string& path) {
   const std::string& input = session.recording.recording_path;
   const std::string target = resolved(path);
+  // Links may lead to the same file under another name.
   const bool over_itself = !target.empty() && target == resolved(input);
   const bool written =
       over_itself ? replace_classified(session, target) : copy_classified(session, input, path);

@@ -50,6 +50,7 @@ std::vector<double> read_companion_scales(const session_state& session, const st
     const std::string companion = replace_extension(path, extension);
     input_file file;
     nev_layout layout;
+    // The first companion that can be read.
     if (!open_input_file(file, companion) || !read_nev_layout(session, file, layout)) continue;
     scan_nev_electrodes(
         file, layout,
@@ -73,6 +74,7 @@ void take_old_scales(const session_state& session, const std::string& path, byte
     const auto id = static_cast<std::size_t>(take_u32(in));
     header.scales.push_back(id < of_electrodes.size() ? of_electrodes[id] : 0);
   }
+  // The scale of channel 1 is what all others are brought to.
   if (header.scales[0] != 0) return;
   if (of_electrodes.empty()) std::fill(header.scales.begin(), header.scales.end(), 1.0);
   header.scales[0] = 1.0;
@@ -90,6 +92,7 @@ bool read_old_header(const session_state& session, const input_file& file, const
   if (in.failed) return refuse_file(session, "Early end to file");
   if (!check_channel_count(session, header.n_channels)) return false;
   header.header_bytes = old_basic_bytes + 4 * header.n_channels;
+  // Four bytes to an electrode.
   const std::vector<char> ids = read_block(file, old_basic_bytes, 4 * header.n_channels);
   byte_cursor id_list{ids.data(), ids.size()};
   if (std::ssize(ids) < 4 * header.n_channels) return refuse_file(session, "Early end to file");
@@ -106,6 +109,7 @@ double take_scale(byte_cursor& in) {
   const double low = take_i16(in), high = take_i16(in);
   const std::string_view units = take_text(in, 16);
   skip_bytes(in, 20);  // filters
+  // Equal bounds give no number, which is tested where scales are compared.
   const double scale = (high - low) / (high_bits - low_bits);
   return !units.empty() && units[0] == 'm' ? 1000 * scale : scale;
 }
@@ -122,6 +126,7 @@ bool read_channel_headers(const session_state& session, const input_file& file,
 void settle_header_bytes(const session_state& session, const input_file& file, nsx_header& header) {
   const std::int64_t by_count = basic_bytes + channel_bytes * header.n_channels;
   const std::int64_t stated = header.header_bytes;
+  // A count that is too small would read headers as samples.
   if (stated < by_count || stated > file.size) header.header_bytes = by_count;
   if (stated == by_count) return;
   log_message(session, fmt::format("Size of headers in file is {}, of {} channels {}: data are "
@@ -169,6 +174,7 @@ bool take_header(session_state& session, nsx_header& header) {
   if (header.period < 1 || header.period > period_resolution) {
     return refuse_file(session, fmt::format("Sampling period in file is {}", header.period));
   }
+  // Whole Hz: what the division leaves is told.
   r.sampling_frequency = static_cast<std::int32_t>(period_resolution / header.period);
   if (period_resolution % header.period != 0) {
     log_message(session, fmt::format("The sampling frequency of {:.3f} Hz is taken as {} Hz",
@@ -198,6 +204,7 @@ void rescale_channels(const session_state& session, const nsx_header& header,
   std::int32_t n_bad = 0, n_differing = 0;
   for (const double scale : header.scales) {
     const double factor = scale / header.scales[0];
+    // A quotient that no amplifier has would only turn samples into limits.
     const bool sound = std::isfinite(factor) && factor > 0 && factor <= 1e12;
     n_bad += !sound;
     n_differing += sound && factor != 1.0;
@@ -232,6 +239,7 @@ bool list_packets(session_state& session, const input_file& file, nsx_header& he
                   std::vector<nsx_run>& runs) {
   const std::int64_t point_bytes = 2 * header.n_channels;
   if (!header.is_old) return list_nsx_runs(session, file, header.stream, runs);
+  // The oldest version has no packets: samples follow the header to the end.
   const std::int64_t n_points = (file.size - header.header_bytes) / point_bytes;
   if (n_points > 0) runs.push_back({header.header_bytes, n_points, 1, 0});
   return true;
@@ -263,6 +271,7 @@ bool read_file(session_state& session, const std::string& path) {
   if (!read_any_header(session, file, path, header) || !take_header(session, header)) return false;
   std::vector<nsx_run> runs;
   if (!list_packets(session, file, header, runs)) return false;
+  // Up to the end of the last run; gaps before it are zeros.
   const std::int64_t n_samples =
       runs.empty() ? 0 : runs.back().first_index + runs.back().n_points - 1;
   if (!check_sample_count(session, n_samples)) return false;

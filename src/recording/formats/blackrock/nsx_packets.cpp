@@ -52,8 +52,10 @@ struct packet_walk {
 // file ends within it.
 bool read_packet_head(packet_walk& walk, std::int64_t at, nsx_packet& packet) {
   constexpr std::int64_t window_bytes = 4096;
+  // The file ends within the header: there is no packet.
   if (at + walk.head_bytes > walk.file.size) return false;
   const std::int64_t end = walk.window_at + std::ssize(walk.window);
+  // Headers that stand close together share one read.
   if (at < walk.window_at || at + walk.head_bytes > end) {
     walk.window = read_block(walk.file, at, window_bytes);
     walk.window_at = at;
@@ -84,12 +86,15 @@ std::int64_t place_packet(packet_walk& walk, std::uint64_t stamp) {
   if (!walk.is_first && walk.has_wall_clock()) {
     const double beyond =
         points_between(walk, walk.last_stamp, stamp) - static_cast<double>(walk.last_points);
+    // Less than a point: the packet goes on where the one before ended.
     if (std::fabs(beyond) < 1.0) return walk.next_index;
   }
+  // A stamp before the base counts as the base.
   const std::uint64_t ticks = stamp > walk.base ? stamp - walk.base : 0;
   const std::int64_t zero_based = ticks_to(ticks, walk.stream.rate, walk.stream.resolution);
   const std::int64_t index = std::min(zero_based, farthest_index) + 1;
   if (index >= walk.next_index) return index;
+  // Trembling of a clock is no jump backwards.
   if (stamp < walk.last_stamp || !walk.has_wall_clock()) ++walk.n_run_back;
   return walk.next_index;
 }
@@ -99,6 +104,7 @@ void add_points(packet_walk& walk, std::int64_t points_at, std::int64_t n_points
                 std::int64_t index) {
   const std::int64_t stride = walk.head_bytes + walk.point_bytes;
   nsx_run* last = walk.runs.empty() ? nullptr : &walk.runs.back();
+  // Runs of single points have one stride, so that they are read in blocks.
   if (last != nullptr && n_points == 1 && index == walk.next_index && walk.last_points == 1 &&
       (last->skip_bytes > 0 || last->n_points == 1) &&
       points_at == last->at + last->n_points * stride) {
@@ -118,10 +124,12 @@ bool take_many_points(packet_walk& walk) {
   if (walk.at < walk.no_leap_before) return false;
   const std::int64_t stride = walk.head_bytes + walk.point_bytes;
   const std::int64_t last_at = walk.at + (many - 1) * stride;
+  // Whatever comes of it, packets up to there are not leapt over again.
   walk.no_leap_before = last_at + stride;
   nsx_packet last;
   if (last_at + stride > walk.file.size || !read_packet_head(walk, last_at, last)) return false;
   const double passed = points_between(walk, walk.last_stamp, last.stamp);
+  // The stamps must have passed as many points as the packets hold.
   if (!last.has_marker || last.n_points != 1 || std::fabs(passed - many) > 0.5) return false;
   walk.runs.back().n_points += many;
   walk.next_index += many;
@@ -135,6 +143,8 @@ bool take_many_points(packet_walk& walk) {
 std::int64_t count_unstated_points(packet_walk& walk, std::int64_t points_at) {
   nsx_packet next;
   const bool next_follows = read_packet_head(walk, points_at, next) && next.has_marker &&
+                            // A header that fits the file is taken for the next packet, and this
+                            // one for empty.
                             next.n_points >= 1 &&
                             next.n_points <= walk.room(points_at + walk.head_bytes);
   if (next_follows || walk.room(points_at) == 0) return 0;
@@ -193,6 +203,7 @@ struct run_reading {
   }
 };
 
+// Long runs are shared out over the threads; short ones are not worth it.
 bool read_plain_run(run_reading& r, const nsx_run& run) {
   if (2 * r.values() * run.n_points > block_bytes) {
     return read_interleaved(r.session, r.file, r.channels, {run.at, run.n_points, run.first_index},

@@ -11,6 +11,7 @@ namespace kestrelvane {
 
 namespace {
 
+// A folder of more members is shown in part.
 constexpr std::size_t member_limit = 5000;
 
 // Whether a file that the recording names lies in the recording's own folder or below it,
@@ -30,6 +31,7 @@ bool lies_inside(const std::string& folder, const std::string& name) {
 herr_t permit_external_link(const char*, const char*, const char* file, const char*,
                             unsigned* flags, hid_t, void* context) {
   hdf_file& in = *static_cast<hdf_file*>(context);
+  // Read only, whatever the link asks for.
   *flags = H5F_ACC_RDONLY;
   if (lies_inside(in.folder, file)) return 0;
   in.refused = file;
@@ -53,6 +55,7 @@ bool keeps_inside(hdf_file& in, const hdf_id& dataset) {
   const hdf_id creation(H5Dget_create_plist(dataset));
   if (!creation.ok()) return false;
   char name[4096];
+  // Names come from the file: each is looked at before the library may open it.
   const int n_files = H5Pget_external_count(creation);
   for (int i = 0; i < n_files; ++i) {
     name[0] = '\0';
@@ -71,6 +74,7 @@ bool keeps_inside(hdf_file& in, const hdf_id& dataset) {
   for (std::size_t i = 0; i < n_sources; ++i) {
     if (H5Pget_virtual_filename(creation, i, name, sizeof name) < 0) return false;
     name[sizeof name - 1] = '\0';
+    // A dot is the file itself.
     if (std::string(name) == "." || lies_inside(in.folder, name)) continue;
     in.refused = name;
     return false;
@@ -103,6 +107,7 @@ const char* type_name(hdf_kind kind) {
 }
 
 std::string link_target(hid_t group, const char* name, const H5L_info_t& info) {
+  // A name longer than this is no name.
   if (info.u.val_size == 0 || info.u.val_size > 65536) return {};
   std::vector<char> value(info.u.val_size + 1);
   if (H5Lget_val(group, name, value.data(), info.u.val_size, H5P_DEFAULT) < 0) return {};
@@ -118,6 +123,7 @@ std::string link_target(hid_t group, const char* name, const H5L_info_t& info) {
 herr_t add_member(hid_t group, const char* name, const H5L_info_t* info, void* context) {
   member_list& list = *static_cast<member_list*>(context);
   if (list.members.size() >= member_limit) return 1;
+  // 1 ends the walk.
   hdf_member member{name, "link", {}};
   if (info->type == H5L_TYPE_HARD) {
     member.type = type_name(kind_of_hdf_object(list.in, hdf_place_below(list.place, name)));
@@ -129,6 +135,7 @@ herr_t add_member(hid_t group, const char* name, const H5L_info_t* info, void* c
 }
 
 herr_t take_first_problem(unsigned n, const H5E_error2_t* error, void* context) {
+  // The first is the innermost, which says what is the matter.
   std::string& text = *static_cast<std::string*>(context);
   if (n == 0 && error->desc != nullptr) text = error->desc;
   return 0;
@@ -153,13 +160,16 @@ std::string hdf_problem() {
 }
 
 hdf_error open_hdf_file(hdf_file& in, const std::string& path, const std::atomic<bool>* interrupt) {
+  // A child process reads the file first: a damaged one may take the library down with it.
   const hdf_probe_outcome outcome = probe_hdf_file(path, interrupt);
   if (outcome == hdf_probe_outcome::died) {
     in.problem = "the file is damaged so that reading it is not safe";
     return hdf_error::damaged;
   }
+  // The caller sees the flag and needs no words.
   if (outcome == hdf_probe_outcome::interrupted) return hdf_error::none;
   if (H5open() < 0) return hdf_error::library;
+  // The library would print its complaints; ours go to the log.
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
   in.path = path;
   in.folder = folder_of(path);
@@ -200,6 +210,7 @@ hdf_id open_hdf_object(hdf_file& in, const std::string& place) {
 hdf_id open_hdf_dataset(hdf_file& in, const std::string& place) {
   hdf_id dataset(H5Dopen2(in.file, place.c_str(), in.dataset_access));
   if (!dataset.ok()) in.problem = hdf_problem();
+  // The object is closed before any of its data are read.
   if (dataset.ok() && !keeps_inside(in, dataset)) return {};
   return dataset;
 }

@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* probe_argument = "--probe-hdf-file";
 constexpr auto longest_wait = 120s;  // a large file on a slow network
+// A file that is made to keep the library busy, or to fill the memory, ends the child.
 constexpr rlim_t processor_seconds = 10;
 constexpr rlim_t memory_bytes = rlim_t{4} << 30;
 constexpr const char* this_program = "/proc/self/exe";
@@ -44,6 +45,7 @@ constexpr bool memory_can_be_limited = true;
 #endif
 
 void set_limit(decltype(RLIMIT_CPU) what, rlim_t value) {
+  // Both bounds, so that nothing can raise it again.
   const rlimit limit{value, value};
   setrlimit(what, &limit);
 }
@@ -79,6 +81,7 @@ bool wait_for(pid_t child, int& status, const std::atomic<bool>* interrupt) {
       return false;
     }
     std::this_thread::sleep_for(nap);
+    // Short files answer at once; for long ones the waiting becomes coarser.
     if (nap < 10ms) nap *= 2;
   }
 }
@@ -114,12 +117,14 @@ bool run_as_hdf_probe(int argc, char** argv, int& status) {
 
 hdf_probe_outcome probe_hdf_file(const std::string& path, const std::atomic<bool>* interrupt) {
   pid_t child = 0;
+  // Without a probe the file is read as it is.
   if (!program_has_probe || this_is_the_probe || !start_probe(path, child)) {
     return hdf_probe_outcome::survived;
   }
   int status = 0;
   const bool ended = wait_for(child, status, interrupt);
   if (!ended && interrupt != nullptr && *interrupt) return hdf_probe_outcome::interrupted;
+  // A signal or another exit means that reading the file is not safe.
   const bool well = ended && WIFEXITED(status) && WEXITSTATUS(status) == 0;
   return well ? hdf_probe_outcome::survived : hdf_probe_outcome::died;
 }
