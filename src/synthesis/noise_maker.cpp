@@ -26,6 +26,7 @@ constexpr int shared_taps[7] = {1, 2, 3, 4, 3, 2, 1};
 
 template <int N>
 float norm_of(const int (&taps)[N]) {
+  // Sums of squares: independent numbers keep an s.d. of 1 when they are smoothed.
   int sum = 0;
   for (const int tap : taps) sum += tap * tap;
   return static_cast<float>(1 / std::sqrt(static_cast<double>(sum)));
@@ -35,6 +36,7 @@ noise_source start_source(std::int64_t seed, std::uint64_t purpose, std::uint64_
   noise_source source{};
   random_stream random(seed, purpose, index);
   for (auto& lanes : source.state) {
+    // The upper half of a word is the better mixed one.
     for (std::uint32_t& word : lanes) word = static_cast<std::uint32_t>(random.next() >> 32);
   }
   return source;
@@ -52,6 +54,7 @@ KESTRELVANE_CLONES void add_numbers(noise_source& source, float* out) {
   const float weight = source.weight / 37837.227f;
   for (std::int32_t i = 0; i < noise_block; i += n_lanes) {
     generator_lanes sum = {};
+    // Two words to a number, each of them two uniforms of 16 bits.
     for (int part = 0; part < 2; ++part) {
       const generator_lanes result = s0 + s3;
       const generator_lanes shifted = s1 << 9;
@@ -63,6 +66,7 @@ KESTRELVANE_CLONES void add_numbers(noise_source& source, float* out) {
       s3 = (s3 << 11) | (s3 >> 21);
       sum += (result & 0xffffu) + (result >> 16);
     }
+    // The mean of four: 4 times 65535 over 2.
     const int_lanes centred = (int_lanes)sum - 131070;
     *reinterpret_cast<float_lanes*>(out + i) +=
         weight * __builtin_convertvector(centred, float_lanes);
@@ -79,6 +83,7 @@ KESTRELVANE_CLONES void smooth(const float* own, const float* shared, float own_
     float_lanes fine = {}, coarse = {};
     for (int k = 0; k < 3; ++k) {
       const auto tap = static_cast<float>(own_taps[k]);
+      // A look back only: the numbers before the block are kept in front of it.
       fine += tap * *reinterpret_cast<const float_lanes*>(own + i - k);
     }
     for (int k = 0; k < 7; ++k) {
@@ -91,6 +96,7 @@ KESTRELVANE_CLONES void smooth(const float* own, const float* shared, float own_
 
 void keep_history(float* numbers) {
   std::copy(numbers + noise_block, numbers + noise_block + noise_history, numbers);
+  // The sources add to what is there.
   std::fill(numbers + noise_history, numbers + noise_history + noise_block, 0.0f);
 }
 
@@ -107,12 +113,14 @@ noise_maker start_noise(std::int64_t seed, const std::vector<site_position>& sit
   };
   std::vector<heard> near;
   const site_position& here = sites[channel - 1];
+  // At sites, and not at channels that hear it: neighbours then share the very same numbers.
   for (std::size_t i = 0; i < sites.size(); i += 2) {
     const double dx = here.x - sites[i].x;
     const double dy = here.y - sites[i].y;
     const double distance = std::sqrt(dx * dx + dy * dy);
     if (distance <= farthest_source_um) near.push_back({distance, i});
   }
+  // Stable: of equal distances the lower site.
   std::stable_sort(near.begin(), near.end(),
                    [](const heard& a, const heard& b) { return a.distance < b.distance; });
   if (near.size() > most_sources) near.resize(most_sources);
@@ -125,9 +133,11 @@ noise_maker start_noise(std::int64_t seed, const std::vector<site_position>& sit
     source.weight = static_cast<float>(weight);
     maker.shared.push_back(source);
   }
+  // With no source in reach all of the variance is the channel's own.
   const double part = near.empty() ? 0 : shared_part;
   maker.own.weight = static_cast<float>(std::sqrt(1 - part));
   for (noise_source& source : maker.shared) {
+    // The shares of the sources, however many there are, make up the same part.
     source.weight *= static_cast<float>(std::sqrt(part / sum_of_squares));
   }
   return maker;

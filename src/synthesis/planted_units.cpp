@@ -54,6 +54,7 @@ whole_position site_of(test_electrode electrode, std::int32_t i, std::int32_t n)
     case test_electrode::neuropixels:
       break;
   }
+  // The staggered columns of the probe, by channel modulo four.
   constexpr std::int32_t columns[4] = {43, 11, 59, 27};
   return {columns[i % 4], 20 * (i / 2)};
 }
@@ -71,6 +72,7 @@ double size_at(const planted_unit& unit, const site_position& site, double shift
 
 void find_best_channel(planted_unit& unit, const std::vector<site_position>& sites) {
   std::size_t best = 0;
+  // The lowest of equally near ones.
   for (std::size_t c = 1; c < sites.size(); ++c) {
     if (squared_distance(unit, sites[c], 0) < squared_distance(unit, sites[best], 0)) best = c;
   }
@@ -101,6 +103,7 @@ void choose_cell_type(planted_unit& unit, double median_rate, random_stream& ran
   shape.rise_ms = fast ? random.uniform(0.2, 0.35) : random.uniform(0.4, 0.8);
   shape.peak = fast ? random.uniform(0.25, 0.5) : random.uniform(0.15, 0.4);
   shape.first_peak = random.chance(0.3) ? random.uniform(0.08, 0.3) : 0;
+  // A wide spread of rates, as cells have: the median is that which was asked for.
   unit.rate = std::clamp(random.log_normal(fast ? 1.5 * median_rate : median_rate, 0.8), least_rate,
                          std::max(least_rate, highest_rate));
   unit.refractory_ms = fast ? random.uniform(1.2, 2.0) : random.uniform(2.0, 3.5);
@@ -109,6 +112,7 @@ void choose_cell_type(planted_unit& unit, double median_rate, random_stream& ran
 
 // Spikes that a burst adds to its first one, on average.
 double mean_burst_extra() {
+  // Every further spike needs one more yes.
   double mean = 0, reached = 1;
   for (std::int32_t k = 1; k < longest_burst; ++k, reached *= burst_goes_on) mean += reached;
   return mean;
@@ -127,12 +131,15 @@ struct train_maker {
 
   void make() {
     const double extra = unit.burst_chance * mean_burst_extra();
+    // The wait is so much longer as bursts are to add spikes, so that the mean rate holds.
     const double mean_wait_ms = 1000 * (1 + extra) / unit.rate;
+    // The refractory time and the bursts are taken off; a tenth of a ms is left at least.
     const double random_wait_ms = std::max(0.1, mean_wait_ms - unit.refractory_ms - 5 * extra);
     double at = static_cast<double>(first) + steps_per_ms * random.exponential(mean_wait_ms);
     while (static_cast<std::int64_t>(at) <= last) {
       spikes.push_back({static_cast<std::int64_t>(at), size(1)});
       if (random.chance(unit.burst_chance)) at = add_burst(at);
+      // A step more, so that two spikes are never closer than the refractory time after rounding.
       at += steps_per_ms * (unit.refractory_ms + random.exponential(random_wait_ms)) + 1;
     }
   }
@@ -142,6 +149,7 @@ struct train_maker {
   double add_burst(double at) {
     double times = 1;
     for (std::int32_t k = 1; k < longest_burst; ++k) {
+      // Within a burst a few ms, however short the cell's refractory time.
       const double wait_ms = std::max(unit.refractory_ms, 3.0) + random.exponential(2);
       at += steps_per_ms * wait_ms + 1;
       if (static_cast<std::int64_t>(at) > last) break;
@@ -184,6 +192,7 @@ std::string validate_test_recording(const test_recording_options& o) {
     return "the sampling rate must be from 5000 to 200000 Hz";
   }
   const double n_samples = o.minutes * 60 * o.sampling_frequency;
+  // Negated, so that what is no number is refused as well. 2.1e9 samples still fit 32 bits.
   if (!(n_samples >= o.sampling_frequency && n_samples <= 2.1e9)) {
     return fmt::format("minutes must be from 0.017 to {:.1f} at this sampling rate",
                        2.1e9 / 60 / o.sampling_frequency);
@@ -216,6 +225,7 @@ std::vector<site_position> electrode_sites(test_electrode electrode, std::int32_
 
 double relative_size(const planted_unit& unit, const std::vector<site_position>& sites,
                      std::int32_t channel, double shift_um) {
+  // Over the best site without drift, where the amplitude was set.
   return size_at(unit, sites[channel - 1], shift_um) /
          size_at(unit, sites[unit.best_channel - 1], 0);
 }
@@ -224,6 +234,7 @@ std::vector<planted_unit> plan_units(const test_recording_options& options,
                                      const std::vector<site_position>& sites) {
   std::vector<planted_unit> units;
   for (std::int32_t u = 0; u < options.n_units; ++u) {
+    // A stream of its own to each unit: one unit more changes none of the others.
     random_stream random(options.seed, for_units, u);
     planted_unit unit{};
     // A crowded electrode gives up on the distance after many tries.
@@ -245,6 +256,7 @@ std::vector<planted_unit> plan_units(const test_recording_options& options,
 std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options& options,
                                                     const std::vector<planted_unit>& units) {
   const double steps_per_ms = options.sampling_frequency * 0.001 * sub_sample_steps;
+  // 5 ms at either end, so that no waveform is cut.
   const auto margin = static_cast<std::int64_t>(5 * steps_per_ms);
   const std::int64_t end = std::int64_t{count_test_samples(options)} * sub_sample_steps;
   std::vector<std::vector<planted_spike>> trains;
@@ -266,6 +278,7 @@ std::vector<planted_unit> plan_background(const test_recording_options& options,
   for (std::int32_t u = 0; u < n; ++u) {
     random_stream random(options.seed, for_background, u);
     planted_unit unit{};
+    // Farther out than the sorted ones: too small to be told apart.
     place_near_a_site(unit, sites, 60, 60, 140, random);
     unit.amplitude_uv = options.noise_uv * random.log_uniform(0.4, 2.5);
     unit.reach_um = 40;

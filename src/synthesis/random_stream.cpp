@@ -23,6 +23,7 @@ double portable_log(double x) {
   double mantissa = std::frexp(x, &exponent);  // 0.5 <= mantissa < 1
   if (mantissa < std::numbers::sqrt2 / 2) {
     mantissa *= 2;
+    // Halfway on a scale of ratios: the series below converges fast on both sides of 1.
     --exponent;
   }
   // log m = 2 artanh((m - 1) / (m + 1)); |s| < 0.172, so s^22 is below 1e-16.
@@ -34,6 +35,7 @@ double portable_log(double x) {
 }
 
 double portable_exp(double x) {
+  // Below the range of 64-bit floats.
   if (x < -700) return 0;
   const double k = std::floor(x / std::numbers::ln2 + 0.5);
   const double rest = x - k * std::numbers::ln2;  // |rest| < 0.35
@@ -44,6 +46,8 @@ double portable_exp(double x) {
 
 random_stream::random_stream(std::int64_t seed, std::uint64_t purpose, std::uint64_t index) {
   auto x = static_cast<std::uint64_t>(seed);
+  // Purpose and index enter apart, so that neighbouring numbers give streams that have nothing in
+  // common.
   x = split_mix(x) ^ (purpose * 0xd1342543de82ef95u);
   x = split_mix(x) ^ (index * 0xaf251af3b0f025b5u);
   for (std::uint64_t& word : state) word = split_mix(x);
@@ -61,12 +65,14 @@ std::uint64_t random_stream::next() {
   return result;
 }
 
+// 53 bits: all that the fraction of a float holds.
 double random_stream::uniform() { return static_cast<double>(next() >> 11) * 0x1p-53; }
 
 double random_stream::log_uniform(double low, double high) {
   return low * portable_exp(uniform() * portable_log(high / low));
 }
 
+// 1 - u is above 0, as the logarithm wants it.
 double random_stream::exponential(double mean) { return -mean * portable_log(1 - uniform()); }
 
 // Marsaglia's polar method; the second of each pair is not kept, so that a number
@@ -76,6 +82,7 @@ double random_stream::normal() {
     const double x = uniform(-1, 1);
     const double y = uniform(-1, 1);
     const double square = x * x + y * y;
+    // Points outside the circle are thrown away, and its centre, which has no logarithm.
     if (square >= 1 || square == 0) continue;
     return x * std::sqrt(-2 * portable_log(square) / square);
   }

@@ -33,6 +33,7 @@ template <typename Number>
 bool read_number(std::string_view text, Number& number) {
   text = trimmed(text);
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  // The whole field must be the number.
   return error == std::errc() && end == text.data() + text.size();
 }
 
@@ -68,6 +69,7 @@ bool walk_lines(std::string_view text, Take&& take) {
 
 bool read_spike(const std::vector<std::string_view>& fields, spike_list::spike& spike) {
   spike.channel = 0;
+  // Two fields are enough; the channel is for the table alone.
   return fields.size() >= 2 && read_number(fields[0], spike.time) && std::isfinite(spike.time) &&
          read_number(fields[1], spike.unit) && spike.unit >= 0 &&
          (fields.size() < 3 || read_number(fields[2], spike.channel));
@@ -91,6 +93,7 @@ std::vector<unit_train> trains_of(const spike_list& list) {
     std::sort(train.times.begin(), train.times.end());
     const auto& of_unit = channels[unit];
     train.unit = unit;
+    // The first of equal ones, which is the lowest channel.
     train.channel = std::max_element(of_unit.begin(), of_unit.end(), [](auto& a, auto& b) {
                       return a.second < b.second;
                     })->first;
@@ -101,6 +104,7 @@ std::vector<unit_train> trains_of(const spike_list& list) {
 
 double agreement(std::size_t n_a, std::size_t n_b, std::int32_t n_matches) {
   const double either = static_cast<double>(n_a + n_b) - n_matches;
+  // Two trains without any spike agree in nothing.
   return either > 0 ? n_matches / either : 0;
 }
 
@@ -116,6 +120,7 @@ std::string units_path(const std::string& truth_path) {
 
 void join_units_file(const std::string& path, sort_score& score) {
   std::string text;
+  // No such file: the score is told without amplitudes.
   if (path.empty() || !read_text(path, text)) return;
   std::map<std::int32_t, std::pair<double, double>> known;  // amplitude, rate
   walk_lines(text, [&](const std::vector<std::string_view>& fields, std::int64_t) {
@@ -146,6 +151,7 @@ std::string band_lines(const sort_score& score) {
     if (std::isinf(band.to)) where = fmt::format("{} or more times above", band.from);
     if (band.from == 0) where = fmt::format("below {} times", band.to);
     const bool first = text.empty();
+    // The first band has the words that the others go without.
     if (!first && band.n_units == 0) continue;
     text += fmt::format("{}{}: {} of {}{}\n", where, first ? " the noise" : "",
                         band.n_above_four_fifths, band.n_units,
@@ -182,6 +188,7 @@ struct assignment_search {
     std::vector<bool> done(n_columns + 1, false);
     row_of[0] = row;
     std::int32_t column = 0;
+    // Goes from column to column until one is free.
     do {
       done[column] = true;
       const std::int32_t at_row = row_of[column];
@@ -190,6 +197,7 @@ struct assignment_search {
       for (std::int32_t c = 1; c <= n_columns; ++c) {
         if (done[c]) continue;
         const double reduced = cost(at_row, c) - row_potential[at_row] - column_potential[c];
+        // Strictly less: of equal ones the lower column.
         if (reduced < least[c]) {
           least[c] = reduced;
           column_before[c] = column;
@@ -199,6 +207,7 @@ struct assignment_search {
           next = c;
         }
       }
+      // The potentials keep every reduced cost at 0 or above, and at 0 along the path.
       for (std::int32_t c = 0; c <= n_columns; ++c) {
         if (done[c]) {
           row_potential[row_of[c]] += step;
@@ -209,6 +218,7 @@ struct assignment_search {
       }
       column = next;
     } while (row_of[column] != 0);
+    // Each row on the path moves to the column where the search met it.
     while (column != 0) {
       row_of[column] = row_of[column_before[column]];
       column = column_before[column];
@@ -232,6 +242,7 @@ bool read_spike_list(const std::string& path, spike_list& list, std::string& pro
       return true;
     }
     double time;
+    // A first line that begins with no number is one of titles.
     if (number == 1 && !read_number(fields[0], time)) return true;  // titles
     problem = fmt::format("{}, line {}: not a time, a unit and a channel", path, number);
     return false;
@@ -247,6 +258,7 @@ std::int32_t count_matches(const std::vector<double>& a, const std::vector<doubl
   const double window = window_s + 0.5e-5;
   std::int32_t n = 0;
   for (std::size_t i = 0, k = 0; i < a.size() && k < b.size();) {
+    // The earliest partner in reach is the best choice for two trains in order.
     if (std::fabs(a[i] - b[k]) <= window) {
       ++n, ++i, ++k;
     } else if (a[i] < b[k]) {
@@ -286,6 +298,7 @@ std::vector<std::int32_t> best_assignment(const std::vector<double>& gains, std:
   for (std::int32_t row = 1; row <= n_rows; ++row) search.place(row);
   for (std::int32_t c = 1; c <= n_columns; ++c) {
     const std::int32_t row = search.row_of[c];
+    // An assignment without any gain is none.
     if (row > 0 && search.cost(row, c) < 0) column_of[row - 1] = c - 1;
   }
   return column_of;
@@ -326,6 +339,7 @@ sort_score score_sort(const spike_list& sorted, const spike_list& truth) {
       --score.n_extra_units;
       score.n_matches += u.n_matches;
     }
+    // Both limits belong to the better side.
     if (u.accuracy >= half) ++score.n_above_half;
     if (u.accuracy >= four_fifths) ++score.n_above_four_fifths;
     score.units.push_back(u);
@@ -353,6 +367,7 @@ double median_noise_uv(const session_state& session) {
   }
   if (noise.empty()) return 0;
   std::sort(noise.begin(), noise.end());
+  // The same place twice when the number is odd.
   return (noise[(noise.size() - 1) / 2] + noise[noise.size() / 2]) / 2;
 }
 
@@ -364,9 +379,11 @@ std::vector<score_band> count_in_bands(const sort_score& score) {
   if (!tells_noise(score)) return {};
   std::vector<score_band> bands{{10, std::numeric_limits<double>::infinity()}, {7, 10}, {0, 7}};
   for (const unit_score& u : score.units) {
+    // Not every unit need be in the file of units.
     if (u.amplitude_uv <= 0) continue;
     const double height = amplitude_over_noise(score, u);
     for (score_band& band : bands) {
+      // The lower end belongs to a band, the upper to the one above.
       if (height < band.from || height >= band.to) continue;
       ++band.n_units;
       if (u.accuracy >= four_fifths) ++band.n_above_four_fifths;

@@ -63,6 +63,7 @@ shape_table make_shape(const spike_shape& s, double broad, std::int32_t sampling
   table.before = static_cast<std::int32_t>(shape_before_ms * 0.001 * sampling_frequency);
   const auto after = static_cast<std::int32_t>(shape_after_ms * 0.001 * sampling_frequency);
   table.n = whole_lanes(table.before + after + 1);
+  // All phases, so that drawing needs no interpolation.
   table.heights.resize(std::size_t{sub_sample_steps} * table.n);
   for (std::int32_t phase = 0; phase < sub_sample_steps; ++phase) {
     float* row = table.heights.data() + std::int64_t{phase} * table.n;
@@ -71,6 +72,7 @@ shape_table make_shape(const spike_shape& s, double broad, std::int32_t sampling
       row[i] = static_cast<float>(raw_height(s, broad, trough_ms + steps * ms_per_step) / -lowest);
     }
   }
+  // Of one phase, since the others hardly differ.
   for (std::int32_t i = 0; i < table.n; ++i) table.energy += square_of(table.heights[i]);
   return table;
 }
@@ -90,6 +92,7 @@ struct recording_plan {
 // How far along its drift the probe has come, 0..1: slow at both ends.
 double drift_part(const recording_plan& plan, std::int64_t step) {
   const double part = static_cast<double>(step) / sub_sample_steps / plan.n_samples;
+  // Smooth at both ends, so that the probe starts and stops without a jerk.
   return part * part * (3 - 2 * part);
 }
 
@@ -131,6 +134,7 @@ KESTRELVANE_CLONES void to_bits(const float* microvolts, float bits_per_microvol
                                 std::int16_t* out) {
   for (std::int32_t i = 0; i < n; ++i) {
     const float v = microvolts[i] * bits_per_microvolt;
+    // Held to 16 bits, as an amplifier is.
     const float held = v > 32767.0f ? 32767.0f : v < -32768.0f ? -32768.0f : v;
     // Rounds by truncation of a positive number.
     out[i] = static_cast<std::int16_t>(static_cast<std::int32_t>(held + 32768.5f) - 32768);
@@ -155,6 +159,7 @@ void draw_planted(const recording_plan& plan, channel_canvas& canvas, channel_un
   for (; u.next < spikes.size() && spikes[u.next].time < end_step; ++u.next) {
     const planted_spike& spike = spikes[u.next];
     float amplitude = u.amplitude;
+    // With drift the size follows the place that the probe has reached.
     if (plan.options.drift_um != 0) {
       const double shift = plan.options.drift_um * drift_part(plan, spike.time);
       amplitude = static_cast<float>(u.unit->amplitude_uv *
@@ -167,6 +172,7 @@ void draw_planted(const recording_plan& plan, channel_canvas& canvas, channel_un
 std::int64_t far_interval(const recording_plan& plan, channel_unit& u) {
   const double steps_per_s = double{sub_sample_steps} * plan.options.sampling_frequency;
   return static_cast<std::int64_t>(
+      // Refractory time and a random wait: no bursts so far out.
       steps_per_s * (0.001 * u.unit->refractory_ms + u.random.exponential(1 / u.unit->rate)));
 }
 
@@ -182,6 +188,7 @@ void draw_far(const recording_plan& plan, channel_canvas& canvas, channel_unit& 
 // Largest size of a unit on a channel over the whole drift.
 double largest_size(const recording_plan& plan, const planted_unit& unit, std::int32_t channel) {
   double largest = 0;
+  // At nine places of the way, which no unit passes unseen.
   for (int k = 0; k <= 8; ++k) {
     largest = std::max(largest,
                        relative_size(unit, plan.sites, channel, plan.options.drift_um * 0.125 * k));
@@ -199,6 +206,7 @@ channel_unit on_channel(const recording_plan& plan, const planted_unit& unit,
   const double distance = std::sqrt(dx * dx + dy * dy + unit.z * unit.z);
   u.amplitude = static_cast<float>(unit.amplitude_uv * relative_size(unit, plan.sites, channel, 0));
   u.broad_share = static_cast<float>(distance / (distance + broadening_um));
+  // Held to what the room round a spike allows.
   const double delay_ms = std::clamp(unit.slowness_ms_per_um * (site.y - best.y), -0.6, 0.6);
   u.delay = static_cast<std::int64_t>(
       std::floor(delay_ms * 0.001 * plan.options.sampling_frequency * sub_sample_steps + 0.5));
@@ -209,6 +217,7 @@ std::vector<channel_unit> units_on_channel(const recording_plan& plan, std::int3
   std::vector<channel_unit> seen;
   for (std::size_t i = 0; i < plan.units.size(); ++i) {
     const planted_unit& unit = plan.units[i];
+    // What would be seen nowhere on its way is not drawn on this channel at all.
     if (unit.amplitude_uv * largest_size(plan, unit, channel) < least_amplitude_uv) continue;
     channel_unit u = on_channel(plan, unit, channel);
     u.close = &plan.close_shapes[i];
@@ -253,6 +262,7 @@ void make_channel(const recording_plan& plan, std::int32_t channel, std::int16_t
   channel_canvas canvas{};
   const double rate = plan.options.sampling_frequency;
   canvas.room =
+      // The widest spike, its delay, and whole lanes at either end.
       whole_lanes(static_cast<std::int32_t>(rate * 0.001 * (shape_before_ms + shape_after_ms + 1)) +
                   2 * n_lanes);
   canvas.samples.assign(std::size_t{2} * canvas.room + chunk, 0.0f);
@@ -274,11 +284,13 @@ void make_channel(const recording_plan& plan, std::int32_t channel, std::int16_t
     }
     const std::int64_t done = canvas.first - canvas.room;
     const double part = static_cast<double>(std::max<std::int64_t>(done, 0)) / plan.n_samples;
+    // One gain to a chunk, by where it begins.
     const auto scale =
         static_cast<float>((1 + plan.options.gain_change * part) / double{microvolts_per_bit});
     const std::int64_t begin = std::max<std::int64_t>(done, 0);
     const std::int64_t end = std::min<std::int64_t>(done + chunk, plan.n_samples);
     to_bits(samples + (begin - done), scale, static_cast<std::int32_t>(end - begin), out + begin);
+    // What reaches over the end is kept for the next chunk.
     std::copy(samples + chunk, samples + chunk + 2 * canvas.room, samples);
     std::fill(samples + 2 * canvas.room, samples + 2 * canvas.room + chunk, 0.0f);
   }
@@ -308,6 +320,7 @@ bool write_samples(const recording_plan& plan, safe_file& out,
                    const std::function<void(int)>& progress) {
   const std::int32_t n_channels = plan.options.n_channels;
   const std::int32_t at_once = std::clamp(plan.options.n_threads, 1, n_channels);
+  // Whole channels, since the file has one after the other.
   std::vector<std::vector<std::int16_t>> made(at_once, std::vector<std::int16_t>(plan.n_samples));
   for (std::int32_t first = 1; first <= n_channels; first += at_once) {
     const std::int32_t last = std::min(first + at_once - 1, n_channels);
@@ -317,6 +330,7 @@ bool write_samples(const recording_plan& plan, safe_file& out,
     for (std::int32_t c = first; c <= last; ++c) {
       if (!write_bytes(out, made[c - first].data(), std::size_t{2} * plan.n_samples)) return false;
     }
+    // The last per cent belongs to the files beside it.
     if (progress) progress(static_cast<int>(std::int64_t{99} * last / n_channels));
   }
   return true;
@@ -354,6 +368,7 @@ bool write_truth(const recording_plan& plan, const std::string& path) {
       lines.push_back({spike.time, static_cast<std::int32_t>(u) + 1});
     }
   }
+  // Stable: of equal times the lower unit.
   std::stable_sort(lines.begin(), lines.end(),
                    [](const truth_line& a, const truth_line& b) { return a.time < b.time; });
   safe_file out;
@@ -377,6 +392,7 @@ bool write_units(const recording_plan& plan, const std::string& path) {
     double mean_size = 0;
     for (const planted_spike& spike : plan.spikes[u]) mean_size += double{spike.size};
     const auto n = static_cast<double>(plan.spikes[u].size());
+    // A unit without spikes keeps the amplitude that it was planned with.
     mean_size = n > 0 ? mean_size / n : 1;
     write_text(out, fmt::format("{},{:.1f},{:.1f},{:.2f},{:.3f}\n", u + 1, unit.x, unit.y,
                                 unit.amplitude_uv * mean_size, n / seconds));
@@ -390,6 +406,7 @@ std::string path_stem(const std::string& path) {
   const std::size_t slash = path.find_last_of('/');
   const std::size_t dot = path.find_last_of('.');
   const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
+  // A dot in a folder's name, or at the front of the file's, begins no extension.
   return dot == std::string::npos || dot <= name ? path : path.substr(0, dot);
 }
 
