@@ -8,11 +8,12 @@ namespace kestrelvane {
 
 namespace {
 
-// A number behind the letter that text begins with; text moves behind it.
+// A number after the letter that text begins with; text moves past it.
 bool take_number(std::string_view& text, char letter, std::int32_t& number) {
   if (text.empty() || text.front() != letter) return false;
   const char* end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data() + 1, end, number);
+  // A size beyond a thousand comes from a damaged file.
   if (error != std::errc{} || number < 0 || number > 1000) return false;
   text.remove_prefix(static_cast<std::size_t>(stop - text.data()));
   return true;
@@ -39,6 +40,7 @@ bool take_flags(std::string_view text, font_description& font) {
       case 'u':
         font.underlined = true;
         break;
+      // Known letters without a meaning here.
       case 'p':
       case 'e':
         break;
@@ -72,6 +74,7 @@ QFont make_font(const font_description& description) {
   // The height is that of a line; the letters are as large as fit it.
   int pixels = description.height;
   font.setPixelSize(pixels);
+  // Six pixels at least: smaller letters cannot be read.
   while (pixels > 6 && QFontMetricsF(font).height() > description.height + 0.5) {
     font.setPixelSize(--pixels);
   }
@@ -79,6 +82,7 @@ QFont make_font(const font_description& description) {
     const double natural = mean_width(font);
     if (natural > 0) {
       const int percent = static_cast<int>(100.0 * description.width / natural);
+      // Fonts bear no more than this.
       font.setStretch(std::clamp(percent, 60, 130));
     }
   }
@@ -95,6 +99,7 @@ void use_font(session_state& session, QPainter& painter, std::string_view text) 
 }
 
 void draw_text(QPainter& painter, std::int32_t x, std::int32_t y, const QString& text) {
+  // The corner above the text is what callers give; the painter wants the baseline.
   painter.drawText(QPointF(x, y + painter.fontMetrics().ascent()), text);
 }
 

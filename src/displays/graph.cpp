@@ -55,6 +55,7 @@ QColor mix(const QColor& a, const QColor& b, double of_b) {
 }
 
 graph_style style_for(const graph_data& graph, const graph_style& style) {
+  // Only then has the graph colours of its own.
   if (graph.frame_style != frame_own_colours) return style;
   const auto colour = [&](std::size_t i) {
     return colour_of_word(static_cast<std::uint32_t>(graph.colours[i]));
@@ -93,7 +94,9 @@ void put_axis(QCPAxis* axis, const graph_data& graph, const graph_style& style, 
   axis->grid()->setVisible((flags & axis_grid) != 0);
   axis->grid()->setPen(QPen(mix(style.background, style.axes, 0.2), 1));
   axis->grid()->setZeroLinePen(QPen(mix(style.background, style.axes, 0.4), 1));
+  // A hundred are a grey bar, whatever was asked for.
   if (divisions[0] > 0) axis->ticker()->setTickCount(std::min(divisions[0], 100));
+  // One division within another is none.
   axis->setSubTicks(divisions[1] != 1);
   axis->setNumberPrecision(digits_for(axis->range()));
 }
@@ -105,6 +108,7 @@ void put_tick_texts(QCPAxis* axis, const std::vector<std::string>& texts,
   const QFontMetricsF metrics(axis->tickLabelFont());
   double needed = 0;
   for (std::size_t i = 0; i < std::min(texts.size(), places.size()); ++i) {
+    // Beyond this a text is cut, or the axis would push the graph out of the picture.
     const QString text = metrics.elidedText(QString::fromStdString(texts[i]), Qt::ElideRight, 160);
     ticker->addTick(places[i], text);
     needed += metrics.horizontalAdvance(text) + 8;
@@ -128,6 +132,7 @@ void put_labels_of_points(QCustomPlot& plot, const graph_data& graph) {
   const std::size_t n_columns = graph.column_labels.size(), n_rows = graph.row_labels.size();
   if (n_columns > 0) {
     put_tick_texts(plot.xAxis, graph.column_labels, places_of(first.x, 1, n_columns),
+                   // The vertical axis and its numbers take the rest.
                    plot.viewport().width() - 60);
   }
   if (n_rows > 0 && has_image(graph)) {
@@ -166,6 +171,7 @@ void put_texts(QCustomPlot& plot, const graph_data& graph, const graph_style& st
     line->setTextColor(style.text);
     rows->addElement(row == 0 ? 0 : rows->rowCount(), 0, line);
   };
+  // Each is put in front of what is there, so that the title ends above the subtitle.
   put(0, graph.labels[label_subtitle], subtitle_font);
   put(0, graph.title, title_font);
   put(-1, graph.remark, small_font);
@@ -184,6 +190,7 @@ void put_colour_scale(QCustomPlot& plot, QCPColorScale* scale, const graph_data&
   plot.plotLayout()->addElement(row_of_axes(plot), 1, scale);
   scale->setLabel(title_of(graph, 2));
   dress_axis(scale->axis(), style, graph_font("", small_font));
+  // Scale and axes begin and end at the same height.
   auto* margins = new QCPMarginGroup(&plot);
   plot.axisRect()->setMarginGroup(QCP::msBottom | QCP::msTop, margins);
   scale->setMarginGroup(QCP::msBottom | QCP::msTop, margins);
@@ -193,6 +200,7 @@ void move_legend_beside(QCustomPlot& plot) {
   auto* column = new QCPLayoutGrid;
   plot.axisRect()->insetLayout()->take(plot.legend);
   column->addElement(0, 0, plot.legend);
+  // Takes up what the legend leaves below it.
   column->addElement(1, 0, new QCPLayoutElement(&plot));
   column->setRowStretchFactor(0, 0.001);
   column->setMargins(QMargins(4, 8, 8, 8));
@@ -208,6 +216,7 @@ void put_legend(QCustomPlot& plot, const graph_data& graph, const graph_style& s
   QCPLegend* legend = plot.legend;
   const int n = legend->itemCount();
   const std::int32_t wanted = graph.axis_style[style_of_legend];
+  // By itself a legend is shown where there is something to tell apart.
   const bool shown = wanted == legend_shown ? n > 0 : wanted != legend_hidden && n > 1;
   legend->setFont(graph_font("", small_font));
   legend->setTextColor(style.text);
@@ -225,6 +234,7 @@ void put_legend(QCustomPlot& plot, const graph_data& graph, const graph_style& s
   const QRect room = plot.viewport();
   const bool fits = width < room.width() / 2.0 && n * (metrics.height() + 6) < room.height() * 0.8;
   legend->setVisible(shown && fits);
+  // After its size is known, and only when it is to be seen at all.
   if (shown && fits && n > 4) move_legend_beside(plot);
 }
 
@@ -244,6 +254,7 @@ bool is_raster(const QPainter& painter) {
 // resolution, on any other device its strokes are taken down and played again.
 void paint_plot(QCustomPlot& plot, QPainter& painter, QSize size) {
   if (!is_raster(painter)) {
+    // A recording of strokes keeps them sharp at every size.
     QPicture strokes;
     QCPPainter writer(&strokes);
     writer.setMode(QCPPainter::pmVectorized);
@@ -293,6 +304,7 @@ QColor series_colour(const graph_data& graph, std::size_t series, const graph_st
 void put_graph(QCustomPlot& plot, const graph_data& graph, const graph_style& style,
                const graph_view& view) {
   const graph_style used = style_for(graph, style);
+  // Frame and texts first: the series are drawn into what is left.
   put_frame(plot, graph, used, view);
   put_texts(plot, graph, used);
   if (has_image(graph)) {

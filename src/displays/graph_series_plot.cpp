@@ -27,6 +27,7 @@ double finite_or_gap(double value) { return std::isfinite(value) ? value : std::
 std::vector<std::size_t> drawn_order(const graph_series& series, bool may_sort) {
   std::vector<std::size_t> order(series.x.size());
   std::iota(order.begin(), order.end(), std::size_t{0});
+  // A place that is no number cannot be shown at all, and is no gap either.
   std::erase_if(order, [&](std::size_t i) { return !std::isfinite(series.x[i]); });
   if (may_sort) {
     std::stable_sort(order.begin(), order.end(),
@@ -38,6 +39,7 @@ std::vector<std::size_t> drawn_order(const graph_series& series, bool may_sort) 
 plotted_points points_of(const graph_series& series, bool may_sort) {
   plotted_points points;
   for (const std::size_t i : drawn_order(series, may_sort)) {
+    // Equal places are still in order.
     if (!points.x.isEmpty() && series.x[i] < points.x.back()) points.ascending = false;
     points.x.push_back(series.x[i]);
     points.y.push_back(finite_or_gap(value_or_zero(series.y, i)));
@@ -81,6 +83,7 @@ QCPAbstractPlottable* put_line(QCustomPlot& plot, const plotted_points& points, 
 }
 
 void put_dots_on(QCPAbstractPlottable* line, const QCPScatterStyle& style) {
+  // Both kinds of line are asked, since they have no common form for it.
   if (auto* graph = qobject_cast<QCPGraph*>(line)) graph->setScatterStyle(style);
   if (auto* curve = qobject_cast<QCPCurve*>(line)) curve->setScatterStyle(style);
 }
@@ -154,6 +157,7 @@ void put_error_bars(QCustomPlot& plot, QCPAbstractPlottable* of, const QVector<d
 }
 
 void put_point_labels(QCustomPlot& plot, const graph_series& series, const graph_style& style) {
+  // Beyond the limit labels hide each other and the points.
   if (series.point_text.size() > label_limit) return;
   const std::size_t n = std::min(series.point_text.size(), series.x.size());
   for (std::size_t i = 0; i < n; ++i) {
@@ -174,6 +178,7 @@ void put_one_series(QCustomPlot& plot, const graph_data& graph, std::size_t s,
   const graph_series& series = graph.series[s];
   const series_look look = look_of_series(graph, s);
   const QColor colour = series_colour(graph, s, style);
+  // Lines join points as they come; other forms do not care.
   const bool in_order = look.form == form_lines || look.form == form_lines_and_points;
   const plotted_points points = points_of(series, !in_order);
   QCPAbstractPlottable* plotted = put_form(plot, points, look.form, colour);
@@ -186,6 +191,7 @@ void put_one_series(QCustomPlot& plot, const graph_data& graph, std::size_t s,
     put_error_bars(plot, plotted, points.error, on_top);
   }
   if (!points.extra.isEmpty()) {
+    // The fit has no bars and no dots of its own.
     const plotted_points fit = {points.x, points.extra, {}, {}, points.ascending};
     put_line(plot, fit, line_pen(style.text, Qt::DashLine))->removeFromLegend();
   }
@@ -203,12 +209,14 @@ void share_bar_width(QCustomPlot& plot, const graph_data& graph) {
     const bool drawn = look_of_series(graph, s).form == form_bars && !graph.series[s].x.empty();
     if (drawn) width = std::min(width, bar_width(graph.series[s]));
   }
+  // Alone, it touches its neighbours, as bins do.
   if (bars.size() == 1) bars.first()->setWidth(width);
   if (bars.size() < 2) return;
   auto* group = new QCPBarsGroup(&plot);
   group->setSpacingType(QCPBarsGroup::stPlotCoords);
   group->setSpacing(0);
   for (QCPBars* one : bars) {
+    // A tenth of the room stays free between the groups.
     one->setWidth(0.9 * width / static_cast<double>(bars.size()));
     one->setBarsGroup(group);
   }
@@ -222,6 +230,7 @@ QCPColorGradient gradient_of(std::int32_t colours, const graph_style& style) {
                             {0.5, QColor(0xf4, 0xf4, 0xf4)},
                             {1.0, QColor(0xc2, 0x2a, 0x35)}});
   }
+  // A cell that is no number is a hole.
   gradient.setNanHandling(QCPColorGradient::nhNanColor);
   gradient.setNanColor(style.background);
   return gradient;
@@ -240,6 +249,7 @@ void fill_map(QCPColorMapData& map, const graph_data& graph) {
   map.setSize(wide, high);
   map.setKeyRange(columns > 1 ? QCPRange(x0, x1) : QCPRange(x0 - 0.25, x0 + 0.25));
   map.setValueRange(rows > 1 ? QCPRange(y0, y1) : QCPRange(y0 - 0.25, y0 + 0.25));
+  // Cells may be given in either direction; the map wants them rising.
   for (int key = 0; key < wide; ++key) {
     for (int value = 0; value < high; ++value) {
       const int column = columns > 1 ? (x0 < x1 ? key : columns - 1 - key) : 0;
@@ -260,7 +270,9 @@ QCPRange colour_range(const graph_data& graph) {
     least = std::min(least, value);
     greatest = std::max(greatest, value);
   }
+  // Nothing to show is shown on a scale of its own.
   if (least > greatest) return QCPRange(0, 1);
+  // 0 must stand in the middle of the colours.
   if (graph.axis_style[style_of_colours] == colours_polar) {
     greatest = std::max(std::abs(least), std::abs(greatest));
     least = -greatest;
@@ -277,6 +289,7 @@ QFont graph_font(const std::string& name, const char* otherwise) {
 }
 
 void put_series(QCustomPlot& plot, const graph_data& graph, const graph_style& style) {
+  // The image is drawn before, and below, the series.
   for (std::size_t s = has_image(graph) ? 1 : 0; s < graph_series_limit; ++s) {
     if (!graph.series[s].x.empty()) put_one_series(plot, graph, s, style);
   }

@@ -20,6 +20,7 @@ using paint_routine = std::function<void(QPainter&)>;
 
 bool paint_png(QBuffer& out, QSize size, const paint_routine& paint) {
   QImage image(size, QImage::Format_RGB32);
+  // No transparency: viewers would show it in their own colour.
   image.fill(Qt::white);
   QPainter painter(&image);
   paint(painter);
@@ -45,6 +46,7 @@ bool paint_pdf(QBuffer& out, QSize size, const paint_routine& paint) {
   pdf.setPageSize(QPageSize(QSizeF(size) * 72.0 / pixels_per_inch, QPageSize::Point, QString(),
                             QPageSize::ExactMatch));
   pdf.setPageMargins(QMarginsF(0, 0, 0, 0));
+  // Pages have no pixels: everything is scaled to as many to the inch as screens have.
   QPainter painter;
   if (!painter.begin(&pdf)) return false;
   painter.scale(double(dots_per_inch) / pixels_per_inch, double(dots_per_inch) / pixels_per_inch);
@@ -74,6 +76,7 @@ bool is_picture_path(const std::string& path) { return find_format(path) != null
 bool write_picture(const std::string& path, QSize size, const paint_routine& paint) {
   const picture_format* format = find_format(path);
   QBuffer bytes;
+  // Made in memory, so that a picture that fails leaves the old file as it was.
   if (format == nullptr || !bytes.open(QIODevice::ReadWrite)) return false;
   if (!format->paint(bytes, size, paint)) return false;
   safe_file file;

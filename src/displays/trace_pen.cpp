@@ -30,6 +30,7 @@ struct pixel_writer {
 // The way to the next column is made in this one, as thin lines of a painter make it; its
 // last pixel is set with the span of the next.
 void set_join(const pixel_writer& out, std::int32_t x, std::int32_t from, std::int32_t to) {
+  // A step of one pixel needs no join.
   if (std::abs(to - from) > 1) out.set_run(x, from, to > from ? to - 1 : to + 1);
 }
 
@@ -38,6 +39,7 @@ void set_pixels(trace_pen& pen, std::int32_t left, const column_span* spans, std
   QImage& image = pen.overlay;
   const pixel_writer out = {reinterpret_cast<QRgb*>(image.bits()), image.bytesPerLine() / 4,
                             image.width(), image.height(), colour.rgb()};
+  // What lies to the right of the image is not drawn.
   n = std::min(n, out.width - left);
   for (std::int32_t i = 0; i < n; ++i) {
     out.set_run(left + i, spans[i].enter, spans[i].leave);
@@ -48,6 +50,7 @@ void set_pixels(trace_pen& pen, std::int32_t left, const column_span* spans, std
 QPen line_pen(const trace_pen& pen, const QColor& colour) {
   QPen line(colour);
   line.setWidth(1);
+  // One pixel of the device, whatever the scale.
   line.setCosmetic(pen.device == trace_device::finer_pixels);
   line.setJoinStyle(Qt::BevelJoin);
   return line;
@@ -55,6 +58,7 @@ QPen line_pen(const trace_pen& pen, const QColor& colour) {
 
 void add_point(QPolygonF& line, double x, double y) {
   const qsizetype n = line.size();
+  // Points on a level stretch are one line.
   if (n > 1 && line[n - 1].y() == y && line[n - 2].y() == y) {
     line[n - 1].setX(x);
   } else {
@@ -71,6 +75,8 @@ trace_pen start_traces(QPainter& painter, std::int32_t width, std::int32_t heigh
   if (painter.paintEngine()->type() != QPaintEngine::Raster) return pen;
   const QTransform device = painter.deviceTransform();
   const bool crowded = std::int64_t{n_traces} * width > most_columns;
+  // Whole pixels of its own kind can be set directly; a crowded record on a fine screen is drawn as
+  // coarse rather than slowly.
   if (device.type() <= QTransform::TxTranslate ||
       (crowded && device.type() == QTransform::TxScale)) {
     pen.device = trace_device::logical_pixels;
@@ -80,6 +86,7 @@ trace_pen start_traces(QPainter& painter, std::int32_t width, std::int32_t heigh
   }
   pen.device = trace_device::finer_pixels;
   const double scale = std::hypot(device.m11(), device.m12());
+  // Fine pixels are filled by drawing the line again beside itself.
   pen.passes = std::clamp(static_cast<int>(std::lround(scale)), 1, 8);
   pen.step = 1.0 / std::max(scale, 1e-3);
   return pen;

@@ -11,6 +11,7 @@ grey_layout lay_out_grey_image(const session_state& session, const voltage_layou
   const recording_store& r = session.recording;
   const bool one_tetrode = habits_of(r).one_tetrode;
   grey_layout grey;
+  // Few rows have room to be high.
   if (r.n_channels <= 8 || one_tetrode) grey.row_height = 10;
   if (one_tetrode) grey.offset = 50;
   const std::int32_t room = layout.height - grey_row_top(grey, 1);
@@ -37,6 +38,7 @@ QImage make_grey_image(const session_state& session, const voltage_layout& layou
                        const grey_layout& grey) {
   if (grey.n_rows < 1 || grey.n_columns < 1) return {};
   const column_samples columns = find_column_samples(session, layout, grey.n_columns);
+  // Element 0 is spare: columns count from 1.
   std::vector<float> values(static_cast<std::size_t>(grey.n_columns) + 1);
   QImage image(grey.n_columns, grey.n_rows * grey.row_height, QImage::Format_Grayscale8);
   for (std::int32_t row = 1; row <= grey.n_rows; ++row) {

@@ -9,6 +9,7 @@ namespace kestrelvane {
 
 namespace {
 
+// Neutral: any sample is within neither end.
 constexpr sample_range empty_range = {std::numeric_limits<std::int16_t>::max(),
                                       std::numeric_limits<std::int16_t>::min()};
 
@@ -32,6 +33,7 @@ sample_range range_of_ranges(const sample_range* ranges, std::int64_t n) {
 
 // Columns wide enough are cut at block borders.
 bool is_cut_at_blocks(const voltage_layout& layout) {
+  // Two blocks to a column, so that moving its border by half a block is not seen.
   return layout.time_scale * (2 * peak_summary::block) <= 1.0f;
 }
 
@@ -40,6 +42,7 @@ std::int64_t column_begin(const voltage_layout& layout, bool at_blocks, std::int
   const double behind = static_cast<double>(k - 1) / layout.time_scale;
   const double t =
       std::min(layout.first_sample + behind, static_cast<double>(layout.n_samples) + 1);
+  // A column that begins beyond the end has no blocks.
   const auto begin = static_cast<std::int64_t>(t);
   if (!at_blocks || begin > layout.n_samples) return begin;
   constexpr std::int32_t block = peak_summary::block;
@@ -66,6 +69,7 @@ void fill_chunk(peak_summary& peaks, const session_state& session, std::int32_t 
   sample_range* low = entries(peaks, 0, channel) + chunk * per_chunk;
   for (std::int64_t b = 0; b < per_chunk; ++b) {
     const std::int64_t first = chunk * peak_summary::chunk + b * peak_summary::block + 1;
+    // The last block is short, and blocks beyond the end are empty.
     const std::int64_t n =
         std::clamp<std::int64_t>(peaks.n_samples - first + 1, 0, peak_summary::block);
     low[b] = range_of_samples(v + first, n);
@@ -89,6 +93,7 @@ bool fill_between(peak_summary& peaks, const session_state& session, std::int32_
   for (std::int64_t c = (first - 1) / peak_summary::chunk; c <= (last - 1) / peak_summary::chunk;
        ++c) {
     if (filled[c] != 0) continue;
+    // What is missing stays missing until the next round.
     if (peaks.spent >= peaks.budget) return false;
     fill_chunk(peaks, session, channel, c);
     filled[c] = 1;
@@ -109,6 +114,7 @@ sample_range range_of_blocks(peak_summary& peaks, std::int32_t channel, std::int
   };
   std::int32_t level = 0;
   std::int64_t end = last + 1;
+  // While whole entries of the next level fit between the two ends.
   while (level + 1 < peak_summary::n_levels && end - first >= 2 * peak_summary::fan) {
     const std::int64_t up = (first + peak_summary::fan - 1) / peak_summary::fan;
     const std::int64_t down = end / peak_summary::fan;
@@ -133,6 +139,7 @@ void forget_peaks(peak_summary& peaks) {
 bool prepare_peaks(peak_summary& peaks, const session_state& session) {
   const recording_store& r = session.recording;
   peaks.spent = 0;
+  // The same recording, as far as the shape tells: whoever rewrites samples forgets the peaks.
   if (peaks.n_channels == r.n_channels && peaks.n_samples == r.n_samples) return true;
   forget_peaks(peaks);
   peaks.chunks_per_channel =
@@ -142,6 +149,7 @@ bool prepare_peaks(peak_summary& peaks, const session_state& session) {
     reserved =
         reserved && peaks.levels[level].reserve(entries_per_channel(peaks, level) * r.n_channels);
   }
+  // Reading without a summary works, only slower.
   if (!reserved) {
     forget_peaks(peaks);
     return false;
@@ -174,6 +182,7 @@ std::int32_t read_peaks(const session_state& session, const peak_columns& column
     } else if (!by_blocks) {
       ranges[k] = range_of_samples(v + first, last - first + 1);
     } else {
+      // The columns before it are whole; the rest waits for the next round.
       if (!fill_between(*peaks, session, channel, first, last)) return k - 1;
       ranges[k] = range_of_blocks(*peaks, channel, (first - 1) / block, (last - 1) / block);
     }

@@ -55,7 +55,7 @@ struct peak_columns {
 };
 peak_columns find_peak_columns(const voltage_layout& layout);
 
-// Least and greatest sample of columns 1..n of a channel; 0 behind the end of the
+// Least and greatest sample of columns 1..n of a channel; 0 after the end of the
 // recording. Returns how many columns are filled in; the others wait for the next redraw.
 // With peaks null everything is read from the samples.
 std::int32_t read_peaks(const session_state& session, const peak_columns& columns,

@@ -25,6 +25,7 @@ time_range times_between(const voltage_layout& layout, std::int32_t margin, std:
                          std::int32_t right) {
   const double scale = layout.time_scale;
   // Two pixels more, for the rounding of places.
+  // In 64 bits, as a scale may be so small that 32 would round whole samples away.
   const double before = (left - margin - 2) / scale, after = (right - margin + 2) / scale;
   return {held_index(layout.first_sample + std::floor(before) - 2),
           held_index(layout.first_sample + std::ceil(after) + 2)};
@@ -42,6 +43,7 @@ KESTRELVANE_CLONES std::int32_t count_between(const std::int32_t* times, std::in
 std::int32_t pixel_between(const voltage_layout& layout, std::int32_t t, std::int32_t margin,
                            std::int32_t left, std::int32_t right) {
   const float place = place_of_sample(layout, t, margin);
+  // Negated, so that what is no number is not shown.
   if (!(place >= static_cast<float>(left + 1) && place < static_cast<float>(right))) return 0;
   return static_cast<std::int32_t>(place);
 }
@@ -50,6 +52,7 @@ std::int32_t pixel_between(const voltage_layout& layout, std::int32_t t, std::in
 // cluster the centre channel of that cluster's template.
 std::int32_t shown_channel(const session_state& session, std::int32_t event) {
   const std::int32_t cluster = session.events.event_cluster[event];
+  // A cluster without a template has no channel to be shown on.
   if (session.view.vd_show_template_channel && cluster > 0 &&
       session.templates.template_n_channels[cluster] > 0) {
     return session.templates.centre_channel(cluster);
@@ -69,6 +72,7 @@ std::vector<visible_event> find_visible_events(const session_state& session,
   for (std::int32_t first = 1; first <= events.n_events; first += block) {
     const std::int32_t n = std::min(block, events.n_events - first + 1);
     const std::int32_t* times = events.event_time.base() + first;
+    // Most blocks of a long recording lie outside the window.
     if (count_between(times, n, range.first, range.last) == 0) continue;
     for (std::int32_t e = first; e < first + n; ++e) {
       const std::int32_t x = pixel_between(layout, times[e - first], margin, left, right);
@@ -90,6 +94,7 @@ std::vector<visible_event> find_visible_proto_events(const session_state& sessio
   const std::int32_t* begin = d.proto_mark_time.base() + 1;
   const std::int32_t* end = begin + d.n_proto_marks;
   std::vector<visible_event> found;
+  // Marks stand in order of time, unlike events.
   for (const std::int32_t* t = std::lower_bound(begin, end, range.first);
        t < end && *t <= range.last; ++t) {
     const auto mark = static_cast<std::int32_t>(t - begin) + 1;

@@ -14,6 +14,7 @@ constexpr std::int32_t tetrode_gap = 20;   // pixels between groups of four rows
 std::int32_t first_visible_row(std::int32_t spacing, std::int32_t top_offset) {
   const std::int64_t twice_missing = spacing + 22 - 2 * std::int64_t{top_offset};
   if (twice_missing <= 0) return 1;
+  // Rounded upwards, in 64 bits: offsets may be far outside the window.
   const std::int64_t rows = (twice_missing + 2 * spacing - 1) / (2 * std::int64_t{spacing});
   return static_cast<std::int32_t>(rows + 1);
 }
@@ -24,6 +25,7 @@ void place_rows(voltage_layout& layout, const session_state& session) {
   layout.top_offset = session.view.vd_top_offset;
   layout.tetrode_gaps = r.electrode_type == electrode_tetrode;
   layout.first_row = first_visible_row(layout.spacing, layout.top_offset);
+  // One row more than fits, which is seen in part.
   layout.last_row = std::min(layout.height / layout.spacing + layout.first_row, r.n_channels);
   layout.row_of_channel.assign(static_cast<std::size_t>(r.n_channels) + 1, 0);
   for (std::int32_t row = 1; row <= r.n_channels; ++row) {
@@ -57,6 +59,7 @@ voltage_layout lay_out_voltage(session_state& session) {
 
 std::int32_t row_baseline(const voltage_layout& layout, std::int32_t row) {
   std::int32_t y = layout.top_offset + layout.spacing * (row - 1);
+  // Gaps count from the group at the top, or scrolling would move rows by them.
   if (layout.tetrode_gaps) y += tetrode_gap * ((row - 1) / 4 - (layout.first_row - 1) / 4);
   return y;
 }
@@ -71,6 +74,7 @@ namespace {
 
 void fill_taps(column_samples& columns, const interpolation_tables& tables) {
   columns.n_taps = 2 * tables.width + 1;
+  // For every step between samples one set of taps, in the order of the samples.
   for (std::int32_t s = 0; s <= tables.depth; ++s) {
     for (std::int32_t j = -tables.width; j <= tables.width; ++j) {
       columns.taps.push_back(tables.interp_table[std::abs(tables.depth * j - s)]);
@@ -110,6 +114,7 @@ column_samples find_column_samples(const session_state& session, const voltage_l
 column_samples find_trace_samples(const session_state& session, const voltage_layout& layout) {
   column_samples columns = find_column_samples(session, layout, layout.n_columns);
   if (layout.n_columns > 0) {
+    // The first column shows the sample at its edge as it is stored.
     columns.offset[1] = 1;
     columns.step[1] = 0;
   }
@@ -154,7 +159,7 @@ void read_columns(const session_state& session, const voltage_layout& layout,
                   const column_samples& columns, std::int32_t channel, float* values) {
   const auto n = static_cast<std::int32_t>(columns.offset.size()) - 1;
   const std::int16_t* v = session.recording.vd.channel(channel) + layout.first_sample;
-  // Columns run in the order of time, so those behind the end are the last ones.
+  // Columns run in the order of time, so those after the end are the last ones.
   std::int32_t n_inside = n;
   while (n_inside > 0 && columns.offset[n_inside] > layout.n_samples - layout.first_sample) {
     --n_inside;

@@ -2,7 +2,7 @@
 //
 // Rows count from 1 and show the channels of chan_sort_order; a row is known by its
 // baseline, the y of 0 µV. The time axis is cut into pixel columns, counted from 1: column
-// k stands at x = margin + k - 1 and shows the voltage k / vd_time_scale samples behind
+// k stands at x = margin + k - 1 and shows the voltage k / vd_time_scale samples after
 // vd_first_sample. Everything is in logical pixels.
 #pragma once
 
@@ -56,10 +56,10 @@ struct column_samples {
 // Columns 1..n. offset is held to the recording's length.
 column_samples find_column_samples(const session_state& session, const voltage_layout& layout,
                                    std::int32_t n);
-// The same for traces, which begin with the sample behind first_sample as it is stored.
+// The same for traces, which begin with the sample after first_sample as it is stored.
 column_samples find_trace_samples(const session_state& session, const voltage_layout& layout);
 
-// values[k] = voltage in bits of columns 1..n on a channel; 0 behind the recording's end.
+// values[k] = voltage in bits of columns 1..n on a channel; 0 after the recording's end.
 void read_columns(const session_state& session, const voltage_layout& layout,
                   const column_samples& columns, std::int32_t channel, float* values);
 

@@ -35,6 +35,7 @@ graph_data make_voltage_graph(session_state& session) {
   graph.units[0] = "ms";
   graph.units[1] = "µV";
   graph.source_files[0] = r.recording_path;
+  // An empty graph still says what it would show.
   if (r.n_samples == 0 || r.sampling_frequency <= 0) return graph;
   const voltage_layout layout = lay_out_voltage(session);
   const double in_view = layout.n_columns / static_cast<double>(layout.time_scale);
@@ -42,6 +43,7 @@ graph_data make_voltage_graph(session_state& session) {
   const auto last =
       static_cast<std::int32_t>(std::min(first + in_view, static_cast<double>(r.n_samples)));
   std::size_t n = 0;
+  // Rows from the top of the view, as many as a graph has room for.
   for (std::int32_t row = layout.first_row; row <= layout.last_row && n < graph_series_limit;
        ++row, ++n) {
     const std::int32_t channel = r.chan_sort_order[row];

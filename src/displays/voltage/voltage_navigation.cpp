@@ -20,6 +20,7 @@ constexpr std::int32_t near_end = 50;  // samples
 
 void update_slider(session_state& session) {
   const std::int64_t n = std::max(session.recording.n_samples, 1);
+  // In 64 bits: samples times steps.
   const std::int64_t steps = (session.view.vd_first_sample - std::int64_t{1}) * slider_steps / n;
   session.view.vd_slider_position =
       static_cast<std::int32_t>(std::clamp<std::int64_t>(steps, 1, slider_steps + 1));
@@ -50,6 +51,7 @@ std::int64_t samples_of_pixels(const session_state& session, std::int32_t pixels
 void centre_channel_row(session_state& session, std::int32_t channel) {
   const recording_store& r = session.recording;
   std::int32_t row = 1;
+  // A channel that is in no row counts as the last.
   while (row < r.n_channels && r.chan_sort_order[row] != channel) ++row;
   const std::int32_t n_rows =
       (session.view.vd_height - 20) / std::max(session.display.vd_channel_spacing, 1);
@@ -60,10 +62,11 @@ void centre_channel_row(session_state& session, std::int32_t channel) {
 // Where "next" counts from.
 std::int64_t present_position(const session_state& session) {
   return std::max<std::int64_t>(
+      // A sample further than the left edge, or the same event would be found again.
       session.view.vd_first_sample + std::int64_t{1} + session.view.vd_lead_samples, 0);
 }
 
-// The first event behind p that the test accepts, 0 when there is none; last is the last
+// The first event after p that the test accepts, 0 when there is none; last is the last
 // one it accepts at any time.
 template <typename Accepts>
 std::int32_t find_next_event(const event_table& events, std::int64_t p, Accepts&& accepts,
@@ -71,6 +74,7 @@ std::int32_t find_next_event(const event_table& events, std::int64_t p, Accepts&
   last = 0;
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     if (!accepts(e)) continue;
+    // Strictly after: the event at hand is not the next one.
     if (events.event_time[e] > p) return e;
     last = e;
   }
@@ -81,6 +85,7 @@ std::int32_t find_next_event(const event_table& events, std::int64_t p, Accepts&
 event_jump finish_jump(session_state& session, std::int64_t first, std::int32_t channel,
                        std::int32_t event) {
   voltage_view& view = session.view;
+  // From here on the view cannot bring an event to its place.
   const std::int64_t end = std::int64_t{session.recording.n_samples} - view.vd_lead_samples;
   show_from_sample(session, first, session.recording.n_samples);
   view.vd_highlight_on = true;
@@ -116,6 +121,7 @@ void move_coarsely(session_state& session, std::int32_t direction) {
 }
 
 void move_finely(session_state& session, std::int32_t direction) {
+  // Five samples more than the pixels, so that a press moves at any scale.
   const float step = 5.0f + static_cast<float>(fine_pixels) / session.display.vd_time_scale;
   const auto whole = static_cast<std::int64_t>(std::min(step, 2e9f));
   show_from_sample(session, session.view.vd_first_sample + direction * whole,
@@ -148,6 +154,7 @@ event_jump go_to_next_event_on_channel(session_state& session, std::int32_t chan
       session.events, present_position(session),
       [&](std::int32_t e) { return session.events.event_channel[e] == channel; }, last);
   if (event == 0) event = last;
+  // Near the end the view would not move any more.
   std::int64_t first = event == 0 ? end : session.events.event_time[event] - lead;
   if (first >= r.n_samples - near_end) first = end;
   return finish_jump(session, first, channel, event);
@@ -194,6 +201,7 @@ std::string position_minutes_text(const session_state& session) {
   if (r.electrode_type != electrode_tetrode || r.n_tetrodes != 1 || r.samples_per_event <= 0) {
     return {};
   }
+  // Records stand apart by twice their length, from index 100 on.
   const std::int64_t record = (first - 100) / (2 * std::int64_t{r.samples_per_event}) + 1;
   const bool stored = record >= 1 && record <= r.records_per_unit;
   const double time = stored ? static_cast<double>(r.timestamp(record, 1)) : 0.0;
@@ -221,6 +229,7 @@ void wheel_time_scale(session_state& session, std::int32_t notches, std::int32_t
   display.vd_time_scale = time_scale_at(position_of_time_scale(old_scale) + notches);
   const voltage_layout layout = lay_out_voltage(session);
   const double pixels = mouse_x - layout.margin;
+  // What lies under the pointer stays there.
   const double moved = pixels / old_scale - pixels / display.vd_time_scale;
   const double first = session.view.vd_first_sample + std::clamp(moved, -2e9, 2e9);
   show_from_sample(session, std::llround(first), last_coarse_place(session));

@@ -35,7 +35,7 @@ struct event_jump {
   std::int32_t time = 0;   // its time index
 };
 
-// "next event on channel": the first one behind the present position, else the last of the
+// "next event on channel": the first one after the present position, else the last of the
 // channel. Its row comes to the middle, and it is ringed.
 event_jump go_to_next_event_on_channel(session_state& session, std::int32_t channel);
 
