@@ -26,6 +26,7 @@ bool plan_exports(batch_session& batch, std::string& problem) {
   for (const std::string& text : batch.options.exports) {
     const std::size_t equals = text.find('=');
     const export_format* format = find_export_format(text.substr(0, equals));
+    // A format alone, or an ending without a path, is a slip of the user's.
     if (equals == std::string::npos || equals + 1 == text.size() || format == nullptr) {
       problem = fmt::format("--export {}: not FORMAT=PATH with a format of this program", text);
       return false;
@@ -55,6 +56,7 @@ bool apply_settings(batch_session& batch, std::string& problem) {
 bool read_parameters_option(batch_session& batch) {
   if (batch.options.parameters.empty()) return true;
   if (!read_parameters_file(*batch.session, batch.options.parameters)) return false;
+  // What is derived from settings is built anew from those of the file.
   settle_settings(*batch.session);
   return true;
 }
@@ -66,6 +68,7 @@ bool apply_run_options(batch_session& batch, std::string& problem) {
   const batch_options& options = batch.options;
   if (options.threads > 0) {
     set_thread_count(session, options.threads);
+    // One thread is asked for as none: the plain loops.
     session.preferences.multi_threaded = options.threads > 1;
   }
   if (options.serial) session.preferences.multi_threaded = false;
@@ -88,6 +91,7 @@ batch_status start_console(batch_session& batch) {
   console.on_stage = [&batch](const std::string& name) {
     begin_timed_stage(batch.report.clock, *batch.session, name);
   };
+  // From here on what is said goes to the console.
   attach_console(console, *batch.session);
   if (!batch.options.log.empty() && !open_console_log(console, batch.options.log)) {
     return fail_batch(batch, "Error opening logfile " + batch.options.log);
@@ -107,6 +111,7 @@ batch_status place_channels(batch_session& batch) {
   if (!read_config_file(session, path, n_mapped, true)) {
     return fail_batch(batch, "Failed to read file " + path);
   }
+  // Every channel needs a position, and no other.
   if (n_mapped != session.recording.n_channels) {
     return fail_batch(batch, fmt::format("{} maps {} channels, the recording has {}", path,
                                          n_mapped, session.recording.n_channels));
@@ -119,6 +124,7 @@ batch_status place_channels(batch_session& batch) {
 
 batch_status mask_channels(batch_session& batch) {
   recording_store& r = batch.session->recording;
+  // The list was parsed before the recording told how many there are.
   for (const std::int32_t channel : batch.masked_channels) {
     if (channel > r.n_channels) {
       return fail_batch(batch, fmt::format("--mask: the recording has {} channels, not {}",
@@ -132,6 +138,7 @@ batch_status mask_channels(batch_session& batch) {
 }  // namespace
 
 batch_status fail_batch(batch_session& batch, const std::string& text) {
+  // Ends the line of the bar, so that the words begin one of their own.
   finish_console(batch.console);
   print_error(text);
   return batch_status::failed;
@@ -150,11 +157,13 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   session_state& session = *batch.session;
   start_session(session);
   std::string problem;
+  // All that can be wrong with the command line is said before anything is opened.
   if (!plan_exports(batch, problem)) return refuse_usage(problem);
   if (!options.mask.empty() && !parse_channel_list(options.mask, batch.masked_channels)) {
     return refuse_usage(fmt::format("--mask {}: not a list of channels", options.mask));
   }
   if (!parse_filters(options.filters, batch.filters, problem)) return refuse_usage(problem);
+  // Here for its complaints; it is applied again once the kept settings are read.
   if (!apply_run_options(batch, problem)) return refuse_usage(problem);
   const batch_status status = start_console(batch);
   if (status != batch_status::done) return status;
@@ -164,6 +173,7 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   if (!read_parameters_option(batch)) {
     return fail_batch(batch, "Failed to read file " + options.parameters);
   }
+  // The last word belongs to the command line.
   apply_run_options(batch, problem);
   return batch_status::done;
 }
@@ -186,6 +196,7 @@ batch_status open_recording_for_batch(batch_session& batch) {
     if (!export_is_possible(session, *planned.format)) return batch_status::failed;
   }
   const batch_status status = place_channels(batch);
+  // Masks come last: a configuration has just placed the channels.
   return status == batch_status::done ? mask_channels(batch) : status;
 }
 
@@ -209,6 +220,7 @@ batch_status read_work_for_batch(batch_session& batch) {
   if (!read_parameters_option(batch)) {
     return fail_batch(batch, "Failed to read file " + batch.options.parameters);
   }
+  // The work file has brought settings of its own; those of the command line hold for this run.
   apply_run_options(batch, problem);
   return mask_channels(batch);
 }
@@ -230,6 +242,7 @@ batch_status write_results(batch_session& batch) {
   // The table tells of the sort as the work file holds it; an export may take
   // duplicates out afterwards.
   batch.units = make_unit_table(session);
+  // Every file is tried, also after one has failed.
   bool written = true;
   begin_timed_stage(batch.report.clock, session, "saving");
   if (!options.save_work.empty()) written &= save_work_file_at(session, options.save_work);
@@ -250,6 +263,7 @@ void finish_batch(batch_session& batch) {
   finish_console(batch.console);
   release_interrupt();
   session_state& session = *batch.session;
+  // Without a home nothing is kept.
   if (session.home_directory.empty()) return;
   if (!write_parameters(session) || !write_preferences(session)) {
     print_error("Failed to save the settings in " + session.home_directory);

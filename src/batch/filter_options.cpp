@@ -16,7 +16,7 @@ struct filter_word {
   const char* name;
   const char* form;         // as the user writes it
   const char* settings[2];  // null: no such value
-  bool after_high_pass;     // comes behind the high pass of the same command line
+  bool after_high_pass;     // comes after the high pass of the same command line
   void (*tick)(filter_settings&);
 };
 
@@ -82,6 +82,7 @@ bool parse_value(std::string_view text, double& value) {
 std::string check_value(std::string_view text, const setting_row& row, double& value) {
   const bool whole = row.type == setting_type::integer;
   if (!parse_value(text, value) || !setting_in_range(row, value) ||
+      // Settings of whole numbers would cut the rest off in silence.
       (whole && value != static_cast<std::int32_t>(value))) {
     return fmt::format("\"{}\" is not {} from {} to {}", text,
                        whole ? "a whole number" : "a number", row.low, row.high);
@@ -120,6 +121,7 @@ bool names(std::span<const planned_filter> filters, std::string_view name) {
 
 void clear_options(filter_settings& f) {
   f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
+  // Smoothing, too: what a kept setting has ticked was not asked for here.
   f.do_phase_correction = f.do_high_pass = f.make_low_pass = f.do_one_over_f = false;
   f.do_notch = f.do_compressive = false;
 }
@@ -137,6 +139,7 @@ bool run_chain(session_state& session, std::span<const planned_filter> filters, 
   for (const planned_filter& planned : filters) {
     if (wanted(*planned.filter)) tick(session, planned);
   }
+  // Cleared on both sides, so that no later chain finds a filter of this one.
   const bool done = run_filter_chain(session);
   clear_options(session.filter);
   return done;
@@ -161,6 +164,7 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
 
 bool run_planned_filters(session_state& session, std::span<const planned_filter> filters) {
   if (!names(filters, "highpass") || !names(filters, "lowpass")) {
+    // A chain has room for one of the two, and one is enough here.
     return run_chain(session, filters, [](const filter_word&) { return true; });
   }
   return run_chain(session, filters, [](const filter_word& f) { return !f.after_high_pass; }) &&

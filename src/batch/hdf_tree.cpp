@@ -23,6 +23,7 @@ bool is_container(const std::string& path) {
 
 bool list_tree(batch_session& batch, std::vector<hdf_entry>& entries) {
   hdf_file in;
+  // The user may stop the look at a large file as well.
   const std::atomic<bool>* interrupt = &batch.session->operation.reading_interrupted;
   if (open_hdf_file(in, batch.options.recording, interrupt) != hdf_error::none || !in.file.ok()) {
     fail_batch(batch, fmt::format("{} cannot be opened: {}", batch.options.recording, in.problem));
@@ -58,6 +59,7 @@ json describe_entry(const hdf_entry& entry) {
   if (!entry.may_be_data) return told;
   told["may_be_data"] = true;
   told["ready"] = entry.ready;
+  // A rate that is not known is told as null.
   told["rate_hz"] = entry.rate.empty() ? json() : json(std::stod(entry.rate));
   told["uv_per_bit"] = entry.scale.empty() ? json() : json(std::stod(entry.scale));
   return told;
@@ -81,6 +83,7 @@ std::string printable(std::string text) {
 std::string tree_as_text(const std::vector<hdf_entry>& entries) {
   std::size_t width = 5;
   for (const hdf_entry& entry : entries) width = std::max(width, entry.place.size());
+  // Longer places are shown whole and push the columns of their line.
   width = std::min<std::size_t>(width, 70);
   std::string text = fmt::format("{:<{}} {:<11} {:<14} {:>9} {:>10}\n", "place", width, "type",
                                  "dimensions", "rate/Hz", "µV per bit");
@@ -88,6 +91,7 @@ std::string tree_as_text(const std::vector<hdf_entry>& entries) {
     std::string line = fmt::format("{:<{}} {:<11} {:<14} {:>9} {:>10}", printable(entry.place),
                                    width, entry.type, entry.dimensions, entry.rate, entry.scale);
     if (!entry.leads_to.empty()) line += "-> " + printable(entry.leads_to);
+    // Where one of the two is known, the columns say enough.
     if (entry.may_be_data && entry.rate.empty() && entry.scale.empty()) line += "may be voltages";
     line.resize(line.find_last_not_of(' ') + 1);
     text += line + "\n";
@@ -98,6 +102,7 @@ std::string tree_as_text(const std::vector<hdf_entry>& entries) {
 }  // namespace
 
 bool wants_hdf_tree(const batch_session& batch) {
+  // With a place given there is nothing to look for.
   return batch.options.hdf_path.empty() && is_container(batch.options.recording);
 }
 
@@ -113,6 +118,7 @@ bool settle_hdf_path(batch_session& batch) {
   std::vector<hdf_entry> entries;
   if (!list_tree(batch, entries)) return false;
   const std::vector<std::string> ready = places_of_data(entries, true);
+  // With several the choice is the user's.
   if (ready.size() != 1) {
     fail_batch(batch, fmt::format("{}: {}; \"info\" lists what is in it", batch.options.recording,
                                   hint_for(entries)));

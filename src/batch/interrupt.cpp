@@ -16,6 +16,7 @@ static_assert(std::atomic<bool>::is_always_lock_free);
 void on_interrupt(int) {
   pressed = true;
   long_operation_flags* flags = watched;
+  // The press may come before there is a session, or after it has gone.
   if (flags == nullptr) return;
   flags->autosort_interrupt = true;
   flags->detection_interrupted = true;

@@ -4,7 +4,9 @@
 
 int main(int argc, char** argv) {
   int status = 0;
+  // Before anything else: a child process that only looks at a file must not start the rest.
   if (kestrelvane::run_as_hdf_probe(argc, argv, status)) return status;
+  // The threads of the pool do the same, so that results are alike on every one.
   kestrelvane::flush_denormals();
   return kestrelvane::run_batch_command(argc, argv);
 }

@@ -29,6 +29,7 @@ json describe_value(session_state& session, const setting_row& row, std::int32_t
     case setting_type::real:
       break;
   }
+  // JSON has no word for what is no number.
   if (!std::isfinite(value)) return nullptr;
   return as_written(static_cast<float>(value));
 }
@@ -36,6 +37,7 @@ json describe_value(session_state& session, const setting_row& row, std::int32_t
 json describe_settings(session_state& session) {
   json settings = json::object();
   for (const setting_row& row : settings_table()) {
+    // A name that stands in the table twice is told once.
     if (row.address == nullptr || settings.contains(row.name)) continue;
     if (row.count == 1) {
       settings[row.name] = describe_value(session, row, 0);
@@ -104,6 +106,7 @@ json describe_units(const std::vector<unit_row>& units) {
                 {"rate_hz", u.rate},
                 {"peak_to_peak_uv", u.peak_to_peak},
                 {"snr", u.snr}};
+    // Without pair lists nobody knows.
     row["stable"] = u.status == cluster_status::unknown ? json(nullptr)
                                                         : json(u.status == cluster_status::stable);
     rows.push_back(row);

@@ -28,6 +28,7 @@ double cpu_seconds_used() {
 std::int64_t peak_memory_bytes() { return std::int64_t{usage_now().ru_maxrss} * 1024; }
 
 void begin_timed_stage(stage_clock& clock, const session_state& session, const std::string& name) {
+  // A stage that nobody ended ends where the next one begins.
   end_timed_stage(clock, session);
   clock.stages.push_back({name});
   clock.wall_start = std::chrono::steady_clock::now();

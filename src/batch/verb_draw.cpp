@@ -49,6 +49,7 @@ bool check_draw_options(const batch_options& options, QSize& size, std::string& 
     problem = "--size " + options.size + ": not WxH in pixels";
   } else if (options.time_scale < 0 || options.voltage_scale < 0) {
     problem = "--scale and --voltage-scale: must be above 0";
+    // A spacing of 0 stands for none given.
   } else if (options.spacing > 500) {
     problem = "--spacing: at most 500";
   }
@@ -57,6 +58,7 @@ bool check_draw_options(const batch_options& options, QSize& size, std::string& 
 
 void choose_marks(session_state& session, const batch_options& options) {
   display_settings& display = session.display;
+  // Marks of detection are not among the options.
   display.vd_show_proto_events = false;
   display.vd_show_events = options.draw_events || options.draw_clusters;
   display.vd_cluster_colours = options.draw_clusters;
@@ -76,6 +78,7 @@ void choose_place(session_state& session, const batch_options& options, QSize si
   view.vd_height = size.height();
   if (options.spacing > 0) {
     set_channel_spacing(session, options.spacing);
+    // The voltage scale follows the spacing, unless one is given below.
     autoscale_voltage_display(session);
   }
   scroll_to_row(session, options.first_row);
@@ -84,6 +87,7 @@ void choose_place(session_state& session, const batch_options& options, QSize si
     display.vd_voltage_scale = static_cast<float>(options.voltage_scale);
   }
   if (std::isnan(options.from_seconds)) return;
+  // Time index 1 stands at 0 s.
   const double first = options.from_seconds * session.recording.sampling_frequency + 1;
   view.vd_first_sample = static_cast<std::int32_t>(
       std::clamp(first, 1.0, std::max(1.0, static_cast<double>(session.recording.n_samples))));
@@ -107,6 +111,7 @@ bool draw_view(const batch_session& batch, QSize size) {
 
 // Letters come from the platform's fonts, which want an application; a screen they do not.
 bool draw_off_screen(const batch_session& batch, QSize size) {
+  // A platform that the user has named is left as it is.
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   qInstallMessageHandler(keep_failures);
   int argc = 1;
@@ -133,10 +138,12 @@ batch_status run_draw(const batch_options& options) {
   if (!check_draw_options(options, size, problem)) return refuse_usage(problem);
   batch_session batch;
   batch_status status = start_batch(batch, options, "draw");
+  // Words have been said, and nothing was started.
   if (status == batch_status::wrong_usage) return status;
   // The view is this picture's, and no setting for later runs.
   session_state& session = *batch.session;
   const preferences_record preferences = session.preferences;
+  // The window's size decides how high the rows of the recording are.
   const display_settings display = session.display;
   session.preferences.voltage_window_size[0] = size.width();
   session.preferences.voltage_window_size[1] = size.height();
@@ -148,6 +155,7 @@ batch_status run_draw(const batch_options& options) {
     choose_marks(session, options);
     status = write_view(batch, size);
   }
+  // Put back whatever came of it, or the home directory would keep them.
   session.preferences = preferences;
   session.display = display;
   finish_batch(batch);

@@ -45,6 +45,7 @@ json list_values(const session_state& session, std::int64_t first, std::int64_t 
 bool parse_values(const std::string& text, std::int64_t& first, std::int64_t& count) {
   char rest = 0;
   const int n = std::sscanf(text.c_str(), "%" SCNd64 ":%" SCNd64 "%c", &first, &count, &rest);
+  // A bound for what is shown, and none for where it begins but the count of samples.
   constexpr std::int64_t most = 1'000'000;
   return n == 2 && first >= 1 && first <= std::numeric_limits<std::int32_t>::max() && count >= 1 &&
          count <= most;
@@ -101,6 +102,7 @@ batch_status run_info(const batch_options& options) {
   batch_session batch;
   batch_status status = start_batch(batch, options, "info");
   if (status == batch_status::wrong_usage) return status;
+  // A container of which no dataset was named: its tree is what it holds.
   if (status == batch_status::done && wants_hdf_tree(batch)) {
     status = print_hdf_tree(batch);
     finish_batch(batch);
@@ -108,6 +110,7 @@ batch_status run_info(const batch_options& options) {
   }
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
+  // The bar ends before the text begins.
   finish_batch(batch);
   if (status == batch_status::done) {
     const session_state& session = *batch.session;

@@ -44,10 +44,12 @@ batch_status sort_recording(batch_session& batch) {
   batch.report.completed = !interrupt_was_pressed() && autosort(session);
   end_timed_stage(batch.report.clock, session);
   batch.report.interrupted = !batch.report.completed && interrupt_was_pressed();
+  // A run that found nothing has nothing to save.
   if (!batch.report.completed && !batch.report.interrupted) return batch_status::failed;
   const batch_status written = write_results(batch);
   finish_console(batch.console);
   print_units(batch);
+  // What an interrupted run has saved is not what was asked for.
   return batch.report.completed ? written : batch_status::failed;
 }
 
@@ -69,6 +71,7 @@ batch_status run_sort(const batch_options& options) { return take_the_road(optio
 
 batch_status run_detect(const batch_options& options) {
   batch_options detection = options;
+  // Whatever the options say: this verb ends there.
   detection.stop_after = "detection";
   return take_the_road(detection, "detect");
 }

@@ -41,6 +41,7 @@ std::string noise_problem(const batch_options& options) {
   if (!options.recording.empty()) {
     return "--noise and --recording both tell the noise: give one of them";
   }
+  // Infinite noise would put every unit in the lowest band.
   if (options.noise_uv <= 0 || std::isinf(options.noise_uv)) {
     return fmt::format("--noise {}: not a voltage above 0", options.noise_uv);
   }
@@ -75,6 +76,7 @@ batch_status run_score(const batch_options& options) {
     fmt::print(stderr, "{}\n", problem);
     return batch_status::failed;
   }
+  // Bands need both; noise alone says nothing.
   if (noise_uv > 0 && !score.has_amplitudes) {
     fmt::print(stderr, "No amplitudes are known: there is no list of units beside {}\n",
                options.truth_path);

@@ -156,6 +156,7 @@ std::vector<std::string> words_of(const char* text) { return CLI::detail::split(
 
 void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
   void* where = row.where(options);
+  // The values stand in one record, so that verbs may share rows.
   const auto add = [&](auto* value) { return verb.add_option(row.name, *value, row.help); };
   CLI::Option* option = nullptr;
   switch (row.kind) {
@@ -173,6 +174,7 @@ void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
       option = add(static_cast<std::vector<std::string>*>(where))->allow_extra_args(false);
       break;
     case count:
+      // Zero and below are no counts.
       option = add(static_cast<std::int32_t*>(where))->check(CLI::PositiveNumber);
       break;
     case seed:
@@ -183,6 +185,7 @@ void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
       break;
   }
   option->type_name(row.value);
+  // Their defaults are worth showing; those of the other verbs are told in words.
   if (row.group == takes_test) option->capture_default_str();
   if (row.choices != nullptr) option->check(CLI::IsMember(words_of(row.choices)));
 }
@@ -197,6 +200,7 @@ bool is_verb(std::string_view word) {
 }  // namespace
 
 int run_batch_command(int argc, const char* const* argv) {
+  // Said here, since the parser would take the word for a misplaced argument.
   if (argc > 1 && argv[1][0] != '-' && !is_verb(argv[1])) {
     return static_cast<int>(refuse_usage(fmt::format("There is no verb \"{}\"", argv[1])));
   }
@@ -206,6 +210,7 @@ int run_batch_command(int argc, const char* const* argv) {
   batch_options options;
   for (const batch_verb& verb : verbs) {
     CLI::App* command = app.add_subcommand(verb.name, verb.summary);
+    // A row is offered to every verb that takes one of its groups.
     for (const option_row& row : option_rows) {
       if ((row.group & verb.option_groups) != 0) add_option(*command, row, options);
     }
