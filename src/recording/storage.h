@@ -10,7 +10,7 @@
 
 namespace kestrelvane {
 
-// Behind the last sample of most formats, for windows that reach beyond it.
+// After the last sample of most formats, for windows that reach beyond it.
 constexpr std::int64_t usual_spare_samples = 1000;
 
 // Allocates vd for time indices up to max_time, the time stamp map of an event-based

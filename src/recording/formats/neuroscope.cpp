@@ -26,6 +26,7 @@ struct xml_values {
 };
 
 void take_tag(std::string_view line, std::string_view tag, std::optional<double>& value) {
+  // The first of a tag counts; others belong to parts of the file that are not read.
   if (value) return;
   const std::size_t at = line.find(tag);
   if (at == std::string_view::npos) return;
@@ -56,6 +57,7 @@ bool read_values(const std::string& path, xml_values& values) {
 // A count from a number of the description; 0 for one that is none.
 std::int32_t count_of(const std::optional<double>& value) {
   constexpr double most = 1e9;
+  // A number that is none, or too large, is no count.
   return value && std::abs(*value) <= most ? static_cast<std::int32_t>(*value) : 0;
 }
 
@@ -67,6 +69,7 @@ bool choose_channels(session_state& session, std::int32_t n_file_channels) {
     place_channels_in_columns(session);
     return true;
   }
+  // Sites without a channel of the file cannot be read.
   if (r.n_mapped_channels > n_file_channels) {
     log_message(session, "More channels in config file than in data file");
     tell(session, "Number of channels in config file exceeds number in data file",
@@ -85,6 +88,7 @@ bool set_scale(session_state& session, const xml_values& values) {
   recording_store& r = session.recording;
   const double n_bits = values.n_bits.value_or(0), range = values.voltage_range.value_or(0),
                amplification = values.amplification.value_or(0);
+  // Negated, so that what is no number goes the same way.
   if (!(n_bits > 0 && range > 0 && amplification > 0)) {
     constexpr float assumed = 0.4652f;
     r.vscale_HP = assumed;
@@ -118,6 +122,7 @@ std::int16_t limited(std::int32_t value) {
 
 // Takes the value of zero volts off every sample.
 void subtract_offset(const session_state& session, interleaved_channels& channels, double offset) {
+  // What is farther away than two ranges of a sample limits all of them alike.
   const auto zero = static_cast<std::int32_t>(std::clamp(std::round(offset), -65535.0, 65535.0));
   if (zero == 0) return;
   log_message(session, fmt::format("The offset of {} in the XML file is subtracted", zero));
@@ -130,6 +135,7 @@ void subtract_offset(const session_state& session, interleaved_channels& channel
 bool read_cut_point(session_state& session, const input_file& file,
                     const interleaved_channels& channels, std::int64_t at, std::int64_t index) {
   std::vector<std::int16_t> point(channels.target.size());
+  // A single byte at the end is no value.
   const std::int64_t n_values = (file.size - at) / 2;
   if (n_values == 0) return true;
   if (!read_at(file, at, point.data(), 2 * n_values)) return false;
@@ -173,6 +179,7 @@ bool read_xml_recording(session_state& session, const recording_request& request
   if (!open_input_file(dat, replace_extension(request.path, ".dat"))) return false;
   const std::int64_t most_samples =
       dat.size / (std::int64_t{2} * n_file_channels) + usual_spare_samples;
+  // The file's size and channels alone tell how much there is to read.
   if (!check_sample_count(session, most_samples)) return false;
   r.is_continuous = true;
   r.electrode_type = electrode_polytrode;
@@ -191,6 +198,7 @@ bool export_evt(const session_state& session, const std::string& path) {
   safe_file out;
   if (open_safe_file(out, path)) {
     for (std::int32_t i = 1; i <= e.n_events; ++i) {
+      // Index 1 stands at one step, as in the other text exports.
       write_text(out, fmt::format("{:.4f} {} {}\n", e.event_time[i] * ms_per_sample,
                                   e.event_channel[i], e.event_cluster[i]));
     }

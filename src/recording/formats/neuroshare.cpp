@@ -101,6 +101,7 @@ std::vector<std::string> library_candidates(const std::string& recording_path) {
   std::error_code ignored;
   const std::string program = std::filesystem::read_symlink("/proc/self/exe", ignored).string();
   std::vector<std::string> candidates;
+  // Beside the recording, beside the program, then where the loader looks.
   for (std::string folder : {folder_of(recording_path), folder_of(program), std::string()}) {
     // Without a slash in the name the loader would look along its own path.
     if (candidates.empty() && folder.empty()) folder = "./";
@@ -115,6 +116,7 @@ bool load_library(const session_state& session, const std::string& recording_pat
                   ns_library& library) {
   for (const std::string& candidate : library_candidates(recording_path)) {
     const bool has_folder = candidate.find('/') != std::string::npos;
+    // The loader's own path cannot be tested beforehand.
     if (has_folder && !file_exists(candidate)) continue;
     library.loaded = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (library.loaded != nullptr) {
@@ -176,6 +178,7 @@ bool count_entities(const session_state& session, const ns_library& library, con
   });
   if (code != 0) return report_bad_read(session, code);
   n_entities = field<std::uint32_t>(record, 32);
+  // No entity takes less than a byte of the file.
   return (n_entities >= 1 && n_entities <= file.size) ||
          refuse_file(session, fmt::format("# of entities in file is {}", n_entities));
 }
@@ -211,6 +214,7 @@ bool list_channels(const session_state& session, const ns_library& library,
     channel.name = label.substr(label.rfind(' ') + 1);
     (is_raw ? channels : filtered).push_back(channel);
   }
+  // Filtered streams are taken where nothing else was recorded.
   if (channels.empty()) channels = filtered;
   if (!check_channel_count(session, std::ssize(channels))) return false;
   for (ns_channel& channel : channels) {
@@ -279,6 +283,7 @@ void store_values(const double* volts, std::int64_t n, double step, std::int16_t
   constexpr double low = std::numeric_limits<std::int16_t>::min();
   constexpr double high = std::numeric_limits<std::int16_t>::max();
   for (std::int64_t i = 0; i < n; ++i) {
+    // By the step of the first channel, which is that of the recording.
     double bits = std::round(volts[i] / step);
     if (std::isnan(bits)) {
       ++counts.n_no_numbers;
@@ -307,9 +312,11 @@ bool read_channel(session_state& session, const ns_library& library, const ns_ch
         library.analog_data(library.handle, channel.entity, static_cast<std::uint32_t>(first),
                             static_cast<std::uint32_t>(asked), &contiguous, values.data());
     if (code != 0 || contiguous == 0) return report_bad_read(session, code);
+    // A library that tells of more than it was asked for is not followed.
     const std::int64_t n = std::min<std::int64_t>(contiguous, asked);
     store_values(values.data() + again, n - again, step, to + at, counts);
     at += n - again;
+    // A piece that is cut short ends at a pause: the next begins afresh.
     again = n == asked ? 1 : 0;
     if (n < asked && counts.n_pauses++ == 0) counts.first_pause = at;
     const double done = static_cast<double>(at) / channel.n_items;
@@ -344,6 +351,7 @@ bool read_values(session_state& session, const ns_library& library,
   const std::vector<std::int32_t> targets = map_interleaved(session, n).target;
   value_counts counts;
   for (std::size_t c = 0; c < channels.size(); ++c) {
+    // A channel that the configuration leaves out is not even asked for.
     if (targets[c] == 0) continue;
     // Channels pause together: those of the last one that is read stand for all.
     counts.n_pauses = 0;

@@ -65,6 +65,7 @@ stream_channel describe_channel(const json& object) {
   // The units told are not to be relied on: a scale this fine is in volts.
   constexpr double finest_microvolts = 0.01;
   const std::string description = text_of(object, "description");
+  // Inputs of other kinds are known by their names alone.
   channel.is_electrode = channel.uv_per_bit >= finest_microvolts &&
                          !channel.name.starts_with("ADC") && !channel.name.ends_with("_SYNC") &&
                          !contains(description, "ADC") && !contains(description, "Analog Input");
@@ -84,6 +85,7 @@ recorded_stream describe_stream(const json& object) {
   const std::string folder = text_of(object, "folder_name");
   stream.folder = inner_folder(folder);
   stream.name = text_of(object, "stream_name");
+  // Old versions name only the folder.
   if (stream.name.empty()) stream.name = folder.substr(0, folder.find('/'));
   stream.sampling_frequency = number_of(object, "sample_rate");
   const auto channels = object.find("channels");
@@ -97,6 +99,7 @@ recorded_stream describe_stream(const json& object) {
 
 bool read_structure(const session_state& session, const std::string& path,
                     std::vector<recorded_stream>& streams) {
+  // Far more than a structure file needs.
   constexpr std::int64_t most_bytes = 64 << 20;
   input_file file;
   if (!open_input_file(file, path)) return false;
@@ -143,6 +146,7 @@ const recorded_stream* choose_stream(const session_state& session, const std::st
     return nullptr;
   }
   for (const recorded_stream* stream : candidates) {
+    // A single one, or one that was named, is not asked about.
     if (candidates.size() == 1 || !wanted.empty() ||
         ask(session, fmt::format("Read stream {}?", describe(*stream)), "Choose a stream")) {
       return stream;
@@ -196,6 +200,7 @@ std::size_t probe_number(const std::vector<recorded_stream>& streams,
   std::set<std::string> seen;
   for (const recorded_stream& stream : streams) {
     const std::string name = probe_name(stream.name);
+    // Streams without electrodes have no probe.
     if (name == probe_name(chosen.name)) return number;
     if (stream.n_electrodes > 0 && seen.insert(name).second) ++number;
   }
@@ -205,6 +210,7 @@ std::size_t probe_number(const std::vector<recorded_stream>& streams,
 // The settings file stands beside the experiment's folder, or in one above.
 std::string find_settings(const std::string& structure_path) {
   std::filesystem::path folder = std::filesystem::path(structure_path).parent_path();
+  // As deep as recordings are nested beneath their settings.
   for (int level = 0; level < 4; ++level) {
     const std::string path = (folder / "settings.xml").string();
     if (file_exists(path)) return path;
@@ -224,6 +230,7 @@ bool place_channels_of_probe(session_state& session, const std::string& structur
   const std::vector<char> bytes = read_block(file, 0, most_bytes);
   std::string_view probe(bytes.data(), bytes.size());
   for (std::size_t i = 0; i <= probe_number(streams, chosen); ++i) {
+    // The search begins after the probe found last, or it would be found again.
     const std::size_t at = probe.find("<NP_PROBE", 1);
     if (at == std::string_view::npos) return false;
     probe.remove_prefix(at);
@@ -247,6 +254,7 @@ bool place_channels_of_probe(session_state& session, const std::string& structur
 interleaved_channels assign_channels(session_state& session, const recorded_stream& stream) {
   recording_store& r = session.recording;
   const auto n = static_cast<std::int32_t>(stream.channels.size());
+  // A configuration of more sites than the stream has channels is another's.
   const bool mapped = !r.no_config_file && r.n_mapped_channels <= n;
   if (!r.no_config_file && !mapped) {
     log_message(session, "More channels in config file than in data file");
@@ -261,9 +269,11 @@ interleaved_channels assign_channels(session_state& session, const recorded_stre
     const stream_channel& channel = stream.channels[v];
     if (!mapped) channels.target[v] = channel.is_electrode ? ++next : 0;
     if (channels.target[v] == 0) continue;
+    // The first channel that is read gives the scale of all.
     if (r.vscale_HP == 0) r.vscale_HP = static_cast<float>(channel.uv_per_bit);
     ratios[v] = channel.uv_per_bit / static_cast<double>(r.vscale_HP);
   }
+  // Scales are told with few digits: what differs by rounding is the same.
   const auto same = [](double ratio) { return std::abs(ratio - 1) < 1e-6; };
   if (std::all_of(ratios.begin(), ratios.end(), same)) return channels;
   log_message(session, "Channels of another scale are brought to that of the first");
@@ -290,6 +300,7 @@ void report_gaps(const session_state& session, const std::string& folder, std::i
   const bool is_new = file_exists(folder + "sample_numbers.npy");
   const std::string name = is_new ? "sample_numbers.npy" : "timestamps.npy";
   if (!open_input_file(file, folder + name) || !read_npy_header(file, header) ||
+      // A list shorter than the samples tells nothing of them.
       header.type != "<i8" || header.shape.size() != 1 || header.shape[0] < n_samples) {
     return;
   }
@@ -323,6 +334,7 @@ bool comes_before(const std::string& a, const std::string& b) {
     if (digit(a[i]) && digit(b[j])) {
       const std::size_t i_end = std::min(a.find_first_not_of("0123456789", i), a.size());
       const std::size_t j_end = std::min(b.find_first_not_of("0123456789", j), b.size());
+      // Of two numbers without leading zeros the longer one is larger.
       if (i_end - i != j_end - j) return i_end - i < j_end - j;
     }
     if (a[i] != b[j]) return a[i] < b[j];
@@ -336,6 +348,7 @@ bool comes_before(const std::string& a, const std::string& b) {
 
 std::string find_structure_file(const session_state& session, const std::string& folder) {
   namespace fs = std::filesystem;
+  // A folder may be the root of a large disk: both bounds keep the search short.
   constexpr int deepest = 6;
   constexpr std::size_t most_entries = 100000;
   std::vector<std::string> found;
@@ -370,6 +383,7 @@ bool read_open_ephys(session_state& session, const recording_request& request) {
   log_message(session, "Reading stream " + describe(*stream));
   const std::string folder = folder_of(request.path) + "continuous/" + stream->folder + "/";
   input_file dat;
+  // An empty folder name is one that would have led out of the recording.
   if (stream->folder.empty() || !open_input_file(dat, folder + "continuous.dat")) {
     return refuse_file(session, "Can't find file " + folder + "continuous.dat");
   }

@@ -104,7 +104,7 @@ std::int64_t count_record_samples(const nev_reading& reading) {
 }
 
 // Up to the last time stamp, and to the end of a waveform that begins there: its event would
-// lie behind the recording otherwise.
+// lie after the recording otherwise.
 std::int64_t count_time_samples(const session_state& session, const nev_reading& reading) {
   const nev_layout& layout = reading.layout;
   const std::int64_t by_stamp = ticks_to(reading.last_ticks, layout.sample_rate, layout.resolution);

@@ -3,7 +3,7 @@
 //
 // Versions from 2.2 on hold packets, each a stretch of time points with the time stamp of its
 // first. Every packet goes to the time of its stamp, counted from the clock's zero, and the
-// time between packets is zero volts; a stamp that runs back starts behind the last sample.
+// time between packets is zero volts; a stamp that runs back starts after the last sample.
 // A wall clock (nanoseconds of a network) counts from the first packet instead, and its
 // packets of a single point follow each other unless a point is missing. Version 2.1 is one
 // stretch without scale, which is taken from the .nev file of the same name.

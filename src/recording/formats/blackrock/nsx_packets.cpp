@@ -32,7 +32,7 @@ struct packet_walk {
   std::int64_t head_bytes = 0;  // of a packet
   std::int64_t point_bytes = 0;
   std::int64_t at = 0;          // the next packet
-  std::int64_t next_index = 1;  // behind the last point so far
+  std::int64_t next_index = 1;  // after the last point so far
   bool is_first = true;
   std::uint64_t base = 0;        // stamp from which times count
   std::uint64_t last_stamp = 0;  // of the packet before, and its points
@@ -72,7 +72,7 @@ bool read_packet_head(packet_walk& walk, std::int64_t at, nsx_packet& packet) {
   return true;
 }
 
-// Points by which a stamp lies behind another, with their fraction.
+// Points by which a stamp lies after another, with their fraction.
 double points_between(const packet_walk& walk, std::uint64_t from, std::uint64_t to) {
   const double ticks =
       to >= from ? static_cast<double>(to - from) : -static_cast<double>(from - to);
@@ -116,7 +116,7 @@ void add_points(packet_walk& walk, std::int64_t points_at, std::int64_t n_points
   walk.next_index = index + n_points;
 }
 
-// Packets of one point, one behind the other with neither gap nor jump between them, are
+// Packets of one point, one after the other with neither gap nor jump between them, are
 // taken many at a time, on the word of the last one. Returns false when there are no such.
 bool take_many_points(packet_walk& walk) {
   constexpr std::int64_t many = 1024;

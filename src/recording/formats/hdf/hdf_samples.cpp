@@ -377,7 +377,7 @@ bool describe_hdf_layout(hid_t dataset, hdf_layout& layout) {
   }
   layout.channels_first = layout.rows <= layout.columns;
   const auto [smaller, larger] = std::minmax(layout.rows, layout.columns);
-  // The margin behind the last sample must be countable, too.
+  // The margin after the last sample must be countable, too.
   constexpr std::uint64_t most = std::numeric_limits<std::int32_t>::max() - 100000;
   if (smaller < 1 || smaller > channel_limit || larger > most) return false;
   layout.n_channels = static_cast<std::int64_t>(smaller);

@@ -173,7 +173,7 @@ bool read_blocks(session_state& session, const input_file& file, const rhd_heade
   return !failed && !interrupted;
 }
 
-// How the file ends: behind a block, or inside one.
+// How the file ends: after a block, or inside one.
 void log_end(const session_state& session, const input_file& file, const rhd_header& header) {
   const std::int64_t rest = (file.size - header.first_block) % header.block_bytes;
   const bool inside_samples = rest >= sample_number_bytes * header.samples_per_block;

@@ -26,14 +26,16 @@ namespace {
 
 // --- header
 
-// The next line of the header; a carriage return and line feed are one end. False behind
+// The next line of the header; a carriage return and line feed are one end. False after
 // the last.
 bool take_header_line(std::string_view& text, std::string_view& line) {
   constexpr std::size_t longest = 256;
   if (text.empty() || text.front() == '\0') return false;
+  // A header ends with its first zero, which pads it to its fixed length.
   const std::size_t end = std::min(text.find_first_of(std::string_view("\r\n\0", 3)), text.size());
   line = text.substr(0, std::min(end, longest));
   text.remove_prefix(line.size());
+  // A line longer than that goes on as the next one.
   if (line.size() < end) return true;
   const bool pair = text.starts_with("\r\n");
   if (!text.empty() && text.front() != '\0') text.remove_prefix(pair ? 2 : 1);
@@ -47,6 +49,7 @@ std::optional<std::string_view> value_of(std::string_view line, std::string_view
   line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
   if (!line.starts_with(key)) return std::nullopt;
   line.remove_prefix(key.size());
+  // A longer key that begins alike is another key.
   if (!line.empty() && line.front() != ' ' && line.front() != '\t') return std::nullopt;
   line.remove_prefix(std::min(line.find_first_not_of(blanks), line.size()));
   return line;
@@ -178,6 +181,7 @@ template <typename Use>
 bool for_each_ncs_block(const session_state& session, const input_file& file,
                         std::int64_t n_records, std::int32_t bar_from, Use&& use) {
   const std::int32_t n_threads = std::max(threads_now(session), 1);
+  // Blocks of whole records, so that no record is read in two halves.
   const std::int64_t n_blocks = (n_records + ncs_block_records - 1) / ncs_block_records;
   std::vector<std::vector<char>> buffers(static_cast<std::size_t>(n_threads));
   std::atomic<bool> stopped{false};
@@ -196,6 +200,7 @@ bool for_each_ncs_block(const session_state& session, const input_file& file,
     use(first, n, buffer.data());
     const std::int64_t done = ++n_done;
     if (rank != 0) return;
+    // A wish of the user stops the other threads at their next block.
     if (reading_interrupted(session)) stopped = true;
     set_progress(session, meter::reading,
                  static_cast<std::int32_t>(bar_from + (100 - bar_from) * done / n_blocks), 115);
@@ -221,6 +226,7 @@ std::int64_t count_records(const input_file& file) {
 void note_head(ncs_survey& survey, std::int64_t i, const ncs_head& head) {
   ncs_place& place = survey.records[static_cast<std::size_t>(i)];
   place.channel = head.channel;
+  // No record is believed to hold more than there is room for in it.
   place.n_valid = static_cast<std::uint16_t>(std::min<std::uint32_t>(head.n_valid, ncs_samples));
   if (head.n_valid > ncs_samples) ++survey.n_overfull;
   survey.times[static_cast<std::size_t>(i)] = head.time_us;
@@ -231,6 +237,7 @@ void start_survey(ncs_survey& survey, const input_file& file, const ncs_head& fi
   survey.records.assign(n, {});
   survey.times.assign(n, 0);
   survey.n_overfull = 0;
+  // Above a million it is no rate; the header's may do.
   survey.frequency = first.frequency <= 1'000'000 ? static_cast<std::int32_t>(first.frequency) : 0;
 }
 
@@ -247,7 +254,9 @@ bool place_records(session_state& session, ncs_survey& survey) {
   session.recording.n_channels = static_cast<std::int32_t>(n_channels);
   std::vector<std::int64_t> filled(static_cast<std::size_t>(n_channels) + 1);
   for (ncs_place& place : survey.records) {
+    // From here on channels count from the lowest in the file, whatever its number.
     place.channel = place.channel - survey.lowest + 1;
+    // In the order of the file: the stamps of records are not what places them.
     place.after = filled[place.channel];
     filled[place.channel] += place.n_valid;
   }
@@ -273,6 +282,7 @@ bool choose_ncs_frequency(session_state& session, const ncs_survey& survey) {
 
 // Samples of the time span and some to spare, unless the file has fewer.
 std::int64_t count_ncs_samples(const ncs_survey& survey, std::int32_t frequency) {
+  // In 64-bit floats: stamps of a damaged file may lie as far apart as there are.
   const double span = static_cast<double>(survey.last_us - survey.first_us);
   const double stated = std::floor(span * frequency / 1e6);
   return static_cast<std::int64_t>(std::min(stated, static_cast<double>(survey.fullest))) +
@@ -288,7 +298,7 @@ bool allocate_ncs(session_state& session, std::int64_t n) {
 }
 
 // --- one channel: the file is read once. Records are taken to be full; where some are not,
-// the samples behind them move up afterwards.
+// the samples after them move up afterwards.
 
 enum class one_pass { done, failed, more_channels };
 
@@ -302,6 +312,7 @@ one_pass read_full_records(session_state& session, const input_file& file, ncs_s
       const ncs_head head = take_ncs_head(bytes);
       if (head.channel != channel) others = true;
       note_head(survey, first + i, head);
+      // Whole records at their place as if all were full; the short ones are put right below.
       std::memcpy(v + (first + i) * ncs_samples, bytes + ncs_head_bytes, 2 * ncs_samples);
     }
   };
@@ -311,7 +322,7 @@ one_pass read_full_records(session_state& session, const input_file& file, ncs_s
   return others ? one_pass::more_channels : one_pass::done;
 }
 
-// Closes the gaps behind short records, and clears what lies behind the last sample that
+// Closes the gaps after short records, and clears what lies after the last sample that
 // is kept, up to n_stored.
 void close_up_records(session_state& session, const ncs_survey& survey, std::int64_t n_stored) {
   recording_store& r = session.recording;
@@ -334,8 +345,10 @@ one_pass read_one_channel(session_state& session, const input_file& file, ncs_su
   if (!allocate_ncs(session, n_stored + spare_samples)) return one_pass::failed;
   const one_pass outcome = read_full_records(session, file, survey, channel);
   if (outcome != one_pass::done) return outcome;
+  // Only now are the valid samples of every record known.
   if (!place_records(session, survey)) return one_pass::failed;
   r.n_samples = static_cast<std::int32_t>(count_ncs_samples(survey, r.sampling_frequency));
+  // Room was taken for full records; the recording is as long as its samples.
   r.max_vd_samples = r.n_samples + 1000;
   close_up_records(session, survey, n_stored);
   return one_pass::done;
@@ -350,6 +363,7 @@ bool read_channels(session_state& session, const input_file& file, ncs_survey& s
       note_head(survey, first + i, take_ncs_head(bytes));
     }
   };
+  // Counted anew, since the attempt with one channel has counted, too.
   survey.n_overfull = 0;
   const std::int64_t n_records = count_records(file);
   if (!for_each_ncs_block(session, file, n_records, 0, survey_block) ||
@@ -360,6 +374,7 @@ bool read_channels(session_state& session, const input_file& file, ncs_survey& s
   const auto store_block = [&](std::int64_t first, std::int64_t count, const char* bytes) {
     for (std::int64_t i = 0; i < count; ++i, bytes += ncs_record_bytes) {
       const ncs_place& place = survey.records[static_cast<std::size_t>(first + i)];
+      // The same bound for every channel, whatever its records tell.
       const std::int64_t n = std::min<std::int64_t>(place.n_valid, r.n_samples - 1 - place.after);
       if (n <= 0) continue;
       std::memcpy(r.vd.channel(static_cast<std::int32_t>(place.channel)) + place.after + 1,
@@ -430,10 +445,12 @@ void store_ntt_record(session_state& session, const ntt_record& record) {
   event_table& e = session.events;
   const std::int64_t n = ++r.ntt_record_count;
   const auto time = static_cast<std::int64_t>(record.time_us);
+  // Times count from the first record, whatever comes later.
   if (n == 1) r.first_timestamp = time;
   // Unsigned: a stamp may be anything, and wraps back when it is written.
   r.timestamp(n, 1) =
       static_cast<std::int64_t>(record.time_us - static_cast<std::uint64_t>(r.first_timestamp));
+  // A unit beyond 16 bits is kept as the largest; it is not sorted anyway.
   r.record_unit(n, 1) = static_cast<std::int16_t>(std::min<std::uint32_t>(record.cell, 32767));
   std::copy_n(record.features, ntt_feature_count,
               r.ntt_features.first() + (n - 1) * ntt_feature_count);
@@ -446,6 +463,7 @@ void store_ntt_record(session_state& session, const ntt_record& record) {
   e.event_channel[i] = largest_channel(record);
   const bool sorted =
       record.cell >= 1 && record.cell <= static_cast<std::uint32_t>(session.max_clusters);
+  // Cells beyond the limit of clusters are unclustered.
   e.event_cluster[i] = sorted ? static_cast<std::int32_t>(record.cell) : 0;
   session.clusters.n_clusters = std::max(session.clusters.n_clusters, e.event_cluster[i]);
 }

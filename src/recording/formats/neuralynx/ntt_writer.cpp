@@ -25,6 +25,7 @@ std::int64_t record_of_event(const session_state& session, std::int32_t event) {
   const std::int64_t offset = session.events.event_time[event] - first_record_index;
   if (offset < 0 || offset / slot >= session.recording.ntt_record_count) return -1;
   const std::int64_t within = offset % slot;
+  // Its first sample and the gap after it belong to no record.
   return within > 0 && within < ntt_waveform_length ? offset / slot : -1;
 }
 
@@ -33,6 +34,7 @@ events_by_record list_by_record(const session_state& session) {
   list.first.resize(static_cast<std::size_t>(session.recording.ntt_record_count) + 2);
   for (std::int32_t i = 1; i <= session.events.n_events; ++i) {
     const std::int64_t record = record_of_event(session, i);
+    // Two places up, one for the sum and one for the filling below.
     if (record >= 0) ++list.first[static_cast<std::size_t>(record) + 2];
   }
   for (std::size_t r = 1; r < list.first.size(); ++r) list.first[r] += list.first[r - 1];
@@ -51,6 +53,7 @@ events_by_record list_by_record(const session_state& session) {
 std::int32_t match_event(const events_by_record& list, std::size_t record, std::int32_t from) {
   const auto begin = list.events.begin() + list.first[record];
   const auto end = list.events.begin() + list.first[record + 1];
+  // Never back to an event before the last one matched, so that order is kept.
   const auto at = std::lower_bound(begin, end, from);
   return at == end ? 0 : *at;
 }
@@ -58,9 +61,11 @@ std::int32_t match_event(const events_by_record& list, std::size_t record, std::
 void write_record(const session_state& session, safe_file& out, std::int64_t record,
                   std::int32_t event) {
   const recording_store& r = session.recording;
+  // The stamps of records count from the first, whose own is 0.
   const std::int64_t stamp = record == 0 ? 0 : r.timestamp(record + 1, 1);
   write_value(out,
               static_cast<std::uint64_t>(r.first_timestamp) + static_cast<std::uint64_t>(stamp));
+  // A record without an event is on channel 1 and in no cell.
   write_value(out, event > 0 ? session.events.event_channel[event] : 1);
   write_value(out, event > 0 ? session.events.event_cluster[event] : 0);
   write_bytes(out, r.ntt_features.first() + record * ntt_feature_count,

@@ -77,6 +77,7 @@ void drop_events_outside(session_state& session) {
 // the largest.
 std::int32_t number_clusters(session_state& session, const plx_units& units) {
   std::vector<std::int32_t> before(units.n_units.size());
+  // Units of the groups before it, summed.
   for (std::size_t g = 1; g + 1 < before.size(); ++g) before[g + 1] = before[g] + units.n_units[g];
   event_table& e = session.events;
   std::int32_t largest = 0;

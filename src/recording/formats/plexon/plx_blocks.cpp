@@ -28,6 +28,7 @@ std::int64_t buffer_range(plx_block_stream& in, std::int64_t offset, std::int64_
   if (offset >= in.buffer_at && offset + count <= in.buffer_at + in.buffer_bytes) return count;
   const std::int64_t wanted = std::min(stretch_bytes, in.file->size - offset);
   in.buffer_bytes = 0;
+  // The stretch before stays readable: samples of it may still be on their way.
   in.buffer.swap(in.previous);
   in.buffer.resize(static_cast<std::size_t>(std::min(stretch_bytes, in.file->size)));
   if (!read_at(*in.file, offset, in.buffer.data(), wanted)) return 0;
@@ -41,6 +42,7 @@ std::int32_t not_negative(std::int16_t n) { return n > 0 ? n : 0; }
 
 template <typename T>
 bool take_headers(const input_file& file, std::int64_t& at, std::int32_t n, std::vector<T>& to) {
+  // Counts of the header are tested against the file before room is made.
   const std::int64_t bytes = std::int64_t{n} * static_cast<std::int64_t>(sizeof(T));
   if (n < 0 || bytes > file.size - at) return false;
   to.resize(static_cast<std::size_t>(n));
@@ -52,10 +54,12 @@ bool take_headers(const input_file& file, std::int64_t& at, std::int32_t n, std:
 }  // namespace
 
 std::int64_t convert_ticks(std::int64_t ticks, std::int32_t from_hz, std::int32_t to_hz) {
+  // The usual case, and exact for every stamp.
   if (from_hz == to_hz) return ticks;
   constexpr std::int64_t largest = std::numeric_limits<std::int64_t>::max();
   const std::int64_t whole = ticks / from_hz, rest = ticks % from_hz;
   const std::int64_t of_rest = rest * to_hz / from_hz;
+  // Divided and not multiplied: stamps of a damaged file would leave 64 bits.
   if (whole > (largest - of_rest) / to_hz) return largest;
   return whole * to_hz + of_rest;
 }
@@ -87,15 +91,18 @@ bool next_block(plx_block_stream& in, plx_block& block) {
   }
   std::memcpy(&block.header, in.buffer.data() + (in.next - in.buffer_at), sizeof block.header);
   block.time = plx_time(block.header);
+  // A block without a waveform has no words, whatever it says.
   block.n_words = block.header.n_waveforms > 0 ? not_negative(block.header.n_words) : 0;
   block.bytes =
       block_header_bytes + 2 * std::int64_t{not_negative(block.header.n_waveforms)} * block.n_words;
   const std::int64_t there = buffer_range(
       in, in.next, block_header_bytes + 2 * std::int64_t{block.n_words}, block.new_stretch);
+  // The words that the file has: its end may cut a block.
   block.n_there =
       static_cast<std::int32_t>(std::max<std::int64_t>(there - block_header_bytes, 0) / 2);
   block.words = in.buffer.data();
   if (block.n_there > 0) block.words += in.next - in.buffer_at + block_header_bytes;
+  // By what the block says of itself; its end may lie beyond the file.
   in.next += block.bytes;
   return true;
 }
@@ -129,6 +136,7 @@ plx_block_use count_record(const session_state& session, plx_record_counter& cou
   const recording_store& r = session.recording;
   const std::int16_t channel = block.header.channel;
   if (channel < 1 || channel > r.n_channels) {
+    // Strobed words are events of the experiment, not a fault.
     return channel == strobed_words ? plx_block_use::passed_over : plx_block_use::unparsed;
   }
   if (block.header.type != plx_spike_block) return plx_block_use::passed_over;
@@ -136,10 +144,12 @@ plx_block_use count_record(const session_state& session, plx_record_counter& cou
   if (record.channel == 0) return plx_block_use::unparsed;
   record.unit_group =
       counter.tetrodes ? (record.channel - 1) / blocks_of_a_record + 1 : record.channel;
+  // More tetrodes than any system had: the blocks are not what they seem.
   if (counter.tetrodes && record.unit_group > most_tetrodes) return plx_block_use::ends_read;
 
   std::int32_t& count = counter.counts[static_cast<std::size_t>(record.unit_group)];
   if (count >= r.records_per_unit) return plx_block_use::ends_read;
+  // Known before it is counted, since only whole records count.
   record.record = count + 1;
   record.is_first = !counter.tetrodes || counter.blocks_in_group == 0;
   if (!counter.tetrodes) {
@@ -158,6 +168,7 @@ std::int64_t plx_record_position(const session_state& session, const plx_record&
   if (!session.preferences.treat_as_continuous) {
     return record_index(record.record, r.samples_per_event);
   }
+  // A stamp before the first one stands at the beginning.
   return stamp_us < 0 ? 0 : convert_ticks(stamp_us, us_per_second, r.sampling_frequency);
 }
 

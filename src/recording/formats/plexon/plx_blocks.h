@@ -47,7 +47,7 @@ struct plx_block_stream {
 
 void begin_blocks(plx_block_stream& in, const input_file& file, std::int64_t from,
                   std::int64_t end);
-// False behind the last block.
+// False after the last block.
 bool next_block(plx_block_stream& in, plx_block& block);
 // True when the next block is there without another read from the file.
 bool next_is_buffered(const plx_block_stream& in);

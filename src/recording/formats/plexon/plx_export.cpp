@@ -19,6 +19,7 @@ constexpr const char* title = "Export data";
 
 template <std::size_t N>
 void put_text(char (&to)[N], const std::string& text) {
+  // The rest of the field stays zero, and so the text has an end.
   text.copy(to, N - 1);
 }
 
@@ -36,6 +37,7 @@ void count_units(const session_state& session, const std::vector<std::int16_t>& 
     if (cluster <= 0) continue;
     const std::int16_t unit = units[static_cast<std::size_t>(cluster)];
     const std::int32_t channel = session.templates.centre_channel(cluster);
+    // The tables of the header are of fixed size; the blocks tell the rest.
     if (unit >= plx_counted_units || channel > plx_counted_channels) continue;
     ++h.ts_counts[channel][unit];
     ++h.wf_counts[channel][unit];
@@ -100,6 +102,7 @@ void write_channel_headers(const session_state& session, safe_file& out) {
 // The gain that gives vscale_HP back, to the nearest gain below it; 1 at least.
 std::int32_t slow_gain(float vscale_HP) {
   const double gain = 5000.0 * 1000.0 / (double{vscale_HP} * 32768.0);
+  // Held to what the field takes, however fine the scale.
   constexpr double most = std::numeric_limits<std::int32_t>::max();
   return gain >= 1.0 ? static_cast<std::int32_t>(std::min(gain, most)) : 1;
 }
@@ -158,6 +161,7 @@ void write_spikes(const session_state& session, const std::vector<std::int16_t>&
     write_value(out, h);
     std::int16_t words[spike_words] = {};
     for (std::int32_t k = 0; k < spike_words; ++k) {
+      // A waveform that reaches over an end is filled up with zeros.
       const std::int64_t t = std::int64_t{e.event_time[i]} - words_before_spike + k;
       if (t >= 1 && t <= r.n_samples) words[k] = r.vd.channel(channel)[t];
     }
@@ -168,6 +172,7 @@ void write_spikes(const session_state& session, const std::vector<std::int16_t>&
 // The file that the recording came from. A work file may have brought the path of another
 // machine.
 std::string source_of(const recording_store& r) {
+  // The path that the recording was read from is as good.
   return file_exists(r.plx_path) ? r.plx_path : r.recording_path;
 }
 

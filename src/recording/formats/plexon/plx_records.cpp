@@ -30,12 +30,14 @@ double spike_scale(const session_state& session, const plx_plan& plan) {
   log_message(session,
               fmt::format("Spike max. magnitude, preamplifier gain, bits = {} {} {}",
                           h.spike_max_magnitude_mv, h.spike_preamp_gain, h.bits_per_spike_sample));
+  // Headers of some systems leave the magnitude 0.
   return scale == 0.0 ? missing_plx_scale : scale;
 }
 
 bool set_spike_scale(session_state& session, const plx_plan& plan) {
   const double scale = spike_scale(session, plan);
   session.recording.vscale_HP = static_cast<float>(scale);
+  // Only the oldest versions may have no scale at all.
   if (plan.headers.file.version >= 103 || scale != 0.0) {
     return check_voltage_scale(session, scale);
   }
@@ -61,12 +63,14 @@ bool store_record(session_state& session, const plx_block& block, const plx_reco
                   std::int32_t ad_frequency, plx_units& units) {
   recording_store& r = session.recording;
   const std::int64_t time_us = convert_ticks(block.time, ad_frequency, us_per_second);
+  // The first record tells where the recording begins.
   if (r.first_timestamp < 0) r.first_timestamp = time_us;
   const std::int64_t stamp = time_us - r.first_timestamp;
   const std::int64_t position = plx_record_position(session, record, stamp);
   store_plx_words(r, record.channel, position, block.words,
                   std::min(block.n_there, r.samples_per_event));
   // Records that stand at their time may overlap the end of the one before.
+  // A record that stands alone has a gap of the usual length after it.
   const std::int64_t end = position + r.samples_per_event;
   const bool is_new = position > r.n_samples || r.n_samples == 0;
   r.n_samples = static_cast<std::int32_t>(
@@ -79,7 +83,9 @@ bool store_record(session_state& session, const plx_block& block, const plx_reco
       r.electrode_type == electrode_tetrode ? r.tetrode_event_count : r.channel_event_count;
   stored[record.unit_group] = static_cast<std::int32_t>(record.record);
   std::int32_t unit = block.header.unit;
+  // Unit 0 is what nobody has sorted: it is no event.
   if (unit < 1) return true;
+  // A tetrode of so many units is a damaged block.
   if (r.electrode_type == electrode_tetrode && unit > most_tetrode_units) {
     ++units.n_bad_units;
     unit = 0;
@@ -126,6 +132,7 @@ bool read_records(session_state& session, const input_file& file, const plx_plan
       report_unparsed(session, counts.unparsed, block, plan.tetrodes);
     }
     if (use == plx_block_use::ends_read) {
+      // A save writes anew up to here, and copies what follows.
       r.plx_blocks_end = block.offset;
       log_message(session, fmt::format("Reading ends at channel {}, unit {}", block.header.channel,
                                        block.header.unit));
@@ -179,6 +186,7 @@ bool read_plx_records(session_state& session, const input_file& file, const plx_
   if (!read_records(session, file, plan, units, counts)) return false;
   r.first_timestamp = std::max<std::int64_t>(r.first_timestamp, 0);
   report_blocks(session, counts, units);
+  // The store is full: the last samples are left as room for windows.
   if (r.n_samples >= r.max_vd_samples) r.n_samples = r.max_vd_samples - 100;
   return true;
 }

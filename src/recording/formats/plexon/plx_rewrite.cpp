@@ -43,6 +43,7 @@ record_clusters list_records(const session_state& session) {
   for (std::int32_t u = 1; u <= r.n_channels; ++u) {
     const std::int32_t n = tetrodes ? r.tetrode_event_count[u] : r.channel_event_count[u];
     records[static_cast<std::size_t>(u)].resize(static_cast<std::size_t>(n) + 1);
+    // Room for record 0, which stands for none.
   }
   return records;
 }
@@ -60,6 +61,7 @@ void map_slots(const session_state& session, record_clusters& records) {
     if (e.event_cluster[i] <= 0) continue;
     std::vector<std::int16_t>& of = records[group_of_event(session, i)];
     const std::int32_t record =
+        // Slots are twice as long as records, so that the time alone tells the record.
         (e.event_time[i] - 100) / (2 * session.recording.samples_per_event) + 1;
     if (record < 1 || record >= static_cast<std::int64_t>(of.size())) continue;
     of[static_cast<std::size_t>(record)] = static_cast<std::int16_t>(e.event_cluster[i]);
@@ -71,6 +73,7 @@ struct record_at {
   std::int64_t start;
   std::size_t record;
   bool operator<(const record_at& b) const {
+    // Of records at one time the first in the file.
     return start != b.start ? start < b.start : record < b.record;
   }
 };
@@ -95,6 +98,7 @@ std::vector<record_at> list_starts(const session_state& session, std::int32_t gr
 std::size_t record_of_time(const std::vector<record_at>& starts, std::int64_t time,
                            std::int32_t samples) {
   std::size_t found = 0;
+  // Only records that begin within a record's length before the time can hold it.
   for (auto at = std::lower_bound(starts.begin(), starts.end(), record_at{time - samples, 0});
        at != starts.end() && at->start <= time; ++at) {
     if (found == 0 || at->record < found) found = at->record;
@@ -146,6 +150,7 @@ std::vector<std::int32_t> count_units(const session_state& session) {
   const auto group = [&](std::int32_t c) {
     return static_cast<std::size_t>(tetrodes ? r.tetrode_of_channel[c] : c);
   };
+  // A cluster counts where its template is largest.
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     ++by_group[group(session.templates.centre_channel(c))];
   }
@@ -212,6 +217,7 @@ bool write_block(plx_rewriter& w, const plx_block& block, const plx_block_header
   }
   write_value(w.out, h);
   write_bytes(w.out, words.data(), words.size());
+  // Further waveforms of the block are passed on as they are.
   return end <= w.source.size ? copy_bytes(w, first_end, end) : !w.out.failed;
 }
 
@@ -221,6 +227,7 @@ void change_record(const session_state& session, const plx_rewriter& w, const pl
   const recording_store& r = session.recording;
   const auto group = static_cast<std::size_t>(record.unit_group);
   const auto m = static_cast<std::size_t>(record.record);
+  // Records that were not read keep what the file says.
   if (m >= w.clusters[group].size()) return;
   h.unit = w.unit_of_cluster[static_cast<std::size_t>(w.clusters[group][m])];
   if (!w.overwrite_samples) return;
@@ -239,6 +246,7 @@ void change_samples(const session_state& session, const plx_rewriter& w, const p
   if (channel == 0) return;
   const std::int64_t time =
       convert_ticks(block.time, w.headers.file.ad_frequency, r.sampling_frequency);
+  // Samples beyond the recording in memory keep those of the file.
   if (time >= r.n_samples) return;
   replace_words(r, channel, time + 1, words, static_cast<std::int64_t>(words.size() / 2));
 }
@@ -261,12 +269,14 @@ bool write_blocks(const session_state& session, plx_rewriter& w) {
     words.assign(block.words, block.words + 2 * block.n_there);
     const bool is_spike = h.type == plx_spike_block;
     if (r.is_continuous) {
-      if (is_spike) continue;  // all spikes are written behind the samples
+      if (is_spike) continue;  // all spikes are written after the samples
       if (h.type == plx_slow_block && w.overwrite_samples) {
         change_samples(session, w, block, offset, words);
       }
     } else if (is_spike) {
+      // Sorted anew: a unit that no cluster claims is gone.
       h.unit = 0;
+      // Beyond the end of the read no record of the session tells of the block.
       if (block.offset < r.plx_blocks_end &&
           count_record(session, counter, block, record) == plx_block_use::record) {
         change_record(session, w, record, h, words);
@@ -282,6 +292,7 @@ bool write_blocks(const session_state& session, plx_rewriter& w) {
 // File channel of every program channel.
 std::vector<std::int16_t> list_slots(const recording_store& r) {
   std::vector<std::int16_t> slots(static_cast<std::size_t>(r.n_channels) + 1);
+  // From the top down, so that the lowest file channel of a program channel stays.
   for (std::int32_t f = channel_limit; f >= 1; --f) {
     const std::int32_t c = r.channel_map[f];
     if (c >= 1 && c <= r.n_channels)
@@ -296,6 +307,7 @@ void write_spikes(const session_state& session, plx_rewriter& w) {
   log_message(session, "Writing spike data records for continuous data");
   const std::vector<std::int16_t> slots = list_slots(r);
   const std::int32_t first = window_first_sample(session);
+  // No waveform of the format is longer.
   const std::int32_t n = std::clamp(window_last_sample(session) - first + 1, 0, most_spike_words);
   std::vector<char> words(2 * static_cast<std::size_t>(n));
   plx_block_header h{};
@@ -336,6 +348,7 @@ bool write_copy(const session_state& session, const std::string& source, const s
   log_units(session, w);
   if (!session.recording.is_continuous) w.clusters = map_records(session);
   if (!open_safe_file(w.out, target)) return false;
+  // A failure must keep the target as it was.
   if (!write_headers(session, w) || !write_blocks(session, w)) w.out.failed = true;
   if (session.recording.is_continuous) write_spikes(session, w);
   set_progress(session, meter::saving, 100, 100);
@@ -367,6 +380,7 @@ bool rewrite_plx(const session_state& session, const std::string& source, const 
     std::remove(aside.c_str());
     return true;
   }
+  // The source goes back to where it was, whatever happened to the copy.
   rename_file(aside, source);
   return false;
 }
@@ -378,6 +392,7 @@ std::vector<std::int16_t> number_plx_units(const session_state& session, bool by
   for (std::int32_t c = 1; c <= n; ++c) {
     const std::int32_t centre = session.templates.centre_channel(c);
     const std::int32_t group = by_tetrode ? session.recording.tetrode_of_channel[centre] : centre;
+    // Units of a channel count from 1, in the order of the clusters.
     units[static_cast<std::size_t>(c)] = ++used[static_cast<std::size_t>(group)];
   }
   return units;

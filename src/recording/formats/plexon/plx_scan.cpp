@@ -16,6 +16,7 @@ namespace {
 // where they are all zero the blocks are looked at.
 bool has_slow_blocks(const session_state& session, const input_file& file, const plx_plan& plan) {
   const plx_file_header& h = plan.headers.file;
+  // Without slow channels every recording is event based.
   if (h.n_slow_channels == 0) return false;
   if (std::any_of(h.ev_counts + plx_first_slow_count, std::end(h.ev_counts),
                   [](std::int32_t n) { return n > 0; })) {
@@ -38,6 +39,7 @@ struct record_extent {
 };
 
 void include_block(record_extent& extent, const plx_block& block) {
+  // Every block counts, also one whose words are cut off.
   extent.latest = std::max(extent.latest, block.time);
   extent.longest = std::max(extent.longest, block.n_words);
 }
@@ -86,6 +88,7 @@ group_state check_group(const session_state& session, const tetrode_group& group
   const plx_block& first = group.blocks[0];
   bool one_state = true, one_tetrode = true, too_high = false;
   for (const plx_block& b : group.blocks) {
+    // Either all four are channels of the recording, or none is.
     one_state &= is_valid(b) == is_valid(first);
     one_tetrode &= tetrode_of(b) == tetrode_of(first);
     too_high |= b.header.channel > channel_limit;
@@ -98,6 +101,7 @@ group_state check_group(const session_state& session, const tetrode_group& group
     log_message(session, "? bad records with these unit and channel #s" + list_fields(group, true));
     return group_state::bad;
   }
+  // Four blocks of channels that the recording does not have are passed over together.
   if (!is_valid(first)) return group_state::unused;
   if (!one_tetrode) {
     log_message(session, "Different tetrode values in same block");
@@ -116,6 +120,7 @@ record_extent scan_tetrodes(const session_state& session, const input_file& file
   plx_block block;
   while (next_scanned_block(session, in, block)) {
     if (block.header.type != plx_spike_block) continue;
+    // Where the group begins is where the read ends if it turns out bad.
     if (group.n == 0) group.offset = block.offset;
     group.blocks[group.n++] = block;
     if (group.n < 4) continue;
@@ -131,6 +136,7 @@ record_extent scan_tetrodes(const session_state& session, const input_file& file
     extent.most_records =
         std::max(extent.most_records, ++counts[static_cast<std::size_t>(tetrode)]);
   }
+  // A tetrode that the end of the file has cut is none.
   if (group.n > 0) plan.blocks_end = group.offset;
   return extent;
 }
@@ -140,11 +146,13 @@ void estimate_events(const session_state& session, const input_file& file, plx_p
   const record_extent extent =
       plan.tetrodes ? scan_tetrodes(session, file, plan) : scan_channels(session, file, plan);
   plan.record_samples = std::max(h.n_points_wave, 0);
+  // The header is believed as long as the blocks do not say more.
   if (extent.longest > plan.record_samples || plan.record_samples > 32767) {
     log_message(session, fmt::format("Waveforms have up to {} samples, not {}", extent.longest,
                                      h.n_points_wave));
     plan.record_samples = extent.longest;
   }
+  // A record of no samples would have no slot.
   plan.record_samples = std::max(plan.record_samples, 1);
   if (session.preferences.treat_as_continuous) {
     plan.estimate = convert_ticks(extent.latest, h.ad_frequency, plx_waveform_rate(h));
@@ -171,6 +179,7 @@ plx_block_stream plx_stream(const input_file& file, const plx_plan& plan) {
 }
 
 bool next_scanned_block(const session_state& session, plx_block_stream& in, plx_block& block) {
+  // The flag is asked once for a stretch: blocks are too short for it.
   return next_block(in, block) && !(block.new_stretch && reading_interrupted(session));
 }
 
@@ -184,6 +193,7 @@ bool scan_plx(session_state& session, const input_file& file, plx_plan& plan) {
   }
   log_message(session, fmt::format("Data trodalness 1= {}", h.trodalness));
   log_message(session, fmt::format("Data trodalness 2= {}", h.data_trodalness));
+  // Four wires to a bundle; 2 and 1 are taken channel by channel.
   plan.tetrodes = h.trodalness == 4;
   plan.blocks_end = file.size;
   r.electrode_type = plan.tetrodes ? electrode_tetrode : electrode_polytrode;
@@ -193,6 +203,7 @@ bool scan_plx(session_state& session, const input_file& file, plx_plan& plan) {
   r.is_continuous = plan.continuous;
   r.n_channels = plan.continuous ? h.n_slow_channels : h.n_dsp_channels;
   if (!check_channel_count(session, r.n_channels)) return false;
+  // Slow channels need no estimate by records.
   if (plan.continuous) return true;
   if (!check_sampling_frequency(session, plx_waveform_rate(h))) return false;
   estimate_events(session, file, plan);

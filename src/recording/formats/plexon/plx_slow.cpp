@@ -26,6 +26,7 @@ double slow_scale(const plx_file_header& h, const plx_slow_header& slow) {
     steps = gain * 2048.0 * preamp_gain;
   } else {
     millivolts = h.slow_max_magnitude_mv;
+    // A shift by 32 or more has no defined value.
     if (h.bits_per_slow_sample < 32) {
       steps = gain * 0.5 * preamp_gain * std::ldexp(1.0, h.bits_per_slow_sample);
     }
@@ -44,6 +45,7 @@ bool take_slow_channels(session_state& session, const plx_headers& headers) {
     rates_differ |= r.sampling_frequency != 0 && r.sampling_frequency != slow.ad_freq;
     r.sampling_frequency = slow.ad_freq;
     const auto scale = static_cast<float>(slow_scale(headers.file, slow));
+    // Headers of some systems leave the gains 0.
     r.vscale_HP = scale == 0.0f ? missing_plx_scale : scale;
   }
   if (rates_differ) log_message(session, "Warning: slow channels differ in sampling frequency");
@@ -66,6 +68,7 @@ std::int64_t slow_extent(const session_state& session, const input_file& file,
     if (block.header.type != plx_slow_block) continue;
     const std::int64_t from = convert_ticks(block.time, plan.headers.file.ad_frequency,
                                             session.recording.sampling_frequency);
+    // Far above what memory holds, and far below where the sum would overflow.
     constexpr std::int64_t most = std::int64_t{1} << 48;
     extent = std::max(extent, std::min(from, most) + block.n_there);
   }
@@ -80,6 +83,7 @@ std::int64_t estimate_slow(const session_state& session, const input_file& file,
   const double ratio = static_cast<double>(session.recording.sampling_frequency) / h.ad_frequency;
   const double stated = h.last_timestamp * ratio;
   const auto in_file = static_cast<double>(file.size / 2 / session.recording.n_channels);
+  // Twice what the file could hold leaves room for pauses.
   if (stated > 0.0 && stated <= 2.0 * in_file + 100000.0) return static_cast<std::int64_t>(stated);
   const std::int64_t extent = slow_extent(session, file, plan);
   log_message(session, fmt::format("Last time stamp {} of the header; the samples end at {}",
@@ -97,6 +101,7 @@ struct slow_report {
 void take_spike(session_state& session, const plx_block& block, std::int64_t time, plx_units& units,
                 slow_report& report) {
   constexpr std::int16_t highest_spike_channel = 256;
+  // Channels above are no spike channels, though they come in such blocks.
   if (block.header.channel > highest_spike_channel) return;
   const std::int32_t channel = plx_program_channel(session, block.header.channel);
   if (channel == 0) return;
@@ -130,6 +135,7 @@ void take_samples(session_state& session, const plx_block& block, std::int64_t t
   recording_store& r = session.recording;
   const std::int32_t channel =
       plx_program_channel(session, std::int64_t{block.header.channel} + offset);
+  // A block that begins beyond the store has no sample in it.
   if (channel == 0 || time >= r.max_vd_samples) return;
   moves.push_back({channel, block.n_there, time + 1, block.words});
   r.n_samples = static_cast<std::int32_t>(std::max<std::int64_t>(
@@ -167,11 +173,12 @@ struct slow_walk {
   bool stopped = false;  // by the user
 };
 
-// The blocks of one stretch; false behind the last one.
+// The blocks of one stretch; false after the last one.
 bool walk_stretch(session_state& session, slow_walk& walk) {
   recording_store& r = session.recording;
   plx_block block;
   do {
+    // A full store ends the read, as the end of the file does.
     if (r.n_samples >= r.max_vd_samples || !next_block(walk.in, block)) return false;
     if (block.new_stretch) {
       walk.stopped = reading_interrupted(session);
@@ -200,7 +207,9 @@ bool read_slow_blocks(session_state& session, const input_file& file, const plx_
   walk.units = &units;
   std::vector<slow_move> moves;
   const std::int32_t n_threads = threads_now(session);
+  // Two shares to a thread, but for the one that walks.
   const std::int32_t n_shares = n_threads < 2 ? 1 : 2 * n_threads - 1;
+  // One round more than there are stretches, for the samples of the last.
   for (bool more = true; more || !moves.empty();) {
     bool more_then = false;
     parallel_for_dealt(n_threads, 0, n_shares, [&](std::int64_t item, std::int32_t) {
@@ -227,6 +236,7 @@ plx_units count_listed_units(const session_state& session, const plx_headers& he
   for (const plx_channel_header& h : headers.channels) {
     const std::int32_t channel = plx_program_channel(session, h.channel);
     if (channel > 0) {
+      // No unit number that a block can have is larger.
       units.n_units[static_cast<std::size_t>(channel)] = std::clamp(h.n_units, 0, 32767);
     }
   }
@@ -257,6 +267,7 @@ bool read_plx_slow(session_state& session, const input_file& file, const plx_pla
     return false;
   }
   const plx_units listed = count_listed_units(session, plan.headers);
+  // What the blocks tell is added to what the headers say.
   units = listed;
   if (!read_slow_blocks(session, file, plan, units)) return false;
   if (r.n_samples == 0) {

@@ -24,6 +24,7 @@ constexpr std::int64_t block_bytes = 50000;  // a rest shorter than this is not 
 std::int16_t to_position(double um) {
   constexpr double low = std::numeric_limits<std::int16_t>::min();
   constexpr double high = std::numeric_limits<std::int16_t>::max();
+  // Cut to whole µm, and held to the range of a position.
   return static_cast<std::int16_t>(std::clamp(std::trunc(um), low, high));
 }
 
@@ -59,6 +60,7 @@ bool place_sites(session_state& session, const std::string& path, const spikeglx
                  std::int32_t& n_sites) {
   const std::string geometry = folder_of(path) + "geometry.txt";
   if (read_geometry_file(session, geometry, n_sites) && n_sites > 0) {
+    // A geometry file beside the recording is the user's own word.
     log_message(session, "Site geometry file read correctly");
     return true;
   }
@@ -80,6 +82,7 @@ void set_scale(session_state& session, const spikeglx_meta& meta) {
   }
   constexpr double per_volt = 122.07031 / 80;
   const double scale = meta.range_max * per_volt;
+  // A scale that no probe has is not believed; the samples are then shown in bits.
   r.vscale_HP = scale > 0.01 && scale < 10 ? static_cast<float>(scale) : 1.0f;
   log_message(session, fmt::format("Voltage scaling = {:.7g} uV/bit, assumed from imAiRangeMax",
                                    r.vscale_HP));
@@ -104,6 +107,7 @@ bool take_channels(session_state& session, const spikeglx_meta& meta) {
 
 bool take_rate(session_state& session, const spikeglx_meta& meta) {
   recording_store& r = session.recording;
+  // Fractions of a Hz add up to whole samples in an hour.
   if (!check_sampling_frequency(session, meta.sampling_frequency)) return false;
   r.sampling_frequency_exact = meta.sampling_frequency;
   r.sampling_frequency = static_cast<std::int32_t>(std::lround(meta.sampling_frequency));
@@ -113,6 +117,7 @@ bool take_rate(session_state& session, const spikeglx_meta& meta) {
 
 // Streams of other devices have the same files but no spike channels.
 bool check_stream(const session_state& session, const spikeglx_meta& meta) {
+  // Old versions name no stream.
   const bool from_probe = meta.stream.empty() || meta.stream == "imec";
   if (from_probe && meta.has_counts) return true;
   return refuse_file(
@@ -141,7 +146,7 @@ void compare_sizes(const session_state& session, std::int64_t in_meta, std::int6
 
 // --- the samples
 
-// The values behind the last whole time point of the last block.
+// The values after the last whole time point of the last block.
 bool read_rest(session_state& session, const input_file& file, const interleaved_channels& channels,
                std::int64_t at, std::int64_t n_values, std::int64_t index) {
   std::vector<std::int16_t> rest(static_cast<std::size_t>(n_values));
@@ -179,6 +184,7 @@ bool read_geometry_file(session_state& session, const std::string& path, std::in
   std::string_view line;
   while (n_sites < channel_limit && next_line(lines, line)) {
     const std::vector<double> xy = leading_numbers(line.substr(0, line_characters), 2);
+    // Lines without two numbers are headings.
     if (xy.size() < 2) continue;
     ++n_sites;
     r.chan_x[n_sites] = to_position(xy[0]);
@@ -196,6 +202,7 @@ bool read_bin_recording(session_state& session, const recording_request& request
   const bool has_meta = read_meta_file(replace_extension(request.path, ".meta"), meta);
   if (has_meta && !check_stream(session, meta)) return false;
   std::int32_t n_sites = 0;
+  // Without positions the read ends, but the missing ".meta" is told first.
   if (!place_sites(session, request.path, meta, n_sites) && has_meta) return false;
   if (!has_meta) {
     log_message(session, "Matching .meta file not found, cancelling read");
@@ -214,6 +221,7 @@ bool read_bin_recording(session_state& session, const recording_request& request
   input_file file;
   if (!open_input_file(file, request.path)) return false;
   compare_sizes(session, meta.n_file_bytes, file.size);
+  // By the channels that are read, and so more than the samples that come.
   const std::int64_t n_samples = file.size / (2 * std::int64_t{r.n_channels});
   if (!allocate_recording(session, n_samples + usual_spare_samples)) return false;
   if (!check_sample_count(session, n_samples)) return false;

@@ -20,6 +20,7 @@ number_group numbers_in(std::string_view text) {
   while (!text.empty()) {
     double value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    // A number too large for a float is passed over like a word.
     if (error == std::errc() && std::isfinite(value)) {
       numbers.push_back(value);
       text.remove_prefix(static_cast<std::size_t>(end - text.data()));
@@ -39,6 +40,7 @@ double number_or(std::string_view text, double otherwise) {
 
 std::int32_t whole_or(std::string_view text, std::int32_t otherwise) {
   const double value = number_or(text, otherwise);
+  // What no integer holds is not taken.
   return std::abs(value) <= 1e9 ? static_cast<std::int32_t>(value) : otherwise;
 }
 
@@ -49,6 +51,7 @@ std::int32_t whole_at(const number_group& group, std::size_t i) {
 // The numbers of each "(...)". A header may begin with a part number as a word; it is
 // taken out first so that its digits are not taken for a field.
 std::vector<number_group> bracket_groups(std::string_view text) {
+  // As many as channels and one header, whatever the file has.
   constexpr std::size_t most_groups = channel_limit + 1;
   std::vector<number_group> groups;
   while (groups.size() < most_groups) {
@@ -85,6 +88,7 @@ void take_counts(spikeglx_meta& meta, std::string_view value) {
 void take_key(spikeglx_meta& meta, std::string_view key, std::string_view value) {
   if (key == "fileCreateTime") meta.created = start_of(value);
   if (key == "fileSizeBytes") {
+    // Held to what the cast can take.
     meta.n_file_bytes = static_cast<std::int64_t>(std::clamp(number_or(value, 0), 0.0, 9e18));
   }
   if (key == "nSavedChans") meta.n_saved_channels = whole_or(value, 0);
@@ -135,6 +139,7 @@ const probe_kind* find_kind(const spikeglx_meta& meta) {
   std::int32_t type = meta.probe_type;
   if (is_phase_3a(meta)) type = 0;
   if (type < 0 && !meta.readout.empty() && meta.readout[0].size() == 2) {
+    // Early files tell the type in the table alone.
     type = whole_at(meta.readout[0], 0);
   }
   for (const probe_kind& kind : kinds) {
@@ -152,8 +157,10 @@ double first_gain(const spikeglx_meta& meta, const probe_kind* kind) {
   if (whole_at(meta.readout[0], 0) == ultra_high_density && meta.readout[0].size() >= 5) {
     return meta.readout[0][meta.is_lf() ? 4 : 3];
   }
+  // A gain that the file names is that of the recording, the table's that of the kind.
   if (kind != nullptr && kind->fixed_gain > 0) return named > 0 ? named : kind->fixed_gain;
   std::int32_t channel = meta.first_channel;
+  // LF channels are numbered on from the AP channels.
   if (meta.is_lf() && channel >= meta.n_acquired_ap) channel -= meta.n_acquired_ap;
   for (std::size_t i = 1; i < meta.readout.size(); ++i) {
     const number_group& entry = meta.readout[i];
@@ -168,6 +175,7 @@ std::vector<probe_site> sites_of_geometry_map(const spikeglx_meta& meta) {
   // The part number is gone from the header: shanks, pitch, width.
   const double pitch = map.empty() || map[0].size() < 2 ? 0 : map[0][1];
   for (std::size_t i = 1; i < map.size(); ++i) {
+    // A list with a short entry is of a kind that is not known.
     if (map[i].size() < 3) return {};
     sites.push_back({map[i][0] * pitch + map[i][1], map[i][2]});
   }
@@ -198,6 +206,7 @@ bool read_meta_file(const std::string& path, spikeglx_meta& meta) {
   std::string_view line;
   while (next_line(lines, line)) {
     const std::size_t equals = line.find('=');
+    // Only the first equals sign counts: values may have their own.
     if (equals == std::string_view::npos) continue;
     take_key(meta, line.substr(0, equals), line.substr(equals + 1));
   }
@@ -209,6 +218,7 @@ std::optional<double> exact_scale(const spikeglx_meta& meta) {
   double largest = meta.largest_value;
   if (largest <= 0 && kind != nullptr) largest = kind->largest_value;
   const double gain = first_gain(meta, kind);
+  // Any of the three missing leaves the scale unknown.
   if (largest <= 0 || gain <= 0 || meta.range_max <= 0) return std::nullopt;
   return 1e6 * meta.range_max / largest / gain;
 }

@@ -195,7 +195,7 @@ bool read_prf(session_state& session, const recording_request& request) {
   for (std::int32_t e = 1; e <= r.n_epochs; ++e) {
     if (!read_epoch(session, walk, e, total)) return false;
   }
-  // The blank second behind the last epoch counts, as far as it was allocated.
+  // The blank second after the last epoch counts, as far as it was allocated.
   if (!check_sample_count(session, std::min<std::int64_t>(total, r.max_vd_samples))) return false;
   r.n_samples = static_cast<std::int32_t>(std::min<std::int64_t>(total, r.max_vd_samples));
   check_time_stamps(session);

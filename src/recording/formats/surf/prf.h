@@ -7,7 +7,7 @@
 namespace kestrelvane {
 
 // The reader of the format table. Epochs stand one after the other on the time axis, a
-// second of zeros behind each; epoch_start is in seconds.
+// second of zeros after each; epoch_start is in seconds.
 bool read_prf(session_state& session, const recording_request& request);
 
 }  // namespace kestrelvane

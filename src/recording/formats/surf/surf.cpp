@@ -15,7 +15,7 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr std::int64_t spare_samples = 10'000;  // allocated behind the last record
+constexpr std::int64_t spare_samples = 10'000;  // allocated after the last record
 constexpr std::int32_t mid_scale = 2048;        // the value of 0 V
 constexpr std::int32_t bar_of_records = 20, bar_of_spikes = 90, bar_of_lfp = 100;
 
