@@ -68,6 +68,7 @@ void take_positions(recording_store& r, byte_cursor& in, std::int32_t count, std
   for (std::int32_t c = 1; c <= count; ++c) {
     const std::int16_t x = take_i16(in);
     const std::int16_t y = take_i16(in);
+    // Channels beyond the recording have entries in the table, which mean nothing.
     r.chan_x[c] = c <= kept ? x : std::int16_t{0};
     r.chan_y[c] = c <= kept ? y : std::int16_t{0};
   }
@@ -80,6 +81,7 @@ bool validate_header(session_state& session, std::int32_t most_channels, bool ha
                      (!has_samples || check_sample_count(session, r.n_samples)) &&
                      check_sampling_frequency(session, r.sampling_frequency) &&
                      check_voltage_scale(session, static_cast<double>(r.vscale_HP));
+  // What was read cannot be trusted, so nobody must loop over it.
   if (!sound) r.n_channels = r.n_samples = 0;
   return sound;
 }
@@ -95,6 +97,7 @@ bool take_channel_table(session_state& session, const input_file& file, tsf_layo
     r.chan_x[c] = take_i16(in);
     r.chan_y[c] = take_i16(in);
     r.chan_sort_order[c] = take_i32(in);
+    // A single bad entry makes the order one of our own.
     if (r.chan_sort_order[c] < 1 || r.chan_sort_order[c] > r.n_channels) layout.needs_order = true;
   }
   if (in.failed) return fail_early_end(session);
@@ -112,6 +115,7 @@ void lay_out_old_file(const recording_store& r, tsf_layout& layout, std::int64_t
   layout.channel_bytes = 2 * samples_per_channel;
   layout.spare_samples = 2'000'000;
   layout.usable_spare = static_cast<std::int32_t>(layout.spare_samples);
+  // What follows the samples is at the end of all channels, whole blocks included.
   layout.tail_at = samples_at + layout.channel_bytes * r.n_channels;
 }
 
@@ -133,6 +137,7 @@ bool read_header(session_state& session, const input_file& file, tsf_layout& lay
     r.vscale_HP = vscale_1000;
     if (in.failed) return fail_early_end(session);
     if (!validate_header(session, table_channels_1000, true)) return false;
+    // In whole blocks: the last one of each channel is filled up.
     const std::int64_t blocks = (r.n_samples + block_samples - 1) / block_samples;
     lay_out_old_file(r, layout, static_cast<std::int64_t>(in.at), blocks * block_samples);
     return true;
@@ -167,6 +172,7 @@ bool allocate_samples(session_state& session, const tsf_layout& layout) {
   recording_store& r = session.recording;
   r.vd.release();
   const bool countable =
+      // The spare samples must be countable, too.
       r.n_samples <= std::numeric_limits<std::int32_t>::max() - layout.spare_samples;
   if (!countable || !r.vd.allocate(r.n_samples + layout.spare_samples, r.n_channels)) {
     log_message(session, "Memory allocation error");
@@ -188,6 +194,7 @@ bool read_samples(session_state& session, const input_file& file, const tsf_layo
   expect_sequential_reading(file);
   const auto start = std::chrono::steady_clock::now();
   parallel_for_dealt(threads_now(session), 1, r.n_channels, [&](std::int64_t c, std::int32_t rank) {
+    // One short channel ends the read of all.
     if (short_file) return;
     const auto channel = static_cast<std::int32_t>(c);
     const std::int64_t from = layout.samples_at + (c - 1) * layout.channel_bytes;
@@ -221,6 +228,7 @@ void drop_bad_events(session_state& session) {
                         e.event_channel[i] >= 1 && e.event_channel[i] <= r.n_channels;
     if (!inside) continue;
     std::int32_t cluster = e.event_cluster[i];
+    // The event stays; a number that no cluster has is as good as none.
     if (cluster < 0 || cluster > session.max_clusters) {
       cluster = 0;
       ++n_unclustered;
@@ -249,10 +257,12 @@ bool take_array_count(const session_state& session, const input_file& file, std:
   if (!read_at(file, at, &stored, 4)) return fail_early_end(session);
   at += 4;
   if (stored <= 0) return true;
+  // Before any array is touched.
   if (stored > limit) {
     return refuse_file(session,
                        fmt::format("# of {} in file exceeds upper limit of {:8}", what, limit));
   }
+  // In 64 bits: twelve bytes to each would leave 32.
   if (std::int64_t{stored} * 12 > file.size - at) return fail_early_end(session);
   count = stored;
   return true;
@@ -280,6 +290,7 @@ bool read_events(session_state& session, const input_file& file, const tsf_layou
     }
     e.n_events = n_events;
     drop_bad_events(session);
+    // A file without events may have the start of a sleep recording there.
   } else if (read_at(file, at, &r.sleep_start_mins, 4)) {
     log_message(session, fmt::format("sleep recording started at {} mins", r.sleep_start_mins));
   }
@@ -314,12 +325,14 @@ void make_events_of_fake_spikes(session_state& session) {
   e.n_events = 0;
   session.clusters.n_clusters = 0;
   for (std::int32_t i = 1; i <= r.n_fake_spikes; ++i) {
+    // Clusters of the truth beyond the limit are left out with their spikes.
     if (r.fake_spike_cluster[i] > session.max_clusters) continue;
     ++e.n_events;
     e.event_cluster[e.n_events] = r.fake_spike_cluster[i];
     e.event_time[e.n_events] = r.fake_spike_time[i];
     e.event_channel[e.n_events] = r.fake_spike_channel[i];
   }
+  // The truth is tested like any other list of a file.
   drop_bad_events(session);
   std::int32_t& n_clusters = session.clusters.n_clusters;
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
@@ -353,8 +366,10 @@ void close_read(session_state& session, const std::string& path, const tsf_layou
   }
   log_message(session, fmt::format("Sampling frequency = {:8}", r.sampling_frequency));
   r.site_columns = 2;
+  // The newest format brings its order, or has been given one above.
   if (layout.format != tsf_current_format) sort_channels(session, old_file_scan_angle);
   r.tsf_path = path;
+  // Planted clusters are compared with; they get no templates.
   r.clusters_are_planted = layout.format == 1001;
   session.clusters.current_cluster = 1;
 }
@@ -371,6 +386,7 @@ void write_events(const session_state& session, safe_file& out) {
   const event_table& e = session.events;
   const std::size_t bytes = 4 * static_cast<std::size_t>(e.n_events);
   write_value(out, e.n_events);
+  // No arrays follow a count of 0.
   if (e.n_events == 0) return;
   write_bytes(out, e.event_time.first(), bytes);
   set_progress(session, meter::saving, 94, 100);
@@ -392,6 +408,7 @@ bool read_tsf(session_state& session, const recording_request& request) {
   recording_store& r = session.recording;
   tsf_layout layout;
   if (!read_header(session, file, layout)) return false;
+  // Tested before memory is asked for on the header's word.
   if (layout.tail_at > file.size) return fail_early_end(session);
   if (!allocate_samples(session, layout)) return false;
   log_message(session, fmt::format("There are {:4} channels in the file", r.n_channels));

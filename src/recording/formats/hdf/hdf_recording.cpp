@@ -46,6 +46,7 @@ hdf_error choose(hdf_read& read, const std::string& path) {
   const hdf_error error =
       open_hdf_file(read.file, path, &read.session.operation.reading_interrupted);
   if (error != hdf_error::none) return fail(read, error);
+  // An interrupted look leaves no file open, and no error either.
   if (!read.file.file.ok()) return hdf_error::none;  // interrupted
   switch (choose_hdf_dataset(read.session, read.file, read.selection)) {
     case hdf_walk_end::chosen:
@@ -58,6 +59,7 @@ hdf_error choose(hdf_read& read, const std::string& path) {
       return fail(read, hdf_error::root);
   }
   recording_store& r = read.session.recording;
+  // Only now, when there is something to read, does the earlier recording go.
   if (r.vd.max_time() == 0) return hdf_error::none;
   r.vd.release();
   log_message(read.session, "The previous file has been closed and all recording data deleted");
@@ -70,6 +72,7 @@ bool take_rate_and_scale(hdf_read& read) {
   if (!check_voltage_scale(read.session, read.selection.scale)) return false;
   r.sampling_frequency = static_cast<std::int32_t>(std::lround(read.selection.rate));
   r.vscale_HP = static_cast<float>(read.selection.scale);
+  // Told only where something is lost.
   if (r.sampling_frequency != read.selection.rate) {
     log_message(read.session, fmt::format("Sampling frequency {} Hz is rounded to {} Hz",
                                           read.selection.rate, r.sampling_frequency));
@@ -87,6 +90,7 @@ hdf_error prepare(hdf_read& read) {
   }
   log_message(session, read.layout.words);
   std::string words;
+  // What the file claims is tested before room is made for it.
   if (!hdf_file_holds_samples(read.file, read.dataset, read.layout, words)) {
     log_message(session, words);
     return fail(read, hdf_error::dataset);
@@ -94,6 +98,7 @@ hdf_error prepare(hdf_read& read) {
   if (!plan_hdf_conversion(session, read.dataset, read.selection, read.layout, read.plan)) {
     return hdf_error::contents;
   }
+  // Both counts were held to their limits when the layout was described.
   r.n_channels = static_cast<std::int32_t>(read.layout.n_channels);
   r.n_samples = static_cast<std::int32_t>(read.layout.n_samples);
   r.is_continuous = true;
@@ -120,6 +125,7 @@ hdf_error report_end(hdf_read& read, const hdf_read_result& result, std::string_
     log_message(read.session, good);
     return hdf_error::none;
   }
+  // The user who stopped it needs no words.
   if (read.session.operation.reading_interrupted) return hdf_error::none;
   log_message(read.session, "Warning: read finished with errors");
   return fail(read, hdf_error::contents);
@@ -164,6 +170,7 @@ hdf_error read_samples(hdf_read& read, std::string_view good) {
   const hdf_error error =
       read.layout.channels_first ? read_channels(read, good) : read_time_points(read);
   if (error != hdf_error::none) return error;
+  // Containers have no positions that this reader knows.
   if (read.session.recording.no_config_file) place_channels_in_line(read.session);
   set_progress(read.session, meter::reading, 100, 115);
   return hdf_error::none;
@@ -199,6 +206,7 @@ std::array<std::int32_t, 3> parse_long_date(const std::string& text) {
     const std::string word = text.substr(at, end - at);
     at = end + 1;
     if (word.empty()) continue;
+    // Words are months; the first that is one counts, days of the week are none.
     if (word.find_first_not_of("0123456789") != std::string::npos) {
       if (date[1] == 0) date[1] = month_of(word);
     } else if (word.size() == 4) {
@@ -212,6 +220,7 @@ std::array<std::int32_t, 3> parse_long_date(const std::string& text) {
 
 void take_date(recording_store& r, const std::string& text) {
   const std::array<std::int32_t, 3> date = parse_long_date(text);
+  // A date that lacks a part is none.
   if (date[0] == 0 || date[1] == 0 || date[2] < 1 || date[2] > 31) return;
   std::copy(date.begin(), date.end(), r.record_date);
 }
@@ -227,6 +236,7 @@ void tell_of_array(hdf_read& read) {
   for (const fact& f : facts) {
     const std::string value = read_hdf_text(read.file, "/Data", f.attribute);
     log_message(read.session, f.words + value);
+    // By its address: the first fact is the date.
     if (f.attribute == facts[0].attribute) take_date(read.session.recording, value);
   }
 }

@@ -58,6 +58,7 @@ std::set<std::string> sources_of(hid_t creation) {
 double size_of_file(const std::string& path) {
   std::error_code problem;
   const std::uintmax_t bytes = std::filesystem::file_size(path, problem);
+  // A file that is not there holds nothing.
   return problem ? 0.0 : static_cast<double>(bytes);
 }
 
@@ -89,9 +90,11 @@ std::int64_t limit_values(std::int64_t n, std::int16_t* to, ValueOf&& value_of) 
   for (std::int64_t first = 0; first < n; first += block) {
     const std::int64_t count = std::min(block, n - first);
     for (std::int64_t i = 0; i < count; ++i) {
+      // Held before it is rounded, so that the cast always has an answer.
       const double value = value_of(first + i);
       const double near = std::min(std::max(value, -beyond), beyond);
       const double rounded = near + std::copysign(0.5, near);
+      // Only what is no number differs from itself.
       whole[i] = static_cast<std::int32_t>(value == value ? rounded : no_number);
     }
     std::int32_t here = 0;
@@ -109,6 +112,7 @@ std::int64_t limit_values(std::int64_t n, std::int16_t* to, ValueOf&& value_of) 
 template <typename T>
 std::int64_t convert_unchanged(const T* values, std::int16_t* to, std::int64_t n) {
   if constexpr (std::is_floating_point_v<T>) {
+    // Whole numbers wider than 16 bits are limited without a detour over floats.
     return limit_values(n, to, [values](std::int64_t i) { return double{values[i]}; });
   } else {
     std::int64_t n_limited = 0;
@@ -160,10 +164,12 @@ std::uint64_t whole_chunks(std::uint64_t wanted, std::uint64_t chunk, std::uint6
 
 tile usual_tile(const hdf_layout& layout, std::uint64_t element, std::uint64_t bytes) {
   tile t;
+  // A band of whole chunk rows: no chunk is unpacked twice.
   const std::uint64_t band = layout.chunk_rows * layout.columns * element;
   if (band <= bytes || layout.columns <= layout.chunk_columns) {
     t.n_columns = layout.columns;
     t.n_rows = whole_chunks(bytes / (layout.columns * element), layout.chunk_rows, layout.rows);
+    // Bands too large for memory are cut, again at whole chunks.
   } else {
     t.n_rows = std::min(layout.chunk_rows, layout.rows);
     t.n_columns = whole_chunks(bytes / (t.n_rows * element), layout.chunk_columns, layout.columns);
@@ -190,6 +196,7 @@ bool read_tile(sample_reader& r, const tile& t, hid_t type, hid_t memory_space, 
   const auto start = std::chrono::steady_clock::now();
   const bool read = select_tile(r, t) &&
                     H5Dread(r.dataset, type, memory_space, r.file_space, H5P_DEFAULT, to) >= 0;
+  // Taken at once: the next call of the library would overwrite it.
   if (!read) r.result.problem = hdf_problem();
   r.result.read_seconds += seconds_since(start);
   return read;
@@ -205,6 +212,7 @@ bool read_in_place(sample_reader& r, const tile& t) {
   voltage_store& vd = r.session.recording.vd;
   const auto channel = static_cast<std::int32_t>(t.row) + 1;
   std::int16_t* to = vd.channel(channel) + first_index(r, t);
+  // The distance of two channels in memory is the length of a row to the library.
   const auto stride = static_cast<hsize_t>(vd.channel(2) - vd.channel(1));
   const hsize_t size[2] = {t.n_rows, stride}, start[2] = {0, 0}, count[2] = {t.n_rows, t.n_columns};
   const hdf_id memory(H5Screate_simple(2, size, nullptr));
@@ -259,6 +267,7 @@ void store_points(sample_reader& r, const tile& t, const T* values, std::int16_t
   // Blocks of whole squares, several per thread.
   const std::int32_t n_threads = threads_now(r.session);
   const std::uint64_t share = t.n_rows / (4 * static_cast<std::uint64_t>(n_threads)) + 1;
+  // In 32s, as samples are spread by lines of the cache.
   const std::uint64_t block = (share + 31) / 32 * 32;
   const std::uint64_t n_blocks = (t.n_rows - 1) / block + 1;
   std::vector<std::int64_t> limited(n_blocks, 0);
@@ -338,6 +347,7 @@ void read_buffered(sample_reader& r, std::int32_t bar_from) {
 bool rows_stay(const sample_reader& r) {
   if (!r.layout.channels_first || r.plan.read_as != hdf_conversion::values::bits) return false;
   for (std::size_t i = 0; i < r.channels.target.size(); ++i) {
+    // A configuration that moves a single channel needs the buffers.
     if (r.channels.target[i] != static_cast<std::int32_t>(i) + 1) return false;
   }
   return true;
@@ -361,6 +371,7 @@ bool describe_hdf_layout(hid_t dataset, hdf_layout& layout) {
     case H5D_CHUNKED:
       layout.words = "chunked layout";
       if (H5Pget_chunk(creation, layout.rank, chunk) != layout.rank) return false;
+      // A chunk may be larger than the dataset, and must not be 0.
       layout.chunk_rows = std::clamp<std::uint64_t>(chunk[0], 1, layout.rows);
       if (layout.rank == 2) {
         layout.chunk_columns = std::clamp<std::uint64_t>(chunk[1], 1, layout.columns);
@@ -375,6 +386,7 @@ bool describe_hdf_layout(hid_t dataset, hdf_layout& layout) {
     default:
       return false;
   }
+  // No recording has more channels than samples; equal numbers count as channels first.
   layout.channels_first = layout.rows <= layout.columns;
   const auto [smaller, larger] = std::minmax(layout.rows, layout.columns);
   // The margin after the last sample must be countable, too.
@@ -396,10 +408,12 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   const double wanted =
       element * static_cast<double>(layout.n_channels) * static_cast<double>(layout.n_samples);
   const bool packed = kind == H5D_CHUNKED || kind == H5D_VIRTUAL;
+  // Contiguous samples take their own size; packed ones may be much smaller.
   if (wanted > there * (packed ? greatest_compression : 1.0)) {
     words = fmt::format("The dataset claims {:.0f} MB, more than its file can hold", wanted / 1e6);
     return false;
   }
+  // Samples that were never written would read as the fill value.
   if (kind != H5D_VIRTUAL && H5Dget_storage_size(dataset) == 0) {
     words = "The dataset holds no samples";
     return false;
@@ -408,6 +422,7 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   if (kind != H5D_CHUNKED || H5Pget_chunk(creation, 2, chunk) < 1) return true;
   double chunk_bytes = element;
   for (int i = 0; i < layout.rank; ++i) chunk_bytes *= static_cast<double>(chunk[i]);
+  // One chunk is unpacked whole, however little of it is wanted.
   if (chunk_bytes <= std::max(64e6, there * greatest_compression)) return true;
   words = "The chunks of the dataset are larger than its file can fill";
   return false;
@@ -427,8 +442,10 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
       return false;
     }
     narrow = size <= 2;
+    // Only what 16 bits hold is read as bits.
     const bool fits = size == 1 || (size == 2 && is_signed);
     plan.read_as = fits ? hdf_conversion::values::bits : hdf_conversion::values::integers;
+    // Singles would lose digits of such numbers.
     if (size == 8 || (size == 4 && !is_signed)) plan.read_as = hdf_conversion::values::doubles;
   } else if (kind == H5T_FLOAT && (size == 2 || size == 4 || size == 8)) {
     plan.read_as = size == 8 ? hdf_conversion::values::doubles : hdf_conversion::values::singles;
@@ -440,6 +457,7 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
   const hdf_scaling& scaling = selection.scaling;
   const auto n = static_cast<std::size_t>(layout.n_channels);
   double gain = 1;
+  // Wide values become bits of the chosen scale; narrow ones are bits already.
   if (!narrow && scaling.uv_per_value != 0) gain = scaling.uv_per_value / selection.scale;
   // The scale was typed or printed with a few figures.
   if (std::fabs(gain - 1) < 1e-7) gain = 1;
@@ -447,6 +465,7 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
   plan.shift.assign(n, scaling.offset * 1e6 / selection.scale);
   if (scaling.channel_conversion.size() == n) {
     for (std::size_t c = 0; c < n; ++c) {
+      // Relative to the first channel, whose scale is that of the recording.
       plan.gain[c] *= scaling.channel_conversion[c] / scaling.channel_conversion.front();
     }
   }
@@ -457,6 +476,7 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
   const bool gains = std::any_of(plan.gain.begin(), plan.gain.end(), differs_from(1));
   const bool shifts = std::any_of(plan.shift.begin(), plan.shift.end(), differs_from(0));
   plan.changes = gains || shifts;
+  // A gain needs more room than bits have until the result is limited.
   if (plan.changes && plan.read_as == hdf_conversion::values::bits) {
     plan.read_as = hdf_conversion::values::integers;
   }
@@ -481,6 +501,7 @@ hdf_read_result read_hdf_samples(session_state& session, hid_t dataset, const hd
                   hdf_id(H5Dget_space(dataset)),
                   {}};
   if (!r.file_space.ok()) return r.result;
+  // The fast way, where the file stands as vd does.
   if (rows_stay(r)) {
     read_tiles(r, usual_tile(layout, sizeof(std::int16_t), direct_tile_bytes), bar_from,
                [&](const tile& t) { return read_in_place(r, t); });

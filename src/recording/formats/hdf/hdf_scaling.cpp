@@ -44,6 +44,7 @@ bool make_row_type(hid_t file_type, hdf_id& memory) {
     const H5T_class_t kind =
         index < 0 ? H5T_NO_CLASS : H5Tget_member_class(file_type, static_cast<unsigned>(index));
     const bool usable = kind == H5T_INTEGER || kind == H5T_FLOAT;
+    // Optional members are left out where they are of another kind.
     if (!usable && m.needed) return false;
     if (usable && H5Tinsert(memory, m.name, m.offset, H5T_NATIVE_DOUBLE) < 0) return false;
   }
@@ -64,6 +65,7 @@ std::vector<info_row> read_info_rows(hdf_file& in, const std::string& place) {
   }
   hsize_t n = 0;
   H5Sget_simple_extent_dims(space, &n, nullptr);
+  // Rows beyond the limit could stand for no channel.
   n = std::min(n, info_row_limit);
   const hsize_t start = 0;
   const hdf_id memory_space(H5Screate_simple(1, &n, nullptr));
@@ -83,6 +85,7 @@ double scale_of(const info_row& row) { return row.factor * std::pow(10.0, row.ex
 void note_ad_zero(hdf_scaling& scaling, const std::vector<info_row>& rows) {
   const auto zero = [](const info_row& row) { return row.ad_zero == 0; };
   if (std::all_of(rows.begin(), rows.end(), zero)) return;
+  // By the number of the row, and not by its place in the list.
   scaling.ad_zero.assign(rows.size(), 0.0);
   for (const info_row& row : rows) {
     const auto n = static_cast<double>(rows.size());
@@ -95,6 +98,7 @@ void apply_info_channel(hdf_scaling& scaling, const std::string& place,
                         const std::vector<info_row>& rows) {
   const info_row& first = rows.front();
   scaling.info_channel = place;
+  // Held to two seconds; what is below a microsecond is no rate.
   const auto tick = static_cast<std::int64_t>(std::clamp(first.tick, 0.0, 2e6));
   if (tick > 0) {
     scaling.has_rate = true;
@@ -130,6 +134,7 @@ std::vector<double> read_channel_conversion(hdf_file& in, const std::string& pla
     return {};
   }
   const auto usable = [](double v) { return std::isfinite(v) && v != 0; };
+  // A single bad factor spoils the list: channels would differ by it.
   return std::all_of(values.begin(), values.end(), usable) ? values : std::vector<double>();
 }
 
@@ -150,6 +155,7 @@ bool rate_of_timestamps(hdf_file& in, const std::string& place, double& rate) {
   hsize_t n = 0;
   if (!space.ok() || !type.ok() || H5Tget_class(type) != H5T_FLOAT ||
       H5Sget_simple_extent_ndims(space) != 1 || H5Sget_simple_extent_dims(space, &n, nullptr) < 0 ||
+      // Two values are enough, but a chunk of a hostile file may be huge.
       n < 2 || !cheap_to_look_at(dataset)) {
     return false;
   }
@@ -170,6 +176,7 @@ void apply_attributes(hdf_scaling& scaling, hdf_file& in, const std::string& dat
   if (read_hdf_number(in, dataset, "conversion", scaling.conversion)) {
     scaling.has_conversion = std::isfinite(scaling.conversion) && scaling.conversion != 0;
   } else {
+    // Older files name the unit and give no factor.
     scaling.has_conversion = read_hdf_text(in, dataset, "unit") == "volts";
   }
   if (!scaling.has_conversion) {
@@ -186,6 +193,7 @@ void apply_attributes(hdf_scaling& scaling, hdf_file& in, const std::string& dat
   scaling.has_scale = true;
   scaling.scale = scaling.uv_per_value;
   const bool usable = scaling.scale > 0 && scaling.scale <= largest_scale;
+  // A scale beyond what the dialog takes is one of floats in volts: they get one that fits.
   if (!usable && class_of_dataset(in, dataset) == H5T_FLOAT) scaling.scale = floating_point_scale;
 }
 
@@ -201,6 +209,7 @@ hdf_scaling find_hdf_scaling(hdf_file& in, const std::string& place) {
     const std::vector<info_row> rows = read_info_rows(in, info);
     if (!rows.empty()) apply_info_channel(scaling, info, rows);
   }
+  // One source is enough, and this one is of the recorder itself.
   if (!scaling.info_channel.empty()) return scaling;
   const std::string start = hdf_place_below(group, "starting_time");
   if (kind_of_hdf_object(in, start) == hdf_kind::dataset) {

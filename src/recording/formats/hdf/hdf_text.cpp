@@ -40,6 +40,7 @@ std::string trimmed_text(std::string text) {
   if (zero != std::string::npos) text.resize(zero);
   const std::size_t last = text.find_last_not_of(" \t\r\n");
   text.resize(last == std::string::npos ? 0 : last + 1);
+  // Cut after trimming, so that padding does not use up the room.
   if (text.size() > shown_characters) text = text.substr(0, shown_characters) + " ...";
   return text;
 }
@@ -74,6 +75,7 @@ texts floats(const value_source& from, hid_t type, std::size_t n, const char* un
 
 // Names of an enumeration; a value without one is shown as it is.
 texts enumerated(const value_source& from, hid_t type, std::size_t n) {
+  // In the machine's own order, so that the bytes can be shown.
   const hdf_id native(H5Tget_native_type(type, H5T_DIR_ASCEND));
   const std::size_t size = native.ok() ? H5Tget_size(native) : 0;
   if (size == 0 || size > 8) return unreadable();
@@ -83,6 +85,7 @@ texts enumerated(const value_source& from, hid_t type, std::size_t n) {
   for (std::size_t i = 0; i < std::min(n, shown_values); ++i) {
     char name[200] = "";
     if (H5Tenum_nameof(native, values.data() + i * size, name, sizeof name) < 0) {
+      // Little-endian: the low bytes of the value are the first.
       std::uint64_t value = 0;
       std::copy_n(values.data() + i * size, size, reinterpret_cast<char*>(&value));
       shown.push_back(fmt::format("{}", value));
@@ -104,6 +107,7 @@ texts variable_texts(const value_source& from, hid_t type, std::size_t n) {
     shown.push_back(values[i] == nullptr ? std::string() : trimmed_text(values[i]));
   }
   const hdf_id space = from.space();
+  // Texts of the library's own allocation go back to it, shown or not.
   if (read && space.ok()) H5Dvlen_reclaim(memory, space, H5P_DEFAULT, values.data());
   return read ? shown : unreadable();
 }
@@ -113,6 +117,7 @@ texts strings(const value_source& from, hid_t type, std::size_t n) {
   if (variable < 0) return {"unidentified attribute type"};
   if (variable > 0) return variable_texts(from, type, n);
   const std::size_t size = H5Tget_size(type);
+  // The product is not formed before it is known to be small.
   if (size == 0 || size > element_limit || n > (std::size_t{4} << 20) / size) {
     return {"text too long to show"};
   }
@@ -177,6 +182,7 @@ bool select_corner(hid_t dataset, corner& part) {
   if (rank < 0 || rank > H5S_MAX_RANK || points <= 0) return false;
   hsize_t size[H5S_MAX_RANK] = {}, start[H5S_MAX_RANK] = {}, count[H5S_MAX_RANK] = {};
   H5Sget_simple_extent_dims(part.file_space, size, nullptr);
+  // One of every index but the last two.
   std::fill_n(count, rank, 1);
   if (rank > 0) count[rank - 1] = std::min(size[rank - 1], shown_columns);
   if (rank > 1) count[rank - 2] = std::min(size[rank - 2], shown_rows);
@@ -283,6 +289,7 @@ bool cheap_to_look_at(hid_t dataset) {
   const int rank = H5Pget_chunk(creation, H5S_MAX_RANK, chunk);
   hsize_t bytes = H5Tget_size(type);
   for (int i = 0; i < rank; ++i) {
+    // Each factor by itself first, so that the product cannot overflow.
     if (chunk[i] > browse_limit) return false;
     bytes *= chunk[i];
     if (bytes > browse_limit) return false;

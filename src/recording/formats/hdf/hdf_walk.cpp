@@ -50,6 +50,7 @@ void fill_edits(hdf_walk& walk) {
   walk.filled_from = scaling.info_channel;
   log_message(walk.session,
               fmt::format("Setting vscale_HP={}; SampleFrequency={}", walk.scale, walk.rate));
+  // Once is enough, however often the user passes the place.
   if (scaling.variable_gains && !walk.gains_told) {
     log_message(walk.session, "**** Variable gains for channels! *****");
     walk.gains_told = true;
@@ -77,6 +78,7 @@ void move_to(hdf_walk& walk, const std::string& place, hdf_page& page) {
     report_refused_file(walk);
     return;
   }
+  // Only now: a place that cannot be shown leaves the walk where it was.
   walk.folder = place;
   page = std::move(next);
   fill_edits(walk);
@@ -134,6 +136,7 @@ void describe_entry(hdf_file& in, hdf_entry& entry) {
   double rate = 0, scale = 0;
   const bool two = H5Sget_simple_extent_ndims(space) == 2;
   entry.may_be_data =
+      // With a rate and a scale that pass, only the dimensions are asked about.
       two && holds_numbers(type) && check_hdf_choice(dimensions, "1000", "1", rate, scale).empty();
   if (!entry.may_be_data) return;
   const hdf_scaling scaling = find_hdf_scaling(in, entry.place);
@@ -145,12 +148,14 @@ void describe_entry(hdf_file& in, hdf_entry& entry) {
 
 void list_below(tree_listing& tree, const std::string& place, int depth) {
   for (const hdf_member& member : list_hdf_members(tree.in, place)) {
+    // A list that long is for no reader; the limit also ends endless files.
     if (tree.entries.size() >= entry_limit) return;
     hdf_entry entry;
     entry.place = hdf_place_below(place, member.name);
     entry.type = member.type;
     entry.leads_to = member.leads_to;
     const bool followed = member.type != "link";
+    // An object that is linked to twice is listed at its first place.
     const bool is_new =
         followed && tree.seen.insert(identity_of_hdf_object(tree.in, entry.place)).second;
     if (is_new && member.type == "dataset") describe_entry(tree.in, entry);
@@ -158,6 +163,7 @@ void list_below(tree_listing& tree, const std::string& place, int depth) {
     const std::string below = entry.place;
     if (is_new || !followed) tree.entries.push_back(std::move(entry));
     const bool wanted = tree.extent == hdf_tree_extent::all || below != "/specifications";
+    // Depth is bounded, or links could exhaust the stack.
     if (is_group && wanted && depth < depth_limit) {
       list_below(tree, below, depth + 1);
     }
@@ -199,6 +205,7 @@ std::string check_hdf_choice(const hdf_dimensions& dimensions, const std::string
                              const std::string& scale_text, double& rate, double& scale) {
   const auto [smaller, larger] = std::minmax(dimensions.first, dimensions.second);
   if (larger < fewest_samples || smaller < 1 || smaller > channel_limit) return bad_dimensions;
+  // The limits of the dialog, narrower than those of a recording.
   if (!parse_number(rate_text, rate) || !(rate >= 200 && rate <= 100000)) return bad_rate;
   if (!parse_number(scale_text, scale) || !(scale >= 0 && scale <= 1000)) return bad_scale;
   return {};

@@ -31,6 +31,7 @@ std::string take_wide_text(byte_cursor& in) {
   if (length == 0xFFFFFFFFu) return {};
   const std::string_view wide = take_text(in, length);
   std::string text;
+  // Texts have two bytes to a character, and a last odd one is left out.
   for (std::size_t i = 0; i + 1 < wide.size(); i += 2) text += wide[i];
   return text;
 }
@@ -64,6 +65,7 @@ void set_block_size(rhd_header& header, std::int64_t n_digital_words) {
   header.n_digital_words = n_digital_words;
   header.block_bytes =
       S * sample_number_bytes +
+      // Auxiliary inputs are sampled at a quarter of the rate, supplies once a block.
       2 * (n[rhd_amplifier] * S + n[rhd_auxiliary] * (S / 4) + n[rhd_supply] +
            std::max(header.n_temperature, 0) + n[rhd_board_adc] * S + n_digital_words * S);
 }
@@ -82,8 +84,10 @@ bool read_header(session_state& session, const input_file& file, rhd_header& hea
     }
     take_rest(in, header);
     if (!in.failed) break;
+    // The whole file, or far more than any header, did not do.
     if (bytes >= file.size || bytes >= most_bytes) return refuse_file(session, "Early end to file");
   }
+  // Blocks grew with version 2.
   header.samples_per_block = header.version_tenths < 20 ? 60 : 128;
   const bool has_digital = header.n_enabled[rhd_digital_in] + header.n_enabled[rhd_digital_out] > 0;
   set_block_size(header, has_digital ? 1 : 0);
@@ -119,6 +123,7 @@ bool numbers_run_on(const input_file& file, const rhd_header& header) {
   std::int32_t first = 0, second = 0;
   return read_at(file, header.first_block, &first, sizeof first) &&
          read_at(file, header.first_block + header.block_bytes, &second, sizeof second) &&
+         // In 64 bits: the numbers may be at either end of 32.
          std::int64_t{second} - first == header.samples_per_block;
 }
 
@@ -132,6 +137,7 @@ void settle_digital_words(const session_state& session, const input_file& file,
   if (numbers_run_on(file, header)) {
     log_message(session, "Digital inputs and outputs stand in stretches of their own");
   } else {
+    // Neither fits: the usual layout stands.
     set_block_size(header, 1);
   }
 }
@@ -155,6 +161,7 @@ bool read_blocks(session_state& session, const input_file& file, const rhd_heade
     const std::int64_t first = g * in_group;
     const std::int64_t n = std::min(in_group, n_blocks - first);
     std::vector<char>& buffer = buffers[static_cast<std::size_t>(rank)];
+    // Whole blocks, so that no channel's stretch is cut.
     buffer.resize(static_cast<std::size_t>(n * header.block_bytes));
     const std::int64_t at = header.first_block + first * header.block_bytes;
     if (!read_at(file, at, buffer.data(), std::ssize(buffer))) {
@@ -176,6 +183,7 @@ bool read_blocks(session_state& session, const input_file& file, const rhd_heade
 // How the file ends: after a block, or inside one.
 void log_end(const session_state& session, const input_file& file, const rhd_header& header) {
   const std::int64_t rest = (file.size - header.first_block) % header.block_bytes;
+  // A few spare bytes are nothing; samples that lack their block are told.
   const bool inside_samples = rest >= sample_number_bytes * header.samples_per_block;
   log_message(session, inside_samples ? "Error or end of file" : "Expected end of file");
 }
@@ -203,6 +211,7 @@ void read_rhd_signal_group(byte_cursor& in, rhd_header& header) {
     const bool channel_is_enabled = take_i16(in) == 1;
     skip_bytes(in, 20);
     const bool known = signal >= 0 && signal < rhd_n_signals;
+    // Signals of unknown kinds have no room in a block.
     if (known && channel_is_enabled) ++header.n_enabled[static_cast<std::size_t>(signal)];
   }
 }
@@ -222,6 +231,7 @@ void read_rhd_block(session_state& session, const rhd_header& header,
       for (std::size_t i = 0; i < run_bytes; i += sizeof middles) {
         std::uint64_t four = 0;
         std::memcpy(&four, from + i, sizeof four);
+        // The top bit turned: the middle of the unsigned range becomes 0.
         four ^= middles;
         std::memcpy(reinterpret_cast<char*>(to) + i, &four, sizeof four);
       }

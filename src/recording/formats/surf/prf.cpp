@@ -53,6 +53,7 @@ bool end_early(const session_state& session) { return refuse_file(session, "Earl
 
 void set_epoch_code(recording_store& r, std::int32_t epoch, const std::string& name) {
   char* code = r.epoch_code[epoch];
+  // Unknown names have a code of their own, which is no one's.
   code[0] = ' ';
   code[1] = '?';
   for (const stimulus_name& known : stimulus_names) {
@@ -85,6 +86,7 @@ bool read_header(session_state& session, prf_walk& walk) {
   if (!place_sites_of_polytrode(session, polytrode)) return false;
   in = walk.next(4 * std::int64_t{n_channels} + 4);
   for (std::int32_t c = 1; c <= n_channels; ++c) {
+    // Channels that the file has switched off take no part.
     if (take_i32(in) != 0) r.chan_mask[c] = true;
   }
   r.n_epochs = take_i32(in);
@@ -92,6 +94,7 @@ bool read_header(session_state& session, prf_walk& walk) {
   log_message(session, fmt::format("Epochs={}", r.n_epochs));
   if (r.n_epochs >= 1 && r.n_epochs <= epoch_limit) return true;
   const std::string problem = fmt::format("# of epochs in file is {}", r.n_epochs);
+  // One epoch, so that nothing later counts on what is not there.
   r.n_epochs = 1;
   return refuse_file(session, problem);
 }
@@ -109,6 +112,7 @@ bool read_epoch_samples(session_state& session, const prf_walk& walk, std::int32
     for (std::int64_t done = 0; done < bytes && !failed && !interrupted; done += piece) {
       const std::int64_t from = walk.at + (c - 1) * bytes + done;
       if (!read_at(walk.file, from, to + done, std::min(piece, bytes - done))) failed = true;
+      // Only the thread of the operation polls.
       if (rank == 0) reading_interrupted(session);
     }
   });
@@ -138,6 +142,7 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
   const auto n = take_value<std::int64_t>(in);
   if (in.failed) return end_early(session);
   log_message(session, "Name of epoch is " + name);
+  // Divided and not multiplied: a count of a damaged file must not overflow.
   if (n < 0 || n > (walk.file.size - walk.at) / (2 * std::int64_t{r.n_channels})) {
     log_message(session, fmt::format("# of samples in epoch is {}", n));
     return end_early(session);
@@ -147,6 +152,7 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
   r.epoch_name[epoch] = name;
   set_epoch_code(r, epoch, name);
   describe_epoch(session, epoch);
+  // Asked before the epoch is stored: room was made for the whole file and its blanks.
   if (total + n > r.max_vd_samples) {
     return refuse_file(session,
                        fmt::format("The epochs hold more than {} samples", r.max_vd_samples));
@@ -155,6 +161,7 @@ bool read_epoch(session_state& session, prf_walk& walk, std::int32_t epoch, std:
     return session.operation.reading_interrupted ? false : end_early(session);
   }
   walk.at += 2 * n * r.n_channels;
+  // A second of zeros stands between two epochs.
   total += r.sampling_frequency + n;
   set_progress(session, meter::reading,
                static_cast<std::int32_t>(100 * walk.at / std::max<std::int64_t>(walk.file.size, 1)),
@@ -190,6 +197,7 @@ bool read_prf(session_state& session, const recording_request& request) {
   // Blank seconds stand between the epochs, however short these are.
   constexpr std::int64_t room_for_blanks = 5'000'000;
   const std::int64_t stored = file.size / (2 * std::int64_t{r.n_channels});
+  // The epochs themselves are not known yet.
   if (!allocate_recording(session, stored + room_for_blanks)) return false;
   std::int64_t total = 0;
   for (std::int32_t e = 1; e <= r.n_epochs; ++e) {

@@ -28,6 +28,7 @@ float scale_of(const surf_layout& layout) {
 // The layout of spikes: the first of its kind. Null when there is none.
 const surf_layout* find_spike_layout(const surf_file& surf) {
   for (const surf_layout& layout : surf.layouts) {
+    // A recording has one set of spike channels.
     if (layout.kind == 'S') return &layout;
   }
   return nullptr;
@@ -60,6 +61,7 @@ bool take_layout(session_state& session, const surf_layout& layout) {
 // Samples from the recording's start to a stamp; for a stamp beyond any recording a count
 // beyond any recording.
 std::int64_t samples_to(const recording_store& r, std::int64_t timestamp) {
+  // Above it the product with the rate would leave 64 bits.
   constexpr std::int64_t far = std::int64_t{1} << 40;
   return std::clamp(timestamp, -far, far) * r.sampling_frequency / 1'000'000;
 }
@@ -75,9 +77,11 @@ bool count_samples(session_state& session, const surf_file& surf, const surf_lay
     stored += block.n_values / r.n_channels;
     if (last == nullptr || block.timestamp > last->timestamp) last = &block;
   }
+  // Without a block of the layout there is nothing to read.
   if (last == nullptr || last->timestamp < 0) return check_sample_count(session, 0);
   const std::int64_t n_samples = samples_to(r, last->timestamp - 1) + 1 + last->n_values;
   const std::int64_t minute = std::int64_t{60} * r.sampling_frequency;
+  // A minute and a hundredfold: pauses may be long, but not without end.
   if (n_samples > 100 * stored + last->n_values + minute) {
     return refuse_file(session,
                        fmt::format("The time stamps of the file span {} samples, of which it "
@@ -95,6 +99,7 @@ void store_block(recording_store& r, const std::vector<std::int16_t>& values, st
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const std::int16_t* from = values.data() + n * static_cast<std::size_t>(c - 1);
     std::int16_t* to = r.vd.channel(c) + index;
+    // Twelve bits, unsigned, with 0 V in the middle.
     for (std::size_t i = 0; i < n; ++i) to[i] = static_cast<std::int16_t>(from[i] - mid_scale);
   }
 }
@@ -111,8 +116,10 @@ bool read_spike_blocks(session_state& session, const input_file& file, const sur
     if (!is_spike_block(surf, block, layout)) continue;
     const std::int64_t index = samples_to(r, block.timestamp) + 1;
     const std::int64_t n = block.n_values / r.n_channels;
+    // Gaps stay zero, as they were allocated.
     if (index > next) log_message(session, "Error: Missing short record in file");
     next = std::max(next, index + n);
+    // A block that does not fit whole is left out whole.
     if (block.timestamp < 0 || index + n - 1 > r.max_vd_samples) {
       if (!exceeded) log_message(session, "HP Data in file exceeded max possible");
       exceeded = true;
@@ -153,6 +160,7 @@ std::vector<lfp_channel> list_lfp_channels(session_state& session, const surf_fi
   std::vector<lfp_channel> channels(surf.layouts.size());
   for (std::size_t i = 0; i < channels.size(); ++i) {
     const surf_layout& layout = surf.layouts[i];
+    // Others have a place in the list, so that numbers of probes stay those of the file.
     if (layout.kind == 'C') channels[i].layout = &layout;
     lfp.sites.push_back(layout.kind == 'C' ? decode_lfp_site(session, layout.description) : -1);
     if (layout.kind != 'C' || lfp.vscale_LFP != 0) continue;
@@ -170,7 +178,9 @@ void check_pause(const session_state& session, lfp_channel& channel, const surf_
   const std::int64_t duration = std::int64_t{block.n_values} * 1'000'000 / rate;
   const std::int64_t since = channel.last_timestamp;
   channel.last_timestamp = block.timestamp;
+  // The first block has none before it, and a stamp that runs back tells nothing.
   if (since < 0 || block.timestamp < since) return;
+  // Long blocks are no pauses.
   if (block.timestamp - since <= std::max(longest_step, duration)) return;
   log_message(session, fmt::format("Warning: pause in file at t={:.3f} secs",
                                    static_cast<double>(since) / 1e6));
@@ -187,6 +197,7 @@ bool read_lfp_blocks(session_state& session, const input_file& file, const surf_
     check_pause(session, channels[probe], block);
     std::vector<std::int16_t>& samples = lfp.samples[probe];
     const std::size_t before = samples.size();
+    // A bound for channels of files that never end.
     if (before + static_cast<std::size_t>(block.n_values) > most_samples) {
       if (!exceeded) log_message(session, "LFP Data in file exceeded max possible");
       exceeded = true;
@@ -225,6 +236,7 @@ bool place_sites_of_polytrode(session_state& session, const std::string& name) {
     r.chan_x[c] = map->sites[static_cast<std::size_t>(c - 1)].x;
     r.chan_y[c] = map->sites[static_cast<std::size_t>(c - 1)].y;
   }
+  // Grounded sites record nothing of the brain.
   for (const std::int32_t c : map->grounded) {
     if (c <= r.n_channels) r.chan_mask[c] = true;
   }

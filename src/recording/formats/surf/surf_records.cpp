@@ -33,6 +33,7 @@ enum class record_end { good, unknown, cut_off, refused };
 std::string take_counted_text(byte_cursor& in) {
   const std::size_t length = take_value<std::uint8_t>(in);
   constexpr std::size_t width = 255;
+  // Texts have one length byte and a fixed field.
   return legible_text(take_text(in, width).substr(0, length));
 }
 
@@ -68,10 +69,12 @@ record_end take_layout(surf_walk& walk) {
   skip_to(318);
   layout.description = take_counted_text(in);
   layout.electrode = take_counted_text(in);
+  // Layouts of that program have other fields.
   if (layout.program_major < oldest_program) {
     log_message(walk.session, "Old version surf file");
     return record_end::refused;
   }
+  // More layouts are read past: their probes have no place.
   if (walk.surf.layouts.size() < most_layouts) walk.surf.layouts.push_back(layout);
   walk.at += layout_bytes;
   return record_end::good;
@@ -86,6 +89,7 @@ record_end take_block(surf_walk& walk, std::vector<surf_block>& blocks) {
   skip_bytes(in, 2 + 4);  // padding, check sum
   block.n_values = take_i32(in);
   block.at = walk.at + block_header_bytes;
+  // The size is tested against the file before anything is made of it.
   const bool whole = !in.failed && block.n_values >= 0 &&
                      2 * std::int64_t{block.n_values} <= walk.file.size - block.at;
   if (!whole) return record_end::cut_off;
@@ -102,6 +106,7 @@ record_end take_message(surf_walk& walk) {
   const std::int64_t text_at = walk.at + message_header_bytes;
   if (in.failed || length < 0 || length > walk.file.size - text_at) return record_end::cut_off;
   constexpr std::int32_t longest_line = 200;
+  // Only as much as a line of the log takes.
   const std::vector<char> text = read_block(walk.file, text_at, std::min(length, longest_line));
   log_message(walk.session, legible_text({text.data(), text.size()}));
   walk.at = text_at + length;
@@ -118,6 +123,7 @@ record_end take_display(surf_walk& walk) {
   skip_bytes(in, 8 + 2);  // date, "DS"
   const auto version = take_value<std::uint16_t>(in);
   if (in.failed) return record_end::cut_off;
+  // Later versions have another length, so the walk cannot go on.
   if (version != 100 && version != 110) return record_end::unknown;
   display.file_name = legible_text(take_text(in, version == 100 ? 16 : 64));
   skip_bytes(in, table_bytes);
@@ -129,6 +135,7 @@ record_end take_display(surf_walk& walk) {
   if (in.failed || walk.at + whole > walk.file.size) return record_end::cut_off;
   walk.at += whole;
   std::vector<stimulus_header>& headers = walk.session.recording.stimulus.headers;
+  // Beyond the limit records are counted past, and told of once.
   if (headers.size() < most_displays) {
     headers.push_back(std::move(display));
   } else if (!walk.displays_exceeded) {
@@ -177,6 +184,7 @@ bool take_header(surf_walk& walk) {
   const auto type = take_value<std::uint8_t>(in);
   skip_bytes(in, 1);
   const std::string_view name = take_text(in, 10);
+  // The clock stands at a fixed offset of the header.
   in.at = 34;
   std::int32_t created[6];  // second, minute, hour, day, month, year
   for (std::int32_t& field : created) field = take_value<std::uint16_t>(in);
@@ -195,6 +203,7 @@ bool take_header(surf_walk& walk) {
 // Descriptor blocks tell of record types and carry nothing to read.
 void skip_descriptors(surf_walk& walk) {
   char first = 0;
+  // The first byte alone tells a descriptor from a record.
   while (read_at(walk.file, walk.at, &first, 1) && first == 2) walk.at += descriptor_bytes;
 }
 
@@ -206,6 +215,7 @@ bool parse_surf_file(session_state& session, const input_file& file, surf_file& 
   if (!take_header(walk)) return false;
   skip_descriptors(walk);
   char code[2];
+  // Fewer than two bytes at the end are no record.
   while (read_at(file, walk.at, code, sizeof code)) {
     set_progress(session, meter::reading, static_cast<std::int32_t>(bar_to * walk.at / file.size),
                  115);
@@ -213,6 +223,7 @@ bool parse_surf_file(session_state& session, const input_file& file, surf_file& 
     const std::string_view text(code, sizeof code);
     const record_end end = take_record(walk, text);
     if (end == record_end::good) continue;
+    // A file of another program is refused as a whole; a cut one keeps what was read.
     if (end == record_end::refused) return false;
     if (end == record_end::cut_off) {
       log_message(session, "Early end to file");
