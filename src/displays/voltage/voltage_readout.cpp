@@ -26,6 +26,7 @@ struct nearest_place {
 
   void offer(std::int32_t new_distance, std::int32_t new_channel, std::int32_t new_index,
              float new_bits) {
+    // Strictly nearer: the first of equal places.
     if (new_distance < distance) *this = {new_distance, new_channel, new_index, new_bits};
   }
 };
@@ -40,6 +41,7 @@ column_run columns_at_pointer(const session_state& session, const voltage_layout
   column_run run;
   for (std::int32_t k = 2; k <= layout.n_columns; ++k) {
     const std::int32_t away = layout.margin + k - 2 - session.view.vd_mouse_x;
+    // Strictly: at a scale of one pixel only the column under the pointer.
     if (!(static_cast<float>(std::abs(away)) < layout.time_scale)) continue;
     if (run.last < run.first) run.first = k;
     run.last = k;
@@ -59,6 +61,7 @@ void search_samples(const session_state& session, const voltage_layout& layout,
   if (run.last < run.first) return;
   const voltage_to_pixels pixels(session);
   const column_samples all = find_trace_samples(session, layout);
+  // A copy with its taps, of which only the columns of the run are kept.
   column_samples columns = all;  // those of the run alone
   columns.offset.assign(1, 0);
   columns.step.assign(1, 0);
@@ -73,6 +76,7 @@ void search_samples(const session_state& session, const voltage_layout& layout,
     const std::int32_t baseline = row_baseline(layout, row);
     for (std::int32_t k = run.first; k <= run.last; ++k) {
       const float bits = values[k - run.first + 1];
+      // By pixels, as the user sees it, and not by voltage.
       const std::int32_t away = std::abs(pixels.y(baseline, bits) - session.view.vd_mouse_y);
       nearest.offer(away, channel, index_of_column(layout, k), bits);
     }
@@ -86,6 +90,7 @@ void search_peaks(const session_state& session, const voltage_layout& layout,
   if (k < 1 || k > layout.n_columns) return;
   const peak_columns columns = find_peak_columns(layout);
   const std::int64_t first = columns.begin[k], last = columns.begin[k + 1] - 1;
+  // A column beyond the end of the recording has no samples.
   if (last < first) return;
   const voltage_to_pixels pixels(session);
   for (std::int32_t row = layout.first_row; row <= layout.last_row; ++row) {
@@ -103,6 +108,7 @@ void search_peaks(const session_state& session, const voltage_layout& layout,
 // To one decimal, halves upwards; far below zero the last digit is cut instead.
 float rounded_microvolts(float v) {
   const float tenths = std::clamp(v * 10.0f + 10000.5f, -2e9f, 2e9f);
+  // Raised first, so that the cut is downwards for all voltages that a recording has.
   return static_cast<float>(static_cast<std::int32_t>(tenths)) / 10.0f - 1000.0f;
 }
 
@@ -126,6 +132,7 @@ void draw_values(QPainter& painter, const voltage_reading& reading) {
 // the stored record in an event-based recording.
 double minutes_of_index(const session_state& session, std::int32_t index, std::int32_t channel) {
   const recording_store& r = session.recording;
+  // A slot on the time axis tells nothing of real time there.
   if (!r.is_continuous && !session.preferences.treat_as_continuous) {
     return static_cast<double>(event_record_time_ms(session, index, channel)) / 60000.0;
   }
@@ -146,6 +153,7 @@ voltage_reading read_voltage_at_pointer(session_state& session) {
     search_samples(session, layout, nearest);
   }
   reading.distance = nearest.distance;
+  // Fewer than four pixels away.
   reading.found = nearest.distance < nearest_counts;
   if (!reading.found) return reading;
   reading.channel = nearest.channel;

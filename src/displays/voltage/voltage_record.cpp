@@ -45,6 +45,7 @@ void mark_place(voltage_painting& p, std::int32_t x, std::int32_t y, std::uint32
 
 // Pixels of a millisecond; 0 when the rate is below one sample to the millisecond.
 float pixels_per_ms(const voltage_painting& p) {
+  // Whole samples to a millisecond, as the bar has always been drawn.
   return static_cast<float>(p.session.recording.sampling_frequency / 1000) * p.layout.time_scale;
 }
 
@@ -54,6 +55,7 @@ void draw_grid(voltage_painting& p) {
   constexpr std::int32_t top = 18;
   constexpr float closest = 2.0f;  // pixels; lines nearer than that are no grid
   const float ms = pixels_per_ms(p);
+  // Lines every millisecond would stand too close.
   const float step = ms < 10.0f ? 10.0f * ms : ms;
   if (step < closest) return;
   const std::uint32_t word = p.reversed ? 0x404040 : 0xE0E0E0;
@@ -72,6 +74,7 @@ void draw_ring(voltage_painting& p) {
   if (!view.vd_highlight_on || row == 0) return;
   const float place =
       place_of_sample(layout, view.vd_highlight_time + view.vd_lead_samples, layout.margin);
+  // The ring is drawn whole or not at all.
   if (!(place >= static_cast<float>(layout.margin + radius + 1) &&
         place < static_cast<float>(layout.trace_end - radius))) {
     return;
@@ -97,12 +100,14 @@ void draw_cluster_block(voltage_painting& p, const visible_event& shown) {
   const std::int32_t cluster = p.session.events.event_cluster[shown.event];
   const std::int32_t y = row_baseline(p.layout, shown.row);
   p.fill(shown.x - 8, y - 10, 17, 21, block_colour(p, cluster));
+  // The mark of sub-cluster 1, in a corner of its block.
   if (cluster > 0 && p.session.events.event_subcluster[shown.event] == 1) {
     p.fill(shown.x + 6, y + 7, 2, 2, white);
   }
 }
 
 void draw_event_mark(voltage_painting& p, const visible_event& shown) {
+  // Blue where the template's channel stands in for the event's own.
   const bool at_home = p.session.events.event_channel[shown.event] == shown.channel;
   const std::uint32_t word = at_home ? red : blue;
   const std::int32_t x = shown.x, y = row_baseline(p.layout, shown.row);
@@ -114,6 +119,7 @@ void draw_event_mark(voltage_painting& p, const visible_event& shown) {
 }
 
 void draw_events(voltage_painting& p, const std::vector<visible_event>& events) {
+  // Below everything else, since it only points to a place.
   draw_ring(p);
   for (const visible_event& shown : events) {
     if (p.session.display.vd_cluster_colours) {
@@ -161,6 +167,7 @@ std::int32_t peak_spans(const voltage_painting& p, const peak_columns& columns, 
   for (std::int32_t k = 1; k <= n; ++k) {
     column_span span = {pixels.y(baseline, buffers.ranges[k].greatest),
                         pixels.y(baseline, buffers.ranges[k].least)};
+    // The shorter way from the column before, so that lines do not cross the trace twice.
     if (std::abs(span.leave - last) < std::abs(span.enter - last))
       std::swap(span.enter, span.leave);
     buffers.spans[k - 1] = span;
@@ -174,6 +181,7 @@ bool draw_traces(voltage_painting& p, peak_summary* peaks) {
   const voltage_layout& layout = p.layout;
   const bool keeps = keeps_peaks(p.session);
   if (layout.n_columns == 0) return true;
+  // Without memory for the summary the samples are read, however many they are.
   if (peaks != nullptr && keeps && !prepare_peaks(*peaks, p.session)) peaks = nullptr;
   const column_samples columns = find_trace_samples(p.session, layout);
   const peak_columns borders = keeps ? find_peak_columns(layout) : peak_columns{};
@@ -185,6 +193,7 @@ bool draw_traces(voltage_painting& p, peak_summary* peaks) {
     std::int32_t n = layout.n_columns;
     if (keeps) {
       n = peak_spans(p, borders, row, peaks, buffers);
+      // Rows that could not be filled are finished in later rounds.
       complete = complete && n == layout.n_columns;
     } else {
       sampled_spans(p, columns, row, buffers);
@@ -203,6 +212,7 @@ void draw_proto_events(voltage_painting& p) {
   for (const visible_event& shown : find_visible_proto_events(
            p.session, p.layout, p.layout.margin, p.layout.margin, p.layout.trace_end)) {
     const std::int32_t t = p.session.detector.proto_mark_time[shown.event];
+    // At the sample that triggered, on the trace.
     const auto bits = static_cast<float>(p.session.recording.vd.channel(shown.channel)[t]);
     mark_place(p, shown.x, pixels.y(row_baseline(p.layout, shown.row), bits), green);
   }
@@ -218,6 +228,7 @@ std::int32_t bar_length(float pixels) {
 void draw_time_bar(voltage_painting& p) {
   constexpr float longest = 400.0f;
   const float ms = pixels_per_ms(p);
+  // As long a bar as fits, of ten, five or one.
   const std::int32_t n_ms = 10 * ms <= longest ? 10 : 5 * ms <= longest ? 5 : 1;
   const std::int32_t length = bar_length(static_cast<float>(n_ms) * ms);
   const std::int32_t end = p.layout.width - 20;
@@ -246,6 +257,7 @@ void draw_channel_numbers(voltage_painting& p) {
   std::int32_t free_from = std::numeric_limits<std::int32_t>::min();
   for (std::int32_t row = p.layout.first_row; row <= p.layout.last_row; ++row) {
     const std::int32_t y = row_baseline(p.layout, row);
+    // A number that would run into the one above is left out.
     if (y < free_from) continue;
     free_from = y + text_height;
     const std::int32_t channel = p.session.recording.chan_sort_order[row];
@@ -261,6 +273,7 @@ void draw_cluster_numbers(voltage_painting& p, const std::vector<visible_event>&
   p.painter.setPen(p.text_colour());
   for (const visible_event& shown : events) {
     const std::int32_t cluster = p.session.events.event_cluster[shown.event];
+    // An event before the left edge has its number where channels have theirs.
     if (cluster <= 0 || p.session.events.event_time[shown.event] < p.layout.first_sample) continue;
     const std::int32_t y = row_baseline(p.layout, shown.row);
     draw_text(p.painter, shown.x - (roomy ? 14 : 10), y - (roomy ? 22 : 19),
@@ -269,6 +282,7 @@ void draw_cluster_numbers(voltage_painting& p, const std::vector<visible_event>&
 }
 
 void clear_picture(voltage_painting& p) {
+  // Lines lie on pixels; smoothing would make them pale.
   p.painter.setRenderHint(QPainter::Antialiasing, false);
   p.painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
   p.fill(0, 0, p.layout.width, p.layout.height, p.reversed ? black : white);
@@ -293,6 +307,7 @@ drawn_events draw_voltage(session_state& session, QPainter& painter, peak_summar
     if (display.vd_msec_grid) draw_grid(p);
     std::vector<visible_event> events;
     if (display.vd_show_events || display.vd_cluster_numbers) {
+      // Blocks reach eight pixels to either side.
       events = find_visible_events(session, p.layout, p.layout.margin, p.layout.margin + 8,
                                    p.layout.trace_end);
     }
@@ -300,6 +315,7 @@ drawn_events draw_voltage(session_state& session, QPainter& painter, peak_summar
       draw_events(p, events);
       drawn = count_events(events);
     }
+    // After the events, so that traces run over their blocks.
     drawn.complete = draw_traces(p, peaks);
     if (display.vd_show_proto_events) draw_proto_events(p);
     draw_scale_bars(p);
