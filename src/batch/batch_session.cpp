@@ -83,6 +83,7 @@ batch_status start_console(batch_session& batch) {
   console_interface& console = batch.console;
   console.quiet = batch.options.quiet;
   console.terminal = standard_error_is_terminal();
+  // Nobody is there to be asked: one answer holds for every question.
   console.answer_yes = batch.options.answer == "yes";
   console.chosen_path = batch.options.config;
   console.hdf_path = batch.options.hdf_path;
@@ -116,6 +117,7 @@ batch_status place_channels(batch_session& batch) {
     return fail_batch(batch, fmt::format("{} maps {} channels, the recording has {}", path,
                                          n_mapped, session.recording.n_channels));
   }
+  // What the worker derived from the file's own positions is derived anew.
   compute_site_pitch(session);
   build_site_tables(session);
   sort_channels(session, usual_scan_angle);
@@ -265,6 +267,7 @@ void finish_batch(batch_session& batch) {
   session_state& session = *batch.session;
   // Without a home nothing is kept.
   if (session.home_directory.empty()) return;
+  // A run has succeeded or failed by now; its settings change nothing about that.
   if (!write_parameters(session) || !write_preferences(session)) {
     print_error("Failed to save the settings in " + session.home_directory);
   }

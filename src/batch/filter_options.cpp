@@ -101,6 +101,7 @@ std::string parse_filter(const std::string& text, planned_filter& filter) {
   const auto n_values =
       std::count_if(std::begin(filter.filter->settings), std::end(filter.filter->settings),
                     [](const char* name) { return name != nullptr; });
+  // The name and its values, no more and no fewer.
   if (static_cast<std::ptrdiff_t>(parts.size()) != n_values + 1) {
     return fmt::format("not of the form {}", filter.filter->form);
   }
@@ -152,6 +153,7 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
   for (const std::string& text : texts) {
     planned_filter filter;
     problem = parse_filter(text, filter);
+    // A chain has each filter once.
     if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
     if (!problem.empty()) {
       problem = fmt::format("--filter {}: {}", text, problem);

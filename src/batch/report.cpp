@@ -37,7 +37,6 @@ json describe_value(session_state& session, const setting_row& row, std::int32_t
 json describe_settings(session_state& session) {
   json settings = json::object();
   for (const setting_row& row : settings_table()) {
-    // A name that stands in the table twice is told once.
     if (row.address == nullptr || settings.contains(row.name)) continue;
     if (row.count == 1) {
       settings[row.name] = describe_value(session, row, 0);
@@ -119,6 +118,7 @@ std::string print_report(session_state& session, const run_report& report,
                          const std::vector<unit_row>& units) {
   double wall = 0, cpu = 0;
   for (const stage_entry& s : report.clock.stages) {
+    // Of the stages alone: what lies between them is not counted.
     wall += s.wall_seconds;
     cpu += s.cpu_seconds;
   }
@@ -136,6 +136,7 @@ std::string print_report(session_state& session, const run_report& report,
   all["peak_memory_bytes"] = peak_memory_bytes();
   all["events"] = session.events.n_events;
   all["clusters"] = session.clusters.n_clusters;
+  // As the sort left them, before any export took duplicates out.
   all["units"] = describe_units(units);
   all["settings"] = describe_settings(session);
   // Paths need not be valid UTF-8; what is not is replaced rather than refused.

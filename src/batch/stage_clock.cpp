@@ -42,6 +42,7 @@ void end_timed_stage(stage_clock& clock, const session_state& session) {
   const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - clock.wall_start;
   stage.wall_seconds = wall.count();
   stage.cpu_seconds = cpu_seconds_used() - clock.cpu_start;
+  // Read on the thread that runs the stages, between two of them.
   stage.n_events = session.events.n_events;
   stage.n_clusters = session.clusters.n_clusters;
   clock.running = false;

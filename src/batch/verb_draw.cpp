@@ -49,7 +49,6 @@ bool check_draw_options(const batch_options& options, QSize& size, std::string& 
     problem = "--size " + options.size + ": not WxH in pixels";
   } else if (options.time_scale < 0 || options.voltage_scale < 0) {
     problem = "--scale and --voltage-scale: must be above 0";
-    // A spacing of 0 stands for none given.
   } else if (options.spacing > 500) {
     problem = "--spacing: at most 500";
   }
@@ -76,6 +75,7 @@ void choose_place(session_state& session, const batch_options& options, QSize si
   voltage_view& view = session.view;
   view.vd_width = size.width();
   view.vd_height = size.height();
+  // Before the row is chosen, whose place depends on the spacing.
   if (options.spacing > 0) {
     set_channel_spacing(session, options.spacing);
     // The voltage scale follows the spacing, unless one is given below.

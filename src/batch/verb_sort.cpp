@@ -25,6 +25,7 @@ std::int32_t stop_of_name(std::string_view name) {
   for (const auto& [known, code] : stop_names) {
     if (name == known) return code;
   }
+  // The parser lets no other word through.
   return stop_after_all;
 }
 

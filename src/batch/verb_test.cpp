@@ -29,6 +29,7 @@ batch_status run_make_test(const batch_options& options) {
       [&](int percent) { set_progress(*batch.session, meter::saving, percent, 100); }, problem);
   if (!made) return fail_batch(batch, problem);
   finish_console(console);
+  // The one line on standard output, for scripts that go on with the file.
   if (!options.quiet) fmt::print("{}\n", options.output);
   return batch_status::done;
 }

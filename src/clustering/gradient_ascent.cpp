@@ -210,8 +210,8 @@ bool is_settled(const gac_parameters& parameters, const gac_tables& tables, std:
     if (tables.as_cl_scores[s][c] < parameters.threshold) {
       unstable += tables.as_cl_sizes[s][c];
     }
-    // Fewer than three points are outside the largest cluster: nothing is left to merge.
   }
+  // Fewer than three points are outside the largest cluster: nothing is left to merge.
   return unstable < parameters.min_cluster_size || tables.n - tables.as_cl_sizes[s][1] < 3;
 }
 

@@ -32,14 +32,15 @@ std::string legible_text(std::string_view text) {
     if (n == 0) {
       out += static_cast<char>(0xC0 | (c >> 6));
       out += static_cast<char>(0x80 | (c & 0x3F));
-      // A control character could break the line of the log.
     } else if (n == 1 && (c < 0x20 || c == 0x7F)) {
+      // A control character could break the line of the log.
       out += ' ';
     } else {
       out += text.substr(0, n);
     }
     text.remove_prefix(std::max<std::size_t>(n, 1));
   }
+  // Fields are padded with blanks, which say nothing.
   out.erase(out.find_last_not_of(' ') + 1);
   return out;
 }

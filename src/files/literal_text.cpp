@@ -139,6 +139,7 @@ json make_range(literal_reader& in, const json& arguments) {
   for (double v = bounds[0]; bounds[2] > 0 ? v < bounds[1] : v > bounds[1]; v += bounds[2]) {
     list.push_back(v);
   }
+  // Counted with all others: many short ranges make a long list.
   in.n_elements += list.size();
   if (in.n_elements > most_elements) return in.fail("too many elements");
   return list;
@@ -208,6 +209,7 @@ bool parse_literal_assignments(std::string_view text, json& values, std::string&
       break;
     }
     values[name] = take_value(in, 0);
+    // Ends a statement where a line does not.
     accept(in, ';');
     skip_space(in);
   }

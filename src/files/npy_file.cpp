@@ -18,6 +18,7 @@ constexpr std::string_view magic = "\x93NUMPY";
 std::string_view value_of(std::string_view text, std::string_view key) {
   const std::size_t at = text.find(fmt::format("'{}':", key));
   if (at == std::string_view::npos) return {};
+  // Past the two quotes and the colon.
   text.remove_prefix(at + key.size() + 3);
   const std::size_t start = text.find_first_not_of(' ');
   return start == std::string_view::npos ? std::string_view() : text.substr(start);

@@ -20,6 +20,7 @@ bool load_text(text_lines& lines, const std::string& path) {
 bool next_line(text_lines& lines, std::string_view& line) {
   const std::string_view rest =
       std::string_view(lines.bytes.data(), lines.bytes.size()).substr(lines.at);
+  // A last line without an end is a line; an end with nothing after it begins none.
   if (rest.empty()) return false;
   const std::size_t end = rest.find('\n');
   line = rest.substr(0, end);

@@ -93,7 +93,7 @@ thread_local bool inside_loop = false;
 }  // namespace
 
 // Results too small for a normal number become 0, and such operands count as 0: they would slow the
-// loops down many times over, and no result depends on them.
+// loops down many times over.
 void flush_denormals() { _mm_setcsr(_mm_getcsr() | 0x8040u); }
 
 void run_on_threads(std::int32_t n_threads, void (*body)(void*, std::int32_t), void* context) {

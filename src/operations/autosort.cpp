@@ -197,10 +197,10 @@ void first_pass(session_state& session, clock::time_point begin) {
   for (;;) {
     std::vector<std::int32_t> list;
     for (std::int32_t c = 1; c <= clusters.n_clusters; ++c) {
+      // What the round before has made is unsigned, and so in this list.
       if (!clusters.cluster_signed_off[c]) list.push_back(c);
     }
     if (list.empty() || !split_listed_clusters(session, list, begin)) break;
-    // Clusters that this round has made are in the next list.
   }
   clusters.current_cluster = std::min(old_current, clusters.n_clusters);
   if (session.operation.autosort_interrupt) {

@@ -153,6 +153,7 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
     log_message(session, "Error opening config file " + path);
     return false;
   }
+  // A map of an earlier recording must not show through.
   r.channel_map.clear();
   bool good = false;
   if (is_probe_file(path)) {
@@ -174,6 +175,7 @@ bool read_config_file(session_state& session, const std::string& path, std::int3
                 "configuration is not read");
   }
   r.no_config_file = false;
+  // Only a map without a fault comes into use.
   r.n_mapped_channels = n_mapped;
   r.show_config_in_title = show_in_title;
   log_message(session, "Reading channel configuration file " + file_name_of(path));

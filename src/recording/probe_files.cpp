@@ -201,6 +201,7 @@ bool check_channels(std::vector<wired_contact>& contacts, std::string& problem) 
       std::adjacent_find(contacts.begin(), contacts.end(),
                          [&](const auto& a, const auto& b) { return channel(a) == channel(b); });
   if (contacts.empty()) problem = "no contact is wired to a channel";
+  // Told as the file counts, from 0.
   if (twice != contacts.end()) {
     problem = fmt::format("channel {} stands there twice", twice->file_channel - 1);
   }

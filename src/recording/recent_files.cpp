@@ -50,6 +50,7 @@ bool write_recent_files(const session_state& session, const recent_files& recent
 void promote_recent_file(recent_files& recent, const std::string& path) {
   // A longer path would come back cut short, as a file that is not there.
   if (path.size() > sizeof(text256)) return;
+  // An earlier entry moves up and does not stand twice.
   std::erase(recent.paths, path);
   recent.paths.insert(recent.paths.begin(), path);
   if (recent.paths.size() > recent_limit) recent.paths.resize(recent_limit);

@@ -19,6 +19,7 @@ void note_record_start(session_state& session, const record_start& start) {
                      is_between(start.day, 1, 31) && is_between(start.hour, 0, 23) &&
                      // 60: a leap second.
                      is_between(start.minute, 0, 59) && is_between(start.second, 0, 60);
+  // No date is better than a wrong one; many files have zeros.
   if (!sound) return;
   recording_store& r = session.recording;
   r.record_date[0] = start.year;

@@ -76,6 +76,8 @@ void build_neighbour_list(session_state& session) {
     std::int32_t* list = r.lockout_neighbours(c);
     for (std::int32_t b = 1; b <= r.n_channels; ++b) {
       const float d = r.distance(c, b);
+      // A site at distance 0, the channel's own among them, is none; an array that takes all
+      // channels takes its own as well.
       if (utah || (d <= static_cast<float>(radius) && d != 0.0f)) list[++list[0]] = b;
     }
   }

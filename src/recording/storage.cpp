@@ -54,6 +54,7 @@ bool allocate_templates(session_state& session) {
       std::int64_t{template_slot_limit} * n_channels * template_point_limit;
   t.template_mean.release();
   t.template_sd.release();
+  // Until both arrays are there nobody may read a template.
   t.allocated_channels = 0;
   if (n_channels >= 0 && t.template_mean.reserve(elements) && t.template_sd.reserve(elements)) {
     t.allocated_channels = n_channels;

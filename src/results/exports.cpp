@@ -166,6 +166,7 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
   if (options.remove_duplicates) take_out_duplicates(session);
   set_progress(session, meter::saving, 20, 100);
   bool done = format.write(session, path);
+  // Remembered only when the file is there: a later save offers it as the target.
   if (done && format.last_path != nullptr) session.recording.*format.last_path = path;
   if (done) set_status(session, status_field::file_name, path);
   set_progress(session, meter::saving, 80, 100);
@@ -173,7 +174,6 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
     const auto write = [](const session_state& of, const std::string& to) {
       return write_work_file(of, to);
     };
-    // What comes after a failure is tried all the same.
     done &= save_beside(session, replace_extension(path, ".wrk"), "work file", write);
   }
   if (options.save_comments) {

@@ -364,6 +364,7 @@ unit_times list_times(const session_state& session) {
     if (unit_of(i) > 0) ++next[unit_of(i)];
   }
   std::partial_sum(next.begin(), next.end(), next.begin());
+  // Element 0 counts what belongs to no unit, which is nothing.
   times.ends.assign(next.begin() + 1, next.end());
   times.seconds.resize(next.back());
   // From the end down: each end moves to where its unit begins, and events stay in order.
@@ -503,6 +504,7 @@ bool make_types(nwb_file& out) {
 // way through a file cannot let go of it again, and fails when the program ends.
 bool make_nwb_file(const session_state& session, std::vector<char>& bytes) {
   constexpr std::size_t step = 1 << 20;  // by which the memory grows
+  // Before any other call, whoever has used the library before.
   if (H5open() < 0) return false;
   // The library would print its complaints; ours go to a box.
   H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);

@@ -90,6 +90,7 @@ bool write_rows(const phy_export& x, const std::string& name, const std::string&
   std::vector<T> piece;
   for (std::size_t first = 0; first < spikes.size() && !out.failed; first += n_per_piece) {
     const std::size_t n = std::min(n_per_piece, spikes.size() - first);
+    // Zeros for what fill does not set.
     piece.assign(n * row_size, T{});
     parallel_for(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
                  [&](std::int64_t i, std::int32_t) {
@@ -348,6 +349,7 @@ bool write_channels(const phy_export& x) {
   std::vector<std::int32_t> places, shanks, probes;
   std::vector<double> positions;
   for (const std::int32_t c : x.channels) {
+    // Rows of the samples count from 0, masked channels included.
     places.push_back(c - 1);
     // No tetrode is shank 0.
     shanks.push_back(std::max(r.tetrode_of_channel[c] - 1, 0));
@@ -429,6 +431,7 @@ bool write_samples(const phy_export& x) {
     piece.resize(n * n_channels);
     parallel_for(threads_now(x.session), 1, r.n_channels, [&](std::int64_t c, std::int32_t) {
       const std::int16_t* samples = r.vd.channel(static_cast<std::int32_t>(c)) + first;
+      // Each thread writes every n-th value of the piece, so that no two meet.
       std::int16_t* to = piece.data() + (c - 1);
       for (std::size_t p = 0; p < n; ++p) to[p * n_channels] = samples[p];
     });

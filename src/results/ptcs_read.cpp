@@ -244,6 +244,7 @@ bool import_ptcs(session_state& session, const std::string& path) {
   input_file file;
   ptcs_header header;
   ptcs_reading in{file};
+  // Nothing of the session is touched before the header has been read whole.
   if (!open_input_file(file, path) || !read_header(in, header)) {
     tell(session, "Error opening file", title);
     return false;
@@ -259,6 +260,7 @@ bool import_ptcs(session_state& session, const std::string& path) {
   }
   forget_sort(session);
   read_units(session, in, header);
+  // After the units, which number their events one after the other.
   sort_events_by_time(session);
   log_message(session, "Finished reading ptcs file");
   refresh_displays(session);

@@ -176,6 +176,7 @@ ptcs_stretch stretch_of_epoch(const recording_store& r, std::int32_t epoch) {
   ptcs_stretch stretch;
   stretch.description = ptcs_epoch_description;
   stretch.first = r.epoch_first_index[epoch];
+  // Without the blank second that separates the epochs in memory.
   stretch.last = stretch.first + r.epoch_samples[epoch] - 1;
   // Stamps of epochs are in seconds.
   stretch.days = static_cast<double>(r.epoch_start[epoch] - r.epoch_start[1]) / seconds_per_day;
@@ -254,6 +255,7 @@ bool export_epochs(const session_state& session, const std::string& path) {
 }  // namespace
 
 bool export_ptcs(const session_state& session, const std::string& path) {
+  // One file per epoch, so that times of each count from its own start.
   if (session.recording.n_epochs > 1) return export_epochs(session, path);
   ptcs_stretch whole;
   whole.last = session.recording.n_samples;

@@ -34,6 +34,7 @@ work_file_outcome open_work_file_at(session_state& session, const std::string& p
     return work_file_outcome::failed;
   }
   tell(session, "Retrieved file " + path, box_title, box_icon::information);
+  // Before the question, so that the user sees what is asked about.
   refresh_displays(session);
   if (!wants_filtering(session)) return work_file_outcome::retrieved;
   return repeat_filtering(session) ? work_file_outcome::retrieved_with_filtering

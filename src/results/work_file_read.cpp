@@ -187,6 +187,7 @@ bool read_row(work_file_source& in, session_state& session, const work_file_row&
 bool read_rows(work_file_source& in, session_state& session) {
   in.position = 0;
   for (const work_file_row& row : work_file_rows()) {
+    // Rows that this version does not have take no bytes of the file.
     if (!row_is_in(row, in.version)) continue;
     if (!read_row(in, session, row)) {
       // The name of the row tells where in the file the damage is.
@@ -247,6 +248,7 @@ bool read_version(work_file_source& in, session_state& session, const std::strin
     return fail(in, fmt::format("Work files of version {} are too old to be read", in.version));
   }
   log_message(session, fmt::format("Reading V{} work file {}", in.version, path));
+  // Before the first row: what the file spoils comes back from here.
   const kept_settings before = keep_settings(session);
   prepare_for_work_file(session);
   bool read = read_rows(in, session);

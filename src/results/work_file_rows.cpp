@@ -227,6 +227,7 @@ work_file_counts count_session(const session_state& session) {
   counts.of[per_event] = session.events.n_events;
   counts.of[per_cluster] = session.clusters.n_clusters;
   counts.of[per_channel] = session.recording.n_channels;
+  // Counts are taken together, before the first row is written.
   counts.of[per_point] = session.templates.template_points;
   counts.of[per_pair] = session.lists.n_kv_pairs;
   counts.of[per_log_line] = session.log.n_log_lines;

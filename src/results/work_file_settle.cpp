@@ -127,6 +127,7 @@ void settle_lists(session_state& session, std::int32_t version) {
     lists.n_kv_pairs = 0;
     return;
   }
+  // Follows the numbering of pairs, which is the order of these two loops.
   std::int64_t k = 0;
   for (std::int32_t a = 1; a < n && lists.n_kv_pairs > 0; ++a) {
     for (std::int32_t b = a + 1; b <= n; ++b) {

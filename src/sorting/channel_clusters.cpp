@@ -48,6 +48,7 @@ void form_tetrode_clusters(session_state& session) {
     }
   }
   clusters.n_clusters = clusters.current_cluster;
+  // For its box alone: so many tetrodes may have filled the table.
   cluster_can_grow(session);
 }
 
@@ -65,7 +66,6 @@ void form_single_channel_clusters(session_state& session) {
     } else if (count > 0) {
       clear_cluster_record(session, c);
       clusters.current_cluster = c;
-      // For its box alone: so many tetrodes may have filled the table.
     }
     clusters.n_clusters = clusters.current_cluster;
     // The slots above max_clusters are the scratch templates of the threads.

@@ -234,7 +234,6 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
     clusters.current_cluster = a;
     return;
   }
-  // Whatever the order of the two, the lower number survives.
   const std::int32_t low = std::min(a, b), high = std::max(a, b);
   cluster_change change = begin_merge(session, low, high);
   remove_from_lists(session, high);
@@ -307,7 +306,6 @@ std::vector<std::int32_t> list_labelled_events(const session_state& session, std
 void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   cluster_table& clusters = session.clusters;
   event_table& events = session.events;
-  // Refused before anything has changed.
   if (!cluster_can_grow(session)) return;
   const std::int32_t old_cluster = clusters.current_cluster;
   const std::int32_t new_cluster = clusters.n_clusters + 1;
@@ -407,7 +405,6 @@ std::set<std::int32_t> reassign(session_state& session, const std::vector<std::i
     events.event_subcluster[e] = 0;
     ++n_moved;
   }
-  // A target that only gained events has changed, too.
   if (n_moved > 0 && cluster > 0) changed.insert(cluster);
   return changed;
 }

@@ -74,7 +74,6 @@ pair_search find_largest_overlap(const session_state& session, Qualifies&& quali
 bool pair_is_safe(const session_state& session, std::int64_t k) {
   const status_lists_table& lists = session.lists;
   const float s = lists.kv_template_correlation[k] + 1.25f * lists.kv_cluster_overlap[k] - 1.75f;
-  // Not a number is not safe, either.
   if (!(s > 0.0f)) return false;
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
   // Templates that reach over different channels need a clearer case.
@@ -347,7 +346,6 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
   bool stop = false;
   while (!stop) {
     const pair_search search = find_pair_to_try(session);
-    // The first search gives the scale of the meter.
     if (n_initial == 0) n_initial = search.count;
     if (search.count == 0) break;
     move_pairs_meter(session, meter_from, meter_to, search.count, n_initial);

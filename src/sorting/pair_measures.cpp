@@ -398,7 +398,6 @@ float rate_complementarity(const session_state& session, std::int32_t a, std::in
   const std::vector<float> y = count_by_bin(session, b, n_bins, width);
   double n = 0, sum_x = 0, sum_y = 0, sum_xx = 0, sum_yy = 0, sum_xy = 0;
   for (std::int32_t i = 1; i <= n_bins; ++i) {
-    // Where neither fires there is nothing to complement.
     if (x[i] == 0.0f && y[i] == 0.0f) continue;
     n += 1;
     sum_x += x[i];

@@ -179,7 +179,6 @@ void update_all_lists(session_state& session) {
 void update_lists_for_cluster(session_state& session, std::int32_t cluster, std::int32_t but_not) {
   const auto begin = clock::now();
   const std::int32_t n = session.clusters.n_clusters;
-  // Without lists there is nothing to keep up.
   if (session.lists.n_kv_pairs == 0 || n < 2) return;
   session.lists.n_kv_pairs = count_of_pairs(session);
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
@@ -338,7 +337,6 @@ void get_match_lists(session_state& session) {
         match_value(session, lists.match_a[i], lists.match_b[i], k, shift, rank);
     if (rank == 0) {
       set_progress(session, meter::status_lists,
-                   // The first cluster of the pair stands for the progress: match_a ascends.
                    static_cast<std::int32_t>(100 * lists.match_a[i] / std::max(1, n - 1)), 100);
     }
   });
@@ -346,7 +344,6 @@ void get_match_lists(session_state& session) {
               fmt::format("{} took {} msecs",
                           n_threads > 1 ? "Get threaded match lists" : "Get match lists unthreaded",
                           msecs_since(begin)));
-  // For these two small means alike.
   const std::int32_t method = session.review.match_method;
   sort_match_lists(session, method == match_separation || method == match_rms_distance);
   // Cut after sorting, so that it is the least interesting pairs that fall away.

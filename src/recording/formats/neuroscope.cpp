@@ -187,6 +187,7 @@ bool read_xml_recording(session_state& session, const recording_request& request
   interleaved_channels channels = map_interleaved(session, n_file_channels);
   subtract_offset(session, channels, values.offset.value_or(0));
   if (!read_dat_samples(session, dat, channels)) return false;
+  // The recording goes by its description, whichever of the two was opened.
   r.xml_path = replace_extension(request.path, ".xml");
   return true;
 }

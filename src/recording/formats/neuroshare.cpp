@@ -50,6 +50,7 @@ struct ns_library {
   ns_library(const ns_library&) = delete;
   ns_library& operator=(const ns_library&) = delete;
   ~ns_library() {
+    // The file goes before the code that closes it.
     if (file_is_open) close_file(handle);
     if (loaded != nullptr) dlclose(loaded);
   }
@@ -380,6 +381,7 @@ bool read_mcd(session_state& session, const recording_request& request) {
   }
   const ns_result code = library.open_file(request.path.c_str(), &library.handle);
   if (code != 0) return report_code(session, "Error accessing MCD format file", code);
+  // From here on the file is closed with the library, whatever happens.
   library.file_is_open = true;
   std::uint32_t n_entities = 0;
   std::vector<ns_channel> channels;

@@ -85,7 +85,7 @@ recorded_stream describe_stream(const json& object) {
   const std::string folder = text_of(object, "folder_name");
   stream.folder = inner_folder(folder);
   stream.name = text_of(object, "stream_name");
-  // Old versions name only the folder.
+  // A stream without a name goes by its folder.
   if (stream.name.empty()) stream.name = folder.substr(0, folder.find('/'));
   stream.sampling_frequency = number_of(object, "sample_rate");
   const auto channels = object.find("channels");
@@ -137,6 +137,7 @@ const recorded_stream* choose_stream(const session_state& session, const std::st
   for (std::size_t i = 0; i < streams.size(); ++i) {
     log_message(session, fmt::format("Stream {}: {}", i + 1, describe(streams[i])));
     if (!wanted.empty() ? is_named(streams[i], i + 1, wanted) : streams[i].n_electrodes > 0) {
+      // A stream that was named is taken even if it has no electrodes; that is told afterwards.
       candidates.push_back(&streams[i]);
     }
   }
@@ -240,6 +241,7 @@ bool place_channels_of_probe(session_state& session, const std::string& structur
   const std::string_view ys = element_text(probe, "<ELECTRODE_YPOS");
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const std::optional<double> x = channel_attribute(xs, c - 1), y = channel_attribute(ys, c - 1);
+    // Half of the positions would be no electrode.
     if (!x || !y) return false;
     r.chan_x[c] = static_cast<std::int16_t>(*x);
     r.chan_y[c] = static_cast<std::int16_t>(*y);

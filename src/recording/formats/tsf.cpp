@@ -180,6 +180,7 @@ bool allocate_samples(session_state& session, const tsf_layout& layout) {
     log_message(session, fmt::format("# channels={}", r.n_channels));
     return false;
   }
+  // Time indices beyond these exist, but are left to windows that reach over the end.
   r.max_vd_samples = r.n_samples + layout.usable_spare;
   r.is_continuous = true;
   return allocate_templates(session);
@@ -290,8 +291,8 @@ bool read_events(session_state& session, const input_file& file, const tsf_layou
     }
     e.n_events = n_events;
     drop_bad_events(session);
-    // A file without events may have the start of a sleep recording there.
   } else if (read_at(file, at, &r.sleep_start_mins, 4)) {
+    // A file without events may have the start of a sleep recording there.
     log_message(session, fmt::format("sleep recording started at {} mins", r.sleep_start_mins));
   }
   set_progress(session, meter::reading, 100, 115);

@@ -169,8 +169,8 @@ tile usual_tile(const hdf_layout& layout, std::uint64_t element, std::uint64_t b
   if (band <= bytes || layout.columns <= layout.chunk_columns) {
     t.n_columns = layout.columns;
     t.n_rows = whole_chunks(bytes / (layout.columns * element), layout.chunk_rows, layout.rows);
-    // Bands too large for memory are cut, again at whole chunks.
   } else {
+    // Bands too large for memory are cut, again at whole chunks.
     t.n_rows = std::min(layout.chunk_rows, layout.rows);
     t.n_columns = whole_chunks(bytes / (t.n_rows * element), layout.chunk_columns, layout.columns);
   }
@@ -405,6 +405,7 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   const H5D_layout_t kind = H5Pget_layout(creation);
   const auto element = static_cast<double>(H5Tget_size(type));
   const double there = available_bytes(in, creation);
+  // In 64-bit floats, where no product of counts overflows.
   const double wanted =
       element * static_cast<double>(layout.n_channels) * static_cast<double>(layout.n_samples);
   const bool packed = kind == H5D_CHUNKED || kind == H5D_VIRTUAL;

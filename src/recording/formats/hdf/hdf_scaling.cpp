@@ -176,7 +176,7 @@ void apply_attributes(hdf_scaling& scaling, hdf_file& in, const std::string& dat
   if (read_hdf_number(in, dataset, "conversion", scaling.conversion)) {
     scaling.has_conversion = std::isfinite(scaling.conversion) && scaling.conversion != 0;
   } else {
-    // Older files name the unit and give no factor.
+    // Without a factor the unit may tell: values in volts need none.
     scaling.has_conversion = read_hdf_text(in, dataset, "unit") == "volts";
   }
   if (!scaling.has_conversion) {

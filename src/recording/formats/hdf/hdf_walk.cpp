@@ -100,6 +100,7 @@ std::string take_dataset(hdf_walk& walk, hdf_selection& selection) {
       check_hdf_choice(dimensions, walk.rate, walk.scale, selection.rate, selection.scale);
   if (!problem.empty()) return problem;
   selection.folder = walk.folder;
+  // Found afresh for the dataset itself: the edits may be those of another place.
   selection.scaling = find_hdf_scaling(walk.in, walk.folder);
   return {};
 }

@@ -186,7 +186,6 @@ bool read_plx_records(session_state& session, const input_file& file, const plx_
   if (!read_records(session, file, plan, units, counts)) return false;
   r.first_timestamp = std::max<std::int64_t>(r.first_timestamp, 0);
   report_blocks(session, counts, units);
-  // The store is full: the last samples are left as room for windows.
   if (r.n_samples >= r.max_vd_samples) r.n_samples = r.max_vd_samples - 100;
   return true;
 }

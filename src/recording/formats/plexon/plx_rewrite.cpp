@@ -42,8 +42,8 @@ record_clusters list_records(const session_state& session) {
   record_clusters records(static_cast<std::size_t>(r.n_channels) + 1);
   for (std::int32_t u = 1; u <= r.n_channels; ++u) {
     const std::int32_t n = tetrodes ? r.tetrode_event_count[u] : r.channel_event_count[u];
-    records[static_cast<std::size_t>(u)].resize(static_cast<std::size_t>(n) + 1);
     // Room for record 0, which stands for none.
+    records[static_cast<std::size_t>(u)].resize(static_cast<std::size_t>(n) + 1);
   }
   return records;
 }

@@ -117,7 +117,7 @@ bool take_rate(session_state& session, const spikeglx_meta& meta) {
 
 // Streams of other devices have the same files but no spike channels.
 bool check_stream(const session_state& session, const spikeglx_meta& meta) {
-  // Old versions name no stream.
+  // A file that names no stream is taken for that of a probe.
   const bool from_probe = meta.stream.empty() || meta.stream == "imec";
   if (from_probe && meta.has_counts) return true;
   return refuse_file(

@@ -139,7 +139,7 @@ const probe_kind* find_kind(const spikeglx_meta& meta) {
   std::int32_t type = meta.probe_type;
   if (is_phase_3a(meta)) type = 0;
   if (type < 0 && !meta.readout.empty() && meta.readout[0].size() == 2) {
-    // Early files tell the type in the table alone.
+    // Without a key of its own the type may stand at the head of the table.
     type = whole_at(meta.readout[0], 0);
   }
   for (const probe_kind& kind : kinds) {

@@ -236,7 +236,7 @@ bool place_sites_of_polytrode(session_state& session, const std::string& name) {
     r.chan_x[c] = map->sites[static_cast<std::size_t>(c - 1)].x;
     r.chan_y[c] = map->sites[static_cast<std::size_t>(c - 1)].y;
   }
-  // Grounded sites record nothing of the brain.
+  // Channels without a site of their own take no part.
   for (const std::int32_t c : map->grounded) {
     if (c <= r.n_channels) r.chan_mask[c] = true;
   }

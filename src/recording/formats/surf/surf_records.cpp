@@ -69,7 +69,6 @@ record_end take_layout(surf_walk& walk) {
   skip_to(318);
   layout.description = take_counted_text(in);
   layout.electrode = take_counted_text(in);
-  // Layouts of that program have other fields.
   if (layout.program_major < oldest_program) {
     log_message(walk.session, "Old version surf file");
     return record_end::refused;
@@ -123,7 +122,7 @@ record_end take_display(surf_walk& walk) {
   skip_bytes(in, 8 + 2);  // date, "DS"
   const auto version = take_value<std::uint16_t>(in);
   if (in.failed) return record_end::cut_off;
-  // Later versions have another length, so the walk cannot go on.
+  // Of another version the length is not known, so that the walk cannot go on.
   if (version != 100 && version != 110) return record_end::unknown;
   display.file_name = legible_text(take_text(in, version == 100 ? 16 : 64));
   skip_bytes(in, table_bytes);
