@@ -49,7 +49,6 @@ void move_scout(const gac_step_settings& settings, gac_scouts& scouts, std::int3
   }
   const bool tiny = std::sqrt(length_squared) < static_cast<double>(settings.stop_step);
   scouts.frozen[k] = moved ? 0 : tiny ? 2 : 1;
-  // It would take the same tiny step again, which counts though it is not computed.
   if (tiny) count_tiny_step(settings, scouts, k);
 }
 
@@ -78,6 +77,7 @@ std::int32_t step_scouts(const gac_columns& sources, const gac_step_settings& se
     if (scouts.frozen[k] == 0) {
       going.push_back(k);
     } else if (scouts.frozen[k] == 2) {
+      // It would take the same tiny step again, which counts though it is not computed.
       count_tiny_step(settings, scouts, k);
     }
   }

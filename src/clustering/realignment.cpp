@@ -303,7 +303,6 @@ float fit_event(session_state& session, const alignment_target& target, std::int
 std::int32_t realign_window(const session_state& session) {
   const auto w =
       static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
-                                // Cut to whole samples.
                                 session.strategy.realign_window_ms / 1000.0f);
   return w > widest_realign ? widest_realign : w;
 }

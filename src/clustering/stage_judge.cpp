@@ -19,6 +19,7 @@ std::int32_t find_nearest(const gac_points& points, const std::vector<std::int32
   const float* at = points.row(i);
   const bool plane = points.dimensions > 1;
   std::int32_t nearest = candidates.front();
+  // The sums of squares are never negative, so -1 stands for none yet.
   float best = -1.0f;
   for (const std::int32_t k : candidates) {
     const float* other = points.row(k);
@@ -27,7 +28,6 @@ std::int32_t find_nearest(const gac_points& points, const std::vector<std::int32
     const float d = dx * dx + dy * dy;
     if (best < 0.0f || d < best) {
       best = d;
-      // The sums of squares are never negative, so -1 stands for none yet.
       nearest = k;
     }
   }

@@ -18,9 +18,9 @@ std::int32_t samples_of(const session_state& session, float ms) {
                                    1000.0f);
 }
 
+// Compacts time, channel and cluster past the marked events and zeroes the tail.
 // Shifts stay where they are, so that each then stands against a later event than its own;
 // alignment to templates follows and settles it.
-// Compacts time, channel and cluster past the marked events and zeroes the tail.
 std::int32_t compact_after_detection(event_table& events) {
   std::int32_t kept = 0;
   for (std::int32_t e = 1; e <= events.n_events; ++e) {

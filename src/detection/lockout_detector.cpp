@@ -111,7 +111,6 @@ lockout_feature find_gravity(const session_state& session, std::int32_t channel,
                              std::int32_t w) {
   // Below every mass, so that the channel itself is taken even where all is flat.
   std::int64_t best_mass = -1, best_moment = 0;
-  // Whole numbers in 64 bits: the order of the channels does not show in them.
   std::int32_t best_channel = channel;
   const auto weigh = [&](std::int32_t c) {
     const std::int16_t* v = session.recording.vd.channel(c) + t;

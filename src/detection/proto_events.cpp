@@ -117,8 +117,8 @@ void compile_proto_events(session_state& session, proto_event_table& p) {
   p.n_proto_events = 0;
   while (next_stretch(session, stretch)) {
     if (detection_interrupted(session)) {
-      // The flag goes back, or it would stop the clustering of what was found as well.
       session.detector.detection_incomplete = true;
+      // The flag goes back, or it would stop the clustering of what was found as well.
       session.operation.detection_interrupted = false;
       return;
     }

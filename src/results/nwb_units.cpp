@@ -48,8 +48,8 @@ void expect(nwb_file& out, bool good) {
 std::string new_identity(nwb_file& out) {
   const std::uint64_t a = out.random(), b = out.random();
   return fmt::format("{:08x}-{:04x}-4{:03x}-{:04x}-{:012x}", a >> 32, (a >> 16) & 0xffff, a & 0xfff,
-                     // The form of a random identity: a 4, and two fixed bits before the last group
-                     // but one.
+                     // The form of a random identity: a 4, and two fixed bits at the head of the
+                     // last group but one.
                      0x8000 | (b >> 50), b & 0xffffffffffffull);
 }
 
