@@ -49,11 +49,11 @@ std::vector<std::int32_t> list_cluster_events(const session_state& session, std:
 
 std::vector<std::int32_t> count_events_by_cluster(const session_state& session) {
   const std::int32_t n = session.clusters.n_clusters;
-  std::vector<std::int32_t> sizes(static_cast<std::size_t>(n) + 1);
+  std::vector<std::int32_t> sizes(n + 1);
   const std::int32_t* of = session.events.event_cluster.base();
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
     // Events of clusters about to be added carry their numbers already.
-    if (of[e] >= 0 && of[e] <= n) ++sizes[static_cast<std::size_t>(of[e])];
+    if (of[e] >= 0 && of[e] <= n) ++sizes[of[e]];
   }
   return sizes;
 }

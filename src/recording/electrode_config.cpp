@@ -49,10 +49,10 @@ bool check_map(const session_state& session, const std::vector<std::int32_t>& us
                std::int32_t n_mapped) {
   // The largest number that is used tells how many channels there must be.
   std::int32_t largest = channel_limit;
-  while (largest > 0 && uses[static_cast<std::size_t>(largest)] == 0) --largest;
+  while (largest > 0 && uses[largest] == 0) --largest;
   bool good = largest > 0;
   for (std::int32_t c = 1; c <= largest; ++c) {
-    if (uses[static_cast<std::size_t>(c)] == 1) continue;
+    if (uses[c] == 1) continue;
     good = false;
     log_message(session, fmt::format("   mapping error for channel {}; there are {} mapped "
                                      "channels in file",
@@ -80,7 +80,7 @@ bool read_entries(session_state& session, text_lines& lines, std::int32_t& n_map
     r.channel_map[entry.file_channel] = entry.channel;
     r.chan_x[entry.channel] = entry.x;
     r.chan_y[entry.channel] = entry.y;
-    ++uses[static_cast<std::size_t>(entry.channel)];
+    ++uses[entry.channel];
   }
   return check_map(session, uses, n_mapped) && good;
 }

@@ -195,7 +195,7 @@ read_end read_interleaved(session_state& session, const input_file& file,
   expect_sequential_reading(file);
   parallel_for_dealt(n_threads, 0, n_blocks - 1, [&](std::int64_t b, std::int32_t rank) {
     if (r.early_end || interrupted) return;
-    read_one_block(r, b, buffers[static_cast<std::size_t>(rank)]);
+    read_one_block(r, b, buffers[rank]);
     // Counted by all, shown by one.
     const std::int64_t done = ++r.n_done;
     if (rank != 0) return;
@@ -218,7 +218,7 @@ interleaved_channels map_interleaved(const session_state& session, std::int32_t 
     // With a configuration nothing goes by its own number, not even beyond the map.
     if (!r.no_config_file) channel = i <= channel_limit ? r.channel_map[i] : 0;
     if (channel < 1 || channel > r.n_channels) channel = 0;
-    channels.target[static_cast<std::size_t>(i - 1)] = channel;
+    channels.target[i - 1] = channel;
   }
   return channels;
 }

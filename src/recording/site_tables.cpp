@@ -115,18 +115,15 @@ void sort_channels(session_state& session, float scan_angle) {
   // In 64 bits and rounded, so that the order is the same on every machine.
   const auto along_x = static_cast<float>(std::cos(static_cast<double>(angle)));
   const auto along_y = static_cast<float>(std::sin(static_cast<double>(angle)));
-  std::vector<float> projection(static_cast<std::size_t>(r.n_channels) + 1);
+  std::vector<float> projection(r.n_channels + 1);
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    projection[static_cast<std::size_t>(c)] =
+    projection[c] =
         static_cast<float>(r.chan_x[c]) * along_x + static_cast<float>(r.chan_y[c]) * along_y;
   }
   // First by number, so that equal projections keep it.
   order_channels_linearly(session);
   std::stable_sort(r.chan_sort_order.first(), r.chan_sort_order.first() + r.n_channels,
-                   [&](std::int32_t a, std::int32_t b) {
-                     return projection[static_cast<std::size_t>(a)] <
-                            projection[static_cast<std::size_t>(b)];
-                   });
+                   [&](std::int32_t a, std::int32_t b) { return projection[a] < projection[b]; });
 }
 
 void order_channels_linearly(session_state& session) {

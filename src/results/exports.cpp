@@ -96,7 +96,7 @@ events_by_cluster list_by_cluster(const session_state& session) {
   std::vector<std::size_t> next = lists.first;
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] <= 0) continue;
-    lists.events[next[static_cast<std::size_t>(e.event_cluster[i])]++] = i;
+    lists.events[next[e.event_cluster[i]]++] = i;
   }
   return lists;
 }

@@ -54,8 +54,8 @@ struct phy_export {
   }
   // Samples of a spike's window on the channel at a place of channels.
   const std::int16_t* window(std::int32_t event, std::int32_t place) const {
-    return session.recording.vd.channel(channels[static_cast<std::size_t>(place)]) +
-           session.events.event_time[event] + window_first_sample(session);
+    return session.recording.vd.channel(channels[place]) + session.events.event_time[event] +
+           window_first_sample(session);
   }
   float template_value(std::size_t t, std::size_t p, std::int32_t place) const {
     return templates[(t * n_points() + p) * channels.size() + static_cast<std::size_t>(place)];
@@ -146,9 +146,8 @@ void list_local_channels(phy_export& x) {
     std::vector<std::int32_t> places(x.channels.size());
     std::iota(places.begin(), places.end(), 0);
     // Stable, so that of equals the lower comes first.
-    std::stable_sort(places.begin(), places.end(), [&](std::int32_t a, std::int32_t b) {
-      return heights[static_cast<std::size_t>(a)] > heights[static_cast<std::size_t>(b)];
-    });
+    std::stable_sort(places.begin(), places.end(),
+                     [&](std::int32_t a, std::int32_t b) { return heights[a] > heights[b]; });
     places.resize(x.n_local());
     x.local.push_back(places);
   }
@@ -313,7 +312,7 @@ bool write_sample_spikes(const phy_export& x) {
   // Readers look spikes up in the order of the spikes.
   std::sort(chosen.begin(), chosen.end());
   std::vector<std::int32_t> events;
-  for (const std::int64_t s : chosen) events.push_back(x.events[static_cast<std::size_t>(s)]);
+  for (const std::int64_t s : chosen) events.push_back(x.events[s]);
   const auto n_local = static_cast<std::int64_t>(x.n_local());
   const auto n_points = static_cast<std::int64_t>(x.n_points());
   return write_array(x, "_phy_spikes_subset.spikes", "<i8",

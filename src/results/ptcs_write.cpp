@@ -51,7 +51,7 @@ std::vector<std::vector<std::int64_t>> list_spike_times(const session_state& ses
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     const std::int64_t t = e.event_time[i];
     if (e.event_cluster[i] < 1 || t < stretch.first || t > stretch.last) continue;
-    times[static_cast<std::size_t>(e.event_cluster[i])].push_back(
+    times[e.event_cluster[i]].push_back(
         // The first sample of the stretch stands at one step and not at 0; cut to whole µs.
         (t - stretch.first + 1) * 1'000'000 / session.recording.sampling_frequency);
   }
@@ -163,7 +163,7 @@ bool write_stretch(const session_state& session, const std::string& path,
   write_header(session, out, stretch, n_spikes, static_cast<std::int64_t>(used.size()));
   const std::int32_t n_clusters = session.clusters.n_clusters;
   for (std::int32_t c = 1; c <= n_clusters && !out.failed; ++c) {
-    write_unit(session, out, c, used, times[static_cast<std::size_t>(c)]);
+    write_unit(session, out, c, used, times[c]);
     set_progress(session, meter::saving, 20 + 60 * c / n_clusters, 100);
   }
   return finish_safe_file(out);

@@ -99,7 +99,7 @@ bool read_counter(work_file_source& in, session_state& session, const work_file_
   if (!read_bytes(in, &value, sizeof value)) return false;
   const std::string problem = count_problem(session, row.rule, value);
   if (!problem.empty()) return fail(in, problem);
-  in.counts.of[static_cast<std::size_t>(row.rule)] = value;
+  in.counts.of[row.rule] = value;
   // At once: the rows that follow are as long as it says.
   if (row.stored) *static_cast<std::int32_t*>(row.first(session)) = value;
   return true;
@@ -124,7 +124,7 @@ bool read_channel_lists(work_file_source& in, session_state& session) {
   for (std::int64_t k = 1; k <= in.counts.of[per_channel]; ++k) {
     if (!read_bytes(in, slots.data(), 4 * n_clusters)) return false;
     for (std::int32_t c = 1; c <= n_clusters; ++c) {
-      session.templates.channels(c)[k] = slots[static_cast<std::size_t>(c - 1)];
+      session.templates.channels(c)[k] = slots[c - 1];
     }
   }
   return true;

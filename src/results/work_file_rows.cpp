@@ -218,7 +218,7 @@ std::int64_t row_bytes(const work_file_row& row, const work_file_counts& counts)
     case row_form::words:
       break;
   }
-  return 4 * row.times * n[static_cast<std::size_t>(row.rule)];
+  return 4 * row.times * n[row.rule];
 }
 
 work_file_counts count_session(const session_state& session) {

@@ -28,9 +28,9 @@ std::int64_t last_usable_time(const session_state& session, std::int32_t version
 
 std::vector<std::int32_t> cluster_sizes(const session_state& session) {
   // Numbers of events were checked before this.
-  std::vector<std::int32_t> sizes(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  std::vector<std::int32_t> sizes(session.clusters.n_clusters + 1);
   for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    ++sizes[static_cast<std::size_t>(session.events.event_cluster[e])];
+    ++sizes[session.events.event_cluster[e]];
   }
   return sizes;
 }

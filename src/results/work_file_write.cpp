@@ -38,7 +38,7 @@ void write_channel_lists(safe_file& out, const session_state& session) {
   std::vector<std::int32_t> slots(static_cast<std::size_t>(n_clusters));
   for (std::int32_t k = 1; k <= session.recording.n_channels; ++k) {
     for (std::int32_t c = 1; c <= n_clusters; ++c) {
-      slots[static_cast<std::size_t>(c - 1)] = k <= t.template_n_channels[c] ? t.channels(c)[k] : 0;
+      slots[c - 1] = k <= t.template_n_channels[c] ? t.channels(c)[k] : 0;
     }
     write_bytes(out, slots.data(), sizeof(std::int32_t) * slots.size());
   }
@@ -72,7 +72,7 @@ void write_row(safe_file& out, const session_state& session, const work_file_row
       write_padded(out, *static_cast<const std::string*>(first), row_bytes(row, counts));
       break;
     case row_form::counter:
-      write_value(out, static_cast<std::int32_t>(counts.of[static_cast<std::size_t>(row.rule)]));
+      write_value(out, static_cast<std::int32_t>(counts.of[row.rule]));
       break;
     case row_form::words:
       write_bytes(out, first, static_cast<std::size_t>(row_bytes(row, counts)));

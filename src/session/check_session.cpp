@@ -47,7 +47,7 @@ std::string check_events(const session_state& session) {
   const recording_store& r = session.recording;
   const std::int32_t n_clusters = session.clusters.n_clusters;
   if (!in_range(e.n_events, 0, event_limit)) return fmt::format("n_events {}", e.n_events);
-  std::vector<std::int32_t> sizes(static_cast<std::size_t>(n_clusters) + 1);
+  std::vector<std::int32_t> sizes(n_clusters + 1);
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (!in_range(e.event_channel[i], 1, r.n_channels)) {
       return fmt::format("event {} on channel {}", i, e.event_channel[i]);
@@ -64,10 +64,10 @@ std::string check_events(const session_state& session) {
     if (!in_range(e.event_subcluster[i], 0, 100)) {
       return fmt::format("event {} with sub-cluster label {}", i, e.event_subcluster[i]);
     }
-    ++sizes[static_cast<std::size_t>(e.event_cluster[i])];
+    ++sizes[e.event_cluster[i]];
   }
   for (std::int32_t c = 1; e.n_events > 0 && c <= n_clusters; ++c) {
-    if (sizes[static_cast<std::size_t>(c)] == 0) return fmt::format("cluster {} has no events", c);
+    if (sizes[c] == 0) return fmt::format("cluster {} has no events", c);
   }
   return {};
 }

@@ -34,7 +34,7 @@ struct cluster_change {
 // The number after a change of the cluster that had this one before; 0 when it is gone.
 inline std::int32_t number_after(const cluster_change& change, std::int32_t cluster) {
   const bool known = cluster >= 1 && cluster < static_cast<std::int32_t>(change.number_now.size());
-  return known ? change.number_now[static_cast<std::size_t>(cluster)] : 0;
+  return known ? change.number_now[cluster] : 0;
 }
 
 }  // namespace kestrelvane

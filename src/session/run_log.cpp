@@ -43,7 +43,7 @@ wrapped_text wrap(std::string_view text) {
   wrapped_text wrapped;
   do {
     const std::size_t end = line_end(text);
-    wrapped.lines[static_cast<std::size_t>(wrapped.n_lines++)] = text.substr(0, end);
+    wrapped.lines[wrapped.n_lines++] = text.substr(0, end);
     const bool at_break = end < text.size() && (text[end] == ' ' || text[end] == '\0');
     text.remove_prefix(at_break ? end + 1 : end);
   } while (!text.empty() && wrapped.n_lines < most_wrapped_lines);
@@ -101,7 +101,7 @@ void log_message(const session_state& session, std::string_view text) {
   const user_interface& ui = session.ui;
   if (!listed || ui.log_line == nullptr) return;
   for (std::int32_t i = 0; i < wrapped.n_lines; ++i) {
-    ui.log_line(ui.context, wrapped.lines[static_cast<std::size_t>(i)]);
+    ui.log_line(ui.context, wrapped.lines[i]);
   }
 }
 

@@ -213,8 +213,7 @@ bool filter_pairs(session_state& session, filter_progress& progress,
     const auto first = static_cast<std::int32_t>(2 * pair - 1);
     filter_segments(
         channel_or_none(r, first), channel_or_none(r, first + 1), r.n_samples, n_passes,
-        buffers[static_cast<std::size_t>(rank)], round_nearest,
-        [&](fft_buffer& buffer) { apply_gains(buffer, gains); },
+        buffers[rank], round_nearest, [&](fft_buffer& buffer) { apply_gains(buffer, gains); },
         [&] { finish_part(progress, rank); });
   });
   return true;
@@ -232,8 +231,8 @@ phase_table make_phase_table(std::int32_t f0_bin, float degrees_per_decade) {
   // Bins 0 and N/2 stay: a turned phase there would not be that of a real signal.
   for (std::int32_t k = 1; k < half_points; ++k) {
     const double angle = std::log10(static_cast<double>(k) / f0_bin) * radians_per_decade;
-    table.cosine[static_cast<std::size_t>(k)] = static_cast<float>(std::cos(angle));
-    table.sine[static_cast<std::size_t>(k)] = static_cast<float>(std::sin(angle));
+    table.cosine[k] = static_cast<float>(std::cos(angle));
+    table.sine[k] = static_cast<float>(std::sin(angle));
   }
   return table;
 }
@@ -241,8 +240,8 @@ phase_table make_phase_table(std::int32_t f0_bin, float degrees_per_decade) {
 // The upper half is made from the lower, so that the output stays real.
 void turn_phase(fft_buffer& buffer, const phase_table& table) {
   for (std::int32_t k = 1; k < half_points; ++k) {
-    const float c = table.cosine[static_cast<std::size_t>(k)];
-    const float s = table.sine[static_cast<std::size_t>(k)];
+    const float c = table.cosine[k];
+    const float s = table.sine[k];
     const float re = buffer.re[k] * c - buffer.im[k] * s;
     const float im = buffer.re[k] * s + buffer.im[k] * c;
     buffer.re[k] = buffer.re[fft_points - k] = re;
@@ -268,9 +267,8 @@ bool turn_channels(session_state& session, filter_progress& progress) {
   set_parts(progress, std::int64_t{r.n_channels} * n_passes);
   parallel_for_dealt(n_threads, 1, r.n_channels, [&](std::int64_t c, std::int32_t rank) {
     filter_segments(
-        channel_or_none(r, static_cast<std::int32_t>(c)), {}, r.n_samples, n_passes,
-        buffers[static_cast<std::size_t>(rank)], round_away,
-        [&](fft_buffer& buffer) { turn_phase(buffer, table); },
+        channel_or_none(r, static_cast<std::int32_t>(c)), {}, r.n_samples, n_passes, buffers[rank],
+        round_away, [&](fft_buffer& buffer) { turn_phase(buffer, table); },
         [&] { finish_part(progress, rank); });
   });
   return true;
@@ -281,7 +279,7 @@ bool turn_channels(session_state& session, filter_progress& progress) {
 std::vector<float> one_over_f_gains() {
   std::vector<float> gains(half_points + 1);
   for (std::int32_t k = 1; k < half_points - 1; ++k) {
-    gains[static_cast<std::size_t>(k)] = static_cast<float>(std::sqrt(100.0 / k));
+    gains[k] = static_cast<float>(std::sqrt(100.0 / k));
   }
   gains[0] = gains[half_points] = 0.0f;
   gains[half_points - 1] = 0.013810679f;
@@ -381,7 +379,7 @@ std::vector<float> butterworth_gains(std::int32_t cutoff_bin, std::int32_t poles
     // Bin 0 by itself: with a cut-off of 0 it would be 0 / 0.
     const double x = k == 0 ? 0.0 : static_cast<double>(k) / cutoff_bin;
     const double low = std::sqrt(1.0 / (1.0 + even_power(x, poles)));
-    gains[static_cast<std::size_t>(k)] = static_cast<float>(low_pass ? low : 1.0 - low);
+    gains[k] = static_cast<float>(low_pass ? low : 1.0 - low);
   }
   if (!low_pass) gains[0] = 0.0f;
   return gains;

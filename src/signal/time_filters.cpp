@@ -49,7 +49,7 @@ void for_each_channel(const session_state& session, filter_progress& progress,
   const auto n = static_cast<std::int64_t>(channels.size());
   set_parts(progress, n);
   parallel_for_dealt(threads_now(session), 0, n - 1, [&](std::int64_t i, std::int32_t rank) {
-    body(channels[static_cast<std::size_t>(i)]);
+    body(channels[i]);
     finish_part(progress, rank);
   });
 }
@@ -183,7 +183,7 @@ std::vector<std::int16_t> compression_table(float scale, float point_uv) {
     const float out = std::round(y * point_uv / scale);
     // The output is never larger than the input, unless a scale is beyond reason.
     const bool holds = std::fabs(out) <= 32768.0f;
-    table[static_cast<std::size_t>(v + 32768)] =
+    table[v + 32768] =
         holds ? static_cast<std::int16_t>(static_cast<std::int32_t>(out)) : std::int16_t{0};
   }
   return table;
@@ -246,7 +246,7 @@ void spatial_smooth(session_state& session, filter_progress& progress) {
     for (auto& block : blocks) block.resize(channels.size() * static_cast<std::size_t>(length));
     for_each_block(session, progress, length,
                    [&](std::int64_t first, std::int32_t n, std::int32_t rank) {
-                     float* const block = blocks[static_cast<std::size_t>(rank)].data();
+                     float* const block = blocks[rank].data();
                      // All channels are copied before any is written: neighbours must be read
                      // unsmoothed.
                      for (std::size_t c = 0; c < channels.size(); ++c) {

@@ -164,7 +164,7 @@ std::int32_t delete_small_clusters(session_state& session, std::int32_t size) {
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   std::vector<std::int32_t> small;
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    if (sizes[static_cast<std::size_t>(c)] < size) small.push_back(c);
+    if (sizes[c] < size) small.push_back(c);
   }
   delete_clusters(session, small);
   return static_cast<std::int32_t>(small.size());
@@ -221,7 +221,7 @@ cluster_change begin_merge(const session_state& session, std::int32_t low, std::
   cluster_change change = begin_change(session, cluster_change_kind::merged, {low, high});
   drop_number(change.number_now, high);
   // Whoever looked at either of the two looks at what they became.
-  change.number_now[static_cast<std::size_t>(high)] = low;
+  change.number_now[high] = low;
   change.after = {low};
   return change;
 }
@@ -274,7 +274,7 @@ void absorb_cluster(session_state& session, std::int32_t a, std::int32_t b) {
   delete_record(session, b, change);
   const std::int32_t left = number_after(change, a);
   update_lists_for_cluster(session, left);
-  change.number_now[static_cast<std::size_t>(b)] = left;
+  change.number_now[b] = left;
   change.after = {left};
   end_change(session, change);
 }
@@ -337,14 +337,12 @@ std::vector<std::int32_t> share_out_events(session_state& session, const event_p
   cluster_change change = begin_change(session, cluster_change_kind::split, old);
   const std::int32_t first_new = session.clusters.n_clusters + 1;
   for (std::int32_t p = 1; p <= places.n_places; ++p) {
-    change.after.push_back(p <= n_old ? old[static_cast<std::size_t>(p - 1)]
-                                      : first_new + p - 1 - n_old);
+    change.after.push_back(p <= n_old ? old[p - 1] : first_new + p - 1 - n_old);
   }
   for (std::size_t i = 0; i < places.events.size(); ++i) {
     const std::int32_t p = places.place[i];
     if (p < 0) continue;
-    session.events.event_cluster[places.events[i]] =
-        p == 0 ? 0 : change.after[static_cast<std::size_t>(p - 1)];
+    session.events.event_cluster[places.events[i]] = p == 0 ? 0 : change.after[p - 1];
   }
   // Every template before any pair: two of the old clusters may be each other's pair.
   for (const std::int32_t c : old) recalculate_cluster(session, c);
@@ -355,7 +353,7 @@ std::vector<std::int32_t> share_out_events(session_state& session, const event_p
   // Pair numbers still count the old clusters; the first new one changes them all.
   if (places.old_ones_done) places.old_ones_done();
   for (std::int32_t p = n_old + 1; p <= places.n_places; ++p) {
-    add_cluster(session, change.after[static_cast<std::size_t>(p - 1)]);
+    add_cluster(session, change.after[p - 1]);
   }
   end_change(session, change);
   return change.after;
@@ -373,7 +371,7 @@ void settle_changed_clusters(session_state& session, const std::set<std::int32_t
   // By the old numbers, and so are the templates: no record has moved yet.
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
   for (const std::int32_t c : changed) {
-    if (sizes[static_cast<std::size_t>(c)] == 0) {
+    if (sizes[c] == 0) {
       emptied.push_back(c);
       continue;
     }
@@ -449,12 +447,12 @@ void permute_records(session_state& session, const std::vector<std::int32_t>& or
   const std::int32_t spare = n + 1;
   std::vector<char> placed(order.size(), 0);
   for (std::int32_t start = 1; start <= n; ++start) {
-    if (placed[static_cast<std::size_t>(start - 1)] != 0) continue;
+    if (placed[start - 1] != 0) continue;
     copy_record(session, start, spare);
     std::int32_t to = start;
     for (;;) {
-      placed[static_cast<std::size_t>(to - 1)] = 1;
-      const std::int32_t from = order[static_cast<std::size_t>(to - 1)];
+      placed[to - 1] = 1;
+      const std::int32_t from = order[to - 1];
       // The first slot of a cycle was overwritten at once; its record waits in the spare one.
       copy_record(session, from == start ? spare : from, to);
       if (from == start) break;
@@ -473,8 +471,7 @@ void permute_pairs(status_lists_table& lists, const std::vector<std::int32_t>& o
   for (std::int32_t a = 1; a < n; ++a) {
     for (std::int32_t b = a + 1; b <= n; ++b) {
       // In the old numbering the pair may have been the other way round.
-      const auto [low, high] = std::minmax(order[static_cast<std::size_t>(a - 1)],
-                                           order[static_cast<std::size_t>(b - 1)]);
+      const auto [low, high] = std::minmax(order[a - 1], order[b - 1]);
       from.push_back(pair_index(n, low, high));
     }
   }
@@ -504,7 +501,7 @@ bool permute_clusters(session_state& session, const std::vector<std::int32_t>& o
   cluster_change change = begin_change(session, cluster_change_kind::renumbered, order);
   change.after = all_clusters(session);
   for (std::size_t i = 0; i < order.size(); ++i) {
-    change.number_now[static_cast<std::size_t>(order[i])] = static_cast<std::int32_t>(i) + 1;
+    change.number_now[order[i]] = static_cast<std::int32_t>(i) + 1;
   }
   permute_records(session, order);
   std::int32_t* of = session.events.event_cluster.base();

@@ -22,8 +22,8 @@ std::vector<cluster_status> judge_clusters(const session_state& session) {
   for (std::int32_t a = 1; known && a < n; ++a) {
     for (std::int32_t b = a + 1; b <= n; ++b) {
       if (pair_is_distinct(session, ++k)) continue;
-      status[static_cast<std::size_t>(a)] = cluster_status::unstable;
-      status[static_cast<std::size_t>(b)] = cluster_status::unstable;
+      status[a] = cluster_status::unstable;
+      status[b] = cluster_status::unstable;
     }
   }
   return status;

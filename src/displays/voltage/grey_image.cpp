@@ -39,7 +39,7 @@ QImage make_grey_image(const session_state& session, const voltage_layout& layou
   if (grey.n_rows < 1 || grey.n_columns < 1) return {};
   const column_samples columns = find_column_samples(session, layout, grey.n_columns);
   // Element 0 is spare: columns count from 1.
-  std::vector<float> values(static_cast<std::size_t>(grey.n_columns) + 1);
+  std::vector<float> values(grey.n_columns + 1);
   QImage image(grey.n_columns, grey.n_rows * grey.row_height, QImage::Format_Grayscale8);
   for (std::int32_t row = 1; row <= grey.n_rows; ++row) {
     read_columns(session, layout, columns, session.recording.chan_sort_order[row], values.data());

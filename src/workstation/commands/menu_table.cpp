@@ -305,7 +305,7 @@ void rebuild_recent_menu(workstation& w) {
   QAction* before = menu->findChild<QAction*>("exit_separator");
   const recent_files recent = read_recent_files(w.session);
   for (int entry = 0; entry < static_cast<int>(recent.paths.size()); ++entry) {
-    const QString path = QString::fromStdString(recent.paths[static_cast<std::size_t>(entry)]);
+    const QString path = QString::fromStdString(recent.paths[entry]);
     auto* action = new QAction(recent_number(entry) + QString(path).replace('&', "&&"), menu);
     action->setObjectName(QString("recent_%1").arg(entry + 1));
     action->setProperty(recent_property, entry);

@@ -98,10 +98,10 @@ void show_colour(QPushButton* button, std::int32_t word) {
 
 // A copy, since each field stores what both show as soon as it changes.
 void show_size(preferences_window& p, int entry) {
-  const auto size = p.sizes[static_cast<std::size_t>(entry)];
+  const auto size = p.sizes[entry];
   p.width->setValue(size[0]);
   p.height->setValue(size[1]);
-  p.sizes[static_cast<std::size_t>(entry)] = size;
+  p.sizes[entry] = size;
 }
 
 // Also for the defaults, which stand in the record for as long as this takes.
@@ -116,7 +116,7 @@ void load(preferences_window& p) {
   }
   for (int i = 0; i < 6; ++i) {
     const std::int32_t* size = size_in(record, i);
-    p.sizes[static_cast<std::size_t>(i)] = {size[0], size[1]};
+    p.sizes[i] = {size[0], size[1]};
   }
   show_size(p, p.window_list->currentIndex());
   p.theme->setCurrentIndex(static_cast<int>(chosen_theme()));
@@ -140,7 +140,7 @@ void store_window_size(preferences_window& p) {
     place_windows(p.w);
   }
   for (int i = 0; i < 6; ++i) {
-    const auto& size = p.sizes[static_cast<std::size_t>(i)];
+    const auto& size = p.sizes[i];
     std::copy(size.begin(), size.end(), size_in(record, i));
   }
   size_windows(p.w);
@@ -287,11 +287,10 @@ QWidget* program_page(preferences_window& p) {
 
 // The colour is the dialog's own until "OK" or "Apply", as everything else here.
 void edit_colour(const shared_window& p, int entry) {
-  auto* chooser =
-      new QColorDialog(colour_of(p->colours[static_cast<std::size_t>(entry)]), p->dialog);
+  auto* chooser = new QColorDialog(colour_of(p->colours[entry]), p->dialog);
   chooser->setObjectName("choose_colour");
   QObject::connect(chooser, &QColorDialog::colorSelected, p->dialog, [p, entry](QColor colour) {
-    p->colours[static_cast<std::size_t>(entry)] = word_of(colour);
+    p->colours[entry] = word_of(colour);
     show_colour(p->colour_buttons[entry], word_of(colour));
   });
   open_dialog(p->w, chooser);
@@ -332,8 +331,8 @@ QGroupBox* sizes_box(const shared_window& p) {
   row->addWidget(p->height);
   row->addWidget(new QLabel("pixels"));
   const auto keep = [p] {
-    p->sizes[static_cast<std::size_t>(p->window_list->currentIndex())] = {
-        static_cast<int>(p->width->value()), static_cast<int>(p->height->value())};
+    p->sizes[p->window_list->currentIndex()] = {static_cast<int>(p->width->value()),
+                                                static_cast<int>(p->height->value())};
   };
   QObject::connect(p->width, &QDoubleSpinBox::valueChanged, p->dialog, keep);
   QObject::connect(p->height, &QDoubleSpinBox::valueChanged, p->dialog, keep);

@@ -50,7 +50,7 @@ void show_cluster(const realign_window& r) {
   const std::int32_t cluster = r.cluster->value();
   // The first figures are still being gathered.
   if (cluster >= static_cast<std::int32_t>(r.sizes.size())) return;
-  r.events->setText(QString::number(r.sizes[static_cast<std::size_t>(cluster)]));
+  r.events->setText(QString::number(r.sizes[cluster]));
   r.sd->setText(microvolts(template_sd_uv(r.w.session, cluster)));
   r.mean->setText(microvolts(r.mean_sd));
 }

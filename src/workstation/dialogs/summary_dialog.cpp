@@ -44,7 +44,7 @@ class summary_model : public QAbstractTableModel {
     sort_summary(rows_, column_, ascending_);
     endResetModel();
   }
-  std::int32_t cluster_at(int row) const { return rows_[static_cast<std::size_t>(row)].cluster; }
+  std::int32_t cluster_at(int row) const { return rows_[row].cluster; }
   void current_cluster_changed() {
     if (!rows_.empty()) emit dataChanged(index(0, 0), index(rowCount({}) - 1, n_columns - 1));
   }
@@ -56,7 +56,7 @@ class summary_model : public QAbstractTableModel {
     return parent.isValid() ? 0 : n_columns;
   }
   QVariant data(const QModelIndex& at, int role) const override {
-    const unit_row& row = rows_[static_cast<std::size_t>(at.row())];
+    const unit_row& row = rows_[at.row()];
     if (role == Qt::DisplayRole) {
       return QString::fromStdString(summary_text(row, static_cast<summary_column>(at.column())));
     }

@@ -88,7 +88,7 @@ bool count_waveforms(const session_state& session, const input_file& file, nev_r
       reading.last_ticks = std::max(reading.last_ticks, ticks);
       if (packet.id < 1 || packet.id > layout.n_file_channels) continue;
       reading.last_waveform_ticks = std::max(reading.last_waveform_ticks, ticks);
-      ++reading.counts[static_cast<std::size_t>(packet.id)];
+      ++reading.counts[packet.id];
     }
     return !reading_interrupted(session);
   });
@@ -174,14 +174,14 @@ void take_waveform(session_state& session, nev_reading& reading, const nev_packe
                    const char* samples) {
   recording_store& r = session.recording;
   const nev_layout& layout = reading.layout;
-  const std::int32_t slot = reading.slots[static_cast<std::size_t>(packet.id)];
+  const std::int32_t slot = reading.slots[packet.id];
   if (slot == 0) return;
   const std::uint64_t ticks = ticks_of(layout, packet.stamp);
   std::int64_t index = 0;
   if (session.preferences.treat_as_continuous) {
     index = ticks_to(ticks, layout.sample_rate, layout.resolution);
   } else {
-    std::int32_t& record = reading.n_waveforms[static_cast<std::size_t>(slot)];
+    std::int32_t& record = reading.n_waveforms[slot];
     // The map is full: waveforms beyond it have no time.
     if (record == r.records_per_unit) {
       ++reading.n_beyond_map;
@@ -264,7 +264,7 @@ std::vector<std::int32_t> number_clusters(session_state& session) {
   std::int64_t n_unclustered = 0;
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] == 0) continue;
-    e.event_cluster[i] += base[static_cast<std::size_t>(e.event_channel[i])];
+    e.event_cluster[i] += base[e.event_channel[i]];
     // Events keep their place; only the unit is lost.
     if (e.event_cluster[i] > session.max_clusters) {
       e.event_cluster[i] = 0;
@@ -281,16 +281,16 @@ std::vector<std::int32_t> number_clusters(session_state& session) {
 void give_clusters_a_channel(session_state& session, const std::vector<std::int32_t>& base) {
   const event_table& e = session.events;
   std::int32_t channel = 1;
-  std::vector<bool> has_events(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  std::vector<bool> has_events(session.clusters.n_clusters + 1);
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
-    has_events[static_cast<std::size_t>(e.event_cluster[i])] = true;
+    has_events[e.event_cluster[i]] = true;
   }
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     session.templates.template_n_channels[c] = 1;
     // A cluster beyond the base of a channel belongs to the one after it.
     while (c > base[static_cast<std::size_t>(channel) + 1]) ++channel;
     session.templates.channels(c)[1] = channel;
-    if (has_events[static_cast<std::size_t>(c)]) continue;
+    if (has_events[c]) continue;
     log_message(session, fmt::format("Warning: No events in cluster {}", c));
   }
 }

@@ -70,11 +70,11 @@ std::int32_t find_event(const session_state& session, const event_index& index,
 
 // Clusters of one centre channel are its units 1, 2, ...
 std::vector<std::int32_t> number_units(const session_state& session) {
-  std::vector<std::int32_t> unit_of(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
-  std::vector<std::int32_t> n_units(static_cast<std::size_t>(session.recording.n_channels) + 1);
+  std::vector<std::int32_t> unit_of(session.clusters.n_clusters + 1);
+  std::vector<std::int32_t> n_units(session.recording.n_channels + 1);
   for (std::int32_t k = 1; k <= session.clusters.n_clusters; ++k) {
     const auto centre = static_cast<std::size_t>(session.templates.centre_channel(k));
-    unit_of[static_cast<std::size_t>(k)] = ++n_units[centre];
+    unit_of[k] = ++n_units[centre];
   }
   return unit_of;
 }
@@ -108,7 +108,7 @@ std::int64_t stored_index(const session_state& session, nev_writing& writing,
   if (!writing.as_records) {
     return ticks_to(ticks_of(layout, packet.stamp), layout.sample_rate, layout.resolution);
   }
-  std::int32_t& record = writing.n_waveforms[static_cast<std::size_t>(slot)];
+  std::int32_t& record = writing.n_waveforms[slot];
   // The reader left it out, and the unit that stands there is not ours to change.
   if (record == session.recording.channel_event_count[slot]) return -1;
   return record_index(++record, session.recording.samples_per_event);
@@ -132,7 +132,7 @@ std::int32_t unit_now(const session_state& session, nev_writing& writing, const 
   const std::int32_t cluster = session.events.event_cluster[event];
   // Unclustered events keep what the file says; so do those of clusters beyond the channels.
   if (cluster < 1 || cluster > r.n_channels) return packet.unit;
-  const std::int32_t unit = writing.unit_of_cluster[static_cast<std::size_t>(cluster)];
+  const std::int32_t unit = writing.unit_of_cluster[cluster];
   // 255 means noise, so that 254 units are the most that a byte can tell.
   if (unit < noise_unit) return unit;
   ++writing.n_kept;
@@ -148,7 +148,7 @@ void classify_packet(const session_state& session, nev_writing& writing, char* b
     }
     return;
   }
-  const std::int32_t slot = writing.slots[static_cast<std::size_t>(packet.id)];
+  const std::int32_t slot = writing.slots[packet.id];
   if (slot == 0) return;
   bytes[writing.layout.unit_at()] = static_cast<char>(unit_now(session, writing, packet, slot));
 }

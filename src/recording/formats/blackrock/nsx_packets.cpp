@@ -240,7 +240,7 @@ bool read_spaced_run(run_reading& r, const nsx_run& run) {
     const std::int64_t first = b * in_block;
     const std::int64_t n = std::min(in_block, run.n_points - first);
     const std::int64_t bytes = (n - 1) * stride + point_bytes;
-    std::vector<std::int16_t>& buffer = buffers[static_cast<std::size_t>(rank)];
+    std::vector<std::int16_t>& buffer = buffers[rank];
     buffer.resize(static_cast<std::size_t>((bytes + 1) / 2));
     char* points = reinterpret_cast<char*>(buffer.data());
     if (!read_at(r.file, run.at + first * stride, points, bytes)) {

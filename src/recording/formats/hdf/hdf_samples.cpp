@@ -251,8 +251,8 @@ void store_rows(sample_reader& r, const tile& t, const T* values) {
     const std::int32_t channel = r.channels.target[row];
     if (channel == 0) return;
     const auto n = static_cast<std::int64_t>(t.n_columns);
-    limited[static_cast<std::size_t>(i)] = convert_run(
-        r.plan, row, values + i * n, r.session.recording.vd.channel(channel) + index, n);
+    limited[i] = convert_run(r.plan, row, values + i * n,
+                             r.session.recording.vd.channel(channel) + index, n);
   });
   r.result.n_limited += std::accumulate(limited.begin(), limited.end(), std::int64_t{0});
 }
@@ -277,7 +277,7 @@ void store_points(sample_reader& r, const tile& t, const T* values, std::int16_t
     const std::uint64_t n = std::min(block, t.n_rows - from);
     std::int16_t* points = bits + from * t.n_columns;
     if constexpr (!std::is_same_v<T, std::int16_t>) {
-      limited[static_cast<std::size_t>(i)] =
+      limited[i] =
           convert_points(r.plan, t.column, t.n_columns, values + from * t.n_columns, points, n);
     }
     spread_points(r.session, part, points, static_cast<std::int64_t>(n),

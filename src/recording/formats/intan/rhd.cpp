@@ -160,7 +160,7 @@ bool read_blocks(session_state& session, const input_file& file, const rhd_heade
     if (failed || interrupted) return;
     const std::int64_t first = g * in_group;
     const std::int64_t n = std::min(in_group, n_blocks - first);
-    std::vector<char>& buffer = buffers[static_cast<std::size_t>(rank)];
+    std::vector<char>& buffer = buffers[rank];
     // Whole blocks, so that no channel's stretch is cut.
     buffer.resize(static_cast<std::size_t>(n * header.block_bytes));
     const std::int64_t at = header.first_block + first * header.block_bytes;
@@ -212,7 +212,7 @@ void read_rhd_signal_group(byte_cursor& in, rhd_header& header) {
     skip_bytes(in, 20);
     const bool known = signal >= 0 && signal < rhd_n_signals;
     // Signals of unknown kinds have no room in a block.
-    if (known && channel_is_enabled) ++header.n_enabled[static_cast<std::size_t>(signal)];
+    if (known && channel_is_enabled) ++header.n_enabled[signal];
   }
 }
 

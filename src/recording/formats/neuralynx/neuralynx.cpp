@@ -188,7 +188,7 @@ bool for_each_ncs_block(const session_state& session, const input_file& file,
   std::atomic<std::int64_t> n_done{0};
   parallel_for(n_threads, 0, n_blocks - 1, [&](std::int64_t block, std::int32_t rank) {
     if (stopped) return;
-    std::vector<char>& buffer = buffers[static_cast<std::size_t>(rank)];
+    std::vector<char>& buffer = buffers[rank];
     const std::int64_t first = block * ncs_block_records;
     const std::int64_t n = std::min(ncs_block_records, n_records - first);
     buffer.resize(static_cast<std::size_t>(ncs_block_records * ncs_record_bytes));
@@ -224,12 +224,12 @@ std::int64_t count_records(const input_file& file) {
 
 // The head of record i into the survey; any thread, each record once.
 void note_head(ncs_survey& survey, std::int64_t i, const ncs_head& head) {
-  ncs_place& place = survey.records[static_cast<std::size_t>(i)];
+  ncs_place& place = survey.records[i];
   place.channel = head.channel;
   // No record is believed to hold more than there is room for in it.
   place.n_valid = static_cast<std::uint16_t>(std::min<std::uint32_t>(head.n_valid, ncs_samples));
   if (head.n_valid > ncs_samples) ++survey.n_overfull;
-  survey.times[static_cast<std::size_t>(i)] = head.time_us;
+  survey.times[i] = head.time_us;
 }
 
 void start_survey(ncs_survey& survey, const input_file& file, const ncs_head& first) {
@@ -252,7 +252,7 @@ bool place_records(session_state& session, ncs_survey& survey) {
   const std::int64_t n_channels = std::int64_t{survey.highest} - survey.lowest + 1;
   if (!check_channel_count(session, n_channels)) return false;
   session.recording.n_channels = static_cast<std::int32_t>(n_channels);
-  std::vector<std::int64_t> filled(static_cast<std::size_t>(n_channels) + 1);
+  std::vector<std::int64_t> filled(n_channels + 1);
   for (ncs_place& place : survey.records) {
     // From here on channels count from the lowest in the file, whatever its number.
     place.channel = place.channel - survey.lowest + 1;
@@ -373,7 +373,7 @@ bool read_channels(session_state& session, const input_file& file, ncs_survey& s
   }
   const auto store_block = [&](std::int64_t first, std::int64_t count, const char* bytes) {
     for (std::int64_t i = 0; i < count; ++i, bytes += ncs_record_bytes) {
-      const ncs_place& place = survey.records[static_cast<std::size_t>(first + i)];
+      const ncs_place& place = survey.records[first + i];
       // The same bound for every channel, whatever its records tell.
       const std::int64_t n = std::min<std::int64_t>(place.n_valid, r.n_samples - 1 - place.after);
       if (n <= 0) continue;
@@ -502,7 +502,7 @@ bool read_ntt_records(session_state& session, const input_file& file, std::int64
       return false;
     }
     for (std::int64_t i = 0; i < n; ++i) {
-      store_ntt_record(session, block[static_cast<std::size_t>(i)]);
+      store_ntt_record(session, block[i]);
     }
     if (reading_interrupted(session)) return false;
     set_progress(session, meter::reading, static_cast<std::int32_t>(100 * (first + n) / n_kept),

@@ -44,7 +44,7 @@ events_by_record list_by_record(const session_state& session) {
     const std::int64_t record = record_of_event(session, i);
     if (record < 0) continue;
     std::int32_t& next = list.first[static_cast<std::size_t>(record) + 1];
-    list.events[static_cast<std::size_t>(next++)] = i;
+    list.events[next++] = i;
   }
   return list;
 }

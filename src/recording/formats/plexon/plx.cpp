@@ -84,7 +84,7 @@ std::int32_t number_clusters(session_state& session, const plx_units& units) {
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     std::int32_t& cluster = e.event_cluster[i];
     if (cluster == 0) continue;
-    cluster = cluster % label_factor + before[static_cast<std::size_t>(cluster / label_factor)];
+    cluster = cluster % label_factor + before[cluster / label_factor];
     largest = std::max(largest, cluster);
   }
   return largest;
@@ -95,16 +95,16 @@ std::int32_t number_clusters(session_state& session, const plx_units& units) {
 // unclustered.
 void close_up_clusters(session_state& session, std::int32_t largest) {
   event_table& e = session.events;
-  std::vector<bool> used(static_cast<std::size_t>(largest) + 1);
+  std::vector<bool> used(largest + 1);
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
-    used[static_cast<std::size_t>(e.event_cluster[i])] = true;
+    used[e.event_cluster[i]] = true;
   }
   // Unit numbers may be far apart: only those that occur are kept, in ascending order.
   std::vector<std::int32_t> kept;
   std::int32_t n = 0;
   repeated_line deleted;
   for (std::int32_t c = 1; c <= largest; ++c) {
-    if (used[static_cast<std::size_t>(c)]) {
+    if (used[c]) {
       kept.push_back(c);
       ++n;
     } else {
@@ -182,7 +182,7 @@ bool add_plx_event(session_state& session, std::int64_t time, std::int32_t chann
   e.event_channel[i] = channel;
   e.event_cluster[i] = unit > 0 ? group * label_factor + unit : 0;
   if (unit > 0) {
-    std::int32_t& largest = units.n_units[static_cast<std::size_t>(group)];
+    std::int32_t& largest = units.n_units[group];
     largest = std::max(largest, unit);
   }
   return true;

@@ -147,7 +147,7 @@ plx_block_use count_record(const session_state& session, plx_record_counter& cou
   // More tetrodes than any system had: the blocks are not what they seem.
   if (counter.tetrodes && record.unit_group > most_tetrodes) return plx_block_use::ends_read;
 
-  std::int32_t& count = counter.counts[static_cast<std::size_t>(record.unit_group)];
+  std::int32_t& count = counter.counts[record.unit_group];
   if (count >= r.records_per_unit) return plx_block_use::ends_read;
   // Known before it is counted, since only whole records count.
   record.record = count + 1;

@@ -35,7 +35,7 @@ void count_units(const session_state& session, const std::vector<std::int16_t>& 
   for (std::int32_t i = 1; i <= session.events.n_events; ++i) {
     const std::int32_t cluster = session.events.event_cluster[i];
     if (cluster <= 0) continue;
-    const std::int16_t unit = units[static_cast<std::size_t>(cluster)];
+    const std::int16_t unit = units[cluster];
     const std::int32_t channel = session.templates.centre_channel(cluster);
     // The tables of the header are of fixed size; the blocks tell the rest.
     if (unit >= plx_counted_units || channel > plx_counted_channels) continue;
@@ -81,7 +81,7 @@ std::string channel_name(std::int32_t channel) { return fmt::format("sig{:03}", 
 void write_channel_headers(const session_state& session, safe_file& out) {
   std::vector<std::int32_t> n_units(std::size_t{channel_limit} + 1);
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    ++n_units[static_cast<std::size_t>(session.templates.centre_channel(c))];
+    ++n_units[session.templates.centre_channel(c)];
   }
   for (std::int32_t c = 1; c <= session.recording.n_channels; ++c) {
     plx_channel_header h{};
@@ -93,7 +93,7 @@ void write_channel_headers(const session_state& session, safe_file& out) {
     h.filter = 4;
     h.threshold = 122;
     h.method = 1;
-    h.n_units = n_units[static_cast<std::size_t>(c)];
+    h.n_units = n_units[c];
     h.sort_width = spike_words;
     write_value(out, h);
   }
@@ -156,7 +156,7 @@ void write_spikes(const session_state& session, const std::vector<std::int16_t>&
   for (std::int32_t i = 1; i <= e.n_events && !out.failed; ++i) {
     const std::int32_t channel = centre_or_own_channel(session, i);
     h.channel = static_cast<std::int16_t>(channel);
-    if (e.event_cluster[i] > 0) h.unit = units[static_cast<std::size_t>(e.event_cluster[i])];
+    if (e.event_cluster[i] > 0) h.unit = units[e.event_cluster[i]];
     set_plx_time(h, e.event_time[i]);
     write_value(out, h);
     std::int16_t words[spike_words] = {};

@@ -43,7 +43,7 @@ record_clusters list_records(const session_state& session) {
   for (std::int32_t u = 1; u <= r.n_channels; ++u) {
     const std::int32_t n = tetrodes ? r.tetrode_event_count[u] : r.channel_event_count[u];
     // Room for record 0, which stands for none.
-    records[static_cast<std::size_t>(u)].resize(static_cast<std::size_t>(n) + 1);
+    records[u].resize(static_cast<std::size_t>(n) + 1);
   }
   return records;
 }
@@ -64,7 +64,7 @@ void map_slots(const session_state& session, record_clusters& records) {
         // Slots are twice as long as records, so that the time alone tells the record.
         (e.event_time[i] - 100) / (2 * session.recording.samples_per_event) + 1;
     if (record < 1 || record >= static_cast<std::int64_t>(of.size())) continue;
-    of[static_cast<std::size_t>(record)] = static_cast<std::int16_t>(e.event_cluster[i]);
+    of[record] = static_cast<std::int16_t>(e.event_cluster[i]);
   }
 }
 
@@ -154,9 +154,9 @@ std::vector<std::int32_t> count_units(const session_state& session) {
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     ++by_group[group(session.templates.centre_channel(c))];
   }
-  std::vector<std::int32_t> by_channel(static_cast<std::size_t>(r.n_channels) + 1);
+  std::vector<std::int32_t> by_channel(r.n_channels + 1);
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    by_channel[static_cast<std::size_t>(c)] = by_group[group(c)];
+    by_channel[c] = by_group[group(c)];
   }
   return by_channel;
 }
@@ -176,7 +176,7 @@ bool write_headers(const session_state& session, plx_rewriter& w) {
   const std::vector<std::int32_t> n_units = count_units(session);
   write_value(w.out, w.headers.file);
   for (plx_channel_header& h : w.headers.channels) {
-    h.n_units = n_units[static_cast<std::size_t>(plx_program_channel(session, h.channel))];
+    h.n_units = n_units[plx_program_channel(session, h.channel)];
     write_value(w.out, h);
   }
   const auto at = static_cast<std::int64_t>(sizeof(plx_file_header) +
@@ -186,9 +186,8 @@ bool write_headers(const session_state& session, plx_rewriter& w) {
 
 void log_units(const session_state& session, const plx_rewriter& w) {
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    log_message(session,
-                fmt::format("Cluster to unit number {} {} {}", session.templates.centre_channel(c),
-                            c, w.unit_of_cluster[static_cast<std::size_t>(c)]));
+    log_message(session, fmt::format("Cluster to unit number {} {} {}",
+                                     session.templates.centre_channel(c), c, w.unit_of_cluster[c]));
   }
 }
 
@@ -229,7 +228,7 @@ void change_record(const session_state& session, const plx_rewriter& w, const pl
   const auto m = static_cast<std::size_t>(record.record);
   // Records that were not read keep what the file says.
   if (m >= w.clusters[group].size()) return;
-  h.unit = w.unit_of_cluster[static_cast<std::size_t>(w.clusters[group][m])];
+  h.unit = w.unit_of_cluster[w.clusters[group][m]];
   if (!w.overwrite_samples) return;
   const std::int64_t position =
       plx_record_position(session, record, r.timestamp(record.record, record.unit_group));
@@ -291,12 +290,11 @@ bool write_blocks(const session_state& session, plx_rewriter& w) {
 
 // File channel of every program channel.
 std::vector<std::int16_t> list_slots(const recording_store& r) {
-  std::vector<std::int16_t> slots(static_cast<std::size_t>(r.n_channels) + 1);
+  std::vector<std::int16_t> slots(r.n_channels + 1);
   // From the top down, so that the lowest file channel of a program channel stays.
   for (std::int32_t f = channel_limit; f >= 1; --f) {
     const std::int32_t c = r.channel_map[f];
-    if (c >= 1 && c <= r.n_channels)
-      slots[static_cast<std::size_t>(c)] = static_cast<std::int16_t>(f);
+    if (c >= 1 && c <= r.n_channels) slots[c] = static_cast<std::int16_t>(f);
   }
   return slots;
 }
@@ -318,8 +316,8 @@ void write_spikes(const session_state& session, plx_rewriter& w) {
     const std::int32_t cluster = e.event_cluster[i];
     const std::int32_t channel =
         cluster > 0 ? session.templates.centre_channel(cluster) : e.event_channel[i];
-    h.channel = slots[static_cast<std::size_t>(channel)];
-    h.unit = w.unit_of_cluster[static_cast<std::size_t>(std::max(cluster, 0))];
+    h.channel = slots[channel];
+    h.unit = w.unit_of_cluster[std::max(cluster, 0)];
     set_plx_time(h,
                  convert_ticks(e.event_time[i], r.sampling_frequency, w.headers.file.ad_frequency));
     std::fill(words.begin(), words.end(), 0);
@@ -387,13 +385,13 @@ bool rewrite_plx(const session_state& session, const std::string& source, const 
 
 std::vector<std::int16_t> number_plx_units(const session_state& session, bool by_tetrode) {
   const std::int32_t n = session.clusters.n_clusters;
-  std::vector<std::int16_t> units(static_cast<std::size_t>(n) + 1);
+  std::vector<std::int16_t> units(n + 1);
   std::vector<std::int16_t> used(std::size_t{channel_limit} + 1);
   for (std::int32_t c = 1; c <= n; ++c) {
     const std::int32_t centre = session.templates.centre_channel(c);
     const std::int32_t group = by_tetrode ? session.recording.tetrode_of_channel[centre] : centre;
     // Units of a channel count from 1, in the order of the clusters.
-    units[static_cast<std::size_t>(c)] = ++used[static_cast<std::size_t>(group)];
+    units[c] = ++used[group];
   }
   return units;
 }

@@ -54,8 +54,7 @@ record_extent scan_channels(const session_state& session, const input_file& file
     const std::int16_t channel = block.header.channel;
     if (block.header.type != plx_spike_block || channel < 1 || channel > channel_limit) continue;
     include_block(extent, block);
-    extent.most_records =
-        std::max(extent.most_records, ++counts[static_cast<std::size_t>(channel)]);
+    extent.most_records = std::max(extent.most_records, ++counts[channel]);
   }
   return extent;
 }
@@ -133,8 +132,7 @@ record_extent scan_tetrodes(const session_state& session, const input_file& file
     }
     if (state == group_state::unused) continue;
     for (const plx_block& b : group.blocks) include_block(extent, b);
-    extent.most_records =
-        std::max(extent.most_records, ++counts[static_cast<std::size_t>(tetrode)]);
+    extent.most_records = std::max(extent.most_records, ++counts[tetrode]);
   }
   // A tetrode that the end of the file has cut is none.
   if (group.n > 0) plan.blocks_end = group.offset;

@@ -237,7 +237,7 @@ plx_units count_listed_units(const session_state& session, const plx_headers& he
     const std::int32_t channel = plx_program_channel(session, h.channel);
     if (channel > 0) {
       // No unit number that a block can have is larger.
-      units.n_units[static_cast<std::size_t>(channel)] = std::clamp(h.n_units, 0, 32767);
+      units.n_units[channel] = std::clamp(h.n_units, 0, 32767);
     }
   }
   return units;

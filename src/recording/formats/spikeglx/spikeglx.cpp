@@ -46,7 +46,7 @@ bool place_sites_of_meta(session_state& session, const spikeglx_meta& meta, std:
   }
   recording_store& r = session.recording;
   for (std::int32_t c = 1; c <= n_sites; ++c) {
-    const probe_site& site = sites[static_cast<std::size_t>(c - 1)];
+    const probe_site& site = sites[c - 1];
     r.chan_x[c] = to_position(site.x);
     r.chan_y[c] = to_position(site.y - lowest);
   }
@@ -162,8 +162,7 @@ bool read_blocks(session_state& session, const input_file& file, std::int32_t n_
   recording_store& r = session.recording;
   interleaved_channels channels;
   channels.target.resize(static_cast<std::size_t>(n_saved));
-  for (std::int32_t v = 0; v < r.n_channels; ++v)
-    channels.target[static_cast<std::size_t>(v)] = v + 1;
+  for (std::int32_t v = 0; v < r.n_channels; ++v) channels.target[v] = v + 1;
   const std::int64_t n_values = file.size / block_bytes * block_bytes / 2;
   interleaved_run run;
   run.n_points = n_values / n_saved;

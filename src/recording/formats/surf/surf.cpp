@@ -36,7 +36,7 @@ const surf_layout* find_spike_layout(const surf_file& surf) {
 
 bool is_spike_block(const surf_file& surf, const surf_block& block, const surf_layout& layout) {
   return block.probe >= 0 && static_cast<std::size_t>(block.probe) < surf.layouts.size() &&
-         &surf.layouts[static_cast<std::size_t>(block.probe)] == &layout;
+         &surf.layouts[block.probe] == &layout;
 }
 
 bool take_layout(session_state& session, const surf_layout& layout) {
@@ -233,8 +233,8 @@ bool place_sites_of_polytrode(session_state& session, const std::string& name) {
                 fmt::format("{} channels have no site on a {}", r.n_channels - n, map->name));
   }
   for (std::int32_t c = 1; c <= n; ++c) {
-    r.chan_x[c] = map->sites[static_cast<std::size_t>(c - 1)].x;
-    r.chan_y[c] = map->sites[static_cast<std::size_t>(c - 1)].y;
+    r.chan_x[c] = map->sites[c - 1].x;
+    r.chan_y[c] = map->sites[c - 1].y;
   }
   // Channels without a site of their own take no part.
   for (const std::int32_t c : map->grounded) {
