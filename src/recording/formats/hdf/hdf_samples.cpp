@@ -429,14 +429,17 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   return false;
 }
 
-bool plan_hdf_conversion(const session_state& session, hid_t dataset,
-                         const hdf_selection& selection, const hdf_layout& layout,
-                         hdf_conversion& plan) {
+namespace {
+
+// How the stored type is read; narrow: the values are bits already. False, after the log
+// line, for a type that is no number of ours.
+bool choose_values(const session_state& session, hid_t dataset, hdf_conversion& plan,
+                   bool& narrow) {
   const hdf_id type(H5Dget_type(dataset));
   const H5T_class_t kind = type.ok() ? H5Tget_class(type) : H5T_NO_CLASS;
   const std::size_t size = type.ok() ? H5Tget_size(type) : 0;
   const bool is_signed = type.ok() && H5Tget_sign(type) == H5T_SGN_2;
-  bool narrow = false;
+  narrow = false;
   if (kind == H5T_INTEGER) {
     if (size != 1 && size != 2 && size != 4 && size != 8) {
       log_message(session, "Warning: read failed with unsupported integer size data");
@@ -454,14 +457,13 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
     log_message(session, "Warning: unidentified real data type");
     return false;
   }
+  return true;
+}
 
+// Gain and shift of n channels, from the gain of all.
+void plan_channels(const hdf_selection& selection, std::size_t n, double gain,
+                   hdf_conversion& plan) {
   const hdf_scaling& scaling = selection.scaling;
-  const auto n = static_cast<std::size_t>(layout.n_channels);
-  double gain = 1;
-  // Wide values become bits of the chosen scale; narrow ones are bits already.
-  if (!narrow && scaling.uv_per_value != 0) gain = scaling.uv_per_value / selection.scale;
-  // The scale was typed or printed with a few figures.
-  if (std::fabs(gain - 1) < 1e-7) gain = 1;
   plan.gain.assign(n, gain);
   plan.shift.assign(n, scaling.offset * 1e6 / selection.scale);
   if (scaling.channel_conversion.size() == n) {
@@ -473,9 +475,28 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
   for (std::size_t c = 0; c < std::min(n, scaling.ad_zero.size()); ++c) {
     plan.shift[c] -= scaling.ad_zero[c] * plan.gain[c];
   }
-  const auto differs_from = [](double from) { return [from](double v) { return v != from; }; };
-  const bool gains = std::any_of(plan.gain.begin(), plan.gain.end(), differs_from(1));
-  const bool shifts = std::any_of(plan.shift.begin(), plan.shift.end(), differs_from(0));
+}
+
+bool any_differs(const std::vector<double>& values, double from) {
+  return std::any_of(values.begin(), values.end(), [from](double v) { return v != from; });
+}
+
+}  // namespace
+
+bool plan_hdf_conversion(const session_state& session, hid_t dataset,
+                         const hdf_selection& selection, const hdf_layout& layout,
+                         hdf_conversion& plan) {
+  bool narrow = false;
+  if (!choose_values(session, dataset, plan, narrow)) return false;
+  const double uv_per_value = selection.scaling.uv_per_value;
+  double gain = 1;
+  // Wide values become bits of the chosen scale; narrow ones are bits already.
+  if (!narrow && uv_per_value != 0) gain = uv_per_value / selection.scale;
+  // The scale was typed or printed with a few figures.
+  if (std::fabs(gain - 1) < 1e-7) gain = 1;
+  plan_channels(selection, static_cast<std::size_t>(layout.n_channels), gain, plan);
+  const bool gains = any_differs(plan.gain, 1);
+  const bool shifts = any_differs(plan.shift, 0);
   plan.changes = gains || shifts;
   // A gain needs more room than bits have until the result is limited.
   if (plan.changes && plan.read_as == hdf_conversion::values::bits) {
@@ -486,7 +507,7 @@ bool plan_hdf_conversion(const session_state& session, hid_t dataset,
                                 : fmt::format("Stored values become bits times {:.6g}", gain));
   }
   if (shifts) log_message(session, "Taking the zero level out of the samples");
-  if (!narrow && scaling.uv_per_value == 0) {
+  if (!narrow && uv_per_value == 0) {
     log_message(session, "The file gives no unit; stored values are taken as bits");
   }
   return true;
