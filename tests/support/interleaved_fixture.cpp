@@ -75,7 +75,8 @@ std::vector<char> interleaved_bytes(std::int64_t n_values, std::int64_t n_points
     samples.push_back(interleaved_sample(i % n_values, i / n_values));
   }
   std::vector<char> bytes(static_cast<std::size_t>(2 * n_values * n_points + extra_bytes));
-  std::memcpy(bytes.data(), samples.data(), bytes.size());
+  // An empty file has no bytes to point to.
+  if (!bytes.empty()) std::memcpy(bytes.data(), samples.data(), bytes.size());
   return bytes;
 }
 
