@@ -268,7 +268,6 @@ void absorb_cluster(session_state& session, std::int32_t a, std::int32_t b) {
     events.event_cluster[e] = a;
     events.event_subcluster[e] = 1;
   }
-  // While the numbers are still the old ones: if b is the lower of the two, a moves down.
   recalculate_cluster(session, a);
   // When b lies below a, this is where a changes its number.
   delete_record(session, b, change);

@@ -42,23 +42,15 @@ void for_each_template_run(session_state& session, undo_slot& slot, Visit&& visi
   }
 }
 
-// Counters and selections, which lie in no column.
-void copy_counters(session_state& from_session, undo_slot& slot) {
-  slot.events.n_events = from_session.events.n_events;
-  slot.clusters.n_clusters = from_session.clusters.n_clusters;
-  slot.clusters.current_cluster = from_session.clusters.current_cluster;
-  slot.clusters.previous_cluster = from_session.clusters.previous_cluster;
-  slot.lists.n_kv_pairs = from_session.lists.n_kv_pairs;
-  slot.lists.n_match = from_session.lists.n_match;
-}
-
-void put_back_counters(session_state& session, const undo_slot& slot) {
-  session.events.n_events = slot.events.n_events;
-  session.clusters.n_clusters = slot.clusters.n_clusters;
-  session.clusters.current_cluster = slot.clusters.current_cluster;
-  session.clusters.previous_cluster = slot.clusters.previous_cluster;
-  session.lists.n_kv_pairs = slot.lists.n_kv_pairs;
-  session.lists.n_match = slot.lists.n_match;
+// Counters and selections, which lie in no column. Either side may be the session's.
+template <typename From, typename To>
+void copy_counters(const From& from, To& to) {
+  to.events.n_events = from.events.n_events;
+  to.clusters.n_clusters = from.clusters.n_clusters;
+  to.clusters.current_cluster = from.clusters.current_cluster;
+  to.clusters.previous_cluster = from.clusters.previous_cluster;
+  to.lists.n_kv_pairs = from.lists.n_kv_pairs;
+  to.lists.n_match = from.lists.n_match;
 }
 
 // Room for the packed blocks, once it is known that memory holds blocks and columns: the
@@ -117,7 +109,7 @@ bool restore_undo_state(session_state& session, undo_owner owner) {
   if (!can_undo(session, owner)) return false;
   undo_slot& slot = *session.undo;
   cluster_change change = begin_change(session, cluster_change_kind::restored);
-  put_back_counters(session, slot);
+  copy_counters(slot, session);
   for_each_table(session, slot, [](auto& of, const auto& copy, std::int64_t n) {
     std::copy_n(copy.first(), n, of.first());
   });
