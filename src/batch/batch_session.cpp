@@ -12,6 +12,8 @@
 #include "results/work_file.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
+#include "session/template_window.h"
+#include "sorting/realign_steps.h"
 
 namespace kestrelvane {
 
@@ -124,6 +126,14 @@ batch_status place_channels(batch_session& batch) {
   return batch_status::done;
 }
 
+// A window of the command line beside templates of the work file. A sort makes them anew where
+// it keeps the clusters; whatever else is done with them needs them now.
+void follow_template_window(batch_session& batch) {
+  session_state& session = *batch.session;
+  shorten_spike_window(session);
+  if (batch.report.verb != "sort") renew_outdated_templates(session);
+}
+
 batch_status mask_channels(batch_session& batch) {
   recording_store& r = batch.session->recording;
   // The list was parsed before the recording told how many there are.
@@ -224,6 +234,7 @@ batch_status read_work_for_batch(batch_session& batch) {
   }
   // The work file has brought settings of its own; those of the command line hold for this run.
   apply_run_options(batch, problem);
+  follow_template_window(batch);
   return mask_channels(batch);
 }
 

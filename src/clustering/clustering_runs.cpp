@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "clustering/membership.h"
 #include "clustering/principal_components.h"
 
 namespace kestrelvane {
@@ -20,7 +21,7 @@ gac_parameters gac_parameters_of(const session_state& session) {
   parameters.subsample = strategy.gac_subsample;
   parameters.size_tolerance = strategy.gac_size_tolerance;
   parameters.threshold = strategy.gac_threshold;
-  parameters.min_cluster_size = strategy.min_cluster_size;
+  parameters.min_cluster_size = least_cluster_size(session);
   parameters.split_obvious = strategy.split_obvious;
   parameters.threads = threads_now(session);
   parameters.kernel = session.tables.gac_table;

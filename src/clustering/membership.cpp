@@ -1,5 +1,7 @@
 #include "clustering/membership.h"
 
+#include <algorithm>
+
 #include "numerics/simd.h"
 
 namespace kestrelvane {
@@ -58,19 +60,8 @@ std::vector<std::int32_t> count_events_by_cluster(const session_state& session) 
   return sizes;
 }
 
-std::int32_t count_epoch_events(const session_state& session, std::int32_t cluster,
-                                std::int32_t epoch) {
-  const recording_store& r = session.recording;
-  std::int32_t count = 0;
-  for (const std::int32_t e : list_cluster_events(session, cluster)) {
-    std::int32_t of_event = 1;
-    for (std::int32_t k = 1; k <= r.n_epochs; ++k) {
-      // Strictly: an event on the very first sample of an epoch counts to the one before.
-      if (r.epoch_first_index[k] < session.events.event_time[e]) of_event = k;
-    }
-    count += of_event == epoch;
-  }
-  return count;
+std::int32_t least_cluster_size(const session_state& session) {
+  return std::max(1, session.strategy.min_cluster_size);
 }
 
 // ---------------------------------------------------------------- limits

@@ -17,10 +17,9 @@ std::vector<std::int32_t> list_cluster_events(const session_state& session, std:
 // Events of every cluster in one pass: element c for cluster c, element 0 the unclustered.
 std::vector<std::int32_t> count_events_by_cluster(const session_state& session);
 
-// Events of a cluster inside an epoch; the epoch of a time is the last whose
-// start is below it.
-std::int32_t count_epoch_events(const session_state& session, std::int32_t cluster,
-                                std::int32_t epoch);
+// Fewest events that make a cluster: min_cluster_size, and one where the user allows any
+// size, since an empty cluster is none and always goes.
+std::int32_t least_cluster_size(const session_state& session);
 
 // The last net: too many clusters are told and the count is set to 4000.
 void check_cluster_limit(session_state& session);

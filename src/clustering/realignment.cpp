@@ -399,6 +399,7 @@ void realign_all_clusters(session_state& session) {
       set_progress(session, meter::clusters, static_cast<std::int32_t>(100 * cluster / n), 100);
     }
   });
+  templates_are_current(session);
   if (timing) {
     const auto msecs = std::chrono::duration_cast<std::chrono::milliseconds>(
                            std::chrono::steady_clock::now() - begin)

@@ -106,7 +106,7 @@ split_result apply_split(session_state& session, std::int32_t cluster,
     // Outliers, label 100, belong to neither side.
     rest += label != chosen_label && label != gac_label_limit;
   }
-  if (rest < session.strategy.min_cluster_size) {
+  if (rest < least_cluster_size(session)) {
     for (std::size_t i = 0; i < list.size(); ++i) {
       if (labels[i] != chosen_label) of[list[i]] = 0;
     }
@@ -167,7 +167,7 @@ void mark_outliers(session_state& session, const std::vector<std::int32_t>& list
     if (strategy.remove_small_final_subclusters &&
         // Long-lived, but too small to stand alone.
         tables.as_cl_scores[s][label] >= strategy.gac_threshold &&
-        tables.as_cl_sizes[s][label] < strategy.min_cluster_size) {
+        tables.as_cl_sizes[s][label] < least_cluster_size(session)) {
       label = gac_label_limit;
       events.event_subcluster[list[i]] = 100;
       ++small;
@@ -212,7 +212,7 @@ sign_off_result sign_off(session_state& session, std::int32_t cluster,
   const std::int32_t removed = remove_marked_outliers(session, list);
   const std::int32_t left = static_cast<std::int32_t>(list.size()) - removed;
   // No template for it any more: the caller deletes the cluster.
-  if (left < session.strategy.min_cluster_size) return sign_off_result::too_small;
+  if (left < least_cluster_size(session)) return sign_off_result::too_small;
   if (removed > session.strategy.recluster_limit) {
     session.clusters.cluster_signed_off[cluster] = false;
     log_message(session, fmt::format("reclustering {}: {} events deleted", cluster, removed));

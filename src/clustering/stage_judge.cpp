@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <iterator>
-#include <utility>
+#include <numeric>
+
+#include "clustering/membership.h"
 
 namespace kestrelvane {
 
@@ -75,7 +77,7 @@ bool fold_small_subcluster(const session_state& session, const gac_points& point
                            gac_tables& tables, std::int32_t stage, std::int32_t j) {
   const std::int32_t* sizes = tables.as_cl_sizes[stage];
   return fold_into_neighbour(points, tables, stage, j, [&](std::int32_t label) {
-    return sizes[label] >= session.strategy.min_cluster_size;
+    return sizes[label] >= least_cluster_size(session);
   });
 }
 
@@ -117,19 +119,16 @@ struct stage_judge {
   std::int32_t n_keep = 0;
 };
 
-// Selection sort, falling: on equal scores the earlier stays first.
+// Falling. Of equal scores the earlier, which is the larger sub-cluster, stays first: the last
+// is folded first, and that should cost the fewest events.
 void sort_scores(stage_judge& judge) {
+  const std::int32_t* scores = judge.tables.as_cl_scores[judge.stage];
+  std::int32_t* ids = judge.sorted_id + 1;
+  std::iota(ids, ids + judge.n_leading, 1);
+  std::stable_sort(ids, ids + judge.n_leading,
+                   [&](std::int32_t a, std::int32_t b) { return scores[a] > scores[b]; });
   for (std::int32_t i = 1; i <= judge.n_leading; ++i) {
-    judge.sorted_id[i] = i;
-    judge.sorted_score[i] = judge.tables.as_cl_scores[judge.stage][i];
-  }
-  for (std::int32_t i = 1; i < judge.n_leading; ++i) {
-    std::int32_t best = i;
-    for (std::int32_t k = i + 1; k <= judge.n_leading; ++k) {
-      if (judge.sorted_score[k] > judge.sorted_score[best]) best = k;
-    }
-    std::swap(judge.sorted_score[i], judge.sorted_score[best]);
-    std::swap(judge.sorted_id[i], judge.sorted_id[best]);
+    judge.sorted_score[i] = scores[judge.sorted_id[i]];
   }
 }
 
@@ -139,8 +138,7 @@ void take_means(stage_judge& judge) {
   float sum = 0.0f, weighted = 0.0f, weights = 0.0f;
   std::int32_t qualified = 0;
   for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
-    // An empty label is none, even where clusters of any size will do.
-    if (sizes[c] < judge.session.strategy.min_cluster_size || sizes[c] == 0) continue;
+    if (sizes[c] < least_cluster_size(judge.session)) continue;
     const auto score = static_cast<float>(scores[c]);
     const auto size = static_cast<float>(sizes[c]);
     sum += score;
@@ -382,7 +380,7 @@ float evenness_bonus(const stage_judge& judge, std::int32_t pool_size) {
   float sum = 0.0f;
   for (std::int32_t c = 1; c <= gac_label_limit; ++c) {
     if (c > judge.n_leading) rest += sizes[c];
-    if (sizes[c] < judge.session.strategy.min_cluster_size || sizes[c] == 0) continue;
+    if (sizes[c] < least_cluster_size(judge.session)) continue;
     qualified.push_back(static_cast<float>(sizes[c]));
     sum += qualified.back();
   }

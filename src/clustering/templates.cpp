@@ -283,6 +283,7 @@ void calculate_all_templates(session_state& session) {
                  calculate_template(session, static_cast<std::int32_t>(cluster));
                  calculate_template_centre(session, static_cast<std::int32_t>(cluster));
                });
+  templates_are_current(session);
 }
 
 float template_sd_rms(const session_state& session, std::int32_t cluster) {

@@ -20,6 +20,7 @@
 #include "sorting/cluster_edits.h"
 #include "sorting/duplicates.h"
 #include "sorting/merge_split.h"
+#include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
 
 namespace kestrelvane {
@@ -171,7 +172,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
     const split_outcome outcome = split_and_tell(session, nc);
     bool deleted = false;
     // By its count and not by the outcome: a cut may have left a cluster small as well.
-    if (count_cluster_events(session, nc) < session.strategy.min_cluster_size) {
+    if (count_cluster_events(session, nc) < least_cluster_size(session)) {
       delete_cluster(session, nc);
       list.erase(list.begin() + static_cast<std::ptrdiff_t>(at));
       for (std::int32_t& later : list) later -= later > nc;
@@ -227,7 +228,7 @@ void remove_small_clusters(session_state& session) {
   log_message(session, "Deleting any clusters < threshold size ...");
   // Lists are made afresh after this; keeping old ones in step would be idle.
   session.lists.n_kv_pairs = 0;
-  const std::int32_t size = session.strategy.min_cluster_size;
+  const std::int32_t size = least_cluster_size(session);
   const std::int32_t deleted = delete_small_clusters(session, size);
   log_message(session, " finished");
   if (deleted == 1) {
@@ -408,6 +409,8 @@ bool autosort(session_state& session) {
   if (detect || cluster) {
     const road way = cluster_events(session, begin);
     if (way != road::go_on) return way == road::ended_well;
+  } else {
+    renew_outdated_templates(session);
   }
   build_lists(session);
   if (session.autosort.stop_after == stop_after_lists) return true;
@@ -415,18 +418,15 @@ bool autosort(session_state& session) {
   return end_finished(session, begin);
 }
 
-bool leave_autosort(session_state& session, float window_start_ms, float window_end_ms) {
-  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) return true;
-  const bool changed = session.strategy.template_window_start_ms != window_start_ms ||
-                       session.strategy.template_window_end_ms != window_end_ms;
-  if (!changed || session.clusters.n_clusters == 0) return false;
-  set_status(session, status_field::message,
-             "Spikes are being realigned and templates\r\nrecalculated because the spike window "
-             "was\r\nchanged");
-  compute_template_points(session);
-  realign_all_clusters(session);
-  set_status(session, status_field::message, "Finished ... press OK to continue");
-  return false;
+bool leave_autosort(session_state& session) {
+  if (templates_are_outdated(session)) {
+    set_status(session, status_field::message,
+               "Spikes are being realigned and templates\r\nrecalculated because the spike window "
+               "was\r\nchanged");
+    renew_outdated_templates(session);
+    set_status(session, status_field::message, "Finished ... press OK to continue");
+  }
+  return session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0;
 }
 
 }  // namespace kestrelvane

@@ -23,12 +23,10 @@ enum autosort_stop : std::int32_t {
   stop_after_lists = 4,             // after the first build of the status lists
 };
 
-// What closing the dialog does. window_start_ms, window_end_ms: the template window
-// as it was when the dialog opened. True when Guided Merge should open: the user
-// asked for the next stage and there are pairs to examine. Otherwise, when the
-// window has changed and clusters exist, all templates are recalculated, with a
-// word before and after.
-bool leave_autosort(session_state& session, float window_start_ms, float window_end_ms);
+// What closing the dialog does: templates of an earlier window are made anew, with a word
+// before and after. True when Guided Merge should open: the user asked for the next stage and
+// there are pairs to examine, which are compared by these templates.
+bool leave_autosort(session_state& session);
 
 // The whole pipeline with the settings in force. What it has to say it says
 // through the boundary. Returns false when it stopped at a guard, found no

@@ -199,8 +199,11 @@ void settle_settings(session_state& session, const kept_settings& before) {
       store_setting(session, row, i, *earlier);
     }
   }
+  // The templates of the file have the points that the file tells.
+  const std::int32_t points = session.templates.template_points;
   // What a window may reach depends on the taps of the interpolation.
   apply_settings(session);
+  session.templates.template_points = points;
   settle_window(session, before.window_start_ms, before.window_end_ms);
   build_neighbour_list(session);
 }
@@ -243,6 +246,7 @@ std::string settle_sort(session_state& session, std::int32_t version) {
   settle_selection(session);
   // A file without templates has no points either.
   if (session.templates.template_points < 3) compute_template_points(session);
+  templates_are_current(session);
   return {};
 }
 

@@ -12,6 +12,7 @@
 
 #include "session/interpolation_tables.h"
 #include "session/run_log.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 
@@ -114,8 +115,10 @@ constexpr setting_row rows[] = {
     SETTING(detection, pe_sigma_ms, 0.25, 0.001, 100, "Proto-event sigma, ms"),
     SETTING(detection, lockout_radius_um, 150, 0, 100'000, "Lockout distance, µm"),
     SETTING(detection, lockout_ms, 0.5, 0, 5, "Lockout time, ms"),
-    SETTING(strategy, template_window_start_ms, -0.8, -1000, 1000, "Template window from, ms"),
-    SETTING(strategy, template_window_end_ms, 0.8, -1000, 1000, "Template window to, ms"),
+    APPLIED(strategy, template_window_start_ms, -0.8, -1000, 1000, "Template window from, ms",
+            compute_template_points),
+    APPLIED(strategy, template_window_end_ms, 0.8, -1000, 1000, "Template window to, ms",
+            compute_template_points),
     SETTING(detection, detection_method, method_dynamic_multiphasic, 1, 5, "Detection method, row of the list"),
     SETTING(detection, align_feature, align_trough, 1, 9, "Align to, row of the list"),
     SETTING(detection, window_samples, 6, 1, 250, "Window width, samples"),

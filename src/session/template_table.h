@@ -14,8 +14,18 @@
 
 namespace kestrelvane {
 
+// A stretch of samples round the aligned time.
+struct template_extent {
+  std::int32_t first = 0;   // sample relative to the aligned time
+  std::int32_t points = 0;  // 0: none
+  bool operator==(const template_extent&) const = default;
+};
+
 struct template_table {
-  std::int32_t template_points = 0;     // time samples in use, 3..151
+  std::int32_t template_points = 0;  // time samples in use, 3..151
+  std::int32_t first_sample = 0;     // of the window in force
+  // The window that the templates were made for, when that is no longer the one in force.
+  template_extent outdated;
   std::int32_t allocated_channels = 0;  // channels that the arrays have room for
 
   table<float> template_mean;  // bits

@@ -1,5 +1,7 @@
 #include "session/template_window.h"
 
+#include <algorithm>
+
 #include "numerics/simd.h"
 
 namespace kestrelvane {
@@ -22,10 +24,25 @@ std::int32_t window_last_sample(const session_state& session) {
 }
 
 void compute_template_points(session_state& session) {
+  template_table& templates = session.templates;
+  const template_extent before{templates.first_sample, templates.template_points};
   const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
-  session.templates.template_points = points < 3                      ? 3
-                                      : points > template_point_limit ? template_point_limit
-                                                                      : points;
+  const template_extent now{window_first_sample(session),
+                            std::clamp(points, 3, template_point_limit)};
+  templates.first_sample = now.first;
+  templates.template_points = now.points;
+  // What counts is the window that the templates were made for, over how many changes ever.
+  if (templates.outdated.points == 0) templates.outdated = before;
+  if (session.clusters.n_clusters == 0 || templates.outdated == now) templates.outdated = {};
+}
+
+bool templates_are_outdated(const session_state& session) {
+  return session.clusters.n_clusters > 0 && session.templates.outdated.points > 0;
+}
+
+void templates_are_current(session_state& session) {
+  session.templates.first_sample = window_first_sample(session);
+  session.templates.outdated = {};
 }
 
 bool spike_window_is_readable(const session_state& session) {

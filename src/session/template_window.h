@@ -15,8 +15,15 @@ namespace kestrelvane {
 std::int32_t window_first_sample(const session_state& session);
 std::int32_t window_last_sample(const session_state& session);
 
-// Sets template_points from the window and the sampling frequency, 3..151.
+// Sets template_points from the window and the sampling frequency, 3..151. Run whenever a
+// setting of the window changes, by its row; templates that are there are then outdated, until
+// they are made again or the window is what it was.
 void compute_template_points(session_state& session);
+// Whether clusters have templates of an earlier window, which cannot be compared with
+// waveforms of this one.
+bool templates_are_outdated(const session_state& session);
+// All templates have just been made for the window in force.
+void templates_are_current(session_state& session);
 
 // Whether every read of the template window stays inside vd, margins included: the
 // window itself, a realignment and a template shift of 50 samples each, and the taps

@@ -40,7 +40,7 @@ void form_tetrode_clusters(session_state& session) {
     const std::int32_t c = clusters.current_cluster + 1;
     const std::int32_t count = assign_events(
         session, c, [&](std::int32_t channel) { return r.tetrode_of_channel[channel] == g; });
-    if (count < session.strategy.min_cluster_size) {
+    if (count < least_cluster_size(session)) {
       unassign_events(session, c);
     } else {
       clear_cluster_record(session, c);
@@ -60,7 +60,7 @@ void form_single_channel_clusters(session_state& session) {
     const std::int32_t count =
         assign_events(session, c, [&](std::int32_t channel) { return channel == ch; });
     // A channel without events is passed over in silence; one that had some is worth a line.
-    if (count > 0 && count < session.strategy.min_cluster_size) {
+    if (count > 0 && count < least_cluster_size(session)) {
       unassign_events(session, c);
       log_message(session, fmt::format("channel {} has too few events: {}", ch, count));
     } else if (count > 0) {
@@ -95,7 +95,7 @@ std::int32_t drop_far_events(session_state& session) {
 }
 
 void delete_small_channel_clusters(session_state& session) {
-  const std::int32_t deleted = delete_small_clusters(session, session.strategy.min_cluster_size);
+  const std::int32_t deleted = delete_small_clusters(session, least_cluster_size(session));
   log_message(session, fmt::format("{} subthreshold sized clusters deleted as a result", deleted));
 }
 
@@ -106,6 +106,8 @@ void form_channel_clusters(session_state& session) {
   log_message(session, "");
   log_message(session, "Forming clusters based on initial channel assignments of events");
   clusters.current_cluster = 0;
+  // A recording whose channels are all masked makes none.
+  clusters.n_clusters = 0;
   session.events.event_cluster.clear();
   clusters.cluster_sigma.clear();
   clusters.cluster_reserved.clear();

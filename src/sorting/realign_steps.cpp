@@ -3,6 +3,7 @@
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
+#include "session/template_window.h"
 #include "sorting/status_lists.h"
 
 namespace kestrelvane {
@@ -82,6 +83,14 @@ double mean_template_sd_uv(const session_state& session) {
   double sum = 0;
   for (std::int32_t c = 1; c <= n; ++c) sum += template_sd_uv(session, c);
   return n > 0 ? sum / n : 0;
+}
+
+bool renew_outdated_templates(session_state& session) {
+  if (!templates_are_outdated(session)) return false;
+  log_message(session, "Recalculating templates and realigning");
+  realign_all_clusters(session);
+  update_all_lists(session);
+  return true;
 }
 
 bool recalculate_all_templates(session_state& session) {

@@ -40,6 +40,10 @@ bool put_back_event_times(session_state& session, const event_times_copy& copy);
 double template_sd_uv(const session_state& session, std::int32_t cluster);
 double mean_template_sd_uv(const session_state& session);
 
+// After a change of the template window: aligns the events to it, makes the templates anew and
+// the lists with them. False when the templates are those of the window in force.
+bool renew_outdated_templates(session_state& session);
+
 // The menu entry: template and centre of every cluster, without alignment, then the log
 // line and the box. False, after a box, without a recording or clusters.
 bool recalculate_all_templates(session_state& session);

@@ -189,6 +189,33 @@ TEST_F(batch_test, a_saved_sort_reads_back_and_exports_the_same) {
   EXPECT_THAT(again.err, testing::Not(HasSubstr("Detecting events")));
 }
 
+TEST_F(batch_test, a_window_of_the_command_line_counts_over_that_of_a_work_file) {
+  const words detect = {"detect", tsf, "--quiet", "--save-work", file("events.wrk")};
+  ASSERT_EQ(run(detect).status, 0);
+  const words window = {"--set", "template_window_start_ms=-0.5", "--set",
+                        "template_window_end_ms=1.1"};
+  const auto sort = [&](words arguments, const char* csv) {
+    arguments.insert(arguments.end(), window.begin(), window.end());
+    arguments.insert(arguments.end(), {"--quiet", "--export", "csv=" + file(csv)});
+    const process_result sorted = run(arguments);
+    EXPECT_EQ(sorted.status, 0) << sorted.err;
+  };
+  // In one go, and from the events of a run with the usual window: one sort.
+  sort({"sort", tsf}, "once.csv");
+  sort({"sort", tsf, "--work", file("events.wrk"), "--skip-detection"}, "again.csv");
+  EXPECT_EQ(text_of(file("again.csv")), text_of(file("once.csv")));
+
+  // Clusters that stay get templates of the new window; one that reaches too far is cut.
+  ASSERT_EQ(run({"sort", tsf, "--quiet", "--save-work", file("a.wrk")}).status, 0);
+  sort({"sort", tsf, "--work", file("a.wrk"), "--skip-detection", "--skip-clustering", "--log",
+        file("kept.log")},
+       "kept.csv");
+  EXPECT_THAT(text_of(file("kept.log")), HasSubstr("Recalculating templates and realigning"));
+  const process_result far =
+      run({"detect", tsf, "--work", file("a.wrk"), "--set", "template_window_start_ms=-900"});
+  EXPECT_THAT(far.err, HasSubstr("The spike temporal window was shortened to prevent overflow"));
+}
+
 TEST_F(batch_test, detect_finds_events_and_masked_channels_take_no_part) {
   const process_result result =
       run({"detect", tsf, "--mask", "1,3-4", "--quiet", "--save-work", file("d.wrk")});

@@ -146,6 +146,7 @@ struct folded_case {
   rule decided;
   int keep;
   std::vector<int> sizes_after;
+  std::vector<float> places = {};
 };
 
 TEST(stage_judge, folded_into_neighbours) {
@@ -160,6 +161,14 @@ TEST(stage_judge, folded_into_neighbours) {
       {{90, 80, 70, 60, 50}, {9, 9, 9, 2, 3}, rule::five_three_long_lived_smallest_weak, 0, {90}},
       {{90, 80, 70, 60, 50}, {9, 9, 9, 2, 4}, rule::five_three_long_lived, 3, {90, 80, 180}},
       {{90, 80, 70, 60, 50}, {9, 9, 4, 3, 2}, rule::five_two_long_lived, 2, {90, 260}},
+      // Of 1 and 3, which last alike, 3 is folded first: to 4, where 1 then finds it nearer
+      // than 5. The other way round 3 would be pulled to 5 with 1.
+      {{90, 80, 70, 60, 50},
+       {2, 1, 2, 9, 9},
+       rule::five_two_long_lived,
+       2,
+       {0, 0, 0, 300, 50},
+       {60, 20, 40, 25, 85}},
       {{90, 80, 70, 65, 60, 50}, {9, 9, 9, 9, 1, 2}, rule::all_but_two, 4, {90, 80, 70, 175}},
       {{90, 80, 70, 65, 60, 50}, {9, 9, 9, 1, 2, 3}, rule::all_but_three, 3, {90, 80, 245}}};
   for (const folded_case& known : all) {
@@ -173,7 +182,7 @@ TEST(stage_judge, folded_into_neighbours) {
     points.dimensions = 1;
     for (std::size_t c = 1; c <= known.sizes.size(); ++c) {
       // Steps grow to the right, so that the left neighbour is the nearer one.
-      const auto place = static_cast<float>(c * c);
+      const float place = known.places.empty() ? static_cast<float>(c * c) : known.places[c - 1];
       points.values.insert(points.values.end(), known.sizes[c - 1], place);
       tables->stage_labels[1].insert(tables->stage_labels[1].end(), known.sizes[c - 1],
                                      static_cast<int>(c));

@@ -11,6 +11,7 @@
 
 #include "clustering/membership.h"
 #include "session/settings_table.h"
+#include "session/template_window.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/merge_split.h"
 #include "sorting/status_lists.h"
@@ -204,22 +205,54 @@ TEST(autosort, pauses_and_resumes) {
   EXPECT_EQ(digest(*session), digest(*straight));
 }
 
-TEST(autosort, leaving_the_dialog) {
+bool set_window_end(session_state& session, const char* ms) {
+  std::string problem;
+  return set_setting(session, "template_window_end_ms", ms, problem);
+}
+
+TEST(autosort, a_new_window_makes_new_templates_before_pairs_are_looked_at) {
   small_session session;
   make_raw(*session);
   autosort(*session);
-  const float start = session->strategy.template_window_start_ms;
-  const float end = session->strategy.template_window_end_ms;
   session->autosort.next_stage_requested = false;
-  EXPECT_FALSE(leave_autosort(*session, start, end));
-  session->strategy.template_window_end_ms = 1.0f;
-  EXPECT_FALSE(leave_autosort(*session, start, end));
+  const std::size_t n_statuses = session.user.statuses.size();
+  EXPECT_FALSE(leave_autosort(*session));
+  ASSERT_TRUE(set_window_end(*session, "1.0"));
+  ASSERT_TRUE(set_window_end(*session, "0.8"));
+  EXPECT_FALSE(leave_autosort(*session));
+  EXPECT_EQ(session.user.statuses.size(), n_statuses) << "nothing had changed";
+
+  // "Next", with pairs to examine.
+  ASSERT_TRUE(set_window_end(*session, "1.0"));
   EXPECT_EQ(session->templates.template_points, 46);
-  EXPECT_EQ(session.user.statuses.back(), "Finished ... press OK to continue");
   session->autosort.next_stage_requested = true;
   session->strategy.overlap_threshold = -5.0f;  // nothing is distinct by its overlap
   session->strategy.correlation_threshold = -2.0f;
-  EXPECT_EQ(leave_autosort(*session, start, end), count_pairs_to_examine(*session) > 0);
+  ASSERT_GT(count_pairs_to_examine(*session), 0);
+  EXPECT_TRUE(leave_autosort(*session));
+  EXPECT_EQ(session.user.statuses.back(), "Finished ... press OK to continue");
+  EXPECT_FALSE(templates_are_outdated(*session));
+  const std::int32_t centre = session->templates.centre_channel(1);
+  EXPECT_NE(session->templates.mean(1, centre)[46], 0.0f);
+
+  // A run that keeps the clusters compares them by templates of the window in force.
+  ASSERT_TRUE(set_window_end(*session, "1.2"));
+  session->strategy.skip_event_detection = true;
+  session->strategy.skip_clustering = true;
+  autosort(*session);
+  EXPECT_FALSE(templates_are_outdated(*session));
+  EXPECT_NE(session->templates.mean(1, centre)[50], 0.0f);
+}
+
+TEST(autosort, an_empty_cluster_goes_whatever_the_least_size) {
+  for (const int least : {0, 1, 2}) {
+    small_session session;
+    make_raw(*session);
+    session->strategy.min_cluster_size = least;
+    EXPECT_TRUE(autosort(*session)) << least;
+    EXPECT_EQ(check_session(*session), "") << least;
+    EXPECT_FALSE(session.user.logged("Invalid cluster #")) << least;
+  }
 }
 
 TEST(autosort, the_cluster_limit_is_told_at_the_end) {

@@ -181,6 +181,14 @@ TEST(channel_clusters, small_channels_leave_no_gap) {
       "Converting channels to clusters will overwrite all current cluster assignments!",
       "Are you sure?"));
 
+  // Without a channel that takes part there are no clusters, not those of before.
+  for (std::int32_t ch = 1; ch <= session->recording.n_channels; ++ch) {
+    session->recording.chan_mask[ch] = true;
+  }
+  form_channel_clusters(*session);
+  EXPECT_EQ(session->clusters.n_clusters, 0);
+  EXPECT_EQ(check_session(*session), "");
+
   small_session empty;
   convert_channels_to_clusters(*empty);
   make_recording(*empty, 1, 400);

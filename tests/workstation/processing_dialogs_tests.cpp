@@ -10,6 +10,7 @@
 #include <QTest>
 #include <filesystem>
 
+#include "session/template_window.h"
 #include "sorting/status_lists.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
@@ -286,16 +287,20 @@ TEST(AutosortDialog, AChangedWindowRealignsUnlessARunHasDoneIt) {
   r.w.press(box, "ok");
   EXPECT_EQ(check_session(s), "");
 
-  // Changed, and on to the pairs: no box, but the words.
-  s.lists.kv_cluster_overlap[1] = 0.9f;
-  s.lists.kv_template_correlation[1] = 0.9f;
-  s.lists.kv_templates_dont_overlap[1] = false;
-  s.lists.kv_user_distinct[1] = false;
-  ASSERT_EQ(count_pairs_to_examine(s), 1);
+  // Changed, and on to the pairs: templates first.
   r.w.told.clear();
   dialog = r.open("autosort", "autosort_dialog");
   r.w.set_number(dialog, "template_window_end_ms", 0.8);
   r.w.press(dialog, "next");
+  box = r.w.dialog("realign_box");
+  ASSERT_NE(box, nullptr);
+  r.w.settle();
+  EXPECT_FALSE(templates_are_outdated(s));
+  EXPECT_TRUE(r.w.told.isEmpty());
+  s.strategy.overlap_threshold = -5.0f;  // nothing is distinct by its overlap
+  s.strategy.correlation_threshold = -2.0f;
+  ASSERT_GT(count_pairs_to_examine(s), 0);
+  r.w.press(box, "ok");
   r.w.settle();
   EXPECT_EQ(r.w.told, QStringList("Guided merge and split is not available in this version."));
   EXPECT_TRUE(s.autosort.next_stage_requested);

@@ -36,8 +36,6 @@ struct autosort_window {
   workstation& w;
   operation_dialog* dialog;
   settings_form form;
-  // Of the templates that are there: as they were when the dialog opened, or of the last run.
-  float window_start_ms, window_end_ms;
   QComboBox* threshold_mode = nullptr;
   number_field *fixed_uv = nullptr, *multiplier = nullptr;
   number_field *window_from = nullptr, *window_to = nullptr;  // of templates, ms
@@ -52,12 +50,7 @@ struct autosort_window {
   QPushButton *next = nullptr, *done = nullptr;
   QCheckBox* pause = nullptr;
 
-  autosort_window(workstation& of, operation_dialog* d)
-      : w(of),
-        dialog(d),
-        form(of.session, d),
-        window_start_ms(of.session.strategy.template_window_start_ms),
-        window_end_ms(of.session.strategy.template_window_end_ms) {}
+  autosort_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
 };
 using shared_autosort = std::shared_ptr<autosort_window>;
 
@@ -219,16 +212,7 @@ bool store_settings(autosort_window& a) {
   // A window of more points than a template holds is cut, and the user told, before hours of
   // sorting with it.
   shorten_spike_window(a.w.session);
-  compute_template_points(a.w.session);
   return true;
-}
-
-// A run that has made clusters has made their templates for the window in force.
-void keep_window_edges(autosort_window& a) {
-  const sorting_strategy_settings& s = a.w.session.strategy;
-  if (s.skip_clustering) return;
-  a.window_start_ms = s.template_window_start_ms;
-  a.window_end_ms = s.template_window_end_ms;
 }
 
 void begin_run(const shared_autosort& a) {
@@ -242,7 +226,6 @@ void begin_run(const shared_autosort& a) {
                  [a] {
                    // Detection may have turned to the lockout method, clusters may be there.
                    a->form.load();
-                   keep_window_edges(*a);
                    a->pause->setChecked(false);
                    grey_sections(*a);
                  });
@@ -322,9 +305,16 @@ QLayout* button_row(const shared_autosort& a) {
   return row;
 }
 
+void go_on_to_guided_merge(workstation& w) {
+  const session_state& session = w.session;
+  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
+    not_available_command(w, "Guided merge and split");
+  }
+}
+
 // The box that stands while templates follow a new spike window. Without them, the old
 // templates would be compared with waveforms of another length.
-void realign_after(workstation& w, float start_ms, float end_ms) {
+void realign_after(workstation& w) {
   auto* box = new operation_dialog(w, "realign_box", "Autosort");
   auto* message = new QLabel;
   message->setObjectName("message");
@@ -338,22 +328,19 @@ void realign_after(workstation& w, float start_ms, float end_ms) {
   layout->addWidget(buttons);
   QObject::connect(buttons, &QDialogButtonBox::accepted, box, &QDialog::accept);
   follow(w, box, every_meter(bar), {{status_field::message, message}});
-  box->run(
-      [start_ms, end_ms](session_state& session) { leave_autosort(session, start_ms, end_ms); },
-      nullptr);
+  box->run([](session_state& session) { leave_autosort(session); }, nullptr);
+  QObject::connect(box, &QDialog::finished, w.frame, [&w] { go_on_to_guided_merge(w); });
   open_dialog(w, box);
 }
 
-// After the dialog: on to guided merging, or new templates for a new spike window.
-void after_dialog(workstation& w, float start_ms, float end_ms) {
-  session_state& session = w.session;
-  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
-    not_available_command(w, "Guided merge and split");
-    return;
+// After the dialog: new templates for a new spike window, by which the pairs are told that
+// guided merging has to look at.
+void after_dialog(workstation& w) {
+  if (templates_are_outdated(w.session)) {
+    realign_after(w);
+  } else {
+    go_on_to_guided_merge(w);
   }
-  const sorting_strategy_settings& s = session.strategy;
-  const bool changed = s.template_window_start_ms != start_ms || s.template_window_end_ms != end_ms;
-  if (changed && session.clusters.n_clusters > 0) realign_after(w, start_ms, end_ms);
 }
 
 void open_settings(workstation& w) {
@@ -390,7 +377,7 @@ void autosort_command(workstation& w) {
   QObject::connect(dialog, &QDialog::finished, w.frame, [a](int result) {
     workstation& shell = a->w;
     if (result != asks_for_next) shell.session.autosort.next_stage_requested = false;
-    after_dialog(shell, a->window_start_ms, a->window_end_ms);
+    after_dialog(shell);
   });
   open_dialog(w, dialog);
 }
