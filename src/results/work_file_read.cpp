@@ -4,63 +4,16 @@
 #include <array>
 #include <vector>
 
-#include "files/input_file.h"
 #include "results/work_file.h"
 #include "results/work_file_blocks.h"
+#include "results/work_file_match.h"
 #include "results/work_file_rows.h"
 #include "results/work_file_settle.h"
+#include "results/work_file_source.h"
 
 namespace kestrelvane {
 
 namespace {
-
-// A work file being read, front to back. Nothing is stored, and no count believed,
-// beyond the length of the file.
-struct work_file_source {
-  input_file file;
-  std::int64_t position = 0;
-  std::int32_t version = 0;
-  work_file_counts counts;
-  std::string problem;  // why the read failed
-};
-
-bool fail(work_file_source& in, std::string problem) {
-  if (in.problem.empty()) in.problem = std::move(problem);
-  return false;
-}
-
-bool open_source(work_file_source& in, const std::string& path) {
-  if (!open_input_file(in.file, path)) {
-    return fail(in, fmt::format("Work file cannot be opened: {}", in.file.problem));
-  }
-  in.counts.of[per_file] = 1;
-  return true;
-}
-
-std::int64_t remaining(const work_file_source& in) { return in.file.size - in.position; }
-
-// The length first: a count from a damaged file must not be read for.
-bool read_bytes(work_file_source& in, void* bytes, std::int64_t n) {
-  if (n > remaining(in)) return fail(in, "ends early");
-  if (!read_at(in.file, in.position, bytes, n)) return fail(in, "cannot be read");
-  in.position += n;
-  return true;
-}
-
-bool pass_over(work_file_source& in, std::int64_t n) {
-  if (n > remaining(in)) return fail(in, "ends early");
-  in.position += n;
-  return true;
-}
-
-bool read_padded(work_file_source& in, std::string& text, std::int64_t length) {
-  std::vector<char> bytes(static_cast<std::size_t>(length));
-  if (!read_bytes(in, bytes.data(), length)) return false;
-  std::size_t n = bytes.size();
-  while (n > 0 && (bytes[n - 1] == ' ' || bytes[n - 1] == '\0')) --n;
-  text.assign(bytes.data(), n);
-  return true;
-}
 
 // Why a count of the file cannot be right, or an empty text.
 std::string count_problem(const session_state& session, row_count rule, std::int64_t n) {
@@ -209,24 +162,6 @@ std::int32_t version_of_label(const std::array<char, work_file_label_length>& la
   return 0;
 }
 
-// Saved paths may have the separators of another system.
-std::string name_without_folders(const std::string& path) {
-  return path.substr(path.find_last_of("/\\") + 1);
-}
-
-// False when the file was saved from a recording of another name and the user
-// does not want to go on.
-bool belongs_to_recording(const session_state& session, const std::string& saved_path) {
-  // The file cuts paths at its field's length, so both sides are compared cut.
-  const std::string path = session.recording.recording_path.substr(0, work_file_path_length);
-  const std::string saved = name_without_folders(saved_path);
-  const std::string loaded = name_without_folders(path);
-  if (saved == loaded) return true;
-  log_message(session, "Saved filename: " + saved);
-  log_message(session, "data filename: " + loaded);
-  return ask(session, "Continue reading work file?", "Warning: filename mismatch");
-}
-
 bool read_header(work_file_source& in, std::string& saved_path) {
   std::array<char, work_file_label_length> label;
   if (!read_bytes(in, label.data(), work_file_label_length)) {
@@ -271,8 +206,9 @@ bool read_work_file(session_state& session, const std::string& path, bool& wrong
   work_file_source in;
   std::string saved_path;
   bool read = open_source(in, path) && read_header(in, saved_path);
-  if (read && !belongs_to_recording(session, saved_path)) {
-    wrong_file = true;
+  if (read && !belongs_to_recording(session, in, saved_path)) {
+    wrong_file = in.problem.empty();
+    if (!wrong_file) log_message(session, in.problem);
     return false;
   }
   read = read && read_version(in, session, path);

@@ -1,6 +1,7 @@
 #include "workstation/interface_desk.h"
 
 #include <QApplication>
+#include <QEvent>
 #include <QMessageBox>
 #include <QStringList>
 #include <QThread>
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -60,6 +62,10 @@ struct pause_bench {
 }  // namespace
 
 struct desk_state {
+  // Routines on their way. They lie here and not in the toolkit's events, so that the lock that
+  // orders the two threads is one of ours and can be checked.
+  std::mutex handing_over;
+  std::deque<std::function<void()>> routines;
   std::array<QString, n_fields> latest;  // of each field; the interface thread's
   std::mutex mutex;                      // of notices
   notice_list notices;
@@ -106,13 +112,12 @@ void notify(void* context, Put put) {
   const std::lock_guard lock(desk->state->mutex);
   put(desk->state->notices);
   if (std::exchange(desk->state->flush_posted, true)) return;
-  QMetaObject::invokeMethod(
-      desk, [desk] { flush(desk); }, Qt::QueuedConnection);
+  desk->hand_over([desk] { flush(desk); });
 }
 
 template <typename Routine>
 void post(void* context, Routine routine) {
-  QMetaObject::invokeMethod(desk_of(context), std::move(routine), Qt::QueuedConnection);
+  desk_of(context)->hand_over(std::move(routine));
 }
 
 // What a worker waits for while a window is open.
@@ -304,6 +309,26 @@ QString text_of(std::string_view text) {
 interface_desk::interface_desk(workstation& of)
     : shell(of), state(std::make_unique<desk_state>()) {}
 interface_desk::~interface_desk() = default;
+
+void interface_desk::hand_over(std::function<void()> routine) {
+  {
+    const std::lock_guard lock(state->handing_over);
+    state->routines.push_back(std::move(routine));
+  }
+  QCoreApplication::postEvent(this, new QEvent(QEvent::User));
+}
+
+// One routine for each event: one that opens a box runs a loop of its own, in which those after
+// it have their turn.
+void interface_desk::customEvent(QEvent* /*event*/) {
+  std::function<void()> routine;
+  {
+    const std::lock_guard lock(state->handing_over);
+    routine = std::move(state->routines.front());
+    state->routines.pop_front();
+  }
+  routine();
+}
 
 QString interface_desk::latest(status_field field) const {
   return state->latest[static_cast<std::size_t>(field)];

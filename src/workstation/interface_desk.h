@@ -7,6 +7,7 @@
 
 #include <QObject>
 #include <QString>
+#include <functional>
 #include <memory>
 
 #include "session/cluster_change.h"
@@ -24,6 +25,10 @@ class interface_desk : public QObject {
   explicit interface_desk(workstation& of);
   ~interface_desk() override;
 
+  // Has the interface thread run a routine, each after those handed over before it; from any
+  // thread, and without waiting.
+  void hand_over(std::function<void()> routine);
+
   // Wakes a worker that waits at a pause point. Interface thread.
   void resume();
   bool worker_waits() const;  // at a pause point
@@ -32,6 +37,9 @@ class interface_desk : public QObject {
 
   workstation& shell;
   std::unique_ptr<desk_state> state;  // notices on their way; interface_desk.cpp
+
+ protected:
+  void customEvent(QEvent* event) override;  // a routine has been handed over
 
  signals:
   void progressed(kestrelvane::meter which, int value, int range);

@@ -64,8 +64,7 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
       w.session.multi_threaded_now = w.session.preferences.multi_threaded;
       routine(w.session);
     }
-    QMetaObject::invokeMethod(
-        w.desk, [&w] { finish_operation(w); }, Qt::QueuedConnection);
+    w.desk->hand_over([&w] { finish_operation(w); });
   });
   return true;
 }

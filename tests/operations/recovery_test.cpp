@@ -253,7 +253,8 @@ TEST_F(recovery_test, a_state_of_another_recording_needs_consent) {
   };
   run->home_directory = home.path;
   EXPECT_FALSE(open_restart(*run));
-  EXPECT_TRUE(run.user.asked("Continue reading work file?", "Warning: filename mismatch"));
+  ASSERT_EQ(run.user.questions.size(), 1u);
+  EXPECT_EQ(run.user.questions[0].title, "Warning: filename mismatch");
   EXPECT_TRUE(run.user.logged("Bad resume file name kv_restart.sav"));
   EXPECT_EQ(run->recording.recording_path, recording);
   EXPECT_EQ(run->events.n_events, 0) << "not read";

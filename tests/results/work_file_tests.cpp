@@ -323,7 +323,10 @@ TEST_F(work_file_test, another_recording_is_asked_about) {
   session->detection.noise_window_secs = 99;
   EXPECT_FALSE(read(content));
   EXPECT_TRUE(wrong_file);
-  EXPECT_TRUE(session.user.asked("Continue reading work file?", "Warning: filename mismatch"));
+  EXPECT_TRUE(
+      session.user.asked("The work file was saved from other.tsf, in memory is small.tsf.\n\n"
+                         "Continue reading work file?",
+                         "Warning: filename mismatch"));
   EXPECT_TRUE(session.user.logged("Saved filename: other.tsf"));
   EXPECT_TRUE(session.user.logged("data filename: small.tsf"));
   EXPECT_EQ(session->events.n_events, 5);
@@ -335,10 +338,38 @@ TEST_F(work_file_test, another_recording_is_asked_about) {
   EXPECT_EQ(session->recording.recording_path, "small.tsf");
 }
 
+TEST_F(work_file_test, a_recording_of_the_same_name_may_be_another) {
+  session->events.n_events = 5;
+  work_file_content content;
+  content.log_lines = {"Sampling frequency = 30000 Hz", "last line"};
+  EXPECT_FALSE(read(content));
+  EXPECT_TRUE(wrong_file);
+  ASSERT_EQ(session.user.questions.size(), 1u);
+  EXPECT_EQ(session.user.questions[0].text,
+            "It was saved at a sampling frequency of 30000 Hz, that in memory is 25000 Hz.\n\n"
+            "Continue reading work file?");
+  // Other channels cannot be laid over it, whatever the user says.
+  session.user.default_answer = true;
+  content.n_channels = 51;
+  EXPECT_FALSE(read(content));
+  EXPECT_FALSE(wrong_file);
+  EXPECT_TRUE(session.user.logged("n_channels is 51, but the recording has 3 channels"));
+  EXPECT_EQ(session->events.n_events, 5);
+}
+
 TEST_F(work_file_test, events_beyond_a_shorter_recording_are_removed) {
   small_session shorter;
   make_recording(*shorter, 3, 450);
   write_bytes(path, make_work_file({}).bytes);
+  shorter->events.n_events = 5;
+  EXPECT_FALSE(read_work_file(*shorter, path, wrong_file));
+  EXPECT_TRUE(wrong_file);
+  EXPECT_EQ(shorter->events.n_events, 5) << "the sort in memory stays";
+  EXPECT_TRUE(shorter.user.asked(
+      "Its last event is at sample 700, after the end of the recording in memory, which has 450."
+      "\n\nContinue reading work file?",
+      "Warning: recording mismatch"));
+  shorter.user.default_answer = true;
   ASSERT_TRUE(read_work_file(*shorter, path, wrong_file));
   EXPECT_TRUE(shorter.user.logged("# of events = 7"));
   EXPECT_TRUE(shorter.user.logged("Removed 3 events with invalid time indices"));
@@ -351,6 +382,7 @@ TEST_F(work_file_test, events_beyond_a_shorter_recording_are_removed) {
   // A cluster whose events all lay beyond the end goes with them.
   small_session shortest;
   make_recording(*shortest, 3, 250);
+  shortest.user.default_answer = true;
   ASSERT_TRUE(read_work_file(*shortest, path, wrong_file));
   EXPECT_EQ(shortest->clusters.n_clusters, 2);
   EXPECT_EQ(check_session(*shortest), "");

@@ -17,6 +17,7 @@
 #include <QTest>
 #include <QTimer>
 #include <QWheelEvent>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -250,6 +251,11 @@ struct monkey {
     }
   }
 
+  // A worker may be reading one; what it has so far is its own.
+  bool has_recording() const {
+    return w->shell.worker.running || w->session->recording.n_samples > 0;
+  }
+
   void use_frame() {
     workstation& shell = w->shell;
     const QPointer<graph_window> graph = shell.graphs[0];
@@ -260,7 +266,7 @@ struct monkey {
       use_dialog(voltage);
     } else if (one_in(12)) {
       shell.frame->resize(below(2500), below(1500));
-    } else if (one_in(w->session->recording.n_samples == 0 ? 2 : 30)) {
+    } else if (one_in(has_recording() ? 30 : 2)) {
       drop_file();
     } else if (one_in(40)) {
       shell.frame->close();
@@ -476,7 +482,13 @@ TEST(DamagedState, RandomBytesInEveryStateFileStartAsANewInstallation) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, Monkey, testing::Values(1u, 2u, 3u, 4u));
+// Four in every run of the tests; for a night of them the variable says how many.
+unsigned last_seed() {
+  const char* wanted = std::getenv("KESTRELVANE_MONKEY_SEEDS");
+  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : 4;
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, Monkey, testing::Range(1u, last_seed() + 1));
 
 }  // namespace
 }  // namespace kestrelvane::test
