@@ -390,9 +390,9 @@ road cluster_events(session_state& session, clock::time_point begin) {
 
 }  // namespace
 
-bool autosort(session_state& session) {
-  if (!can_start(session)) return false;
-  begin_run(session);
+namespace {
+
+bool run_pipeline(session_state& session) {
   const clock::time_point begin = clock::now();
   say(session, "Beginning autosort");
   set_progress(session, meter::detection, 0, 1000);
@@ -416,6 +416,17 @@ bool autosort(session_state& session) {
   if (session.autosort.stop_after == stop_after_lists) return true;
   if (!run_merge_rounds(session)) return end_interrupted(session);
   return end_finished(session, begin);
+}
+
+}  // namespace
+
+bool autosort(session_state& session) {
+  if (!can_start(session)) return false;
+  begin_run(session);
+  const bool done = run_pipeline(session);
+  // An interrupted run keeps what it has found.
+  note_unsaved(session, unsaved_results::run);
+  return done;
 }
 
 bool leave_autosort(session_state& session) {

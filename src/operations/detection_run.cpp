@@ -76,6 +76,7 @@ bool run_detection(session_state& session) {
   log_message(session, std::to_string(session.events.n_events) + " events detected");
   set_progress(session, meter::detection, 1000, 1000);
   log_message(session, "Finished event detection");
+  note_unsaved(session, unsaved_results::run);
   refresh_displays(session);
   return true;
 }

@@ -68,18 +68,21 @@ void turn_into_recovery_file(const session_state& session) {
 // A state that was wanted and could not be read is kept for a run that has more luck; No
 // is the way to be rid of it.
 void offer_restart(session_state& session) {
-  if (!ask(session, "Resume previous state?", "Kestrelvane")) {
-    remove_home_file(session, restart_file_name);
-  } else if (open_restart(session)) {
-    turn_into_recovery_file(session);
-  }
+  const user_answer answer = ask_openly(session, "Resume previous state?", "Kestrelvane");
+  if (answer == user_answer::no) remove_home_file(session, restart_file_name);
+  if (answer == user_answer::yes && open_restart(session)) turn_into_recovery_file(session);
 }
 
-// False when the state was to be kept and could not be written.
-bool offer_to_keep_state(session_state& session) {
-  if (session.recording.n_samples <= 0 || session.home_directory.empty()) return true;
-  if (!ask(session, "Save program state for next time?", "Exit Kestrelvane")) return true;
-  if (save_restart(session)) return true;
+// False when the program is not to be left.
+bool offer_to_keep_state(session_state& session, exit_way way) {
+  const bool has_state = session.recording.n_samples > 0 && !session.home_directory.empty();
+  const user_answer answer =
+      has_state ? ask_openly(session, "Save program state for next time?", "Exit Kestrelvane")
+                : user_answer::no;
+  if (answer == user_answer::none) return false;
+  if (way == exit_way::menu) remove_home_file(session, restart_file_name);
+  if (answer == user_answer::no || save_restart(session)) return true;
+  remove_home_file(session, autorecover_temporary_name);
   tell(session, std::string("Failed to save file ") + restart_file_name, "Exit Kestrelvane");
   return false;
 }
@@ -102,16 +105,16 @@ bool open_at_start(session_state& session, const std::string& argument) {
   return session.recording.n_samples > 0;
 }
 
-void end_session(session_state& session) {
-  // The recovery file goes last: a machine that dies before the answer, or a disk that
-  // takes no more, leaves the next run something to offer.
-  if (offer_to_keep_state(session)) remove_home_file(session, autorecover_file_name);
+bool end_session(session_state& session, exit_way way) {
+  if (!offer_to_keep_state(session, way)) return false;
+  // The recovery file goes last: a machine that dies before the answer leaves the next run
+  // something to offer.
+  remove_home_file(session, autorecover_file_name);
   remove_home_file(session, autorecover_temporary_name);
   if (session.preferences.log_file_enabled) close_log_file(session);
   write_parameters(session);
   write_preferences(session);
+  return true;
 }
-
-void forget_restart(const session_state& session) { remove_home_file(session, restart_file_name); }
 
 }  // namespace kestrelvane

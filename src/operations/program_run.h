@@ -16,12 +16,13 @@ namespace kestrelvane {
 bool open_at_start(session_state& session, const std::string& argument);
 
 // On a close request: offers to keep the state, removes the recovery file, closes the
-// log file, writes both settings files. The timed save has been stopped by then. Where
-// the state was to be kept and could not be written, the user is told, and the recovery
-// file stays.
-void end_session(session_state& session);
-
-// The menu entry "E&xit", before the close request: an earlier restart file goes.
-void forget_restart(const session_state& session);
+// log file, writes both settings files. The timed save has been stopped by then. False, and
+// nothing has been done, when the user would rather stay, or when the state was to be kept and
+// could not be written, of which he has been told.
+enum class exit_way {
+  frame,  // the frame is closed
+  menu,   // "E&xit": an earlier restart file goes, so that the answer alone decides about one
+};
+bool end_session(session_state& session, exit_way way);
 
 }  // namespace kestrelvane

@@ -159,19 +159,40 @@ bool wait_for_turn(autorecover_timer& timer, bool& save_wanted) {
   return !timer.stopping;
 }
 
+using clock = std::chrono::steady_clock;
+
+// From here on it stands for Never, the last entry of the list.
+constexpr float never_minutes = 1.0e20f;
+
+// Whether somebody could lose more than the interval promises: a run of hours that has just
+// ended, or edits. Those of a run that still goes on are left to the interval.
+bool results_are_waiting(const autorecover_timer& timer, const session_state& session,
+                         clock::duration since_save) {
+  if (timer.minutes >= never_minutes) return false;
+  const unsaved_results unsaved = session.operation.unsaved;
+  if (unsaved == unsaved_results::run) return true;
+  if (unsaved == unsaved_results::none || since_save < timer.edit_rest) return false;
+  if (!try_enter_session(session)) return false;
+  leave_session(session);
+  return true;
+}
+
 void run_timer(autorecover_timer& timer, const session_state& session) {
-  using clock = std::chrono::steady_clock;
   clock::time_point last_save = clock::now();
   bool save_wanted = false;
   while (wait_for_turn(timer, save_wanted)) {
     const clock::time_point now = clock::now();
     const float minutes = std::chrono::duration<float>(now - last_save).count() / 60.0f;
     const bool due = minutes >= timer.minutes;
-    if (!due && !save_wanted) continue;
+    if (!due && !save_wanted && !results_are_waiting(timer, session, now - last_save)) continue;
     // A save that was asked for counts as the timed one, and the interval begins anew.
     last_save = now;
     if (due) write_run_log_window(session, "Saving autorecover data");
-    save_autorecover(session);
+    const unsaved_results taken = session.operation.unsaved.exchange(unsaved_results::none);
+    // A full disk is tried again, but not every half second.
+    if (!save_autorecover(session) && taken != unsaved_results::none) {
+      note_unsaved(session, unsaved_results::edits);
+    }
   }
 }
 

@@ -38,8 +38,9 @@ bool open_restart(session_state& session);
 bool open_autorecover(session_state& session);
 
 // The timed save: a thread that saves every so many minutes, looking at the clock twice a
-// second. A save waits for the session gate, so the loss in a crash is one interval, and
-// the time until an operation comes to its next poll.
+// second, and at once when a long run has ended; edits of clusters at most once a minute. A
+// save waits for the session gate, so the loss in a crash is one interval, and the time until
+// an operation comes to its next poll. An interval of Never means no saves but those asked for.
 struct autorecover_timer {
   std::thread thread;
   std::mutex mutex;
@@ -48,7 +49,8 @@ struct autorecover_timer {
   bool save_wanted = false;
   // A copy of the preference, which the thread that shows it may write at any time.
   std::atomic<float> minutes{0.0f};
-  std::chrono::milliseconds look_every{500};  // set before the start
+  std::chrono::milliseconds look_every{500};    // set before the start
+  std::chrono::milliseconds edit_rest{60'000};  // between saves of edits; likewise
 };
 // Begins with the interval of the preferences; the first save is due one interval later.
 void start_autorecover(autorecover_timer& timer, const session_state& session);

@@ -263,6 +263,7 @@ bool import_ptcs(session_state& session, const std::string& path) {
   // After the units, which number their events one after the other.
   sort_events_by_time(session);
   log_message(session, "Finished reading ptcs file");
+  note_unsaved(session, unsaved_results::run);
   refresh_displays(session);
   return true;
 }

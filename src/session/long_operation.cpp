@@ -28,6 +28,19 @@ void give_way(const session_state& session) {
 
 }  // namespace
 
+void note_unsaved(const session_state& session, unsaved_results what) {
+  std::atomic<unsaved_results>& unsaved = session.operation.unsaved;
+  unsaved_results now = unsaved;
+  while (now < what && !unsaved.compare_exchange_weak(now, what)) continue;
+}
+
+void set_interrupts(long_operation_flags& operation, bool on) {
+  operation.autosort_interrupt = on;
+  operation.detection_interrupted = on;
+  operation.reading_interrupted = on;
+  operation.filtering_interrupted = on;
+}
+
 bool autosort_interrupted(const session_state& session) {
   count_poll(session.operation);
   give_way(session);

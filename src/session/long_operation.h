@@ -13,6 +13,13 @@ namespace kestrelvane {
 
 struct session_state;
 
+// Results that the recovery file does not have yet.
+enum class unsaved_results : std::int32_t {
+  none,
+  edits,  // of clusters, by hand
+  run,    // of detection, Autosort or an import, which may have taken hours
+};
+
 struct long_operation_flags {
   std::atomic<bool> reader_running{false};
   std::atomic<bool> open_succeeded{false};
@@ -25,6 +32,7 @@ struct long_operation_flags {
   std::atomic<bool> refresh_owed{false};
   std::atomic<bool> work_save_busy{false};
   std::atomic<bool> autorecover_busy{false};
+  std::atomic<unsaved_results> unsaved{unsaved_results::none};  // note_unsaved
   // Value and range last posted to each meter, so that only changes are posted.
   std::array<std::atomic<std::int64_t>, 8> meter_value{};
 
@@ -34,6 +42,12 @@ struct long_operation_flags {
   std::atomic<std::int64_t> polls{0};
   std::atomic<std::int64_t> interrupt_at_poll{-1};
 };
+
+// There are results to be saved soon; the timed save comes to them (operations/recovery.h).
+void note_unsaved(const session_state& session, unsaved_results what);
+
+// All requests to stop, for whoever does not know which operation runs.
+void set_interrupts(long_operation_flags& operation, bool on);
 
 // True when the user has asked Autosort to stop. Every poll goes through here, and lets
 // a waiting save of the session go first (session_gate.h) and the displays follow.

@@ -21,6 +21,14 @@ bool ask(const session_state& session, const std::string& text, const std::strin
   return ui.ask(ui.context, text, title);
 }
 
+user_answer ask_openly(const session_state& session, const std::string& text,
+                       const std::string& title) {
+  const user_interface& ui = session.ui;
+  if (ui.ask_openly == nullptr) return user_answer::no;
+  const session_pause others_may_save(session);
+  return ui.ask_openly(ui.context, text, title);
+}
+
 bool choose_file_to_open(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path) {
   const user_interface& ui = session.ui;
@@ -77,6 +85,7 @@ void refresh_displays(const session_state& session) {
 }
 
 void tell_cluster_change(const session_state& session, const cluster_change& change) {
+  note_unsaved(session, unsaved_results::edits);
   const user_interface& ui = session.ui;
   if (ui.clusters_changed != nullptr) ui.clusters_changed(ui.context, change);
 }

@@ -21,6 +21,9 @@ struct hdf_page;
 struct hdf_choice;
 struct cluster_change;
 
+// none: the user has left the box without an answer, by Escape or its cross.
+enum class user_answer { none, no, yes };
+
 enum class box_icon { information, warning, error, question };
 
 // Progress bars that engine routines drive.
@@ -53,6 +56,8 @@ struct user_interface {
   void (*tell)(void* context, const std::string& text, const std::string& title,
                box_icon icon) = nullptr;
   bool (*ask)(void* context, const std::string& text, const std::string& title) = nullptr;
+  user_answer (*ask_openly)(void* context, const std::string& text,
+                            const std::string& title) = nullptr;
   // Fills path; false when the user cancels. filter as "Label(*.EXT)", or several with ";;"
   // between them, the first of which is offered.
   bool (*choose_open)(void* context, const std::string& title, const std::string& filter,
@@ -81,6 +86,10 @@ void tell(const session_state& session, const std::string& text, const std::stri
           box_icon icon = box_icon::error);
 // A Yes/No question; true for Yes.
 bool ask(const session_state& session, const std::string& text, const std::string& title);
+// A question where No loses something: Yes is its default, and Escape is not taken for No. No
+// when nobody is there.
+user_answer ask_openly(const session_state& session, const std::string& text,
+                       const std::string& title);
 bool choose_file_to_open(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
 bool choose_file_to_save(const session_state& session, const std::string& title,

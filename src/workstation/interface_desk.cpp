@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QEvent>
+#include <QKeyEvent>
 #include <QMessageBox>
 #include <QStringList>
 #include <QThread>
@@ -168,25 +169,67 @@ QWidget* parent_for_box(workstation& w) {
   return w.frame;
 }
 
-QMessageBox* make_box(workstation& w, const QString& text, const QString& title, box_icon icon) {
+QMessageBox* dress_box(QMessageBox* box, const QString& text, const QString& title, box_icon icon) {
   static constexpr QMessageBox::Icon icons[] = {QMessageBox::Information, QMessageBox::Warning,
                                                 QMessageBox::Critical, QMessageBox::Question};
-  auto* box = new QMessageBox(icons[static_cast<int>(icon)], title, text, QMessageBox::Ok,
-                              parent_for_box(w));
-  box->setObjectName(icon == box_icon::question ? "question_box" : "message_box");
+  box->setIcon(icons[static_cast<int>(icon)]);
+  box->setWindowTitle(title);
   box->setTextFormat(Qt::PlainText);
+  box->setText(text);
+  box->setStandardButtons(QMessageBox::Ok);
+  box->setObjectName(icon == box_icon::question ? "question_box" : "message_box");
   box->setAttribute(Qt::WA_DeleteOnClose);
   // Shown as they stand also where the platform would leave a box without its title.
   box->setProperty("title", title);
   return box;
 }
 
-QMessageBox* make_question(workstation& w, const QString& text, const QString& title) {
-  QMessageBox* box = make_box(w, text, title, box_icon::question);
+QMessageBox* make_box(workstation& w, const QString& text, const QString& title, box_icon icon) {
+  return dress_box(new QMessageBox(parent_for_box(w)), text, title, icon);
+}
+
+QMessageBox* dress_question(QMessageBox* box, const QString& text, const QString& title,
+                            QMessageBox::StandardButton preset) {
+  dress_box(box, text, title, box_icon::question);
   box->setStandardButtons(QMessageBox::Yes | QMessageBox::No);
-  box->setDefaultButton(QMessageBox::No);
+  box->setDefaultButton(preset);
   box->setEscapeButton(QMessageBox::No);
   return box;
+}
+
+QMessageBox* make_question(workstation& w, const QString& text, const QString& title) {
+  return dress_question(new QMessageBox(parent_for_box(w)), text, title, QMessageBox::No);
+}
+
+// Escape and the cross of this box are no answer.
+class open_question_box final : public QMessageBox {
+ public:
+  using QMessageBox::QMessageBox;
+
+ protected:
+  void keyPressEvent(QKeyEvent* event) override {
+    event->matches(QKeySequence::Cancel) ? reject() : QMessageBox::keyPressEvent(event);
+  }
+  // That of a plain dialog, which rejects; a message box would press its No.
+  void closeEvent(QCloseEvent* event) override { QDialog::closeEvent(event); }
+};
+
+user_answer answer_of_result(int result) {
+  return result == QMessageBox::Yes  ? user_answer::yes
+         : result == QMessageBox::No ? user_answer::no
+                                     : user_answer::none;
+}
+
+user_answer ask_openly_here(void* context, const std::string& text, const std::string& title) {
+  workstation& w = shell_of(context);
+  const QString shown = QString::fromStdString(text), heading = QString::fromStdString(title);
+  return wait_for_answer<user_answer>(context, [&](std::function<void(user_answer)> reply) {
+    QMessageBox* box =
+        dress_question(new open_question_box(parent_for_box(w)), shown, heading, QMessageBox::Yes);
+    QObject::connect(box, &QDialog::finished, box,
+                     [reply](int result) { reply(answer_of_result(result)); });
+    box->open();
+  });
 }
 
 void tell_here(void* context, const std::string& text, const std::string& title, box_icon icon) {
@@ -354,6 +397,7 @@ void attach_desk(workstation& w) {
   ui.context = &w;
   ui.tell = tell_here;
   ui.ask = ask_here;
+  ui.ask_openly = ask_openly_here;
   ui.choose_open = [](void* c, const std::string& title, const std::string& filter,
                       std::string& path) { return choose_here(c, title, filter, path, false); };
   ui.choose_save = [](void* c, const std::string& title, const std::string& filter,

@@ -46,6 +46,7 @@ void finish_operation(workstation& w) {
     refresh_graphs(w);
   }
   if (finished) finished();
+  if (w.exit_wanted && !w.worker.running) go_on_leaving(w);
 }
 
 }  // namespace
@@ -69,15 +70,15 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
   return true;
 }
 
+void interrupt_worker(workstation& w) {
+  set_interrupts(w.session.operation, true);
+  w.session.operation.pause_requested = false;
+  w.desk->resume();
+}
+
 void join_worker(workstation& w) {
-  if (w.worker.running && w.desk != nullptr) {
-    // Nobody is left who could resume it.
-    long_operation_flags& operation = w.session.operation;
-    operation.autosort_interrupt = true;
-    operation.detection_interrupted = true;
-    operation.reading_interrupted = true;
-    w.desk->resume();
-  }
+  // Nobody is left who could resume it.
+  if (w.worker.running && w.desk != nullptr) interrupt_worker(w);
   if (w.worker.thread.joinable()) w.worker.thread.join();
 }
 

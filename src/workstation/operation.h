@@ -29,6 +29,9 @@ enum class worker_priority { normal, below_normal };
 bool start_operation(workstation& w, session_routine routine, std::function<void()> finished,
                      worker_priority priority = worker_priority::normal);
 
+// Asks whatever runs to stop, and wakes it if it pauses.
+void interrupt_worker(workstation& w);
+
 // Waits for the worker's thread, which is told to stop; before the program ends.
 void join_worker(workstation& w);
 

@@ -7,6 +7,8 @@
 #include <QSettings>
 #include <QStatusBar>
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 #include "operations/program_run.h"
 #include "results/work_file.h"
@@ -172,12 +174,53 @@ void start_workstation(workstation& w, const start_request& request) {
       [&w, request] { after_start(w, request); });
 }
 
-bool request_exit(workstation& w) {
+namespace {
+
+// Asks whether to stop what runs; the exit goes on when it has come to its end.
+void offer_to_stop(workstation& w, exit_way way) {
+  ask_then(w, "An operation is running. Stop it and leave?", "Exit Kestrelvane",
+           [&w, way](bool yes) {
+             if (!yes) return;
+             w.exit_wanted = way;
+             if (w.worker.running) {
+               interrupt_worker(w);
+             } else {
+               go_on_leaving(w);
+             }
+           });
+}
+
+void run_exit(workstation& w, exit_way way) {
+  w.exit_begun = true;
+  const auto left = std::make_shared<bool>(false);
+  start_operation(
+      w,
+      [&w, way, left](session_state& session) {
+        if (w.autorecover_running) {
+          // A save under way needs the gate to come to its end.
+          const session_pause pause(session);
+          stop_autorecover(w.autorecover);
+        }
+        *left = end_session(session, way);
+      },
+      [&w, left] {
+        w.exit_begun = false;
+        if (*left) {
+          close_graphs(w);
+          leave(w);
+        } else if (w.autorecover_running) {
+          start_autorecover(w.autorecover, w.session);
+        }
+      });
+}
+
+}  // namespace
+
+bool request_exit(workstation& w, exit_way way) {
   if (w.leaving) return true;
   if (w.exit_begun) return false;  // a second click while the state is being written
   if (w.worker.running) {
-    show_message(w, "An operation is running: interrupt it or wait until it has finished.",
-                 "Exit Kestrelvane");
+    offer_to_stop(w, way);
     return false;
   }
   if (const QDialog* dialog = dialog_beside(w)) {
@@ -186,22 +229,20 @@ bool request_exit(workstation& w) {
     return false;
   }
   keep_window_layout(w);
-  w.exit_begun = true;
-  start_operation(
-      w,
-      [&w](session_state& session) {
-        if (w.autorecover_running) {
-          // A save under way needs the gate to come to its end.
-          const session_pause pause(session);
-          stop_autorecover(w.autorecover);
-        }
-        end_session(session);
-      },
-      [&w] {
-        close_graphs(w);
-        leave(w);
-      });
+  run_exit(w, way);
   return false;
+}
+
+// The dialog of the operation that was stopped is left as by its cross.
+void go_on_leaving(workstation& w) {
+  const exit_way way = *std::exchange(w.exit_wanted, std::nullopt);
+  // The user may stay after all, and start another.
+  set_interrupts(w.session.operation, false);
+  const QList<QDialog*> dialogs = w.frame->findChildren<QDialog*>(Qt::FindDirectChildrenOnly);
+  for (QDialog* dialog : dialogs) {
+    if (dialog->isVisible()) dialog->reject();
+  }
+  request_exit(w, way);
 }
 
 }  // namespace kestrelvane

@@ -15,8 +15,10 @@
 #include <QString>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "operations/program_run.h"
 #include "operations/recovery.h"
 #include "session/session_state.h"
 #include "workstation/menu_holds.h"
@@ -65,8 +67,9 @@ struct workstation {
   bool redraw_planned = false;        // for when the session is free again, while paused
   autorecover_timer autorecover;
   bool autorecover_running = false;
-  bool exit_begun = false;  // the exit path runs
-  bool leaving = false;     // and has come to its end
+  std::optional<exit_way> exit_wanted;  // once the operation that runs has ended
+  bool exit_begun = false;              // the exit path runs
+  bool leaving = false;                 // and has come to its end
 
   explicit workstation(session_state& of) : session(of) {}
 };
@@ -83,9 +86,12 @@ struct start_request {
 // the event loop's first turn with the recording of the command line or the offer to
 // resume or recover.
 void start_workstation(workstation& w, const start_request& request);
-// The close request from any source: asks, saves, closes. False when an operation runs
-// that the user would rather keep.
-bool request_exit(workstation& w);
+// The close request from any source: asks, saves, closes. While an operation runs it asks
+// whether to stop that, and goes on when it has ended. False as long as the program stays.
+bool request_exit(workstation& w, exit_way way = exit_way::frame);
+
+// After the operation that was stopped for it.
+void go_on_leaving(workstation& w);
 
 // --- small services
 // A message box that does not wait.

@@ -91,6 +91,32 @@ TEST_F(timer_test, never_means_never_until_it_is_changed_or_asked_for) {
   EXPECT_TRUE(comes_true([&] { return announced > 0; }));
 }
 
+// A crash after a sort of hours must not wait for the interval.
+TEST_F(timer_test, a_run_that_has_ended_is_saved_at_once_and_edits_now_and_then) {
+  timer.edit_rest = 300ms;
+  run_every(3'600'000);
+  const auto begun = std::chrono::steady_clock::now();
+  note_unsaved(*session, unsaved_results::run);
+  ASSERT_TRUE(comes_true([&] { return exists(saved); }));
+  std::filesystem::remove(saved);
+  {
+    // A worker that holds the session is not held up for its edits.
+    const session_hold hold(*session);
+    note_unsaved(*session, unsaved_results::edits);
+    std::this_thread::sleep_for(350ms);
+    EXPECT_EQ(session->gate.next_ticket, session->gate.now_serving + 1);
+  }
+  ASSERT_TRUE(comes_true([&] { return exists(saved); }));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, timer.edit_rest);
+  EXPECT_EQ(announced, 0) << "not timed ones";
+
+  set_autorecover_interval(timer, never);
+  std::filesystem::remove(saved);
+  note_unsaved(*session, unsaved_results::run);
+  std::this_thread::sleep_for(50ms);
+  EXPECT_FALSE(exists(saved));
+}
+
 TEST_F(timer_test, without_a_recording_nothing_is_written) {
   reset_session(*session);
   run_every(interval_ms / 10);

@@ -315,7 +315,7 @@ TEST_F(recovery_test, a_clean_exit_leaves_what_the_answer_says) {
     ASSERT_TRUE(save_autorecover(*run));
     write_bytes(temporary, {'x'});
     run.user.default_answer = yes;
-    end_session(*run);
+    EXPECT_TRUE(end_session(*run, exit_way::frame));
     EXPECT_TRUE(run.user.asked("Save program state for next time?", "Exit Kestrelvane"));
     EXPECT_EQ(exists(restart), yes);
     EXPECT_FALSE(exists(autorecover));
@@ -326,11 +326,29 @@ TEST_F(recovery_test, a_clean_exit_leaves_what_the_answer_says) {
   // Without a recording nothing is asked, and an earlier state is not touched.
   small_session empty;
   empty->home_directory = home.path;
-  end_session(*empty);
+  EXPECT_TRUE(end_session(*empty, exit_way::frame));
   EXPECT_TRUE(empty.user.questions.empty());
   EXPECT_TRUE(exists(restart));
-  forget_restart(*empty);
+  EXPECT_TRUE(end_session(*empty, exit_way::menu));
   EXPECT_FALSE(exists(restart));
+}
+
+TEST_F(recovery_test, escape_is_no_answer) {
+  small_session run;
+  open_sorted(run);
+  ASSERT_TRUE(save_autorecover(*run));
+  ASSERT_TRUE(save_restart(*run));
+  run.user.leaves_boxes = true;
+  EXPECT_FALSE(end_session(*run, exit_way::menu));
+  EXPECT_TRUE(exists(autorecover) && exists(restart));
+  EXPECT_FALSE(exists(home.file("kv_parameters.sav")));
+
+  small_session next;
+  next->home_directory = home.path;
+  next.user.leaves_boxes = true;
+  EXPECT_FALSE(open_at_start(*next, ""));
+  EXPECT_TRUE(next.user.asked("Resume previous state?", "Kestrelvane"));
+  EXPECT_TRUE(exists(restart)) << "offered again";
 }
 
 TEST_F(recovery_test, the_recovery_file_outlives_the_question_and_a_full_disk) {
@@ -342,13 +360,13 @@ TEST_F(recovery_test, the_recovery_file_outlives_the_question_and_a_full_disk) {
   static std::string watched;
   static bool stood = false;
   watched = autorecover;
-  run->ui.ask = [](void*, const std::string&, const std::string&) {
+  run->ui.ask_openly = [](void*, const std::string&, const std::string&) {
     stood = exists(watched);
-    return true;
+    return user_answer::yes;
   };
   {
     const full_device full;
-    end_session(*run);
+    EXPECT_FALSE(end_session(*run, exit_way::frame)) << "the program stays, with the sort";
   }
   EXPECT_TRUE(stood);
   EXPECT_TRUE(run.user.told("Failed to save file kv_restart.sav", "Exit Kestrelvane"));
@@ -389,8 +407,7 @@ TEST_F(recovery_test, without_a_home_nothing_is_read_or_written) {
   EXPECT_FALSE(save_autorecover(*run) || save_restart(*run));
   EXPECT_FALSE(open_restart(*run) || open_autorecover(*run));
   open_at_start(*run, recording);
-  end_session(*run);
-  forget_restart(*run);
+  end_session(*run, exit_way::menu);
   std::filesystem::current_path(here);
   EXPECT_TRUE(run.user.questions.empty());
   EXPECT_TRUE(run.user.boxes.empty());

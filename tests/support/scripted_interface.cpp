@@ -6,6 +6,12 @@ namespace {
 scripted_interface& self(void* context) { return *static_cast<scripted_interface*>(context); }
 }  // namespace
 
+bool scripted_interface::answer(const std::string& text, const std::string& title) {
+  questions.push_back({text, title});
+  const auto planned = answers.find(text);
+  return planned == answers.end() ? default_answer : planned->second;
+}
+
 void scripted_interface::attach(session_state& session) {
   user_interface& ui = session.ui;
   ui.context = this;
@@ -13,9 +19,12 @@ void scripted_interface::attach(session_state& session) {
     self(c).boxes.push_back({text, title});
   };
   ui.ask = [](void* c, const std::string& text, const std::string& title) {
-    self(c).questions.push_back({text, title});
-    const auto planned = self(c).answers.find(text);
-    return planned == self(c).answers.end() ? self(c).default_answer : planned->second;
+    return self(c).answer(text, title);
+  };
+  ui.ask_openly = [](void* c, const std::string& text, const std::string& title) {
+    const bool yes = self(c).answer(text, title);
+    if (self(c).leaves_boxes) return user_answer::none;
+    return yes ? user_answer::yes : user_answer::no;
   };
   ui.choose_open = [](void* c, const std::string&, const std::string&, std::string& path) {
     path = self(c).chosen_path;

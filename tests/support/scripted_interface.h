@@ -27,7 +27,8 @@ struct scripted_interface {
   std::vector<cluster_change> changes;
   std::map<std::string, bool> answers;  // by the text of the question
   bool default_answer = false;
-  std::string chosen_path;  // given by the file dialogs; empty: cancelled
+  bool leaves_boxes = false;  // without an answer, where a box can be left so
+  std::string chosen_path;    // given by the file dialogs; empty: cancelled
   int pauses = 0;
   std::function<void()> on_pause;
   std::function<void(const std::string& text)> on_status;
@@ -40,6 +41,8 @@ struct scripted_interface {
   // Makes the session talk to this user. The object must outlive the session's use.
   void attach(session_state& session);
 
+  // Records a question, and gives the planned answer.
+  bool answer(const std::string& text, const std::string& title);
   bool told(const std::string& text) const;  // a box with exactly this text
   bool told(const std::string& text, const std::string& title) const;
   bool asked(const std::string& text, const std::string& title) const;

@@ -3,7 +3,6 @@
 #include <optional>
 
 #include "operations/open_recording.h"
-#include "operations/program_run.h"
 #include "recording/recording_formats.h"
 #include "results/ptcs.h"
 #include "results/work_file.h"
@@ -149,9 +148,6 @@ void close_recording_command(workstation& w) {
   });
 }
 
-void exit_command(workstation& w) {
-  if (!w.worker.running) forget_restart(w.session);
-  w.frame->close();
-}
+void exit_command(workstation& w) { request_exit(w, exit_way::menu); }
 
 }  // namespace kestrelvane
