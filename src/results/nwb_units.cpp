@@ -16,6 +16,7 @@
 #include "recording/acquisition_facts.h"
 #include "recording/formats/hdf/hdf_file.h"
 #include "results/exports.h"
+#include "results/spike_times.h"
 #include "session/version.h"
 #include "sorting/unit_table.h"
 
@@ -332,18 +333,6 @@ void write_electrodes(nwb_file& out, const recording_store& r) {
 
 // --- units
 
-bool has_unbroken_time(const session_state& session) {
-  return session.recording.is_continuous || session.preferences.treat_as_continuous;
-}
-
-// Seconds from the first sample; those of event-based recordings as the other exports have
-// them.
-double spike_seconds(const session_state& session, std::int32_t event, double rate) {
-  // Gaps between stored records are in the stamps and nowhere else.
-  if (!has_unbroken_time(session)) return event_seconds(session, event);
-  return (session.events.event_time[event] - 1) / rate;
-}
-
 struct unit_times {
   std::vector<double> seconds;      // unit after unit, ascending within each
   std::vector<std::uint64_t> ends;  // of each unit
@@ -352,7 +341,6 @@ struct unit_times {
 unit_times list_times(const session_state& session) {
   const event_table& e = session.events;
   const auto n_units = static_cast<std::size_t>(session.clusters.n_clusters);
-  const double rate = exact_rate(session.recording);
   unit_times times;
   std::vector<std::uint64_t> next(n_units + 1, 0);
   const auto unit_of = [&](std::int32_t i) {
@@ -370,7 +358,7 @@ unit_times list_times(const session_state& session) {
   // From the end down: each end moves to where its unit begins, and events stay in order.
   for (std::int32_t i = e.n_events; i >= 1; --i) {
     const std::size_t unit = unit_of(i);
-    if (unit > 0) times.seconds[--next[unit]] = spike_seconds(session, i, rate);
+    if (unit > 0) times.seconds[--next[unit]] = clock_seconds(session, i);
   }
   // Events are in order of discovery; readers take times for ascending.
   for (std::size_t u = 0; u < n_units; ++u) {
@@ -381,27 +369,31 @@ unit_times list_times(const session_state& session) {
   return times;
 }
 
+std::string times_description(const session_state& session) {
+  return session.recording.is_continuous ? "times of the spikes, s from the first sample"
+                                         : "times of the spikes, s on the clock of the recording";
+}
+
 void add_times(nwb_file& out, nwb_table& table, const session_state& session) {
-  const recording_store& r = session.recording;
   const unit_times times = list_times(session);
   const hdf_id column = add_column(
-      out, table, "spike_times", "times of the spikes, s from the first sample",
+      out, table, "spike_times", times_description(session),
       {H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, list_of(times.seconds.size()), times.seconds.data()});
-  if (r.sampling_frequency > 0) {
-    write_number_attribute(out, column, "resolution", 1 / exact_rate(r));
-  }
+  const double resolution = clock_resolution(session);
+  if (resolution > 0) write_number_attribute(out, column, "resolution", resolution);
   add_index(out, table, "spike_times", times.ends);
 
   // One interval per unit: more, or none, is more than most readers understand.
-  double end = 60.0 * r.duration_mins;
-  if (has_unbroken_time(session) && r.sampling_frequency > 0) end = r.n_samples / exact_rate(r);
-  if (!times.seconds.empty()) {
-    // No spike may lie outside the interval of its unit.
-    end = std::max(end, *std::max_element(times.seconds.begin(), times.seconds.end()));
+  clock_span span = recording_span(session);
+  // No spike may lie outside the interval of its unit.
+  for (const double seconds : times.seconds) {
+    span = {std::min(span.from, seconds), std::max(span.to, seconds)};
   }
   const auto n = static_cast<std::size_t>(session.clusters.n_clusters);
   std::vector<double> intervals;
-  for (std::size_t u = 0; u < n; ++u) intervals.insert(intervals.end(), {0.0, end});
+  for (std::size_t u = 0; u < n; ++u) {
+    intervals.insert(intervals.end(), {span.from, span.to});
+  }
   add_column(out, table, "obs_intervals", "interval in which the unit was looked for, s",
              {H5T_IEEE_F64LE, H5T_NATIVE_DOUBLE, {{n, 2}}, intervals.data()});
   std::vector<std::uint64_t> ends(n);

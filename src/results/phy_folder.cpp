@@ -17,14 +17,17 @@
 #include "numerics/jacobi.h"
 #include "numerics/parallel.h"
 #include "recording/acquisition_facts.h"
+#include "results/spike_times.h"
 #include "session/run_log.h"
 #include "session/template_window.h"
+#include "sorting/unit_table.h"
 
 namespace kestrelvane {
 
 namespace {
 
 constexpr const char* box_title = "Save sorted spikes";
+constexpr const char* samples_name = "recording.dat";
 constexpr std::int32_t n_components = 3;         // principal components per channel
 constexpr std::size_t most_local_channels = 12;  // channels with features, per template
 constexpr std::size_t most_similar = 16;         // templates that a spike is compared with
@@ -109,6 +112,12 @@ bool write_text_file(const phy_export& x, const std::string& name, const std::st
   return finish_safe_file(out);
 }
 
+// What an earlier sort has left in the folder and this one does not write.
+void remove_old(const phy_export& x, const std::string& name) {
+  std::error_code ignored;
+  std::filesystem::remove(x.folder + name, ignored);
+}
+
 // --- what is derived from the sort
 
 void list_events(phy_export& x) {
@@ -116,10 +125,11 @@ void list_events(phy_export& x) {
   for (std::int32_t i = 1; i <= e.n_events; ++i) {
     if (e.event_cluster[i] > 0) x.events.push_back(i);
   }
+  std::vector<std::int64_t> times(static_cast<std::size_t>(e.n_events) + 1);
+  for (const std::int32_t i : x.events) times[i] = clock_sample(x.session, i);
   // Events at one time stay in the order in which they were found.
-  std::stable_sort(x.events.begin(), x.events.end(), [&e](std::int32_t a, std::int32_t b) {
-    return e.event_time[a] < e.event_time[b];
-  });
+  std::stable_sort(x.events.begin(), x.events.end(),
+                   [&times](std::int32_t a, std::int32_t b) { return times[a] < times[b]; });
 }
 
 void list_templates(phy_export& x) {
@@ -193,6 +203,22 @@ void compare_templates(phy_export& x) {
   }
 }
 
+// The sign of a direction is arbitrary. Readers weigh the channels of a spike by the part of
+// its first component above 0 and take its depth from that, so the waveform that the units
+// have in common on their largest channels is given positive parts.
+void turn_components(phy_export& x, std::int32_t n) {
+  const std::size_t points = x.n_points();
+  std::vector<double> common(points);
+  for (std::size_t k = 0; k < x.n_templates(); ++k) {
+    for (std::size_t p = 0; p < points; ++p) common[p] += x.template_value(k, p, x.local[k][0]);
+  }
+  for (std::int32_t component = 0; component < std::min(n_components, n); ++component) {
+    float* direction = x.components.data() + static_cast<std::size_t>(component) * points;
+    if (std::inner_product(common.begin(), common.end(), direction, 0.0) >= 0) continue;
+    std::transform(direction, direction + points, direction, std::negate<>());
+  }
+}
+
 // The directions in which waveforms of the templates differ most.
 void find_components(phy_export& x) {
   const auto n = static_cast<std::int32_t>(x.n_points());
@@ -218,6 +244,7 @@ void find_components(phy_export& x) {
   eigen_decomposition(covariance.data(), n, n, values.data(), vectors.data(), n_rotations);
   x.components.assign(vectors.begin(),
                       vectors.begin() + static_cast<long>(points) * std::min(n_components, n));
+  turn_components(x, n);
   // A window of fewer points than components has zeros for the rest.
   x.components.resize(static_cast<std::size_t>(n_components) * points);
 }
@@ -250,8 +277,7 @@ bool write_spikes(const phy_export& x) {
   const auto& spikes = x.events;
   return write_rows<std::int64_t>(
              x, "spike_times", "<i8", {}, spikes,
-             // The files count samples from 0.
-             [&](std::int32_t i, std::int64_t* row) { *row = e.event_time[i] - 1; }) &&
+             [&](std::int32_t i, std::int64_t* row) { *row = clock_sample(x.session, i); }) &&
          write_rows<std::int32_t>(
              x, "spike_templates", "<i4", {}, spikes,
              [&](std::int32_t i, std::int32_t* row) { *row = e.event_cluster[i] - 1; }) &&
@@ -375,55 +401,80 @@ bool write_templates(const phy_export& x) {
          write_array(x, "similar_templates", "<f4", {n, n}, x.similarity);
 }
 
+// The columns that the curator sees beside those that readers work out for themselves. There
+// is no "group": that is the curator's word, and nobody has looked at the units yet.
+struct cluster_column {
+  const char* name;
+  std::string (*cell)(const session_state& session, const unit_row& unit);
+};
+
+constexpr cluster_column cluster_columns[] = {
+    {"Amplitude",
+     [](const session_state&, const unit_row& u) { return fmt::format("{:.1f}", u.peak_to_peak); }},
+    // 0 stands for noise that was not measured.
+    {"snr",
+     [](const session_state&, const unit_row& u) {
+       return u.snr > 0 ? fmt::format("{:.2f}", u.snr) : std::string();
+     }},
+    {"firing_rate",
+     [](const session_state&, const unit_row& u) { return fmt::format("{:.3f}", u.rate); }},
+    // Distinct from every other unit, or not; not known without lists of pairs.
+    {"stability",
+     [](const session_state&, const unit_row& u) {
+       return std::string(u.status == cluster_status::stable     ? "stable"
+                          : u.status == cluster_status::unstable ? "unstable"
+                                                                 : "");
+     }},
+    // Splitting found no more parts in it, which says nothing of its quality.
+    {"signed_off",
+     [](const session_state& session, const unit_row& u) {
+       return std::string(session.clusters.cluster_signed_off[u.cluster] ? "yes" : "no");
+     }},
+    {"comment",
+     [](const session_state& session, const unit_row& u) {
+       std::string comment(session.clusters.cluster_comment[u.cluster].view());
+       // A tab would begin another column.
+       std::replace(comment.begin(), comment.end(), '\t', ' ');
+       return comment;
+     }},
+};
+
 // One line for every cluster that has a value. Readers stumble over a table without lines:
 // there is none then.
-bool write_cluster_table(const phy_export& x, const std::string& field,
-                         const std::function<std::string(std::int32_t cluster)>& value) {
-  std::string lines;
-  for (std::int32_t c = 1; c <= x.session.clusters.n_clusters; ++c) {
-    const std::string cell = value(c);
-    if (!cell.empty()) lines += fmt::format("{}\t{}\n", c, cell);
-  }
-  const std::string name = "cluster_" + field + ".tsv";
-  std::error_code ignored;
-  if (lines.empty()) return std::filesystem::remove(x.folder + name, ignored) || !ignored;
-  return write_text_file(x, name, "cluster_id\t" + field + "\n" + lines);
-}
-
 bool write_clusters(const phy_export& x) {
-  const session_state& session = x.session;
-  const float scale = session.recording.vscale_HP;
-  return write_cluster_table(x, "group",
-                             [&](std::int32_t c) {
-                               return session.clusters.cluster_signed_off[c] ? "good" : "unsorted";
-                             }) &&
-         write_cluster_table(x, "Amplitude",
-                             [&](std::int32_t c) {
-                               const std::int32_t centre = session.templates.centre_channel(c);
-                               return fmt::format(
-                                   "{:.1f}", scale * template_peak_to_peak(session, c, centre));
-                             }) &&
-         write_cluster_table(
-             x, "snr",
-             [&](std::int32_t c) { return fmt::format("{:.2f}", template_snr(session, c)); }) &&
-         write_cluster_table(x, "comment", [&](std::int32_t c) {
-           std::string comment(session.clusters.cluster_comment[c].view());
-           // A tab would begin another column.
-           std::replace(comment.begin(), comment.end(), '\t', ' ');
-           return comment;
-         });
+  const std::vector<unit_row> units = make_unit_table(x.session);
+  for (const cluster_column& column : cluster_columns) {
+    std::string lines;
+    for (const unit_row& unit : units) {
+      const std::string cell = column.cell(x.session, unit);
+      if (!cell.empty()) lines += fmt::format("{}\t{}\n", unit.cluster, cell);
+    }
+    const std::string name = fmt::format("cluster_{}.tsv", column.name);
+    if (lines.empty()) {
+      remove_old(x, name);
+    } else if (!write_text_file(x, name, fmt::format("cluster_id\t{}\n", column.name) + lines)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // --- the samples
 
-// All channels, channel fastest, as they are in memory.
+// All channels, channel fastest, as they are in memory. Stored records end to end are no
+// stretch of time that a spike's time could be a place in: readers then show the waveforms of
+// the spikes, and no traces.
 bool write_samples(const phy_export& x) {
+  if (!has_unbroken_time(x.session)) {
+    remove_old(x, samples_name);
+    return true;
+  }
   const recording_store& r = x.session.recording;
   const auto n_channels = static_cast<std::size_t>(r.n_channels);
   constexpr std::int64_t points_per_piece = 4096;
   std::vector<std::int16_t> piece;
   safe_file out;
-  if (!open_safe_file(out, x.folder + "recording.dat")) return false;
+  if (!open_safe_file(out, x.folder + samples_name)) return false;
   for (std::int64_t first = 1; first <= r.n_samples && !out.failed; first += points_per_piece) {
     const auto n =
         static_cast<std::size_t>(std::min<std::int64_t>(points_per_piece, r.n_samples - first + 1));
@@ -445,9 +496,10 @@ bool write_params(const phy_export& x) {
   const recording_store& r = x.session.recording;
   return write_text_file(
       x, "params.py",
-      fmt::format("dat_path = 'recording.dat'\nn_channels_dat = {}\n"
+      fmt::format("dat_path = {}\nn_channels_dat = {}\n"
                   "dtype = 'int16'\noffset = 0\nsample_rate = {}\n"
                   "hp_filtered = {}\n",
+                  has_unbroken_time(x.session) ? fmt::format("'{}'", samples_name) : "[]",
                   r.n_channels, exact_rate(r), r.recording_filtered ? "True" : "False"));
 }
 
@@ -487,9 +539,10 @@ bool export_phy(const session_state& session, const std::string& path) {
     tell(session, "Not enough memory for the templates of the folder", box_title);
     return false;
   }
-  std::error_code failed, ignored;
+  std::error_code failed;
   std::filesystem::create_directories(path, failed);
-  std::filesystem::remove(x.folder + "cluster_info.tsv", ignored);  // of the sort that was there
+  // What was decided of the clusters that were there means nothing for these.
+  for (const char* name : {"cluster_info.tsv", "cluster_group.tsv"}) remove_old(x, name);
   if (failed || !write_folder(x)) {
     tell(session, "Error saving Phy folder " + path, box_title);
     return false;

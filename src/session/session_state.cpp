@@ -134,14 +134,19 @@ void compute_duration(session_state& session) {
   r.duration_mins = static_cast<float>(ms) / 60000.0f;
 }
 
-std::int64_t event_record_time_ms(const session_state& session, std::int64_t time_index,
+std::int64_t event_record_time_us(const session_state& session, std::int64_t time_index,
                                   std::int32_t channel) {
   const recording_store& r = session.recording;
   if (r.records_per_unit == 0 || r.samples_per_event <= 0) return 0;
   const std::int64_t record = (time_index - 100) / (2 * std::int64_t{r.samples_per_event}) + 1;
   if (record < 0 || record > r.records_per_unit) return 0;
   const bool tetrodes = r.electrode_type == electrode_tetrode;
-  return r.timestamp(record, tetrodes ? r.tetrode_of_channel[channel] : channel) / 1000;
+  return r.timestamp(record, tetrodes ? r.tetrode_of_channel[channel] : channel);
+}
+
+std::int64_t event_record_time_ms(const session_state& session, std::int64_t time_index,
+                                  std::int32_t channel) {
+  return event_record_time_us(session, time_index, channel) / 1000;
 }
 
 void release_timestamp_map(recording_store& r) {

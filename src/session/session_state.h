@@ -125,8 +125,10 @@ inline std::int32_t threads_now(const session_state& session) {
 // Sets duration_mins (minutes) from samples, epochs or record time stamps.
 void compute_duration(session_state& session);
 
-// Real time in ms of the stored record that holds a time index of an event-based
-// recording; 0 when there is none.
+// Real time of the stored record that holds a time index of an event-based recording, from
+// first_timestamp on, in µs and in whole ms; 0 when there is none.
+std::int64_t event_record_time_us(const session_state& session, std::int64_t time_index,
+                                  std::int32_t channel);
 std::int64_t event_record_time_ms(const session_state& session, std::int64_t time_index,
                                   std::int32_t channel);
 

@@ -146,6 +146,24 @@ TEST_F(nwb_units_test, identities_differ) {
   EXPECT_GT(n, 20);
 }
 
+TEST_F(nwb_units_test, stored_records_have_the_time_of_the_file) {
+  recording_store& r = session->recording;
+  r.is_continuous = false;
+  r.samples_per_event = 32;
+  r.records_per_unit = 400;
+  r.duration_mins = 1;
+  r.first_timestamp = 123'456'789;
+  ASSERT_TRUE(r.event_timestamp.reserve(3 * 401));
+  // Record (t - 100) / 64 + 1 holds time index t.
+  r.timestamp(311, 1) = 654'321;
+  r.timestamp(194, 1) = 7;
+  session->events.event_time[2] = 101;
+  ASSERT_TRUE(write_nwb_units(*session, path));
+  EXPECT_EQ(values("/units/spike_times"), "123.456789, 123.456789, 124.11111, 123.456796");
+  EXPECT_THAT(values("/units/obs_intervals"), testing::StartsWith("123.456789, 183.45678"));
+  EXPECT_THAT(structure(), testing::HasSubstr("resolution = 1e-06"));
+}
+
 TEST_F(nwb_units_test, many_spikes_take_a_wider_index) {
   event_table& e = session->events;
   for (std::int32_t i = 1; i <= 300; ++i) {

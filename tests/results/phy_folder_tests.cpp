@@ -136,9 +136,10 @@ TEST_F(phy_test, values_are_those_of_the_sort) {
   // All waveforms have one shape: the first component holds what there is, twice as much of
   // the large spike.
   const std::vector<float> features = load("pc_features").values<float>();
-  EXPECT_GT(std::abs(features[0]), 100.0f);
+  // A spike goes downwards, and projects upwards: depths are weighed by it.
+  EXPECT_GT(features[0], 100.0f);
   EXPECT_NEAR(features[2 * 9] / features[9], 2.0f, 1e-4f);
-  EXPECT_NEAR(features[3], 0.0f, 0.05f * std::abs(features[0]));
+  EXPECT_NEAR(features[3], 0.0f, 0.05f * features[0]);
   // Samples beside it, channel fastest, masked ones, too.
   const std::vector<char> dat = read_bytes(path + "/recording.dat");
   ASSERT_EQ(dat.size(), 2u * 4 * 6000);
@@ -149,13 +150,46 @@ TEST_F(phy_test, values_are_those_of_the_sort) {
 
 TEST_F(phy_test, texts_are_as_readers_parse_them) {
   session->recording.recording_filtered = true;
+  session->recording.chan_noise[1] = 10;  // and none was measured for the other unit
   ASSERT_TRUE(export_phy(*session, path));
   EXPECT_EQ(text("params.py"),
             "dat_path = 'recording.dat'\nn_channels_dat = 4\ndtype = 'int16'\noffset = 0\n"
             "sample_rate = 30000\nhp_filtered = True\n");
-  EXPECT_EQ(text("cluster_group.tsv"), "cluster_id\tgroup\n1\tgood\n2\tunsorted\n");
+  // Whether a unit is good is not for a sorter to say.
+  EXPECT_FALSE(std::filesystem::exists(path + "/cluster_group.tsv"));
+  EXPECT_EQ(text("cluster_signed_off.tsv"), "cluster_id\tsigned_off\n1\tyes\n2\tno\n");
+  EXPECT_EQ(text("cluster_firing_rate.tsv"), "cluster_id\tfiring_rate\n1\t10.000\n2\t10.000\n");
+  EXPECT_EQ(text("cluster_snr.tsv"), "cluster_id\tsnr\n1\t42.00\n");
+  // Without lists of pairs nobody knows what is stable.
+  EXPECT_FALSE(std::filesystem::exists(path + "/cluster_stability.tsv"));
   EXPECT_EQ(text("cluster_comment.tsv"), "cluster_id\tcomment\n2\tdoubtful pair\n");
   EXPECT_EQ(text("cluster_Amplitude.tsv"), "cluster_id\tAmplitude\n1\t210.0\n2\t210.0\n");
+}
+
+// Records of 20 samples: two channels, the clock of the file starting late and running on.
+TEST_F(phy_test, spikes_of_stored_records_have_the_time_of_the_file) {
+  recording_store& r = session->recording;
+  ASSERT_TRUE(export_phy(*session, path));
+  ASSERT_TRUE(std::filesystem::exists(path + "/recording.dat"));
+  r.is_continuous = false;
+  r.samples_per_event = 20;
+  r.records_per_unit = 200;
+  r.first_timestamp = 1'700'000'000'000'000;
+  ASSERT_TRUE(r.event_timestamp.reserve(4 * 201));
+  // Record (t - 100) / 40 + 1 holds time index t. The second spike in index is the last in time.
+  r.timestamp(23, 1) = 159'624'500;
+  r.timestamp(48, 1) = 1'000'001;
+  r.timestamp(73, 1) = 2'000'000;
+  r.timestamp(123, 1) = 0;
+  session.user.default_answer = true;
+  ASSERT_TRUE(export_phy(*session, path));
+  constexpr std::int64_t start = 1'700'000'000LL * 30'000;
+  EXPECT_EQ(load("spike_times").values<std::int64_t>(),
+            (std::vector<std::int64_t>{start, start + 30'000, start + 60'000, start + 4'788'735}));
+  EXPECT_EQ(load("spike_clusters").values<std::int32_t>(), (std::vector<std::int32_t>{1, 2, 2, 1}));
+  // Records end to end are no traces that these times could be places in.
+  EXPECT_FALSE(std::filesystem::exists(path + "/recording.dat"));
+  EXPECT_EQ(text("params.py").substr(0, 14), "dat_path = []\n");
 }
 
 TEST_F(phy_test, a_curated_folder_is_replaced_only_when_the_user_says_so) {
@@ -163,12 +197,14 @@ TEST_F(phy_test, a_curated_folder_is_replaced_only_when_the_user_says_so) {
   const std::string curated = path + "/spike_clusters.npy";
   write_bytes(curated, {'m', 'i', 'n', 'e'});
   write_bytes(path + "/cluster_info.tsv", {'x'});
+  write_bytes(path + "/cluster_group.tsv", {'x'});
   EXPECT_FALSE(export_phy(*session, path));
   EXPECT_EQ(read_bytes(curated).size(), 4u);
   session.user.default_answer = true;
   EXPECT_TRUE(export_phy(*session, path));
   EXPECT_GT(read_bytes(curated).size(), 4u);
   EXPECT_FALSE(std::filesystem::exists(path + "/cluster_info.tsv"));
+  EXPECT_FALSE(std::filesystem::exists(path + "/cluster_group.tsv"));
   write_bytes(folder.file("plain"), {'x'});
   EXPECT_FALSE(export_phy(*session, folder.file("plain")));
   session->clusters.n_clusters = 0;
