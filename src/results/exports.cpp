@@ -18,7 +18,9 @@
 #include "results/nwb_units.h"
 #include "results/phy_folder.h"
 #include "results/ptcs.h"
+#include "results/spike_times.h"
 #include "results/work_file.h"
+#include "session/run_log.h"
 #include "session/version.h"
 #include "sorting/duplicates.h"
 
@@ -34,15 +36,16 @@ constexpr export_format formats[] = {
   {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", {},
    write_unit_texts},
   {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", {}, save_plx,
-   &recording_store::plx_path},
+   &recording_store::plx_path, true},
   {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)",
    {.format = file_type_ntt, .refusal = "No Neuralynx data in memory"}, write_ntt},
-  {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", {}, export_evt},
+  {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", {}, export_evt,
+   nullptr, true},
   {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)",
    {.format = file_type_nev, .refusal = "No Blackrock .nev data in memory"},
    write_nev_with_units},
   {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", {},
-   export_ptcs},
+   export_ptcs, nullptr, true},
   {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)",
    {.continuous = true, .refusal = "TSF export not supported for  event based recording"},
    write_tsf},
@@ -123,8 +126,27 @@ void take_out_duplicates(session_state& session) {
   say(session, fmt::format("{} duplicate events removed from clusters", removed));
 }
 
+// Where records stand end to end, a time index tells which record a spike lies in and not
+// when it was. The format wants indices, and so the user is told.
+void warn_of_program_axis(const session_state& session, const export_format& format) {
+  if (!format.in_time_indices || has_unbroken_time(session)) return;
+  if (format.write == save_plx && session.recording.file_type == file_type_plx) return;
+  const std::string text = fmt::format(
+      "The times in this {} file are not those of the recording: its stored records stand end to "
+      "end, and the format takes their places. The csv, txt, phy and nwb exports have its times.",
+      format.extension);
+  log_message(session, text);
+  tell(session, text, "Export data", box_icon::warning);
+}
+
 bool save_beside(const session_state& session, const std::string& path, const std::string& what,
                  bool (*write)(const session_state&, const std::string&)) {
+  // Its name follows from that of the export: nobody has chosen it, and it may hold another
+  // sort of the same recording.
+  if (file_exists(path) && !ask(session, path + "\nReplace it?", "File already exists")) {
+    log_message(session, fmt::format("The {} {} was left as it is", what, path));
+    return true;
+  }
   const bool written = write(session, path);
   if (written) {
     tell(session, fmt::format("Saved {} {}", what, path), "Export data", box_icon::information);
@@ -163,6 +185,7 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
                           const std::string& path, const export_options& options) {
   if (!export_is_possible(session, format)) return false;
   set_progress(session, meter::saving, 0, 100);
+  warn_of_program_axis(session, format);
   if (options.remove_duplicates) take_out_duplicates(session);
   set_progress(session, meter::saving, 20, 100);
   bool done = format.write(session, path);
@@ -214,7 +237,7 @@ std::string source_file_path(const session_state& session) {
 double event_seconds(const session_state& session, std::int32_t event) {
   const recording_store& r = session.recording;
   const std::int32_t t = session.events.event_time[event];
-  if (r.is_continuous || session.preferences.treat_as_continuous) {
+  if (has_unbroken_time(session)) {
     // The step of a whole rate is held in single precision, as these formats have always had it.
     const double step = r.sampling_frequency_exact > 0
                             ? 1.0 / exact_rate(r)
@@ -232,6 +255,7 @@ bool write_csv(const session_state& session, const std::string& path) {
   safe_file out;
   std::string line;
   if (open_safe_file(out, path)) {
+    if (session.review.export_csv_heading) write_text(out, "seconds,cluster,channel\n");
     for (std::int32_t i = 1; i <= e.n_events; ++i) {
       if (e.event_cluster[i] <= 0) continue;
       line.clear();

@@ -32,6 +32,9 @@ struct export_format {
   bool (*write)(const session_state& session, const std::string& path);
   // The path that the recording remembers for this kind of file; null: for none.
   std::string recording_store::*last_path = nullptr;
+  // Times in it are time indices of the program, also where these are no times
+  // (spike_times.h); the file that the recording came from is written again at its own times.
+  bool in_time_indices = false;
 };
 
 std::span<const export_format> export_formats();
@@ -48,8 +51,9 @@ struct export_options {
 };
 
 // "Save As": duplicates out, the export, the work file, the comments. progress is
-// called on meter::saving, 0 to 100. False when any of the files failed; the later
-// ones are tried all the same.
+// called on meter::saving, 0 to 100. A work file or comments file that is there already is
+// replaced only when the user says so. False when any of the files failed; the later ones are
+// tried all the same.
 bool export_sorted_spikes(session_state& session, const export_format& format,
                           const std::string& path, const export_options& options);
 // The same with the file dialog and the options kept in the settings.
@@ -65,7 +69,7 @@ std::string source_file_path(const session_state& session);
 // Time of an event in seconds, as the two text formats give it.
 double event_seconds(const session_state& session, std::int32_t event);
 
-// The writers.
+// The writers. The csv has a heading line where review.export_csv_heading is on.
 bool write_csv(const session_state& session, const std::string& path);
 bool write_unit_texts(const session_state& session, const std::string& path);
 bool write_comments_file(const session_state& session, const std::string& path);

@@ -135,6 +135,7 @@ struct review_settings {
   float delete_snr_limit = 0;
   logical export_remove_duplicates;
   logical export_save_work_file;
+  logical export_csv_heading = false;
 };
 
 // Scales and marks of the voltage record and sorted waveform displays.

@@ -271,6 +271,7 @@ constexpr setting_row rows[] = {
     EXTRA(strategy, template_max_events, 200, 1, 50'000'000, "Most events of a template"),
     EXTRA(strategy, template_centre_from_events, 0, 0, 1,
         "Template centre from the channels of its events"),
+    EXTRA(review, export_csv_heading, 0, 0, 1, "Heading line in .csv files"),
     CARRIED(extra, gac_flag, logical_word, 0, 0, 1),
     EXTRA(strategy, remove_small_final_subclusters, 1, 0, 1, "Remove small final sub-clusters"),
     EXTRA(strategy, realign_after_channel_clusters, 1, 0, 1,

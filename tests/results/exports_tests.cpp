@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "support/full_device.h"
@@ -49,6 +50,11 @@ TEST_F(export_test, csv_has_a_line_for_every_clustered_event) {
             "    40.00004,   1,  12\n"
             "    79.99996,   2,   1\n");
   EXPECT_TRUE(session.user.told("CSV data saved"));
+  const std::string lines = text_of("a.csv");
+  session->review.export_csv_heading = true;
+  ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
+  EXPECT_EQ(text_of("a.csv"), "seconds,cluster,channel\n" + lines);
+  session->review.export_csv_heading = false;
 
   session->clusters.n_clusters = 0;
   set_events({{25, 0, 3}});
@@ -102,6 +108,35 @@ TEST_F(export_test, times_follow_the_kind_of_recording) {
   EXPECT_EQ(event_seconds(*session, 1), 169 * double{1.0f / 25000.0f});
 }
 
+TEST_F(export_test, times_that_are_places_are_said_to_be_so) {
+  recording_store& r = session->recording;
+  const auto n_warnings = [&](const char* name, const char* file) {
+    session.user.boxes.clear();
+    session.user.lines.clear();
+    EXPECT_TRUE(
+        export_sorted_spikes(*session, *find_export_format(name), directory.file(file), {}));
+    const auto warns = [](const std::string& text) {
+      return text.find("are not those of") != text.npos;
+    };
+    std::ptrdiff_t n = 0;
+    for (const auto& box : session.user.boxes) n += warns(box.text);
+    // In the log as in the box.
+    EXPECT_EQ(std::count_if(session.user.lines.begin(), session.user.lines.end(), warns), n);
+    return n;
+  };
+  session->templates.channels(1)[1] = session->templates.channels(2)[1] = 1;
+  set_events({{150, 1, 1}, {280, 2, 2}});
+  for (const char* name : {"evt", "ptcs", "plx", "csv", "nwb"}) EXPECT_EQ(n_warnings(name, "c"), 0);
+  r.is_continuous = false;
+  r.samples_per_event = 32;
+  r.records_per_unit = 10;
+  ASSERT_TRUE(r.event_timestamp.reserve(3 * 11));
+  for (const char* name : {"evt", "ptcs", "plx"}) EXPECT_EQ(n_warnings(name, "c"), 1) << name;
+  for (const char* name : {"csv", "txt", "nwb"}) EXPECT_EQ(n_warnings(name, "c"), 0) << name;
+  session->preferences.treat_as_continuous = true;
+  EXPECT_EQ(n_warnings("evt", "c"), 0);
+}
+
 TEST_F(export_test, comments_name_their_source) {
   session->clusters.cluster_comment[2].assign("bursts");
   ASSERT_TRUE(write_comments_file(*session, directory.file("c.txt")));
@@ -147,6 +182,16 @@ TEST_F(export_test, save_as_takes_its_steps_in_order) {
   EXPECT_TRUE(session.user.told("Saved work file " + directory.file("a.wrk"), "Export data"));
   EXPECT_TRUE(session.user.told("Saved comments file " + directory.file("a.txt"), "Export data"));
   EXPECT_TRUE(exists("a.wrk") && exists("a.txt"));
+
+  // They are there now, and may hold what is wanted still.
+  write_bytes(directory.file("a.wrk"), {'o', 'l', 'd'});
+  EXPECT_TRUE(export_sorted_spikes(*session, csv, path, {false, true, false}));
+  const std::string question = directory.file("a.wrk") + "\nReplace it?";
+  EXPECT_TRUE(session.user.asked(question, "File already exists"));
+  EXPECT_EQ(text_of("a.wrk"), "old");
+  session.user.answers[question] = true;
+  EXPECT_TRUE(export_sorted_spikes(*session, csv, path, {false, true, false}));
+  EXPECT_GT(read_bytes(directory.file("a.wrk")).size(), 1000u);
 
   // Only a Plexon file is remembered as the recording's own, and only once it stands.
   session->recording.file_type = file_type_tsf;

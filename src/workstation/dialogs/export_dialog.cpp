@@ -57,6 +57,8 @@ QLayout* choice_rows(export_window& x) {
                                "Duplicates leave the session, too"));
   rows->addRow(logical_control(x.form, "export_save_work_file", "Save work file after export",
                                "A work file beside the export, with its name"));
+  rows->addRow(logical_control(x.form, "export_csv_heading", "Heading line in .csv files",
+                               "A first line that names the columns"));
   x.comments = new QCheckBox("Save comments in .txt file");
   x.comments->setObjectName("save_comments");
   x.comments->setToolTip("The comments on units, as a text file beside the export");
