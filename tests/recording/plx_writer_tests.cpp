@@ -1,4 +1,5 @@
 // Plexon files written: new ones, and an opened one again with other units.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -380,6 +381,61 @@ TEST_F(plx_writer_test, a_continuous_rewrite_appends_the_spikes) {
   EXPECT_EQ(clusters(), (std::vector<std::int32_t>{1, 2, 0}));  // now channel for channel
 }
 
+TEST_F(plx_writer_test, stored_spikes_stay_or_go_with_the_users_word) {
+  plx_fixture f = continuous_plx(2, 3, 100);
+  // Program channel 1 is sorted and 2 masked; 7 and 300 have no place in the recording.
+  for (const std::int32_t channel : {1, 2, 7, 300, 1}) {
+    f.blocks.insert(f.blocks.begin() + 3, {1, 20 + channel, channel, 1, ramp(channel, 64)});
+  }
+  f.channels[0].n_units = f.channels[1].n_units = 1;
+  f.channels.push_back({7, 1, 4});
+  ASSERT_TRUE(open(f));
+  recording().chan_mask[2] = true;
+  events().n_events = 0;
+  set_event(1, 150, 1, 1);
+  session->clusters.n_clusters = 1;
+  set_centre(1, 1);
+  const std::string copy = folder.file("copy.plx");
+  session.user.default_answer = false;
+  EXPECT_FALSE(save(copy, true));
+  EXPECT_FALSE(std::filesystem::exists(copy));
+  const std::string counts = "2 spikes stored in the file, 1 events of this sort";
+  EXPECT_TRUE(session.user.logged("Sorted channels: " + counts));
+  EXPECT_TRUE(session.user.logged("3 spikes of channels that were not sorted stay as they are"));
+  EXPECT_THAT(session.user.questions.back().text, testing::HasSubstr(counts));
+
+  session.user.default_answer = true;
+  ASSERT_TRUE(save(copy, false));
+  const std::vector<char> bytes = read_bytes(copy);
+  std::vector<std::int32_t> channels;
+  for (const written_block& b : blocks_of(bytes, plx_blocks_offset(f))) {
+    if (b.type != 1) continue;
+    channels.push_back(b.channel);
+    if (b.channel == 1) continue;
+    EXPECT_EQ(b.words, ramp(b.channel, 64));
+    EXPECT_EQ(b.unit, 1);
+  }
+  EXPECT_EQ(channels, (std::vector<std::int32_t>{300, 7, 2, 1}));
+  const std::int32_t units[] = {1, 1, 4};
+  for (std::size_t c = 0; c < 3; ++c)
+    EXPECT_EQ(field<std::int32_t>(bytes, 7504 + 1020 * c + 96), units[c]);
+}
+
+TEST_F(plx_writer_test, records_of_channels_without_a_place_keep_their_units) {
+  plx_fixture f = event_file();
+  const std::string first_only = "First\n1 1 0 0\n";
+  write_bytes(folder.file("rec.cfg"), {first_only.begin(), first_only.end()});
+  ASSERT_TRUE(open(f));
+  for (std::int32_t c = 1; c <= session->clusters.n_clusters; ++c) set_centre(c, 1);
+  std::fill_n(events().event_cluster.first(), events().n_events, 0);
+  ASSERT_TRUE(save(path, false));
+  const std::vector<written_block> blocks = blocks_of(read_bytes(path), plx_blocks_offset(f));
+  for (std::size_t k = 0; k < blocks.size(); ++k) {
+    const bool sorted = blocks[k].type == 1 && blocks[k].channel == 1;
+    EXPECT_EQ(blocks[k].unit, sorted ? 0 : f.blocks[k].unit) << k;
+  }
+}
+
 TEST_F(plx_writer_test, appended_spikes_have_128_words_at_most_and_follow_a_cut_block) {
   plx_fixture f = continuous_plx(1, 3, 100);
   ASSERT_TRUE(open(f));
@@ -447,7 +503,17 @@ TEST_F(plx_writer_test, real_files_keep_their_bytes) {
     ASSERT_TRUE(save(path, true));
     std::vector<char> after = read_bytes(path);
     if (recording().is_continuous) {
-      // The spikes of the one mapped channel stand behind all samples now.
+      // The spikes of the one mapped channel stand behind all samples now, and those of the
+      // others where they were.
+      const auto n_headers = [&](std::size_t at) {
+        return static_cast<std::size_t>(field<std::int32_t>(after, at));
+      };
+      const std::size_t blocks_at =
+          7504 + 1020 * n_headers(140) + 296 * (n_headers(144) + n_headers(148));
+      const std::vector<written_block> blocks = blocks_of(after, blocks_at);
+      EXPECT_EQ(
+          std::count_if(blocks.begin(), blocks.end(), [](const auto& b) { return b.type == 1; }),
+          8351);
       ASSERT_TRUE(open_recording(*session, path));
       EXPECT_EQ(recording().n_samples, 600806);
       EXPECT_EQ(events().n_events, 701);

@@ -23,8 +23,8 @@ namespace kestrelvane {
 bool read_plx(session_state& session, const recording_request& request);
 
 // The save path of a Plexon file, for any recording: an opened ".plx" file is written
-// again, with the user's answer about its voltage records; other recordings become a new
-// file. Tells how it went.
+// again, with the user's answer about its voltage records, and once more where spikes that it
+// holds would go; other recordings become a new file. Tells how it went.
 bool save_plx(const session_state& session, const std::string& path);
 
 // A new file from the recording in memory. False when it cannot be written; an old file of
@@ -33,9 +33,19 @@ bool export_plx(const session_state& session, const std::string& path);
 
 // The file source, which the recording in memory came from, with the units of the session:
 // as target, or in its own place. With overwrite_samples its voltages are those in memory.
-// False when either file fails; the source then stands as it did.
+// Spikes of channels that took no part in the sort stay as they are, units and all. False when
+// either file fails; the source then stands as it did.
 bool rewrite_plx(const session_state& session, const std::string& source, const std::string& target,
                  bool overwrite_samples);
+
+// Spikes that a file of continuous channels holds itself: those that a rewrite passes on, and
+// those that make way for the events of the session. The records of event-based files all stay.
+// False when the file cannot be read.
+struct plx_stored_spikes {
+  std::int64_t n_kept = 0, n_replaced = 0;
+};
+bool count_plx_stored_spikes(const session_state& session, const std::string& source,
+                             plx_stored_spikes& counts);
 
 // What is added to the channel number of a slow block to count from 1: 1, or 0 for files
 // of foreign origin that count from 1 already.

@@ -61,6 +61,9 @@ struct repeated_line {
 bool is_worth_a_line(repeated_line& counter);
 void log_rest(const session_state& session, const repeated_line& counter, const char* what);
 
+// Of a continuous file: spikes of higher channels are not read.
+constexpr std::int32_t highest_plx_spike_channel = 256;
+
 // Which record of an event-based recording a spike block is.
 struct plx_record {
   std::int32_t channel = 0;     // program channel

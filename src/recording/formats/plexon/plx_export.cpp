@@ -16,6 +16,7 @@ constexpr std::int32_t spike_words = 26;
 constexpr std::int32_t words_before_spike = 12;
 constexpr std::int32_t slow_words = 120;
 constexpr const char* title = "Export data";
+constexpr const char* options_title = "Save plexon file options";
 
 template <std::size_t N>
 void put_text(char (&to)[N], const std::string& text) {
@@ -176,6 +177,26 @@ std::string source_of(const recording_store& r) {
   return file_exists(r.plx_path) ? r.plx_path : r.recording_path;
 }
 
+// Spikes that the file holds on sorted channels are cut out anew at the events, from the
+// continuous channels: what the acquisition system stored of them, often at a higher rate, is
+// in no other file of ours. A file that cannot be read is for the rewrite to report.
+bool may_replace_spikes(const session_state& session) {
+  plx_stored_spikes stored;
+  if (!count_plx_stored_spikes(session, source_of(session.recording), stored)) return true;
+  if (stored.n_kept > 0) {
+    log_message(session, fmt::format("{} spikes of channels that were not sorted stay as they are",
+                                     stored.n_kept));
+  }
+  if (stored.n_replaced == 0) return true;
+  const std::string counts = fmt::format("{} spikes stored in the file, {} events of this sort",
+                                         stored.n_replaced, session.events.n_events);
+  log_message(session, "Sorted channels: " + counts);
+  return ask(session,
+             "On the sorted channels the new file has the second for the first: " + counts +
+                 ".\nReplace them?",
+             options_title);
+}
+
 }  // namespace
 
 bool export_plx(const session_state& session, const std::string& path) {
@@ -192,13 +213,16 @@ bool export_plx(const session_state& session, const std::string& path) {
 }
 
 bool save_plx(const session_state& session, const std::string& path) {
-  const recording_store& r = session.recording;
   tell(session, "Creating new Plexon file", title, box_icon::information);
-  const bool saved = r.file_type == file_type_plx
-                         ? rewrite_plx(session, source_of(r), path,
-                                       ask(session, "Overwrite voltage records with new ones?",
-                                           "Save plexon file options"))
-                         : export_plx(session, path);
+  const bool again = session.recording.file_type == file_type_plx;
+  if (again && !may_replace_spikes(session)) {
+    tell(session, "Plexon recording data not saved: its own spikes would be gone", title);
+    return false;
+  }
+  const bool saved =
+      again ? rewrite_plx(session, source_of(session.recording), path,
+                          ask(session, "Overwrite voltage records with new ones?", options_title))
+            : export_plx(session, path);
   if (!saved) {
     log_message(session, "Error opening unit 20");
     tell(session, "Error saving Plexon data", title);

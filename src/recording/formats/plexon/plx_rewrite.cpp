@@ -26,11 +26,41 @@ struct plx_rewriter {
   safe_file out;
   std::vector<std::int16_t> unit_of_cluster;
   record_clusters clusters;  // event-based files
+  std::vector<bool> sorted;  // by program channel, 0 being none: it took part in the sort
   bool overwrite_samples = false;
 };
 
 bool has_tetrodes(const session_state& session) {
   return session.recording.electrode_type == electrode_tetrode;
+}
+
+// --- which channels were sorted
+
+// Tetrodes are sorted as one, by the channels of theirs that are not masked. Masked channels
+// that have events all the same, since they were masked afterwards, were sorted, too.
+std::vector<bool> list_sorted_channels(const session_state& session) {
+  const recording_store& r = session.recording;
+  const auto group = [&](std::int32_t c) {
+    return static_cast<std::size_t>(has_tetrodes(session) ? r.tetrode_of_channel[c] : c);
+  };
+  std::vector<bool> groups(std::size_t{channel_limit} + 1);
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!r.chan_mask[c]) groups[group(c)] = true;
+  }
+  for (std::int32_t i = 1; i <= session.events.n_events; ++i) {
+    groups[group(session.events.event_channel[i])] = true;
+  }
+  std::vector<bool> sorted(static_cast<std::size_t>(r.n_channels) + 1);
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) sorted[c] = groups[group(c)];
+  return sorted;
+}
+
+// Whether a spike block stays as it is, its channel having had no part in the sort.
+bool stays_as_it_is(const session_state& session, const plx_rewriter& w,
+                    const plx_block_header& h) {
+  if (h.channel < 1) return false;  // no channel at all
+  if (session.recording.is_continuous && h.channel > highest_plx_spike_channel) return true;
+  return !w.sorted[plx_program_channel(session, h.channel)];
 }
 
 // --- which record has which cluster
@@ -176,7 +206,9 @@ bool write_headers(const session_state& session, plx_rewriter& w) {
   const std::vector<std::int32_t> n_units = count_units(session);
   write_value(w.out, w.headers.file);
   for (plx_channel_header& h : w.headers.channels) {
-    h.n_units = n_units[plx_program_channel(session, h.channel)];
+    const std::int32_t channel = plx_program_channel(session, h.channel);
+    // Spikes that stay keep their units.
+    if (w.sorted[channel]) h.n_units = n_units[channel];
     write_value(w.out, h);
   }
   const auto at = static_cast<std::int64_t>(sizeof(plx_file_header) +
@@ -267,14 +299,15 @@ bool write_blocks(const session_state& session, plx_rewriter& w) {
     plx_block_header h = block.header;
     words.assign(block.words, block.words + 2 * block.n_there);
     const bool is_spike = h.type == plx_spike_block;
+    const bool stays = is_spike && stays_as_it_is(session, w, h);
     if (r.is_continuous) {
-      if (is_spike) continue;  // all spikes are written after the samples
+      if (is_spike && !stays) continue;  // the session's spikes are written after the samples
       if (h.type == plx_slow_block && w.overwrite_samples) {
         change_samples(session, w, block, offset, words);
       }
     } else if (is_spike) {
       // Sorted anew: a unit that no cluster claims is gone.
-      h.unit = 0;
+      if (!stays) h.unit = 0;
       // Beyond the end of the read no record of the session tells of the block.
       if (block.offset < r.plx_blocks_end &&
           count_record(session, counter, block, record) == plx_block_use::record) {
@@ -333,15 +366,19 @@ void write_spikes(const session_state& session, plx_rewriter& w) {
 
 // --- files
 
+bool open_source(plx_rewriter& w, const std::string& source) {
+  return open_input_file(w.source, source) && read_plx_headers(w.source, w.headers);
+}
+
 bool write_copy(const session_state& session, const std::string& source, const std::string& target,
                 bool overwrite_samples) {
   plx_rewriter w;
-  if (!open_input_file(w.source, source) || !read_plx_headers(w.source, w.headers) ||
-      w.headers.file.ad_frequency < 1) {
+  if (!open_source(w, source) || w.headers.file.ad_frequency < 1) {
     log_message(session, "Error reading Plexon data file");
     return false;
   }
   w.overwrite_samples = overwrite_samples;
+  w.sorted = list_sorted_channels(session);
   w.unit_of_cluster = number_plx_units(session, has_tetrodes(session));
   log_units(session, w);
   if (!session.recording.is_continuous) w.clusters = map_records(session);
@@ -381,6 +418,23 @@ bool rewrite_plx(const session_state& session, const std::string& source, const 
   // The source goes back to where it was, whatever happened to the copy.
   rename_file(aside, source);
   return false;
+}
+
+bool count_plx_stored_spikes(const session_state& session, const std::string& source,
+                             plx_stored_spikes& counts) {
+  counts = {};
+  plx_rewriter w;
+  if (!open_source(w, source)) return false;
+  if (!session.recording.is_continuous) return true;
+  w.sorted = list_sorted_channels(session);
+  plx_block_stream in;
+  begin_blocks(in, w.source, w.headers.blocks_at, w.source.size);
+  plx_block block;
+  while (next_block(in, block)) {
+    if (block.header.type != plx_spike_block) continue;
+    ++(stays_as_it_is(session, w, block.header) ? counts.n_kept : counts.n_replaced);
+  }
+  return true;
 }
 
 std::vector<std::int16_t> number_plx_units(const session_state& session, bool by_tetrode) {

@@ -100,9 +100,8 @@ struct slow_report {
 
 void take_spike(session_state& session, const plx_block& block, std::int64_t time, plx_units& units,
                 slow_report& report) {
-  constexpr std::int16_t highest_spike_channel = 256;
   // Channels above are no spike channels, though they come in such blocks.
-  if (block.header.channel > highest_spike_channel) return;
+  if (block.header.channel > highest_plx_spike_channel) return;
   const std::int32_t channel = plx_program_channel(session, block.header.channel);
   if (channel == 0) return;
   if (report.spike_words >= 0 && report.spike_words != block.n_words &&
