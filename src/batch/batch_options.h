@@ -35,6 +35,7 @@ struct batch_options {
   std::string stop_after = "all";
   std::string answer = "no";  // to questions
   // --- what to write
+  bool skip_existing = false;  // nothing is done when all of it is there
   std::string save_work;
   std::vector<std::string> exports;  // FORMAT=PATH
   std::string log;

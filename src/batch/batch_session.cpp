@@ -187,7 +187,10 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   }
   // The last word belongs to the command line.
   apply_run_options(batch, problem);
-  return batch_status::done;
+  batch.outputs = list_outputs(options, batch.exports);
+  // Found now, and not after the hours of a sort that nothing would be left of.
+  const std::string unwritable = try_outputs(batch.outputs);
+  return unwritable.empty() ? batch_status::done : fail_batch(batch, unwritable);
 }
 
 batch_status open_recording_for_batch(batch_session& batch) {

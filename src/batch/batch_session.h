@@ -11,6 +11,7 @@
 
 #include "batch/batch_options.h"
 #include "batch/filter_options.h"
+#include "batch/outputs.h"
 #include "batch/report.h"
 #include "results/exports.h"
 #include "session/console_interface.h"
@@ -21,11 +22,6 @@ namespace kestrelvane {
 // Exit status of the program.
 enum class batch_status : int { done = 0, failed = 1, wrong_usage = 2 };
 
-struct planned_export {
-  const export_format* format = nullptr;
-  std::string path;
-};
-
 struct batch_session {
   batch_options options;
   std::unique_ptr<session_state> session = std::make_unique<session_state>();
@@ -34,12 +30,13 @@ struct batch_session {
   std::vector<unit_row> units;  // as the sort left them, before any export
   // What the command line says, checked before anything is opened.
   std::vector<planned_export> exports;
+  std::vector<planned_output> outputs;  // all files that the run is to leave
   std::vector<std::int32_t> masked_channels;
   std::vector<planned_filter> filters;
 };
 
-// Checks what can be checked without opening a file, starts the session and gives
-// it console, settings and threads.
+// Checks what can be checked without opening a recording, whether the outputs can be written
+// among it; starts the session and gives it console, settings and threads.
 batch_status start_batch(batch_session& batch, const batch_options& options,
                          const std::string& verb);
 

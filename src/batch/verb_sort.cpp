@@ -47,6 +47,12 @@ batch_status sort_recording(batch_session& batch) {
   batch.report.interrupted = !batch.report.completed && interrupt_was_pressed();
   // A run that found nothing has nothing to save.
   if (!batch.report.completed && !batch.report.interrupted) return batch_status::failed;
+  // The next run would take what is half done for the whole.
+  if (batch.report.interrupted && batch.options.skip_existing) {
+    return fail_batch(batch,
+                      "Nothing was saved: the run was stopped, and the next one with "
+                      "--skip-existing would take it for done");
+  }
   const batch_status written = write_results(batch);
   finish_console(batch.console);
   print_units(batch);
@@ -54,10 +60,24 @@ batch_status sort_recording(batch_session& batch) {
   return batch.report.completed ? written : batch_status::failed;
 }
 
+void skip_recording(batch_session& batch) {
+  if (!batch.options.quiet) {
+    say(*batch.session, "Skipped " + batch.options.recording + ": all its files are there");
+  }
+  finish_batch(batch);
+}
+
 batch_status take_the_road(const batch_options& options, const std::string& verb) {
+  if (options.skip_existing && list_outputs(options, {}).empty() && options.exports.empty()) {
+    return refuse_usage("--skip-existing: no files are asked for");
+  }
   batch_session batch;
   batch_status status = start_batch(batch, options, verb);
   if (status == batch_status::wrong_usage) return status;
+  if (status == batch_status::done && options.skip_existing && outputs_are_there(batch.outputs)) {
+    skip_recording(batch);
+    return status;
+  }
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);

@@ -82,6 +82,8 @@ constexpr option_row option_rows[] = {
       "STAGE", "detection, channel-clusters, first-pass, lists or all",
       "detection channel-clusters first-pass lists all"},
   {text, takes_results, "--save-work", AT(save_work), "FILE", "write a work file"},
+  {flag, takes_results, "--skip-existing", AT(skip_existing),
+      "", "do nothing when all the files that are asked for are there"},
   {texts, takes_exports, "--export", AT(exports),
       "FORMAT=PATH", "csv, txt, plx, ntt, evt, nev, ptcs, tsf, phy or nwb; may be repeated"},
   {text, takes_results, "--report", AT(report),

@@ -3,6 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 namespace kestrelvane {
 
 safe_file::~safe_file() {
@@ -19,6 +22,20 @@ bool open_safe_file(safe_file& out, const std::string& path, const std::string& 
     return false;
   }
   std::setvbuf(out.file, nullptr, _IOFBF, 1 << 20);
+  return true;
+}
+
+bool try_safe_file(const std::string& path, std::string& problem) {
+  const std::string trial = path + ".try";
+  // Never over a file of that name: whoever has it wrote here before.
+  const int descriptor = open(trial.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
+  if (descriptor < 0) {
+    problem = errno == EEXIST ? "" : std::strerror(errno);
+    return problem.empty();
+  }
+  close(descriptor);
+  std::remove(trial.c_str());
+  problem.clear();
   return true;
 }
 

@@ -30,6 +30,10 @@ struct safe_file {
 // cannot be created.
 bool open_safe_file(safe_file& out, const std::string& path, const std::string& temporary = "");
 
+// Whether there is room for a new file beside the target: one without bytes is made and removed
+// again. False with the system's words for it.
+bool try_safe_file(const std::string& path, std::string& problem);
+
 // Appends bytes; a failure is remembered in failed and returned.
 bool write_bytes(safe_file& out, const void* bytes, std::size_t n);
 bool write_text(safe_file& out, std::string_view text);

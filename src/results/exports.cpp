@@ -70,14 +70,6 @@ void append_seconds(std::string& line, double seconds) {
   append_columns(line, fmt::format("{:.5f}", seconds), 12);
 }
 
-// The name that was chosen, with "_" and the cluster number before ".txt".
-std::string unit_text_path(const std::string& path, std::int32_t cluster) {
-  std::string stem = path;
-  // Other spellings of the ending stay, and the new one follows them.
-  if (stem.ends_with(".txt") || stem.ends_with(".TXT")) stem.resize(stem.size() - 4);
-  return fmt::format("{}_{}.txt", stem, cluster);
-}
-
 // Events of every cluster in event order: those of cluster c stand at
 // first[c] .. first[c + 1] - 1 of events.
 struct events_by_cluster {
@@ -232,6 +224,13 @@ std::string source_file_path(const session_state& session) {
   if (format == nullptr || format->source_path == nullptr) return r.recording_path;
   const std::string& path = r.*format->source_path;
   return path.empty() ? r.recording_path : path;
+}
+
+std::string unit_text_path(const std::string& path, std::int32_t cluster) {
+  std::string stem = path;
+  // Other spellings of the ending stay, and the new one follows them.
+  if (stem.ends_with(".txt") || stem.ends_with(".TXT")) stem.resize(stem.size() - 4);
+  return fmt::format("{}_{}.txt", stem, cluster);
 }
 
 double event_seconds(const session_state& session, std::int32_t event) {

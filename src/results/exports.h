@@ -66,6 +66,9 @@ void warn_of_incomplete_detection(const session_state& session);
 // Path of the file that the recording came from, by its type.
 std::string source_file_path(const session_state& session);
 
+// The file of a unit in the unit numbered form: "_" and its number before ".txt".
+std::string unit_text_path(const std::string& path, std::int32_t cluster);
+
 // Time of an event in seconds, as the two text formats give it.
 double event_seconds(const session_state& session, std::int32_t event);
 

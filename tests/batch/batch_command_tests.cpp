@@ -238,9 +238,9 @@ TEST_F(batch_test, what_cannot_be_written_or_read_fails_in_words) {
       run({"detect", tsf, "--quiet", "--save-work", nowhere + "a.wrk", "--export",
            "csv=" + nowhere + "a.csv", "--report", nowhere + "a.json"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("Failed to save file " + nowhere + "a.wrk"));
-  EXPECT_THAT(result.err, HasSubstr("Error exporting CSV format data "));
-  EXPECT_THAT(result.err, HasSubstr("Failed to save file " + nowhere + "a.json"));
+  for (const char* name : {"a.wrk", "a.csv", "a.json"}) {
+    EXPECT_THAT(result.err, HasSubstr("Can't write " + nowhere + name + ": No such file"));
+  }
 
   const process_result log = run({"detect", tsf, "--log", nowhere + "a.log"});
   EXPECT_EQ(log.status, 1);
@@ -259,6 +259,47 @@ TEST_F(batch_test, what_cannot_be_written_or_read_fails_in_words) {
 
   EXPECT_EQ(run({"sort", tsf, "--parameters", nowhere}).status, 1);
   EXPECT_EQ(run({"sort", tsf, "--skip-detection"}).status, 1);
+}
+
+TEST_F(batch_test, outputs_are_tried_before_the_recording_is_read) {
+  std::filesystem::create_directory(file("taken.csv"));
+  std::ofstream(file("plain"));
+  const std::pair<std::string, std::string> cases[] = {
+      {"csv=" + file("taken.csv"), "Can't write " + file("taken.csv") + ": it is a folder"},
+      {"phy=" + file("plain"), "Can't write " + file("plain") + ": Not a directory"},
+      {"txt=" + file("no/u.txt"), "Can't write " + file("no/u.txt") + ": No such file"},
+  };
+  for (const auto& [asked, said] : cases) {
+    // There is no such recording either, and it is not looked for.
+    const process_result result = run({"sort", file("absent.tsf"), "--export", asked});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr(said));
+    EXPECT_THAT(result.err, testing::Not(HasSubstr("Can't find file")));
+  }
+  EXPECT_EQ(run({"convert", tsf, file("no/c.tsf")}).status, 1);
+  // Folders of a Phy folder are made; trying leaves nothing behind.
+  const process_result result =
+      run({"sort", file("absent.tsf"), "--export", "phy=" + file("new/folder/phy"), "--export",
+           "csv=" + file("a.csv")});
+  EXPECT_THAT(result.err, HasSubstr("Can't find file"));
+  EXPECT_FALSE(exists("new") || exists("a.csv") || exists("a.csv.try"));
+}
+
+TEST_F(batch_test, what_is_there_is_not_made_again) {
+  const words detect{"detect",      tsf,        "--skip-existing", "--save-work",
+                     file("a.wrk"), "--report", file("a.json")};
+  EXPECT_EQ(run({"detect", tsf, "--skip-existing"}).status, 2);
+  ASSERT_EQ(run(detect).status, 0);
+  write_bytes(file("a.wrk"), {'m', 'i', 'n', 'e'});
+  const process_result skipped = run(detect);
+  EXPECT_EQ(skipped.status, 0);
+  EXPECT_THAT(skipped.err, HasSubstr("Skipped " + tsf + ": all its files are there"));
+  EXPECT_EQ(text_of(file("a.wrk")), "mine");
+  // One of two is not enough.
+  std::filesystem::remove(file("a.json"));
+  ASSERT_EQ(run(detect).status, 0);
+  EXPECT_NE(text_of(file("a.wrk")), "mine");
+  EXPECT_TRUE(exists("a.json"));
 }
 
 TEST_F(batch_test, no_events_are_a_failure_in_words) {
@@ -341,6 +382,13 @@ TEST_F(batch_test, ctrl_c_saves_what_has_been_done) {
   EXPECT_THAT(result.err, HasSubstr("User terminated autosort"));
   EXPECT_EQ(json_of("i.json")["interrupted"], true);
   without_log(file("i.wrk"));
+
+  // The next run of a night would take it for the whole.
+  const process_result again = run_process(
+      KESTRELVANE_BATCH, {"sort", tsf, "--save-work", file("j.wrk"), "--skip-existing"}, press);
+  EXPECT_EQ(again.status, 1);
+  EXPECT_THAT(again.err, HasSubstr("Nothing was saved"));
+  EXPECT_FALSE(exists("j.wrk"));
 }
 
 }  // namespace

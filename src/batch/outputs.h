@@ -1,0 +1,36 @@
+// The files that a command line asks for: whether they can be written, and whether they are
+// there already.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "batch/batch_options.h"
+#include "results/exports.h"
+
+namespace kestrelvane {
+
+struct planned_export {
+  const export_format* format = nullptr;
+  std::string path;
+};
+
+// One of them, by the file that stands when all of it has been written.
+struct planned_output {
+  std::string path;    // as the command line has it
+  std::string whole;   // that file: path itself, or the last of several
+  bool makes_folders;  // the folders above whole are made where they are missing
+  bool may_be_folder;  // path may name a folder that takes the files
+};
+
+std::vector<planned_output> list_outputs(const batch_options& options,
+                                         const std::vector<planned_export>& exports);
+
+// Writes and removes an empty file beside each. A line for every one that cannot be had, which
+// is what makes up the text that is returned; empty when all can be written.
+std::string try_outputs(const std::vector<planned_output>& outputs);
+
+// True when there are any and none is missing.
+bool outputs_are_there(const std::vector<planned_output>& outputs);
+
+}  // namespace kestrelvane
