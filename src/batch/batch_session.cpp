@@ -5,14 +5,17 @@
 #include "batch/channel_list.h"
 #include "batch/hdf_tree.h"
 #include "batch/interrupt.h"
+#include "operations/high_pass_offer.h"
 #include "operations/open_recording.h"
 #include "recording/electrode_config.h"
 #include "recording/recording_formats.h"
 #include "recording/site_tables.h"
 #include "results/work_file.h"
+#include "session/run_log.h"
 #include "session/settings_files.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
+#include "signal/slow_waves.h"
 #include "sorting/realign_steps.h"
 
 namespace kestrelvane {
@@ -242,14 +245,26 @@ batch_status read_work_for_batch(batch_session& batch) {
 }
 
 batch_status filter_for_batch(batch_session& batch) {
-  if (batch.filters.empty()) return batch_status::done;
   session_state& session = *batch.session;
+  if (drop_automatic_filter(session, batch.filters)) {
+    log_message(session, "--filter auto: nothing to do, the recording has been filtered");
+  }
+  if (batch.filters.empty()) return batch_status::done;
   batch.console.show_log = true;
   begin_timed_stage(batch.report.clock, session, "filtering");
   const bool done = !interrupt_was_pressed() && run_planned_filters(session, batch.filters);
   end_timed_stage(batch.report.clock, session);
   batch.console.show_log = false;
   return done ? batch_status::done : fail_batch(batch, "The recording could not be filtered");
+}
+
+void warn_of_slow_waves(batch_session& batch) {
+  session_state& session = *batch.session;
+  // Said here in its own words; nobody is there to take the offer of the operation.
+  session.recording.high_pass_offered = true;
+  if (!looks_unfiltered(session)) return;
+  tell(session, unfiltered_words(session) + "--filter auto high passes it first", "",
+       box_icon::warning);
 }
 
 batch_status write_results(batch_session& batch) {

@@ -52,6 +52,9 @@ batch_status read_work_for_batch(batch_session& batch);
 // repeated: a work file brings its own history, so theirs come first.
 batch_status filter_for_batch(batch_session& batch);
 
+// A line where most of the power lies below the spikes: before a detection.
+void warn_of_slow_waves(batch_session& batch);
+
 // Takes down the table of units, then writes the work file, the exports and the
 // report that were asked for. All are tried; failed when one could not be written.
 batch_status write_results(batch_session& batch);

@@ -6,8 +6,10 @@
 #include <charconv>
 #include <string_view>
 
+#include "operations/high_pass_offer.h"
 #include "session/settings_table.h"
 #include "signal/filter_chain.h"
+#include "signal/slow_waves.h"
 
 namespace kestrelvane {
 
@@ -21,6 +23,8 @@ struct filter_word {
 };
 
 namespace {
+
+constexpr const char* auto_name = "auto";  // a high pass where the recording wants one
 
 // In the order of a chain.
 constexpr filter_word words[] = {
@@ -53,6 +57,7 @@ constexpr filter_word words[] = {
      {"compressive_75pct_uv", nullptr},
      true,
      [](filter_settings& f) { f.do_compressive = true; }},
+    {auto_name, auto_name, {}, false, set_offered_high_pass},
 };
 
 const filter_word* find_word(std::string_view name) {
@@ -120,6 +125,10 @@ bool names(std::span<const planned_filter> filters, std::string_view name) {
                      [&](const planned_filter& f) { return f.filter->name == name; });
 }
 
+bool names_butterworth(std::span<const planned_filter> filters) {
+  return names(filters, "highpass") || names(filters, "lowpass");
+}
+
 void clear_options(filter_settings& f) {
   f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
   // Smoothing, too: what a kept setting has ticked was not asked for here.
@@ -155,12 +164,21 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
     problem = parse_filter(text, filter);
     // A chain has each filter once.
     if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
+    filters.push_back(filter);
+    if (problem.empty() && names(filters, auto_name) && names_butterworth(filters)) {
+      problem = "auto is a high pass itself, beside which no other fits";
+    }
     if (!problem.empty()) {
       problem = fmt::format("--filter {}: {}", text, problem);
       return false;
     }
-    filters.push_back(filter);
   }
+  return true;
+}
+
+bool drop_automatic_filter(const session_state& session, std::vector<planned_filter>& filters) {
+  if (!names(filters, auto_name) || looks_unfiltered(session)) return false;
+  std::erase_if(filters, [](const planned_filter& f) { return f.filter->name == auto_name; });
   return true;
 }
 

@@ -23,6 +23,10 @@ struct planned_filter {
 bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_filter>& filters,
                    std::string& problem);
 
+// Takes "auto" out where the recording looks filtered already; true when it was there and has
+// gone.
+bool drop_automatic_filter(const session_state& session, std::vector<planned_filter>& filters);
+
 // Runs the filters over the recording. A chain has one Butterworth filter; with both a
 // high and a low pass there are two chains, the second beginning with the low pass, so
 // that together they keep the order. False when stopped or out of memory.

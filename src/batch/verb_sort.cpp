@@ -42,6 +42,7 @@ void print_units(const batch_session& batch) {
 batch_status sort_recording(batch_session& batch) {
   session_state& session = *batch.session;
   session.autosort.stop_after = stop_of_name(batch.options.stop_after);
+  if (!session.strategy.skip_event_detection) warn_of_slow_waves(batch);
   batch.report.completed = !interrupt_was_pressed() && autosort(session);
   end_timed_stage(batch.report.clock, session);
   batch.report.interrupted = !batch.report.completed && interrupt_was_pressed();

@@ -68,7 +68,7 @@ constexpr option_row option_rows[] = {
   {text, takes_hdf_edits, "--rate", AT(rate), "HZ", "its sampling frequency (as the file says)"},
   {text, takes_hdf_edits, "--scale", AT(scale), "UV", "µV per bit (as the file says)"},
   {texts, takes_settings, "--filter", AT(filters), "FILTER",
-      "means, common-mean, spatial:RADIUS, temporal, phase:F0:SHIFT, highpass:F0:POLES, "
+      "auto (a high pass if the recording looks unfiltered), means, common-mean, spatial:RADIUS, temporal, phase:F0:SHIFT, highpass:F0:POLES, "
       "lowpass:F0:POLES, notch or compressive:UV, with RADIUS in um, F0 in kHz, SHIFT in degrees "
       "per decade; may be repeated. Applied in this order, whatever the order here; a low pass "
       "follows a high pass"},

@@ -14,6 +14,7 @@
 #include "detection/lockout_detector.h"
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
+#include "operations/high_pass_offer.h"
 #include "session/template_window.h"
 #include "signal/thresholds.h"
 #include "sorting/channel_clusters.h"
@@ -289,6 +290,17 @@ bool run_merge_rounds(session_state& session) {
 
 // ---------------------------------------------------------------- ends
 
+// Why nothing has come out, for whoever sees an empty table in the morning.
+void tell_no_clusters(const session_state& session) {
+  if (session.clusters.n_clusters > 0) return;
+  const std::string text = fmt::format(
+      "No clusters: {} events were found, and no cluster of them has the smallest size of {} "
+      "events",
+      session.events.n_events, session.strategy.min_cluster_size);
+  log_message(session, text);
+  tell(session, text, "Autosort", box_icon::warning);
+}
+
 void leave_pair_stage(session_state& session) {
   session.autosort.autosort_pair_stage = false;
   // They were marks of the run; the review by the user starts without any.
@@ -323,6 +335,8 @@ bool end_finished(session_state& session, clock::time_point begin) {
          "You are at, or close to, the maximum number of clusters the program can support. "
          "Autosort did not complete.",
          "Warning!", box_icon::warning);
+  } else if (n == 0) {
+    tell_no_clusters(session);
   } else if (stable == n) {
     tell(session, "Finished Autosort!", "Done!", box_icon::information);
   } else {
@@ -374,6 +388,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
   say(session, count_of_clusters(session.clusters.n_clusters));
   remove_first_pass_duplicates(session);
   remove_small_clusters(session);
+  tell_no_clusters(session);
   // A single cluster has no pairs to look at.
   if (session.clusters.n_clusters < 2) return road::ended_well;
   if (autosort_interrupted(session)) {
@@ -399,6 +414,7 @@ bool run_pipeline(session_state& session) {
   set_progress(session, meter::merge_and_sort, 0, 150);
   const bool detect = !session.strategy.skip_event_detection;
   const bool cluster = !session.strategy.skip_clustering;
+  if (detect && !offer_high_pass(session)) return false;
   // What follows makes all clusters anew; with neither, the lists and comments still hold.
   if (detect || cluster) {
     clear_status_lists(session);

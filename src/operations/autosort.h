@@ -29,8 +29,9 @@ enum autosort_stop : std::int32_t {
 bool leave_autosort(session_state& session);
 
 // The whole pipeline with the settings in force. What it has to say it says
-// through the boundary. Returns false when it stopped at a guard, found no
-// events, or was interrupted.
+// through the boundary; it begins with the offer of high_pass_offer.h. Returns false when it
+// stopped at a guard, found no events, or was interrupted; a run without clusters tells why
+// and is a run like any other.
 bool autosort(session_state& session);
 
 }  // namespace kestrelvane

@@ -10,6 +10,7 @@
 #include "detection/lockout_detector.h"
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
+#include "operations/high_pass_offer.h"
 #include "signal/thresholds.h"
 
 namespace kestrelvane {
@@ -57,6 +58,7 @@ void clean_events(session_state& session) {
 }  // namespace
 
 bool run_detection(session_state& session) {
+  if (!offer_high_pass(session)) return false;
   const auto begin = std::chrono::steady_clock::now();
   session.operation.detection_interrupted = false;
   session.detector.repeated_with_lockout = false;

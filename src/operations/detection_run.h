@@ -12,7 +12,7 @@ namespace kestrelvane {
 
 // The whole run: words, detector, clean-up. Interrupted or cut short, the events
 // found so far stand and detection_incomplete is set. False when proto-event
-// storage could not be had.
+// storage could not be had, or the high pass that it offers first did not come to its end.
 bool run_detection(session_state& session);
 
 // What closing the dialog checks: a box when detection was incomplete, otherwise

@@ -117,6 +117,7 @@ struct recording_store {
   logical common_mean_removed = false;      // likewise
   logical temporal_smoothed = false;        // for information
   logical sample_hold_done = false;         // set by some readers
+  logical high_pass_offered = false;        // the user is asked once (operations/high_pass_offer.h)
 
   // --- event-based recordings
   logical is_continuous = true;        // vd holds unbroken time

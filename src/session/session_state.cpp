@@ -23,7 +23,7 @@ void reset_samples(recording_store& r) {
   r.duration_mins = 0.0f;
   std::fill(std::begin(r.record_date), std::end(r.record_date), 0);
   std::fill(std::begin(r.record_time), std::end(r.record_time), 0);
-  r.recording_filtered = false;
+  r.recording_filtered = r.high_pass_offered = false;
   r.means_zeroed = r.common_mean_removed = r.temporal_smoothed = r.sample_hold_done = false;
 }
 

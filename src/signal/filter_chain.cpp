@@ -277,7 +277,7 @@ void keep_first_entries(session_state& session, std::int32_t n) {
 
 }  // namespace
 
-bool run_filter_chain(session_state& session) {
+bool run_filter_steps(session_state& session) {
   begin_filtering(session);
   settle_settings(session);
   warn_of_sample_hold(session);
@@ -305,6 +305,11 @@ bool run_filter_chain(session_state& session) {
   }
   // A chain without a single step counts as filtering, too.
   session.recording.recording_filtered = true;
+  return true;
+}
+
+bool run_filter_chain(session_state& session) {
+  if (!run_filter_steps(session)) return false;
   tell(session, "Finished transforming", "Done!", box_icon::information);
   return true;
 }

@@ -16,6 +16,8 @@ namespace kestrelvane {
 // the options that have to be ticked afresh and says "Finished transforming". False when
 // a work buffer could not be had or the user stopped the chain.
 bool run_filter_chain(session_state& session);
+// The same without the last word, for an operation that goes on.
+bool run_filter_steps(session_state& session);
 
 // Runs filter_history over the samples, in list order. The settings take the values of
 // the entries. False as above, and when an entry could not be made sense of and was left
