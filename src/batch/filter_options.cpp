@@ -164,7 +164,7 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
     problem = parse_filter(text, filter);
     // A chain has each filter once.
     if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
-    filters.push_back(filter);
+    if (problem.empty()) filters.push_back(filter);
     if (problem.empty() && names(filters, auto_name) && names_butterworth(filters)) {
       problem = "auto is a high pass itself, beside which no other fits";
     }

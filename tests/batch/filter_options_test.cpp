@@ -2,10 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "batch/filter_options.h"
 #include "operations/open_recording.h"
+#include "recording/formats/tsf.h"
 #include "support/child_process.h"
 #include "support/small_session.h"
 
@@ -38,6 +40,9 @@ TEST(filter_option, is_refused_in_words_when_it_is_none) {
                                              {"lowpass:1e99:4"},
                                              {"phase:2:201"},
                                              {"compressive:-5"},
+                                             {"auto:0.5"},
+                                             {"highpass:0.3:4", "auto"},
+                                             {"auto", "notch", "lowpass:5:2"},
                                              {"notch", "means", "notch"},
                                              {"lowpass:3:4", "lowpass:3:4"}}) {
     std::vector<planned_filter> filters;
@@ -113,6 +118,43 @@ TEST_F(filter_command_test, convert_writes_the_filtered_recording) {
     const std::int16_t* b = converted->recording.vd.channel(c) + 1;
     EXPECT_TRUE(std::equal(a, a + raw->recording.n_samples, b)) << c;
   }
+}
+
+TEST_F(filter_command_test, an_unfiltered_recording_is_told_of_and_filtered_on_request) {
+  small_session broad;
+  ASSERT_TRUE(open_recording(*broad, tsf));
+  recording_store& r = broad->recording;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    for (std::int32_t t = 1; t <= r.n_samples; ++t) {
+      std::int16_t& v = r.vd.channel(c)[t];
+      v = static_cast<std::int16_t>(v + 4000 * std::sin(0.003 * t + c));
+    }
+  }
+  const std::string slow = directory.file("slow.tsf"), report = directory.file("r.json");
+  ASSERT_TRUE(write_tsf(*broad, slow));
+  const std::string words = "looks unfiltered: --filter auto high passes it first";
+  const auto n_filters = [&] {
+    const std::vector<char> bytes = read_bytes(report);
+    return nlohmann::json::parse(bytes.begin(), bytes.end())["filters"].size();
+  };
+  // No spike stands five times above such noise. Told also where questions are answered with
+  // yes: it is none.
+  process_result result = run({"detect", slow, "--quiet", "--answer", "yes"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("slow.tsf " + words));
+  EXPECT_THAT(result.err, HasSubstr("No events detected: use lower threshold"));
+
+  result = run({"detect", slow, "--filter", "auto", "--filter", "means", "--report", report});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, testing::Not(HasSubstr(words)));
+  EXPECT_THAT(result.err, HasSubstr("High-pass filtering done with f0=0.5 and 4 poles"));
+  EXPECT_EQ(n_filters(), 2u);
+
+  // Nothing to do for one that has been.
+  result = run({"detect", tsf, "--filter", "auto", "--report", report});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, testing::Not(HasSubstr("High-pass")));
+  EXPECT_EQ(n_filters(), 0u);
 }
 
 TEST_F(filter_command_test, a_saved_sort_repeats_its_filters_or_forgets_them) {
