@@ -77,8 +77,10 @@ std::string try_outputs(const std::vector<planned_output>& outputs) {
 
 bool outputs_are_there(const std::vector<planned_output>& outputs) {
   return !outputs.empty() &&
-         std::all_of(outputs.begin(), outputs.end(),
-                     [](const planned_output& output) { return file_exists(output.whole); });
+         std::all_of(outputs.begin(), outputs.end(), [](const planned_output& output) {
+           // A folder that is to be filled may have been there before.
+           return file_exists(output.whole) && !is_folder(output.whole);
+         });
 }
 
 }  // namespace kestrelvane
