@@ -58,10 +58,11 @@ void clean_events(session_state& session) {
 }  // namespace
 
 bool run_detection(session_state& session) {
-  if (!offer_high_pass(session)) return false;
   const auto begin = std::chrono::steady_clock::now();
   session.operation.detection_interrupted = false;
   session.detector.repeated_with_lockout = false;
+  // After the reset: an interrupt that comes while it filters is for what follows.
+  if (!offer_high_pass(session)) return false;
   report_settings(session);
   set_progress(session, meter::detection, 0, 1000);
   if (session.detection.use_lockout) {
