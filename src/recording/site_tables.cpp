@@ -6,6 +6,8 @@
 #include <numeric>
 #include <vector>
 
+#include "session/neighbour_list.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -13,7 +15,6 @@ namespace {
 constexpr float neighbour_factor = 1.2f;
 constexpr float sparse_distance = 100.0f;          // µm; sites this far apart have no neighbours
 constexpr float utah_neighbour_distance = 250.0f;  // µm
-constexpr std::int32_t utah_all_radius = 2500;     // µm
 constexpr std::int32_t level_pitch = 100'000;
 
 float* distance_row(recording_store& r, std::int32_t channel) {
@@ -63,24 +64,6 @@ void build_site_tables(session_state& session) {
   fill_neighbours(session.recording);
   build_neighbour_list(session);
   compute_site_bounds(session);
-}
-
-void build_neighbour_list(session_state& session) {
-  recording_store& r = session.recording;
-  const std::int32_t radius = session.detection.lockout_radius_um;
-  const bool utah = r.electrode_type == electrode_utah_array;
-  r.neighbour_list.clear();
-  // An array's sites are too far apart to see one spike twice.
-  if (utah && radius < utah_all_radius) return;
-  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    std::int32_t* list = r.lockout_neighbours(c);
-    for (std::int32_t b = 1; b <= r.n_channels; ++b) {
-      const float d = r.distance(c, b);
-      // A site at distance 0, the channel's own among them, is none; an array that takes all
-      // channels takes its own as well.
-      if (utah || (d <= static_cast<float>(radius) && d != 0.0f)) list[++list[0]] = b;
-    }
-  }
 }
 
 void compute_site_pitch(session_state& session) {

@@ -13,11 +13,6 @@ namespace kestrelvane {
 // Utah array); one whose nearest site is 100 µm away or more has none.
 void build_site_tables(session_state& session);
 
-// Fills neighbour_list for lockout_radius_um: channels within the radius, not at
-// distance 0, in channel order. On a Utah array all channels when the radius is
-// 2500 µm or more, otherwise none.
-void build_neighbour_list(session_state& session);
-
 // Sets site_pitch, 100000 when all rows are level, 0 with one channel.
 void compute_site_pitch(session_state& session);
 

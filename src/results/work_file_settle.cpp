@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "clustering/templates.h"
-#include "recording/site_tables.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
 #include "sorting/cluster_edits.h"
@@ -205,7 +204,6 @@ void settle_settings(session_state& session, const kept_settings& before) {
   apply_settings(session);
   session.templates.template_points = points;
   settle_window(session, before.window_start_ms, before.window_end_ms);
-  build_neighbour_list(session);
 }
 
 void prepare_for_work_file(session_state& session) {

@@ -157,7 +157,7 @@ struct recording_store {
   // --- distance tables, written by build_site_tables alone
   table<float> site_distance{std::int64_t{channel_limit} * channel_limit};  // µm, see distance()
   table<std::int32_t> site_neighbours{(std::int64_t{channel_limit} + 1) * channel_limit};
-  // Channels within lockout_radius_um, same form; build_neighbour_list alone.
+  // Channels within lockout_radius_um, same form; by build_neighbour_list alone.
   table<std::int32_t> neighbour_list{(std::int64_t{channel_limit} + 1) * channel_limit};
 
   // --- epochs, counted from 1

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "session/interpolation_tables.h"
+#include "session/neighbour_list.h"
 #include "session/run_log.h"
 #include "session/template_window.h"
 
@@ -113,7 +114,7 @@ constexpr setting_row rows[] = {
     SETTING(detection, variable_multiplier, 5, 0, 1000, "Variable threshold, times the noise"),
     SETTING(detection, pe_sigma_um, 80, 1, 100'000, "Proto-event sigma, µm"),
     SETTING(detection, pe_sigma_ms, 0.25, 0.001, 100, "Proto-event sigma, ms"),
-    SETTING(detection, lockout_radius_um, 150, 0, 100'000, "Lockout distance, µm"),
+    APPLIED(detection, lockout_radius_um, 150, 0, 100'000, "Lockout distance, µm", build_neighbour_list),
     SETTING(detection, lockout_ms, 0.5, 0, 5, "Lockout time, ms"),
     APPLIED(strategy, template_window_start_ms, -0.8, -1000, 1000, "Template window from, ms",
             compute_template_points),

@@ -8,6 +8,7 @@
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
 #include "operations/detection_run.h"
+#include "session/settings_table.h"
 #include "signal/noise.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
@@ -126,6 +127,14 @@ TEST(lockout, the_larger_of_two_close_spikes_and_masked_neighbours) {
   EXPECT_EQ(session->events.event_time[1], 512);
   EXPECT_EQ(session->events.event_channel[1], 2);
   EXPECT_EQ(session->events.event_detected_time[1], 512);
+  // With a radius below the 40 µm between the sites the larger one is out of earshot.
+  std::string problem;
+  ASSERT_TRUE(set_setting(*session, "lockout_radius_um", "20", problem));
+  detect_events_lockout(*session);
+  ASSERT_EQ(session->events.n_events, 2);
+  EXPECT_EQ(session->events.event_time[1], 502);
+  EXPECT_EQ(session->events.event_time[2], 512);
+  ASSERT_TRUE(set_setting(*session, "lockout_radius_um", "150", problem));
   session->recording.chan_mask[2] = true;
   detect_events_lockout(*session);
   ASSERT_EQ(session->events.n_events, 1);

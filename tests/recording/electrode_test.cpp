@@ -7,6 +7,7 @@
 #include "recording/channel_masks.h"
 #include "recording/electrode_config.h"
 #include "recording/site_tables.h"
+#include "session/settings_table.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -55,9 +56,12 @@ TEST(site_tables, distances_and_neighbours) {
   EXPECT_EQ(r.site_y_min, 0);
   // The default radius of 150 µm.
   EXPECT_THAT(list_of(r.lockout_neighbours(1)), ElementsAre(2, 3, 4, 5));
-  session->detection.lockout_radius_um = 50;
-  build_neighbour_list(*session);
+  // Whoever sets the radius changes the list.
+  std::string problem;
+  EXPECT_TRUE(set_setting(*session, "lockout_radius_um", "50", problem));
   EXPECT_THAT(list_of(r.lockout_neighbours(1)), ElementsAre(2, 3));
+  set_default_parameters(*session);
+  EXPECT_THAT(list_of(r.lockout_neighbours(1)), ElementsAre(2, 3, 4, 5));
 }
 
 TEST(site_tables, odd_layouts) {
@@ -95,8 +99,7 @@ TEST(site_tables, utah_arrays_have_rules_of_their_own) {
   place(*session, {{0, 0}, {50, 0}, {240, 0}, {400, 0}});
   EXPECT_THAT(list_of(r.neighbours(1)), ElementsAre(2, 3));
   EXPECT_THAT(list_of(r.lockout_neighbours(1)), IsEmpty());
-  session->detection.lockout_radius_um = 2500;
-  build_neighbour_list(*session);
+  store_setting(*session, *find_setting("lockout_radius_um"), 0, 2500);
   EXPECT_THAT(list_of(r.lockout_neighbours(1)), ElementsAre(1, 2, 3, 4));
 }
 
