@@ -51,7 +51,8 @@ void autoscale_voltage_display(session_state& session) {
 }
 
 void find_start_of_signal(session_state& session) {
-  constexpr std::int32_t apart = 500;
+  // What is flat before the amplifier is switched on still holds one value here.
+  constexpr std::int32_t reference = 500;
   const recording_store& r = session.recording;
   session.view.vd_first_sample = 1;
   if (r.n_samples < 1506) return;
@@ -59,9 +60,9 @@ void find_start_of_signal(session_state& session) {
   const std::int32_t middle = r.n_channels == 3 ? 2 : std::max(r.n_channels / 2, 1);
   const std::int16_t* channels[] = {r.vd.channel(1), r.vd.channel(middle),
                                     r.vd.channel(r.n_channels)};
-  for (std::int32_t k = apart + 5; k < r.n_samples - 1000; k += 100) {
+  for (std::int32_t k = reference + 5; k < r.n_samples - 1000; k += 100) {
     for (const std::int16_t* v : channels) {
-      if (v[k] == v[k - apart]) continue;
+      if (v[k] == v[reference]) continue;
       session.view.vd_first_sample = k;
       return;
     }

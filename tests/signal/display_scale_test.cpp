@@ -78,6 +78,22 @@ TEST(display_scale, view_begins_behind_a_flat_start) {
   }
 }
 
+// A period of 100 looks the same at every distance that the steps have: only the value of
+// sample 500 itself tells where it begins.
+TEST(display_scale, signal_is_what_differs_from_sample_500) {
+  small_session session;
+  make_recording(*session, 1, 5000);
+  std::int16_t* v = session->recording.vd.channel(1);
+  for (int t = 1; t <= 600; ++t) v[t] = 7;  // then back to 0, which 500 samples later is 0 still
+  for (int t = 1000; t <= 5000; ++t) v[t] = 7;
+  find_start_of_signal(*session);
+  EXPECT_EQ(session->view.vd_first_sample, 605);
+  for (int t = 1; t <= 2000; ++t) v[t] = 7;
+  v[105] = v[205] = 3;  // a spike before the reference is not the signal
+  find_start_of_signal(*session);
+  EXPECT_EQ(session->view.vd_first_sample, 1);
+}
+
 TEST(display_scale, rows_keep_their_place_when_the_spacing_changes) {
   small_session session;
   make_recording(*session, 32, 4000);
