@@ -143,6 +143,17 @@ void tick(session_state& session, const planned_filter& planned) {
   planned.filter->tick(session.filter);
 }
 
+// Of both chains before the first of them runs.
+bool corners_are_possible(session_state& session, std::span<const planned_filter> filters) {
+  for (const planned_filter& planned : filters) {
+    tick(session, planned);
+    const bool possible = !session.filter.do_high_pass || corner_is_possible(session);
+    clear_options(session.filter);
+    if (!possible) return false;
+  }
+  return true;
+}
+
 template <typename Wanted>
 bool run_chain(session_state& session, std::span<const planned_filter> filters, Wanted&& wanted) {
   clear_options(session.filter);
@@ -183,6 +194,8 @@ bool drop_automatic_filter(const session_state& session, std::vector<planned_fil
 }
 
 bool run_planned_filters(session_state& session, std::span<const planned_filter> filters) {
+  clear_options(session.filter);
+  if (!corners_are_possible(session, filters)) return false;
   if (!names(filters, "highpass") || !names(filters, "lowpass")) {
     // A chain has room for one of the two, and one is enough here.
     return run_chain(session, filters, [](const filter_word&) { return true; });

@@ -277,9 +277,25 @@ void keep_first_entries(session_state& session, std::int32_t n) {
 
 }  // namespace
 
+bool corner_is_possible(const session_state& session) {
+  const std::int32_t rate = session.recording.sampling_frequency;
+  const float f0_khz = session.filter.bw_f0_khz;
+  // Without samples every step runs through with no effect.
+  if (session.recording.n_samples == 0 || 2000.0 * f0_khz < rate) return true;
+  tell(session,
+       fmt::format("A corner of {} kHz is not possible: with {} Hz it must be below {} kHz, half "
+                   "the sampling frequency",
+                   f0_khz, rate, rate / 2000.0),
+       "Transform voltage waveform", box_icon::warning);
+  return false;
+}
+
 bool run_filter_steps(session_state& session) {
   begin_filtering(session);
   settle_settings(session);
+  const filter_settings& wanted = session.filter;
+  // Before the first step: all or nothing of what was asked for.
+  if (wanted.do_high_pass && !wanted.do_one_over_f && !corner_is_possible(session)) return false;
   warn_of_sample_hold(session);
   // Decided before the first of them runs, for that one changes what is asked.
   const std::vector<const filter_operation*> steps = wanted_steps(session);

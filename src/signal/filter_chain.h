@@ -11,10 +11,15 @@
 
 namespace kestrelvane {
 
+// Whether bw_f0_khz is below half the sampling frequency: a high pass at or above it would
+// leave nothing of the samples. Says so otherwise.
+bool corner_is_possible(const session_state& session);
+
 // The steps ticked in session.filter: means, common mean, spatial smooth, temporal
 // smooth, phase correction, Butterworth (or 1/f), notch, compressive transform. Clears
 // the options that have to be ticked afresh and says "Finished transforming". False when
-// a work buffer could not be had or the user stopped the chain.
+// a work buffer could not be had or the user stopped the chain, and, with nothing changed, for
+// a corner that is not possible.
 bool run_filter_chain(session_state& session);
 // The same without the last word, for an operation that goes on.
 bool run_filter_steps(session_state& session);

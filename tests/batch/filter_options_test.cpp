@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "batch/filter_options.h"
+#include "files/input_file.h"
 #include "operations/open_recording.h"
 #include "recording/formats/tsf.h"
 #include "support/child_process.h"
@@ -187,6 +188,24 @@ TEST_F(filter_command_test, a_saved_sort_repeats_its_filters_or_forgets_them) {
   EXPECT_THAT(result.err, HasSubstr("Finished filtering!"));
   EXPECT_EQ(told()["filters"].size(), 2u);
   EXPECT_EQ(told()["filters"][1]["code"], 4);
+}
+
+TEST_F(filter_command_test, a_corner_that_is_too_high_stops_both_chains_before_they_begin) {
+  small_session raw;
+  ASSERT_TRUE(open_recording(*raw, tsf));
+  const std::int16_t* v = raw->recording.vd.channel(1) + 1;
+  const std::vector<std::int16_t> before(v, v + raw->recording.n_samples);
+  std::vector<planned_filter> filters;
+  std::string problem;
+  ASSERT_TRUE(parse_filters({"means", "highpass:0.5:4", "lowpass:50:4"}, filters, problem));
+  EXPECT_FALSE(run_planned_filters(*raw, filters));
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), v));
+
+  const std::string out = directory.file("none.tsf");
+  const process_result result = run({"convert", tsf, out, "--filter", "highpass:50:4"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("A corner of 50 kHz is not possible"));
+  EXPECT_FALSE(file_exists(out));
 }
 
 TEST_F(filter_command_test, bad_words_are_refused_before_anything_is_opened) {

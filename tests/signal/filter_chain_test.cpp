@@ -257,6 +257,31 @@ TEST_F(filter_chain_test, entries_without_sense_are_left_out_in_words) {
   EXPECT_EQ(s->filter.compressive_75pct_uv, 150);
 }
 
+TEST_F(filter_chain_test, a_corner_at_half_the_sampling_frequency_is_refused) {
+  const auto before = all_samples();
+  for (const bool low_pass : {false, true}) {
+    for (const float f0_khz : {12.5f, 50.0f}) {
+      tick_all();
+      s->filter.make_low_pass = low_pass;
+      s->filter.bw_f0_khz = f0_khz;
+      EXPECT_FALSE(run_filter_chain(*s));
+      EXPECT_TRUE(all_samples() == before);
+      EXPECT_TRUE(codes().empty());
+      EXPECT_TRUE(s->filter.do_channel_means && s->filter.do_high_pass);  // as they were ticked
+      EXPECT_FALSE(s->recording.recording_filtered);
+    }
+  }
+  EXPECT_TRUE(
+      s.user.told("A corner of 50 kHz is not possible: with 25000 Hz it must be below "
+                  "12.5 kHz, half the sampling frequency"));
+  // The corner of a filter that is not asked for is nobody's concern.
+  s->filter.do_high_pass = false;
+  EXPECT_TRUE(run_filter_chain(*s));
+  s->filter.do_high_pass = true;
+  s->filter.bw_f0_khz = 12.4f;
+  EXPECT_TRUE(run_filter_chain(*s));
+}
+
 TEST_F(filter_chain_test, an_empty_recording_runs_through) {
   reset_session(*s);
   tick_all();
