@@ -200,6 +200,31 @@ TEST_F(tsf_test, threads_read_the_same_samples) {
   }
 }
 
+// A channel of several pieces, and a user who stops the read between them.
+TEST_F(tsf_test, an_interrupted_read_leaves_an_empty_session) {
+  tsf_fixture f;
+  f.n_channels = 2;
+  f.n_samples = 2 * (1 << 21) + 3;
+  const std::vector<char> bytes = tsf_bytes(f);
+  for (const std::int32_t threads : {1, 3}) {
+    set_thread_count(*session, threads);
+    session->preferences.multi_threaded = threads > 1;
+    session->operation.interrupt_at_poll = -1;
+    ASSERT_TRUE(open(bytes));
+    expect_fixture_samples(f);
+    // A thread has two of the six pieces or more.
+    for (const std::int64_t poll : {1, 2}) {
+      session->operation.polls = 0;
+      session->operation.interrupt_at_poll = poll;
+      EXPECT_FALSE(open(bytes));
+      EXPECT_TRUE(session.user.logged("Reading interrupted"));
+      EXPECT_FALSE(session.user.logged("reading rate"));  // not at the end, but on the way
+      EXPECT_EQ(told(), boxes{});
+      expect_empty();
+    }
+  }
+}
+
 TEST_F(tsf_test, what_is_written_reads_back_and_is_written_again_the_same) {
   tsf_fixture f;
   f.order = {3, 1, 2};

@@ -186,34 +186,54 @@ bool allocate_samples(session_state& session, const tsf_layout& layout) {
   return allocate_templates(session);
 }
 
-// Straight into vd, channels shared out over the threads.
-bool read_samples(session_state& session, const input_file& file, const tsf_layout& layout) {
+// One piece of a channel on its way into vd.
+constexpr std::int64_t piece_samples = 1 << 21;
+
+bool read_piece(recording_store& r, const input_file& file, const tsf_layout& layout,
+                std::int64_t channel, std::int64_t piece) {
+  const std::int64_t first = piece * piece_samples;
+  const std::int64_t n = std::min(piece_samples, r.n_samples - first);
+  return read_at(file, layout.samples_at + (channel - 1) * layout.channel_bytes + 2 * first,
+                 r.vd.channel(static_cast<std::int32_t>(channel)) + 1 + first, 2 * n);
+}
+
+// Straight into vd, pieces shared out over the threads: a channel of hours would keep the user
+// who wants to stop it waiting. False when the file is short or the user stops it.
+bool read_pieces(session_state& session, const input_file& file, const tsf_layout& layout) {
   recording_store& r = session.recording;
-  const std::int64_t bytes = 2 * std::int64_t{r.n_samples};
-  std::atomic<std::int32_t> n_read{0};
+  const std::int64_t n_pieces = (r.n_samples - 1) / piece_samples + 1;
+  const std::int64_t n_items = n_pieces * r.n_channels;
+  std::atomic<std::int64_t> n_read{0};
   std::atomic<bool> short_file{false};
+  const std::atomic<bool>& interrupted = session.operation.reading_interrupted;
   expect_sequential_reading(file);
-  const auto start = std::chrono::steady_clock::now();
-  parallel_for_dealt(threads_now(session), 1, r.n_channels, [&](std::int64_t c, std::int32_t rank) {
-    // One short channel ends the read of all.
-    if (short_file) return;
-    const auto channel = static_cast<std::int32_t>(c);
-    const std::int64_t from = layout.samples_at + (c - 1) * layout.channel_bytes;
-    if (!read_at(file, from, r.vd.channel(channel) + 1, bytes)) {
+  parallel_for_dealt(threads_now(session), 0, n_items - 1, [&](std::int64_t i, std::int32_t rank) {
+    // One short piece ends the read of all.
+    if (short_file || interrupted) return;
+    if (!read_piece(r, file, layout, i / n_pieces + 1, i % n_pieces)) {
       short_file = true;
       return;
     }
-    const std::int32_t done = ++n_read;
-    // The bar belongs to the thread that runs the operation.
-    if (rank == 0) set_progress(session, meter::reading, 100 * done / r.n_channels, 115);
+    const std::int64_t done = ++n_read;
+    if (rank != 0) return;
+    // The bar and the polls belong to the thread that runs the operation.
+    set_progress(session, meter::reading, static_cast<std::int32_t>(100 * done / n_items), 115);
+    reading_interrupted(session);
   });
-  if (short_file) return fail_early_end(session);
+  return short_file ? fail_early_end(session) : !interrupted;
+}
+
+bool read_samples(session_state& session, const input_file& file, const tsf_layout& layout) {
+  const recording_store& r = session.recording;
+  const auto start = std::chrono::steady_clock::now();
+  if (!read_pieces(session, file, layout)) return false;
   set_progress(session, meter::reading, 100, 115);
   if (layout.format == tsf_current_format) {
     const std::chrono::duration<double, std::milli> elapsed =
         std::chrono::steady_clock::now() - start;
-    const double rate = static_cast<double>(bytes) * r.n_channels / (elapsed.count() * 1000.0);
-    log_message(session, fmt::format("reading rate = {:.0f} MBytes/s", rate));
+    const double bytes = 2.0 * r.n_samples * r.n_channels;
+    log_message(session,
+                fmt::format("reading rate = {:.0f} MBytes/s", bytes / (elapsed.count() * 1000.0)));
   }
   return true;
 }
