@@ -76,7 +76,28 @@ TEST_F(neuralynx_test, ncs_channels_share_a_file_and_pauses_close_up) {
   EXPECT_EQ(c[513], 3000);
   EXPECT_EQ(c[613], 4000);
   EXPECT_TRUE(session.user.logged("allocating 11636 3"));
+  // From 16 ms on, when the record ends; the next stamp is within rounding of the 100 samples.
+  EXPECT_TRUE(session.user.logged("Pause of 0.984 s after 0.016 s on channel 3"));
+  EXPECT_TRUE(session.user.logged("Warning: a pause, 0.984 s in all"));
   EXPECT_EQ(check_session(*session), "");
+}
+
+TEST_F(neuralynx_test, ncs_pauses_are_told_one_by_one) {
+  // A second, a record that begins 0.9 ms late, a clock that goes back, and half a minute.
+  ASSERT_TRUE(open_ncs({{0, 7, 0},
+                        {1'016'000, 7, 1},
+                        {1'032'900, 7, 2},
+                        {1'000'000, 7, 3, 256},
+                        {31'008'000, 7, 4}}));
+  EXPECT_TRUE(session.user.logged("Pause of 1 s after 0.016 s on channel 1"));
+  EXPECT_TRUE(session.user.logged("Pause of 30 s after 0.056 s on channel 1"));
+  EXPECT_FALSE(session.user.logged("after 0.032 s"));
+  EXPECT_FALSE(session.user.logged("after 0.048 s"));
+  EXPECT_TRUE(session.user.logged(
+      "Warning: 2 pauses, 31 s in all, closed up: later times are early by as much"));
+
+  ASSERT_TRUE(open_ncs({{0, 7, 0}, {16'000, 7, 1}}));
+  EXPECT_FALSE(session.user.logged("ause"));
 }
 
 TEST_F(neuralynx_test, ncs_length_is_that_of_the_time_span_where_it_is_shorter) {
@@ -366,6 +387,8 @@ TEST_F(neuralynx_test, real_continuous_files) {
     while (last > 0 && v[last] == 0) --last;
     // A few of the last samples may be zero of their own.
     EXPECT_NEAR(last, f.valid_samples, 3) << path;
+    EXPECT_EQ(session.user.logged("ause of 203.835 s after 39.968 s"),
+              path.find("Tet3a") != std::string::npos);
     EXPECT_EQ(check_session(*session), "");
   }
   if (n_found == 0) GTEST_SKIP();

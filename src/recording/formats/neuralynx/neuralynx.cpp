@@ -9,6 +9,7 @@
 #include <cstring>
 #include <limits>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "files/byte_cursor.h"
@@ -17,6 +18,7 @@
 #include "numerics/parallel.h"
 #include "recording/event_records.h"
 #include "recording/header_checks.h"
+#include "recording/repeated_line.h"
 #include "recording/site_layouts.h"
 #include "recording/storage.h"
 
@@ -404,6 +406,52 @@ bool read_ncs_records(session_state& session, const input_file& file, ncs_survey
   return outcome == one_pass::done;
 }
 
+// Time between the end of a record and the stamp of the channel's next, s; 0 for what rounding
+// of stamps and of the records' whole-number rate can make up. A clock that goes back is none.
+double pause_between(const ncs_survey& survey, std::size_t earlier, std::size_t later,
+                     std::int32_t frequency) {
+  if (survey.times[later] <= survey.times[earlier]) return 0.0;
+  const double apart = static_cast<double>(survey.times[later] - survey.times[earlier]) / 1e6;
+  const double pause = apart - static_cast<double>(survey.records[earlier].n_valid) / frequency;
+  return pause > std::max(0.001, 1.5 / frequency) ? pause : 0.0;
+}
+
+// Samples stand end to end, so that a pause makes all later times early: the user must know
+// of each. All channels pause together; the one with the longest speaks for them.
+void report_pauses(const session_state& session, const ncs_survey& survey) {
+  const recording_store& r = session.recording;
+  struct channel_pauses {
+    std::int64_t last = -1;  // record
+    double seconds = 0.0;
+    repeated_line lines{.most = 100};
+  };
+  std::vector<channel_pauses> channels(static_cast<std::size_t>(r.n_channels) + 1);
+  for (std::size_t i = 0; i < survey.records.size(); ++i) {
+    const ncs_place& place = survey.records[i];
+    channel_pauses& of = channels[place.channel];
+    const std::int64_t last = std::exchange(of.last, static_cast<std::int64_t>(i));
+    const double pause =
+        last < 0 ? 0.0
+                 : pause_between(survey, static_cast<std::size_t>(last), i, r.sampling_frequency);
+    if (pause == 0.0) continue;
+    of.seconds += pause;
+    if (!is_worth_a_line(of.lines)) continue;
+    log_message(session, fmt::format("Pause of {:.6g} s after {:.6g} s on channel {}", pause,
+                                     static_cast<double>(place.after) / r.sampling_frequency,
+                                     place.channel));
+  }
+  for (const channel_pauses& of : channels) log_rest(session, of.lines, "pauses");
+  const auto most = std::max_element(
+      channels.begin(), channels.end(),
+      [](const channel_pauses& a, const channel_pauses& b) { return a.seconds < b.seconds; });
+  if (most->lines.n == 0) return;
+  log_message(
+      session,
+      fmt::format("Warning: {}, {:.6g} s in all, closed up: later times are early by as much",
+                  most->lines.n == 1 ? "a pause" : fmt::format("{} pauses", most->lines.n),
+                  most->seconds));
+}
+
 // --- .ntt
 
 constexpr std::int64_t ntt_block_records = 4096;
@@ -537,6 +585,7 @@ bool read_ncs(session_state& session, const recording_request& request) {
   report_remainder(session, file, ncs_record_bytes);
   ncs_survey survey;
   if (!read_ncs_records(session, file, survey)) return false;
+  report_pauses(session, survey);
   r.is_continuous = true;
   r.first_timestamp = static_cast<std::int64_t>(survey.first_us);
   if (r.n_channels > 1) set_tetrode_map(session);

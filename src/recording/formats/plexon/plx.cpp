@@ -11,6 +11,7 @@
 #include "recording/formats/plexon/plx_reading.h"
 #include "recording/header_checks.h"
 #include "recording/record_start.h"
+#include "recording/repeated_line.h"
 #include "recording/site_layouts.h"
 #include "recording/storage.h"
 

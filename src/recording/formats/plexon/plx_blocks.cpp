@@ -1,13 +1,10 @@
 #include "recording/formats/plexon/plx_blocks.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 #include <limits>
 
 #include "recording/event_records.h"
-#include "session/run_log.h"
 
 namespace kestrelvane {
 
@@ -17,7 +14,6 @@ constexpr std::int64_t stretch_bytes = 1 << 22;
 constexpr std::int64_t block_header_bytes = sizeof(plx_block_header);
 constexpr std::int32_t most_tetrodes = 16;
 constexpr std::int32_t blocks_of_a_record = 4;  // one for each channel of a tetrode
-constexpr std::int64_t most_lines = 10;
 
 // Sees to it that the buffer holds count bytes from offset on, or all that the file has.
 // Returns the number of these; read says whether the file was read for it.
@@ -113,13 +109,6 @@ bool next_is_buffered(const plx_block_stream& in) {
   plx_block_header h;
   std::memcpy(&h, in.buffer.data() + (in.next - in.buffer_at), sizeof h);
   return block_header_bytes + 2 * std::int64_t{not_negative(h.n_words)} <= left;
-}
-
-bool is_worth_a_line(repeated_line& counter) { return ++counter.n <= most_lines; }
-
-void log_rest(const session_state& session, const repeated_line& counter, const char* what) {
-  if (counter.n <= most_lines) return;
-  log_message(session, fmt::format("and {} more {}", counter.n - most_lines, what));
 }
 
 plx_record_counter begin_records(const session_state& session) {

@@ -52,15 +52,6 @@ bool next_block(plx_block_stream& in, plx_block& block);
 // True when the next block is there without another read from the file.
 bool next_is_buffered(const plx_block_stream& in);
 
-// What a file may give cause to say a million times: the first few are logged, then their
-// number.
-struct repeated_line {
-  std::int64_t n = 0;
-};
-// Counts one; true when it is to be logged.
-bool is_worth_a_line(repeated_line& counter);
-void log_rest(const session_state& session, const repeated_line& counter, const char* what);
-
 // Of a continuous file: spikes of higher channels are not read.
 constexpr std::int32_t highest_plx_spike_channel = 256;
 

@@ -7,6 +7,7 @@
 #include "recording/event_records.h"
 #include "recording/formats/plexon/plx_reading.h"
 #include "recording/header_checks.h"
+#include "recording/repeated_line.h"
 #include "session/run_log.h"
 
 namespace kestrelvane {

@@ -8,6 +8,7 @@
 
 #include "files/safe_file.h"
 #include "recording/formats/plexon/plx.h"
+#include "recording/repeated_line.h"
 #include "session/run_log.h"
 #include "session/template_window.h"
 
