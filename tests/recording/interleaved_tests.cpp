@@ -260,9 +260,53 @@ TEST_F(interleaved_test, positions_come_from_the_maps_of_the_meta_file_without_a
   EXPECT_EQ(recording().chan_x[3], 11);
   EXPECT_EQ(recording().chan_y[4], 100);
 
+  // The same map where rows are read from the list of the probe's parts. A map may have been
+  // written as if the eight columns of a dense probe were two: sites 0, 1, 2 and 11.
+  struct known_part {
+    std::string keys;
+    std::vector<std::int32_t> x, y;
+    std::string by;
+  };
+  const std::string map = "~snsShankMap=(1,2,480)(0:0:0:1)(0:1:0:1)(0:0:1:1)(0:1:5:1)\r\n";
+  for (const known_part& part : {
+           known_part{"imDatPrb_pn=NP1100\r\nimDatPrb_type=0\r\n",
+                      {14, 20, 26, 32},
+                      {0, 0, 0, 6},
+                      "~snsShankMap, by part number NP1100"},
+           known_part{"imDatPrb_pn=NP1015\r\nimDatPrb_type=0\r\n",
+                      {27, 59, 27, 59},
+                      {0, 0, 20, 100},
+                      "by part number NP1015"},
+           known_part{"imDatPrb_pn=NP1032\r\nimDatPrb_type=1030\r\n",
+                      {11, 114, 11, 114},
+                      {0, 0, 20, 100},
+                      "by part number NP1032"},
+           known_part{"imDatPrb_pn=NP2010\r\nimDatPrb_type=24\r\n",
+                      {27, 59, 27, 59},
+                      {0, 0, 15, 75},
+                      "by part number NP2010"},
+           known_part{"imDatPrb_pn=NP9\r\nimDatPrb_type=0\r\n",
+                      {27, 59, 11, 43},
+                      {0, 0, 20, 100},
+                      "by probe type 0, part number NP9 being unknown"},
+           known_part{"imDatPrb_type=1100\r\n",
+                      {14, 20, 26, 32},
+                      {0, 0, 0, 6},
+                      "by probe type 1100, without a part number"},
+       }) {
+    f.further = part.keys + map;
+    ASSERT_TRUE(open(write_spikeglx(folder.path, f))) << part.keys;
+    for (std::size_t i = 0; i < part.x.size(); ++i) {
+      EXPECT_EQ(recording().chan_x[i + 1], part.x[i]) << part.keys;
+      EXPECT_EQ(recording().chan_y[i + 1], part.y[i]) << part.keys;
+    }
+    EXPECT_TRUE(session.user.logged(part.by)) << part.keys;
+  }
+
   f.further = "imDatPrb_type=4711\r\n~snsShankMap=(1,2,480)(0:0:0:1)(0:1:0:1)(0:0:1:1)\r\n";
   EXPECT_FALSE(open(write_spikeglx(folder.path, f)));
   EXPECT_TRUE(session.user.logged("Error reading Site geometry file"));
+  EXPECT_TRUE(session.user.logged("No positions from ~snsShankMap, by probe type 4711"));
 }
 
 TEST_F(interleaved_test, real_probe_recordings) {

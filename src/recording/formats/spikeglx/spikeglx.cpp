@@ -35,7 +35,10 @@ bool place_sites_of_meta(session_state& session, const spikeglx_meta& meta, std:
   std::string origin;
   const std::vector<probe_site> sites = list_probe_sites(meta, origin);
   n_sites = static_cast<std::int32_t>(std::min<std::size_t>(sites.size(), channel_limit));
-  if (n_sites == 0) return false;
+  if (n_sites == 0) {
+    if (!meta.shank_map.empty()) log_message(session, "No positions from " + origin);
+    return false;
+  }
   // Far up a long shank positions would leave their range: they count from the lowest site.
   double lowest = 0, highest = 0;
   for (const probe_site& site : sites) highest = std::max(highest, site.y);
@@ -50,9 +53,10 @@ bool place_sites_of_meta(session_state& session, const spikeglx_meta& meta, std:
     r.chan_x[c] = to_position(site.x);
     r.chan_y[c] = to_position(site.y - lowest);
   }
-  log_message(session, fmt::format("No geometry.txt: positions of {} sites taken from {} of the "
-                                   ".meta file",
-                                   n_sites, origin));
+  log_message(session, fmt::format("No geometry.txt: positions of {} sites are those of the .meta "
+                                   "file",
+                                   n_sites));
+  log_message(session, "Positions from " + origin);
   return true;
 }
 

@@ -98,6 +98,7 @@ void take_key(spikeglx_meta& meta, std::string_view key, std::string_view value)
   if (key == "imSampRate") meta.sampling_frequency = number_or(value, 0);
   if (key == "imAiRangeMax") meta.range_max = number_or(value, 0);
   if (key == "imMaxInt") meta.largest_value = whole_or(value, 0);
+  if (key == "imDatPrb_pn") meta.part_number = value;
   if (key == "imDatPrb_type") meta.probe_type = whole_or(value, -1);
   if (key == "snsSaveChanSubset") meta.first_channel = whole_or(value, 0);
   if (key == "imChan0apGain") meta.first_ap_gain = number_or(value, 0);
@@ -109,25 +110,78 @@ void take_key(spikeglx_meta& meta, std::string_view key, std::string_view value)
 
 // --- what is known of the probes
 
-// Columns from the left edge of the shank for even and odd rows, µm.
+// Where the sites of a shank lie, counted row by row from the lowest, µm.
+struct site_layout {
+  std::int32_t columns;
+  double even, odd;  // first column of even and odd rows, from the left edge of the shank
+  double column_pitch, row_pitch, shank_pitch;
+};
+
+constexpr site_layout staggered_70{2, 27, 11, 32, 20, 0};
+constexpr site_layout linear_70{2, 27, 27, 32, 20, 0};
+constexpr site_layout staggered_125{2, 27, 11, 87, 20, 0};
+constexpr site_layout linear_125{2, 11, 11, 103, 20, 0};
+constexpr site_layout dense_70{8, 14, 14, 6, 6, 0};
+constexpr site_layout two_70{2, 27, 27, 32, 15, 250};
+
+struct probe_part {
+  std::string_view number;
+  const site_layout& layout;
+};
+
+// Probes of different layouts share a type; the part number tells them apart.
+constexpr probe_part parts[] = {
+    {"PRB_1_4_0480_1", staggered_70},
+    {"PRB_1_4_0480_1_C", staggered_70},
+    {"PRB_1_2_0480_2", staggered_70},
+    {"NP1010", staggered_70},
+    {"NP1011", staggered_70},
+    {"NP1012", staggered_70},
+    {"NP1013", staggered_70},
+    {"NP1015", linear_70},
+    {"NP1016", linear_70},
+    {"NP1017", linear_70},
+    {"NP1020", staggered_125},
+    {"NP1021", staggered_125},
+    {"NP1022", linear_125},
+    {"NP1030", staggered_125},
+    {"NP1031", staggered_125},
+    {"NP1032", linear_125},
+    {"NP1033", linear_125},
+    {"NP1100", dense_70},
+    {"PRB2_1_2_0640_0", two_70},
+    {"PRB2_4_2_0640_0", two_70},
+    {"NP2000", two_70},
+    {"NP2003", two_70},
+    {"NP2004", two_70},
+    {"NP2010", two_70},
+    {"NP2013", two_70},
+    {"NP2014", two_70},
+    {"NP2020", two_70},
+    {"NP2021", two_70},
+};
+
+// What the type alone tells.
 struct probe_kind {
   std::span<const std::int32_t> types;
   std::int32_t largest_value;  // of the converter
   double fixed_gain;           // 0: per channel, in the readout table
-  double even[2], odd[2];      // 0, 0: the sites are not known
-  double row_pitch, shank_pitch;
+  const site_layout* layout;   // null: the sites are not known
 };
 
-constexpr std::int32_t one_types[] = {0, 1015, 1016, 1020, 1021};
-constexpr std::int32_t one_linear_types[] = {1022, 1030, 1031, 1032, 1033, 1100,
-                                             1120, 1121, 1122, 1123, 1200, 1300};
+constexpr std::int32_t one_types[] = {0};
+constexpr std::int32_t one_linear_types[] = {1015, 1016};
+constexpr std::int32_t one_wide_types[] = {1020, 1021};
+constexpr std::int32_t one_dense_types[] = {1100};
+constexpr std::int32_t one_other_types[] = {1022, 1030, 1031, 1032, 1033, 1120,
+                                            1121, 1122, 1123, 1200, 1300};
 constexpr std::int32_t two_first_types[] = {21, 24};
 constexpr std::int32_t two_types[] = {2003, 2004, 2005, 2006, 2013, 2014, 2020, 2021};
 constexpr probe_kind kinds[] = {
-    {one_types, 512, 0, {27, 59}, {11, 43}, 20, 250},
-    {one_linear_types, 512, 0, {0, 0}, {0, 0}, 0, 0},
-    {two_first_types, 8192, 80, {27, 59}, {27, 59}, 15, 250},
-    {two_types, 2048, 100, {27, 59}, {27, 59}, 15, 250},
+    {one_types, 512, 0, &staggered_70},       {one_linear_types, 512, 0, &linear_70},
+    {one_wide_types, 512, 0, &staggered_125}, {one_dense_types, 512, 0, &dense_70},
+    {one_other_types, 512, 0, nullptr},       {two_first_types, 8192, 80, &two_70},
+    {two_types, 2048, 100, &two_70},
 };
 
 // Phase 3A names no type; its readout table begins with three numbers.
@@ -135,17 +189,37 @@ bool is_phase_3a(const spikeglx_meta& meta) {
   return meta.probe_type < 0 && !meta.readout.empty() && meta.readout[0].size() == 3;
 }
 
-const probe_kind* find_kind(const spikeglx_meta& meta) {
-  std::int32_t type = meta.probe_type;
-  if (is_phase_3a(meta)) type = 0;
-  if (type < 0 && !meta.readout.empty() && meta.readout[0].size() == 2) {
+std::int32_t type_of(const spikeglx_meta& meta) {
+  if (is_phase_3a(meta)) return 0;
+  if (meta.probe_type < 0 && !meta.readout.empty() && meta.readout[0].size() == 2) {
     // Without a key of its own the type may stand at the head of the table.
-    type = whole_at(meta.readout[0], 0);
+    return whole_at(meta.readout[0], 0);
   }
+  return meta.probe_type;
+}
+
+const probe_kind* find_kind(const spikeglx_meta& meta) {
+  const std::int32_t type = type_of(meta);
   for (const probe_kind& kind : kinds) {
     if (std::find(kind.types.begin(), kind.types.end(), type) != kind.types.end()) return &kind;
   }
   return nullptr;
+}
+
+// The layout by the part number, or by the type where that is none of the table; by tells
+// which. Null when neither tells.
+const site_layout* find_layout(const spikeglx_meta& meta, std::string& by) {
+  for (const probe_part& part : parts) {
+    if (part.number != meta.part_number) continue;
+    by = "part number " + meta.part_number;
+    return &part.layout;
+  }
+  by = is_phase_3a(meta) ? "the readout table of phase 3A"
+                         : "probe type " + std::to_string(type_of(meta));
+  by += meta.part_number.empty() ? ", without a part number"
+                                 : ", part number " + meta.part_number + " being unknown";
+  const probe_kind* kind = find_kind(meta);
+  return kind == nullptr ? nullptr : kind->layout;
 }
 
 constexpr std::int32_t ultra_high_density = 1110;  // one gain for all, in the table's header
@@ -182,18 +256,25 @@ std::vector<probe_site> sites_of_geometry_map(const spikeglx_meta& meta) {
   return sites;
 }
 
-std::vector<probe_site> sites_of_shank_map(const spikeglx_meta& meta) {
+std::vector<probe_site> sites_of_shank_map(const spikeglx_meta& meta, const site_layout& layout) {
   std::vector<probe_site> sites;
-  const probe_kind* kind = find_kind(meta);
-  if (kind == nullptr || kind->row_pitch == 0) return sites;
-  for (std::size_t i = 1; i < meta.shank_map.size(); ++i) {
-    const number_group& entry = meta.shank_map[i];
+  const std::vector<number_group>& map = meta.shank_map;
+  // Shanks, columns, rows of the map, which need not be those of the probe: some are written as
+  // if every probe had two columns. Only the count of sites from the lowest is the same.
+  const std::int32_t map_columns = map.empty() ? 0 : whole_at(map[0], 1);
+  if (map_columns < 1) return {};
+  for (std::size_t i = 1; i < map.size(); ++i) {
+    const number_group& entry = map[i];
     if (entry.size() < 3) return {};
-    const std::int32_t shank = whole_at(entry, 0), column = whole_at(entry, 1),
-                       row = whole_at(entry, 2);
-    if (column < 0 || column > 1 || row < 0) return {};
-    const double* columns = row % 2 == 0 ? kind->even : kind->odd;
-    sites.push_back({shank * kind->shank_pitch + columns[column], row * kind->row_pitch});
+    const std::int32_t shank = whole_at(entry, 0), column = whole_at(entry, 1);
+    const std::int64_t row = whole_at(entry, 2);
+    if (column < 0 || column >= map_columns || row < 0) return {};
+    const std::int64_t site = row * map_columns + column;
+    const std::int64_t site_row = site / layout.columns;
+    const double first = site_row % 2 == 0 ? layout.even : layout.odd;
+    sites.push_back({shank * layout.shank_pitch + first +
+                         static_cast<double>(site % layout.columns) * layout.column_pitch,
+                     static_cast<double>(site_row) * layout.row_pitch});
   }
   return sites;
 }
@@ -227,8 +308,10 @@ std::vector<probe_site> list_probe_sites(const spikeglx_meta& meta, std::string&
   origin = "~snsGeomMap";
   std::vector<probe_site> sites = sites_of_geometry_map(meta);
   if (!sites.empty()) return sites;
-  origin = "~snsShankMap";
-  return sites_of_shank_map(meta);
+  std::string by;
+  const site_layout* layout = find_layout(meta, by);
+  origin = "~snsShankMap, by " + by;
+  return layout == nullptr ? std::vector<probe_site>{} : sites_of_shank_map(meta, *layout);
 }
 
 }  // namespace kestrelvane

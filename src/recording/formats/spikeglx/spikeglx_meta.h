@@ -27,6 +27,7 @@ struct spikeglx_meta {
   double range_max = 0.0;                  // V, imAiRangeMax
   std::int32_t largest_value = 0;          // imMaxInt; 0: not there
   std::int32_t probe_type = -1;            // imDatPrb_type; -1: not there
+  std::string part_number;                 // imDatPrb_pn; "": not there
   std::int32_t first_channel = 0;          // of the saved ones, as acquired
   double first_ap_gain = 0.0;              // imChan0apGain
   double first_lf_gain = 0.0;              // imChan0lfGain
@@ -51,8 +52,9 @@ struct probe_site {
   double x, y;
 };
 
-// Sites of the saved channels from the geometry map, or from the shank map and what is
-// known of the probe's type; origin names which. Empty when neither gives them.
+// Sites of the saved channels from the geometry map, or from the shank map and the layout that
+// the part number stands for, or failing that the probe's type; origin names which. Empty when
+// none of them gives the sites.
 std::vector<probe_site> list_probe_sites(const spikeglx_meta& meta, std::string& origin);
 
 }  // namespace kestrelvane
