@@ -197,6 +197,70 @@ TEST_F(plx_test, time_stamps_tick_at_the_rate_of_the_header) {
   EXPECT_TRUE(session.user.logged("There is one cluster in the file"));
 }
 
+// Channels 1 and 2 at 20 kHz, 3 and 4 at 1 kHz, and a spike on channel 2.
+plx_fixture two_rate_plx() {
+  plx_fixture f = continuous_plx(4, 2, 100);
+  std::erase_if(f.blocks, [](const plx_fixture_block& b) { return b.channel > 1 && b.time > 0; });
+  for (const std::size_t c : {2, 3}) f.slow[c].ad_freq = 1000;
+  f.blocks.push_back({1, 60, 2, 1, ramp(1, 8)});
+  return f;
+}
+
+TEST_F(plx_test, the_rate_is_that_of_the_channels_that_were_recorded) {
+  plx_fixture f = two_rate_plx();
+  std::erase_if(f.blocks, [](const plx_fixture_block& b) { return b.type == 5 && b.channel > 1; });
+  ASSERT_TRUE(open(f));
+  EXPECT_EQ(recording().sampling_frequency, 20000);
+  EXPECT_EQ(samples(1, 1, 3),
+            (std::vector<std::int16_t>{plx_fixture_sample(1, 1), plx_fixture_sample(1, 2),
+                                       plx_fixture_sample(1, 3)}));
+  EXPECT_TRUE(session.user.questions.empty());
+  EXPECT_EQ(times(), std::vector<std::int32_t>{60});
+}
+
+TEST_F(plx_test, of_several_rates_one_is_chosen_and_the_others_are_left_out) {
+  const plx_fixture f = two_rate_plx();
+  const std::string fast = "Read 2 slow channels at 20000 Hz?",
+                    slow = "Read 2 slow channels at 1000 Hz?";
+  session.user.answers[fast] = false;
+  ASSERT_TRUE(open(f));
+  EXPECT_TRUE(session.user.asked(slow, "Choose a stream"));
+  EXPECT_EQ(recording().sampling_frequency, 1000);
+  EXPECT_EQ(recording().n_samples, 100);
+  EXPECT_EQ(recording().n_channels, 4);
+  EXPECT_EQ(recording().vd.channel(1)[5], 0);
+  EXPECT_EQ(recording().vd.channel(3)[5], plx_fixture_sample(3, 5));
+  EXPECT_TRUE(session.user.logged("Stream 1: 2 slow channels at 20000 Hz"));
+  EXPECT_TRUE(session.user.logged("Left out: 2 slow channels at 20000 Hz"));
+  EXPECT_EQ(events().n_events, 0);  // the spike is on a channel that is not read
+
+  session.user.answers[slow] = false;
+  EXPECT_FALSE(open(f));
+  EXPECT_TRUE(session.user.logged("No stream was chosen"));
+  expect_empty();
+
+  const std::string path = folder.file("rec.plx");
+  session.user.questions.clear();
+  for (const auto& [stream, rate] : std::vector<std::pair<std::string, std::int32_t>>{
+           {"20000", 20000}, {"1", 20000}, {"1000", 1000}, {"2", 1000}, {"3", 0}}) {
+    EXPECT_EQ(open_recording_worker(*session, {path, file_type_plx, {}, stream}), rate > 0);
+    EXPECT_EQ(recording().sampling_frequency, rate) << stream;
+  }
+  EXPECT_TRUE(session.user.questions.empty());
+  EXPECT_TRUE(session.user.told("There is no stream 3"));
+
+  // Written again with other voltages, the channels that were left out keep theirs.
+  ASSERT_TRUE(open_recording_worker(*session, {path, file_type_plx, {}, "20000"}));
+  EXPECT_EQ(times(), std::vector<std::int32_t>{60});
+  recording().vd.channel(1)[5] = -77;
+  const std::string copy = folder.file("copy.plx");
+  ASSERT_TRUE(rewrite_plx(*session, path, copy, true));
+  ASSERT_TRUE(open_recording_worker(*session, {copy, file_type_plx, {}, "20000"}));
+  EXPECT_EQ(recording().vd.channel(1)[5], -77);
+  ASSERT_TRUE(open_recording_worker(*session, {copy, file_type_plx, {}, "1000"}));
+  EXPECT_EQ(recording().vd.channel(4)[100], plx_fixture_sample(4, 100));
+}
+
 TEST_F(plx_test, time_stamps_have_more_than_32_bits) {
   plx_fixture f;
   f.ad_frequency = 1'000'000;

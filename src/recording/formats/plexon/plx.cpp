@@ -205,7 +205,7 @@ bool read_plx(session_state& session, const recording_request& request) {
   r.plx_blocks_end = plan.blocks_end;
   describe_file(session, plan.headers);
   plx_units units;
-  if (!(plan.continuous ? read_plx_slow(session, file, plan, units)
+  if (!(plan.continuous ? read_plx_slow(session, file, plan, request.stream, units)
                         : read_plx_records(session, file, plan, units))) {
     return false;
   }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "files/input_file.h"
@@ -59,6 +60,13 @@ bool add_plx_event(session_state& session, std::int64_t time, std::int32_t chann
 bool read_plx_records(session_state& session, const input_file& file, const plx_plan& plan,
                       plx_units& units);
 bool read_plx_slow(session_state& session, const input_file& file, const plx_plan& plan,
-                   plx_units& units);
+                   const std::string& stream, plx_units& units);
+
+// The rate at which a continuous file is read, Hz: that of the mapped slow channels that have
+// samples. Of several the one that stream names, as a rate or as a number from 1, or the
+// user; the channels of the others lose their program channel. 0 where the headers have none.
+// False after the words that say why nothing can be read.
+bool choose_plx_rate(session_state& session, const input_file& file, const plx_plan& plan,
+                     const std::string& stream, std::int32_t& hz);
 
 }  // namespace kestrelvane

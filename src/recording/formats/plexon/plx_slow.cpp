@@ -35,21 +35,21 @@ double slow_scale(const plx_file_header& h, const plx_slow_header& slow) {
   return steps == 0.0 ? 0.0 : 1000.0 * millivolts / steps;
 }
 
-// Rate and scale of the mapped slow channels, of which the last counts.
-bool take_slow_channels(session_state& session, const plx_headers& headers) {
+// Rate and scale of the slow channels that are read, of which the last gives the scale.
+bool take_slow_channels(session_state& session, const plx_headers& headers, std::int32_t hz) {
   recording_store& r = session.recording;
   const std::int32_t offset = plx_slow_offset(headers);
   if (offset == 0) log_message(session, "Slow channels are numbered from 1 in this file");
-  bool rates_differ = false;
+  r.sampling_frequency = hz;
   for (const plx_slow_header& slow : headers.slow) {
-    if (plx_program_channel(session, std::int64_t{slow.channel} + offset) == 0) continue;
-    rates_differ |= r.sampling_frequency != 0 && r.sampling_frequency != slow.ad_freq;
-    r.sampling_frequency = slow.ad_freq;
+    if (slow.ad_freq != hz ||
+        plx_program_channel(session, std::int64_t{slow.channel} + offset) == 0) {
+      continue;
+    }
     const auto scale = static_cast<float>(slow_scale(headers.file, slow));
     // Headers of some systems leave the gains 0.
     r.vscale_HP = scale == 0.0f ? missing_plx_scale : scale;
   }
-  if (rates_differ) log_message(session, "Warning: slow channels differ in sampling frequency");
   if (r.sampling_frequency == 0) {
     log_message(session, "Using A/D Frequency as Waveform Frequency");
     r.sampling_frequency = headers.file.ad_frequency;
@@ -259,10 +259,12 @@ std::int32_t plx_slow_offset(const plx_headers& headers) {
 }
 
 bool read_plx_slow(session_state& session, const input_file& file, const plx_plan& plan,
-                   plx_units& units) {
+                   const std::string& stream, plx_units& units) {
   recording_store& r = session.recording;
   log_message(session, "Reading continuous A/D records");
-  if (!take_slow_channels(session, plan.headers) ||
+  std::int32_t hz = 0;
+  if (!choose_plx_rate(session, file, plan, stream, hz) ||
+      !take_slow_channels(session, plan.headers, hz) ||
       !allocate_plx_samples(session, estimate_slow(session, file, plan))) {
     return false;
   }
