@@ -1,9 +1,11 @@
 // sort and detect: the road of Autosort.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "batch/interrupt.h"
 #include "batch/verbs.h"
@@ -68,6 +70,22 @@ void skip_recording(batch_session& batch) {
   finish_batch(batch);
 }
 
+// A recording of spike waveforms has nothing between its spikes: they are there already, and a
+// detector would find few of them again. --set has the last word.
+void keep_spikes_of_file(batch_session& batch) {
+  session_state& session = *batch.session;
+  const std::vector<std::string>& set = batch.options.set;
+  const bool is_set = std::any_of(set.begin(), set.end(), [](const std::string& text) {
+    return text.starts_with("skip_event_detection=");
+  });
+  logical& skip = session.strategy.skip_event_detection;
+  if (session.recording.is_continuous || session.events.n_events == 0 || is_set || skip) return;
+  skip = true;
+  say(session, fmt::format("The recording consists of spikes: its {} events are sorted, and event "
+                           "detection is skipped",
+                           session.events.n_events));
+}
+
 batch_status take_the_road(const batch_options& options, const std::string& verb) {
   if (options.skip_existing && list_outputs(options, {}).empty() && options.exports.empty()) {
     return refuse_usage("--skip-existing: no files are asked for");
@@ -82,7 +100,10 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
-  if (status == batch_status::done) status = sort_recording(batch);
+  if (status == batch_status::done) {
+    if (verb == "sort") keep_spikes_of_file(batch);
+    status = sort_recording(batch);
+  }
   finish_batch(batch);
   return status;
 }

@@ -12,12 +12,14 @@
 #include "operations/open_recording.h"
 #include "results/work_file.h"
 #include "support/child_process.h"
+#include "support/neuralynx_fixture.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 using words = std::vector<std::string>;
 
 process_result run(const words& arguments) { return run_process(KESTRELVANE_BATCH, arguments); }
@@ -64,6 +66,33 @@ std::vector<char> without_log(const std::string& path) {
   session->log.n_log_lines = 0;
   EXPECT_TRUE(write_work_file(*session, path + ".again"));
   return read_bytes(path + ".again");
+}
+
+TEST_F(batch_test, the_spikes_of_a_recording_of_spikes_are_sorted) {
+  std::vector<ntt_fixture_record> records;
+  for (std::int32_t i = 0; i < 400; ++i) {
+    records.push_back({1000u * static_cast<std::uint64_t>(i), 0, i % 7, {1 + i % 2}, 6000});
+  }
+  const std::string ntt = file("spikes.ntt");
+  write_bytes(ntt, ntt_bytes(neuralynx_header(ntt_header_lines()), records));
+  const std::string told = "its 400 events are sorted, and event detection is skipped";
+  process_result result = run({"sort", ntt, "--report", file("r.json"), "--save-work", file("a")});
+  ASSERT_EQ(result.status, 0) << result.err;
+  EXPECT_THAT(result.err, HasSubstr(told));
+  EXPECT_EQ(json_of("r.json")["events"], 400);
+  EXPECT_THAT(result.err, Not(HasSubstr("Event detection method is")));
+
+  // Asked for, detection is done.
+  for (const words& asked :
+       {words{"detect", ntt, "--report", file("d.json")},
+        words{"sort", ntt, "--report", file("d.json"), "--set", "skip_event_detection=false"}}) {
+    result = run(asked);
+    EXPECT_THAT(result.err, Not(HasSubstr(told)));
+    EXPECT_THAT(result.err, HasSubstr("Event detection method is"));
+  }
+  // A continuous recording holds more than the events that it comes with.
+  result = run({"sort", tsf, "--stop-after", "detection"});
+  EXPECT_THAT(result.err, HasSubstr("Event detection method is"));
 }
 
 TEST_F(batch_test, wrong_usage_ends_with_2) {
