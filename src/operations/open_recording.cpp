@@ -47,6 +47,9 @@ bool check_readable(const session_state& session, const std::string& path) {
 std::string recording_of_folder(const session_state& session, const std::string& path) {
   std::error_code ignored;
   if (!std::filesystem::is_directory(path, ignored)) return path;
+  // Its header stands for a recording of many files.
+  const std::string header = (std::filesystem::path(path) / "info.rhd").string();
+  if (file_exists(header)) return header;
   const std::string inside = find_structure_file(session, path);
   return inside.empty() ? path : inside;
 }

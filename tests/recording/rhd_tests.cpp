@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 
 #include "operations/open_recording.h"
@@ -195,6 +197,94 @@ TEST_F(rhd_test, impossible_headers_are_refused) {
   expect_samples(1, 384);
 }
 
+// --- samples beside the header
+
+// Of channels 1 to n_channels side by side.
+std::vector<char> signal_file(std::int32_t n_channels, std::int32_t n_samples) {
+  byte_sink out;
+  for (std::int32_t t = 1; t <= n_samples; ++t) {
+    for (std::int32_t c = 1; c <= n_channels; ++c) out.i16(rhd_sample(c, t));
+  }
+  return out.bytes;
+}
+
+std::vector<char> channel_file(std::int32_t channel, std::int32_t n_samples) {
+  byte_sink out;
+  for (std::int32_t t = 1; t <= n_samples; ++t) out.i16(rhd_sample(channel, t));
+  return out.bytes;
+}
+
+TEST_F(rhd_test, samples_in_a_file_of_their_own) {
+  rhd_fixture f;
+  f.major = 3;
+  f.n_blocks = 0;
+  write_bytes(folder.file("amplifier.dat"), signal_file(2, 1001));
+  ASSERT_TRUE(open(rhd_bytes(f)));
+  expect_samples(2, 1001);
+  EXPECT_EQ(recording().sampling_frequency, 20000);
+  EXPECT_EQ(recording().vscale_HP, 0.195f);
+  EXPECT_TRUE(session.user.logged("Samples of all channels are in amplifier.dat"));
+  EXPECT_TRUE(session.user.logged("Expected end of file"));
+
+  // A time point that is cut off is none.
+  std::vector<char> cut = signal_file(2, 300);
+  cut.pop_back();
+  write_bytes(folder.file("amplifier.dat"), cut);
+  ASSERT_TRUE(open(rhd_bytes(f)));
+  expect_samples(2, 299);
+  EXPECT_TRUE(session.user.logged("Error or end of file"));
+
+  write_bytes(folder.file("amplifier.dat"), {});
+  EXPECT_FALSE(open(rhd_bytes(f)));
+  EXPECT_TRUE(session.user.told("# of samples in file is 0"));
+  expect_empty();
+
+  // A file that has its samples needs no other.
+  f.n_blocks = 3;
+  ASSERT_TRUE(open(rhd_bytes(f)));
+  expect_samples(2, 384);
+}
+
+TEST_F(rhd_test, samples_in_a_file_for_each_channel) {
+  rhd_fixture f;  // its second channel, A-001, is disabled
+  f.n_blocks = 0;
+  const std::int32_t n = (1 << 21) + 7;  // more than one piece
+  write_bytes(folder.file("amp-A-000.dat"), channel_file(1, n));
+  write_bytes(folder.file("amp-A-002.dat"), channel_file(2, n + 5));
+  for (const std::int32_t threads : {1, 3}) {
+    set_thread_count(*session, threads);
+    session->preferences.multi_threaded = threads > 1;
+    ASSERT_TRUE(open(rhd_bytes(f)));
+    expect_samples(2, n);
+    EXPECT_TRUE(session.user.logged("Samples are in a file for each channel"));
+    EXPECT_TRUE(session.user.logged("2097159 to 2097164 samples: 2097159 are read of each"));
+    session->operation.polls = 0;
+    session->operation.interrupt_at_poll = 1;
+    EXPECT_FALSE(open(rhd_bytes(f)));
+    EXPECT_TRUE(session.user.logged("Reading interrupted"));
+    expect_empty();
+    session->operation.interrupt_at_poll = -1;
+  }
+  // A folder stands for the header in it.
+  write_bytes(folder.file("info.rhd"), rhd_bytes(f));
+  ASSERT_TRUE(open_recording(*session, folder.path));
+  EXPECT_EQ(recording().recording_path, folder.file("info.rhd"));
+
+  const std::string config = "Probe\n1 2 0 0\n2 1 0 40\n";
+  write_bytes(folder.file("electrode.cfg"), {config.begin(), config.end()});
+  ASSERT_TRUE(open(rhd_bytes(f)));
+  EXPECT_EQ(recording().vd.channel(2)[9], rhd_sample(1, 9));
+  EXPECT_EQ(recording().vd.channel(1)[n], rhd_sample(2, n));
+
+  write_bytes(folder.file("amp-A-002.dat"), {1});
+  EXPECT_FALSE(open(rhd_bytes(f)));
+  EXPECT_TRUE(session.user.told("A file of a channel has no samples"));
+  std::filesystem::remove(folder.file("amp-A-002.dat"));
+  EXPECT_FALSE(open(rhd_bytes(f)));
+  EXPECT_TRUE(session.user.logged("amp-A-002.dat"));
+  expect_empty();
+}
+
 TEST_F(rhd_test, an_interrupted_read_leaves_an_empty_session) {
   session->operation.interrupt_at_poll = 1;
   EXPECT_FALSE(open(rhd_bytes({})));
@@ -215,11 +305,17 @@ TEST_F(rhd_test, a_real_recording_reads_as_others_read_it) {
   for (std::size_t t = 0; t < first.size(); ++t) {
     EXPECT_EQ(recording().vd.channel(1)[t + 1] + 32768, first[t]);
   }
-  // The header alone, of a recording with one file for each kind of signal.
+  // The recording that this file was made of, with one file for each kind of signal.
   const std::string header = sample_path("intan/intan_fps_test_231117_052500/info.rhd");
   if (header.empty()) return;
-  EXPECT_FALSE(open_recording(*session, header));
-  EXPECT_TRUE(session.user.logged("amplifier.dat"));
+  small_session other;
+  ASSERT_TRUE(open_recording(*other, header));
+  ASSERT_EQ(other->recording.n_samples, recording().n_samples);
+  ASSERT_EQ(other->recording.n_channels, 64);
+  for (std::int32_t c = 1; c <= 64; ++c) {
+    const std::int16_t* v = recording().vd.channel(c) + 1;
+    EXPECT_TRUE(std::equal(v, v + 24320, other->recording.vd.channel(c) + 1)) << c;
+  }
 }
 
 }  // namespace

@@ -3,16 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <chrono>
 #include <cmath>
 #include <limits>
+#include <numeric>
 
 #include "files/byte_cursor.h"
 #include "files/input_file.h"
 #include "files/safe_file.h"
-#include "numerics/parallel.h"
+#include "recording/channel_runs.h"
 #include "recording/header_checks.h"
 #include "recording/site_tables.h"
 #include "recording/storage.h"
@@ -186,47 +186,21 @@ bool allocate_samples(session_state& session, const tsf_layout& layout) {
   return allocate_templates(session);
 }
 
-// One piece of a channel on its way into vd.
-constexpr std::int64_t piece_samples = 1 << 21;
-
-bool read_piece(recording_store& r, const input_file& file, const tsf_layout& layout,
-                std::int64_t channel, std::int64_t piece) {
-  const std::int64_t first = piece * piece_samples;
-  const std::int64_t n = std::min(piece_samples, r.n_samples - first);
-  return read_at(file, layout.samples_at + (channel - 1) * layout.channel_bytes + 2 * first,
-                 r.vd.channel(static_cast<std::int32_t>(channel)) + 1 + first, 2 * n);
-}
-
-// Straight into vd, pieces shared out over the threads: a channel of hours would keep the user
-// who wants to stop it waiting. False when the file is short or the user stops it.
-bool read_pieces(session_state& session, const input_file& file, const tsf_layout& layout) {
-  recording_store& r = session.recording;
-  const std::int64_t n_pieces = (r.n_samples - 1) / piece_samples + 1;
-  const std::int64_t n_items = n_pieces * r.n_channels;
-  std::atomic<std::int64_t> n_read{0};
-  std::atomic<bool> short_file{false};
-  const std::atomic<bool>& interrupted = session.operation.reading_interrupted;
-  expect_sequential_reading(file);
-  parallel_for_dealt(threads_now(session), 0, n_items - 1, [&](std::int64_t i, std::int32_t rank) {
-    // One short piece ends the read of all.
-    if (short_file || interrupted) return;
-    if (!read_piece(r, file, layout, i / n_pieces + 1, i % n_pieces)) {
-      short_file = true;
-      return;
-    }
-    const std::int64_t done = ++n_read;
-    if (rank != 0) return;
-    // The bar and the polls belong to the thread that runs the operation.
-    set_progress(session, meter::reading, static_cast<std::int32_t>(100 * done / n_items), 115);
-    reading_interrupted(session);
-  });
-  return short_file ? fail_early_end(session) : !interrupted;
-}
-
 bool read_samples(session_state& session, const input_file& file, const tsf_layout& layout) {
   const recording_store& r = session.recording;
   const auto start = std::chrono::steady_clock::now();
-  if (!read_pieces(session, file, layout)) return false;
+  std::vector<std::int32_t> channels(static_cast<std::size_t>(r.n_channels));
+  std::iota(channels.begin(), channels.end(), 1);
+  expect_sequential_reading(file);
+  const read_end end = read_channel_runs(
+      session, channels, r.n_samples,
+      [&](std::size_t run, std::int64_t first, std::int64_t n, std::int16_t* to) {
+        const std::int64_t at =
+            layout.samples_at + static_cast<std::int64_t>(run) * layout.channel_bytes;
+        return read_at(file, at + 2 * first, to, 2 * n);
+      });
+  if (end == read_end::early_end) return fail_early_end(session);
+  if (end == read_end::interrupted) return false;
   set_progress(session, meter::reading, 100, 115);
   if (layout.format == tsf_current_format) {
     const std::chrono::duration<double, std::milli> elapsed =

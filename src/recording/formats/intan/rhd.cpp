@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <utility>
 
 #include "files/header_text.h"
 #include "numerics/parallel.h"
@@ -188,11 +189,17 @@ void log_end(const session_state& session, const input_file& file, const rhd_hea
   log_message(session, inside_samples ? "Error or end of file" : "Expected end of file");
 }
 
-bool check_blocks(const session_state& session, const rhd_header& header, std::int64_t n_blocks) {
-  if (n_blocks > 0) return check_sample_count(session, n_blocks * header.samples_per_block);
-  return refuse_file(session,
-                     "The file has a header but no samples; samples in files of their own "
-                     "(amplifier.dat) are not read");
+bool read_one_file(session_state& session, const input_file& file, const rhd_header& header,
+                   std::int64_t n_blocks) {
+  recording_store& r = session.recording;
+  const std::int64_t n_samples = n_blocks * header.samples_per_block;
+  if (!check_sample_count(session, n_samples)) return false;
+  r.n_samples = static_cast<std::int32_t>(n_samples);
+  if (!allocate_recording(session, r.n_samples + usual_spare_samples)) return false;
+  log_message(session, "Reading waveforms, please wait ...");
+  if (!read_blocks(session, file, header, n_blocks)) return false;
+  log_end(session, file, header);
+  return true;
 }
 
 }  // namespace
@@ -204,15 +211,17 @@ void read_rhd_signal_group(byte_cursor& in, rhd_header& header) {
   const std::int32_t n_channels = take_i16(in);
   skip_bytes(in, 2);  // amplifier channels
   for (std::int32_t c = 0; is_enabled && c < n_channels && !in.failed; ++c) {
-    take_wide_text(in);  // native name
-    take_wide_text(in);  // custom name
-    skip_bytes(in, 4);   // native and custom order
+    std::string name = take_wide_text(in);  // as the board has it
+    take_wide_text(in);                     // as the user has named it
+    skip_bytes(in, 4);                      // orders of the two
     const std::int32_t signal = take_i16(in);
     const bool channel_is_enabled = take_i16(in) == 1;
     skip_bytes(in, 20);
     const bool known = signal >= 0 && signal < rhd_n_signals;
     // Signals of unknown kinds have no room in a block.
-    if (known && channel_is_enabled) ++header.n_enabled[signal];
+    if (!known || !channel_is_enabled) continue;
+    ++header.n_enabled[signal];
+    if (signal == rhd_amplifier) header.amplifier_names.push_back(std::move(name));
   }
 }
 
@@ -256,12 +265,9 @@ bool read_rhd(session_state& session, const recording_request& request) {
   if (!take_header(session, header)) return false;
   settle_digital_words(session, file, header);
   const std::int64_t n_blocks = (file.size - header.first_block) / header.block_bytes;
-  if (!check_blocks(session, header, n_blocks)) return false;
-  r.n_samples = static_cast<std::int32_t>(n_blocks * header.samples_per_block);
-  if (!allocate_recording(session, r.n_samples + usual_spare_samples)) return false;
-  log_message(session, "Reading waveforms, please wait ...");
-  if (!read_blocks(session, file, header, n_blocks)) return false;
-  log_end(session, file, header);
+  const bool is_read = n_blocks > 0 ? read_one_file(session, file, header, n_blocks)
+                                    : read_rhd_companions(session, request.path, header);
+  if (!is_read) return false;
   log_message(session, fmt::format("Voltage scaling (uV/bit) = {}", r.vscale_HP));
   log_message(session, fmt::format("Number of channels in file = {}", r.n_channels));
   log_message(session, fmt::format("Number of channels read = {}", r.n_channels));

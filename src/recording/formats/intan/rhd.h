@@ -1,7 +1,8 @@
-// Intan .rhd, the form with header and samples in one file.
+// Intan .rhd, in its three forms: header and samples in one file, or the header alone, with the
+// samples of all amplifier channels in "amplifier.dat" or of each in "amp-NAME.dat".
 //
-// After the header come blocks of 60 or 128 time points, channel after channel inside a
-// block. The amplifier channels are read, the auxiliary, supply, temperature, analogue and
+// In one file, after the header come blocks of 60 or 128 time points, channel after channel inside
+// a block. The amplifier channels are read, the auxiliary, supply, temperature, analogue and
 // digital ones passed over. All blocks have one size, so that the count of samples is known
 // from the file's size and blocks are shared out over the threads.
 #pragma once
@@ -36,6 +37,7 @@ struct rhd_header {
   std::int32_t n_temperature = 0;  // sensors
   std::int32_t n_groups = 0;
   std::array<std::int64_t, rhd_n_signals> n_enabled{};  // channels of each kind
+  std::vector<std::string> amplifier_names;             // native names of the enabled ones
   std::int64_t samples_per_block = 0;
   std::int64_t n_digital_words = 0;  // stretches of digital words in a block
   std::int64_t first_block = 0;      // offset
@@ -45,6 +47,10 @@ struct rhd_header {
 // The reader of the format; open_recording's contract. A block cut by the end of the file
 // is left out.
 bool read_rhd(session_state& session, const recording_request& request);
+
+// The samples beside a header without any, signed, into vd. False after the words that say why
+// not, or when the user stops it.
+bool read_rhd_companions(session_state& session, const std::string& path, const rhd_header& header);
 
 // One signal group: names, flags, and its channels if it is enabled; adds the enabled
 // channels to the counts. The cursor fails at the end of its bytes.
