@@ -64,7 +64,7 @@ const slow_group* choose_group(const session_state& session, const std::vector<s
         wanted.empty()
             ? groups.size() == 1 ||
                   ask(session, fmt::format("Read {}?", describe(groups[i])), "Choose a stream")
-            // A rate has three digits or more: it is not taken for a number of the list.
+            // Rates are far above the numbers of the list.
             : wanted == std::to_string(groups[i].hz) || wanted == std::to_string(i + 1);
     if (chosen) return &groups[i];
   }
