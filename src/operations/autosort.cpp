@@ -30,10 +30,10 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-// Minutes since the start, cut to hundredths.
-double minutes_since(clock::time_point begin) {
+// Minutes since the start, cut to hundredths; rounding: what is added before the cut.
+double minutes_since(clock::time_point begin, double rounding = 0.0) {
   const double seconds = std::chrono::duration<double>(clock::now() - begin).count();
-  return std::trunc(seconds / 60.0 * 100.0) / 100.0;
+  return std::trunc(seconds / 60.0 * 100.0 + rounding) / 100.0;
 }
 
 void show_time(const session_state& session, clock::time_point begin) {
@@ -319,7 +319,7 @@ bool end_finished(session_state& session, clock::time_point begin) {
   session.clusters.current_cluster = session.clusters.n_clusters > 0 ? 1 : 0;
   leave_pair_stage(session);
   const std::int32_t n = session.clusters.n_clusters;
-  say(session, count_of_clusters(n));
+  say(session, fmt::format("{} clusters found", n));
   const std::int32_t stable = count_stable_clusters(session);
   set_status(session, status_field::stable_clusters, std::to_string(stable));
   const double minutes = minutes_since(begin);
@@ -360,7 +360,20 @@ bool can_start(const session_state& session) {
   return true;
 }
 
+// Counts and bars of the run before would be taken for those of this one.
+void clear_counters(const session_state& session) {
+  for (const status_field field :
+       {status_field::events_found, status_field::clusters_found, status_field::stable_clusters,
+        status_field::current_cluster, status_field::current_pair, status_field::elapsed_time}) {
+    set_status(session, field, "");
+  }
+  set_progress(session, meter::detection, 0, 1000);
+  set_progress(session, meter::clusters, 0, 100);
+  set_progress(session, meter::merge_and_sort, 0, 150);
+}
+
 void begin_run(session_state& session) {
+  clear_counters(session);
   session.lists.template_shift_on = true;
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;
@@ -384,7 +397,7 @@ road cluster_events(session_state& session, clock::time_point begin) {
     return road::ended_early;
   }
   say(session,
-      fmt::format("Finished first pass. Time so far ={:.2f} minutes", minutes_since(begin)));
+      fmt::format("Finished first pass. Time so far ={:.2f} minutes", minutes_since(begin, 0.5)));
   say(session, count_of_clusters(session.clusters.n_clusters));
   remove_first_pass_duplicates(session);
   remove_small_clusters(session);
@@ -407,11 +420,8 @@ road cluster_events(session_state& session, clock::time_point begin) {
 
 namespace {
 
-bool run_pipeline(session_state& session) {
-  const clock::time_point begin = clock::now();
+bool run_pipeline(session_state& session, clock::time_point begin) {
   say(session, "Beginning autosort");
-  set_progress(session, meter::detection, 0, 1000);
-  set_progress(session, meter::merge_and_sort, 0, 150);
   const bool detect = !session.strategy.skip_event_detection;
   const bool cluster = !session.strategy.skip_clustering;
   if (detect && !offer_high_pass(session)) return false;
@@ -439,7 +449,14 @@ bool run_pipeline(session_state& session) {
 bool autosort(session_state& session) {
   if (!can_start(session)) return false;
   begin_run(session);
-  const bool done = run_pipeline(session);
+  const clock::time_point begin = clock::now();
+  const bool done = run_pipeline(session, begin);
+  // However it ended: the clock stands at its end, and a run that was finished has full bars.
+  show_time(session, begin);
+  if (done && session.autosort.stop_after == stop_after_all) {
+    set_progress(session, meter::clusters, 100, 100);
+    set_progress(session, meter::merge_and_sort, 150, 150);
+  }
   // An interrupted run keeps what it has found.
   note_unsaved(session, unsaved_results::run);
   return done;

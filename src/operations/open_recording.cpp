@@ -30,16 +30,26 @@ namespace {
 constexpr std::int32_t bar_range = 115;
 constexpr const char* open_title = "Open a recording file";
 
-// Says why a path cannot be opened; true when it can.
-bool check_readable(const session_state& session, const std::string& path) {
+// Says why the file of a request cannot be opened; true when it may be. Whatever can be known
+// of it now costs the recording in memory nothing.
+bool check_readable(const session_state& session, const recording_request& request) {
   constexpr const char* title = "Open file failed";
-  if (!file_exists(path)) {
-    tell(session, "Can't find file " + path, title);
+  if (!file_exists(request.path)) {
+    tell(session, "Can't find file " + request.path, title);
     return false;
   }
   input_file probe;
-  if (open_input_file(probe, path)) return true;
-  tell(session, fmt::format("Can't open file {}: {}", path, probe.problem), title);
+  if (!open_input_file(probe, request.path)) {
+    tell(session, fmt::format("Can't open file {}: {}", request.path, probe.problem), title);
+    return false;
+  }
+  const recording_format* format = find_recording_format(request.format);
+  const std::string why =
+      format == nullptr ? std::string{} : why_no_such_file(*format, request.path);
+  if (why.empty()) return true;
+  const std::string words =
+      format->failure_text[0] != '\0' ? format->failure_text : "Can't open it";
+  tell(session, fmt::format("{}: {} {}", words, request.path, why), title);
   return false;
 }
 
@@ -277,7 +287,7 @@ std::optional<recording_request> prepare_chosen_recording(const session_state& s
     report_unknown_type(session);
     return std::nullopt;
   }
-  if (!check_readable(session, request.path)) return std::nullopt;
+  if (!check_readable(session, request)) return std::nullopt;
   remember_recent(session, request.path);
   return request;
 }
@@ -288,7 +298,7 @@ std::optional<recording_request> prepare_open_recent(const session_state& sessio
   if (entry >= recent.paths.size()) return std::nullopt;
   const recording_request request{recent.paths[entry],
                                   classify_extension(recent.paths[entry], true)};
-  if (!check_readable(session, request.path)) return std::nullopt;
+  if (!check_readable(session, request)) return std::nullopt;
   if (request.format == file_type_unknown) {
     report_unknown_type(session);
     return std::nullopt;

@@ -206,6 +206,22 @@ bool save_restart(const session_state& session) { return save_state(session, res
 bool open_restart(session_state& session) { return open_state(session, restart_state); }
 bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
 
+bool open_recording_or_return(session_state& session, const recording_request& request) {
+  // The interval may have kept an older one, or none.
+  const bool has_results = session.events.n_events > 0;
+  const std::string earlier = session.recording.recording_path;
+  const bool saved = has_results && save_autorecover(session);
+  if (open_recording_worker(session, request)) return true;
+  if (!saved) return false;
+  const user_answer answer = ask_openly(
+      session,
+      fmt::format("{} could not be read. The results of the recording before it have been kept. "
+                  "Open {} again with them?",
+                  request.path, earlier),
+      "Open a recording file");
+  return answer == user_answer::yes && open_autorecover(session);
+}
+
 void start_autorecover(autorecover_timer& timer, const session_state& session) {
   timer.stopping = false;
   timer.save_wanted = false;

@@ -13,6 +13,7 @@
 #include <string>
 #include <thread>
 
+#include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -36,6 +37,10 @@ bool save_restart(const session_state& session);
 // the recording without the results, or nothing.
 bool open_restart(session_state& session);
 bool open_autorecover(session_state& session);
+
+// Opens another recording. The state of the one in memory is saved before it, and when the other
+// cannot be read, the user is offered to have it back. True when a recording is in memory.
+bool open_recording_or_return(session_state& session, const recording_request& request);
 
 // The timed save: a thread that saves every so many minutes, looking at the clock twice a
 // second, and at once when a long run has ended; edits of clusters at most once a minute. A

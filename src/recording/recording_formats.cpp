@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
+#include "files/input_file.h"
 #include "recording/formats/blackrock/nev.h"
 #include "recording/formats/blackrock/nsx.h"
 #include "recording/formats/hdf/hdf_recording.h"
@@ -26,38 +27,42 @@ constexpr const char* open_title = "Open a recording file";
 // clang-format off
 constexpr recording_format formats[] = {
     // code, extensions, filter label, banner, reader, failure text, failure title, configuration,
-    // source path, habits
+    // source path, habits, beginning
     {file_type_srf, ".srf", "Surf files(*.SRF)",
      "Reading SURF data file", read_srf, "", "", config_use::none},
     {file_type_ntt, ".ntt", "Neuralynx single tetrode(*.NTT)",
      "Reading tetrode data file (.ntt)", read_ntt, "Error reading .ntt file", open_title, config_use::none,
-     nullptr, {.one_tetrode = true}},
+     nullptr, {.one_tetrode = true}, {16384}},
     {file_type_ncs, ".ncs", "Neuralynx (*.NCS)",
      "Reading Neuralynx continuous recording data file (.ncs)", read_ncs,
-     "Error reading .ncs file", open_title, config_use::none},
+     "Error reading .ncs file", open_title, config_use::none,
+     nullptr, {}, {16384}},
     {file_type_prf, ".prf", "PRF files(*.PRF)",
      "Reading Polytrode Recording Format file (.prf)", read_prf, "", "", config_use::none,
-     &recording_store::srf_path},
+     &recording_store::srf_path, {}, {1, {"Polytrode Data"}}},
     {file_type_plx, ".plx", "Plexon (*.PLX)",
      "Reading Plexon data file (.plx)", read_plx, "", "", config_use::none,
-     &recording_store::plx_path},
+     &recording_store::plx_path, {}, {256, {"PLEX"}}},
     {file_type_xml, ".xml", "Neuroscope (*.XML)",
      "Reading Neuroscope data file (.dat/.xml)", read_xml_recording,
      "Error reading xml data file", "Unrecognised file format or missing .dat file", config_use::asked,
      &recording_store::xml_path},
     {file_type_tsf, ".tsf", "TSF format (*.TSF)",
      "", read_tsf, "Error reading tsf data file", "Possibly not enough memory", config_use::none,
-     nullptr, {.announces_templates = true, .reads_mask_file = false}},
+     nullptr, {.announces_templates = true, .reads_mask_file = false}, {24, {"Test spike file "}}},
     {file_type_mcd, ".mcd", "Multi Channel Systems (*.MCD)",
      "Reading Multi Channel Systems data file (.mcd)", read_mcd, "", "", config_use::offered},
     {file_type_nev, ".nev", "Blackrock(*.NEV)",
      "Opening Blackrock Microsystems NEV file (Utah array)", read_nev,
-     "Error reading .nev file", open_title, config_use::asked},
+     "Error reading .nev file", open_title, config_use::asked,
+     nullptr, {}, {8, {"NEURALEV", "BREVENTS"}}},
     {file_type_rhd, ".rhd", "INTAN(*.RHD)",
-     "Reading INTAN RHD2000 data file (.rhd)", read_rhd, "", "", config_use::wanted},
+     "Reading INTAN RHD2000 data file (.rhd)", read_rhd, "", "", config_use::wanted,
+     nullptr, {}, {8, {"\x02\x27\x91\xC6"}}},
     {file_type_nsx, ".ns#", "Blackrock extended(*.NSx)",
      "Opening Blackrock Microsystems Extended .NSx file", read_nsx,
-     "Error reading .nsx file", open_title, config_use::asked},
+     "Error reading .nsx file", open_title, config_use::asked,
+     nullptr, {}, {8, {"NEURALSG", "NEURALCD", "BRSMPGRP"}}},
     {file_type_bin, ".bin", "Neuropixels SpikeGLX (*.BIN)",
      "Reading IMEC Neuropixels data file (.bin)", read_bin_recording, "", "", config_use::none},
     {file_type_hdf5, ".hdf5 .h5", "Multi Channel Systems HDF5",
@@ -132,6 +137,23 @@ std::int32_t classify_extension(std::string_view path, bool any_case) {
     if (has_extension(path, format.extensions, any_case)) return format.code;
   }
   return file_type_unknown;
+}
+
+std::string why_no_such_file(const recording_format& format, const std::string& path) {
+  input_file file;
+  if (!open_input_file(file, path)) return "cannot be read: " + file.problem;
+  if (file.size == 0) return "is empty";
+  const format_beginning& begins = format.begins;
+  if (file.size < begins.least_bytes) return "ends within its header";
+  if (begins.labels[0].empty()) return {};
+  std::string start(static_cast<std::size_t>(std::min<std::int64_t>(file.size, 16)), '\0');
+  if (!read_at(file, 0, start.data(), static_cast<std::int64_t>(start.size()))) {
+    return "cannot be read";
+  }
+  const bool known = std::any_of(
+      begins.labels.begin(), begins.labels.end(),
+      [&](std::string_view label) { return !label.empty() && start.starts_with(label); });
+  return known ? std::string{} : "does not begin as a file of this format does";
 }
 
 }  // namespace kestrelvane

@@ -15,8 +15,10 @@
 // the row's failure text follows.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "session/recording_request.h"
@@ -43,6 +45,12 @@ struct format_habits {
   bool reads_mask_file = true;       // masks beside the recording are taken
 };
 
+// How every file of a format begins, as far as that can be told from its first bytes.
+struct format_beginning {
+  std::int64_t least_bytes = 1;                 // of its fixed header
+  std::array<std::string_view, 3> labels = {};  // one of them stands first; none: no telling
+};
+
 struct recording_format {
   std::int32_t code;         // file_type_code
   const char* extensions;    // lower case, separated by blanks; '#' is a digit from 1 to 9
@@ -56,6 +64,7 @@ struct recording_format {
   // path that was opened.
   std::string recording_store::*source_path = nullptr;
   format_habits habits = {};
+  format_beginning begins = {};
 };
 
 // In the order in which extensions are tested.
@@ -66,6 +75,10 @@ const recording_format* find_recording_format(std::int32_t code);
 
 // Those of the recording in memory; the usual ones without it.
 format_habits habits_of(const recording_store& recording);
+
+// Why a file cannot be one of the format, as words that follow its name ("is empty"); empty when
+// it may be one. Reads its first bytes only.
+std::string why_no_such_file(const recording_format& format, const std::string& path);
 
 // Code for the extension of a path, wholly in upper or wholly in lower case; mixed case
 // counts only with any_case. 0 for none of the table's.

@@ -62,19 +62,33 @@ void add_to_ring(run_log_table& log, const std::string_view* lines, std::int32_t
   log.n_log_lines += n;
 }
 
-// The recording's path with its extension replaced by date and time.
-std::string log_path(const std::string& recording_path) {
+std::string local_time(const char* format) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   localtime_r(&now, &local);
-  char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%d_%H-%M", &local);
+  char text[32];
+  std::strftime(text, sizeof text, format, &local);
+  return text;
+}
+
+// The window shows the lines of the ring as well, by the time of day: when something went wrong
+// at night is asked in the morning.
+void tell_run_log_window(const session_state& session, const wrapped_text& wrapped) {
+  if (session.ui.run_log_window == nullptr || wrapped.lines[0].empty()) return;
+  const std::string time = local_time("%H:%M:%S  ");
+  for (std::int32_t i = 0; i < wrapped.n_lines; ++i) {
+    write_run_log_window(session, time + std::string(wrapped.lines[i]));
+  }
+}
+
+// The recording's path with its extension replaced by date and time.
+std::string log_path(const std::string& recording_path) {
   const std::size_t slash = recording_path.find_last_of('/');
   const std::size_t dot = recording_path.find_last_of('.');
   const bool has_extension =
       dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
   return fmt::format("{}_{}.log", recording_path.substr(0, has_extension ? dot : std::string::npos),
-                     stamp);
+                     local_time("%Y-%m-%d_%H-%M"));
 }
 
 }  // namespace
@@ -98,6 +112,7 @@ void log_message(const session_state& session, std::string_view text) {
     }
   }
   // Outside the lock: a listener may wait for a thread that is logging itself.
+  tell_run_log_window(session, wrapped);
   const user_interface& ui = session.ui;
   if (!listed || ui.log_line == nullptr) return;
   for (std::int32_t i = 0; i < wrapped.n_lines; ++i) {

@@ -229,7 +229,7 @@ event_places places_of_labels(const session_state& session, std::vector<std::int
 void note_pair_tried(session_state& session, std::int64_t k, float old_overlap) {
   session.lists.kv_user_ambiguous[k] = true;
   ++session.lists.kv_split_tries[k];
-  log_message(session, fmt::format("  overlaps before and after split ={} {}", old_overlap,
+  log_message(session, fmt::format("  overlaps before and after split ={} and {}", old_overlap,
                                    session.lists.kv_cluster_overlap[k]));
 }
 

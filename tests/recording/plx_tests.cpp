@@ -9,6 +9,7 @@
 #include "operations/open_recording.h"
 #include "support/fixture_files.h"
 #include "support/plx_fixture.h"
+#include "support/reader_test.h"
 #include "support/samples.h"
 #include "support/small_session.h"
 
@@ -27,7 +28,7 @@ struct plx_test : testing::Test {
     session.user.boxes.clear();
     session.user.lines.clear();
     session.user.default_answer = true;
-    return open_recording(*session, folder.file("rec.plx"));
+    return read_recording(*session, folder.file("rec.plx"));
   }
   bool open(const plx_fixture& f, std::int32_t mapped = 8) {
     if (mapped > 0) write_bytes(folder.file("electrode.cfg"), straight_config(mapped));

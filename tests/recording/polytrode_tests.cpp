@@ -7,6 +7,7 @@
 #include "operations/open_recording.h"
 #include "recording/site_layouts.h"
 #include "support/polytrode_fixture.h"
+#include "support/reader_test.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -23,7 +24,7 @@ struct polytrode_test : testing::Test {
     session.user.boxes.clear();
     session.user.lines.clear();
     session.user.default_answer = true;
-    return open_recording(*session, folder.file(name));
+    return read_recording(*session, folder.file(name));
   }
   bool open_surf(const std::vector<std::vector<char>>& parts) {
     return open("rec.srf", joined(parts));

@@ -14,6 +14,7 @@
 #include "files/safe_file.h"
 #include "operations/open_recording.h"
 #include "support/fixture_files.h"
+#include "support/reader_test.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -33,7 +34,7 @@ struct tsf_test : testing::Test {
     session.user.boxes.clear();
     session.user.lines.clear();
     session.user.default_answer = true;
-    return open_recording(*session, path);
+    return read_recording(*session, path);
   }
 
   void expect_fixture_samples(const tsf_fixture& f) {

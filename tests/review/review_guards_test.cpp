@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+
+#include "support/plain_forms.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {

@@ -268,7 +268,7 @@ TEST(AutosortDialog, AChangedWindowRealignsUnlessARunHasDoneIt) {
   EXPECT_TRUE(r.w.control<QCheckBox>(dialog, "skip_event_detection")->isChecked());
   r.w.set_number(dialog, "template_window_end_ms", 0.7);
   r.w.press(dialog, "start");
-  r.w.settle();
+  r.w.settle(true);
   r.w.press(dialog, "done");
   r.w.settle();
   EXPECT_EQ(r.w.shell.frame->findChild<QDialog*>("realign_box"), nullptr);

@@ -5,7 +5,9 @@
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QPushButton>
+#include <QTest>
 #include <filesystem>
 
 #include "operations/recovery.h"
@@ -33,7 +35,13 @@ void autosort(driven_workstation& w, const std::function<void(QDialog*)>& during
   w.tick(dialog, "skip_event_detection", false);
   w.tick(dialog, "skip_clustering", false);
   w.set_number(dialog, "min_cluster_size", 20);
+  const bool replaces = w.session->clusters.n_clusters > 0;
   w.press(dialog, "start");
+  QStringList none;
+  if (replaces) {
+    EXPECT_TRUE(wait_until([&] { return w.answer_box(true, none); }));
+    EXPECT_TRUE(w.asked.last().contains("clusters in memory."));
+  }
   if (during) during(dialog);
   w.settle();
   w.press(dialog, "done");
@@ -150,7 +158,7 @@ struct early_pause {
     session = &of;
     shown = of.ui.status;
     of.ui.status = [](void* context, status_field field, const std::string& text) {
-      if (field == status_field::current_cluster) {
+      if (field == status_field::current_cluster && !text.empty()) {
         session->operation.pause_requested = true;
         session->ui.status = shown;
       }
@@ -191,6 +199,62 @@ TEST(WholeRun, PauseResumeAndInterruptOfASort) {
   EXPECT_EQ(check_session(*w.session), "");
   EXPECT_TRUE(w.told.filter("terminated by user").size() +
               w.told.filter("interrupted by user").size());
+}
+
+QMessageBox* open_question(driven_workstation& w) {
+  QMessageBox* box = nullptr;
+  wait_until([&] {
+    box = w.shell.frame->findChild<QMessageBox*>("question_box");
+    return box != nullptr && box->isVisible();
+  });
+  return box;
+}
+
+TEST(WholeRun, EscapeOnTheWayOutStays) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  w.choose_entry("exit");
+  QMessageBox* box = open_question(w);
+  ASSERT_NE(box, nullptr);
+  EXPECT_EQ(box->text(), "Save program state for next time?");
+  EXPECT_EQ(box->defaultButton(), box->button(QMessageBox::Yes));
+  QTest::keyClick(box, Qt::Key_Escape);
+  EXPECT_TRUE(wait_until([&] { return !w.shell.worker.running; }));
+  EXPECT_FALSE(w.shell.leaving);
+  // The cross of the box; and the timed save goes on.
+  w.choose_entry("exit");
+  box = open_question(w);
+  ASSERT_NE(box, nullptr);
+  box->close();
+  EXPECT_TRUE(wait_until([&] { return !w.shell.worker.running; }));
+  EXPECT_FALSE(w.shell.leaving);
+  EXPECT_GT(w.session->recording.n_samples, 0);
+  EXPECT_TRUE(w.shell.autorecover_running && w.shell.autorecover.thread.joinable());
+  EXPECT_TRUE(w.leave(true));
+}
+
+TEST(WholeRun, AnExitStopsWhatRuns) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path, make_small_recording(data));
+  bool paused = false;
+  QObject::connect(w.shell.desk, &interface_desk::paused, w.shell.frame, [&] { paused = true; });
+  const early_pause first(*w.session);
+  w.choose_entry("autosort");
+  QDialog* dialog = w.dialog("autosort_dialog");
+  w.tick(dialog, "skip_event_detection", false);
+  w.set_number(dialog, "min_cluster_size", 20);
+  w.press(dialog, "start");
+  ASSERT_TRUE(wait_until([&] { return paused; }));
+  w.shell.frame->close();
+  QMessageBox* box = open_question(w);
+  ASSERT_NE(box, nullptr);
+  EXPECT_EQ(box->text(), "An operation is running. Stop it and leave?");
+  box->button(QMessageBox::No)->click();
+  EXPECT_TRUE(w.shell.worker.running) << "it pauses as before";
+  EXPECT_TRUE(w.leave(true));
+  EXPECT_TRUE(w.told.filter("by user").size());
+  EXPECT_TRUE(w.asked.contains("Save program state for next time?"));
+  EXPECT_TRUE(std::filesystem::exists(home.file("kv_restart.sav")));
 }
 
 TEST(WholeRun, LeavingWithYesIsResumedAndWithNoIsNot) {

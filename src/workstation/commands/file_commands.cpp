@@ -51,7 +51,7 @@ void read_recording(workstation& w, recording_decision prepare) {
       w,
       [prepare = std::move(prepare)](session_state& session) {
         const std::optional<recording_request> request = prepare(session);
-        if (request) open_recording_worker(session, *request);
+        if (request) open_recording_or_return(session, *request);
       },
       [&w] { rebuild_recent_menu(w); });
 }

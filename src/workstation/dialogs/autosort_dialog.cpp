@@ -215,8 +215,7 @@ bool store_settings(autosort_window& a) {
   return true;
 }
 
-void begin_run(const shared_autosort& a) {
-  if (!store_settings(*a)) return;
+void start_run(const shared_autosort& a) {
   long_operation_flags& operation = a->w.session.operation;
   // Left by the last run; it would end this one before its first cluster.
   operation.autosort_interrupt = false;
@@ -229,6 +228,19 @@ void begin_run(const shared_autosort& a) {
                    a->pause->setChecked(false);
                    grey_sections(*a);
                  });
+}
+
+// Asks before a sort that is there makes way for another.
+void begin_run(const shared_autosort& a) {
+  if (!store_settings(*a)) return;
+  const session_state& session = a->w.session;
+  const std::int32_t n = session.clusters.n_clusters;
+  const sorting_strategy_settings& s = session.strategy;
+  if (n == 0 || (s.skip_event_detection && s.skip_clustering)) return start_run(a);
+  ask_then(a->w, QString("Autosort will replace the %1 clusters in memory.").arg(n),
+           "Are you sure?", [a](bool yes) {
+             if (yes) start_run(a);
+           });
 }
 
 void make_buttons(autosort_window& a) {
