@@ -28,19 +28,41 @@ QString home_of_state_files() {
   return own;
 }
 
-kestrelvane::start_request read_command_line(const QApplication& application) {
+// What the command takes; one set of options for both readings of it.
+struct command_line {
   QCommandLineParser parser;
-  parser.setApplicationDescription("Kestrelvane: spike sorting workstation");
-  parser.addHelpOption();
-  parser.addVersionOption();
-  const QCommandLineOption work("work", "read this work file over the recording", "file");
-  const QCommandLineOption show("show-voltage", "open the voltage record");
-  parser.addOptions({work, show});
-  parser.addPositionalArgument("recording", "a recording to open at start", "[recording]");
-  parser.process(application);
-  const QStringList arguments = parser.positionalArguments();
-  return {arguments.isEmpty() ? QString() : arguments.first(), parser.value(work),
-          parser.isSet(show)};
+  QCommandLineOption help, version;
+  QCommandLineOption work{"work", "read this work file over the recording", "file"};
+  QCommandLineOption show{"show-voltage", "open the voltage record"};
+
+  command_line() : help(parser.addHelpOption()), version(parser.addVersionOption()) {
+    parser.setApplicationDescription("Kestrelvane: spike sorting workstation");
+    parser.addOptions({work, show});
+    parser.addPositionalArgument("recording", "a recording to open at start", "[recording]");
+  }
+};
+
+// Prints what --version and --help ask for, and ends the program, before there is a window
+// system to start: machines without a display are asked, too.
+void answer_without_windows(int argc, char** argv) {
+  command_line command;
+  QStringList arguments;
+  for (int i = 0; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+  // Options of the window toolkit are unknown here, and no mistake.
+  command.parser.parse(arguments);
+  const bool asks = command.parser.isSet(command.help) || command.parser.isSet("help-all") ||
+                    command.parser.isSet(command.version);
+  if (!asks) return;
+  const QCoreApplication words(argc, argv);
+  command.parser.process(words);
+}
+
+kestrelvane::start_request read_command_line(const QApplication& application) {
+  command_line command;
+  command.parser.process(application);
+  const QStringList arguments = command.parser.positionalArguments();
+  return {arguments.isEmpty() ? QString() : arguments.first(), command.parser.value(command.work),
+          command.parser.isSet(command.show)};
 }
 
 }  // namespace
@@ -50,10 +72,11 @@ int main(int argc, char** argv) {
   int probe_status = 0;
   if (run_as_hdf_probe(argc, argv, probe_status)) return probe_status;
   flush_denormals();
-  QApplication application(argc, argv);
   QApplication::setOrganizationName("Kestrelvane");
   QApplication::setApplicationName("Kestrelvane");
   QApplication::setApplicationVersion(program_version);
+  answer_without_windows(argc, argv);
+  QApplication application(argc, argv);
   QApplication::setDesktopFileName("kestrelvane");
   load_resources();
   QApplication::setWindowIcon(program_icon());

@@ -3,11 +3,15 @@
 
 #include <QAction>
 #include <QDropEvent>
+#include <QFile>
+#include <QFileInfo>
 #include <QMdiArea>
 #include <QMenu>
 #include <QMenuBar>
 #include <QMimeData>
 #include <QPlainTextEdit>
+#include <QProcess>
+#include <QTextBrowser>
 #include <QToolBar>
 
 #include "recording/recent_files.h"
@@ -278,15 +282,60 @@ TEST(Frame, ADroppedRecordingIsOpened) {
   EXPECT_TRUE(w.asked.last().startsWith("The new file will overwrite existing data"));
 }
 
-TEST(Frame, WithoutABrowserHelpSaysSo) {
+// Programs in a folder of their own, which is the whole search path for as long as this lives.
+struct search_path {
+  temporary_directory folder;
+  QByteArray before = qgetenv("PATH");
+  search_path() { qputenv("PATH", folder.path.c_str()); }
+  ~search_path() { qputenv("PATH", before); }
+  void add(const char* name, const std::string& script) {
+    const QString path = QString::fromStdString(folder.file(name));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(("#!/bin/sh\n" + script + "\n").c_str());
+    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+  }
+};
+
+TEST(Frame, HelpIsShownByTheBrowserOrElseByOurOwnWindow) {
   const temporary_directory home;
   driven_workstation w(home.path);
-  const QByteArray path = qgetenv("PATH");
-  qputenv("PATH", home.path.c_str());
+  // The page stands beside the program; a test's is one folder up.
+  ASSERT_TRUE(
+      QFileInfo::exists(QCoreApplication::applicationDirPath() + "/../kv_getting_started.htm"));
+  search_path programs;
+  const QString seen = QString::fromStdString(programs.folder.file("seen"));
+  programs.add("firefox", "echo \"$1\" > '" + seen.toStdString() + "'");
+  programs.add("xdg-open", "exit 3");  // as it does where it knows no browser
   w.choose_entry("getting_started");
-  w.settle();
-  qputenv("PATH", path);
-  EXPECT_EQ(w.told, QStringList("Cannot find browser to open kv_getting_started.htm"));
+  EXPECT_TRUE(wait_until([&] { return QFileInfo(seen).size() > 10; }, 5000));
+  EXPECT_EQ(w.shell.frame->findChild<QDialog*>("help_dialog"), nullptr);
+  QFile::remove(seen);
+  programs.add("firefox", "exit 1");
+  w.choose_entry("getting_started");
+  QDialog* own = w.dialog("help_dialog");
+  ASSERT_NE(own, nullptr);
+  EXPECT_FALSE(own->isModal());
+  EXPECT_TRUE(w.control<QTextBrowser>(own, "page")->toPlainText().contains("Kestrelvane"));
+  w.press(own, "close");
+}
+
+// Started as a user would, in an environment without any display.
+TEST(Program, AnswersWithoutADisplay) {
+  const QString program = QCoreApplication::applicationDirPath() + "/../kestrelvane";
+  for (const char* asked : {"--version", "-v", "--help", "-h"}) {
+    QProcess process;
+    QProcessEnvironment bare = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) bare.remove(name);
+    process.setProcessEnvironment(bare);
+    process.start(program, {asked});
+    ASSERT_TRUE(process.waitForFinished()) << asked;
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << asked;
+    EXPECT_EQ(process.exitCode(), 0) << asked;
+    const QString said = process.readAllStandardOutput();
+    EXPECT_TRUE(said.contains("estrelvane")) << asked << said.toStdString();
+    EXPECT_EQ(said.contains("--show-voltage"), QString(asked).contains('h')) << asked;
+  }
 }
 
 }  // namespace
