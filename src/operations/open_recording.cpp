@@ -194,7 +194,7 @@ void name_recording(session_state& session, const recording_request& request) {
   r.recording_path = format->source_path == nullptr ? request.path : r.*format->source_path;
   session.operation.open_succeeded = true;
   std::string name = file_name_of(r.recording_path);
-  if (r.show_config_in_title) name += " + " + r.config_path;
+  if (r.show_config_in_title) name += " + " + file_name_of(r.config_path);
   set_frame_title(session, "Kestrelvane  -  " + name);
 }
 

@@ -12,6 +12,7 @@
 #include "recording/recent_files.h"
 #include "recording/recording_formats.h"
 #include "support/fixture_files.h"
+#include "support/interleaved_fixture.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -133,6 +134,17 @@ TEST_F(open_test, paths_that_cannot_be_read_are_told_and_change_nothing) {
   EXPECT_EQ(session->recording.recording_path, folder.file("good.tsf"));
   EXPECT_EQ(session->recording.n_samples, 60);
   EXPECT_EQ(check_session(*session), "");
+}
+
+TEST_F(open_test, the_title_names_a_configuration_without_its_folders) {
+  neuroscope_fixture fixture;
+  fixture.n_channels = 2;
+  const std::string path = write_neuroscope(folder.path, fixture);
+  const std::string name = std::filesystem::path(path).stem().string();
+  const std::string config = "Shank 2 channels\n0 1 0 0\n1 2 0 20\n";
+  write_bytes(folder.file(name + ".cfg"), {config.begin(), config.end()});
+  ASSERT_TRUE(open_recording(*session, path));
+  EXPECT_EQ(user.titles.back(), "Kestrelvane  -  " + name + ".xml + " + name + ".cfg");
 }
 
 TEST_F(open_test, a_chosen_filter_overrules_the_extension) {

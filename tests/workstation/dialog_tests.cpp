@@ -343,6 +343,15 @@ TEST(About, ShowsLimitsWhateverTheMachine) {
   EXPECT_EQ(w.control<QLabel>(dialog, "limit_proto_events")->text(), "n/a");
   EXPECT_EQ(w.control<QLabel>(dialog, "allocated_memory")->text(), "0.0 GB");
   w.press(dialog, "ok");
+  // Half a gigabyte is no 0.0: 62 channels of 1 million samples, and their templates.
+  w.session->recording.n_samples = 1'000'000;
+  w.session->recording.n_channels = 62;
+  wait_until([&] { return w.shell.frame->findChild<QDialog*>("about_dialog") == nullptr; });
+  w.choose_entry("about");
+  dialog = w.dialog("about_dialog");
+  EXPECT_EQ(w.control<QLabel>(dialog, "allocated_memory")->text(), "0.4 GB");
+  w.press(dialog, "ok");
+  w.session->recording.n_samples = w.session->recording.n_channels = 0;
 }
 
 }  // namespace

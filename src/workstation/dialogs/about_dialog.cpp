@@ -39,13 +39,13 @@ std::int64_t available_memory_bytes() {
   return 0;
 }
 
-// What samples and templates take, in whole gigabytes as a number with one decimal. The
-// store of proto-events lives for a detection run only and adds nothing here.
+// What samples and templates take, to tenths of a gigabyte: most recordings are below a few.
+// The store of proto-events lives for a detection run only and adds nothing here.
 double allocated_gigabytes(const recording_store& r) {
   const std::int64_t bytes =
       (2 * std::int64_t{r.n_samples} + 2000) * (std::int64_t{r.n_channels} + 1) +
       template_bytes * r.n_channels;
-  return std::round(static_cast<double>(bytes / 1'000'000'000) * 10.0) / 10.0;
+  return std::round(static_cast<double>(bytes) / 1e8) / 10.0;
 }
 
 QGroupBox* limits_box() {
