@@ -12,6 +12,7 @@
 #include <QToolBar>
 
 #include "workstation/commands/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
@@ -82,7 +83,10 @@ void main_frame::place_hint() {
 
 void main_frame::restore_layout() {
   const QSettings store;
-  if (!restoreGeometry(store.value("frame/geometry").toByteArray())) resize(1180, 800);
+  // Its title and its status line in sight on small screens, too.
+  if (!restoreGeometry(store.value("frame/geometry").toByteArray())) {
+    resize(QSize(1180, 800).boundedTo(screen_room(this)));
+  }
   restoreState(store.value("frame/state").toByteArray());
 }
 

@@ -73,6 +73,7 @@ struct desk_state {
   bool flush_posted = false;
   pause_bench bench;
   refresh_clock refreshes;
+  int boxes_shown = 0;                     // the interface thread's
   QPointer<hdf_folder_dialog> hdf_window;  // of the walk that goes on; the interface thread's
 };
 
@@ -240,6 +241,7 @@ void tell_here(void* context, const std::string& text, const std::string& title,
     return;
   }
   wait_for_answer<bool>(context, [&](std::function<void(bool)> reply) {
+    ++w.desk->state->boxes_shown;
     QMessageBox* box = make_box(w, shown, heading, icon);
     QObject::connect(box, &QDialog::finished, box, [reply] { reply(true); });
     box->open();
@@ -376,6 +378,8 @@ void interface_desk::customEvent(QEvent* /*event*/) {
 QString interface_desk::latest(status_field field) const {
   return state->latest[static_cast<std::size_t>(field)];
 }
+
+int interface_desk::boxes_shown() const { return state->boxes_shown; }
 
 bool interface_desk::worker_waits() const {
   const std::lock_guard lock(state->bench.mutex);

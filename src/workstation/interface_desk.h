@@ -34,6 +34,8 @@ class interface_desk : public QObject {
   bool worker_waits() const;  // at a pause point
   // What a field was last set to, for a window that opened later.
   QString latest(status_field field) const;
+  // How many boxes the worker has put up so far; questions are none. Interface thread.
+  int boxes_shown() const;
 
   workstation& shell;
   std::unique_ptr<desk_state> state;  // notices on their way; interface_desk.cpp

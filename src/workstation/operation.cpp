@@ -18,7 +18,9 @@
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/program_options.h"
 #include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -39,11 +41,15 @@ void finish_operation(workstation& w) {
   // Before finished, which may open what the menus open or start the next operation.
   w.frame->set_busy(false);
   if (w.messages) w.messages->set_reading(false);
+  const bool has_read = std::exchange(w.reads_recording, false);
   const std::function<void()> finished = std::exchange(w.worker.finished, nullptr);
   if (w.session.operation.refresh_owed.exchange(false)) {
     refresh_windows(w);
   } else {
     refresh_graphs(w);
+  }
+  if (has_read && w.session.recording.n_samples > 0 && wants(program_option::open_traces)) {
+    open_voltage_window(w);
   }
   if (finished) finished();
   if (w.exit_wanted && !w.worker.running) go_on_leaving(w);
@@ -163,6 +169,7 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
 }
 
 void open_dialog(workstation&, QDialog* dialog) {
+  fit_to_screen(dialog);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->open();
 }
@@ -177,6 +184,7 @@ void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
   QObject::connect(dialog, &QObject::destroyed, w.desk, release);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->setModal(false);
+  fit_to_screen(dialog);
   dialog->show();
 }
 

@@ -4,7 +4,6 @@
 #include <QMdiArea>
 #include <QMdiSubWindow>
 #include <QPlainTextEdit>
-#include <QSettings>
 #include <QStatusBar>
 #include <algorithm>
 #include <memory>
@@ -21,6 +20,7 @@
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/windows/window_table.h"
@@ -69,6 +69,7 @@ void connect_frame(workstation& w) {
   QObject::connect(w.desk, &interface_desk::stage_began, w.frame, [&w](const QString& name) {
     if (name != "reading" || !w.worker.running) return;
     close_graphs(w);  // they show another recording
+    w.reads_recording = true;
     show_messages(w)->set_reading(true);
   });
 }
@@ -84,7 +85,7 @@ void read_settings(workstation& w) {
   // A damaged file makes no window that fits no screen, and no analysis without an end.
   settle_settings(w.session);
   if (!found) compute_window_layout(w);
-  w.session.view.vd_keep_peaks = QSettings().value("keep_peaks", false).toBool();
+  w.session.view.vd_keep_peaks = wants(program_option::keep_peaks);
 }
 
 void begin_idle_loop(workstation& w) {

@@ -63,6 +63,7 @@ struct workstation {
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
+  bool reads_recording = false;       // the running operation has begun to read one
   bool paused = false;                // the worker waits at a pause point
   bool redraw_planned = false;        // for when the session is free again, while paused
   autorecover_timer autorecover;

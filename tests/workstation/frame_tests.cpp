@@ -2,9 +2,11 @@
 #include <gmock/gmock.h>
 
 #include <QAction>
+#include <QComboBox>
 #include <QDropEvent>
 #include <QFile>
 #include <QFileInfo>
+#include <QLineEdit>
 #include <QMdiArea>
 #include <QMenu>
 #include <QMenuBar>
@@ -154,22 +156,26 @@ TEST(Frame, ToolButtonsDoWhatTheirEntriesDo) {
   }
 }
 
-TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
+TEST(Frame, TheOpenDialogOffersEveryFormatAndAllOfThemFirst) {
   const temporary_directory home;
   driven_workstation w(home.path);
   const auto filters = [&](const char* entry) {
     w.choose_entry(entry);
     auto* files = w.shell.frame->findChild<QFileDialog*>("choose_file");
     QStringList all = files->nameFilters();
-    all.prepend(files->selectedNameFilter());
     w.settle();
     wait_until([&] { return w.shell.frame->findChild<QFileDialog*>("choose_file") == nullptr; });
     return all;
   };
   const QStringList first = filters("button_40006");
   ASSERT_EQ(first.size(), 1 + 16 + 1);
-  EXPECT_TRUE(first[0].startsWith("Plexon (")) << "the default type";
-  const char* order[] = {"Surf files",
+  EXPECT_TRUE(first[0].startsWith("All recordings (*.srf *.SRF *.ntt ")) << first[0].toStdString();
+  for (const char* pattern : {"*.nwb", "*.hdf5", "*.h5", "*.ns1", "*.ns9", "*.oebin", "*.PLX"}) {
+    EXPECT_EQ(first[0].count(QString(pattern) + ' ') + first[0].count(QString(pattern) + ')'), 1)
+        << pattern;
+  }
+  const char* order[] = {"All recordings",
+                         "Surf files",
                          "Neuralynx single tetrode",
                          "Neuralynx",
                          "PRF files",
@@ -186,9 +192,32 @@ TEST(Frame, TheOpenDialogOffersEveryFormatAndTheLastOneFirst) {
                          "Plexon PL2",
                          "Open Ephys binary",
                          "All files"};
-  for (int i = 0; i < 17; ++i) EXPECT_TRUE(first[i + 1].startsWith(order[i])) << order[i];
-  w.session->preferences.open_dialog_format = 0;
-  EXPECT_TRUE(filters("open_recording")[0].startsWith("All files"));
+  for (int i = 0; i < 18; ++i) EXPECT_TRUE(first[i].startsWith(order[i])) << order[i];
+  // What the list shows: each pattern once.
+  w.choose_entry("open_recording");
+  const auto* shown =
+      w.shell.frame->findChild<QFileDialog*>("choose_file")->findChild<QComboBox*>("fileTypeCombo");
+  EXPECT_EQ(shown->currentText().trimmed(), "All recordings");
+  EXPECT_EQ(shown->itemText(5).trimmed(), "Plexon (*.PLX)");
+  EXPECT_EQ(shown->itemText(11).trimmed(), "Blackrock(*.NEV)");
+  EXPECT_EQ(shown->itemText(12).trimmed(), "Blackrock extended(*.NSx)");
+  w.settle();
+}
+
+TEST(Frame, TheFilterThatWasChosenNamesTheFormat) {
+  const temporary_directory home, data;
+  driven_workstation w(home.path);
+  make_small_recording(data, "small.data");
+  w.choose_entry("open_recording");
+  auto* files = w.shell.frame->findChild<QFileDialog*>("choose_file");
+  files->selectNameFilter(files->nameFilters().filter("TSF format").value(0));
+  files->findChild<QLineEdit*>("fileNameEdit")
+      ->setText(QString::fromStdString(data.file("small.data")));
+  QMetaObject::invokeMethod(files, "accept");
+  w.settle();
+  w.close_messages();
+  EXPECT_GT(w.session->recording.n_samples, 0);
+  EXPECT_EQ(w.session->recording.file_type, file_type_tsf);
 }
 
 TEST(Frame, EntriesOfLaterVersionsSaySo) {

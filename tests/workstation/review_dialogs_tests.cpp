@@ -4,7 +4,6 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
-#include <QSpinBox>
 #include <QTableView>
 #include <filesystem>
 
@@ -56,7 +55,7 @@ TEST(AcquisitionProperties, ChangesAreKeptByOkAndTakenBackByCancel) {
   EXPECT_EQ(text("n_channels"), "4");
   EXPECT_EQ(text("sampling_frequency"), QString("%1 Hz").arg(r.sampling_frequency));
   EXPECT_EQ(text("n_samples"), QString::number(r.n_samples));
-  w.control<QSpinBox>(dialog, "channel")->setValue(4);
+  w.control<number_field>(dialog, "channel")->setValue(4);
   EXPECT_EQ(w.session->current_channel, 4);
   EXPECT_EQ(text("y_position"), QString("%1 µm").arg(r.chan_y[4]));
 
@@ -170,7 +169,7 @@ TEST(Realign, OneClusterAllOfThemAndBack) {
   w.choose_entry("realign");
   QDialog* dialog = w.dialog("realign_dialog");
   w.settle();
-  EXPECT_EQ(w.control<QSpinBox>(dialog, "cluster")->value(), 2);
+  EXPECT_EQ(w.control<number_field>(dialog, "cluster")->value(), 2);
   EXPECT_EQ(w.text(dialog, "cluster_events").toInt(), count_cluster_events(*w.session, 2));
   const QString sd = w.text(dialog, "template_sd"), mean = w.text(dialog, "mean_template_sd");
   EXPECT_EQ(sd, QString::number(template_sd_uv(*w.session, 2), 'f', 3) + " µV");
@@ -183,7 +182,7 @@ TEST(Realign, OneClusterAllOfThemAndBack) {
   EXPECT_EQ(w.session->strategy.template_align_mode, 1);
   EXPECT_NE(w.places(), before);
   EXPECT_NE(w.text(dialog, "template_sd"), sd);
-  auto* cluster = w.control<QSpinBox>(dialog, "cluster");
+  auto* cluster = w.control<number_field>(dialog, "cluster");
   cluster->setValue(1);
   EXPECT_FALSE(w.control<QPushButton>(dialog, "undo_events")->isEnabled())
       << "the copy is of another cluster";

@@ -3,10 +3,11 @@
 #include <QCheckBox>
 #include <QClipboard>
 #include <QLabel>
+#include <QMdiArea>
+#include <QPlainTextEdit>
 #include <QRadioButton>
 #include <QScrollBar>
 #include <QSlider>
-#include <QSpinBox>
 #include <QTest>
 #include <QWheelEvent>
 
@@ -39,15 +40,26 @@ struct voltage_on_show {
   }
 };
 
-TEST(VoltageWindow, IsAsLargeAsThePreferencesSay) {
+TEST(VoltageWindow, FillsTheFrameUntilThePreferencesSayOtherwise) {
   voltage_on_show v;
-  EXPECT_EQ(v.w.shell.graphs[0]->windowTitle(), "Event display");
-  EXPECT_EQ(v.surface()->size(), QSize(790, 600));
-  EXPECT_EQ(v.view().vd_width, 790);
-  // Left at another size by the user, it is remade at the size asked for.
-  v.w.shell.graphs[0]->resize(500, 400);
+  graph_window* window = v.w.shell.graphs[0];
+  EXPECT_EQ(window->windowTitle(), "Event display");
+  const QSize area = v.w.shell.frame->area()->viewport()->size();
+  EXPECT_EQ(window->width(), area.width());
+  EXPECT_EQ(window->height(), v.w.shell.run_log->parentWidget()->y()) << "down to the run log";
+  EXPECT_EQ(v.view().vd_width, v.surface()->width());
+  keep_window_sizes(v.w.shell);
+  const std::int32_t* size = v.w.session->preferences.voltage_window_size;
+  EXPECT_EQ(QSize(size[0], size[1]), QSize(790, 600)) << "the next frame is filled, too";
+  // At a size that the user has chosen it is made, and made again.
+  v.w.session->preferences.voltage_window_size[0] = 700;
   v.w.choose_entry("voltage_record");
-  EXPECT_EQ(v.surface()->size(), QSize(790, 600));
+  EXPECT_EQ(v.surface()->size(), QSize(700, 600));
+  window->resize(500, 400);
+  v.w.choose_entry("voltage_record");
+  EXPECT_EQ(v.surface()->size(), QSize(700, 600));
+  keep_window_sizes(v.w.shell);
+  EXPECT_EQ(size[0], 700);
 }
 
 TEST(VoltageWindow, WheelAndKeysMoveZoomAndScale) {
@@ -85,13 +97,13 @@ TEST(VoltageDialog, ControlsMoveTheViewAndFollowIt) {
   voltage_on_show v;
   driven_workstation& w = v.w;
   display_settings& d = w.session->display;
-  w.control<QSpinBox>(v.dialog, "vd_time_scale_step")->setValue(1005);
+  w.control<number_field>(v.dialog, "vd_time_scale_step")->setValue(1005);
   EXPECT_EQ(d.vd_time_scale, time_scale_at(1005));
   w.set_number(v.dialog, "vd_voltage_scale", 0.35);
   EXPECT_EQ(d.vd_voltage_scale, 0.35f);
-  EXPECT_EQ(w.control<QSpinBox>(v.dialog, "vd_voltage_scale_step")->value(),
+  EXPECT_EQ(w.control<number_field>(v.dialog, "vd_voltage_scale_step")->value(),
             position_of_voltage_scale(0.35f));
-  w.control<QSpinBox>(v.dialog, "vd_channel_spacing")->setValue(64);
+  w.control<number_field>(v.dialog, "vd_channel_spacing")->setValue(64);
   EXPECT_EQ(d.vd_channel_spacing, 64);
   w.control<QSlider>(v.dialog, "vd_slider_position")->setValue(135);
   const std::int32_t middle = v.view().vd_first_sample;
@@ -161,11 +173,14 @@ TEST(VoltageDialog, WaitsForTheWorkerAndGoesWithItsRecording) {
   w.settle();
   EXPECT_FALSE(enabled) << "it writes what the worker reads";
   EXPECT_TRUE(v.dialog->isEnabled());
+  const QPointer<graph_window> first = w.shell.graphs[0];
   w.choose_entry("open_recording");
   w.settle(true, {QString::fromStdString(v.data.file("small.tsf"))});
   w.close_messages();
   EXPECT_GT(w.session->recording.n_samples, 0);
-  EXPECT_TRUE(w.shell.graphs[0].isNull()) << "another recording, another window";
+  ASSERT_FALSE(w.shell.graphs[0].isNull());
+  EXPECT_NE(w.shell.graphs[0], first) << "another recording, another window";
+  EXPECT_EQ(w.shell.frame->findChild<QDialog*>("voltage_dialog"), nullptr);
 }
 
 TEST(GraphWindow, ARectangleGoesToTheClipboard) {

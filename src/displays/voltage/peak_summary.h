@@ -61,9 +61,12 @@ peak_columns find_peak_columns(const voltage_layout& layout);
 std::int32_t read_peaks(const session_state& session, const peak_columns& columns,
                         std::int32_t channel, peak_summary* peaks, sample_range* ranges);
 
-// Traces keep their peaks now: the choice is on and a pixel holds more than a sample.
+// Traces keep their peaks now: the choice is on and a pixel holds more than a sample, or it
+// holds so many that a trace without its peaks would be a line through noise.
 inline bool keeps_peaks(const session_state& session) {
-  return session.view.vd_keep_peaks && session.display.vd_time_scale < 1.0f;
+  constexpr float samples_without_peaks = 256.0f;
+  const float scale = session.display.vd_time_scale;
+  return scale * samples_without_peaks < 1.0f || (session.view.vd_keep_peaks && scale < 1.0f);
 }
 
 }  // namespace kestrelvane

@@ -99,10 +99,18 @@ event_jump finish_jump(session_state& session, std::int64_t first, std::int32_t 
   return jump;
 }
 
+// Settings from elsewhere may hold any scale.
+void hold_time_scale(session_state& session) {
+  const time_scale_range range = find_time_scale_range(session);
+  float& scale = session.display.vd_time_scale;
+  scale = std::clamp(scale, range.least, range.greatest);
+}
+
 }  // namespace
 
 void prepare_voltage_dialog(session_state& session) {
   session.view.vd_highlight_on = false;
+  hold_time_scale(session);
   if (session.detector.n_proto_marks == 0) session.display.vd_show_proto_events = false;
   show_from_sample(session, session.view.vd_first_sample, last_full_window(session));
 }
@@ -112,6 +120,15 @@ void move_to_slider(session_state& session, std::int32_t position) {
   const float part = static_cast<float>(position - 1) / static_cast<float>(slider_steps);
   const float first = part * static_cast<float>(session.recording.n_samples) + 1.0f;
   show_from_sample(session, static_cast<std::int64_t>(first), last_full_window(session));
+}
+
+void step_slider(session_state& session, std::int32_t steps) {
+  const std::int32_t before = session.view.vd_slider_position, way = steps < 0 ? -1 : 1;
+  for (std::int32_t p = before + steps; p >= 1 && p <= slider_steps + 1; p += way) {
+    move_to_slider(session, p);
+    if ((session.view.vd_slider_position - before) * way > 0) return;
+  }
+  move_to_slider(session, way < 0 ? 1 : slider_steps + 1);
 }
 
 void move_coarsely(session_state& session, std::int32_t direction) {
@@ -214,7 +231,22 @@ shown_range_text displaying_events_text(std::int32_t first_event, std::int32_t n
 }
 
 std::string time_scale_text(const session_state& session) {
-  return fmt::format("{:.3f}", session.display.vd_time_scale);
+  const float scale = session.display.vd_time_scale;
+  // Three decimals, or as many digits where they would be naughts.
+  return scale < 0.1f ? fmt::format("{:.3g}", scale) : fmt::format("{:.3f}", scale);
+}
+
+time_scale_range find_time_scale_range(const session_state& session) {
+  constexpr float narrowest = 100.0f;  // pixels; a window that is not yet drawn has no width
+  const float width = std::max(static_cast<float>(session.view.vd_width), narrowest);
+  const auto n = static_cast<float>(std::max(session.recording.n_samples, 1));
+  time_scale_range range;
+  range.least = std::min(width / n, 1.0f);
+  range.greatest = 100.0f;
+  // The position at the limit is the one below it; the limit itself is reached by typing.
+  range.first = position_of_time_scale(range.least) + 1;
+  range.last = position_of_time_scale(range.greatest);
+  return range;
 }
 
 void wheel_through_time(session_state& session, std::int32_t notches) {
@@ -227,6 +259,7 @@ void wheel_time_scale(session_state& session, std::int32_t notches, std::int32_t
   display_settings& display = session.display;
   const float old_scale = display.vd_time_scale;
   display.vd_time_scale = time_scale_at(position_of_time_scale(old_scale) + notches);
+  hold_time_scale(session);
   const voltage_layout layout = lay_out_voltage(session);
   const double pixels = mouse_x - layout.margin;
   // What lies under the pointer stays there.

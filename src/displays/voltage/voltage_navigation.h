@@ -18,6 +18,9 @@ void prepare_voltage_dialog(session_state& session);
 
 // The position slider, 1..270. Every other move sets it in turn.
 void move_to_slider(session_state& session, std::int32_t position);
+// Moves on or back by so many positions, and by one at least: what a place makes of the
+// position that led to it is rounded downwards, so that a plain step on would come back.
+void step_slider(session_state& session, std::int32_t steps);
 
 // "Position adjust": 250 pixels, or 10 pixels and 5 samples; direction +1 or -1.
 void move_coarsely(session_state& session, std::int32_t direction);
@@ -58,8 +61,16 @@ struct shown_range_text {
 };
 shown_range_text displaying_events_text(std::int32_t first_event, std::int32_t n_events_shown);
 
-// The time scale as its box shows it, with three decimals.
+// The time scale as its box shows it, to three decimals, or to three digits below 0.1.
 std::string time_scale_text(const session_state& session);
+
+// How far the controls zoom time, pixels per sample: from the whole recording in the view to
+// a hundred pixels. The spinner's positions inside are first..last.
+struct time_scale_range {
+  float least = 1.0f, greatest = 1.0f;
+  std::int32_t first = 1, last = 2000;
+};
+time_scale_range find_time_scale_range(const session_state& session);
 
 // The mouse wheel; notches away from the user are positive and go back in time, magnify.
 // The sample under the pointer keeps its place when the time scale changes.

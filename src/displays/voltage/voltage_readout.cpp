@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <QFontMetrics>
 #include <algorithm>
 #include <cmath>
+#include <string>
 #include <vector>
 
 #include "displays/display_colours.h"
@@ -112,20 +114,42 @@ float rounded_microvolts(float v) {
   return static_cast<float>(static_cast<std::int32_t>(tenths)) / 10.0f - 1000.0f;
 }
 
-void draw_labels(QPainter& painter) {
-  draw_text(painter, 5, 1,
-            QStringLiteral("Voltage=          µV; Channel #=        ; time=                mins; "
-                           "index="));
+// A field of the line: its label, the longest value it has room for, what follows.
+struct readout_field {
+  const char* label;
+  const char* longest;
+  const char* unit;
+  std::string value;
+};
+
+std::vector<readout_field> fields_of(const voltage_reading& reading) {
+  return {
+      {"Voltage= ", "-9999.9", " µV; ", fmt::format("{:6.1f}", reading.microvolts)},
+      {"Channel #= ", "9999", "; ", fmt::format("{:3}", reading.channel)},
+      {"time= ", "9999.9999", " mins = ", fmt::format("{:8.4f}", reading.minutes)},
+      {"", "99999.9999", " s; ", fmt::format("{:.4f}", reading.minutes * 60.0)},
+      {"index= ", "9999999999", "", fmt::format("{}", reading.index)},
+  };
 }
 
-void draw_values(QPainter& painter, const voltage_reading& reading) {
-  const auto put = [&](std::int32_t x, const std::string& text) {
-    draw_text(painter, x, 1, QString::fromStdString(text));
+// Values stand at the right of their room, so that digits do not jump under the pointer. Returns
+// the x behind the last field.
+std::int32_t draw_fields(QPainter& painter, const voltage_reading& reading, bool only_measure) {
+  const QFontMetrics metrics = painter.fontMetrics();
+  std::int32_t x = 7;
+  const auto put = [&](const QString& text, std::int32_t room) {
+    const std::int32_t width = metrics.horizontalAdvance(text);
+    if (!only_measure) draw_text(painter, x + std::max(room - width, 0), 1, text);
+    x += std::max(room, width);
   };
-  put(47, fmt::format("{:6.1f}", reading.microvolts));
-  put(150, fmt::format("{:3}", reading.channel));
-  put(206, fmt::format("{:8.4f}", reading.minutes));
-  put(312, fmt::format("{:10}", reading.index));
+  for (const readout_field& field : fields_of(reading)) {
+    const QString value = QString::fromStdString(field.value).trimmed();
+    put(field.label, 0);
+    put(reading.found ? value : QString(), metrics.horizontalAdvance(field.longest));
+    x += 2;
+    put(field.unit, 0);
+  }
+  return x;
 }
 
 // Real time of a time index in minutes: by the sampling frequency, or by the time stamp of
@@ -166,11 +190,11 @@ voltage_reading read_voltage_at_pointer(session_state& session) {
 void draw_readout(session_state& session, QPainter& painter, const voltage_reading& reading) {
   const bool reversed = session.view.vd_reverse_contrast;
   painter.save();
-  painter.fillRect(5, 2, 376, 15, colour_of_word(reversed ? 0 : 0xF2F2F2));
   use_font(session, painter, "t'Arial'h16w5");
+  const std::int32_t end = draw_fields(painter, reading, true);
+  painter.fillRect(5, 2, end + 2 - 5, 15, colour_of_word(reversed ? 0 : 0xF2F2F2));
   painter.setPen(colour_of_word(reversed ? 0xFFFFFF : 0xFF));
-  draw_labels(painter);
-  if (reading.found) draw_values(painter, reading);
+  draw_fields(painter, reading, false);
   painter.restore();
 }
 

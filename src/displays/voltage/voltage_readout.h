@@ -13,7 +13,7 @@ struct voltage_reading {
   std::int32_t channel = 0;      // of the nearest trace
   std::int32_t index = 0;        // time index of its nearest column
   float microvolts = 0;          // of the trace there, to one decimal
-  double minutes = 0;            // from the recording's start
+  double minutes = 0;            // from the recording's start; shown in seconds, too
   std::int32_t distance = 1000;  // pixels, vertical
 };
 
@@ -22,7 +22,8 @@ struct voltage_reading {
 // column that is nearer to the pointer, at its own time.
 voltage_reading read_voltage_at_pointer(session_state& session);
 
-// Draws the line at the top left: labels, and the values when something was found.
+// Draws the line at the top left: labels, and the values when something was found. Each field
+// has room for its longest value.
 void draw_readout(session_state& session, QPainter& painter, const voltage_reading& reading);
 
 }  // namespace kestrelvane

@@ -2,10 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <QFontMetrics>
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <utility>
 
 #include "displays/display_colours.h"
 #include "displays/display_fonts.h"
@@ -96,12 +98,20 @@ std::uint32_t block_colour(const voltage_painting& p, std::int32_t cluster) {
   return p.reversed ? 0x212121 : lighten_word(0xD8D8D8);
 }
 
+// Half the width of a mark that is so wide where a sample has a pixel: zoomed out it shrinks
+// with its spike, or the marks would run into one band that hides which traces have spikes.
+std::int32_t half_width(const voltage_painting& p, std::int32_t full) {
+  const float shrunk = static_cast<float>(full) * std::min(p.layout.time_scale, 1.0f);
+  return static_cast<std::int32_t>(std::lround(shrunk));
+}
+
 void draw_cluster_block(voltage_painting& p, const visible_event& shown) {
+  constexpr std::int32_t full = 8;
   const std::int32_t cluster = p.session.events.event_cluster[shown.event];
-  const std::int32_t y = row_baseline(p.layout, shown.row);
-  p.fill(shown.x - 8, y - 10, 17, 21, block_colour(p, cluster));
+  const std::int32_t y = row_baseline(p.layout, shown.row), half = half_width(p, full);
+  p.fill(shown.x - half, y - 10, 2 * half + 1, 21, block_colour(p, cluster));
   // The mark of sub-cluster 1, in a corner of its block.
-  if (cluster > 0 && p.session.events.event_subcluster[shown.event] == 1) {
+  if (half == full && cluster > 0 && p.session.events.event_subcluster[shown.event] == 1) {
     p.fill(shown.x + 6, y + 7, 2, 2, white);
   }
 }
@@ -111,9 +121,9 @@ void draw_event_mark(voltage_painting& p, const visible_event& shown) {
   const bool at_home = p.session.events.event_channel[shown.event] == shown.channel;
   const std::uint32_t word = at_home ? red : blue;
   const std::int32_t x = shown.x, y = row_baseline(p.layout, shown.row);
-  mark_place(p, x, y, word);
-  p.fill(x - 2, y, 1, 1, word);
-  p.fill(x + 2, y, 1, 1, word);
+  const std::int32_t half = half_width(p, 2);
+  p.fill(x - half, y, 2 * half + 1, 1, word);
+  if (half > 0) p.fill(x - half / 2, y - 1, 2 * (half / 2) + 1, 3, word);
   p.fill(x, y - 2, 1, 1, word);
   p.fill(x, y + 2, 1, 1, word);
 }
@@ -225,22 +235,50 @@ std::int32_t bar_length(float pixels) {
   return static_cast<std::int32_t>(std::clamp(pixels, 0.0f, 1e4f));
 }
 
+// The value of a bar: the usual one where that is neither a speck nor too long, else the
+// longest of 1, 2, 5 times a power of ten that fits.
+double bar_value(double usual, double pixels_per_unit, double shortest, double longest) {
+  const double length = usual * pixels_per_unit;
+  if (!(pixels_per_unit > 0) || (length >= shortest && length <= longest)) return usual;
+  const double most = longest / pixels_per_unit;
+  const double power = std::pow(10.0, std::floor(std::log10(most)));
+  const double digit = most / power;
+  return power * (digit >= 5 ? 5 : digit >= 2 ? 2 : 1);
+}
+
+std::string time_text(double ms) {
+  // The usual ones in two digits.
+  if (ms == 1 || ms == 5 || ms == 10) return fmt::format("{:2} ms", static_cast<int>(ms));
+  if (ms < 1) return fmt::format("{:g} µs", ms * 1000);
+  if (ms < 1000) return fmt::format("{:g} ms", ms);
+  return ms < 60'000 ? fmt::format("{:g} s", ms / 1000) : fmt::format("{:.3g} min", ms / 60'000);
+}
+
 void draw_time_bar(voltage_painting& p) {
-  constexpr float longest = 400.0f;
-  const float ms = pixels_per_ms(p);
+  constexpr float longest = 400.0f, shortest = 40.0f;
+  // By the rate itself where whole samples would not make a millisecond.
+  const float whole = pixels_per_ms(p);
+  const float ms = whole > 0 ? whole
+                             : static_cast<float>(p.session.recording.sampling_frequency) *
+                                   p.layout.time_scale / 1000.0f;
   // As long a bar as fits, of ten, five or one.
-  const std::int32_t n_ms = 10 * ms <= longest ? 10 : 5 * ms <= longest ? 5 : 1;
-  const std::int32_t length = bar_length(static_cast<float>(n_ms) * ms);
+  const int usual = 10 * ms <= longest ? 10 : 5 * ms <= longest ? 5 : 1;
+  const double n_ms = bar_value(usual, ms, shortest, longest);
+  const std::int32_t length = bar_length(static_cast<float>(n_ms * ms));
   const std::int32_t end = p.layout.width - 20;
   p.painter.fillRect(end - length, 3, length, 2, p.text_colour());
-  draw_text(p.painter, end - length / 2 - 20, 5,
-            QString::fromStdString(fmt::format("{:2} ms", n_ms)));
+  draw_text(p.painter, end - length / 2 - 20, 5, QString::fromStdString(time_text(n_ms)));
 }
 
 void draw_voltage_bar(voltage_painting& p) {
-  const std::int32_t length = bar_length(200.0f * p.session.display.vd_voltage_scale);
+  const float pixels = p.session.display.vd_voltage_scale;
+  const double longest = std::max(p.layout.height - 60, 20);
+  const double uv = bar_value(200, pixels, 8, longest);
+  const std::int32_t length = bar_length(static_cast<float>(uv * pixels));
   p.painter.fillRect(p.layout.width - 25, 30, 2, length, p.text_colour());
-  draw_turned_text(p.painter, p.layout.width - 22, length / 2 + 50, QStringLiteral("200 µV"));
+  const std::string text =
+      uv < 10'000 ? fmt::format("{:g} µV", uv) : fmt::format("{:g} mV", uv / 1000);
+  draw_turned_text(p.painter, p.layout.width - 22, length / 2 + 50, QString::fromStdString(text));
 }
 
 void draw_scale_bars(voltage_painting& p) {
@@ -267,17 +305,31 @@ void draw_channel_numbers(voltage_painting& p) {
   }
 }
 
+// A number that would run into the one before it in its row is left out.
 void draw_cluster_numbers(voltage_painting& p, const std::vector<visible_event>& events) {
   const bool roomy = p.layout.spacing > 25;
   use_font(p.session, p.painter, roomy ? "t'Arial'h14w0" : "t'Arial'h10w0");
   p.painter.setPen(p.text_colour());
-  for (const visible_event& shown : events) {
+  const QFontMetrics metrics = p.painter.fontMetrics();
+  // Events come in the order of their discovery.
+  std::vector<visible_event> in_rows = events;
+  std::sort(in_rows.begin(), in_rows.end(), [](const visible_event& a, const visible_event& b) {
+    return std::pair(a.row, a.x) < std::pair(b.row, b.x);
+  });
+  std::int32_t row = 0, free_from = 0;
+  for (const visible_event& shown : in_rows) {
     const std::int32_t cluster = p.session.events.event_cluster[shown.event];
     // An event before the left edge has its number where channels have theirs.
     if (cluster <= 0 || p.session.events.event_time[shown.event] < p.layout.first_sample) continue;
     const std::int32_t y = row_baseline(p.layout, shown.row);
-    draw_text(p.painter, shown.x - (roomy ? 14 : 10), y - (roomy ? 22 : 19),
-              QString::fromStdString(fmt::format("{:4}", cluster)));
+    const QString text = QString::fromStdString(fmt::format("{:4}", cluster));
+    const std::int32_t left = shown.x - (roomy ? 14 : 10);
+    const std::int32_t end = left + metrics.horizontalAdvance(text);
+    const std::int32_t first_digit = end - metrics.horizontalAdvance(text.trimmed());
+    if (shown.row == row && first_digit < free_from) continue;
+    row = shown.row;
+    free_from = end + 2;
+    draw_text(p.painter, left, y - (roomy ? 22 : 19), text);
   }
 }
 

@@ -13,8 +13,9 @@ namespace kestrelvane {
 
 namespace {
 
-// File names are matched in either case of letters, as the file systems of other
-// platforms do it; the label stays as it is.
+// File names are matched in either case of letters, as the file systems of other platforms
+// do it. The list shows the text before the last brackets, which are for the dialog alone: a
+// label with its patterns as they stand, once, or without them where they would fill the screen.
 QString with_both_cases(const QString& filter) {
   static const QRegularExpression pattern(R"(\(([^)]*)\)\s*$)");
   const QRegularExpressionMatch match = pattern.match(filter);
@@ -22,10 +23,13 @@ QString with_both_cases(const QString& filter) {
   QStringList patterns;
   const QStringList words = match.captured(1).split(' ', Qt::SkipEmptyParts);
   for (const QString& word : words) {
-    if (!patterns.contains(word)) patterns << word;
-    if (!patterns.contains(word.toLower())) patterns << word.toLower();
+    for (const QString& pattern : {word, word.toLower(), word.toUpper()}) {
+      if (!patterns.contains(pattern)) patterns << pattern;
+    }
   }
-  return filter.left(match.capturedStart()).trimmed() + " (" + patterns.join(' ') + ')';
+  const QString label = filter.left(match.capturedStart()).trimmed();
+  const bool bare = label.contains('(') || words.size() > 4;
+  return (bare ? label : filter) + " (" + patterns.join(' ') + ')';
 }
 
 // The name follows the kind of file that is chosen for it, while the dialog is open: it asks
@@ -36,6 +40,16 @@ void follow_filter(QFileDialog* dialog, const QString& filter) {
   const QFileInfo name(dialog->selectedFiles().value(0));
   dialog->setDefaultSuffix(suffix);
   if (!name.suffix().isEmpty()) dialog->selectFile(name.completeBaseName() + '.' + suffix);
+}
+
+// The number of the filter on show. A dialog tells it with its patterns or without them.
+int chosen_filter(const QFileDialog& dialog, const QStringList& filters) {
+  const QString shown = dialog.selectedNameFilter().trimmed();
+  for (int i = 0; i < filters.size(); ++i) {
+    const QString label = filters[i].left(filters[i].lastIndexOf('(')).trimmed();
+    if (filters[i] == shown || label == shown) return i;
+  }
+  return -1;
 }
 
 }  // namespace
@@ -58,6 +72,7 @@ void choose_file(workstation& w, const file_choice& choice,
   dialog->setFileMode(choice.saving ? QFileDialog::AnyFile : QFileDialog::ExistingFile);
   QStringList filters;
   for (const QString& filter : choice.filters) filters << with_both_cases(filter);
+  dialog->setOption(QFileDialog::HideNameFilterDetails);
   dialog->setNameFilters(filters);
   dialog->selectNameFilter(filters.value(choice.selected_filter));
   if (!choice.default_suffix.isEmpty()) dialog->setDefaultSuffix(choice.default_suffix);
@@ -70,16 +85,16 @@ void choose_file(workstation& w, const file_choice& choice,
                            ? last_directory()
                            : offered.absolutePath());
   if (!choice.path.isEmpty()) dialog->selectFile(offered.fileName());
-  QObject::connect(
-      dialog, &QDialog::finished, w.frame, [dialog, filters, then = std::move(then)](int result) {
-        const QStringList chosen = dialog->selectedFiles();
-        if (result != QDialog::Accepted || chosen.isEmpty()) {
-          then({}, 0);
-          return;
-        }
-        remember_directory(chosen.first());
-        then(chosen.first(), static_cast<int>(filters.indexOf(dialog->selectedNameFilter())));
-      });
+  QObject::connect(dialog, &QDialog::finished, w.frame,
+                   [dialog, filters, then = std::move(then)](int result) {
+                     const QStringList chosen = dialog->selectedFiles();
+                     if (result != QDialog::Accepted || chosen.isEmpty()) {
+                       then({}, 0);
+                       return;
+                     }
+                     remember_directory(chosen.first());
+                     then(chosen.first(), chosen_filter(*dialog, filters));
+                   });
   dialog->open();
 }
 

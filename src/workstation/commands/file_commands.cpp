@@ -1,5 +1,6 @@
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <optional>
 
 #include "operations/open_recording.h"
@@ -34,6 +35,19 @@ QString dialog_filter(const recording_format& format) {
   return label + " (" + patterns.join(' ') + ')';
 }
 
+// Every pattern of every format.
+QString all_recordings(const QList<const recording_format*>& formats) {
+  static const QRegularExpression pattern(R"(\*\.\w+)");
+  QStringList patterns;
+  for (const recording_format* format : formats) {
+    for (const QRegularExpressionMatch& match : pattern.globalMatch(dialog_filter(*format))) {
+      // "x" stands for a digit there, and the digits follow.
+      if (match.captured() != "*.NSx") patterns << match.captured().toLower();
+    }
+  }
+  return "All recordings (" + patterns.join(' ') + ')';
+}
+
 // Codes in the order of the dialog's filters, which is the order of the codes.
 QList<const recording_format*> formats_by_code() {
   QList<const recording_format*> formats;
@@ -58,21 +72,16 @@ void read_recording(workstation& w, recording_decision prepare) {
 
 void choose_recording(workstation& w) {
   const QList<const recording_format*> formats = formats_by_code();
-  file_choice choice{"Open a recording file", {}, {}, false};
-  choice.selected_filter = static_cast<int>(formats.size());  // all files, of no type
-  for (const recording_format* format : formats) {
-    if (format->code == w.session.preferences.open_dialog_format) {
-      choice.selected_filter = static_cast<int>(choice.filters.size());
-    }
-    choice.filters << dialog_filter(*format);
-  }
+  // First, and chosen: most users know their file and not the filter that would hide it.
+  file_choice choice{"Open a recording file", {all_recordings(formats)}, {}, false};
+  for (const recording_format* format : formats) choice.filters << dialog_filter(*format);
   choice.filters << all_files;
   choose_file(w, choice, [&w, formats](const QString& path, int filter) {
     if (path.isEmpty()) return;
     // A known extension says more than a filter that was merely left as it stood.
-    const bool picked = filter >= 0 && filter < formats.size();
+    const bool picked = filter >= 1 && filter <= formats.size();
     const std::int32_t own = classify_extension(path.toStdString());
-    const std::int32_t code = own != file_type_unknown || !picked ? own : formats[filter]->code;
+    const std::int32_t code = own != file_type_unknown || !picked ? own : formats[filter - 1]->code;
     const recording_request chosen{path.toStdString(), code};
     read_recording(
         w, [chosen](session_state& session) { return prepare_chosen_recording(session, chosen); });

@@ -3,7 +3,6 @@
 #include <QAction>
 #include <QFileInfo>
 #include <QMenuBar>
-#include <QSettings>
 #include <QStatusBar>
 #include <QToolBar>
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include "recording/recent_files.h"
 #include "workstation/commands/commands.h"
 #include "workstation/frame.h"
+#include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/workstation.h"
 
@@ -179,7 +179,6 @@ constexpr int group_ends[] = {40003, 40007, 40013, 40021};
 // clang-format on
 
 constexpr const char* recent_property = "recent_entry";
-constexpr const char* research_key = "research_tools";
 
 QMenu* menu_of(QMenuBar* bar, const char* label) {
   const QString name = QString(label).remove('&').toLower().replace('-', '_') + "_menu";
@@ -285,12 +284,8 @@ void build_menus(workstation& w) {
   build_toolbar(w);
 }
 
-bool wants_research_tools() { return QSettings().value(research_key, false).toBool(); }
-
-void keep_research_tools(bool wanted) { QSettings().setValue(research_key, wanted); }
-
 void show_full_entries(workstation& w) {
-  const bool shown = !w.session.log.short_menu || wants_research_tools();
+  const bool shown = !w.session.log.short_menu || wants(program_option::research_tools);
   for (const menu_row& row : rows) {
     if (row.full) w.frame->findChild<QAction*>(row.name)->setVisible(shown);
   }

@@ -44,9 +44,6 @@ std::span<const int> toolbar_order();
 
 // Fills the menu bar, and the tool bar with it.
 void build_menus(workstation& w);
-// Whether the user wants the research tools in the menus, kept in the platform's store.
-bool wants_research_tools();
-void keep_research_tools(bool wanted);
 // Shows or hides the rows marked full, as short_menu and the user's wish have it.
 void show_full_entries(workstation& w);
 // The numbered entries of recent recordings.

@@ -1,5 +1,4 @@
 #include <QHBoxLayout>
-#include <QSpinBox>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <filesystem>
@@ -30,8 +29,7 @@ struct acquisition_window {
   std::vector<std::int32_t> old_order;
   bool changed = false;
   QLabel *scaling = nullptr, *x = nullptr, *y = nullptr, *place = nullptr;
-  number_field *new_scaling = nullptr, *scan_angle = nullptr;
-  QSpinBox* channel = nullptr;
+  number_field *new_scaling = nullptr, *scan_angle = nullptr, *channel = nullptr;
 
   acquisition_window(workstation& of, operation_dialog* d)
       : w(of), dialog(d), old_vscale(of.session.recording.vscale_HP) {
@@ -56,7 +54,7 @@ void add_path(QFormLayout* rows, const char* name, const QString& label, const Q
 
 void show_changeable(const acquisition_window& a) {
   const recording_store& r = a.w.session.recording;
-  const std::int32_t channel = a.channel->value();
+  const auto channel = static_cast<std::int32_t>(a.channel->value());
   const auto um = [](std::int16_t position) { return QString("%1 µm").arg(position); };
   a.x->setText(um(r.chan_x[channel]));
   a.y->setText(um(r.chan_y[channel]));
@@ -164,20 +162,16 @@ QLayout* order_row(const shared_acquisition& a) {
 QGroupBox* channel_box(const shared_acquisition& a) {
   session_state& session = a->w.session;
   auto* rows = new QFormLayout;
-  a->channel = new QSpinBox;
-  a->channel->setObjectName("channel");
-  a->channel->setRange(1, session.recording.n_channels);
-  a->channel->setAccelerated(true);
-  a->channel->setMaximumWidth(100);
-  a->channel->setToolTip("Channel whose site is shown");
-  rows->addRow("Channel #", a->channel);
+  a->channel = free_number(a->dialog, "channel", 1, session.recording.n_channels,
+                           {.tip = "Channel whose site is shown"});
+  rows->addRow("Channel #", a->channel->row());
   a->x = add_value(rows, "x_position", "X position", {}, "Across the probe, µm");
   a->y = add_value(rows, "y_position", "Y position", {}, "Along the probe, µm");
   a->place = add_value(rows, "sort_order", "Sort order", {},
                        "Row of the channel in displays, counted from 1");
   rows->addRow("scan angle", order_row(a));
-  QObject::connect(a->channel, &QSpinBox::valueChanged, a->dialog, [a](int channel) {
-    a->w.session.current_channel = channel;
+  QObject::connect(a->channel, &QDoubleSpinBox::valueChanged, a->dialog, [a](double channel) {
+    a->w.session.current_channel = static_cast<std::int32_t>(channel);
     show_changeable(*a);
   });
   return titled_box("Channel", rows);

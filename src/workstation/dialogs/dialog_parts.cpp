@@ -1,5 +1,9 @@
 #include "workstation/dialogs/dialog_parts.h"
 
+#include <QScreen>
+#include <QScrollArea>
+#include <QStyle>
+#include <QVBoxLayout>
 #include <utility>
 
 #include "workstation/interface_desk.h"
@@ -64,6 +68,67 @@ QList<QWidget*> inputs_of(const QWidget* widget) {
     }
   }
   return inputs;
+}
+
+QSize screen_room(const QWidget* widget) {
+  constexpr QSize decoration(16, 48);
+  return widget->screen()->availableGeometry().size() - decoration;
+}
+
+namespace {
+
+// Shows all of its page where there is room, and asks for no more than a corner of it.
+class page_area : public QScrollArea {
+ public:
+  explicit page_area(QWidget* page) {
+    setObjectName("page_area");
+    setFrameShape(QFrame::NoFrame);
+    setWidgetResizable(true);
+    setWidget(page);
+  }
+  QSize sizeHint() const override {
+    const int bar = style()->pixelMetric(QStyle::PM_ScrollBarExtent);
+    return widget()->sizeHint() + QSize(bar + 2, 2);
+  }
+};
+
+// Moves an entry of a layout to another one.
+void move_entry(QBoxLayout* from, int index, QBoxLayout* to) {
+  const int stretch = from->stretch(index);
+  QLayoutItem* entry = from->takeAt(index);
+  if (QLayout* layout = entry->layout()) {
+    to->addLayout(layout, stretch);
+  } else if (QWidget* widget = entry->widget()) {
+    to->addWidget(widget, stretch);
+    delete entry;
+  } else {
+    to->addItem(entry);
+  }
+}
+
+void make_scroll(QBoxLayout* column) {
+  int n_fixed = 1;  // the buttons
+  const int above = column->count() - 2;
+  // Words about what was typed or what runs, which Start and OK may be waiting for.
+  if (above >= 0 && qobject_cast<QLabel*>(column->itemAt(above)->widget())) ++n_fixed;
+  auto* page = new QWidget;
+  auto* inside = new QVBoxLayout(page);
+  inside->setContentsMargins(0, 0, 0, 0);
+  while (column->count() > n_fixed) move_entry(column, 0, inside);
+  column->insertWidget(0, new page_area(page), 1);
+}
+
+}  // namespace
+
+void fit_to_screen(QDialog* dialog) {
+  const QSize room = screen_room(dialog);
+  auto* column = qobject_cast<QVBoxLayout*>(dialog->layout());
+  if (column == nullptr) return;
+  const QSize least = column->totalMinimumSize();
+  if (least.width() > room.width() || least.height() > room.height()) make_scroll(column);
+  // One that was given a size keeps it as far as it goes.
+  const bool sized = dialog->testAttribute(Qt::WA_Resized);
+  dialog->resize((sized ? dialog->size() : dialog->sizeHint()).boundedTo(room));
 }
 
 QProgressBar* make_bar(const char* object_name, int range) {

@@ -1,6 +1,7 @@
 // Pieces that the dialogs share, so that they look alike.
 #pragma once
 
+#include <QDialog>
 #include <QDialogButtonBox>
 #include <QFormLayout>
 #include <QGroupBox>
@@ -45,6 +46,14 @@ QList<QWidget*> inputs_of(const QWidget* widget);
 
 // A bar from 0 to range.
 QProgressBar* make_bar(const char* object_name, int range);
+
+// Room for a window on the screen of a widget, its title and borders taken off.
+QSize screen_room(const QWidget* widget);
+
+// A dialog that is about to be shown gets a size that its screen has room for. Where that is
+// less than it needs, all above its buttons and the message over them scrolls, so that the
+// buttons are always in sight. Its layout has to be a column that ends in its buttons.
+void fit_to_screen(QDialog* dialog);
 
 // What a dialog shows of the worker's progress, in rows. Several meters may share a bar.
 struct followed_meter {

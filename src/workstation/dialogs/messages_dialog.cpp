@@ -1,5 +1,6 @@
 #include "workstation/dialogs/messages_dialog.h"
 
+#include <QCheckBox>
 #include <QDialogButtonBox>
 #include <QFormLayout>
 #include <QLineEdit>
@@ -13,6 +14,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/program_options.h"
 #include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
 
@@ -76,6 +78,14 @@ void messages_dialog::lay_out() {
   connect(interrupt_, &QPushButton::clicked, this, &messages_dialog::interrupt_reading);
   connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
 
+  close_itself_ = new QCheckBox("Close when read and nothing went wrong");
+  close_itself_->setObjectName("close_messages");
+  close_itself_->setToolTip(
+      "After a recording has been read without a warning, do not wait for OK");
+  close_itself_->setChecked(wants(program_option::close_messages));
+  connect(close_itself_, &QCheckBox::toggled, this,
+          [](bool on) { keep_wish(program_option::close_messages, on); });
+
   auto* form = new QFormLayout;
   form->setFieldGrowthPolicy(QFormLayout::ExpandingFieldsGrow);
   form->addRow("Filename:", file_name_);
@@ -83,6 +93,7 @@ void messages_dialog::lay_out() {
   layout->addLayout(form);
   layout->addWidget(lines_, 1);
   layout->addWidget(bar_);
+  layout->addWidget(close_itself_);
   layout->addWidget(buttons);
   resize(640, 420);
 }
@@ -95,6 +106,8 @@ messages_dialog::~messages_dialog() {
 }
 
 void messages_dialog::set_reading(bool reading) {
+  const bool has_read = reading_ && !reading;
+  if (!reading_ && reading) boxes_before_ = w_.desk->boxes_shown();
   reading_ = reading;
   ok_->setEnabled(!reading);
   interrupt_->setEnabled(reading);
@@ -102,6 +115,8 @@ void messages_dialog::set_reading(bool reading) {
   const QString name = w_.desk->latest(status_field::file_name);
   if (reading && !name.isEmpty()) file_name_->setText(name);
   if (!reading) ok_->setFocus();  // Return then leaves, as most users want to
+  const bool well = w_.session.recording.n_samples > 0 && w_.desk->boxes_shown() == boxes_before_;
+  if (has_read && well && close_itself_->isChecked()) accept();
 }
 
 // Once: reading stops at its next poll, and nothing of the recording stays.

@@ -2,11 +2,14 @@
 //
 // It opens by itself when an operation begins to read a recording, and by its menu entry.
 // OK is live when nothing runs, Interrupt while a recording is read. While it is open, new
-// lines of the log go into its list.
+// lines of the log go into its list. It waits for OK unless the user has ticked that it close
+// by itself after a reading in which nothing went wrong: a recording is in memory, and no box
+// has come.
 #pragma once
 
 #include "workstation/operation.h"
 
+class QCheckBox;
 class QLineEdit;
 class QListWidget;
 class QProgressBar;
@@ -37,6 +40,8 @@ class messages_dialog : public operation_dialog {
   QProgressBar* bar_;
   QPushButton* ok_;
   QPushButton* interrupt_;
+  QCheckBox* close_itself_;
+  int boxes_before_ = 0;  // that the desk had shown when the reading began
   bool reading_ = false;
 };
 

@@ -7,7 +7,6 @@
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QPushButton>
-#include <QSettings>
 #include <QTabWidget>
 #include <QVBoxLayout>
 #include <array>
@@ -22,6 +21,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/frame.h"
+#include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/windows/window_table.h"
@@ -80,6 +80,7 @@ struct preferences_window {
   QComboBox* theme = nullptr;
   QCheckBox* keep_peaks = nullptr;
   QCheckBox* research_tools = nullptr;
+  QCheckBox* open_traces = nullptr;
   QCheckBox* log_file = nullptr;
   bool arrange = false;  // "Default" was pressed: windows go back to their places
   QList<QPushButton*> colour_buttons;
@@ -160,8 +161,9 @@ bool apply(preferences_window& p) {
   // A file that cannot be opened turns the option off.
   p.log_file->setChecked(record.log_file_enabled);
   session.view.vd_keep_peaks = p.keep_peaks->isChecked();
-  QSettings().setValue("keep_peaks", p.keep_peaks->isChecked());
-  keep_research_tools(p.research_tools->isChecked());
+  keep_wish(program_option::keep_peaks, p.keep_peaks->isChecked());
+  keep_wish(program_option::research_tools, p.research_tools->isChecked());
+  keep_wish(program_option::open_traces, p.open_traces->isChecked());
   show_full_entries(p.w);
   choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
   apply_theme();
@@ -244,7 +246,15 @@ QCheckBox* research_box() {
   box->setToolTip(
       "Show the entries that few laboratories need: spectra, distributions, exports of features "
       "and noise, import of .ptcs files");
-  box->setChecked(wants_research_tools());
+  box->setChecked(wants(program_option::research_tools));
+  return box;
+}
+
+QCheckBox* traces_box() {
+  auto* box = new QCheckBox("Show the traces of a recording that was opened");
+  box->setObjectName("open_traces");
+  box->setToolTip("The voltage record opens by itself when a recording has been read");
+  box->setChecked(wants(program_option::open_traces));
   return box;
 }
 
@@ -277,6 +287,7 @@ QWidget* program_page(preferences_window& p) {
   form->addRow(logical_control(p.form, "tell_new_cluster",
                                "tell user when a new cluster is manually created",
                                "Show a box whenever a cluster is made by hand"));
+  form->addRow(p.open_traces = traces_box());
   form->addRow(p.research_tools = research_box());
   form->addRow("Save autorecover information", p.autorecover = autorecover_list());
   form->addRow("Auto/cross-correlogram binwidths", binwidths_row(p));

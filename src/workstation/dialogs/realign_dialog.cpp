@@ -1,5 +1,4 @@
 #include <QHBoxLayout>
-#include <QSpinBox>
 #include <QVBoxLayout>
 #include <memory>
 #include <vector>
@@ -30,7 +29,7 @@ struct realign_window {
   event_times_copy copy;                  // of the cluster realigned last
   std::vector<std::int32_t> sizes = {0};  // events of each cluster
   double mean_sd = 0;                     // µV
-  QSpinBox* cluster = nullptr;
+  number_field* cluster = nullptr;
   QComboBox *template_mode = nullptr, *event_mode = nullptr;
   QLabel *events = nullptr, *sd = nullptr, *mean = nullptr, *message = nullptr;
   QPushButton *undo_templates = nullptr, *undo_events = nullptr, *undo_all = nullptr;
@@ -47,7 +46,7 @@ using shared_realign = std::shared_ptr<realign_window>;
 QString microvolts(double value) { return QString::number(value, 'f', 3) + " µV"; }
 
 void show_cluster(const realign_window& r) {
-  const std::int32_t cluster = r.cluster->value();
+  const auto cluster = static_cast<std::int32_t>(r.cluster->value());
   // The first figures are still being gathered.
   if (cluster >= static_cast<std::int32_t>(r.sizes.size())) return;
   r.events->setText(QString::number(r.sizes[cluster]));
@@ -106,7 +105,7 @@ using every_step = void (*)(session_state& session, std::int32_t mode);
 void realign_one(const shared_realign& r, const QComboBox* list, cluster_step step) {
   // Read here: the worker must not touch a control.
   const std::int32_t mode = list->currentData().toInt();
-  const std::int32_t cluster = r->cluster->value();
+  const auto cluster = static_cast<std::int32_t>(r->cluster->value());
   run_step(r, [r, step, cluster, mode](session_state& session) {
     r->copy = copy_event_times(session, cluster);
     step(session, cluster, mode);
@@ -186,16 +185,12 @@ QGroupBox* events_box(const shared_realign& r) {
 
 QLayout* cluster_rows(const shared_realign& r) {
   session_state& session = r->w.session;
-  r->cluster = new QSpinBox;
-  r->cluster->setObjectName("cluster");
-  r->cluster->setRange(1, session.clusters.n_clusters);
-  r->cluster->setAccelerated(true);
-  r->cluster->setMaximumWidth(100);
-  r->cluster->setToolTip("The current cluster");
+  r->cluster = free_number(r->dialog, "cluster", 1, session.clusters.n_clusters,
+                           {.tip = "The current cluster"});
   r->cluster->setValue(session.clusters.current_cluster);
-  session.clusters.current_cluster = r->cluster->value();
+  session.clusters.current_cluster = static_cast<std::int32_t>(r->cluster->value());
   auto* rows = new QFormLayout;
-  rows->addRow("Cluster", r->cluster);
+  rows->addRow("Cluster", r->cluster->row());
   r->events = add_value(rows, "cluster_events", "Events", "...", "Events of this cluster");
   r->sd = add_value(rows, "template_sd", "Template s.d.", "...",
                     "Spread of the waveforms round the template on its centre channel, µV: the "
@@ -203,8 +198,8 @@ QLayout* cluster_rows(const shared_realign& r) {
   r->mean = add_value(rows, "mean_template_sd", "ave. s.d. of all templates", "...",
                       "The same, as the mean over all clusters, µV");
   r->dialog->disabled_while_running << r->cluster;
-  QObject::connect(r->cluster, &QSpinBox::valueChanged, r->dialog, [r](int cluster) {
-    r->w.session.clusters.current_cluster = cluster;
+  QObject::connect(r->cluster, &QDoubleSpinBox::valueChanged, r->dialog, [r](double cluster) {
+    r->w.session.clusters.current_cluster = static_cast<std::int32_t>(cluster);
     show_cluster(*r);
     set_undo_buttons(*r);
   });

@@ -20,15 +20,22 @@ QString name_of(const char* setting, int element, const setting_row& row) {
   return row.count > 1 ? QString("%1_%2").arg(setting).arg(element + 1) : QString(setting);
 }
 
+constexpr const char* not_a_number = "not a number";
+constexpr const char* not_whole = "not a whole number";
+
+QString range_words(double low, double high) {
+  return QString("from %1 to %2").arg(number_text(low), number_text(high));
+}
+
+QString multiple_words(double multiple) { return "not a multiple of " + number_text(multiple); }
+
 // What is wrong with a text, in words; empty when it is a number in range.
 QString refusal(const QString& text, double low, double high, bool whole) {
   bool reads = false;
   const double value = QLocale::c().toDouble(text.trimmed(), &reads);
-  if (!reads || !std::isfinite(value)) return "not a number";
-  if (whole && value != std::floor(value)) return "not a whole number";
-  if (value < low || value > high) {
-    return QString("from %1 to %2").arg(number_text(low), number_text(high));
-  }
+  if (!reads || !std::isfinite(value)) return not_a_number;
+  if (whole && value != std::floor(value)) return not_whole;
+  if (value < low || value > high) return range_words(low, high);
   return {};
 }
 
@@ -70,15 +77,32 @@ QString number_field::refusal_of(const QString& text) const {
   const QString words = refusal(text, minimum(), maximum(), decimals() == 0);
   if (!words.isEmpty() || multiple_ == 0) return words;
   const double times = valueFromText(text) / multiple_;
-  return times == std::floor(times) ? QString() : "not a multiple of " + number_text(multiple_);
+  return times == std::floor(times) ? QString() : multiple_words(multiple_);
 }
 
 void number_field::judge(const QString& text) {
   // A dialog that is going may have lost its labels first.
-  if (problem_) problem_->setText(refusal_of(text));
+  if (!problem_) return;
+  problem_->setText(refusal_of(text));
+  problem_->setToolTip(problem_->text());
+  emit judged(problem_->text());
 }
 
-QWidget* number_field::row() {
+void number_field::keep_room() {
+  if (!problem_) return;
+  QStringList words = {not_a_number, range_words(minimum(), maximum())};
+  if (decimals() == 0) words << not_whole;
+  if (multiple_ != 0) words << multiple_words(multiple_);
+  int width = 0;
+  for (const QString& text : std::as_const(words)) {
+    width = std::max(width, problem_->fontMetrics().horizontalAdvance(text));
+  }
+  // Words ask for no more than the room that there is.
+  problem_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  problem_->setMinimumWidth(width + 2);
+}
+
+QWidget* number_field::row(bool words_beside) {
   if (row_ != nullptr) return row_;
   row_ = new QWidget;
   auto* layout = new QHBoxLayout(row_);
@@ -86,7 +110,12 @@ QWidget* number_field::row() {
   layout->addWidget(this);
   const QString unit = property("unit").toString();
   if (!unit.isEmpty()) layout->addWidget(new QLabel(unit));
-  layout->addWidget(problem_, 1);
+  if (words_beside) {
+    layout->addWidget(problem_, 1);
+    keep_room();
+  } else {
+    layout->addStretch(1);
+  }
   problem_->setObjectName(objectName() + "_problem");
   return row_;
 }
@@ -118,6 +147,24 @@ bool settings_form::store() {
   if (refused()) return false;
   for (const binding& bound : bindings) bound.store();
   return true;
+}
+
+QWidget* words_line(const std::vector<number_field*>& fields) {
+  auto* line = new QWidget;
+  auto* layout = new QHBoxLayout(line);
+  layout->setContentsMargins(0, 0, 0, 0);
+  for (number_field* field : fields) {
+    QLabel* words = field->problem();
+    words->setMinimumWidth(0);
+    layout->addWidget(words);
+    words->hide();
+    QObject::connect(field, &number_field::judged, words,
+                     [words](const QString& text) { words->setVisible(!text.isEmpty()); });
+  }
+  layout->addStretch();
+  line->setFixedHeight(line->fontMetrics().lineSpacing() + 2);
+  line->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+  return line;
 }
 
 number_field* free_number(QWidget* parent, const char* object_name, double low, double high,

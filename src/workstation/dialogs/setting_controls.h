@@ -43,8 +43,15 @@ class number_field : public QDoubleSpinBox {
   bool refused() const { return !problem_->text().isEmpty(); }
   // Only multiples of this are taken; 0 takes any number.
   void set_multiple(double multiple) { multiple_ = multiple; }
-  // The field, its unit and the words in one row, as a layout takes it.
-  QWidget* row();
+  // The field, its unit and the words in one row, as a layout takes it; without the words where
+  // a words_line shows them.
+  QWidget* row(bool words_beside = true);
+  // Room beside the field for the longest words that its range can bring, so that nothing moves
+  // when they come. For whoever lays problem() out himself; again when the range has changed.
+  void keep_room();
+
+ signals:
+  void judged(const QString& words);  // after each change of the text; "" when it is taken
 
  protected:
   QValidator::State validate(QString& text, int& position) const override;
@@ -93,6 +100,10 @@ QCheckBox* logical_control(settings_form& form, const char* setting, const QStri
 // A list whose entries stand for the given values of an integer setting.
 QComboBox* choice_control(settings_form& form, const char* setting,
                           const std::vector<std::pair<QString, int>>& entries, const char* tip);
+
+// A line of its own for the words of several fields that stand too close for words beside them.
+// It is there, and as high, also while there are none.
+QWidget* words_line(const std::vector<number_field*>& fields);
 
 // A free number field of a dialog, not bound to a setting.
 number_field* free_number(QWidget* parent, const char* object_name, double low, double high,

@@ -1,12 +1,15 @@
+#include <fmt/format.h>
+
 #include <QButtonGroup>
 #include <QCheckBox>
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLineEdit>
 #include <QRadioButton>
+#include <QScreen>
 #include <QScrollBar>
 #include <QSlider>
-#include <QSpinBox>
 #include <QVBoxLayout>
 #include <functional>
 
@@ -29,11 +32,11 @@ struct voltage_controls {
   workstation& w;
   QDialog* dialog;
   number_field *voltage_scale = nullptr, *time_scale = nullptr;
-  QSpinBox *voltage_step = nullptr, *time_step = nullptr, *spacing = nullptr;
+  number_field *voltage_step = nullptr, *time_step = nullptr, *spacing = nullptr;
   QSlider* position = nullptr;
   QScrollBar* first_row = nullptr;
   number_field *event = nullptr, *index = nullptr, *cluster = nullptr;
-  QLabel *minutes = nullptr, *first_shown = nullptr, *last_shown = nullptr;
+  QLabel *minutes = nullptr, *first_shown = nullptr, *to_shown = nullptr, *last_shown = nullptr;
   QCheckBox* proto_events = nullptr;
 };
 
@@ -46,79 +49,88 @@ void show(Control* control, Value value) {
   control->setValue(value);
 }
 
-// What is being typed stays as it is.
-void show_typed(number_field* field, double value) {
-  if (!field->hasFocus()) show(field, value);
+// A scale, to so many digits. What stands for the same scale stays as it was typed, and so does
+// what is not yet a number; anything else follows the wheel and the keys at once.
+void show_scale(number_field* field, float scale, const std::string& text) {
+  const bool typing = field->hasFocus() && !field->hasAcceptableInput();
+  if (typing || static_cast<float>(field->value()) == scale) return;
+  show(field, QString::fromStdString(text).toDouble());
+}
+
+// The position of a scale, of which several have the same: a step on must not be taken back.
+void show_step(number_field* field, float scale, float (*scale_at)(std::int32_t),
+               std::int32_t (*position_of)(float)) {
+  if (scale_at(static_cast<std::int32_t>(field->value())) != scale) show(field, position_of(scale));
 }
 
 // How far a number may go follows what is in memory.
-void limit(number_field* field, std::int32_t last) {
-  const QSignalBlocker quiet(field);
+void limit(number_field* field, double first, double last, bool words_beside = true) {
+  last = std::max(last, first);
   // A limit that is set anew writes over what is being typed.
-  if (field->maximum() != std::max(last, 1)) field->setMaximum(std::max(last, 1));
+  if (field->minimum() == first && field->maximum() == last) return;
+  const QSignalBlocker quiet(field);
+  field->setRange(first, last);
+  if (words_beside) field->keep_room();
 }
 
 void show_text(QLabel* label, const std::string& text) {
   label->setText(QString::fromStdString(text));
 }
 
-QSpinBox* spinner(const char* name, int low, int high, const char* tip) {
-  auto* box = new QSpinBox;
-  box->setObjectName(name);
-  box->setRange(low, high);
-  box->setToolTip(tip);
-  box->setAccelerated(true);
-  return box;
-}
-
 // A scale as a number that may be typed and a spinner of steps, which follow each other.
-QLayout* scale_row(workstation& w, number_field* typed, QSpinBox* steps, float& scale,
+QLayout* scale_row(workstation& w, number_field* typed, number_field* steps, float& scale,
                    float (*scale_at)(std::int32_t)) {
   auto* row = new QHBoxLayout;
-  row->addWidget(typed->row(), 1);
+  row->addWidget(typed->row(false), 1);
+  row->addStretch();
   row->addWidget(new QLabel("step"));
-  row->addWidget(steps);
+  row->addWidget(steps->row(false));
   QObject::connect(typed, &QDoubleSpinBox::valueChanged, w.frame, [&w, &scale](double value) {
     scale = static_cast<float>(value);
     redraw_voltage_display(w);
   });
-  QObject::connect(steps, &QSpinBox::valueChanged, w.frame, [&w, &scale, scale_at](int position) {
-    scale = scale_at(position);
-    redraw_voltage_display(w);
-  });
+  QObject::connect(steps, &QDoubleSpinBox::valueChanged, w.frame,
+                   [&w, &scale, scale_at](double position) {
+                     scale = scale_at(static_cast<std::int32_t>(position));
+                     redraw_voltage_display(w);
+                   });
   return row;
 }
 
-number_field* scale_field(const char* name, const number_options& options) {
-  return free_number(nullptr, name, 1e-6, 1e6, options);
+// Its arrows change the first digits, whatever their place: no step leads to naught.
+number_field* scale_field(const char* name, double low, double high, const char* unit,
+                          const char* tip) {
+  number_field* field =
+      free_number(nullptr, name, low, high, {.decimals = 9, .unit = unit, .tip = tip});
+  field->setStepType(QAbstractSpinBox::AdaptiveDecimalStepType);
+  return field;
 }
 
 QGroupBox* scales_box(voltage_controls& v) {
   workstation& w = v.w;
   display_settings& d = w.session.display;
-  v.voltage_scale = scale_field(
-      "vd_voltage_scale", {.step = 0.05,
-                           .decimals = 6,
-                           .unit = "pixels/µV",
-                           .tip = "Height of a microvolt, pixels; Shift and the wheel change it, "
-                                  "too"});
-  v.time_scale = scale_field(
-      "vd_time_scale", {.step = 0.1,
-                        .decimals = 6,
-                        .unit = "pixels/sample",
-                        .tip = "Width of a sample, pixels; Ctrl and the wheel change it, too"});
-  v.voltage_step = spinner("vd_voltage_scale_step", 1, 100, "Steps of the scale");
-  v.time_step = spinner("vd_time_scale_step", 1, 2000, "Steps of the scale");
-  v.spacing = spinner("vd_channel_spacing", 1, 500, "Distance of two rows, pixels");
-  v.spacing->setSuffix(" pixels");
+  const time_scale_range time = find_time_scale_range(w.session);
+  v.voltage_scale =
+      scale_field("vd_voltage_scale", 1e-4, 1e3, "pixels/µV",
+                  "Height of a microvolt, pixels; Shift and the wheel change it, too");
+  v.time_scale = scale_field("vd_time_scale", time.least, time.greatest, "pixels/sample",
+                             "Width of a sample, pixels, from the whole recording on; Ctrl and "
+                             "the wheel change it, too");
+  v.voltage_step =
+      free_number(nullptr, "vd_voltage_scale_step", 1, 100, {.tip = "Steps of the scale"});
+  v.time_step = free_number(nullptr, "vd_time_scale_step", time.first, time.last,
+                            {.tip = "Steps of the scale; five double it"});
+  v.spacing = free_number(nullptr, "vd_channel_spacing", 1, 500,
+                          {.unit = "pixels", .tip = "Distance of two rows, pixels"});
   auto* rows = new QFormLayout;
   rows->addRow("Voltage scale",
                scale_row(w, v.voltage_scale, v.voltage_step, d.vd_voltage_scale, voltage_scale_at));
   rows->addRow("Time scale",
                scale_row(w, v.time_scale, v.time_step, d.vd_time_scale, time_scale_at));
-  rows->addRow("Channel spacing", v.spacing);
-  QObject::connect(v.spacing, &QSpinBox::valueChanged, w.frame, [&w](int pixels) {
-    set_channel_spacing(w.session, pixels);
+  rows->addRow("Channel spacing", v.spacing->row(false));
+  rows->addRow(words_line({v.voltage_scale, v.voltage_step, v.time_scale, v.time_step, v.spacing}));
+  QObject::connect(v.spacing, &QDoubleSpinBox::valueChanged, w.frame, [&w](double pixels) {
+    set_channel_spacing(w.session, static_cast<std::int32_t>(pixels));
     redraw_voltage_display(w);
   });
   return titled_box("Scales", rows);
@@ -176,7 +188,7 @@ QGroupBox* position_box(voltage_controls& v) {
   v.last_shown = named_label("last_shown");
   auto* events = new QHBoxLayout;
   events->addWidget(v.first_shown);
-  events->addWidget(new QLabel("to"));
+  events->addWidget(v.to_shown = new QLabel);
   events->addWidget(v.last_shown);
   events->addStretch();
   auto* rows = new QFormLayout;
@@ -192,6 +204,7 @@ number_field* add_jump(workstation& w, QGridLayout* grid, int row, const QString
                        const char* name, double high, const char* tip,
                        std::function<void(int)> go) {
   number_field* field = free_number(nullptr, name, 1, std::max(high, 1.0), {.tip = tip});
+  field->keep_room();
   // Typed and sent off: arrows would change the number without going there.
   field->setButtonSymbols(QAbstractSpinBox::NoButtons);
   QPushButton* button = make_button(qPrintable(QString("go_to_") + name), "Go to", tip);
@@ -226,12 +239,14 @@ void show_jump(const voltage_controls& v, const event_jump& jump) {
   }
 }
 
+constexpr int first_index = 51;  // that a jump takes
+
 QGroupBox* jumps_box(voltage_controls& v) {
   workstation& w = v.w;
   session_state& session = w.session;
   auto* grid = new QGridLayout;
   v.index = add_jump(w, grid, 0, "index", "index", session.recording.n_samples,
-                     "Time index in samples, above 50",
+                     "Time index in samples, above 50 and before the last",
                      [&w](int index) { go_to_index(w.session, index); });
   v.event = add_jump(w, grid, 1, "event", "event", session.events.n_events, "Number of an event",
                      [&w](int event) { go_to_event(w.session, event); });
@@ -243,6 +258,7 @@ QGroupBox* jumps_box(voltage_controls& v) {
                          if (!choose_current_cluster(v.w.session, number)) return;
                          show_jump(v, go_to_next_event_in_cluster(v.w.session));
                        });
+  limit(v.index, first_index, session.recording.n_samples - 1);
   v.cluster->setValue(session.clusters.current_cluster);  // the likeliest to be looked for
   grid->setColumnStretch(3, 1);
   return titled_box("Go to", grid);
@@ -326,11 +342,14 @@ QScrollBar* row_bar(workstation& w) {
 
 void show_scales(const voltage_controls& v) {
   const display_settings& d = v.w.session.display;
-  show(v.voltage_step, position_of_voltage_scale(d.vd_voltage_scale));
-  show(v.time_step, position_of_time_scale(d.vd_time_scale));
-  show_typed(v.voltage_scale, static_cast<double>(d.vd_voltage_scale));
-  show_typed(v.time_scale, QString::fromStdString(time_scale_text(v.w.session)).toDouble());
-  show(v.spacing, d.vd_channel_spacing);
+  const time_scale_range time = find_time_scale_range(v.w.session);
+  limit(v.time_scale, time.least, time.greatest, false);
+  limit(v.time_step, time.first, time.last, false);
+  show_step(v.voltage_step, d.vd_voltage_scale, voltage_scale_at, position_of_voltage_scale);
+  show_step(v.time_step, d.vd_time_scale, time_scale_at, position_of_time_scale);
+  show_scale(v.voltage_scale, d.vd_voltage_scale, fmt::format("{:.6g}", d.vd_voltage_scale));
+  show_scale(v.time_scale, d.vd_time_scale, time_scale_text(v.w.session));
+  if (v.spacing->value() != d.vd_channel_spacing) show(v.spacing, d.vd_channel_spacing);
 }
 
 void show_position(const voltage_controls& v) {
@@ -341,6 +360,7 @@ void show_position(const voltage_controls& v) {
   const drawn_events& drawn = v.w.voltage->drawn;
   const shown_range_text shown = displaying_events_text(drawn.first_event, drawn.n_events_shown);
   show_text(v.first_shown, shown.first);
+  show_text(v.to_shown, shown.first.empty() ? "none" : "to");
   show_text(v.last_shown, shown.last);
 }
 
@@ -359,11 +379,64 @@ void lay_out(voltage_controls& v) {
   column->addWidget(position_box(v));
   column->addWidget(jumps_box(v));
   column->addWidget(marks_box(v));
-  column->addWidget(button_row(v));
-  auto* layout = new QHBoxLayout(v.dialog);
-  layout->addLayout(column);
-  layout->addWidget(v.first_row = row_bar(v.w));
+  auto* beside = new QHBoxLayout;
+  beside->addLayout(column);
+  beside->addWidget(v.first_row = row_bar(v.w));
+  auto* layout = new QVBoxLayout(v.dialog);
+  layout->addLayout(beside);
+  layout->addWidget(button_row(v));
 }
+
+// Keys of the slider: a position, or ten, in the dialog's own way of counting them.
+bool press_slider_key(workstation& w, int key) {
+  session_state& session = w.session;
+  const std::pair<int, int> steps[] = {
+      {Qt::Key_Left, -1},    {Qt::Key_Down, -1},     {Qt::Key_Right, 1},     {Qt::Key_Up, 1},
+      {Qt::Key_PageUp, -10}, {Qt::Key_PageDown, 10}, {Qt::Key_Home, -1'000}, {Qt::Key_End, 1'000}};
+  for (const auto& [own, n] : steps) {
+    if (own != key) continue;
+    step_slider(session, n);
+    redraw_voltage_display(w);
+    return true;
+  }
+  return false;
+}
+
+// The keyboard belongs to the traces: what is pressed in the dialog moves them as it does in
+// their window, but for a field with the cursor in it, which is being edited.
+class trace_keys : public QObject {
+ public:
+  trace_keys(workstation& of, QDialog* dialog) : QObject(dialog), w_(of), dialog_(dialog) {
+    dialog->installEventFilter(this);
+    const QList<QWidget*> children = dialog->findChildren<QWidget*>();
+    for (QWidget* child : children) child->installEventFilter(this);
+    // Return, or a click beside the fields, ends the editing.
+    const QList<number_field*> fields = dialog->findChildren<number_field*>();
+    for (const number_field* field : fields) {
+      connect(field->findChild<QLineEdit*>(), &QLineEdit::returnPressed, dialog,
+              [dialog] { dialog->setFocus(); });
+    }
+    dialog->setFocusPolicy(Qt::ClickFocus);
+    dialog->setFocus();
+  }
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    if (event->type() != QEvent::KeyPress) return false;
+    const auto* key = static_cast<QKeyEvent*>(event);
+    QWidget* focus = dialog_->focusWidget();
+    if (qobject_cast<QLineEdit*>(focus) || qobject_cast<QAbstractSpinBox*>(focus)) return false;
+    if ((key->modifiers() & ~Qt::KeypadModifier) != Qt::NoModifier) return false;
+    const session_turn turn(w_);
+    if (!turn.taken) return false;
+    if (qobject_cast<QSlider*>(watched)) return press_slider_key(w_, key->key());
+    return press_voltage_key(w_, key->key());
+  }
+
+ private:
+  workstation& w_;
+  QDialog* dialog_;
+};
 
 // Another recording has other channels and limits: the dialog of the last one goes.
 void close_last_dialog(voltage_state& state) {
@@ -374,9 +447,13 @@ void close_last_dialog(voltage_state& state) {
 
 // At the right edge of the frame, so that the traces stay in view.
 void place_dialog(const voltage_controls& v) {
-  v.dialog->adjustSize();
   const QWidget* frame = v.w.frame;
-  v.dialog->move(frame->mapToGlobal(QPoint(frame->width() - v.dialog->width() - 12, 90)));
+  const QPoint corner = frame->mapToGlobal(QPoint(frame->width() - v.dialog->width() - 12, 90));
+  const QRect screen = frame->screen()->availableGeometry();
+  // With its title in sight: below it has the room that it was fitted to.
+  v.dialog->move(corner.x(),
+                 std::clamp(corner.y(), screen.top(),
+                            std::max(screen.bottom() - v.dialog->height() - 40, screen.top())));
 }
 
 }  // namespace
@@ -389,15 +466,14 @@ void update_voltage_dialog(workstation& w) {
   const session_state& session = w.session;
   show_scales(v);
   show_position(v);
-  limit(v.event, session.events.n_events);
-  limit(v.cluster, session.clusters.n_clusters);
+  limit(v.event, 1, session.events.n_events);
+  limit(v.cluster, 1, session.clusters.n_clusters);
   v.proto_events->setEnabled(session.detector.n_proto_marks > 0);
 }
 
 void voltage_record_command(workstation& w) {
   if (!needs_recording(w)) return;
-  const std::int32_t* size = w.session.preferences.voltage_window_size;
-  open_voltage_window(w, QSize(size[0], size[1]));
+  open_voltage_window(w);
   // The view first: the dialog shows it, and a control that is filled must not move it.
   prepare_voltage_dialog(w.session);
   close_last_dialog(*w.voltage);
@@ -409,7 +485,9 @@ void voltage_record_command(workstation& w) {
   w.voltage->controls = std::make_shared<voltage_controls>(voltage_controls{w, dialog});
   lay_out(*w.voltage->controls);
   w.voltage->dialog = dialog;
+  new trace_keys(w, dialog);
   redraw_voltage_display(w);
+  fit_to_screen(dialog);
   place_dialog(*w.voltage->controls);
   dialog->show();
 }

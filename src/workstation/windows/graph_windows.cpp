@@ -6,6 +6,7 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QPlainTextEdit>
 #include <QTimer>
 #include <algorithm>
 #include <utility>
@@ -61,6 +62,28 @@ QSize size_of(workstation& w, const window_row& row) {
   if (row.size_slot == no_slot) return row.size;
   const std::int32_t* size = size_in(w.session.preferences, row.size_slot);
   return QSize(size[0], size[1]);
+}
+
+// The frame's area above the run log, as a drawing area of this window.
+QSize room_for(const workstation& w, const graph_window& window) {
+  const QWidget* log = w.run_log ? w.run_log->parentWidget() : nullptr;
+  QSize room = w.frame->area()->viewport()->size();
+  if (log && log->isVisible() && !log->isMaximized()) room.setHeight(log->y());
+  return room - (window.size() - window.surface()->size());
+}
+
+// Sized by the program so far: the preferences still have the size of a new installation.
+bool fills_room(workstation& w, const window_row& row) {
+  return row.fills_frame && size_of(w, row) == row.size;
+}
+
+// The size asked for, or the row's own; what room there is where that is less or is wanted.
+void size_window(workstation& w, graph_window& window, const window_row& row, QSize asked) {
+  window.layout()->activate();
+  const bool fills = asked.isEmpty() && fills_room(w, row);
+  fit_surface(window, fills             ? room_for(w, window).expandedTo(QSize(200, 150))
+                      : asked.isEmpty() ? size_of(w, row)
+                                        : asked);
 }
 
 void move_to_step(QMdiSubWindow& window, int step) { window.move(30 * step, 30 * step); }
@@ -271,7 +294,8 @@ void graph_surface::wheelEvent(QWheelEvent* event) {
 }
 
 void graph_surface::keyPressEvent(QKeyEvent* event) {
-  const bool done = routines_.key && in_turn([&] { routines_.key(event->key()); });
+  bool done = false;
+  if (routines_.key) in_turn([&] { done = routines_.key(event->key()); });
   if (!done) QWidget::keyPressEvent(event);
 }
 
@@ -326,7 +350,7 @@ graph_window* open_graph(workstation& w, graph_kind kind, QSize size, const QStr
   }
   window->setWindowTitle(title.isEmpty() ? QString(row.title) : title);
   window->showNormal();
-  fit_surface(*window, size.isEmpty() ? size_of(w, row) : size);
+  size_window(w, *window, row, size);
   w.frame->area()->setActiveSubWindow(window);
   window->surface()->redraw();
   return window;
@@ -417,7 +441,9 @@ void keep_window_sizes(workstation& w) {
       origin_in(p, row.origin_slot)[0] = window->x();
       origin_in(p, row.origin_slot)[1] = window->y();
     }
-    if (row.size_slot != no_slot) {
+    // One that fills the frame goes on to fill it, whatever the next frame's size.
+    const bool filled = fills_room(w, row) && window->surface()->size() == room_for(w, *window);
+    if (row.size_slot != no_slot && !filled) {
       size_in(p, row.size_slot)[0] = window->surface()->width();
       size_in(p, row.size_slot)[1] = window->surface()->height();
     }

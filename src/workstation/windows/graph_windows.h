@@ -36,7 +36,7 @@ struct graph_routines {
   std::function<void(QPoint from, QPoint to)> dragged;  // left button held, step by step
   std::function<void(QRect part)> enclosed;             // a rectangle, drawn with Shift held
   std::function<void(int notches, QPoint at, Qt::KeyboardModifiers keys)> wheel;
-  std::function<void(int key)> key;   // page and cursor keys
+  std::function<bool(int key)> key;   // page and cursor keys; false: none of its own
   std::function<graph_data()> graph;  // what the picture shows, as numbers
 };
 
@@ -118,7 +118,8 @@ graph_window* active_graph(workstation& w);
 graph_window* graph_of(const workstation& w, graph_kind kind);
 
 // The window of a kind at the size of its drawing area asked for, or the preferences', or
-// its row's: made, or resized, or used as it is. It is shown, in front and redrawn. The
+// its row's; one whose row fills the frame takes what room there is unless the user has sized it
+// otherwise. Made, or resized, or used as it is. It is shown, in front and redrawn. The
 // title is the row's unless given.
 graph_window* open_graph(workstation& w, graph_kind kind, QSize size = {},
                          const QString& title = {});

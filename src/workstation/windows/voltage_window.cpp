@@ -60,7 +60,9 @@ void scroll_rows(session_state& session, int rows) {
   scroll_to_row(session, std::clamp(session.view.vd_first_channel + rows, 1, last));
 }
 
-void press_key(workstation& w, int key) {
+}  // namespace
+
+bool press_voltage_key(workstation& w, int key) {
   session_state& session = w.session;
   switch (key) {
     case Qt::Key_Left:
@@ -88,12 +90,11 @@ void press_key(workstation& w, int key) {
       move_to_slider(session, 270);
       break;
     default:
-      return;
+      return false;
   }
   redraw_voltage_display(w);
+  return true;
 }
-
-}  // namespace
 
 graph_routines voltage_routines(workstation& w) {
   graph_routines routines;
@@ -109,14 +110,14 @@ graph_routines voltage_routines(workstation& w) {
   routines.wheel = [&w](int notches, QPoint at, Qt::KeyboardModifiers keys) {
     turn_wheel(w, notches, at, keys);
   };
-  routines.key = [&w](int key) { press_key(w, key); };
+  routines.key = [&w](int key) { return press_voltage_key(w, key); };
   routines.graph = [&w] { return make_voltage_graph(w.session); };
   return routines;
 }
 
 void open_voltage_window(workstation& w, QSize size) {
   state_of(w);
-  open_graph(w, graph_kind::voltage_record, size);
+  open_graph(w, graph_kind::voltage_record, size)->surface()->setFocus();
 }
 
 void redraw_voltage_display(workstation& w) {

@@ -30,8 +30,12 @@ struct voltage_state {
   std::shared_ptr<voltage_controls> controls;  // of the dialog, and good for as long as it is
 };
 
-// The window with a drawing area of that size.
-void open_voltage_window(workstation& w, QSize size);
+// The window with a drawing area of that size; without one as large as the preferences say,
+// or as the frame allows where they say nothing.
+void open_voltage_window(workstation& w, QSize size = {});
+// What page, cursor, Home and End keys do to the view; false when it is none of them. The
+// caller has a turn at the session.
+bool press_voltage_key(workstation& w, int key);
 // Redraws the open window and brings the dialog in step; after a move or a change of scale.
 void redraw_voltage_display(workstation& w);
 

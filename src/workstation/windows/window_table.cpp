@@ -23,6 +23,7 @@ const window_row window_rows[] = {
      .size = {790, 600},
      .size_slot = slot_voltage_record,
      .origin_slot = slot_voltage_record,
+     .fills_frame = true,
      .surface = voltage_routines,
      .forget = forget_voltage_display,
      .companion = voltage_dialog_of,

@@ -36,6 +36,7 @@ struct window_row {
   QSize size;         // of the drawing area where the preferences have none
   int size_slot = no_slot;
   int origin_slot = no_slot;             // without one it stands where a cascade leads
+  bool fills_frame = false;              // until the user gives it a size
   const char* placed_message = nullptr;  // for the run log
 
   // What its drawing area does.

@@ -1,0 +1,36 @@
+#include "workstation/program_options.h"
+
+#include <QSettings>
+#include <iterator>
+
+namespace kestrelvane {
+
+namespace {
+
+struct option_row {
+  program_option option;
+  const char* key;
+  bool at_first;  // before the user has said anything
+};
+constexpr option_row rows[] = {
+    {program_option::keep_peaks, "keep_peaks", false},
+    {program_option::research_tools, "research_tools", false},
+    {program_option::open_traces, "open_traces", true},
+    {program_option::close_messages, "close_messages", false},
+};
+static_assert(std::size(rows) == static_cast<std::size_t>(program_option::count));
+
+const option_row& row_of(program_option option) { return rows[static_cast<int>(option)]; }
+
+}  // namespace
+
+bool wants(program_option option) {
+  const option_row& row = row_of(option);
+  return QSettings().value(row.key, row.at_first).toBool();
+}
+
+void keep_wish(program_option option, bool wanted) {
+  QSettings().setValue(row_of(option).key, wanted);
+}
+
+}  // namespace kestrelvane
