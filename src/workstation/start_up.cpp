@@ -23,6 +23,7 @@
 #include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/windows/window_table.h"
 #include "workstation/workstation.h"
 
@@ -85,6 +86,7 @@ void read_settings(workstation& w) {
   // A damaged file makes no window that fits no screen, and no analysis without an end.
   settle_settings(w.session);
   if (!found) compute_window_layout(w);
+  follow_picture_theme(w);
   w.session.view.vd_keep_peaks = wants(program_option::keep_peaks);
 }
 

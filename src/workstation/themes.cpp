@@ -103,6 +103,26 @@ void choose_theme(colour_theme theme) {
   QSettings().setValue("theme", names[static_cast<int>(theme)]);
 }
 
+picture_theme chosen_picture_theme() {
+  const QString name = QSettings().value("picture_theme").toString();
+  if (name == "light") return picture_theme::light;
+  if (name == "dark") return picture_theme::dark;
+  return picture_theme::as_theme;
+}
+
+void choose_picture_theme(picture_theme theme) {
+  static constexpr const char* names[] = {"theme", "light", "dark"};
+  QSettings().setValue("picture_theme", names[static_cast<int>(theme)]);
+}
+
+QPalette picture_palette() {
+  const picture_theme theme = chosen_picture_theme();
+  if (theme == picture_theme::as_theme) return QApplication::palette();
+  return palette_of(theme == picture_theme::dark ? dark_colours : light_colours);
+}
+
+bool pictures_are_dark() { return picture_palette().color(QPalette::Base).lightness() < 128; }
+
 void apply_theme() {
   const colour_theme theme = chosen_theme();
   if (theme == colour_theme::platform) {

@@ -24,6 +24,7 @@
 #include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
+#include "workstation/windows/voltage_window.h"
 #include "workstation/windows/window_table.h"
 #include "workstation/workstation.h"
 
@@ -77,7 +78,7 @@ struct preferences_window {
   QComboBox* autorecover = nullptr;
   QComboBox* window_list = nullptr;
   number_field *width = nullptr, *height = nullptr;
-  QComboBox* theme = nullptr;
+  QComboBox *theme = nullptr, *pictures = nullptr;
   QCheckBox* keep_peaks = nullptr;
   QCheckBox* research_tools = nullptr;
   QCheckBox* open_traces = nullptr;
@@ -121,6 +122,7 @@ void load(preferences_window& p) {
   }
   show_size(p, p.window_list->currentIndex());
   p.theme->setCurrentIndex(static_cast<int>(chosen_theme()));
+  p.pictures->setCurrentIndex(static_cast<int>(chosen_picture_theme()));
   p.keep_peaks->setChecked(p.w.session.view.vd_keep_peaks);
 }
 
@@ -147,6 +149,15 @@ void store_window_size(preferences_window& p) {
   size_windows(p.w);
 }
 
+// Contrast that the user has turned by hand stays while pictures stay as dark as they are.
+void apply_themes(const preferences_window& p) {
+  const bool were_dark = pictures_are_dark();
+  choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
+  choose_picture_theme(static_cast<picture_theme>(p.pictures->currentIndex()));
+  apply_theme();
+  if (pictures_are_dark() != were_dark) follow_picture_theme(p.w);
+}
+
 // False while a field is refused.
 bool apply(preferences_window& p) {
   if (!p.width->hasAcceptableInput() || !p.height->hasAcceptableInput()) return false;
@@ -165,8 +176,7 @@ bool apply(preferences_window& p) {
   keep_wish(program_option::research_tools, p.research_tools->isChecked());
   keep_wish(program_option::open_traces, p.open_traces->isChecked());
   show_full_entries(p.w);
-  choose_theme(static_cast<colour_theme>(p.theme->currentIndex()));
-  apply_theme();
+  apply_themes(p);
   store_window_size(p);
   // On the worker, since the file is flushed to the device; until then nothing more is
   // applied.
@@ -365,11 +375,16 @@ QWidget* windows_page(const shared_window& p) {
   p->theme->addItems({"as the platform", "light", "dark"});
   p->theme->setToolTip("Colours of windows and dialogs");
   looks->addRow("Theme", p->theme);
+  p->pictures = new QComboBox;
+  p->pictures->setObjectName("picture_theme");
+  p->pictures->addItems({"as the theme", "light", "dark"});
+  p->pictures->setToolTip("Background of traces and graphs; paper stays white");
+  looks->addRow("Pictures", p->pictures);
   p->keep_peaks = new QCheckBox("peak-keeping traces");
   p->keep_peaks->setObjectName("vd_keep_peaks");
   p->keep_peaks->setToolTip(
       "In the voltage record, draw the smallest and the largest sample of each pixel column, "
-      "so that no spike is lost when zoomed out");
+      "so that no spike is lost when zoomed out; beyond 256 samples to a column always");
   looks->addRow(p->keep_peaks);
   auto* layout = new QVBoxLayout;
   layout->addLayout(looks);

@@ -37,7 +37,7 @@ struct voltage_controls {
   QScrollBar* first_row = nullptr;
   number_field *event = nullptr, *index = nullptr, *cluster = nullptr;
   QLabel *minutes = nullptr, *first_shown = nullptr, *to_shown = nullptr, *last_shown = nullptr;
-  QCheckBox* proto_events = nullptr;
+  QCheckBox *proto_events = nullptr, *reversed = nullptr;
 };
 
 namespace {
@@ -303,6 +303,8 @@ QGroupBox* marks_box(voltage_controls& v) {
   voltage_view& view = w.session.view;
   v.proto_events = mark(w, "vd_show_proto_events", "proto-events", d.vd_show_proto_events,
                         "Green: single-channel triggers of the last detection");
+  v.reversed = mark(w, "vd_reverse_contrast", "reverse contrast", view.vd_reverse_contrast,
+                    "White traces on black; at first as the preferences have it for pictures");
   QWidget* const boxes[] = {
       v.proto_events,
       mark(w, "vd_show_events", "events", d.vd_show_events,
@@ -316,8 +318,7 @@ QGroupBox* marks_box(voltage_controls& v) {
            "Clustered events on the centre channel of their cluster"),
       mark(w, "vd_msec_grid", "msec grid", d.vd_msec_grid,
            "A line every millisecond, or every ten"),
-      mark(w, "vd_reverse_contrast", "reverse contrast", view.vd_reverse_contrast,
-           "White traces on black")};
+      v.reversed};
   auto* grid = new QGridLayout;
   int n = 0;
   for (QWidget* box : boxes) {
@@ -468,6 +469,8 @@ void update_voltage_dialog(workstation& w) {
   show_position(v);
   limit(v.event, 1, session.events.n_events);
   limit(v.cluster, 1, session.clusters.n_clusters);
+  const QSignalBlocker quiet(v.reversed);
+  v.reversed->setChecked(session.view.vd_reverse_contrast);
   v.proto_events->setEnabled(session.detector.n_proto_marks > 0);
 }
 

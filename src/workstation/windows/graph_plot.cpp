@@ -1,9 +1,10 @@
 #include "workstation/windows/graph_plot.h"
 
-#include <QApplication>
 #include <QPaintEngine>
 #include <QPainter>
 #include <cmath>
+
+#include "workstation/themes.h"
 
 namespace kestrelvane {
 
@@ -15,7 +16,7 @@ graph_view view_of(const graph_plot& plot) {
 
 void draw_plot(graph_plot& plot, QPainter& painter, QSize size) {
   const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
-  const graph_style style = on_screen ? style_of(QApplication::palette()) : paper_style();
+  const graph_style style = on_screen ? style_of(picture_palette()) : paper_style();
   const drawn_graph drawn = paint_graph(plot.graph, style, view_of(plot), painter, size);
   // A page for the printer is not what the pointer is over.
   if (on_screen) plot.drawn = drawn;

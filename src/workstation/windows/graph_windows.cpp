@@ -153,7 +153,7 @@ void graph_surface::make_picture() {
   if (picture_.isNull()) return;  // no memory for one so large
   picture_.setDevicePixelRatio(ratio);
   QPainter painter(&picture_);
-  painter.fillRect(rect(), Qt::white);
+  painter.fillRect(rect(), picture_palette().color(QPalette::Base));
   if (font_) painter.setFont(*font_);
   if (routines_.draw) routines_.draw(painter, size());
   update();
@@ -201,12 +201,12 @@ bool graph_surface::in_turn(const std::function<void()>& routine) {
 void graph_surface::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   if (picture_.isNull()) {
-    painter.fillRect(rect(), Qt::white);
+    painter.fillRect(rect(), picture_palette().color(QPalette::Base));
     return;
   }
   // While a worker has the session, a resized window shows the earlier picture at its corner.
   if (picture_.size() != (QSizeF(size()) * devicePixelRatioF()).toSize()) {
-    painter.fillRect(rect(), Qt::white);
+    painter.fillRect(rect(), picture_palette().color(QPalette::Base));
   }
   painter.drawImage(QPoint(0, 0), picture_);
   if (routines_.draw_over) {

@@ -1,5 +1,7 @@
 #include "workstation/windows/voltage_window.h"
 
+#include <QPaintEngine>
+#include <QPainter>
 #include <QTimer>
 
 #include "displays/voltage/voltage_graph.h"
@@ -7,6 +9,7 @@
 #include "signal/display_scale.h"
 #include "workstation/commands/commands.h"
 #include "workstation/frame.h"
+#include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
@@ -28,7 +31,12 @@ void draw(workstation& w, QPainter& painter, QSize size) {
   view.vd_width = size.width();
   view.vd_height = size.height();
   voltage_state& state = state_of(w);
+  // On paper the background is the paper's.
+  const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
+  const logical reversed = view.vd_reverse_contrast;
+  view.vd_reverse_contrast = reversed && on_screen;
   state.drawn = draw_voltage_display(w.session, painter, &state.peaks);
+  view.vd_reverse_contrast = reversed;
   // The summary of a long stretch fills over several redraws.
   if (!state.drawn.complete) QTimer::singleShot(0, w.frame, [&w] { redraw_voltage_display(w); });
 }
@@ -118,6 +126,10 @@ graph_routines voltage_routines(workstation& w) {
 void open_voltage_window(workstation& w, QSize size) {
   state_of(w);
   open_graph(w, graph_kind::voltage_record, size)->surface()->setFocus();
+}
+
+void follow_picture_theme(workstation& w) {
+  w.session.view.vd_reverse_contrast = pictures_are_dark();
 }
 
 void redraw_voltage_display(workstation& w) {

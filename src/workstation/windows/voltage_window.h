@@ -33,6 +33,9 @@ struct voltage_state {
 // The window with a drawing area of that size; without one as large as the preferences say,
 // or as the frame allows where they say nothing.
 void open_voltage_window(workstation& w, QSize size = {});
+// White traces on black where pictures are dark, and the other way round; the user may turn it
+// in the dialog until the theme changes.
+void follow_picture_theme(workstation& w);
 // What page, cursor, Home and End keys do to the view; false when it is none of them. The
 // caller has a turn at the session.
 bool press_voltage_key(workstation& w, int key);
