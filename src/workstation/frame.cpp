@@ -57,7 +57,7 @@ main_frame::~main_frame() { w_.menu_holds.clear(); }
 
 void main_frame::set_busy(bool busy) {
   if (busy) {
-    hold_menus(w_, this);
+    hold_menus(w_, this, live_entries);
   } else {
     release_menus(w_, this);
   }

@@ -1,10 +1,10 @@
 // Who keeps the menus waiting.
 //
-// An operation keeps every entry and tool button waiting; a dialog that stands beside the
-// windows (open_beside in operation.h) all but those it names. Each is a holder in the record
-// of the workstation, and an entry is on when every holder lets it. So none of them has to
-// know what another has turned off, in whichever order they come and go. An entry that is off
-// for a reason of its own, as "copy" without a selection, does not have the property "waits"
+// An operation keeps every entry and tool button waiting but for those that only tell; a dialog
+// that stands beside the windows (open_beside in operation.h) all but those it names. Each is a
+// holder in the record of the workstation, and an entry is on when every holder lets it. So none of
+// them has to know what another has turned off, in whichever order they come and go. An entry that
+// is off for a reason of its own, as "copy" without a selection, does not have the property "waits"
 // and stays as it is. Interface thread.
 #pragma once
 
@@ -23,6 +23,9 @@ struct menu_hold {
   QObject* holder;
   QStringList allowed;  // objectNames of the entries that go on
 };
+
+// Entries that only tell, and go on during an operation.
+inline const QStringList live_entries = {"messages", "about"};
 
 // A holder that holds already has its list replaced.
 void hold_menus(workstation& w, QObject* holder, const QStringList& allowed = {});

@@ -134,7 +134,12 @@ void operation_dialog::set_running(bool running) {
 }
 
 void operation_dialog::reject() {
-  if (!runs_) QDialog::reject();
+  if (runs_) return;
+  if (on_leaving) {
+    on_leaving();
+  } else {
+    QDialog::reject();
+  }
 }
 
 void run_with_progress(workstation& w, const char* object_name, const QString& title,
@@ -173,6 +178,15 @@ void open_dialog(workstation&, QDialog* dialog) {
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->open();
 }
+
+void open_to_look(workstation& w, QDialog* dialog) {
+  if (!w.worker.running) return open_dialog(w, dialog);
+  fit_to_screen(dialog);
+  dialog->setAttribute(Qt::WA_DeleteOnClose);
+  dialog->show();
+}
+
+void open_runner(workstation& w, operation_dialog* dialog) { open_beside(w, dialog, live_entries); }
 
 void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
   hold_menus(w, dialog, allowed);

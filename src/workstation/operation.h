@@ -53,6 +53,8 @@ class operation_dialog : public QDialog {
 
   QList<QWidget*> disabled_while_running;
   QList<QWidget*> enabled_while_running;
+  // Escape and the cross of the window while nothing runs; empty: the dialog closes.
+  std::function<void()> on_leaving;
 
  signals:
   void running_changed(bool running);
@@ -76,6 +78,14 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
 
 // Shows a dialog, modal to the frame; it deletes itself when it is closed.
 void open_dialog(workstation& w, QDialog* dialog);
+
+// The same for one that only tells: while an operation runs it blocks nothing, so that the
+// operation can still be interrupted.
+void open_to_look(workstation& w, QDialog* dialog);
+
+// Shows a dialog whose operations take long, beside the windows: messages and limits can be
+// looked up meanwhile.
+void open_runner(workstation& w, operation_dialog* dialog);
 
 // Shows a dialog beside the windows, which stay live; it deletes itself when it is closed.
 // Until then menus and tool bar wait but for the entries whose names are allowed, and while

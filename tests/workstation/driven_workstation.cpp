@@ -139,6 +139,11 @@ void driven_workstation::close_messages() {
 }
 
 bool driven_workstation::leave(bool yes) {
+  // What a test has left open beside the windows; the program asks for that to be closed.
+  while (QDialog* beside = dialog_beside(shell)) {
+    beside->close();
+    settle();
+  }
   shell.frame->close();
   QStringList none;
   return wait_until([&] {

@@ -94,6 +94,12 @@ struct random_files {
   }
 };
 
+// A dialog that waits to be answered: over the frame, or beside its windows.
+QWidget* shown_dialog(driven_workstation& w) {
+  QWidget* modal = QApplication::activeModalWidget();
+  return modal != nullptr ? modal : dialog_beside(w.shell);
+}
+
 struct monkey {
   std::mt19937 random;
   temporary_directory home;
@@ -275,7 +281,8 @@ struct monkey {
     }
   }
 
-  // Where a user can act: the modal window in front, or else anything.
+  // Where a user can act: the modal window in front, or else anything; most often a dialog that
+  // stands beside the windows.
   void step() {
     ++n_steps;
     QWidget* modal = QApplication::activeModalWidget();
@@ -287,6 +294,8 @@ struct monkey {
       one_in(2) ? colours->accept() : colours->reject();
     } else if (modal != nullptr) {
       use_dialog(modal);
+    } else if (QDialog* beside = dialog_beside(w->shell); beside != nullptr && !one_in(4)) {
+      use_dialog(beside);
     } else {
       use_frame();
     }
@@ -313,7 +322,7 @@ struct monkey {
         request_ends();
         return false;
       }
-      QWidget* modal = QApplication::activeModalWidget();
+      QWidget* modal = shown_dialog(*w);
       if (modal != nullptr) modal->close();
       return modal == nullptr;
     });
@@ -388,7 +397,7 @@ void use_everything(driven_workstation& w) {
   for (const auto& [entry, button] : dialogs) {
     w.choose_entry(entry);
     w.settle(true);
-    QWidget* modal = QApplication::activeModalWidget();
+    const QPointer<QWidget> modal = shown_dialog(w);
     if (modal == nullptr) continue;  // it has said why not
     if (QString(entry) == "transform_filter") {
       const QList<QCheckBox*> steps = modal->findChildren<QCheckBox*>();
@@ -396,10 +405,10 @@ void use_everything(driven_workstation& w) {
       const bool few = w.session->recording.n_channels <= 64;
       for (QCheckBox* step : steps) step->setChecked(few || step->objectName() == "do_common_mean");
     }
-    press_if_there(w, qobject_cast<QDialog*>(modal), button);
-    if (modal == QApplication::activeModalWidget()) modal->close();
+    press_if_there(w, qobject_cast<QDialog*>(modal.data()), button);
+    if (modal && modal == shown_dialog(w)) modal->close();
     w.settle(true);
-    EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << entry;
+    EXPECT_EQ(shown_dialog(w), nullptr) << entry;
     EXPECT_EQ(check_session(*w.session), "") << entry;
   }
   w.choose_entry("voltage_record");

@@ -18,6 +18,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/themes.h"
+#include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -60,15 +61,19 @@ QGroupBox* limits_box() {
   return titled_box("Upper limits", form);
 }
 
-QGroupBox* resources_box(const session_state& session) {
+QGroupBox* resources_box(workstation& w) {
+  const session_state& session = w.session;
   auto* form = new QFormLayout;
   const auto gigabytes = [](double value) {
     return QString::fromStdString(fmt::format("{:.1f} GB", value));
   };
   add_value(form, "available_memory", "available memory",
             gigabytes(static_cast<double>(available_memory_bytes()) / 1e9));
+  // A worker may be reading a recording in just now.
+  const session_turn turn(w);
   add_value(form, "allocated_memory", "currently allocated memory (approx.)",
-            gigabytes(allocated_gigabytes(session.recording)));
+            turn.taken ? gigabytes(allocated_gigabytes(session.recording))
+                       : QString("known after the operation"));
   add_value(form, "n_cpus", "# of CPUs", QString::number(session.n_cpus));
   add_value(form, "n_threads", "# of threads available for parallel code",
             QString::number(session.n_threads));
@@ -117,7 +122,7 @@ void about_command(workstation& w) {
   dialog->setWindowTitle("About Kestrelvane");
   auto* boxes = new QHBoxLayout;
   boxes->addWidget(limits_box());
-  boxes->addWidget(resources_box(w.session));
+  boxes->addWidget(resources_box(w));
 
   auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
   buttons->button(QDialogButtonBox::Ok)->setObjectName("ok");
@@ -133,7 +138,7 @@ void about_command(workstation& w) {
   layout->addLayout(heading(w.session));
   layout->addLayout(boxes);
   layout->addWidget(buttons);
-  open_dialog(w, dialog);
+  open_to_look(w, dialog);
 }
 
 }  // namespace kestrelvane

@@ -391,7 +391,7 @@ void autosort_command(workstation& w) {
     if (result != asks_for_next) shell.session.autosort.next_stage_requested = false;
     after_dialog(shell);
   });
-  open_dialog(w, dialog);
+  open_runner(w, dialog);
 }
 
 }  // namespace kestrelvane

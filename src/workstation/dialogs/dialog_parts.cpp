@@ -63,7 +63,8 @@ QList<QWidget*> inputs_of(const QWidget* widget) {
   for (QWidget* child : children) {
     // By class: what merely shows a result has none of these.
     if (qobject_cast<QAbstractSpinBox*>(child) || qobject_cast<QComboBox*>(child) ||
-        qobject_cast<QAbstractButton*>(child) || qobject_cast<QAbstractSlider*>(child)) {
+        qobject_cast<QAbstractButton*>(child) || qobject_cast<QAbstractSlider*>(child) ||
+        qobject_cast<QAbstractItemView*>(child)) {
       inputs << child;
     }
   }

@@ -1,8 +1,10 @@
 #include <QButtonGroup>
 #include <QCheckBox>
 #include <QHBoxLayout>
+#include <QHeaderView>
 #include <QRadioButton>
 #include <QSlider>
+#include <QTableWidget>
 #include <QVBoxLayout>
 #include <cmath>
 #include <functional>
@@ -36,6 +38,7 @@ struct detection_window {
   QLabel *n_coincident = nullptr, *n_large = nullptr;  // deleted by the clean-up
   QSlider* channel = nullptr;
   QCheckBox* mask = nullptr;
+  QTableWidget* table = nullptr;  // of the channels, row after row
   QComboBox* method = nullptr;
   number_field* width = nullptr;  // of the window of some methods
   QProgressBar* bar = nullptr;
@@ -105,6 +108,41 @@ QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, cons
   return row;
 }
 
+enum table_column { column_channel, column_noise, column_threshold, column_masked };
+
+// The threshold that a run would begin with, as the fields have it now.
+QString threshold_text(const detection_window& d, int c) {
+  const session_state& session = d.w.session;
+  const double bit = session.recording.vscale_HP;
+  const auto uv = [](double value) { return QString::number(value, 'f', 1); };
+  const auto value_of = [&](const char* name) {
+    return d.dialog->findChild<number_field*>(name)->value();
+  };
+  if (d.dialog->findChild<QRadioButton*>("threshold_fixed")->isChecked()) {
+    return "± " + uv(std::abs(value_of("fixed_threshold_uv")));
+  }
+  if (d.dialog->findChild<QRadioButton*>("threshold_variable")->isChecked()) {
+    return "± " + uv(value_of("variable_multiplier") * session.recording.chan_noise[c] * bit);
+  }
+  // Fitted by each run; those of the last one stand until then.
+  const double negative = session.detector.auto_threshold_neg[c] * bit;
+  const double positive = session.detector.auto_threshold_pos[c] * bit;
+  return negative == 0 && positive == 0 ? QString("fitted") : uv(negative) + " / " + uv(positive);
+}
+
+// What the table has of every channel.
+void show_table(detection_window& d) {
+  const recording_store& r = d.w.session.recording;
+  const QSignalBlocker quiet(d.table);
+  for (int c = 1; c <= r.n_channels; ++c) {
+    const double noise = static_cast<double>(r.chan_noise[c] * r.vscale_HP);
+    d.table->item(c - 1, column_noise)->setText(QString::number(noise, 'f', 2));
+    d.table->item(c - 1, column_threshold)->setText(threshold_text(d, c));
+    d.table->item(c - 1, column_masked)
+        ->setCheckState(r.chan_mask[c] ? Qt::Checked : Qt::Unchecked);
+  }
+}
+
 // The noise of the channel under the slider, and whether it is masked.
 void show_channel(detection_window& d) {
   const recording_store& r = d.w.session.recording;
@@ -120,13 +158,18 @@ void show_channel(detection_window& d) {
   d.n_masked->setText(QString("%1 of %2 channels are masked").arg(masked).arg(r.n_channels));
 }
 
+void show_channels(detection_window& d) {
+  show_table(d);
+  show_channel(d);
+}
+
 // On the worker at normal priority: the user waits for it before anything else.
 void measure_noise(const shared_detection& d) {
   d->message->setText("Measuring the noise ...");
   d->dialog->run([](session_state& session) { compute_noise(session); },
                  [d] {
                    d->message->clear();
-                   show_channel(*d);
+                   show_channels(*d);
                  },
                  worker_priority::normal);
 }
@@ -182,9 +225,86 @@ QGroupBox* threshold_section(const shared_detection& d) {
   return titled_box("Threshold", rows);
 }
 
+// The row of the slider's channel, unless several are selected.
+void follow_slider(detection_window& d) {
+  const int row = d.channel->value() - 1;
+  if (d.table->currentRow() != row) {
+    const QSignalBlocker quiet(d.table);
+    d.table->setCurrentCell(row, column_channel);
+  }
+  show_channel(d);
+}
+
 void change_masks(detection_window& d) {
   d.masks_changed = true;
-  show_channel(d);
+  show_channels(d);
+}
+
+// A tick in one of several selected rows stands for all of them.
+void tick_rows(detection_window& d, const QTableWidgetItem* ticked) {
+  if (ticked->column() != column_masked) return;
+  const bool on = ticked->checkState() == Qt::Checked;
+  logical* masks = &d.w.session.recording.chan_mask[1];
+  masks[ticked->row()] = on;
+  const QModelIndexList rows = d.table->selectionModel()->selectedRows();
+  const bool of_selection = std::any_of(
+      rows.begin(), rows.end(), [&](const QModelIndex& row) { return row.row() == ticked->row(); });
+  if (of_selection) {
+    for (const QModelIndex& row : rows) masks[row.row()] = on;
+  }
+  change_masks(d);
+}
+
+void fill_table(QTableWidget* table, int n_channels) {
+  table->setRowCount(n_channels);
+  for (int row = 0; row < n_channels; ++row) {
+    for (int column = column_channel; column <= column_masked; ++column) {
+      auto* item = new QTableWidgetItem;
+      item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable);
+      item->setTextAlignment(Qt::AlignRight | Qt::AlignVCenter);
+      if (column == column_masked) item->setFlags(item->flags() | Qt::ItemIsUserCheckable);
+      table->setItem(row, column, item);
+    }
+    table->item(row, column_channel)->setText(QString::number(row + 1));
+  }
+}
+
+// All channels at a glance; several are masked at once by selecting their rows.
+QTableWidget* channel_table(const shared_detection& d) {
+  auto* table = new QTableWidget(0, 4);
+  table->setObjectName("channel_masks");
+  table->setToolTip(
+      "Noise and threshold of every channel, µV; a tick in one of several selected "
+      "rows masks them all");
+  table->setHorizontalHeaderLabels({"channel", "noise, µV", "threshold, µV", "masked"});
+  table->setSelectionBehavior(QAbstractItemView::SelectRows);
+  table->setSelectionMode(QAbstractItemView::ExtendedSelection);
+  table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  table->setTabKeyNavigation(false);
+  table->verticalHeader()->hide();
+  table->verticalHeader()->setDefaultSectionSize(table->fontMetrics().height() + 6);
+  table->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
+  table->horizontalHeader()->setMinimumSectionSize(
+      table->fontMetrics().horizontalAdvance("threshold, µV") + 16);
+  table->setMinimumSize(4 * table->horizontalHeader()->minimumSectionSize() + 24, 160);
+  fill_table(table, d->w.session.recording.n_channels);
+  QObject::connect(table, &QTableWidget::itemChanged, d->dialog,
+                   [d](const QTableWidgetItem* item) { tick_rows(*d, item); });
+  QObject::connect(table, &QTableWidget::currentCellChanged, d->dialog,
+                   [d](int row) { d->channel->setValue(row + 1); });
+  return d->table = table;
+}
+
+// The thresholds of the table follow what is typed.
+void follow_thresholds(const shared_detection& d) {
+  for (const char* name : {"fixed_threshold_uv", "variable_multiplier"}) {
+    QObject::connect(d->dialog->findChild<number_field*>(name), &QDoubleSpinBox::valueChanged,
+                     d->dialog, [d] { show_table(*d); });
+  }
+  for (const char* name : {"threshold_automatic", "threshold_fixed", "threshold_variable"}) {
+    QObject::connect(d->dialog->findChild<QRadioButton*>(name), &QRadioButton::toggled, d->dialog,
+                     [d] { show_table(*d); });
+  }
 }
 
 QLayout* channel_row(const shared_detection& d) {
@@ -195,7 +315,7 @@ QLayout* channel_row(const shared_detection& d) {
   d->mask = new QCheckBox("Mask");
   d->mask->setObjectName("mask_channel");
   d->mask->setToolTip("The channel takes no part in detection, clustering and templates");
-  QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { show_channel(*d); });
+  QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { follow_slider(*d); });
   QObject::connect(d->mask, &QCheckBox::toggled, d->dialog, [d](bool on) {
     d->w.session.recording.chan_mask[d->channel->value()] = on;
     change_masks(*d);
@@ -242,6 +362,7 @@ QLayout* all_channels_row(const shared_detection& d) {
 
 QGroupBox* mask_section(const shared_detection& d) {
   auto* rows = new QFormLayout;
+  rows->addRow(channel_table(d));
   rows->addRow("Channel", channel_row(d));
   rows->addRow(quiet_row(d));
   rows->addRow(all_channels_row(d));
@@ -300,9 +421,9 @@ QGroupBox* detector_section(const shared_detection& d) {
              {.step = 10, .unit = "µm", .tip = "Radius of the lockout, µm"});
   add_number(rows, d->form, "time", "lockout_ms",
              {.step = ms, .unit = "ms", .tip = "Duration of the lockout, ms"});
-  add_number(rows, d->form, "sigma", "pe_sigma_um",
+  add_number(rows, d->form, "sigma in space", "pe_sigma_um",
              {.step = 5, .unit = "µm", .tip = "Spatial sigma of proto-event clustering, µm"});
-  add_number(rows, d->form, "sigma", "pe_sigma_ms",
+  add_number(rows, d->form, "sigma in time", "pe_sigma_ms",
              {.step = ms, .unit = "ms", .tip = "Temporal sigma of proto-event clustering, ms"});
   return titled_box("Detector", rows);
 }
@@ -333,20 +454,21 @@ void start_detection(const shared_detection& d) {
                    d->message->clear();
                    // The run may have turned to the lockout detector for lack of memory.
                    d->form.load();
-                   show_channel(*d);
+                   show_channels(*d);
                  });
 }
 
-// "Done": what the run left is looked at, and changed masks are offered to be kept.
-void leave_detection(const shared_detection& d) {
-  if (!d->form.store()) return;
+// However the dialog is left, what the run left is looked at, and changed masks are offered to
+// be kept; they count already. Settings are stored by "Done" alone.
+void leave_detection(const shared_detection& d, QDialog::DialogCode how) {
+  if (how == QDialog::Accepted && !d->form.store()) return;
   const bool masks_changed = d->masks_changed;
   d->dialog->run(
       [masks_changed](session_state& session) {
         check_detected_events(session);
         if (masks_changed) write_mask_file(session);
       },
-      [d] { d->dialog->accept(); });
+      [d, how] { d->dialog->done(how); });
 }
 
 // Templates of clusters that are there lose the channels that have been masked, however
@@ -401,7 +523,8 @@ QDialogButtonBox* button_row(const shared_detection& d) {
   dialog->enabled_while_running << d->interrupt;
   QObject::connect(start, &QPushButton::clicked, dialog, [d] { start_detection(d); });
   QObject::connect(d->interrupt, &QPushButton::clicked, dialog, [d] { interrupt_run(*d); });
-  QObject::connect(done, &QPushButton::clicked, dialog, [d] { leave_detection(d); });
+  QObject::connect(done, &QPushButton::clicked, dialog,
+                   [d] { leave_detection(d, QDialog::Accepted); });
   QObject::connect(defaults, &QPushButton::clicked, dialog, [d] { restore_defaults(d); });
   return buttons;
 }
@@ -426,8 +549,12 @@ void follow_run(const detection_window& d) {
 
 void lay_out(const shared_detection& d) {
   auto* columns = new QHBoxLayout;
-  columns->addLayout(column_of(*d, {noise_section(d), threshold_section(d), mask_section(d)}));
-  columns->addLayout(column_of(*d, {method_section(d), detector_section(d), result_section(d)}));
+  columns->addLayout(column_of(*d, {noise_section(d), threshold_section(d), result_section(d)}));
+  columns->addLayout(column_of(*d, {method_section(d), detector_section(d)}));
+  // As tall as the dialog: the table has the room to spare.
+  QGroupBox* masks = mask_section(d);
+  columns->addWidget(masks, 1);
+  d->sections << masks;
   d->message = new QLabel;
   d->message->setObjectName("message");
   auto* layout = new QVBoxLayout(d->dialog);
@@ -449,9 +576,11 @@ void event_detection_command(workstation& w) {
   lay_out(d);
   d->form.load();
   follow_method(*d);
+  follow_thresholds(d);
   follow_run(*d);
+  dialog->on_leaving = [d] { leave_detection(d, QDialog::Rejected); };
   QObject::connect(dialog, &QDialog::finished, w.frame, [d] { follow_masks(d); });
-  open_dialog(w, dialog);
+  open_runner(w, dialog);
   measure_noise(d);  // the first look at a recording is whether its channels are alive
 }
 

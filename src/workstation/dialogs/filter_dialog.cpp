@@ -169,7 +169,7 @@ void filter_command(workstation& w) {
   layout->addWidget(button_row(f));
   follow(w, dialog, {{meter::filtering, f->bar}}, {{status_field::message, f->message}});
   f->form.load();
-  open_dialog(w, dialog);
+  open_runner(w, dialog);
 }
 
 }  // namespace kestrelvane

@@ -145,6 +145,10 @@ messages_dialog* show_messages(workstation& w) {
   return w.messages;
 }
 
-void messages_command(workstation& w) { show_messages(w); }
+void messages_command(workstation& w) {
+  if (w.messages) return w.messages->raise();
+  w.messages = new messages_dialog(w);
+  open_to_look(w, w.messages);
+}
 
 }  // namespace kestrelvane

@@ -281,7 +281,7 @@ void realign_command(workstation& w) {
   r->form.load();
   connect_reports(r);
   QObject::connect(dialog, &QDialog::finished, w.frame, [r](int result) { leave(r, result); });
-  open_dialog(w, dialog);
+  open_runner(w, dialog);
   save_and_measure(r);
 }
 

@@ -74,7 +74,7 @@ void status_lists_command(workstation& w) {
   dialog->setMinimumWidth(320);  // a shorter bar hardly moves
   follow(w, dialog, {{meter::status_lists, l->bar}});
   show_counts(*l);
-  open_dialog(w, dialog);
+  open_runner(w, dialog);
 }
 
 }  // namespace kestrelvane
