@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
+
+#include "numerics/sort.h"
 
 namespace kestrelvane {
 
@@ -27,6 +30,56 @@ std::int32_t spinner_position(float exact, std::int32_t last) {
   return static_cast<std::int32_t>(std::clamp(exact, 1.0f, static_cast<float>(last)));
 }
 
+float median_of(std::vector<float>& values) {
+  return select_median(static_cast<std::int32_t>(values.size()), values.data());
+}
+
+// What a trace is made of, bits: how far it stands from 0, how far it swings about that, and
+// how far within half a millisecond, in which slow waves hardly move.
+struct trace_swing {
+  float offset = 0.0f, all = 0.0f, fast = 0.0f;
+};
+
+trace_swing swing_of(const recording_store& r, std::int32_t channel) {
+  constexpr std::int32_t most = 2000;  // samples that are looked at
+  constexpr float sd_of_median = 0.6745f;
+  const std::int32_t lag = std::max(r.sampling_frequency / 2000, 1);
+  const std::int32_t step = std::max((r.n_samples - lag) / most, 1);
+  const std::int16_t* v = r.vd.channel(channel);
+  std::vector<float> values, steps;
+  for (std::int32_t t = 1; t + lag <= r.n_samples; t += step) {
+    if (v[t] == 0 && v[t + lag] == 0) continue;  // blanked
+    values.push_back(v[t]);
+    steps.push_back(std::abs(static_cast<float>(v[t + lag] - v[t])));
+  }
+  trace_swing swing;
+  const float centre = median_of(values);
+  swing.offset = std::abs(centre);
+  for (float& value : values) value = std::abs(value - centre);
+  swing.all = median_of(values) / sd_of_median;
+  // Of the difference of two samples.
+  swing.fast = median_of(steps) / sd_of_median / std::sqrt(2.0f);
+  return swing;
+}
+
+// The noise to scale by where most of it is slow waves or an offset: spikes are as large as on
+// filtered samples, unless the waves would then leave their rows, or the rows the window.
+float noise_to_see(const recording_store& r, float noise) {
+  trace_swing mean;
+  float n = 0.0f;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (r.chan_mask[c]) continue;
+    const trace_swing swing = swing_of(r, c);
+    mean.offset += swing.offset;
+    mean.all += swing.all;
+    mean.fast += swing.fast;
+    ++n;
+  }
+  if (n == 0.0f || mean.fast <= 0.0f || mean.fast / n > 0.5f * noise) return noise;
+  // A third of a row for the waves' standard deviation, five rows for the offset.
+  return std::max({mean.fast, 0.18f * mean.all, 0.012f * mean.offset}) / n;
+}
+
 }  // namespace
 
 void autoscale_voltage_display(session_state& session) {
@@ -38,7 +91,8 @@ void autoscale_voltage_display(session_state& session) {
     sum += r.chan_noise[c];
     ++n;
   }
-  const float mean = n > 0 ? sum / static_cast<float>(n) : 0.0f;
+  float mean = n > 0 ? sum / static_cast<float>(n) : 0.0f;
+  if (mean > 0.0f && !session.recording.recording_filtered) mean = noise_to_see(r, mean);
   float factor = 1.0f;
   // Noise that was not measured is 0 on every channel.
   if (mean * r.vscale_HP != 0.0f) {

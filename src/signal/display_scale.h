@@ -12,8 +12,9 @@
 namespace kestrelvane {
 
 // Sets vd_voltage_scale so that 1.2 times the mean noise of the unmasked channels spans
-// a twentieth of the row spacing; logs it when there is no noise to go by. Called
-// after a recording is opened and after every filter chain.
+// a twentieth of the row spacing. On samples as they were recorded slow waves and offsets that
+// are most of the noise count less, or spikes would be flat lines. Logs it when there is no noise
+// to go by. Called after a recording is opened and after every filter chain.
 void autoscale_voltage_display(session_state& session);
 
 // Sets vd_first_sample after a flat start: the first place, looked for in steps of 100

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numbers>
 
+#include "signal/noise.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -110,6 +112,38 @@ TEST(display_scale, rows_keep_their_place_when_the_spacing_changes) {
   EXPECT_EQ(session->display.vd_channel_spacing, 500);
   scroll_to_row(*session, 1000);
   EXPECT_EQ(session->view.vd_top_offset, 500 - 40 * 500 + 20);  // held to row 41 of 32 + 9
+}
+
+// Broad-band samples: waves of 20 Hz, ten times as large as the noise, on an offset.
+TEST(display_scale, unfiltered_traces_are_seen_and_stay_in_their_rows) {
+  small_session session;
+  make_recording(*session, 2, 60'000, 20'000, 0.5f);
+  vector_random random(3);
+  for (std::int32_t c = 1; c <= 2; ++c) {
+    for (std::int32_t t = 1; t <= 60'000; ++t) {
+      const double wave = 100 * std::sin(2 * std::numbers::pi * 20 * t / 20'000.0);
+      const auto noise = static_cast<std::int32_t>(random.next() >> 8) % 35 - 17;
+      session->recording.vd.channel(c)[t] = static_cast<std::int16_t>(wave + noise + 200);
+    }
+  }
+  session->display.vd_channel_spacing = 20;
+  compute_noise(*session);
+  const float noise_uv = session->recording.chan_noise[1] * 0.5f;
+  ASSERT_GT(noise_uv, 100.0f);
+  autoscale_voltage_display(*session);
+  const float scale = session->display.vd_voltage_scale;
+  EXPECT_GT(50.0f * scale, 3.0f) << "a spike of 50 µV";
+  EXPECT_LT(35.0f * scale, 20.0f / 2) << "the waves, 35 µV rms";
+  EXPECT_LT(100.0f * scale, 5 * 20.0f) << "the offset";
+  // As soon as they have been filtered, the rule of the noise holds again.
+  session->recording.recording_filtered = true;
+  autoscale_voltage_display(*session);
+  EXPECT_FLOAT_EQ(
+      session->display.vd_voltage_scale,
+      20 *
+          (1.1999999f / (session->recording.chan_noise[1] + session->recording.chan_noise[2]) * 2 /
+           0.5f) /
+          20);
 }
 
 }  // namespace
