@@ -211,5 +211,53 @@ TEST(navigation, wheel_keeps_the_sample_under_the_pointer) {
   EXPECT_FLOAT_EQ(session->display.vd_voltage_scale, voltage_scale_at(1));
 }
 
+// The slider's own formula puts most positions one below the place they lead to.
+TEST(navigation, the_slider_steps_on_and_back_through_all_positions) {
+  small_session session;
+  for (const std::int32_t n_samples : {1000, 123'457, 2'000'000}) {
+    make_recording(*session, 1, n_samples, 20'000);
+    session->view.vd_width = 100;
+    move_to_slider(*session, 1);
+    std::int32_t before = session->view.vd_slider_position, n_steps = 0;
+    const std::int32_t last_place = n_samples - 100;
+    while (session->view.vd_first_sample < last_place && n_steps < 300) {
+      step_slider(*session, 1);
+      ++n_steps;
+      if (session->view.vd_first_sample == last_place) break;
+      EXPECT_GT(session->view.vd_slider_position, before) << n_samples;
+      before = session->view.vd_slider_position;
+    }
+    EXPECT_EQ(session->view.vd_first_sample, last_place);
+    for (n_steps = 0; session->view.vd_first_sample > 1 && n_steps < 300; ++n_steps) {
+      step_slider(*session, -1);
+    }
+    EXPECT_EQ(session->view.vd_first_sample, 1) << n_samples;
+    step_slider(*session, 1000);
+    EXPECT_EQ(session->view.vd_first_sample, last_place);
+    step_slider(*session, -1000);
+    EXPECT_EQ(session->view.vd_first_sample, 1);
+  }
+}
+
+TEST(navigation, time_zooms_from_the_whole_recording_to_single_samples) {
+  small_session session;
+  make_recording(*session, 1, 2'000'000, 20'000);
+  session->view.vd_width = 1000;
+  const time_scale_range range = find_time_scale_range(*session);
+  EXPECT_FLOAT_EQ(range.least, 1000.0f / 2'000'000);
+  EXPECT_FLOAT_EQ(range.greatest, 100.0f);
+  EXPECT_GE(time_scale_at(range.first), range.least);
+  EXPECT_LE(time_scale_at(range.last), range.greatest);
+  for (int i = 0; i < 100; ++i) wheel_time_scale(*session, -1, 200);
+  EXPECT_EQ(session->display.vd_time_scale, range.least);
+  EXPECT_EQ(time_scale_text(*session), "0.0005");
+  for (int i = 0; i < 200; ++i) wheel_time_scale(*session, 1, 200);
+  EXPECT_EQ(session->display.vd_time_scale, range.greatest);
+  // What a settings file brings is healed when the dialog opens.
+  session->display.vd_time_scale = 1e-6f;
+  prepare_voltage_dialog(*session);
+  EXPECT_EQ(session->display.vd_time_scale, range.least);
+}
+
 }  // namespace
 }  // namespace kestrelvane::test

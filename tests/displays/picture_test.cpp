@@ -424,5 +424,64 @@ TEST(picture, fonts_by_their_short_names) {
   }
 }
 
+TEST(picture, marks_shrink_with_the_time_scale) {
+  picture_session session;
+  session.add_event(1001 + 200, 2, 1);
+  session->display.vd_cluster_colours = true;
+  const auto width_at = [&](float scale) {
+    session->display.vd_time_scale = scale;
+    const QImage image = session.draw();
+    const auto x = 16 + static_cast<std::int32_t>(200 * scale);
+    const QRgb colour = image.pixel(x, 105);
+    EXPECT_NE(colour, white) << scale;
+    return count_pixels(image, colour, {x - 20, 105, 41, 1});
+  };
+  EXPECT_EQ(width_at(2.0f), 17);
+  EXPECT_EQ(width_at(1.0f), 17);
+  EXPECT_EQ(width_at(0.5f), 9);
+  EXPECT_EQ(width_at(0.25f), 5);
+  EXPECT_EQ(width_at(0.1f), 3);
+  session->display.vd_cluster_colours = false;
+  session->display.vd_time_scale = 0.1f;
+  EXPECT_EQ(count_pixels(session.draw(), red, {30, 80, 20, 40}), 4) << "but for the trace over it";
+}
+
+// The bar at the upper right, in pixels.
+TEST(picture, bars_follow_the_scales) {
+  picture_session session;
+  const auto time_bar = [&](float scale) {
+    session->display.vd_time_scale = scale;
+    return count_pixels(session.draw(), black, {100, 3, 500, 1});
+  };
+  EXPECT_EQ(time_bar(1.0f), 200) << "10 ms of 20 samples";
+  EXPECT_EQ(time_bar(0.25f), 50) << "the same 10 ms";
+  EXPECT_EQ(time_bar(0.1f), 400) << "200 ms, where 10 would be 20 pixels";
+  EXPECT_EQ(time_bar(0.001f), 400) << "20 s";
+  session->display.vd_time_scale = 1.0f;
+  const auto voltage_bar = [&](float scale) {
+    session->display.vd_voltage_scale = scale;
+    return count_pixels(session.draw(), black, {575, 30, 1, 270});
+  };
+  EXPECT_EQ(voltage_bar(1.0f), 200);
+  EXPECT_EQ(voltage_bar(0.1f), 20) << "200 µV still";
+  EXPECT_EQ(voltage_bar(0.01f), 200) << "20 mV";
+  EXPECT_EQ(voltage_bar(10.0f), 200) << "20 µV";
+}
+
+TEST(picture, peaks_are_kept_where_a_column_holds_hundreds_of_samples) {
+  picture_session session;
+  make_recording(*session, 1, 400'000, 20'000, 0.5f);
+  session->view.vd_first_sample = 1;
+  reset_voltage_view(*session);
+  put_samples(*session, 1, 100'150, {60});  // up by 30 pixels, between the columns
+  session->view.vd_keep_peaks = false;
+  const auto reaches = [&](float scale) {
+    session->display.vd_time_scale = scale;
+    return count_pixels(session.draw(), black, {17, 31, 500, 2}) > 0;
+  };
+  EXPECT_FALSE(reaches(1 / 255.0f));
+  EXPECT_TRUE(reaches(1 / 300.0f));
+}
+
 }  // namespace
 }  // namespace kestrelvane::test

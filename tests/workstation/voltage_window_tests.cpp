@@ -2,17 +2,23 @@
 #include <QAction>
 #include <QCheckBox>
 #include <QClipboard>
+#include <QComboBox>
 #include <QLabel>
 #include <QMdiArea>
+#include <QPainter>
+#include <QPicture>
 #include <QPlainTextEdit>
 #include <QRadioButton>
+#include <QScrollArea>
 #include <QScrollBar>
 #include <QSlider>
 #include <QTest>
+#include <QVBoxLayout>
 #include <QWheelEvent>
 
 #include "signal/display_scale.h"
 #include "workstation/commands/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/windows/graph_windows.h"
@@ -244,6 +250,171 @@ TEST(GraphWindow, SavesItsPictureAndArranges) {
   driven_workstation next(v.home.path);
   EXPECT_EQ(next.session->preferences.window_origin[10], 30);
   EXPECT_EQ(next.session->preferences.window_origin[11], 40);
+}
+
+TEST(VoltageDialog, TheKeyboardBelongsToTheTraces) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  v.view().vd_first_sample = 20000;
+  QWidget* focus = v.dialog->focusWidget();
+  ASSERT_TRUE(focus == nullptr || focus == v.dialog) << "no field has the cursor at first";
+  const auto moved = [&](QWidget* where, Qt::Key key) {
+    const std::int32_t before = v.view().vd_first_sample;
+    QTest::keyClick(where, key);
+    return v.view().vd_first_sample - before;
+  };
+  EXPECT_EQ(moved(v.dialog, Qt::Key_PageDown), 250);
+  EXPECT_EQ(moved(v.dialog, Qt::Key_Left), -15);
+  auto* box = w.control<QCheckBox>(v.dialog, "vd_msec_grid");
+  box->setFocus();
+  EXPECT_EQ(moved(box, Qt::Key_Right), 15) << "and not to the next box";
+  // The slider keeps its keys, and is not stuck.
+  auto* slider = w.control<QSlider>(v.dialog, "vd_slider_position");
+  slider->setFocus();
+  for (int i = 0; i < 5; ++i) {
+    const int before = slider->value();
+    EXPECT_GT(moved(slider, Qt::Key_Right), 500) << i;
+    EXPECT_GT(slider->value(), before);
+  }
+  // In a field the cursor moves, and Return gives the keys back.
+  auto* spacing = w.control<number_field>(v.dialog, "vd_channel_spacing");
+  spacing->setFocus();
+  EXPECT_EQ(moved(spacing, Qt::Key_Home), 0);
+  EXPECT_EQ(moved(spacing, Qt::Key_Left), 0);
+  spacing->selectAll();
+  QTest::keyClicks(spacing, "31");
+  QTest::keyClick(spacing, Qt::Key_Return);
+  EXPECT_EQ(w.session->display.vd_channel_spacing, 31);
+  EXPECT_LT(moved(v.dialog, Qt::Key_Home), 0);
+  EXPECT_EQ(v.view().vd_first_sample, 1);
+}
+
+TEST(VoltageDialog, FieldsFollowTheWheelAtOnceAndTakeSaneScales) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  auto* time = w.control<number_field>(v.dialog, "vd_time_scale");
+  time->setFocus();
+  v.turn(-5, Qt::ControlModifier);
+  EXPECT_EQ(time->value(), 0.5) << "also with the cursor in it";
+  for (int i = 0; i < 300; ++i) time->stepDown();
+  const float least =
+      static_cast<float>(v.view().vd_width) / static_cast<float>(w.session->recording.n_samples);
+  EXPECT_NEAR(w.session->display.vd_time_scale, least, 1e-6f) << "the whole recording";
+  time->selectAll();
+  QTest::keyClicks(time, "0.000001");
+  EXPECT_NEAR(w.session->display.vd_time_scale, least, 1e-6f);
+  EXPECT_TRUE(time->problem()->text().startsWith("from ")) << "in words";
+  auto* step = w.control<number_field>(v.dialog, "vd_time_scale_step");
+  step->selectAll();
+  QTest::keyClicks(step, "9999");
+  EXPECT_TRUE(step->problem()->text().startsWith("from ")) << "and is not cut to 999";
+  EXPECT_EQ(step->text(), "9999");
+  // The arrows of the spinner go on from wherever the scale is.
+  w.session->display.vd_voltage_scale = voltage_scale_at(40);
+  redraw_voltage_display(w.shell);
+  auto* steps = w.control<number_field>(v.dialog, "vd_voltage_scale_step");
+  for (int i = 1; i <= 30; ++i) {
+    steps->stepUp();
+    EXPECT_EQ(w.session->display.vd_voltage_scale, voltage_scale_at(40 + i));
+  }
+}
+
+TEST(VoltageDialog, WordsOfRefusalMoveNothing) {
+  voltage_on_show v;
+  const auto places = [&] {
+    QList<QRect> all;
+    const QList<QWidget*> widgets = v.dialog->findChildren<QWidget*>();
+    for (const QWidget* widget : widgets) {
+      const bool words = qobject_cast<const QLabel*>(widget) != nullptr;
+      if (!words) all << QRect(widget->mapTo(v.dialog, QPoint(0, 0)), widget->size());
+    }
+    return all;
+  };
+  QApplication::processEvents();
+  const QList<QRect> before = places();
+  const QSize size = v.dialog->size();
+  for (const char* name :
+       {"vd_voltage_scale", "vd_time_scale_step", "vd_channel_spacing", "index", "channel"}) {
+    auto* field = v.w.control<number_field>(v.dialog, name);
+    field->selectAll();
+    QTest::keyClicks(field, "99999999");
+    EXPECT_TRUE(field->refused()) << name;
+    QApplication::processEvents();
+    EXPECT_TRUE(field->problem()->isVisible()) << name;
+    EXPECT_GE(field->problem()->width(),
+              field->problem()->fontMetrics().horizontalAdvance(field->problem()->text()))
+        << name << ": " << field->problem()->text().toStdString();
+    EXPECT_EQ(places(), before) << name;
+    EXPECT_EQ(v.dialog->size(), size) << name;
+    QTest::keyClick(field, Qt::Key_Tab);
+  }
+}
+
+TEST(Pictures, AreAsDarkAsTheirThemeButForPaper) {
+  voltage_on_show v;
+  driven_workstation& w = v.w;
+  const auto choose = [&](int windows, int pictures) {
+    w.choose_entry("preferences");
+    QDialog* dialog = w.dialog("preferences_dialog");
+    w.control<QComboBox>(dialog, "theme")->setCurrentIndex(windows);
+    w.control<QComboBox>(dialog, "picture_theme")->setCurrentIndex(pictures);
+    w.press(dialog, "ok");
+    w.settle();
+  };
+  const auto corner = [&] { return v.surface()->picture().pixelColor(2, 30); };
+  constexpr int light = 1, dark = 2, as_theme = 0;
+  choose(light, as_theme);
+  EXPECT_EQ(corner(), Qt::white);
+  choose(dark, as_theme);
+  EXPECT_EQ(corner(), Qt::black);
+  EXPECT_TRUE(w.control<QCheckBox>(v.dialog, "vd_reverse_contrast")->isChecked());
+  choose(dark, light);
+  EXPECT_EQ(corner(), Qt::white);
+  choose(light, dark);
+  EXPECT_EQ(corner(), Qt::black);
+  QPicture paper;
+  QPainter painter(&paper);
+  v.surface()->paint_vector(painter, v.surface()->size());
+  painter.end();
+  EXPECT_TRUE(v.view().vd_reverse_contrast);
+  QImage page(v.surface()->size(), QImage::Format_RGB32);
+  QPainter on_page(&page);
+  on_page.drawPicture(0, 0, paper);
+  on_page.end();
+  EXPECT_EQ(page.pixelColor(2, 30), Qt::white);
+  // Turned by hand it stays so while pictures stay as dark as they are.
+  w.tick(v.dialog, "vd_reverse_contrast", false);
+  choose(light, dark);
+  EXPECT_EQ(corner(), Qt::white);
+  choose(as_theme, as_theme);
+}
+
+TEST(SmallScreens, DialogsScrollAboveTheirButtons) {
+  QDialog tall;
+  auto* column = new QVBoxLayout(&tall);
+  auto* page = new QLabel("tall");
+  page->setMinimumSize(300, 5000);
+  auto* words = new QLabel("words");
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close);
+  column->addWidget(page);
+  column->addWidget(words);
+  column->addWidget(buttons);
+  const QSize room = screen_room(&tall);
+  fit_to_screen(&tall);
+  tall.show();
+  QApplication::processEvents();
+  EXPECT_LE(tall.height(), room.height());
+  for (const QWidget* kept : {static_cast<QWidget*>(words), static_cast<QWidget*>(buttons)}) {
+    EXPECT_TRUE(tall.rect().contains(QRect(kept->pos(), kept->size())));
+    EXPECT_EQ(kept->parentWidget(), &tall);
+  }
+  EXPECT_EQ(page->height(), 5000) << "whole, behind a scroll bar";
+  // One that fits is left as it is.
+  QDialog small;
+  auto* rows = new QVBoxLayout(&small);
+  rows->addWidget(new QLabel("small"));
+  fit_to_screen(&small);
+  EXPECT_EQ(small.findChild<QScrollArea*>("page_area"), nullptr);
 }
 
 }  // namespace

@@ -124,8 +124,7 @@ void draw_event_mark(voltage_painting& p, const visible_event& shown) {
   const std::int32_t half = half_width(p, 2);
   p.fill(x - half, y, 2 * half + 1, 1, word);
   if (half > 0) p.fill(x - half / 2, y - 1, 2 * (half / 2) + 1, 3, word);
-  p.fill(x, y - 2, 1, 1, word);
-  p.fill(x, y + 2, 1, 1, word);
+  p.fill(x, y - 2, 1, 5, word);
 }
 
 void draw_events(voltage_painting& p, const std::vector<visible_event>& events) {
@@ -240,7 +239,8 @@ std::int32_t bar_length(float pixels) {
 double bar_value(double usual, double pixels_per_unit, double shortest, double longest) {
   const double length = usual * pixels_per_unit;
   if (!(pixels_per_unit > 0) || (length >= shortest && length <= longest)) return usual;
-  const double most = longest / pixels_per_unit;
+  // Scales are 32-bit numbers: 19.999998 is 20.
+  const double most = longest / pixels_per_unit * (1 + 1e-6);
   const double power = std::pow(10.0, std::floor(std::log10(most)));
   const double digit = most / power;
   return power * (digit >= 5 ? 5 : digit >= 2 ? 2 : 1);

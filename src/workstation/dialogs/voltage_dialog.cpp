@@ -11,6 +11,7 @@
 #include <QScrollBar>
 #include <QSlider>
 #include <QVBoxLayout>
+#include <cmath>
 #include <functional>
 
 #include "displays/voltage/voltage_navigation.h"
@@ -67,7 +68,9 @@ void show_step(number_field* field, float scale, float (*scale_at)(std::int32_t)
 void limit(number_field* field, double first, double last, bool words_beside = true) {
   last = std::max(last, first);
   // A limit that is set anew writes over what is being typed.
-  if (field->minimum() == first && field->maximum() == last) return;
+  const double finest = std::pow(10.0, -field->decimals());
+  const auto is_near = [&](double a, double b) { return std::abs(a - b) < finest; };
+  if (is_near(field->minimum(), first) && is_near(field->maximum(), last)) return;
   const QSignalBlocker quiet(field);
   field->setRange(first, last);
   if (words_beside) field->keep_room();
