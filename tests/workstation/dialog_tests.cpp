@@ -18,6 +18,7 @@
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
+#include "workstation/windows/graph_windows.h"
 
 namespace kestrelvane::test {
 namespace {
@@ -352,6 +353,52 @@ TEST(About, ShowsLimitsWhateverTheMachine) {
   EXPECT_EQ(w.control<QLabel>(dialog, "allocated_memory")->text(), "0.4 GB");
   w.press(dialog, "ok");
   w.session->recording.n_samples = w.session->recording.n_channels = 0;
+}
+
+TEST(Messages, ClosesByItselfWhenWantedAndNothingWentWrong) {
+  const temporary_directory home, data;
+  const QString good = QString::fromStdString(make_small_recording(data));
+  spikeglx_fixture recording;
+  recording.told_bytes = 77;  // a box about it comes
+  const QString odd = QString::fromStdString(write_spikeglx(data.path, recording));
+  driven_workstation w(home.path);
+  const auto read = [&](const QString& path) {
+    w.choose_entry("open_recording");
+    w.settle(true, {path});
+    EXPECT_GT(w.session->recording.n_samples, 0);
+    QApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  };
+  read(good);
+  ASSERT_FALSE(w.shell.messages.isNull()) << "it waits at first";
+  w.tick(w.shell.messages, "close_messages", true);
+  w.close_messages();
+  read(good);
+  EXPECT_TRUE(w.shell.messages.isNull());
+  w.told.clear();
+  read(odd);
+  EXPECT_FALSE(w.told.isEmpty());
+  ASSERT_FALSE(w.shell.messages.isNull()) << "there was a warning";
+  w.tick(w.shell.messages, "close_messages", false);
+  w.close_messages();
+}
+
+TEST(Traces, OpenAfterALoadUnlessUnwanted) {
+  const temporary_directory home, data;
+  const QString path = QString::fromStdString(make_small_recording(data));
+  driven_workstation w(home.path, path.toStdString());
+  ASSERT_NE(graph_of(w.shell, graph_kind::voltage_record), nullptr);
+  EXPECT_EQ(w.shell.frame->findChild<QDialog*>("voltage_dialog"), nullptr) << "the traces alone";
+  for (const bool wanted : {false, true}) {
+    w.choose_entry("preferences");
+    QDialog* dialog = w.dialog("preferences_dialog");
+    w.tick(dialog, "open_traces", wanted);
+    w.press(dialog, "ok");
+    w.settle();
+    w.choose_entry("open_recording");
+    w.settle(true, {path});
+    w.close_messages();
+    EXPECT_EQ(graph_of(w.shell, graph_kind::voltage_record) != nullptr, wanted);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Dialogs that work on the samples, the events and the clusters: filters, detection,
 // Autosort, pair lists, export.
+#include <QAction>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -7,6 +8,7 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSlider>
+#include <QTableWidget>
 #include <QTest>
 #include <filesystem>
 
@@ -129,6 +131,68 @@ TEST(DetectionDialog, MasksAreSetByHandByNoiseAndAllAtOnce) {
   r.w.press(dialog, "done");
   r.w.settle(true);
   EXPECT_EQ(r.w.asked.size(), 1);
+}
+
+TEST(DetectionDialog, ATableMasksSeveralChannelsAndTellsTheirThresholds) {
+  recording_at_hand r;
+  const recording_store& recording = r.session().recording;
+  QDialog* dialog = r.open("event_detection", "event_detection_dialog");
+  auto* table = r.w.control<QTableWidget>(dialog, "channel_masks");
+  ASSERT_EQ(table->rowCount(), 4);
+  const double noise_uv = recording.chan_noise[3] * static_cast<double>(recording.vscale_HP);
+  EXPECT_EQ(table->item(2, 1)->text(), QString::number(noise_uv, 'f', 2));
+  EXPECT_EQ(table->item(2, 2)->text(), "± " + QString::number(5 * noise_uv, 'f', 1));
+  r.w.set_number(dialog, "variable_multiplier", 7);
+  EXPECT_EQ(table->item(2, 2)->text(), "± " + QString::number(7 * noise_uv, 'f', 1));
+  r.w.control<QRadioButton>(dialog, "threshold_fixed")->click();
+  r.w.set_number(dialog, "fixed_threshold_uv", -66);
+  EXPECT_EQ(table->item(3, 2)->text(), "± 66.0");
+  r.w.control<QRadioButton>(dialog, "threshold_automatic")->click();
+  EXPECT_EQ(table->item(3, 2)->text(), "fitted");
+  // A tick in one of the selected rows is for all of them, one elsewhere for its own.
+  const auto masked = [&] {
+    QString marks;
+    for (int c = 1; c <= 4; ++c) marks += recording.chan_mask[c] ? 'T' : 'F';
+    return marks;
+  };
+  table->setRangeSelected(QTableWidgetSelectionRange(0, 0, 2, 3), true);
+  table->item(1, 3)->setCheckState(Qt::Checked);
+  EXPECT_EQ(masked(), "TTTF");
+  EXPECT_EQ(table->item(0, 3)->checkState(), Qt::Checked);
+  table->item(3, 3)->setCheckState(Qt::Checked);
+  EXPECT_EQ(masked(), "TTTT");
+  table->item(0, 3)->setCheckState(Qt::Unchecked);
+  EXPECT_EQ(masked(), "FFFT");
+  // The slider goes with the row.
+  table->setCurrentCell(3, 0);
+  EXPECT_EQ(r.w.control<QSlider>(dialog, "channel")->value(), 4);
+  EXPECT_TRUE(r.w.control<QCheckBox>(dialog, "mask_channel")->isChecked());
+  // Escape leaves it as Done does, but for the settings.
+  QTest::keyClick(dialog, Qt::Key_Escape);
+  r.w.settle(true);
+  EXPECT_EQ(r.w.asked, QStringList("Save/replace mask file (.msk)?"));
+  EXPECT_TRUE(std::filesystem::exists(r.data.file("small.msk")));
+  EXPECT_EQ(r.w.shell.frame->findChild<QDialog*>("event_detection_dialog"), nullptr);
+  EXPECT_NE(r.session().detection.fixed_threshold_uv, -66);
+}
+
+TEST(RunningDialog, LetsMessagesAndLimitsBeLookedAt) {
+  recording_at_hand r;
+  QDialog* sort = r.open("autosort", "autosort_dialog");
+  r.w.tick(sort, "skip_event_detection", false);
+  r.w.set_number(sort, "min_cluster_size", 20);
+  r.w.press(sort, "start");
+  ASSERT_TRUE(r.w.shell.worker.running);
+  r.w.choose_entry("messages");
+  r.w.choose_entry("about");
+  QDialog *messages = r.w.dialog("messages_dialog"), *about = r.w.dialog("about_dialog");
+  EXPECT_EQ(QApplication::activeModalWidget(), nullptr) << "Interrupt can still be pressed";
+  EXPECT_FALSE(r.w.shell.frame->findChild<QAction*>("preferences")->isEnabled());
+  about->close();
+  r.w.settle();
+  EXPECT_GT(r.session().clusters.n_clusters, 0);
+  EXPECT_TRUE(messages->isVisible());
+  r.w.close_messages();
 }
 
 TEST(DetectionDialog, NoiseIsMeasuredOnOpeningAndByTheMethodChosen) {
