@@ -8,6 +8,7 @@
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSlider>
+#include <QTabWidget>
 #include <QTableWidget>
 #include <QTest>
 #include <filesystem>
@@ -450,6 +451,62 @@ TEST(ExportDialog, SaysWhatItCannotWriteAndWarnsFirst) {
   EXPECT_EQ(r.w.told, QStringList("TSF export not supported for  event based recording"));
   r.session().recording.is_continuous = true;
   r.w.press(dialog, "done");
+}
+
+// Where the controls of a dialog are; labels are what may change.
+QList<QRect> places_in(const QDialog* dialog) {
+  QList<QRect> places = {QRect(QPoint(0, 0), dialog->size())};
+  const QList<QWidget*> widgets = dialog->findChildren<QWidget*>();
+  for (const QWidget* widget : widgets) {
+    if (!widget->isVisible() || qobject_cast<const QLabel*>(widget)) continue;
+    places << QRect(widget->mapTo(dialog, QPoint(0, 0)), widget->size());
+  }
+  return places;
+}
+
+TEST(WrongInput, IsSaidWhereItIsTypedAndMovesNothing) {
+  recording_at_hand r;
+  r.w.press(r.sort(), "done");
+  r.w.settle();
+  const std::pair<const char*, const char*> dialogs[] = {
+      {"preferences", "preferences_dialog"},
+      {"strategy", "strategy_dialog"},
+      {"acquisition_properties", "acquisition_dialog"},
+      {"transform_filter", "filter_dialog"},
+      {"event_detection", "event_detection_dialog"},
+      {"autosort", "autosort_dialog"},
+      {"realign", "realign_dialog"}};
+  for (const auto& [entry, name] : dialogs) {
+    QDialog* dialog = r.open(entry, name);
+    const auto* pages = dialog->findChild<QTabWidget*>("pages");
+    const int n_pages = pages ? pages->count() : 1;
+    for (int page = 0; page < n_pages; ++page) {
+      if (pages) dialog->findChild<QTabWidget*>("pages")->setCurrentIndex(page);
+      QApplication::processEvents();
+      const QList<QRect> before = places_in(dialog);
+      const QList<number_field*> fields = dialog->findChildren<number_field*>();
+      for (number_field* field : fields) {
+        if (!field->isVisible() || !field->isEnabled()) continue;
+        const std::string where = std::string(name) + ": " + field->objectName().toStdString();
+        for (const char* text : {"-99999999999", "x", "0.12345678901"}) {
+          field->selectAll();
+          QTest::keyClicks(field, text);
+          QApplication::processEvents();
+          EXPECT_EQ(places_in(dialog), before) << where << ' ' << text;
+          if (!field->refused()) continue;
+          const QLabel* words = field->problem();
+          const bool seen = words != nullptr && words->isVisible();
+          EXPECT_TRUE(seen) << where;
+          if (!seen) continue;
+          const int needed = words->fontMetrics().horizontalAdvance(words->text());
+          EXPECT_GE(words->width(), needed) << where << ": " << words->text().toStdString();
+        }
+      }
+    }
+    dialog->close();
+    r.w.settle();
+    wait_until([&, own = name] { return r.w.shell.frame->findChild<QDialog*>(own) == nullptr; });
+  }
 }
 
 }  // namespace

@@ -120,6 +120,7 @@ QGroupBox* clustering_section(autosort_window& a) {
                      "Point of the template that new templates are moved to"),
       1);
   rows->addRow("Template window  ", window);
+  rows->addRow(words_line({a.window_from, a.window_to}));
   add_number(
       rows, a.form, "Threshold", "gac_threshold",
       {.unit = "stages", .tip = "For how many stages a sub-cluster must last to be real, above 1"});

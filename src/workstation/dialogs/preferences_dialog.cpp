@@ -270,13 +270,18 @@ QCheckBox* traces_box() {
 
 QLayout* binwidths_row(preferences_window& p) {
   auto* row = new QHBoxLayout;
+  std::vector<number_field*> fields;
   for (int i = 0; i < 3; ++i) {
-    row->addWidget(number_control(
+    fields.push_back(number_control(
         p.form, "correlogram_binwidths",
         {.step = 0.5, .unit = "ms", .tip = "Width of a bin of the three correlograms, ms"}, i));
+    row->addWidget(fields.back());
   }
   row->addWidget(new QLabel("ms"));
-  return row;
+  auto* column = new QVBoxLayout;
+  column->addLayout(row);
+  column->addWidget(words_line(fields));
+  return column;
 }
 
 QWidget* program_page(preferences_window& p) {
@@ -361,10 +366,7 @@ QGroupBox* sizes_box(const shared_window& p) {
                    [p](int entry) { show_size(*p, entry); });
   auto* column = new QVBoxLayout;
   column->addLayout(row);
-  auto* words = new QHBoxLayout;
-  words->addWidget(p->width->problem());
-  words->addWidget(p->height->problem());
-  column->addLayout(words);
+  column->addWidget(words_line({p->width, p->height}));
   return titled_box("Window sizes", column);
 }
 
