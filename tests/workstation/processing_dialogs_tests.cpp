@@ -3,18 +3,24 @@
 #include <QAction>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QLineEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSlider>
 #include <QTabWidget>
 #include <QTableWidget>
 #include <QTest>
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "session/template_window.h"
+#include "session/user_interface.h"
 #include "sorting/status_lists.h"
+#include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
 
@@ -451,6 +457,48 @@ TEST(ExportDialog, SaysWhatItCannotWriteAndWarnsFirst) {
   EXPECT_EQ(r.w.told, QStringList("TSF export not supported for  event based recording"));
   r.session().recording.is_continuous = true;
   r.w.press(dialog, "done");
+}
+
+TEST(RunningDialog, ItsClockGoesWithTheRunAndStandsUnderABox) {
+  recording_at_hand r;
+  QLabel minutes;
+  auto* dialog = new operation_dialog(r.w.shell, "runner", "Runner");
+  follow_clock(dialog, &minutes);
+  open_runner(r.w.shell, dialog);
+  const auto elapsed = [](int ms) {
+    QElapsedTimer clock;
+    clock.start();
+    wait_until([&] { return clock.elapsed() > ms; });
+  };
+  dialog->run(
+      [](session_state& session) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        tell(session, "Finished", "Runner", box_icon::information);
+      },
+      nullptr);
+  ASSERT_TRUE(wait_until([] { return QApplication::activeModalWidget() != nullptr; }));
+  const QString at_end = minutes.text();
+  EXPECT_TRUE(at_end == "0.01" || at_end == "0.02") << at_end.toStdString();
+  elapsed(1300);
+  EXPECT_EQ(minutes.text(), at_end);
+  r.w.settle();
+  elapsed(700);
+  EXPECT_EQ(minutes.text(), at_end);
+  dialog->close();
+}
+
+TEST(RunningDialog, BarsEndFullAlsoWhereAStageHadNothingToDo) {
+  recording_at_hand r;
+  QDialog* dialog = r.sort();
+  r.w.tick(dialog, "skip_event_detection", true);
+  r.w.tick(dialog, "skip_clustering", true);
+  r.w.tick(dialog, "merge_safe_pairs", false);
+  r.w.press(dialog, "start");
+  r.w.settle();
+  for (const char* name : {"detection_meter", "cluster_meter", "merge_meter"}) {
+    const auto* bar = r.w.control<QProgressBar>(dialog, name);
+    EXPECT_EQ(bar->value(), bar->maximum()) << name;
+  }
 }
 
 // Where the controls of a dialog are; labels are what may change.

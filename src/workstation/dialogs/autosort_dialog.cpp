@@ -184,6 +184,8 @@ void follow_run(const autosort_window& a) {
           {status_field::current_cluster, a.current_cluster},
           {status_field::current_pair, a.current_pair},
           {status_field::elapsed_time, a.elapsed}});
+  follow_clock(a.dialog, a.elapsed);
+  fill_bars_at_end(a.w, a.dialog, {a.detection_bar, a.cluster_bar, a.merge_bar});
 }
 
 // A sort may be in detection, in clustering or at a pause point; each looks at its own flag,

@@ -1,12 +1,17 @@
 #include "workstation/dialogs/dialog_parts.h"
 
+#include <QApplication>
+#include <QElapsedTimer>
 #include <QScreen>
 #include <QScrollArea>
 #include <QStyle>
+#include <QTimer>
 #include <QVBoxLayout>
+#include <memory>
 #include <utility>
 
 #include "workstation/interface_desk.h"
+#include "workstation/operation.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -156,6 +161,33 @@ void follow(workstation& w, const QDialog* dialog, std::vector<followed_meter> b
                      for (const followed_field& row : fields) {
                        if (row.which == which) row.label->setText(text);
                      }
+                   });
+}
+
+void follow_clock(const operation_dialog* dialog, QLabel* minutes) {
+  constexpr int tick_ms = 600;  // a hundredth of a minute
+  auto* ticks = new QTimer(minutes);
+  const auto since = std::make_shared<QElapsedTimer>();
+  QObject::connect(dialog, &operation_dialog::running_changed, ticks, [=](bool running) {
+    since->start();
+    running ? ticks->start(tick_ms) : ticks->stop();
+  });
+  QObject::connect(ticks, &QTimer::timeout, minutes, [=] {
+    if (QApplication::activeModalWidget() != nullptr) return;
+    // Cut, not rounded, as the operation cuts it.
+    const qint64 hundredths = since->elapsed() / tick_ms;
+    minutes->setText(QString::number(static_cast<double>(hundredths) / 100.0, 'f', 2));
+  });
+}
+
+void fill_bars_at_end(workstation& w, const operation_dialog* dialog,
+                      std::vector<QProgressBar*> bars) {
+  QObject::connect(dialog, &operation_dialog::running_changed, dialog,
+                   [&w, bars = std::move(bars)](bool running) {
+                     const bool at_end = !running && !w.session.operation.autosort_interrupt &&
+                                         w.session.clusters.n_clusters > 0;
+                     if (!at_end) return;
+                     for (QProgressBar* bar : bars) bar->setValue(bar->maximum());
                    });
 }
 

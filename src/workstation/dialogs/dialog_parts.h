@@ -17,6 +17,7 @@
 
 namespace kestrelvane {
 
+class operation_dialog;
 struct workstation;
 
 // A titled box around a layout.
@@ -68,6 +69,13 @@ struct followed_field {
 // For as long as the dialog lives, bars and labels show the latest of their meter or field.
 void follow(workstation& w, const QDialog* dialog, std::vector<followed_meter> bars,
             std::vector<followed_field> fields = {});
+// A clock in minutes that goes while the dialog's operation does, and stands still under a box,
+// which comes at its end. What the operation itself tells of its time counts.
+void follow_clock(const operation_dialog* dialog, QLabel* minutes);
+// When a run of Autosort has come to clusters and to its end, its bars have, too: the last
+// steps may be too few to be reported, or a stage has had nothing to do.
+void fill_bars_at_end(workstation& w, const operation_dialog* dialog,
+                      std::vector<QProgressBar*> bars);
 // The rows of a bar that shows whatever is reported.
 std::vector<followed_meter> every_meter(QProgressBar* bar);
 
