@@ -173,18 +173,20 @@ int main(int argc, char** argv) {
   w.tick(w.dialog("voltage_dialog"), "vd_grey_scale", true);
   take("voltage_record_grey");
   w.tick(w.dialog("voltage_dialog"), "vd_waveforms", true);
-  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", true);
+  const bool dark = w.session->view.vd_reverse_contrast;
+  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", !dark);
   take("voltage_record_reversed");
-  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", false);
+  w.tick(w.dialog("voltage_dialog"), "vd_reverse_contrast", dark);
   w.dialog("voltage_dialog")->close();
 
-  // A second of the recording over the whole width, without the dialog.
-  const QSize area = w.shell.frame->centralWidget()->size();
-  w.session->display.vd_time_scale = 0.25f;
-  open_voltage_window(w.shell, QSize(area.width() - 10, area.height() * 3 / 4 - 40));
-  take("traces");
+  // A fifth of a second over the whole width, without the dialog; then ten seconds.
+  for (const auto& [scale, name] : {std::pair{0.25f, "traces"}, {1 / 256.5f, "traces_far"}}) {
+    w.session->display.vd_time_scale = scale;
+    open_voltage_window(w.shell);
+    take(name);
+  }
   w.session->display.vd_time_scale = 1.0f;
-  open_voltage_window(w.shell, QSize(790, 600));
+  open_voltage_window(w.shell);
 
   const std::pair<const char*, const char*> dialogs[] = {
       {"preferences", "preferences_dialog"},

@@ -291,7 +291,8 @@ void draw_scale_bars(voltage_painting& p) {
 // Where rows are closer than a line of text, as many numbers as can be read.
 void draw_channel_numbers(voltage_painting& p) {
   constexpr std::int32_t text_height = 11;
-  p.painter.setPen(colour_of_word(red));
+  // A lighter red on black, where the pure one is hard to read.
+  p.painter.setPen(colour_of_word(p.reversed ? 0x7070FF : red));
   std::int32_t free_from = std::numeric_limits<std::int32_t>::min();
   for (std::int32_t row = p.layout.first_row; row <= p.layout.last_row; ++row) {
     const std::int32_t y = row_baseline(p.layout, row);

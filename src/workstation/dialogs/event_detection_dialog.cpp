@@ -269,6 +269,15 @@ void fill_table(QTableWidget* table, int n_channels) {
   }
 }
 
+// Styles take the outline of a tick box from the colour of windows, which is no outline on the
+// dark ground of a table.
+void outline_boxes(QTableWidget* table) {
+  QPalette colours = table->palette();
+  if (colours.color(QPalette::Base).lightness() >= 128) return;
+  colours.setColor(QPalette::Window, colours.color(QPalette::Text));
+  table->setPalette(colours);
+}
+
 // All channels at a glance; several are masked at once by selecting their rows.
 QTableWidget* channel_table(const shared_detection& d) {
   auto* table = new QTableWidget(0, 4);
@@ -281,6 +290,9 @@ QTableWidget* channel_table(const shared_detection& d) {
   table->setSelectionMode(QAbstractItemView::ExtendedSelection);
   table->setEditTriggers(QAbstractItemView::NoEditTriggers);
   table->setTabKeyNavigation(false);
+  table->setShowGrid(false);
+  table->setAlternatingRowColors(true);
+  outline_boxes(table);
   table->verticalHeader()->hide();
   table->verticalHeader()->setDefaultSectionSize(table->fontMetrics().height() + 6);
   table->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
