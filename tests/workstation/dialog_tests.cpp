@@ -52,6 +52,40 @@ TEST(NumberField, RefusesInWordsAndKeepsTheValue) {
   EXPECT_EQ(whole->problem()->text(), "not a whole number");
 }
 
+TEST(NumberField, ARefusedTextIsNotCutToTheDigitsThatWereInRange) {
+  QWidget window;
+  auto* field = free_number(&window, "points", 1, 50, {});
+  auto* other = free_number(&window, "other", 1, 50, {});
+  window.show();
+  field->show_value(25);
+  QList<double> followed;
+  QObject::connect(field, &QDoubleSpinBox::valueChanged, field,
+                   [&](double value) { followed << value; });
+  field->setFocus();
+  field->selectAll();
+  QTest::keyClicks(field, "999");
+  EXPECT_EQ(followed, QList<double>({9, 25})) << "and not 9";
+  QTest::keyClick(field, Qt::Key_Return);
+  QTest::keyClick(field, Qt::Key_Tab);
+  other->setFocus();
+  EXPECT_EQ(field->text(), "999");
+  EXPECT_EQ(field->problem()->text(), "from 1 to 50");
+  EXPECT_FALSE(field->hasAcceptableInput());
+  EXPECT_EQ(field->value(), 25);
+  // Steps go on from the value, typing from the text, and a value from elsewhere replaces it.
+  field->stepUp();
+  EXPECT_EQ(field->text(), "26");
+  EXPECT_EQ(field->problem()->text(), "");
+  field->selectAll();
+  QTest::keyClicks(field, "77");
+  QTest::keyClick(field, Qt::Key_Backspace);
+  EXPECT_EQ(field->value(), 7);
+  QTest::keyClicks(field, "7");
+  field->show_value(26);
+  EXPECT_EQ(field->text(), "26");
+  EXPECT_FALSE(field->refused());
+}
+
 TEST(Preferences, AppliesAtOnceAndCancelGivesBack) {
   const temporary_directory home;
   driven_workstation w(home.path);

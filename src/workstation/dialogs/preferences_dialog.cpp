@@ -101,8 +101,8 @@ void show_colour(QPushButton* button, std::int32_t word) {
 // A copy, since each field stores what both show as soon as it changes.
 void show_size(preferences_window& p, int entry) {
   const auto size = p.sizes[entry];
-  p.width->setValue(size[0]);
-  p.height->setValue(size[1]);
+  p.width->show_value(size[0]);
+  p.height->show_value(size[1]);
   p.sizes[entry] = size;
 }
 

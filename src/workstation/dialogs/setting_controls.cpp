@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QLocale>
 #include <cmath>
+#include <utility>
 
 #include "session/settings_table.h"
 
@@ -65,7 +66,12 @@ number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(n
   colours.setColor(QPalette::WindowText,
                    dark ? QColor(0xff, 0x9a, 0x8c) : QColor(0xb0, 0x20, 0x10));
   problem_->setPalette(colours);
-  connect(lineEdit(), &QLineEdit::textEdited, this, &number_field::judge);
+  // Told before the spin box takes the text, so that the value is the one before the typing.
+  connect(lineEdit(), &QLineEdit::textEdited, this, [this](const QString& text) {
+    begin_typing();
+    judge(text);
+  });
+  connect(this, &QAbstractSpinBox::editingFinished, this, [this] { typing_ = false; });
   connect(this, &QDoubleSpinBox::valueChanged, this, [this] { judge(lineEdit()->text()); });
 }
 
@@ -80,7 +86,21 @@ QString number_field::refusal_of(const QString& text) const {
   return times == std::floor(times) ? QString() : multiple_words(multiple_);
 }
 
+void number_field::begin_typing() {
+  if (!std::exchange(typing_, true)) before_ = value();
+}
+
+void number_field::show_value(double value) {
+  refused_.clear();
+  typing_ = false;
+  setValue(value);
+  judge(lineEdit()->text());
+}
+
 void number_field::judge(const QString& text) {
+  refused_ = refusal_of(text).isEmpty() ? QString() : text;
+  // Whoever follows the value has taken the digits so far for it.
+  if (!refused_.isEmpty() && value() != before_) setValue(before_);
   // A dialog that is going may have lost its labels first.
   if (!problem_) return;
   problem_->setText(refusal_of(text));
@@ -126,7 +146,10 @@ QValidator::State number_field::validate(QString& text, int&) const {
 
 void number_field::fixup(QString& text) const { text = textFromValue(value()); }
 
-QString number_field::textFromValue(double value) const { return number_text(value); }
+// A spin box writes its value over the text when it is left.
+QString number_field::textFromValue(double value) const {
+  return !refused_.isEmpty() && value == before_ ? refused_ : number_text(value);
+}
 
 double number_field::valueFromText(const QString& text) const {
   return QLocale::c().toDouble(text.trimmed());
@@ -193,7 +216,7 @@ number_field* number_control(settings_form& form, const char* setting,
   const double scale = options.shown_per_stored;
   session_state& session = form.session;
   form.bindings.push_back({[field, &session, &row, element, scale] {
-                             field->setValue(written_value(session, row, element) * scale);
+                             field->show_value(written_value(session, row, element) * scale);
                            },
                            [field, &session, &row, element, scale] {
                              // A setting finer than what the field shows stays as it is until it is

@@ -30,7 +30,9 @@ struct session_state;
 struct setting_row;
 
 // A spin box that takes any text and says beside itself what is wrong with it. Its value
-// is always one in range: what was last accepted. `value_accepted` follows each change.
+// is always one in range. A text that is refused stays as it was typed, also when the field is
+// left, and the value goes back to what it was before the typing: "999" is never cut to the "9"
+// that was in range on the way to it.
 class number_field : public QDoubleSpinBox {
   Q_OBJECT
 
@@ -41,6 +43,8 @@ class number_field : public QDoubleSpinBox {
   // The label that shows the words; made with the field, to be laid out beside it.
   QLabel* problem() const { return problem_; }
   bool refused() const { return !problem_->text().isEmpty(); }
+  // A value from elsewhere, in the place of whatever is typed.
+  void show_value(double value);
   // Only multiples of this are taken; 0 takes any number.
   void set_multiple(double multiple) { multiple_ = multiple; }
   // The field, its unit and the words in one row, as a layout takes it; without the words where
@@ -62,8 +66,12 @@ class number_field : public QDoubleSpinBox {
  private:
   QString refusal_of(const QString& text) const;
   void judge(const QString& text);
+  void begin_typing();
   QPointer<QLabel> problem_;  // the field's own until it is laid out
   double multiple_ = 0;
+  QString refused_;    // the text as typed; empty when it is taken
+  double before_ = 0;  // the value when the typing began
+  bool typing_ = false;
   QWidget* row_ = nullptr;
 };
 

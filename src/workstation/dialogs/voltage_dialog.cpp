@@ -13,6 +13,7 @@
 #include <QVBoxLayout>
 #include <cmath>
 #include <functional>
+#include <type_traits>
 
 #include "displays/voltage/voltage_navigation.h"
 #include "signal/display_scale.h"
@@ -47,7 +48,11 @@ namespace {
 template <typename Control, typename Value>
 void show(Control* control, Value value) {
   const QSignalBlocker quiet(control);
-  control->setValue(value);
+  if constexpr (std::is_same_v<Control, number_field>) {
+    control->show_value(value);
+  } else {
+    control->setValue(value);
+  }
 }
 
 // A scale, to so many digits. What stands for the same scale stays as it was typed, and so does
@@ -235,7 +240,7 @@ void show_jump(const voltage_controls& v, const event_jump& jump) {
     const QSignalBlocker quiet(field);
     const double value = QString::fromStdString(text).toDouble();
     if (value > 0) {
-      field->setValue(value);
+      field->show_value(value);
     } else {
       field->clear();
     }
