@@ -120,9 +120,10 @@ QGroupBox* samples_box(const shared_acquisition& a, const acquisition_facts& fac
   QPushButton* button = make_button("change_vscale", "Change",
                                     "Take this scale; voltages are shown by it from now on");
   auto* row = new QHBoxLayout;
-  row->addWidget(a->new_scaling->row(), 1);
+  row->addWidget(a->new_scaling->row(false), 1);
   row->addWidget(button);
   rows->addRow("", row);
+  rows->addRow(words_line({a->new_scaling}));
   QObject::connect(button, &QPushButton::clicked, a->dialog, [a] {
     if (!a->new_scaling->hasAcceptableInput()) return;
     const auto scale = static_cast<float>(a->new_scaling->value());
@@ -145,7 +146,7 @@ QLayout* order_row(const shared_acquisition& a) {
   QPushButton* linear =
       make_button("linear", "Linear", "Take the order of the channel numbers as display order");
   auto* row = new QHBoxLayout;
-  row->addWidget(a->scan_angle->row(), 1);
+  row->addWidget(a->scan_angle->row(false), 1);
   row->addWidget(recalculate);
   row->addWidget(linear);
   QObject::connect(recalculate, &QPushButton::clicked, a->dialog, [a] {
@@ -170,6 +171,7 @@ QGroupBox* channel_box(const shared_acquisition& a) {
   a->place = add_value(rows, "sort_order", "Sort order", {},
                        "Row of the channel in displays, counted from 1");
   rows->addRow("scan angle", order_row(a));
+  rows->addRow(words_line({a->scan_angle}));
   QObject::connect(a->channel, &QDoubleSpinBox::valueChanged, a->dialog, [a](double channel) {
     a->w.session.current_channel = static_cast<std::int32_t>(channel);
     show_changeable(*a);

@@ -2,6 +2,7 @@
 #include <QGridLayout>
 #include <QVBoxLayout>
 #include <memory>
+#include <vector>
 
 #include "signal/filter_chain.h"
 #include "workstation/commands/commands.h"
@@ -21,6 +22,7 @@ struct filter_window {
   settings_form form;
   QGridLayout* grid = new QGridLayout;
   int row = 0;
+  std::vector<number_field*> fields;  // whose words share a line
   QLabel* message = nullptr;
   QProgressBar* bar = nullptr;
   QPushButton* interrupt = nullptr;
@@ -52,7 +54,8 @@ void add_line(filter_window& f, QWidget* box, std::initializer_list<QWidget*> fi
 }
 
 QWidget* number(filter_window& f, const char* setting, const number_options& options) {
-  return number_control(f.form, setting, options)->row();
+  f.fields.push_back(number_control(f.form, setting, options));
+  return f.fields.back()->row(false);
 }
 
 // Top to bottom in the order in which the chain applies them.
@@ -145,6 +148,7 @@ QDialogButtonBox* button_row(const shared_filter& f) {
 QGroupBox* chain_box(filter_window& f) {
   add_time_domain(f);
   add_frequency_domain(f);
+  f.grid->addWidget(words_line(f.fields), f.row++, 0, 1, 2);
   QGroupBox* box = titled_box("Applied in this order", f.grid);
   f.dialog->disabled_while_running << box;
   return box;

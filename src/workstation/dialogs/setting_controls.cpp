@@ -105,7 +105,20 @@ void number_field::judge(const QString& text) {
   if (!problem_) return;
   problem_->setText(refusal_of(text));
   problem_->setToolTip(problem_->text());
+  mark_text();
   emit judged(problem_->text());
+}
+
+// The field is marked, too: its words may stand in a line that several share.
+void number_field::mark_text() {
+  const bool marked = lineEdit()->testAttribute(Qt::WA_SetPalette);
+  if (marked == refused()) return;
+  QPalette colours;  // without colours of its own: those of the window, on or off
+  if (refused()) {
+    colours = lineEdit()->palette();
+    colours.setColor(QPalette::Text, problem_->palette().color(QPalette::WindowText));
+  }
+  lineEdit()->setPalette(colours);
 }
 
 void number_field::keep_room() {

@@ -67,6 +67,7 @@ class number_field : public QDoubleSpinBox {
   QString refusal_of(const QString& text) const;
   void judge(const QString& text);
   void begin_typing();
+  void mark_text();
   QPointer<QLabel> problem_;  // the field's own until it is laid out
   double multiple_ = 0;
   QString refused_;    // the text as typed; empty when it is taken
