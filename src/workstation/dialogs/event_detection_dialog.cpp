@@ -110,19 +110,31 @@ QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, cons
 
 enum table_column { column_channel, column_noise, column_threshold, column_masked };
 
-// The threshold that a run would begin with, as the fields have it now.
-QString threshold_text(const detection_window& d, int c) {
-  const session_state& session = d.w.session;
-  const double bit = session.recording.vscale_HP;
-  const auto uv = [](double value) { return QString::number(value, 'f', 1); };
+// The rule for thresholds as the fields have it now, stored or not.
+struct threshold_rule {
+  int mode;
+  double value;  // µV, or times the noise
+};
+
+threshold_rule rule_of(const detection_window& d) {
+  const auto ticked = [&](const char* name) {
+    return d.dialog->findChild<QRadioButton*>(name)->isChecked();
+  };
   const auto value_of = [&](const char* name) {
     return d.dialog->findChild<number_field*>(name)->value();
   };
-  if (d.dialog->findChild<QRadioButton*>("threshold_fixed")->isChecked()) {
-    return "± " + uv(std::abs(value_of("fixed_threshold_uv")));
-  }
-  if (d.dialog->findChild<QRadioButton*>("threshold_variable")->isChecked()) {
-    return "± " + uv(value_of("variable_multiplier") * session.recording.chan_noise[c] * bit);
+  if (ticked("threshold_fixed")) return {threshold_fixed, std::abs(value_of("fixed_threshold_uv"))};
+  if (ticked("threshold_variable")) return {threshold_variable, value_of("variable_multiplier")};
+  return {threshold_automatic, 0};
+}
+
+// The threshold that a run would begin with, µV.
+QString threshold_text(const session_state& session, const threshold_rule& rule, int c) {
+  const double bit = session.recording.vscale_HP;
+  const auto uv = [](double value) { return QString::number(value, 'f', 1); };
+  if (rule.mode == threshold_fixed) return "± " + uv(rule.value);
+  if (rule.mode == threshold_variable) {
+    return "± " + uv(rule.value * session.recording.chan_noise[c] * bit);
   }
   // Fitted by each run; those of the last one stand until then.
   const double negative = session.detector.auto_threshold_neg[c] * bit;
@@ -134,10 +146,11 @@ QString threshold_text(const detection_window& d, int c) {
 void show_table(detection_window& d) {
   const recording_store& r = d.w.session.recording;
   const QSignalBlocker quiet(d.table);
+  const threshold_rule rule = rule_of(d);
   for (int c = 1; c <= r.n_channels; ++c) {
     const double noise = static_cast<double>(r.chan_noise[c] * r.vscale_HP);
     d.table->item(c - 1, column_noise)->setText(QString::number(noise, 'f', 2));
-    d.table->item(c - 1, column_threshold)->setText(threshold_text(d, c));
+    d.table->item(c - 1, column_threshold)->setText(threshold_text(d.w.session, rule, c));
     d.table->item(c - 1, column_masked)
         ->setCheckState(r.chan_mask[c] ? Qt::Checked : Qt::Unchecked);
   }
