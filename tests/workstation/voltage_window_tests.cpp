@@ -12,6 +12,7 @@
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QSlider>
+#include <QStatusBar>
 #include <QTest>
 #include <QVBoxLayout>
 #include <QWheelEvent>
@@ -387,6 +388,16 @@ TEST(Pictures, AreAsDarkAsTheirThemeButForPaper) {
   choose(light, dark);
   EXPECT_EQ(corner(), Qt::white);
   choose(as_theme, as_theme);
+}
+
+TEST(SmallScreens, TheFrameBeginsWithItsStatusLineInSight) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  const QSize room = screen_room(w.shell.frame);
+  ASSERT_LT(room.width(), 1180) << "the screen of these tests is a small one";
+  EXPECT_LE(w.shell.frame->width(), room.width());
+  EXPECT_LE(w.shell.frame->height(), room.height());
+  EXPECT_TRUE(w.shell.frame->statusBar()->isVisible());
 }
 
 TEST(SmallScreens, DialogsScrollAboveTheirButtons) {

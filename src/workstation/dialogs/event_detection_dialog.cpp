@@ -9,6 +9,7 @@
 #include <cmath>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "clustering/templates.h"
 #include "detection/sample_test.h"
@@ -40,7 +41,9 @@ struct detection_window {
   QCheckBox* mask = nullptr;
   QTableWidget* table = nullptr;  // of the channels, row after row
   QComboBox* method = nullptr;
-  number_field* width = nullptr;  // of the window of some methods
+  number_field* width = nullptr;                            // of the window of some methods
+  QRadioButton *by_fixed = nullptr, *by_noise = nullptr;    // the rule of the thresholds
+  number_field *fixed_uv = nullptr, *multiplier = nullptr;  // and its values
   QProgressBar* bar = nullptr;
   QPushButton* interrupt = nullptr;
   QList<QGroupBox*> sections;
@@ -60,12 +63,13 @@ double ms_per_sample(const detection_window& d) {
 QLayout* radio_row(
     detection_window& d, std::int32_t& value,
     std::initializer_list<std::tuple<const char*, const char*, int, const char*>> buttons,
-    const std::function<void(int)>& chosen = {}) {
+    const std::function<void(int)>& chosen = {}, std::vector<QRadioButton*>* made = nullptr) {
   auto* row = new QHBoxLayout;
   auto* group = new QButtonGroup(d.dialog);  // apart from other rows of the same box
   for (const auto& [name, label, stands_for, tip] : buttons) {
     auto* button = new QRadioButton(label);
     group->addButton(button);
+    if (made != nullptr) made->push_back(button);
     button->setObjectName(name);
     button->setToolTip(tip);
     row->addWidget(button);
@@ -117,14 +121,8 @@ struct threshold_rule {
 };
 
 threshold_rule rule_of(const detection_window& d) {
-  const auto ticked = [&](const char* name) {
-    return d.dialog->findChild<QRadioButton*>(name)->isChecked();
-  };
-  const auto value_of = [&](const char* name) {
-    return d.dialog->findChild<number_field*>(name)->value();
-  };
-  if (ticked("threshold_fixed")) return {threshold_fixed, std::abs(value_of("fixed_threshold_uv"))};
-  if (ticked("threshold_variable")) return {threshold_variable, value_of("variable_multiplier")};
+  if (d.by_fixed->isChecked()) return {threshold_fixed, std::abs(d.fixed_uv->value())};
+  if (d.by_noise->isChecked()) return {threshold_variable, d.multiplier->value()};
   return {threshold_automatic, 0};
 }
 
@@ -221,20 +219,26 @@ QGroupBox* noise_section(const shared_detection& d) {
 QGroupBox* threshold_section(const shared_detection& d) {
   detection_settings& s = d->w.session.detection;
   auto* rows = new QFormLayout;
+  std::vector<QRadioButton*> modes;
   rows->addRow(
       radio_row(*d, s.threshold_mode,
                 {{"threshold_automatic", "Automatic", threshold_automatic,
                   "Where the histogram of voltages leaves the bell curve of the noise"},
                  {"threshold_fixed", "Fixed", threshold_fixed, "The same voltage on all channels"},
                  {"threshold_variable", "Variable", threshold_variable,
-                  "A multiple of each channel's noise"}}));
-  add_number(rows, d->form, "Fixed", "fixed_threshold_uv",
-             {.step = 5,
-              .unit = "µV",
-              .tip = "Fixed threshold, µV; a negative one looks for troughs alone in the "
-                     "unipolar method"});
-  add_number(rows, d->form, "Variable", "variable_multiplier",
-             {.step = 0.1, .unit = "× noise", .tip = "Variable threshold, multiple of the noise"});
+                  "A multiple of each channel's noise"}},
+                {}, &modes));
+  d->by_fixed = modes[1];
+  d->by_noise = modes[2];
+  d->fixed_uv =
+      add_number(rows, d->form, "Fixed", "fixed_threshold_uv",
+                 {.step = 5,
+                  .unit = "µV",
+                  .tip = "Fixed threshold, µV; a negative one looks for troughs alone in the "
+                         "unipolar method"});
+  d->multiplier = add_number(
+      rows, d->form, "Variable", "variable_multiplier",
+      {.step = 0.1, .unit = "× noise", .tip = "Variable threshold, multiple of the noise"});
   return titled_box("Threshold", rows);
 }
 
@@ -322,13 +326,11 @@ QTableWidget* channel_table(const shared_detection& d) {
 
 // The thresholds of the table follow what is typed.
 void follow_thresholds(const shared_detection& d) {
-  for (const char* name : {"fixed_threshold_uv", "variable_multiplier"}) {
-    QObject::connect(d->dialog->findChild<number_field*>(name), &QDoubleSpinBox::valueChanged,
-                     d->dialog, [d] { show_table(*d); });
+  for (const number_field* field : {d->fixed_uv, d->multiplier}) {
+    QObject::connect(field, &QDoubleSpinBox::valueChanged, d->dialog, [d] { show_table(*d); });
   }
-  for (const char* name : {"threshold_automatic", "threshold_fixed", "threshold_variable"}) {
-    QObject::connect(d->dialog->findChild<QRadioButton*>(name), &QRadioButton::toggled, d->dialog,
-                     [d] { show_table(*d); });
+  for (const QRadioButton* button : {d->by_fixed, d->by_noise}) {
+    QObject::connect(button, &QRadioButton::toggled, d->dialog, [d] { show_table(*d); });
   }
 }
 
