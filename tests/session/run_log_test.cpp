@@ -128,7 +128,7 @@ TEST(run_log, timing_lines_need_verbose_output_and_the_full_menu) {
 
 TEST(run_log, any_thread_may_log) {
   small_session session;
-  session->ui.log_line = nullptr;  // the scripted user has one thread
+  session->ui = {};  // the scripted user has one thread
   std::vector<std::thread> threads;
   for (int k = 0; k < 4; ++k) {
     threads.emplace_back([&] {
