@@ -251,7 +251,12 @@ TEST(WholeRun, AnExitStopsWhatRuns) {
   EXPECT_EQ(box->text(), "An operation is running. Stop it and leave?");
   box->button(QMessageBox::No)->click();
   EXPECT_TRUE(w.shell.worker.running) << "it pauses as before";
-  EXPECT_TRUE(w.leave(true));
+  w.shell.frame->close();
+  QStringList none;
+  EXPECT_TRUE(wait_until([&] {
+    if (w.answer_box(true, none)) return false;
+    return w.shell.leaving && !w.shell.worker.running;
+  }));
   EXPECT_TRUE(w.told.filter("by user").size());
   EXPECT_TRUE(w.asked.contains("Save program state for next time?"));
   EXPECT_TRUE(std::filesystem::exists(home.file("kv_restart.sav")));
