@@ -60,14 +60,14 @@ bool reading_interrupted(const session_state& session) {
 }
 
 void pause_point(const session_state& session) {
-  if (!session.operation.pause_requested) return;
+  // Taken before the wait: what is requested meanwhile is the next pause.
+  if (!session.operation.pause_requested.exchange(false)) return;
   log_message(session, "Paused, press resume button to continue ... ");
   const user_interface& ui = session.ui;
   if (ui.wait_for_resume != nullptr) {
     const session_pause others_may_save(session);
     ui.wait_for_resume(ui.context);
   }
-  session.operation.pause_requested = false;
   log_message(session, "resuming");
 }
 

@@ -58,8 +58,8 @@ bool detection_interrupted(const session_state& session);
 // operation.reading_interrupted.
 bool reading_interrupted(const session_state& session);
 
-// When a pause is requested: logs, blocks until resumed, clears the request, logs
-// "resuming". Goes on at once when nobody is there who could resume.
+// When a pause is requested: takes the request, logs, blocks until resumed, logs "resuming".
+// Goes on at once when nobody is there who could resume.
 void pause_point(const session_state& session);
 
 }  // namespace kestrelvane

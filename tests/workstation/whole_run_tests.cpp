@@ -182,6 +182,16 @@ TEST(WholeRun, PauseResumeAndInterruptOfASort) {
     EXPECT_FALSE(w.control<QPushButton>(dialog, "done")->isEnabled());
     dialog->close();  // not while it runs
     EXPECT_TRUE(dialog->isVisible());
+    // Ticked, the box stays so, and every Resume is a step.
+    auto* pause = w.control<QCheckBox>(dialog, "pause");
+    pause->setChecked(true);
+    for (int step = 0; step < 2; ++step) {
+      paused = false;
+      w.press(dialog, "resume");
+      ASSERT_TRUE(wait_until([&] { return paused; }));
+      EXPECT_TRUE(pause->isChecked());
+    }
+    pause->setChecked(false);
     w.press(dialog, "resume");
     w.settle();
     EXPECT_GE(w.session->clusters.n_clusters, 2);

@@ -281,8 +281,9 @@ void connect_pause(const shared_autosort& a) {
       a->w.session.operation.pause_requested = true;
     }
   });
+  // The box stays ticked, so that one can step from pair to pair.
   QObject::connect(a->resume, &QPushButton::clicked, dialog, [a] {
-    a->pause->setChecked(false);
+    a->w.session.operation.pause_requested = a->pause->isChecked();
     a->w.desk->resume();
   });
   QObject::connect(a->w.desk, &interface_desk::paused, dialog,
