@@ -434,7 +434,8 @@ float compute_pc_scale(const session_state& session) {
          (session.strategy.gac_start_sigma * 1.4142135f);
 }
 
-void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points) {
+void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space,
+                   gac_points& values) {
   const float scale = compute_pc_scale(session);
   const pc_parameters parameters = pc_parameters_of(session);
   std::vector<std::int32_t> list = list_cluster_events(session, cluster);
@@ -445,15 +446,29 @@ void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points&
     thin_event_list(list, 10000);
     entropy_events = read_events(session, list, false, 0.0f);
   }
-  const std::vector<pc_point> chosen =
-      select_pc_points(session, parameters, cluster, entropy_events);
+  space.points = select_pc_points(session, parameters, cluster, entropy_events);
+  space.dimensions = parameters.dimensions;
   pc_rows rows;
-  fill_pc_rows(session, chosen, events, scale, rows);
-  std::vector<float> axes;
-  find_axes(rows, axes, session_failure_log(session));
-  points.n = rows.n_rows;
-  points.dimensions = parameters.dimensions;
-  project_rows(rows, axes, points.dimensions, points.values);
+  fill_pc_rows(session, space.points, events, scale, rows);
+  find_axes(rows, space.axes, session_failure_log(session));
+  values.n = rows.n_rows;
+  values.dimensions = space.dimensions;
+  project_rows(rows, space.axes, space.dimensions, values.values);
+}
+
+void project_events(const session_state& session, const pc_space& space,
+                    const std::vector<std::int32_t>& list, gac_points& values) {
+  pc_rows rows;
+  fill_pc_rows(session, space.points, read_events(session, list, false, 0.0f),
+               compute_pc_scale(session), rows);
+  values.n = rows.n_rows;
+  values.dimensions = space.dimensions;
+  project_rows(rows, space.axes, space.dimensions, values.values);
+}
+
+void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points) {
+  pc_space space;
+  make_pc_space(session, cluster, space, points);
 }
 
 float shifted_template_value(const session_state& session, const float* values, float position) {

@@ -70,6 +70,20 @@ failure_log session_failure_log(session_state& session);
 void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int32_t dimensions,
                   std::vector<float>& out);
 
+// Where the events of a cluster lie: points and axes, found from its own events, by which any
+// event can be projected.
+struct pc_space {
+  std::int32_t dimensions = 0;
+  std::vector<pc_point> points;
+  std::vector<float> axes;  // find_axes
+};
+// The space of a cluster, and the values of its events in list order: clustering units.
+void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space,
+                   gac_points& values);
+// The same values for any events.
+void project_events(const session_state& session, const pc_space& space,
+                    const std::vector<std::int32_t>& list, gac_points& values);
+
 // The whole road for a cluster's events in list order, in clustering units.
 void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points);
 // The same for both clusters of a pair in event order, the shifted member read at

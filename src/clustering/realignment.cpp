@@ -285,9 +285,12 @@ alignment_target make_target(const session_state& session, std::int32_t cluster,
   return target;
 }
 
+// The scores of all offsets, in whole lanes.
+constexpr std::int32_t score_room = 2 * widest_realign + 1 + n_lanes;
+
 float fit_event(session_state& session, const alignment_target& target, std::int32_t event,
                 bool multiplicative) {
-  float scores[2 * widest_realign + 1 + n_lanes];
+  float scores[score_room];
   float* s = scores + target.w;  // s[d] for d = -w..w
   const std::int32_t time = session.events.event_time[event];
   if (multiplicative) {
@@ -298,13 +301,6 @@ float fit_event(session_state& session, const alignment_target& target, std::int
   const std::int32_t d =
       multiplicative ? find_lowest_minimum(s, target.w) : find_sharpest_minimum(s, target.w);
   return d < -target.w ? 0.0f : move_to_vertex(session, event, s, d);
-}
-
-std::int32_t realign_window(const session_state& session) {
-  const auto w =
-      static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
-                                session.strategy.realign_window_ms / 1000.0f);
-  return w > widest_realign ? widest_realign : w;
 }
 
 // Repeats the fit while it still moves; an event that does not settle goes back
@@ -333,9 +329,18 @@ void prefetch_event(const session_state& session, const alignment_target& target
   }
 }
 
+}  // namespace
+
+std::int32_t realign_window_samples(const session_state& session) {
+  const auto w =
+      static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                session.strategy.realign_window_ms / 1000.0f);
+  return w > widest_realign ? widest_realign : w;
+}
+
 void align_listed_events(session_state& session, std::int32_t cluster,
                          const std::vector<std::int32_t>& list, bool multiplicative) {
-  const std::int32_t w = realign_window(session);
+  const std::int32_t w = realign_window_samples(session);
   // A window of less than a sample has no offset to try.
   if (w < 1) return;
   const alignment_target target = make_target(session, cluster, w, multiplicative);
@@ -350,7 +355,23 @@ void align_listed_events(session_state& session, std::int32_t cluster,
                });
 }
 
-}  // namespace
+std::vector<float> rms_fit_sharpness(const session_state& session, std::int32_t cluster,
+                                     const std::vector<std::int32_t>& list) {
+  std::vector<float> sharpness(list.size(), 0.0f);
+  const std::int32_t w = realign_window_samples(session);
+  if (w < 1) return sharpness;
+  const alignment_target target = make_target(session, cluster, w, false);
+  const std::int32_t n_threads = list.size() < 64 ? 1 : threads_now(session);
+  parallel_for(n_threads, 0, static_cast<std::int64_t>(list.size()) - 1,
+               [&](std::int64_t i, std::int32_t) {
+                 float scores[score_room];
+                 score_differences(session, target, session.events.event_time[list[i]], scores);
+                 const float* s = scores + w;
+                 const std::int32_t d = find_sharpest_minimum(s, w);
+                 if (d >= -w) sharpness[i] = s[d - 1] + s[d + 1] - 2.0f * s[d];
+               });
+  return sharpness;
+}
 
 float align_event_rms(session_state& session, std::int32_t cluster, std::int32_t event,
                       std::int32_t w) {

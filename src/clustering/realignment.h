@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "session/session_state.h"
 
@@ -25,6 +26,17 @@ float template_align_shift(session_state& session, std::int32_t cluster);
 // Fits every event of the cluster to its template, by the multiplicative or the rms fit;
 // at most 5 calls an event.
 void align_events(session_state& session, std::int32_t cluster, bool multiplicative);
+// The same for any events, members or not.
+void align_listed_events(session_state& session, std::int32_t cluster,
+                         const std::vector<std::int32_t>& list, bool multiplicative);
+// int(f * realign_window_ms / 1000), at most 50: offsets that a fit tries to either side.
+std::int32_t realign_window_samples(const session_state& session);
+
+// How sharply the rms fit of each listed event to the cluster's template is bent at the offset
+// that it would take: S(d - 1) + S(d + 1) - 2 S(d), in bits squared times µV a bit. 0 where the
+// fit has no minimum. Nothing moves.
+std::vector<float> rms_fit_sharpness(const session_state& session, std::int32_t cluster,
+                                     const std::vector<std::int32_t>& list);
 
 // recalculate_cluster for every cluster, threaded or not.
 void realign_all_clusters(session_state& session);
