@@ -362,10 +362,17 @@ std::vector<std::int32_t> share_out_events(session_state& session, const event_p
 
 namespace {
 
-// What the clusters that lost or gained events need: template and centre without alignment,
-// status rows; those without any event go.
+void renew_template(session_state& session, std::int32_t cluster, template_renewal renewal) {
+  if (renewal == template_renewal::done) return;
+  if (renewal == template_renewal::realigned) return recalculate_cluster(session, cluster);
+  calculate_template(session, cluster);
+  calculate_template_centre(session, cluster);
+}
+
+// What the clusters that lost or gained events need: template, centre, status rows; those
+// without any event go.
 void settle_changed_clusters(session_state& session, const std::set<std::int32_t>& changed,
-                             cluster_change& change) {
+                             template_renewal renewal, cluster_change& change) {
   std::vector<std::int32_t> emptied;
   // By the old numbers, and so are the templates: no record has moved yet.
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
@@ -374,13 +381,15 @@ void settle_changed_clusters(session_state& session, const std::set<std::int32_t
       emptied.push_back(c);
       continue;
     }
-    calculate_template(session, c);
-    calculate_template_centre(session, c);
+    renew_template(session, c, renewal);
   }
   // From the top down, so that the numbers still to go stay as they are.
   for (auto c = emptied.rbegin(); c != emptied.rend(); ++c) delete_record(session, *c, change);
   // Pairs come last: they look at the templates of both clusters and at the final numbers.
+  const auto n_changed = static_cast<std::int32_t>(changed.size());
+  std::int32_t n_done = 0;
   for (const std::int32_t c : changed) {
+    set_progress(session, meter::status_lists, ++n_done, n_changed);
     const std::int32_t now = number_after(change, c);
     if (now == 0) continue;
     session.clusters.cluster_signed_off[now] = false;
@@ -407,26 +416,39 @@ std::set<std::int32_t> reassign(session_state& session, const std::vector<std::i
 }
 
 std::int32_t reassign_events(session_state& session, const std::vector<std::int32_t>& moving,
-                             std::int32_t cluster, cluster_change_kind kind) {
+                             std::int32_t cluster, cluster_change_kind kind,
+                             template_renewal renewal) {
   std::int32_t n_moved = 0;
   const std::set<std::int32_t> changed = reassign(session, moving, cluster, n_moved);
   if (n_moved == 0) return 0;
   cluster_change change = begin_change(session, kind, {changed.begin(), changed.end()});
-  settle_changed_clusters(session, changed, change);
+  settle_changed_clusters(session, changed, renewal, change);
   end_change(session, change);
   return n_moved;
 }
 
 }  // namespace
 
-std::int32_t remove_events(session_state& session, const std::vector<std::int32_t>& events) {
-  return reassign_events(session, events, 0, cluster_change_kind::removed_events);
+std::int32_t remove_events(session_state& session, const std::vector<std::int32_t>& events,
+                           template_renewal renewal) {
+  return reassign_events(session, events, 0, cluster_change_kind::removed_events, renewal);
 }
 
 std::int32_t move_events(session_state& session, const std::vector<std::int32_t>& events,
                          std::int32_t cluster) {
   if (!is_cluster(session, cluster)) return 0;
-  return reassign_events(session, events, cluster, cluster_change_kind::moved_events);
+  return reassign_events(session, events, cluster, cluster_change_kind::moved_events,
+                         template_renewal::calculated);
+}
+
+void renew_clusters(session_state& session, const std::vector<std::int32_t>& clusters,
+                    template_renewal renewal) {
+  const std::set<std::int32_t> changed(clusters.begin(), clusters.end());
+  if (changed.empty()) return;
+  cluster_change change =
+      begin_change(session, cluster_change_kind::moved_events, {changed.begin(), changed.end()});
+  settle_changed_clusters(session, changed, renewal, change);
+  end_change(session, change);
 }
 
 // ---------------------------------------------------------------- renumbering

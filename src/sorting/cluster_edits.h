@@ -53,12 +53,26 @@ struct event_places {
 // Labels and current_cluster stay. Returns the clusters of places 1..n_places.
 std::vector<std::int32_t> share_out_events(session_state& session, const event_places& places);
 
+// What an edit does for the templates of the clusters that it changed. Their pairs follow in
+// any case.
+enum class template_renewal {
+  done,        // the caller has made them anew
+  calculated,  // template and centre, without alignment
+  realigned,   // recalculate_cluster
+};
+
 // Events (event numbers, ascending) leave their clusters: cluster 0, label 0, templates and
-// centres without alignment. Unclustered ones are passed over. Returns how many left.
-std::int32_t remove_events(session_state& session, const std::vector<std::int32_t>& events);
+// centres by default without alignment. Unclustered ones are passed over. Returns how many left.
+std::int32_t remove_events(session_state& session, const std::vector<std::int32_t>& events,
+                           template_renewal renewal = template_renewal::calculated);
 // Events go to one cluster, likewise; returns how many were not in it before.
 std::int32_t move_events(session_state& session, const std::vector<std::int32_t>& events,
                          std::int32_t cluster);
+
+// For tools that move events in time, or that take unclustered ones in: the upkeep of the
+// clusters that they changed, as above, and the change told (moved_events).
+void renew_clusters(session_state& session, const std::vector<std::int32_t>& clusters,
+                    template_renewal renewal);
 
 // Renumbers all clusters: order[i] is the present number of the cluster that gets number
 // i + 1. Records, events, pairs and their shift owners move, and so do the selections.

@@ -8,6 +8,13 @@
 
 namespace kestrelvane {
 
+std::int32_t duplicate_window_samples(const session_state& session) {
+  // At least one sample, however short the lockout.
+  return std::max(
+      1, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
+                                   session.detection.lockout_ms / 1000.0f));
+}
+
 namespace {
 
 // Calls found(worse) for each duplicate, in order. Within its turn the first event
@@ -17,10 +24,7 @@ template <typename Found>
 void find_duplicates(const session_state& session, Found&& found) {
   const event_table& events = session.events;
   constexpr std::int32_t look_ahead = 50;
-  // At least one sample, however short the lockout.
-  const std::int32_t window = std::max(
-      1, static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
-                                   session.detection.lockout_ms / 1000.0f));
+  const std::int32_t window = duplicate_window_samples(session);
   for (std::int32_t i = 1; i < events.n_events; ++i) {
     const std::int32_t cluster = events.event_cluster[i];
     const std::int32_t time = events.event_time[i];

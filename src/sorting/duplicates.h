@@ -11,6 +11,9 @@
 
 namespace kestrelvane {
 
+// The lockout time in samples.
+std::int32_t duplicate_window_samples(const session_state& session);
+
 // Counts the duplicates; with remove, takes the worse of each two out of its
 // cluster and gives it back its time of detection. Returns the count.
 std::int32_t remove_duplicate_events(session_state& session, bool remove);
