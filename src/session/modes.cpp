@@ -67,6 +67,39 @@ constexpr mode_label matches[] = {
     {match_rates, "Rate complementarity"},
     {match_pc_adjacency, "PC adjacency"},
 };
+
+constexpr mode_label cleaned_channels[] = {
+    {clean_on_centre, "Max channel"},
+    {clean_on_neighbours, "Max + immed neighbours"},
+    {clean_on_template, "Template channels"},
+    {clean_on_masked, "Masked template 25"},
+};
+
+constexpr mode_label cleaners[] = {
+    {clean_by_alignment, "Realignment clean"},
+    {clean_by_rms, "RMS distance"},
+    {clean_by_outliers, "Ten outliers"},
+    {clean_by_troughs, "Template peaks"},
+    {clean_by_curvature, "2nd derivative weighted RMS"},
+};
+
+constexpr mode_label weak_measures[] = {
+    {delete_by_snr, "S/N ratio"},
+    {delete_by_size, "size"},
+};
+
+constexpr mode_label orders[] = {
+    {order_by_y, "vertical position"},
+    {order_by_x, "horizontal position"},
+    {order_by_channel, "channel number"},
+    {order_by_amplitude, "P-P amplitude"},
+    {order_by_snr, "spike S/N ratio"},
+    {order_by_size, "size"},
+    {order_by_ambiguity, "ambiguity"},
+    {order_by_quality, "template quality"},
+    {order_by_marks, "number of marked events"},
+    {order_by_peak_time, "time to peak"},
+};
 // clang-format on
 
 }  // namespace
@@ -78,6 +111,10 @@ mode_labels event_align_modes() { return event_modes; }
 mode_labels template_align_modes() { return template_modes; }
 mode_labels pc_selections() { return selections; }
 mode_labels match_methods() { return matches; }
+mode_labels clean_channel_choices() { return cleaned_channels; }
+mode_labels clean_methods() { return cleaners; }
+mode_labels delete_measures() { return weak_measures; }
+mode_labels renumber_orders() { return orders; }
 
 const char* mode_name(mode_labels labels, std::int32_t value) {
   for (const mode_label& row : labels) {

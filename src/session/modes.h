@@ -67,6 +67,40 @@ enum match_method_row : std::int32_t {
   match_pc_adjacency = 7,
 };
 
+// review_settings::clean_channels: where an event is compared with its template.
+enum clean_channels_row : std::int32_t {
+  clean_on_centre = 1,
+  clean_on_neighbours = 2,  // the centre channel and those beside it
+  clean_on_template = 3,    // all channels of the template
+  clean_on_masked = 4,      // likewise, where the template is above 25 µV
+};
+
+// review_settings::clean_method: by what an event is told that does not belong.
+enum clean_method_row : std::int32_t {
+  clean_by_alignment = 1,
+  clean_by_rms = 2,
+  clean_by_outliers = 3,
+  clean_by_troughs = 4,
+  clean_by_curvature = 5,
+};
+
+// review_settings::delete_measure
+enum delete_measure_row : std::int32_t { delete_by_snr = 1, delete_by_size = 2 };
+
+// review_settings::renumber_order
+enum renumber_order_row : std::int32_t {
+  order_by_y = 1,
+  order_by_x = 2,
+  order_by_channel = 3,
+  order_by_amplitude = 4,
+  order_by_snr = 5,
+  order_by_size = 6,
+  order_by_ambiguity = 7,
+  order_by_quality = 8,
+  order_by_marks = 9,
+  order_by_peak_time = 10,
+};
+
 struct mode_label {
   std::int32_t value;
   const char* label;
@@ -80,6 +114,10 @@ mode_labels event_align_modes();
 mode_labels template_align_modes();
 mode_labels pc_selections();
 mode_labels match_methods();
+mode_labels clean_channel_choices();
+mode_labels clean_methods();
+mode_labels delete_measures();
+mode_labels renumber_orders();
 
 // Label of a value; empty for a number that is no mode.
 const char* mode_name(mode_labels labels, std::int32_t value);

@@ -121,17 +121,19 @@ struct review_settings {
   float view_split_sigma = 0;  // µV
   std::int32_t search_order = 0;
   std::int32_t manage_option_1 = 0;
-  std::int32_t renumber_order = 0;
+  std::int32_t renumber_order = 0;  // renumber_order_row
+  logical renumber_increasing;      // false: the largest comes first
   logical show_correlograms;
   float correlogram_bin_ms = 0;        // ms
   std::int32_t delete_size_limit = 0;  // events
   float manage_option_3 = 0;
   std::int32_t manage_option_4 = 0;
-  std::int32_t match_method = 0;  // match_method_row
-  std::int32_t clean_channels = 0;
-  std::int32_t clean_method = 0;
-  float clean_threshold = 0;
-  float relocate_sd_factor = 0;
+  std::int32_t match_method = 0;    // match_method_row
+  std::int32_t clean_channels = 0;  // clean_channels_row
+  std::int32_t clean_method = 0;    // clean_method_row
+  float clean_threshold = 0;        // of the method; alignment scores below it are bad
+  float relocate_sd_factor = 0;     // s.d. from the mean logarithm of sharpness
+  std::int32_t delete_measure = 0;  // delete_measure_row
   float delete_snr_limit = 0;
   logical export_remove_duplicates;
   logical export_save_work_file;
