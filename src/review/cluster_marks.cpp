@@ -378,10 +378,11 @@ std::vector<shape_point> events_in_plane(session_state& session, mark_plane plan
   // A flat template has no centre, and its events no height.
   const bool has_centre = session.templates.template_n_channels[cluster] > 0;
   const std::int32_t centre = session.templates.centre_channel(cluster);
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    places[i] = {event_minutes(session, list[i]),
-                 has_centre ? event_height_uv(session, list[i], centre) : 0.0f};
-  }
+  parallel_for(threads_now(session), 0, static_cast<std::int64_t>(list.size()) - 1,
+               [&](std::int64_t i, std::int32_t) {
+                 places[i] = {event_minutes(session, list[i]),
+                              has_centre ? event_height_uv(session, list[i], centre) : 0.0f};
+               });
   return places;
 }
 

@@ -182,12 +182,16 @@ float distance_limit(const session_state& session, std::int32_t cluster,
   return *place;
 }
 
-// Lets the candidates that belong there into the cluster; returns their places in the list. The
-// others are where they were.
-std::vector<std::size_t> accept_candidates(session_state& session, std::int32_t cluster, float part,
-                                           const candidate_list& candidates,
-                                           reclaim_counts& counts) {
-  std::vector<std::size_t> accepted;
+// A candidate that belongs to the cluster, and where the fit has put it.
+struct found_event {
+  std::size_t candidate = 0;  // place in the list of candidates
+  std::int32_t time = 0;
+  float shift = 0;
+};
+
+// Looks for the candidates that belong to a cluster. All are where they were afterwards.
+std::vector<found_event> find_matches(session_state& session, std::int32_t cluster, float part,
+                                      const candidate_list& candidates, reclaim_counts& counts) {
   pc_space space;
   gac_points members, points;
   make_pc_space(session, cluster, space, members);
@@ -200,32 +204,43 @@ std::vector<std::size_t> accept_candidates(session_state& session, std::int32_t 
                       session.strategy.multiplicative_matching);
   project_events(session, space, candidates.events, points);
   std::vector<float> away;
-  if (!measure_events(session, by_distance, cluster, candidates.events, away, block_meter::rests)) {
-    // Interrupted: nobody is near enough, and all are put back.
-    away.assign(away.size(), std::numeric_limits<float>::infinity());
-  }
+  const bool measured =
+      measure_events(session, by_distance, cluster, candidates.events, away, block_meter::rests);
+  std::vector<found_event> found;
   for (std::size_t i = 0; i < candidates.events.size(); ++i) {
     const std::int32_t e = candidates.events[i];
+    const std::int32_t time = session.events.event_time[e];
     const bool dense = image.holds(points.row(static_cast<std::int64_t>(i)));
     counts.n_first_match += dense ? 1 : 0;
-    if (!dense || !(away[i] <= farthest) || !occupied.take(session.events.event_time[e])) {
-      put_back(session, candidates, i);
-      continue;
+    // Interrupted, the distances are not known, and nobody is near enough.
+    if (dense && measured && away[i] <= farthest && occupied.take(time)) {
+      found.push_back({i, time, session.events.event_shift[e]});
     }
-    accepted.push_back(i);
-    session.events.event_cluster[e] = cluster;
-    session.events.event_subcluster[e] = 1;
+    put_back(session, candidates, i);
+  }
+  return found;
+}
+
+void let_in(session_state& session, std::int32_t cluster, const candidate_list& candidates,
+            const std::vector<found_event>& found) {
+  event_table& events = session.events;
+  for (const found_event& match : found) {
+    const std::int32_t e = candidates.events[match.candidate];
+    events.event_time[e] = match.time;
+    events.event_shift[e] = match.shift;
+    events.event_cluster[e] = cluster;
+    events.event_subcluster[e] = 1;
     if (session.preferences.verbose_log) {
       write_run_log_window(session, fmt::format("restoring event {}", e));
     }
   }
-  return accepted;
+  recalculate_cluster(session, cluster);
 }
 
 // The cluster with its new events has other components and another density; what does not lie
 // in that leaves again.
-void check_accepted(session_state& session, std::int32_t cluster, float part,
-                    const candidate_list& candidates, const std::vector<std::size_t>& accepted,
+void check_restored(session_state& session, std::int32_t cluster, float part,
+                    const candidate_list& candidates, const std::vector<found_event>& found,
                     reclaim_counts& counts) {
   pc_space space;
   gac_points members;
@@ -233,39 +248,42 @@ void check_accepted(session_state& session, std::int32_t cluster, float part,
   const density_image image = make_image(members, part);
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   std::size_t place = 0;
-  for (const std::size_t i : accepted) {
-    const std::int32_t e = candidates.events[i];
+  for (const found_event& match : found) {
+    const std::int32_t e = candidates.events[match.candidate];
     // Both lists ascend.
     while (list[place] != e) ++place;
     if (image.holds(members.row(static_cast<std::int64_t>(place)))) continue;
     session.events.event_cluster[e] = 0;
     session.events.event_subcluster[e] = 0;
-    put_back(session, candidates, i);
+    put_back(session, candidates, match.candidate);
     ++counts.n_relabelled;
   }
-  log_message(session, fmt::format("{} relabelled on final check", counts.n_relabelled));
+  log_message(session, fmt::format("n relabelled on final check={}", counts.n_relabelled));
   if (counts.n_relabelled > 0) recalculate_cluster(session, cluster);
 }
 
-// Templates follow, pairs do not. Returns whether the cluster has changed.
+// Templates follow, pairs do not. save: what can be taken back. Returns whether the cluster has
+// changed.
 bool reclaim_for_cluster(session_state& session, std::int32_t cluster,
-                         reclaim_selectivity selectivity, const lost_events& lost,
+                         reclaim_selectivity selectivity, const lost_events& lost, bool save,
                          reclaim_counts& counts) {
   const candidate_list candidates = list_candidates(session, lost, cluster);
   counts = {};
   counts.n_candidates = static_cast<std::int32_t>(candidates.events.size());
-  std::vector<std::size_t> accepted;
+  std::vector<found_event> found;
   const float part = part_of_maximum(selectivity);
   if (!candidates.events.empty() && count_cluster_events(session, cluster) >= least_members) {
-    accepted = accept_candidates(session, cluster, part, candidates, counts);
+    found = find_matches(session, cluster, part, candidates, counts);
   }
-  counts.n_restored = static_cast<std::int32_t>(accepted.size());
+  counts.n_restored = static_cast<std::int32_t>(found.size());
+  // A search without a find must not cost the user the undo of what came before.
+  if (save && !found.empty()) save_undo_state(session, undo_owner::cluster_review);
+  if (!found.empty()) let_in(session, cluster, candidates, found);
   log_message(session, fmt::format("# of potential matches={}", counts.n_candidates));
   log_message(session, fmt::format("# of events restored  ={}", counts.n_restored));
   log_message(session, fmt::format("n_first match  ={}", counts.n_first_match));
-  if (accepted.empty()) return false;
-  recalculate_cluster(session, cluster);
-  check_accepted(session, cluster, part, candidates, accepted, counts);
+  if (found.empty()) return false;
+  check_restored(session, cluster, part, candidates, found, counts);
   return true;
 }
 
@@ -277,8 +295,8 @@ bool reclaim_events(session_state& session, reclaim_selectivity selectivity,
   counts = {};
   if (cluster < 1 || cluster > session.clusters.n_clusters) return false;
   if (autosort_interrupted(session)) return false;
-  save_undo_state(session, undo_owner::cluster_review);
-  if (!reclaim_for_cluster(session, cluster, selectivity, list_lost_events(session), counts)) {
+  if (!reclaim_for_cluster(session, cluster, selectivity, list_lost_events(session), true,
+                           counts)) {
     return !session.operation.autosort_interrupt;
   }
   session.clusters.cluster_ellipse[cluster] = {};
@@ -295,7 +313,7 @@ std::int32_t reclaim_lost_events(session_state& session, reclaim_selectivity sel
   for (std::int32_t cluster = 1; cluster <= n; ++cluster) {
     if (autosort_interrupted(session)) break;
     reclaim_counts counts;
-    if (reclaim_for_cluster(session, cluster, selectivity, lost, counts)) {
+    if (reclaim_for_cluster(session, cluster, selectivity, lost, false, counts)) {
       changed.push_back(cluster);
     }
     n_restored += counts.n_gained();

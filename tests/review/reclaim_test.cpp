@@ -40,7 +40,7 @@ TEST_F(reclaim_test, most_come_back_to_their_own_cluster) {
   EXPECT_EQ(session.user.changes.back().kind, cluster_change_kind::moved_events);
   EXPECT_TRUE(session.user.logged("imax="));
   EXPECT_TRUE(session.user.logged("# of potential matches=" + std::to_string(lost.size())));
-  EXPECT_TRUE(session.user.logged("relabelled on final check"));
+  EXPECT_TRUE(session.user.logged("n relabelled on final check="));
   EXPECT_THAT(session.user.run_log_window,
               testing::Contains(testing::HasSubstr("restoring event ")));
   expect_consistent();
