@@ -363,12 +363,13 @@ float event_minutes(const session_state& session, std::int32_t event) {
 }
 
 std::vector<shape_point> events_in_plane(session_state& session, mark_plane plane) {
-  const auto [cluster, list] = current_of(session);
+  const reviewed_cluster current = current_of(session);
+  const std::vector<std::int32_t>& list = current.list;
   std::vector<shape_point> places(list.size());
   if (list.empty()) return places;
   if (plane == mark_plane::components) {
     gac_points points;
-    cluster_pc_values(session, cluster, points);
+    cluster_pc_values(session, current.number, points);
     for (std::size_t i = 0; i < list.size(); ++i) {
       const float* row = points.row(static_cast<std::int64_t>(i));
       places[i] = {row[0], row[1]};
@@ -376,8 +377,8 @@ std::vector<shape_point> events_in_plane(session_state& session, mark_plane plan
     return places;
   }
   // A flat template has no centre, and its events no height.
-  const bool has_centre = session.templates.template_n_channels[cluster] > 0;
-  const std::int32_t centre = session.templates.centre_channel(cluster);
+  const bool has_centre = session.templates.template_n_channels[current.number] > 0;
+  const std::int32_t centre = session.templates.centre_channel(current.number);
   parallel_for(threads_now(session), 0, static_cast<std::int64_t>(list.size()) - 1,
                [&](std::int64_t i, std::int32_t) {
                  places[i] = {event_minutes(session, list[i]),
@@ -401,15 +402,15 @@ bool mark_in_ellipse(session_state& session) {
 }
 
 bool mark_in_rectangle(session_state& session, shape_point a, shape_point b) {
-  const auto [left, right] = std::minmax(a.x, b.x);
-  const auto [low, high] = std::minmax(a.y, b.y);
+  const shape_point least{std::min(a.x, b.x), std::min(a.y, b.y)};
+  const shape_point most{std::max(a.x, b.x), std::max(a.y, b.y)};
   const std::vector<std::int32_t> list = current_of(session).list;
   const std::vector<shape_point> places = events_in_plane(session, mark_plane::heights);
   if (list.empty()) return false;
   // Its outline belongs to it, as what is drawn round the outermost event means that event.
-  return add_label(session, list, [&, l = left, r = right, lo = low, hi = high](std::int64_t i) {
+  return add_label(session, list, [&](std::int64_t i) {
     const shape_point p = places[i];
-    return p.x >= l && p.x <= r && p.y >= lo && p.y <= hi;
+    return p.x >= least.x && p.x <= most.x && p.y >= least.y && p.y <= most.y;
   });
 }
 

@@ -273,7 +273,7 @@ constexpr setting_row rows[] = {
     EXTRA(strategy, template_centre_from_events, 0, 0, 1,
         "Template centre from the channels of its events"),
     EXTRA(review, export_csv_heading, 0, 0, 1, "Heading line in .csv files"),
-    EXTRA(review, delete_measure, delete_by_size, 1, 2, "Delete clusters with, row of the list"),
+    EXTRA(review, delete_measure, delete_by_snr, 1, 2, "Delete clusters with, row of the list"),
     EXTRA(review, renumber_increasing, 1, 0, 1, "Renumber clusters in increasing order"),
     CARRIED(extra, gac_flag, logical_word, 0, 0, 1),
     EXTRA(strategy, remove_small_final_subclusters, 1, 0, 1, "Remove small final sub-clusters"),

@@ -84,7 +84,7 @@ TEST_F(measure_test, channels_that_are_looked_at) {
 }
 
 TEST_F(measure_test, windows_are_crossed_by_samples_and_between_them) {
-  const auto passes = [&](std::vector<waveform_window> windows) {
+  const auto passes = [&](const std::vector<waveform_window>& windows) {
     unmark_events(*session);
     EXPECT_TRUE(mark_by_windows(*session, windows));
     return count_labels(*session).size[1] == 0;
