@@ -31,6 +31,9 @@ struct cluster_table {
   table<cluster_ellipse_record> cluster_ellipse;
   table<logical> cluster_signed_off;  // the splitter has finished with it
   table<std::int32_t> cluster_tag;    // opaque value of the analysis tools
+  // The cluster that an edit of this session cut it off from, by the number that one had then;
+  // 0: none did. Not saved.
+  table<std::int32_t> cluster_source;
 
   // Stays at its number when clusters move.
   table<float> cluster_sigma;         // µV, bandwidth at sign-off
@@ -52,6 +55,7 @@ void for_each_moving_column(Visit&& visit, Tables&... of) {
   visit(of.cluster_ellipse...);
   visit(of.cluster_signed_off...);
   visit(of.cluster_tag...);
+  visit(of.cluster_source...);
 }
 
 // Calls visit for each column of a cluster.

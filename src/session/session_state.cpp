@@ -170,6 +170,7 @@ void reset_session(session_state& session) {
   session.lists.n_match = 0;
   session.filter_history.n_entries = 0;
   session.undo.reset();
+  session.reviewed = {};
   session.detector.detection_incomplete = false;
   session.detector.n_proto_marks = 0;
   session.detector.proto_mark_time.clear();

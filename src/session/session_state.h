@@ -62,6 +62,13 @@ struct autosort_state {
   std::int32_t stop_after = 0;
 };
 
+// Where the user is in the review by hand, as it stays between two dialogs.
+struct review_place {
+  std::int32_t compare_a = 0, compare_b = 0;  // pair on show; 0: none yet
+  std::int32_t match_position = 0;  // in the match list; 0: the pair was not taken from it
+  float last_split_sigma = 0;       // µV, of the last split that was found for a pair
+};
+
 // Sinc interpolation and kernel tables, built from the settings.
 struct interpolation_tables {
   // 1000 entries, and zeros behind them for taps that fall beyond the width.
@@ -87,6 +94,7 @@ struct session_state {
   preferences_record preferences;
   carried_settings carried;
   voltage_view view;
+  review_place reviewed;
 
   detection_state detector;
   autosort_state autosort;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <numeric>
 #include <set>
 
@@ -61,6 +62,8 @@ void follow_in_match_lists(status_lists_table& lists, const cluster_change& chan
 void end_change(session_state& session, cluster_change& change) {
   // What an undo brought back has match lists of its own.
   if (change.kind != cluster_change_kind::restored) follow_in_match_lists(session.lists, change);
+  // A run's own cuts are no edits, and their numbers stand for nothing when it has ended.
+  if (change.kind == cluster_change_kind::rebuilt) session.clusters.cluster_source.clear();
   tell_cluster_change(session, change);
 }
 
@@ -282,9 +285,11 @@ void absorb_cluster(session_state& session, std::int32_t a, std::int32_t b) {
 
 namespace {
 
-// A new cluster at the end of the table, of the events that carry its number already.
-void add_cluster(session_state& session, std::int32_t number) {
+// A new cluster at the end of the table, of the events that carry its number already; most of
+// them were in the source.
+void add_cluster(session_state& session, std::int32_t number, std::int32_t source) {
   clear_cluster_record(session, number);
+  session.clusters.cluster_source[number] = source;
   session.clusters.n_clusters = number;
   recalculate_cluster(session, number);
   // Its pairs are computed here, and do not change before the next cluster.
@@ -319,7 +324,7 @@ void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   }
   clusters.previous_cluster = old_cluster;
   recalculate_cluster(session, old_cluster);
-  add_cluster(session, new_cluster);
+  add_cluster(session, new_cluster, old_cluster);
   update_lists_for_cluster(session, old_cluster);
   change.after = {old_cluster, new_cluster};
   end_change(session, change);
@@ -330,13 +335,50 @@ void split_marked_to_new_cluster(session_state& session, std::int32_t k) {
   }
 }
 
+namespace {
+
+// Element p: of the clusters that the events of place p come from, the one that most do, the
+// first of several.
+std::vector<std::int32_t> find_sources(const session_state& session, const event_places& places) {
+  std::vector<std::map<std::int32_t, std::int32_t>> counts(
+      static_cast<std::size_t>(places.n_places) + 1);
+  for (std::size_t i = 0; i < places.events.size(); ++i) {
+    if (places.place[i] > 0) {
+      ++counts[places.place[i]][session.events.event_cluster[places.events[i]]];
+    }
+  }
+  std::vector<std::int32_t> sources;
+  for (const auto& of_place : counts) {
+    const auto most = std::max_element(of_place.begin(), of_place.end(),
+                                       [](auto& x, auto& y) { return x.second < y.second; });
+    sources.push_back(most == of_place.end() ? 0 : most->first);
+  }
+  return sources;
+}
+
+// Old clusters without a place have lost all their events; they are looked for under the first.
+void delete_placeless(session_state& session, const event_places& places, cluster_change& change) {
+  const std::set<std::int32_t> gone(places.clusters.begin() + places.n_places,
+                                    places.clusters.end());
+  for (auto c = gone.rbegin(); c != gone.rend(); ++c) delete_record(session, *c, change);
+  for (std::int32_t& now : change.after) now = number_after(change, now);
+  for (const std::int32_t c : gone) change.number_now[c] = change.after.front();
+}
+
+}  // namespace
+
 std::vector<std::int32_t> share_out_events(session_state& session, const event_places& places) {
-  const std::vector<std::int32_t>& old = places.clusters;
-  const auto n_old = static_cast<std::int32_t>(old.size());
-  cluster_change change = begin_change(session, cluster_change_kind::split, old);
+  const auto n_old = static_cast<std::int32_t>(places.clusters.size());
+  const std::int32_t n_left = std::min(n_old, places.n_places);
+  // Those of the old clusters that keep a place.
+  const std::vector<std::int32_t> old(places.clusters.begin(), places.clusters.begin() + n_left);
+  cluster_change change = begin_change(
+      session, n_left < n_old ? cluster_change_kind::merged : cluster_change_kind::split,
+      places.clusters);
   const std::int32_t first_new = session.clusters.n_clusters + 1;
+  const std::vector<std::int32_t> sources = find_sources(session, places);
   for (std::int32_t p = 1; p <= places.n_places; ++p) {
-    change.after.push_back(p <= n_old ? old[p - 1] : first_new + p - 1 - n_old);
+    change.after.push_back(p <= n_old ? places.clusters[p - 1] : first_new + p - 1 - n_old);
   }
   for (std::size_t i = 0; i < places.events.size(); ++i) {
     const std::int32_t p = places.place[i];
@@ -352,8 +394,9 @@ std::vector<std::int32_t> share_out_events(session_state& session, const event_p
   // Pair numbers still count the old clusters; the first new one changes them all.
   if (places.old_ones_done) places.old_ones_done();
   for (std::int32_t p = n_old + 1; p <= places.n_places; ++p) {
-    add_cluster(session, change.after[p - 1]);
+    add_cluster(session, change.after[p - 1], sources[p]);
   }
+  if (n_left < n_old) delete_placeless(session, places, change);
   end_change(session, change);
   return change.after;
 }

@@ -39,7 +39,8 @@ void split_marked_to_new_cluster(session_state& session, std::int32_t k);
 
 // Where the events of some clusters go: place p of event events[i] stands for clusters[p - 1],
 // or for the (p - clusters.size())-th new one; place 0 leaves all clusters, and a negative
-// one stays where it is. Places 1..n_places each have events.
+// one stays where it is. Places 1..n_places each have events, and n_places is at least 1; where
+// they are fewer than the clusters, the clusters without a place keep no event and are deleted.
 struct event_places {
   std::vector<std::int32_t> clusters;
   std::vector<std::int32_t> events;  // ascending

@@ -518,30 +518,30 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
   return {true, compare_gradients(grid_a, grid_b)};
 }
 
-float match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
-                  pair_shift shift, std::int32_t rank) {
+optional_value match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                           pair_shift shift, std::int32_t rank) {
   const recording_store& r = session.recording;
   if (r.electrode_type == electrode_tetrode &&
       r.tetrode_of_channel[session.templates.centre_channel(a)] !=
           r.tetrode_of_channel[session.templates.centre_channel(b)]) {
     // Last in methods that begin with small values, first in those that begin with large ones.
-    return 1000.0f;
+    return {true, 1000.0f};
   }
   switch (session.review.match_method) {
     case match_separation:
-      return spatial_separation(session, a, b);
+      return {true, spatial_separation(session, a, b)};
     case match_overlap:
-      return session.lists.kv_cluster_overlap[k];
+      return {true, session.lists.kv_cluster_overlap[k]};
     case match_correlation:
-      return template_correlation(session, a, b, shift);
+      return {true, template_correlation(session, a, b, shift)};
     case match_rms_distance:
-      return rms_template_distance(session, a, b, shift);
+      return {true, rms_template_distance(session, a, b, shift)};
     case match_doublets:
-      return doublet_value(session, a, b, 20.0f);
+      return {true, doublet_value(session, a, b, 20.0f)};
     case match_rates:
-      return rate_complementarity(session, a, b);
+      return {true, rate_complementarity(session, a, b)};
     default:
-      return pc_adjacency(session, a, b, rank).value;
+      return pc_adjacency(session, a, b, rank);
   }
 }
 

@@ -69,7 +69,7 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
 
 // The value of the selected match method for the pair numbered k. rank: the
 // calling thread, whose scratch slot match_pc_adjacency uses.
-float match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
-                  pair_shift shift, std::int32_t rank);
+optional_value match_value(session_state& session, std::int32_t a, std::int32_t b, std::int64_t k,
+                           pair_shift shift, std::int32_t rank);
 
 }  // namespace kestrelvane

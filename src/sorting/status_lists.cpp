@@ -286,26 +286,55 @@ bool is_left_out(const session_state& session, cluster_pair pair) {
   }
 }
 
-void sort_match_lists(session_state& session, bool ascending) {
+struct match_entry {
+  cluster_pair pair;
+  std::int64_t k;
+  optional_value match = {};
+};
+
+bool is_listed(const session_state& session, std::int64_t k, cluster_pair pair) {
+  return !session.lists.kv_templates_dont_overlap[k] && !is_left_out(session, pair);
+}
+
+void compute_matches(session_state& session, std::vector<match_entry>& entries) {
+  const status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  parallel_for_dealt(
+      threads_now(session), 0, static_cast<std::int64_t>(entries.size()) - 1,
+      [&](std::int64_t i, std::int32_t rank) {
+        match_entry& entry = entries[static_cast<std::size_t>(i)];
+        const pair_shift shift{lists.rms_template_shift[entry.k],
+                               lists.kv_n_shift_template[entry.k]};
+        entry.match = match_value(session, entry.pair.a, entry.pair.b, entry.k, shift, rank);
+        if (rank == 0) {
+          set_progress(session, meter::status_lists,
+                       static_cast<std::int32_t>(100 * entry.pair.a / std::max(1, n - 1)), 100);
+        }
+      });
+  // Of a pair that cannot be measured nothing can be said, least of all where it stands.
+  std::erase_if(entries, [](const match_entry& entry) { return !entry.match.is_set; });
+}
+
+// entries in the order of pairs: where equal values end up depends on it.
+void store_match_list(session_state& session, const std::vector<match_entry>& entries) {
   status_lists_table& lists = session.lists;
-  const std::int32_t n = lists.n_match;
-  std::vector<float> keys(n);
+  const std::int32_t method = session.review.match_method;
+  const bool ascending = method == match_separation || method == match_rms_distance;
+  const auto n = static_cast<std::int32_t>(entries.size());
+  std::vector<float> keys;
   // The sort goes up only; methods in which large means alike sort the negated values.
-  for (std::int32_t i = 0; i < n; ++i) {
-    keys[i] = ascending ? lists.match_values[i + 1] : -lists.match_values[i + 1];
+  for (const match_entry& entry : entries) {
+    keys.push_back(ascending ? entry.match.value : -entry.match.value);
   }
-  std::vector<std::int32_t> order(n);
+  std::vector<std::int32_t> order(entries.size());
   index_sort(n, keys.data(), order.data());
-  std::vector<cluster_pair> pairs(n);
-  std::vector<float> values(n);
-  for (std::int32_t i = 0; i < n; ++i) {
-    pairs[i] = {lists.match_a[order[i]], lists.match_b[order[i]]};
-    values[i] = lists.match_values[order[i]];
-  }
-  for (std::int32_t i = 0; i < n; ++i) {
-    lists.match_a[i + 1] = pairs[i].a;
-    lists.match_b[i + 1] = pairs[i].b;
-    lists.match_values[i + 1] = values[i];
+  // Cut after sorting, so that it is the least interesting pairs that fall away.
+  lists.n_match = std::min(n, match_list_limit);
+  for (std::int32_t i = 1; i <= lists.n_match; ++i) {
+    const match_entry& entry = entries[order[i - 1] - 1];
+    lists.match_a[i] = entry.pair.a;
+    lists.match_b[i] = entry.pair.b;
+    lists.match_values[i] = entry.match.value;
   }
 }
 
@@ -315,42 +344,51 @@ void get_match_lists(session_state& session) {
   const auto begin = clock::now();
   status_lists_table& lists = session.lists;
   const std::int32_t n = session.clusters.n_clusters;
-  const std::int32_t n_threads = threads_now(session);
   lists.n_match = 0;
   lists.match_a.clear();
   lists.match_b.clear();
-  std::vector<std::int64_t> places;
-  // The positions are noted first, so that values can be computed in any order after it.
-  for (std::int64_t k = 1; k <= lists.n_kv_pairs && lists.n_match < pair_limit; ++k) {
+  // The pairs are noted first, so that values can be computed in any order after it.
+  std::vector<match_entry> entries;
+  for (std::int64_t k = 1; k <= lists.n_kv_pairs; ++k) {
     if (lists.kv_templates_dont_overlap[k]) continue;
     const cluster_pair pair = pair_from_index(n, k);
-    if (is_left_out(session, pair)) continue;
-    ++lists.n_match;
-    lists.match_a[lists.n_match] = pair.a;
-    lists.match_b[lists.n_match] = pair.b;
-    places.push_back(k);
+    if (is_listed(session, k, pair)) entries.push_back({pair, k});
   }
-  parallel_for_dealt(n_threads, 1, lists.n_match, [&](std::int64_t i, std::int32_t rank) {
-    const std::int64_t k = places[i - 1];
-    const pair_shift shift{lists.rms_template_shift[k], lists.kv_n_shift_template[k]};
-    lists.match_values[i] =
-        match_value(session, lists.match_a[i], lists.match_b[i], k, shift, rank);
-    if (rank == 0) {
-      set_progress(session, meter::status_lists,
-                   static_cast<std::int32_t>(100 * lists.match_a[i] / std::max(1, n - 1)), 100);
-    }
-  });
-  log_message(session,
-              fmt::format("{} took {} msecs",
-                          n_threads > 1 ? "Get threaded match lists" : "Get match lists unthreaded",
-                          msecs_since(begin)));
-  const std::int32_t method = session.review.match_method;
-  sort_match_lists(session, method == match_separation || method == match_rms_distance);
-  // Cut after sorting, so that it is the least interesting pairs that fall away.
-  lists.n_match = std::min(lists.n_match, match_list_limit);
+  compute_matches(session, entries);
+  log_message(session, fmt::format("{} took {} msecs",
+                                   threads_now(session) > 1 ? "Get threaded match lists"
+                                                            : "Get match lists unthreaded",
+                                   msecs_since(begin)));
+  store_match_list(session, entries);
   if (lists.n_match == 0) {
     tell(session, "There are no pairs in this list", "Pair comparisons", box_icon::information);
   }
+}
+
+void update_match_lists(session_state& session, const std::vector<std::int32_t>& clusters) {
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  std::vector<char> is_changed(static_cast<std::size_t>(n) + 1);
+  for (const std::int32_t c : clusters) is_changed[c] = 1;
+  std::vector<match_entry> entries;
+  for (std::int32_t c = 1; c <= n && lists.n_kv_pairs > 0; ++c) {
+    for (std::int32_t other = 1; other <= n && is_changed[c]; ++other) {
+      // The pair of two changed clusters belongs to the lower one.
+      if (other == c || (is_changed[other] && other < c)) continue;
+      const cluster_pair pair{std::min(c, other), std::max(c, other)};
+      const std::int64_t k = pair_index(n, pair.a, pair.b);
+      if (is_listed(session, k, pair)) entries.push_back({pair, k});
+    }
+  }
+  compute_matches(session, entries);
+  for (std::int32_t i = 1; i <= lists.n_match; ++i) {
+    const cluster_pair pair{lists.match_a[i], lists.match_b[i]};
+    if (is_changed[pair.a] || is_changed[pair.b]) continue;
+    entries.push_back({pair, pair_index(n, pair.a, pair.b), {true, lists.match_values[i]}});
+  }
+  std::sort(entries.begin(), entries.end(),
+            [](const match_entry& x, const match_entry& y) { return x.k < y.k; });
+  store_match_list(session, entries);
 }
 
 // ---------------------------------------------------------------- self-checks

@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "session/session_state.h"
 
@@ -51,8 +52,13 @@ void renumber_shift_owners(session_state& session, std::int32_t removed);
 // Empties the lists before a full Autosort: overlap -1, everything else 0.
 void clear_status_lists(session_state& session);
 
-// Builds and sorts the match lists of the selected match method.
+// Builds and sorts the match lists of the selected match method. A pair that the method cannot
+// measure is left out; an empty list is told in a box.
 void get_match_lists(session_state& session);
+
+// Values and places of the pairs of these clusters, after an edit of them; the others stay. The
+// list is then the one that would be built anew, as long as none of its pairs has been cut off.
+void update_match_lists(session_state& session, const std::vector<std::int32_t>& clusters);
 
 // Self-checks of the lists, with their reports in the log. Each is true when it
 // found nothing wrong.
