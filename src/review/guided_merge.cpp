@@ -124,7 +124,7 @@ namespace {
 bool same_pair(cluster_pair x, cluster_pair y) { return x.a == y.a && x.b == y.b; }
 
 guided_step merge_pair_on_show(session_state& session, guided_walk& walk) {
-  log_message(session, fmt::format("Merging clusters {} {}", walk.pair.a, walk.pair.b));
+  log_message(session, fmt::format("Merging clusters {} and {}", walk.pair.a, walk.pair.b));
   merge_pair(session, walk.pair);
   return show_next_pair(session, walk);
 }

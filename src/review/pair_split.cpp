@@ -362,7 +362,7 @@ void finish_split(session_state& session, pair_split& split, ugm_message answer)
   } else if (split.message == ugm_three_clusters) {
     log_message(session, "Unrecognised ugm_message");
   } else if (answer == ugm_merge && offers_merge(split)) {
-    log_message(session, fmt::format("Merging clusters {} {}", a, b));
+    log_message(session, fmt::format("Merging clusters {} and {}", a, b));
     merge_pair(session, split.pair);
     split.changed = {a};
   }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "session/session_state.h"
 
@@ -17,6 +18,9 @@ std::int32_t duplicate_window_samples(const session_state& session);
 // Counts the duplicates; with remove, takes the worse of each two out of its
 // cluster and gives it back its time of detection. Returns the count.
 std::int32_t remove_duplicate_events(session_state& session, bool remove);
+
+// The worse events among the duplicates of one cluster, ascending: those that a removal takes.
+std::vector<std::int32_t> list_duplicate_events(session_state& session, std::int32_t cluster);
 
 // "Remove" of post-processing: removes, logs, and returns the count.
 std::int32_t remove_duplicates_by_hand(session_state& session);

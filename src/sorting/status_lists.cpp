@@ -296,21 +296,23 @@ bool is_listed(const session_state& session, std::int64_t k, cluster_pair pair) 
   return !session.lists.kv_templates_dont_overlap[k] && !is_left_out(session, pair);
 }
 
+// Interrupted, the pairs that have not been reached are left out.
 void compute_matches(session_state& session, std::vector<match_entry>& entries) {
   const status_lists_table& lists = session.lists;
-  const std::int32_t n = session.clusters.n_clusters;
-  parallel_for_dealt(
-      threads_now(session), 0, static_cast<std::int64_t>(entries.size()) - 1,
-      [&](std::int64_t i, std::int32_t rank) {
-        match_entry& entry = entries[static_cast<std::size_t>(i)];
-        const pair_shift shift{lists.rms_template_shift[entry.k],
-                               lists.kv_n_shift_template[entry.k]};
-        entry.match = match_value(session, entry.pair.a, entry.pair.b, entry.k, shift, rank);
-        if (rank == 0) {
-          set_progress(session, meter::status_lists,
-                       static_cast<std::int32_t>(100 * entry.pair.a / std::max(1, n - 1)), 100);
-        }
-      });
+  const auto n = static_cast<std::int64_t>(entries.size());
+  // As many as make a poll between them soon enough for the slowest method.
+  constexpr std::int64_t at_once = 128;
+  for (std::int64_t first = 0; first < n && !autosort_interrupted(session); first += at_once) {
+    parallel_for_dealt(threads_now(session), first, std::min(first + at_once, n) - 1,
+                       [&](std::int64_t i, std::int32_t rank) {
+                         match_entry& entry = entries[static_cast<std::size_t>(i)];
+                         const pair_shift shift{lists.rms_template_shift[entry.k],
+                                                lists.kv_n_shift_template[entry.k]};
+                         entry.match =
+                             match_value(session, entry.pair.a, entry.pair.b, entry.k, shift, rank);
+                       });
+    set_progress(session, meter::status_lists, static_cast<std::int32_t>(100 * first / n), 100);
+  }
   // Of a pair that cannot be measured nothing can be said, least of all where it stands.
   std::erase_if(entries, [](const match_entry& entry) { return !entry.match.is_set; });
 }

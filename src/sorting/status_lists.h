@@ -53,7 +53,8 @@ void renumber_shift_owners(session_state& session, std::int32_t removed);
 void clear_status_lists(session_state& session);
 
 // Builds and sorts the match lists of the selected match method. A pair that the method cannot
-// measure is left out; an empty list is told in a box.
+// measure is left out, and so are those that an interrupt kept from being reached; an empty list
+// is told in a box.
 void get_match_lists(session_state& session);
 
 // Values and places of the pairs of these clusters, after an edit of them; the others stay. The

@@ -1,0 +1,362 @@
+#include "analysis/correlograms.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <numeric>
+
+#include "clustering/membership.h"
+#include "numerics/parallel.h"
+#include "review/review_guards.h"
+
+namespace kestrelvane {
+
+// ---------------------------------------------------------------- trains
+
+tick_clock clock_of_trains(const session_state& session) {
+  const recording_store& r = session.recording;
+  if (!r.is_continuous && !session.preferences.treat_as_continuous) return {1e6f, true};
+  return {static_cast<float>(std::max(1, r.sampling_frequency)), false};
+}
+
+spike_train get_spike_train(const session_state& session, std::int32_t unit) {
+  spike_train train;
+  train.unit = unit;
+  if (unit < 1 || unit > session.clusters.n_clusters) return train;
+  train.events = list_cluster_events(session, unit);
+  train.times.reserve(train.events.size());
+  const bool from_stamps = clock_of_trains(session).from_stamps;
+  const event_table& events = session.events;
+  for (const std::int32_t e : train.events) {
+    const std::int32_t t = events.event_time[e];
+    train.times.push_back(from_stamps ? event_record_time_us(session, t, events.event_channel[e])
+                                      : std::int64_t{t});
+  }
+  if (from_stamps && !std::is_sorted(train.times.begin(), train.times.end())) {
+    log_message(session, "Events out of order");
+  }
+  return train;
+}
+
+// ---------------------------------------------------------------- counting
+
+std::int32_t correlogram_bin(float dt_ms, float bin_ms) {
+  const float bins = (std::fabs(dt_ms) + bin_ms / 2) / bin_ms;
+  // A difference of hours in bins of µs is beyond the numbers of a bin, and of any reach.
+  constexpr float beyond = 1e6f;
+  const auto bin = static_cast<std::int32_t>(std::min(bins, beyond));
+  return dt_ms < 0 ? -bin : bin;
+}
+
+namespace {
+
+// A spike of either unit. Of an autocorrelogram only the first copy of the unit is kept.
+struct spike {
+  std::int64_t time;
+  std::int32_t event;
+  bool of_b;
+};
+
+struct counting {
+  std::vector<spike> spikes;                // by time, in the order of events at one time
+  std::vector<std::size_t> place_of_entry;  // of each spike of a, then of each of b
+  tick_clock clock;
+  bool is_auto;
+  float bin_ms;
+  std::int64_t reach;  // ticks beyond which no difference lies in a bin
+};
+
+counting prepare_counting(const spike_train& a, const spike_train& b, tick_clock clock,
+                          float bin_ms) {
+  counting c;
+  c.clock = clock;
+  c.bin_ms = bin_ms;
+  c.is_auto = a.unit == b.unit;
+  std::vector<spike> entries;
+  for (std::size_t i = 0; i < a.times.size(); ++i) {
+    entries.push_back({a.times[i], a.events[i], false});
+  }
+  for (std::size_t i = 0; !c.is_auto && i < b.times.size(); ++i) {
+    entries.push_back({b.times[i], b.events[i], true});
+  }
+  // By time, so that a look on both sides misses nobody: alignment may have carried an event
+  // past another, and files bring events in any order.
+  std::vector<std::size_t> order(entries.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::sort(order.begin(), order.end(), [&](std::size_t x, std::size_t y) {
+    return entries[x].time != entries[y].time ? entries[x].time < entries[y].time
+                                              : entries[x].event < entries[y].event;
+  });
+  c.place_of_entry.resize(entries.size());
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    c.spikes.push_back(entries[order[i]]);
+    c.place_of_entry[order[i]] = i;
+  }
+  // 50.5 widths, and a tick for the roundings of the bin's own arithmetic.
+  const double widths = (correlogram_reach + 0.5) * static_cast<double>(bin_ms);
+  c.reach = static_cast<std::int64_t>(widths * static_cast<double>(clock.rate) / 1000) + 2;
+  return c;
+}
+
+using bin_counts = std::array<std::int32_t, 2 * correlogram_reach + 1>;
+
+// One reference and another spike: which of the two rules apply follows from whose they are.
+// second_copy: the reference stands in the second copy of an autocorrelogram's list.
+void count_pair(const counting& c, const spike& reference, const spike& other, bool second_copy,
+                bin_counts& counts) {
+  // A pair counts once, by the spike that comes first in the table of events.
+  if (other.event <= reference.event) return;
+  if (!c.is_auto && other.of_b == reference.of_b) return;
+  std::int64_t ticks = other.time - reference.time;
+  // Stamps are those of whole records: two of one unit with the same stamp are one record.
+  if (c.clock.from_stamps && c.is_auto && ticks == 0) return;
+  if (c.is_auto ? second_copy : reference.of_b) ticks = -ticks;
+  const float dt_ms = static_cast<float>(ticks) * 1000.0f / c.clock.rate;
+  const std::int32_t bin = correlogram_bin(dt_ms, c.bin_ms);
+  if (std::abs(bin) <= correlogram_reach) ++counts[bin + correlogram_reach];
+}
+
+void count_round_reference(const counting& c, std::size_t entry, bin_counts& counts) {
+  const std::size_t n = c.place_of_entry.size();
+  const bool second_copy = entry >= n;
+  const std::size_t at = c.place_of_entry[entry % n];
+  const spike& reference = c.spikes[at];
+  for (std::size_t i = at + 1; i < n && c.spikes[i].time - reference.time <= c.reach; ++i) {
+    count_pair(c, reference, c.spikes[i], second_copy, counts);
+  }
+  for (std::size_t i = at; i > 0 && reference.time - c.spikes[i - 1].time <= c.reach; --i) {
+    count_pair(c, reference, c.spikes[i - 1], second_copy, counts);
+  }
+}
+
+}  // namespace
+
+correlogram correlogram_counts(const session_state& session, const spike_train& a,
+                               const spike_train& b, float bin_ms) {
+  correlogram result;
+  result.a = a.unit;
+  result.b = b.unit;
+  // A width of nothing holds nothing; what a setting may bring is above it.
+  result.bin_ms = std::max(bin_ms, 1e-6f);
+  result.n_a = static_cast<std::int32_t>(a.times.size());
+  result.n_b = static_cast<std::int32_t>(b.times.size());
+  result.duration_ms = 60000.0 * static_cast<double>(session.recording.duration_mins);
+  const tick_clock clock = clock_of_trains(session);
+  const std::int64_t n_listed = std::int64_t{result.n_a} + result.n_b;
+  // Records that were stored one by one are too few to be thinned.
+  if (!clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
+  if (n_listed == 0) return result;
+  const counting c = prepare_counting(a, b, clock, result.bin_ms);
+  const std::int32_t n_threads = std::max(1, threads_now(session));
+  std::vector<bin_counts> of_thread(static_cast<std::size_t>(n_threads));
+  const std::int64_t last = (n_listed - 1) / result.stride;
+  parallel_for(n_threads, 0, last, [&](std::int64_t i, std::int32_t rank) {
+    count_round_reference(c, static_cast<std::size_t>(i * result.stride), of_thread[rank]);
+  });
+  for (const bin_counts& counts : of_thread) {
+    for (std::size_t i = 0; i < counts.size(); ++i) result.counts[i] += counts[i];
+  }
+  return result;
+}
+
+correlogram correlogram_counts(const session_state& session, std::int32_t a, std::int32_t b) {
+  const spike_train of_a = get_spike_train(session, a);
+  const float width = session.review.correlogram_bin_ms;
+  if (a == b) return correlogram_counts(session, of_a, of_a, width);
+  return correlogram_counts(session, of_a, get_spike_train(session, b), width);
+}
+
+// ---------------------------------------------------------------- measures
+
+double expected_count(const correlogram& result) {
+  if (result.duration_ms <= 0) return 0;
+  // Each spike of a has n_b partners, or its own n_a - 1 others, spread over the recording; of
+  // every stride-th pair there is a reference.
+  const double partners = result.a == result.b ? result.n_a - 1.0 : result.n_b;
+  return std::max(0.0, result.n_a * partners * static_cast<double>(result.bin_ms) /
+                           result.duration_ms / result.stride);
+}
+
+double count_as_rate(const correlogram& result, double count) {
+  if (result.n_a == 0) return 0;
+  return count * result.stride * 1000 / (result.n_a * static_cast<double>(result.bin_ms));
+}
+
+// ---------------------------------------------------------------- showing
+
+std::string correlogram_title(const correlogram& result) {
+  return result.a == result.b
+             ? fmt::format("Unit {} autocorrelation", result.a)
+             : fmt::format("Units {} and {} cross-correlation", result.a, result.b);
+}
+
+std::string correlogram_panel_title(const correlogram& result) {
+  return result.a == result.b ? fmt::format("AC: Unit {}", result.a)
+                              : fmt::format("CC: Units {} and {}", result.a, result.b);
+}
+
+std::string bin_width_text(float bin_ms) { return fmt::format("{:.3f} ms bins", bin_ms); }
+
+namespace {
+
+// An upright line in a series of its own.
+void add_upright(graph_data& graph, std::size_t series, float x, float height,
+                 std::uint32_t colour) {
+  graph.series[series].x = {x, x};
+  graph.series[series].y = {0, height};
+  graph.series_style[series] = pack_series_look({form_lines, false, true, colour});
+}
+
+constexpr std::uint32_t refractory_colours[] = {0x3030D0, 0x30A0E0};  // of 1 and 2 ms
+
+}  // namespace
+
+graph_data make_correlogram_graph(const correlogram& result, bool as_rate) {
+  graph_data graph;
+  graph.title = correlogram_title(result);
+  graph.kind = form_bars;
+  graph.labels[label_x_axis] = "Time difference";
+  graph.labels[label_y_axis] = as_rate ? "Spikes per second" : "Counts per bin";
+  graph.labels[label_subtitle] = bin_width_text(result.bin_ms);
+  graph.units[0] = "ms";
+  graph.axis_style[style_of_y_axis] = axis_from_zero;
+  graph.axis_style[style_of_legend] = legend_hidden;
+  const auto shown = [&](double count) {
+    return static_cast<float>(as_rate ? count_as_rate(result, count) : count);
+  };
+  graph_series& bars = graph.series[0];
+  for (std::int32_t bin = -correlogram_reach; bin <= correlogram_reach; ++bin) {
+    bars.x.push_back(static_cast<float>(bin) * result.bin_ms);
+    bars.y.push_back(shown(result.count(bin)));
+    bars.extra.push_back(shown(expected_count(result)));
+  }
+  const float height = std::max(*std::max_element(bars.y.begin(), bars.y.end()), bars.extra[0]);
+  const float edge = static_cast<float>(correlogram_reach) * result.bin_ms;
+  graph.x_range = {-edge - result.bin_ms / 2, edge + result.bin_ms / 2};
+  std::size_t series = 1;
+  for (const float ms : {1.0f, 2.0f}) {
+    if (ms > edge) continue;
+    const std::uint32_t colour = refractory_colours[ms > 1];
+    add_upright(graph, series++, -ms, height, colour);
+    add_upright(graph, series++, ms, height, colour);
+  }
+  return graph;
+}
+
+void print_correlogram(const session_state& session, const correlogram& result) {
+  constexpr std::size_t line_length = 100;
+  log_message(session,
+              fmt::format("{}, {}", correlogram_title(result), bin_width_text(result.bin_ms)));
+  std::string line;
+  for (const std::int32_t count : result.counts) {
+    const std::string text = std::to_string(count);
+    if (!line.empty() && line.size() + 1 + text.size() > line_length) {
+      log_message(session, line);
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + text;
+  }
+  log_message(session, line);
+}
+
+// ---------------------------------------------------------------- bin widths
+
+namespace {
+
+std::int32_t samples_per_ms(const session_state& session) {
+  return session.recording.sampling_frequency / 1000;
+}
+
+}  // namespace
+
+std::int32_t bin_slider_limit(const session_state& session) { return samples_per_ms(session) + 99; }
+
+float bin_width_of_slider(const session_state& session, std::int32_t position) {
+  const std::int32_t k = samples_per_ms(session);
+  const std::int32_t p = std::clamp(position, 1, bin_slider_limit(session));
+  if (p < k) return static_cast<float>(p) / static_cast<float>(k);
+  return static_cast<float>(p - k + 1);
+}
+
+std::int32_t slider_of_bin_width(const session_state& session, float bin_ms) {
+  std::int32_t best = 1;
+  for (std::int32_t p = 2; p <= bin_slider_limit(session); ++p) {
+    const float distance = std::fabs(bin_width_of_slider(session, p) - bin_ms);
+    if (distance < std::fabs(bin_width_of_slider(session, best) - bin_ms)) best = p;
+  }
+  return best;
+}
+
+float next_preset_width(const session_state& session, float bin_ms) {
+  const auto& widths = session.preferences.correlogram_binwidths;
+  const auto at = std::find(std::begin(widths), std::end(widths), bin_ms);
+  if (at == std::end(widths) || at + 1 == std::end(widths)) return widths[0];
+  return at[1];
+}
+
+// ---------------------------------------------------------------- spike trains
+
+bool correlate_trains(const session_state& session, std::int32_t a, std::int32_t b,
+                      train_correlation& result) {
+  result = {};
+  if (!can_review(session, "Cross-correlate spike trains")) return false;
+  const spike_train of_a = get_spike_train(session, a), of_b = get_spike_train(session, b);
+  const float width = session.review.correlogram_bin_ms;
+  result.n_first = static_cast<std::int32_t>(of_a.times.size());
+  result.n_second = static_cast<std::int32_t>(of_b.times.size());
+  result.first = correlogram_counts(session, of_a, of_a, width);
+  result.second = correlogram_counts(session, of_b, of_b, width);
+  result.cross = correlogram_counts(session, of_a, of_b, width);
+  return true;
+}
+
+void print_train_correlation(const session_state& session, const train_correlation& result) {
+  print_correlogram(session, result.first);
+  print_correlogram(session, result.second);
+  print_correlogram(session, result.cross);
+}
+
+// ---------------------------------------------------------------- intervals
+
+interval_histogram count_intervals(const session_state& session, const spike_train& train,
+                                   float bin_ms, std::int32_t n_bins) {
+  interval_histogram histogram;
+  histogram.unit = train.unit;
+  histogram.bin_ms = std::max(bin_ms, 1e-6f);
+  histogram.counts.assign(static_cast<std::size_t>(std::max(0, n_bins)), 0);
+  std::vector<std::int64_t> times = train.times;
+  std::sort(times.begin(), times.end());
+  const float rate = clock_of_trains(session).rate;
+  for (std::size_t i = 1; i < times.size(); ++i) {
+    const float ms = static_cast<float>(times[i] - times[i - 1]) * 1000.0f / rate;
+    ++histogram.n_intervals;
+    histogram.below_1_ms += ms < 1.0f;
+    histogram.below_2_ms += ms < 2.0f;
+    const float bin = ms / histogram.bin_ms;
+    if (bin < static_cast<float>(n_bins)) ++histogram.counts[static_cast<std::size_t>(bin)];
+  }
+  return histogram;
+}
+
+graph_data make_interval_graph(const interval_histogram& histogram) {
+  graph_data graph;
+  graph.title = fmt::format("Unit {} interspike intervals", histogram.unit);
+  graph.kind = form_bars;
+  graph.labels[label_x_axis] = "Interval";
+  graph.labels[label_y_axis] = "Counts per bin";
+  graph.labels[label_subtitle] =
+      fmt::format("{}; {} of {} below 2 ms", bin_width_text(histogram.bin_ms), histogram.below_2_ms,
+                  histogram.n_intervals);
+  graph.units[0] = "ms";
+  graph.axis_style[style_of_y_axis] = axis_from_zero;
+  for (std::size_t i = 0; i < histogram.counts.size(); ++i) {
+    graph.series[0].x.push_back((static_cast<float>(i) + 0.5f) * histogram.bin_ms);
+    graph.series[0].y.push_back(static_cast<float>(histogram.counts[i]));
+  }
+  return graph;
+}
+
+}  // namespace kestrelvane

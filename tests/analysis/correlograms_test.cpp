@@ -1,0 +1,222 @@
+// Correlograms by known numbers and against a plain count of every pair.
+#include "analysis/correlograms.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <sstream>
+
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct correlogram_test : ::testing::Test {
+  small_session session;
+
+  correlogram_test() {
+    make_recording(*session, 2, 100000, 20000);
+    session->review.correlogram_bin_ms = 1.0f;
+  }
+  // Spikes at the given samples, of the given units, in this order in the table.
+  void put_spikes(const std::vector<std::pair<int, int>>& spikes) {
+    event_table& events = session->events;
+    events.n_events = 0;
+    session->clusters.n_clusters = 0;
+    for (const auto& [time, unit] : spikes) {
+      const std::int32_t e = ++events.n_events;
+      events.event_time[e] = time;
+      events.event_channel[e] = 1;
+      events.event_cluster[e] = unit;
+      session->clusters.n_clusters = std::max(session->clusters.n_clusters, unit);
+    }
+  }
+  void put_random_spikes(int n, int units, int span, std::uint32_t seed) {
+    vector_random random{seed};
+    std::vector<std::pair<int, int>> spikes;
+    for (int i = 0; i < n; ++i) {
+      const int time = 1000 + static_cast<int>(static_cast<std::int64_t>(i) * span / n);
+      // Some lie before the one in front of them.
+      spikes.push_back({time + static_cast<int>((random.next() >> 16) % 60),
+                        1 + static_cast<int>((random.next() >> 16) % units)});
+    }
+    put_spikes(spikes);
+  }
+  std::int32_t total(const correlogram& c) {
+    return std::accumulate(c.counts.begin(), c.counts.end(), 0);
+  }
+};
+
+// Every reference against every later event of the table, as the method is told.
+correlogram plain_correlogram(const session_state& s, std::int32_t a, std::int32_t b, float width) {
+  correlogram result;
+  std::vector<std::int32_t> list;
+  for (const std::int32_t unit : {a, b}) {
+    for (std::int32_t e = 1; e <= s.events.n_events; ++e) {
+      if (s.events.event_cluster[e] == unit) list.push_back(e);
+    }
+  }
+  const std::size_t n_a = static_cast<std::size_t>(std::count(
+      s.events.event_cluster.first(), s.events.event_cluster.first() + s.events.n_events, a));
+  const std::size_t stride = list.size() / 20000 + 1;
+  for (std::size_t i = 0; i < list.size(); i += stride) {
+    const std::int32_t reference = list[i];
+    const bool of_a = i < n_a;
+    for (std::int32_t e = reference + 1; e <= s.events.n_events; ++e) {
+      if (s.events.event_cluster[e] != (of_a ? b : a)) continue;
+      const std::int32_t samples = s.events.event_time[e] - s.events.event_time[reference];
+      const float dt = static_cast<float>(of_a ? samples : -samples) * 1000.0f /
+                       static_cast<float>(s.recording.sampling_frequency);
+      const auto bin = static_cast<std::int32_t>((std::fabs(dt) + width / 2) / width);
+      if (bin <= 50) ++result.count(dt < 0 ? -bin : bin);
+    }
+  }
+  return result;
+}
+
+TEST_F(correlogram_test, a_pair_of_spikes_counts_where_it_lies) {
+  put_spikes({{1000, 1}, {1008, 1}});  // 0.4 ms
+  correlogram result = correlogram_counts(*session, 1, 1);
+  EXPECT_EQ(result.count(0), 2);
+  EXPECT_EQ(total(result), 2);
+  put_spikes({{1000, 1}, {1012, 1}});  // 0.6 ms
+  result = correlogram_counts(*session, 1, 1);
+  EXPECT_EQ(result.count(1), 1);
+  EXPECT_EQ(result.count(-1), 1);
+  EXPECT_EQ(total(result), 2);
+  // b after a is positive, whichever comes first in the table; 50.45 ms are within reach.
+  put_spikes({{2000, 1}, {2009, 2}, {1991, 2}, {3009, 2}, {3010, 2}});
+  result = correlogram_counts(*session, 1, 2);
+  EXPECT_EQ(result.count(0), 2);
+  EXPECT_EQ(result.count(50), 1);
+  EXPECT_EQ(total(result), 3);
+  put_spikes({{2000, 2}, {2040, 1}});
+  EXPECT_EQ(correlogram_counts(*session, 1, 2).count(-2), 1);
+  // A unit without spikes, and one that is not there.
+  EXPECT_EQ(total(correlogram_counts(*session, 1, 1)), 0);
+  EXPECT_EQ(total(correlogram_counts(*session, 1, 9)), 0);
+}
+
+TEST_F(correlogram_test, as_the_plain_form_at_any_number_of_threads) {
+  for (const int n : {900, 30000, 70000}) {
+    put_random_spikes(n, n < 1000 ? 3 : 2, n == 70000 ? 8000000 : 90000 * (n / 900), 7);
+    for (const float width : {0.2f, 1.0f, 3.0f}) {
+      if (n > 1000 && width != 1.0f) continue;
+      session->review.correlogram_bin_ms = width;
+      for (const auto& [a, b] : {std::pair{1, 1}, {1, 2}, {2, 1}}) {
+        use_threads(*session, 1);
+        const correlogram result = correlogram_counts(*session, a, b);
+        if (n < 40000) {
+          EXPECT_EQ(result.counts, plain_correlogram(*session, a, b, width).counts);
+        }
+        EXPECT_GT(total(result), 0);
+        use_threads(*session, 3);
+        EXPECT_EQ(correlogram_counts(*session, a, b).counts, result.counts);
+      }
+    }
+  }
+  EXPECT_EQ(correlogram_counts(*session, 1, 2).stride, 4) << "70,000 spikes";
+}
+
+TEST_F(correlogram_test, mirror_images) {
+  put_random_spikes(3000, 2, 90000, 3);
+  const correlogram ab = correlogram_counts(*session, 1, 2),
+                    ba = correlogram_counts(*session, 2, 1);
+  const correlogram aa = correlogram_counts(*session, 1, 1);
+  for (std::int32_t bin = -50; bin <= 50; ++bin) {
+    EXPECT_EQ(ab.count(bin), ba.count(-bin));
+    EXPECT_EQ(aa.count(bin), aa.count(-bin));
+  }
+  // Independent trains fill the bins evenly, at the count that is told.
+  session->recording.duration_mins = 90000.0f / 20000 / 60;
+  const correlogram again = correlogram_counts(*session, 1, 2);
+  EXPECT_NEAR(total(again) / 101.0, expected_count(again), 0.05 * expected_count(again));
+  EXPECT_NEAR(count_as_rate(again, expected_count(again)), again.n_b / 4.5, 1e-3);
+}
+
+TEST_F(correlogram_test, stored_records_have_their_stamps) {
+  recording_store& r = session->recording;
+  r.is_continuous = false;
+  r.samples_per_event = 32;
+  r.electrode_type = electrode_polytrode;
+  r.records_per_unit = 10;
+  r.event_timestamp.reserve(100);
+  const auto time_of = [](int record) { return (record - 1) * 64 + 100; };
+  put_spikes({{time_of(1), 1}, {time_of(2), 1}, {time_of(3), 2}, {time_of(4), 1}});
+  r.timestamp(1, 1) = 100'000;
+  r.timestamp(2, 1) = 100'400;
+  r.timestamp(3, 1) = 102'000;
+  r.timestamp(4, 1) = 100'400;  // a second record with the same stamp
+  const correlogram ab = correlogram_counts(*session, 1, 2);
+  EXPECT_EQ(ab.count(2), 3) << "the sign is that of continuous recordings";
+  EXPECT_EQ(total(ab), 3);
+  const correlogram aa = correlogram_counts(*session, 1, 1);
+  EXPECT_EQ(aa.count(0), 4) << "the two with one stamp do not count";
+  EXPECT_EQ(total(aa), 4);
+  EXPECT_FALSE(session.user.logged("Events out of order"));
+  r.timestamp(4, 1) = 100'200;
+  correlogram_counts(*session, 1, 1);
+  EXPECT_TRUE(session.user.logged("Events out of order"));
+  session->preferences.treat_as_continuous = true;
+  EXPECT_EQ(correlogram_counts(*session, 1, 2).count(3), 1) << "64 samples at 20 kHz";
+}
+
+TEST_F(correlogram_test, widths_of_the_slider) {
+  // 20 samples to the ms.
+  EXPECT_FLOAT_EQ(bin_width_of_slider(*session, 1), 0.05f);
+  EXPECT_FLOAT_EQ(bin_width_of_slider(*session, 19), 0.95f);
+  EXPECT_FLOAT_EQ(bin_width_of_slider(*session, 20), 1.0f);
+  EXPECT_FLOAT_EQ(bin_width_of_slider(*session, 21), 2.0f);
+  EXPECT_EQ(bin_slider_limit(*session), 119);
+  EXPECT_FLOAT_EQ(bin_width_of_slider(*session, 500), 100.0f);
+  for (const std::int32_t p : {1, 7, 19, 20, 21, 119}) {
+    EXPECT_EQ(slider_of_bin_width(*session, bin_width_of_slider(*session, p)), p);
+  }
+  float* presets = session->preferences.correlogram_binwidths;
+  EXPECT_EQ(next_preset_width(*session, presets[0]), presets[1]);
+  EXPECT_EQ(next_preset_width(*session, presets[2]), presets[0]);
+  EXPECT_EQ(next_preset_width(*session, 0.123f), presets[0]);
+}
+
+TEST_F(correlogram_test, the_dialog_prints_what_it_shows) {
+  train_correlation result;
+  small_session empty;
+  EXPECT_FALSE(correlate_trains(*empty, 1, 2, result));
+  EXPECT_TRUE(empty.user.told("No recording data in memory", "Error "));
+  put_random_spikes(40000, 2, 90000, 11);
+  ASSERT_TRUE(correlate_trains(*session, 1, 2, result));
+  EXPECT_EQ(result.n_first + result.n_second, 40000);
+  print_train_correlation(*session, result);
+  EXPECT_TRUE(session.user.logged("Units 1 and 2 cross-correlation, 1.000 ms bins"));
+  EXPECT_TRUE(session.user.logged("Unit 2 autocorrelation"));
+  // 101 counts of each of the three, in full lines.
+  std::vector<std::string> counts;
+  for (const std::string& line : session.user.lines) {
+    if (line.find_first_not_of("0123456789 ") != std::string::npos) continue;
+    EXPECT_LE(line.size(), 100u);
+    std::istringstream words(line);
+    for (std::string word; words >> word;) counts.push_back(word);
+  }
+  ASSERT_EQ(counts.size(), 303u);
+  EXPECT_EQ(counts[202 + 50], std::to_string(result.cross.count(0)));
+  const graph_data graph = make_correlogram_graph(result.cross);
+  EXPECT_EQ(graph.series[0].x.front(), -50.0f);
+  EXPECT_EQ(graph.series[0].y[50], static_cast<float>(result.cross.count(0)));
+  EXPECT_EQ(graph.series[4].x[0], 2.0f);
+}
+
+TEST_F(correlogram_test, intervals_and_violations) {
+  put_spikes({{1000, 1}, {1010, 1}, {1040, 1}, {1100, 1}, {1080, 1}, {5000, 1}, {1041, 2}});
+  // Sorted: 0.5, 1.5, 2, 1 and 195 ms.
+  const interval_histogram h = count_intervals(*session, get_spike_train(*session, 1), 1.0f, 10);
+  EXPECT_EQ(h.n_intervals, 5);
+  EXPECT_EQ(h.below_1_ms, 1);
+  EXPECT_EQ(h.below_2_ms, 3);
+  EXPECT_EQ(h.counts, (std::vector<std::int32_t>{1, 2, 1, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(make_interval_graph(h).series[0].y[1], 2.0f);
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
