@@ -8,6 +8,7 @@
 
 #include "clustering/membership.h"
 #include "clustering/templates.h"
+#include "review/post_processing.h"
 #include "review/review_guards.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/duplicates.h"
@@ -98,18 +99,6 @@ double template_width_um(const session_state& session, std::int32_t cluster) {
   return weights > 0 ? 2 * std::sqrt(weighted / weights) : 0.0;
 }
 
-double template_quality(const session_state& session, std::int32_t cluster) {
-  const template_table& t = session.templates;
-  const std::int32_t channel = t.centre_channel(cluster);
-  if (channel < 1 || channel > session.recording.n_channels) return 0;
-  const float* mean = t.mean(cluster, channel) + 1;
-  const float* sd = t.sd(cluster, channel) + 1;
-  const auto [low, high] = std::minmax_element(mean, mean + t.template_points);
-  const double s_low = double{sd[low - mean]}, s_high = double{sd[high - mean]};
-  const double spread = std::sqrt(2 * (s_low * s_low + s_high * s_high));
-  return spread > 0 ? (double{*high} - double{*low}) / spread : 0.0;
-}
-
 namespace {
 
 // 0 for a template that is flat everywhere and so has no centre.
@@ -158,15 +147,15 @@ std::vector<std::int32_t> list_condemned(const session_state& session, Condemns&
 std::vector<std::int32_t> list_by_rule(const session_state& session, std::int32_t rule) {
   const review_settings& limits = session.review;
   switch (rule) {
-    case delete_by_snr:
+    case rule_by_snr:
       return list_condemned(session, [&](std::int32_t c) {
         return template_snr(session, c) < double{limits.delete_snr_limit};
       });
-    case delete_by_height:
+    case rule_by_height:
       return list_condemned(session, [&](std::int32_t c) {
         return centre_height_uv(session, c) < limits.manage_option_1;
       });
-    case delete_if_ambiguous:
+    case rule_ambiguous:
       return list_condemned(session,
                             [&](std::int32_t c) { return !cluster_is_stable(session, c); });
     default: {
@@ -179,8 +168,8 @@ std::vector<std::int32_t> list_by_rule(const session_state& session, std::int32_
 
 // What a rule needs; says what is missing.
 bool can_apply_rule(session_state& session, std::int32_t rule) {
-  if (rule == delete_if_ambiguous) return can_review_pairs(session, dialog_title);
-  if (rule == delete_by_snr && !session.recording.is_continuous) {
+  if (rule == rule_ambiguous) return can_review_pairs(session, dialog_title);
+  if (rule == rule_by_snr && !session.recording.is_continuous) {
     tell(session, "Can't sort based on S/N ratio for event based recording!", dialog_title,
          box_icon::warning);
     return false;

@@ -36,9 +36,6 @@ cluster_status find_cluster_status(const session_state& session, std::int32_t cl
 // Twice the root mean square distance of the assigned channels from the template's centre,
 // each with the weight of its peak-to-peak height; µm.
 double template_width_um(const session_state& session, std::int32_t cluster);
-// Peak-to-peak on the centre channel over sqrt(2) times the root of the two variances at the
-// maximum and the minimum; 0 for a flat template.
-double template_quality(const session_state& session, std::int32_t cluster);
 
 // What the dialog shows; zeros for a number that is no cluster.
 struct managed_cluster {
@@ -57,10 +54,10 @@ managed_cluster show_managed_cluster(const session_state& session, std::int32_t 
 
 // review_settings::manage_option_4, the rule by which "Delete clusters" goes.
 enum deletion_rule : std::int32_t {
-  delete_by_size = 1,       // fewer events than delete_size_limit
-  delete_by_snr = 2,        // below delete_snr_limit; not in event-based recordings
-  delete_by_height = 3,     // peak-to-peak below manage_option_1, µV
-  delete_if_ambiguous = 4,  // not distinct from some other cluster
+  rule_by_size = 1,       // fewer events than delete_size_limit
+  rule_by_snr = 2,        // below delete_snr_limit; not in event-based recordings
+  rule_by_height = 3,     // peak-to-peak below manage_option_1, µV
+  rule_ambiguous = 4,  // not distinct from some other cluster
 };
 
 // Each says how it went; false when nothing changed.

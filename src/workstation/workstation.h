@@ -33,6 +33,7 @@ class graph_window;
 class interface_desk;
 class main_frame;
 class messages_dialog;
+struct correlogram_state;
 struct voltage_state;
 
 // The windows in the frame's area; rows of the table in windows/window_table.h.
@@ -61,6 +62,7 @@ struct workstation {
   QPointer<messages_dialog> messages;
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
+  std::shared_ptr<correlogram_state> correlograms;  // likewise; correlogram_window.h
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
   bool reads_recording = false;       // the running operation has begun to read one

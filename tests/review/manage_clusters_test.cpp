@@ -114,14 +114,14 @@ TEST_F(manage_test, rules_judge_all_before_any_goes) {
   for (std::int64_t k = 1; k <= session->lists.n_kv_pairs; ++k) {
     session->lists.kv_templates_dont_overlap[k] = true;
   }
-  EXPECT_EQ(delete_by(delete_if_ambiguous), 0);
+  EXPECT_EQ(delete_by(rule_ambiguous), 0);
   EXPECT_TRUE(session.user.told("0 clusters were deleted", "Cluster management"));
   EXPECT_FALSE(management.changed);
   const std::int64_t k = find_pair(*session, {2, 5});
   session->lists.kv_templates_dont_overlap[k] = false;
   session->lists.kv_cluster_overlap[k] = 0.9f;
   session->lists.kv_template_correlation[k] = 0.9f;
-  EXPECT_EQ(delete_by(delete_if_ambiguous), 2) << "both members of the pair";
+  EXPECT_EQ(delete_by(rule_ambiguous), 2) << "both members of the pair";
   EXPECT_TRUE(session.user.told("2 clusters were deleted", "Cluster management"));
   expect_consistent();
 
@@ -129,15 +129,15 @@ TEST_F(manage_test, rules_judge_all_before_any_goes) {
   std::int32_t n_below = 0;
   for (std::int32_t c = 1; c <= n(); ++c) n_below += count_cluster_events(*session, c) < smallest;
   session->review.delete_size_limit = smallest;
-  EXPECT_EQ(delete_by(delete_by_size), n_below) << "strictly below";
+  EXPECT_EQ(delete_by(rule_by_size), n_below) << "strictly below";
   session->recording.is_continuous = false;
-  EXPECT_EQ(delete_by(delete_by_snr), 0);
+  EXPECT_EQ(delete_by(rule_by_snr), 0);
   EXPECT_TRUE(session.user.told("Can't sort based on S/N ratio for event based recording!"));
   session->recording.is_continuous = true;
   session->review.delete_snr_limit = static_cast<float>(template_snr(*session, 1)) + 0.01f;
-  EXPECT_GE(delete_by(delete_by_snr), 1);
+  EXPECT_GE(delete_by(rule_by_snr), 1);
   session->review.manage_option_1 = 1000000;
-  EXPECT_GE(delete_by(delete_by_height), 1);
+  EXPECT_GE(delete_by(rule_by_height), 1);
   EXPECT_EQ(n(), 0);
   EXPECT_FALSE(delete_clusters_by_rule(*session, management));
   expect_consistent();

@@ -36,9 +36,7 @@ LATER(guided_merge, "Guided merge and split");
 LATER(feature_export, "The export of feature matrices");
 LATER(view_clusters, "The review of single clusters");
 LATER(compare_pairs, "The comparison of cluster pairs");
-LATER(correlograms, "The correlogram display");
 LATER(spike_view, "The spatio-temporal spike view");
-LATER(post_processing, "Post-processing");
 LATER(test_decisions, "The test of decisions");
 LATER(manage_clusters, "The management of clusters");
 LATER(isi_height, "The ISI height plot");
@@ -111,7 +109,7 @@ constexpr menu_row rows[] = {
   {"&Review", "&Compare cluster pairs", "compare_pairs", "",
    "Look at two clusters side by side", both, none, compare_pairs},
   {"&Review", "&Auto/cross-correlation", "correlograms", "",
-   "Auto- and cross-correlograms", both, none, correlograms},
+   "Auto- and cross-correlograms", both, none, correlation_command},
   {"&Review", "&Realign", "realign", "",
    "Move templates or events to a common point", both, none, realign_command},
   {"&Review", "Recalculate &templates", "recalculate_templates", "",
@@ -119,7 +117,7 @@ constexpr menu_row rows[] = {
   {"&Review", "&Spatio-temporal spike view", "spike_view", "",
    "Spikes in space and time", both, none, spike_view},
   {"&Review", "&Post-processing", "post_processing", "",
-   "Clean up and recover lost events", both, none, post_processing},
+   "Clean up and recover lost events", both, none, post_process_command},
   {"&Review", "&Test decisions", "test_decisions", "",
    "Sort again and compare the decisions of Autosort", full, none, test_decisions},
   {"&Review", "&Manage clusters", "manage_clusters", "",

@@ -2,6 +2,7 @@
 
 #include "displays/display_fonts.h"
 #include "session/run_log.h"
+#include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/voltage_window.h"
 
 namespace kestrelvane {
@@ -68,7 +69,8 @@ const window_row window_rows[] = {
      .font = small_courier,
      .size = {510, 250},
      .size_slot = slot_correlograms,
-     .origin_slot = slot_correlograms},
+     .origin_slot = slot_correlograms,
+     .surface = correlogram_routines},
     {.kind = spike_trains,
      .object_name = "spike_trains_window",
      .title = "Spike train cross correlograms",

@@ -1,0 +1,365 @@
+#include "workstation/dialogs/review_parts.h"
+
+#include <QAbstractTableModel>
+#include <QApplication>
+#include <QDialogButtonBox>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QSettings>
+#include <QShortcut>
+#include <QSortFilterProxyModel>
+#include <QTableView>
+#include <QTableWidget>
+#include <QVBoxLayout>
+#include <algorithm>
+#include <array>
+
+#include "displays/display_colours.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/frame.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+// ---------------------------------------------------------------- keys
+
+namespace {
+
+// clang-format off
+constexpr review_key keys[] = {
+    {"merge",          "Merge the pair on show",                         "G",               "G"},
+    {"split",          "Split as shown",                                 "S",               "K"},
+    {"distinct",       "The two are distinct",                           "D",               "D"},
+    {"ambiguous",      "Leave the pair as ambiguous",                    "A",               "A"},
+    {"undo",           "Undo the last edit",                             "U Ctrl+Z",        "Ctrl+Z U"},
+    {"next",           "Next pair or cluster",                           "N Space",         "Space N"},
+    {"previous",       "Previous pair or cluster",                       "P Shift+Space",   "Shift+Space P"},
+    {"next_cluster",   "Next cluster",                                   "Down",            "Down"},
+    {"previous_cluster", "Previous cluster",                             "Up",              "Up"},
+    {"mark",           "Mark events by the measure chosen",              "M",               "M"},
+    {"unmark",         "Clear all marks",                                "Shift+M",         "Shift+M"},
+    {"invert",         "Swap marked and unmarked",                       "I",               "I"},
+    {"lasso",          "Draw a lasso round events",                      "K",               "L"},
+    {"delete_marked",  "Delete the marked events",                       "X",               "X"},
+    {"reclaim",        "Take lost events in",                            "R",               "R"},
+    {"key_page",       "This page",                                      "H",               "H"},
+};
+// clang-format on
+
+constexpr const char* preset_entry = "review_keys/preset";
+
+QString entry_of(const QString& action) { return "review_keys/" + action; }
+
+const review_key* find_key(const QString& action) {
+  const auto* found = std::find_if(std::begin(keys), std::end(keys),
+                                   [&](const review_key& key) { return action == key.action; });
+  return found == std::end(keys) ? nullptr : found;
+}
+
+// A letter in a field is text, and not a command.
+bool is_typing() {
+  const QWidget* focus = QApplication::focusWidget();
+  const auto* line = qobject_cast<const QLineEdit*>(focus);
+  return line != nullptr && !line->isReadOnly();
+}
+
+// A key of its own for each alternative, over the whole frame: the hand is on the keys while
+// the eye is on a window.
+void make_shortcuts(QDialog* dialog, const QString& action, std::function<void()> run) {
+  const QStringList all = keys_of(action).split(' ', Qt::SkipEmptyParts);
+  for (const QString& key : all) {
+    auto* shortcut = new QShortcut(QKeySequence(key), dialog);
+    shortcut->setContext(Qt::ApplicationShortcut);
+    shortcut->setAutoRepeat(false);
+    QObject::connect(shortcut, &QShortcut::activated, dialog, [run] {
+      if (!is_typing() && QApplication::activeModalWidget() == nullptr) run();
+    });
+  }
+}
+
+}  // namespace
+
+std::span<const review_key> review_keys() { return keys; }
+
+key_preset key_preset_in_force() {
+  const QString name = QSettings().value(preset_entry, "own").toString();
+  return name == "phy" ? key_preset::phy : name == "edited" ? key_preset::edited : key_preset::own;
+}
+
+QString keys_of(const QString& action) {
+  const review_key* key = find_key(action);
+  if (key == nullptr) return {};
+  switch (key_preset_in_force()) {
+    case key_preset::phy:
+      return key->phy_letters;
+    case key_preset::edited:
+      return QSettings().value(entry_of(action), key->letters).toString();
+    default:
+      return key->letters;
+  }
+}
+
+void use_key_preset(key_preset preset) {
+  QSettings().setValue(preset_entry, preset == key_preset::phy ? "phy" : "own");
+}
+
+void set_keys(const QString& action, const QString& text) {
+  QSettings store;
+  // The others keep what is in force, whichever preset that was.
+  if (key_preset_in_force() != key_preset::edited) {
+    for (const review_key& key : keys) store.setValue(entry_of(key.action), keys_of(key.action));
+    store.setValue(preset_entry, "edited");
+  }
+  store.setValue(entry_of(action), text);
+}
+
+void bind_keys(QDialog* dialog, QAbstractButton* button) {
+  const QString action = button->objectName();
+  const QString text = keys_of(action);
+  if (text.isEmpty()) return;
+  button->setToolTip(QString("%1 (%2)").arg(button->toolTip(), text.split(' ').join(", ")));
+  make_shortcuts(dialog, action, [button] {
+    if (button->isEnabled() && button->isVisible()) button->click();
+  });
+}
+
+void bind_keys(QDialog* dialog, const char* action, std::function<void()> run) {
+  make_shortcuts(dialog, action, std::move(run));
+}
+
+namespace {
+
+QTableWidget* make_key_table() {
+  auto* table = new QTableWidget(static_cast<int>(std::size(keys)), 2);
+  table->setObjectName("keys");
+  table->setHorizontalHeaderLabels({"Action", "Keys"});
+  table->verticalHeader()->hide();
+  table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::ResizeToContents);
+  table->horizontalHeader()->setStretchLastSection(true);
+  return table;
+}
+
+void fill_key_table(QTableWidget* table) {
+  const QSignalBlocker quiet(table);
+  for (int row = 0; row < table->rowCount(); ++row) {
+    auto* what = new QTableWidgetItem(keys[row].what);
+    what->setFlags(Qt::ItemIsEnabled);
+    table->setItem(row, 0, what);
+    table->setItem(row, 1, new QTableWidgetItem(keys_of(keys[row].action)));
+  }
+}
+
+QPushButton* preset_button(QTableWidget* table, const char* name, const QString& label,
+                           key_preset preset, const char* tip) {
+  QPushButton* button = make_button(name, label, tip);
+  QObject::connect(button, &QPushButton::clicked, table, [table, preset] {
+    use_key_preset(preset);
+    fill_key_table(table);
+  });
+  return button;
+}
+
+}  // namespace
+
+void show_key_page(workstation& w, QWidget* parent) {
+  auto* page = new QDialog(parent);
+  page->setObjectName("key_page_dialog");
+  page->setWindowTitle("Keys");
+  QTableWidget* table = make_key_table();
+  fill_key_table(table);
+  QObject::connect(table, &QTableWidget::cellChanged, table, [table](int row, int) {
+    set_keys(keys[row].action, table->item(row, 1)->text().simplified());
+  });
+  auto* presets = new QHBoxLayout;
+  presets->addWidget(
+      preset_button(table, "own_keys", "These", key_preset::own, "The letters of this program"));
+  presets->addWidget(preset_button(table, "phy_keys", "Those of Phy", key_preset::phy,
+                                   "For hands that are used to them"));
+  presets->addStretch();
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok);
+  QObject::connect(buttons, &QDialogButtonBox::accepted, page, &QDialog::accept);
+  auto* layout = new QVBoxLayout(page);
+  layout->addWidget(new QLabel("Changes count when a review dialog is opened the next time."));
+  layout->addWidget(table, 1);
+  layout->addLayout(presets);
+  layout->addWidget(buttons);
+  page->resize(460, 560);
+  open_dialog(w, page);
+}
+
+// ---------------------------------------------------------------- clusters
+
+namespace {
+
+struct unit_column {
+  const char* heading;
+  const char* tip;
+  double (*value)(const unit_row& row);
+  int decimals;
+};
+
+// clang-format off
+constexpr unit_column columns[] = {
+    {"Cluster", "Number of the cluster",                      [](const unit_row& u) { return double(u.cluster); }, 0},
+    {"Channel", "Centre channel of the template",             [](const unit_row& u) { return double(u.channel); }, 0},
+    {"Events",  "Events of the cluster",                      [](const unit_row& u) { return double(u.n_events); }, 0},
+    {"Rate",    "Events per second of the recording",         [](const unit_row& u) { return u.rate; }, 2},
+    {"P-P",     "Peak-to-peak amplitude of the template, µV", [](const unit_row& u) { return u.peak_to_peak; }, 0},
+    {"SNR",     "Peak-to-peak amplitude over the noise; 0 where that is not known",
+     [](const unit_row& u) { return u.snr; }, 1},
+    {"y",       "Centre of gravity along the probe, µm",      [](const unit_row& u) { return double(u.y); }, 0},
+};
+// clang-format on
+
+}  // namespace
+
+class unit_model : public QAbstractTableModel {
+ public:
+  unit_model(const session_state& session, QObject* parent)
+      : QAbstractTableModel(parent), session_(session) {}
+
+  void show(std::vector<unit_row> rows) {
+    beginResetModel();
+    rows_ = std::move(rows);
+    endResetModel();
+  }
+  std::int32_t cluster_at(int row) const { return rows_[row].cluster; }
+  int row_of(std::int32_t cluster) const {
+    const auto found = std::find_if(rows_.begin(), rows_.end(),
+                                    [&](const unit_row& row) { return row.cluster == cluster; });
+    return found == rows_.end() ? -1 : static_cast<int>(found - rows_.begin());
+  }
+  int rowCount(const QModelIndex& parent = {}) const override {
+    return parent.isValid() ? 0 : static_cast<int>(rows_.size());
+  }
+  int columnCount(const QModelIndex& parent = {}) const override {
+    return parent.isValid() ? 0 : static_cast<int>(std::size(columns));
+  }
+  QVariant data(const QModelIndex& at, int role) const override {
+    const unit_row& row = rows_[at.row()];
+    const unit_column& column = columns[at.column()];
+    if (role == Qt::DisplayRole) return QString::number(column.value(row), 'f', column.decimals);
+    // Sorted by the number, not by its text.
+    if (role == Qt::UserRole) return column.value(row);
+    if (role == Qt::TextAlignmentRole) return int{Qt::AlignRight | Qt::AlignVCenter};
+    if (role == Qt::DecorationRole && at.column() == 0) {
+      return colour_of_word(cluster_colour_word(session_, row.cluster));
+    }
+    return {};
+  }
+  QVariant headerData(int section, Qt::Orientation orientation, int role) const override {
+    if (orientation != Qt::Horizontal) return {};
+    if (role == Qt::DisplayRole) return QString::fromUtf8(columns[section].heading);
+    if (role == Qt::ToolTipRole) return QString::fromUtf8(columns[section].tip);
+    return {};
+  }
+
+ private:
+  const session_state& session_;
+  std::vector<unit_row> rows_;
+};
+
+namespace {
+
+QSortFilterProxyModel* proxy_of(const QTableView* table) {
+  return static_cast<QSortFilterProxyModel*>(table->model());
+}
+
+QTableView* make_unit_table_view(unit_model* model, QObject* parent) {
+  auto* proxy = new QSortFilterProxyModel(parent);
+  proxy->setSourceModel(model);
+  proxy->setSortRole(Qt::UserRole);
+  proxy->setFilterKeyColumn(-1);
+  auto* table = new QTableView;
+  table->setObjectName("unit_table");
+  table->setModel(proxy);
+  table->setSelectionBehavior(QAbstractItemView::SelectRows);
+  table->setSelectionMode(QAbstractItemView::ExtendedSelection);
+  table->setAlternatingRowColors(true);
+  table->verticalHeader()->hide();
+  table->verticalHeader()->setDefaultSectionSize(table->fontMetrics().height() + 6);
+  table->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
+  table->sortByColumn(0, Qt::AscendingOrder);
+  table->setSortingEnabled(true);
+  table->setToolTip("Press a line to see its cluster, a second one with Ctrl for a pair");
+  return table;
+}
+
+}  // namespace
+
+unit_list::unit_list(workstation& of)
+    : w_(of),
+      model_(new unit_model(of.session, this)),
+      table_(make_unit_table_view(model_, this)),
+      filter_(new QLineEdit) {
+  filter_->setObjectName("unit_filter");
+  filter_->setPlaceholderText("Filter");
+  filter_->setClearButtonEnabled(true);
+  filter_->setToolTip("Only clusters with this text in one of their columns");
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->addWidget(filter_);
+  layout->addWidget(table_, 1);
+  connect(filter_, &QLineEdit::textChanged, this,
+          [this](const QString& text) { proxy_of(table_)->setFilterFixedString(text); });
+  connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+          [this] { tell_selection(); });
+}
+
+void unit_list::show_rows(std::vector<unit_row> rows) {
+  marking_ = true;
+  model_->show(std::move(rows));
+  marking_ = false;
+}
+
+void unit_list::mark(std::int32_t a, std::int32_t b) {
+  marking_ = true;
+  table_->clearSelection();
+  for (const std::int32_t cluster : {a, b}) {
+    const int row = cluster > 0 ? model_->row_of(cluster) : -1;
+    if (row < 0) continue;
+    const QModelIndex at = proxy_of(table_)->mapFromSource(model_->index(row, 0));
+    table_->selectionModel()->select(at, QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    if (cluster == a) table_->scrollTo(at);
+  }
+  marking_ = false;
+}
+
+// One or two lines mean something; what the dialog has marked by itself is no wish of the user.
+void unit_list::tell_selection() {
+  if (marking_) return;
+  const QModelIndexList lines = table_->selectionModel()->selectedRows();
+  const auto cluster = [&](int i) {
+    return model_->cluster_at(proxy_of(table_)->mapToSource(lines[i]).row());
+  };
+  if (lines.size() == 1) emit chosen(cluster(0));
+  if (lines.size() == 2) {
+    const auto [a, b] = std::minmax({cluster(0), cluster(1)});
+    emit pair_chosen(a, b);
+  }
+}
+
+void choose_cluster(workstation& w, std::int32_t cluster) {
+  // Its number may be another cluster's by the time the worker has finished.
+  if (w.worker.running || cluster < 1 || cluster > w.session.clusters.n_clusters) return;
+  w.session.clusters.current_cluster = cluster;
+  refresh_windows(w);
+}
+
+// ---------------------------------------------------------------- place
+
+void place_at_right(workstation& w, QDialog* dialog) {
+  const QString entry = "place/" + dialog->objectName();
+  QObject::connect(dialog, &QDialog::finished, dialog,
+                   [dialog, entry] { QSettings().setValue(entry, dialog->saveGeometry()); });
+  if (dialog->restoreGeometry(QSettings().value(entry).toByteArray())) return;
+  dialog->adjustSize();
+  const QRect frame = w.frame->geometry();
+  dialog->move(frame.right() - dialog->width(), frame.top() + 60);
+}
+
+}  // namespace kestrelvane

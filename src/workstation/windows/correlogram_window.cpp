@@ -1,0 +1,90 @@
+#include "workstation/windows/correlogram_window.h"
+
+#include <QPaintEngine>
+#include <QPainter>
+#include <vector>
+
+#include "displays/graph.h"
+#include "workstation/themes.h"
+
+namespace kestrelvane {
+
+namespace {
+
+correlogram_state& state_of(workstation& w) {
+  if (!w.correlograms) w.correlograms = std::make_shared<correlogram_state>();
+  return *w.correlograms;
+}
+
+void count(workstation& w) {
+  correlogram_state& state = state_of(w);
+  const session_state& session = w.session;
+  const std::int32_t n = session.clusters.n_clusters;
+  // Numbers that an edit has taken away stand for nothing any more.
+  const std::int32_t a = state.a >= 1 && state.a <= n ? state.a : session.clusters.current_cluster;
+  const std::int32_t b = state.b >= 1 && state.b <= n ? state.b : a;
+  state.shown = {};
+  if (a < 1 || a > n) return;
+  const float width = session.review.correlogram_bin_ms;
+  const spike_train first = get_spike_train(session, a);
+  state.shown.first = correlogram_counts(session, first, first, width);
+  state.shown.n_first = state.shown.n_second = static_cast<std::int32_t>(first.events.size());
+  if (b == a) return;
+  const spike_train second = get_spike_train(session, b);
+  state.shown.second = correlogram_counts(session, second, second, width);
+  state.shown.cross = correlogram_counts(session, first, second, width);
+  state.shown.n_second = static_cast<std::int32_t>(second.events.size());
+}
+
+// From left to right: the two units stand on both sides of what they have in common.
+std::vector<const correlogram*> panels_of(const correlogram_state& state) {
+  std::vector<const correlogram*> panels;
+  const train_correlation& shown = state.shown;
+  if (shown.first.a > 0) panels.push_back(&shown.first);
+  if (shown.second.a == 0) return panels;
+  if (!state.autos_only) panels.push_back(&shown.cross);
+  panels.push_back(&shown.second);
+  return panels;
+}
+
+void draw(const correlogram_state& state, QPainter& painter, QSize size) {
+  const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
+  const graph_style style = on_screen ? style_of(picture_palette()) : paper_style();
+  painter.fillRect(QRect(QPoint(), size), style.background);
+  const std::vector<const correlogram*> panels = panels_of(state);
+  int left = 0;
+  for (std::size_t i = 0; i < panels.size(); ++i) {
+    const int right = size.width() * static_cast<int>(i + 1) / static_cast<int>(panels.size());
+    const graph_data graph = make_correlogram_graph(*panels[i], state.as_rate);
+    painter.save();
+    painter.translate(left, 0);
+    paint_graph(graph, style, whole_view(graph), painter, QSize(right - left, size.height()));
+    painter.restore();
+    left = right;
+  }
+}
+
+}  // namespace
+
+graph_routines correlogram_routines(workstation& w) {
+  state_of(w);
+  const std::shared_ptr<correlogram_state> state = w.correlograms;
+  graph_routines routines;
+  routines.gather = [&w] { count(w); };
+  routines.draw = [state](QPainter& painter, QSize size) { draw(*state, painter, size); };
+  // Of a pair what is between the two is what is looked at.
+  routines.graph = [state] {
+    const bool pair = state->shown.second.a > 0 && !state->autos_only;
+    return make_correlogram_graph(pair ? state->shown.cross : state->shown.first, state->as_rate);
+  };
+  return routines;
+}
+
+void show_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
+  correlogram_state& state = state_of(w);
+  state.a = a;
+  state.b = b;
+  open_graph(w, graph_kind::correlograms);
+}
+
+}  // namespace kestrelvane
