@@ -143,10 +143,10 @@ TEST(Frame, ToolButtonsDoWhatTheirEntriesDo) {
       {40010, "The channel check is not available in this version."},
       {40012, no_recording},
       {40013, no_recording},
-      {40014, "Guided merge and split is not available in this version."},
+      {40014, no_recording},
       {40016, "The review of single clusters is not available in this version."},
       {40018, "The comparison of cluster pairs is not available in this version."},
-      {40021, "Post-processing is not available in this version."},
+      {40021, no_recording},
       {40022, no_recording}};
   for (const auto& [identifier, words] : answers) {
     w.told.clear();
@@ -223,8 +223,8 @@ TEST(Frame, TheFilterThatWasChosenNamesTheFormat) {
 TEST(Frame, EntriesOfLaterVersionsSaySo) {
   const temporary_directory home;
   driven_workstation w(home.path);
-  for (const char* entry : {"sorted_waveforms", "channel_check", "guided_merge", "view_clusters",
-                            "compare_pairs", "correlograms", "spike_view", "post_processing"}) {
+  for (const char* entry :
+       {"sorted_waveforms", "channel_check", "view_clusters", "compare_pairs", "spike_view"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();
@@ -236,8 +236,9 @@ TEST(Frame, EntriesOfLaterVersionsSaySo) {
 TEST(Frame, WithoutARecordingOperationsSayWhatIsMissing) {
   const temporary_directory home;
   driven_workstation w(home.path);
-  for (const char* entry : {"open_work_file", "save_work_file", "voltage_record",
-                            "transform_filter", "event_detection", "autosort", "export_spikes"}) {
+  for (const char* entry :
+       {"open_work_file", "save_work_file", "voltage_record", "transform_filter", "event_detection",
+        "autosort", "export_spikes", "guided_merge", "correlograms", "post_processing"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();

@@ -32,7 +32,6 @@ LATER(hp_spectrum, "The high-pass spectrum");
 LATER(template_image, "The template image");
 LATER(sorted_waveforms, "The sorted waveform display");
 LATER(channel_check, "The channel check");
-LATER(guided_merge, "Guided merge and split");
 LATER(feature_export, "The export of feature matrices");
 LATER(view_clusters, "The review of single clusters");
 LATER(compare_pairs, "The comparison of cluster pairs");
@@ -93,7 +92,7 @@ constexpr menu_row rows[] = {
   {"&Sort", "&Autosort", "autosort", "Ctrl+Shift+A",
    "From samples to units, without further attention", both, none, autosort_command},
   {"&Sort", "&Guided merge/split", "guided_merge", "Ctrl+G",
-   "Go through the pairs that are not distinct", both, none, guided_merge},
+   "Go through the pairs that are not distinct", both, none, guided_merge_command},
   {"&Sort", "&Convert channels to clusters", "convert_channels", "",
    "One cluster for every channel", both, none, convert_channels_command},
   {"&Sort", "&Make status &lists", "make_status_lists", "Ctrl+L",

@@ -324,7 +324,7 @@ QLayout* button_row(const shared_autosort& a) {
 void go_on_to_guided_merge(workstation& w) {
   const session_state& session = w.session;
   if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
-    not_available_command(w, "Guided merge and split");
+    guided_merge_command(w);
   }
 }
 

@@ -1,0 +1,273 @@
+#include <QHBoxLayout>
+#include <QVBoxLayout>
+#include <memory>
+
+#include "review/guided_merge.h"
+#include "workstation/commands/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/pair_split_dialog.h"
+#include "workstation/dialogs/review_parts.h"
+#include "workstation/frame.h"
+#include "workstation/interface_desk.h"
+#include "workstation/operation.h"
+#include "workstation/windows/correlogram_window.h"
+#include "workstation/windows/graph_windows.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// One pair after the other, and six answers. The engine chooses the pairs and does what is
+// decided (review/guided_merge.h), on the worker; here the pair is shown, in the figures of this
+// window and in the windows beside it.
+struct guided_window {
+  workstation& w;
+  operation_dialog* dialog;
+  settings_form form;
+  guided_walk walk;
+  pair_values values;           // of the pair on show
+  std::vector<unit_row> units;  // for the list
+  guided_step step = guided_step::finished;
+
+  QLabel *clusters = nullptr, *channels = nullptr, *events = nullptr, *overlap = nullptr;
+  QLabel *correlation = nullptr, *common = nullptr, *stable = nullptr, *left = nullptr;
+  QLabel* message = nullptr;
+  QProgressBar* bar = nullptr;
+  QCheckBox* with_correlograms = nullptr;
+  QPushButton *undo = nullptr, *finish = nullptr, *interrupt = nullptr;
+  unit_list* list = nullptr;
+  bool swapped = false;  // the other cluster on top
+
+  guided_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
+};
+using shared_guided = std::shared_ptr<guided_window>;
+
+QString pair_text(std::int32_t a, std::int32_t b) {
+  return a > 0 ? QString("%1 and %2").arg(a).arg(b) : QString("-");
+}
+
+void show_figures(const guided_window& g) {
+  const pair_values& v = g.values;
+  g.clusters->setText(pair_text(v.a, v.b));
+  g.channels->setText(pair_text(v.channel_a, v.channel_b));
+  g.events->setText(pair_text(v.n_a, v.n_b));
+  g.overlap->setText(QString::number(v.overlap, 'f', 3));
+  g.correlation->setText(QString::number(v.correlation, 'f', 3));
+  g.common->setText(QString::fromStdString(common_channels_text(v)));
+  g.stable->setText(QString("%1 of %2").arg(g.walk.n_stable).arg(g.walk.n_clusters));
+  g.left->setText(QString::number(g.walk.pairs_left));
+}
+
+void show_pair_windows(const guided_window& g) {
+  if (g.values.a < 1) return;
+  if (g.with_correlograms->isChecked()) {
+    const std::int32_t first = g.swapped ? g.values.b : g.values.a;
+    show_correlograms(g.w, first, g.swapped ? g.values.a : g.values.b);
+  }
+  refresh_windows(g.w);
+}
+
+void show_step(const shared_guided& g);
+
+// A decision on the worker; what it comes to is shown when it is done.
+using guided_routine = std::function<guided_step(session_state& session, guided_walk& walk)>;
+void run_step(const shared_guided& g, const QString& doing, guided_routine routine) {
+  if (!g->form.store()) return;
+  g->message->setText(doing);
+  g->bar->setValue(0);
+  set_interrupts(g->w.session.operation, false);
+  g->dialog->run(
+      [g, routine = std::move(routine)](session_state& session) {
+        g->step = routine(session, g->walk);
+        g->values = make_pair_values(session, g->walk.pair);
+        g->units = make_unit_table(session);
+      },
+      [g] {
+        set_interrupts(g->w.session.operation, false);
+        g->bar->setValue(g->bar->maximum());
+        show_step(g);
+      });
+}
+
+void ask_how_to_split(const shared_guided& g) {
+  g->message->setText("How is the pair to be split?");
+  ask_for_split(g->w, g->walk.split, [g](ugm_message answer) {
+    run_step(g, "Applying the split ...", [answer](session_state& session, guided_walk& walk) {
+      return end_guided_split(session, walk, answer);
+    });
+  });
+}
+
+void show_step(const shared_guided& g) {
+  show_figures(*g);
+  g->undo->setEnabled(g->walk.can_undo);
+  g->list->show_rows(g->units);
+  g->list->mark(g->values.a, g->values.b);
+  g->message->setText("What do you want to do?");
+  if (g->step == guided_step::finished) {
+    g->dialog->accept();
+    return;
+  }
+  show_pair_windows(*g);
+  if (g->step == guided_step::ask) ask_how_to_split(g);
+}
+
+// ---------------------------------------------------------------- controls
+
+struct decision {
+  const char* name;
+  const char* label;
+  const char* tip;
+  guided_command command;
+  const char* doing;
+};
+constexpr decision decisions[] = {
+    {"merge", "Merge", "The two are one unit", guided_merge, "Merging ..."},
+    {"split", "Merge and split", "Pool the two and look how they fall apart",
+     guided_merge_and_split, "Clustering the pair ..."},
+    {"distinct", "Mark as distinct", "The two are two units", guided_distinct, "..."},
+    {"ambiguous", "Ambiguous", "Leave the pair for later", guided_ambiguous, "..."},
+    {"undo", "<-- undo", "Take the last decision back", guided_undo, "Undoing ..."},
+    {"finish", "Finish", "End here; marks stay for the next time", guided_finish, "Finishing ..."},
+};
+
+QGroupBox* decision_box(const shared_guided& g) {
+  auto* grid = new QGridLayout;
+  int place = 0;
+  for (const decision& of : decisions) {
+    QPushButton* button = make_button(of.name, of.label, of.tip);
+    button->setAutoDefault(false);
+    grid->addWidget(button, place / 2, place % 2);
+    ++place;
+    g->dialog->disabled_while_running << button;
+    QObject::connect(button, &QPushButton::clicked, g->dialog, [g, of] {
+      run_step(g, of.doing, [command = of.command](session_state& session, guided_walk& walk) {
+        return decide_pair(session, walk, command);
+      });
+    });
+    bind_keys(g->dialog, button);
+    if (of.command == guided_undo) g->undo = button;
+    if (of.command == guided_finish) g->finish = button;
+  }
+  return titled_box("What do you want to do?", grid);
+}
+
+QGroupBox* pair_box(guided_window& g) {
+  auto* rows = new QFormLayout;
+  g.clusters = add_value(rows, "guided_pair", "Clusters", "...");
+  g.channels = add_value(rows, "channels", "Channels", "...", "Centre channels");
+  g.events = add_value(rows, "pair_events", "Events", "...");
+  g.overlap =
+      add_value(rows, "overlap", "Cluster overlap", "...", "0: apart, 1: one cloud of points");
+  g.correlation = add_value(rows, "template_correlation", "template correlation", "...");
+  g.common = add_value(rows, "common_channels", "channels in common", "...");
+  g.stable = add_value(rows, "n_stable", "# of stable clusters", "...",
+                       "Clusters all of whose pairs are distinct");
+  g.left = add_value(rows, "pairs_left", "Pairs left to examine", "...");
+  return titled_box("Pair", rows);
+}
+
+QLayout* display_rows(const shared_guided& g) {
+  g->with_correlograms =
+      logical_control(g->form, "show_correlograms", "show auto && cross correlograms",
+                      "Beside the windows of the pair");
+  QPushButton* swap = make_button("swap_display", "Swap display", "Draw the other cluster on top");
+  swap->setAutoDefault(false);
+  QObject::connect(swap, &QPushButton::clicked, g->dialog, [g] {
+    g->swapped = !g->swapped;
+    show_pair_windows(*g);
+  });
+  QObject::connect(g->with_correlograms, &QCheckBox::toggled, g->dialog, [g](bool on) {
+    if (g->dialog->running()) return;
+    if (on) show_pair_windows(*g);
+    if (graph_window* window = graph_of(g->w, graph_kind::correlograms); !on && window) {
+      window->close();
+    }
+  });
+  auto* row = new QHBoxLayout;
+  row->addWidget(g->with_correlograms);
+  row->addStretch();
+  row->addWidget(swap);
+  return row;
+}
+
+QLayout* order_row(const shared_guided& g) {
+  auto* row = new QFormLayout;
+  row->addRow("Order of pairs",
+              choice_control(g->form, "search_order",
+                             {{"most overlap", order_most_overlap},
+                              {"least overlap", order_least_overlap},
+                              {"best match", order_best_match}},
+                             "Which pair comes next; counts from the next decision on"));
+  return row;
+}
+
+QDialogButtonBox* button_row(const shared_guided& g) {
+  auto* buttons = new QDialogButtonBox;
+  g->interrupt =
+      add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole, "Stop what runs");
+  QPushButton* keys =
+      add_button(buttons, "key_page", "Keys", QDialogButtonBox::HelpRole, "What the keys do");
+  g->interrupt->setEnabled(false);
+  g->dialog->enabled_while_running << g->interrupt;
+  QObject::connect(g->interrupt, &QPushButton::clicked, g->dialog,
+                   [g] { set_interrupts(g->w.session.operation, true); });
+  QObject::connect(keys, &QPushButton::clicked, g->dialog, [g] { show_key_page(g->w, g->dialog); });
+  bind_keys(g->dialog, keys);
+  return buttons;
+}
+
+void fill_dialog(const shared_guided& g) {
+  g->list = new unit_list(g->w);
+  g->list->setMinimumWidth(330);
+  g->message = new QLabel;
+  g->message->setObjectName("message");
+  g->bar = make_bar("progress", 100);
+  auto* left = new QVBoxLayout;
+  left->addWidget(pair_box(*g));
+  left->addWidget(decision_box(g));
+  left->addLayout(order_row(g));
+  left->addLayout(display_rows(g));
+  left->addStretch();
+  left->addWidget(g->message);
+  left->addWidget(g->bar);
+  auto* both = new QHBoxLayout;
+  both->addLayout(left, 1);
+  both->addWidget(g->list, 1);
+  auto* layout = new QVBoxLayout(g->dialog);
+  layout->addLayout(both, 1);
+  layout->addWidget(button_row(g));
+  g->form.load();
+  follow(g->w, g->dialog, every_meter(g->bar));
+  // Its cross means "Finish", which puts the selection back.
+  g->dialog->on_leaving = [g] { g->finish->click(); };
+}
+
+}  // namespace
+
+void guided_merge_command(workstation& w) {
+  auto* dialog = new operation_dialog(w, "guided_merge_dialog", "Guided Merge and Split");
+  const auto g = std::make_shared<guided_window>(w, dialog);
+  fill_dialog(g);
+  // The guards, the first lists and the first pair may take a while: the dialog is there when
+  // there is a pair to show.
+  run_with_progress(
+      w, "guided_merge_progress", "Guided Merge and Split",
+      [g](session_state& session) {
+        g->step = begin_guided_merge(session, g->walk);
+        g->values = make_pair_values(session, g->walk.pair);
+        g->units = make_unit_table(session);
+      },
+      [g] {
+        if (g->step == guided_step::finished) {
+          delete g->dialog;
+          return;
+        }
+        place_at_right(g->w, g->dialog);
+        open_runner(g->w, g->dialog);
+        show_step(g);
+      });
+}
+
+}  // namespace kestrelvane
