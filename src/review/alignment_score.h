@@ -6,11 +6,12 @@
 //   score = 5 (2 - 1.14 m^(1/8) + log10 q), 0 where q is 0.
 // The higher the better; below 2 to 3 an event hardly belongs.
 //
-// The formula is not free of the scale of the recording: by itself it gives the same spikes 2.5
-// more at 1 µV a bit than at 0.25, and 0.6 less at 0.195. So m and q are taken in bits of
+// The formula is not free of the scale of the recording: by itself it gives the same spikes 2 to
+// 2.5 more at 1 µV a bit than at 0.25, and 0.6 less at 0.195. So m and q are taken in bits of
 // 0.25 µV, whatever the recording's are; there a threshold of 2 to 3 separates. On recordings
-// with known units, sampled at 0.195, 0.25 and 1 µV a bit, 5 per cent of the own events of a
-// cluster lie below 3.9 to 7.7, and 2.5 leaves out 1 own event in 2,000 and 9 random times in 10.
+// with known units, at 0.195, 0.25 and 1 µV a bit alike, 5 per cent of a cluster's own events lie
+// below 3.9 to 7.7, and a threshold of 2.5 leaves out at most 1 own event in 2,000 and 9 random
+// times in 10.
 #pragma once
 
 #include <cstdint>

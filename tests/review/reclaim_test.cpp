@@ -5,6 +5,7 @@
 
 #include "review/cluster_marks.h"
 #include "review_fixture.h"
+#include "session/template_window.h"
 #include "sorting/cluster_edits.h"
 
 namespace kestrelvane::test {
@@ -84,6 +85,26 @@ TEST_F(reclaim_test, refused_events_are_put_back) {
     EXPECT_EQ(events.event_time[e], times[static_cast<std::size_t>(e - 1)]);
     EXPECT_EQ(events.event_shift[e], shifts[static_cast<std::size_t>(e - 1)]);
   }
+}
+
+// Two components see little of a waveform: what does not show in them must lie near the template.
+TEST_F(reclaim_test, the_whole_waveform_counts) {
+  reclaim_counts counts;
+  ASSERT_TRUE(reclaim_events(*session, reclaim_selectivity::medium, counts));
+  std::vector<std::int32_t> restored;
+  for (const std::int32_t e : lost) {
+    if (cluster_of(e) == 2) restored.push_back(e);
+  }
+  ASSERT_GT(restored.size(), 5u);
+  // Something stands on the quiet start of the window, where no component looks.
+  std::int16_t* v = session->recording.vd.channel(2) + window_first_sample(*session);
+  for (const std::int32_t e : restored) {
+    for (std::int32_t i = 1; i <= 4; ++i) v[session->events.event_time[e] + i] += 300;
+  }
+  undo_cluster_review(*session);
+  ASSERT_TRUE(reclaim_events(*session, reclaim_selectivity::medium, counts));
+  EXPECT_GT(counts.n_first_match, static_cast<std::int32_t>(restored.size() / 2));
+  for (const std::int32_t e : restored) EXPECT_EQ(cluster_of(e), 0);
 }
 
 // Interrupted at any of its polls, it leaves a whole session.
