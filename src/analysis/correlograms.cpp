@@ -69,6 +69,26 @@ struct counting {
   std::int64_t reach;  // ticks beyond which no difference lies in a bin
 };
 
+// By time, so that a look on both sides misses nobody: alignment may have carried an event past
+// another, and files bring events in any order. n_a: where the entries of b begin.
+std::vector<std::size_t> order_by_time(const std::vector<spike>& entries, std::size_t n_a) {
+  std::vector<std::size_t> order(entries.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  const auto earlier = [&entries](std::size_t x, std::size_t y) {
+    return entries[x].time != entries[y].time ? entries[x].time < entries[y].time
+                                              : entries[x].event < entries[y].event;
+  };
+  const auto middle = order.begin() + static_cast<std::ptrdiff_t>(n_a);
+  // Nearly always, and much quicker for units of hundreds of thousands of spikes.
+  if (std::is_sorted(order.begin(), middle, earlier) &&
+      std::is_sorted(middle, order.end(), earlier)) {
+    std::inplace_merge(order.begin(), middle, order.end(), earlier);
+  } else {
+    std::sort(order.begin(), order.end(), earlier);
+  }
+  return order;
+}
+
 counting prepare_counting(const spike_train& a, const spike_train& b, tick_clock clock,
                           float bin_ms) {
   counting c;
@@ -76,21 +96,16 @@ counting prepare_counting(const spike_train& a, const spike_train& b, tick_clock
   c.bin_ms = bin_ms;
   c.is_auto = a.unit == b.unit;
   std::vector<spike> entries;
+  entries.reserve(a.times.size() + b.times.size());
   for (std::size_t i = 0; i < a.times.size(); ++i) {
     entries.push_back({a.times[i], a.events[i], false});
   }
   for (std::size_t i = 0; !c.is_auto && i < b.times.size(); ++i) {
     entries.push_back({b.times[i], b.events[i], true});
   }
-  // By time, so that a look on both sides misses nobody: alignment may have carried an event
-  // past another, and files bring events in any order.
-  std::vector<std::size_t> order(entries.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  std::sort(order.begin(), order.end(), [&](std::size_t x, std::size_t y) {
-    return entries[x].time != entries[y].time ? entries[x].time < entries[y].time
-                                              : entries[x].event < entries[y].event;
-  });
+  const std::vector<std::size_t> order = order_by_time(entries, a.times.size());
   c.place_of_entry.resize(entries.size());
+  c.spikes.reserve(entries.size());
   for (std::size_t i = 0; i < order.size(); ++i) {
     c.spikes.push_back(entries[order[i]]);
     c.place_of_entry[order[i]] = i;

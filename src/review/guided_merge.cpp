@@ -131,6 +131,8 @@ guided_step merge_pair_on_show(session_state& session, guided_walk& walk) {
 
 guided_step mark_pair(session_state& session, guided_walk& walk, table<logical>& marks) {
   marks[find_pair(session, walk.pair)] = true;
+  // No cluster changes, which would be noted by itself.
+  note_unsaved(session, unsaved_results::edits);
   return show_next_pair(session, walk);
 }
 

@@ -68,6 +68,12 @@ void settle_on_pair(session_state& session) {
   compare_refresh(session, session.reviewed.compare_a, session.reviewed.compare_b);
 }
 
+// A list that the user asks for; a request to stop that an earlier run left behind is not his.
+void build_match_list(session_state& session) {
+  session.operation.autosort_interrupt = false;
+  get_match_lists(session);
+}
+
 void save_comparison(session_state& session, pair_comparison& comparison) {
   comparison.can_undo = save_undo_state(session, undo_owner::pair_comparison);
   comparison.saved_pair = pair_on_show(session);
@@ -105,7 +111,7 @@ bool open_pair_comparison(session_state& session, pair_comparison& comparison) {
 }
 
 void fill_pair_comparison(session_state& session) {
-  get_match_lists(session);
+  build_match_list(session);
   const std::int32_t stored = session.reviewed.match_position;
   if (show_entry(session, std::min(std::max(1, stored), session.lists.n_match))) return;
   session.reviewed.match_position = 0;
@@ -193,7 +199,7 @@ bool compare_step_with_a(session_state& session, int direction) {
 
 void compare_by_method(session_state& session, std::int32_t match_method) {
   session.review.match_method = std::clamp<std::int32_t>(match_method, 1, match_pc_adjacency);
-  get_match_lists(session);
+  build_match_list(session);
   if (!compare_most_similar(session)) settle_on_pair(session);
 }
 
@@ -254,6 +260,7 @@ void compare_set_distinct(session_state& session, pair_comparison& comparison, b
   if (k == 0 || session.lists.kv_user_distinct[k] == distinct) return;
   save_comparison(session, comparison);
   session.lists.kv_user_distinct[k] = distinct;
+  note_unsaved(session, unsaved_results::edits);
   refresh_displays(session);
 }
 
@@ -263,7 +270,7 @@ bool compare_undo(session_state& session, pair_comparison& comparison) {
   }
   comparison.can_undo = false;
   // The list that was saved may be that of another method.
-  get_match_lists(session);
+  build_match_list(session);
   session.reviewed.compare_a = comparison.saved_pair.a;
   session.reviewed.compare_b = comparison.saved_pair.b;
   settle_on_pair(session);

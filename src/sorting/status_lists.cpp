@@ -296,13 +296,15 @@ bool is_listed(const session_state& session, std::int64_t k, cluster_pair pair) 
   return !session.lists.kv_templates_dont_overlap[k] && !is_left_out(session, pair);
 }
 
-// Interrupted, the pairs that have not been reached are left out.
-void compute_matches(session_state& session, std::vector<match_entry>& entries) {
+// Interrupted, if it can be, the pairs that have not been reached are left out.
+void compute_matches(session_state& session, std::vector<match_entry>& entries,
+                     bool can_be_interrupted) {
   const status_lists_table& lists = session.lists;
   const auto n = static_cast<std::int64_t>(entries.size());
   // As many as make a poll between them soon enough for the slowest method.
   constexpr std::int64_t at_once = 128;
-  for (std::int64_t first = 0; first < n && !autosort_interrupted(session); first += at_once) {
+  for (std::int64_t first = 0; first < n; first += at_once) {
+    if (can_be_interrupted && autosort_interrupted(session)) break;
     parallel_for_dealt(threads_now(session), first, std::min(first + at_once, n) - 1,
                        [&](std::int64_t i, std::int32_t rank) {
                          match_entry& entry = entries[static_cast<std::size_t>(i)];
@@ -356,7 +358,7 @@ void get_match_lists(session_state& session) {
     const cluster_pair pair = pair_from_index(n, k);
     if (is_listed(session, k, pair)) entries.push_back({pair, k});
   }
-  compute_matches(session, entries);
+  compute_matches(session, entries, true);
   log_message(session, fmt::format("{} took {} msecs",
                                    threads_now(session) > 1 ? "Get threaded match lists"
                                                             : "Get match lists unthreaded",
@@ -382,7 +384,8 @@ void update_match_lists(session_state& session, const std::vector<std::int32_t>&
       if (is_listed(session, k, pair)) entries.push_back({pair, k});
     }
   }
-  compute_matches(session, entries);
+  // Part of an edit, which ends with whole lists.
+  compute_matches(session, entries, false);
   for (std::int32_t i = 1; i <= lists.n_match; ++i) {
     const cluster_pair pair{lists.match_a[i], lists.match_b[i]};
     if (is_changed[pair.a] || is_changed[pair.b]) continue;

@@ -215,6 +215,25 @@ TEST_F(comparison_test, an_empty_list_is_told_and_pairs_can_be_typed) {
   EXPECT_EQ(session.user.boxes.size(), 1u);
 }
 
+TEST_F(comparison_test, an_interrupt_leaves_what_was_reached) {
+  ASSERT_TRUE(open_pair_comparison(*session, comparison));
+  // What an earlier run was asked is nothing to this one.
+  session->operation.autosort_interrupt = true;
+  fill_pair_comparison(*session);
+  EXPECT_EQ(session->lists.n_match, 15);
+  session->operation.interrupt_at_poll = session->operation.polls + 1;
+  compare_by_method(*session, match_pc_adjacency);
+  EXPECT_EQ(session->lists.n_match, 0);
+  session->operation.interrupt_at_poll = -1;
+  EXPECT_TRUE(is_cluster_pair(*session, {place().compare_a, place().compare_b}));
+  compare_by_method(*session, match_overlap);
+  // A merge ends with a whole list, whatever is asked meanwhile.
+  session->operation.autosort_interrupt = true;
+  compare_merge(*session, comparison, true);
+  EXPECT_EQ(session->lists.n_match, 10);
+  EXPECT_EQ(check_session(*session), "");
+}
+
 TEST_F(comparison_test, without_lists_they_are_offered) {
   session->lists.n_kv_pairs = 0;
   EXPECT_FALSE(open_pair_comparison(*session, comparison));
