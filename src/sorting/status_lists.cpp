@@ -315,6 +315,7 @@ void compute_matches(session_state& session, std::vector<match_entry>& entries,
                        });
     set_progress(session, meter::status_lists, static_cast<std::int32_t>(100 * first / n), 100);
   }
+  set_progress(session, meter::status_lists, 100, 100);
   // Of a pair that cannot be measured nothing can be said, least of all where it stands.
   std::erase_if(entries, [](const match_entry& entry) { return !entry.match.is_set; });
 }
