@@ -73,7 +73,7 @@ void show_pair(session_state& session, guided_walk& walk, std::int64_t k) {
   session.clusters.current_cluster = walk.pair.a;
   session.reviewed.compare_a = walk.pair.a;
   session.reviewed.compare_b = walk.pair.b;
-  // Typed or walked to, and not taken from the match list.
+  // Its place in the match list, if it has one, is not known here.
   session.reviewed.match_position = 0;
   label_pair(session, walk.pair);
   refresh_displays(session);

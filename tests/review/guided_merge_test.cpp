@@ -357,7 +357,13 @@ TEST_F(guided_test, answers_follow_the_question) {
 
 // The user presses whatever comes: the session stays whole, and each undo leads back to the
 // same membership and times.
-TEST_F(guided_test, a_hundred_decisions_leave_a_whole_session) {
+struct guided_player : guided_test {
+  void TestBody() override {}
+  void play(int threads);
+};
+
+void guided_player::play(int threads) {
+  use_threads(*session, threads);
   vector_random random{5};
   const auto draw = [&](std::uint32_t limit) { return (random.next() >> 16) % limit; };
   session.user.default_answer = true;
@@ -388,6 +394,13 @@ TEST_F(guided_test, a_hundred_decisions_leave_a_whole_session) {
       expect_consistent();
     }
   }
+}
+
+TEST(guided_walk, dozens_of_decisions_leave_a_whole_session_at_any_number_of_threads) {
+  guided_player alone, threaded;
+  alone.play(1);
+  threaded.play(3);
+  EXPECT_TRUE(alone.bytes_of_sort() == threaded.bytes_of_sort());
 }
 
 }  // namespace
