@@ -44,15 +44,17 @@ struct batch_options {
   bool quiet = false;
   bool json = false;
   // --- draw
-  std::string view = "voltage";                                    // or grey, or graph
+  std::string view = "voltage";                                    // or another row of --view
   double from_seconds = std::numeric_limits<double>::quiet_NaN();  // not given: where signal begins
   double time_scale = 0, voltage_scale = 0;  // pixels per sample, pixels per µV; 0: not given
   std::int32_t spacing = 0;                  // pixels; 0: not given
   std::int32_t first_row = 1;
   std::string size = "1280x800";  // pixels
   std::string picture;            // path; .png, .svg or .pdf, or a graph's .csv or .gra
-  bool draw_events = false, draw_clusters = false, draw_numbers = false, draw_grid = false;
+  bool draw_events = false, draw_numbers = false, draw_grid = false;
   bool draw_on_template_channel = false, draw_reversed = false, draw_peaks = false;
+  bool draw_density = false;
+  std::string draw_clusters;  // clusters, as "3,7-9"; "true": named without a list
   // --- make-test
   std::string electrode = "polytrode";
   test_recording_options test;

@@ -1,4 +1,5 @@
-// draw: the voltage record as a picture, or as a graph with axes, without a screen.
+// draw: the voltage record as a picture, or as a graph with axes, and the views of sorted
+// clusters, without a screen.
 #ifdef KESTRELVANE_WITH_DISPLAYS
 
 #include <fmt/format.h>
@@ -8,6 +9,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "batch/channel_list.h"
+#include "batch/cluster_pictures.h"
 #include "batch/verbs.h"
 #include "displays/graph.h"
 #include "displays/picture_file.h"
@@ -39,6 +42,30 @@ bool wants_numbers(const batch_options& options) {
          (options.picture.ends_with(".csv") || options.picture.ends_with(".gra"));
 }
 
+constexpr const char* without_list = "true";  // what the parser gives a bare --clusters
+
+std::vector<std::int32_t> clusters_of(const batch_options& options) {
+  std::vector<std::int32_t> clusters;
+  if (options.draw_clusters != without_list) parse_channel_list(options.draw_clusters, clusters);
+  return clusters;
+}
+
+// Words that belong to the other kind of view, or are no list.
+std::string check_clusters(const batch_options& options) {
+  const std::string& list = options.draw_clusters;
+  const bool of_clusters = is_cluster_view(options.view);
+  if (!list.empty() && list != without_list) {
+    std::vector<std::int32_t> clusters;
+    if (!of_clusters) return "--clusters " + list + ": the view " + options.view + " takes no list";
+    if (!parse_channel_list(list, clusters)) return "--clusters " + list + ": not a list as 3,7";
+  }
+  if (of_clusters && options.view != "spikes" && (list.empty() || list == without_list)) {
+    return "--view " + options.view + ": --clusters says which";
+  }
+  if (options.draw_density && options.view != "waveforms") return "--density: of waveforms alone";
+  return {};
+}
+
 bool check_draw_options(const batch_options& options, QSize& size, std::string& problem) {
   if (options.picture.empty()) {
     problem = "draw: --out is required";
@@ -51,6 +78,8 @@ bool check_draw_options(const batch_options& options, QSize& size, std::string& 
     problem = "--scale and --voltage-scale: must be above 0";
   } else if (options.spacing > 500) {
     problem = "--spacing: at most 500";
+  } else {
+    problem = check_clusters(options);
   }
   return problem.empty();
 }
@@ -59,8 +88,9 @@ void choose_marks(session_state& session, const batch_options& options) {
   display_settings& display = session.display;
   // Marks of detection are not among the options.
   display.vd_show_proto_events = false;
-  display.vd_show_events = options.draw_events || options.draw_clusters;
-  display.vd_cluster_colours = options.draw_clusters;
+  const bool in_colours = options.draw_clusters == without_list;
+  display.vd_show_events = options.draw_events || in_colours;
+  display.vd_cluster_colours = in_colours;
   display.vd_cluster_numbers = options.draw_numbers;
   display.vd_msec_grid = options.draw_grid;
   voltage_view& view = session.view;
@@ -98,9 +128,21 @@ void keep_failures(QtMsgType type, const QMessageLogContext&, const QString& tex
   if (type == QtCriticalMsg || type == QtFatalMsg) fmt::print(stderr, "{}\n", text.toStdString());
 }
 
+cluster_drawing drawing_of(const batch_options& options, QSize size) {
+  return {.view = options.view,
+          .clusters = clusters_of(options),
+          .dark = options.draw_reversed,
+          .density = options.draw_density,
+          .path = options.picture,
+          .size = size};
+}
+
 bool draw_view(const batch_session& batch, QSize size) {
   const batch_options& options = batch.options;
   session_state& session = *batch.session;
+  if (is_cluster_view(options.view)) {
+    return write_cluster_picture(session, drawing_of(options, size));
+  }
   if (options.view == "graph") {
     const graph_style style = options.draw_reversed ? dark_style() : paper_style();
     return write_graph_picture(make_voltage_graph(session), style, options.picture, size);
@@ -123,6 +165,11 @@ bool draw_off_screen(const batch_session& batch, QSize size) {
 
 batch_status write_view(batch_session& batch, QSize size) {
   const std::string& path = batch.options.picture;
+  if (is_cluster_view(batch.options.view)) {
+    const std::string problem =
+        check_cluster_drawing(*batch.session, drawing_of(batch.options, size));
+    if (!problem.empty()) return fail_batch(batch, problem);
+  }
   const bool written = wants_numbers(batch.options)
                            ? write_graph_file(make_voltage_graph(*batch.session), path)
                            : draw_off_screen(batch, size);

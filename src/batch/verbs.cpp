@@ -31,7 +31,8 @@ enum option_group : unsigned {
   takes_values = 1u << 15,
 };
 
-enum class option_kind { positional, text, texts, flag, count, seed, real };
+// A flag_or_list stands alone or is followed by a list of numbers.
+enum class option_kind { positional, text, texts, flag, flag_or_list, count, seed, real };
 using enum option_kind;
 
 struct option_row {
@@ -110,9 +111,10 @@ constexpr option_row option_rows[] = {
       "FILE", "the same, the noise measured: median over its channels"},
   {text, takes_draw, "--out", AT(picture),
       "FILE", "the picture: .png, .svg or .pdf; of a graph also its numbers: .csv or .gra"},
-  {text, takes_draw, "--view", AT(view), "voltage|grey|graph",
-      "traces, grey image, or a graph with axes of the first ten rows in view (voltage)",
-      "voltage grey graph"},
+  {text, takes_draw, "--view", AT(view), "VIEW",
+      "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view); of "
+      "the clusters named by --clusters: waveforms, components, templates, heights, spikes (voltage)",
+      "voltage grey graph waveforms components templates heights spikes"},
   {real, takes_draw, "--from", AT(from_seconds), "SECONDS", "left edge (where signal begins)"},
   {real, takes_draw, "--scale", AT(time_scale), "PIXELS", "per sample (1)"},
   {real, takes_draw, "--voltage-scale", AT(voltage_scale), "PIXELS", "per µV (by the noise)"},
@@ -120,12 +122,14 @@ constexpr option_row option_rows[] = {
   {count, takes_draw, "--first-row", AT(first_row), "N", "row at the top (1)"},
   {text, takes_draw, "--size", AT(size), "WxH", "pixels (1280x800)"},
   {flag, takes_draw, "--events", AT(draw_events), "", "mark the events"},
-  {flag, takes_draw, "--clusters", AT(draw_clusters), "", "in the colours of their clusters"},
+  {flag_or_list, takes_draw, "--clusters", AT(draw_clusters), "LIST",
+      "alone: events in the colours of their clusters; with a list as 3,7: the clusters of the view"},
   {flag, takes_draw, "--numbers", AT(draw_numbers), "", "with the numbers of their clusters"},
   {flag, takes_draw, "--on-template-channel", AT(draw_on_template_channel),
       "", "on the centre channels of their clusters"},
   {flag, takes_draw, "--grid", AT(draw_grid), "", "lines every 1 or 10 ms"},
   {flag, takes_draw, "--peaks", AT(draw_peaks), "", "keep the peaks of each pixel column"},
+  {flag, takes_draw, "--density", AT(draw_density), "", "waveforms of all events, as counts per pixel"},
   {flag, takes_draw, "--reverse", AT(draw_reversed), "", "white on black"},
   {flag, takes_json, "--json", AT(json), "", "JSON instead of text"},
   {text, takes_values, "--values", AT(values),
@@ -146,7 +150,7 @@ constexpr batch_verb verbs[] = {
   {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
    run_make_test},
 #ifdef KESTRELVANE_WITH_DISPLAYS
-  {"draw", "draw the voltage record to a file", views | takes_work | takes_draw, run_draw},
+  {"draw", "draw the voltage record or sorted clusters to a file", views | takes_work | takes_draw, run_draw},
 #endif
   {"score", "how a sort agrees with planted units", takes_score | takes_json, run_score},
 };
@@ -164,6 +168,9 @@ void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
   switch (row.kind) {
     case flag:
       verb.add_flag(row.name, *static_cast<bool*>(where), row.help);
+      return;
+    case flag_or_list:
+      verb.add_flag(row.name, *static_cast<std::string*>(where), row.help)->type_name(row.value);
       return;
     case positional:
       option = add(static_cast<std::string*>(where))->required();
@@ -199,6 +206,31 @@ bool is_verb(std::string_view word) {
   return false;
 }
 
+bool is_list(std::string_view word) {
+  return !word.empty() && word.find_first_not_of("0123456789,-") == word.npos && word[0] != '-';
+}
+
+bool takes_list(std::string_view word) {
+  for (const option_row& row : option_rows) {
+    if (row.kind == flag_or_list && word == row.name) return true;
+  }
+  return false;
+}
+
+// The words of the command line from the last to the first, as the parser takes them. It knows
+// no option that takes a list or none, and would have to guess whether the word behind is the
+// recording: a list is joined to its option here.
+std::vector<std::string> join_lists(int argc, const char* const* argv) {
+  std::vector<std::string> words;
+  for (int i = 1; i < argc; ++i) {
+    words.emplace_back(argv[i]);
+    if (i + 1 < argc && takes_list(argv[i]) && is_list(argv[i + 1])) {
+      words.back() += std::string("=") + argv[++i];
+    }
+  }
+  return {words.rbegin(), words.rend()};
+}
+
 }  // namespace
 
 int run_batch_command(int argc, const char* const* argv) {
@@ -218,7 +250,7 @@ int run_batch_command(int argc, const char* const* argv) {
     }
   }
   try {
-    app.parse(argc, argv);
+    app.parse(join_lists(argc, argv));
   } catch (const CLI::ParseError& error) {
     // Help and version are results; anything else is wrong usage.
     return app.exit(error) == 0 ? 0 : static_cast<int>(batch_status::wrong_usage);

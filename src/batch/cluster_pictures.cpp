@@ -1,0 +1,156 @@
+#ifdef KESTRELVANE_WITH_DISPLAYS
+
+#include "batch/cluster_pictures.h"
+
+#include <fmt/format.h>
+
+#include <QPainter>
+
+#include "displays/clusters/components.h"
+#include "displays/clusters/heights.h"
+#include "displays/clusters/sorted_waveforms.h"
+#include "displays/clusters/spike_map.h"
+#include "displays/clusters/template_image.h"
+#include "displays/picture_file.h"
+
+namespace kestrelvane {
+
+namespace {
+
+struct cluster_canvas {
+  QPainter& painter;
+  session_state& session;
+  const cluster_drawing& drawing;
+  cluster_theme theme;
+  cluster_index index;
+};
+
+void draw_waveforms(cluster_canvas& canvas) {
+  waveform_view view = view_of_settings(canvas.session);
+  view.clusters = canvas.drawing.clusters;
+  // Events with their template: "Templates" of the settings is what a window was left with.
+  view.mode = canvas.drawing.density ? waveform_mode::density : waveform_mode::events;
+  view.first_item = 1;
+  view.width = canvas.drawing.size.width();
+  view.height = canvas.drawing.size.height();
+  waveform_picture picture;
+  do {
+    prepare_waveforms(canvas.session, canvas.index, view, picture);
+  } while (!picture.complete);
+  paint_waveforms(canvas.painter, picture, view, canvas.theme);
+}
+
+void draw_components(cluster_canvas& canvas) {
+  component_view view = component_view_of_settings(canvas.session);
+  view.clusters = canvas.drawing.clusters;
+  view.width = canvas.drawing.size.width();
+  view.height = canvas.drawing.size.height();
+  component_values values;
+  read_component_values(canvas.session, canvas.index, view.clusters, values);
+  component_picture picture;
+  prepare_components(canvas.session, values, view, picture);
+  paint_components(canvas.painter, picture, view, canvas.theme);
+}
+
+// One beside the other.
+void draw_templates(cluster_canvas& canvas) {
+  const auto n = static_cast<int>(canvas.drawing.clusters.size());
+  template_image_view view;
+  view.width = canvas.drawing.size.width() / n;
+  view.height = canvas.drawing.size.height();
+  for (int i = 0; i < n; ++i) {
+    view.cluster = canvas.drawing.clusters[static_cast<std::size_t>(i)];
+    template_image_picture picture;
+    prepare_template_image(canvas.session, view, picture);
+    canvas.painter.save();
+    canvas.painter.translate(i * view.width, 0);
+    paint_template_image(canvas.painter, picture, view, canvas.theme);
+    canvas.painter.restore();
+  }
+}
+
+void draw_heights(cluster_canvas& canvas) {
+  height_view view;
+  view.clusters = canvas.drawing.clusters;
+  view.width = canvas.drawing.size.width();
+  view.height = canvas.drawing.size.height();
+  height_picture picture;
+  prepare_heights(canvas.session, canvas.index, nullptr, view, picture);
+  paint_heights(canvas.painter, picture, view, canvas.theme);
+}
+
+// The probe stands at the right, its units as wide apart as the spikes beside them.
+void draw_spikes(cluster_canvas& canvas) {
+  const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
+  const int probe_width = std::min(320, width / 3);
+  spike_view view;
+  view.clusters = canvas.drawing.clusters;
+  view.width = width - probe_width;
+  view.height = height;
+  spike_picture picture;
+  prepare_spikes(canvas.session, canvas.index, view, picture);
+  paint_spikes(canvas.painter, picture, view, canvas.theme);
+  probe_view probe;
+  probe.clusters = view.clusters;
+  probe.width = probe_width;
+  probe.height = height;
+  probe_picture sites;
+  prepare_probe(canvas.session, canvas.index, probe, sites);
+  canvas.painter.translate(view.width, 0);
+  paint_probe(canvas.painter, sites, probe, canvas.theme);
+}
+
+struct cluster_view_row {
+  std::string_view name;
+  std::size_t fewest, most;  // clusters that it shows
+  void (*draw)(cluster_canvas& canvas);
+};
+constexpr cluster_view_row cluster_views[] = {
+    {"waveforms", 1, 2, draw_waveforms}, {"components", 1, 2, draw_components},
+    {"templates", 1, 8, draw_templates}, {"heights", 1, 2, draw_heights},
+    {"spikes", 0, 4000, draw_spikes},
+};
+
+const cluster_view_row* find_view(std::string_view name) {
+  for (const cluster_view_row& row : cluster_views) {
+    if (row.name == name) return &row;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool is_cluster_view(std::string_view view) { return find_view(view) != nullptr; }
+
+std::string check_cluster_drawing(const session_state& session, const cluster_drawing& drawing) {
+  const cluster_view_row* row = find_view(drawing.view);
+  const std::int32_t n_clusters = session.clusters.n_clusters;
+  if (n_clusters == 0) return "There are no clusters";
+  if (drawing.clusters.size() < row->fewest) {
+    return fmt::format("--view {}: --clusters says which", row->name);
+  }
+  if (drawing.clusters.size() > row->most) {
+    return fmt::format("--view {}: at most {} clusters", row->name, row->most);
+  }
+  for (std::size_t i = 0; i < drawing.clusters.size(); ++i) {
+    const std::int32_t c = drawing.clusters[i];
+    if (c > n_clusters) return fmt::format("--clusters {}: there are {} clusters", c, n_clusters);
+    for (std::size_t j = 0; j < i; ++j) {
+      if (drawing.clusters[j] == c) return fmt::format("--clusters {}: named twice", c);
+    }
+  }
+  return {};
+}
+
+bool write_cluster_picture(session_state& session, const cluster_drawing& drawing) {
+  const cluster_view_row* row = find_view(drawing.view);
+  return write_picture(drawing.path, drawing.size, [&](QPainter& painter) {
+    cluster_canvas canvas = {
+        painter, session, drawing, make_cluster_theme(session.preferences, drawing.dark), {}};
+    row->draw(canvas);
+  });
+}
+
+}  // namespace kestrelvane
+
+#endif

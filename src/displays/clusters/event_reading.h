@@ -1,0 +1,30 @@
+// Waveforms of single events as the displays read them: at their aligned times, in µV.
+#pragma once
+
+#include <cstdint>
+
+#include "displays/clusters/plane_shapes.h"
+#include "session/session_state.h"
+
+namespace kestrelvane {
+
+// Room for one waveform: reading works in whole lanes.
+constexpr std::int32_t waveform_room = template_point_limit + 17;
+
+// values[p - 1], µV, for the points of the template window; 0 where the window leaves the
+// recording.
+void read_event_waveform(const session_state& session, std::int32_t event, std::int32_t channel,
+                         float* values);
+
+// Peak-to-peak on a channel, µV.
+float read_event_height(const session_state& session, std::int32_t event, std::int32_t channel);
+
+// Time in minutes from the recording's start; of stored records the one of their stamps.
+float minutes_of_event(const session_state& session, std::int32_t event);
+
+// Centre of mass over the cluster's channels, µm, sites weighted by the square of the
+// peak-to-peak: the noise of the weak ones would otherwise draw every event to the middle.
+plane_point read_event_place(const session_state& session, std::int32_t event,
+                             std::int32_t cluster);
+
+}  // namespace kestrelvane
