@@ -22,6 +22,7 @@
 #include "workstation/interface_desk.h"
 #include "workstation/program_options.h"
 #include "workstation/themes.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/windows/voltage_window.h"
 #include "workstation/windows/window_table.h"
@@ -58,7 +59,10 @@ void connect_frame(workstation& w) {
   QObject::connect(w.desk, &interface_desk::refresh_requested, w.frame,
                    [&w] { refresh_windows(w); });
   QObject::connect(w.desk, &interface_desk::clusters_changed, w.frame,
-                   [&w] { refresh_windows(w); });
+                   [&w](const cluster_change& change) {
+                     follow_cluster_change(w, change);
+                     refresh_windows(w);
+                   });
   QObject::connect(w.desk, &interface_desk::paused, w.frame, [&w] {
     if (w.desk->worker_waits()) begin_pause(w);
   });

@@ -33,6 +33,7 @@ class graph_window;
 class interface_desk;
 class main_frame;
 class messages_dialog;
+struct cluster_displays;
 struct correlogram_state;
 struct voltage_state;
 
@@ -50,6 +51,7 @@ enum class graph_kind {
   channel_analysis,
   waveform_comparison,
   cluster_waveforms,
+  spike_view,
   run_log,
   count,
 };
@@ -63,6 +65,7 @@ struct workstation {
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   std::shared_ptr<correlogram_state> correlograms;  // likewise; correlogram_window.h
+  std::shared_ptr<cluster_displays> cluster_windows;  // cluster_windows.h
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
   bool reads_recording = false;       // the running operation has begun to read one

@@ -26,6 +26,9 @@ void copy_selection_command(workstation& w);
 void cascade_command(workstation& w);
 void auto_arrange_command(workstation& w);
 void voltage_record_command(workstation& w);
+void sorted_waveforms_command(workstation& w);
+void template_image_command(workstation& w);
+void spike_view_command(workstation& w);
 
 // --- Sort, Review (process_commands.cpp)
 void convert_channels_command(workstation& w);

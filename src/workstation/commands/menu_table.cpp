@@ -29,13 +29,10 @@ void later(workstation& w) {
   constexpr auto routine = later<routine##_text>
 
 LATER(hp_spectrum, "The high-pass spectrum");
-LATER(template_image, "The template image");
-LATER(sorted_waveforms, "The sorted waveform display");
 LATER(channel_check, "The channel check");
 LATER(feature_export, "The export of feature matrices");
 LATER(view_clusters, "The review of single clusters");
 LATER(compare_pairs, "The comparison of cluster pairs");
-LATER(spike_view, "The spatio-temporal spike view");
 LATER(test_decisions, "The test of decisions");
 LATER(manage_clusters, "The management of clusters");
 LATER(isi_height, "The ISI height plot");
@@ -76,9 +73,9 @@ constexpr menu_row rows[] = {
   {"&View", "&HP spectrum", "hp_spectrum", "",
    "Power of the filtered channels against frequency", full, none, hp_spectrum},
   {"&View", "&Template image", "template_image", "",
-   "The template of the current cluster as an image of channels and time", full, none, template_image},
+   "The template of the current cluster as an image of channels and time", full, none, template_image_command},
   {"&View", "Sorted &waveforms", "sorted_waveforms", "",
-   "Waveforms of sorted clusters", both, none, sorted_waveforms},
+   "Waveforms of sorted clusters", both, none, sorted_waveforms_command},
   {"&View", "&Sorting statistics", "sorting_statistics", "Ctrl+T",
    "One line for every cluster", both, none, sorting_summary_command},
 
@@ -114,7 +111,7 @@ constexpr menu_row rows[] = {
   {"&Review", "Recalculate &templates", "recalculate_templates", "",
    "Average the waveforms of every cluster anew", both, none, recalculate_templates_command},
   {"&Review", "&Spatio-temporal spike view", "spike_view", "",
-   "Spikes in space and time", both, none, spike_view},
+   "Spikes in space and time", both, none, spike_view_command},
   {"&Review", "&Post-processing", "post_processing", "",
    "Clean up and recover lost events", both, none, post_process_command},
   {"&Review", "&Test decisions", "test_decisions", "",

@@ -10,6 +10,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
@@ -59,13 +60,14 @@ void show_figures(const guided_window& g) {
   g.left->setText(QString::number(g.walk.pairs_left));
 }
 
-void show_pair_windows(const guided_window& g) {
+void show_pair(const guided_window& g) {
   if (g.values.a < 1) return;
-  if (g.with_correlograms->isChecked()) {
-    const std::int32_t first = g.swapped ? g.values.b : g.values.a;
-    show_correlograms(g.w, first, g.swapped ? g.values.a : g.values.b);
-  }
+  // The last one is drawn on top.
+  const std::int32_t first = g.swapped ? g.values.b : g.values.a;
+  const std::int32_t second = g.swapped ? g.values.a : g.values.b;
   refresh_windows(g.w);
+  show_pair_windows(g.w, first, second);
+  if (g.with_correlograms->isChecked()) show_correlograms(g.w, first, second);
 }
 
 void show_step(const shared_guided& g);
@@ -106,10 +108,11 @@ void show_step(const shared_guided& g) {
   g->list->mark(g->values.a, g->values.b);
   g->message->setText("What do you want to do?");
   if (g->step == guided_step::finished) {
+    forget_pair(g->w);
     g->dialog->accept();
     return;
   }
-  show_pair_windows(*g);
+  show_pair(*g);
   if (g->step == guided_step::ask) ask_how_to_split(g);
 }
 
@@ -176,11 +179,14 @@ QLayout* display_rows(const shared_guided& g) {
   swap->setAutoDefault(false);
   QObject::connect(swap, &QPushButton::clicked, g->dialog, [g] {
     g->swapped = !g->swapped;
-    show_pair_windows(*g);
+    show_pair(*g);
   });
   QObject::connect(g->with_correlograms, &QCheckBox::toggled, g->dialog, [g](bool on) {
     if (g->dialog->running()) return;
-    if (on) show_pair_windows(*g);
+    if (on) {
+      show_pair(*g);
+      tile_cluster_windows(g->w, g->dialog);
+    }
     if (graph_window* window = graph_of(g->w, graph_kind::correlograms); !on && window) {
       window->close();
     }
@@ -220,23 +226,19 @@ QDialogButtonBox* button_row(const shared_guided& g) {
 
 void fill_dialog(const shared_guided& g) {
   g->list = new unit_list(g->w);
-  g->list->setMinimumWidth(330);
+  g->list->setMinimumSize(320, 150);
   g->message = new QLabel;
   g->message->setObjectName("message");
   g->bar = make_bar("progress", 100);
-  auto* left = new QVBoxLayout;
-  left->addWidget(pair_box(*g));
-  left->addWidget(decision_box(g));
-  left->addLayout(order_row(g));
-  left->addLayout(display_rows(g));
-  left->addStretch();
-  left->addWidget(g->message);
-  left->addWidget(g->bar);
-  auto* both = new QHBoxLayout;
-  both->addLayout(left, 1);
-  both->addWidget(g->list, 1);
+  // One narrow column, so that the windows have the rest of the screen.
   auto* layout = new QVBoxLayout(g->dialog);
-  layout->addLayout(both, 1);
+  layout->addWidget(pair_box(*g));
+  layout->addWidget(decision_box(g));
+  layout->addLayout(order_row(g));
+  layout->addLayout(display_rows(g));
+  layout->addWidget(g->list, 1);
+  layout->addWidget(g->message);
+  layout->addWidget(g->bar);
   layout->addWidget(button_row(g));
   g->form.load();
   follow(g->w, g->dialog, every_meter(g->bar));
@@ -267,6 +269,7 @@ void guided_merge_command(workstation& w) {
         place_at_right(g->w, g->dialog);
         open_runner(g->w, g->dialog);
         show_step(g);
+        tile_cluster_windows(g->w, g->dialog);
       });
 }
 

@@ -4,7 +4,8 @@
 #include <QPainter>
 #include <vector>
 
-#include "displays/graph.h"
+#include "displays/clusters/cluster_theme.h"
+#include "displays/clusters/correlogram_panel.h"
 #include "workstation/themes.h"
 
 namespace kestrelvane {
@@ -47,20 +48,28 @@ std::vector<const correlogram*> panels_of(const correlogram_state& state) {
   return panels;
 }
 
-void draw(const correlogram_state& state, QPainter& painter, QSize size) {
+correlogram_panel panel_of(const correlogram& shown, bool as_rate) {
+  correlogram_panel panel;
+  panel.title = QString::fromStdString(correlogram_panel_title(shown));
+  panel.caption = QString::fromStdString(bin_width_text(shown.bin_ms));
+  panel.bin_ms = shown.bin_ms;
+  panel.counts.assign(shown.counts.begin(), shown.counts.end());
+  panel.mark = shown.a == shown.b ? mark_of_cluster(shown.a) : std::int16_t{0};
+  panel.expected = expected_count(shown);
+  panel.rate_per_count = as_rate ? count_as_rate(shown, 1) : 0;
+  return panel;
+}
+
+void draw(const workstation& w, const correlogram_state& state, QPainter& painter, QSize size) {
   const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
-  const graph_style style = on_screen ? style_of(picture_palette()) : paper_style();
-  painter.fillRect(QRect(QPoint(), size), style.background);
+  const cluster_theme theme =
+      make_cluster_theme(w.session.preferences, on_screen && pictures_are_dark());
+  const QRectF all(0, 0, size.width(), size.height());
+  painter.fillRect(all, theme.background);
   const std::vector<const correlogram*> panels = panels_of(state);
-  int left = 0;
+  const std::vector<QRectF> places = lay_out_panels(all, static_cast<std::int32_t>(panels.size()));
   for (std::size_t i = 0; i < panels.size(); ++i) {
-    const int right = size.width() * static_cast<int>(i + 1) / static_cast<int>(panels.size());
-    const graph_data graph = make_correlogram_graph(*panels[i], state.as_rate);
-    painter.save();
-    painter.translate(left, 0);
-    paint_graph(graph, style, whole_view(graph), painter, QSize(right - left, size.height()));
-    painter.restore();
-    left = right;
+    paint_correlogram(painter, places[i], panel_of(*panels[i], state.as_rate), theme);
   }
 }
 
@@ -71,7 +80,7 @@ graph_routines correlogram_routines(workstation& w) {
   const std::shared_ptr<correlogram_state> state = w.correlograms;
   graph_routines routines;
   routines.gather = [&w] { count(w); };
-  routines.draw = [state](QPainter& painter, QSize size) { draw(*state, painter, size); };
+  routines.draw = [&w, state](QPainter& painter, QSize size) { draw(w, *state, painter, size); };
   // Of a pair what is between the two is what is looked at.
   routines.graph = [state] {
     const bool pair = state->shown.second.a > 0 && !state->autos_only;

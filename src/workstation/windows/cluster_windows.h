@@ -1,0 +1,70 @@
+// The windows of sorted clusters: waveforms of the current cluster, of a pair, principal
+// components, amplitudes against time, the template as an image, spikes over the probe.
+//
+// They show the current cluster, or the pair that a review has on show, and follow both. What is
+// drawn is displays/clusters/; here are the mouse and the keys, and what is kept between two
+// pictures: the index of events, which all share, and the values of the components, which one
+// reading serves three windows. Both are forgotten when the session has changed.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "displays/clusters/cluster_index.h"
+#include "displays/clusters/components.h"
+#include "displays/clusters/heights.h"
+#include "displays/clusters/sorted_waveforms.h"
+#include "displays/clusters/spike_map.h"
+#include "displays/clusters/template_image.h"
+#include "session/cluster_change.h"
+#include "workstation/windows/graph_windows.h"
+
+namespace kestrelvane {
+
+// A window of waveforms and what it shows.
+struct waveform_window_state {
+  waveform_view view;
+  waveform_picture picture;
+  bool begun = false;  // view has been taken from the settings
+};
+
+struct cluster_displays {
+  cluster_index index;
+  std::int32_t a = 0, b = 0;  // the pair on show; 0: the current cluster alone
+  waveform_window_state single, pair;
+  component_view components;
+  component_values values;  // of values.clusters
+  bool values_valid = false;
+  component_picture component_points;
+  bool components_begun = false;
+  height_view heights;
+  height_picture height_points;
+  template_image_view image;
+  template_image_picture image_values;
+  spike_view spikes;
+  spike_picture spike_points;
+};
+
+graph_routines cluster_waveform_routines(workstation& w);
+graph_routines pair_waveform_routines(workstation& w);
+graph_routines component_routines(workstation& w);
+graph_routines height_routines(workstation& w);
+graph_routines template_image_routines(workstation& w);
+graph_routines spike_view_routines(workstation& w);
+// The session has changed: nothing that is kept of it holds any more.
+void forget_cluster_displays(workstation& w);
+
+// Tiles those of the review's windows that are open beside a dialog, without overlap: waveforms
+// largest, components, and below them what stands against time or is counted. Where the dialog
+// leaves too little room they stay where they are.
+void tile_cluster_windows(workstation& w, const QDialog* dialog);
+
+// Opens the windows of one cluster, the current one, or of a pair; those that are open follow.
+void show_cluster_windows(workstation& w);
+void show_pair_windows(workstation& w, std::int32_t a, std::int32_t b);
+// The pair on show after an edit has changed the numbers; none when one of the two is gone.
+void follow_cluster_change(workstation& w, const cluster_change& change);
+// A review has closed: windows show the current cluster again.
+void forget_pair(workstation& w);
+
+}  // namespace kestrelvane
