@@ -9,6 +9,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QPointer>
 #include <QScreen>
 #include <QSettings>
 #include <QTabWidget>
@@ -28,6 +29,7 @@
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/themes.h"
+#include "workstation/windows/graph_windows.h"
 #include "workstation/windows/voltage_window.h"
 
 namespace {
@@ -87,6 +89,45 @@ void take_running_sort(driven_workstation& w) {
   take("autosort_finished");
   w.press(dialog, "done");
   w.settle();
+}
+
+// The windows of sorted clusters, and guided merging with every pair in doubt.
+void take_review(driven_workstation& w) {
+  for (const char* entry : {"sorted_waveforms", "spike_view"}) {
+    close_graphs(w.shell);
+    w.choose_entry(entry);
+    w.settle();
+    take(entry);
+  }
+  close_graphs(w.shell);
+  open_graph(w.shell, graph_kind::template_image);
+  take("template_image");
+  close_graphs(w.shell);
+  // Nothing is distinct by these.
+  const sorting_strategy_settings kept = w.session->strategy;
+  w.session->strategy.overlap_threshold = -5;
+  w.session->strategy.correlation_threshold = -2;
+  w.session->review.show_correlograms = true;
+  w.choose_entry("guided_merge");
+  const QPointer<QDialog> dialog = w.dialog("guided_merge_dialog");
+  w.settle();
+  if (dialog) {
+    take("guided_merge");
+    // Undone and asked for again, the split is shown in any case.
+    for (const char* button : {"split", "undo", "split"}) {
+      if (dialog) w.press(dialog, button);
+      w.settle();
+    }
+    take("pair_split");
+    if (auto* split = w.shell.frame->findChild<QDialog*>("pair_split_dialog")) {
+      w.press(split, "leave");
+    }
+    w.settle();
+    if (dialog) w.press(dialog, "finish");
+    w.settle();
+  }
+  w.session->strategy = kept;
+  close_graphs(w.shell);
 }
 
 // The walk through a container file: a stream of channels, and the dataset in it.
@@ -198,12 +239,15 @@ int main(int argc, char** argv) {
       {"make_status_lists", "status_lists_dialog"},
       {"strategy", "strategy_dialog"},
       {"realign", "realign_dialog"},
+      {"post_processing", "post_process_dialog"},
+      {"correlograms", "correlation_dialog"},
       {"export_spikes", "export_dialog"},
       {"about", "about_dialog"},
       {"open_recording", "question_box"},
   };
   for (const auto& [entry, name] : dialogs) take_dialog(w, entry, name);
   w.settle();
+  take_review(w);
   longest = 0;
   take_running_sort(w);
   std::printf("longest turn while sorting, pictures included: %lld ms\n",
