@@ -144,7 +144,7 @@ TEST(Frame, ToolButtonsDoWhatTheirEntriesDo) {
       {40012, no_recording},
       {40013, no_recording},
       {40014, no_recording},
-      {40016, "The review of single clusters is not available in this version."},
+      {40016, no_recording},
       {40018, "The comparison of cluster pairs is not available in this version."},
       {40021, no_recording},
       {40022, no_recording}};
@@ -223,7 +223,7 @@ TEST(Frame, TheFilterThatWasChosenNamesTheFormat) {
 TEST(Frame, EntriesOfLaterVersionsSaySo) {
   const temporary_directory home;
   driven_workstation w(home.path);
-  for (const char* entry : {"channel_check", "view_clusters", "compare_pairs"}) {
+  for (const char* entry : {"channel_check", "compare_pairs"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();

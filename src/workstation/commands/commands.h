@@ -51,6 +51,7 @@ void status_lists_command(workstation& w);
 void strategy_command(workstation& w);
 void realign_command(workstation& w);
 void guided_merge_command(workstation& w);
+void view_clusters_command(workstation& w);
 void post_process_command(workstation& w);
 void correlation_command(workstation& w);
 void export_command(workstation& w);

@@ -44,8 +44,15 @@ constexpr review_key keys[] = {
     {"unmark",         "Clear all marks",                                "Shift+M",         "Shift+M"},
     {"invert",         "Swap marked and unmarked",                       "I",               "I"},
     {"lasso",          "Draw a lasso round events",                      "K",               "L"},
-    {"delete_marked",  "Delete the marked events",                       "X",               "X"},
+    {"delete_marked",  "Delete the events of a label",                   "X",               "X"},
     {"reclaim",        "Take lost events in",                            "R",               "R"},
+    {"autosplit",      "Look for sub-clusters",                          "F",               "F"},
+    {"label_0",        "Choose the events without a label",              "0",               "0"},
+    {"label_1",        "Choose the events of label 1",                   "1",               "1"},
+    {"label_2",        "Choose the events of label 2",                   "2",               "2"},
+    {"label_3",        "Choose the events of label 3",                   "3",               "3"},
+    {"label_4",        "Choose the events of label 4",                   "4",               "4"},
+    {"delete_cluster", "Delete the cluster on show",                     "Shift+X",         "Shift+X"},
     {"key_page",       "This page",                                      "H",               "H"},
 };
 // clang-format on
