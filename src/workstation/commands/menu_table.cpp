@@ -31,7 +31,6 @@ void later(workstation& w) {
 LATER(hp_spectrum, "The high-pass spectrum");
 LATER(channel_check, "The channel check");
 LATER(feature_export, "The export of feature matrices");
-LATER(compare_pairs, "The comparison of cluster pairs");
 LATER(test_decisions, "The test of decisions");
 LATER(manage_clusters, "The management of clusters");
 LATER(isi_height, "The ISI height plot");
@@ -102,7 +101,7 @@ constexpr menu_row rows[] = {
   {"&Review", "&View, clean and split clusters", "view_clusters", "",
    "Look at one cluster and mend it", both, none, view_clusters_command},
   {"&Review", "&Compare cluster pairs", "compare_pairs", "",
-   "Look at two clusters side by side", both, none, compare_pairs},
+   "Look at two clusters side by side", both, none, compare_pairs_command},
   {"&Review", "&Auto/cross-correlation", "correlograms", "",
    "Auto- and cross-correlograms", both, none, correlation_command},
   {"&Review", "&Realign", "realign", "",

@@ -1,0 +1,263 @@
+// Comparing pairs as a user does it: through the list by button and key, any pair by its numbers
+// or two lines, edits and their undo, the split that asks, and leaving.
+#include <QCheckBox>
+#include <QComboBox>
+#include <QPushButton>
+#include <QSlider>
+#include <QTableView>
+#include <QTest>
+
+#include "review/pair_comparison.h"
+#include "sorting/cluster_edits.h"
+#include "sorting/status_lists.h"
+#include "workstation/dialogs/setting_controls.h"
+#include "workstation/operation.h"
+#include "workstation/sorted_workstation.h"
+#include "workstation/windows/correlogram_window.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct comparing_workstation : sorted_workstation {
+  explicit comparing_workstation(const std::string& home) : sorted_workstation(home) {
+    on_worker([](session_state& s) {
+      build_status_lists(s);
+      s.review.match_method = match_separation;
+    });
+  }
+  void on_worker(session_routine routine) {
+    start_operation(shell, std::move(routine), nullptr);
+    settle();
+  }
+  QDialog* begin() {
+    choose_entry("compare_pairs");
+    QDialog* opened = dialog("compare_pairs_dialog");
+    settle();
+    told.clear();
+    return opened;
+  }
+  // On show, by the fields; a figure beside them has to be of the same pair.
+  cluster_pair shown(QDialog* in) {
+    const cluster_pair pair{
+        static_cast<std::int32_t>(control<number_field>(in, "compare_a")->value()),
+        static_cast<std::int32_t>(control<number_field>(in, "compare_b")->value())};
+    EXPECT_EQ(text(in, "pair_title"),
+              QString("Comparing templates %1 and %2").arg(pair.a).arg(pair.b));
+    EXPECT_EQ(session->clusters.current_cluster, pair.a);
+    return pair;
+  }
+  std::pair<int, int> shown_numbers(QDialog* in) {
+    const cluster_pair pair = shown(in);
+    return {pair.a, pair.b};
+  }
+  std::pair<int, int> entry(std::int32_t position) const {
+    return {session->lists.match_a[position], session->lists.match_b[position]};
+  }
+  bool is_open() { return shell.frame->findChild<QDialog*>("compare_pairs_dialog") != nullptr; }
+  std::vector<std::int32_t> membership() const {
+    const std::int32_t* of = session->events.event_cluster.first();
+    return {of, of + session->events.n_events};
+  }
+};
+
+TEST(ComparePairs, GoesThroughTheListAndShowsAnyPair) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  const std::int32_t n = s.lists.n_match;
+  ASSERT_GE(n, 3);
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(1));
+  EXPECT_EQ(w.text(dialog, "match_position"), QString("1 of %1").arg(n));
+  EXPECT_EQ(w.text(dialog, "match_value"), QString::number(s.lists.match_values[1], 'f', 3));
+
+  w.press(dialog, "next");
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(2));
+  EXPECT_EQ(w.text(dialog, "match_value"), QString::number(s.lists.match_values[2], 'f', 3));
+  w.press(dialog, "previous");
+  w.press(dialog, "previous");
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(1)) << "stays at the beginning";
+  for (std::int32_t i = 0; i < n + 2; ++i) w.press(dialog, "next");
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(n)) << "and at the end";
+
+  // The first cluster is followed; its best match is the first entry that holds it.
+  const int a = w.shown(dialog).a;
+  w.press(dialog, "most_similar_to_a");
+  EXPECT_EQ(w.shown(dialog).a, a);
+  std::int32_t first = 1;
+  while (w.entry(first).first != a && w.entry(first).second != a) ++first;
+  EXPECT_EQ(s.reviewed.match_position, first);
+  w.press(dialog, "next_with_first");
+  EXPECT_EQ(w.shown(dialog).a, a);
+  EXPECT_GT(s.reviewed.match_position, first);
+
+  w.set_number(dialog, "compare_a", 2);
+  w.set_number(dialog, "compare_b", 4);
+  EXPECT_EQ(w.shown_numbers(dialog), std::pair(2, 4));
+  EXPECT_EQ(w.text(dialog, "match_position"), QString("- of %1").arg(n));
+  w.set_number(dialog, "compare_b", 2);
+  EXPECT_EQ(w.text(dialog, "pair_title"), "Comparing templates 2 and 4") << "no pair";
+  EXPECT_EQ(w.text(dialog, "message"), "A pair has two different clusters");
+  // Keys work wherever the hand is; the second cluster is passed over.
+  w.set_number(dialog, "compare_b", 3);
+  ASSERT_TRUE(QTest::qWaitForWindowActive(dialog));
+  w.control<QTableView>(dialog, "unit_table")->setFocus();
+  QTest::keyClick(dialog, Qt::Key_Down);
+  EXPECT_EQ(w.shown_numbers(dialog), std::pair(4, 3));
+  QTest::keyClick(dialog, Qt::Key_N);
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(1)) << "from a typed pair into the list";
+
+  auto* table = w.control<QTableView>(dialog, "unit_table");
+  table->selectRow(3);
+  EXPECT_EQ(w.shown(dialog).a, 4) << "beside its best match";
+  table->selectionModel()->select(table->model()->index(0, 0),
+                                  QItemSelectionModel::Select | QItemSelectionModel::Rows);
+  EXPECT_EQ(w.shown_numbers(dialog), std::pair(1, 4));
+  w.press(dialog, "ok");
+  w.settle();
+  EXPECT_FALSE(w.is_open());
+}
+
+TEST(ComparePairs, EditsKeepTheListAndAreTakenBack) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  const std::vector<std::int32_t> before = w.membership();
+  const int n = s.clusters.n_clusters;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  auto* undo = w.control<QPushButton>(dialog, "undo");
+  EXPECT_FALSE(undo->isEnabled());
+  w.press(dialog, "next");
+  const std::pair<int, int> pair = w.shown_numbers(dialog);
+  const auto distinct = [&] { return w.control<QCheckBox>(dialog, "distinct")->isChecked(); };
+  w.control<QCheckBox>(dialog, "distinct")->click();
+  w.settle();
+  EXPECT_TRUE(s.lists.kv_user_distinct[find_pair(s, {pair.first, pair.second})]);
+  EXPECT_EQ(w.text(dialog, "pair_is_distinct"), "yes");
+  w.press(dialog, "undo");
+  w.settle();
+  EXPECT_FALSE(distinct());
+
+  w.press(dialog, "merge");
+  w.settle();
+  const int merged = std::min(pair.first, pair.second);
+  EXPECT_EQ(
+      w.told,
+      QStringList(QString("Clusters %1 and %2 were merged").arg(pair.first).arg(pair.second)));
+  EXPECT_EQ(s.clusters.n_clusters, n - 1);
+  const cluster_pair now = w.shown(dialog);
+  EXPECT_TRUE(now.a == merged || now.b == merged) << "stays with what was merged";
+  EXPECT_EQ(w.control<QTableView>(dialog, "unit_table")->model()->rowCount(), n - 1);
+  EXPECT_EQ(w.control<number_field>(dialog, "compare_a")->maximum(), n - 1);
+  EXPECT_EQ(check_session(s), "");
+  w.press(dialog, "undo");
+  w.settle();
+  EXPECT_EQ(w.membership(), before);
+  EXPECT_EQ(w.shown_numbers(dialog), pair);
+  EXPECT_FALSE(undo->isEnabled()) << "one level";
+  w.press(dialog, "merge_back");
+  w.settle();
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(1));
+  // The cross of the window is "OK".
+  dialog->close();
+  w.settle();
+  EXPECT_FALSE(w.is_open());
+  EXPECT_EQ(check_session(s), "");
+}
+
+TEST(ComparePairs, ResplitsAndWaitsForTheAnswer) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  const std::vector<std::int32_t> before = w.membership();
+  bool asked = false;
+  for (std::int32_t i = 1; i <= s.lists.n_match && !asked; ++i) {
+    w.press(dialog, "split");
+    w.settle();
+    EXPECT_EQ(check_session(s), "");
+    auto* split = w.shell.frame->findChild<QDialog*>("pair_split_dialog");
+    if (split != nullptr) {
+      asked = true;
+      EXPECT_FALSE(w.control<QPushButton>(dialog, "merge")->isEnabled());
+      dialog->close();
+      EXPECT_TRUE(w.is_open()) << "the answer comes first";
+      w.press(split, "leave");
+      w.settle();
+      EXPECT_EQ(w.membership(), before) << "left as it was";
+      EXPECT_TRUE(w.control<QPushButton>(dialog, "merge")->isEnabled());
+    } else {
+      w.press(dialog, "undo");
+      w.settle();
+      EXPECT_EQ(w.membership(), before);
+      w.press(dialog, "next");
+    }
+  }
+  EXPECT_TRUE(asked) << "one of the pairs is not clearly two";
+  w.press(dialog, "ok");
+}
+
+TEST(ComparePairs, MethodsShowWhatTheyCompare) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  s.review.match_method = match_doublets;
+  s.review.show_correlograms = false;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  auto* method = w.control<QComboBox>(dialog, "match_method");
+  EXPECT_EQ(method->currentData().toInt(), match_correlation) << "no slow list on opening";
+  EXPECT_EQ(graph_of(w.shell, graph_kind::correlograms), nullptr);
+  const auto choose = [&](int of) {
+    method->setCurrentIndex(method->findData(of));
+    emit method->activated(method->currentIndex());
+    w.settle();
+  };
+  choose(match_doublets);
+  EXPECT_EQ(s.review.match_method, match_doublets);
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(1));
+  ASSERT_NE(graph_of(w.shell, graph_kind::correlograms), nullptr);
+  EXPECT_EQ(w.shell.correlograms->a, w.shown(dialog).a);
+  w.press(dialog, "swap_display");
+  EXPECT_EQ(w.shell.correlograms->b, w.shown(dialog).a);
+  // No two templates overlap: told once, and any pair can still be shown.
+  s.lists.kv_templates_dont_overlap[1] = true;
+  for (std::int64_t k = 1; k <= s.lists.n_kv_pairs; ++k)
+    s.lists.kv_templates_dont_overlap[k] = true;
+  w.told.clear();
+  choose(match_separation);
+  EXPECT_EQ(w.told, QStringList("There are no pairs in this list"));
+  EXPECT_EQ(w.text(dialog, "match_value"), "0");
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "next")->isEnabled());
+  w.set_number(dialog, "compare_a", 1);
+  w.set_number(dialog, "compare_b", 3);
+  EXPECT_EQ(w.shown_numbers(dialog), std::pair(1, 3));
+  w.press(dialog, "ok");
+}
+
+TEST(ComparePairs, LeavesWithTheLastPair) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  w.on_worker([](session_state& of) {
+    while (of.clusters.n_clusters > 2) merge_clusters(of, 1, 2);
+  });
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  w.press(dialog, "merge_back");
+  w.settle();
+  EXPECT_EQ(w.told, QStringList({"Clusters 1 and 2 were merged",
+                                 "Only one cluster is left - exiting dialog"}));
+  EXPECT_FALSE(w.is_open());
+  EXPECT_EQ(check_session(s), "");
+  w.choose_entry("compare_pairs");
+  w.settle();
+  EXPECT_EQ(w.told.last(), "There is only one cluster");
+  EXPECT_FALSE(w.is_open());
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
