@@ -79,7 +79,7 @@ void draw_heights(cluster_canvas& canvas) {
   paint_heights(canvas.painter, picture, view, canvas.theme);
 }
 
-// The probe stands at the right, its units as wide apart as the spikes beside them.
+// The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
   const int probe_width = std::min(320, width / 3);
@@ -95,6 +95,10 @@ void draw_spikes(cluster_canvas& canvas) {
   probe.width = probe_width;
   probe.height = height;
   probe_picture sites;
+  prepare_probe(canvas.session, canvas.index, probe, sites);
+  // Again, over the same stretch.
+  const graph_view& beside = picture.plane.view;
+  probe.range = {sites.plane.view.x_from, sites.plane.view.x_to, beside.y_from, beside.y_to};
   prepare_probe(canvas.session, canvas.index, probe, sites);
   canvas.painter.translate(view.width, 0);
   paint_probe(canvas.painter, sites, probe, canvas.theme);

@@ -150,7 +150,7 @@ void prepare_heights(const session_state& session, cluster_index& index,
   graph_view shown = view_of_points(picture.points);
   // The whole recording, so that a unit that comes late or goes is seen to.
   shown.x_from = 0;
-  shown.x_to = std::max<double>(shown.x_to, session.recording.duration_mins);
+  if (session.recording.duration_mins > 0) shown.x_to = session.recording.duration_mins;
   if (view.measure == height_measure::peak_to_peak) shown.y_from = 0;
   if (view.range.x_from < view.range.x_to && view.range.y_from < view.range.y_to) {
     shown = view.range;

@@ -106,6 +106,18 @@ void gather_chosen(const session_state& session, const cluster_index& index,
   }
 }
 
+// With few events in view all of them stand at their own places.
+void place_background(const session_state& session, spike_picture& picture) {
+  if (picture.n_behind + picture.heights.size() > most_own) return;
+  for (std::size_t i = 0; i < picture.n_behind; ++i) {
+    const std::int32_t e = picture.events[i];
+    const std::int32_t c = session.events.event_cluster[e];
+    if (c >= 1 && c <= session.clusters.n_clusters) {
+      picture.points[i].y = read_event_place(session, e, c).y;
+    }
+  }
+}
+
 // The view moved so that it lies within the recording.
 void hold_view(const session_state& session, spike_view& view, double from, double length) {
   const double duration = duration_of(session);
@@ -143,6 +155,7 @@ void prepare_spikes(const session_state& session, cluster_index& index, const sp
   for (const std::int32_t c : clusters) chosen[static_cast<std::size_t>(c)] = 1;
   gather_background(session, view, chosen, picture);
   gather_chosen(session, index, clusters, picture);
+  place_background(session, picture);
 }
 
 void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_view& view,

@@ -1,9 +1,10 @@
 // Spikes in the space of the probe: y position against time, and the probe itself with its
 // units.
 //
-// Events of clusters on show stand at their own centres of mass, where drift is seen; all
-// others at their cluster's centre, unclustered ones at their channel's site. y grows
-// downwards, as the rows of the voltage record run.
+// Events of chosen clusters stand at their own centres of mass, where drift is seen; all others
+// do as long as a few thousand events are in view, and else stand at their cluster's centre;
+// unclustered ones at their channel's site. y grows downwards, as the rows of the voltage
+// record run.
 #pragma once
 
 #include <QPainter>

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <limits>
 
-#include "clustering/templates.h"
 #include "displays/clusters/cluster_index.h"
 
 namespace kestrelvane {
@@ -55,13 +54,26 @@ site_spread measure_sites(const recording_store& r, const std::vector<std::int32
   return s;
 }
 
-float largest_template_uv(const session_state& session, const waveform_view& view) {
-  float most = 0;
+// The largest scale at which no panel's template leaves the window, and the largest of all is no
+// higher than a limit in pixels: it may reach into the rows beside its own, which hold less of it.
+float fitting_scale(const session_state& session, const waveform_view& view, float limit,
+                    const waveform_layout& layout) {
+  constexpr float edge = 8;  // pixels that stay free, so that single events have room
+  const template_table& t = session.templates;
+  float scale = std::numeric_limits<float>::max();
   for (const std::int32_t c : clusters_on_show(session, view.clusters)) {
-    if (session.templates.template_n_channels[c] < 1) continue;
-    most = std::max(most, template_peak_to_peak(session, c, session.templates.centre_channel(c)));
+    for (const waveform_panel& panel : layout.panels) {
+      const float* mean = t.mean(c, panel.channel) + 1;
+      const auto [low, high] = std::minmax_element(mean, mean + layout.n_points);
+      const float up = std::max(*high, 0.0f) * session.recording.vscale_HP;
+      const float down = std::max(-*low, 0.0f) * session.recording.vscale_HP;
+      if (up + down > 0) scale = std::min(scale, limit / (up + down));
+      if (up > 0) scale = std::min(scale, (panel.y - top_room + edge) / up);
+      const float below = static_cast<float>(view.height) - edge - panel.y;
+      if (down > 0) scale = std::min(scale, below / down);
+    }
   }
-  return most * session.recording.vscale_HP;
+  return scale < std::numeric_limits<float>::max() ? std::max(scale, 1e-6f) : 0.5f;
 }
 
 void put_panels(const session_state& session, const std::vector<std::int32_t>& channels,
@@ -86,12 +98,10 @@ void lay_out_to_fit(const session_state& session, const waveform_view& view,
   const float panel_width = spread_x > 0 ? fill * sites.gap_x * per_x : width;
   const float row_height = spread_y > 0 ? std::max(sites.gap_y, 1.0f) * per_y : height;
   layout.step = panel_width / static_cast<float>(std::max(layout.n_points - 1, 1));
-  // The largest waveform reaches into the rows beside its own, which hold less of it.
-  const float most = largest_template_uv(session, view);
-  const float room = spread_y > 0 ? std::min(1.9f * row_height, 0.7f * height) : 0.7f * height;
-  layout.pixels_per_uv = most > 0 ? room / most : 0.5f;
-  put_panels(session, channels, sites, left_room, top_room + 0.55f * row_height, per_x, per_y,
+  put_panels(session, channels, sites, left_room, top_room + 0.5f * row_height, per_x, per_y,
              layout);
+  const float limit = spread_y > 0 ? std::min(1.9f * row_height, 0.7f * height) : 0.7f * height;
+  layout.pixels_per_uv = fitting_scale(session, view, limit, layout);
 }
 
 // The scales as they are set, the first channel in the middle.
