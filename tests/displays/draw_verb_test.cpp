@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <QByteArray>
+#include <QFile>
 #include <QImage>
 #include <QPainter>
 #include <QSvgRenderer>
@@ -146,6 +147,49 @@ TEST(draw_verb, a_graph_has_axes_and_numbers) {
   EXPECT_TRUE(lines[0].startsWith("channel ") && lines[0].contains(" time (ms),channel "));
   EXPECT_NEAR(lines[1].split(',')[0].toDouble(), 1000, 0.1) << "from the second second";
   EXPECT_EQ(read_bytes(files.folder.file("g.gra"))[0], char(0xE9));
+}
+
+TEST(draw_verb, clusters_of_a_saved_sort) {
+  const temporary_directory folder;
+  const std::string recording = folder.file("sorted.tsf"), work = folder.file("sorted.wrk");
+  run_process(KESTRELVANE_BATCH, {"make-test", recording, "--electrode", "tetrode", "--minutes",
+                                  "0.3", "--units", "3", "--quiet"});
+  ASSERT_EQ(
+      run_process(KESTRELVANE_BATCH, {"sort", recording, "--quiet", "--save-work", work}).status,
+      0);
+  const auto draw = [&](std::vector<std::string> more) {
+    std::vector<std::string> arguments = {"draw",    recording, "--work", work,
+                                          "--quiet", "--size",  "500x400"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return run_process(KESTRELVANE_BATCH, arguments);
+  };
+  for (const char* view : {"waveforms", "components", "templates", "heights", "spikes"}) {
+    for (const char* name : {"c.png", "c.svg", "c.pdf"}) {
+      const process_result result =
+          draw({"--view", view, "--clusters", "1,2", "--out", folder.file(name)});
+      EXPECT_EQ(result.status, 0) << view << " " << name << ": " << result.err;
+    }
+    const QImage light(QString::fromStdString(folder.file("c.png")));
+    ASSERT_EQ(light.size(), QSize(500, 400)) << view;
+    EXPECT_GT(dark_pixels(light), 100) << view;
+    ASSERT_EQ(
+        draw({"--view", view, "--clusters", "1,2", "--reverse", "--out", folder.file("d.png")})
+            .status,
+        0);
+    EXPECT_GT(dark_pixels(QImage(QString::fromStdString(folder.file("d.png")))), 500 * 400 / 2);
+  }
+  // A list belongs to the views of clusters, a bare word to the traces.
+  const std::string out = folder.file("e.png");
+  EXPECT_EQ(draw({"--view", "waveforms", "--out", out}).status, 2);
+  EXPECT_EQ(draw({"--view", "waveforms", "--clusters", "1,1", "--out", out}).status, 1);
+  EXPECT_EQ(draw({"--view", "heights", "--clusters", "400", "--out", out}).status, 1);
+  EXPECT_EQ(draw({"--clusters", "1,2", "--out", out}).status, 2);
+  EXPECT_EQ(draw({"--view", "heights", "--clusters", "1", "--density", "--out", out}).status, 2);
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(out)));
+  EXPECT_EQ(run_process(KESTRELVANE_BATCH,
+                        {"draw", "--clusters", recording, "--work", work, "--quiet", "--out", out})
+                .status,
+            0);
 }
 
 }  // namespace

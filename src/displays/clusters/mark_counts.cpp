@@ -9,18 +9,6 @@ namespace kestrelvane {
 
 namespace {
 
-// The part of a line that lies in one column of pixels: a run from one y to the other.
-void count_run(const mark_counts& counts, std::uint32_t* layer, std::int32_t x, float a, float b) {
-  if (x < 0 || x >= counts.width || !(a == a) || !(b == b)) return;
-  const float limit = static_cast<float>(counts.height);
-  const auto [low, high] = std::minmax(a, b);
-  if (high < 0 || low >= limit) return;
-  const auto from = static_cast<std::int32_t>(std::max(low, 0.0f));
-  const auto to = static_cast<std::int32_t>(std::min(high, limit - 1));
-  std::uint32_t* at = layer + static_cast<std::int64_t>(from) * counts.width + x;
-  for (std::int32_t y = from; y <= to; ++y, at += counts.width) ++*at;
-}
-
 // Opacity by count, 0..255: a table, since most pixels hold few.
 struct opacity_scale {
   double least, per_log;
@@ -65,25 +53,16 @@ std::uint32_t* counts_of_mark(mark_counts& counts, std::int16_t mark) {
   return made->counts.data();
 }
 
-void count_line(const mark_counts& counts, std::uint32_t* layer, const line_point* points,
-                std::int32_t n) {
-  for (std::int32_t i = 0; i + 1 < n; ++i) {
-    const line_point a = points[i], b = points[i + 1];
-    const auto first = static_cast<std::int32_t>(a.x), last = static_cast<std::int32_t>(b.x);
-    if (last <= first) {
-      count_run(counts, layer, first, a.y, b.y);
-      continue;
-    }
-    // Each column from where the line enters to where it leaves; the last column belongs to
-    // the next piece, so that it counts once.
-    const float slope = (b.y - a.y) / (b.x - a.x);
-    float enter = a.y;
-    for (std::int32_t x = first; x < last; ++x) {
-      const float leave = a.y + slope * (static_cast<float>(x + 1) - a.x);
-      count_run(counts, layer, x, enter, leave);
-      enter = leave;
-    }
-  }
+std::int64_t count_line(const mark_counts& counts, std::uint32_t* layer, const line_point* points,
+                        std::int32_t n) {
+  std::int64_t n_pixels = 0;
+  walk_line(counts.width, counts.height, points, n,
+            [&](std::int32_t x, std::int32_t from, std::int32_t to) {
+              std::uint32_t* at = layer + static_cast<std::int64_t>(from) * counts.width + x;
+              for (std::int32_t y = from; y <= to; ++y, at += counts.width) ++*at;
+              n_pixels += to - from + 1;
+            });
+  return n_pixels;
 }
 
 QImage image_of_counts(const mark_counts& counts, const cluster_theme& theme,
@@ -95,17 +74,17 @@ QImage image_of_counts(const mark_counts& counts, const cluster_theme& theme,
     colours.push_back(colour_of_mark(theme, layer.mark).rgb());
   }
   const auto n = static_cast<std::size_t>(counts.width) * static_cast<std::size_t>(counts.height);
-  std::vector<std::uint64_t> totals(counts.layers.empty() ? 0 : n);
+  std::vector<std::uint32_t> totals(counts.layers.empty() ? 0 : n);
   for (const mark_counts::layer& layer : counts.layers) {
     for (std::size_t i = 0; i < n; ++i) totals[i] += layer.counts[i];
   }
-  const std::uint64_t most = totals.empty() ? 0 : *std::max_element(totals.begin(), totals.end());
-  const opacity_scale scale(least_opacity, std::max<std::uint64_t>(most, 2));
+  const std::uint32_t most = totals.empty() ? 0 : *std::max_element(totals.begin(), totals.end());
+  const opacity_scale scale(least_opacity, std::max<std::uint32_t>(most, 2));
   std::vector<int> few(256);
   for (std::size_t c = 1; c < few.size(); ++c) few[c] = scale.of(c);
   auto* pixels = reinterpret_cast<QRgb*>(image.bits());
   for (std::size_t i = 0; i < totals.size(); ++i) {
-    const std::uint64_t total = totals[i];
+    const std::uint32_t total = totals[i];
     if (total == 0) continue;
     const int opacity = total < few.size() ? few[total] : scale.of(total);
     pixels[i] = mixed_pixel(counts, colours, i, total, opacity);

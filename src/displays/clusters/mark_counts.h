@@ -36,12 +36,45 @@ inline void count_pixel(const mark_counts& counts, std::uint32_t* layer, std::in
   ++layer[static_cast<std::int64_t>(y) * counts.width + x];
 }
 
-// A polyline: one more in each pixel that it passes, once per column of the line.
 struct line_point {
   float x, y;  // pixels
 };
-void count_line(const mark_counts& counts, std::uint32_t* layer, const line_point* points,
-                std::int32_t n);
+
+// Walks a polyline column by column: run(x, from, to) for the pixels from..to of column x, each
+// column of a piece once. Only what lies inside width x height is visited.
+template <typename Run>
+void walk_line(std::int32_t width, std::int32_t height, const line_point* points, std::int32_t n,
+               Run&& run) {
+  const auto visit = [&](std::int32_t x, float a, float b) {
+    const float low = a < b ? a : b, high = a < b ? b : a;
+    // Negated, so that what is no number is not visited.
+    if (x < 0 || x >= width || !(high >= 0) || !(low < static_cast<float>(height))) return;
+    const float last = static_cast<float>(height - 1);
+    run(x, static_cast<std::int32_t>(low > 0 ? low : 0),
+        static_cast<std::int32_t>(high < last ? high : last));
+  };
+  for (std::int32_t i = 0; i + 1 < n; ++i) {
+    const line_point a = points[i], b = points[i + 1];
+    const auto first = static_cast<std::int32_t>(a.x), last = static_cast<std::int32_t>(b.x);
+    if (last <= first) {
+      visit(first, a.y, b.y);
+      continue;
+    }
+    // The last column belongs to the next piece.
+    const float slope = (b.y - a.y) / (b.x - a.x);
+    float enter = a.y;
+    for (std::int32_t x = first; x < last; ++x) {
+      const float leave = a.y + slope * (static_cast<float>(x + 1) - a.x);
+      visit(x, enter, leave);
+      enter = leave;
+    }
+  }
+}
+
+// A polyline: one more in each pixel that it passes, once per column of a piece. Returns how many
+// pixels that were, which is what it costs.
+std::int64_t count_line(const mark_counts& counts, std::uint32_t* layer, const line_point* points,
+                        std::int32_t n);
 
 // The image: colours mixed by the counts of their marks, more opaque where there are more, in the
 // logarithm; least_opacity is that of a single one.

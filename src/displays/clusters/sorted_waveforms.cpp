@@ -14,8 +14,8 @@ namespace kestrelvane {
 
 namespace {
 
-// Waveforms that one call may read for the density; about a hundredth of a second.
-constexpr std::int64_t budget = 16'000;
+// Pixels that one call may count for the density: high waveforms take more time than low ones.
+constexpr std::int64_t pixel_budget = 3'000'000;
 
 bool label_is_on_show(const waveform_view& view, std::int16_t label) {
   return view.labels.empty() ||
@@ -125,7 +125,9 @@ void start_picture(const session_state& session, cluster_index& index, const wav
   }
 }
 
-void count_event(const session_state& session, std::size_t i, waveform_picture& picture) {
+// Returns how many pixels it took.
+std::int64_t count_event(const session_state& session, std::size_t i, waveform_picture& picture) {
+  std::int64_t n_pixels = 0;
   const waveform_layout& layout = picture.layout;
   const auto ratio = static_cast<float>(picture.view.pixel_ratio);
   std::uint32_t* layer = counts_of_mark(picture.density, picture.counted_marks[i]);
@@ -137,18 +139,19 @@ void count_event(const session_state& session, std::size_t i, waveform_picture& 
       line[p] = {(panel.x + layout.step * static_cast<float>(p)) * ratio,
                  (panel.y - layout.pixels_per_uv * values[p]) * ratio};
     }
-    count_line(picture.density, layer, line, layout.n_points);
+    n_pixels += count_line(picture.density, layer, line, layout.n_points);
   }
+  return n_pixels;
 }
 
 void count_on(const session_state& session, waveform_picture& picture) {
   const auto n_panels = static_cast<std::int64_t>(picture.layout.panels.size());
   const spread_order order(picture.n_to_count);
-  const std::int64_t end = std::min(
-      picture.n_to_count,
-      picture.n_counted + std::max<std::int64_t>(budget / std::max<std::int64_t>(n_panels, 1), 1));
-  for (; picture.n_counted < end; ++picture.n_counted) {
-    count_event(session, static_cast<std::size_t>(order.at(picture.n_counted)), picture);
+  std::int64_t waveforms = picture.view.waveforms_per_call, pixels = pixel_budget;
+  while (picture.n_counted < picture.n_to_count && waveforms > 0 && pixels > 0) {
+    const auto i = static_cast<std::size_t>(order.at(picture.n_counted++));
+    pixels -= count_event(session, i, picture);
+    waveforms -= n_panels;
   }
   picture.complete = picture.n_counted == picture.n_to_count;
 }
@@ -186,28 +189,82 @@ void paint_zero_lines(waveform_painting& p) {
   }
 }
 
-void paint_event(waveform_painting& p, std::size_t i, const QPen& pen) {
-  const waveform_layout& layout = p.picture.layout;
-  const auto n_points = static_cast<std::size_t>(layout.n_points);
-  const float* values = p.picture.values.data() + i * layout.panels.size() * n_points;
-  p.painter.setPen(pen);
-  for (const waveform_panel& panel : layout.panels) {
-    p.painter.drawPolyline(line_of(layout, panel, values));
+// Lines of one width on a raster, set pixel by pixel into an image that is laid over the
+// picture: ten times as fast as a painter's own.
+struct line_overlay {
+  QImage image;
+  double ratio = 1;
+  std::int32_t thickness = 1;  // pixels of the image
+};
+
+void set_line(line_overlay& overlay, const QPolygonF& line, QRgb colour) {
+  line_point points[template_point_limit];
+  auto* pixels = reinterpret_cast<QRgb*>(overlay.image.bits());
+  const std::int32_t width = overlay.image.width(), height = overlay.image.height();
+  // A thick line is the thin one beside itself.
+  for (std::int32_t pass = 0; pass < overlay.thickness; ++pass) {
+    const auto aside = static_cast<float>(pass);
+    for (qsizetype k = 0; k < line.size(); ++k) {
+      points[k] = {static_cast<float>(line[k].x() * overlay.ratio) + aside,
+                   static_cast<float>(line[k].y() * overlay.ratio)};
+    }
+    walk_line(width, height, points, static_cast<std::int32_t>(line.size()),
+              [&](std::int32_t x, std::int32_t from, std::int32_t to) {
+                const std::int32_t end = std::min(to + overlay.thickness, height);
+                for (std::int32_t y = from; y < end; ++y) {
+                  pixels[static_cast<std::int64_t>(y) * width + x] = colour;
+                }
+              });
+  }
+}
+
+// Draws an event through line(polygon), panel by panel.
+template <typename Line>
+void trace_event(const waveform_picture& picture, std::size_t i, Line&& line) {
+  const auto n_points = static_cast<std::size_t>(picture.layout.n_points);
+  const float* values = picture.values.data() + i * picture.layout.panels.size() * n_points;
+  for (const waveform_panel& panel : picture.layout.panels) {
+    line(line_of(picture.layout, panel, values));
     values += n_points;
   }
 }
 
+void paint_chosen_event(waveform_painting& p) {
+  for (std::size_t i = 0; i < p.picture.events.size(); ++i) {
+    if (p.picture.events[i] != p.view.selected_event) continue;
+    p.painter.setPen(QPen(p.theme.selected, p.view.line_thickness + 1));
+    trace_event(p.picture, i, [&](const QPolygonF& line) { p.painter.drawPolyline(line); });
+  }
+}
+
 void paint_events(waveform_painting& p) {
-  std::size_t chosen = p.picture.events.size();
+  const pixel_device device = device_of(p.painter);
+  line_overlay overlay;
+  if (device.raster) {
+    const QSizeF size = QSizeF(p.view.width, p.view.height) * device.ratio;
+    overlay.image = QImage(size.toSize(), QImage::Format_ARGB32_Premultiplied);
+    overlay.image.fill(Qt::transparent);
+    overlay.ratio = device.ratio;
+    overlay.thickness =
+        std::max(1, static_cast<std::int32_t>(std::lround(p.view.line_thickness * device.ratio)));
+  }
   for (std::size_t i = 0; i < p.picture.events.size(); ++i) {
     const QColor colour = colour_of_mark(p.theme, p.picture.marks[i]);
-    paint_event(p, i, QPen(colour, p.view.line_thickness));
-    if (p.picture.events[i] == p.view.selected_event) chosen = i;
+    p.painter.setPen(QPen(colour, p.view.line_thickness));
+    trace_event(p.picture, i, [&](const QPolygonF& line) {
+      if (device.raster) {
+        set_line(overlay, line, colour.rgb());
+      } else {
+        p.painter.drawPolyline(line);
+      }
+    });
+  }
+  if (device.raster) {
+    overlay.image.setDevicePixelRatio(device.ratio);
+    p.painter.drawImage(0, 0, overlay.image);
   }
   // On top of all others.
-  if (chosen < p.picture.events.size()) {
-    paint_event(p, chosen, QPen(p.theme.selected, p.view.line_thickness + 1));
-  }
+  paint_chosen_event(p);
 }
 
 void paint_density(waveform_painting& p) {

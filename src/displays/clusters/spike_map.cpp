@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "displays/clusters/event_reading.h"
 
@@ -49,28 +50,130 @@ struct event_clock {
   }
 };
 
+// Time indices in view, on one time axis; where records have stamps of their own, all.
+struct index_range {
+  std::int32_t first = 1, last = std::numeric_limits<std::int32_t>::max();
+};
+
+index_range indices_in_view(const event_clock& clock, const graph_view& v) {
+  if (!(clock.per_sample > 0)) return {};
+  const auto index = [&](double minutes) {
+    return static_cast<std::int32_t>(std::clamp(minutes / clock.per_sample, 1.0, 2147483000.0));
+  };
+  // A sample more on either side, for the rounding of minutes.
+  return {std::max(index(v.x_from) - 1, 1), index(v.x_to) + 1};
+}
+
+// Where clusters stand, and which of them are in the background: by cluster, 0 for none.
+struct background_rows {
+  std::vector<float> y;
+  std::vector<std::int16_t> marks;
+  std::vector<std::uint8_t> behind;
+};
+
+background_rows find_rows(const session_state& session, const spike_view& view,
+                          const std::vector<std::int32_t>& chosen) {
+  const auto n = static_cast<std::size_t>(session.clusters.n_clusters) + 1;
+  background_rows rows = {std::vector<float>(n), std::vector<std::int16_t>(n),
+                          std::vector<std::uint8_t>(n, 1)};
+  rows.behind[0] = view.show_unclustered ? 1 : 0;
+  for (std::size_t c = 1; c < n; ++c) {
+    rows.y[c] = session.templates.template_y[static_cast<std::int64_t>(c)];
+    rows.marks[c] = mark_of_cluster(static_cast<std::int32_t>(c));
+  }
+  for (const std::int32_t c : chosen) rows.behind[static_cast<std::size_t>(c)] = 0;
+  return rows;
+}
+
+// visit(event, cluster) for the events of the background in view.
+template <typename Visit>
+void for_each_behind(const session_state& session, const background_rows& rows, index_range range,
+                     Visit&& visit) {
+  const event_table& events = session.events;
+  const auto n = static_cast<std::int32_t>(rows.y.size());
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    const std::int32_t t = events.event_time[e];
+    if (t < range.first || t > range.last) continue;
+    std::int32_t c = events.event_cluster[e];
+    if (c < 0 || c >= n) c = 0;
+    if (rows.behind[static_cast<std::size_t>(c)] != 0) visit(e, c);
+  }
+}
+
+// Into pixels of the plane. A cluster's events share a row, so that most of the sum is one
+// addition at a place that is in the cache.
+void count_background(const session_state& session, const spike_view& view,
+                      const background_rows& rows, index_range range, spike_picture& picture) {
+  const QRectF& box = picture.plane.inside;
+  const graph_view& v = picture.plane.view;
+  const double ratio = view.pixel_ratio;
+  picture.behind = make_mark_counts(static_cast<std::int32_t>(std::ceil(box.width() * ratio)),
+                                    static_cast<std::int32_t>(std::ceil(box.height() * ratio)));
+  for (const std::int16_t mark : rows.marks) counts_of_mark(picture.behind, mark);
+  const auto row_of = [&](float y) {
+    const double down = (pixel_of(picture.plane, v.x_from, y).y() - box.top()) * ratio;
+    return down >= 0 && down < picture.behind.height ? static_cast<std::int32_t>(down) : -1;
+  };
+  std::vector<std::int32_t> row(rows.y.size());
+  std::vector<std::uint32_t*> layer(rows.y.size());
+  for (std::size_t c = 0; c < row.size(); ++c) {
+    row[c] = row_of(rows.y[c]);
+    layer[c] = counts_of_mark(picture.behind, rows.marks[c]);
+  }
+  std::vector<std::int32_t> row_of_channel(static_cast<std::size_t>(session.recording.n_channels) +
+                                           1);
+  for (std::int32_t k = 1; k <= session.recording.n_channels; ++k) {
+    row_of_channel[static_cast<std::size_t>(k)] = row_of(session.recording.chan_y[k]);
+  }
+  const event_clock clock(session);
+  const auto scale = static_cast<float>(picture.behind.width / (v.x_to - v.x_from));
+  const auto from = static_cast<float>(v.x_from);
+  for_each_behind(session, rows, range, [&](std::int32_t e, std::int32_t c) {
+    const float x = (clock.minutes(e) - from) * scale;
+    const std::int32_t y =
+        c > 0 ? row[static_cast<std::size_t>(c)]
+              : row_of_channel[static_cast<std::size_t>(session.events.event_channel[e])];
+    if (!(x >= 0)) return;
+    ++picture.n_in_view;
+    count_pixel(picture.behind, layer[static_cast<std::size_t>(c)], static_cast<std::int32_t>(x),
+                y);
+  });
+}
+
 // All events in view that are not of a chosen cluster, at the places of their clusters.
 void gather_background(const session_state& session, const spike_view& view,
-                       const std::vector<std::uint8_t>& chosen, spike_picture& picture) {
-  const event_table& events = session.events;
+                       const std::vector<std::int32_t>& chosen, spike_picture& picture) {
+  constexpr std::int64_t most_single = 100'000;
   const graph_view& v = picture.plane.view;
   const event_clock clock(session);
-  const std::int32_t n_clusters = session.clusters.n_clusters;
-  for (std::int32_t e = 1; e <= events.n_events; ++e) {
-    const float x = clock.minutes(e);
-    if (!(x >= v.x_from && x <= v.x_to)) continue;
-    const std::int32_t c = events.event_cluster[e];
-    const bool clustered = c >= 1 && c <= n_clusters;
-    if (clustered ? chosen[static_cast<std::size_t>(c)] != 0 : !view.show_unclustered) continue;
-    const float y = clustered
-                        ? session.templates.template_y[c]
-                        : static_cast<float>(session.recording.chan_y[events.event_channel[e]]);
-    if (!(y >= v.y_from && y <= v.y_to)) continue;
-    picture.events.push_back(e);
-    picture.marks.push_back(clustered ? mark_of_cluster(c) : std::int16_t{0});
-    picture.points.push_back({x, y});
+  const index_range range = indices_in_view(clock, v);
+  const background_rows rows = find_rows(session, view, chosen);
+  for (std::size_t c = 0; c < rows.y.size(); ++c) {
+    picture.centres.push_back(
+        {session.templates.template_x[static_cast<std::int64_t>(c)], rows.y[c]});
   }
+  // By time alone, which is a scan of one column in wide lanes.
+  std::int64_t n_in_time = 0;
+  const std::int32_t* times = session.events.event_time.base();
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    n_in_time += (times[e] >= range.first) & (times[e] <= range.last);
+  }
+  if (n_in_time > most_single) {
+    count_background(session, view, rows, range, picture);
+    return;
+  }
+  for_each_behind(session, rows, range, [&](std::int32_t e, std::int32_t c) {
+    const float x = clock.minutes(e);
+    const float y =
+        c > 0 ? rows.y[static_cast<std::size_t>(c)]
+              : static_cast<float>(session.recording.chan_y[session.events.event_channel[e]]);
+    if (!(x >= v.x_from && x <= v.x_to && y >= v.y_from && y <= v.y_to)) return;
+    picture.events.push_back(e);
+    picture.marks.push_back(rows.marks[static_cast<std::size_t>(c)]);
+    picture.points.push_back({x, y});
+  });
   picture.n_behind = picture.events.size();
+  picture.n_in_view = static_cast<std::int64_t>(picture.n_behind);
 }
 
 std::vector<std::int32_t> events_in_time(const session_state& session, const cluster_index& index,
@@ -108,7 +211,8 @@ void gather_chosen(const session_state& session, const cluster_index& index,
 
 // With few events in view all of them stand at their own places.
 void place_background(const session_state& session, spike_picture& picture) {
-  if (picture.n_behind + picture.heights.size() > most_own) return;
+  if (!picture.behind.layers.empty() || picture.n_behind + picture.heights.size() > most_own)
+    return;
   for (std::size_t i = 0; i < picture.n_behind; ++i) {
     const std::int32_t e = picture.events[i];
     const std::int32_t c = session.events.event_cluster[e];
@@ -151,10 +255,9 @@ void prepare_spikes(const session_state& session, cluster_index& index, const sp
   picture.plane =
       lay_out_plane(QRectF(0, 0, view.width, view.height), view_in_force(session, view), true);
   const std::vector<std::int32_t> clusters = clusters_on_show(session, view.clusters);
-  std::vector<std::uint8_t> chosen(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
-  for (const std::int32_t c : clusters) chosen[static_cast<std::size_t>(c)] = 1;
-  gather_background(session, view, chosen, picture);
+  gather_background(session, view, clusters, picture);
   gather_chosen(session, index, clusters, picture);
+  picture.n_in_view += static_cast<std::int64_t>(picture.heights.size()) * picture.stride;
   place_background(session, picture);
 }
 
@@ -164,7 +267,7 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
   labels.title = "Spikes along the probe";
   labels.x = "time (min)";
   labels.y = "y (µm)";
-  labels.note = QString("%1 events").arg(picture.events.size());
+  labels.note = QString("%1 events").arg(picture.n_in_view);
   if (picture.stride > 1) labels.note += QString(", 1 in %1 of those chosen").arg(picture.stride);
   // Faint where something is chosen, which is drawn over it.
   cluster_theme behind = theme;
@@ -174,6 +277,11 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
   }
   painter.save();
   paint_plane(painter, QRectF(0, 0, view.width, view.height), picture.plane, labels, theme);
+  if (!picture.behind.layers.empty()) {
+    QImage image = image_of_counts(picture.behind, behind, 0.5);
+    image.setDevicePixelRatio(view.pixel_ratio);
+    painter.drawImage(picture.plane.inside.topLeft(), image);
+  }
   paint_points(painter, picture.plane, std::span(picture.points).first(picture.n_behind),
                std::span(picture.marks).first(picture.n_behind), behind, 1.0);
   paint_chosen(painter, picture, view, theme);
@@ -192,7 +300,18 @@ std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel) {
 std::int32_t spike_cluster_at(const session_state& session, const spike_picture& picture,
                               QPointF pixel) {
   const std::int32_t event = spike_event_at(picture, pixel);
-  return event == 0 ? 0 : std::max(session.events.event_cluster[event], 0);
+  if (event != 0) return std::max(session.events.event_cluster[event], 0);
+  if (picture.behind.layers.empty() || !picture.plane.inside.contains(pixel)) return 0;
+  // A counted background: the cluster whose row is next to the pointer.
+  std::int32_t found = 0;
+  double best = 6;
+  for (std::size_t c = 1; c < picture.centres.size(); ++c) {
+    const double y = pixel_of(picture.plane, 0, picture.centres[c].y).y();
+    if (std::abs(y - pixel.y()) >= best) continue;
+    best = std::abs(y - pixel.y());
+    found = static_cast<std::int32_t>(c);
+  }
+  return found;
 }
 
 void scroll_spikes(const session_state& session, spike_view& view, double windows) {

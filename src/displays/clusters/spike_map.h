@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "displays/clusters/cluster_index.h"
+#include "displays/clusters/mark_counts.h"
 #include "displays/clusters/plane_axes.h"
 
 namespace kestrelvane {
@@ -24,10 +25,15 @@ struct spike_view {
   // Chosen events larger the higher they are, against the highest on show.
   bool size_by_height = true;
   std::int32_t width = 1000, height = 600;
+  double pixel_ratio = 1;  // of the device to one logical pixel
 };
 
 struct spike_picture {
   drawn_graph plane;
+  std::int64_t n_in_view = 0;  // events
+  // Hundreds of thousands in the background are counted into pixels, and are no single events.
+  mark_counts behind;
+  std::vector<plane_point> centres;  // of the clusters then, by number; y in µm
   // Background first, then those of the chosen clusters.
   std::vector<std::int32_t> events;
   std::vector<std::int16_t> marks;
@@ -42,8 +48,8 @@ void prepare_spikes(const session_state& session, cluster_index& index, const sp
 void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_view& view,
                   const cluster_theme& theme);
 
-// The event under the pointer, a chosen one before the background; 0 when there is none. Its
-// cluster is what a click chooses.
+// The event under the pointer, a chosen one before the background; 0 when there is none, and for
+// a background that is counted. The cluster is what a click chooses.
 std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel);
 std::int32_t spike_cluster_at(const session_state& session, const spike_picture& picture,
                               QPointF pixel);

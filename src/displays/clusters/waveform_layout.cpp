@@ -58,15 +58,19 @@ site_spread measure_sites(const recording_store& r, const std::vector<std::int32
 // higher than a limit in pixels: it may reach into the rows beside its own, which hold less of it.
 float fitting_scale(const session_state& session, const waveform_view& view, float limit,
                     const waveform_layout& layout) {
-  constexpr float edge = 8;  // pixels that stay free, so that single events have room
+  constexpr float edge = 6;  // pixels that stay free
   const template_table& t = session.templates;
   float scale = std::numeric_limits<float>::max();
   for (const std::int32_t c : clusters_on_show(session, view.clusters)) {
     for (const waveform_panel& panel : layout.panels) {
-      const float* mean = t.mean(c, panel.channel) + 1;
-      const auto [low, high] = std::minmax_element(mean, mean + layout.n_points);
-      const float up = std::max(*high, 0.0f) * session.recording.vscale_HP;
-      const float down = std::max(-*low, 0.0f) * session.recording.vscale_HP;
+      // With two s.d., so that single events have room.
+      const float* mean = t.mean(c, panel.channel);
+      const float* sd = t.sd(c, panel.channel);
+      float up = 0, down = 0;
+      for (std::int32_t p = 1; p <= layout.n_points; ++p) {
+        up = std::max(up, (mean[p] + 2 * sd[p]) * session.recording.vscale_HP);
+        down = std::max(down, (2 * sd[p] - mean[p]) * session.recording.vscale_HP);
+      }
       if (up + down > 0) scale = std::min(scale, limit / (up + down));
       if (up > 0) scale = std::min(scale, (panel.y - top_room + edge) / up);
       const float below = static_cast<float>(view.height) - edge - panel.y;

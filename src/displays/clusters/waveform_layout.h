@@ -36,6 +36,8 @@ struct waveform_view {
   std::int32_t selected_event = 0;
   std::int32_t width = 800, height = 600;  // logical pixels
   double pixel_ratio = 1;                  // of the device to one of them, for the density
+  // Waveforms that one call may read for the density; about a hundredth of a second.
+  std::int64_t waveforms_per_call = 12'000;
   bool operator==(const waveform_view&) const = default;
 };
 
