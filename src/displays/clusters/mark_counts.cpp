@@ -21,10 +21,40 @@ struct opacity_scale {
   }
 };
 
-QRgb mixed_pixel(const mark_counts& counts, const std::vector<QRgb>& colours, std::size_t pixel,
-                 std::uint64_t total, int opacity) {
+// The counts of all marks together, row by row, and which layers have any in a row: most rows
+// hold few of them, and looking at the others is what takes time.
+struct count_sums {
+  std::vector<std::uint32_t> totals;
+  std::vector<std::vector<std::uint8_t>> layers;  // by row
+  std::uint32_t most = 0;
+};
+
+count_sums sum_counts(const mark_counts& counts) {
+  const auto width = static_cast<std::size_t>(counts.width);
+  const auto height = static_cast<std::size_t>(counts.height);
+  count_sums sums = {std::vector<std::uint32_t>(width * height),
+                     std::vector<std::vector<std::uint8_t>>(height), 0};
+  for (std::size_t y = 0; y < height; ++y) {
+    std::uint32_t* total = sums.totals.data() + y * width;
+    for (std::size_t k = 0; k < counts.layers.size(); ++k) {
+      const std::uint32_t* count = counts.layers[k].counts.data() + y * width;
+      std::uint32_t any = 0;
+      for (std::size_t x = 0; x < width; ++x) any |= count[x];
+      if (any == 0) continue;
+      sums.layers[y].push_back(static_cast<std::uint8_t>(k));
+      for (std::size_t x = 0; x < width; ++x) total[x] += count[x];
+    }
+    if (!sums.layers[y].empty())
+      sums.most = std::max(sums.most, *std::max_element(total, total + width));
+  }
+  return sums;
+}
+
+QRgb mixed_pixel(const mark_counts& counts, const std::vector<std::uint8_t>& layers,
+                 const std::vector<QRgb>& colours, std::size_t pixel, std::uint64_t total,
+                 int opacity) {
   std::uint64_t red = 0, green = 0, blue = 0;
-  for (std::size_t k = 0; k < counts.layers.size(); ++k) {
+  for (const std::uint8_t k : layers) {
     const std::uint64_t n = counts.layers[k].counts[pixel];
     red += n * static_cast<std::uint64_t>(qRed(colours[k]));
     green += n * static_cast<std::uint64_t>(qGreen(colours[k]));
@@ -73,21 +103,20 @@ QImage image_of_counts(const mark_counts& counts, const cluster_theme& theme,
   for (const mark_counts::layer& layer : counts.layers) {
     colours.push_back(colour_of_mark(theme, layer.mark).rgb());
   }
-  const auto n = static_cast<std::size_t>(counts.width) * static_cast<std::size_t>(counts.height);
-  std::vector<std::uint32_t> totals(counts.layers.empty() ? 0 : n);
-  for (const mark_counts::layer& layer : counts.layers) {
-    for (std::size_t i = 0; i < n; ++i) totals[i] += layer.counts[i];
-  }
-  const std::uint32_t most = totals.empty() ? 0 : *std::max_element(totals.begin(), totals.end());
-  const opacity_scale scale(least_opacity, std::max<std::uint32_t>(most, 2));
+  const count_sums sums = sum_counts(counts);
+  const opacity_scale scale(least_opacity, std::max<std::uint32_t>(sums.most, 2));
   std::vector<int> few(256);
   for (std::size_t c = 1; c < few.size(); ++c) few[c] = scale.of(c);
-  auto* pixels = reinterpret_cast<QRgb*>(image.bits());
-  for (std::size_t i = 0; i < totals.size(); ++i) {
-    const std::uint32_t total = totals[i];
-    if (total == 0) continue;
-    const int opacity = total < few.size() ? few[total] : scale.of(total);
-    pixels[i] = mixed_pixel(counts, colours, i, total, opacity);
+  const auto width = static_cast<std::size_t>(counts.width);
+  for (std::size_t y = 0; y < sums.layers.size(); ++y) {
+    if (sums.layers[y].empty()) continue;
+    auto* pixels = reinterpret_cast<QRgb*>(image.scanLine(static_cast<int>(y)));
+    for (std::size_t x = 0; x < width; ++x) {
+      const std::uint32_t total = sums.totals[y * width + x];
+      if (total == 0) continue;
+      const int opacity = total < few.size() ? few[total] : scale.of(total);
+      pixels[x] = mixed_pixel(counts, sums.layers[y], colours, y * width + x, total, opacity);
+    }
   }
   return image;
 }

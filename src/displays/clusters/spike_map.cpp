@@ -11,7 +11,7 @@ namespace kestrelvane {
 namespace {
 
 // Chosen events that are read for their own places; each costs a waveform per channel.
-constexpr std::size_t most_own = 4000;
+constexpr std::size_t most_own = 2500;
 
 double duration_of(const session_state& session) {
   const recording_store& r = session.recording;
