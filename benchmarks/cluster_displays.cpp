@@ -108,6 +108,7 @@ struct open_windows {
   cluster_theme theme;
   waveform_picture events, density, pair;
   component_values values;
+  spike_picture spikes, second;
 };
 
 void draw_waveforms(open_windows& w, waveform_picture& picture, waveform_mode mode,
@@ -150,7 +151,7 @@ void draw_spikes(open_windows& w, QPainter& painter, std::int32_t cluster, doubl
   spike_view view;
   view.clusters = {cluster};
   view.to_minutes = minutes;
-  spike_picture picture;
+  spike_picture& picture = minutes > 0 ? w.second : w.spikes;
   prepare_spikes(w.session, w.index, view, picture);
   paint_spikes(painter, picture, view, w.theme);
 }
@@ -212,7 +213,8 @@ void run_all(double gigabytes, const std::string& folder) {
   use_threads(*session, 1);
   fmt::print("{} events, {} clusters, {} channels, {:.0f} s\n", n_events, n_clusters, n_channels,
              n_samples / double(rate));
-  open_windows w{*session, {}, make_cluster_theme(session->preferences, false), {}, {}, {}, {}};
+  open_windows w{*session, {}, make_cluster_theme(session->preferences, false), {}, {}, {}, {},
+                 {},       {}};
   const double before = processor_seconds();
   update_cluster_index(*session, w.index);
   fmt::print("{:<38} {:.1f} ms\n", "index of all events", 1e3 * (processor_seconds() - before));

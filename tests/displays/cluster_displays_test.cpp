@@ -390,6 +390,44 @@ TEST(spike_map, chosen_clusters_are_found_and_the_view_stays_in_the_recording) {
   }
 }
 
+// Very many events are counted: each in the row of its cluster, however the choice changes.
+TEST(spike_map, a_crowd_is_counted_and_its_rows_are_clusters) {
+  small_session s;
+  make_recording(*s, 4, 300000);
+  constexpr std::int32_t n = 240'000;
+  s->events.n_events = n;
+  for (std::int32_t e = 1; e <= n; ++e) {
+    s->events.event_time[e] = e + 100;
+    s->events.event_channel[e] = 1 + e % 4;
+    s->events.event_cluster[e] = e % 4;
+  }
+  s->clusters.n_clusters = 3;
+  for (std::int32_t c = 1; c <= 3; ++c) s->templates.template_y[c] = 35.0f * static_cast<float>(c);
+  cluster_index index;
+  spike_view view;
+  spike_picture picture;
+  const auto sum_of = [&](std::size_t layer) {
+    const auto& counts = picture.behind.layers[layer].counts;
+    return std::accumulate(counts.begin(), counts.end(), 0u);
+  };
+  for (const std::int32_t chosen : {0, 2, 3}) {
+    view.clusters = {chosen};
+    prepare_spikes(*s, index, view, picture);
+    EXPECT_EQ(picture.n_in_view, n);
+    ASSERT_EQ(picture.behind.layers.size(), 4u);
+    for (std::size_t layer = 0; layer < 4; ++layer) EXPECT_EQ(sum_of(layer), n / 4u);
+    for (std::int32_t c = 1; c <= 3; ++c) {
+      const QPointF at = pixel_of(picture.plane, 0.1, 35.0 * c);
+      EXPECT_EQ(spike_cluster_at(*s, picture, at + QPointF(0, 2)), c);
+    }
+  }
+  // An edit is seen: the counts belong to their index.
+  s->events.event_cluster[4] = 1;
+  forget_cluster_index(index);
+  prepare_spikes(*s, index, view, picture);
+  EXPECT_EQ(sum_of(1), n / 4 + 1u);
+}
+
 TEST(correlogram_panel, bars_stand_where_they_are_found) {
   correlogram_panel panel;
   panel.title = "AC: Unit 3";

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "displays/clusters/event_reading.h"
+#include "numerics/simd.h"
 
 namespace kestrelvane {
 
@@ -85,18 +87,32 @@ background_rows find_rows(const session_state& session, const spike_view& view,
   return rows;
 }
 
-// visit(event, cluster) for the events of the background in view.
+// How many of the times of a stretch of events lie in the range: a scan in wide lanes.
+KESTRELVANE_CLONES std::int32_t count_in_range(const std::int32_t* times, std::int32_t n,
+                                               std::int32_t first, std::int32_t last) {
+  std::int32_t count = 0;
+  for (std::int32_t i = 0; i < n; ++i) count += (times[i] >= first) & (times[i] <= last);
+  return count;
+}
+
+// visit(event, cluster) for the events of the background in view. Events stand about in order of
+// time, so that most stretches of a long recording are passed over at once.
 template <typename Visit>
 void for_each_behind(const session_state& session, const background_rows& rows, index_range range,
                      Visit&& visit) {
+  constexpr std::int32_t stretch = 4096;
   const event_table& events = session.events;
+  const std::int32_t* times = events.event_time.base();
   const auto n = static_cast<std::int32_t>(rows.y.size());
-  for (std::int32_t e = 1; e <= events.n_events; ++e) {
-    const std::int32_t t = events.event_time[e];
-    if (t < range.first || t > range.last) continue;
-    std::int32_t c = events.event_cluster[e];
-    if (c < 0 || c >= n) c = 0;
-    if (rows.behind[static_cast<std::size_t>(c)] != 0) visit(e, c);
+  for (std::int32_t from = 1; from <= events.n_events; from += stretch) {
+    const std::int32_t length = std::min(stretch, events.n_events - from + 1);
+    if (count_in_range(times + from, length, range.first, range.last) == 0) continue;
+    for (std::int32_t e = from; e < from + length; ++e) {
+      if (times[e] < range.first || times[e] > range.last) continue;
+      std::int32_t c = events.event_cluster[e];
+      if (c < 0 || c >= n) c = 0;
+      if (rows.behind[static_cast<std::size_t>(c)] != 0) visit(e, c);
+    }
   }
 }
 
@@ -134,7 +150,7 @@ void count_background(const session_state& session, const spike_view& view,
         c > 0 ? row[static_cast<std::size_t>(c)]
               : row_of_channel[static_cast<std::size_t>(session.events.event_channel[e])];
     if (!(x >= 0)) return;
-    ++picture.n_in_view;
+    ++picture.n_counted;
     count_pixel(picture.behind, layer[static_cast<std::size_t>(c)], static_cast<std::int32_t>(x),
                 y);
   });
@@ -152,14 +168,11 @@ void gather_background(const session_state& session, const spike_view& view,
     picture.centres.push_back(
         {session.templates.template_x[static_cast<std::int64_t>(c)], rows.y[c]});
   }
-  // By time alone, which is a scan of one column in wide lanes.
-  std::int64_t n_in_time = 0;
-  const std::int32_t* times = session.events.event_time.base();
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    n_in_time += (times[e] >= range.first) & (times[e] <= range.last);
-  }
+  const std::int32_t n_in_time = count_in_range(session.events.event_time.base() + 1,
+                                                session.events.n_events, range.first, range.last);
   if (n_in_time > most_single) {
-    count_background(session, view, rows, range, picture);
+    // Chosen clusters stay in it, so that the next choice finds it ready.
+    count_background(session, view, find_rows(session, view, {}), range, picture);
     return;
   }
   for_each_behind(session, rows, range, [&](std::int32_t e, std::int32_t c) {
@@ -173,7 +186,6 @@ void gather_background(const session_state& session, const spike_view& view,
     picture.points.push_back({x, y});
   });
   picture.n_behind = picture.events.size();
-  picture.n_in_view = static_cast<std::int64_t>(picture.n_behind);
 }
 
 std::vector<std::int32_t> events_in_time(const session_state& session, const cluster_index& index,
@@ -251,14 +263,29 @@ void paint_chosen(QPainter& painter, const spike_picture& picture, const spike_v
 void prepare_spikes(const session_state& session, cluster_index& index, const spike_view& view,
                     spike_picture& picture) {
   update_cluster_index(session, index);
-  picture = {};
+  spike_picture before;
+  std::swap(before, picture);
   picture.plane =
       lay_out_plane(QRectF(0, 0, view.width, view.height), view_in_force(session, view), true);
+  const spike_picture::counted_view wanted = {index.stamp,      picture.plane.view,
+                                              view.width,       view.height,
+                                              view.pixel_ratio, view.show_unclustered};
   const std::vector<std::int32_t> clusters = clusters_on_show(session, view.clusters);
-  gather_background(session, view, clusters, picture);
+  if (!before.behind.layers.empty() && before.counted == wanted) {
+    std::swap(picture.behind, before.behind);
+    std::swap(picture.centres, before.centres);
+    picture.n_counted = before.n_counted;
+  } else {
+    gather_background(session, view, clusters, picture);
+  }
+  picture.counted = wanted;
   gather_chosen(session, index, clusters, picture);
-  picture.n_in_view += static_cast<std::int64_t>(picture.heights.size()) * picture.stride;
   place_background(session, picture);
+  picture.n_in_view = picture.n_counted;
+  if (picture.behind.layers.empty()) {
+    picture.n_in_view = static_cast<std::int64_t>(picture.n_behind) +
+                        static_cast<std::int64_t>(picture.heights.size()) * picture.stride;
+  }
 }
 
 void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_view& view,

@@ -31,8 +31,18 @@ struct spike_view {
 struct spike_picture {
   drawn_graph plane;
   std::int64_t n_in_view = 0;  // events
-  // Hundreds of thousands in the background are counted into pixels, and are no single events.
+  // More than 100,000 events in view are counted into pixels, those of chosen clusters with them,
+  // and are no single events. The counts are kept while only the choice changes.
   mark_counts behind;
+  std::int64_t n_counted = 0;
+  struct counted_view {
+    std::uint64_t index_stamp = 0;
+    graph_view shown;
+    std::int32_t width = 0, height = 0;
+    double pixel_ratio = 0;
+    bool unclustered = false;
+    bool operator==(const counted_view&) const = default;
+  } counted;
   std::vector<plane_point> centres;  // of the clusters then, by number; y in µm
   // Background first, then those of the chosen clusters.
   std::vector<std::int32_t> events;
@@ -43,6 +53,8 @@ struct spike_picture {
   std::int32_t stride = 1;          // every stride-th of the chosen events is shown
 };
 
+// Call it with the same picture after every change of the view. A picture is forgotten (made anew
+// by assignment) when templates or samples change.
 void prepare_spikes(const session_state& session, cluster_index& index, const spike_view& view,
                     spike_picture& picture);
 void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_view& view,
