@@ -269,7 +269,7 @@ void paint_events(waveform_painting& p) {
 
 void paint_density(waveform_painting& p) {
   if (p.picture.density.layers.empty()) return;
-  QImage image = image_of_counts(p.picture.density, p.theme, 0.12);
+  QImage image = image_of_counts(p.picture.density, p.theme, 0.3);
   image.setDevicePixelRatio(p.picture.view.pixel_ratio);
   p.painter.drawImage(0, 0, image);
 }
@@ -352,6 +352,11 @@ void paint_cluster_numbers(waveform_painting& p) {
   const QFontMetricsF metrics = p.painter.fontMetrics();
   for (const waveform_set& set : p.picture.sets) {
     const QString text = title_of_set(p, set);
+    // A waveform may run under it.
+    QColor ground = p.theme.background;
+    ground.setAlpha(200);
+    p.painter.fillRect(QRectF(x - 3, 4, metrics.horizontalAdvance(text) + 6, metrics.height() + 2),
+                       ground);
     p.painter.setPen(colour_of_mark(p.theme, set.mark));
     p.painter.drawText(QPointF(x, 5 + metrics.ascent()), text);
     x += metrics.horizontalAdvance(text) + 24;
