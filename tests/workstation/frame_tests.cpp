@@ -238,8 +238,7 @@ TEST(Frame, WithoutARecordingOperationsSayWhatIsMissing) {
   for (const char* entry :
        {"open_work_file", "save_work_file", "voltage_record", "transform_filter", "event_detection",
         "autosort", "export_spikes", "guided_merge", "correlograms", "post_processing",
-        "sorted_waveforms", "spike_view", "view_clusters",
-        "compare_pairs"}) {
+        "sorted_waveforms", "spike_view", "view_clusters", "compare_pairs"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();

@@ -399,16 +399,16 @@ void tile_cluster_windows(workstation& w, const QDialog* dialog) {
 void show_cluster_windows(workstation& w) {
   displays_of(w);
   const std::int32_t current = w.session.clusters.current_cluster;
-  open_graph(w, graph_kind::principal_components);
-  open_graph(w, graph_kind::cluster_waveforms, {}, QString("Cluster %1 waveforms").arg(current));
+  show_graph(w, graph_kind::principal_components);
+  show_graph(w, graph_kind::cluster_waveforms, QString("Cluster %1 waveforms").arg(current));
 }
 
 void show_pair_windows(workstation& w, std::int32_t a, std::int32_t b) {
   cluster_displays& d = displays_of(w);
   d.a = a;
   d.b = b;
-  open_graph(w, graph_kind::principal_components);
-  open_graph(w, graph_kind::waveform_comparison);
+  show_graph(w, graph_kind::principal_components);
+  show_graph(w, graph_kind::waveform_comparison);
 }
 
 void follow_cluster_change(workstation& w, const cluster_change& change) {

@@ -93,7 +93,7 @@ void show_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
   correlogram_state& state = state_of(w);
   state.a = a;
   state.b = b;
-  open_graph(w, graph_kind::correlograms);
+  show_graph(w, graph_kind::correlograms);
 }
 
 }  // namespace kestrelvane

@@ -356,6 +356,14 @@ graph_window* open_graph(workstation& w, graph_kind kind, QSize size, const QStr
   return window;
 }
 
+graph_window* show_graph(workstation& w, graph_kind kind, const QString& title) {
+  graph_window* window = graph_of(w, kind);
+  if (window == nullptr) return open_graph(w, kind, {}, title);
+  if (!title.isEmpty()) window->setWindowTitle(title);
+  window->surface()->redraw();
+  return window;
+}
+
 void close_graphs(workstation& w) {
   for_each_row([&w](const window_row& row) {
     if (QDialog* dialog = row.companion ? row.companion(w) : nullptr) dialog->close();

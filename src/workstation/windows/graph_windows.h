@@ -123,6 +123,8 @@ graph_window* graph_of(const workstation& w, graph_kind kind);
 // title is the row's unless given.
 graph_window* open_graph(workstation& w, graph_kind kind, QSize size = {},
                          const QString& title = {});
+// The same, but one that is open already stays as the user has placed and sized it.
+graph_window* show_graph(workstation& w, graph_kind kind, const QString& title = {});
 void close_graphs(workstation& w);
 
 // Redraws all after the session has changed: what was kept of it between two pictures is
