@@ -32,7 +32,6 @@ LATER(hp_spectrum, "The high-pass spectrum");
 LATER(channel_check, "The channel check");
 LATER(feature_export, "The export of feature matrices");
 LATER(test_decisions, "The test of decisions");
-LATER(manage_clusters, "The management of clusters");
 LATER(isi_height, "The ISI height plot");
 LATER(acf_time, "The plot of autocorrelation against time");
 LATER(event_noise, "The export of event noise");
@@ -115,7 +114,7 @@ constexpr menu_row rows[] = {
   {"&Review", "&Test decisions", "test_decisions", "",
    "Sort again and compare the decisions of Autosort", full, none, test_decisions},
   {"&Review", "&Manage clusters", "manage_clusters", "",
-   "Figures, deletion and order of clusters", full, none, manage_clusters},
+   "Figures, deletion and order of clusters", full, none, manage_clusters_command},
   {"&Review", "&ISI Height plot", "isi_height", "",
    "Height of spikes against the interval before them", full, none, isi_height},
   {"&Review", "&Autocorrelation vs time plot", "acf_time", "",

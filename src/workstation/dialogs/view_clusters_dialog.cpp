@@ -273,11 +273,12 @@ QGroupBox* mark_box(const shared_view& v) {
 }
 
 // Slider and number show the same sigma, and the number rules: it may stand between two stages.
-QLayout* sigma_row(const shared_view& v) {
+void add_sigma_rows(const shared_view& v, QVBoxLayout* rows) {
   session_state& session = v->w.session;
   auto* slider = new QSlider(Qt::Horizontal);
   slider->setObjectName("view_split_sigma_slider");
   slider->setRange(1, gac_stage_limit);
+  slider->setMinimumWidth(120);
   slider->setToolTip("Stage of gradient ascent clustering; each step is a factor of 1.1");
   number_field* field =
       number_control(v->form, "view_split_sigma",
@@ -295,8 +296,9 @@ QLayout* sigma_row(const shared_view& v) {
                              split_at_sigma));
   row->addWidget(new QLabel("with sigma ="));
   row->addWidget(slider, 1);
-  row->addWidget(field->row());
-  return row;
+  row->addWidget(field->row(false));
+  rows->addLayout(row);
+  rows->addWidget(words_line({field}));
 }
 
 QGroupBox* split_box(const shared_view& v) {
@@ -304,7 +306,7 @@ QGroupBox* split_box(const shared_view& v) {
   rows->addLayout(row_of({tool_button(
       v, "autosplit", "Autosplit",
       "Look for sub-clusters and label them; events stay in the cluster", autosplit)}));
-  rows->addLayout(sigma_row(v));
+  add_sigma_rows(v, rows);
   return titled_box("Look for sub-clusters", rows);
 }
 
@@ -421,7 +423,7 @@ QCheckBox* correlogram_box(const shared_view& v) {
 
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
-  v->list->setMinimumWidth(330);
+  v->list->setMinimumWidth(280);
   QObject::connect(v->list, &unit_list::chosen, v->dialog, [v](int c) { go_to_cluster(v, c); });
   v->message = value_label("message", "What the last tool has come to");
   v->message->clear();
