@@ -7,6 +7,7 @@
 #include <QSlider>
 #include <QTableView>
 #include <QTest>
+#include <random>
 
 #include "clustering/membership.h"
 #include "review/cluster_marks.h"
@@ -222,6 +223,50 @@ TEST(ViewClusters, KeysAndTheListGoFromClusterToCluster) {
   dialog->close();
   w.settle();
   EXPECT_EQ(w.shell.frame->findChild<QDialog*>("view_clusters_dialog"), nullptr);
+}
+
+// Whatever is pressed, the fields are in step and the session in order; an edit is taken back to
+// the events as they were, with their labels and places.
+TEST(ViewClusters, RandomEditsAreInStepAndTakenBack) {
+  const temporary_directory home;
+  viewed_workstation w(home.path);
+  session_state& s = *w.session;
+  QDialog* dialog = w.begin();
+  const auto events_now = [&] {
+    std::vector<float> all = w.places();
+    for (std::int32_t e = 1; e <= s.events.n_events; ++e) {
+      all.push_back(static_cast<float>(s.events.event_cluster[e]));
+      all.push_back(s.events.event_subcluster[e]);
+    }
+    return all;
+  };
+  const QStringList marks = {"mark", "invert", "fixed_split", "autosplit"};
+  const QStringList edits = {"split_0",  "split_1", "split_2", "delete_0",
+                             "delete_1", "realign", "reclaim", "delete_cluster"};
+  std::mt19937 random(11);
+  const auto one_of = [&](const QStringList& list) {
+    return list[static_cast<qsizetype>(random() % list.size())].toStdString();
+  };
+  int n_edits = 0;
+  for (int step = 0; step < 60 && s.clusters.n_clusters > 0; ++step) {
+    w.set_number(dialog, "current_cluster", 1 + static_cast<int>(random() % s.clusters.n_clusters));
+    w.set_number(dialog, "clean_threshold", static_cast<double>(random() % 80) / 10);
+    auto* method = w.control<QComboBox>(dialog, "clean_method");
+    method->setCurrentIndex(static_cast<int>(random() % method->count()));
+    w.do_press(dialog, one_of(marks).c_str());
+    const std::string edit = one_of(edits);
+    if (!w.control<QPushButton>(dialog, edit.c_str())->isEnabled()) continue;
+    const std::vector<float> before = events_now();
+    w.do_press(dialog, edit.c_str(), true);
+    w.expect_in_step(dialog);
+    if (events_now() == before || random() % 3 == 0) continue;
+    w.do_press(dialog, "undo");
+    EXPECT_EQ(events_now(), before) << edit << " in step " << step;
+    w.expect_in_step(dialog);
+    ++n_edits;
+  }
+  EXPECT_GT(n_edits, 10);
+  w.do_press(dialog, "done");
 }
 
 }  // namespace

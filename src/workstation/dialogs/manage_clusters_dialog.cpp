@@ -101,16 +101,15 @@ struct rule_row {
   deletion_rule rule;
   const char* limit;  // the setting of its limit; null: none
   number_options options;
-  const char* unit;
 };
 const rule_row rule_rows[] = {
     {"rule_by_size", "with <", rule_by_size, "delete_size_limit",
-     {.step = 10, .tip = "Events of the cluster"}, "members"},
+     {.step = 10, .unit = "members", .tip = "Events of the cluster"}},
     {"rule_by_snr", "with SNR <", rule_by_snr, "delete_snr_limit",
-     {.step = 0.1, .decimals = 1, .tip = "Peak-to-peak amplitude over the noise"}, ""},
+     {.step = 0.1, .decimals = 1, .tip = "Peak-to-peak amplitude over the noise"}},
     {"rule_by_height", "with P-P amplitude <", rule_by_height, "manage_option_1",
-     {.step = 10, .tip = "Of the template on its centre channel"}, "µV"},
-    {"rule_ambiguous", "that are ambiguous", rule_ambiguous, nullptr, {}, ""},
+     {.step = 10, .unit = "µV", .tip = "Of the template on its centre channel"}},
+    {"rule_ambiguous", "that are ambiguous", rule_ambiguous, nullptr, {}},
 };
 // clang-format on
 
@@ -286,14 +285,14 @@ QRadioButton* rule_button(const shared_manage& m, const rule_row& row) {
 
 QGroupBox* rules_box(const shared_manage& m) {
   auto* grid = new QGridLayout;
-  grid->setColumnStretch(3, 1);
+  grid->setColumnStretch(1, 1);
   int line = 0;
   for (const rule_row& row : rule_rows) {
     grid->addWidget(rule_button(m, row), line, 0);
     if (row.limit != nullptr) {
       grid->addWidget(number_control(m->form, row.limit, row.options)->row(), line, 1);
     }
-    grid->addWidget(new QLabel(row.unit), line++, 2);
+    ++line;
   }
   auto* rows = new QVBoxLayout;
   rows->addLayout(grid);

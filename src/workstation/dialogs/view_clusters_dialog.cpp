@@ -434,9 +434,11 @@ void fill_dialog(const shared_view& v) {
     left->addWidget(box);
     v->dialog->disabled_while_running << inputs_of(box);
   }
-  left->addWidget(correlogram_box(v));
+  auto* below = new QHBoxLayout;
+  below->addWidget(v->message, 1);
+  below->addWidget(correlogram_box(v));
   left->addStretch();
-  left->addWidget(v->message);
+  left->addLayout(below);
   left->addWidget(v->bar);
   auto* both = new QHBoxLayout;
   both->addLayout(left, 1);
@@ -446,6 +448,11 @@ void fill_dialog(const shared_view& v) {
   layout->addWidget(button_row(v));
   v->form.load();
   follow(v->w, v->dialog, every_meter(v->bar));
+  // Its cross is "Done"; only a number that was refused is then forgotten.
+  v->dialog->on_leaving = [v] {
+    v->form.store();
+    v->dialog->accept();
+  };
 }
 
 void open_view(workstation& w, std::vector<unit_row> units) {
