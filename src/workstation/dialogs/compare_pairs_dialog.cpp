@@ -206,6 +206,8 @@ void show_step(const shared_compare& c) {
   }
   c->list->show_rows(c->units);
   show_pair(*c);
+  // Keys are commands again, wherever the focus went while controls were off.
+  c->list->setFocus();
   if (c->step == comparison_step::ask) ask_how_to_split(c);
 }
 
@@ -303,6 +305,8 @@ QGroupBox* pair_box(const shared_compare& c) {
       add_value(rows, "overlap", "cluster overlap =", "-", "0: apart, 1: one cloud of points");
   c->correlation = add_value(rows, "template_correlation", "template correlation =", "-");
   c->separation = add_value(rows, "separation", "separation =", "-", "Of the two centres");
+  // The widest figure has room from the beginning: the dialog stands at an edge and must not grow.
+  c->separation->setMinimumWidth(c->separation->fontMetrics().horizontalAdvance("10000.0 µm"));
   QObject::connect(c->user_distinct, &QCheckBox::clicked, c->dialog, [c](bool on) {
     run_step(c, "...", [on](session_state& session, pair_comparison& comparison) {
       compare_set_distinct(session, comparison, on);
@@ -448,13 +452,13 @@ QLayout* left_column(const shared_compare& c) {
 void fill_dialog(const shared_compare& c) {
   c->panel = new QWidget;
   c->list = new unit_list(c->w);
-  c->list->setMinimumWidth(330);
+  c->list->setMinimumWidth(270);
   c->message = value_label("message");
   c->message->clear();
   c->bar = make_bar("progress", 100);
   auto* both = new QHBoxLayout(c->panel);
   both->setContentsMargins(0, 0, 0, 0);
-  both->addLayout(left_column(c), 1);
+  both->addLayout(left_column(c));
   both->addWidget(c->list, 1);
   auto* layout = new QVBoxLayout(c->dialog);
   layout->addWidget(c->panel, 1);

@@ -312,6 +312,7 @@ unit_list::unit_list(workstation& of)
   filter_->setPlaceholderText("Filter");
   filter_->setClearButtonEnabled(true);
   filter_->setToolTip("Only clusters with this text in one of their columns");
+  setFocusProxy(table_);
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->addWidget(filter_);
@@ -369,7 +370,8 @@ void place_at_right(workstation& w, QDialog* dialog) {
   QObject::connect(dialog, &QDialog::finished, dialog,
                    [dialog, entry] { QSettings().setValue(entry, dialog->saveGeometry()); });
   if (dialog->restoreGeometry(QSettings().value(entry).toByteArray())) return;
-  dialog->adjustSize();
+  // What the screen has room for, as it will be shown.
+  dialog->resize(dialog->sizeHint().boundedTo(screen_room(dialog)));
   const QRect frame = w.frame->geometry();
   dialog->move(frame.right() - dialog->width(), frame.top() + 60);
 }
