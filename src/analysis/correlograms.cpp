@@ -22,6 +22,16 @@ tick_clock clock_of_trains(const session_state& session) {
   return {static_cast<float>(std::max(1, r.sampling_frequency)), false};
 }
 
+namespace {
+
+std::int64_t event_ticks(const session_state& session, std::int32_t event, bool from_stamps) {
+  const std::int32_t t = session.events.event_time[event];
+  if (!from_stamps) return t;
+  return event_record_time_us(session, t, session.events.event_channel[event]);
+}
+
+}  // namespace
+
 spike_train get_spike_train(const session_state& session, std::int32_t unit) {
   spike_train train;
   train.unit = unit;
@@ -29,11 +39,8 @@ spike_train get_spike_train(const session_state& session, std::int32_t unit) {
   train.events = list_cluster_events(session, unit);
   train.times.reserve(train.events.size());
   const bool from_stamps = clock_of_trains(session).from_stamps;
-  const event_table& events = session.events;
   for (const std::int32_t e : train.events) {
-    const std::int32_t t = events.event_time[e];
-    train.times.push_back(from_stamps ? event_record_time_us(session, t, events.event_channel[e])
-                                      : std::int64_t{t});
+    train.times.push_back(event_ticks(session, e, from_stamps));
   }
   if (from_stamps && !std::is_sorted(train.times.begin(), train.times.end())) {
     log_message(session, "Events out of order");
@@ -354,6 +361,24 @@ interval_histogram count_intervals(const session_state& session, const spike_tra
     if (bin < static_cast<float>(n_bins)) ++histogram.counts[static_cast<std::size_t>(bin)];
   }
   return histogram;
+}
+
+std::vector<double> refractory_violations(const session_state& session) {
+  const tick_clock clock = clock_of_trains(session);
+  // All trains at once: a pass for each cluster would be one too many with a thousand of them.
+  std::vector<spike_train> trains(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    const std::int32_t cluster = session.events.event_cluster[e];
+    if (cluster < 1) continue;
+    trains[static_cast<std::size_t>(cluster)].times.push_back(
+        event_ticks(session, e, clock.from_stamps));
+  }
+  std::vector<double> percent(trains.size());
+  for (std::size_t c = 1; c < trains.size(); ++c) {
+    const interval_histogram all = count_intervals(session, trains[c], 1, 0);
+    if (all.n_intervals > 0) percent[c] = 100.0 * all.below_2_ms / all.n_intervals;
+  }
+  return percent;
 }
 
 graph_data make_interval_graph(const interval_histogram& histogram) {

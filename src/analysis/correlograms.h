@@ -118,4 +118,9 @@ interval_histogram count_intervals(const session_state& session, const spike_tra
                                    float bin_ms, std::int32_t n_bins);
 graph_data make_interval_graph(const interval_histogram& histogram);
 
+// Violations of the refractory period of every cluster, element 0 being spare: intervals below
+// 2 ms, in percent of all its intervals; 0 with fewer than two spikes. One pass over the events
+// and a sort for each cluster: work for the worker.
+std::vector<double> refractory_violations(const session_state& session);
+
 }  // namespace kestrelvane

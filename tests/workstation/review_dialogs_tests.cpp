@@ -1,5 +1,6 @@
 // Dialogs that look a recording or a sort over: acquisition properties, the sorting
 // summary, realignment.
+#include <QCheckBox>
 #include <QComboBox>
 #include <QHeaderView>
 #include <QLabel>
@@ -7,6 +8,7 @@
 #include <QTableView>
 #include <filesystem>
 
+#include "analysis/correlograms.h"
 #include "clustering/membership.h"
 #include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
@@ -127,8 +129,27 @@ TEST(SortingSummary, SortsByItsHeadingsAndLeavesTheCurrentCluster) {
   press(3);
   for (int row = 1; row < n; ++row) EXPECT_GE(cell(row - 1, 3).toInt(), cell(row, 3).toInt());
   EXPECT_EQ(w.session->clusters.current_cluster, 2);
-  emit table->doubleClicked(table->model()->index(0, 0));
+  // The windows beside it follow the line that is pressed.
+  EXPECT_FALSE(dialog->isModal());
+  w.choose_entry("voltage_record");
+  table->selectRow(0);
   EXPECT_EQ(w.session->clusters.current_cluster, cell(0, 0).toInt());
+  EXPECT_TRUE(table->model()->index(0, 0).data(Qt::FontRole).value<QFont>().bold());
+  EXPECT_TRUE(table->isColumnHidden(7)) << "off at first";
+  w.control<QCheckBox>(dialog, "more_columns")->click();
+  w.settle();
+  EXPECT_FALSE(table->isColumnHidden(9));
+  press(9);
+  for (int row = 0; row < n; ++row) {
+    const spike_train train = get_spike_train(*w.session, cell(row, 0).toInt());
+    const interval_histogram intervals = count_intervals(*w.session, train, 1, 10);
+    EXPECT_EQ(cell(row, 9),
+              QString::number(100.0 * intervals.below_2_ms / intervals.n_intervals, 'f', 2));
+    EXPECT_EQ(cell(row, 8),
+              QString::number(cell(row, 3).toInt() / (60.0 * w.session->recording.duration_mins),
+                              'f', 2));
+    EXPECT_LE(cell(std::max(0, row - 1), 9).toDouble(), cell(row, 9).toDouble());
+  }
 
   table->setColumnWidth(1, 123);
   w.press(dialog, "done");
@@ -136,6 +157,8 @@ TEST(SortingSummary, SortsByItsHeadingsAndLeavesTheCurrentCluster) {
   dialog = w.dialog("summary_dialog");
   w.settle();
   EXPECT_EQ(w.control<QTableView>(dialog, "summary_table")->columnWidth(1), 123);
+  EXPECT_TRUE(w.control<QCheckBox>(dialog, "more_columns")->isChecked());
+  w.press(dialog, "done");
 }
 
 TEST(Realign, OneClusterAllOfThemAndBack) {

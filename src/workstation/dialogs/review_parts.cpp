@@ -371,7 +371,8 @@ void place_at_right(workstation& w, QDialog* dialog) {
                    [dialog, entry] { QSettings().setValue(entry, dialog->saveGeometry()); });
   if (dialog->restoreGeometry(QSettings().value(entry).toByteArray())) return;
   // What the screen has room for, as it will be shown.
-  dialog->resize(dialog->sizeHint().boundedTo(screen_room(dialog)));
+  const bool sized = dialog->testAttribute(Qt::WA_Resized);
+  dialog->resize((sized ? dialog->size() : dialog->sizeHint()).boundedTo(screen_room(dialog)));
   const QRect frame = w.frame->geometry();
   dialog->move(frame.right() - dialog->width(), frame.top() + 60);
 }

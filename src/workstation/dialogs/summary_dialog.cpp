@@ -1,23 +1,53 @@
 #include <QAbstractTableModel>
+#include <QCheckBox>
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QSettings>
 #include <QTableView>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <memory>
 
+#include "analysis/correlograms.h"
 #include "sorting/sorting_summary.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
+#include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
 
 namespace {
 
-constexpr int n_columns = static_cast<int>(summary_column::count);
+// What the dialog tells of a cluster: a row of the summary, and what only its further columns
+// need.
+struct summary_line {
+  unit_row row;
+  double violations = 0;  // refractory_violations
+};
+
+// Further columns, on a switch.
+struct further_column {
+  const char *heading, *tip;
+  double (*value)(const summary_line& line);
+  int decimals;
+};
+// clang-format off
+constexpr further_column further_columns[] = {
+    {"X pos",   "Centre of gravity of the template across the probe, µm",
+     [](const summary_line& line) { return double(line.row.x); }, 1},
+    {"Rate",    "Events per second of the recording",
+     [](const summary_line& line) { return line.row.rate; }, 2},
+    {"< 2 ms %", "Refractory violations: intervals below 2 ms, percent of the cluster's intervals",
+     [](const summary_line& line) { return line.violations; }, 2},
+};
+// clang-format on
+
+constexpr int n_own_columns = static_cast<int>(summary_column::count);
+constexpr int n_columns = n_own_columns + static_cast<int>(std::size(further_columns));
 
 const char* column_tip(summary_column column) {
   static constexpr const char* tips[] = {
@@ -31,17 +61,19 @@ const char* column_tip(summary_column column) {
   return tips[static_cast<int>(column)];
 }
 
-// The rows of the summary as the table asks for them. A heading sorts the rows themselves.
+// The lines of the summary as the table asks for them. A heading sorts the lines themselves.
 class summary_model : public QAbstractTableModel {
  public:
   summary_model(const session_state& session, QObject* parent)
       : QAbstractTableModel(parent), session_(session) {}
 
-  // Rows that come later keep the order that the user has asked for meanwhile.
-  void show(std::vector<unit_row> rows) {
+  // violations by cluster; empty when they have not been asked for. Lines that come later keep
+  // the order that the user has asked for meanwhile.
+  void show(std::vector<unit_row> rows, const std::vector<double>& violations) {
     beginResetModel();
     rows_ = std::move(rows);
-    sort_summary(rows_, column_, ascending_);
+    violations_ = violations;
+    sort_rows();
     endResetModel();
   }
   std::int32_t cluster_at(int row) const { return rows_[row].cluster; }
@@ -57,49 +89,80 @@ class summary_model : public QAbstractTableModel {
   }
   QVariant data(const QModelIndex& at, int role) const override {
     const unit_row& row = rows_[at.row()];
-    if (role == Qt::DisplayRole) {
-      return QString::fromStdString(summary_text(row, static_cast<summary_column>(at.column())));
-    }
+    if (role == Qt::DisplayRole) return text(row, at.column());
     if (role == Qt::TextAlignmentRole) return int{Qt::AlignRight | Qt::AlignVCenter};
     if (role == Qt::FontRole && row.cluster == session_.clusters.current_cluster) return bold();
     return {};
   }
   QVariant headerData(int section, Qt::Orientation orientation, int role) const override {
     if (orientation != Qt::Horizontal) return {};
+    const bool own = section < n_own_columns;
     const auto column = static_cast<summary_column>(section);
-    if (role == Qt::DisplayRole) return QString::fromUtf8(summary_heading(column));
-    if (role == Qt::ToolTipRole) return QString::fromUtf8(column_tip(column));
+    if (role == Qt::DisplayRole) {
+      return QString::fromUtf8(own ? summary_heading(column) : further(section).heading);
+    }
+    if (role == Qt::ToolTipRole) {
+      return QString::fromUtf8(own ? column_tip(column) : further(section).tip);
+    }
     return {};
   }
   void sort(int section, Qt::SortOrder order) override {
-    column_ = static_cast<summary_column>(section);
+    column_ = section;
     ascending_ = order == Qt::AscendingOrder;
     beginResetModel();
-    sort_summary(rows_, column_, ascending_);
+    sort_rows();
     endResetModel();
   }
 
  private:
+  static const further_column& further(int column) {
+    return further_columns[column - n_own_columns];
+  }
   static QFont bold() {
     QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
     font.setBold(true);
     return font;
   }
+  summary_line line(const unit_row& row) const {
+    const auto cluster = static_cast<std::size_t>(row.cluster);
+    return {row, cluster < violations_.size() ? violations_[cluster] : 0.0};
+  }
+  QString text(const unit_row& row, int column) const {
+    if (column < n_own_columns) {
+      return QString::fromStdString(summary_text(row, static_cast<summary_column>(column)));
+    }
+    return QString::number(further(column).value(line(row)), 'f', further(column).decimals);
+  }
+  // Lines that are equal keep their order, either way.
+  void sort_rows() {
+    if (column_ < n_own_columns) {
+      sort_summary(rows_, static_cast<summary_column>(column_), ascending_);
+      return;
+    }
+    const auto value = [this](const unit_row& row) { return further(column_).value(line(row)); };
+    std::stable_sort(rows_.begin(), rows_.end(), [&](const unit_row& a, const unit_row& b) {
+      return ascending_ ? value(a) < value(b) : value(b) < value(a);
+    });
+  }
+
   const session_state& session_;
   std::vector<unit_row> rows_;
-  summary_column column_ = summary_column::cluster;
+  std::vector<double> violations_;
+  int column_ = 0;
   bool ascending_ = true;
 };
 
 QString qt(const std::string& text) { return QString::fromStdString(text); }
 
-// A line for every cluster. The figures are taken once, on opening; the window changes nothing
-// but the current cluster, so that it may be opened at any point of a sort.
+// A line for every cluster, beside the windows, which show the cluster of the line that is
+// pressed. It changes nothing but the current cluster, so that it may be opened at any point of
+// a sort.
 struct summary_window {
   workstation& w;
   operation_dialog* dialog;
   summary_model* model;
   QTableView* table = nullptr;
+  QCheckBox* more = nullptr;
   QLabel *file_name = nullptr, *file_type = nullptr;
   QLabel *n_events = nullptr, *n_clustered = nullptr, *n_unclustered = nullptr;
   QLabel *percent_clustered = nullptr, *n_clusters = nullptr, *n_stable = nullptr;
@@ -147,8 +210,8 @@ void show_top_block(const summary_window& s, const sorting_summary& summary) {
   s.n_stable->setText(QString::number(summary.n_stable));
 }
 
-// Widths of columns and size of the window, kept from run to run. An entry that cannot be read
-// counts as none.
+// Widths of columns and the switch, kept from run to run; the window keeps its place itself. An
+// entry that cannot be read counts as none.
 void restore_layout(const summary_window& s) {
   const QSettings store;
   const QVariantList widths = store.value("summary/columns").toList();
@@ -156,7 +219,8 @@ void restore_layout(const summary_window& s) {
     const int width = column < widths.size() ? widths[column].toInt() : 0;
     s.table->setColumnWidth(column, width > 0 ? width : 84);
   }
-  s.dialog->resize(store.value("summary/size", QSize(660, 560)).toSize());
+  s.more->setChecked(store.value("summary/more_columns", false).toBool());
+  s.dialog->resize(660, 560);
 }
 
 void save_layout(const summary_window& s) {
@@ -164,16 +228,15 @@ void save_layout(const summary_window& s) {
   for (int column = 0; column < n_columns; ++column) widths << s.table->columnWidth(column);
   QSettings store;
   store.setValue("summary/columns", widths);
-  store.setValue("summary/size", s.dialog->size());
+  store.setValue("summary/more_columns", s.more->isChecked());
 }
 
-// The cluster of a line becomes the current one, which other windows show.
-void choose_line(const summary_window& s, int row) {
-  // Its number may be another cluster's by the time the worker has finished.
-  if (s.w.worker.running) return;
-  s.w.session.clusters.current_cluster = s.model->cluster_at(row);
+// The cluster of the line that is pressed, or come to with the cursor keys.
+void choose_line(const summary_window& s) {
+  const QModelIndexList lines = s.table->selectionModel()->selectedRows();
+  if (lines.isEmpty()) return;
+  choose_cluster(s.w, s.model->cluster_at(lines.first().row()));
   s.model->current_cluster_changed();
-  refresh_graphs(s.w);
 }
 
 QTableView* make_table(const shared_summary& s) {
@@ -187,27 +250,59 @@ QTableView* make_table(const shared_summary& s) {
   table->setSelectionMode(QAbstractItemView::SingleSelection);
   table->setAlternatingRowColors(true);
   table->setToolTip(
-      "Press a heading to sort by it; double-click a line to make its cluster the "
-      "current one, shown in bold");
+      "Press a heading to sort by it, a line to make its cluster the current one, which the "
+      "windows show; it is bold");
   table->verticalHeader()->hide();
   table->verticalHeader()->setDefaultSectionSize(table->fontMetrics().height() + 8);
   table->horizontalHeader()->setStretchLastSection(true);
   table->sortByColumn(0, Qt::AscendingOrder);
   table->setSortingEnabled(true);
-  QObject::connect(table, &QTableView::doubleClicked, s->dialog,
-                   [s](const QModelIndex& at) { choose_line(*s, at.row()); });
+  QObject::connect(table->selectionModel(), &QItemSelectionModel::selectionChanged, s->dialog,
+                   [s] { choose_line(*s); });
   return table;
 }
 
-// On the worker: a pass over all events and all pairs.
+// On the worker: a pass over all events and all pairs, and one over all intervals when somebody
+// looks at them.
 void count_and_show(const shared_summary& s) {
-  const auto summary = std::make_shared<sorting_summary>();
-  s->dialog->run([summary](session_state& session) { *summary = make_sorting_summary(session); },
-                 [s, summary] {
-                   show_top_block(*s, *summary);
-                   s->model->show(std::move(summary->rows));
-                 });
+  struct counted {
+    sorting_summary summary;
+    std::vector<double> violations;
+  };
+  const auto result = std::make_shared<counted>();
+  const bool more = s->more->isChecked();
+  s->dialog->run(
+      [result, more](session_state& session) {
+        result->summary = make_sorting_summary(session);
+        if (more) result->violations = refractory_violations(session);
+      },
+      [s, result] {
+        show_top_block(*s, result->summary);
+        s->model->show(std::move(result->summary.rows), result->violations);
+      });
 }
+
+void show_further_columns(const summary_window& s) {
+  for (int column = n_own_columns; column < n_columns; ++column) {
+    s.table->setColumnHidden(column, !s.more->isChecked());
+  }
+}
+
+QCheckBox* more_box(const shared_summary& s) {
+  s->more = new QCheckBox("position, rate and refractory violations");
+  s->more->setObjectName("more_columns");
+  s->more->setToolTip("Further columns");
+  s->dialog->disabled_while_running << s->more;
+  QObject::connect(s->more, &QCheckBox::clicked, s->dialog, [s] {
+    show_further_columns(*s);
+    count_and_show(s);
+  });
+  return s->more;
+}
+
+// Entries that only show something, and may be used while the summary is open.
+const QStringList entries_beside = live_entries + QStringList{"voltage_record", "template_image",
+                                                              "sorted_waveforms", "correlograms"};
 
 }  // namespace
 
@@ -220,13 +315,19 @@ void sorting_summary_command(workstation& w) {
   auto* layout = new QVBoxLayout(dialog);
   layout->addLayout(top_block(*s));
   layout->addWidget(make_table(s), 1);
+  layout->addWidget(more_box(s));
   layout->addWidget(buttons);
   dialog->setMinimumWidth(name_width);
   dialog->disabled_while_running << done;
   QObject::connect(done, &QPushButton::clicked, dialog, &QDialog::accept);
   QObject::connect(dialog, &QDialog::finished, dialog, [s] { save_layout(*s); });
+  // Another window or dialog may have chosen a cluster.
+  QObject::connect(w.desk, &interface_desk::refresh_requested, dialog,
+                   [s] { s->model->current_cluster_changed(); });
   restore_layout(*s);
-  open_dialog(w, dialog);
+  show_further_columns(*s);
+  place_at_right(w, dialog);
+  open_beside(w, dialog, entries_beside);
   count_and_show(s);
 }
 
