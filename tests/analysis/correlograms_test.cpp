@@ -216,6 +216,10 @@ TEST_F(correlogram_test, intervals_and_violations) {
   EXPECT_EQ(h.below_2_ms, 3);
   EXPECT_EQ(h.counts, (std::vector<std::int32_t>{1, 2, 1, 0, 0, 0, 0, 0, 0, 0}));
   EXPECT_EQ(make_interval_graph(h).series[0].y[1], 2.0f);
+  const std::vector<double> percent = refractory_violations(*session);
+  ASSERT_GE(percent.size(), 3u);
+  EXPECT_EQ(percent[1], 60);
+  EXPECT_EQ(percent[2], 0) << "a single spike";
 }
 
 }  // namespace

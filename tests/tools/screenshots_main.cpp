@@ -241,6 +241,7 @@ int main(int argc, char** argv) {
       {"realign", "realign_dialog"},
       {"post_processing", "post_process_dialog"},
       {"correlograms", "correlation_dialog"},
+      {"compare_pairs", "compare_pairs_dialog"},
       {"export_spikes", "export_dialog"},
       {"about", "about_dialog"},
       {"open_recording", "question_box"},

@@ -169,7 +169,8 @@ struct summary_window {
 };
 using shared_summary = std::shared_ptr<summary_window>;
 
-constexpr int name_width = 420;  // pixels; longer paths lose their middle
+constexpr int column_width = 84;  // pixels, until the user has chosen his own
+constexpr int name_width = 420;   // pixels; longer paths lose their middle
 
 QLayout* top_block(summary_window& s) {
   auto* files = new QFormLayout;
@@ -217,7 +218,7 @@ void restore_layout(const summary_window& s) {
   const QVariantList widths = store.value("summary/columns").toList();
   for (int column = 0; column < n_columns; ++column) {
     const int width = column < widths.size() ? widths[column].toInt() : 0;
-    s.table->setColumnWidth(column, width > 0 ? width : 84);
+    s.table->setColumnWidth(column, width > 0 ? width : column_width);
   }
   s.more->setChecked(store.value("summary/more_columns", false).toBool());
   s.dialog->resize(660, 560);
@@ -288,13 +289,23 @@ void show_further_columns(const summary_window& s) {
   }
 }
 
+// To the left, since the dialog stands at the right edge; windows are behind it anyway.
+void make_room(const summary_window& s, bool more) {
+  const int wider = (n_columns - n_own_columns) * column_width * (more ? 1 : -1);
+  const int width = std::min(s.dialog->width() + wider, screen_room(s.dialog).width());
+  const int left = s.dialog->x() - (width - s.dialog->width());
+  s.dialog->resize(width, s.dialog->height());
+  s.dialog->move(std::max(0, left), s.dialog->y());
+}
+
 QCheckBox* more_box(const shared_summary& s) {
   s->more = new QCheckBox("position, rate and refractory violations");
   s->more->setObjectName("more_columns");
   s->more->setToolTip("Further columns");
   s->dialog->disabled_while_running << s->more;
-  QObject::connect(s->more, &QCheckBox::clicked, s->dialog, [s] {
+  QObject::connect(s->more, &QCheckBox::clicked, s->dialog, [s](bool on) {
     show_further_columns(*s);
+    make_room(*s, on);
     count_and_show(s);
   });
   return s->more;
