@@ -105,6 +105,10 @@ TEST(ComparePairs, GoesThroughTheListAndShowsAnyPair) {
   w.control<QTableView>(dialog, "unit_table")->setFocus();
   QTest::keyClick(dialog, Qt::Key_Down);
   EXPECT_EQ(w.shown_numbers(dialog), std::pair(4, 3));
+  w.control<number_field>(dialog, "compare_b")->setFocus();
+  QTest::keyClick(w.control<number_field>(dialog, "compare_b"), Qt::Key_Down);
+  EXPECT_EQ(w.shown_numbers(dialog), std::pair(4, 2)) << "one less in a field";
+  w.control<QTableView>(dialog, "unit_table")->setFocus();
   QTest::keyClick(dialog, Qt::Key_N);
   EXPECT_EQ(w.shown_numbers(dialog), w.entry(1)) << "from a typed pair into the list";
 
