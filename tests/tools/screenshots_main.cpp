@@ -113,15 +113,14 @@ void take_review(driven_workstation& w) {
   w.settle();
   if (dialog) {
     take("guided_merge");
+    const auto asked = [&] { return w.shell.frame->findChild<QDialog*>("pair_split_dialog"); };
     // Undone and asked for again, the split is shown in any case.
     for (const char* button : {"split", "undo", "split"}) {
-      if (dialog) w.press(dialog, button);
+      if (dialog && asked() == nullptr) w.press(dialog, button);
       w.settle();
     }
     take("pair_split");
-    if (auto* split = w.shell.frame->findChild<QDialog*>("pair_split_dialog")) {
-      w.press(split, "leave");
-    }
+    if (QDialog* split = asked()) w.press(split, "leave");
     w.settle();
     if (dialog) w.press(dialog, "finish");
     w.settle();

@@ -103,6 +103,7 @@ TEST(GuidedMerge, AsksHowToSplitAndLeavesWhatIsNotDecided) {
   w.settle();
   ASSERT_NE(split, nullptr);
   EXPECT_EQ(w.text(split, "ugm_message"), "Pair could not be split");
+  EXPECT_FALSE(w.control<QPushButton>(dialog, "merge")->isEnabled()) << "one question at a time";
   auto* slider = w.control<QSlider>(split, "selected_stage");
   slider->setValue(slider->maximum());
   w.settle();
@@ -123,6 +124,8 @@ TEST(GuidedMerge, AsksHowToSplitAndLeavesWhatIsNotDecided) {
   dialog->close();
   w.settle();
   EXPECT_EQ(w.shell.frame->findChild<QDialog*>("guided_merge_dialog"), nullptr);
+  w.choose_entry("autosort");
+  EXPECT_NE(w.dialog("autosort_dialog"), nullptr) << "the menus are free again";
 }
 
 TEST(GuidedMerge, WithoutPairsItSaysSo) {

@@ -94,6 +94,10 @@ void run_step(const shared_guided& g, const QString& doing, guided_routine routi
 
 void ask_how_to_split(const shared_guided& g) {
   g->message->setText("How is the pair to be split?");
+  // A decision about the pair now would change it under the dialog that asks.
+  for (QWidget* button : std::as_const(g->dialog->disabled_while_running)) {
+    button->setEnabled(false);
+  }
   ask_for_split(g->w, g->walk.split, [g](ugm_message answer) {
     run_step(g, "Applying the split ...", [answer](session_state& session, guided_walk& walk) {
       return end_guided_split(session, walk, answer);
