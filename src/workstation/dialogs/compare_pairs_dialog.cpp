@@ -10,6 +10,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
@@ -87,13 +88,13 @@ void show_place_in_list(const compare_window& c) {
   for (QWidget* widget : c.of_list) widget->setEnabled(c.values.n_match > 0);
 }
 
-void show_pair_windows(const compare_window& c) {
+void show_windows(const compare_window& c) {
   const pair_values& v = c.values.pair;
   if (v.a < 1) return;
-  if (c.with_correlograms->isChecked()) {
-    show_correlograms(c.w, c.swapped ? v.b : v.a, c.swapped ? v.a : v.b);
-  }
+  const std::int32_t first = c.swapped ? v.b : v.a, second = c.swapped ? v.a : v.b;
   refresh_windows(c.w);
+  show_pair_windows(c.w, first, second);
+  if (c.with_correlograms->isChecked()) show_correlograms(c.w, first, second);
 }
 
 void show_pair(const compare_window& c, bool mark = true) {
@@ -101,7 +102,7 @@ void show_pair(const compare_window& c, bool mark = true) {
   show_place_in_list(c);
   if (mark) c.list->mark(c.values.pair.a, c.values.pair.b);
   c.undo->setEnabled(c.comparison.can_undo);
-  show_pair_windows(c);
+  show_windows(c);
 }
 
 // ---------------------------------------------------------------- moving
@@ -384,12 +385,12 @@ QLayout* display_row(const shared_compare& c) {
   bind_keys(c->dialog, swap);
   QObject::connect(swap, &QPushButton::clicked, c->dialog, [c] {
     c->swapped = !c->swapped;
-    show_pair_windows(*c);
+    show_windows(*c);
   });
   QObject::connect(c->with_correlograms, &QCheckBox::toggled, c->dialog, [c](bool on) {
     if (c->dialog->running()) return;
     c->w.session.review.show_correlograms = on;
-    if (on) return show_pair_windows(*c);
+    if (on) return show_windows(*c);
     if (graph_window* window = graph_of(c->w, graph_kind::correlograms)) window->close();
   });
   auto* row = new QHBoxLayout;
@@ -494,6 +495,7 @@ void fill_dialog(const shared_compare& c) {
 void open_comparison(const shared_compare& c) {
   fill_dialog(c);
   place_at_right(c->w, c->dialog);
+  QObject::connect(c->dialog, &QDialog::finished, c->w.frame, [&w = c->w] { forget_pair(w); });
   open_runner(c->w, c->dialog);
   run_step(c, "Making the list ...", [](session_state& session, pair_comparison&) {
     fill_pair_comparison(session);

@@ -48,7 +48,6 @@ constexpr review_key keys[] = {
     {"mark",           "Mark events by the measure chosen",              "M",               "M"},
     {"unmark",         "Clear all marks",                                "Shift+M",         "Shift+M"},
     {"invert",         "Swap marked and unmarked",                       "I",               "I"},
-    {"lasso",          "Draw a lasso round events",                      "K",               "L"},
     {"delete_marked",  "Delete the events of a label",                   "X",               "X"},
     {"reclaim",        "Take lost events in",                            "R",               "R"},
     {"autosplit",      "Look for sub-clusters",                          "F",               "F"},

@@ -21,6 +21,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
@@ -132,6 +133,7 @@ void run_tool(const shared_view& v, tool routine) {
         v->form.load();  // "Mark" may have changed where it looks
         v->list->show_rows(v->units);
         show_cluster(*v);
+        refresh_windows(v->w);  // their colours are the labels
       });
 }
 
@@ -465,6 +467,8 @@ void open_view(workstation& w, std::vector<unit_row> units) {
   show_cluster(*v);
   place_at_right(w, dialog);
   open_runner(w, dialog);
+  show_cluster_windows(w);
+  tile_cluster_windows(w, dialog);
   v->list->setFocus();  // the keys are commands there, and text in a field
   if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
 }
