@@ -35,6 +35,8 @@ std::string check_recording(const session_state& session) {
   }
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     const std::int16_t* v = r.vd.channel(c);
+    // Filters and interpolation read ahead of the first sample and count on silence there; what a
+    // reader leaves in the margin would come back as a spike at the very beginning.
     for (std::int32_t t = -vd_margin; t <= 0; ++t) {
       if (v[t] != 0) return fmt::format("channel {} is not zero at time index {}", c, t);
     }
@@ -55,6 +57,7 @@ std::string check_events(const session_state& session) {
     if (!in_range(e.event_time[i], 1, r.n_samples)) {
       return fmt::format("event {} at time index {}", i, e.event_time[i]);
     }
+    // Negated, so that a shift that is not a number is found as well.
     if (!(std::fabs(e.event_shift[i]) <= 1.0f)) {
       return fmt::format("event {} with shift {}", i, e.event_shift[i]);
     }
@@ -66,6 +69,7 @@ std::string check_events(const session_state& session) {
     }
     ++sizes[e.event_cluster[i]];
   }
+  // Without events there may be clusters all the same: a file may bring templates alone.
   for (std::int32_t c = 1; e.n_events > 0 && c <= n_clusters; ++c) {
     if (sizes[c] == 0) return fmt::format("cluster {} has no events", c);
   }
@@ -97,6 +101,8 @@ std::string check_template(const session_state& session, std::int32_t cluster) {
       return fmt::format("template {} lists channel {}", cluster, t.channels(cluster)[k]);
     }
   }
+  // A flat template keeps the list that its slot had, or has channel 1, whether that takes part or
+  // not.
   if (session.recording.chan_mask[t.centre_channel(cluster)] &&
       !template_is_flat(session, cluster)) {
     return fmt::format("template {} is centred on masked channel {}", cluster,
@@ -132,6 +138,8 @@ std::string check_lists(const session_state& session) {
   const std::int64_t n = session.clusters.n_clusters;
   const status_lists_table& lists = session.lists;
   if (lists.n_kv_pairs == 0) return {};
+  // Pairs are found by a formula of the count of clusters: a list of another length would give each
+  // pair the values of a stranger.
   if (lists.n_kv_pairs != n * (n - 1) / 2) {
     return fmt::format("n_kv_pairs {} for {} clusters", lists.n_kv_pairs, n);
   }

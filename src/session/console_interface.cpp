@@ -37,12 +37,14 @@ const char* meter_name(meter which) {
 
 void hide_bar(console_interface& console) {
   if (!console.bar_visible) return;
+  // Back to the first column, and the rest of the line wiped: a longer bar before leaves no tail.
   std::fputs("\r\033[K", console.out);
   console.bar_visible = false;
 }
 
 void show_bar(console_interface& console) {
   if (!console.terminal || console.quiet || console.bar_percent < 0) return;
+  // A full bar goes by itself, so that the next stage does not start below a finished one.
   if (console.bar_percent >= 100) {
     hide_bar(console);
     console.bar_percent = -1;

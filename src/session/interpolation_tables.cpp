@@ -12,12 +12,16 @@ void build_interp_table(session_state& session) {
   std::int32_t width = session.strategy.interp_width;
   depth = depth < 1 ? 1 : depth > 50 ? 50 : depth;
   width = width < 1 ? 1 : width > 50 ? 50 : width;
+  // The table has room for 1000 values. Depth is kept, which says how finely a shift is read; fewer
+  // neighbours on each side only make the kernel less sharp.
   while (depth * width > 1000) --width;
   tables.depth = depth;
   tables.width = width;
 
+  // The 32-bit pi, widened: the last bits of every interpolated sample follow from it.
   constexpr double pi = 3.1415927410125732;
   std::memset(tables.interp_table, 0, sizeof tables.interp_table);
+  // sin(0) / 0 by its limit, so that a sample at its own place is read back as it is.
   tables.interp_table[0] = 1.0f;
   const std::int32_t n = depth * width;
   for (std::int32_t k = 1; k < n; ++k) {

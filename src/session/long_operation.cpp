@@ -13,7 +13,10 @@ namespace {
 void count_poll(long_operation_flags& operation) {
   const std::int64_t polls = ++operation.polls;
   const std::int64_t at = operation.interrupt_at_poll;
+  // Equal and not beyond: the one press is planned, and an operation that clears its flag
+  // afterwards must not be stopped again.
   if (at < 0 || polls != std::max<std::int64_t>(at, 1)) return;
+  // All at once, as the plan does not know which kind of operation the poll belongs to.
   operation.autosort_interrupt = true;
   operation.detection_interrupted = true;
   operation.reading_interrupted = true;
@@ -23,6 +26,8 @@ void count_poll(long_operation_flags& operation) {
 void give_way(const session_state& session) {
   yield_session(session);
   std::atomic<bool>& owed = session.operation.refresh_owed;
+  // The plain look first: polls are by the million, and an exchange would take the cache line from
+  // the thread that writes it each time.
   if (owed.load(std::memory_order_relaxed) && owed.exchange(false)) refresh_displays(session);
 }
 
@@ -31,6 +36,7 @@ void give_way(const session_state& session) {
 void note_unsaved(const session_state& session, unsaved_results what) {
   std::atomic<unsaved_results>& unsaved = session.operation.unsaved;
   unsaved_results now = unsaved;
+  // Upwards only: a mark noted late must not hide that a whole sort is still unsaved.
   while (now < what && !unsaved.compare_exchange_weak(now, what)) continue;
 }
 

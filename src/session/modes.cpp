@@ -117,6 +117,7 @@ mode_labels delete_measures() { return weak_measures; }
 mode_labels renumber_orders() { return orders; }
 
 const char* mode_name(mode_labels labels, std::int32_t value) {
+  // By value and not by place: values start at -1, 0 or 1, and a list may lack some of them.
   for (const mode_label& row : labels) {
     if (row.value == value) return row.label;
   }

@@ -41,6 +41,7 @@ struct wrapped_text {
 
 wrapped_text wrap(std::string_view text) {
   wrapped_text wrapped;
+  // At least once, as an empty message is an empty line in the log and not nothing.
   do {
     const std::size_t end = line_end(text);
     wrapped.lines[wrapped.n_lines++] = text.substr(0, end);
@@ -54,6 +55,8 @@ wrapped_text wrap(std::string_view text) {
 void add_to_ring(run_log_table& log, const std::string_view* lines, std::int32_t n) {
   const std::int32_t excess = log.n_log_lines + n - log_line_limit;
   if (excess > 0) {
+    // Moved and not turned as a ring would be: line 1 stays the oldest for all who read them, and a
+    // message is rare beside what the move costs.
     std::memmove(log.log_lines.first(), log.log_lines.first() + excess,
                  static_cast<std::size_t>(log.n_log_lines - excess) * sizeof(text256));
     log.n_log_lines -= excess;
@@ -145,6 +148,8 @@ void open_log_file(session_state& session) {
   // Appending keeps the log of a run that began in the same minute.
   std::FILE* file = std::fopen(path.c_str(), "a");
   if (file == nullptr) {
+    // Off, or every further recording in a folder that cannot be written to would bring the box
+    // again.
     session.preferences.log_file_enabled = false;
     log_message(session, "Failed to open logfile");
     tell(session, "Error opening logfile", "File open error");

@@ -8,6 +8,8 @@ namespace {
 
 // The holder's depth is put by at a hand-over and taken up again afterwards.
 void take_turn(session_gate& gate, std::unique_lock<std::mutex>& lock, std::int32_t depth) {
+  // Tickets make the order fair: with a bare mutex the worker, which lets go and takes again at
+  // once, would win each time and the recovery timer never come to its turn.
   const std::uint64_t ticket = gate.next_ticket++;
   gate.moved.wait(lock, [&] { return gate.now_serving == ticket; });
   gate.holder = std::this_thread::get_id();
@@ -61,6 +63,8 @@ void leave_session(const session_state& session) {
   session_gate& gate = session.gate;
   if (!holds_session(session) || --gate.depth > 0) return;
   std::lock_guard lock(gate.mutex);
+  // A borrowed gate goes back to its lender and not to the next ticket: the worker holds still in
+  // the middle of a step, and means to go on with it.
   if (gate.lent) {
     give_back(gate);
   } else {
@@ -79,6 +83,7 @@ bool try_enter_session(const session_state& session) {
     borrow(gate);
     return true;
   }
+  // Somebody holds it or waits for it; the interface thread would stand still until he is done.
   if (gate.next_ticket != gate.now_serving) return false;
   take_turn(gate, lock, 1);
   return true;
@@ -91,6 +96,7 @@ bool lend_session(const session_state& session, std::chrono::milliseconds bound)
   gate.offered = true;
   const auto until = std::chrono::steady_clock::now() + bound;
   gate.moved.wait_until(lock, until, [&] { return !gate.offered && !gate.lent; });
+  // Read before the offer is withdrawn: withdrawn or taken look the same afterwards.
   const bool taken = !gate.offered;
   gate.offered = false;
   // Who has it is drawing, which waits for nobody.
@@ -114,10 +120,13 @@ void yield_session(const session_state& session) {
 session_pause::session_pause(const session_state& held) : session(held) {
   if (!holds_session(session) || session.gate.lent) return;
   std::lock_guard lock(session.gate.mutex);
+  // All of the depth at once: a box may be asked for deep inside, and the others need the gate free
+  // and not just one level less held.
   depth = hand_over(session.gate);
 }
 
 session_pause::~session_pause() {
+  // Nothing was let go at the beginning, so nothing is to be waited for.
   if (depth == 0) return;
   std::unique_lock lock(session.gate.mutex);
   take_turn(session.gate, lock, depth);

@@ -19,6 +19,7 @@ void reset_samples(recording_store& r) {
   r.max_vd_samples = 0;
   r.sampling_frequency = 0;
   r.sampling_frequency_exact = 0.0;
+  // Never 0: it is divided by where µV become bits.
   r.vscale_HP = 1.0f;
   r.duration_mins = 0.0f;
   std::fill(std::begin(r.record_date), std::end(r.record_date), 0);
@@ -87,6 +88,8 @@ void reset_test_facts(recording_store& r) {
 }  // namespace
 
 void start_session(session_state& session) {
+  // Before anything is computed: the filters' decaying tails would otherwise be slow, and the main
+  // thread differ from the workers, which have it set as they start.
   flush_denormals();
   session.n_cpus = 1;
   set_thread_count(session,
@@ -96,6 +99,7 @@ void start_session(session_state& session) {
   set_default_strategy(session);
   set_display_defaults(session);
   session.multi_threaded_now = session.preferences.multi_threaded;
+  // It follows from no setting, so that once is enough.
   build_gac_table(session);
 }
 
@@ -103,6 +107,7 @@ void set_thread_count(session_state& session, std::int32_t n) {
   // Half of the cluster numbers stay usable, whatever is asked for.
   session.n_threads = std::clamp(n, 1, cluster_limit / 2);
   session.n_cpus = std::max(session.n_cpus, session.n_threads);
+  // The first slots above the clusters are scratch templates, one for each thread.
   session.max_clusters = cluster_limit - session.n_cpus;
 }
 
@@ -117,8 +122,11 @@ void compute_duration(session_state& session) {
       const std::int64_t last = r.n_epochs;
       samples =
           (r.epoch_start[last] - r.epoch_start[1]) * r.sampling_frequency + r.epoch_samples[last];
+      // Epochs that do not stand in the order of their starts, as after a clock was set back: the
+      // samples are what is left to go by.
       if (samples < 0) samples = r.n_samples;
     }
+    // In 32 bits and then cut to whole ms: durations stand in files and titles with these digits.
     const float ms_per_sample = 1000.0f / static_cast<float>(r.sampling_frequency);
     ms = static_cast<std::int64_t>(static_cast<float>(samples) * ms_per_sample);
   } else if (r.records_per_unit > 0) {
@@ -126,6 +134,7 @@ void compute_duration(session_state& session) {
     const std::int32_t units = tetrodes ? r.n_tetrodes : r.n_channels;
     for (std::int32_t u = 1; u <= units; ++u) {
       const std::int32_t stored = tetrodes ? r.tetrode_event_count[u] : r.channel_event_count[u];
+      // The last record of each unit; the units need not have ended together.
       if (stored >= 1 && stored <= r.records_per_unit) {
         ms = std::max(ms, r.timestamp(stored, u) / 1000);
       }
@@ -138,6 +147,7 @@ std::int64_t event_record_time_us(const session_state& session, std::int64_t tim
                                   std::int32_t channel) {
   const recording_store& r = session.recording;
   if (r.records_per_unit == 0 || r.samples_per_event <= 0) return 0;
+  // Records stand twice their length apart, from time index 100 on, so that no window reads two.
   const std::int64_t record = (time_index - 100) / (2 * std::int64_t{r.samples_per_event}) + 1;
   if (record < 0 || record > r.records_per_unit) return 0;
   const bool tetrodes = r.electrode_type == electrode_tetrode;
@@ -156,6 +166,7 @@ void release_timestamp_map(recording_store& r) {
 }
 
 void reset_session(session_state& session) {
+  // First, as its name and its lines are those of the recording that goes.
   close_log_file(session);
   recording_store& recording = session.recording;
   reset_samples(recording);
@@ -169,6 +180,8 @@ void reset_session(session_state& session) {
   session.lists.n_kv_pairs = 0;
   session.lists.n_match = 0;
   session.filter_history.n_entries = 0;
+  // A copy of clusters of another recording, which would be restored over events that are not
+  // theirs.
   session.undo.reset();
   session.reviewed = {};
   session.detector.detection_incomplete = false;

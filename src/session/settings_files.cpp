@@ -22,6 +22,8 @@ struct file_bytes {
 bool load(const std::string& path, file_bytes& in) {
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) return false;
+  // What a longer file holds beyond is nothing that this program knows; a shorter one keeps the
+  // values of what it lacks. Neither is refused.
   in.n = std::fread(in.bytes.data(), 1, in.bytes.size(), file);
   std::fclose(file);
   return true;
@@ -116,6 +118,7 @@ bool write_preferences(session_state& session) {
 
 bool read_settings_files(session_state& session) {
   const bool found = read_preferences(session);
+  // Preferences are read first: one of them says whether parameters are to be remembered at all.
   if (session.preferences.sticky_parameters) read_parameters(session);
   return found;
 }

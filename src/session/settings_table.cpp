@@ -316,6 +316,7 @@ bool put_word(void* first, std::int32_t element, T value) {
 
 constexpr std::size_t rows_before(setting_file file) {
   std::size_t n = 0;
+  // Rows of one file stand together, in the order of its bytes.
   while (n < std::size(rows) && rows[n].file != file) ++n;
   return n;
 }
@@ -338,6 +339,7 @@ struct setting_target {
 setting_target find_target(std::string_view name) {
   setting_target target{find_setting(name)};
   if (target.row != nullptr) {
+    // An array named as a whole is refused rather than having its first element set in silence.
     if (target.row->count > 1) target.row = nullptr;
     return target;
   }
@@ -347,6 +349,7 @@ setting_target find_target(std::string_view name) {
   std::int32_t element = 0;
   const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), element);
   const setting_row* row = find_setting(name.substr(0, dot));
+  // The number to its last character: "name.2x" is a slip and not element 2.
   if (row == nullptr || error != std::errc() || end != number.data() + number.size()) return target;
   if (row->count < 2 || element < 1 || element > row->count) return target;
   return {row, element - 1};
@@ -372,6 +375,7 @@ bool parse_number(std::string_view text, bool whole, double& value) {
   const char* const end = text.data() + text.size();
   const auto result = std::from_chars(text.data(), end, value);
   if (result.ec != std::errc() || result.ptr != end || !std::isfinite(value)) return false;
+  // "10.0" is a whole number as well: scripts print numbers as their language has them.
   return !whole || value == std::floor(value);
 }
 
@@ -400,6 +404,7 @@ std::span<const setting_row> settings_of(setting_file file) {
 
 const setting_row* find_setting(std::string_view name) {
   for (const setting_row& row : rows) {
+    // Without an address a row only holds bytes of a file in place, and has no name for the user.
     if (row.address != nullptr && name == row.name) return &row;
   }
   return nullptr;
@@ -453,6 +458,7 @@ std::string setting_text(const session_state& session, const setting_row& row,
     case setting_type::integer:
       return fmt::format("{}", static_cast<std::int32_t>(value));
     case setting_type::real:
+      // As 32 bits, which print as 0.1 and not as 0.10000000149011612.
       return fmt::format("{}", static_cast<float>(value));
     case setting_type::logical_word:
       return value != 0 ? "true" : "false";
@@ -484,6 +490,8 @@ bool set_setting(session_state& session, std::string_view name, std::string_view
     problem = fmt::format("{} must be from {} to {}", name, row->low, row->high);
     return false;
   }
+  // Stored first and judged with the others after: limits that concern two settings look at the
+  // session as it would be.
   const double before = setting_value(session, *row, element);
   store_setting(session, *row, element, value);
   problem = validate_together(session);
@@ -503,6 +511,8 @@ bool setting_in_range(const setting_row& row, double value) {
 
 std::int32_t settle_settings(session_state& session) {
   std::int32_t n_settled = 0;
+  // Told in the log, setting by setting: a sort made with other values than the file's must not
+  // look as if it had been made with them.
   const auto restore = [&](const setting_row& row, std::int32_t element = 0) {
     log_message(session, fmt::format("{} = {} is not possible, {} is used", row.name,
                                      setting_text(session, row, element),

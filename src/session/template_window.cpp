@@ -9,6 +9,8 @@ namespace kestrelvane {
 namespace {
 
 std::int32_t window_edge(float ms, std::int32_t sampling_frequency) {
+  // Towards zero on both sides, the product first: -0.8 ms at 25 kHz is -20 samples, and the window
+  // never reaches beyond what was asked for.
   return static_cast<std::int32_t>(ms * static_cast<float>(sampling_frequency) / 1000.0f);
 }
 
@@ -46,6 +48,8 @@ void templates_are_current(session_state& session) {
 }
 
 bool spike_window_is_readable(const session_state& session) {
+  // A realignment and a template shift may each move a window by 50 samples, and the taps of the
+  // interpolation stand out at its ends.
   const std::int32_t reach = 100 + session.tables.width;
   return window_first_sample(session) >= -(vd_margin - 1 - reach) &&
          window_last_sample(session) <= 1000 - 2 * n_lanes - reach;
@@ -55,6 +59,8 @@ bool shorten_spike_window(session_state& session) {
   const std::int32_t width = window_last_sample(session) - window_first_sample(session);
   if (width < template_point_limit && spike_window_is_readable(session)) return false;
   const auto f = static_cast<float>(session.recording.sampling_frequency);
+  // 75 samples before and 74 after, with the sample itself 150 of the 151 points that a template
+  // has room for.
   session.strategy.template_window_start_ms = -75000.0f / f;
   session.strategy.template_window_end_ms = 74000.0f / f;
   compute_template_points(session);

@@ -16,6 +16,7 @@ void tell(const session_state& session, const std::string& text, const std::stri
 
 bool ask(const session_state& session, const std::string& text, const std::string& title) {
   const user_interface& ui = session.ui;
+  // With nobody to answer nothing is deleted or overwritten.
   if (ui.ask == nullptr) return false;
   const session_pause others_may_save(session);
   return ui.ask(ui.context, text, title);
@@ -64,6 +65,7 @@ void set_progress(const session_state& session, meter which, std::int32_t value,
   // No bar has range 0, so the zero of a new session never hides a first post.
   const std::int64_t posted = (std::int64_t{range} << 32) | static_cast<std::uint32_t>(value);
   auto& last = session.operation.meter_value[static_cast<std::size_t>(which)];
+  // Loops post at every poll, and mostly the value that is on show.
   if (last.exchange(posted) == posted) return;
   const user_interface& ui = session.ui;
   if (ui.progress != nullptr) ui.progress(ui.context, which, value, range);
