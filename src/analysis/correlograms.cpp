@@ -18,6 +18,8 @@ namespace kestrelvane {
 
 tick_clock clock_of_trains(const session_state& session) {
   const recording_store& r = session.recording;
+  // Stored records lie beside each other in memory whatever time was between them: only their
+  // stamps, in µs, tell when a spike was.
   if (!r.is_continuous && !session.preferences.treat_as_continuous) return {1e6f, true};
   return {static_cast<float>(std::max(1, r.sampling_frequency)), false};
 }
@@ -42,6 +44,8 @@ spike_train get_spike_train(const session_state& session, std::int32_t unit) {
   for (const std::int32_t e : train.events) {
     train.times.push_back(event_ticks(session, e, from_stamps));
   }
+  // Said and not mended: each count orders its spikes for itself, and the user should know of such
+  // a file.
   if (from_stamps && !std::is_sorted(train.times.begin(), train.times.end())) {
     log_message(session, "Events out of order");
   }
@@ -51,6 +55,8 @@ spike_train get_spike_train(const session_state& session, std::int32_t unit) {
 // ---------------------------------------------------------------- counting
 
 std::int32_t correlogram_bin(float dt_ms, float bin_ms) {
+  // Rounded by magnitude and given its sign afterwards: a rounding to one side would make a
+  // correlogram of a and b another than that of b and a, mirrored.
   const float bins = (std::fabs(dt_ms) + bin_ms / 2) / bin_ms;
   // A difference of hours in bins of µs is beyond the numbers of a bin, and of any reach.
   constexpr float beyond = 1e6f;
@@ -80,6 +86,7 @@ struct counting {
 // another, and files bring events in any order. n_a: where the entries of b begin.
 std::vector<std::size_t> order_by_time(const std::vector<spike>& entries, std::size_t n_a) {
   std::vector<std::size_t> order(entries.size());
+  // Equal times go by the number of the event, so that the order is one, whatever sorts.
   std::iota(order.begin(), order.end(), std::size_t{0});
   const auto earlier = [&entries](std::size_t x, std::size_t y) {
     return entries[x].time != entries[y].time ? entries[x].time < entries[y].time
@@ -131,10 +138,13 @@ void count_pair(const counting& c, const spike& reference, const spike& other, b
                 bin_counts& counts) {
   // A pair counts once, by the spike that comes first in the table of events.
   if (other.event <= reference.event) return;
+  // In a cross-correlogram two spikes of one unit say nothing of the pair.
   if (!c.is_auto && other.of_b == reference.of_b) return;
   std::int64_t ticks = other.time - reference.time;
   // Stamps are those of whole records: two of one unit with the same stamp are one record.
   if (c.clock.from_stamps && c.is_auto && ticks == 0) return;
+  // Seen from a: what b fired later lies at the right, whichever of the two was the reference. The
+  // second copy of an autocorrelogram makes it even about 0.
   if (c.is_auto ? second_copy : reference.of_b) ticks = -ticks;
   const float dt_ms = static_cast<float>(ticks) * 1000.0f / c.clock.rate;
   const std::int32_t bin = correlogram_bin(dt_ms, c.bin_ms);
@@ -172,6 +182,7 @@ correlogram correlogram_counts(const session_state& session, const spike_train& 
   if (!clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
   if (n_listed == 0) return result;
   const counting c = prepare_counting(a, b, clock, result.bin_ms);
+  // Whole numbers, so that the sum over threads is the same in any order and at any number of them.
   const std::int32_t n_threads = std::max(1, threads_now(session));
   std::vector<bin_counts> of_thread(static_cast<std::size_t>(n_threads));
   const std::int64_t last = (n_listed - 1) / result.stride;
@@ -203,6 +214,7 @@ double expected_count(const correlogram& result) {
 }
 
 double count_as_rate(const correlogram& result, double count) {
+  // Per spike of a and second of the bin: what b fires round a spike of a.
   if (result.n_a == 0) return 0;
   return count * result.stride * 1000 / (result.n_a * static_cast<double>(result.bin_ms));
 }
@@ -259,6 +271,7 @@ graph_data make_correlogram_graph(const correlogram& result, bool as_rate) {
   const float edge = static_cast<float>(correlogram_reach) * result.bin_ms;
   graph.x_range = {-edge - result.bin_ms / 2, edge + result.bin_ms / 2};
   std::size_t series = 1;
+  // The refractory period, in which one neuron hardly fires twice.
   for (const float ms : {1.0f, 2.0f}) {
     if (ms > edge) continue;
     const std::uint32_t colour = refractory_colours[ms > 1];
@@ -269,6 +282,7 @@ graph_data make_correlogram_graph(const correlogram& result, bool as_rate) {
 }
 
 void print_correlogram(const session_state& session, const correlogram& result) {
+  // Characters: a longer line would be broken by the run log, in a rhythm of its own.
   constexpr std::size_t line_length = 100;
   log_message(session,
               fmt::format("{}, {}", correlogram_title(result), bin_width_text(result.bin_ms)));
@@ -299,6 +313,8 @@ std::int32_t bin_slider_limit(const session_state& session) { return samples_per
 float bin_width_of_slider(const session_state& session, std::int32_t position) {
   const std::int32_t k = samples_per_ms(session);
   const std::int32_t p = std::clamp(position, 1, bin_slider_limit(session));
+  // Below 1 ms a step is one sample, above it one ms: a bin narrower than a sample would only show
+  // the sampling.
   if (p < k) return static_cast<float>(p) / static_cast<float>(k);
   return static_cast<float>(p - k + 1);
 }
@@ -307,6 +323,7 @@ std::int32_t slider_of_bin_width(const session_state& session, float bin_ms) {
   std::int32_t best = 1;
   for (std::int32_t p = 2; p <= bin_slider_limit(session); ++p) {
     const float distance = std::fabs(bin_width_of_slider(session, p) - bin_ms);
+    // The lower of two that are equally near.
     if (distance < std::fabs(bin_width_of_slider(session, best) - bin_ms)) best = p;
   }
   return best;
@@ -315,6 +332,7 @@ std::int32_t slider_of_bin_width(const session_state& session, float bin_ms) {
 float next_preset_width(const session_state& session, float bin_ms) {
   const auto& widths = session.preferences.correlogram_binwidths;
   const auto at = std::find(std::begin(widths), std::end(widths), bin_ms);
+  // A width of the user's own leads back to the first as well.
   if (at == std::end(widths) || at + 1 == std::end(widths)) return widths[0];
   return at[1];
 }
@@ -350,6 +368,7 @@ interval_histogram count_intervals(const session_state& session, const spike_tra
   histogram.bin_ms = std::max(bin_ms, 1e-6f);
   histogram.counts.assign(static_cast<std::size_t>(std::max(0, n_bins)), 0);
   std::vector<std::int64_t> times = train.times;
+  // Alignment may have carried a spike past another, and an interval is never negative.
   std::sort(times.begin(), times.end());
   const float rate = clock_of_trains(session).rate;
   for (std::size_t i = 1; i < times.size(); ++i) {
@@ -358,6 +377,8 @@ interval_histogram count_intervals(const session_state& session, const spike_tra
     histogram.below_1_ms += ms < 1.0f;
     histogram.below_2_ms += ms < 2.0f;
     const float bin = ms / histogram.bin_ms;
+    // Compared before the cast, which has no value for an interval of days in bins of µs. Longer
+    // ones are counted among the intervals all the same.
     if (bin < static_cast<float>(n_bins)) ++histogram.counts[static_cast<std::size_t>(bin)];
   }
   return histogram;
@@ -393,6 +414,7 @@ graph_data make_interval_graph(const interval_histogram& histogram) {
   graph.units[0] = "ms";
   graph.axis_style[style_of_y_axis] = axis_from_zero;
   for (std::size_t i = 0; i < histogram.counts.size(); ++i) {
+    // Bars stand on their middles.
     graph.series[0].x.push_back((static_cast<float>(i) + 0.5f) * histogram.bin_ms);
     graph.series[0].y.push_back(static_cast<float>(histogram.counts[i]));
   }

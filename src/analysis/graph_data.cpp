@@ -13,6 +13,7 @@ namespace kestrelvane {
 
 namespace {
 
+// First word of the file, by which readers know it.
 constexpr std::int16_t graph_marker = -23;
 
 // Cut at the field's end, but not inside a character of several bytes.
@@ -52,6 +53,8 @@ void write_front(safe_file& out, const graph_data& graph) {
 }
 
 void write_series(safe_file& out, const graph_series& series) {
+  // x shows how many points there are; shorter columns are filled with zeros, since the file tells
+  // one count for all three.
   const std::size_t n = series.x.size();
   write_floats(out, series.x, n);
   write_floats(out, series.y, n);
@@ -89,6 +92,8 @@ std::string quoted(const std::string& text) {
 }
 
 std::string number(float value) {
+  // Nine digits read back as the same 32 bits; a spreadsheet takes an empty field for a gap, but
+  // "nan" for a word.
   return std::isfinite(value) ? fmt::format("{:.9g}", value) : std::string();
 }
 
@@ -142,6 +147,8 @@ void write_image_rows(safe_file& out, const graph_data& graph) {
   const graph_series& cells = graph.series[0];
   const auto rows = static_cast<std::size_t>(graph.axis_style[style_image_rows]);
   const auto columns = static_cast<std::size_t>(graph.axis_style[style_image_columns]);
+  // One corner cell for both axes, rows below it and columns beside it, as spreadsheets have a
+  // table.
   std::vector<std::string> fields = {
       quoted(heading(graph, 1, "y") + " \\ " + heading(graph, 0, "x"))};
   for (std::size_t c = 0; c < columns; ++c) fields.push_back(number(cells.x[c]));
@@ -202,6 +209,7 @@ void put_image(graph_data& graph, const image_grid& grid, const std::vector<floa
       cells.y.push_back(grid.y_first + static_cast<float>(row) * grid.y_step);
     }
   }
+  // A grid that came with too few values has zeros for the rest, and none beyond its cells.
   cells.third.resize(cells.x.size());
 }
 
@@ -241,6 +249,7 @@ bool write_graph_file(const graph_data& graph, const std::string& path) {
 
 bool save_graph_dialog(const session_state& session, const graph_data& graph) {
   constexpr const char* title = "Save graph";
+  // Offered beside the recording, where the user looks for what belongs to it.
   std::string path = replace_extension(session.recording.recording_path, ".gra");
   constexpr const char* kinds = "Graph files(*.GRA);;Comma-separated values(*.CSV)";
   if (!choose_file_to_save(session, title, kinds, path)) return false;

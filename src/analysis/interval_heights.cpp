@@ -23,6 +23,8 @@ float spike_height_uv(const session_state& session, std::int32_t event, std::int
       std::min<std::int64_t>(first + session.templates.template_points, r.vd.max_time() + 1);
   if (from >= to) return 0;
   const std::int16_t* v = r.vd.channel(channel);
+  // From the samples as they are stored: peak to peak over the whole window hardly feels a shift of
+  // part of a sample.
   const auto [low, high] = std::minmax_element(v + from, v + to);
   return static_cast<float>(*high - *low) * r.vscale_HP;
 }
@@ -39,12 +41,16 @@ struct side {
 };
 
 float t_test(const side& x, const side& y) {
+  // A side without spread of its own tells nothing: no difference is claimed.
   if (x.n < 2 || y.n < 2) return 1;
   const double freedom = x.n + y.n - 2;
+  // Pooled, after Student: both sides are spikes of one unit in the same noise.
   const double variance = (x.deviations() + y.deviations()) / freedom;
   const double difference = x.sum / x.n - y.sum / y.n;
+  // All heights alike on either side: any difference at all is then certain.
   if (variance <= 0) return difference == 0 ? 1.0f : 0.0f;
   const double t2 = difference * difference / (variance * (1 / x.n + 1 / y.n));
+  // Two-sided: bursts mostly make later spikes smaller, but nothing says so beforehand.
   return betai(static_cast<float>(freedom / 2), 0.5f, static_cast<float>(freedom / (freedom + t2)));
 }
 
@@ -82,6 +88,7 @@ interval_heights measure_interval_heights(const session_state& session, std::int
   result.n_spikes = static_cast<std::int32_t>(of_a.times.size());
   if (of_a.times.empty() || before.empty()) return result;
   const std::int32_t channel = session.templates.centre_channel(a);
+  // A flat template has no centre at which heights could be measured.
   if (channel < 1 || channel > session.recording.n_channels) return result;
   const float rate = clock_of_trains(session).rate;
   for (const std::size_t i : order_spikes(of_a)) {
