@@ -43,6 +43,7 @@ void clear_labels(session_state& session, const std::vector<std::int32_t>& list)
 // What an edit of a cluster's members begins with.
 void prepare_edit(session_state& session, std::int32_t cluster) {
   save_undo_state(session, undo_owner::cluster_review);
+  // Drawn round events in the plane of their components, which is another after the edit.
   session.clusters.cluster_ellipse[cluster] = {};
 }
 
@@ -50,6 +51,7 @@ void prepare_edit(session_state& session, std::int32_t cluster) {
 
 bool begin_cluster_review(session_state& session) {
   if (!can_review(session, cluster_review_title)) return false;
+  // Of an earlier visit: "Undo" would take back what the user has long since built upon.
   if (session.undo && session.undo->owner == undo_owner::cluster_review) session.undo.reset();
   session.clusters.current_cluster =
       std::clamp(session.clusters.current_cluster, 1, session.clusters.n_clusters);
@@ -86,6 +88,7 @@ std::vector<std::int32_t> tested_channels(const session_state& session, std::int
   const std::int32_t n = session.templates.template_n_channels[cluster];
   if (n < 1) return {};
   if (choice == clean_on_centre) return {channels[1]};
+  // The masked template tests all channels of it, too, and leaves points out.
   if (choice != clean_on_neighbours) return {channels + 1, channels + n + 1};
   std::vector<std::int32_t> tested{channels[1]};
   const std::int32_t* neighbours = r.neighbours(channels[1]);
@@ -99,11 +102,13 @@ std::vector<std::int32_t> tested_channels(const session_state& session, std::int
 // Whether point t of a template enters, and with which weight.
 bool point_enters(const mark_parameters& parameters, const float* mean, std::int32_t t,
                   float vscale, float& weight) {
+  // µV: below it a template is mostly baseline, where every event is noise and tells nothing.
   if (parameters.channels == clean_on_masked && !(std::fabs(mean[t] * vscale) > 25.0f)) {
     return false;
   }
   if (parameters.method == clean_by_troughs) return mean[t] < mean[t - 1] && mean[t] < mean[t + 1];
   if (parameters.method == clean_by_curvature) {
+    // The second difference: the sharp parts of a spike, where a wrong event differs most.
     weight = std::fabs(mean[t - 1] - 2.0f * mean[t] + mean[t + 1]);
   }
   return true;
@@ -146,6 +151,7 @@ float weighted_rms(const session_state& session, const std::vector<tested_point>
     sum += point.weight * squared_deviation(session, point, time);
     weights += point.weight;
   }
+  // Without a point no distance is known, and comparing with it marks nobody.
   return weights > 0.0f ? std::sqrt(sum / weights) : std::numeric_limits<float>::quiet_NaN();
 }
 
@@ -193,6 +199,8 @@ bool mark_events(session_state& session, const mark_parameters& parameters) {
   const auto [cluster, list] = current_of(session);
   if (cluster == 0) return false;
   const bool by_alignment = parameters.method == clean_by_alignment;
+  // The score is that of the fit, which uses the template's channels whatever the list says; the
+  // dialog then shows what was done.
   if (by_alignment) session.review.clean_channels = clean_on_template;
   std::vector<float> values;
   if (!measure_events(session, parameters, cluster, list, values, block_meter::moves)) return false;
@@ -208,6 +216,7 @@ bool mark_events(session_state& session, const mark_parameters& parameters) {
 void invert_marks(session_state& session) {
   for (const std::int32_t e : current_of(session).list) {
     std::int16_t& label = session.events.event_subcluster[e];
+    // Sub-clusters above 1 are no marks and have no opposite.
     if (label == 0 || label == 1) label = static_cast<std::int16_t>(1 - label);
   }
   refresh_displays(session);
@@ -224,6 +233,7 @@ std::int32_t nearest_stage(const session_state& session, float sigma_uv) {
   const double ratio = double{sigma_uv} / double{session.strategy.gac_start_sigma};
   // No logarithm of what is not positive; the narrowest stage is the nearest to it.
   if (!(ratio > 0)) return 1;
+  // The bandwidth grows by a tenth from stage to stage.
   const double steps = std::log(ratio) / std::log(1.1);
   return 1 + static_cast<std::int32_t>(std::lround(std::clamp(steps, 0.0, gac_stage_limit - 1.0)));
 }
@@ -262,6 +272,8 @@ void read_waveform(const session_state& session, std::int32_t event, std::int32_
   const event_table& events = session.events;
   const std::int16_t* samples = session.recording.vd.channel(channel) + events.event_time[event] +
                                 window_first_sample(session);
+  // As the window draws it: the user marks what he sees, and the stored samples lie beside that by
+  // part of a sample.
   interp_run(session, samples, interp_step(session, events.event_shift[event]),
              session.templates.template_points, waveform.v);
 }
@@ -272,6 +284,7 @@ bool crosses_window(const session_state& session, std::int32_t event,
   read_waveform(session, event, window.channel, waveform);
   const std::int32_t first = std::max(window.first_point, 1);
   const std::int32_t last = std::min(window.last_point, session.templates.template_points);
+  // Drawn upwards or downwards, as the hand went.
   const auto [low, high] = std::minmax(window.low_uv, window.high_uv);
   // -1 below the window, 1 above; a line from one to the other passes through it.
   std::int32_t side = 0;
@@ -295,6 +308,7 @@ bool add_label(session_state& session, const std::vector<std::int32_t>& list, Fo
                      static_cast<std::int64_t>(end) - 1,
                      [&](std::int64_t i, std::int32_t) { marked[i] = found(i) ? 1 : 0; });
       });
+  // Nothing is marked before all have been looked at: an interrupt leaves the labels as they were.
   if (!finished) return false;
   for (std::size_t i = 0; i < list.size(); ++i) {
     if (marked[i] != 0) session.events.event_subcluster[list[i]] = 1;
@@ -317,6 +331,7 @@ bool polygon_holds(const std::vector<shape_point>& polygon, shape_point p) {
 }
 
 bool ellipse_holds(const cluster_ellipse_record& ellipse, shape_point p) {
+  // Into the axes of the ellipse, where it is a circle once each has been divided by its own half.
   const float angle = ellipse.angle * (std::numbers::pi_v<float> / 180.0f);
   const float c = std::cos(angle), s = std::sin(angle);
   const float dx = p.x - ellipse.centre_x, dy = p.y - ellipse.centre_y;
@@ -335,6 +350,7 @@ bool mark_by_windows(session_state& session, const std::vector<waveform_window>&
   });
   if (list.empty() || windows.empty() || !drawn) return false;
   return add_label(session, list, [&](std::int64_t i) {
+    // A spike of the unit passes through all of them; one that misses any is marked.
     return !std::all_of(windows.begin(), windows.end(), [&](const waveform_window& w) {
       return crosses_window(session, list[i], w);
     });
@@ -357,6 +373,7 @@ float event_minutes(const session_state& session, std::int32_t event) {
     return static_cast<float>(static_cast<double>(event_record_time_ms(session, time, channel)) /
                               60000.0);
   }
+  // The exact rate, as hours at a rounded one are off by seconds.
   const double rate = r.sampling_frequency_exact > 0 ? r.sampling_frequency_exact
                                                      : static_cast<double>(r.sampling_frequency);
   return static_cast<float>(time / (rate * 60.0));
@@ -427,6 +444,7 @@ void label_events(session_state& session, const std::vector<std::int32_t>& list,
                   std::int16_t label) {
   const std::int32_t cluster = current_of(session).number;
   for (const std::int32_t e : list) {
+    // The list comes from a picture, and the events on it may have gone elsewhere since.
     if (cluster > 0 && session.events.event_cluster[e] == cluster) {
       session.events.event_subcluster[e] = label;
     }
@@ -503,6 +521,7 @@ bool delete_label(session_state& session, std::int32_t label) {
   const auto [cluster, list] = current_of(session);
   const std::vector<std::int32_t> leaving = events_of_label(session, list, label);
   if (leaving.empty()) return false;
+  // A cluster without events cannot be.
   if (leaving.size() == list.size()) return delete_whole_cluster(session, cluster);
   prepare_edit(session, cluster);
   remove_events(session, leaving, template_renewal::realigned);
@@ -528,6 +547,7 @@ void annotate_current_cluster(session_state& session, const std::string& comment
   const std::int32_t cluster = current_of(session).number;
   if (cluster == 0) return;
   session.clusters.cluster_comment[cluster].assign(comment);
+  // No cluster changes, which would be noted by itself.
   note_unsaved(session, unsaved_results::edits);
 }
 

@@ -24,6 +24,7 @@ float rank_of_pair(const status_lists_table& lists, std::int64_t k, std::int32_t
     case order_least_overlap:
       return -lists.kv_cluster_overlap[k];
     case order_best_match:
+      // A measure of difference: the smaller, the more alike.
       return -lists.kv_template_correlation[k];
     default:
       return lists.kv_cluster_overlap[k];
@@ -37,6 +38,7 @@ guided_search guided_next_pair(const session_state& session, std::int32_t search
   guided_search search;
   float best = 0.0f;
   for (std::int64_t k = 1; k <= lists.n_kv_pairs; ++k) {
+    // What the user has judged is not asked again, and what the measures keep apart needs no judge.
     if (lists.kv_user_ambiguous[k] || pair_is_distinct(session, k)) continue;
     ++search.pairs_left;
     const float rank = rank_of_pair(lists, k, search_order);
@@ -87,6 +89,7 @@ guided_step show_next_pair(session_state& session, guided_walk& walk) {
     return guided_step::decide;
   }
   cluster_table& clusters = session.clusters;
+  // The last pair stays on show; a merge at the end may have taken its higher number.
   clusters.current_cluster = std::min(walk.pair.a, clusters.n_clusters);
   clusters.previous_cluster = std::min(walk.pair.b, clusters.n_clusters);
   refresh_displays(session);
@@ -183,9 +186,11 @@ guided_step decide_pair(session_state& session, guided_walk& walk, guided_comman
     return guided_step::decide;
   }
   const bool manual = walk.last_command == guided_undo && same_pair(walk.undone_split, walk.pair);
+  // Before every decision, marks included: each can be taken back, the last one alone.
   walk.can_undo = save_undo_state(session, undo_owner::guided_merge);
   walk.last_command = command;
   walk.last_pair = walk.pair;
+  // Only the very next decision may be the second try.
   walk.undone_split = {0, 0};
   return act_on_pair(session, walk, command, manual);
 }

@@ -30,6 +30,8 @@ bool is_cluster(const session_state& session, std::int32_t cluster) {
 bool open_cluster_management(session_state& session, cluster_management& management) {
   management = {};
   if (!can_review(session, dialog_title)) return false;
+  // Saved at once and not before the first edit: "Cancel" takes back all that was done since the
+  // window opened.
   management.can_undo = save_undo_state(session, undo_owner::management);
   return true;
 }
@@ -47,6 +49,8 @@ std::int32_t count_close_pairs(const session_state& session,
   std::sort(times.begin(), times.end());
   std::int32_t count = 0;
   for (std::size_t i = 0; i < times.size(); ++i) {
+    // Pairs, so that three at one place count three times: the figure warns of a detector that saw
+    // one spike several times.
     for (std::size_t j = i + 1; j < times.size() && times[j] - times[i] < close; ++j) ++count;
   }
   return count;
@@ -62,12 +66,14 @@ registration_counts count_registrations(const session_state& session, std::int32
   const std::int32_t* last = first + templates.template_n_channels[cluster];
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   for (const std::int32_t e : list) {
+    // The channel is that of the registration, which need not be the centre of the template.
     const std::int32_t* at = std::find(first, last, session.events.event_channel[e]);
     counts.template_channel += at == first && first != last;
     counts.neighbours += at != first && at != last;
     counts.other_channels += at == last;
   }
   counts.n_events = count_cluster_events(session, cluster);
+  // Holds as long as the list of events and their count agree.
   if (counts.template_channel + counts.neighbours + counts.other_channels != counts.n_events) {
     log_message(session, "ERROR CHECKING EVENT ASSIGNMENTS");
   }
@@ -92,10 +98,12 @@ double template_width_um(const session_state& session, std::int32_t cluster) {
     const std::int32_t channel = t.channels(cluster)[i];
     const double dx = double{t.template_x[cluster]} - r.chan_x[channel];
     const double dy = double{t.template_y[cluster]} - r.chan_y[channel];
+    // In bits: the scale falls out of the quotient.
     const double height = double{template_peak_to_peak(session, cluster, channel)};
     weighted += height * (dx * dx + dy * dy);
     weights += height;
   }
+  // Twice the weighted rms distance from the place of the template: a diameter in µm.
   return weights > 0 ? 2 * std::sqrt(weighted / weights) : 0.0;
 }
 
@@ -169,6 +177,7 @@ std::vector<std::int32_t> list_by_rule(const session_state& session, std::int32_
 // What a rule needs; says what is missing.
 bool can_apply_rule(session_state& session, std::int32_t rule) {
   if (rule == rule_ambiguous) return can_review_pairs(session, dialog_title);
+  // Between stored spikes there is no stretch in which noise was measured.
   if (rule == rule_by_snr && !session.recording.is_continuous) {
     tell(session, "Can't sort based on S/N ratio for event based recording!", dialog_title,
          box_icon::warning);
@@ -221,6 +230,7 @@ std::int32_t remove_cluster_duplicates(session_state& session, cluster_managemen
     // 0 stands for an event whose time of detection is not known.
     if (events.event_detected_time[e] != 0) events.event_time[e] = events.event_detected_time[e];
   }
+  // After their times are put back: an event that is looked for again shall be where it was found.
   const std::int32_t n = remove_events(session, worse);
   management.changed = true;
   log_message(session, fmt::format("{} duplicate events removed from cluster {}", n, cluster));
@@ -230,6 +240,8 @@ std::int32_t remove_cluster_duplicates(session_state& session, cluster_managemen
 
 void cancel_cluster_management(session_state& session, cluster_management& management) {
   if (!management.changed || !management.can_undo) return;
+  // The state may be gone when another tool has saved its own; then nothing is said of an undo that
+  // was none.
   if (!restore_undo_state(session, undo_owner::management)) return;
   management.changed = false;
   refresh_displays(session);

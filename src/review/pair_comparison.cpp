@@ -56,6 +56,7 @@ void clamp_pair(session_state& session) {
   review_place& place = session.reviewed;
   if (is_cluster_pair(session, {place.compare_a, place.compare_b})) return;
   place.compare_a = 1;
+  // Where one cluster is left there is no second; the window closes then.
   place.compare_b = std::min(2, n);
   place.match_position = 0;
 }
@@ -86,6 +87,8 @@ void save_comparison(session_state& session, pair_comparison& comparison) {
 namespace {
 
 void check_lists(const session_state& session) {
+  // Checks of the lists against themselves take as long as the lists: for who measures, and not for
+  // every opening.
   if (!session.log.log_threading_times) return;
   check_shift_owners(session);
   check_match_values(session);
@@ -113,6 +116,7 @@ bool open_pair_comparison(session_state& session, pair_comparison& comparison) {
 void fill_pair_comparison(session_state& session) {
   build_match_list(session);
   const std::int32_t stored = session.reviewed.match_position;
+  // Where the user left it; a list that has become shorter ends earlier.
   if (show_entry(session, std::min(std::max(1, stored), session.lists.n_match))) return;
   session.reviewed.match_position = 0;
   compare_refresh(session, session.reviewed.compare_a, session.reviewed.compare_b);
@@ -127,6 +131,7 @@ bool compare_refresh(session_state& session, std::int32_t a, std::int32_t b) {
   if (a < 1 || a > n || b < 1 || b > n) return false;
   session.reviewed.compare_a = a;
   session.reviewed.compare_b = b;
+  // Windows of one cluster follow the first of the pair.
   session.clusters.current_cluster = a;
   refresh_displays(session);
   return true;
@@ -162,6 +167,8 @@ bool compare_most_similar(session_state& session) { return show_entry(session, 1
 
 bool compare_most_similar_to_a(session_state& session) {
   const std::int32_t a = session.reviewed.compare_a;
+  // From the top: the list is in order of likeness, so that the first entry with a is its most
+  // similar.
   const std::int32_t position = find_entry(session, 1, 1, a);
   if (position == 0) return false;
   const cluster_pair entry = entry_pair(session, position);
@@ -211,6 +218,7 @@ comparison_step compare_merge(session_state& session, pair_comparison& compariso
   log_message(session, fmt::format("Compare templates: user merged clusters {} and {}", a, b));
   save_comparison(session, comparison);
   merge_pair(session, {a, b});
+  // The lower number takes the events of both, and keeps its number whatever moves down.
   const std::int32_t merged = std::min(a, b);
   update_match_lists(session, {merged});
   const std::int32_t position = stay ? find_entry(session, 1, 1, merged) : 1;
@@ -257,6 +265,7 @@ comparison_step end_compare_resplit(session_state& session, pair_comparison& com
 
 void compare_set_distinct(session_state& session, pair_comparison& comparison, bool distinct) {
   const std::int64_t k = find_pair(session, pair_on_show(session));
+  // Before anything is saved: a mark that is there already must not cost the user his undo.
   if (k == 0 || session.lists.kv_user_distinct[k] == distinct) return;
   save_comparison(session, comparison);
   session.lists.kv_user_distinct[k] = distinct;
@@ -268,6 +277,7 @@ bool compare_undo(session_state& session, pair_comparison& comparison) {
   if (!comparison.can_undo || !restore_undo_state(session, undo_owner::pair_comparison)) {
     return false;
   }
+  // One level: the saved state has been used up by the restoring.
   comparison.can_undo = false;
   // The list that was saved may be that of another method.
   build_match_list(session);

@@ -41,6 +41,7 @@ bool b_was_larger(const pair_split& split) { return split.n_b > split.n_a; }
 
 // The label of the row at a rank, from 0.
 std::int16_t label_of_rank(const pair_split& split, std::size_t rank) {
+  // Only the two largest change places; rows of a third or fourth unit belong to neither.
   if (rank < 2 && b_was_larger(split)) rank = 1 - rank;
   // Labels end at 99; what lies beyond goes the way of the others in any case.
   return static_cast<std::int16_t>(std::min<std::size_t>(rank + 1, label_of_deleted - 1));
@@ -86,6 +87,8 @@ void fold_stage(const session_state& session, pair_split& split, std::int32_t st
   if (split.folded[stage]) return;
   split.folded[stage] = true;
   gac_tables& tables = *split.tables;
+  // From the smallest on: labels go by falling size, and one that has been folded may make its
+  // neighbour large enough to stay.
   for (std::int32_t j = gac_label_limit; j >= 1; --j) {
     const std::int32_t size = tables.as_cl_sizes[stage][j];
     const bool weak = 2 * tables.as_cl_scores[stage][j] < session.strategy.gac_threshold;
@@ -101,6 +104,7 @@ std::size_t count_shown_rows(const pair_split& split) {
 }  // namespace
 
 void show_split_stage(session_state& session, pair_split& split, std::int32_t stage) {
+  // Too few points for a single stage: there is only the membership to be shown.
   if (split.n_stages == 0) return revert_split(session, split);
   split.selected_stage = std::clamp(stage, 1, split.n_stages);
   fold_stage(session, split, split.selected_stage);
@@ -116,6 +120,7 @@ float split_sigma_uv(const session_state& session, const pair_split& split) {
 }
 
 bool merge_split_rows(session_state& session, pair_split& split, std::size_t row) {
+  // A row merges with the one below it, and the last has none.
   if (row + 1 >= count_shown_rows(split)) return false;
   const std::int16_t upper = split.rows[row].label, lower = split.rows[row + 1].label;
   std::replace(split.labels.begin(), split.labels.end(), lower, upper);
@@ -126,6 +131,7 @@ bool merge_split_rows(session_state& session, pair_split& split, std::size_t row
 
 bool delete_split_row(session_state& session, pair_split& split, std::size_t row) {
   if (row >= count_shown_rows(split)) return false;
+  // The same button takes it back.
   split.rows[row].deleted = !split.rows[row].deleted;
   write_labels(session, split);
   return true;
@@ -218,6 +224,7 @@ ugm_message judge_found(const gac_tables& tables, const stage_verdict& verdict) 
   // Folding may have left fewer than the stage was to keep.
   if (verdict.kept.size() < 2) return ugm_one_cluster;
   if (verdict.n_keep > 2) return ugm_three_clusters;
+  // Whatever else is large enough to be a cluster is shown before it is thrown away.
   return tables.nc_ge_min[verdict.best_stage] < 3 ? ugm_none : ugm_two_and_spurious;
 }
 
@@ -249,6 +256,8 @@ pair_split guided_split(session_state& session, cluster_pair pair, bool manual) 
   split.message = ugm_not_split;
   if (verdict.found && !manual) {
     session.reviewed.last_split_sigma = stage_sigma_uv(session, stage);
+    // So that the larger part keeps the number of the larger cluster, and with it what the user
+    // knows of it.
     if (b_was_larger(split) && verdict.kept.size() >= 2) {
       std::swap(verdict.kept[0], verdict.kept[1]);
     }
@@ -291,6 +300,7 @@ std::vector<std::int16_t> list_kept_labels(const session_state& session, const p
 std::int32_t count_places(const session_state& session, std::size_t n_kept) {
   const auto wanted = static_cast<std::int32_t>(n_kept);
   const std::int32_t room = std::max(0, session.max_clusters - session.clusters.n_clusters);
+  // Two of them take the numbers of the pair, and need no room.
   if (wanted - 2 <= room) return wanted;
   tell(session, "Cannot add new cluster as maximum number has been reached", "Create new cluster",
        box_icon::warning);
@@ -331,9 +341,11 @@ void tell_others(const session_state& session, const pair_split& split) {
 }  // namespace
 
 bool apply_manual_split(session_state& session, pair_split& split) {
+  // Applied as it is, it would change nothing but cost templates and pairs of both clusters.
   if (shows_membership(session, split)) return false;
   const std::vector<std::int16_t> kept = list_kept_labels(session, split);
   if (kept.empty()) return delete_both(session, split);
+  // Said before the deed, since rows beyond those shown had no button of their own.
   tell_others(session, split);
   const event_places places = places_of_rows(session, split, kept);
   // The labels stay for the eye, but none outside its cluster.

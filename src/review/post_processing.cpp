@@ -80,6 +80,7 @@ bool detection_times_known(const session_state& session) {
 
 std::int32_t remove_duplicates_after_sort(session_state& session) {
   event_table& events = session.events;
+  // The removal itself only takes events out of their clusters; who left is found by comparing.
   const std::vector<std::int32_t> before(events.event_cluster.first(),
                                          events.event_cluster.first() + events.n_events);
   const std::int32_t count = remove_duplicates_by_hand(session);
@@ -114,6 +115,7 @@ double least_log_sharpness(const session_state& session, std::int32_t cluster,
     if (q > 0.0f) logs.push_back(std::log(double{q}));
   }
   if (logs.size() < 2) return std::numeric_limits<double>::infinity();
+  // Logarithms, as sharpness spreads over decades and its mean would be that of the few sharpest.
   const auto n = static_cast<double>(logs.size());
   const double mean = std::accumulate(logs.begin(), logs.end(), 0.0) / n;
   double squares = 0;
@@ -126,6 +128,8 @@ bool relocate_event(session_state& session, const relocation& task, std::int32_t
   event_table& events = session.events;
   const std::int32_t old_time = events.event_time[e];
   const float old_shift = events.event_shift[e];
+  // Back to where it was found: alignment has drawn it to a neighbour, and the doubled window may
+  // let it find a spike of its own.
   events.event_time[e] = events.event_detected_time[e];
   if (session.strategy.multiplicative_matching) {
     align_event_multiplicative(session, task.cluster, e, task.doubled);
@@ -133,6 +137,7 @@ bool relocate_event(session_state& session, const relocation& task, std::int32_t
     align_event_rms(session, task.cluster, e, task.doubled);
   }
   const float q = rms_fit_sharpness(session, task.cluster, {e})[0];
+  // A place within one window of the old is what alignment found before, and will find again.
   const bool moved = std::abs(events.event_time[e] - old_time) > task.window;
   if (moved && q > 0.0f && std::log(double{q}) > task.least_sharpness) return true;
   events.event_time[e] = old_time;
@@ -157,6 +162,8 @@ std::int32_t relocate_in_cluster(session_state& session, const relocation& task,
       const std::int32_t a = list[i], b = list[j];
       if (std::abs(events.event_time[b] - events.event_time[a]) > task.duplicate_window) continue;
       if (!has_detected_time(session, a) || !has_detected_time(session, b)) continue;
+      // The one that alignment has carried farther is likelier the guest at this spike; of equal
+      // ones the first.
       const std::int32_t farther =
           drift_from_detection(events, b) > drift_from_detection(events, a) ? b : a;
       n_relocated += relocate_event(session, task, farther) ? 1 : 0;
@@ -188,6 +195,7 @@ relocation_counts relocate_duplicate_events(session_state& session) {
     counts.n_relocated += n_here;
     set_progress(session, meter::clusters, task.cluster, n);
   }
+  // Before duplicates are looked for: which of two is worse is judged by the place of the template.
   renew_clusters(session, changed, template_renewal::calculated);
   counts.n_duplicates = remove_duplicate_events(session, false);
   refresh_displays(session);
@@ -214,6 +222,7 @@ bool find_misaligned(const session_state& session, std::vector<std::int32_t>& ba
     log_message(session, fmt::format("sharpness value for cluster {} = {:.3f}", cluster, mean));
     set_progress(session, meter::clusters, cluster, n);
   }
+  // Found cluster by cluster; removal takes them in the order of the table.
   std::sort(bad.begin(), bad.end());
   return true;
 }
@@ -225,6 +234,7 @@ std::int32_t alignment_clean(session_state& session, bool mark_only) {
   if (!find_misaligned(session, bad)) return -1;
   const auto n = static_cast<std::int32_t>(bad.size());
   if (mark_only) {
+    // Marks of an earlier tool would be removed with these.
     session.events.event_subcluster.clear();
     for (const std::int32_t e : bad) session.events.event_subcluster[e] = 1;
     say(session, fmt::format("Alignment marking marked {}", n));
@@ -315,6 +325,7 @@ std::int32_t delete_weak_clusters(session_state& session) {
     if (below) weak.push_back(c);
   }
   const auto n = static_cast<std::int32_t>(weak.size());
+  // Mostly a limit that was mistyped.
   if (n > 0 && n == session.clusters.n_clusters &&
       !ask(session, "This will delete all the clusters!", "Are you sure?")) {
     return -1;
@@ -357,6 +368,7 @@ double key_of_channel(const session_state& session, std::int32_t c) {
   return session.templates.centre_channel(c);
 }
 double key_of_amplitude(const session_state& session, std::int32_t c) {
+  // A flat template has no height and sorts with the smallest.
   if (session.templates.template_n_channels[c] < 1) return 0;
   return template_peak_to_peak(session, c, session.templates.centre_channel(c));
 }
@@ -431,6 +443,7 @@ bool can_order(session_state& session, std::int32_t order) {
 
 std::vector<double> keys_of(const session_state& session, const order_row& row) {
   if (row.keys != nullptr) return row.keys(session);
+  // Element 0 is nobody's: clusters count from 1.
   std::vector<double> keys{0.0};
   for (const std::int32_t c : all_clusters(session)) keys.push_back(row.key(session, c));
   return keys;
@@ -443,6 +456,7 @@ double template_quality(const session_state& session, std::int32_t cluster) {
   if (!find_extremes(session, cluster, found)) return 0;
   const double s1 = found.sd[found.highest], s2 = found.sd[found.lowest];
   const double height = double{found.mean[found.highest]} - double{found.mean[found.lowest]};
+  // Half of d' between peak and trough: their distance in units of the spread at both.
   const double spread = std::sqrt(2.0 * (s1 * s1 + s2 * s2));
   return spread > 0 ? height / spread : 0;
 }
@@ -460,12 +474,16 @@ bool renumber_clusters(session_state& session) {
   const std::vector<double> keys = keys_of(session, *row);
   const bool increasing = session.review.renumber_increasing;
   std::vector<std::int32_t> order = all_clusters(session);
+  // Stable: equal clusters keep their order, also when the order is a falling one.
   std::stable_sort(order.begin(), order.end(), [&](std::int32_t a, std::int32_t b) {
     const double x = keys[static_cast<std::size_t>(a)], y = keys[static_cast<std::size_t>(b)];
+    // What is not a number stands last either way; compared plainly it would leave the sort without
+    // an order.
     if (std::isnan(x) || std::isnan(y)) return !std::isnan(x) && std::isnan(y);
     return increasing ? x < y : x > y;
   });
   if (!permute_clusters(session, order)) return false;
+  // The user wants to see what the order begins with.
   session.clusters.current_cluster = 1;
   log_message(session, row->message);
   refresh_displays(session);

@@ -55,6 +55,7 @@ image_axis make_axis(const gac_points& points, std::int32_t dimension) {
     squares += x * x;
   }
   const double mean = sum / points.n;
+  // The difference of two large sums may fall a little below 0 where all values are alike.
   const double sd = std::sqrt(std::max(squares / points.n - mean * mean, 0.0));
   return {static_cast<float>(mean - 3 * sd), static_cast<float>(6 * sd / n_cells)};
 }
@@ -83,11 +84,14 @@ density_image make_image(const gac_points& points, float part) {
   for (std::int32_t j = 1; j <= n_cells; ++j) {
     for (std::int32_t i = 1; i <= n_cells; ++i) {
       float sum = 0.0f;
+      // Smoothed over 3 x 3 cells: with few events single cells are empty by chance, in the middle
+      // of a cluster.
       for (std::int32_t k = 0; k < 9; ++k) sum += counts[j - 1 + k / 3][i - 1 + k % 3];
       image.cells[j][i] = sum / 9.0f;
       image.maximum = std::max(image.maximum, image.cells[j][i]);
     }
   }
+  // Of the maximum and not of the sum, so that it means the same for small clusters and large.
   image.threshold = part * image.maximum;
   return image;
 }
@@ -123,6 +127,8 @@ candidate_list list_candidates(const session_state& session, const lost_events& 
       if (session.events.event_cluster[e] == 0) candidates.events.push_back(e);
     }
   }
+  // In the order of the table, as the clusters have theirs: of two candidates for one place the
+  // first gets it, whatever channel it is on.
   std::sort(candidates.events.begin(), candidates.events.end());
   for (const std::int32_t e : candidates.events) {
     candidates.time.push_back(session.events.event_time[e]);
@@ -132,6 +138,8 @@ candidate_list list_candidates(const session_state& session, const lost_events& 
 }
 
 void put_back(session_state& session, const candidate_list& candidates, std::size_t i) {
+  // Alignment to a cluster that does not take the event must leave no trace: the next cluster
+  // begins from where it was detected or left.
   session.events.event_time[candidates.events[i]] = candidates.time[i];
   session.events.event_shift[candidates.events[i]] = candidates.shift[i];
 }
@@ -145,6 +153,7 @@ struct occupied_times {
   // False where there is a spike already; takes the place otherwise.
   bool take(std::int32_t time) {
     const auto member = std::lower_bound(members.begin(), members.end(), time - window);
+    // A cell does not fire twice within the window: the spike is one that the cluster has already.
     if (member != members.end() && *member <= time + window) return false;
     const auto other = restored.lower_bound(time - window);
     if (other != restored.end() && *other <= time + window) return false;
@@ -176,6 +185,7 @@ constexpr mark_parameters by_distance{clean_by_rms, clean_on_template, 0.0f};
 float distance_limit(const session_state& session, std::int32_t cluster,
                      const std::vector<std::int32_t>& list) {
   std::vector<float> own;
+  // No distance is below it, so that an interrupted search finds nobody.
   if (!measure_events(session, by_distance, cluster, list, own, block_meter::rests)) return -1.0f;
   const auto place = own.begin() + static_cast<std::ptrdiff_t>(9 * (own.size() - 1) / 10);
   std::nth_element(own.begin(), place, own.end());
@@ -200,6 +210,7 @@ std::vector<found_event> find_matches(session_state& session, std::int32_t clust
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   const float farthest = distance_limit(session, cluster, list);
   occupied_times occupied = times_of(session, list);
+  // Compared where they fit best: a spike that overlapped another was detected off its own peak.
   align_listed_events(session, cluster, candidates.events,
                       session.strategy.multiplicative_matching);
   project_events(session, space, candidates.events, points);
@@ -229,6 +240,7 @@ void let_in(session_state& session, std::int32_t cluster, const candidate_list& 
     events.event_time[e] = match.time;
     events.event_shift[e] = match.shift;
     events.event_cluster[e] = cluster;
+    // The mark shows the user who came in, and lets him take them out again.
     events.event_subcluster[e] = 1;
     if (session.preferences.verbose_log) {
       write_run_log_window(session, fmt::format("restoring event {}", e));
@@ -259,6 +271,7 @@ void check_restored(session_state& session, std::int32_t cluster, float part,
     ++counts.n_relabelled;
   }
   log_message(session, fmt::format("n relabelled on final check={}", counts.n_relabelled));
+  // The template was made with those who have left.
   if (counts.n_relabelled > 0) recalculate_cluster(session, cluster);
 }
 
@@ -299,6 +312,7 @@ bool reclaim_events(session_state& session, reclaim_selectivity selectivity,
                            counts)) {
     return !session.operation.autosort_interrupt;
   }
+  // Drawn in the plane of the old components, it would enclose others now.
   session.clusters.cluster_ellipse[cluster] = {};
   renew_clusters(session, {cluster}, template_renewal::done);
   refresh_displays(session);
@@ -311,6 +325,8 @@ std::int32_t reclaim_lost_events(session_state& session, reclaim_selectivity sel
   std::vector<std::int32_t> changed;
   std::int32_t n_restored = 0;
   for (std::int32_t cluster = 1; cluster <= n; ++cluster) {
+    // Between clusters: those that are done keep what they gained, and their pairs are renewed
+    // below.
     if (autosort_interrupted(session)) break;
     reclaim_counts counts;
     if (reclaim_for_cluster(session, cluster, selectivity, lost, false, counts)) {
@@ -320,6 +336,7 @@ std::int32_t reclaim_lost_events(session_state& session, reclaim_selectivity sel
     set_progress(session, meter::clusters, cluster, n);
   }
   if (n_restored < 0) log_message(session, "Surely n_restored cannot be negative?");
+  // Pairs once for all clusters: after each of them it would be the longest part by far.
   renew_clusters(session, changed, template_renewal::done);
   refresh_displays(session);
   return n_restored;

@@ -5,6 +5,7 @@
 namespace kestrelvane {
 
 bool can_review(const session_state& session, const char* title) {
+  // The recording first: without samples clusters of a file cannot be looked at either.
   if (session.recording.n_samples == 0) {
     tell(session, "No recording data in memory", "Error ");
     return false;
