@@ -67,6 +67,7 @@ bool parse_font(std::string_view text, font_description& font) {
 
 QFont make_font(const font_description& description) {
   QFont font(QString::fromStdString(description.typeface));
+  // The named typeface may be missing; the hint finds one of its kind.
   font.setStyleHint(description.fixed ? QFont::TypeWriter : QFont::SansSerif);
   font.setFixedPitch(description.fixed);
   font.setBold(description.bold);

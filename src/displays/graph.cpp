@@ -298,6 +298,7 @@ QColor series_colour(const graph_data& graph, std::size_t series, const graph_st
   const series_look look = look_of_series(graph, series);
   const QColor colour = look.own_colour ? colour_of_word(look.colour) : QColor(colours[series]);
   const int contrast = std::abs(qGray(colour.rgb()) - qGray(style.background.rgb()));
+  // Of 255: a line must stand off its ground, light or dark, and keep its hue as far as it can.
   return contrast < 50 ? mix(colour, style.text, 0.5) : colour;
 }
 

@@ -40,6 +40,7 @@ bool paint_svg(QBuffer& out, QSize size, const paint_routine& paint) {
 }
 
 bool paint_pdf(QBuffer& out, QSize size, const paint_routine& paint) {
+  // Fine enough that places which the writer rounds to dots do not show.
   constexpr int dots_per_inch = 1200;
   QPdfWriter pdf(&out);
   pdf.setResolution(dots_per_inch);

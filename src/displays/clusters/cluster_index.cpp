@@ -9,6 +9,8 @@ namespace kestrelvane {
 void forget_cluster_index(cluster_index& index) { index.valid = false; }
 
 void update_cluster_index(const session_state& session, cluster_index& index) {
+  // Two passes over all events, up to 50 million of them: once for all windows, until somebody says
+  // that clusters have changed.
   if (index.valid) return;
   const event_table& events = session.events;
   const std::int32_t n_clusters = session.clusters.n_clusters;
@@ -25,6 +27,7 @@ void update_cluster_index(const session_state& session, cluster_index& index) {
     const std::int32_t c = events.event_cluster[e];
     if (known(c)) index.list[index.first[c + 1]++] = e;
   }
+  // Pictures that were made with an earlier index know by the stamp that they are old.
   ++index.stamp;
   index.valid = true;
 }
@@ -41,6 +44,8 @@ std::vector<std::int32_t> clusters_on_show(const session_state& session,
   std::vector<std::int32_t> shown;
   for (const std::int32_t c : wanted) {
     if (c < 1 || c > session.clusters.n_clusters) continue;
+    // In the order that was wanted, since places have colours; one that is named twice is shown
+    // once.
     if (std::find(shown.begin(), shown.end(), c) == shown.end()) shown.push_back(c);
   }
   return shown;

@@ -28,6 +28,7 @@ cluster_theme make_cluster_theme(const preferences_record& preferences, bool dar
     QColor colour = colour_of_word(static_cast<std::uint32_t>(preferences.subcluster_colours[i]));
     // In steps, so that a colour keeps as much of its hue as can be seen.
     for (int step = 0; step < 5; ++step) {
+      // Of 255: about where thin lines begin to be told from their ground.
       if (std::abs(qGray(colour.rgb()) - qGray(theme.background.rgb())) >= 70) break;
       colour = mix_colours(colour, theme.text, 0.2);
     }
@@ -37,7 +38,9 @@ cluster_theme make_cluster_theme(const preferences_record& preferences, bool dar
 }
 
 QColor colour_of_mark(const cluster_theme& theme, std::int32_t mark) {
+  // What belongs nowhere has no colour that could be taken for a cluster's.
   if (mark < 1 || mark == outlier_label) return theme.neutral;
+  // The preferences hold ten; marks ten apart share one.
   return theme.colours[static_cast<std::size_t>((mark - 1) % 10)];
 }
 
@@ -46,6 +49,8 @@ mark_source find_mark_source(const session_state& session, std::span<const std::
   const bool labelled = std::any_of(events.begin(), events.end(), [&](std::int32_t e) {
     return session.events.event_subcluster[e] != 0;
   });
+  // Somebody has labelled these events and wants to see it; without labels a pair is told apart by
+  // place.
   if (labelled) return mark_source::labels;
   return n_clusters == 2 ? mark_source::places : mark_source::clusters;
 }

@@ -17,6 +17,7 @@ namespace {
 bool ascends(const graph_view& view) { return view.x_from < view.x_to && view.y_from < view.y_to; }
 
 float component_of(const component_values& values, std::size_t i, std::int32_t dimension) {
+  // The settings may ask for fewer components than a view was made for: the missing ones are flat.
   if (dimension < 1 || dimension > values.dimensions) return 0.0f;
   return values.values[i * static_cast<std::size_t>(values.dimensions) +
                        static_cast<std::size_t>(dimension) - 1];
@@ -40,6 +41,7 @@ std::vector<plane_point> project_to_plane(const component_values& values,
                                           const component_view& view) {
   constexpr float degree = std::numbers::pi_v<float> / 180.0f;
   const std::array<float, 3> mean = mean_of(values, view);
+  // First about the upright axis, then about the level one, as a hand turns a globe.
   const float ct = std::cos(view.turn * degree), st = std::sin(view.turn * degree);
   const float cl = std::cos(view.tilt * degree), sl = std::sin(view.tilt * degree);
   const bool turned = view.turn != 0 || view.tilt != 0;
@@ -107,6 +109,7 @@ component_view component_view_of_settings(const session_state& session) {
   view.centred = session.preferences.centre_pc_points;
   view.display_scale = session.preferences.pc_display_scale;
   const float* r = session.display.pc_view_range;
+  // With automatic scaling the stored range is that of another cluster.
   if (!view.autoscale) view.range = {r[0], r[1], r[2], r[3]};
   return view;
 }
@@ -164,8 +167,11 @@ void prepare_components(const session_state& session, const component_values& va
   picture.values = &values;
   picture.points = project_to_plane(values, view);
   graph_view shown = view.autoscale ? view_of_points(picture.points) : scaled_view(values, view);
+  // A range that the user has zoomed to goes before any scaling.
   if (ascends(view.range)) shown = view.range;
   picture.plane = lay_out_plane(QRectF(0, 0, view.width, view.height), shown, false);
+  // The ellipse was drawn in the plane of the first two components of its cluster, and means
+  // nothing in another.
   const bool plane_of_two = view.turn == 0 && view.tilt == 0 && view.dimensions[0] == 1 &&
                             view.dimensions[1] == 2 && values.clusters.size() == 1;
   if (!plane_of_two || !view.show_ellipse || values.clusters[0] > session.clusters.n_clusters) {
@@ -185,9 +191,11 @@ void paint_components(QPainter& painter, const component_picture& picture,
   labels.note = QString("%1 events").arg(values.events.size());
   labels.x = turned ? QString("turned") : QString("PC%1").arg(view.dimensions[0]);
   labels.y = turned ? QString("tilted") : QString("PC%1").arg(view.dimensions[1]);
+  // An axis that is turned measures no single component, and its numbers would say nothing.
   labels.x_numbers = labels.y_numbers = !turned;
   painter.save();
   paint_plane(painter, QRectF(0, 0, view.width, view.height), picture.plane, labels, theme);
+  // Pixels: few points have room to be large, many would run together.
   const double radius = values.events.size() < 1500 ? 1.5 : 1.0;
   paint_points(painter, picture.plane, picture.points, values.marks, theme, radius);
   paint_outline(painter, picture.plane, picture.ellipse, theme);

@@ -9,6 +9,7 @@ namespace kestrelvane {
 
 namespace {
 
+// Pixels below which axes with numbers would take more room than the bars.
 bool is_small(const QRectF& rect) { return rect.width() < 190 || rect.height() < 130; }
 
 double value_of_count(const correlogram_panel& panel, double count) {
@@ -19,6 +20,7 @@ drawn_graph lay_out_correlogram(const QRectF& rect, const correlogram_panel& pan
   const double reach = 0.5 * static_cast<double>(panel.counts.size()) * panel.bin_ms;
   double most = std::max(panel.expected, 0.0);
   for (const std::int32_t count : panel.counts) most = std::max(most, static_cast<double>(count));
+  // A little air above the highest bar, or it would look cut off.
   const double top = most > 0 ? 1.06 * value_of_count(panel, most) : 1;
   drawn_graph plane = lay_out_plane(rect, {-reach, reach, 0, top}, false);
   if (is_small(rect)) {
@@ -90,6 +92,7 @@ void paint_correlogram(QPainter& painter, const QRectF& rect, const correlogram_
     labels.y = panel.rate_per_count > 0 ? "spikes/s" : "Counts per bin";
     paint_plane(painter, rect, plane, labels, theme);
   }
+  // An even count of bins has no middle one to stand on 0.
   if (panel.counts.size() % 2 == 1 && panel.bin_ms > 0) {
     paint_bars(painter, plane, panel, theme);
     paint_lines(painter, plane, panel, theme);

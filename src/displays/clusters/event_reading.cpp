@@ -14,6 +14,8 @@ void read_event_waveform(const session_state& session, std::int32_t event, std::
       std::int64_t{session.events.event_time[event]} + session.templates.first_sample;
   // The taps of the interpolation, and the lanes that they are read in.
   const std::int32_t room = session.tables.width + 32;
+  // A file may hold events at the very rim; a flat line is shown rather than memory that is not the
+  // recording's.
   if (first - room < -vd_margin || first + n + room > r.vd.max_time()) {
     std::fill(values, values + n, 0.0f);
     return;
@@ -38,6 +40,7 @@ float minutes_of_event(const session_state& session, std::int32_t event) {
     return static_cast<float>(static_cast<double>(event_record_time_ms(session, time, channel)) /
                               60000.0);
   }
+  // The exact rate: over hours a rounded one is off by seconds, and marks would leave their epochs.
   const double rate = r.sampling_frequency_exact > 0 ? r.sampling_frequency_exact
                                                      : static_cast<double>(r.sampling_frequency);
   return rate > 0 ? static_cast<float>(time / (rate * 60.0)) : 0.0f;
@@ -50,6 +53,8 @@ plane_point read_event_place(const session_state& session, std::int32_t event,
   double sum = 0, x = 0, y = 0;
   for (std::int32_t k = 1; k <= session.templates.template_n_channels[cluster]; ++k) {
     const double height = read_event_height(session, event, channels[k]);
+    // By the square, as energy: with plain heights the noise of many far channels would draw every
+    // spike to their middle.
     const double weight = height * height;
     sum += weight;
     x += weight * r.chan_x[channels[k]];

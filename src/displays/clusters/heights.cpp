@@ -9,6 +9,7 @@ namespace kestrelvane {
 
 namespace {
 
+// More than the plane has pixels for; each costs an interpolated waveform.
 constexpr std::int64_t most_events = 200'000;
 
 float height_of(const session_state& session, std::int32_t event, std::int32_t cluster) {
@@ -23,6 +24,7 @@ void gather_heights(const session_state& session, const cluster_index& index,
   for (const std::int32_t c : picture.clusters) {
     n += static_cast<std::int64_t>(events_of_cluster(index, c).size());
   }
+  // One stride for both clusters, so that their densities can still be compared.
   picture.stride = static_cast<std::int32_t>((n + most_events - 1) / most_events);
   picture.stride = std::max(picture.stride, 1);
   for (const std::int32_t c : picture.clusters) {
@@ -107,6 +109,7 @@ std::vector<plane_point> running_median(std::vector<plane_point> points, std::si
   std::stable_sort(points.begin(), points.end(),
                    [](plane_point a, plane_point b) { return a.x < b.x; });
   std::vector<plane_point> medians;
+  // Stretches overlap by half, which makes a line and not stairs.
   const std::size_t step = std::max<std::size_t>(stretch / 2, 1);
   std::vector<float> heights;
   for (std::size_t from = 0; from < points.size(); from += step) {
@@ -151,6 +154,7 @@ void prepare_heights(const session_state& session, cluster_index& index,
   // The whole recording, so that a unit that comes late or goes is seen to.
   shown.x_from = 0;
   if (session.recording.duration_mins > 0) shown.x_to = session.recording.duration_mins;
+  // From 0, so that a drift of a tenth looks like a tenth.
   if (view.measure == height_measure::peak_to_peak) shown.y_from = 0;
   if (view.range.x_from < view.range.x_to && view.range.y_from < view.range.y_to) {
     shown = view.range;

@@ -16,6 +16,7 @@ struct opacity_scale {
       : least(least_opacity),
         per_log((1 - least_opacity) / std::max(std::log(static_cast<double>(most)), 1e-9)) {}
   int of(std::uint64_t count) const {
+    // Logarithmic: counts span four decades, and a single event shall be seen beside the crowd.
     const double opacity = least + per_log * std::log(static_cast<double>(count));
     return static_cast<int>(std::lround(255 * std::clamp(opacity, 0.0, 1.0)));
   }
@@ -39,6 +40,7 @@ count_sums sum_counts(const mark_counts& counts) {
     for (std::size_t k = 0; k < counts.layers.size(); ++k) {
       const std::uint32_t* count = counts.layers[k].counts.data() + y * width;
       std::uint32_t any = 0;
+      // Without a branch, so that it runs in wide lanes.
       for (std::size_t x = 0; x < width; ++x) any |= count[x];
       if (any == 0) continue;
       sums.layers[y].push_back(static_cast<std::uint8_t>(k));
@@ -55,6 +57,7 @@ QRgb mixed_pixel(const mark_counts& counts, const std::vector<std::uint8_t>& lay
                  int opacity) {
   std::uint64_t red = 0, green = 0, blue = 0;
   for (const std::uint8_t k : layers) {
+    // The mean colour of the events in the pixel, each with one vote; 64 bits hold any sum of them.
     const std::uint64_t n = counts.layers[k].counts[pixel];
     red += n * static_cast<std::uint64_t>(qRed(colours[k]));
     green += n * static_cast<std::uint64_t>(qGreen(colours[k]));
@@ -104,6 +107,7 @@ QImage image_of_counts(const mark_counts& counts, const cluster_theme& theme,
     colours.push_back(colour_of_mark(theme, layer.mark).rgb());
   }
   const count_sums sums = sum_counts(counts);
+  // Two at least: with single events alone the logarithm of the most would be 0.
   const opacity_scale scale(least_opacity, std::max<std::uint32_t>(sums.most, 2));
   std::vector<int> few(256);
   for (std::size_t c = 1; c < few.size(); ++c) few[c] = scale.of(c);
@@ -123,6 +127,7 @@ QImage image_of_counts(const mark_counts& counts, const cluster_theme& theme,
 
 pixel_device device_of(const QPainter& painter) {
   const QTransform device = painter.deviceTransform();
+  // On paper and in vector files pixels have no meaning, and a turned one no rows.
   if (painter.paintEngine()->type() != QPaintEngine::Raster ||
       device.type() > QTransform::TxScale) {
     return {};

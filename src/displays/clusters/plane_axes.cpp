@@ -20,6 +20,7 @@ void use_named_font(QPainter& painter, const char* name) {
   if (parse_font(name, description)) painter.setFont(make_font(description));
 }
 
+// Multiples of a tenth miss 0 by their roundings, and "-1.4e-17" is no number for an axis.
 double shown_zero(double value, double step) { return std::abs(value) < step * 1e-6 ? 0 : value; }
 
 template <typename Draw>
@@ -136,6 +137,7 @@ double round_step(double range, int n) {
   const double rough = range / std::max(n, 1);
   const double power = std::pow(10.0, std::floor(std::log10(rough)));
   for (const double factor : {1.0, 2.0, 5.0}) {
+    // The tolerance takes 0.2 for the 0.19999999 that the division gives.
     if (factor * power >= rough * (1 - 1e-9)) return factor * power;
   }
   return 10 * power;
@@ -158,6 +160,7 @@ drawn_graph lay_out_even_plane(const QRectF& rect, const graph_view& view, bool 
   graph_view& v = plane.view;
   const double per_x = (v.x_to - v.x_from) / plane.inside.width();
   const double per_y = (v.y_to - v.y_from) / plane.inside.height();
+  // The axis with room to spare shows more on both sides: a µm is as long across as along.
   const double more_x = 0.5 * (std::max(per_x, per_y) - per_x) * plane.inside.width();
   const double more_y = 0.5 * (std::max(per_x, per_y) - per_y) * plane.inside.height();
   v = {v.x_from - more_x, v.x_to + more_x, v.y_from - more_y, v.y_to + more_y};
@@ -168,6 +171,7 @@ void paint_plane(QPainter& painter, const QRectF& rect, const drawn_graph& plane
                  const plane_labels& labels, const cluster_theme& theme) {
   painter.save();
   painter.fillRect(rect, theme.background);
+  // Ticks and frame lie on whole pixels; smoothing would make them two pale ones.
   painter.setRenderHint(QPainter::Antialiasing, false);
   use_small_font(painter);
   paint_ticks(painter, plane, labels, theme);
@@ -195,6 +199,7 @@ graph_view view_of_points(std::span<const plane_point> points) {
 
 void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const plane_point> points,
                   std::span<const std::int16_t> marks, const cluster_theme& theme, double radius) {
+  // Above it points hide each other and single squares take longer than a count per pixel.
   constexpr std::size_t few = 6000;
   const pixel_device device = device_of(painter);
   painter.save();
@@ -242,6 +247,7 @@ void paint_outline(QPainter& painter, const drawn_graph& plane, const plane_poly
 std::ptrdiff_t point_at(const drawn_graph& plane, std::span<const plane_point> points,
                         QPointF pixel, double reach) {
   const QPointF at = value_at(plane, pixel);
+  // The reach is one in pixels, whatever the two axes measure.
   const QPointF aside = value_at(plane, pixel + QPointF(reach, reach));
   return nearest_point(points, {static_cast<float>(at.x()), static_cast<float>(at.y())},
                        static_cast<float>(std::abs(aside.x() - at.x())),

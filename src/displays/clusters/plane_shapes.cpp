@@ -24,10 +24,12 @@ std::vector<std::size_t> points_where(std::span<const plane_point> points, Holds
 bool rectangle_holds(const plane_rectangle& rectangle, plane_point p) {
   const auto [left, right] = std::minmax(rectangle.a.x, rectangle.b.x);
   const auto [low, high] = std::minmax(rectangle.a.y, rectangle.b.y);
+  // The outline belongs to it.
   return p.x >= left && p.x <= right && p.y >= low && p.y <= high;
 }
 
 bool polygon_holds_point(const plane_polygon& polygon, plane_point p) {
+  // A point without a place is inside of nothing.
   if (polygon.size() < 3 || !std::isfinite(p.x) || !std::isfinite(p.y)) return false;
   bool inside = false;
   for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
@@ -54,6 +56,7 @@ cluster_ellipse_record ellipse_between(plane_point a, plane_point b) {
 }
 
 plane_polygon outline_of(const cluster_ellipse_record& ellipse) {
+  // Every five degrees, which looks round at the size of a screen.
   constexpr int n_corners = 72;
   const float c = std::cos(ellipse.angle * degree), s = std::sin(ellipse.angle * degree);
   plane_polygon outline;
@@ -87,6 +90,8 @@ std::ptrdiff_t nearest_point(std::span<const plane_point> points, plane_point to
   for (std::size_t i = 0; i < points.size(); ++i) {
     const float dx = (points[i].x - to.x) / reach_x, dy = (points[i].y - to.y) / reach_y;
     const float distance = dx * dx + dy * dy;
+    // Negated, so that what is no number is passed over. The last of equally near ones is drawn on
+    // top, and is the one that was meant.
     if (!(distance <= best)) continue;
     best = distance;
     nearest = static_cast<std::ptrdiff_t>(i);

@@ -74,6 +74,7 @@ shown_events gather_sets(const session_state& session, const cluster_index& inde
     set.n_labelled = static_cast<std::int32_t>(events.size());
     read_template(session, picture.layout, set);
     picture.sets.push_back(std::move(set));
+    // A density is of all events, and has no pages.
     const bool whole = view.mode == waveform_mode::density;
     const std::size_t from =
         whole ? 0
@@ -147,8 +148,11 @@ std::int64_t count_event(const session_state& session, std::size_t i, waveform_p
 void count_on(const session_state& session, waveform_picture& picture) {
   const auto n_panels = static_cast<std::int64_t>(picture.layout.panels.size());
   const spread_order order(picture.n_to_count);
+  // Two budgets: reading takes time by the waveform, counting by the pixel, and neither may hold up
+  // the window.
   std::int64_t waveforms = picture.view.waveforms_per_call, pixels = pixel_budget;
   while (picture.n_counted < picture.n_to_count && waveforms > 0 && pixels > 0) {
+    // Spread over the recording, so that a picture that is half done looks like the whole.
     const auto i = static_cast<std::size_t>(order.at(picture.n_counted++));
     pixels -= count_event(session, i, picture);
     waveforms -= n_panels;
@@ -279,6 +283,7 @@ void paint_template(waveform_painting& p, const waveform_set& set) {
   const waveform_layout& layout = p.picture.layout;
   const bool alone = p.view.mode == waveform_mode::templates;
   const QColor colour = colour_of_mark(p.theme, set.mark);
+  // Over events the band is neutral, as one in their colour would look like more of them.
   QColor band = alone ? colour : p.theme.text;
   band.setAlpha(alone ? 55 : 40);
   const QColor line = alone ? colour : mix_colours(colour, p.theme.text, 0.65);
@@ -288,6 +293,7 @@ void paint_template(waveform_painting& p, const waveform_set& set) {
     const float* sd = set.sd.data() + k * static_cast<std::size_t>(layout.n_points);
     QPolygonF outline = line_of(layout, layout.panels[k], mean, sd, 1);
     const QPolygonF below = line_of(layout, layout.panels[k], mean, sd, -1);
+    // Back along the lower edge: the two make one outline that can be filled.
     std::copy(below.rbegin(), below.rend(), std::back_inserter(outline));
     p.painter.setPen(Qt::NoPen);
     p.painter.setBrush(band);
@@ -327,6 +333,7 @@ void paint_axes(waveform_painting& p) {
   const double half_ms = 0.5 * layout.pixels_per_ms;
   p.painter.drawLine(QPointF(corner_x, corner_y), QPointF(corner_x + half_ms, corner_y));
   use_small_font(p.painter);
+  // What the bar measures as drawn, which is less than asked for where the window ends.
   const double shown = length / layout.pixels_per_uv;
   p.painter.drawText(QPointF(corner_x + 5, corner_y - 6),
                      QString("%1 µV, 0.5 ms").arg(shown, 0, 'f', 0));
@@ -400,6 +407,7 @@ void paint_waveforms(QPainter& painter, const waveform_picture& picture, const w
 }
 
 std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y) {
+  // Pixels, above and below the line at the pointer's place in time.
   constexpr float reach = 4;
   const waveform_layout& layout = picture.layout;
   const auto n_points = static_cast<std::size_t>(layout.n_points);
@@ -409,11 +417,13 @@ std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y
     const waveform_panel& panel = layout.panels[k];
     const float exact = (x - panel.x) / layout.step;
     if (!(exact >= 0 && exact <= static_cast<float>(layout.n_points - 1))) continue;
+    // The last point ends a segment and begins none.
     const auto p = std::min(static_cast<std::size_t>(exact), n_points - 2);
     const float part = exact - static_cast<float>(p);
     for (std::size_t i = 0; i < picture.events.size(); ++i) {
       const float* v = picture.values.data() + (i * layout.panels.size() + k) * n_points + p;
       const float at = panel.y - layout.pixels_per_uv * (v[0] + part * (v[1] - v[0]));
+      // Of equally near ones the last, which is drawn over the others.
       if (std::abs(at - y) > best) continue;
       best = std::abs(at - y);
       found = picture.events[i];

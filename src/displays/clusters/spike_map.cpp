@@ -18,6 +18,7 @@ constexpr std::size_t most_own = 2500;
 double duration_of(const session_state& session) {
   const recording_store& r = session.recording;
   const double samples = r.sampling_frequency > 0 ? r.n_samples / (60.0 * r.sampling_frequency) : 0;
+  // Stored records may end long after their samples, laid end to end, would; epochs as well.
   return std::max<double>({samples, r.duration_mins, 1e-6});
 }
 
@@ -29,6 +30,7 @@ graph_view view_in_force(const session_state& session, const spike_view& view) {
     shown.x_to = duration_of(session);
   }
   if (!(shown.y_from < shown.y_to)) {
+    // µm beyond the outermost sites: units lie there, too, and a single site has no extent.
     const double room = std::max(10.0, 0.02 * (r.site_y_max - r.site_y_min));
     shown.y_from = r.site_y_min - room;
     shown.y_to = r.site_y_max + room;
@@ -110,6 +112,7 @@ void for_each_behind(const session_state& session, const background_rows& rows, 
     for (std::int32_t e = from; e < from + length; ++e) {
       if (times[e] < range.first || times[e] > range.last) continue;
       std::int32_t c = events.event_cluster[e];
+      // Events under removal belong nowhere, as those without a cluster.
       if (c < 0 || c >= n) c = 0;
       if (rows.behind[static_cast<std::size_t>(c)] != 0) visit(e, c);
     }
@@ -237,6 +240,7 @@ void place_background(const session_state& session, spike_picture& picture) {
 // The view moved so that it lies within the recording.
 void hold_view(const session_state& session, spike_view& view, double from, double length) {
   const double duration = duration_of(session);
+  // Minutes: the least is under a ms, where a window holds a single spike.
   length = std::clamp(length, 1e-5, duration);
   view.from_minutes = std::clamp(from, 0.0, duration - length);
   view.to_minutes = view.from_minutes + length;
@@ -252,6 +256,7 @@ void paint_chosen(QPainter& painter, const spike_picture& picture, const spike_v
     const std::size_t i = picture.n_behind + k;
     const QPointF at = pixel_of(picture.plane, picture.points[i].x, picture.points[i].y);
     const double part = most > 0 && view.size_by_height ? picture.heights[k] / most : 0.5;
+    // Pixels: the smallest is still seen, the largest hides few others.
     const double radius = 0.9 + 2.1 * part;
     painter.fillRect(QRectF(at.x() - radius, at.y() - radius, 2 * radius, 2 * radius),
                      colour_of_mark(theme, picture.marks[i]));
@@ -318,6 +323,7 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
 std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel) {
   if (!picture.plane.inside.contains(pixel)) return 0;
   const std::span<const plane_point> points(picture.points);
+  // The chosen ones first: they are drawn over the others.
   std::ptrdiff_t i = point_at(picture.plane, points.subspan(picture.n_behind), pixel);
   if (i >= 0) return picture.events[picture.n_behind + static_cast<std::size_t>(i)];
   i = point_at(picture.plane, points.first(picture.n_behind), pixel);
@@ -331,6 +337,7 @@ std::int32_t spike_cluster_at(const session_state& session, const spike_picture&
   if (picture.behind.layers.empty() || !picture.plane.inside.contains(pixel)) return 0;
   // A counted background: the cluster whose row is next to the pointer.
   std::int32_t found = 0;
+  // Pixels from the row of the cluster.
   double best = 6;
   for (std::size_t c = 1; c < picture.centres.size(); ++c) {
     const double y = pixel_of(picture.plane, 0, picture.centres[c].y).y();
@@ -352,6 +359,7 @@ void zoom_spikes(const session_state& session, spike_view& view, const spike_pic
   const graph_view v = view_in_force(session, view);
   const double fixed = value_at(picture.plane, about).x();
   if (!(factor > 0)) return;
+  // What lies under the pointer stays there.
   hold_view(session, view, fixed + (v.x_from - fixed) / factor, (v.x_to - v.x_from) / factor);
 }
 
@@ -374,6 +382,7 @@ void prepare_probe(const session_state& session, cluster_index& index, const pro
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     const double part =
         static_cast<double>(events_of_cluster(index, c).size()) / static_cast<double>(most);
+    // The area grows about with the count of events, as the eye compares areas.
     picture.radii.push_back(static_cast<float>(3 + 7 * std::sqrt(part)));
   }
   graph_view shown = view_of_points(picture.sites);

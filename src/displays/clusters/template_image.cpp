@@ -22,6 +22,7 @@ void choose_rows(const session_state& session, const template_image_view& view,
   const std::int32_t centre = session.templates.centre_channel(view.cluster);
   std::int32_t middle = 1;
   for (std::int32_t k = 1; k <= r.n_channels; ++k) {
+    // Rows are in the order of the probe and not of channel numbers, which wander over it.
     if (r.chan_sort_order[k] == centre) middle = k;
   }
   const auto box = image_box(view.width, view.height);
@@ -56,6 +57,7 @@ void paint_colour_bar(QPainter& painter, const template_image_picture& picture,
   constexpr int n_steps = 128;
   QImage scale(1, n_steps, QImage::Format_RGB32);
   for (int i = 0; i < n_steps; ++i) {
+    // Rows of an image run downwards, the scale upwards.
     const float up = 1 - static_cast<float>(i) / (n_steps - 1);
     scale.setPixelColor(0, i, colour_of_voltage(both_signs ? 2 * up - 1 : up, theme));
   }
@@ -125,6 +127,7 @@ void prepare_template_image(const session_state& session, const template_image_v
       most = std::max(most, std::abs(picture.values.back()));
     }
   }
+  // A scale about 0, equal on both sides: the background then stands for 0 µV.
   if (most > 0) picture.limit_uv = most;
 }
 

@@ -47,6 +47,8 @@ site_spread measure_sites(const recording_store& r, const std::vector<std::int32
     for (const std::int32_t b : channels) {
       const float dx = std::abs(static_cast<float>(r.chan_x[a] - r.chan_x[b]));
       const float dy = std::abs(static_cast<float>(r.chan_y[a] - r.chan_y[b]));
+      // Only sites whose panels would overlap sideways stand over one another; staggered columns do
+      // not.
       if (dy > 0 && (s.gap_x == 0 || dx < fill * s.gap_x)) s.gap_y = std::min(s.gap_y, dy);
     }
   }
@@ -77,6 +79,7 @@ float fitting_scale(const session_state& session, const waveform_view& view, flo
       if (down > 0) scale = std::min(scale, below / down);
     }
   }
+  // Flat templates alone ask for no scale.
   return scale < std::numeric_limits<float>::max() ? std::max(scale, 1e-6f) : 0.5f;
 }
 
@@ -130,8 +133,12 @@ std::vector<std::int32_t> nearest_channels(const session_state& session, std::in
   const recording_store& r = session.recording;
   std::vector<std::int32_t> channels;
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    // A masked channel shows nothing of a spike; the centre stays, round which the others are
+    // looked for.
     if (!r.chan_mask[c] || c == centre) channels.push_back(c);
   }
+  // Of equally far channels the lower number first, or the choice would change from machine to
+  // machine.
   std::stable_sort(channels.begin(), channels.end(), [&](std::int32_t a, std::int32_t b) {
     return r.distance(centre, a) < r.distance(centre, b);
   });
@@ -150,6 +157,7 @@ waveform_view view_of_settings(const session_state& session) {
   view.voltage_scale = d.sw_voltage_scale;
   view.channel_spacing = d.sw_channel_spacing;
   view.first_item = d.sw_first_item;
+  // 0 stands for those of the templates.
   view.n_channels = d.sw_autoscale ? 0 : d.sw_show_channels;
   view.line_thickness = d.sw_line_thickness;
   view.voltage_axis_uv = d.sw_voltage_axis;
@@ -193,6 +201,7 @@ waveform_layout lay_out_waveforms(const session_state& session, const waveform_v
   } else {
     lay_out_to_scale(session, view, channels, sites, layout);
   }
+  // After the layout, which the wheel must not change: panels stay where they are.
   layout.pixels_per_uv *= view.voltage_gain;
   layout.pixels_per_ms =
       layout.step * static_cast<float>(session.recording.sampling_frequency) / 1000.0f;
@@ -203,6 +212,7 @@ drawn_window window_of_corners(const waveform_layout& layout, float x0, float y0
                                float y1) {
   drawn_window window;
   if (layout.panels.empty() || !(layout.step > 0) || !(layout.pixels_per_uv > 0)) return window;
+  // By its middle: a window that was drawn generously may reach into the panel beside.
   const float x = 0.5f * (x0 + x1), y = 0.5f * (y0 + y1);
   const float width = layout.step * static_cast<float>(layout.n_points - 1);
   const waveform_panel* nearest = nullptr;
@@ -227,8 +237,10 @@ bool crosses_drawn_window(const float* values, const drawn_window& window) {
   for (std::int32_t p = window.first_point; p <= window.last_point; ++p) {
     const float v = values[p - 1];
     if (v >= window.low_uv && v <= window.high_uv) return true;
+    // The line beyond the last point is outside of what was drawn.
     if (p == window.last_point) break;
     const float next = values[p];
+    // A steep flank may pass through a low window between two points.
     if ((v < window.low_uv && next > window.high_uv) ||
         (v > window.high_uv && next < window.low_uv)) {
       return true;

@@ -47,6 +47,7 @@ QImage make_grey_image(const session_state& session, const voltage_layout& layou
     std::uint8_t* line = image.scanLine(top);
     for (std::int32_t k = 1; k <= grey.n_columns; ++k) line[k - 1] = grey_of(session, values[k]);
     for (std::int32_t below = 1; below < grey.row_height; ++below) {
+      // Rows of a band are alike: read and interpolated once.
       std::memcpy(image.scanLine(top + below), line, static_cast<std::size_t>(grey.n_columns));
     }
   }

@@ -18,6 +18,7 @@ graph_series trace_of(const session_state& session, std::int32_t channel, std::i
   const double ms = 1000.0 / r.sampling_frequency;
   graph_series series;
   for (std::int32_t t = first; t <= last; ++t) {
+    // The product in 64 bits, rounded once.
     series.x.push_back(static_cast<float>(t * ms));
     series.y.push_back(static_cast<float>(samples[t]) * r.vscale_HP);
   }
@@ -38,6 +39,7 @@ graph_data make_voltage_graph(session_state& session) {
   // An empty graph still says what it would show.
   if (r.n_samples == 0 || r.sampling_frequency <= 0) return graph;
   const voltage_layout layout = lay_out_voltage(session);
+  // Samples and not columns: who writes the numbers wants the recording, whatever the zoom.
   const double in_view = layout.n_columns / static_cast<double>(layout.time_scale);
   const std::int32_t first = layout.first_sample;
   const auto last =

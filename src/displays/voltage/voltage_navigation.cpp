@@ -111,6 +111,7 @@ void hold_time_scale(session_state& session) {
 void prepare_voltage_dialog(session_state& session) {
   session.view.vd_highlight_on = false;
   hold_time_scale(session);
+  // A tick that shows nothing would look like a detection without events.
   if (session.detector.n_proto_marks == 0) session.display.vd_show_proto_events = false;
   show_from_sample(session, session.view.vd_first_sample, last_full_window(session));
 }
@@ -126,6 +127,8 @@ void step_slider(session_state& session, std::int32_t steps) {
   const std::int32_t before = session.view.vd_slider_position, way = steps < 0 ? -1 : 1;
   for (std::int32_t p = before + steps; p >= 1 && p <= slider_steps + 1; p += way) {
     move_to_slider(session, p);
+    // In a short recording several positions show the same sample; the press goes on until the
+    // slider moves.
     if ((session.view.vd_slider_position - before) * way > 0) return;
   }
   move_to_slider(session, way < 0 ? 1 : slider_steps + 1);
