@@ -24,7 +24,6 @@ float rank_of_pair(const status_lists_table& lists, std::int64_t k, std::int32_t
     case order_least_overlap:
       return -lists.kv_cluster_overlap[k];
     case order_best_match:
-      // A measure of difference: the smaller, the more alike.
       return -lists.kv_template_correlation[k];
     default:
       return lists.kv_cluster_overlap[k];
