@@ -36,6 +36,7 @@ bool plan_exports(batch_session& batch, std::string& problem) {
       problem = fmt::format("--export {}: not FORMAT=PATH with a format of this program", text);
       return false;
     }
+    // All that follows the first sign of equality: a path may hold others.
     batch.exports.push_back({format, text.substr(equals + 1)});
   }
   return true;
@@ -76,6 +77,7 @@ bool apply_run_options(batch_session& batch, std::string& problem) {
     // One thread is asked for as none: the plain loops.
     session.preferences.multi_threaded = options.threads > 1;
   }
+  // After --threads, which would turn them on again.
   if (options.serial) session.preferences.multi_threaded = false;
   session.strategy.skip_event_detection = options.skip_detection;
   session.strategy.skip_clustering = options.skip_clustering;
@@ -133,6 +135,7 @@ batch_status place_channels(batch_session& batch) {
 // it keeps the clusters; whatever else is done with them needs them now.
 void follow_template_window(batch_session& batch) {
   session_state& session = *batch.session;
+  // First, as templates would otherwise be made anew for a window that is cut right afterwards.
   shorten_spike_window(session);
   if (batch.report.verb != "sort") renew_outdated_templates(session);
 }
@@ -182,6 +185,8 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   if (!apply_run_options(batch, problem)) return refuse_usage(problem);
   const batch_status status = start_console(batch);
   if (status != batch_status::done) return status;
+  // From here on a press of Ctrl+C has flags to raise; before it the system ends the program as it
+  // would any other.
   catch_interrupt(session);
   session.home_directory = options.home;
   read_settings_files(session);

@@ -21,6 +21,7 @@ bool parse_channel_list(std::string_view text, std::vector<std::int32_t>& channe
   while (true) {
     const std::size_t comma = text.find(',');
     const std::string_view item = text.substr(0, comma);
+    // Channels count from 1, so that a dash is never a sign.
     const std::size_t dash = item.find('-');
     std::int32_t first = 0, last = 0;
     if (!parse_channel(item.substr(0, dash), first)) return false;

@@ -34,6 +34,7 @@ void draw_waveforms(cluster_canvas& canvas) {
   view.width = canvas.drawing.size.width();
   view.height = canvas.drawing.size.height();
   waveform_picture picture;
+  // A window fills a density over several pictures; a file is written once it is whole.
   do {
     prepare_waveforms(canvas.session, canvas.index, view, picture);
   } while (!picture.complete);
@@ -82,6 +83,7 @@ void draw_heights(cluster_canvas& canvas) {
 // The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
+  // Pixels: the probe needs no more, and the spikes most of the width.
   const int probe_width = std::min(320, width / 3);
   spike_view view;
   view.clusters = canvas.drawing.clusters;
@@ -130,6 +132,7 @@ std::string check_cluster_drawing(const session_state& session, const cluster_dr
   const cluster_view_row* row = find_view(drawing.view);
   const std::int32_t n_clusters = session.clusters.n_clusters;
   if (n_clusters == 0) return "There are no clusters";
+  // Said before the painter is made, which would leave an empty picture behind.
   if (drawing.clusters.size() < row->fewest) {
     return fmt::format("--view {}: --clusters says which", row->name);
   }

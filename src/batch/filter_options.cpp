@@ -176,6 +176,7 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
     // A chain has each filter once.
     if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
     if (problem.empty()) filters.push_back(filter);
+    // In either order on the command line, so that it is asked after each.
     if (problem.empty() && names(filters, auto_name) && names_butterworth(filters)) {
       problem = "auto is a high pass itself, beside which no other fits";
     }

@@ -69,6 +69,7 @@ std::string tree_as_json(const batch_session& batch, const std::vector<hdf_entry
   json tree = json::array();
   for (const hdf_entry& entry : entries) tree.push_back(describe_entry(entry));
   const json all = {{"path", batch.options.recording}, {"tree", tree}, {"hint", hint_for(entries)}};
+  // Names of a file need not be valid UTF-8; what is not is replaced rather than refused.
   return all.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
@@ -124,6 +125,7 @@ bool settle_hdf_path(batch_session& batch) {
                                   hint_for(entries)));
     return false;
   }
+  // As if the user had named it: the reader is told the same way.
   batch.console.hdf_path = ready.front();
   log_message(*batch.session, "Taking the one dataset of voltages, " + ready.front());
   return true;

@@ -14,6 +14,7 @@ std::atomic<bool> pressed{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 void on_interrupt(int) {
+  // Stores to lock-free atomics are all that a handler may do; the words are said by whoever polls.
   pressed = true;
   long_operation_flags* flags = watched;
   // The press may come before there is a session, or after it has gone.

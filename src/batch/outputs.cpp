@@ -46,6 +46,7 @@ std::string problem_of(const planned_output& output) {
   if (is_folder(output.path) && !output.may_be_folder) return "it is a folder";
   std::string beside = output.whole;
   if (output.makes_folders) beside = nearest_folder(output.whole) + file_name_of(output.whole);
+  // Some file of that folder, as its name is only known when it is written.
   if (is_folder(beside)) beside += "/spikes";
   std::string problem;
   try_safe_file(beside, problem);
@@ -76,6 +77,7 @@ std::string try_outputs(const std::vector<planned_output>& outputs) {
 }
 
 bool outputs_are_there(const std::vector<planned_output>& outputs) {
+  // Nothing asked for is nothing done: such a run is not skipped.
   return !outputs.empty() &&
          std::all_of(outputs.begin(), outputs.end(), [](const planned_output& output) {
            // A folder that is to be filled may have been there before.

@@ -37,6 +37,7 @@ json describe_value(session_state& session, const setting_row& row, std::int32_t
 json describe_settings(session_state& session) {
   json settings = json::object();
   for (const setting_row& row : settings_table()) {
+    // A setting that stands in both files is told once.
     if (row.address == nullptr || settings.contains(row.name)) continue;
     if (row.count == 1) {
       settings[row.name] = describe_value(session, row, 0);

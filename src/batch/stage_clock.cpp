@@ -31,6 +31,7 @@ void begin_timed_stage(stage_clock& clock, const session_state& session, const s
   // A stage that nobody ended ends where the next one begins.
   end_timed_stage(clock, session);
   clock.stages.push_back({name});
+  // Steady: the clock of the day may be set while a sort runs over night.
   clock.wall_start = std::chrono::steady_clock::now();
   clock.cpu_start = cpu_seconds_used();
   clock.running = true;

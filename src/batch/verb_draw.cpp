@@ -144,6 +144,7 @@ bool draw_view(const batch_session& batch, QSize size) {
     return write_cluster_picture(session, drawing_of(options, size));
   }
   if (options.view == "graph") {
+    // A file goes on paper or a page, which are white, whatever the windows look like.
     const graph_style style = options.draw_reversed ? dark_style() : paper_style();
     return write_graph_picture(make_voltage_graph(session), style, options.picture, size);
   }

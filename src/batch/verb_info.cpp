@@ -44,6 +44,7 @@ json list_values(const session_state& session, std::int64_t first, std::int64_t 
 // FIRST:COUNT, both 1 or more.
 bool parse_values(const std::string& text, std::int64_t& first, std::int64_t& count) {
   char rest = 0;
+  // The character behind is asked for to be missed: with it the text says more than two numbers.
   const int n = std::sscanf(text.c_str(), "%" SCNd64 ":%" SCNd64 "%c", &first, &count, &rest);
   // A bound for what is shown, and none for where it begins but the count of samples.
   constexpr std::int64_t most = 1'000'000;

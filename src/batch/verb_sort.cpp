@@ -93,6 +93,7 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
   batch_session batch;
   batch_status status = start_batch(batch, options, verb);
   if (status == batch_status::wrong_usage) return status;
+  // Before the recording is opened, which alone may take minutes.
   if (status == batch_status::done && options.skip_existing && outputs_are_there(batch.outputs)) {
     skip_recording(batch);
     return status;

@@ -58,6 +58,7 @@ batch_status measure_noise(const batch_options& options, double& noise_uv) {
   finish_batch(batch);
   if (status != batch_status::done) return status;
   noise_uv = median_noise_uv(*batch.session);
+  // A file of zeros has none, and would put every unit in the highest band.
   if (noise_uv > 0) return status;
   return fail_batch(batch, "No noise was found in " + options.recording);
 }

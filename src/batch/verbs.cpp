@@ -207,6 +207,7 @@ bool is_verb(std::string_view word) {
 }
 
 bool is_list(std::string_view word) {
+  // No recording is named by digits, commas and dashes alone; with a dash in front it is an option.
   return !word.empty() && word.find_first_not_of("0123456789,-") == word.npos && word[0] != '-';
 }
 
