@@ -38,17 +38,21 @@ main_frame::main_frame(workstation& of)
   area_->setHorizontalScrollBarPolicy(Qt::ScrollBarAsNeeded);
   area_->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
   setCentralWidget(area_);
+  // The area would paint a grey of its own; its viewport takes the palette's, which follows the
+  // theme.
   area_->setBackground(QBrush(Qt::NoBrush));
   area_->viewport()->setAutoFillBackground(true);
   area_->viewport()->setBackgroundRole(QPalette::Mid);
   area_->viewport()->installEventFilter(this);
   hint_->setObjectName("hint");
   hint_->setText("Open a recording with Ctrl+O, or drop one here");
+  // What is dropped on the words is meant for the area.
   hint_->setAttribute(Qt::WA_TransparentForMouseEvents);
   QFont large = hint_->font();
   large.setPointSizeF(large.pointSizeF() * 1.4);
   hint_->setFont(large);
   setAcceptDrops(true);
+  // Made with the first call: one that came with the first message would move all windows up.
   statusBar();
 }
 
@@ -78,6 +82,7 @@ void main_frame::place_hint() {
   hint_->adjustSize();
   const QRect area = area_->viewport()->rect();
   hint_->move(area.center().x() - hint_->width() / 2, area.height() * 2 / 5);
+  // Behind the windows: it speaks only while there are none.
   hint_->lower();
 }
 
@@ -100,6 +105,7 @@ void main_frame::closeEvent(QCloseEvent* event) {
   if (request_exit(w_)) {
     event->accept();
   } else {
+    // The exit asks first and may take a save; the frame is closed once more when all is done.
     event->ignore();
   }
 }

@@ -88,6 +88,7 @@ void flush(interface_desk* desk) {
   notice_list taken;
   {
     const std::lock_guard lock(desk->state->mutex);
+    // Taken whole under the lock and told outside of it: a slot may log, and would wait for itself.
     std::swap(taken, desk->state->notices);
     desk->state->flush_posted = false;
   }
@@ -113,6 +114,7 @@ void notify(void* context, Put put) {
   interface_desk* desk = desk_of(context);
   const std::lock_guard lock(desk->state->mutex);
   put(desk->state->notices);
+  // One flush on its way brings whatever comes until it runs.
   if (std::exchange(desk->state->flush_posted, true)) return;
   desk->hand_over([desk] { flush(desk); });
 }
@@ -131,6 +133,8 @@ struct answer_slip {
 
   void give(Answer given) {
     const std::lock_guard lock(mutex);
+    // The first answer counts: the pledge gives an empty one when its window goes, also after a
+    // real one.
     if (!answer) answer = std::move(given);
     answered.notify_one();
   }
@@ -163,6 +167,7 @@ Answer wait_for_answer(void* context,
 }
 
 QWidget* parent_for_box(workstation& w) {
+  // A box on the frame would lie behind the dialog that blocks it, and nobody could answer.
   if (QWidget* modal = QApplication::activeModalWidget()) return modal;
   // A box blocks the window it stands on and those behind: on the frame alone it would leave
   // the dialog beside it live while its question is open.
@@ -175,6 +180,7 @@ QMessageBox* dress_box(QMessageBox* box, const QString& text, const QString& tit
                                                 QMessageBox::Critical, QMessageBox::Question};
   box->setIcon(icons[static_cast<int>(icon)]);
   box->setWindowTitle(title);
+  // Paths may hold what looks like markup.
   box->setTextFormat(Qt::PlainText);
   box->setText(text);
   box->setStandardButtons(QMessageBox::Ok);
@@ -372,6 +378,7 @@ void interface_desk::customEvent(QEvent* /*event*/) {
     routine = std::move(state->routines.front());
     state->routines.pop_front();
   }
+  // Outside the lock: it may hand over others.
   routine();
 }
 
@@ -397,6 +404,7 @@ void interface_desk::resume() {
 
 void attach_desk(workstation& w) {
   user_interface& ui = w.session.ui;
+  // Whatever listened before, no routine of it stays behind.
   ui = user_interface{};
   ui.context = &w;
   ui.tell = tell_here;

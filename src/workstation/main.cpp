@@ -70,8 +70,10 @@ kestrelvane::start_request read_command_line(const QApplication& application) {
 int main(int argc, char** argv) {
   using namespace kestrelvane;
   int probe_status = 0;
+  // Before anything else: the child that looks at a file starts no windows.
   if (run_as_hdf_probe(argc, argv, probe_status)) return probe_status;
   flush_denormals();
+  // Before anything is read from the platform's store, which is found by these names.
   QApplication::setOrganizationName("Kestrelvane");
   QApplication::setApplicationName("Kestrelvane");
   QApplication::setApplicationVersion(program_version);
@@ -80,6 +82,7 @@ int main(int argc, char** argv) {
   QApplication::setDesktopFileName("kestrelvane");
   load_resources();
   QApplication::setWindowIcon(program_icon());
+  // Noted before a theme replaces it, for the user who goes back to the platform's own.
   application.setProperty("platform_style", QApplication::style()->name());
   apply_theme();
   const start_request request = read_command_line(application);
@@ -90,6 +93,7 @@ int main(int argc, char** argv) {
   workstation shell(*session);
   start_workstation(shell, request);
   const int status = QApplication::exec();
+  // The worker hands over to frame and desk to its end; they go after it.
   join_worker(shell);
   delete shell.frame;
   delete shell.desk;

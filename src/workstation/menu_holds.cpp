@@ -26,6 +26,7 @@ QString entry_of(const QAction& action) {
 }  // namespace
 
 void hold_menus(workstation& w, QObject* holder, const QStringList& allowed) {
+  // Held anew with other entries, it is still one hold.
   forget_holder(w, holder);
   w.menu_holds.push_back({holder, allowed});
   w.frame->settle_actions();

@@ -52,6 +52,7 @@ void finish_operation(workstation& w) {
     open_voltage_window(w);
   }
   if (finished) finished();
+  // Not while what came after the operation runs itself: the exit goes on when that is through.
   if (w.exit_wanted && !w.worker.running) go_on_leaving(w);
 }
 
@@ -68,9 +69,12 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
     if (priority == worker_priority::below_normal) lower_priority();
     {
       const session_hold hold(w.session);
+      // A preference that changes meanwhile counts from the next operation on: no loop changes its
+      // threads half way.
       w.session.multi_threaded_now = w.session.preferences.multi_threaded;
       routine(w.session);
     }
+    // After the hold is gone, so that windows which refresh at the end find the gate free.
     w.desk->hand_over([&w] { finish_operation(w); });
   });
   return true;
@@ -78,6 +82,7 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
 
 void interrupt_worker(workstation& w) {
   set_interrupts(w.session.operation, true);
+  // One that is to stop must not sit down first.
   w.session.operation.pause_requested = false;
   w.desk->resume();
 }
@@ -104,6 +109,7 @@ operation_dialog::operation_dialog(workstation& of, const char* object_name, con
 void operation_dialog::block_frame(bool block) {
   const bool stands_beside = !block && windowModality() == Qt::NonModal;
   if (stands_beside || !isVisible() || block != std::exchange(frame_is_free_, !block)) return;
+  // Shown again, it would be placed anew by the window manager.
   const QPoint place = pos();
   hide();
   setWindowModality(block ? Qt::WindowModal : Qt::NonModal);
@@ -134,6 +140,7 @@ void operation_dialog::set_running(bool running) {
 }
 
 void operation_dialog::reject() {
+  // Escape and the cross are no interrupt, which has a button of its own.
   if (runs_) return;
   if (on_leaving) {
     on_leaving();
@@ -162,6 +169,7 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
     show_late->stop();
     dialog->open();
   });
+  // ms: what is done sooner would only flash.
   show_late->start(300);
   dialog->run(
       std::move(routine),

@@ -20,12 +20,14 @@ constexpr option_row rows[] = {
 };
 static_assert(std::size(rows) == static_cast<std::size_t>(program_option::count));
 
+// Rows stand in the order of the enumerators.
 const option_row& row_of(program_option option) { return rows[static_cast<int>(option)]; }
 
 }  // namespace
 
 bool wants(program_option option) {
   const option_row& row = row_of(option);
+  // Read each time: another workstation beside this one may have changed it.
   return QSettings().value(row.key, row.at_first).toBool();
 }
 

@@ -38,6 +38,7 @@ void build_run_log_window(workstation& w) {
   w.run_log = new QPlainTextEdit;
   w.run_log->setObjectName("run_log");
   w.run_log->setReadOnly(true);
+  // The oldest lines go, or a run of weeks would fill the memory with words.
   w.run_log->setMaximumBlockCount(run_log_limit);
   const window_row& row = window_row_of(graph_kind::run_log);
   if (std::optional<QFont> font = read_window_font(w.session, row.kind)) {
@@ -145,6 +146,7 @@ void after_start(workstation& w, const start_request& request) {
 
 void leave(workstation& w) {
   w.leaving = true;
+  // Nobody listens from here on: what is said while windows go would reach controls that are gone.
   w.session.ui = user_interface{};
   w.frame->close();
 }
@@ -156,6 +158,7 @@ void place_run_log(workstation& w) {
   auto* window = w.frame->area()->findChild<QMdiSubWindow*>(name);
   if (window == nullptr || !window->isVisible()) return;
   const QSize area = w.frame->area()->viewport()->size();
+  // Pixels: a few lines on small screens, and no more of a large one than can be read at a glance.
   const int height = std::clamp(area.height() / 4, 90, 200);
   window->setGeometry(0, area.height() - height, area.width(), height);
 }
@@ -163,6 +166,7 @@ void place_run_log(workstation& w) {
 void start_workstation(workstation& w, const start_request& request) {
   w.desk = new interface_desk(w);
   w.frame = new main_frame(w);
+  // Before anything that may speak: settings are told in the log when they cannot be used.
   attach_desk(w);
   build_run_log_window(w);
   connect_frame(w);
@@ -171,6 +175,7 @@ void start_workstation(workstation& w, const start_request& request) {
                                    program_version, w.session.n_cpus));
   w.frame->restore_layout();
   w.frame->show();
+  // After the frame is shown, whose area the layout of a new installation goes by.
   read_settings(w);
   build_menus(w);
   start_operation(

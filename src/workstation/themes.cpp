@@ -71,6 +71,7 @@ class line_icon_engine : public QIconEngine {
     const QColor colour = palette.color(
         mode == QIcon::Disabled ? QPalette::Disabled : QPalette::Active, QPalette::ButtonText);
     QByteArray coloured = drawing_;
+    // At each painting: the palette may have changed since.
     coloured.replace("currentColor", colour.name().toLatin1());
     QSvgRenderer renderer(coloured);
     renderer.render(painter, QRectF(rect));
@@ -121,6 +122,7 @@ QPalette picture_palette() {
   return palette_of(theme == picture_theme::dark ? dark_colours : light_colours);
 }
 
+// By the palette and not by the choice, as the platform's own may be a dark one.
 bool pictures_are_dark() { return picture_palette().color(QPalette::Base).lightness() < 128; }
 
 void apply_theme() {
@@ -132,6 +134,7 @@ void apply_theme() {
     QApplication::setPalette(QPalette());
     return;
   }
+  // The one style that takes all its colours from the palette; others draw parts in the platform's.
   QApplication::setStyle(QStyleFactory::create("Fusion"));
   QPalette palette = palette_of(theme == colour_theme::dark ? dark_colours : light_colours);
   grey_disabled(palette);

@@ -88,6 +88,7 @@ void choose_file(workstation& w, const file_choice& choice,
   QObject::connect(dialog, &QDialog::finished, w.frame,
                    [dialog, filters, then = std::move(then)](int result) {
                      const QStringList chosen = dialog->selectedFiles();
+                     // Told as well: a worker may be waiting for the answer.
                      if (result != QDialog::Accepted || chosen.isEmpty()) {
                        then({}, 0);
                        return;

@@ -144,6 +144,8 @@ void save_work_file_command(workstation& w) {
 void close_recording_command(workstation& w) {
   ask_then(w, "This will discard any unsaved work: Are you sure?", "Close file", [&w](bool yes) {
     if (!yes) return;
+    // Before the samples go: a window that is drawn meanwhile would read memory that is no longer
+    // there.
     close_graphs(w);
     start_operation(
         w,

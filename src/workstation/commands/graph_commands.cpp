@@ -50,6 +50,7 @@ void print_window(const graph_window& window, QPrinter& printer) {
 void save_bitmap_command(workstation& w) {
   const graph_window* window = needs_graph(w, "Save bitmap");
   if (window == nullptr) return;
+  // Taken now: the window may be drawn anew, or closed, while the dialog is open.
   const QImage picture = window->surface()->picture();
   const QString recording = QString::fromStdString(w.session.recording.recording_path);
   const QFileInfo source(recording);
@@ -59,6 +60,7 @@ void save_bitmap_command(workstation& w) {
   choice.default_suffix = "png";
   choose_file(w, choice, [&w, picture](const QString& path, int filter) {
     if (path.isEmpty()) return;
+    // An ending that the user has typed says more than the filter.
     const bool named = !QFileInfo(path).suffix().isEmpty();
     save_picture(w, picture, named ? path : path + (filter == 1 ? ".bmp" : ".png"));
   });
@@ -84,6 +86,7 @@ void print_command(workstation& w) {
   auto* dialog = new QPrintDialog(printer.get(), w.frame);
   dialog->setObjectName("print_dialog");
   QObject::connect(dialog, &QDialog::accepted, w.frame, [printer, window] {
+    // It may have been closed under the dialog.
     if (window) print_window(*window, *printer);
   });
   // The dialog refers to the printer to its end.
@@ -97,8 +100,10 @@ void select_rectangle_command(workstation& w) {
   log_message(w.session, "Selecting ...");
   graph_surface* surface = window->surface();
   surface->start_selection();
+  // One connection, however often a selection was begun.
   QObject::disconnect(surface, &graph_surface::selected, w.frame, nullptr);
   QObject::connect(surface, &graph_surface::selected, w.frame, [&w] {
+    // From here on it waits for operations like the other buttons.
     copy_button(w)->setProperty("waits", true);
     settle_action(w, copy_button(w));
   });

@@ -172,6 +172,7 @@ constexpr int group_ends[] = {40003, 40007, 40013, 40021};
 constexpr const char* recent_property = "recent_entry";
 
 QMenu* menu_of(QMenuBar* bar, const char* label) {
+  // The name without the access key, by which tests and later rows find the menu.
   const QString name = QString(label).remove('&').toLower().replace('-', '_') + "_menu";
   if (auto* menu = bar->findChild<QMenu*>(name)) return menu;
   QMenu* menu = bar->addMenu(label);
@@ -193,6 +194,7 @@ QAction* add_entry(workstation& w, QMenu* menu, const menu_row& row) {
 
 void add_exit(workstation& w, QMenu* menu) {
   QAction* before = menu->addSeparator();
+  // Recent files are put in front of it.
   before->setObjectName("exit_separator");
   QAction* action = menu->addAction("E&xit");
   action->setObjectName("exit");
@@ -278,6 +280,7 @@ void build_menus(workstation& w) {
 void show_full_entries(workstation& w) {
   const bool shown = !w.session.log.short_menu || wants(program_option::research_tools);
   for (const menu_row& row : rows) {
+    // Hidden and not taken out: buttons of the toolbar refer to the entries.
     if (row.full) w.frame->findChild<QAction*>(row.name)->setVisible(shown);
   }
 }
@@ -292,6 +295,7 @@ void rebuild_recent_menu(workstation& w) {
   const recent_files recent = read_recent_files(w.session);
   for (int entry = 0; entry < static_cast<int>(recent.paths.size()); ++entry) {
     const QString path = QString::fromStdString(recent.paths[entry]);
+    // An ampersand of the path would be taken for an access key.
     auto* action = new QAction(recent_number(entry) + QString(path).replace('&', "&&"), menu);
     action->setObjectName(QString("recent_%1").arg(entry + 1));
     action->setProperty(recent_property, entry);
@@ -301,6 +305,7 @@ void rebuild_recent_menu(workstation& w) {
                      [&w, entry] { open_recent_command(w, entry); });
     if (entry == 0) {
       QAction* line = menu->insertSeparator(before);
+      // Marked like the entries, so that it goes with them when the list is made anew.
       line->setProperty(recent_property, -1);
     }
     menu->insertAction(before, action);

@@ -35,6 +35,7 @@ bool is_cluster(const workstation& w, std::int32_t c) {
 // The pair while a review has one on show, else the current cluster.
 std::vector<std::int32_t> on_show(workstation& w) {
   const cluster_displays& d = displays_of(w);
+  // An edit may have taken one of them away before the review has chosen the next pair.
   if (is_cluster(w, d.a) && is_cluster(w, d.b) && d.a != d.b) return {d.a, d.b};
   const std::int32_t current = w.session.clusters.current_cluster;
   return is_cluster(w, current) ? std::vector<std::int32_t>{current} : std::vector<std::int32_t>{};
@@ -54,6 +55,7 @@ void redraw(workstation& w, graph_kind kind) {
 void choose_event(workstation& w, std::int32_t event) {
   if (event < 1) return;
   cluster_displays& d = displays_of(w);
+  // In all windows at once: where a spike lies in each is what the user wants to know.
   d.single.view.selected_event = d.pair.view.selected_event = event;
   d.components.selected_event = d.heights.selected_event = event;
   go_to_event(w.session, event);
@@ -159,9 +161,12 @@ std::vector<std::int32_t> current_alone(workstation& w) {
 const component_values& values_on_show(workstation& w) {
   cluster_displays& d = displays_of(w);
   const std::vector<std::int32_t> clusters = on_show(w);
+  // Components of a large pair take longer to compute than to draw; until something changes they
+  // stay.
   if (d.values_valid && d.values.clusters == clusters) return d.values;
   d.values = {};
   if (!clusters.empty()) read_component_values(w.session, d.index, clusters, d.values);
+  // As asked for, also where nothing could be read, or every drawing would try again.
   d.values.clusters = clusters;
   d.values_valid = true;
   return d.values;
@@ -254,6 +259,7 @@ bool press_spike_key(workstation& w, int key) {
       scroll_spikes(w.session, d.spikes, 1);
       break;
     case Qt::Key_Home:
+      // No range stands for the whole recording.
       d.spikes.from_minutes = d.spikes.to_minutes = 0;
       d.spikes.y_from = d.spikes.y_to = 0;
       break;
@@ -379,6 +385,7 @@ void tile_cluster_windows(workstation& w, const QDialog* dialog) {
   const int width = std::min(std::max(left, right), viewport->width());
   const int origin = left >= right ? 0 : viewport->width() - width;
   constexpr int least_width = 480;  // of two windows side by side that can still be read
+  // The windows stay where the user has them.
   if (width < least_width) return;
   const auto place = [&](graph_kind kind, double x, double y, double wide, double high) {
     graph_window* window = graph_of(w, kind);
@@ -416,6 +423,7 @@ void follow_cluster_change(workstation& w, const cluster_change& change) {
   cluster_displays& d = *w.cluster_windows;
   d.a = number_after(change, d.a);
   d.b = number_after(change, d.b);
+  // A merge makes both one number: no pair is left to show.
   if (d.a == 0 || d.b == 0 || d.a == d.b) d.a = d.b = 0;
 }
 

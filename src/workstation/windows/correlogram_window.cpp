@@ -54,6 +54,7 @@ correlogram_panel panel_of(const correlogram& shown, bool as_rate) {
   panel.caption = QString::fromStdString(bin_width_text(shown.bin_ms));
   panel.bin_ms = shown.bin_ms;
   panel.counts.assign(shown.counts.begin(), shown.counts.end());
+  // A cross-correlogram is of neither cluster and has neither colour.
   panel.mark = shown.a == shown.b ? mark_of_cluster(shown.a) : std::int16_t{0};
   panel.expected = expected_count(shown);
   panel.rate_per_count = as_rate ? count_as_rate(shown, 1) : 0;
@@ -77,6 +78,7 @@ void draw(const workstation& w, const correlogram_state& state, QPainter& painte
 
 graph_routines correlogram_routines(workstation& w) {
   state_of(w);
+  // Held by the routines: numbers are drawn also while a worker has the session.
   const std::shared_ptr<correlogram_state> state = w.correlograms;
   graph_routines routines;
   routines.gather = [&w] { count(w); };

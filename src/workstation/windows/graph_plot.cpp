@@ -16,6 +16,7 @@ graph_view view_of(const graph_plot& plot) {
 
 void draw_plot(graph_plot& plot, QPainter& painter, QSize size) {
   const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
+  // Paper is white, whatever the windows are.
   const graph_style style = on_screen ? style_of(picture_palette()) : paper_style();
   const drawn_graph drawn = paint_graph(plot.graph, style, view_of(plot), painter, size);
   // A page for the printer is not what the pointer is over.

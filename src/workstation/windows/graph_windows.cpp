@@ -29,6 +29,7 @@ QRect between(QPoint a, QPoint b) {
 }
 
 void draw_selection(QPainter& painter, const QRect& rectangle) {
+  // Seen over any colour.
   painter.setCompositionMode(QPainter::RasterOp_SourceXorDestination);
   QPen pen(QColor(0xcc, 0xcc, 0xff));
   pen.setStyle(Qt::DashLine);
@@ -105,6 +106,7 @@ void place_window(workstation& w, const window_row& row) {
   if (row.placed_message) log_message(w.session, row.placed_message);
   if (row.origin_slot == no_slot) return move_to_step(*window, cascade_step(w, row));
   const std::int32_t* origin = origin_in(w.session.preferences, row.origin_slot);
+  // Places of a larger screen are brought back: a title that cannot be reached cannot be moved.
   const QSize area = w.frame->area()->size();
   window->move(std::clamp(origin[0], 0, std::max(area.width() - 100, 0)),
                std::clamp(origin[1], 0, std::max(area.height() - 60, 0)));
@@ -128,6 +130,7 @@ graph_surface::graph_surface(workstation& of, graph_routines routines, std::opti
   setMouseTracking(true);
   setFocusPolicy(Qt::StrongFocus);
   setCursor(Qt::OpenHandCursor);
+  // The picture covers all of it; clearing first would make it flicker.
   setAttribute(Qt::WA_OpaquePaintEvent);
 }
 
@@ -241,6 +244,7 @@ void graph_surface::mousePressEvent(QMouseEvent* event) {
     drag_ = drag_kind::move;
   }
   drag_start_ = event->pos();
+  // A press that has not moved until its release is a click.
   moved_ = false;
 }
 
@@ -286,6 +290,7 @@ void graph_surface::wheelEvent(QWheelEvent* event) {
     // With Alt or Shift some platforms turn the wheel sideways.
     const QPoint turned = event->angleDelta();
     wheel_angle_ += turned.y() != 0 ? turned.y() : turned.x();
+    // Fine wheels and touch pads send parts of a notch, which add up.
     const int notches = wheel_angle_ / notch;
     wheel_angle_ -= notches * notch;
     if (notches != 0) routines_.wheel(notches, event->position().toPoint(), event->modifiers());
@@ -386,6 +391,7 @@ void refresh_windows(workstation& w) {
   const session_turn turn(w);
   if (!turn.taken) return plan_redraw(w);
   for_each_row([&w](const window_row& row) {
+    // All forget before one of them draws: windows share what they have read.
     if (row.forget) row.forget(w);
   });
   refresh_graphs(w);

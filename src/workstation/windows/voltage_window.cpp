@@ -36,6 +36,7 @@ void draw(workstation& w, QPainter& painter, QSize size) {
   const logical reversed = view.vd_reverse_contrast;
   view.vd_reverse_contrast = reversed && on_screen;
   state.drawn = draw_voltage_display(w.session, painter, &state.peaks);
+  // Put back: it is the window's setting, and the paper's for one drawing only.
   view.vd_reverse_contrast = reversed;
   // The summary of a long stretch fills over several redraws.
   if (!state.drawn.complete) QTimer::singleShot(0, w.frame, [&w] { redraw_voltage_display(w); });
@@ -125,6 +126,7 @@ graph_routines voltage_routines(workstation& w) {
 
 void open_voltage_window(workstation& w, QSize size) {
   state_of(w);
+  // With the focus its keys move through the recording at once.
   open_graph(w, graph_kind::voltage_record, size)->surface()->setFocus();
 }
 
@@ -140,6 +142,7 @@ void redraw_voltage_display(workstation& w) {
 void forget_voltage_display(workstation& w) {
   voltage_state& state = state_of(w);
   forget_peaks(state.peaks);
+  // The samples under the pointer may be others now.
   state.shows_reading = false;
 }
 

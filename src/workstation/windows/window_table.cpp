@@ -125,9 +125,11 @@ static_assert(std::size(window_rows) == window_count);
 
 }  // namespace
 
+// Rows stand in the order of the enumerators.
 const window_row& window_row_of(graph_kind kind) { return window_rows[static_cast<int>(kind)]; }
 
 std::int32_t* size_in(preferences_record& p, int size_slot) {
+  // The preferences file has the voltage window's size apart from the five others'.
   return size_slot == slot_voltage_record ? p.voltage_window_size : p.window_size + 2 * size_slot;
 }
 
