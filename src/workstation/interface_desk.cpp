@@ -247,6 +247,7 @@ void tell_here(void* context, const std::string& text, const std::string& title,
     return;
   }
   wait_for_answer<bool>(context, [&](std::function<void(bool)> reply) {
+    // Counted for the Messages dialog, which closes by itself only where none has come up.
     ++w.desk->state->boxes_shown;
     QMessageBox* box = make_box(w, shown, heading, icon);
     QObject::connect(box, &QDialog::finished, box, [reply] { reply(true); });
@@ -329,6 +330,7 @@ void draw_refresh(interface_desk* desk) {
   const steady::time_point ended = steady::now();
   refresh_clock& clock = desk->state->refreshes;
   clock.next = ended + std::max<steady::duration>(refresh_interval, refresh_rest * (ended - began));
+  // Last: the next refresh may be posted from here on, and looks at the time set above.
   clock.posted = false;
 }
 

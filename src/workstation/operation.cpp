@@ -60,6 +60,7 @@ void finish_operation(workstation& w) {
 
 bool start_operation(workstation& w, session_routine routine, std::function<void()> finished,
                      worker_priority priority) {
+  // One session, one worker: a second would wait at the gate for the first, with its dialog open.
   if (w.worker.running) return false;
   w.worker.running = true;
   w.worker.finished = std::move(finished);

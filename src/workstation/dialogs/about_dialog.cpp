@@ -33,6 +33,8 @@ std::int64_t available_memory_bytes() {
   if (!file.open(QIODevice::ReadOnly)) return 0;
   const QList<QByteArray> lines = file.readAll().split('\n');
   for (const QByteArray& line : lines) {
+    // What can be had without swapping; free memory alone leaves out the file cache, most of which
+    // would be given up.
     if (line.startsWith("MemAvailable:")) {
       return line.simplified().split(' ').value(1).toLongLong() * 1024;
     }
@@ -84,6 +86,7 @@ void show_system_information(workstation& w) {
   for (const char* tool : {"hardinfo", "gnome-system-monitor", "plasma-systemmonitor",
                            "mate-system-monitor", "xfce4-taskmanager"}) {
     const QString program = QStandardPaths::findExecutable(tool);
+    // Detached: it stays open when the workstation is left.
     if (!program.isEmpty() && QProcess::startDetached(program, {})) return;
   }
   show_message(w, "Cannot find a system information tool", "About Kestrelvane", box_icon::warning);

@@ -34,6 +34,7 @@ struct acquisition_window {
   acquisition_window(workstation& of, operation_dialog* d)
       : w(of), dialog(d), old_vscale(of.session.recording.vscale_HP) {
     const recording_store& r = of.session.recording;
+    // Copied here and not at the first change, since both can be changed many times.
     old_order.assign(r.chan_sort_order.first(), r.chan_sort_order.first() + r.n_channels);
   }
 };
@@ -48,6 +49,7 @@ QString with_unit(const std::string& value, const char* unit) {
 // A path in one line; the whole of it in the tool-tip.
 void add_path(QFormLayout* rows, const char* name, const QString& label, const QString& path) {
   QLabel* text = add_value(rows, name, label);
+  // Cut in the middle: the folder at the front and the name at the end are what is looked for.
   text->setText(text->fontMetrics().elidedText(path, Qt::ElideMiddle, 560));
   text->setToolTip(path);
 }
@@ -126,6 +128,7 @@ QGroupBox* samples_box(const shared_acquisition& a, const acquisition_facts& fac
   rows->addRow(words_line({a->new_scaling}));
   QObject::connect(button, &QPushButton::clicked, a->dialog, [a] {
     if (!a->new_scaling->hasAcceptableInput()) return;
+    // Read here: the worker must not touch a control.
     const auto scale = static_cast<float>(a->new_scaling->value());
     change(a, [scale](session_state& session) { session.recording.vscale_HP = scale; });
   });
@@ -193,6 +196,7 @@ void write_configuration(const shared_acquisition& a) {
 
 void save_configuration(const shared_acquisition& a) {
   const std::string path = replace_extension(a->w.session.recording.recording_path, ".cfg");
+  // One that is there may have been made by hand.
   if (!std::filesystem::exists(path)) return write_configuration(a);
   ask_then(a->w, "Replace the configuration file beside the recording?", "Acquisition properties",
            [a](bool yes) {
@@ -234,6 +238,7 @@ QDialogButtonBox* button_row(const shared_acquisition& a) {
 
 void acquisition_properties_command(workstation& w) {
   if (!needs_recording(w)) return;
+  // The field of the channel begins there.
   w.session.current_channel = 1;
   auto* dialog = new operation_dialog(w, "acquisition_dialog", "Acquisition properties");
   const auto a = std::make_shared<acquisition_window>(w, dialog);

@@ -223,6 +223,7 @@ void start_run(const shared_autosort& a) {
   // Left by the last run; it would end this one before its first cluster.
   operation.autosort_interrupt = false;
   operation.detection_interrupted = false;
+  // Ticked before the start, it stops at the first pause point.
   operation.pause_requested = a->pause->isChecked();
   a->dialog->run([](session_state& session) { autosort(session); },
                  [a] {
@@ -239,6 +240,7 @@ void begin_run(const shared_autosort& a) {
   const session_state& session = a->w.session;
   const std::int32_t n = session.clusters.n_clusters;
   const sorting_strategy_settings& s = session.strategy;
+  // With both skipped the clusters stay and are only merged and split further.
   if (n == 0 || (s.skip_event_detection && s.skip_clustering)) return start_run(a);
   ask_then(a->w, QString("Autosort will replace the %1 clusters in memory.").arg(n),
            "Are you sure?", [a](bool yes) {
@@ -323,6 +325,7 @@ QLayout* button_row(const shared_autosort& a) {
 
 void go_on_to_guided_merge(workstation& w) {
   const session_state& session = w.session;
+  // With all pairs settled guided merging would open to say only that.
   if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
     guided_merge_command(w);
   }
@@ -363,7 +366,9 @@ void open_settings(workstation& w) {
   session_state& session = w.session;
   // Events that are there have perhaps been cleaned by hand: detection would replace them.
   session.strategy.skip_event_detection = session.events.n_events >= 1;
+  // There is nothing that could be kept.
   if (session.clusters.n_clusters == 0) session.strategy.skip_clustering = false;
+  // Until the dialog is left by another way than "Next".
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;
 }

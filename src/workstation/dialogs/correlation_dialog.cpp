@@ -30,9 +30,11 @@ using shared_correlation = std::shared_ptr<correlation_window>;
 
 void show_units(const shared_correlation& c, bool autos_only = false) {
   workstation& w = c->w;
+  // Counting needs the session; the window keeps what it shows until the operation is through.
   if (w.worker.running) return;
   show_correlograms(w, static_cast<std::int32_t>(c->a->value()),
                     static_cast<std::int32_t>(c->b->value()));
+  // After the window is there, which makes the record; drawn once more for it.
   w.correlograms->autos_only = autos_only;
   graph_of(w, graph_kind::correlograms)->surface()->redraw();
   c->first->setText(QString::number(w.correlograms->shown.n_first));
@@ -130,6 +132,7 @@ void correlation_command(workstation& w) {
   layout->addWidget(button_row(c));
   // An edit beside it may have taken a unit away.
   QObject::connect(w.desk, &interface_desk::clusters_changed, dialog, [c] {
+    // A field needs a range, also when the last cluster has gone.
     const std::int32_t n = std::max(1, c->w.session.clusters.n_clusters);
     c->a->setMaximum(n);
     c->b->setMaximum(n);

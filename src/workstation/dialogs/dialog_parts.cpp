@@ -34,6 +34,7 @@ QLabel* add_value(QFormLayout* rows, const char* object_name, const QString& lab
   auto* text = new QLabel(value);
   text->setObjectName(object_name);
   text->setToolTip(tip);
+  // Figures and paths are copied into notes and messages.
   text->setTextInteractionFlags(Qt::TextSelectableByMouse);
   rows->addRow(label, text);
   return text;
@@ -77,6 +78,7 @@ QList<QWidget*> inputs_of(const QWidget* widget) {
 }
 
 QSize screen_room(const QWidget* widget) {
+  // Pixels for the frame and the title, which no toolkit tells before a window is shown.
   constexpr QSize decoration(16, 48);
   return widget->screen()->availableGeometry().size() - decoration;
 }
@@ -93,6 +95,7 @@ class page_area : public QScrollArea {
     setWidget(page);
   }
   QSize sizeHint() const override {
+    // Room for a bar from the start: one that appears later would bring the other with it.
     const int bar = style()->pixelMetric(QStyle::PM_ScrollBarExtent);
     return widget()->sizeHint() + QSize(bar + 2, 2);
   }
@@ -106,6 +109,7 @@ void move_entry(QBoxLayout* from, int index, QBoxLayout* to) {
     to->addLayout(layout, stretch);
   } else if (QWidget* widget = entry->widget()) {
     to->addWidget(widget, stretch);
+    // The item alone; its widget has gone to the other layout.
     delete entry;
   } else {
     to->addItem(entry);
@@ -129,6 +133,7 @@ void make_scroll(QBoxLayout* column) {
 void fit_to_screen(QDialog* dialog) {
   const QSize room = screen_room(dialog);
   auto* column = qobject_cast<QVBoxLayout*>(dialog->layout());
+  // Dialogs of the toolkit see to their own size.
   if (column == nullptr) return;
   const QSize least = column->totalMinimumSize();
   if (least.width() > room.width() || least.height() > room.height()) make_scroll(column);

@@ -128,6 +128,7 @@ threshold_rule rule_of(const detection_window& d) {
 
 // The threshold that a run would begin with, µV.
 QString threshold_text(const session_state& session, const threshold_rule& rule, int c) {
+  // µV; noise and thresholds are kept in bits.
   const double bit = session.recording.vscale_HP;
   const auto uv = [](double value) { return QString::number(value, 'f', 1); };
   if (rule.mode == threshold_fixed) return "± " + uv(rule.value);
@@ -266,6 +267,7 @@ void tick_rows(detection_window& d, const QTableWidgetItem* ticked) {
   const QModelIndexList rows = d.table->selectionModel()->selectedRows();
   const bool of_selection = std::any_of(
       rows.begin(), rows.end(), [&](const QModelIndex& row) { return row.row() == ticked->row(); });
+  // A tick in a row outside of the selection stands for itself alone.
   if (of_selection) {
     for (const QModelIndex& row : rows) masks[row.row()] = on;
   }
@@ -306,6 +308,7 @@ QTableWidget* channel_table(const shared_detection& d) {
   table->setSelectionBehavior(QAbstractItemView::SelectRows);
   table->setSelectionMode(QAbstractItemView::ExtendedSelection);
   table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  // Tab leads out of the table, or it would take one press for each channel to get past it.
   table->setTabKeyNavigation(false);
   table->setShowGrid(false);
   table->setAlternatingRowColors(true);
@@ -471,6 +474,7 @@ QGroupBox* result_section(const shared_detection& d) {
 
 void start_detection(const shared_detection& d) {
   if (!d->form.store()) return;
+  // Left by the last run; it would end this one at its first poll.
   d->w.session.operation.detection_interrupted = false;
   // A run that is interrupted may never report them; the last run's would stay.
   d->n_coincident->clear();
@@ -501,6 +505,7 @@ void leave_detection(const shared_detection& d, QDialog::DialogCode how) {
 // Templates of clusters that are there lose the channels that have been masked, however
 // the dialog was left.
 void follow_masks(const shared_detection& d) {
+  // Every template and every pair anew: minutes for a large sort, and only where there is a reason.
   if (!d->masks_changed || d->w.session.clusters.n_clusters == 0) return;
   run_with_progress(
       d->w, "recalculate_progress", "Recalculate templates",
@@ -514,6 +519,7 @@ void follow_masks(const shared_detection& d) {
 // Shows the values of a new installation; they count once detection starts or is left.
 void restore_defaults(const shared_detection& d) {
   session_state& session = d->w.session;
+  // Controls load from the session: the defaults are there for a moment, and nothing is stored.
   const detection_settings kept = session.detection;
   // The routine that sets defaults fills more records than this dialog shows.
   const filter_settings kept_filter = session.filter;

@@ -76,6 +76,7 @@ void show_duplicates(const shared_export& x) {
 
 void save_as(const shared_export& x) {
   x->form.store();
+  // Read here: the worker must not touch a control.
   const export_format& format = export_formats()[x->format->currentIndex()];
   const bool comments = x->comments->isChecked();
   // Many formats are written too fast to report; a full bar from the last one would mislead.

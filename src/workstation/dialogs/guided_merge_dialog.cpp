@@ -61,6 +61,7 @@ void show_figures(const guided_window& g) {
 }
 
 void show_pair(const guided_window& g) {
+  // Without a pair, as after the last one, the windows keep what they show.
   if (g.values.a < 1) return;
   // The last one is drawn on top.
   const std::int32_t first = g.swapped ? g.values.b : g.values.a;
@@ -87,6 +88,7 @@ void run_step(const shared_guided& g, const QString& doing, guided_routine routi
       },
       [g] {
         set_interrupts(g->w.session.operation, false);
+        // The last items may be too few to be reported.
         g->bar->setValue(g->bar->maximum());
         show_step(g);
       });
@@ -112,6 +114,7 @@ void show_step(const shared_guided& g) {
   g->list->mark(g->values.a, g->values.b);
   g->message->setText("What do you want to do?");
   if (g->step == guided_step::finished) {
+    // Before the dialog goes, so that its windows return to the current cluster.
     forget_pair(g->w);
     g->dialog->accept();
     return;
@@ -186,6 +189,7 @@ QLayout* display_rows(const shared_guided& g) {
     show_pair(*g);
   });
   QObject::connect(g->with_correlograms, &QCheckBox::toggled, g->dialog, [g](bool on) {
+    // The box is stored and shown with the next pair.
     if (g->dialog->running()) return;
     if (on) {
       show_pair(*g);
@@ -267,6 +271,7 @@ void guided_merge_command(workstation& w) {
       },
       [g] {
         if (g->step == guided_step::finished) {
+          // It was never shown, so that nothing closes it by itself.
           delete g->dialog;
           return;
         }

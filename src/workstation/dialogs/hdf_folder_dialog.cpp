@@ -42,6 +42,7 @@ QPlainTextEdit* read_only_text(const char* object_name, const char* tip, int lin
   auto* text = new QPlainTextEdit;
   text->setObjectName(object_name);
   text->setReadOnly(true);
+  // Nobody types into it; Tab leads on.
   text->setTabChangesFocus(true);
   text->setToolTip(tip);
   text->setMinimumHeight(text->fontMetrics().lineSpacing() * lines + 12);
@@ -137,6 +138,7 @@ QLayout* hdf_folder_dialog::facts_column() {
   dimensions_->setTextInteractionFlags(Qt::TextSelectableByMouse);
   values_ = read_only_text("hdf_values", "The first values of a dataset, as they are stored", 5);
   values_->setFont(QFontDatabase::systemFont(QFontDatabase::FixedFont));
+  // Rows of the dataset stay rows.
   values_->setLineWrapMode(QPlainTextEdit::NoWrap);
 
   auto* size = new QHBoxLayout;
@@ -178,6 +180,7 @@ QWidget* hdf_folder_dialog::button_row() {
 void hdf_folder_dialog::show_page(const hdf_page& page, reply_routine reply) {
   page_ = page;
   reply_ = std::move(reply);
+  // A page that was on its way when the user gave up.
   if (cancelled_) {
     answer(hdf_step::cancel);
     return;
@@ -193,6 +196,7 @@ void hdf_folder_dialog::show_page(const hdf_page& page, reply_routine reply) {
   scale_->setText(QString::fromStdString(page.scale));
   up_->setEnabled(page.folder != "/");
   setEnabled(true);
+  // Return reads where there is something to read, and goes on where there is not.
   if (page.is_dataset) {
     read_->setFocus();
   } else {
@@ -210,6 +214,7 @@ void hdf_folder_dialog::fill_members(const hdf_page& page) {
 }
 
 void hdf_folder_dialog::fill_attributes(const hdf_page& page) {
+  // Clearing would ask for the value of an attribute that is gone.
   const QSignalBlocker quiet(attributes_);
   attributes_->clear();
   for (const hdf_attribute& attribute : page.attributes)
@@ -229,10 +234,12 @@ void hdf_folder_dialog::enter_selected() {
 }
 
 void hdf_folder_dialog::answer(hdf_step step) {
+  // One answer for each page: a second press comes before the next one is there.
   if (!reply_) return;
   hdf_choice choice;
   choice.step = step;
   const int row = members_->indexOfTopLevelItem(members_->currentItem());
+  // A dataset has no members and no line that is chosen.
   choice.member = static_cast<std::size_t>(std::max(row, 0));
   choice.rate = rate_->text().toStdString();
   choice.scale = scale_->text().toStdString();

@@ -51,6 +51,7 @@ messages_dialog::messages_dialog(workstation& of)
       file_name_(new QLineEdit),
       bar_(make_bar("progress", 100)) {
   lines_->setObjectName("log_lines");
+  // Measured once and not for each of thousands of lines.
   lines_->setUniformItemSizes(true);
   lines_->setAlternatingRowColors(true);
   lines_->addItems(take_lines(w_.session));
@@ -128,6 +129,7 @@ void messages_dialog::interrupt_reading() {
 }
 
 void messages_dialog::reject() {
+  // While it reads it can only be interrupted: what is half read would be left without words.
   if (!reading_) QDialog::reject();
 }
 

@@ -43,6 +43,8 @@ constexpr std::uint32_t deletion_colour = 0x808080;
 void show_line(const split_window& s, std::size_t i) {
   const split_line& line = s.lines[i];
   const bool there = i < s.split.rows.size();
+  // Of the lines shown alone: the others below have no button and nothing that could be seen to
+  // join.
   const bool next = i + 1 < std::min(s.split.rows.size(), split_row_limit);
   line.erase->setEnabled(there);
   if (line.merge != nullptr) line.merge->setEnabled(next);
@@ -62,7 +64,9 @@ void show_line(const split_window& s, std::size_t i) {
 }
 
 void show_split(const shared_split& s) {
+  // Shown, not moved: the slider would ask for the stage once more.
   const QSignalBlocker quiet(s->stage);
+  // 0 is the membership as it was, which has no place on the slider.
   if (s->split.selected_stage > 0) s->stage->setValue(s->split.selected_stage);
   s->sigma->setText(s->split.selected_stage > 0 ? QString::number(s->sigma_uv, 'f', 2) + " µV"
                                                 : QString("as it was"));

@@ -58,6 +58,7 @@ using tool = std::function<outcome(session_state& session)>;
 using shower = std::function<void(const outcome& found)>;
 
 void show_count(QLabel* label, std::int32_t count) {
+  // What the tool did before stays on show where this one found nothing out.
   if (count >= 0) label->setText(QString::number(count));
 }
 
@@ -74,6 +75,7 @@ void run_tool(const shared_post& p, tool routine, shower show = {}) {
         p->counts = count_sort(session);
       },
       [p, found, show = std::move(show)] {
+        // Read before it is lowered for whatever comes next.
         const bool stopped = p->w.session.operation.autosort_interrupt;
         set_interrupts(p->w.session.operation, false);
         p->bar->setValue(p->bar->maximum());
@@ -204,6 +206,7 @@ QGroupBox* reclaim_box(const shared_post& p) {
   for (const char* name : {"Low", "Medium", "High"}) {
     p->selectivity->addItem(QString(name) + " selectivity");
   }
+  // Medium: low takes in strangers, high leaves most of the lost ones out.
   p->selectivity->setCurrentIndex(1);
   p->selectivity->setToolTip("How sure an event must be of its cluster to be taken in");
   p->n_restored = count_label("n_restored", "Unclustered events that joined a cluster");
@@ -269,6 +272,7 @@ void add_direction(const shared_post& p, QHBoxLayout* row) {
        [&session, increasing] { session.review.renumber_increasing = increasing->isChecked(); },
        [] { return false; }});
   p->dialog->disabled_while_running << increasing << decreasing;
+  // In front of the stretch that ends the row.
   row->insertWidget(row->count() - 1, increasing);
   row->insertWidget(row->count() - 1, decreasing);
 }

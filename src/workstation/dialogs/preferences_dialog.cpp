@@ -160,10 +160,12 @@ void apply_themes(const preferences_window& p) {
 
 // False while a field is refused.
 bool apply(preferences_window& p) {
+  // Not settings of the form, and so not asked by it.
   if (!p.width->hasAcceptableInput() || !p.height->hasAcceptableInput()) return false;
   if (!p.form.store()) return false;
   session_state& session = p.w.session;
   preferences_record& record = session.preferences;
+  // No operation runs while this dialog is open, so that it can count at once.
   session.multi_threaded_now = record.multi_threaded;
   record.autorecover_minutes = intervals[p.autorecover->currentIndex()].minutes;
   set_autorecover_interval(p.w.autorecover, record.autorecover_minutes);
@@ -194,11 +196,14 @@ bool apply(preferences_window& p) {
 void give_back(preferences_window& p) {
   p.w.session.preferences = p.before;
   p.w.session.multi_threaded_now = p.before.multi_threaded;
+  // The timer has its own copy, taken when the interval was applied.
   set_autorecover_interval(p.w.autorecover, p.before.autorecover_minutes);
 }
 
 // The preferences of a new installation, window layout as computed for this frame.
 void restore_defaults(preferences_window& p) {
+  // Nothing is stored before "OK" or "Apply": the record holds the defaults only while they are
+  // shown.
   const preferences_record kept = p.w.session.preferences;
   set_default_preferences(p.w.session);
   load(p);

@@ -56,6 +56,8 @@ void show_cluster(const realign_window& r) {
 
 // What can be undone depends on the cluster on show and on what was saved.
 void set_undo_buttons(const realign_window& r) {
+  // The copy is of one cluster; put back while another is on show, the user would not see what he
+  // has done.
   const bool here = !r.dialog->running() && r.copy.cluster == r.cluster->value();
   r.undo_templates->setEnabled(here);
   r.undo_events->setEnabled(here);
@@ -107,6 +109,7 @@ void realign_one(const shared_realign& r, const QComboBox* list, cluster_step st
   const std::int32_t mode = list->currentData().toInt();
   const auto cluster = static_cast<std::int32_t>(r->cluster->value());
   run_step(r, [r, step, cluster, mode](session_state& session) {
+    // Before the step, and of its cluster alone: one step back, not all of them.
     r->copy = copy_event_times(session, cluster);
     step(session, cluster, mode);
   });

@@ -85,6 +85,7 @@ void make_shortcuts(QDialog* dialog, const QString& action, std::function<void()
   for (const QString& key : all) {
     auto* shortcut = new QShortcut(QKeySequence(key), dialog);
     shortcut->setContext(Qt::ApplicationShortcut);
+    // A key held a moment too long must not merge the next pair as well.
     shortcut->setAutoRepeat(false);
     QObject::connect(shortcut, &QShortcut::activated, dialog, [run] {
       if (!is_typing() && QApplication::activeModalWidget() == nullptr) run();
@@ -134,6 +135,7 @@ void bind_keys(QDialog* dialog, QAbstractButton* button) {
   if (text.isEmpty()) return;
   button->setToolTip(QString("%1 (%2)").arg(button->toolTip(), text.split(' ').join(", ")));
   make_shortcuts(dialog, action, [button] {
+    // A key does what its button would do, and nothing where that is off.
     if (button->isEnabled() && button->isVisible()) button->click();
   });
 }
@@ -350,6 +352,7 @@ void unit_list::tell_selection() {
   };
   if (lines.size() == 1) emit chosen(cluster(0));
   if (lines.size() == 2) {
+    // Pairs are known by the lower number first, in whichever order the lines were pressed.
     const auto [a, b] = std::minmax({cluster(0), cluster(1)});
     emit pair_chosen(a, b);
   }

@@ -56,9 +56,11 @@ double written_value(const session_state& session, const setting_row& row, int e
 }  // namespace
 
 number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(new QLabel) {
+  // With a point in every country: settings files, scripts and the log have it, too.
   setLocale(QLocale::c());
   setAccelerated(true);
   setKeyboardTracking(true);
+  // Not to the nearest: a slip of 5000 for 50 must not become the upper limit in silence.
   setCorrectionMode(QAbstractSpinBox::CorrectToPreviousValue);
   setMinimumWidth(fontMetrics().horizontalAdvance("00000.00") + 40);
   QPalette colours = problem_->palette();
@@ -76,6 +78,7 @@ number_field::number_field(QWidget* parent) : QDoubleSpinBox(parent), problem_(n
 }
 
 number_field::~number_field() {
+  // In no layout, nobody else owns it.
   if (problem_ && problem_->parent() == nullptr) delete problem_;
 }
 
@@ -87,6 +90,7 @@ QString number_field::refusal_of(const QString& text) const {
 }
 
 void number_field::begin_typing() {
+  // Once for each bout of typing: the value is that before its first key.
   if (!std::exchange(typing_, true)) before_ = value();
 }
 
@@ -180,6 +184,7 @@ bool settings_form::refused() const {
 }
 
 bool settings_form::store() {
+  // All are asked before the first is stored, so that a run never has half of what was typed.
   if (refused()) return false;
   for (const binding& bound : bindings) bound.store();
   return true;
@@ -198,6 +203,7 @@ QWidget* words_line(const std::vector<number_field*>& fields) {
                      [words](const QString& text) { words->setVisible(!text.isEmpty()); });
   }
   layout->addStretch();
+  // The room is there without words as well: a dialog must not jump while somebody types.
   line->setFixedHeight(line->fontMetrics().lineSpacing() + 2);
   line->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
   return line;
@@ -223,6 +229,7 @@ number_field* number_control(settings_form& form, const char* setting,
   const double low = own_range ? options.low : row.low * options.shown_per_stored;
   const double high = own_range ? options.high : row.high * options.shown_per_stored;
   number_options shown = options;
+  // Without decimals the field would refuse all but whole numbers.
   if (row.type == setting_type::real && shown.decimals == 0) shown.decimals = 6;
   number_field* field =
       free_number(form.parent, name_of(setting, element, row).toLatin1(), low, high, shown);
@@ -271,6 +278,7 @@ QComboBox* choice_control(settings_form& form, const char* setting,
       {[list, &session, &row] {
          const int value = static_cast<int>(setting_value(session, row));
          const int index = list->findData(value);
+         // A file may hold a number that the list does not have.
          list->setCurrentIndex(index < 0 ? 0 : index);
        },
        [list, &session, &row] { store_setting(session, row, 0, list->currentData().toInt()); },

@@ -26,6 +26,8 @@ constexpr int sigma_positions = 60;
 
 double sigma_of_position(int position) { return 5.0 * std::pow(1.1, position - 20); }
 int position_of_sigma(double sigma) {
+  // ln 1.1; the thousandth keeps a value that lies on a position from being cut to the one below
+  // it.
   return static_cast<int>(std::log(sigma / 5.0) / 0.095310204 + 20.001);
 }
 
@@ -220,6 +222,7 @@ void restore_defaults(settings_form& form) {
   form.load();
   form.session.strategy = kept;
   form.session.detection = kept_detection;
+  // Defaults have built their tables meanwhile; those of the settings in force are built anew.
   apply_settings(form.session);
 }
 

@@ -71,6 +71,7 @@ void show_step(number_field* field, float scale, float (*scale_at)(std::int32_t)
 
 // How far a number may go follows what is in memory.
 void limit(number_field* field, double first, double last, bool words_beside = true) {
+  // Without events or clusters there is no last one.
   last = std::max(last, first);
   // A limit that is set anew writes over what is being typed.
   const double finest = std::pow(10.0, -field->decimals());
@@ -340,6 +341,7 @@ QGroupBox* marks_box(voltage_controls& v) {
 QScrollBar* row_bar(workstation& w) {
   auto* bar = new QScrollBar(Qt::Vertical);
   bar->setObjectName("vd_first_channel");
+  // A few rows more than there are, so that the last ones can be brought to the top.
   bar->setRange(1, w.session.recording.n_channels + 9);
   bar->setToolTip("The row at the top");
   QObject::connect(bar, &QScrollBar::valueChanged, w.frame, [&w](int row) {
@@ -435,6 +437,7 @@ class trace_keys : public QObject {
     const auto* key = static_cast<QKeyEvent*>(event);
     QWidget* focus = dialog_->focusWidget();
     if (qobject_cast<QLineEdit*>(focus) || qobject_cast<QAbstractSpinBox*>(focus)) return false;
+    // Shortcuts of the menus go on to the menus.
     if ((key->modifiers() & ~Qt::KeypadModifier) != Qt::NoModifier) return false;
     const session_turn turn(w_);
     if (!turn.taken) return false;
@@ -451,6 +454,8 @@ class trace_keys : public QObject {
 void close_last_dialog(voltage_state& state) {
   if (!state.dialog) return;
   state.dialog->close();
+  // At once, and not when the toolkit comes to it: its controls have the names that the next
+  // dialog's will have.
   delete state.dialog;
 }
 

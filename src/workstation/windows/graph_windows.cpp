@@ -195,6 +195,8 @@ void graph_surface::clear_selection() {
 
 bool graph_surface::in_turn(const std::function<void()>& routine) {
   const session_turn turn(w_);
+  // Numbers that were gathered need no session: they are zoomed and dragged while an operation
+  // runs.
   const bool may_run = turn.taken || routines_.gather;
   if (may_run) routine();
   if (routines_.gather) repaint_numbers();
@@ -301,6 +303,7 @@ void graph_surface::wheelEvent(QWheelEvent* event) {
 void graph_surface::keyPressEvent(QKeyEvent* event) {
   bool done = false;
   if (routines_.key) in_turn([&] { done = routines_.key(event->key()); });
+  // What the window has no use for goes on to the frame and its shortcuts.
   if (!done) QWidget::keyPressEvent(event);
 }
 
@@ -468,6 +471,7 @@ void cascade_windows(workstation& w) {
   int step = 0;
   const QList<QMdiSubWindow*> windows = w.frame->area()->subWindowList(QMdiArea::StackingOrder);
   for (QMdiSubWindow* window : windows) {
+    // The run log keeps to the lower edge.
     if (dynamic_cast<graph_window*>(window) == nullptr) continue;
     window->showNormal();
     move_to_step(*window, step++);
