@@ -59,6 +59,7 @@ void show_bar(console_interface& console) {
 
 void print_line(console_interface& console, std::string_view text) {
   hide_bar(console);
+  // The bar is taken away and put back below the line, or the two would run into each other.
   fmt::print(console.out, "{}\n", text);
   show_bar(console);
 }
@@ -69,7 +70,9 @@ void show_progress(console_interface& console, meter which, std::int32_t value,
   const std::string name = meter_name(which);
   const auto percent = static_cast<std::int32_t>(
       std::clamp<std::int64_t>(std::int64_t{value} * 100 / range, 0, 100));
+  // Written when a digit changes and not at every post: a terminal is slower than the loops.
   if (name == console.bar_name && percent == console.bar_percent) return;
+  // Another stage counts its quarters from the beginning.
   if (name != console.bar_name) console.bar_quarter = -1;
   console.bar_name = name;
   console.bar_percent = percent;
@@ -77,6 +80,7 @@ void show_progress(console_interface& console, meter which, std::int32_t value,
     show_bar(console);
     return;
   }
+  // Without a terminal, as in the log of a job: four lines, and not a file full of bars.
   const std::int32_t quarter = percent / 25;
   if (quarter > console.bar_quarter && quarter > 0) {
     fmt::print(console.out, "{} {}%\n", name, quarter * 25);
@@ -91,6 +95,8 @@ void tell_console(console_interface& console, const std::string& text, const std
 }
 
 bool ask_console(console_interface& console, const std::string& text, const std::string& title) {
+  // Nobody is there to be asked; question and answer are told together, so that a log shows what
+  // was decided.
   const bool yes = console.answer_yes;
   if (!console.quiet) {
     print_line(console, fmt::format("{}: {} {}", title, text, yes ? "Yes" : "No"));
@@ -153,6 +159,7 @@ bool standard_error_is_terminal() { return isatty(fileno(stderr)) != 0; }
 
 bool open_console_log(console_interface& console, const std::string& path) {
   console.log = std::fopen(path.c_str(), "w");
+  // By the line: the log can be followed while a sort runs, and has its last words after a crash.
   if (console.log != nullptr) std::setvbuf(console.log, nullptr, _IOLBF, 1 << 12);
   return console.log != nullptr;
 }

@@ -106,6 +106,7 @@ bool lend_session(const session_state& session, std::chrono::milliseconds bound)
 
 void yield_session(const session_state& session) {
   session_gate& gate = session.gate;
+  // Polls also run in routines that a test or a reader calls without a gate.
   if (!holds_session(session)) return;
   if (gate.lent) return;  // not the borrower's to pass on
   // Nobody has drawn a ticket behind the holder's; one drawn this moment can wait.

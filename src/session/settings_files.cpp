@@ -35,6 +35,7 @@ bool take_fields(session_state& session, setting_file which, const file_bytes& i
   std::size_t at = 0;
   for (const setting_row& row : settings_of(which)) {
     for (std::int32_t i = 0; i < row.count; ++i, at += 4) {
+      // A field that is cut in the middle is none. Rows without a use at the end need not be there.
       if (at + 4 > in.n) return row.address == nullptr;
       if (row.reading == setting_reading::dropped) continue;
       char* to = static_cast<char*>(row.address(session)) + 4 * i;
