@@ -87,8 +87,7 @@ void fold_stage(const session_state& session, pair_split& split, std::int32_t st
   if (split.folded[stage]) return;
   split.folded[stage] = true;
   gac_tables& tables = *split.tables;
-  // From the smallest on: labels go by falling size, and one that has been folded may make its
-  // neighbour large enough to stay.
+  // From the last label on: one that has been folded may make its neighbour large enough to stay.
   for (std::int32_t j = gac_label_limit; j >= 1; --j) {
     const std::int32_t size = tables.as_cl_sizes[stage][j];
     const bool weak = 2 * tables.as_cl_scores[stage][j] < session.strategy.gac_threshold;
