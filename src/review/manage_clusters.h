@@ -54,9 +54,9 @@ managed_cluster show_managed_cluster(const session_state& session, std::int32_t 
 
 // review_settings::manage_option_4, the rule by which "Delete clusters" goes.
 enum deletion_rule : std::int32_t {
-  rule_by_size = 1,       // fewer events than delete_size_limit
-  rule_by_snr = 2,        // below delete_snr_limit; not in event-based recordings
-  rule_by_height = 3,     // peak-to-peak below manage_option_1, µV
+  rule_by_size = 1,    // fewer events than delete_size_limit
+  rule_by_snr = 2,     // below delete_snr_limit; not in event-based recordings
+  rule_by_height = 3,  // peak-to-peak below manage_option_1, µV
   rule_ambiguous = 4,  // not distinct from some other cluster
 };
 

@@ -519,8 +519,10 @@ void show_planes(session_state& session, cluster_index& index, const cluster_the
 // All of them, on an empty session and on a sorted one, light and dark, leave no pixel unpainted
 // and change nothing.
 void check_pictures(bool dark, bool empty) {
-  const std::unique_ptr<small_session> s =
-      empty ? std::make_unique<small_session>() : std::make_unique<sorted_session>();
+  // Shared, so that each goes as what it was made as.
+  const std::shared_ptr<small_session> s =
+      empty ? std::make_shared<small_session>()
+            : std::static_pointer_cast<small_session>(std::make_shared<sorted_session>());
   session_state& session = **s;
   cluster_index index;
   const cluster_theme theme = make_cluster_theme(session.preferences, dark);
