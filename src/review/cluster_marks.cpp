@@ -376,7 +376,7 @@ float event_minutes(const session_state& session, std::int32_t event) {
   // The exact rate, as hours at a rounded one are off by seconds.
   const double rate = r.sampling_frequency_exact > 0 ? r.sampling_frequency_exact
                                                      : static_cast<double>(r.sampling_frequency);
-  return static_cast<float>(time / (rate * 60.0));
+  return rate > 0 ? static_cast<float>(time / (rate * 60.0)) : 0.0f;
 }
 
 std::vector<shape_point> events_in_plane(session_state& session, mark_plane plane) {

@@ -19,6 +19,7 @@
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
+#include "review/cluster_marks.h"
 #include "sorting/cluster_edits.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
@@ -148,7 +149,7 @@ TEST(event_reading, heights_and_places_by_hand) {
   calculate_all_templates(*s);
   EXPECT_FLOAT_EQ(read_event_height(*s, 1, 1), 150.0f);
   EXPECT_FLOAT_EQ(read_event_height(*s, 1, 3), 0.0f);
-  EXPECT_FLOAT_EQ(minutes_of_event(*s, 1), 1000.0f / (25000.0f * 60.0f));
+  EXPECT_FLOAT_EQ(event_minutes(*s, 1), 1000.0f / (25000.0f * 60.0f));
   s->templates.channels(1)[1] = 1;
   s->templates.channels(1)[2] = 2;
   s->templates.template_n_channels[1] = 2;

@@ -9,6 +9,7 @@
 
 #include "clustering/principal_components.h"
 #include "displays/clusters/event_reading.h"
+#include "review/cluster_marks.h"
 
 namespace kestrelvane {
 
@@ -216,7 +217,7 @@ std::int32_t component_event_at(const component_picture& picture, QPointF pixel)
 QString component_event_text(const session_state& session, std::int32_t event) {
   if (event < 1 || event > session.events.n_events) return {};
   return QString::fromStdString(fmt::format("event {}, {:.4f} s, label {}", event,
-                                            60.0 * minutes_of_event(session, event),
+                                            60.0 * event_minutes(session, event),
                                             session.events.event_subcluster[event]));
 }
 

@@ -32,20 +32,6 @@ float read_event_height(const session_state& session, std::int32_t event, std::i
   return *high - *low;
 }
 
-float minutes_of_event(const session_state& session, std::int32_t event) {
-  const recording_store& r = session.recording;
-  const std::int32_t time = session.events.event_time[event];
-  if (!r.is_continuous && !session.preferences.treat_as_continuous) {
-    const std::int32_t channel = session.events.event_channel[event];
-    return static_cast<float>(static_cast<double>(event_record_time_ms(session, time, channel)) /
-                              60000.0);
-  }
-  // The exact rate: over hours a rounded one is off by seconds, and marks would leave their epochs.
-  const double rate = r.sampling_frequency_exact > 0 ? r.sampling_frequency_exact
-                                                     : static_cast<double>(r.sampling_frequency);
-  return rate > 0 ? static_cast<float>(time / (rate * 60.0)) : 0.0f;
-}
-
 plane_point read_event_place(const session_state& session, std::int32_t event,
                              std::int32_t cluster) {
   const recording_store& r = session.recording;

@@ -19,9 +19,6 @@ void read_event_waveform(const session_state& session, std::int32_t event, std::
 // Peak-to-peak on a channel, µV.
 float read_event_height(const session_state& session, std::int32_t event, std::int32_t channel);
 
-// Time in minutes from the recording's start; of stored records the one of their stamps.
-float minutes_of_event(const session_state& session, std::int32_t event);
-
 // Centre of mass over the cluster's channels, µm, sites weighted by the square of the
 // peak-to-peak: the noise of the weak ones would otherwise draw every event to the middle.
 plane_point read_event_place(const session_state& session, std::int32_t event,

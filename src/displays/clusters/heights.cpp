@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "displays/clusters/event_reading.h"
+#include "review/cluster_marks.h"
 
 namespace kestrelvane {
 
@@ -32,7 +33,7 @@ void gather_heights(const session_state& session, const cluster_index& index,
     for (std::size_t i = 0; i < events.size(); i += static_cast<std::size_t>(picture.stride)) {
       picture.events.push_back(events[i]);
       picture.points.push_back(
-          {minutes_of_event(session, events[i]), height_of(session, events[i], c)});
+          {event_minutes(session, events[i]), height_of(session, events[i], c)});
     }
   }
 }
@@ -47,7 +48,7 @@ void gather_components(const session_state& session, const component_values& val
                         ? values.values[i * static_cast<std::size_t>(values.dimensions) +
                                         static_cast<std::size_t>(d)]
                         : 0.0f;
-    picture.points.push_back({minutes_of_event(session, values.events[i]), y});
+    picture.points.push_back({event_minutes(session, values.events[i]), y});
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "displays/clusters/event_reading.h"
 #include "numerics/simd.h"
+#include "review/cluster_marks.h"
 
 namespace kestrelvane {
 
@@ -50,7 +51,7 @@ struct event_clock {
                 : 0.0f) {}
   float minutes(std::int32_t event) const {
     return per_sample > 0 ? static_cast<float>(session.events.event_time[event]) * per_sample
-                          : minutes_of_event(session, event);
+                          : event_minutes(session, event);
   }
 };
 

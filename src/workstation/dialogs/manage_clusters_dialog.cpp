@@ -304,25 +304,6 @@ QGroupBox* rules_box(const shared_manage& m) {
   return titled_box("Delete clusters", rows);
 }
 
-// The direction is one setting with two buttons.
-void add_direction(const shared_manage& m, QHBoxLayout* row) {
-  auto* increasing = new QRadioButton("Increasing");
-  auto* decreasing = new QRadioButton("decreasing");
-  increasing->setObjectName("renumber_increasing");
-  decreasing->setObjectName("renumber_decreasing");
-  increasing->setToolTip("The smallest comes first");
-  decreasing->setToolTip("The largest comes first");
-  session_state& session = m->w.session;
-  m->form.bindings.push_back(
-      {[&session, increasing, decreasing] {
-         (session.review.renumber_increasing ? increasing : decreasing)->setChecked(true);
-       },
-       [&session, increasing] { session.review.renumber_increasing = increasing->isChecked(); },
-       [] { return false; }});
-  row->insertWidget(row->count() - 1, increasing);
-  row->insertWidget(row->count() - 1, decreasing);
-}
-
 QGroupBox* order_box(const shared_manage& m) {
   auto* rows = new QVBoxLayout;
   rows->addLayout(row_of({tool_button(m, "reorder", "Sort clusters by",
@@ -331,7 +312,7 @@ QGroupBox* order_box(const shared_manage& m) {
                                          "By what clusters are numbered")}));
   auto* directions = new QHBoxLayout;
   directions->addStretch();
-  add_direction(m, directions);
+  add_numbering_direction(m->form, directions);
   rows->addLayout(directions);
   return titled_box("Numbers", rows);
 }

@@ -258,25 +258,6 @@ QGroupBox* weak_box(const shared_post& p) {
   return titled_box("Weak clusters", rows);
 }
 
-// The direction is one setting with two buttons.
-void add_direction(const shared_post& p, QHBoxLayout* row) {
-  auto* increasing = new QRadioButton("Increasing");
-  auto* decreasing = new QRadioButton("decreasing");
-  increasing->setObjectName("renumber_increasing");
-  decreasing->setObjectName("renumber_decreasing");
-  session_state& session = p->w.session;
-  p->form.bindings.push_back(
-      {[&session, increasing, decreasing] {
-         (session.review.renumber_increasing ? increasing : decreasing)->setChecked(true);
-       },
-       [&session, increasing] { session.review.renumber_increasing = increasing->isChecked(); },
-       [] { return false; }});
-  p->dialog->disabled_while_running << increasing << decreasing;
-  // In front of the stretch that ends the row.
-  row->insertWidget(row->count() - 1, increasing);
-  row->insertWidget(row->count() - 1, decreasing);
-}
-
 QGroupBox* numbering_box(const shared_post& p) {
   QComboBox* order = choice_control(p->form, "renumber_order", mode_entries(renumber_orders()),
                                     "By what clusters are numbered");
@@ -287,7 +268,7 @@ QGroupBox* numbering_box(const shared_post& p) {
                             return outcome{};
                           }),
               words("cluster numbering by"), order});
-  add_direction(p, row);
+  add_numbering_direction(p->form, row);
   auto* rows = new QVBoxLayout;
   rows->addLayout(row);
   return titled_box("Numbers", rows);

@@ -8,6 +8,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QSettings>
 #include <QShortcut>
 #include <QSortFilterProxyModel>
@@ -363,6 +364,24 @@ void choose_cluster(workstation& w, std::int32_t cluster) {
   if (w.worker.running || cluster < 1 || cluster > w.session.clusters.n_clusters) return;
   w.session.clusters.current_cluster = cluster;
   refresh_windows(w);
+}
+
+void add_numbering_direction(settings_form& form, QHBoxLayout* row) {
+  auto* increasing = new QRadioButton("Increasing");
+  auto* decreasing = new QRadioButton("decreasing");
+  increasing->setObjectName("renumber_increasing");
+  decreasing->setObjectName("renumber_decreasing");
+  increasing->setToolTip("The smallest comes first");
+  decreasing->setToolTip("The largest comes first");
+  review_settings& review = form.session.review;
+  form.bindings.push_back(
+      {[&review, increasing, decreasing] {
+         (review.renumber_increasing ? increasing : decreasing)->setChecked(true);
+       },
+       [&review, increasing] { review.renumber_increasing = increasing->isChecked(); },
+       [] { return false; }});
+  row->insertWidget(row->count() - 1, increasing);
+  row->insertWidget(row->count() - 1, decreasing);
 }
 
 // ---------------------------------------------------------------- place

@@ -16,12 +16,14 @@
 
 #include "sorting/unit_table.h"
 
+class QHBoxLayout;
 class QLineEdit;
 class QTableView;
 
 namespace kestrelvane {
 
 class operation_dialog;
+struct settings_form;
 class unit_model;
 struct workstation;
 
@@ -79,6 +81,10 @@ class unit_list : public QWidget {
 
 // The cluster becomes the current one, and all windows follow. Not while a worker runs.
 void choose_cluster(workstation& w, std::int32_t cluster);
+
+// The direction of a numbering, renumber_increasing, as two buttons; in front of the stretch that
+// ends the row.
+void add_numbering_direction(settings_form& form, QHBoxLayout* row);
 
 // ---------------------------------------------------------------- place
 
