@@ -65,7 +65,7 @@ struct workstation {
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   std::shared_ptr<correlogram_state> correlograms;    // likewise; correlogram_window.h
-  std::shared_ptr<cluster_displays> cluster_windows;  // cluster_windows.h
+  std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
   bool reads_recording = false;       // the running operation has begun to read one

@@ -6,6 +6,7 @@
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/operation.h"
 #include "workstation/sorted_workstation.h"
+#include "workstation/windows/cluster_displays.h"
 #include "workstation/windows/cluster_windows.h"
 
 namespace kestrelvane::test {

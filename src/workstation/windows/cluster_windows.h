@@ -2,48 +2,16 @@
 // components, amplitudes against time, the template as an image, spikes over the probe.
 //
 // They show the current cluster, or the pair that a review has on show, and follow both. What is
-// drawn is displays/clusters/; here are the mouse and the keys, and what is kept between two
-// pictures: the index of events, which all share, and the values of the components, which one
-// reading serves three windows. Both are forgotten when the session has changed.
+// drawn is displays/clusters/; the mouse and the keys of each are in waveform_windows.cpp,
+// plane_windows.cpp and spike_windows.cpp; what they share is cluster_displays.h.
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
-#include "displays/clusters/cluster_index.h"
-#include "displays/clusters/components.h"
-#include "displays/clusters/heights.h"
-#include "displays/clusters/sorted_waveforms.h"
-#include "displays/clusters/spike_map.h"
-#include "displays/clusters/template_image.h"
 #include "session/cluster_change.h"
 #include "workstation/windows/graph_windows.h"
 
 namespace kestrelvane {
-
-// A window of waveforms and what it shows.
-struct waveform_window_state {
-  waveform_view view;
-  waveform_picture picture;
-  bool begun = false;  // view has been taken from the settings
-};
-
-struct cluster_displays {
-  cluster_index index;
-  std::int32_t a = 0, b = 0;  // the pair on show; 0: the current cluster alone
-  waveform_window_state single, pair;
-  component_view components;
-  component_values values;  // of values.clusters
-  bool values_valid = false;
-  component_picture component_points;
-  bool components_begun = false;
-  height_view heights;
-  height_picture height_points;
-  template_image_view image;
-  template_image_picture image_values;
-  spike_view spikes;
-  spike_picture spike_points;
-};
 
 graph_routines cluster_waveform_routines(workstation& w);
 graph_routines pair_waveform_routines(workstation& w);

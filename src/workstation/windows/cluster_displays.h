@@ -1,0 +1,65 @@
+// What the windows of sorted clusters share: the views that the user has chosen, and what is kept
+// between two pictures - the index of events, and the values of the components, of which one
+// reading serves three windows. What is kept is forgotten when the session has changed.
+//
+// The controls of a dialog beside the windows set the fields of a view and redraw its window.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "displays/clusters/cluster_index.h"
+#include "displays/clusters/cluster_theme.h"
+#include "displays/clusters/components.h"
+#include "displays/clusters/heights.h"
+#include "displays/clusters/sorted_waveforms.h"
+#include "displays/clusters/spike_map.h"
+#include "displays/clusters/template_image.h"
+#include "workstation/windows/graph_windows.h"
+
+namespace kestrelvane {
+
+inline constexpr double closer_per_notch = 1.25;  // of a wheel
+
+// A window of waveforms and what it shows.
+struct waveform_window_state {
+  waveform_view view;
+  waveform_picture picture;
+  bool begun = false;  // view has been taken from the settings
+};
+
+struct cluster_displays {
+  cluster_index index;
+  std::int32_t a = 0, b = 0;  // the pair on show; 0: the current cluster alone
+  waveform_window_state single, pair;
+  component_view components;
+  component_values values;  // of values.clusters
+  bool values_valid = false;
+  component_picture component_points;
+  bool components_begun = false;
+  height_view heights;
+  height_picture height_points;
+  template_image_view image;
+  template_image_picture image_values;
+  spike_view spikes;
+  spike_picture spike_points;
+};
+
+// Made on first need.
+cluster_displays& displays_of(workstation& w);
+
+bool is_cluster(const workstation& w, std::int32_t c);
+// The pair while a review has one on show, else the current cluster; empty for none.
+std::vector<std::int32_t> clusters_on_show(workstation& w);
+// Of clusters_on_show; read again when they or the session have changed.
+const component_values& values_on_show(workstation& w);
+
+// Paper is white, whatever the windows are.
+cluster_theme theme_for(const workstation& w, const QPainter& painter);
+// The window of a kind, when it is open.
+void redraw_graph(workstation& w, graph_kind kind);
+// The event that was pressed is ringed in all windows, and the voltage record goes there; nothing
+// for 0.
+void choose_event(workstation& w, std::int32_t event);
+
+}  // namespace kestrelvane
