@@ -29,6 +29,7 @@ enum option_group : unsigned {
   takes_hdf = 1u << 13,
   takes_hdf_edits = 1u << 14,
   takes_values = 1u << 15,
+  takes_replay = 1u << 16,
 };
 
 // A flag_or_list stands alone or is followed by a list of numbers.
@@ -85,6 +86,9 @@ constexpr option_row option_rows[] = {
   {text, takes_results, "--save-work", AT(save_work), "FILE", "write a work file"},
   {flag, takes_results, "--skip-existing", AT(skip_existing),
       "", "do nothing when all the files that are asked for are there"},
+  {text, takes_replay, "--replay", AT(replay),
+      "FILE", "the history of a review, NAME.curation.jsonl"},
+  {count, takes_replay, "--upto", AT(upto), "N", "the last edit to do (all of them)"},
   {texts, takes_exports, "--export", AT(exports),
       "FORMAT=PATH", "csv, txt, plx, ntt, evt, nev, ptcs, tsf, phy or nwb; may be repeated"},
   {text, takes_results, "--report", AT(report),
@@ -146,6 +150,7 @@ constexpr batch_verb verbs[] = {
   {"sort", "sort a recording into units", sorts | takes_stop, run_sort},
   {"detect", "find the events of a recording", sorts, run_detect},
   {"export", "write a saved sort, or the one in the file, for other tools", opens | takes_work | takes_exports, run_export},
+  {"curate", "do the edits of a review again", opens | takes_work | takes_replay | takes_exports | takes_results, run_curate},
   {"convert", "write a recording as TSF", opens | takes_output, run_convert},
   {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
    run_make_test},

@@ -22,6 +22,7 @@ int run_batch_command(int argc, const char* const* argv);
 batch_status run_info(const batch_options& options);
 batch_status run_sort(const batch_options& options);
 batch_status run_detect(const batch_options& options);
+batch_status run_curate(const batch_options& options);
 batch_status run_export(const batch_options& options);
 batch_status run_convert(const batch_options& options);
 batch_status run_make_test(const batch_options& options);

@@ -87,6 +87,7 @@ void clear_cluster_record(session_state& session, std::int32_t cluster) {
   clusters.cluster_ellipse[cluster] = {};
   clusters.cluster_signed_off[cluster] = false;
   clusters.cluster_tag[cluster] = 0;
+  clusters.cluster_label[cluster] = unit_label::unsorted;
   clusters.cluster_source[cluster] = 0;
   clusters.cluster_comment[cluster].blank();
   // cluster_sigma is left alone: it belongs to the number and not to the cluster.
@@ -94,7 +95,10 @@ void clear_cluster_record(session_state& session, std::int32_t cluster) {
   templates.template_n_channels[cluster] = 0;
 }
 
-void blank_cluster_comments(session_state& session) { session.clusters.cluster_comment.clear(); }
+void blank_cluster_comments(session_state& session) {
+  session.clusters.cluster_comment.clear();
+  session.clusters.cluster_label.clear();
+}
 
 float distance_from_centre_squared(const session_state& session, std::int32_t event,
                                    std::int32_t cluster) {

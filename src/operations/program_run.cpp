@@ -7,6 +7,7 @@
 #include "operations/open_recording.h"
 #include "operations/recovery.h"
 #include "recording/recording_formats.h"
+#include "results/curation_file.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
 
@@ -32,6 +33,8 @@ void keep_earlier_state(const session_state& session) {
   std::filesystem::rename(session.home_directory + '/' + autorecover_file_name,
                           session.home_directory + '/' + earlier_state_name, failed);
   if (failed) return;
+  rename_history_beside(session.home_directory + '/' + autorecover_file_name,
+                        session.home_directory + '/' + earlier_state_name);
   log_message(session, std::string("The state that an earlier run saved is kept as work file ") +
                            earlier_state_name);
 }
@@ -63,6 +66,8 @@ void turn_into_recovery_file(const session_state& session) {
   std::filesystem::rename(session.home_directory + '/' + restart_file_name,
                           session.home_directory + '/' + autorecover_file_name, failed);
   if (failed) remove_home_file(session, restart_file_name);
+  rename_history_beside(session.home_directory + '/' + restart_file_name,
+                        session.home_directory + '/' + autorecover_file_name);
 }
 
 // A state that was wanted and could not be read is kept for a run that has more luck; No
@@ -81,7 +86,15 @@ bool offer_to_keep_state(session_state& session, exit_way way) {
                 : user_answer::no;
   if (answer == user_answer::none) return false;
   if (way == exit_way::menu) remove_home_file(session, restart_file_name);
-  if (answer == user_answer::no || save_restart(session)) return true;
+  if (answer == user_answer::no || save_restart(session)) {
+    const std::string recovery = session.home_directory + '/' + autorecover_file_name;
+    if (answer == user_answer::no) {
+      remove_history_beside(recovery);
+    } else {
+      rename_history_beside(recovery, session.home_directory + '/' + restart_file_name);
+    }
+    return true;
+  }
   remove_home_file(session, autorecover_temporary_name);
   tell(session, std::string("Failed to save file ") + restart_file_name, "Exit Kestrelvane");
   return false;

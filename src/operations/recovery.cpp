@@ -5,6 +5,7 @@
 #include "files/input_file.h"
 #include "operations/open_recording.h"
 #include "recording/recording_formats.h"
+#include "results/curation_file.h"
 #include "results/work_file.h"
 #include "session/logical.h"
 #include "session/run_log.h"
@@ -102,8 +103,15 @@ bool read_state(session_state& session, const state_file& file) {
     say_not_read(session, file, wrong_file);
     return false;
   }
+  const std::string path = home_file(session, file.name);
+  std::int32_t later_edits = take_over_history(session, path);
+  if (later_edits == 0) later_edits = take_over_later_review(session, path);
+  // Edits to come belong beside the recovery file, where they are kept in any case.
+  session.history.work_file.clear();
   autoscale_voltage_display(session);
   offer_filters(session, file);
+  // Made after the last save; the crash was not the user's wish.
+  if (later_edits > 0) repeat_later_edits(session);
   log_message(session, file.success);
   return true;
 }

@@ -254,7 +254,11 @@ bool write_csv(const session_state& session, const std::string& path) {
   safe_file out;
   std::string line;
   if (open_safe_file(out, path)) {
-    if (session.review.export_csv_heading) write_text(out, "seconds,cluster,channel\n");
+    // Only of a sort that has been labelled: others keep the three columns that scripts know.
+    const bool labelled = has_unit_labels(session.clusters);
+    if (session.review.export_csv_heading) {
+      write_text(out, labelled ? "seconds,cluster,channel,label\n" : "seconds,cluster,channel\n");
+    }
     for (std::int32_t i = 1; i <= e.n_events; ++i) {
       if (e.event_cluster[i] <= 0) continue;
       line.clear();
@@ -263,6 +267,10 @@ bool write_csv(const session_state& session, const std::string& path) {
       append_columns(line, fmt::format("{}", e.event_cluster[i]), 4);
       line += ',';
       append_columns(line, fmt::format("{}", e.event_channel[i]), 4);
+      if (labelled) {
+        line += ',';
+        line += name_of(session.clusters.cluster_label[e.event_cluster[i]]).name;
+      }
       line += '\n';
       write_text(out, line);
     }

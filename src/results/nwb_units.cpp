@@ -446,7 +446,7 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
   std::vector<std::int64_t> n_spikes;
   std::vector<float> rates, peaks, snr;
   std::vector<std::int8_t> signed_off;
-  texts quality, comments;
+  texts quality, comments, labels;
   for (const unit_row& row : make_unit_table(session)) {
     n_spikes.push_back(row.n_events);
     rates.push_back(static_cast<float>(row.rate));
@@ -458,6 +458,7 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
                          : row.status == cluster_status::unstable ? "unstable"
                                                                   : "unknown");
     comments.emplace_back(session.clusters.cluster_comment[row.cluster].view());
+    labels.emplace_back(name_of(session.clusters.cluster_label[row.cluster]).name);
   }
   add_column(out, table, "n_spikes", "number of spikes",
              {H5T_STD_I64LE, H5T_NATIVE_INT64, list_of(n_spikes.size()), n_spikes.data()});
@@ -468,6 +469,9 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
              signed_off);
   add_texts(out, table, "quality", "stable: distinct from every other unit", quality);
   add_texts(out, table, "comment", "as the sorter wrote it", comments);
+  if (has_unit_labels(session.clusters)) {
+    add_texts(out, table, "label", "good, mua (multi-unit), noise or unsorted, by hand", labels);
+  }
 }
 
 void write_units(nwb_file& out, const session_state& session) {

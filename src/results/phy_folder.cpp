@@ -401,8 +401,8 @@ bool write_templates(const phy_export& x) {
          write_array(x, "similar_templates", "<f4", {n, n}, x.similarity);
 }
 
-// The columns that the curator sees beside those that readers work out for themselves. There
-// is no "group": that is the curator's word, and nobody has looked at the units yet.
+// The columns that the curator sees beside those that readers work out for themselves. "group"
+// is the curator's word: there is none of units that nobody has looked at yet.
 struct cluster_column {
   const char* name;
   std::string (*cell)(const session_state& session, const unit_row& unit);
@@ -429,6 +429,11 @@ constexpr cluster_column cluster_columns[] = {
     {"signed_off",
      [](const session_state& session, const unit_row& u) {
        return std::string(session.clusters.cluster_signed_off[u.cluster] ? "yes" : "no");
+     }},
+    {"group",
+     [](const session_state& session, const unit_row& u) {
+       const unit_label label = session.clusters.cluster_label[u.cluster];
+       return std::string(label == unit_label::unsorted ? "" : name_of(label).name);
      }},
     {"comment",
      [](const session_state& session, const unit_row& u) {

@@ -1,6 +1,7 @@
 #include "results/work_file.h"
 
 #include "files/input_file.h"
+#include "results/curation_file.h"
 #include "signal/filter_chain.h"
 
 namespace kestrelvane {
@@ -50,12 +51,19 @@ work_file_outcome open_work_file_dialog(session_state& session) {
   if (!choose_file_to_open(session, "Open Kestrelvane Work File", file_filter, path)) {
     return work_file_outcome::cancelled;
   }
-  return open_work_file_at(session, path);
+  const work_file_outcome outcome = open_work_file_at(session, path);
+  // After the filters: edits go by the samples.
+  if (outcome == work_file_outcome::retrieved ||
+      outcome == work_file_outcome::retrieved_with_filtering) {
+    offer_history_beside(session, path);
+  }
+  return outcome;
 }
 
-bool save_work_file_at(const session_state& session, const std::string& path) {
+bool save_work_file_at(session_state& session, const std::string& path) {
   const bool written = write_work_file(session, path);
   if (written) {
+    save_history_beside(session, path);
     tell(session, "Work saved in file " + path, box_title, box_icon::information);
   } else {
     tell(session, "Failed to save file " + path, box_title);
@@ -63,7 +71,7 @@ bool save_work_file_at(const session_state& session, const std::string& path) {
   return written;
 }
 
-bool save_work_file_dialog(const session_state& session) {
+bool save_work_file_dialog(session_state& session) {
   std::string path = replace_extension(session.recording.recording_path, ".wrk");
   return choose_file_to_save(session, "Save work file", file_filter, path) &&
          save_work_file_at(session, path);

@@ -46,13 +46,14 @@ enum class work_file_outcome {
 // which may take minutes; No empties the filter history, since those have been through
 // no filter.
 work_file_outcome open_work_file_at(session_state& session, const std::string& path);
-// The menu entry: tests for a recording, lets the user choose, and goes on as above.
+// The menu entry: tests for a recording, lets the user choose, and goes on as above. A review
+// that went on after the file was saved (results/curation_file.h) is offered, too.
 work_file_outcome open_work_file_dialog(session_state& session);
 
 // Writes a work file and tells the user how it went.
-bool save_work_file_at(const session_state& session, const std::string& path);
+bool save_work_file_at(session_state& session, const std::string& path);
 // The menu entry: lets the user choose, the recording's name with ".wrk" offered.
 // False when it failed or the user cancelled.
-bool save_work_file_dialog(const session_state& session);
+bool save_work_file_dialog(session_state& session);
 
 }  // namespace kestrelvane

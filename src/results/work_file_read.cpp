@@ -95,17 +95,30 @@ bool read_positions(work_file_source& in, session_state& session) {
   return true;
 }
 
+// A name that this version does not know says nothing.
+void read_label(session_state& session, std::int64_t cluster, std::string_view name) {
+  for (const unit_label_name& known : unit_label_names) {
+    if (name == known.name) session.clusters.cluster_label[cluster] = known.label;
+  }
+}
+
 bool read_comments(work_file_source& in, session_state& session) {
   while (remaining(in) > 0) {
     std::int32_t length = 0, cluster = 0;
     if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
     // The length is that of the field in memory; the number becomes a place in the table.
-    if (length < 0 || length > 256 || cluster < 1 || cluster > in.counts.of[per_cluster]) {
+    const std::int64_t number = std::abs(std::int64_t{cluster});
+    if (length < 0 || length > 256 || number < 1 || number > in.counts.of[per_cluster]) {
       return fail(in, fmt::format("has {} characters for cluster {}", length, cluster));
     }
     char text[256];
     if (!read_bytes(in, text, length)) return false;
-    session.clusters.cluster_comment[cluster].assign({text, static_cast<std::size_t>(length)});
+    const std::string_view words(text, static_cast<std::size_t>(length));
+    if (cluster > 0) {
+      session.clusters.cluster_comment[cluster].assign(words);
+    } else {
+      read_label(session, number, words);
+    }
   }
   return true;
 }

@@ -39,7 +39,9 @@ enum class row_form {
   templates,      // cluster fastest, then channel, then time
   channel_lists,  // for each slot 1..n_channels, every cluster in turn
   positions,      // template_x, template_y of each cluster
-  comments,       // to the end of the file: length, cluster, text
+  // To the end of the file: length, cluster, text. Of a negative number the text is the label of
+  // the unit, by its name.
+  comments,
 };
 
 struct work_file_row {

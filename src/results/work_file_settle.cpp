@@ -218,6 +218,7 @@ void prepare_for_work_file(session_state& session) {
   c.cluster_ellipse.clear();
   c.cluster_signed_off.clear();
   c.cluster_tag.clear();
+  c.cluster_label.clear();
   session.lists.n_kv_pairs = 0;
   session.lists.n_match = 0;
   // Not in the file; tries of the sort before would count against pairs of this one.

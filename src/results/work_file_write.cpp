@@ -59,6 +59,14 @@ void write_comments(safe_file& out, const session_state& session) {
     write_value(out, c);
     write_text(out, comment);
   }
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    const unit_label label = session.clusters.cluster_label[c];
+    if (label == unit_label::unsorted) continue;
+    const std::string_view name = name_of(label).name;
+    write_value(out, static_cast<std::int32_t>(name.size()));
+    write_value(out, -c);
+    write_text(out, name);
+  }
 }
 
 void write_row(safe_file& out, const session_state& session, const work_file_row& row,

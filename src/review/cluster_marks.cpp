@@ -14,6 +14,7 @@
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
 #include "review/alignment_score.h"
+#include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "session/template_window.h"
 #include "signal/interpolation.h"
@@ -59,7 +60,7 @@ bool begin_cluster_review(session_state& session) {
 }
 
 bool undo_cluster_review(session_state& session) {
-  if (!restore_undo_state(session, undo_owner::cluster_review)) return false;
+  if (!restore_recorded(session, undo_owner::cluster_review)) return false;
   refresh_displays(session);
   return true;
 }
@@ -485,6 +486,8 @@ bool delete_whole_cluster(session_state& session, std::int32_t cluster) {
            "What do you want to do?")) {
     return false;
   }
+  recorded_edit edit(session, "delete_clusters");
+  edit.record.clusters = {cluster};
   prepare_edit(session, cluster);
   delete_cluster(session, cluster);
   log_message(session, fmt::format("View clusters: user deleted cluster {}", cluster));
@@ -504,6 +507,9 @@ bool split_label(session_state& session, std::int32_t label) {
   }
   // Before anything is saved: a refusal must not cost the user what could be taken back.
   if (!cluster_can_grow(session)) return false;
+  recorded_edit edit(session, "split");
+  edit.record.clusters = {cluster};
+  edit.record.events = leaving;
   prepare_edit(session, cluster);
   if (label == 0) {
     // What stays was marked to stay. The marks go first, and those who leave get one.
@@ -523,6 +529,9 @@ bool delete_label(session_state& session, std::int32_t label) {
   if (leaving.empty()) return false;
   // A cluster without events cannot be.
   if (leaving.size() == list.size()) return delete_whole_cluster(session, cluster);
+  recorded_edit edit(session, "remove_and_realign");
+  edit.record.clusters = {cluster};
+  edit.record.events = leaving;
   prepare_edit(session, cluster);
   remove_events(session, leaving, template_renewal::realigned);
   refresh_displays(session);
@@ -537,6 +546,8 @@ bool delete_current_cluster(session_state& session) {
 bool realign_current_cluster(session_state& session) {
   const std::int32_t cluster = current_of(session).number;
   if (cluster == 0) return false;
+  recorded_edit edit(session, "realign");
+  edit.record.clusters = {cluster};
   prepare_edit(session, cluster);
   renew_clusters(session, {cluster}, template_renewal::realigned);
   refresh_displays(session);
@@ -546,6 +557,9 @@ bool realign_current_cluster(session_state& session) {
 void annotate_current_cluster(session_state& session, const std::string& comment) {
   const std::int32_t cluster = current_of(session).number;
   if (cluster == 0) return;
+  recorded_edit edit(session, "comment");
+  edit.record.clusters = {cluster};
+  edit.record.text = comment;
   session.clusters.cluster_comment[cluster].assign(comment);
   // No cluster changes, which would be noted by itself.
   note_unsaved(session, unsaved_results::edits);

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "clustering/membership.h"
+#include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
@@ -131,10 +132,8 @@ guided_step merge_pair_on_show(session_state& session, guided_walk& walk) {
   return show_next_pair(session, walk);
 }
 
-guided_step mark_pair(session_state& session, guided_walk& walk, table<logical>& marks) {
-  marks[find_pair(session, walk.pair)] = true;
-  // No cluster changes, which would be noted by itself.
-  note_unsaved(session, unsaved_results::edits);
+guided_step mark_pair(session_state& session, guided_walk& walk, pair_mark mark) {
+  set_pair_mark(session, walk.pair, mark, true);
   return show_next_pair(session, walk);
 }
 
@@ -144,7 +143,7 @@ guided_step merge_and_split(session_state& session, guided_walk& walk, bool manu
 }
 
 guided_step take_back(session_state& session, guided_walk& walk) {
-  if (!walk.can_undo || !restore_undo_state(session, undo_owner::guided_merge)) {
+  if (!walk.can_undo || !restore_recorded(session, undo_owner::guided_merge)) {
     return guided_step::decide;
   }
   walk.can_undo = false;
@@ -167,9 +166,9 @@ guided_step act_on_pair(session_state& session, guided_walk& walk, guided_comman
     case guided_merge:
       return merge_pair_on_show(session, walk);
     case guided_distinct:
-      return mark_pair(session, walk, session.lists.kv_user_distinct);
+      return mark_pair(session, walk, pair_mark::distinct);
     case guided_ambiguous:
-      return mark_pair(session, walk, session.lists.kv_user_ambiguous);
+      return mark_pair(session, walk, pair_mark::ambiguous);
     default:
       return merge_and_split(session, walk, manual);
   }

@@ -9,6 +9,7 @@
 #include "clustering/membership.h"
 #include "clustering/templates.h"
 #include "review/post_processing.h"
+#include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/duplicates.h"
@@ -188,9 +189,21 @@ bool can_apply_rule(session_state& session, std::int32_t rule) {
 
 }  // namespace
 
+void label_unit(session_state& session, std::int32_t cluster, unit_label label) {
+  if (!is_cluster(session, cluster)) return;
+  recorded_edit edit(session, "label");
+  edit.record.clusters = {cluster};
+  edit.record.value = static_cast<std::int32_t>(label);
+  session.clusters.cluster_label[cluster] = label;
+  // No cluster changes, which would be noted by itself.
+  note_unsaved(session, unsaved_results::edits);
+}
+
 bool delete_managed_cluster(session_state& session, cluster_management& management,
                             std::int32_t cluster) {
   if (!is_cluster(session, cluster)) return false;
+  recorded_edit edit(session, "delete_clusters");
+  edit.record.clusters = {cluster};
   delete_cluster(session, cluster);
   management.changed = true;
   refresh_displays(session);
@@ -202,6 +215,8 @@ bool delete_clusters_by_rule(session_state& session, cluster_management& managem
   if (session.clusters.n_clusters < 1 || !can_apply_rule(session, rule)) return false;
   // Judged before any of them goes: each is ambiguous by the other, and both shall go.
   const std::vector<std::int32_t> doomed = list_by_rule(session, rule);
+  recorded_edit edit(session, "delete_clusters");
+  edit.record.clusters = doomed;
   delete_clusters(session, doomed);
   management.changed = management.changed || !doomed.empty();
   refresh_displays(session);
@@ -212,6 +227,7 @@ bool delete_clusters_by_rule(session_state& session, cluster_management& managem
 
 bool delete_all_clusters(session_state& session, cluster_management& management) {
   if (session.clusters.n_clusters < 1) return false;
+  const recorded_edit edit(session, "clear_clusters");
   clear_clusters(session);
   // He may have said no.
   if (session.clusters.n_clusters > 0) return false;
@@ -225,6 +241,8 @@ std::int32_t remove_cluster_duplicates(session_state& session, cluster_managemen
   if (!is_cluster(session, cluster)) return 0;
   const std::vector<std::int32_t> worse = list_duplicate_events(session, cluster);
   if (worse.empty()) return 0;
+  recorded_edit edit(session, "remove_cluster_duplicates");
+  edit.record.clusters = {cluster};
   event_table& events = session.events;
   for (const std::int32_t e : worse) {
     // 0 stands for an event whose time of detection is not known.
@@ -242,7 +260,7 @@ void cancel_cluster_management(session_state& session, cluster_management& manag
   if (!management.changed || !management.can_undo) return;
   // The state may be gone when another tool has saved its own; then nothing is said of an undo that
   // was none.
-  if (!restore_undo_state(session, undo_owner::management)) return;
+  if (!restore_recorded(session, undo_owner::management)) return;
   management.changed = false;
   refresh_displays(session);
   tell(session, "All changes undone!", dialog_title, box_icon::information);

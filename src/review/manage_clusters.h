@@ -60,6 +60,9 @@ enum deletion_rule : std::int32_t {
   rule_ambiguous = 4,  // not distinct from some other cluster
 };
 
+// The user's word on a unit, from any dialog of the review.
+void label_unit(session_state& session, std::int32_t cluster, unit_label label);
+
 // Each says how it went; false when nothing changed.
 bool delete_managed_cluster(session_state& session, cluster_management& management,
                             std::int32_t cluster);

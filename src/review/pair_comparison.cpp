@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "sorting/status_lists.h"
 #include "sorting/undo_state.h"
@@ -268,13 +269,12 @@ void compare_set_distinct(session_state& session, pair_comparison& comparison, b
   // Before anything is saved: a mark that is there already must not cost the user his undo.
   if (k == 0 || session.lists.kv_user_distinct[k] == distinct) return;
   save_comparison(session, comparison);
-  session.lists.kv_user_distinct[k] = distinct;
-  note_unsaved(session, unsaved_results::edits);
+  set_pair_mark(session, pair_on_show(session), pair_mark::distinct, distinct);
   refresh_displays(session);
 }
 
 bool compare_undo(session_state& session, pair_comparison& comparison) {
-  if (!comparison.can_undo || !restore_undo_state(session, undo_owner::pair_comparison)) {
+  if (!comparison.can_undo || !restore_recorded(session, undo_owner::pair_comparison)) {
     return false;
   }
   // One level: the saved state has been used up by the restoring.

@@ -11,6 +11,7 @@
 #include "clustering/realignment.h"
 #include "clustering/stage_judge.h"
 #include "review/pair_values.h"
+#include "review/recorded_edit.h"
 #include "sorting/cluster_edits.h"
 
 namespace kestrelvane {
@@ -204,6 +205,14 @@ void mark_pair_ambiguous(session_state& session, cluster_pair pair) {
   if (k != 0) session.lists.kv_user_ambiguous[k] = true;
 }
 
+// A place is one character: there are at most as many as rows.
+void describe_places(edit_record& record, const event_places& places) {
+  record.clusters = places.clusters;
+  for (const std::int32_t place : places.place) {
+    record.places += static_cast<char>('0' + place);
+  }
+}
+
 // The two subclusters that were found become the two clusters; everything else is spurious.
 void split_in_two(session_state& session, pair_split& split, std::int32_t stage,
                   const std::vector<std::int32_t>& kept) {
@@ -214,6 +223,8 @@ void split_in_two(session_state& session, pair_split& split, std::int32_t stage,
     places.place.push_back(place);
     session.events.event_subcluster[split.events[i]] = static_cast<std::int16_t>(place);
   }
+  recorded_edit edit(session, "split_pair");
+  describe_places(edit.record, places);
   split.changed = share_out_events(session, places);
   mark_pair_ambiguous(session, split.pair);
 }
@@ -326,7 +337,9 @@ bool delete_both(session_state& session, pair_split& split) {
   if (!ask(session, "There will be no points left: delete the whole cluster?", split_title)) {
     return false;
   }
-  delete_clusters(session, {split.pair.a, split.pair.b});
+  recorded_edit edit(session, "delete_clusters");
+  edit.record.clusters = {split.pair.a, split.pair.b};
+  delete_clusters(session, edit.record.clusters);
   return true;
 }
 
@@ -347,6 +360,8 @@ bool apply_manual_split(session_state& session, pair_split& split) {
   // Said before the deed, since rows beyond those shown had no button of their own.
   tell_others(session, split);
   const event_places places = places_of_rows(session, split, kept);
+  recorded_edit edit(session, "split_pair");
+  describe_places(edit.record, places);
   // The labels stay for the eye, but none outside its cluster.
   for (std::size_t i = 0; i < split.events.size(); ++i) {
     if (places.place[i] == 0) session.events.event_subcluster[split.events[i]] = 0;
@@ -361,6 +376,8 @@ bool apply_manual_split(session_state& session, pair_split& split) {
 void merge_pair(session_state& session, cluster_pair pair) {
   const std::int64_t k = find_pair(session, pair);
   const std::int32_t low = std::min(pair.a, pair.b), high = std::max(pair.a, pair.b);
+  recorded_edit edit(session, "merge");
+  edit.record.clusters = {low, high};
   // Numbers the pair by the clusters before the merge; k means nothing after it.
   if (k != 0) apply_template_shift(session, low, high, k);
   merge_clusters(session, low, high);

@@ -13,6 +13,7 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "review/alignment_score.h"
+#include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "session/modes.h"
 #include "session/pair_index.h"
@@ -30,7 +31,7 @@ bool begin_post_processing(session_state& session) {
 }
 
 bool undo_post_processing(session_state& session) {
-  if (!restore_undo_state(session, undo_owner::post_processing)) {
+  if (!restore_recorded(session, undo_owner::post_processing)) {
     tell(session, "The sort as it was is no longer kept: another tool has saved its own.",
          post_processing_title, box_icon::warning);
     return false;
@@ -79,6 +80,7 @@ bool detection_times_known(const session_state& session) {
 // ---------------------------------------------------------------- duplicates
 
 std::int32_t remove_duplicates_after_sort(session_state& session) {
+  const recorded_edit edit(session, "remove_duplicates");
   event_table& events = session.events;
   // The removal itself only takes events out of their clusters; who left is found by comparing.
   const std::vector<std::int32_t> before(events.event_cluster.first(),
@@ -177,6 +179,7 @@ std::int32_t relocate_in_cluster(session_state& session, const relocation& task,
 relocation_counts relocate_duplicate_events(session_state& session) {
   relocation_counts counts;
   if (!detection_times_known(session)) return counts;
+  const recorded_edit edit(session, "relocate_duplicates");
   relocation task;
   task.duplicate_window = duplicate_window_samples(session);
   task.window = realign_window_samples(session);
@@ -205,6 +208,12 @@ relocation_counts relocate_duplicate_events(session_state& session) {
 // ---------------------------------------------------------------- events
 
 namespace {
+
+std::int32_t remove_recorded(session_state& session, const std::vector<std::int32_t>& events) {
+  recorded_edit edit(session, "remove");
+  edit.record.events = events;
+  return remove_events(session, events);
+}
 
 // Events of all clusters with too low a score. False when interrupted.
 bool find_misaligned(const session_state& session, std::vector<std::int32_t>& bad) {
@@ -239,7 +248,7 @@ std::int32_t alignment_clean(session_state& session, bool mark_only) {
     for (const std::int32_t e : bad) session.events.event_subcluster[e] = 1;
     say(session, fmt::format("Alignment marking marked {}", n));
   } else {
-    remove_events(session, bad);
+    remove_recorded(session, bad);
     say(session,
         fmt::format("Post-processing: alignment cleaning removed {} events from clusters", n));
     log_message(session, fmt::format("Alignment cleaning removed {} events", n));
@@ -265,7 +274,7 @@ std::int32_t delete_shifted_events(session_state& session) {
     if (events.event_cluster[e] < 1 || !has_detected_time(session, e)) continue;
     if (drift_from_detection(events, e) > farthest) shifted.push_back(e);
   }
-  const std::int32_t n = remove_events(session, shifted);
+  const std::int32_t n = remove_recorded(session, shifted);
   say(session, fmt::format("Post-processing: {} shifted events removed from clusters", n));
   refresh_displays(session);
   return n;
@@ -293,7 +302,7 @@ std::int32_t remove_labelled_events(session_state& session) {
            "Are you sure?")) {
     return -1;
   }
-  remove_events(session, marked);
+  remove_recorded(session, marked);
   log_message(session, fmt::format("Post-processing:{} marked events removed from clusters", n));
   refresh_displays(session);
   return static_cast<std::int32_t>(n);
@@ -330,6 +339,8 @@ std::int32_t delete_weak_clusters(session_state& session) {
       !ask(session, "This will delete all the clusters!", "Are you sure?")) {
     return -1;
   }
+  recorded_edit edit(session, "delete_clusters");
+  edit.record.clusters = weak;
   delete_clusters(session, weak);
   say(session, fmt::format("Post-processing:{} clusters were deleted", n));
   refresh_displays(session);
@@ -482,6 +493,8 @@ bool renumber_clusters(session_state& session) {
     if (std::isnan(x) || std::isnan(y)) return !std::isnan(x) && std::isnan(y);
     return increasing ? x < y : x > y;
   });
+  recorded_edit edit(session, "renumber");
+  edit.record.clusters = order;
   if (!permute_clusters(session, order)) return false;
   // The user wants to see what the order begins with.
   session.clusters.current_cluster = 1;

@@ -12,6 +12,7 @@
 #include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "review/cluster_marks.h"
+#include "review/recorded_edit.h"
 #include "session/long_operation.h"
 #include "session/run_log.h"
 #include "sorting/cluster_edits.h"
@@ -308,6 +309,9 @@ bool reclaim_events(session_state& session, reclaim_selectivity selectivity,
   counts = {};
   if (cluster < 1 || cluster > session.clusters.n_clusters) return false;
   if (autosort_interrupted(session)) return false;
+  recorded_edit edit(session, "reclaim");
+  edit.record.clusters = {cluster};
+  edit.record.value = static_cast<std::int32_t>(selectivity);
   if (!reclaim_for_cluster(session, cluster, selectivity, list_lost_events(session), true,
                            counts)) {
     return !session.operation.autosort_interrupt;
@@ -320,6 +324,8 @@ bool reclaim_events(session_state& session, reclaim_selectivity selectivity,
 }
 
 std::int32_t reclaim_lost_events(session_state& session, reclaim_selectivity selectivity) {
+  recorded_edit edit(session, "reclaim_all");
+  edit.record.value = static_cast<std::int32_t>(selectivity);
   const std::int32_t n = session.clusters.n_clusters;
   const lost_events lost = list_lost_events(session);
   std::vector<std::int32_t> changed;

@@ -21,6 +21,24 @@ struct cluster_ellipse_record {
   float angle;  // degrees
 };
 
+// The user's word on a unit.
+enum class unit_label : std::int32_t { unsorted, good, multi_unit, noise };
+struct unit_label_name {
+  unit_label label;
+  const char* name;    // in files, as other programs of the field read it: "group"
+  const char* letter;  // in tables; none for those that nobody has looked at
+  const char* words;
+};
+inline constexpr unit_label_name unit_label_names[] = {
+    {unit_label::unsorted, "unsorted", "", "Unsorted"},
+    {unit_label::good, "good", "G", "Good"},
+    {unit_label::multi_unit, "mua", "M", "Multi-unit"},
+    {unit_label::noise, "noise", "N", "Noise"},
+};
+constexpr const unit_label_name& name_of(unit_label label) {
+  return unit_label_names[static_cast<std::size_t>(label)];
+}
+
 struct cluster_table {
   std::int32_t n_clusters = 0;
   std::int32_t current_cluster = 0;   // selected in all dialogs; 0 when there is none
@@ -31,6 +49,7 @@ struct cluster_table {
   table<cluster_ellipse_record> cluster_ellipse;
   table<logical> cluster_signed_off;  // the splitter has finished with it
   table<std::int32_t> cluster_tag;    // opaque value of the analysis tools
+  table<unit_label> cluster_label;
   // The cluster that an edit of this session cut it off from, by the number that one had then;
   // 0: none did. Not saved.
   table<std::int32_t> cluster_source;
@@ -55,6 +74,7 @@ void for_each_moving_column(Visit&& visit, Tables&... of) {
   visit(of.cluster_ellipse...);
   visit(of.cluster_signed_off...);
   visit(of.cluster_tag...);
+  visit(of.cluster_label...);
   visit(of.cluster_source...);
 }
 
@@ -84,6 +104,14 @@ inline cluster_table::cluster_table(std::int64_t capacity) {
 inline cluster_table::cluster_table() : cluster_table(cluster_limit) {
   for_each_legacy_table(
       [](auto& legacy, std::int64_t each) { legacy.reserve(cluster_limit * each); }, *this);
+}
+
+// Whether the user has labelled any of the units.
+inline bool has_unit_labels(const cluster_table& clusters) {
+  for (std::int32_t c = 1; c <= clusters.n_clusters; ++c) {
+    if (clusters.cluster_label[c] != unit_label::unsorted) return true;
+  }
+  return false;
 }
 
 // Forgets all clusters and what stood beside them.

@@ -165,6 +165,17 @@ void release_timestamp_map(recording_store& r) {
   r.records_per_unit = 0;
 }
 
+void forget_history(session_state& session) {
+  edit_history& history = session.history;
+  edit_history empty;
+  // Who listens stays.
+  empty.written = history.written;
+  empty.work_file = history.work_file;
+  empty.depth = history.depth;
+  empty.replaying = history.replaying;
+  history = std::move(empty);
+}
+
 void reset_session(session_state& session) {
   // First, as its name and its lines are those of the recording that goes.
   close_log_file(session);
@@ -183,6 +194,8 @@ void reset_session(session_state& session) {
   // A copy of clusters of another recording, which would be restored over events that are not
   // theirs.
   session.undo.reset();
+  session.history.work_file.clear();
+  forget_history(session);
   session.reviewed = {};
   session.detector.detection_incomplete = false;
   session.detector.n_proto_marks = 0;

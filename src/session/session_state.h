@@ -16,6 +16,7 @@
 #include <string>
 
 #include "session/cluster_table.h"
+#include "session/edit_history.h"
 #include "session/event_table.h"
 #include "session/filter_history.h"
 #include "session/long_operation.h"
@@ -85,6 +86,7 @@ struct session_state {
   status_lists_table lists;
   filter_history_table filter_history;
   std::unique_ptr<undo_slot> undo;  // null: nothing to go back to; sorting/undo_state.h
+  edit_history history;             // of the review; review/recorded_edit.h
 
   detection_settings detection;
   filter_settings filter;
@@ -146,6 +148,9 @@ void release_timestamp_map(recording_store& recording);
 // Forgets recording, events and clusters, closes the log file; settings stay, and
 // so does the allocation of vd, which the next recording replaces.
 void reset_session(session_state& session);
+
+// Forgets the history of edits: what comes next begins another.
+void forget_history(session_state& session);
 
 // Consistency of counters and tables: dense clusters, events in range, lists in
 // step, templates with channels. Returns an empty text, or what is wrong.

@@ -220,6 +220,12 @@ void merge_events(session_state& session, std::int32_t low, std::int32_t high) {
   }
 }
 
+// Where the user has said two different things of the parts, he is to say what the whole is.
+unit_label label_of_both(unit_label a, unit_label b) {
+  if (a == b || b == unit_label::unsorted) return a;
+  return a == unit_label::unsorted ? b : unit_label::unsorted;
+}
+
 cluster_change begin_merge(const session_state& session, std::int32_t low, std::int32_t high) {
   cluster_change change = begin_change(session, cluster_change_kind::merged, {low, high});
   drop_number(change.number_now, high);
@@ -244,6 +250,7 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
   // The records close up here, before anything is calculated: the number above
   // n_clusters is a scratch slot from now on.
   const float sigma = (clusters.cluster_sigma[a] + clusters.cluster_sigma[b]) * 0.5f;
+  const unit_label label = label_of_both(clusters.cluster_label[a], clusters.cluster_label[b]);
   close_record_gap(session, high);
   clusters.current_cluster = low;
   --clusters.n_clusters;
@@ -251,6 +258,7 @@ void merge_clusters(session_state& session, std::int32_t a, std::int32_t b) {
   recalculate_cluster(session, low);
   // What was signed off were the two, and not what they became.
   clusters.cluster_signed_off[low] = false;
+  clusters.cluster_label[low] = label;
   clusters.cluster_sigma[low] = sigma;
   const std::int32_t removed = remove_coincident_cluster_events(session, low);
   log_message(session,

@@ -11,8 +11,8 @@ namespace {
 
 // Calls visit(table of the session, table of the slot, number of elements) for all that
 // lies in the same order in both. Save and restore walk the same lines.
-template <typename Visit>
-void for_each_table(session_state& session, undo_slot& slot, Visit&& visit) {
+template <typename Session, typename Slot, typename Visit>
+void for_each_table(Session& session, Slot& slot, Visit&& visit) {
   const auto first = [&visit](std::int32_t n) {
     return [&visit, n](auto& of, auto& copy) { visit(of, copy, std::int64_t{n}); };
   };
@@ -25,10 +25,10 @@ void for_each_table(session_state& session, undo_slot& slot, Visit&& visit) {
 
 // Calls visit(elements of the session, elements of the slot, number) for each run of a
 // template: its channels, and its points on every channel.
-template <typename Visit>
-void for_each_template_run(session_state& session, undo_slot& slot, Visit&& visit) {
-  template_table& templates = session.templates;
-  template_table& copy = slot.templates;
+template <typename Session, typename Slot, typename Visit>
+void for_each_template_run(Session& session, Slot& slot, Visit&& visit) {
+  auto& templates = session.templates;
+  auto& copy = slot.templates;
   const std::int32_t n_channels = slot.n_channels, n_points = slot.template_points;
   for (std::int32_t c = 1; c <= slot.clusters.n_clusters; ++c) {
     // Packed by the channels and points in use, where the session's slots have fixed strides.
@@ -55,7 +55,7 @@ void copy_counters(const From& from, To& to) {
 
 // Room for the packed blocks, once it is known that memory holds blocks and columns: the
 // columns were reserved with the slot, which costs nothing, and are filled now.
-bool reserve_blocks(session_state& session, undo_slot& slot) {
+bool reserve_blocks(const session_state& session, undo_slot& slot) {
   const std::int64_t n_listed = std::int64_t{slot.clusters.n_clusters} * slot.n_channels;
   const std::int64_t n_values = n_listed * slot.template_points;
   // Channel lists, then mean and deviation of each point.
@@ -72,13 +72,10 @@ bool reserve_blocks(session_state& session, undo_slot& slot) {
 
 }  // namespace
 
-bool save_undo_state(session_state& session, undo_owner owner) {
-  // The old copy goes first: there may not be room for two.
-  session.undo.reset();
+std::unique_ptr<undo_slot> copy_sort(const session_state& session) {
   auto slot =
       std::make_unique<undo_slot>(session.events.n_events, session.clusters.n_clusters,
                                   std::max(session.lists.n_kv_pairs, session.lists.n_match));
-  slot->owner = owner;
   slot->recording_path = session.recording.recording_path;
   slot->saved_at = std::chrono::system_clock::now();
   slot->n_channels = session.recording.n_channels;
@@ -86,15 +83,22 @@ bool save_undo_state(session_state& session, undo_owner owner) {
   copy_counters(session, *slot);
   if (!reserve_blocks(session, *slot)) {
     log_message(session, "Not enough memory to undo");
-    return false;
+    return nullptr;
   }
   for_each_table(session, *slot, [](const auto& of, auto& copy, std::int64_t n) {
     std::copy_n(of.first(), n, copy.first());
   });
   for_each_template_run(
       session, *slot, [](const auto* of, auto* copy, std::int64_t n) { std::copy_n(of, n, copy); });
-  session.undo = std::move(slot);
-  return true;
+  return slot;
+}
+
+bool save_undo_state(session_state& session, undo_owner owner) {
+  // The old copy goes first: there may not be room for two.
+  session.undo.reset();
+  session.undo = copy_sort(session);
+  if (session.undo) session.undo->owner = owner;
+  return session.undo != nullptr;
 }
 
 bool can_undo(const session_state& session, undo_owner owner) {
@@ -105,9 +109,7 @@ bool can_undo(const session_state& session, undo_owner owner) {
          session.undo->n_channels == session.recording.n_channels;
 }
 
-bool restore_undo_state(session_state& session, undo_owner owner) {
-  if (!can_undo(session, owner)) return false;
-  undo_slot& slot = *session.undo;
+void restore_sort(session_state& session, const undo_slot& slot) {
   cluster_change change = begin_change(session, cluster_change_kind::restored);
   copy_counters(slot, session);
   for_each_table(session, slot, [](auto& of, const auto& copy, std::int64_t n) {
@@ -123,6 +125,11 @@ bool restore_undo_state(session_state& session, undo_owner owner) {
   }
   change.after = all_clusters(session);
   end_change(session, change);
+}
+
+bool restore_undo_state(session_state& session, undo_owner owner) {
+  if (!can_undo(session, owner)) return false;
+  restore_sort(session, *session.undo);
   return true;
 }
 

@@ -7,6 +7,8 @@
 // 50,000,000 events a save takes a few seconds.
 #pragma once
 
+#include <memory>
+
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -14,6 +16,11 @@ namespace kestrelvane {
 // Fills the slot with the sort in memory. False, after a log line, when memory does not
 // hold it; the slot is then empty.
 bool save_undo_state(session_state& session, undo_owner owner);
+
+// A copy outside the slot; null, after a log line, when memory does not hold it.
+std::unique_ptr<undo_slot> copy_sort(const session_state& session);
+// Brings a copy back and tells whoever listens. It must be of the recording in memory.
+void restore_sort(session_state& session, const undo_slot& copy);
 
 // Whether the slot holds what this tool saved of the recording in memory.
 bool can_undo(const session_state& session, undo_owner owner);

@@ -58,6 +58,7 @@ std::vector<unit_row> make_unit_table(const session_state& session) {
     // Without a duration there is no rate to tell.
     unit.rate = seconds > 0 ? sizes[i] / seconds : 0.0;
     unit.status = status[i];
+    unit.label = session.clusters.cluster_label[c];
     measure_template(session, unit);
     units.push_back(unit);
   }

@@ -22,6 +22,8 @@ struct unit_row {
   double peak_to_peak = 0;  // µV, of the template on the centre channel
   double snr = 0;           // template_snr
   cluster_status status = cluster_status::unknown;
+  unit_label label = unit_label::unsorted;
+  double violations = 0;  // refractory_violations, where somebody has asked for them
 };
 
 // In cluster order; one pass over the events and one over the pairs, so that a full session

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "operations/program_run.h"
+#include "results/curation_file.h"
 #include "results/work_file.h"
 #include "session/run_log.h"
 #include "session/settings_files.h"
@@ -131,7 +132,9 @@ void show_requested(workstation& w, const start_request& request) {
         bool wrong_file = false;
         if (!read_work_file(session, path, wrong_file)) {
           tell(session, "Failed to read file " + path, "Kestrelvane work file");
+          return;
         }
+        offer_history_beside(session, path);
       },
       show);
 }
@@ -166,6 +169,7 @@ void place_run_log(workstation& w) {
 void start_workstation(workstation& w, const start_request& request) {
   w.desk = new interface_desk(w);
   w.frame = new main_frame(w);
+  w.session.history.written = keep_record;
   // Before anything that may speak: settings are told in the log when they cannot be used.
   attach_desk(w);
   build_run_log_window(w);

@@ -54,6 +54,15 @@ TEST_F(export_test, csv_has_a_line_for_every_clustered_event) {
   session->review.export_csv_heading = true;
   ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
   EXPECT_EQ(text_of("a.csv"), "seconds,cluster,channel\n" + lines);
+  // A fourth column where the user has labelled units.
+  session->clusters.cluster_label[1] = unit_label::noise;
+  ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
+  EXPECT_EQ(text_of("a.csv"),
+            "seconds,cluster,channel,label\n"
+            "     0.00100,   2,   3,unsorted\n"
+            "    40.00004,   1,  12,noise\n"
+            "    79.99996,   2,   1,unsorted\n");
+  session->clusters.cluster_label[1] = unit_label::unsorted;
   session->review.export_csv_heading = false;
 
   session->clusters.n_clusters = 0;

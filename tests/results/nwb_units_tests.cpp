@@ -108,6 +108,7 @@ TEST_F(nwb_units_test, the_file_has_this_structure) {
 }
 
 TEST_F(nwb_units_test, values_are_those_of_the_sort) {
+  session->clusters.cluster_label[3] = unit_label::good;
   ASSERT_TRUE(write_nwb_units(*session, path));
   EXPECT_EQ(values("/units/id"), "1, 2, 3");
   EXPECT_EQ(values("/units/spike_times"), "0, 0.2, 0.8, 0.5");
@@ -121,6 +122,7 @@ TEST_F(nwb_units_test, values_are_those_of_the_sort) {
   EXPECT_EQ(values("/units/n_spikes"), "3, 0, 1");
   EXPECT_EQ(values("/units/signed_off"), "TRUE, FALSE, FALSE");
   EXPECT_EQ(values("/units/comment"), ", , bursts");
+  EXPECT_EQ(values("/units/label"), "unsorted, unsorted, good");
   EXPECT_EQ(values("/general/extracellular_ephys/electrodes/rel_y"), "0, 40, 80");
   EXPECT_THAT(values("/session_start_time"), testing::StartsWith("2024-03-05T14:00:00"));
   EXPECT_THAT(values("/session_description"), testing::StartsWith("Units sorted from small.tsf"));

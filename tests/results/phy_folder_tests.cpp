@@ -205,6 +205,10 @@ TEST_F(phy_test, a_curated_folder_is_replaced_only_when_the_user_says_so) {
   EXPECT_GT(read_bytes(curated).size(), 4u);
   EXPECT_FALSE(std::filesystem::exists(path + "/cluster_info.tsv"));
   EXPECT_FALSE(std::filesystem::exists(path + "/cluster_group.tsv"));
+  // The words of the curator of this sort.
+  session->clusters.cluster_label[2] = unit_label::multi_unit;
+  EXPECT_TRUE(export_phy(*session, path));
+  EXPECT_EQ(text("cluster_group.tsv"), "cluster_id\tgroup\n2\tmua\n");
   write_bytes(folder.file("plain"), {'x'});
   EXPECT_FALSE(export_phy(*session, folder.file("plain")));
   session->clusters.n_clusters = 0;

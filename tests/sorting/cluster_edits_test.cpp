@@ -78,9 +78,12 @@ TEST(cluster_operations, merging_takes_the_lower_number_and_its_comment) {
   EXPECT_TRUE(session.user.logged("0 coincident events were removed from the merged cluster"));
   EXPECT_EQ(check_session(*session), "");
   clusters.cluster_comment[1].assign("mine");
+  clusters.cluster_label[1] = unit_label::good;
+  clusters.cluster_label[2] = unit_label::noise;
   merge_clusters(*session, 1, 2);
   EXPECT_EQ(clusters.cluster_comment[1].view(),
             "Comment deleted because it was merged with another unit");
+  EXPECT_EQ(clusters.cluster_label[1], unit_label::unsorted) << "two words, and none of the whole";
 }
 
 TEST(cluster_operations, coincident_events_of_a_cluster) {

@@ -23,7 +23,7 @@ struct victim_notes {
   std::atomic<std::int64_t> changes;    // the last one made
   std::atomic<std::int64_t> wrk_begun;  // change that goes into the work file
   std::atomic<std::int64_t> wrk_done;
-  std::atomic<std::int64_t> made_at[limit];  // by change
+  std::atomic<std::int64_t> made_at[limit];  // by change; of a review the fingerprint instead
 };
 
 // Maps the file, which is made when it does not exist. Null on failure.

@@ -1,5 +1,7 @@
 // A run of the program for the test that kills it: recovers what the home has, then works
-// and saves until it is killed. Arguments: home, work file, file of the notes.
+// and saves until it is killed. Arguments: home, work file, file of the notes. In place of a work
+// file the word "review": the work is that of a user at the review, and the notes hold the
+// fingerprint of the sort after each edit.
 #include <cstdio>
 #include <memory>
 #include <thread>
@@ -7,7 +9,10 @@
 #include "numerics/parallel.h"
 #include "operations/program_run.h"
 #include "operations/recovery.h"
+#include "results/curation_file.h"
 #include "results/work_file.h"
+#include "review/recorded_edit.h"
+#include "support/random_review.h"
 #include "support/recovery_victim.h"
 #include "support/scripted_interface.h"
 
@@ -44,6 +49,20 @@ void work(session_state& session, victim_notes& notes, const std::string& work_f
   }
 }
 
+void review(session_state& session, victim_notes& notes) {
+  random_review user(static_cast<unsigned>(steady_ns()));
+  const std::int64_t begun = steady_ns();
+  while (steady_ns() - begun < 60'000'000'000) {
+    const session_hold hold(session);
+    const std::int32_t before = last_record(session.history);
+    user.edit(session);
+    if (session.history.fingerprint == 0 || last_record(session.history) == before) continue;
+    const std::int64_t k = notes.changes + 1;
+    notes.made_at[k] = static_cast<std::int64_t>(sort_fingerprint(session));
+    notes.changes = k;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -61,12 +80,23 @@ int main(int argc, char** argv) {
   session->preferences.autorecover_minutes = static_cast<float>(victim_interval_ms) / 60000.0f;
   std::fputs("started\n", stderr);
   if (!open_at_start(*session, "")) return 3;
-  notes->changes = change_of(*session);
-  if (notes->changes < 1) return 4;
+  const bool reviews = std::string_view(argv[2]) == "review";
+  if (reviews) {
+    session->history.written = keep_record;
+    notes->changes = 0;
+    notes->made_at[0] = static_cast<std::int64_t>(sort_fingerprint(*session));
+  } else {
+    notes->changes = change_of(*session);
+    if (notes->changes < 1) return 4;
+  }
   autorecover_timer timer;
   timer.look_every = std::chrono::milliseconds(victim_look_ms);
   start_autorecover(timer, *session);
-  work(*session, *notes, argv[2]);
+  if (reviews) {
+    review(*session, *notes);
+  } else {
+    work(*session, *notes, argv[2]);
+  }
   stop_autorecover(timer);
   return 0;
 }

@@ -52,7 +52,7 @@ TEST(Frame, MenusInTheirOrder) {
   EXPECT_THAT(labels_of(tops[4]->menu()),
               ElementsAre("&View, clean and split clusters", "&Compare cluster pairs",
                           "&Auto/cross-correlation", "&Realign", "Recalculate &templates",
-                          "&Spatio-temporal spike view", "&Post-processing"));
+                          "&Spatio-temporal spike view", "&Post-processing", "&History"));
   EXPECT_THAT(labels_of(tops[2]->menu()),
               ElementsAre("&Transform/filter", "&Channel check", "&Event detection"));
   EXPECT_THAT(labels_of(tops[3]->menu()),

@@ -52,6 +52,7 @@ void strategy_command(workstation& w);
 void realign_command(workstation& w);
 void guided_merge_command(workstation& w);
 void view_clusters_command(workstation& w);
+void history_command(workstation& w);
 void manage_clusters_command(workstation& w);
 void post_process_command(workstation& w);
 void compare_pairs_command(workstation& w);

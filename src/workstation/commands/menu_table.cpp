@@ -111,6 +111,8 @@ constexpr menu_row rows[] = {
    "Spikes in space and time", both, none, spike_view_command},
   {"&Review", "&Post-processing", "post_processing", "",
    "Clean up and recover lost events", both, none, post_process_command},
+  {"&Review", "&History", "history", "Ctrl+H",
+   "The edits of the review, and the way back to any of them", both, none, history_command},
   {"&Review", "&Test decisions", "test_decisions", "",
    "Sort again and compare the decisions of Autosort", full, none, test_decisions},
   {"&Review", "&Manage clusters", "manage_clusters", "",

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 
+#include "analysis/correlograms.h"
 #include "displays/display_colours.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
@@ -58,6 +59,10 @@ constexpr review_key keys[] = {
     {"label_3",        "Choose the events of label 3",                   "3",               "3"},
     {"label_4",        "Choose the events of label 4",                   "4",               "4"},
     {"delete_cluster", "Delete the cluster on show",                     "Shift+X",         "Shift+X"},
+    {"label_good",     "The unit is good",                               "Alt+G",           "Alt+G"},
+    {"label_multi_unit", "The unit is multi-unit activity",              "Alt+M",           "Alt+M"},
+    {"label_noise",    "The unit is noise",                              "Alt+N",           "Alt+N"},
+    {"label_unsorted", "Nothing is said of the unit",                    "Alt+U",           "Alt+U"},
     {"key_page",       "This page",                                      "H",               "H"},
 };
 // clang-format on
@@ -214,11 +219,15 @@ struct unit_column {
   const char* tip;
   double (*value)(const unit_row& row);
   int decimals;
+  const char* (*text)(const unit_row& row) = nullptr;  // in place of the number
 };
 
 // clang-format off
 constexpr unit_column columns[] = {
     {"Cluster", "Number of the cluster",                      [](const unit_row& u) { return double(u.cluster); }, 0},
+    {"Label",   "G good, M multi-unit, N noise: your word on the unit (Alt+G, Alt+M, Alt+N, Alt+U)",
+     [](const unit_row& u) { return double(static_cast<int>(u.label)); }, 0,
+     [](const unit_row& u) { return name_of(u.label).letter; }},
     {"Channel", "Centre channel of the template",             [](const unit_row& u) { return double(u.channel); }, 0},
     {"Events",  "Events of the cluster",                      [](const unit_row& u) { return double(u.n_events); }, 0},
     {"Rate",    "Events per second of the recording",         [](const unit_row& u) { return u.rate; }, 2},
@@ -226,6 +235,8 @@ constexpr unit_column columns[] = {
     {"SNR",     "Peak-to-peak amplitude over the noise; 0 where that is not known",
      [](const unit_row& u) { return u.snr; }, 1},
     {"y",       "Centre of gravity along the probe, µm",      [](const unit_row& u) { return double(u.y); }, 0},
+    {"< 2 ms %", "Refractory violations: intervals below 2 ms, percent of the cluster's intervals",
+     [](const unit_row& u) { return u.violations; }, 2},
 };
 // clang-format on
 
@@ -240,6 +251,12 @@ class unit_model : public QAbstractTableModel {
     beginResetModel();
     rows_ = std::move(rows);
     endResetModel();
+  }
+  void relabel(std::int32_t cluster, unit_label label) {
+    const int row = row_of(cluster);
+    if (row < 0) return;
+    rows_[row].label = label;
+    emit dataChanged(index(row, 0), index(row, columnCount() - 1));
   }
   std::int32_t cluster_at(int row) const { return rows_[row].cluster; }
   int row_of(std::int32_t cluster) const {
@@ -256,7 +273,10 @@ class unit_model : public QAbstractTableModel {
   QVariant data(const QModelIndex& at, int role) const override {
     const unit_row& row = rows_[at.row()];
     const unit_column& column = columns[at.column()];
-    if (role == Qt::DisplayRole) return QString::number(column.value(row), 'f', column.decimals);
+    if (role == Qt::DisplayRole) {
+      return column.text != nullptr ? QString(column.text(row))
+                                    : QString::number(column.value(row), 'f', column.decimals);
+    }
     // Sorted by the number, not by its text.
     if (role == Qt::UserRole) return column.value(row);
     if (role == Qt::TextAlignmentRole) return int{Qt::AlignRight | Qt::AlignVCenter};
@@ -324,6 +344,17 @@ unit_list::unit_list(workstation& of)
   connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
           [this] { tell_selection(); });
 }
+
+std::vector<unit_row> make_review_units(const session_state& session) {
+  std::vector<unit_row> units = make_unit_table(session);
+  const std::vector<double> violations = refractory_violations(session);
+  for (unit_row& unit : units) {
+    unit.violations = violations[static_cast<std::size_t>(unit.cluster)];
+  }
+  return units;
+}
+
+void unit_list::relabel(std::int32_t cluster, unit_label label) { model_->relabel(cluster, label); }
 
 void unit_list::show_rows(std::vector<unit_row> rows) {
   marking_ = true;

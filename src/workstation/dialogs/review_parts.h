@@ -54,8 +54,11 @@ void show_key_page(workstation& w, QWidget* parent);
 
 // ---------------------------------------------------------------- clusters
 
+// make_unit_table with the refractory violations.
+std::vector<unit_row> make_review_units(const session_state& session);
+
 // The units of a sort: sorts by any column, filtered by text over all of them; one or two
-// selected. Rows are those of make_unit_table.
+// selected. Rows are those of make_review_units.
 class unit_list : public QWidget {
   Q_OBJECT
 
@@ -64,6 +67,7 @@ class unit_list : public QWidget {
   void show_rows(std::vector<unit_row> rows);
   // Marks the clusters of the dialog, as it goes from one to the next; 0 for none.
   void mark(std::int32_t a, std::int32_t b = 0);
+  void relabel(std::int32_t cluster, unit_label label);
 
  signals:
   void chosen(int cluster);        // a line was pressed

@@ -1,0 +1,62 @@
+#include "workstation/dialogs/unit_labels.h"
+
+#include <QPointer>
+
+#include "review/manage_clusters.h"
+#include "workstation/dialogs/review_parts.h"
+#include "workstation/frame.h"
+#include "workstation/operation.h"
+#include "workstation/workstation.h"
+
+namespace kestrelvane {
+
+namespace {
+
+struct label_action {
+  const char* name;  // of review_keys
+  unit_label label;
+};
+constexpr label_action label_actions[] = {
+    {"label_good", unit_label::good},
+    {"label_multi_unit", unit_label::multi_unit},
+    {"label_noise", unit_label::noise},
+    {"label_unsorted", unit_label::unsorted},
+};
+
+// On the worker: a label is an edit with its record, which of a large sort takes a moment.
+void label_clusters(workstation& w, const QPointer<unit_list>& list,
+                    const std::vector<std::int32_t>& clusters, unit_label label) {
+  if (w.worker.running || clusters.empty()) return;
+  run_with_progress(
+      w, "label_progress", "Label",
+      [clusters, label](session_state& session) {
+        for (const std::int32_t c : clusters) label_unit(session, c, label);
+      },
+      [list, clusters, label] {
+        for (const std::int32_t c : clusters) {
+          if (list) list->relabel(c, label);
+        }
+      });
+}
+
+}  // namespace
+
+void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list,
+                      std::function<std::vector<std::int32_t>()> clusters) {
+  const QPointer<unit_list> followed(list);
+  for (const label_action& action : label_actions) {
+    bind_keys(dialog, action.name, [&w, followed, clusters, label = action.label] {
+      label_clusters(w, followed, clusters(), label);
+    });
+  }
+}
+
+void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list) {
+  bind_unit_labels(w, dialog, list, [&w]() -> std::vector<std::int32_t> {
+    const cluster_table& clusters = w.session.clusters;
+    if (clusters.n_clusters < 1) return {};
+    return {clusters.current_cluster};
+  });
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,73 @@
+// A process that is killed in the middle of a review loses at most the last edit.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "operations/program_run.h"
+#include "operations/recovery.h"
+#include "review/recorded_edit.h"
+#include "support/child_process.h"
+#include "support/fixture_files.h"
+#include "support/recovery_victim.h"
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct review_kill_test : ::testing::Test {
+  temporary_directory home, data;
+  std::string notes_path = data.file("notes");
+  victim_notes* notes = map_notes(notes_path);
+  std::mt19937 random{2026};
+
+  void batch(const std::vector<std::string>& arguments) {
+    const process_result result = run_process(KESTRELVANE_BATCH, arguments);
+    ASSERT_EQ(result.status, 0) << result.err;
+  }
+  void make_sort() {
+    const std::string recording = data.file("t.tsf");
+    batch({"make-test", recording, "--electrode", "tetrode", "--minutes", "0.3", "--units", "5",
+           "--seed", "4", "--quiet"});
+    batch({"sort", recording, "--quiet", "--save-work", home.file(autorecover_file_name)});
+  }
+  void review_and_kill() {
+    const process_result result =
+        run_process(KESTRELVANE_RECOVERY_VICTIM, {home.path, "review", notes_path},
+                    [&](pid_t process, const std::string&) {
+                      const int wait = std::uniform_int_distribution<int>(200, 1500)(random);
+                      std::this_thread::sleep_for(std::chrono::milliseconds(wait));
+                      kill(process, SIGKILL);
+                    });
+    ASSERT_EQ(result.status, -SIGKILL) << result.err;
+  }
+};
+
+TEST_F(review_kill_test, a_kill_loses_at_most_the_last_edit) {
+  ASSERT_NE(notes, nullptr);
+  make_sort();
+  std::int64_t edits = 0;
+  for (int i = 0; i < 8; ++i) {
+    SCOPED_TRACE(i);
+    review_and_kill();
+    if (HasFatalFailure()) return;
+    small_session next;
+    next->home_directory = home.path;
+    next.user.default_answer = true;
+    ASSERT_TRUE(open_at_start(*next, ""));
+    EXPECT_EQ(check_session(*next), "");
+    const std::int64_t last = notes->changes;
+    edits += last;
+    const auto now = static_cast<std::int64_t>(sort_fingerprint(*next));
+    // An edit whose record was written may be killed before it is noted.
+    const bool one_more = last_record(next->history) > last;
+    EXPECT_TRUE(now == notes->made_at[last] || one_more) << last << " edits";
+  }
+  EXPECT_GT(edits, 20);
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
