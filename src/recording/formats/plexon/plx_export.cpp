@@ -26,8 +26,9 @@ void put_text(char (&to)[N], const std::string& text) {
 
 std::int32_t centre_or_own_channel(const session_state& session, std::int32_t event) {
   const std::int32_t cluster = session.events.event_cluster[event];
-  return cluster > 0 ? session.templates.centre_channel(cluster)
-                     : session.events.event_channel[event];
+  const std::int32_t centre = cluster > 0 ? session.templates.centre_channel(cluster) : 0;
+  // A template that is flat on every channel has no centre.
+  return centre > 0 ? centre : session.events.event_channel[event];
 }
 
 // Events of every cluster under its channel and unit, as far as the tables go.
