@@ -14,6 +14,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
@@ -34,6 +35,7 @@ struct further_column {
   const char *heading, *tip;
   double (*value)(const summary_line& line);
   int decimals;
+  const char* (*text)(const summary_line& line) = nullptr;  // in place of the number
 };
 // clang-format off
 constexpr further_column further_columns[] = {
@@ -43,6 +45,9 @@ constexpr further_column further_columns[] = {
      [](const summary_line& line) { return line.row.rate; }, 2},
     {"< 2 ms %", "Refractory violations: intervals below 2 ms, percent of the cluster's intervals",
      [](const summary_line& line) { return line.violations; }, 2},
+    {"Label",   "Your word on the unit (Alt+G, Alt+M, Alt+N, Alt+U)",
+     [](const summary_line& line) { return double(static_cast<int>(line.row.label)); }, 0,
+     [](const summary_line& line) { return name_of(line.row.label).words; }},
 };
 // clang-format on
 
@@ -77,6 +82,12 @@ class summary_model : public QAbstractTableModel {
     endResetModel();
   }
   std::int32_t cluster_at(int row) const { return rows_[row].cluster; }
+  void relabel(std::int32_t cluster, unit_label label) {
+    for (unit_row& row : rows_) {
+      if (row.cluster == cluster) row.label = label;
+    }
+    current_cluster_changed();
+  }
   void current_cluster_changed() {
     if (!rows_.empty()) emit dataChanged(index(0, 0), index(rowCount({}) - 1, n_columns - 1));
   }
@@ -131,7 +142,9 @@ class summary_model : public QAbstractTableModel {
     if (column < n_own_columns) {
       return QString::fromStdString(summary_text(row, static_cast<summary_column>(column)));
     }
-    return QString::number(further(column).value(line(row)), 'f', further(column).decimals);
+    const further_column& more = further(column);
+    return more.text != nullptr ? QString(more.text(line(row)))
+                                : QString::number(more.value(line(row)), 'f', more.decimals);
   }
   // Lines that are equal keep their order, either way.
   void sort_rows() {
@@ -299,7 +312,7 @@ void make_room(const summary_window& s, bool more) {
 }
 
 QCheckBox* more_box(const shared_summary& s) {
-  s->more = new QCheckBox("position, rate and refractory violations");
+  s->more = new QCheckBox("position, rate, refractory violations and label");
   s->more->setObjectName("more_columns");
   s->more->setToolTip("Further columns");
   s->dialog->disabled_while_running << s->more;
@@ -335,6 +348,9 @@ void sorting_summary_command(workstation& w) {
   // Another window or dialog may have chosen a cluster.
   QObject::connect(w.desk, &interface_desk::refresh_requested, dialog,
                    [s] { s->model->current_cluster_changed(); });
+  bind_unit_labels(
+      w, dialog, [&w] { return current_cluster_alone(w); },
+      [s](std::int32_t cluster, unit_label label) { s->model->relabel(cluster, label); });
   restore_layout(*s);
   show_further_columns(*s);
   place_at_right(w, dialog);

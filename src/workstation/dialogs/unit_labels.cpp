@@ -24,39 +24,43 @@ constexpr label_action label_actions[] = {
 };
 
 // On the worker: a label is an edit with its record, which of a large sort takes a moment.
-void label_clusters(workstation& w, const QPointer<unit_list>& list,
-                    const std::vector<std::int32_t>& clusters, unit_label label) {
+void label_clusters(workstation& w, const QPointer<QDialog>& dialog,
+                    const std::vector<std::int32_t>& clusters, unit_label label,
+                    const unit_labelled& labelled) {
   if (w.worker.running || clusters.empty()) return;
   run_with_progress(
       w, "label_progress", "Label",
       [clusters, label](session_state& session) {
         for (const std::int32_t c : clusters) label_unit(session, c, label);
       },
-      [list, clusters, label] {
-        for (const std::int32_t c : clusters) {
-          if (list) list->relabel(c, label);
-        }
+      [dialog, clusters, label, labelled] {
+        if (!dialog || !labelled) return;
+        for (const std::int32_t c : clusters) labelled(c, label);
       });
 }
 
 }  // namespace
 
-void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list,
-                      std::function<std::vector<std::int32_t>()> clusters) {
-  const QPointer<unit_list> followed(list);
+void bind_unit_labels(workstation& w, QDialog* dialog,
+                      std::function<std::vector<std::int32_t>()> clusters, unit_labelled labelled) {
+  const QPointer<QDialog> open(dialog);
   for (const label_action& action : label_actions) {
-    bind_keys(dialog, action.name, [&w, followed, clusters, label = action.label] {
-      label_clusters(w, followed, clusters(), label);
+    bind_keys(dialog, action.name, [&w, open, clusters, labelled, label = action.label] {
+      label_clusters(w, open, clusters(), label, labelled);
     });
   }
 }
 
 void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list) {
-  bind_unit_labels(w, dialog, list, [&w]() -> std::vector<std::int32_t> {
-    const cluster_table& clusters = w.session.clusters;
-    if (clusters.n_clusters < 1) return {};
-    return {clusters.current_cluster};
-  });
+  bind_unit_labels(
+      w, dialog, [&w] { return current_cluster_alone(w); },
+      [list](std::int32_t cluster, unit_label label) { list->relabel(cluster, label); });
+}
+
+std::vector<std::int32_t> current_cluster_alone(const workstation& w) {
+  const cluster_table& clusters = w.session.clusters;
+  if (clusters.n_clusters < 1 || clusters.current_cluster < 1) return {};
+  return {clusters.current_cluster};
 }
 
 }  // namespace kestrelvane

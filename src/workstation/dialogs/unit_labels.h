@@ -6,16 +6,21 @@
 #include <functional>
 #include <vector>
 
+#include "session/cluster_table.h"
+
 namespace kestrelvane {
 
 class unit_list;
 struct workstation;
 
-// Binds the four keys to the clusters that the dialog has on show, one or two; its list follows.
-// Nothing happens while a worker runs.
-void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list,
-                      std::function<std::vector<std::int32_t>()> clusters);
-// The current cluster.
+using unit_labelled = std::function<void(std::int32_t cluster, unit_label label)>;
+
+// Binds the four keys to the clusters that the dialog has on show, one or two; labelled is called
+// for each when it is done, and may be empty. Nothing happens while a worker runs.
+void bind_unit_labels(workstation& w, QDialog* dialog,
+                      std::function<std::vector<std::int32_t>()> clusters, unit_labelled labelled);
+// To the current cluster, which the list of the dialog shows.
 void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list);
+std::vector<std::int32_t> current_cluster_alone(const workstation& w);
 
 }  // namespace kestrelvane
