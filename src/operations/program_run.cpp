@@ -110,7 +110,8 @@ bool open_at_start(session_state& session, const std::string& argument) {
       // What has the temporary name is a save that did not come to its end.
       remove_home_file(session, autorecover_temporary_name);
       if (has_home_file(session, autorecover_file_name) &&
-          ask(session, "Recover information from previous run?", "Kestrelvane crash recovery")) {
+          ask_openly(session, "Recover information from previous run?",
+                     "Kestrelvane crash recovery") == user_answer::yes) {
         open_autorecover(session);
       }
     }

@@ -35,6 +35,19 @@ void lower_priority() {
 #endif
 }
 
+// What is off while a worker runs loses the focus, and the next key would go nowhere.
+void remember_focus(operation_worker& worker) {
+  if (!worker.focus) worker.focus = QApplication::focusWidget();
+}
+
+void give_focus_back(operation_worker& worker) {
+  QWidget* widget = std::exchange(worker.focus, nullptr);
+  if (widget == nullptr || !widget->isEnabled() || !widget->isVisible()) return;
+  // Whatever has come up meanwhile, or was chosen by the user, keeps it.
+  const QWidget* now = QApplication::focusWidget();
+  if (widget->isActiveWindow() && (now == nullptr || !now->isEnabled())) widget->setFocus();
+}
+
 void finish_operation(workstation& w) {
   if (w.worker.thread.joinable()) w.worker.thread.join();
   w.worker.running = false;
@@ -52,6 +65,7 @@ void finish_operation(workstation& w) {
     open_voltage_window(w);
   }
   if (finished) finished();
+  if (!w.worker.running) give_focus_back(w.worker);
   // Not while what came after the operation runs itself: the exit goes on when that is through.
   if (w.exit_wanted && !w.worker.running) go_on_leaving(w);
 }
@@ -62,6 +76,7 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
                      worker_priority priority) {
   // One session, one worker: a second would wait at the gate for the first, with its dialog open.
   if (w.worker.running) return false;
+  remember_focus(w.worker);
   w.worker.running = true;
   w.worker.finished = std::move(finished);
   w.frame->set_busy(true);
@@ -121,6 +136,7 @@ void operation_dialog::block_frame(bool block) {
 void operation_dialog::run(session_routine routine, std::function<void()> finished,
                            worker_priority priority) {
   if (w_.worker.running) return;
+  remember_focus(w_.worker);
   // Known before it starts: dialogs beside the windows wait then, but for the one that runs.
   set_running(true);
   start_operation(

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <QDialog>
+#include <QPointer>
 #include <functional>
 #include <thread>
 
@@ -19,6 +20,7 @@ struct operation_worker {
   bool running = false;  // on the interface thread's clock: from start to finished
   bool below_normal = false;
   std::function<void()> finished;
+  QPointer<QWidget> focus;  // had the keys when it began, and gets them back
 };
 
 using session_routine = std::function<void(session_state& session)>;

@@ -1,6 +1,7 @@
 #include "workstation/dialogs/unit_labels.h"
 
 #include <QPointer>
+#include <QStatusBar>
 
 #include "review/manage_clusters.h"
 #include "workstation/dialogs/review_parts.h"
@@ -33,7 +34,11 @@ void label_clusters(workstation& w, const QPointer<QDialog>& dialog,
       [clusters, label](session_state& session) {
         for (const std::int32_t c : clusters) label_unit(session, c, label);
       },
-      [dialog, clusters, label, labelled] {
+      [&w, dialog, clusters, label, labelled] {
+        // Where no column shows it, somebody has to say that the key was heard.
+        constexpr int shown_ms = 4000;
+        w.frame->statusBar()->showMessage(
+            QString("Cluster %1: %2").arg(clusters.front()).arg(name_of(label).words), shown_ms);
         if (!dialog || !labelled) return;
         for (const std::int32_t c : clusters) labelled(c, label);
       });
