@@ -81,6 +81,7 @@ std::string record_line(const edit_record& record) {
   if (!record.text.empty()) line["text"] = record.text;
   if (record.value != 0) line["value"] = record.value;
   if (record.with_lists) line["lists"] = true;
+  line["current"] = record.current;
   if (!record.settings.empty()) line["settings"] = settings_object(record.settings);
   return line_of(line);
 }
@@ -103,6 +104,7 @@ edit_record edit_record_of(const json& line) {
   record.text = line.value("text", "");
   record.value = line.value("value", 0);
   record.with_lists = line.value("lists", false);
+  record.current = line.value("current", 0);
   if (line.contains("settings")) record.settings = settings_from(line["settings"]);
   return record;
 }

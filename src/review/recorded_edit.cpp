@@ -157,6 +157,7 @@ void add_record(session_state& session, edit_record record) {
   record.after = sort_fingerprint(session);
   record.time = std::chrono::system_clock::now();
   record.with_lists = session.lists.n_kv_pairs > 0;
+  record.current = session.clusters.current_cluster;
   note_settings(session, history, record);
   history.records.push_back(std::move(record));
   if (history.written != nullptr) history.written(session, &history.records.back());

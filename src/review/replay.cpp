@@ -249,6 +249,8 @@ std::string replay_record(session_state& session, const edit_record& record) {
   if (session.operation.autosort_interrupt) return "was interrupted";
   if (!done) return "cannot be done";
   if (sort_fingerprint(session) != record.after) return "gives another sort than it did";
+  session.clusters.current_cluster = std::clamp(
+      record.current, std::min(1, session.clusters.n_clusters), session.clusters.n_clusters);
   return {};
 }
 

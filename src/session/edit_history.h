@@ -31,6 +31,7 @@ struct edit_record {
   std::vector<std::pair<std::string, std::string>> settings;
   bool with_lists = false;    // there were pair lists
   std::int32_t back_to = -1;  // of edit_back: the record whose state it brings back
+  std::int32_t current = 0;   // current_cluster that it leaves
   std::uint64_t after = 0;    // fingerprint of the sort that it leaves
   std::chrono::system_clock::time_point time;
 };
