@@ -180,7 +180,7 @@ constexpr std::int32_t least_members = 2;
 // How far an event's waveform lies from the template, in its s.d.
 constexpr mark_parameters by_distance{clean_by_rms, clean_on_template, 0.0f};
 
-// The distance within which nine in ten of the cluster's own events lie. Two components see
+// The distance within which eight in ten of the cluster's own events lie. Two components see
 // little of a waveform: without this test the spikes of another unit, whose cluster has been
 // deleted, may look at home.
 float distance_limit(const session_state& session, std::int32_t cluster,
@@ -188,7 +188,7 @@ float distance_limit(const session_state& session, std::int32_t cluster,
   std::vector<float> own;
   // No distance is below it, so that an interrupted search finds nobody.
   if (!measure_events(session, by_distance, cluster, list, own, block_meter::rests)) return -1.0f;
-  const auto place = own.begin() + static_cast<std::ptrdiff_t>(9 * (own.size() - 1) / 10);
+  const auto place = own.begin() + static_cast<std::ptrdiff_t>(8 * (own.size() - 1) / 10);
   std::nth_element(own.begin(), place, own.end());
   return *place;
 }
