@@ -7,6 +7,7 @@
 #include <QPainter>
 
 #include "displays/clusters/components.h"
+#include "displays/clusters/correlogram_panel.h"
 #include "displays/clusters/heights.h"
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
@@ -80,6 +81,12 @@ void draw_heights(cluster_canvas& canvas) {
   paint_heights(canvas.painter, picture, view, canvas.theme);
 }
 
+void draw_correlograms(cluster_canvas& canvas) {
+  paint_correlogram_matrix(canvas.painter, QRectF(QPointF(0, 0), canvas.drawing.size),
+                           canvas.session, canvas.drawing.clusters,
+                           canvas.session.review.correlogram_bin_ms, canvas.theme);
+}
+
 // The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
@@ -113,8 +120,8 @@ struct cluster_view_row {
 };
 constexpr cluster_view_row cluster_views[] = {
     {"waveforms", 1, 2, draw_waveforms}, {"components", 1, 2, draw_components},
-    {"templates", 1, 8, draw_templates}, {"heights", 1, 2, draw_heights},
-    {"spikes", 0, 4000, draw_spikes},
+    {"templates", 1, 8, draw_templates}, {"correlograms", 1, 8, draw_correlograms},
+    {"heights", 1, 2, draw_heights},     {"spikes", 0, 4000, draw_spikes},
 };
 
 const cluster_view_row* find_view(std::string_view name) {

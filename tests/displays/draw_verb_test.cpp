@@ -163,7 +163,8 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
     arguments.insert(arguments.end(), more.begin(), more.end());
     return run_process(KESTRELVANE_BATCH, arguments);
   };
-  for (const char* view : {"waveforms", "components", "templates", "heights", "spikes"}) {
+  for (const char* view :
+       {"waveforms", "components", "templates", "correlograms", "heights", "spikes"}) {
     for (const char* name : {"c.png", "c.svg", "c.pdf"}) {
       const process_result result =
           draw({"--view", view, "--clusters", "1,2", "--out", folder.file(name)});
@@ -178,11 +179,24 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
         0);
     EXPECT_GT(dark_pixels(QImage(QString::fromStdString(folder.file("d.png")))), 500 * 400 / 2);
   }
+  // Of two, the cross-correlogram stands above the diagonal, and nothing below it.
+  ASSERT_EQ(
+      draw({"--view", "correlograms", "--clusters", "1,2", "--out", folder.file("c.png")}).status,
+      0);
+  const QImage matrix(QString::fromStdString(folder.file("c.png")));
+  EXPECT_GT(dark_pixels(matrix.copy(0, 0, 250, 200)), 50);
+  EXPECT_GT(dark_pixels(matrix.copy(250, 0, 250, 200)), 50);
+  EXPECT_GT(dark_pixels(matrix.copy(250, 200, 250, 200)), 50);
+  const QImage below = matrix.copy(0, 200, 250, 200);
+  QImage nothing = below;
+  nothing.fill(below.pixelColor(0, 0));
+  EXPECT_EQ(below, nothing);
   // A list belongs to the views of clusters, a bare word to the traces.
   const std::string out = folder.file("e.png");
   EXPECT_EQ(draw({"--view", "waveforms", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--view", "waveforms", "--clusters", "1,1", "--out", out}).status, 1);
   EXPECT_EQ(draw({"--view", "heights", "--clusters", "400", "--out", out}).status, 1);
+  EXPECT_EQ(draw({"--view", "correlograms", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--clusters", "1,2", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--view", "heights", "--clusters", "1", "--density", "--out", out}).status, 2);
   EXPECT_FALSE(QFile::exists(QString::fromStdString(out)));

@@ -74,6 +74,18 @@ void paint_small_texts(QPainter& painter, const QRectF& rect, const correlogram_
 
 }  // namespace
 
+correlogram_panel make_correlogram_panel(const correlogram& shown, bool as_rate) {
+  correlogram_panel panel;
+  panel.title = QString::fromStdString(correlogram_panel_title(shown));
+  panel.caption = QString::fromStdString(bin_width_text(shown.bin_ms));
+  panel.bin_ms = shown.bin_ms;
+  panel.counts.assign(shown.counts.begin(), shown.counts.end());
+  panel.mark = shown.a == shown.b ? mark_of_cluster(shown.a) : std::int16_t{0};
+  panel.expected = expected_count(shown);
+  panel.rate_per_count = as_rate ? count_as_rate(shown, 1) : 0;
+  return panel;
+}
+
 void paint_correlogram(QPainter& painter, const QRectF& rect, const correlogram_panel& panel,
                        const cluster_theme& theme) {
   const drawn_graph plane = lay_out_correlogram(rect, panel);
@@ -109,6 +121,25 @@ correlogram_hit correlogram_bin_at(const QRectF& rect, const correlogram_panel& 
       static_cast<std::int32_t>(std::lround(value_at(plane, pixel).x() / panel.bin_ms));
   if (std::abs(bin) > half || panel.counts.size() % 2 == 0) return {};
   return {true, bin, panel.counts[static_cast<std::size_t>(bin + half)]};
+}
+
+void paint_correlogram_matrix(QPainter& painter, const QRectF& rect, const session_state& session,
+                              const std::vector<std::int32_t>& clusters, float bin_ms,
+                              const cluster_theme& theme) {
+  painter.fillRect(rect, theme.background);
+  std::vector<spike_train> trains;
+  trains.reserve(clusters.size());
+  for (const std::int32_t c : clusters) trains.push_back(get_spike_train(session, c));
+  const auto n = static_cast<double>(trains.size());
+  const double width = rect.width() / n, height = rect.height() / n;
+  for (std::size_t row = 0; row < trains.size(); ++row) {
+    for (std::size_t column = row; column < trains.size(); ++column) {
+      const QRectF place(rect.left() + static_cast<double>(column) * width,
+                         rect.top() + static_cast<double>(row) * height, width, height);
+      const correlogram shown = correlogram_counts(session, trains[row], trains[column], bin_ms);
+      paint_correlogram(painter, place, make_correlogram_panel(shown, false), theme);
+    }
+  }
 }
 
 std::vector<QRectF> lay_out_panels(const QRectF& rect, std::int32_t n) {

@@ -1,5 +1,5 @@
 // A correlogram as a small panel or as a window: bars, refractory lines, the count to be
-// expected. Somebody else counts; this draws the record.
+// expected. Somebody else counts (analysis/correlograms.h); this draws the record.
 #pragma once
 
 #include <QPainter>
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "analysis/correlograms.h"
 #include "displays/clusters/cluster_theme.h"
 
 namespace kestrelvane {
@@ -24,6 +25,9 @@ struct correlogram_panel {
   double rate_per_count = 0;
 };
 
+// In the colour of its cluster, and neutral for a cross-correlogram, which is of neither.
+correlogram_panel make_correlogram_panel(const correlogram& shown, bool as_rate);
+
 // Into a rectangle of the painter; one too small for axes gets bars, title and caption alone.
 void paint_correlogram(QPainter& painter, const QRectF& rect, const correlogram_panel& panel,
                        const cluster_theme& theme);
@@ -35,6 +39,13 @@ struct correlogram_hit {
 };
 correlogram_hit correlogram_bin_at(const QRectF& rect, const correlogram_panel& panel,
                                    QPointF pixel);
+
+// Clusters against each other: autocorrelograms on the diagonal, and above it, in the row of the
+// one and the column of the other, their cross-correlograms. Counts the spikes of each cluster
+// once. bin_ms: width of the bins.
+void paint_correlogram_matrix(QPainter& painter, const QRectF& rect, const session_state& session,
+                              const std::vector<std::int32_t>& clusters, float bin_ms,
+                              const cluster_theme& theme);
 
 // Panels of equal size side by side, in rows where there are many.
 std::vector<QRectF> lay_out_panels(const QRectF& rect, std::int32_t n);

@@ -48,19 +48,6 @@ std::vector<const correlogram*> panels_of(const correlogram_state& state) {
   return panels;
 }
 
-correlogram_panel panel_of(const correlogram& shown, bool as_rate) {
-  correlogram_panel panel;
-  panel.title = QString::fromStdString(correlogram_panel_title(shown));
-  panel.caption = QString::fromStdString(bin_width_text(shown.bin_ms));
-  panel.bin_ms = shown.bin_ms;
-  panel.counts.assign(shown.counts.begin(), shown.counts.end());
-  // A cross-correlogram is of neither cluster and has neither colour.
-  panel.mark = shown.a == shown.b ? mark_of_cluster(shown.a) : std::int16_t{0};
-  panel.expected = expected_count(shown);
-  panel.rate_per_count = as_rate ? count_as_rate(shown, 1) : 0;
-  return panel;
-}
-
 void draw(const workstation& w, const correlogram_state& state, QPainter& painter, QSize size) {
   const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
   const cluster_theme theme =
@@ -70,7 +57,7 @@ void draw(const workstation& w, const correlogram_state& state, QPainter& painte
   const std::vector<const correlogram*> panels = panels_of(state);
   const std::vector<QRectF> places = lay_out_panels(all, static_cast<std::int32_t>(panels.size()));
   for (std::size_t i = 0; i < panels.size(); ++i) {
-    paint_correlogram(painter, places[i], panel_of(*panels[i], state.as_rate), theme);
+    paint_correlogram(painter, places[i], make_correlogram_panel(*panels[i], state.as_rate), theme);
   }
 }
 
