@@ -1,10 +1,12 @@
-// How long a change of the current cluster takes one core, window by window.
+// How long a change of the current cluster takes one core, window by window, and how long it takes
+// until a merge is seen.
 //
 // 5 million events in 1,000 clusters on 384 channels at 30 kHz, as many samples as the given
 // gigabytes hold (4 unless told otherwise). Cluster after cluster becomes the current one and every
 // display of it is prepared and painted to an image; the 95th percentile is what counts, of each
-// and of those that are open side by side, and what a first index costs. Processor seconds of this
-// thread.
+// and of those that are open side by side, and what a first index costs. Then pairs of clusters of
+// 20,000 events are merged as Guided Merge does, with undo saved and pair lists in step, and all
+// windows redrawn. Processor seconds of this thread, which does all of the work.
 //
 //   kestrelvane-cluster-benchmark [GB [FOLDER]]
 //
@@ -21,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "analysis/correlograms.h"
 #include "clustering/templates.h"
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
@@ -30,6 +33,9 @@
 #include "displays/clusters/template_image.h"
 #include "numerics/parallel.h"
 #include "recording/site_tables.h"
+#include "review/guided_merge.h"
+#include "sorting/status_lists.h"
+#include "sorting/undo_state.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -37,6 +43,9 @@ namespace {
 
 constexpr std::int32_t n_channels = 384, rate = 30'000;
 constexpr std::int32_t n_events = 5'000'000, n_clusters = 1'000;
+// Pairs of large clusters: c with c + n_channels, which is registered on the same channel. Each of
+// the ten has one event in 250.
+constexpr std::int32_t n_large_pairs = 5;
 
 // A staggered probe of four columns; noise of about 10 bits rms.
 void fill_recording(session_state& session) {
@@ -57,6 +66,14 @@ void fill_recording(session_state& session) {
   }
 }
 
+std::int32_t draw_cluster(vector_random& random) {
+  const auto draw = static_cast<std::int32_t>(random.next() >> 8);
+  const std::int32_t large = draw % 250;
+  if (large < n_large_pairs) return large + 1;
+  if (large < 2 * n_large_pairs) return large - n_large_pairs + 1 + n_channels;
+  return 1 + draw / 250 % n_clusters;
+}
+
 // A cluster is a site and a height; its events lie anywhere in the recording.
 void plant_events(session_state& session) {
   recording_store& r = session.recording;
@@ -66,7 +83,7 @@ void plant_events(session_state& session) {
   vector_random random(2);
   const std::int64_t usable = r.n_samples - 400;
   for (std::int32_t e = 1; e <= n_events; ++e) {
-    const auto cluster = 1 + static_cast<std::int32_t>((random.next() >> 8) % n_clusters);
+    const std::int32_t cluster = draw_cluster(random);
     const std::int32_t channel = 1 + cluster * 7 % n_channels;
     events.event_time[e] = 200 + static_cast<std::int32_t>(e * usable / n_events);
     events.event_shift[e] = static_cast<float>(random.next() >> 8 & 1023) / 1024.0f;
@@ -164,6 +181,12 @@ void draw_probe(open_windows& w, QPainter& painter, std::int32_t cluster) {
   paint_probe(painter, picture, view, w.theme);
 }
 
+void draw_correlograms(open_windows& w, QPainter& painter, std::int32_t a, std::int32_t b) {
+  const QRectF all(0, 0, 800, 500);
+  paint_correlogram_matrix(painter, all, w.session, {a, b}, w.session.review.correlogram_bin_ms,
+                           w.theme);
+}
+
 std::vector<display_times> displays_of(open_windows& w) {
   return {
       {"waveforms, 100 events and template",
@@ -173,7 +196,8 @@ std::vector<display_times> displays_of(open_windows& w) {
        QImage(800, 700, QImage::Format_RGB32)},
       {"waveforms of a pair, 200 events",
        [&](QPainter& p, std::int32_t c) {
-         draw_waveforms(w, w.pair, waveform_mode::events, p, {c, c % n_clusters + 1});
+         draw_waveforms(w, w.pair, waveform_mode::events, p,
+                        {c, c % w.session.clusters.n_clusters + 1});
        },
        QImage(800, 700, QImage::Format_RGB32), false},
       {"waveforms, density, first part",
@@ -194,12 +218,87 @@ std::vector<display_times> displays_of(open_windows& w) {
        QImage(1000, 600, QImage::Format_RGB32), false},
       {"probe", [&](QPainter& p, std::int32_t c) { draw_probe(w, p, c); },
        QImage(300, 700, QImage::Format_RGB32)},
+      {"correlograms of a pair",
+       [&](QPainter& p, std::int32_t c) {
+         draw_correlograms(w, p, c, c % w.session.clusters.n_clusters + 1);
+       },
+       QImage(800, 500, QImage::Format_RGB32)},
   };
 }
 
 void print_times(const std::string& name, const std::vector<double>& ms) {
   fmt::print("{:<38} median {:>7.1f} ms   95th percentile {:>7.1f} ms\n", name, percentile(ms, 0.5),
              percentile(ms, 0.95));
+}
+
+double draw_display(display_times& display, std::int32_t cluster) {
+  const double begin = processor_seconds();
+  QPainter painter(&display.image);
+  display.draw(painter, cluster);
+  painter.end();
+  return 1e3 * (processor_seconds() - begin);
+}
+
+void time_displays(std::vector<display_times>& displays, const std::string& folder) {
+  std::vector<double> together;
+  for (std::int32_t c = 1; c <= n_clusters; c += 17) {
+    double all = 0;
+    for (display_times& display : displays) {
+      display.ms.push_back(draw_display(display, c));
+      if (display.in_sum) all += display.ms.back();
+    }
+    together.push_back(all);
+  }
+  for (const display_times& display : displays) {
+    print_times(display.name, display.ms);
+    if (!folder.empty()) {
+      display.image.save(QString::fromStdString(folder + "/" + display.name + ".png"));
+    }
+  }
+  print_times("windows side by side", together);
+}
+
+double time_undo_save(session_state& session) {
+  const double begin = processor_seconds();
+  save_undo_state(session, undo_owner::guided_merge);
+  return 1e3 * (processor_seconds() - begin);
+}
+
+// From the press of "Merge" until all windows show what the two became.
+void time_merges(open_windows& w, std::vector<display_times>& displays) {
+  session_state& session = w.session;
+  use_threads(session, 4);
+  build_status_lists(session);
+  use_threads(session, 1);
+  double begin = processor_seconds();
+  prepare_undo(session);
+  fmt::print("{:<38} {:.1f} ms\n", "memory for undo, at opening",
+             1e3 * (processor_seconds() - begin));
+  std::vector<double> saves, merges, redraws, seen;
+  // From the top down, so that the numbers of the pairs to come stay as they are.
+  for (std::int32_t a = n_large_pairs; a >= 1; --a) {
+    guided_walk walk;
+    walk.pair = {a, a + n_channels};
+    label_pair(session, walk.pair);
+    begin = processor_seconds();
+    decide_pair(session, walk, guided_merge);
+    merges.push_back(1e3 * (processor_seconds() - begin));
+    begin = processor_seconds();
+    forget_cluster_index(w.index);
+    update_cluster_index(session, w.index);
+    redraws.push_back(1e3 * (processor_seconds() - begin));
+    for (display_times& display : displays) {
+      if (display.in_sum) redraws.back() += draw_display(display, a);
+    }
+    seen.push_back(merges.back() + redraws.back());
+    saves.push_back(time_undo_save(session));
+  }
+  print_times("a merge of 2 x 20,000 is seen", seen);
+  print_times("  the merge, with undo and lists", merges);
+  print_times("  of this the undo saved", saves);
+  print_times("  index and windows side by side", redraws);
+  fmt::print("{:<38} {:.1f} ms\n", "the longest of them",
+             *std::max_element(seen.begin(), seen.end()));
 }
 
 void run_all(double gigabytes, const std::string& folder) {
@@ -219,26 +318,8 @@ void run_all(double gigabytes, const std::string& folder) {
   update_cluster_index(*session, w.index);
   fmt::print("{:<38} {:.1f} ms\n", "index of all events", 1e3 * (processor_seconds() - before));
   std::vector<display_times> displays = displays_of(w);
-  std::vector<double> together;
-  for (std::int32_t c = 1; c <= n_clusters; c += 17) {
-    double all = 0;
-    for (display_times& display : displays) {
-      const double begin = processor_seconds();
-      QPainter painter(&display.image);
-      display.draw(painter, c);
-      painter.end();
-      display.ms.push_back(1e3 * (processor_seconds() - begin));
-      if (display.in_sum) all += display.ms.back();
-    }
-    together.push_back(all);
-  }
-  for (const display_times& display : displays) {
-    print_times(display.name, display.ms);
-    if (!folder.empty()) {
-      display.image.save(QString::fromStdString(folder + "/" + display.name + ".png"));
-    }
-  }
-  print_times("windows side by side", together);
+  time_displays(displays, folder);
+  time_merges(w, displays);
 }
 
 }  // namespace

@@ -116,6 +116,7 @@ guided_step begin_guided_merge(session_state& session, guided_walk& walk) {
   const std::vector<std::int32_t> home =
       list_cluster_events(session, session.clusters.current_cluster);
   if (session.clusters.current_cluster > 0 && !home.empty()) walk.home_event = home.front();
+  prepare_undo(session);
   show_pair(session, walk, search.k);
   return guided_step::decide;
 }

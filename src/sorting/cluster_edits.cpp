@@ -12,6 +12,7 @@
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
+#include "numerics/simd.h"
 #include "session/pair_index.h"
 #include "sorting/status_lists.h"
 
@@ -77,13 +78,16 @@ void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
   template_table& templates = session.templates;
   for_each_moving_column(copy, session.clusters);
   for_each_column(copy, templates);
-  // The channels of a slot lie one after the other, all 151 points of each: one block.
-  const auto n_channels = static_cast<std::size_t>(templates.allocated_channels);
-  const std::size_t bytes = sizeof(float) * template_point_limit * n_channels;
-  std::memcpy(templates.mean(to, 1) + 1, templates.mean(from, 1) + 1, bytes);
-  std::memcpy(templates.sd(to, 1) + 1, templates.sd(from, 1) + 1, bytes);
+  // Of the 151 points of a channel a window takes a third. One that has been changed may be changed
+  // back, and its templates hold again.
+  const std::int32_t points = std::max(templates.template_points, templates.outdated.points);
+  const std::size_t bytes = sizeof(float) * static_cast<std::size_t>(points);
+  for (std::int32_t channel = 1; channel <= templates.allocated_channels; ++channel) {
+    std::memcpy(templates.mean(to, channel) + 1, templates.mean(from, channel) + 1, bytes);
+    std::memcpy(templates.sd(to, channel) + 1, templates.sd(from, channel) + 1, bytes);
+  }
   std::memcpy(templates.channels(to) + 1, templates.channels(from) + 1,
-              sizeof(std::int32_t) * n_channels);
+              sizeof(std::int32_t) * static_cast<std::size_t>(templates.allocated_channels));
 }
 
 void close_record_gap(session_state& session, std::int32_t removed) {
@@ -182,21 +186,25 @@ std::int32_t remove_coincident_cluster_events(session_state& session, std::int32
       static_cast<std::int32_t>(static_cast<float>(session.recording.sampling_frequency) *
                                 session.detection.coincidence_ms / 1000.0f);
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  // Side by side, as each is compared fifty times.
+  std::vector<std::int32_t> times;
+  times.reserve(list.size());
+  for (const std::int32_t e : list) times.push_back(events.event_time[e]);
   // Events that have lost already go on being compared, at the times they were put back to, so that
   // the outcome depends on the order of the list.
   constexpr std::size_t look_ahead = 50;
   for (std::size_t i = 0; i < list.size(); ++i) {
     const std::size_t last = std::min(list.size() - 1, i + look_ahead);
     for (std::size_t j = i + 1; j <= last; ++j) {
-      if (std::abs(events.event_time[list[j]] - events.event_time[list[i]]) > window) continue;
+      if (std::abs(times[j] - times[i]) > window) continue;
       const float d_i = distance_from_centre_squared(session, list[i], cluster);
       const float d_j = distance_from_centre_squared(session, list[j], cluster);
       // On a tie the earlier one goes.
-      const std::int32_t loser = d_j > d_i ? list[j] : list[i];
-      events.event_cluster[loser] = 0;
-      if (events.event_detected_time[loser] != 0) {
-        events.event_time[loser] = events.event_detected_time[loser];
-      }
+      const std::size_t loser = d_j > d_i ? j : i;
+      const std::int32_t e = list[loser];
+      events.event_cluster[e] = 0;
+      if (events.event_detected_time[e] == 0) continue;
+      events.event_time[e] = times[loser] = events.event_detected_time[e];
     }
   }
   // By what is left and not by a count of losses: an event may lose more than once.
@@ -207,17 +215,19 @@ std::int32_t remove_coincident_cluster_events(session_state& session, std::int32
 
 namespace {
 
+// Events of a cluster get another number, and those above it the next lower one.
+KESTRELVANE_CLONES void close_numbers(std::int32_t* of, std::int64_t n, std::int32_t removed,
+                                      std::int32_t becomes) {
+  for (std::int64_t i = 0; i < n; ++i) {
+    const std::int32_t lower = of[i] - (of[i] > removed ? 1 : 0);
+    of[i] = of[i] == removed ? becomes : lower;
+  }
+}
+
 void merge_events(session_state& session, std::int32_t low, std::int32_t high) {
   event_table& events = session.events;
-  for (std::int32_t e = 1; e <= events.n_events; ++e) {
-    std::int32_t& of = events.event_cluster[e];
-    if (of == low || of == high) {
-      of = low;
-      events.event_subcluster[e] = 0;
-    } else if (of > high) {
-      --of;
-    }
-  }
+  close_numbers(events.event_cluster.first(), events.n_events, high, low);
+  for (const std::int32_t e : list_cluster_events(session, low)) events.event_subcluster[e] = 0;
 }
 
 // Where the user has said two different things of the parts, he is to say what the whole is.

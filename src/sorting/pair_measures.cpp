@@ -296,10 +296,19 @@ float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int3
 
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                       std::int32_t scratch_slot, pair_shift shift) {
-  const std::vector<aligned_event> events_a =
-      read_events(session, list_cluster_events(session, a), shift.n_shift == a, shift.shift);
-  const std::vector<aligned_event> events_b =
-      read_events(session, list_cluster_events(session, b), shift.n_shift == b, shift.shift);
+  return cluster_overlap(session, a, b, scratch_slot, shift, {});
+}
+
+float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
+                      std::int32_t scratch_slot, pair_shift shift, const listed_cluster& listed) {
+  const auto read = [&](std::int32_t c) {
+    const bool shifted = shift.n_shift == c;
+    return c == listed.cluster
+               ? read_events(session, listed.events, shifted, shift.shift)
+               : read_events(session, list_cluster_events(session, c), shifted, shift.shift);
+  };
+  const std::vector<aligned_event> events_a = read(a);
+  const std::vector<aligned_event> events_b = read(b);
   const auto n_a = static_cast<std::int32_t>(events_a.size());
   // The test points are drawn anew and in proportion: axes may come from another share of the two,
   // but neighbours must be counted at the sizes that the clusters have.

@@ -48,6 +48,13 @@ template_overlap templates_dont_overlap(const session_state& session, std::int32
 // Overwrites scratch_slot. Not a number when a sample is empty.
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                       std::int32_t scratch_slot, pair_shift shift);
+// The same where the caller has the events of one of the two listed already.
+struct listed_cluster {
+  std::int32_t cluster = 0;  // 0: none
+  std::vector<std::int32_t> events;
+};
+float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
+                      std::int32_t scratch_slot, pair_shift shift, const listed_cluster& listed);
 
 // Nearest-neighbour part of the overlap: rows of a before rows of b, coordinates
 // d to a row (2 or 3 are looked at).

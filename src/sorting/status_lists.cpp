@@ -40,7 +40,8 @@ void store_pair(status_lists_table& lists, std::int64_t k, bool dont_overlap, fl
 // The values of one pair; sizes[c] are the cluster sizes. Every build and update
 // goes through here.
 void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
-                  const std::vector<std::int32_t>& sizes, std::int32_t rank) {
+                  const std::vector<std::int32_t>& sizes, std::int32_t rank,
+                  const listed_cluster& listed = {}) {
   const auto [a, b] = pair;
   status_lists_table& lists = session.lists;
   // No common channel: nothing to compare, and the shift belongs to b as it does without one.
@@ -57,7 +58,7 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
   }
   // Each thread has a scratch template above the clusters; max_clusters leaves room for them.
   const float overlap =
-      cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift);
+      cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift, listed);
   store_pair(lists, k, false, match.correlation, overlap, shift);
 }
 
@@ -89,11 +90,17 @@ bool cluster_is_stable(const session_state& session, std::int32_t cluster) {
 }
 
 std::int32_t count_stable_clusters(const session_state& session) {
-  std::int32_t stable = 0;
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    stable += cluster_is_stable(session, c);
+  const std::int32_t n = session.clusters.n_clusters;
+  if (session.lists.n_kv_pairs == 0) return n == 1;
+  // Along the pairs: cluster by cluster each would be looked at twice, and in leaps.
+  std::vector<char> in_doubt(static_cast<std::size_t>(n) + 1);
+  std::int64_t k = 0;
+  for (std::int32_t a = 1; a <= n; ++a) {
+    for (std::int32_t b = a + 1; b <= n; ++b) {
+      if (!pair_is_distinct(session, ++k)) in_doubt[a] = in_doubt[b] = 1;
+    }
   }
-  return stable;
+  return n - static_cast<std::int32_t>(std::count(in_doubt.begin(), in_doubt.end(), 1));
 }
 
 std::int32_t count_pairs_to_examine(const session_state& session) {
@@ -194,9 +201,12 @@ void update_lists_for_cluster(session_state& session, std::int32_t cluster, std:
       work.push_back(pair);
     }
   }
+  // Once for all of its pairs: among millions of events the search takes longer than the rest.
+  const listed_cluster listed{cluster, list_cluster_events(session, cluster)};
   parallel_for(n_threads, 0, static_cast<std::int64_t>(work.size()) - 1,
                [&](std::int64_t i, std::int32_t rank) {
-                 compute_pair(session, pair_index(n, work[i].a, work[i].b), work[i], sizes, rank);
+                 compute_pair(session, pair_index(n, work[i].a, work[i].b), work[i], sizes, rank,
+                              listed);
                });
   if (log_timing(session)) {
     log_message(session,

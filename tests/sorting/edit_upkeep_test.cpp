@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <numeric>
+#include <utility>
 #include <vector>
 
 #include "clustering/membership.h"
@@ -11,6 +13,7 @@
 #include "clustering/templates.h"
 #include "results/work_file_rows.h"
 #include "session/pair_index.h"
+#include "session/template_window.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/status_lists.h"
 #include "sorting/undo_state.h"
@@ -219,6 +222,99 @@ TEST_F(edit_test, an_undo_is_the_owners_of_the_same_recording) {
   EXPECT_EQ(last_change().kind, cluster_change_kind::restored);
   EXPECT_EQ(number_after(last_change(), 1), 0) << "nothing can be followed";
   expect_lists_in_step();
+}
+
+// Templates of a window that comes back hold again, and have moved whole in the meantime.
+TEST_F(edit_test, an_edit_under_a_narrower_window_moves_the_whole_template) {
+  const template_table& templates = session->templates;
+  const std::int32_t points = templates.template_points;
+  const auto print = [&](std::int32_t c) {
+    std::vector<float> values;
+    for (std::int32_t channel = 1; channel <= 4; ++channel) {
+      const float *mean = templates.mean(c, channel), *sd = templates.sd(c, channel);
+      values.insert(values.end(), mean + 1, mean + 1 + points);
+      values.insert(values.end(), sd + 1, sd + 1 + points);
+    }
+    return values;
+  };
+  const std::vector<float> third = print(3);
+  const float end_ms = session->strategy.template_window_end_ms;
+  session->strategy.template_window_end_ms = 0.2f;
+  compute_template_points(*session);
+  ASSERT_LT(templates.template_points, points);
+  delete_cluster(*session, 1);
+  session->strategy.template_window_end_ms = end_ms;
+  compute_template_points(*session);
+  ASSERT_FALSE(templates_are_outdated(*session));
+  EXPECT_EQ(print(2), third);
+}
+
+TEST_F(edit_test, stable_clusters_are_counted_as_each_is_told) {
+  vector_random random{5};
+  status_lists_table& lists = session->lists;
+  for (int again = 0; again < 20; ++again) {
+    for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) {
+      const std::uint32_t draw = random.next() >> 16 & 15;
+      lists.kv_cluster_overlap[k] = draw == 0 ? 0.5f : 0.0f;
+      lists.kv_user_distinct[k] = draw == 1;
+    }
+    std::int32_t stable = 0;
+    for (std::int32_t c = 1; c <= n(); ++c) stable += cluster_is_stable(*session, c) ? 1 : 0;
+    EXPECT_EQ(count_stable_clusters(*session), stable);
+  }
+}
+
+// Event after event as the table has them, times read anew for each two.
+std::vector<std::int32_t> coincident_losers(session_state& s, std::int32_t cluster,
+                                            std::int32_t window) {
+  event_table& events = s.events;
+  const std::vector<std::int32_t> list = list_cluster_events(s, cluster);
+  std::vector<std::int32_t> losers;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    for (std::size_t j = i + 1; j < list.size() && j <= i + 50; ++j) {
+      if (std::abs(events.event_time[list[j]] - events.event_time[list[i]]) > window) continue;
+      const bool later = distance_from_centre_squared(s, list[j], cluster) >
+                         distance_from_centre_squared(s, list[i], cluster);
+      const std::int32_t e = list[later ? j : i];
+      losers.push_back(e);
+      if (events.event_detected_time[e] != 0) events.event_time[e] = events.event_detected_time[e];
+    }
+  }
+  std::sort(losers.begin(), losers.end());
+  losers.erase(std::unique(losers.begin(), losers.end()), losers.end());
+  return losers;
+}
+
+TEST_F(edit_test, coincident_events_leave_as_by_the_plain_form) {
+  vector_random random{31};
+  event_table& events = session->events;
+  const auto window = static_cast<std::int32_t>(25000 * session->detection.coincidence_ms / 1000);
+  for (std::int32_t c = 1; c <= n(); ++c) {
+    const std::vector<std::int32_t> list = events_of(c);
+    // Crowded, on several channels, and some put back on top of others.
+    std::int32_t time = 500;
+    for (const std::int32_t e : list) {
+      events.event_time[e] = time += static_cast<std::int32_t>(random.next() >> 16 & 15);
+      events.event_channel[e] = 1 + static_cast<std::int32_t>(random.next() >> 16 & 3);
+      events.event_detected_time[e] =
+          (random.next() >> 16 & 1) != 0
+              ? time + static_cast<std::int32_t>(random.next() >> 16 & 31)
+              : 0;
+    }
+    std::vector<std::int32_t> before;
+    for (const std::int32_t e : list) before.push_back(events.event_time[e]);
+    const std::vector<std::int32_t> losers = coincident_losers(*session, c, window);
+    std::vector<std::int32_t> expected;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      expected.push_back(std::exchange(events.event_time[list[i]], before[i]));
+    }
+    ASSERT_EQ(remove_coincident_cluster_events(*session, c),
+              static_cast<std::int32_t>(losers.size()));
+    EXPECT_FALSE(losers.empty());
+    for (std::size_t i = 0; i < list.size(); ++i)
+      EXPECT_EQ(events.event_time[list[i]], expected[i]);
+    for (const std::int32_t e : losers) EXPECT_EQ(events.event_cluster[e], 0);
+  }
 }
 
 // Follows every cluster by a marker event: the changes told lead to where it really is.

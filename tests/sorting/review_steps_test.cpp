@@ -102,6 +102,37 @@ TEST(undo_state, brings_back_what_was_changed) {
   EXPECT_TRUE(print_sort(*session) == later);
 }
 
+// A save fills the memory of the one before where it fits, and outgrows it where it does not.
+TEST(undo_state, saves_of_a_sort_that_grows_and_shrinks) {
+  small_session session;
+  make_sorted(*session);
+  build_status_lists(*session);
+  const std::int32_t n_before = session->clusters.n_clusters;
+  for (int step = 0; step < 32; ++step) {
+    const sort_print before = print_sort(*session);
+    ASSERT_TRUE(save_undo_state(*session, undo_owner::realignment));
+    const auto edit = [&] {
+      // Twenty splits outgrow any room that a slot may have to spare.
+      if (step >= 20) return delete_cluster(*session, 1 + step % 3);
+      session->clusters.current_cluster = 1 + step % n_before;
+      const std::vector<std::int32_t> list =
+          list_cluster_events(*session, session->clusters.current_cluster);
+      session->events.event_subcluster.clear();
+      for (std::size_t i = 0; i < list.size() / 8 + 1; ++i) {
+        session->events.event_subcluster[list[i]] = 1;
+      }
+      split_marked_to_new_cluster(*session, 1);
+    };
+    edit();
+    ASSERT_FALSE(print_sort(*session) == before);
+    ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
+    ASSERT_TRUE(print_sort(*session) == before) << step;
+    ASSERT_EQ(check_session(*session), "");
+    edit();
+  }
+  EXPECT_EQ(session->clusters.n_clusters, n_before + 8);
+}
+
 TEST(undo_state, follows_the_recording_and_the_spike_window) {
   small_session session;
   make_sorted(*session);

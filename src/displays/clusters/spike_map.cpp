@@ -134,30 +134,35 @@ void count_background(const session_state& session, const spike_view& view,
     const double down = (pixel_of(picture.plane, v.x_from, y).y() - box.top()) * ratio;
     return down >= 0 && down < picture.behind.height ? static_cast<std::int32_t>(down) : -1;
   };
-  std::vector<std::int32_t> row(rows.y.size());
-  std::vector<std::uint32_t*> layer(rows.y.size());
-  for (std::size_t c = 0; c < row.size(); ++c) {
-    row[c] = row_of(rows.y[c]);
-    layer[c] = counts_of_mark(picture.behind, rows.marks[c]);
-  }
-  std::vector<std::int32_t> row_of_channel(static_cast<std::size_t>(session.recording.n_channels) +
-                                           1);
-  for (std::int32_t k = 1; k <= session.recording.n_channels; ++k) {
-    row_of_channel[static_cast<std::size_t>(k)] = row_of(session.recording.chan_y[k]);
+  const std::int32_t width = picture.behind.width;
+  const auto place_of = [&](std::int16_t mark, std::int32_t y) -> std::uint32_t* {
+    if (y < 0) return nullptr;
+    return counts_of_mark(picture.behind, mark) + static_cast<std::int64_t>(y) * width;
+  };
+  // The row of pixels of each cluster, and for events without one of each channel; null: outside.
+  std::vector<std::uint32_t*> row(rows.y.size());
+  for (std::size_t c = 0; c < row.size(); ++c) row[c] = place_of(rows.marks[c], row_of(rows.y[c]));
+  const std::int32_t n_channels = session.recording.n_channels;
+  std::vector<std::uint32_t*> row_of_channel(static_cast<std::size_t>(n_channels) + 1);
+  for (std::int32_t k = 1; k <= n_channels; ++k) {
+    row_of_channel[static_cast<std::size_t>(k)] =
+        place_of(rows.marks[0], row_of(session.recording.chan_y[k]));
   }
   const event_clock clock(session);
   const auto scale = static_cast<float>(picture.behind.width / (v.x_to - v.x_from));
   const auto from = static_cast<float>(v.x_from);
+  std::int64_t n_counted = 0;
   for_each_behind(session, rows, range, [&](std::int32_t e, std::int32_t c) {
     const float x = (clock.minutes(e) - from) * scale;
-    const std::int32_t y =
+    if (!(x >= 0)) return;
+    ++n_counted;
+    std::uint32_t* pixels =
         c > 0 ? row[static_cast<std::size_t>(c)]
               : row_of_channel[static_cast<std::size_t>(session.events.event_channel[e])];
-    if (!(x >= 0)) return;
-    ++picture.n_counted;
-    count_pixel(picture.behind, layer[static_cast<std::size_t>(c)], static_cast<std::int32_t>(x),
-                y);
+    const auto column = static_cast<std::int32_t>(x);
+    if (pixels != nullptr && column < width) ++pixels[column];
   });
+  picture.n_counted = n_counted;
 }
 
 // All events in view that are not of a chosen cluster, at the places of their clusters.
