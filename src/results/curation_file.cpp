@@ -139,15 +139,33 @@ void say_not_kept(const session_state& session, const std::string& path) {
   log_message(session, "The history of edits could not be written to " + path);
 }
 
-// Begins the files beside one work file.
-void begin_files(const session_state& session, const std::string& work_file) {
+// Beside the recovery file, as soon as a history begins: the sort in memory is its beginning.
+void begin_recovery_files(const session_state& session) {
+  const std::string work_file = recovery_work_file(session);
+  if (work_file.empty()) return;
+  if (!write_history(session, curation_path(work_file)) ||
+      !write_work_file(session, curation_beginning_path(work_file))) {
+    say_not_kept(session, curation_path(work_file));
+  }
+}
+
+bool copy_beginning(const std::string& from, const std::string& work_file) {
+  std::error_code failed;
+  if (from == curation_beginning_path(work_file)) return true;
+  std::filesystem::copy_file(from, curation_beginning_path(work_file),
+                             std::filesystem::copy_options::overwrite_existing, failed);
+  return !failed;
+}
+
+// Beside the user's work file, with the first record.
+void begin_work_files(const session_state& session, const std::string& work_file) {
   const std::string path = curation_path(work_file);
   std::error_code ignored;
-  if (file_exists(path) && work_file != recovery_work_file(session)) {
+  if (file_exists(path)) {
     std::filesystem::rename(path, replace_extension(work_file, ".curation.earlier.jsonl"), ignored);
   }
-  if (!write_history(session, path) ||
-      !write_work_file(session, curation_beginning_path(work_file))) {
+  const std::string beginning = curation_beginning_path(recovery_work_file(session));
+  if (!write_history(session, path) || !copy_beginning(beginning, work_file)) {
     say_not_kept(session, path);
   }
 }
@@ -191,9 +209,11 @@ std::string curation_beginning_path(const std::string& work_file) {
 }
 
 void keep_record(const session_state& session, const edit_record* record) {
+  if (record == nullptr) return begin_recovery_files(session);
   for (const std::string& work_file : work_files_of(session)) {
-    if (record == nullptr) {
-      begin_files(session, work_file);
+    const bool first = last_record(session.history) == 1;
+    if (first && work_file == session.history.work_file) {
+      begin_work_files(session, work_file);
     } else if (!append_line(curation_path(work_file), record_line(*record))) {
       // The folder may have come back, or the file been removed: all of it once more.
       if (!write_history(session, curation_path(work_file))) {
@@ -246,12 +266,9 @@ void save_history_beside(session_state& session, const std::string& work_file) {
   if (!write_history(session, curation_path(work_file))) {
     say_not_kept(session, curation_path(work_file));
   }
-  const std::string wanted = curation_beginning_path(work_file);
-  if (beginning.empty() || beginning == wanted) return;
-  std::error_code failed;
-  std::filesystem::copy_file(beginning, wanted, std::filesystem::copy_options::overwrite_existing,
-                             failed);
-  if (failed) say_not_kept(session, wanted);
+  if (!beginning.empty() && !copy_beginning(beginning, work_file)) {
+    say_not_kept(session, curation_beginning_path(work_file));
+  }
 }
 
 std::int32_t take_over_history(session_state& session, const std::string& work_file) {

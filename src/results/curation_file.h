@@ -17,8 +17,9 @@ std::string curation_path(const std::string& work_file);
 std::string curation_beginning_path(const std::string& work_file);
 
 // For edit_history::written: adds the record to the files of the history, or, for null, begins
-// them anew. An older file of the work file becomes NAME.curation.earlier.jsonl. What cannot be
-// written is told in the log, once.
+// them anew. Those beside a work file begin with the first record, since a dialog that is merely
+// opened shall leave nothing there; an older one becomes NAME.curation.earlier.jsonl. What cannot
+// be written is told in the log.
 void keep_record(const session_state& session, const edit_record* record);
 
 // False, with a problem, for a file that is none. A record that cannot be read ends it.

@@ -52,6 +52,7 @@ void prepare_edit(session_state& session, std::int32_t cluster) {
 
 bool begin_cluster_review(session_state& session) {
   if (!can_review(session, cluster_review_title)) return false;
+  prepare_history(session);
   // Of an earlier visit: "Undo" would take back what the user has long since built upon.
   if (session.undo && session.undo->owner == undo_owner::cluster_review) session.undo.reset();
   session.clusters.current_cluster =

@@ -117,6 +117,7 @@ guided_step begin_guided_merge(session_state& session, guided_walk& walk) {
       list_cluster_events(session, session.clusters.current_cluster);
   if (session.clusters.current_cluster > 0 && !home.empty()) walk.home_event = home.front();
   prepare_undo(session);
+  prepare_history(session);
   show_pair(session, walk, search.k);
   return guided_step::decide;
 }

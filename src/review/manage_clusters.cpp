@@ -31,6 +31,7 @@ bool is_cluster(const session_state& session, std::int32_t cluster) {
 bool open_cluster_management(session_state& session, cluster_management& management) {
   management = {};
   if (!can_review(session, dialog_title)) return false;
+  prepare_history(session);
   // Saved at once and not before the first edit: "Cancel" takes back all that was done since the
   // window opened.
   management.can_undo = save_undo_state(session, undo_owner::management);

@@ -116,6 +116,7 @@ bool open_pair_comparison(session_state& session, pair_comparison& comparison) {
 
 void fill_pair_comparison(session_state& session) {
   prepare_undo(session);
+  prepare_history(session);
   build_match_list(session);
   const std::int32_t stored = session.reviewed.match_position;
   // Where the user left it; a list that has become shorter ends earlier.

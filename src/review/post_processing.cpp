@@ -26,6 +26,7 @@ namespace kestrelvane {
 
 bool begin_post_processing(session_state& session) {
   if (!can_review(session, post_processing_title)) return false;
+  prepare_history(session);
   save_undo_state(session, undo_owner::post_processing);
   return true;
 }

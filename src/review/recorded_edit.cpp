@@ -210,6 +210,13 @@ void set_pair_mark(session_state& session, cluster_pair pair, pair_mark mark, bo
   note_unsaved(session, unsaved_results::edits);
 }
 
+void prepare_history(session_state& session) {
+  const edit_history& history = session.history;
+  if (history.fingerprint == 0 && !history.replaying) {
+    begin_history(session, sort_fingerprint(session));
+  }
+}
+
 bool restore_recorded(session_state& session, undo_owner owner) {
   const recorded_edit edit(session, edit_back);
   return restore_undo_state(session, owner);

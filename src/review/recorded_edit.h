@@ -38,6 +38,10 @@ class recorded_edit {
   std::uint64_t before_ = 0;
 };
 
+// Begins the history with the sort in memory, unless there is one: where a dialog opens whose first
+// edit should not wait for it.
+void prepare_history(session_state& session);
+
 // What the user has said of a pair; without an entry in the lists nothing happens.
 enum class pair_mark { distinct, ambiguous };
 void set_pair_mark(session_state& session, cluster_pair pair, pair_mark mark, bool on);

@@ -17,7 +17,7 @@ namespace kestrelvane::test {
 namespace {
 
 struct curate_test : ::testing::Test {
-  temporary_directory folder;
+  temporary_directory folder, home;
   std::string recording = folder.file("t.tsf"), sorted = folder.file("sorted.wrk");
   std::string history = folder.file("sorted.curation.jsonl");
 
@@ -35,6 +35,7 @@ struct curate_test : ::testing::Test {
   void review_by_hand() {
     small_session session;
     session.user.default_answer = true;
+    session->home_directory = home.path;
     session->history.written = keep_record;
     ASSERT_TRUE(open_recording_worker(*session, {recording, file_type_tsf}));
     bool wrong_file = false;

@@ -23,7 +23,7 @@ namespace {
 using std::filesystem::exists;
 
 struct curation_test : ::testing::Test {
-  temporary_directory folder;
+  temporary_directory folder, home;
   small_session session;
   random_review user{11};
   std::string work_file = folder.file("sorted.wrk");
@@ -32,6 +32,7 @@ struct curation_test : ::testing::Test {
   curation_test() {
     fill(*session);
     session.user.default_answer = true;
+    session->home_directory = home.path;
     session->history.written = keep_record;
     EXPECT_TRUE(save_work_file_at(*session, work_file));
   }
