@@ -1,6 +1,7 @@
 #include "review/recorded_edit.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "review/pair_values.h"
@@ -17,13 +18,22 @@ namespace {
 struct fingerprint_sum {
   std::uint64_t value = 0x4b657374;  // any number but 0, which would swallow leading zeros
 
-  void add(std::uint64_t word) {
+  static std::uint64_t mixed(std::uint64_t sum, std::uint64_t word) {
     // 2^64 over the golden ratio; the shift brings the high bits, where products mix best, down.
-    value = (value ^ word) * 0x9e3779b97f4a7c15u;
-    value ^= value >> 29;
+    sum = (sum ^ word) * 0x9e3779b97f4a7c15u;
+    return sum ^ (sum >> 29);
   }
+  void add(std::uint64_t word) { value = mixed(value, word); }
   void add_bytes(const void* bytes, std::size_t n) {
     const auto* from = static_cast<const unsigned char*>(bytes);
+    // Four sums side by side: each waits for its own product alone.
+    std::array<std::uint64_t, 4> sums{value, value + 1, value + 2, value + 3};
+    for (; n >= 32; from += 32, n -= 32) {
+      std::array<std::uint64_t, 4> words;
+      std::memcpy(words.data(), from, 32);
+      for (std::size_t i = 0; i < 4; ++i) sums[i] = mixed(sums[i], words[i]);
+    }
+    for (const std::uint64_t sum : sums) add(sum);
     for (; n >= 8; from += 8, n -= 8) {
       std::uint64_t word = 0;
       std::memcpy(&word, from, 8);

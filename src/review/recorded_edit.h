@@ -5,7 +5,7 @@
 // outer one; one that has changed nothing leaves no record. When the sort is not the one that the
 // last record has left - after another Autosort, say - a new history begins with it.
 //
-// The cost is two passes over the events, about 10 ms for a million, and, when a history
+// The cost is two passes over the events, about 2 ms for a million, and, when a history
 // begins, a copy of the sort as large as that of an undo.
 #pragma once
 
