@@ -296,11 +296,12 @@ float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int3
 
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                       std::int32_t scratch_slot, pair_shift shift) {
-  return cluster_overlap(session, a, b, scratch_slot, shift, {});
+  return listed_cluster_overlap(session, a, b, scratch_slot, shift, {});
 }
 
-float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
-                      std::int32_t scratch_slot, pair_shift shift, const listed_cluster& listed) {
+float listed_cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
+                             std::int32_t scratch_slot, pair_shift shift,
+                             const listed_cluster& listed) {
   const auto read = [&](std::int32_t c) {
     const bool shifted = shift.n_shift == c;
     return c == listed.cluster

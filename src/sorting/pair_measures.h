@@ -53,8 +53,9 @@ struct listed_cluster {
   std::int32_t cluster = 0;  // 0: none
   std::vector<std::int32_t> events;
 };
-float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
-                      std::int32_t scratch_slot, pair_shift shift, const listed_cluster& listed);
+float listed_cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
+                             std::int32_t scratch_slot, pair_shift shift,
+                             const listed_cluster& listed);
 
 // Nearest-neighbour part of the overlap: rows of a before rows of b, coordinates
 // d to a row (2 or 3 are looked at).

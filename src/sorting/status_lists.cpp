@@ -58,7 +58,7 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
   }
   // Each thread has a scratch template above the clusters; max_clusters leaves room for them.
   const float overlap =
-      cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift, listed);
+      listed_cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift, listed);
   store_pair(lists, k, false, match.correlation, overlap, shift);
 }
 
