@@ -6,7 +6,6 @@
 #include <cmath>
 #include <limits>
 #include <memory>
-#include <numbers>
 
 #include "clustering/clustering_runs.h"
 #include "clustering/membership.h"
@@ -14,6 +13,7 @@
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
 #include "review/alignment_score.h"
+#include "review/event_reading.h"
 #include "review/recorded_edit.h"
 #include "review/review_guards.h"
 #include "session/template_window.h"
@@ -264,26 +264,12 @@ bool fixed_split(session_state& session, float sigma_uv) {
 
 namespace {
 
-// The waveform of an event on a channel at its aligned time, bits: points 1..P from v[0] on.
-struct event_waveform {
-  alignas(64) float v[whole_lanes(template_point_limit)];
-};
-
-void read_waveform(const session_state& session, std::int32_t event, std::int32_t channel,
-                   event_waveform& waveform) {
-  const event_table& events = session.events;
-  const std::int16_t* samples = session.recording.vd.channel(channel) + events.event_time[event] +
-                                window_first_sample(session);
-  // As the window draws it: the user marks what he sees, and the stored samples lie beside that by
-  // part of a sample.
-  interp_run(session, samples, interp_step(session, events.event_shift[event]),
-             session.templates.template_points, waveform.v);
-}
-
 bool crosses_window(const session_state& session, std::int32_t event,
                     const waveform_window& window) {
-  event_waveform waveform;
-  read_waveform(session, event, window.channel, waveform);
+  // As the window draws it: the user marks what he sees, and the stored samples lie beside that by
+  // part of a sample.
+  float waveform[waveform_room];
+  read_event_waveform(session, event, window.channel, waveform);
   const std::int32_t first = std::max(window.first_point, 1);
   const std::int32_t last = std::min(window.last_point, session.templates.template_points);
   // Drawn upwards or downwards, as the hand went.
@@ -291,7 +277,7 @@ bool crosses_window(const session_state& session, std::int32_t event,
   // -1 below the window, 1 above; a line from one to the other passes through it.
   std::int32_t side = 0;
   for (std::int32_t t = first; t <= last; ++t) {
-    const float uv = waveform.v[t - 1] * session.recording.vscale_HP;
+    const float uv = waveform[t - 1];
     if (uv >= low && uv <= high) return true;
     const std::int32_t now = uv < low ? -1 : 1;
     if (side != 0 && now != side) return true;
@@ -319,29 +305,6 @@ bool add_label(session_state& session, const std::vector<std::int32_t>& list, Fo
   return true;
 }
 
-// Even-odd rule: a ray to the right crosses the outline an odd number of times. A corner
-// belongs to the edge above it alone, so that none counts twice.
-bool polygon_holds(const std::vector<shape_point>& polygon, shape_point p) {
-  bool inside = false;
-  for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
-    const shape_point a = polygon[i], b = polygon[j];
-    if ((a.y > p.y) == (b.y > p.y)) continue;
-    const float x = a.x + (p.y - a.y) * (b.x - a.x) / (b.y - a.y);
-    if (p.x < x) inside = !inside;
-  }
-  return inside;
-}
-
-bool ellipse_holds(const cluster_ellipse_record& ellipse, shape_point p) {
-  // Into the axes of the ellipse, where it is a circle once each has been divided by its own half.
-  const float angle = ellipse.angle * (std::numbers::pi_v<float> / 180.0f);
-  const float c = std::cos(angle), s = std::sin(angle);
-  const float dx = p.x - ellipse.centre_x, dy = p.y - ellipse.centre_y;
-  const float u = (c * dx + s * dy) / ellipse.semi_axis_1;
-  const float v = (c * dy - s * dx) / ellipse.semi_axis_2;
-  return u * u + v * v <= 1.0f;
-}
-
 }  // namespace
 
 bool mark_by_windows(session_state& session, const std::vector<waveform_window>& windows) {
@@ -357,14 +320,6 @@ bool mark_by_windows(session_state& session, const std::vector<waveform_window>&
       return crosses_window(session, list[i], w);
     });
   });
-}
-
-float event_height_uv(const session_state& session, std::int32_t event, std::int32_t channel) {
-  event_waveform waveform;
-  read_waveform(session, event, channel, waveform);
-  const auto [low, high] =
-      std::minmax_element(waveform.v, waveform.v + session.templates.template_points);
-  return (*high - *low) * session.recording.vscale_HP;
 }
 
 float event_minutes(const session_state& session, std::int32_t event) {
@@ -421,20 +376,13 @@ bool mark_in_ellipse(session_state& session) {
 }
 
 bool mark_in_rectangle(session_state& session, shape_point a, shape_point b) {
-  const shape_point least{std::min(a.x, b.x), std::min(a.y, b.y)};
-  const shape_point most{std::max(a.x, b.x), std::max(a.y, b.y)};
   const std::vector<std::int32_t> list = current_of(session).list;
   const std::vector<shape_point> places = events_in_plane(session, mark_plane::heights);
   if (list.empty()) return false;
-  // Its outline belongs to it, as what is drawn round the outermost event means that event.
-  return add_label(session, list, [&](std::int64_t i) {
-    const shape_point p = places[i];
-    return p.x >= least.x && p.x <= most.x && p.y >= least.y && p.y <= most.y;
-  });
+  return add_label(session, list, [&](std::int64_t i) { return rectangle_holds(a, b, places[i]); });
 }
 
-bool mark_in_lasso(session_state& session, mark_plane plane,
-                   const std::vector<shape_point>& polygon) {
+bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon) {
   const std::vector<std::int32_t> list = current_of(session).list;
   if (list.empty() || polygon.size() < 3) return false;
   const std::vector<shape_point> places = events_in_plane(session, plane);

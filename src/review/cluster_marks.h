@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "review/event_blocks.h"
+#include "review/plane_shapes.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -74,11 +75,7 @@ struct waveform_window {
 // Labels the events whose waveforms, read at their aligned times, do not cross every window.
 bool mark_by_windows(session_state& session, const std::vector<waveform_window>& windows);
 
-struct shape_point {
-  float x = 0, y = 0;
-};
-
-// Where the shapes below are drawn.
+// Where the shapes below are drawn (review/plane_shapes.h).
 enum class mark_plane {
   components,  // components 1 and 2 of cluster_pc_values
   heights,     // time in minutes, peak-to-peak on the centre channel in µV
@@ -92,15 +89,13 @@ bool mark_in_ellipse(session_state& session);
 // Two opposite corners, over the heights.
 bool mark_in_rectangle(session_state& session, shape_point a, shape_point b);
 // A closed polygon, by the even-odd rule.
-bool mark_in_lasso(session_state& session, mark_plane plane,
-                   const std::vector<shape_point>& polygon);
+bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon);
 // Gives a label to events that a display has found by itself, as those near a click. Events of
 // other clusters are passed over.
 void label_events(session_state& session, const std::vector<std::int32_t>& list,
                   std::int16_t label);
 
-// Peak-to-peak of an event's waveform on a channel, µV, and its time in minutes.
-float event_height_uv(const session_state& session, std::int32_t event, std::int32_t channel);
+// The time of an event in minutes.
 float event_minutes(const session_state& session, std::int32_t event);
 
 // ---------------------------------------------------------------- labels

@@ -14,12 +14,12 @@
 #include "clustering/templates.h"
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
-#include "displays/clusters/event_reading.h"
 #include "displays/clusters/heights.h"
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
 #include "review/cluster_marks.h"
+#include "review/event_reading.h"
 #include "sorting/cluster_edits.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
@@ -104,32 +104,42 @@ TEST(spread_order, visits_each_once_and_every_part_of_all_soon) {
 
 TEST(plane_shapes, hold_what_lies_in_them) {
   // An arrowhead with a notch from the right.
-  const plane_polygon arrow = {{0, 0}, {4, 0}, {1, 2}, {4, 4}, {0, 4}};
-  EXPECT_TRUE(polygon_holds_point(arrow, {0.5f, 2}));
-  EXPECT_FALSE(polygon_holds_point(arrow, {3, 2}));
-  EXPECT_TRUE(polygon_holds_point(arrow, {3, 0.5f}));
-  EXPECT_FALSE(polygon_holds_point(arrow, {-1, 2}));
-  EXPECT_FALSE(polygon_holds_point({{0, 0}, {1, 1}}, {0.5f, 0.5f}));
-  EXPECT_FALSE(polygon_holds_point(arrow, {std::nanf(""), 1}));
-  const std::vector<plane_point> points = {{0, 0}, {2, 1}, {2.1f, 1}, {-2, -1}, {0, 0.9f}};
-  EXPECT_THAT(points_in_rectangle(points, {{2, 1}, {0, 0}}), ElementsAre(0, 1, 4));
-  cluster_ellipse_record ellipse = ellipse_between({-2, -1}, {2, 1});
-  EXPECT_THAT(points_in_ellipse(points, ellipse), ElementsAre(0, 4));
+  const shape_polygon arrow = {{0, 0}, {4, 0}, {1, 2}, {4, 4}, {0, 4}};
+  EXPECT_TRUE(polygon_holds(arrow, {0.5f, 2}));
+  EXPECT_FALSE(polygon_holds(arrow, {3, 2}));
+  EXPECT_TRUE(polygon_holds(arrow, {3, 0.5f}));
+  EXPECT_FALSE(polygon_holds(arrow, {-1, 2}));
+  EXPECT_FALSE(polygon_holds({{0, 0}, {1, 1}}, {0.5f, 0.5f}));
+  EXPECT_FALSE(polygon_holds(arrow, {std::nanf(""), 1}));
+  const std::vector<shape_point> points = {{0, 0}, {2, 1}, {2.1f, 1}, {-2, -1}, {0, 0.9f}};
+  const auto held = [&](auto&& holds) {
+    std::vector<std::size_t> inside;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      if (holds(points[i])) inside.push_back(i);
+    }
+    return inside;
+  };
+  EXPECT_THAT(held([](shape_point p) {
+                return rectangle_holds({2, 1}, {0, 0}, p);
+              }),
+              ElementsAre(0, 1, 4));
+  cluster_ellipse_record ellipse = {0, 0, 2, 1, 0};
+  EXPECT_THAT(held([&](shape_point p) { return ellipse_holds(ellipse, p); }), ElementsAre(0, 4));
   ellipse.angle = 90;
-  EXPECT_FALSE(ellipse_holds_point(ellipse, {1.5f, 0}));
-  EXPECT_TRUE(ellipse_holds_point(ellipse, {0, 1.5f}));
+  EXPECT_FALSE(ellipse_holds(ellipse, {1.5f, 0}));
+  EXPECT_TRUE(ellipse_holds(ellipse, {0, 1.5f}));
   // Its outline as a polygon holds the same but for a hair at the rim.
   ellipse.angle = 30;
   vector_random random(3);
   for (int i = 0; i < 2000; ++i) {
-    const plane_point p = {static_cast<float>(random.next() >> 8 & 511) / 100 - 2.5f,
+    const shape_point p = {static_cast<float>(random.next() >> 8 & 511) / 100 - 2.5f,
                            static_cast<float>(random.next() >> 8 & 511) / 100 - 2.5f};
     cluster_ellipse_record less = ellipse, more = ellipse;
     less.semi_axis_1 *= 0.99f, less.semi_axis_2 *= 0.99f;
     more.semi_axis_1 *= 1.01f, more.semi_axis_2 *= 1.01f;
-    const bool in_outline = polygon_holds_point(outline_of(ellipse), p);
-    EXPECT_TRUE(in_outline || !ellipse_holds_point(less, p));
-    EXPECT_TRUE(!in_outline || ellipse_holds_point(more, p));
+    const bool in_outline = polygon_holds(outline_of(ellipse), p);
+    EXPECT_TRUE(in_outline || !ellipse_holds(less, p));
+    EXPECT_TRUE(!in_outline || ellipse_holds(more, p));
   }
   EXPECT_EQ(nearest_point(points, {2.06f, 1}, 0.5f, 0.5f), 2);
   EXPECT_EQ(nearest_point(points, {9, 9}, 0.5f, 0.5f), -1);
@@ -147,17 +157,17 @@ TEST(event_reading, heights_and_places_by_hand) {
   s->events.event_cluster[1] = 1;
   s->clusters.n_clusters = 1;
   calculate_all_templates(*s);
-  EXPECT_FLOAT_EQ(read_event_height(*s, 1, 1), 150.0f);
-  EXPECT_FLOAT_EQ(read_event_height(*s, 1, 3), 0.0f);
+  EXPECT_FLOAT_EQ(event_height_uv(*s, 1, 1), 150.0f);
+  EXPECT_FLOAT_EQ(event_height_uv(*s, 1, 3), 0.0f);
   EXPECT_FLOAT_EQ(event_minutes(*s, 1), 1000.0f / (25000.0f * 60.0f));
   s->templates.channels(1)[1] = 1;
   s->templates.channels(1)[2] = 2;
   s->templates.template_n_channels[1] = 2;
   // Weights 4 to 1.
-  EXPECT_FLOAT_EQ(read_event_place(*s, 1, 1).y, 8.0f);
+  EXPECT_FLOAT_EQ(event_place(*s, 1, 1).y, 8.0f);
   // Beyond what is in memory nothing is read.
   s->events.event_time[2] = 6000;
-  EXPECT_EQ(read_event_height(*s, 2, 1), 0.0f);
+  EXPECT_EQ(event_height_uv(*s, 2, 1), 0.0f);
 }
 
 TEST(mark_counts, lines_count_once_in_each_column) {
@@ -202,8 +212,8 @@ TEST(sorted_waveforms, windows_and_clicks_find_their_way_back) {
       const waveform_panel& panel = layout.panels[k];
       const float* v = picture.values.data() + k * static_cast<std::size_t>(layout.n_points);
       const float x = panel.x + 5 * layout.step, y = panel.y - layout.pixels_per_uv * v[5];
-      const drawn_window window = window_of_corners(layout, panel.x + 2 * layout.step, panel.y - 4,
-                                                    panel.x + 9 * layout.step, panel.y + 4);
+      const waveform_window window = window_of_corners(
+          layout, panel.x + 2 * layout.step, panel.y - 4, panel.x + 9 * layout.step, panel.y + 4);
       EXPECT_EQ(window.channel, panel.channel);
       EXPECT_EQ(window.first_point, 3);
       EXPECT_EQ(window.last_point, 10);
@@ -212,11 +222,6 @@ TEST(sorted_waveforms, windows_and_clicks_find_their_way_back) {
     }
     EXPECT_EQ(waveform_event_at(picture, -50, -50), 0);
   }
-  const float values[] = {0, 10, -10, 0};
-  EXPECT_TRUE(crosses_drawn_window(values, {1, 2, 3, -1, 1})) << "neighbours on opposite sides";
-  EXPECT_FALSE(crosses_drawn_window(values, {1, 2, 2, -1, 1}));
-  EXPECT_TRUE(crosses_drawn_window(values, {1, 3, 4, -10, -9}));
-  EXPECT_FALSE(crosses_drawn_window(values, {1, 1, 4, 11, 12}));
 }
 
 // Counted in parts or at once: the same counts, and labels choose what is in them.
@@ -274,23 +279,20 @@ TEST(components, points_are_those_of_clustering_and_are_found_by_a_click) {
   component_picture picture;
   s->clusters.cluster_ellipse[2] = {plain.values[0], plain.values[1], 1, 2, 20};
   prepare_components(*s, values, view, picture);
-  const std::int32_t event = values.events[0];
   const QPointF at = pixel_of(picture.plane, picture.points[0].x, picture.points[0].y);
   const std::int32_t clicked = component_event_at(picture, at);
   const auto i =
       std::find(values.events.begin(), values.events.end(), clicked) - values.events.begin();
   ASSERT_LT(i, static_cast<std::ptrdiff_t>(values.events.size()));
   EXPECT_NEAR(picture.points[static_cast<std::size_t>(i)].x, picture.points[0].x, 1e-3);
-  EXPECT_FALSE(picture.ellipse.empty());
-  const auto inside = component_events_in(picture, s->clusters.cluster_ellipse[2]);
-  EXPECT_TRUE(std::find(inside.begin(), inside.end(), event) != inside.end());
+  EXPECT_EQ(picture.ellipse, outline_of(s->clusters.cluster_ellipse[2]));
   // Half a turn mirrors the first component about its mean.
   component_view turned = view;
   turned.turn = 180;
   component_picture mirrored;
   prepare_components(*s, values, turned, mirrored);
   double mean = 0;
-  for (const plane_point p : picture.points) mean += p.x;
+  for (const shape_point p : picture.points) mean += p.x;
   mean /= static_cast<double>(picture.points.size());
   for (std::size_t k = 0; k < picture.points.size(); k += 17) {
     EXPECT_NEAR(mirrored.points[k].x, 2 * mean - picture.points[k].x, 1e-2);
@@ -307,14 +309,14 @@ TEST(components, points_are_those_of_clustering_and_are_found_by_a_click) {
 }
 
 TEST(heights, medians_shapes_and_clicks) {
-  std::vector<plane_point> ramp;
+  std::vector<shape_point> ramp;
   for (int i = 9; i >= 0; --i) ramp.push_back({static_cast<float>(i), static_cast<float>(10 * i)});
-  const std::vector<plane_point> medians = running_median(ramp, 5);
+  const std::vector<shape_point> medians = running_median(ramp, 5);
   ASSERT_EQ(medians.size(), 4u);
-  EXPECT_EQ(medians[0], (plane_point{2, 20}));
-  EXPECT_EQ(medians[3], (plane_point{7, 70})) << "the last five";
+  EXPECT_EQ(medians[0], (shape_point{2, 20}));
+  EXPECT_EQ(medians[3], (shape_point{7, 70})) << "the last five";
   EXPECT_THAT(running_median({}, 5), IsEmpty());
-  EXPECT_EQ(running_median({{1, 4}}, 5)[0], (plane_point{1, 4}));
+  EXPECT_EQ(running_median({{1, 4}}, 5)[0], (shape_point{1, 4}));
 
   sorted_session s;
   s->recording.n_epochs = 2;
@@ -326,12 +328,10 @@ TEST(heights, medians_shapes_and_clicks) {
   EXPECT_EQ(picture.events.size(),
             list_cluster_events(*s, 2).size() + list_cluster_events(*s, 4).size());
   EXPECT_FLOAT_EQ(picture.points[0].y,
-                  read_event_height(*s, picture.events[0], s->templates.centre_channel(2)));
+                  event_height_uv(*s, picture.events[0], s->templates.centre_channel(2)));
   ASSERT_EQ(picture.gaps.size(), 1u);
   EXPECT_NEAR(picture.gaps[0], 2.0 / 60, 1e-6);
-  const plane_point p = picture.points[5];
-  EXPECT_THAT(height_events_in(picture, plane_rectangle{p, p}),
-              testing::Contains(picture.events[5]));
+  const shape_point p = picture.points[5];
   EXPECT_NE(height_event_at(picture, pixel_of(picture.plane, p.x, p.y)), 0);
   EXPECT_EQ(height_title(picture, height_measure::pc2), "PC2 vs time for clusters 2 and 4");
   EXPECT_EQ(height_title(picture, height_measure::peak_to_peak),
@@ -373,7 +373,7 @@ TEST(spike_map, chosen_clusters_are_found_and_the_view_stays_in_the_recording) {
                 picture.events.begin() + static_cast<std::ptrdiff_t>(picture.n_behind),
                 picture.events.end()),
             list);
-  const plane_point p = picture.points[picture.n_behind + 3];
+  const shape_point p = picture.points[picture.n_behind + 3];
   EXPECT_EQ(spike_cluster_at(*s, picture, pixel_of(picture.plane, p.x, p.y)), 2);
   for (int i = 0; i < 40; ++i) {
     zoom_spikes(*s, view, picture, {300, 200}, i % 7 == 0 ? 0.2 : 1.7);
@@ -387,7 +387,7 @@ TEST(spike_map, chosen_clusters_are_found_and_the_view_stays_in_the_recording) {
   probe_picture sites;
   prepare_probe(*s, s.index, probe, sites);
   for (std::int32_t c = 1; c <= 4; ++c) {
-    const plane_point unit = sites.units[static_cast<std::size_t>(c) - 1];
+    const shape_point unit = sites.units[static_cast<std::size_t>(c) - 1];
     const std::int32_t found = probe_cluster_at(sites, pixel_of(sites.plane, unit.x, unit.y));
     EXPECT_TRUE(found == c || found == c + 4) << "two units may share a site";
   }

@@ -95,7 +95,7 @@ TEST(ClusterWindows, TheProbeChoosesAClusterAndScrollsThroughTime) {
     const std::int32_t event = d.spike_points.events[i];
     const std::int32_t cluster = w.session->events.event_cluster[event];
     if (cluster < 1 || cluster == w.session->clusters.current_cluster) continue;
-    const plane_point at = d.spike_points.points[i];
+    const shape_point at = d.spike_points.points[i];
     QTest::mouseClick(spikes, Qt::LeftButton, {},
                       pixel_of(d.spike_points.plane, at.x, at.y).toPoint());
     break;

@@ -8,8 +8,8 @@
 #include <utility>
 
 #include "clustering/principal_components.h"
-#include "displays/clusters/event_reading.h"
 #include "review/cluster_marks.h"
+#include "review/event_reading.h"
 
 namespace kestrelvane {
 
@@ -38,7 +38,7 @@ std::array<float, 3> mean_of(const component_values& values, const component_vie
 }
 
 // Turned about their mean, which keeps its place; without a turn the values as they are.
-std::vector<plane_point> project_to_plane(const component_values& values,
+std::vector<shape_point> project_to_plane(const component_values& values,
                                           const component_view& view) {
   constexpr float degree = std::numbers::pi_v<float> / 180.0f;
   const std::array<float, 3> mean = mean_of(values, view);
@@ -46,7 +46,7 @@ std::vector<plane_point> project_to_plane(const component_values& values,
   const float ct = std::cos(view.turn * degree), st = std::sin(view.turn * degree);
   const float cl = std::cos(view.tilt * degree), sl = std::sin(view.tilt * degree);
   const bool turned = view.turn != 0 || view.tilt != 0;
-  std::vector<plane_point> points(values.events.size());
+  std::vector<shape_point> points(values.events.size());
   for (std::size_t i = 0; i < points.size(); ++i) {
     points[i] = {component_of(values, i, view.dimensions[0]),
                  component_of(values, i, view.dimensions[1])};
@@ -87,17 +87,6 @@ std::vector<std::int32_t> events_of_both(const cluster_index& index,
     events.insert(events.end(), b.begin(), b.end());
     std::inplace_merge(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(a.size()),
                        events.end());
-  }
-  return events;
-}
-
-template <typename Shape, typename Find>
-std::vector<std::int32_t> events_inside(const component_picture& picture, const Shape& shape,
-                                        Find&& find) {
-  std::vector<std::int32_t> events;
-  if (picture.values == nullptr) return events;
-  for (const std::size_t i : find(picture.points, shape)) {
-    events.push_back(picture.values->events[i]);
   }
   return events;
 }
@@ -219,16 +208,6 @@ QString component_event_text(const session_state& session, std::int32_t event) {
   return QString::fromStdString(fmt::format("event {}, {:.4f} s, label {}", event,
                                             60.0 * event_minutes(session, event),
                                             session.events.event_subcluster[event]));
-}
-
-std::vector<std::int32_t> component_events_in(const component_picture& picture,
-                                              const plane_polygon& polygon) {
-  return events_inside(picture, polygon, points_in_polygon);
-}
-
-std::vector<std::int32_t> component_events_in(const component_picture& picture,
-                                              const cluster_ellipse_record& ellipse) {
-  return events_inside(picture, ellipse, points_in_ellipse);
 }
 
 }  // namespace kestrelvane

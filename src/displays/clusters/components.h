@@ -13,7 +13,7 @@
 #include "displays/clusters/cluster_index.h"
 #include "displays/clusters/cluster_theme.h"
 #include "displays/clusters/plane_axes.h"
-#include "displays/clusters/plane_shapes.h"
+#include "review/plane_shapes.h"
 
 namespace kestrelvane {
 
@@ -59,9 +59,9 @@ component_values component_values_of(std::vector<std::int32_t> events,
 
 struct component_picture {
   drawn_graph plane;
-  std::vector<plane_point> points;  // by event; of the plane on show
+  std::vector<shape_point> points;  // by event; of the plane on show
   const component_values* values = nullptr;
-  plane_polygon ellipse;  // outline; empty: none
+  shape_polygon ellipse;  // outline; empty: none
 };
 
 // values must outlive the picture.
@@ -74,10 +74,5 @@ void paint_components(QPainter& painter, const component_picture& picture,
 std::int32_t component_event_at(const component_picture& picture, QPointF pixel);
 // "event 1234, 5.6780 s, label 2".
 QString component_event_text(const session_state& session, std::int32_t event);
-// Events in a shape of the plane on show, by number.
-std::vector<std::int32_t> component_events_in(const component_picture& picture,
-                                              const plane_polygon& polygon);
-std::vector<std::int32_t> component_events_in(const component_picture& picture,
-                                              const cluster_ellipse_record& ellipse);
 
 }  // namespace kestrelvane

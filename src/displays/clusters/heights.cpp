@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "displays/clusters/event_reading.h"
 #include "review/cluster_marks.h"
+#include "review/event_reading.h"
 
 namespace kestrelvane {
 
@@ -16,7 +16,7 @@ constexpr std::int64_t most_events = 200'000;
 float height_of(const session_state& session, std::int32_t event, std::int32_t cluster) {
   // A flat template has no centre, and its events no height.
   if (session.templates.template_n_channels[cluster] < 1) return 0.0f;
-  return read_event_height(session, event, session.templates.centre_channel(cluster));
+  return event_height_uv(session, event, session.templates.centre_channel(cluster));
 }
 
 void gather_heights(const session_state& session, const cluster_index& index,
@@ -63,7 +63,7 @@ void mark_events_on_show(const session_state& session, height_picture& picture) 
 
 void find_medians(const session_state& session, height_picture& picture) {
   for (const std::int32_t c : picture.clusters) {
-    std::vector<plane_point> own;
+    std::vector<shape_point> own;
     for (std::size_t i = 0; i < picture.events.size(); ++i) {
       if (session.events.event_cluster[picture.events[i]] == c) own.push_back(picture.points[i]);
     }
@@ -93,9 +93,9 @@ void paint_gaps(QPainter& painter, const height_picture& picture, const cluster_
 
 void paint_medians(QPainter& painter, const height_picture& picture, const cluster_theme& theme) {
   painter.setRenderHint(QPainter::Antialiasing, true);
-  for (const std::vector<plane_point>& median : picture.medians) {
+  for (const std::vector<shape_point>& median : picture.medians) {
     QPolygonF line;
-    for (const plane_point p : median) line << pixel_of(picture.plane, p.x, p.y);
+    for (const shape_point p : median) line << pixel_of(picture.plane, p.x, p.y);
     // Edged, so that it is seen over points of any colour.
     painter.setPen(QPen(theme.background, 4));
     painter.drawPolyline(line);
@@ -106,10 +106,10 @@ void paint_medians(QPainter& painter, const height_picture& picture, const clust
 
 }  // namespace
 
-std::vector<plane_point> running_median(std::vector<plane_point> points, std::size_t stretch) {
+std::vector<shape_point> running_median(std::vector<shape_point> points, std::size_t stretch) {
   std::stable_sort(points.begin(), points.end(),
-                   [](plane_point a, plane_point b) { return a.x < b.x; });
-  std::vector<plane_point> medians;
+                   [](shape_point a, shape_point b) { return a.x < b.x; });
+  std::vector<shape_point> medians;
   // Stretches overlap by half, which makes a line and not stairs.
   const std::size_t step = std::max<std::size_t>(stretch / 2, 1);
   std::vector<float> heights;
@@ -205,24 +205,6 @@ std::int32_t height_event_at(const height_picture& picture, QPointF pixel) {
   if (!picture.plane.inside.contains(pixel)) return 0;
   const std::ptrdiff_t i = point_at(picture.plane, picture.points, pixel);
   return i < 0 ? 0 : picture.events[static_cast<std::size_t>(i)];
-}
-
-std::vector<std::int32_t> height_events_in(const height_picture& picture,
-                                           const plane_rectangle& rectangle) {
-  std::vector<std::int32_t> events;
-  for (const std::size_t i : points_in_rectangle(picture.points, rectangle)) {
-    events.push_back(picture.events[i]);
-  }
-  return events;
-}
-
-std::vector<std::int32_t> height_events_in(const height_picture& picture,
-                                           const plane_polygon& polygon) {
-  std::vector<std::int32_t> events;
-  for (const std::size_t i : points_in_polygon(picture.points, polygon)) {
-    events.push_back(picture.events[i]);
-  }
-  return events;
 }
 
 }  // namespace kestrelvane

@@ -27,8 +27,8 @@ struct height_picture {
   std::vector<std::int32_t> clusters, events;
   std::vector<std::int32_t> channels;  // centre channel by cluster
   std::vector<std::int16_t> marks;
-  std::vector<plane_point> points;                // minutes; µV, or units of the components
-  std::vector<std::vector<plane_point>> medians;  // a line per cluster
+  std::vector<shape_point> points;                // minutes; µV, or units of the components
+  std::vector<std::vector<shape_point>> medians;  // a line per cluster
   std::vector<float> gaps;                        // minutes, where one epoch follows another
   std::int32_t stride = 1;                        // every stride-th event is shown
 };
@@ -46,13 +46,9 @@ void paint_heights(QPainter& painter, const height_picture& picture, const heigh
 QString height_title(const height_picture& picture, height_measure measure);
 
 std::int32_t height_event_at(const height_picture& picture, QPointF pixel);
-std::vector<std::int32_t> height_events_in(const height_picture& picture,
-                                           const plane_rectangle& rectangle);
-std::vector<std::int32_t> height_events_in(const height_picture& picture,
-                                           const plane_polygon& polygon);
 
 // Medians of y over stretches of points neighbouring in x, each of so many points and half
 // over the one before; one point per stretch at the mean of its x. Too few points: one stretch.
-std::vector<plane_point> running_median(std::vector<plane_point> points, std::size_t stretch);
+std::vector<shape_point> running_median(std::vector<shape_point> points, std::size_t stretch);
 
 }  // namespace kestrelvane

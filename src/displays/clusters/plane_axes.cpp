@@ -100,7 +100,7 @@ void widen(double& from, double& to) {
 }
 
 void paint_counted_points(QPainter& painter, const drawn_graph& plane,
-                          std::span<const plane_point> points, std::span<const std::int16_t> marks,
+                          std::span<const shape_point> points, std::span<const std::int16_t> marks,
                           const cluster_theme& theme, double ratio) {
   const QRectF& box = plane.inside;
   mark_counts counts = make_mark_counts(static_cast<std::int32_t>(std::ceil(box.width() * ratio)),
@@ -182,10 +182,10 @@ void paint_plane(QPainter& painter, const QRectF& rect, const drawn_graph& plane
   painter.restore();
 }
 
-graph_view view_of_points(std::span<const plane_point> points) {
+graph_view view_of_points(std::span<const shape_point> points) {
   constexpr double none = std::numeric_limits<double>::infinity();
   graph_view view = {none, -none, none, -none};
-  for (const plane_point p : points) {
+  for (const shape_point p : points) {
     if (!std::isfinite(p.x) || !std::isfinite(p.y)) continue;
     view.x_from = std::min<double>(view.x_from, p.x);
     view.x_to = std::max<double>(view.x_to, p.x);
@@ -197,7 +197,7 @@ graph_view view_of_points(std::span<const plane_point> points) {
   return view;
 }
 
-void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const plane_point> points,
+void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const shape_point> points,
                   std::span<const std::int16_t> marks, const cluster_theme& theme, double radius) {
   // Above it points hide each other and single squares take longer than a count per pixel.
   constexpr std::size_t few = 6000;
@@ -218,7 +218,7 @@ void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const p
   painter.restore();
 }
 
-void paint_ring(QPainter& painter, const drawn_graph& plane, plane_point at,
+void paint_ring(QPainter& painter, const drawn_graph& plane, shape_point at,
                 const cluster_theme& theme) {
   const QPointF centre = pixel_of(plane, at.x, at.y);
   if (!plane.inside.contains(centre)) return;
@@ -230,11 +230,11 @@ void paint_ring(QPainter& painter, const drawn_graph& plane, plane_point at,
   painter.restore();
 }
 
-void paint_outline(QPainter& painter, const drawn_graph& plane, const plane_polygon& outline,
+void paint_outline(QPainter& painter, const drawn_graph& plane, const shape_polygon& outline,
                    const cluster_theme& theme) {
   if (outline.size() < 2) return;
   QPolygonF line;
-  for (const plane_point p : outline) line << pixel_of(plane, p.x, p.y);
+  for (const shape_point p : outline) line << pixel_of(plane, p.x, p.y);
   painter.save();
   painter.setClipRect(plane.inside, Qt::IntersectClip);
   painter.setRenderHint(QPainter::Antialiasing, true);
@@ -244,7 +244,23 @@ void paint_outline(QPainter& painter, const drawn_graph& plane, const plane_poly
   painter.restore();
 }
 
-std::ptrdiff_t point_at(const drawn_graph& plane, std::span<const plane_point> points,
+std::ptrdiff_t nearest_point(std::span<const shape_point> points, shape_point to, float reach_x,
+                             float reach_y) {
+  std::ptrdiff_t nearest = -1;
+  float best = 1.0f;
+  for (std::size_t i = 0; i < points.size(); ++i) {
+    const float dx = (points[i].x - to.x) / reach_x, dy = (points[i].y - to.y) / reach_y;
+    const float distance = dx * dx + dy * dy;
+    // Negated, so that what is no number is passed over. The last of equally near ones is drawn on
+    // top, and is the one that was meant.
+    if (!(distance <= best)) continue;
+    best = distance;
+    nearest = static_cast<std::ptrdiff_t>(i);
+  }
+  return nearest;
+}
+
+std::ptrdiff_t point_at(const drawn_graph& plane, std::span<const shape_point> points,
                         QPointF pixel, double reach) {
   const QPointF at = value_at(plane, pixel);
   // The reach is one in pixels, whatever the two axes measure.

@@ -7,8 +7,8 @@
 #include <cmath>
 #include <limits>
 
-#include "displays/clusters/event_reading.h"
 #include "displays/clusters/plane_axes.h"
+#include "review/event_reading.h"
 
 namespace kestrelvane {
 

@@ -5,9 +5,9 @@
 #include <limits>
 #include <utility>
 
-#include "displays/clusters/event_reading.h"
 #include "numerics/simd.h"
 #include "review/cluster_marks.h"
+#include "review/event_reading.h"
 
 namespace kestrelvane {
 
@@ -223,9 +223,9 @@ void gather_chosen(const session_state& session, const cluster_index& index,
     const bool has_centre = session.templates.template_n_channels[c] > 0;
     picture.events.push_back(events[i]);
     picture.marks.push_back(mark_of_cluster(c));
-    picture.points.push_back({clock.minutes(events[i]), read_event_place(session, events[i], c).y});
+    picture.points.push_back({clock.minutes(events[i]), event_place(session, events[i], c).y});
     picture.heights.push_back(
-        has_centre ? read_event_height(session, events[i], session.templates.centre_channel(c))
+        has_centre ? event_height_uv(session, events[i], session.templates.centre_channel(c))
                    : 0.0f);
   }
 }
@@ -238,7 +238,7 @@ void place_background(const session_state& session, spike_picture& picture) {
     const std::int32_t e = picture.events[i];
     const std::int32_t c = session.events.event_cluster[e];
     if (c >= 1 && c <= session.clusters.n_clusters) {
-      picture.points[i].y = read_event_place(session, e, c).y;
+      picture.points[i].y = event_place(session, e, c).y;
     }
   }
 }
@@ -328,7 +328,7 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
 
 std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel) {
   if (!picture.plane.inside.contains(pixel)) return 0;
-  const std::span<const plane_point> points(picture.points);
+  const std::span<const shape_point> points(picture.points);
   // The chosen ones first: they are drawn over the others.
   std::ptrdiff_t i = point_at(picture.plane, points.subspan(picture.n_behind), pixel);
   if (i >= 0) return picture.events[picture.n_behind + static_cast<std::size_t>(i)];

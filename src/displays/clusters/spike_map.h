@@ -43,11 +43,11 @@ struct spike_picture {
     bool unclustered = false;
     bool operator==(const counted_view&) const = default;
   } counted;
-  std::vector<plane_point> centres;  // of the clusters then, by number; y in µm
+  std::vector<shape_point> centres;  // of the clusters then, by number; y in µm
   // Background first, then those of the chosen clusters.
   std::vector<std::int32_t> events;
   std::vector<std::int16_t> marks;
-  std::vector<plane_point> points;  // minutes, µm
+  std::vector<shape_point> points;  // minutes, µm
   std::size_t n_behind = 0;         // events of the background
   std::vector<float> heights;       // µV on the centre channel, by chosen event
   std::int32_t stride = 1;          // every stride-th of the chosen events is shown
@@ -83,9 +83,9 @@ struct probe_view {
 
 struct probe_picture {
   drawn_graph plane;
-  std::vector<plane_point> sites;    // by channel from 0, µm
+  std::vector<shape_point> sites;    // by channel from 0, µm
   std::vector<std::uint8_t> masked;  // likewise
-  std::vector<plane_point> units;    // by cluster from 0
+  std::vector<shape_point> units;    // by cluster from 0
   std::vector<float> radii;          // pixels, by the square root of the number of events
 };
 

@@ -208,9 +208,9 @@ waveform_layout lay_out_waveforms(const session_state& session, const waveform_v
   return layout;
 }
 
-drawn_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
-                               float y1) {
-  drawn_window window;
+waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
+                                  float y1) {
+  waveform_window window;
   if (layout.panels.empty() || !(layout.step > 0) || !(layout.pixels_per_uv > 0)) return window;
   // By its middle: a window that was drawn generously may reach into the panel beside.
   const float x = 0.5f * (x0 + x1), y = 0.5f * (y0 + y1);
@@ -231,22 +231,6 @@ drawn_window window_of_corners(const waveform_layout& layout, float x0, float y0
   const auto microvolts = [&](float at) { return (nearest->y - at) / layout.pixels_per_uv; };
   return {nearest->channel, point(std::min(x0, x1)), point(std::max(x0, x1)),
           microvolts(std::max(y0, y1)), microvolts(std::min(y0, y1))};
-}
-
-bool crosses_drawn_window(const float* values, const drawn_window& window) {
-  for (std::int32_t p = window.first_point; p <= window.last_point; ++p) {
-    const float v = values[p - 1];
-    if (v >= window.low_uv && v <= window.high_uv) return true;
-    // The line beyond the last point is outside of what was drawn.
-    if (p == window.last_point) break;
-    const float next = values[p];
-    // A steep flank may pass through a low window between two points.
-    if ((v < window.low_uv && next > window.high_uv) ||
-        (v > window.high_uv && next < window.low_uv)) {
-      return true;
-    }
-  }
-  return false;
 }
 
 }  // namespace kestrelvane

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "review/cluster_marks.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -63,18 +64,9 @@ struct waveform_layout {
 std::vector<std::int32_t> channels_on_show(const session_state& session, const waveform_view& view);
 waveform_layout lay_out_waveforms(const session_state& session, const waveform_view& view);
 
-// A window drawn with the mouse: a stretch of one channel between two voltages, as the marking
-// of events takes it.
-struct drawn_window {
-  std::int32_t channel = 0;                      // 0: the rectangle lies on no panel
-  std::int32_t first_point = 0, last_point = 0;  // of the template window, from 1
-  float low_uv = 0, high_uv = 0;
-};
-// Of the panel whose 0 µV is nearest to the rectangle's middle.
-drawn_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
-                               float y1);
-// A waveform crosses a window when a sample lies in it, or two neighbours lie on opposite
-// sides. values: µV, n_points of the window's channel.
-bool crosses_drawn_window(const float* values, const drawn_window& window);
+// The window that a rectangle of two corners makes of the panel whose 0 µV is nearest to its
+// middle; channel 0 where it lies on no panel.
+waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
+                                  float y1);
 
 }  // namespace kestrelvane

@@ -1,9 +1,10 @@
-// Waveforms of single events as the displays read them: at their aligned times, in µV.
+// Waveforms of single events at their aligned times, in µV: what the displays draw and what the
+// shapes drawn over them mark.
 #pragma once
 
 #include <cstdint>
 
-#include "displays/clusters/plane_shapes.h"
+#include "review/plane_shapes.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -16,12 +17,11 @@ constexpr std::int32_t waveform_room = template_point_limit + 17;
 void read_event_waveform(const session_state& session, std::int32_t event, std::int32_t channel,
                          float* values);
 
-// Peak-to-peak on a channel, µV.
-float read_event_height(const session_state& session, std::int32_t event, std::int32_t channel);
+// Peak-to-peak of the waveform on a channel, µV.
+float event_height_uv(const session_state& session, std::int32_t event, std::int32_t channel);
 
 // Centre of mass over the cluster's channels, µm, sites weighted by the square of the
 // peak-to-peak: the noise of the weak ones would otherwise draw every event to the middle.
-plane_point read_event_place(const session_state& session, std::int32_t event,
-                             std::int32_t cluster);
+shape_point event_place(const session_state& session, std::int32_t event, std::int32_t cluster);
 
 }  // namespace kestrelvane
