@@ -320,9 +320,12 @@ KESTRELVANE_CLONES void sum_rows(const float* rows, std::int64_t step, std::int6
 
 }  // namespace
 
-void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log& log) {
+namespace {
+
+// From every q-th row: where rows holds none but those, q is 1.
+void find_axes_of(const pc_rows& rows, std::int32_t q, std::vector<float>& axes,
+                  const failure_log& log) {
   const std::int32_t m = rows.n_points;
-  const std::int32_t q = rows.n_rows / 5000 + 1;
   const std::int64_t k = (rows.n_rows + q - 1) / q;
   const std::int64_t step = std::int64_t{q} * rows.stride;
   axes.assign(static_cast<std::size_t>(m) * m, 0.0f);
@@ -345,6 +348,15 @@ void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log&
   std::vector<float> eigenvalues(m);
   std::int32_t rotations = 0;
   eigen_decomposition(covariance.data(), m, m, eigenvalues.data(), axes.data(), rotations, log);
+}
+
+// About 5000 rows enter, however many there are.
+std::int32_t covariance_stride(std::size_t n) { return static_cast<std::int32_t>(n) / 5000 + 1; }
+
+}  // namespace
+
+void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log& log) {
+  find_axes_of(rows, covariance_stride(static_cast<std::size_t>(rows.n_rows)), axes, log);
 }
 
 void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int32_t dimensions,
@@ -434,19 +446,26 @@ float compute_pc_scale(const session_state& session) {
          (session.strategy.gac_start_sigma * 1.4142135f);
 }
 
+namespace {
+
+// Of all events, those that "max entropy" makes its histograms of; none for other scores.
+std::vector<aligned_event> entropy_sample(const session_state& session, std::int32_t selection,
+                                          std::vector<std::int32_t> list) {
+  if (selection != pc_max_entropy) return {};
+  thin_event_list(list, 10000);
+  return read_events(session, list, false, 0.0f);
+}
+
+}  // namespace
+
 void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space,
                    gac_points& values) {
   const float scale = compute_pc_scale(session);
   const pc_parameters parameters = pc_parameters_of(session);
-  std::vector<std::int32_t> list = list_cluster_events(session, cluster);
+  const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   const std::vector<aligned_event> events = read_events(session, list, false, 0.0f);
-  std::vector<aligned_event> entropy_events;
-  if (parameters.selection == pc_max_entropy) {
-    // Only after all events have been read from it.
-    thin_event_list(list, 10000);
-    entropy_events = read_events(session, list, false, 0.0f);
-  }
-  space.points = select_pc_points(session, parameters, cluster, entropy_events);
+  space.points = select_pc_points(session, parameters, cluster,
+                                  entropy_sample(session, parameters.selection, list));
   space.dimensions = parameters.dimensions;
   pc_rows rows;
   fill_pc_rows(session, space.points, events, scale, rows);
@@ -454,6 +473,41 @@ void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space
   values.n = rows.n_rows;
   values.dimensions = space.dimensions;
   project_rows(rows, space.axes, space.dimensions, values.values);
+}
+
+void begin_projection(session_state& session, std::int32_t cluster,
+                      const std::vector<std::int32_t>& list, pc_projection& projection) {
+  const pc_parameters parameters = pc_parameters_of(session);
+  projection = {};
+  projection.scale = compute_pc_scale(session);
+  projection.events = read_events(session, list, false, 0.0f);
+  pc_space& space = projection.space;
+  space.points = select_pc_points(session, parameters, cluster,
+                                  entropy_sample(session, parameters.selection, list));
+  space.dimensions = parameters.dimensions;
+  // The rows that make_pc_space passes over are not read.
+  std::vector<aligned_event> sample;
+  const auto stride = static_cast<std::size_t>(covariance_stride(list.size()));
+  for (std::size_t i = 0; i < list.size(); i += stride) sample.push_back(projection.events[i]);
+  pc_rows rows;
+  fill_pc_rows(session, space.points, sample, projection.scale, rows);
+  find_axes_of(rows, 1, space.axes, session_failure_log(session));
+}
+
+bool project_on(const session_state& session, std::int32_t n, pc_projection& projection) {
+  const pc_space& space = projection.space;
+  const auto first = projection.events.begin() + projection.n_done;
+  const auto left = static_cast<std::int32_t>(projection.events.end() - first);
+  n = std::min(n, left);
+  pc_rows rows;
+  fill_pc_rows(session, space.points, {first, first + n}, projection.scale, rows);
+  std::vector<float> values;
+  project_rows(rows, space.axes, space.dimensions, values);
+  projection.values.dimensions = space.dimensions;
+  projection.values.values.insert(projection.values.values.end(), values.begin(), values.end());
+  projection.n_done += n;
+  projection.values.n = projection.n_done;
+  return n == left;
 }
 
 void project_events(const session_state& session, const pc_space& space,
@@ -548,10 +602,11 @@ std::vector<aligned_event> join_events(const std::vector<std::int32_t>& list_a,
 
 }  // namespace
 
-void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,
-                    gac_points& points) {
-  const float scale = compute_pc_scale(session);
+void begin_pair_projection(session_state& session, std::int32_t a, std::int32_t b,
+                           std::int32_t rank, pc_projection& projection) {
   const pc_parameters parameters = pc_parameters_of(session);
+  projection = {};
+  projection.scale = compute_pc_scale(session);
   const auto [shift, n_shift] = stored_shift(session, a, b);
   const std::vector<std::int32_t> list_a = list_cluster_events(session, a);
   const std::vector<std::int32_t> list_b = list_cluster_events(session, b);
@@ -563,21 +618,27 @@ void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std:
                      static_cast<std::int32_t>(list_b.size()), slot);
   const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
   // Points and axes come from the sample, then every event is projected on them.
-  const std::vector<pc_point> chosen = select_pc_points(session, parameters, slot, sample);
+  pc_space& space = projection.space;
+  space.points = select_pc_points(session, parameters, slot, sample);
+  space.dimensions = parameters.dimensions;
   pc_rows rows;
-  fill_pc_rows(session, chosen, sample, scale, rows);
-  std::vector<float> axes;
-  find_axes(rows, axes, session_failure_log(session));
+  fill_pc_rows(session, space.points, sample, projection.scale, rows);
+  find_axes(rows, space.axes, session_failure_log(session));
 
-  const std::vector<aligned_event> all = join_events(list_a, events_a, list_b, events_b);
+  projection.events = join_events(list_a, events_a, list_b, events_b);
   const auto expected = static_cast<std::int32_t>(list_a.size() + list_b.size());
-  if (static_cast<std::int32_t>(all.size()) != expected) {
-    log_message(session, fmt::format("possible mismatch with nevents {} {}", all.size(), expected));
+  const auto n = static_cast<std::int32_t>(projection.events.size());
+  if (n != expected) {
+    log_message(session, fmt::format("possible mismatch with nevents {} {}", n, expected));
   }
-  fill_pc_rows(session, chosen, all, scale, rows);
-  points.n = rows.n_rows;
-  points.dimensions = parameters.dimensions;
-  project_rows(rows, axes, points.dimensions, points.values);
+}
+
+void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,
+                    gac_points& points) {
+  pc_projection projection;
+  begin_pair_projection(session, a, b, rank, projection);
+  project_on(session, static_cast<std::int32_t>(projection.events.size()), projection);
+  points = std::move(projection.values);
 }
 
 }  // namespace kestrelvane

@@ -286,9 +286,10 @@ bool crosses_window(const session_state& session, std::int32_t event,
   return false;
 }
 
-// Gives label 1 to the events of the current cluster for which found(place in the list).
+// Gives the label to the events of the current cluster for which found(place in the list).
 template <typename Found>
-bool add_label(session_state& session, const std::vector<std::int32_t>& list, Found&& found) {
+bool add_label(session_state& session, const std::vector<std::int32_t>& list, Found&& found,
+               std::int16_t label = 1) {
   std::vector<char> marked(list.size(), 0);
   const bool finished = for_each_block(
       session, list.size(), block_meter::moves, [&](std::size_t first, std::size_t end) {
@@ -299,7 +300,7 @@ bool add_label(session_state& session, const std::vector<std::int32_t>& list, Fo
   // Nothing is marked before all have been looked at: an interrupt leaves the labels as they were.
   if (!finished) return false;
   for (std::size_t i = 0; i < list.size(); ++i) {
-    if (marked[i] != 0) session.events.event_subcluster[list[i]] = 1;
+    if (marked[i] != 0) session.events.event_subcluster[list[i]] = label;
   }
   refresh_displays(session);
   return true;
@@ -382,12 +383,38 @@ bool mark_in_rectangle(session_state& session, shape_point a, shape_point b) {
   return add_label(session, list, [&](std::int64_t i) { return rectangle_holds(a, b, places[i]); });
 }
 
-bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon) {
+bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon,
+                   std::int16_t label) {
   const std::vector<std::int32_t> list = current_of(session).list;
   if (list.empty() || polygon.size() < 3) return false;
   const std::vector<shape_point> places = events_in_plane(session, plane);
-  return add_label(session, list,
-                   [&](std::int64_t i) { return polygon_holds(polygon, places[i]); });
+  return add_label(
+      session, list, [&](std::int64_t i) { return polygon_holds(polygon, places[i]); }, label);
+}
+
+bool mark_anew(session_state& session, drawn_marks& marks, const std::function<bool()>& mark) {
+  const std::vector<std::int32_t> list = current_of(session).list;
+  const auto labels_now = [&] {
+    std::vector<std::int16_t> labels;
+    for (const std::int32_t e : list) labels.push_back(session.events.event_subcluster[e]);
+    return labels;
+  };
+  const auto put = [&](const std::vector<std::int16_t>& labels) {
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      session.events.event_subcluster[list[i]] = labels[i];
+    }
+  };
+  const std::vector<std::int16_t> found = labels_now();
+  // Whoever has labelled an event since has drawn a line under what was before.
+  const bool adjusts = marks.events == list && marks.after == found;
+  if (!adjusts) marks = {list, found, found};
+  put(marks.before);
+  if (!mark()) {
+    put(found);
+    return false;
+  }
+  marks.after = labels_now();
+  return true;
 }
 
 void label_events(session_state& session, const std::vector<std::int32_t>& list,

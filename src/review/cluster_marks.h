@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -88,8 +89,21 @@ std::vector<shape_point> events_in_plane(session_state& session, mark_plane plan
 bool mark_in_ellipse(session_state& session);
 // Two opposite corners, over the heights.
 bool mark_in_rectangle(session_state& session, shape_point a, shape_point b);
-// A closed polygon, by the even-odd rule.
-bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon);
+// A closed polygon, by the even-odd rule. It may give another label than 1, and with 0 it takes
+// labels away.
+bool mark_in_lasso(session_state& session, mark_plane plane, const shape_polygon& polygon,
+                   std::int16_t label = 1);
+
+// A shape that is drawn, adjusted and drawn on marks what it holds at last: the labels that the
+// events had before it, and those that it has given.
+struct drawn_marks {
+  std::vector<std::int32_t> events;
+  std::vector<std::int16_t> before, after;
+};
+// Runs one of the routines above. Where nothing but this has labelled the events since the last
+// time, the labels from before it are put back first.
+bool mark_anew(session_state& session, drawn_marks& marks, const std::function<bool()>& mark);
+
 // Gives a label to events that a display has found by itself, as those near a click. Events of
 // other clusters are passed over.
 void label_events(session_state& session, const std::vector<std::int32_t>& list,

@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 #include <utility>
 
-#include "clustering/principal_components.h"
-#include "review/cluster_marks.h"
-#include "review/event_reading.h"
+#include "displays/clusters/event_words.h"
 
 namespace kestrelvane {
 
@@ -111,31 +110,52 @@ void store_component_range(session_state& session, const graph_view& range) {
   r[6] = r[2];
 }
 
-void read_component_values(session_state& session, cluster_index& index,
-                           const std::vector<std::int32_t>& clusters, component_values& values) {
-  update_cluster_index(session, index);
-  values = {};
-  values.clusters = clusters_on_show(session, clusters);
-  if (values.clusters.empty()) return;
-  if (values.clusters.size() > 2)
-    values.clusters.erase(values.clusters.begin() + 2, values.clusters.end());
-  gac_points points;
-  if (values.clusters.size() == 1) {
-    cluster_pc_values(session, values.clusters[0], points);
-  } else {
-    // Pairs are known by the lower number first.
-    const auto [a, b] = std::minmax(values.clusters[0], values.clusters[1]);
-    pair_pc_values(session, a, b, 0, points);
-  }
-  values.events = events_of_both(index, values.clusters);
-  values.dimensions = points.dimensions;
-  values.values = std::move(points.values);
-  values.values.resize(values.events.size() * static_cast<std::size_t>(values.dimensions));
+void mark_component_values(const session_state& session, component_values& values) {
   const mark_source source = find_mark_source(session, values.events, values.clusters.size());
+  values.marks.clear();
   for (const std::int32_t e : values.events) {
     const std::size_t place = session.events.event_cluster[e] == values.clusters[0] ? 0 : 1;
     values.marks.push_back(mark_of_event(session, source, e, place));
   }
+}
+
+void begin_component_values(session_state& session, cluster_index& index,
+                            const std::vector<std::int32_t>& clusters, component_reading& reading) {
+  update_cluster_index(session, index);
+  reading = {};
+  reading.wanted = clusters;
+  reading.index_stamp = index.stamp;
+  component_values& values = reading.values;
+  values.clusters = clusters_on_show(session, clusters);
+  if (values.clusters.empty()) return;
+  if (values.clusters.size() > 2)
+    values.clusters.erase(values.clusters.begin() + 2, values.clusters.end());
+  values.events = events_of_both(index, values.clusters);
+  if (values.clusters.size() == 1) {
+    begin_projection(session, values.clusters[0], values.events, reading.projection);
+  } else {
+    // Pairs are known by the lower number first.
+    const auto [a, b] = std::minmax(values.clusters[0], values.clusters[1]);
+    begin_pair_projection(session, a, b, 0, reading.projection);
+  }
+}
+
+bool read_on(const session_state& session, std::int32_t n, component_reading& reading) {
+  if (!project_on(session, n, reading.projection)) return false;
+  component_values& values = reading.values;
+  values.dimensions = reading.projection.values.dimensions;
+  values.values = std::move(reading.projection.values.values);
+  values.values.resize(values.events.size() * static_cast<std::size_t>(values.dimensions));
+  if (!values.clusters.empty()) mark_component_values(session, values);
+  return true;
+}
+
+void read_component_values(session_state& session, cluster_index& index,
+                           const std::vector<std::int32_t>& clusters, component_values& values) {
+  component_reading reading;
+  begin_component_values(session, index, clusters, reading);
+  read_on(session, std::numeric_limits<std::int32_t>::max(), reading);
+  values = std::move(reading.values);
 }
 
 component_values component_values_of(std::vector<std::int32_t> events,
@@ -203,11 +223,22 @@ std::int32_t component_event_at(const component_picture& picture, QPointF pixel)
   return i < 0 ? 0 : picture.values->events[static_cast<std::size_t>(i)];
 }
 
-QString component_event_text(const session_state& session, std::int32_t event) {
-  if (event < 1 || event > session.events.n_events) return {};
-  return QString::fromStdString(fmt::format("event {}, {:.4f} s, label {}", event,
-                                            60.0 * event_minutes(session, event),
-                                            session.events.event_subcluster[event]));
+QString component_words(const session_state& session, const component_picture& picture,
+                        const component_view& view, std::int32_t event) {
+  if (event < 1 || picture.values == nullptr) return {};
+  const std::vector<std::int32_t>& events = picture.values->events;
+  const auto found = std::find(events.begin(), events.end(), event);
+  if (found == events.end()) return {};
+  const auto i = static_cast<std::size_t>(found - events.begin());
+  QString words = event_words(session, event) + '\n';
+  const bool turned = view.turn != 0 || view.tilt != 0;
+  for (std::size_t d = 0; d < (turned ? 3 : 2); ++d) {
+    const float value = component_of(*picture.values, i, view.dimensions[d]);
+    words += QString(d == 0 ? "PC%1 %2" : ", PC%1 %2")
+                 .arg(view.dimensions[d])
+                 .arg(static_cast<double>(value), 0, 'f', 2);
+  }
+  return words;
 }
 
 }  // namespace kestrelvane

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "clustering/principal_components.h"
 #include "displays/clusters/cluster_index.h"
 #include "displays/clusters/cluster_theme.h"
 #include "displays/clusters/plane_axes.h"
@@ -51,6 +52,22 @@ struct component_values {
 void read_component_values(session_state& session, cluster_index& index,
                            const std::vector<std::int32_t>& clusters, component_values& values);
 
+// The same a stretch of events at a time, for a window that must not stand still. The index and
+// the session have to stay as they are until it has come to its end.
+struct component_reading {
+  std::vector<std::int32_t> wanted;  // clusters asked for
+  std::uint64_t index_stamp = 0;     // of the index that it began with
+  component_values values;           // complete at the end alone
+  pc_projection projection;
+};
+void begin_component_values(session_state& session, cluster_index& index,
+                            const std::vector<std::int32_t>& clusters, component_reading& reading);
+// The next n events; true when all values are there.
+bool read_on(const session_state& session, std::int32_t n, component_reading& reading);
+
+// The marks anew, when labels have changed and nothing else has.
+void mark_component_values(const session_state& session, component_values& values);
+
 // The same from points that somebody else has, as the pool of a paused run with the labels of
 // its events: n points of so many dimensions, their events in the same order.
 component_values component_values_of(std::vector<std::int32_t> events,
@@ -72,7 +89,8 @@ void paint_components(QPainter& painter, const component_picture& picture,
 
 // The event under the pointer; 0 when there is none.
 std::int32_t component_event_at(const component_picture& picture, QPointF pixel);
-// "event 1234, 5.6780 s, label 2".
-QString component_event_text(const session_state& session, std::int32_t event);
+// What is said of it: event_words, and its components on show.
+QString component_words(const session_state& session, const component_picture& picture,
+                        const component_view& view, std::int32_t event);
 
 }  // namespace kestrelvane

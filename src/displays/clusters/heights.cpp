@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "displays/clusters/event_words.h"
 #include "review/cluster_marks.h"
 #include "review/event_reading.h"
 
@@ -205,6 +206,20 @@ std::int32_t height_event_at(const height_picture& picture, QPointF pixel) {
   if (!picture.plane.inside.contains(pixel)) return 0;
   const std::ptrdiff_t i = point_at(picture.plane, picture.points, pixel);
   return i < 0 ? 0 : picture.events[static_cast<std::size_t>(i)];
+}
+
+QString height_words(const session_state& session, const height_picture& picture,
+                     height_measure measure, std::int32_t event) {
+  const auto found = std::find(picture.events.begin(), picture.events.end(), event);
+  if (event < 1 || found == picture.events.end()) return {};
+  const auto i = static_cast<std::size_t>(found - picture.events.begin());
+  const auto value = static_cast<double>(picture.points[i].y);
+  const QString words = event_words(session, event);
+  if (measure == height_measure::peak_to_peak) {
+    return words + QString("\nheight %1 µV").arg(value, 0, 'f', 1);
+  }
+  return words +
+         QString("\nPC%1 %2").arg(measure == height_measure::pc1 ? 1 : 2).arg(value, 0, 'f', 2);
 }
 
 }  // namespace kestrelvane

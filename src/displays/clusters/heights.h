@@ -46,6 +46,9 @@ void paint_heights(QPainter& painter, const height_picture& picture, const heigh
 QString height_title(const height_picture& picture, height_measure measure);
 
 std::int32_t height_event_at(const height_picture& picture, QPointF pixel);
+// What is said of it: event_words, and its height.
+QString height_words(const session_state& session, const height_picture& picture,
+                     height_measure measure, std::int32_t event);
 
 // Medians of y over stretches of points neighbouring in x, each of so many points and half
 // over the one before; one point per stretch at the mean of its x. Too few points: one stretch.

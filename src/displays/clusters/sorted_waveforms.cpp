@@ -17,19 +17,18 @@ namespace {
 // Pixels that one call may count for the density: high waveforms take more time than low ones.
 constexpr std::int64_t pixel_budget = 3'000'000;
 
-bool label_is_on_show(const waveform_view& view, std::int16_t label) {
-  return view.labels.empty() ||
-         std::find(view.labels.begin(), view.labels.end(), label) != view.labels.end();
-}
-
 // Events of a cluster whose labels are on show.
 std::vector<std::int32_t> labelled_events(const session_state& session, const cluster_index& index,
                                           const waveform_view& view, std::int32_t cluster) {
   const auto all = events_of_cluster(index, cluster);
+  if (view.labels.empty()) return {all.begin(), all.end()};
+  // A list of a hundred labels looked through for each event would take longer than drawing.
+  std::vector<char> on_show(std::numeric_limits<std::uint16_t>::max() + 1, 0);
+  for (const std::int16_t label : view.labels) on_show[static_cast<std::uint16_t>(label)] = 1;
   std::vector<std::int32_t> shown;
-  shown.reserve(all.size());
   for (const std::int32_t e : all) {
-    if (label_is_on_show(view, session.events.event_subcluster[e])) shown.push_back(e);
+    const auto label = static_cast<std::uint16_t>(session.events.event_subcluster[e]);
+    if (on_show[label] != 0) shown.push_back(e);
   }
   return shown;
 }
@@ -430,6 +429,19 @@ std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y
     }
   }
   return found;
+}
+
+QString waveform_words(const session_state& session, const waveform_picture& picture, float x,
+                       float y) {
+  const waveform_layout& layout = picture.layout;
+  const waveform_panel* panel = panel_at(layout, x, y);
+  if (panel == nullptr || session.recording.sampling_frequency < 1) return {};
+  const float sample = static_cast<float>(layout.first_sample) + (x - panel->x) / layout.step;
+  const double ms = 1000.0 * double{sample} / session.recording.sampling_frequency;
+  return QString("channel %1, %2 ms, %3 µV")
+      .arg(panel->channel)
+      .arg(ms, 0, 'f', 2)
+      .arg(double{(panel->y - y) / layout.pixels_per_uv}, 0, 'f', 1);
 }
 
 }  // namespace kestrelvane

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <QPainter>
+#include <QString>
 #include <cstdint>
 #include <vector>
 
@@ -58,5 +59,9 @@ void paint_waveforms(QPainter& painter, const waveform_picture& picture, const w
 // The event whose waveform runs within 4 pixels of a place, the nearest one, of equals the one on
 // top; 0 when there is none, and in the density, which has no single ones.
 std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y);
+
+// What a place of the display is: "channel 12, 0.23 ms, -45.1 µV"; empty beside the panels.
+QString waveform_words(const session_state& session, const waveform_picture& picture, float x,
+                       float y);
 
 }  // namespace kestrelvane

@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include "displays/clusters/event_words.h"
 #include "numerics/simd.h"
 #include "review/cluster_marks.h"
 #include "review/event_reading.h"
@@ -334,6 +335,15 @@ std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel) {
   if (i >= 0) return picture.events[picture.n_behind + static_cast<std::size_t>(i)];
   i = point_at(picture.plane, points.first(picture.n_behind), pixel);
   return i < 0 ? 0 : picture.events[static_cast<std::size_t>(i)];
+}
+
+QString spike_words(const session_state& session, const spike_picture& picture,
+                    std::int32_t event) {
+  const auto found = std::find(picture.events.begin(), picture.events.end(), event);
+  if (event < 1 || found == picture.events.end()) return {};
+  const auto i = static_cast<std::size_t>(found - picture.events.begin());
+  return event_words(session, event) +
+         QString("\ny %1 µm").arg(static_cast<double>(picture.points[i].y), 0, 'f', 1);
 }
 
 std::int32_t spike_cluster_at(const session_state& session, const spike_picture& picture,

@@ -63,6 +63,8 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
 // The event under the pointer, a chosen one before the background; 0 when there is none, and for
 // a background that is counted. The cluster is what a click chooses.
 std::int32_t spike_event_at(const spike_picture& picture, QPointF pixel);
+// What is said of it: event_words, and where it stands along the probe.
+QString spike_words(const session_state& session, const spike_picture& picture, std::int32_t event);
 std::int32_t spike_cluster_at(const session_state& session, const spike_picture& picture,
                               QPointF pixel);
 

@@ -176,4 +176,13 @@ template_reading read_template_image(const template_image_picture& picture, QPoi
           picture.values[static_cast<std::size_t>(row * picture.n_points + p)]};
 }
 
+QString template_words(const template_image_picture& picture, QPointF pixel) {
+  const template_reading reading = read_template_image(picture, pixel);
+  if (reading.channel == 0) return {};
+  return QString("channel %1, %2 ms, %3 µV")
+      .arg(reading.channel)
+      .arg(double{reading.ms}, 0, 'f', 2)
+      .arg(double{reading.microvolts}, 0, 'f', 1);
+}
+
 }  // namespace kestrelvane

@@ -4,6 +4,7 @@
 
 #include <QImage>
 #include <QPainter>
+#include <QString>
 #include <cstdint>
 #include <vector>
 
@@ -42,6 +43,8 @@ struct template_reading {
   float ms = 0, microvolts = 0;
 };
 template_reading read_template_image(const template_image_picture& picture, QPointF pixel);
+// "channel 12, 0.23 ms, -45.1 µV"; empty beside the image.
+QString template_words(const template_image_picture& picture, QPointF pixel);
 
 // Blue below 0, red above, the background at 0; of a s.d. from the background to red.
 QColor colour_of_voltage(float part, const cluster_theme& theme);

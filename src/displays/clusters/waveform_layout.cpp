@@ -157,8 +157,9 @@ waveform_view view_of_settings(const session_state& session) {
   view.voltage_scale = d.sw_voltage_scale;
   view.channel_spacing = d.sw_channel_spacing;
   view.first_item = d.sw_first_item;
-  // 0 stands for those of the templates.
-  view.n_channels = d.sw_autoscale ? 0 : d.sw_show_channels;
+  // 0 stands for those of the templates, which "Autoscale" shows unless a number is asked for; 1 is
+  // what nobody has asked for.
+  view.n_channels = d.sw_autoscale && d.sw_show_channels <= 1 ? 0 : d.sw_show_channels;
   view.line_thickness = d.sw_line_thickness;
   view.voltage_axis_uv = d.sw_voltage_axis;
   view.show_axes = d.sw_show_axes;
@@ -208,12 +209,8 @@ waveform_layout lay_out_waveforms(const session_state& session, const waveform_v
   return layout;
 }
 
-waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
-                                  float y1) {
-  waveform_window window;
-  if (layout.panels.empty() || !(layout.step > 0) || !(layout.pixels_per_uv > 0)) return window;
-  // By its middle: a window that was drawn generously may reach into the panel beside.
-  const float x = 0.5f * (x0 + x1), y = 0.5f * (y0 + y1);
+const waveform_panel* panel_at(const waveform_layout& layout, float x, float y) {
+  if (!(layout.step > 0) || !(layout.pixels_per_uv > 0)) return nullptr;
   const float width = layout.step * static_cast<float>(layout.n_points - 1);
   const waveform_panel* nearest = nullptr;
   float best = std::numeric_limits<float>::max();
@@ -222,7 +219,14 @@ waveform_window window_of_corners(const waveform_layout& layout, float x0, float
     best = std::abs(y - panel.y);
     nearest = &panel;
   }
-  if (nearest == nullptr) return window;
+  return nearest;
+}
+
+waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
+                                  float y1) {
+  // By its middle: a window that was drawn generously may reach into the panel beside.
+  const waveform_panel* nearest = panel_at(layout, 0.5f * (x0 + x1), 0.5f * (y0 + y1));
+  if (nearest == nullptr) return {};
   const auto point = [&](float at) {
     const float exact = (at - nearest->x) / layout.step;
     return 1 + static_cast<std::int32_t>(

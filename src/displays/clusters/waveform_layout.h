@@ -42,8 +42,8 @@ struct waveform_view {
   bool operator==(const waveform_view&) const = default;
 };
 
-// Scales and choices of the sw_ settings. White background is the theme's affair. With
-// "Autoscale" the channels are those of the clusters, without it the number of the settings.
+// Scales and choices of the sw_ settings, but for the background, which is the theme's affair.
+// With "Autoscale" the channels are those of the clusters, unless more than one is asked for.
 waveform_view view_of_settings(const session_state& session);
 
 struct waveform_panel {
@@ -64,6 +64,8 @@ struct waveform_layout {
 std::vector<std::int32_t> channels_on_show(const session_state& session, const waveform_view& view);
 waveform_layout lay_out_waveforms(const session_state& session, const waveform_view& view);
 
+// The panel of a place: over its time the one whose 0 µV is nearest; null beside all of them.
+const waveform_panel* panel_at(const waveform_layout& layout, float x, float y);
 // The window that a rectangle of two corners makes of the panel whose 0 µV is nearest to its
 // middle; channel 0 where it lies on no panel.
 waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,

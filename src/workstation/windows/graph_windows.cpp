@@ -233,12 +233,21 @@ void graph_surface::changeEvent(QEvent* event) {
   QWidget::changeEvent(event);
 }
 
+bool graph_surface::draw_shape(mouse_step step, QPoint at) {
+  bool taken = false;
+  if (routines_.shape) in_turn([&] { taken = routines_.shape(step, at); });
+  if (taken) update();
+  return taken;
+}
+
 void graph_surface::mousePressEvent(QMouseEvent* event) {
   if (event->button() != Qt::LeftButton) return;
   drag_ = drag_kind::none;
   if (selecting_) {
     drag_ = drag_kind::select;
     selection_ = QRect();
+  } else if (draw_shape(mouse_step::pressed, event->pos())) {
+    drag_ = drag_kind::shape;
   } else if (routines_.enclosed && event->modifiers().testFlag(Qt::ShiftModifier)) {
     drag_ = drag_kind::enclose;
     selection_ = QRect();
@@ -254,6 +263,8 @@ void graph_surface::mouseMoveEvent(QMouseEvent* event) {
   if (drag_ == drag_kind::move) {
     moved_ = true;
     in_turn([&] { routines_.dragged(std::exchange(drag_start_, event->pos()), event->pos()); });
+  } else if (drag_ == drag_kind::shape) {
+    draw_shape(mouse_step::held, event->pos());
   } else if (drag_ != drag_kind::none) {
     selection_ = between(drag_start_, event->pos()).intersected(rect());
     update();
@@ -274,15 +285,29 @@ void graph_surface::mouseReleaseEvent(QMouseEvent* event) {
     const QRect part = std::exchange(selection_, QRect());
     update();
     in_turn([&] { routines_.enclosed(part); });
+  } else if (ended == drag_kind::shape) {
+    draw_shape(mouse_step::released, event->pos());
+    update();
   } else if (routines_.clicked && !moved_) {
     in_turn([&] { routines_.clicked(event->pos()); });
   }
 }
 
 void graph_surface::mouseDoubleClickEvent(QMouseEvent* event) {
-  if (event->button() != Qt::LeftButton || !routines_.double_clicked) return;
+  if (event->button() != Qt::LeftButton) return;
+  // The second of two quick presses of a drawing hand is one like the first.
+  if (!selecting_ && draw_shape(mouse_step::pressed, event->pos())) {
+    drag_ = drag_kind::shape;
+    return;
+  }
+  if (!routines_.double_clicked) return;
   // Opening a dialog of the session waits for the end of an operation.
   if (routines_.gather || !w_.worker.running) in_turn(routines_.double_clicked);
+}
+
+void graph_surface::leaveEvent(QEvent* event) {
+  if (routines_.mouse_left) routines_.mouse_left();
+  QWidget::leaveEvent(event);
 }
 
 void graph_surface::wheelEvent(QWheelEvent* event) {

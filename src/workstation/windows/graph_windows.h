@@ -23,6 +23,9 @@ class QPainter;
 
 namespace kestrelvane {
 
+// Of the left button, and of the pointer while it is down.
+enum class mouse_step { pressed, held, released };
+
 // What a kind of window does; every pointer may be empty.
 struct graph_routines {
   // Takes from the session what draw shows. With it, draw and the rest do without the
@@ -31,7 +34,11 @@ struct graph_routines {
   std::function<void(QPainter& painter, QSize size)> draw;
   std::function<void(QPainter& painter)> draw_over;  // read-outs, over the kept picture
   std::function<void(QPoint at)> mouse_moved;        // no button held
-  std::function<void(QPoint at)> clicked;            // left button up, nothing selected
+  std::function<void()> mouse_left;                  // the pointer has gone elsewhere
+  // A shape that the left button draws, instead of all that it does otherwise: true for a press
+  // that begins one, which then has the steps until the release.
+  std::function<bool(mouse_step step, QPoint at)> shape;
+  std::function<void(QPoint at)> clicked;  // left button up, nothing selected
   std::function<void()> double_clicked;
   std::function<void(QPoint from, QPoint to)> dragged;  // left button held, step by step
   std::function<void(QRect part)> enclosed;             // a rectangle, drawn with Shift held
@@ -71,15 +78,17 @@ class graph_surface : public QWidget {
   void mouseMoveEvent(QMouseEvent* event) override;
   void mouseReleaseEvent(QMouseEvent* event) override;
   void mouseDoubleClickEvent(QMouseEvent* event) override;
+  void leaveEvent(QEvent* event) override;
   void wheelEvent(QWheelEvent* event) override;
   void keyPressEvent(QKeyEvent* event) override;
   void contextMenuEvent(QContextMenuEvent* event) override;
   void changeEvent(QEvent* event) override;
 
  private:
-  enum class drag_kind { none, select, enclose, move };
+  enum class drag_kind { none, select, enclose, move, shape };
 
   void make_picture();
+  bool draw_shape(mouse_step step, QPoint at);
   // Runs a routine that may use the session; false when it cannot be had.
   bool in_turn(const std::function<void()>& routine);
 

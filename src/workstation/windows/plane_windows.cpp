@@ -11,6 +11,7 @@ namespace {
 
 void draw_components(workstation& w, QPainter& painter, QSize size) {
   cluster_displays& d = displays_of(w);
+  follow_shown_cluster(w);
   if (!std::exchange(d.components_begun, true)) {
     d.components = component_view_of_settings(w.session);
   }
@@ -39,6 +40,7 @@ void drag_components(cluster_displays& d, QPoint from, QPoint to) {
 
 void draw_heights(workstation& w, QPainter& painter, QSize size) {
   cluster_displays& d = displays_of(w);
+  follow_shown_cluster(w);
   height_view& view = d.heights;
   view.clusters = clusters_on_show(w);
   view.width = size.width();
@@ -47,6 +49,24 @@ void draw_heights(workstation& w, QPainter& painter, QSize size) {
   prepare_heights(w.session, d.index, of_components ? &values_on_show(w) : nullptr, view,
                   d.height_points);
   paint_heights(painter, d.height_points, view, theme_for(w, painter));
+}
+
+// Shapes and read-outs, the same for both planes.
+void add_pointer_routines(workstation& w, graph_kind kind, graph_routines& routines,
+                          std::function<QString(QPoint at)> words) {
+  routines.draw_over = [&w, kind](QPainter& painter) {
+    const cluster_displays& d = displays_of(w);
+    const bool components = kind == graph_kind::principal_components;
+    paint_shape_in_hand(w, kind, painter);
+    paint_reading(w, kind, painter,
+                  components ? QRectF(0, 0, d.components.width, d.components.height)
+                             : QRectF(0, 0, d.heights.width, d.heights.height));
+  };
+  routines.mouse_moved = [&w, kind, words = std::move(words)](QPoint at) {
+    show_reading(w, kind, at, words(at));
+  };
+  routines.mouse_left = [&w, kind] { show_reading(w, kind, {}, {}); };
+  add_shape_routines(w, kind, routines);
 }
 
 }  // namespace
@@ -79,6 +99,11 @@ graph_routines component_routines(workstation& w) {
     view.turn = view.tilt = 0;
     redraw_graph(w, kind);
   };
+  add_pointer_routines(w, kind, routines, [&w](QPoint at) {
+    const cluster_displays& d = displays_of(w);
+    return component_words(w.session, d.component_points, d.components,
+                           component_event_at(d.component_points, at));
+  });
   return routines;
 }
 
@@ -103,6 +128,11 @@ graph_routines height_routines(workstation& w) {
     displays_of(w).heights.range = {0, 0, 0, 0};
     redraw_graph(w, kind);
   };
+  add_pointer_routines(w, kind, routines, [&w](QPoint at) {
+    const cluster_displays& d = displays_of(w);
+    return height_words(w.session, d.height_points, d.heights.measure,
+                        height_event_at(d.height_points, at));
+  });
   return routines;
 }
 

@@ -20,6 +20,13 @@ void draw_template(workstation& w, QPainter& painter, QSize size) {
   paint_template_image(painter, d.image_values, d.image, theme_for(w, painter));
 }
 
+// The mean, and where it is not to be trusted.
+void swap_template_values(workstation& w) {
+  template_image_view& view = displays_of(w).image;
+  view.values = view.values == template_values::mean ? template_values::sd : template_values::mean;
+  redraw_graph(w, graph_kind::template_image);
+}
+
 void draw_spikes(workstation& w, QPainter& painter, QSize size) {
   cluster_displays& d = displays_of(w);
   d.spikes.clusters = clusters_on_show(w);
@@ -69,14 +76,22 @@ bool press_spike_key(workstation& w, int key) {
 }  // namespace
 
 graph_routines template_image_routines(workstation& w) {
+  constexpr graph_kind kind = graph_kind::template_image;
   graph_routines routines;
   routines.draw = [&w](QPainter& painter, QSize size) { draw_template(w, painter, size); };
-  // The mean, and where it is not to be trusted.
-  routines.double_clicked = [&w] {
-    template_image_view& view = displays_of(w).image;
-    view.values =
-        view.values == template_values::mean ? template_values::sd : template_values::mean;
-    redraw_graph(w, graph_kind::template_image);
+  routines.double_clicked = [&w] { swap_template_values(w); };
+  routines.key = [&w](int key) {
+    if (key != Qt::Key_V) return false;
+    swap_template_values(w);
+    return true;
+  };
+  routines.mouse_moved = [&w](QPoint at) {
+    show_reading(w, kind, at, template_words(displays_of(w).image_values, at));
+  };
+  routines.mouse_left = [&w] { show_reading(w, kind, {}, {}); };
+  routines.draw_over = [&w](QPainter& painter) {
+    const template_image_view& view = displays_of(w).image;
+    paint_reading(w, kind, painter, QRectF(0, 0, view.width, view.height));
   };
   return routines;
 }
@@ -88,6 +103,16 @@ graph_routines spike_view_routines(workstation& w) {
     turn_spike_wheel(w, notches, at, keys);
   };
   routines.key = [&w](int key) { return press_spike_key(w, key); };
+  routines.mouse_moved = [&w](QPoint at) {
+    const spike_picture& picture = displays_of(w).spike_points;
+    show_reading(w, graph_kind::spike_view, at,
+                 spike_words(w.session, picture, spike_event_at(picture, at)));
+  };
+  routines.mouse_left = [&w] { show_reading(w, graph_kind::spike_view, {}, {}); };
+  routines.draw_over = [&w](QPainter& painter) {
+    const spike_view& view = displays_of(w).spikes;
+    paint_reading(w, graph_kind::spike_view, painter, QRectF(0, 0, view.width, view.height));
+  };
   routines.clicked = [&w](QPoint at) {
     choose_cluster(w, spike_cluster_at(w.session, displays_of(w).spike_points, at));
   };
