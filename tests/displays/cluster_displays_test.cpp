@@ -212,9 +212,12 @@ TEST(sorted_waveforms, windows_and_clicks_find_their_way_back) {
       const waveform_panel& panel = layout.panels[k];
       const float* v = picture.values.data() + k * static_cast<std::size_t>(layout.n_points);
       const float x = panel.x + 5 * layout.step, y = panel.y - layout.pixels_per_uv * v[5];
-      const waveform_window window = window_of_corners(
-          layout, panel.x + 2 * layout.step, panel.y - 4, panel.x + 9 * layout.step, panel.y + 4);
+      const waveform_window window =
+          window_of_corners(layout, panel, panel.x + 2 * layout.step, panel.y - 4,
+                            panel.x + 9 * layout.step, panel.y + 4);
       EXPECT_EQ(window.channel, panel.channel);
+      const float mean = picture.sets[0].mean[k * static_cast<std::size_t>(layout.n_points) + 5];
+      EXPECT_EQ(panel_at(picture, x, panel.y - layout.pixels_per_uv * mean), &panel);
       EXPECT_EQ(window.first_point, 3);
       EXPECT_EQ(window.last_point, 10);
       EXPECT_NEAR(window.high_uv, 4 / layout.pixels_per_uv, 1e-2);

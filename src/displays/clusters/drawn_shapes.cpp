@@ -151,14 +151,13 @@ void paint_windows(QPainter& painter, const waveform_layout& layout,
   }
 }
 
-void paint_hint(QPainter& painter, const QRectF& area, const QString& words,
-                const cluster_theme& theme) {
+void paint_hint(QPainter& painter, double width, const QString& words, const cluster_theme& theme) {
   painter.save();
   use_small_font(painter);
-  const QRectF room = area.adjusted(4, 4, -4, -4);
   constexpr int how = Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap;
-  const QRectF text = painter.boundingRect(room.adjusted(5, 3, -5, 0), how, words);
-  paint_ground(painter, text.adjusted(-5, -3, 5, 3), theme);
+  const QRectF text = painter.boundingRect(QRectF(8, 3, width - 10, 60), how, words);
+  // As wide as the title that it covers, half of which would be no title.
+  paint_ground(painter, QRectF(1, 1, width - 2, text.height() + 4), theme);
   painter.setPen(theme.text);
   painter.drawText(text, how, words);
   painter.restore();

@@ -38,9 +38,8 @@ void paint_windows(QPainter& painter, const waveform_layout& layout,
                    const std::vector<waveform_window>& windows, const cluster_theme& theme);
 void paint_rectangle(QPainter& painter, const QRectF& rectangle, const cluster_theme& theme);
 
-// A line of words along the upper edge of an area, broken where it is narrow.
-void paint_hint(QPainter& painter, const QRectF& area, const QString& words,
-                const cluster_theme& theme);
+// A line of words over the title of a window of that width, broken where it is narrow.
+void paint_hint(QPainter& painter, double width, const QString& words, const cluster_theme& theme);
 // Words beside the pointer, inside of the area.
 void paint_read_out(QPainter& painter, const QRectF& area, QPointF at, const QString& words,
                     const cluster_theme& theme);

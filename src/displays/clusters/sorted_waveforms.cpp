@@ -431,10 +431,31 @@ std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y
   return found;
 }
 
+const waveform_panel* panel_at(const waveform_picture& picture, float x, float y) {
+  const waveform_layout& layout = picture.layout;
+  if (!(layout.step > 0) || !(layout.pixels_per_uv > 0)) return nullptr;
+  const auto n_points = static_cast<std::size_t>(layout.n_points);
+  const waveform_panel* nearest = nullptr;
+  float best = std::numeric_limits<float>::max();
+  for (std::size_t k = 0; k < layout.panels.size(); ++k) {
+    const waveform_panel& panel = layout.panels[k];
+    const float p = (x - panel.x) / layout.step;
+    if (!(p >= 0 && p <= static_cast<float>(layout.n_points - 1))) continue;
+    for (const waveform_set& set : picture.sets) {
+      const float uv = set.mean[k * n_points + static_cast<std::size_t>(std::lround(p))];
+      const float away = std::abs(panel.y - layout.pixels_per_uv * uv - y);
+      if (away >= best) continue;
+      best = away;
+      nearest = &panel;
+    }
+  }
+  return nearest;
+}
+
 QString waveform_words(const session_state& session, const waveform_picture& picture, float x,
                        float y) {
   const waveform_layout& layout = picture.layout;
-  const waveform_panel* panel = panel_at(layout, x, y);
+  const waveform_panel* panel = panel_at(picture, x, y);
   if (panel == nullptr || session.recording.sampling_frequency < 1) return {};
   const float sample = static_cast<float>(layout.first_sample) + (x - panel->x) / layout.step;
   const double ms = 1000.0 * double{sample} / session.recording.sampling_frequency;

@@ -60,6 +60,9 @@ void paint_waveforms(QPainter& painter, const waveform_picture& picture, const w
 // top; 0 when there is none, and in the density, which has no single ones.
 std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y);
 
+// The panel of a place: over its time, the one whose template runs nearest. A spike reaches into
+// the rows beside its own, and is meant where it is seen. Null beside all of them.
+const waveform_panel* panel_at(const waveform_picture& picture, float x, float y);
 // What a place of the display is: "channel 12, 0.23 ms, -45.1 µV"; empty beside the panels.
 QString waveform_words(const session_state& session, const waveform_picture& picture, float x,
                        float y);

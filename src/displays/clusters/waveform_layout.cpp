@@ -209,31 +209,15 @@ waveform_layout lay_out_waveforms(const session_state& session, const waveform_v
   return layout;
 }
 
-const waveform_panel* panel_at(const waveform_layout& layout, float x, float y) {
-  if (!(layout.step > 0) || !(layout.pixels_per_uv > 0)) return nullptr;
-  const float width = layout.step * static_cast<float>(layout.n_points - 1);
-  const waveform_panel* nearest = nullptr;
-  float best = std::numeric_limits<float>::max();
-  for (const waveform_panel& panel : layout.panels) {
-    if (x < panel.x || x > panel.x + width || std::abs(y - panel.y) >= best) continue;
-    best = std::abs(y - panel.y);
-    nearest = &panel;
-  }
-  return nearest;
-}
-
-waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
-                                  float y1) {
-  // By its middle: a window that was drawn generously may reach into the panel beside.
-  const waveform_panel* nearest = panel_at(layout, 0.5f * (x0 + x1), 0.5f * (y0 + y1));
-  if (nearest == nullptr) return {};
+waveform_window window_of_corners(const waveform_layout& layout, const waveform_panel& panel,
+                                  float x0, float y0, float x1, float y1) {
   const auto point = [&](float at) {
-    const float exact = (at - nearest->x) / layout.step;
+    const float exact = (at - panel.x) / layout.step;
     return 1 + static_cast<std::int32_t>(
                    std::lround(std::clamp(exact, 0.0f, static_cast<float>(layout.n_points - 1))));
   };
-  const auto microvolts = [&](float at) { return (nearest->y - at) / layout.pixels_per_uv; };
-  return {nearest->channel, point(std::min(x0, x1)), point(std::max(x0, x1)),
+  const auto microvolts = [&](float at) { return (panel.y - at) / layout.pixels_per_uv; };
+  return {panel.channel, point(std::min(x0, x1)), point(std::max(x0, x1)),
           microvolts(std::max(y0, y1)), microvolts(std::min(y0, y1))};
 }
 

@@ -64,11 +64,8 @@ struct waveform_layout {
 std::vector<std::int32_t> channels_on_show(const session_state& session, const waveform_view& view);
 waveform_layout lay_out_waveforms(const session_state& session, const waveform_view& view);
 
-// The panel of a place: over its time the one whose 0 µV is nearest; null beside all of them.
-const waveform_panel* panel_at(const waveform_layout& layout, float x, float y);
-// The window that a rectangle of two corners makes of the panel whose 0 µV is nearest to its
-// middle; channel 0 where it lies on no panel.
-waveform_window window_of_corners(const waveform_layout& layout, float x0, float y0, float x1,
-                                  float y1);
+// The window that a rectangle of two corners makes of a panel.
+waveform_window window_of_corners(const waveform_layout& layout, const waveform_panel& panel,
+                                  float x0, float y0, float x1, float y1);
 
 }  // namespace kestrelvane

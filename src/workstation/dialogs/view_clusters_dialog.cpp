@@ -58,7 +58,7 @@ struct view_window {
   std::vector<number_field*> numbers;  // whose words stand in one line
   QScrollBar* position = nullptr;
   QCheckBox* with_times = nullptr;
-  QComboBox* measure = nullptr;
+  QComboBox *measure = nullptr, *mode = nullptr;
   QLabel *others = nullptr, *n_restored = nullptr, *message = nullptr;
   std::array<QRadioButton*, 3> selectivity{};  // from low to high
   QProgressBar* bar = nullptr;
@@ -323,9 +323,13 @@ QLayout* shapes_row(const shared_view& v) {
 void serve_shapes(const shared_view& v) {
   shape_hand& hand = displays_of(v->w).hand;
   hand.run = [v](const shape_marking& marking) {
-    run_tool(v, [marking](session_state& session) {
+    const shape_hand& drawing = displays_of(v->w).hand;
+    const std::int16_t label = drawing.tool == shape_tool::lasso ? drawing.label : std::int16_t{1};
+    run_tool(v, [marking, label](session_state& session) {
       marking(session);
-      return QString("%1 events marked").arg(count_labels(session).size[1]);
+      const std::int32_t n = count_labels(session).size[static_cast<std::size_t>(label)];
+      return label == 0 ? QString("%1 events without a label").arg(n)
+                        : QString("%1 events with label %2").arg(n).arg(label);
     });
   };
   hand.changed = [v] {
@@ -333,6 +337,9 @@ void serve_shapes(const shared_view& v) {
     for (std::size_t i = 0; i < v->shapes.size(); ++i) {
       v->shapes[i]->setChecked(shape_rows[i].tool == tool);
     }
+    // It may have opened a window, or the user closed one.
+    const QSignalBlocker quiet(v->with_times);
+    v->with_times->setChecked(graph_of(v->w, graph_kind::amplitude_vs_time) != nullptr);
   };
 }
 
@@ -425,6 +432,8 @@ void show_labels_chosen(const shared_view& v) {
     }
   }
   waveform_view& view = displays_of(v->w).single.view;
+  // A template alone would show nothing of the choice.
+  if (!labels.empty() && view.mode == waveform_mode::templates) view.mode = waveform_mode::events;
   view.labels = std::move(labels);
   view.first_item = 1;
   redraw_graph(v->w, graph_kind::cluster_waveforms);
@@ -445,6 +454,18 @@ QCheckBox* label_box(const shared_view& v, const QString& name) {
   return box;
 }
 
+QComboBox* mode_list(const shared_view& v) {
+  v->mode = new QComboBox;
+  v->mode->setObjectName("waveform_mode");
+  v->mode->addItems({"Waveforms", "Density", "Template"});  // in the order of waveform_mode
+  v->mode->setToolTip("What is drawn of the events; a double click in the window changes it, too");
+  QObject::connect(v->mode, &QComboBox::activated, v->dialog, [v](int mode) {
+    displays_of(v->w).single.view.mode = static_cast<waveform_mode>(mode);
+    redraw_graph(v->w, graph_kind::cluster_waveforms);
+  });
+  return v->mode;
+}
+
 // The two exclude each other.
 QLayout* label_choice(const shared_view& v) {
   v->view_all = new QCheckBox("View all");
@@ -460,7 +481,7 @@ QLayout* label_choice(const shared_view& v) {
     v->view_all->setChecked(!on);
     show_labels_chosen(v);
   });
-  return row_of({new QLabel("Waveforms:"), v->view_all, v->or_select});
+  return row_of({mode_list(v), v->view_all, v->or_select});
 }
 
 // By what the keys of Split and Delete go, and what the lasso gives.
@@ -509,6 +530,7 @@ void follow_waveforms(const view_window& v) {
   // A density has all of them in it, and a template none.
   v.position->setEnabled(state.view.mode == waveform_mode::events);
   v.n_waveforms->show_value(state.view.n_items);
+  v.mode->setCurrentIndex(static_cast<int>(state.view.mode));
 }
 
 QLayout* position_row(const shared_view& v) {
@@ -641,8 +663,7 @@ void show_times(const view_window& v, bool on) {
     return;
   }
   const bool is_new = graph_of(v.w, graph_kind::amplitude_vs_time) == nullptr;
-  graph_window* window = show_graph(v.w, graph_kind::amplitude_vs_time);
-  window->setWindowTitle(height_title(displays_of(v.w).height_points, view.measure));
+  show_graph(v.w, graph_kind::amplitude_vs_time);
   if (is_new) tile_cluster_windows(v.w, v.dialog);
 }
 

@@ -48,6 +48,10 @@ void draw_heights(workstation& w, QPainter& painter, QSize size) {
   const bool of_components = view.measure != height_measure::peak_to_peak;
   prepare_heights(w.session, d.index, of_components ? &values_on_show(w) : nullptr, view,
                   d.height_points);
+  // Its title names what it shows, whoever has opened it.
+  const QString title = height_title(d.height_points, view.measure);
+  graph_window* window = graph_of(w, graph_kind::amplitude_vs_time);
+  if (window != nullptr && !title.isEmpty()) window->setWindowTitle(title);
   paint_heights(painter, d.height_points, view, theme_for(w, painter));
 }
 

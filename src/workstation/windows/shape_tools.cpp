@@ -30,19 +30,19 @@ constexpr tool_row tools[] = {
     {shape_tool::windows,
      Qt::Key_W,
      {cluster_waveforms, cluster_waveforms},
-     "Draw a window over a channel: events that miss a window get label 1. Esc ends."},
+     "Draw windows: who misses one gets label 1. Esc ends."},
     {shape_tool::ellipse,
      Qt::Key_E,
      {principal_components, principal_components},
-     "Drag from one end of the ellipse to the other; then its ends and its middle. Esc ends."},
+     "Drag along the ellipse, then its handles. Esc ends."},
     {shape_tool::rectangle,
      Qt::Key_B,
      {amplitude_vs_time, amplitude_vs_time},
-     "Draw a rectangle round the events that get label 1. Esc ends."},
+     "Draw a rectangle: label 1 inside. Esc ends."},
     {shape_tool::lasso,
      Qt::Key_K,
      {principal_components, amplitude_vs_time},
-     "Draw a line round the events that get label %1. Esc ends."},
+     "Draw round events: label %1 inside. Esc ends."},
 };
 
 const tool_row* row_of(shape_tool tool) {
@@ -145,12 +145,16 @@ void finish_rectangle(workstation& w) {
 
 void finish_window(workstation& w) {
   cluster_displays& d = displays_of(w);
-  const auto x = [](QPointF p) { return static_cast<float>(p.x()); };
-  const auto y = [](QPointF p) { return static_cast<float>(p.y()); };
-  const waveform_window window = window_of_corners(d.single.picture.layout, x(d.hand.from),
-                                                   y(d.hand.from), x(d.hand.to), y(d.hand.to));
-  // Between the channels: there is nothing that a waveform could cross.
-  if (window.channel == 0) return;
+  const QPointF from = d.hand.from, to = d.hand.to;
+  const waveform_picture& picture = d.single.picture;
+  const auto number = [](double pixel) { return static_cast<float>(pixel); };
+  // By its middle: what is drawn generously reaches over other waveforms, too.
+  const waveform_panel* panel =
+      panel_at(picture, number((from.x() + to.x()) / 2), number((from.y() + to.y()) / 2));
+  // Between the channels there is nothing that a waveform could cross.
+  if (panel == nullptr) return;
+  const waveform_window window = window_of_corners(
+      picture.layout, *panel, number(from.x()), number(from.y()), number(to.x()), number(to.y()));
   d.hand.windows.push_back(window);
   run_marking(w, [windows = d.hand.windows](session_state& session) {
     return mark_by_windows(session, windows);
@@ -190,6 +194,7 @@ void finish_shape(workstation& w, graph_kind kind) {
 
 void begin_shape(cluster_displays& d, graph_kind kind, QPointF at) {
   shape_hand& hand = d.hand;
+  d.pointer.reset();  // the read-out would lie over what is drawn
   hand.drawing = true;
   hand.place = kind;
   hand.from = hand.to = at;
@@ -270,6 +275,9 @@ void take_up_tool(workstation& w, shape_tool tool) {
   d.hand.tool = tool;
   d.hand.cluster = shown[0];
   d.hand.marks = std::make_shared<drawn_marks>();
+  // Windows are drawn round waveforms; a template alone shows none.
+  waveform_mode& mode = d.single.view.mode;
+  if (tool == shape_tool::windows && mode == waveform_mode::templates) mode = waveform_mode::events;
   if (tool == shape_tool::ellipse) {
     // It lies in the plane of the first two components, and is seen there alone.
     d.components.turn = d.components.tilt = 0;
@@ -331,17 +339,13 @@ void paint_shape_in_hand(workstation& w, graph_kind kind, QPainter& painter) {
   if (hand.tool == shape_tool::lasso && here) paint_outline(painter, plane, hand.path, theme);
   const bool of_corners = hand.tool == shape_tool::windows || hand.tool == shape_tool::rectangle;
   if (of_corners && here) paint_rectangle(painter, drawn, theme);
-  if (here) return;  // the words would hide what is drawn round
-  const QRectF area = kind == cluster_waveforms
-                          ? QRectF(0, 0, d.single.view.width, d.single.view.height)
-                          : plane.inside;
   QString words = row_of(hand.tool)->words;
   if (hand.tool == shape_tool::lasso) {
-    words = hand.label == 0
-                ? QString("Draw a line round the events that lose their labels. Esc ends.")
-                : words.arg(hand.label);
+    words = hand.label == 0 ? QString("Draw round events: no label inside. Esc ends.")
+                            : words.arg(hand.label);
   }
-  paint_hint(painter, area, words, theme);
+  paint_hint(painter, kind == cluster_waveforms ? d.single.view.width : plane.inside.right(), words,
+             theme);
 }
 
 }  // namespace kestrelvane
