@@ -136,6 +136,7 @@ void paint_rectangle(QPainter& painter, const QRectF& rectangle, const cluster_t
 
 void paint_windows(QPainter& painter, const waveform_layout& layout,
                    const std::vector<waveform_window>& windows, const cluster_theme& theme) {
+  painter.save();
   for (const waveform_window& window : windows) {
     for (const waveform_panel& panel : layout.panels) {
       if (panel.channel != window.channel) continue;
@@ -147,8 +148,14 @@ void paint_windows(QPainter& painter, const waveform_layout& layout,
                       QRectF(QPointF(x(window.first_point), y(window.high_uv)),
                              QPointF(x(window.last_point), y(window.low_uv))),
                       theme);
+      // Waveforms of several channels may run through the same place.
+      use_small_font(painter);
+      painter.setPen(theme.selected);
+      painter.drawText(QPointF(x(window.last_point) + 4, y(window.high_uv) + 10),
+                       QString("ch %1").arg(window.channel));
     }
   }
+  painter.restore();
 }
 
 void paint_hint(QPainter& painter, double width, const QString& words, const cluster_theme& theme) {

@@ -431,22 +431,39 @@ std::int32_t waveform_event_at(const waveform_picture& picture, float x, float y
   return found;
 }
 
+namespace {
+
+// From a place to the piece of a line between two points, pixels.
+float distance_to(float x, float y, line_point a, line_point b) {
+  const float dx = b.x - a.x, dy = b.y - a.y;
+  const float along = ((x - a.x) * dx + (y - a.y) * dy) / (dx * dx + dy * dy);
+  const float part = std::clamp(along, 0.0f, 1.0f);
+  return std::hypot(a.x + part * dx - x, a.y + part * dy - y);
+}
+
+}  // namespace
+
 const waveform_panel* panel_at(const waveform_picture& picture, float x, float y) {
   const waveform_layout& layout = picture.layout;
-  if (!(layout.step > 0) || !(layout.pixels_per_uv > 0)) return nullptr;
   const auto n_points = static_cast<std::size_t>(layout.n_points);
   const waveform_panel* nearest = nullptr;
   float best = std::numeric_limits<float>::max();
   for (std::size_t k = 0; k < layout.panels.size(); ++k) {
     const waveform_panel& panel = layout.panels[k];
-    const float p = (x - panel.x) / layout.step;
-    if (!(p >= 0 && p <= static_cast<float>(layout.n_points - 1))) continue;
+    if (!(x >= panel.x && x <= panel.x + layout.step * static_cast<float>(n_points - 1))) continue;
     for (const waveform_set& set : picture.sets) {
-      const float uv = set.mean[k * n_points + static_cast<std::size_t>(std::lround(p))];
-      const float away = std::abs(panel.y - layout.pixels_per_uv * uv - y);
-      if (away >= best) continue;
-      best = away;
-      nearest = &panel;
+      const float* mean = set.mean.data() + k * n_points;
+      const auto place = [&](std::size_t p) {
+        return line_point{panel.x + layout.step * static_cast<float>(p),
+                          panel.y - layout.pixels_per_uv * mean[p]};
+      };
+      // Not straight up or down: the flank of a large spike is nearly upright.
+      for (std::size_t p = 0; p + 1 < n_points; ++p) {
+        const float away = distance_to(x, y, place(p), place(p + 1));
+        if (away >= best) continue;
+        best = away;
+        nearest = &panel;
+      }
     }
   }
   return nearest;
