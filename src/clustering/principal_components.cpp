@@ -21,12 +21,6 @@ namespace kestrelvane {
 
 namespace {
 
-struct pc_candidates {
-  std::vector<pc_point> points;
-  std::vector<float> scores;
-  bool full() const { return static_cast<std::int32_t>(points.size()) >= pc_candidate_limit; }
-};
-
 std::vector<std::int32_t> assigned_channels(const session_state& session, std::int32_t slot) {
   const std::int32_t* channels = session.templates.channels(slot);
   return {channels + 1, channels + 1 + session.templates.template_n_channels[slot]};
@@ -110,21 +104,25 @@ float point_entropy(const session_state& session, const std::vector<aligned_even
   return entropy;
 }
 
+void score_entropy_of(const session_state& session, std::int32_t slot, std::int32_t c,
+                      const std::vector<aligned_event>& events, pc_candidates& candidates) {
+  const recording_store& r = session.recording;
+  const float d = r.distance(session.templates.centre_channel(slot), c);
+  const float argument = -(d * d) / 80000.0f;
+  const auto weight = static_cast<float>(std::exp(static_cast<double>(argument)));
+  // Beyond some 740 µm a channel cannot be among the best.
+  if (r.chan_mask[c] || !(weight > 0.001f)) return;
+  const std::int32_t start = window_first_sample(session);
+  score_points(session, {c}, 1, session.templates.template_points, candidates,
+               [&](std::int32_t channel, std::int32_t t) {
+                 return point_entropy(session, events, channel, start + t - 1) * weight;
+               });
+}
+
 void score_entropy(const session_state& session, std::int32_t slot,
                    const std::vector<aligned_event>& events, pc_candidates& candidates) {
-  const recording_store& r = session.recording;
-  const std::int32_t centre = session.templates.centre_channel(slot);
-  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    const float d = r.distance(centre, c);
-    const float argument = -(d * d) / 80000.0f;
-    const auto weight = static_cast<float>(std::exp(static_cast<double>(argument)));
-    // Beyond some 740 µm a channel cannot be among the best.
-    if (r.chan_mask[c] || !(weight > 0.001f)) continue;
-    const std::int32_t start = window_first_sample(session);
-    score_points(session, {c}, 1, session.templates.template_points, candidates,
-                 [&](std::int32_t channel, std::int32_t t) {
-                   return point_entropy(session, events, channel, start + t - 1) * weight;
-                 });
+  for (std::int32_t c = 1; c <= session.recording.n_channels; ++c) {
+    score_entropy_of(session, slot, c, events, candidates);
   }
 }
 
@@ -165,6 +163,20 @@ pc_candidates score_candidates(const session_state& session, std::int32_t slot, 
   return candidates;
 }
 
+// The best ones, highest score first.
+std::vector<pc_point> choose_points(session_state& session, const pc_parameters& parameters,
+                                    const pc_candidates& candidates) {
+  const auto count = static_cast<std::int32_t>(candidates.points.size());
+  std::vector<std::int32_t> order(count);
+  index_sort(count, candidates.scores.data(), order.data(), session_failure_log(session));
+  std::vector<pc_point> chosen(std::min(count, parameters.point_limit));
+  // The sort rises: the best stand at its end. Its numbers count from 1.
+  for (std::size_t i = 0; i < chosen.size(); ++i) {
+    chosen[i] = candidates.points[order[count - 1 - i] - 1];
+  }
+  return chosen;
+}
+
 }  // namespace
 
 failure_log session_failure_log(session_state& session) {
@@ -192,16 +204,8 @@ std::vector<pc_point> select_pc_points(session_state& session, const pc_paramete
                                      method));
   }
   if (method == pc_distributed) return distribute_points(session, slot, parameters.point_limit);
-  const pc_candidates candidates = score_candidates(session, slot, method, entropy_events);
-  const auto count = static_cast<std::int32_t>(candidates.points.size());
-  std::vector<std::int32_t> order(count);
-  index_sort(count, candidates.scores.data(), order.data(), session_failure_log(session));
-  std::vector<pc_point> chosen(std::min(count, parameters.point_limit));
-  // The sort rises: the best stand at its end. Its numbers count from 1.
-  for (std::size_t i = 0; i < chosen.size(); ++i) {
-    chosen[i] = candidates.points[order[count - 1 - i] - 1];
-  }
-  return chosen;
+  return choose_points(session, parameters,
+                       score_candidates(session, slot, method, entropy_events));
 }
 
 // ---------------------------------------------------------------- rows and axes
@@ -475,26 +479,54 @@ void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space
   project_rows(rows, space.axes, space.dimensions, values.values);
 }
 
+namespace {
+
+// From the rows that make_pc_space takes; what it passes over is not read.
+void find_projection_axes(session_state& session, pc_projection& projection) {
+  const std::vector<aligned_event>& events = projection.events;
+  std::vector<aligned_event> sample;
+  const auto stride = static_cast<std::size_t>(covariance_stride(events.size()));
+  for (std::size_t i = 0; i < events.size(); i += stride) sample.push_back(events[i]);
+  pc_rows rows;
+  fill_pc_rows(session, projection.space.points, sample, projection.scale, rows);
+  find_axes_of(rows, 1, projection.space.axes, session_failure_log(session));
+}
+
+// A channel at a time: of ten thousand events each takes a hundredth of a second.
+void choose_on(session_state& session, pc_projection& projection) {
+  score_entropy_of(session, projection.cluster, projection.next_channel, projection.entropy_events,
+                   projection.candidates);
+  if (++projection.next_channel <= session.recording.n_channels) return;
+  projection.next_channel = 0;
+  projection.space.points =
+      choose_points(session, pc_parameters_of(session), projection.candidates);
+  find_projection_axes(session, projection);
+}
+
+}  // namespace
+
 void begin_projection(session_state& session, std::int32_t cluster,
                       const std::vector<std::int32_t>& list, pc_projection& projection) {
   const pc_parameters parameters = pc_parameters_of(session);
   projection = {};
   projection.scale = compute_pc_scale(session);
   projection.events = read_events(session, list, false, 0.0f);
-  pc_space& space = projection.space;
-  space.points = select_pc_points(session, parameters, cluster,
-                                  entropy_sample(session, parameters.selection, list));
-  space.dimensions = parameters.dimensions;
-  // The rows that make_pc_space passes over are not read.
-  std::vector<aligned_event> sample;
-  const auto stride = static_cast<std::size_t>(covariance_stride(list.size()));
-  for (std::size_t i = 0; i < list.size(); i += stride) sample.push_back(projection.events[i]);
-  pc_rows rows;
-  fill_pc_rows(session, space.points, sample, projection.scale, rows);
-  find_axes_of(rows, 1, space.axes, session_failure_log(session));
+  projection.space.dimensions = parameters.dimensions;
+  if (parameters.selection == pc_max_entropy && session.recording.n_channels > 0) {
+    projection.cluster = cluster;
+    projection.next_channel = 1;
+    projection.entropy_events = entropy_sample(session, parameters.selection, list);
+    return;
+  }
+  projection.space.points = select_pc_points(session, parameters, cluster, {});
+  find_projection_axes(session, projection);
 }
 
-bool project_on(const session_state& session, std::int32_t n, pc_projection& projection) {
+bool project_on(session_state& session, std::int32_t n, pc_projection& projection) {
+  if (projection.next_channel > 0) {
+    choose_on(session, projection);
+    return false;
+  }
   const pc_space& space = projection.space;
   const auto first = projection.events.begin() + projection.n_done;
   const auto left = static_cast<std::int32_t>(projection.events.end() - first);

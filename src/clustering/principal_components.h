@@ -91,6 +91,13 @@ void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points&
 void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,
                     gac_points& points);
 
+// Points that may enter, with their scores.
+struct pc_candidates {
+  std::vector<pc_point> points;
+  std::vector<float> scores;
+  bool full() const { return static_cast<std::int32_t>(points.size()) >= pc_candidate_limit; }
+};
+
 // The values of cluster_pc_values and pair_pc_values a stretch of events at a time, for whoever
 // must not work for long at once. The session must stay as it is until all are there.
 struct pc_projection {
@@ -99,15 +106,21 @@ struct pc_projection {
   pc_space space;
   gac_points values;        // of n_done events so far
   std::int32_t n_done = 0;  // of events
+  // While points of a cluster are still being chosen by their entropy: the channel that comes next,
+  // 0 when they have been.
+  std::int32_t next_channel = 0, cluster = 0;
+  std::vector<aligned_event> entropy_events;
+  pc_candidates candidates;
 };
-// Chooses points and finds axes; values are still to come. list: the cluster's events.
+// Chooses points and finds axes, or begins to; values are still to come. list: the cluster's
+// events.
 void begin_projection(session_state& session, std::int32_t cluster,
                       const std::vector<std::int32_t>& list, pc_projection& projection);
 // Of a pair; writes the scratch template that pair_pc_values does.
 void begin_pair_projection(session_state& session, std::int32_t a, std::int32_t b,
                            std::int32_t rank, pc_projection& projection);
-// The values of the next n events. True when all are there.
-bool project_on(const session_state& session, std::int32_t n, pc_projection& projection);
+// The points of the next channel, or the values of the next n events. True when all are there.
+bool project_on(session_state& session, std::int32_t n, pc_projection& projection);
 
 // Bits to clustering units: µV divided by sqrt(2) times the starting sigma.
 float compute_pc_scale(const session_state& session);

@@ -10,8 +10,7 @@
 namespace kestrelvane::test {
 namespace {
 
-std::vector<float> in_stretches(const session_state& session, pc_projection& projection,
-                                std::int32_t n) {
+std::vector<float> in_stretches(session_state& session, pc_projection& projection, std::int32_t n) {
   while (!project_on(session, n, projection)) {
     EXPECT_EQ(projection.values.n, projection.n_done);
   }

@@ -8,6 +8,7 @@
 #include <random>
 
 #include "clustering/membership.h"
+#include "clustering/principal_components.h"
 #include "review/cluster_marks.h"
 #include "review/event_reading.h"
 #include "workstation/dialogs/review_parts.h"
@@ -464,6 +465,62 @@ TEST(ShapeTools, SettingsOfTheWaveformsAreSeen) {
     QTest::keyClick(surface, static_cast<Qt::Key>(key));
     EXPECT_NE(surface->picture(), before) << key;
   }
+}
+
+// Components that take long come over several turns of the event loop: the same values, of the
+// cluster that is on show at last, whatever happens in between.
+TEST(ShapeTools, LargeClustersComeInTurns) {
+  const temporary_directory home;
+  drawing_workstation w(home.path);
+  start_operation(
+      w.shell,
+      [](session_state& s) {
+        constexpr std::int32_t n = 600'000, n_small = 300;
+        const std::int32_t n_before = s.events.n_events;
+        for (std::int32_t e = n; e >= 1; --e) {
+          const std::int32_t of = (e - 1) % n_before + 1;
+          s.events.event_time[e] = s.events.event_time[of];
+          s.events.event_detected_time[e] = s.events.event_time[of];
+          s.events.event_shift[e] = s.events.event_shift[of];
+          s.events.event_channel[e] = s.events.event_channel[of];
+          s.events.event_cluster[e] = e <= n_small ? 1 : 2;
+        }
+        s.events.n_events = n;
+        s.clusters.n_clusters = 2;
+        s.clusters.current_cluster = 1;
+        recalculate_all_templates(s);
+      },
+      nullptr);
+  w.settle();
+  gac_points whole;
+  cluster_pc_values(*w.session, 2, whole);
+  w.choose_entry("sorted_waveforms");
+  cluster_displays& d = w.displays();
+  EXPECT_TRUE(values_are_of(w.shell, 1)) << "few events, at once";
+  const auto arrives = [&] { return wait_until([&] { return values_are_of(w.shell, 2); }); };
+  choose_cluster(w.shell, 2);
+  EXPECT_FALSE(values_are_of(w.shell, 2));
+  EXPECT_EQ(d.values.clusters, std::vector<std::int32_t>{1}) << "the earlier picture stays";
+  // Nothing can be drawn round points that are not there yet.
+  QTest::keyClick(w.surface(graph_kind::principal_components), Qt::Key_K);
+  w.press_at(graph_kind::principal_components, {100, 100});
+  EXPECT_FALSE(w.hand().drawing);
+  w.release_at(graph_kind::principal_components, {100, 100});
+  ASSERT_TRUE(arrives());
+  EXPECT_EQ(d.values.values, whole.values);
+  EXPECT_EQ(d.component_points.points.size(), d.values.events.size()) << "and has been drawn";
+  // Another cluster, an operation and a change of settings in between.
+  refresh_windows(w.shell);
+  choose_cluster(w.shell, 1);
+  EXPECT_TRUE(values_are_of(w.shell, 1));
+  choose_cluster(w.shell, 2);
+  start_operation(
+      w.shell, [](session_state& s) { s.strategy.pc_point_limit = 9; },
+      [&w] { refresh_windows(w.shell); });
+  w.settle();
+  ASSERT_TRUE(arrives());
+  cluster_pc_values(*w.session, 2, whole);
+  EXPECT_EQ(d.values.values, whole.values);
 }
 
 // Whatever is drawn and edited, in whichever order.

@@ -140,7 +140,7 @@ void begin_component_values(session_state& session, cluster_index& index,
   }
 }
 
-bool read_on(const session_state& session, std::int32_t n, component_reading& reading) {
+bool read_on(session_state& session, std::int32_t n, component_reading& reading) {
   if (!project_on(session, n, reading.projection)) return false;
   component_values& values = reading.values;
   values.dimensions = reading.projection.values.dimensions;
@@ -154,7 +154,8 @@ void read_component_values(session_state& session, cluster_index& index,
                            const std::vector<std::int32_t>& clusters, component_values& values) {
   component_reading reading;
   begin_component_values(session, index, clusters, reading);
-  read_on(session, std::numeric_limits<std::int32_t>::max(), reading);
+  while (!read_on(session, std::numeric_limits<std::int32_t>::max(), reading)) {
+  }
   values = std::move(reading.values);
 }
 

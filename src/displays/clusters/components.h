@@ -62,8 +62,8 @@ struct component_reading {
 };
 void begin_component_values(session_state& session, cluster_index& index,
                             const std::vector<std::int32_t>& clusters, component_reading& reading);
-// The next n events; true when all values are there.
-bool read_on(const session_state& session, std::int32_t n, component_reading& reading);
+// The next step, of at most n events; true when all values are there.
+bool read_on(session_state& session, std::int32_t n, component_reading& reading);
 
 // The marks anew, when labels have changed and nothing else has.
 void mark_component_values(const session_state& session, component_values& values);
