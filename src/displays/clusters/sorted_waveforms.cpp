@@ -296,7 +296,7 @@ void paint_template(waveform_painting& p, const waveform_set& set) {
     std::copy(below.rbegin(), below.rend(), std::back_inserter(outline));
     p.painter.setPen(Qt::NoPen);
     p.painter.setBrush(band);
-    p.painter.drawPolygon(outline);
+    if (p.view.error_bars) p.painter.drawPolygon(outline);
     p.painter.setBrush(Qt::NoBrush);
     if (!alone) {
       p.painter.setPen(QPen(p.theme.background, p.view.line_thickness + 2.5));

@@ -146,6 +146,18 @@ std::vector<std::int32_t> nearest_channels(const session_state& session, std::in
   return channels;
 }
 
+// The centre channel stays where it is, so that what is looked at does not run away.
+void zoom_layout(const waveform_view& view, waveform_layout& layout) {
+  const float half = 0.5f * layout.step * static_cast<float>(layout.n_points - 1);
+  const float x = layout.panels.front().x + half, y = layout.panels.front().y;
+  for (waveform_panel& panel : layout.panels) {
+    panel.x = x + (panel.x - x) * view.zoom;
+    panel.y = y + (panel.y - y) * view.zoom - view.offset * static_cast<float>(view.height);
+  }
+  layout.step *= view.zoom;
+  layout.pixels_per_uv *= view.zoom;
+}
+
 }  // namespace
 
 waveform_view view_of_settings(const session_state& session) {
@@ -202,6 +214,7 @@ waveform_layout lay_out_waveforms(const session_state& session, const waveform_v
   } else {
     lay_out_to_scale(session, view, channels, sites, layout);
   }
+  if (view.zoom != 1 || view.offset != 0) zoom_layout(view, layout);
   // After the layout, which the wheel must not change: panels stay where they are.
   layout.pixels_per_uv *= view.voltage_gain;
   layout.pixels_per_ms =

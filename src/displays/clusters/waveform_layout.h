@@ -20,11 +20,14 @@ struct waveform_view {
   std::vector<std::int32_t> clusters;  // one, or the two of a pair; the last is drawn on top
   waveform_mode mode = waveform_mode::events;
   bool template_over_events = true;  // mean and s.d. band
+  bool error_bars = true;            // the band wherever the mean is
   bool autoscale = true;             // sites and voltages fill the window; the scales rest
   float time_scale = 100;            // pixels per ms
   float voltage_scale = 0.5f;        // pixels per µV
   float channel_spacing = 1;         // pixels per µm
   float voltage_gain = 1;            // on top of either scale: the scroll bar
+  float zoom = 1;                    // of all, about the centre channel
+  float offset = 0;                  // of all upwards, in heights of the window
   std::int32_t first_item = 1;       // first event on show of each cluster's, from 1
   std::int32_t n_items = 100;        // events on show of each
   std::int32_t n_channels =

@@ -160,6 +160,7 @@ void graph_surface::make_picture() {
   if (font_) painter.setFont(*font_);
   if (routines_.draw) routines_.draw(painter, size());
   update();
+  emit drawn();
 }
 
 QImage graph_surface::picture() const {

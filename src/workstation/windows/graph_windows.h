@@ -70,6 +70,7 @@ class graph_surface : public QWidget {
 
  signals:
   void selected();  // a rectangle of more than no size
+  void drawn();     // the picture has been made anew
 
  protected:
   void paintEvent(QPaintEvent* event) override;
