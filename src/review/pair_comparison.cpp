@@ -266,13 +266,26 @@ comparison_step end_compare_resplit(session_state& session, pair_comparison& com
   return settle_after_split(session, comparison);
 }
 
-void compare_set_distinct(session_state& session, pair_comparison& comparison, bool distinct) {
+namespace {
+
+void set_mark(session_state& session, pair_comparison& comparison,
+              table<logical> status_lists_table::*marks, bool on) {
   const std::int64_t k = find_pair(session, pair_on_show(session));
   // Before anything is saved: a mark that is there already must not cost the user his undo.
-  if (k == 0 || session.lists.kv_user_distinct[k] == distinct) return;
+  if (k == 0 || marks_of(session, mark)[k] == on) return;
   save_comparison(session, comparison);
-  set_pair_mark(session, pair_on_show(session), pair_mark::distinct, distinct);
+  set_pair_mark(session, pair_on_show(session), mark, on);
   refresh_displays(session);
+}
+
+}  // namespace
+
+void compare_set_distinct(session_state& session, pair_comparison& comparison, bool distinct) {
+  set_mark(session, comparison, pair_mark::distinct, distinct);
+}
+
+void compare_set_ambiguous(session_state& session, pair_comparison& comparison, bool ambiguous) {
+  set_mark(session, comparison, pair_mark::ambiguous, ambiguous);
 }
 
 bool compare_undo(session_state& session, pair_comparison& comparison) {

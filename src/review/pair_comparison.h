@@ -73,6 +73,8 @@ comparison_step end_compare_resplit(session_state& session, pair_comparison& com
                                     ugm_message answer);
 // "user says distinct?"
 void compare_set_distinct(session_state& session, pair_comparison& comparison, bool distinct);
+// The pair is left for later: Guided Merge passes it over.
+void compare_set_ambiguous(session_state& session, pair_comparison& comparison, bool ambiguous);
 // Takes back the last of these; false when there is nothing to take back.
 bool compare_undo(session_state& session, pair_comparison& comparison);
 

@@ -207,6 +207,11 @@ recorded_edit::~recorded_edit() {
   add_record(session_, std::move(record));
 }
 
+table<logical>& marks_of(session_state& session, pair_mark mark) {
+  return mark == pair_mark::distinct ? session.lists.kv_user_distinct
+                                     : session.lists.kv_user_ambiguous;
+}
+
 void set_pair_mark(session_state& session, cluster_pair pair, pair_mark mark, bool on) {
   const std::int64_t k = find_pair(session, pair);
   if (k == 0) return;

@@ -44,6 +44,7 @@ void prepare_history(session_state& session);
 
 // What the user has said of a pair; without an entry in the lists nothing happens.
 enum class pair_mark { distinct, ambiguous };
+table<logical>& marks_of(session_state& session, pair_mark mark);  // by pair number
 void set_pair_mark(session_state& session, cluster_pair pair, pair_mark mark, bool on);
 
 // restore_undo_state with its record.

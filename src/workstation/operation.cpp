@@ -211,7 +211,10 @@ void open_to_look(workstation& w, QDialog* dialog) {
   dialog->show();
 }
 
-void open_runner(workstation& w, operation_dialog* dialog) { open_beside(w, dialog, live_entries); }
+void open_runner(workstation& w, operation_dialog* dialog) {
+  // The windows beside it can be brought back to their places.
+  open_beside(w, dialog, live_entries + QStringList{"auto_arrange"});
+}
 
 void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
   hold_menus(w, dialog, allowed);

@@ -35,6 +35,7 @@ class main_frame;
 class messages_dialog;
 struct cluster_displays;
 struct correlogram_state;
+struct review_workspace;
 struct voltage_state;
 
 // The windows in the frame's area; rows of the table in windows/window_table.h.
@@ -66,6 +67,7 @@ struct workstation {
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   std::shared_ptr<correlogram_state> correlograms;    // likewise; correlogram_window.h
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
+  std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
   bool reads_recording = false;       // the running operation has begun to read one

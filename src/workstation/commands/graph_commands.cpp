@@ -10,6 +10,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/commands/file_choice.h"
 #include "workstation/frame.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
@@ -130,6 +131,7 @@ void copy_selection_command(workstation& w) {
 void cascade_command(workstation& w) { cascade_windows(w); }
 
 void auto_arrange_command(workstation& w) {
+  if (arrange_workspace(w)) return;
   compute_window_layout(w);
   w.run_log->parentWidget()->showNormal();
   place_windows(w);

@@ -3,7 +3,6 @@
 #include <QHBoxLayout>
 #include <QSlider>
 #include <QVBoxLayout>
-#include <cmath>
 #include <memory>
 
 #include "clustering/realignment.h"
@@ -13,6 +12,7 @@
 #include "sorting/status_lists.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/display_controls.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/workstation.h"
@@ -22,12 +22,6 @@ namespace kestrelvane {
 namespace {
 
 constexpr int asks_for_next = 2;  // result of the dialog
-
-// PC display scale of a slider position, 0 to 200.
-float pc_scale_of(int position) { return static_cast<float>(position * 9.75 / 200 + 0.25); }
-int pc_position_of(float scale) {
-  return static_cast<int>(std::lround((static_cast<double>(scale) - 0.25) * 200 / 9.75));
-}
 
 // The settings of a whole sort, and its run. Settings are stored by Start, Next and Done, all
 // or none, so that a run never sees half of what was typed. Closing the window by its frame

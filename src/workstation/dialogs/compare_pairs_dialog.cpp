@@ -1,18 +1,18 @@
 #include <QHBoxLayout>
+#include <QTabWidget>
 #include <QVBoxLayout>
 #include <memory>
 
 #include "review/pair_comparison.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/display_controls.h"
 #include "workstation/dialogs/pair_split_dialog.h"
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
 #include "workstation/windows/cluster_windows.h"
-#include "workstation/windows/correlogram_window.h"
-#include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -29,8 +29,8 @@ struct compare_window {
   comparison_values values;     // of the pair on show
   std::vector<unit_row> units;  // for the list, counted anew after each edit
   comparison_step step = comparison_step::refresh;
-  bool asking = false;   // how to split: the pair must stay as it is until that is answered
-  bool swapped = false;  // the second cluster first
+  bool asking = false;  // how to split: the pair must stay as it is until that is answered
+  shared_displays displays;
 
   QWidget* panel = nullptr;  // all but the buttons at the bottom
   number_field *a = nullptr, *b = nullptr;
@@ -39,14 +39,19 @@ struct compare_window {
   QLabel *common = nullptr, *distinct = nullptr, *overlap = nullptr;
   QLabel *correlation = nullptr, *separation = nullptr;
   QLabel *match_value = nullptr, *position = nullptr, *message = nullptr;
-  QCheckBox *user_distinct = nullptr, *with_correlograms = nullptr;
+  QCheckBox *user_distinct = nullptr, *user_ambiguous = nullptr;
   QComboBox* method = nullptr;
   QPushButton *undo = nullptr, *ok = nullptr, *interrupt = nullptr;
   QList<QWidget*> of_list;  // on when there are any entries
   QProgressBar* bar = nullptr;
   unit_list* list = nullptr;
+  QTabWidget* pages = nullptr;
 
-  compare_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
+  compare_window(workstation& of, operation_dialog* d)
+      : w(of),
+        dialog(d),
+        form(of.session, d),
+        displays(std::make_shared<display_controls>(of, d)) {}
 };
 using shared_compare = std::shared_ptr<compare_window>;
 
@@ -73,6 +78,7 @@ void show_figures(const compare_window& c) {
   c.common->setText(QString("%1/%2").arg(v.n_common).arg(v.n_union));
   c.distinct->setText(v.distinct ? "yes" : "no");
   c.user_distinct->setChecked(v.user_distinct);
+  c.user_ambiguous->setChecked(v.user_ambiguous);
   c.overlap->setText(QString::number(v.overlap, 'f', 3));
   c.correlation->setText(QString::number(v.correlation, 'f', 3));
   c.separation->setText(QString::number(v.separation, 'f', 1) + " µm");
@@ -88,21 +94,12 @@ void show_place_in_list(const compare_window& c) {
   for (QWidget* widget : c.of_list) widget->setEnabled(c.values.n_match > 0);
 }
 
-void show_windows(const compare_window& c) {
-  const pair_values& v = c.values.pair;
-  if (v.a < 1) return;
-  const std::int32_t first = c.swapped ? v.b : v.a, second = c.swapped ? v.a : v.b;
-  refresh_windows(c.w);
-  show_pair_windows(c.w, first, second);
-  if (c.with_correlograms->isChecked()) show_correlograms(c.w, first, second);
-}
-
 void show_pair(const compare_window& c, bool mark = true) {
   show_figures(c);
   show_place_in_list(c);
   if (mark) c.list->mark(c.values.pair.a, c.values.pair.b);
   c.undo->setEnabled(c.comparison.can_undo);
-  show_windows(c);
+  show_pair_displays(c.displays, c.values.pair.a, c.values.pair.b);
 }
 
 // ---------------------------------------------------------------- moving
@@ -208,7 +205,7 @@ void show_step(const shared_compare& c) {
   c->list->show_rows(c->units);
   show_pair(*c);
   // Keys are commands again, wherever the focus went while controls were off.
-  c->list->setFocus();
+  c->pages->currentWidget() == c->list ? c->list->setFocus() : c->pages->setFocus();
   if (c->step == comparison_step::ask) ask_how_to_split(c);
 }
 
@@ -236,7 +233,7 @@ constexpr comparison_action actions[] = {
      }},
 };
 
-QGroupBox* action_box(const shared_compare& c) {
+QLayout* action_row(const shared_compare& c) {
   auto* row = new QHBoxLayout;
   for (const comparison_action& of : actions) {
     QPushButton* button = make_button(of.name, of.label, of.tip);
@@ -247,7 +244,7 @@ QGroupBox* action_box(const shared_compare& c) {
     bind_keys(c->dialog, button);
     if (QString(of.name) == "undo") c->undo = button;
   }
-  return titled_box("Edit", row);
+  return row;
 }
 
 number_field* cluster_field(const shared_compare& c, const char* name, const char* tip) {
@@ -263,8 +260,15 @@ QLabel* value_label(const char* name) {
   return label;
 }
 
-QGroupBox* cluster_box(const shared_compare& c) {
+// What is wrong with a number stands where all that the dialog has to say does.
+void say_words_of(const shared_compare& c, const number_field* field) {
+  QObject::connect(field, &number_field::judged, c->message,
+                   [c](const QString& words) { c->message->setText(words); });
+}
+
+QLayout* cluster_rows(const shared_compare& c) {
   auto* grid = new QGridLayout;
+  grid->setVerticalSpacing(3);
   c->a = cluster_field(c, "compare_a", "First cluster: it is the current one");
   c->b = cluster_field(c, "compare_b", "Second cluster");
   const QWidget* const heads[] = {c->a, c->b};
@@ -289,47 +293,86 @@ QGroupBox* cluster_box(const shared_compare& c) {
                     "The best pair of the list that holds this cluster", best[i].second),
         3, i + 1);
   }
-  grid->addWidget(words_line({c->a, c->b}), 4, 0, 1, 3);
-  return titled_box("Clusters", grid);
+  say_words_of(c, c->a);
+  say_words_of(c, c->b);
+  return grid;
 }
 
-QGroupBox* pair_box(const shared_compare& c) {
-  auto* rows = new QFormLayout;
-  c->common = add_value(rows, "common_channels", "# in common", "-",
-                        "Channels that both have, of those that either has");
-  c->distinct = add_value(rows, "pair_is_distinct", "Pair is distinct", "-");
-  c->user_distinct = new QCheckBox;
-  c->user_distinct->setObjectName("distinct");
-  c->user_distinct->setToolTip("You have looked, and the two are two units");
-  rows->addRow("user says distinct?", c->user_distinct);
-  c->overlap =
-      add_value(rows, "overlap", "cluster overlap =", "-", "0: apart, 1: one cloud of points");
-  c->correlation = add_value(rows, "template_correlation", "template correlation =", "-");
-  c->separation = add_value(rows, "separation", "separation =", "-", "Of the two centres");
-  // The widest figure has room from the beginning: the dialog stands at an edge and must not grow.
-  c->separation->setMinimumWidth(c->separation->fontMetrics().horizontalAdvance("10000.0 µm"));
-  QObject::connect(c->user_distinct, &QCheckBox::clicked, c->dialog, [c](bool on) {
-    run_step(c, "...", [on](session_state& session, pair_comparison& comparison) {
-      compare_set_distinct(session, comparison, on);
+using pair_mark = void (*)(session_state& session, pair_comparison& comparison, bool on);
+
+QCheckBox* mark_box(const shared_compare& c, const char* name, const char* tip, pair_mark mark) {
+  auto* box = new QCheckBox;
+  box->setObjectName(name);
+  box->setToolTip(tip);
+  QObject::connect(box, &QCheckBox::clicked, c->dialog, [c, mark](bool on) {
+    run_step(c, "...", [mark, on](session_state& session, pair_comparison& comparison) {
+      mark(session, comparison, on);
       return comparison_step::refresh;
     });
   });
-  bind_keys(c->dialog, c->user_distinct);
+  bind_keys(c->dialog, box);
+  return box;
+}
+
+// In two columns, so that the dialog is not as high as the screen.
+QLayout* pair_rows(const shared_compare& c) {
+  auto* left = new QFormLayout;
+  c->common = add_value(left, "common_channels", "# in common", "-",
+                        "Channels that both have, of those that either has");
+  c->distinct = add_value(left, "pair_is_distinct", "Pair is distinct", "-");
+  c->user_distinct =
+      mark_box(c, "distinct", "You have looked, and the two are two units", compare_set_distinct);
+  left->addRow("user says distinct?", c->user_distinct);
+  c->user_ambiguous =
+      mark_box(c, "ambiguous", "You have looked, and cannot tell", compare_set_ambiguous);
+  left->addRow("user says ambiguous?", c->user_ambiguous);
+  auto* right = new QFormLayout;
+  c->overlap =
+      add_value(right, "overlap", "cluster overlap =", "-", "0: apart, 1: one cloud of points");
+  c->correlation = add_value(right, "template_correlation", "template correlation =", "-");
+  c->separation = add_value(right, "separation", "separation =", "-", "Of the two centres");
+  // The widest figure has room from the beginning: the dialog stands at an edge and must not grow.
+  const QFontMetrics metrics = c->separation->fontMetrics();
+  c->separation->setMinimumWidth(metrics.horizontalAdvance("1000.0 µm"));
+  c->common->setMinimumWidth(metrics.horizontalAdvance("00/00"));
+  auto* both = new QHBoxLayout;
+  for (QFormLayout* rows : {left, right}) {
+    rows->setHorizontalSpacing(6);
+    rows->setVerticalSpacing(3);
+    both->addLayout(rows);
+  }
+  return both;
+}
+
+QGroupBox* pair_box(const shared_compare& c) {
+  auto* rows = new QVBoxLayout;
+  rows->addLayout(cluster_rows(c));
+  rows->addLayout(pair_rows(c));
   return titled_box("Pair", rows);
+}
+
+// What the method measures is to be seen beside its number.
+void show_by_method(const compare_window& c, std::int32_t method) {
+  if (method_shows_correlograms(method)) c.displays->with_correlograms->setChecked(true);
+  if (method_shows_time_plot(method)) c.displays->with_times->setChecked(true);
 }
 
 QLayout* method_row(const shared_compare& c) {
   c->method = choice_control(c->form, "match_method", mode_entries(match_methods()),
                              "What pairs are put in order by");
+  // The longest name is seen in the list; in the column it may be cut.
+  c->method->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+  c->method->setMinimumContentsLength(16);
   QObject::connect(c->method, &QComboBox::activated, c->dialog, [c](int) {
     const std::int32_t method = c->method->currentData().toInt();
-    if (method_shows_correlograms(method)) c->with_correlograms->setChecked(true);
+    show_by_method(*c, method);
     run_step(c, "Making the list ...", [method](session_state& session, pair_comparison&) {
       compare_by_method(session, method);
       return comparison_step::refresh;
     });
   });
   auto* row = new QHBoxLayout;
+  row->setSpacing(6);
   row->addWidget(new QLabel("Match method"));
   row->addWidget(c->method, 1);
   row->addWidget(move_button(c, "most_similar", "Most similar", "The first pair of the list",
@@ -352,6 +395,7 @@ constexpr find_row find_rows[] = {
 
 QGroupBox* find_box(const shared_compare& c) {
   auto* grid = new QGridLayout;
+  grid->setVerticalSpacing(3);
   grid->addLayout(method_row(c), 0, 0, 1, 3);
   int line = 1;
   for (const find_row& of : find_rows) {
@@ -363,9 +407,18 @@ QGroupBox* find_box(const shared_compare& c) {
                                 [&of](session_state& s) { return of.step(s, 1); }),
                     line++, 2);
   }
+  auto* figures = new QHBoxLayout;
+  const auto add_figure = [figures](const char* name, const char* label) {
+    auto* rows = new QFormLayout;
+    rows->setHorizontalSpacing(6);
+    figures->addLayout(rows);
+    return add_value(rows, name, label, "-");
+  };
+  c->match_value = add_figure("match_value", "Match value");
+  c->position = add_figure("match_position", "Place in the list");
+  grid->addLayout(figures, line++, 0, 1, 3);
   auto* rows = new QFormLayout;
-  c->match_value = add_value(rows, "match_value", "Match value", "-");
-  c->position = add_value(rows, "match_position", "Place in the list", "-");
+  rows->setHorizontalSpacing(6);
   const auto& strategy = c->w.session.strategy;
   add_value(rows, "thresholds", "Thresholds",
             QString("overlap %1, correlation %2")
@@ -376,28 +429,17 @@ QGroupBox* find_box(const shared_compare& c) {
   return titled_box("List of pairs", grid);
 }
 
-QLayout* display_row(const shared_compare& c) {
-  c->with_correlograms = logical_control(c->form, "show_correlograms",
-                                         "auto and cross-correlations", "In a window beside this");
-  QPushButton* swap =
-      make_button("swap_display", "Swap display", "Draw the second cluster in place of the first");
-  swap->setAutoDefault(false);
-  bind_keys(c->dialog, swap);
-  QObject::connect(swap, &QPushButton::clicked, c->dialog, [c] {
-    c->swapped = !c->swapped;
-    show_windows(*c);
-  });
-  QObject::connect(c->with_correlograms, &QCheckBox::toggled, c->dialog, [c](bool on) {
-    if (c->dialog->running()) return;
-    c->w.session.review.show_correlograms = on;
-    if (on) return show_windows(*c);
-    if (graph_window* window = graph_of(c->w, graph_kind::correlograms)) window->close();
-  });
-  auto* row = new QHBoxLayout;
-  row->addWidget(c->with_correlograms);
-  row->addStretch();
-  row->addWidget(swap);
-  return row;
+QWidget* display_page(const shared_compare& c) {
+  auto* page = new QWidget;
+  auto* rows = new QVBoxLayout(page);
+  rows->setSpacing(3);
+  rows->addLayout(window_rows(c->displays, c->form, "auto and cross-correlations"));
+  rows->addLayout(waveform_row(c->displays));
+  rows->addLayout(scale_rows(c->displays));
+  rows->addStretch();
+  say_words_of(c, c->displays->n_items);
+  say_words_of(c, c->displays->pixels_per_uv);
+  return page;
 }
 
 constexpr const char* help_text =
@@ -407,6 +449,12 @@ constexpr const char* help_text =
     "numbers, or by two lines of the list of units (the second one with Ctrl).\n\n"
     "\"Merge -|\" goes on with the merged cluster, \"Merge |<\" with the first pair. \"Re-split\" "
     "clusters the events of both afresh. \"Undo\" takes back the last of these.";
+constexpr const char* display_help_text =
+    "\"Swap display\" draws the other cluster on top. \"Templates\" shows the mean of each, "
+    "\"Waveforms\" so many events of each; in the window the page keys go through them.\n\n"
+    "\"rotate\" turns the components where there are three of them, \"PC scale\" enlarges them; "
+    "\"auto\" fits all points in. \"zoom\" enlarges the waveforms about the centre channel, and "
+    "\"offset\" moves them up or down.";
 
 QDialogButtonBox* button_row(const shared_compare& c) {
   auto* buttons = new QDialogButtonBox;
@@ -426,45 +474,57 @@ QDialogButtonBox* button_row(const shared_compare& c) {
                    [c] { set_interrupts(c->w.session.operation, true); });
   QObject::connect(keys, &QPushButton::clicked, c->dialog, [c] { show_key_page(c->w, c->dialog); });
   QObject::connect(help, &QPushButton::clicked, c->dialog, [c] {
-    tell(c->w.session, help_text, "Compare cluster pairs", box_icon::information);
+    const bool of_list = c->pages->currentWidget() == c->list;
+    show_message(c->w, of_list ? help_text : display_help_text, "Compare cluster pairs",
+                 box_icon::information);
   });
   bind_keys(c->dialog, keys);
   return buttons;
 }
 
-QLayout* left_column(const shared_compare& c) {
+QTabWidget* make_pages(const shared_compare& c) {
+  c->list = new unit_list(c->w);
+  c->pages = new QTabWidget;
+  c->pages->setObjectName("pages");
+  c->pages->addTab(c->list, "Clusters");
+  c->pages->addTab(display_page(c), "Display");
+  return c->pages;
+}
+
+// One narrow column, so that the windows have the rest of the screen.
+void fill_panel(const shared_compare& c) {
+  c->panel = new QWidget;
   c->title = value_label("pair_title");
   c->warning = value_label("warning");
   c->warning->setText({});
-  auto* both = new QHBoxLayout;
-  both->addWidget(cluster_box(c), 1);
-  both->addWidget(pair_box(c), 1);
-  auto* left = new QVBoxLayout;
-  left->addWidget(c->title);
-  left->addWidget(c->warning);
-  left->addLayout(both);
-  left->addWidget(find_box(c));
-  left->addWidget(action_box(c));
-  left->addLayout(display_row(c));
-  left->addStretch();
-  return left;
+  auto* titles = new QHBoxLayout;
+  titles->addWidget(c->title);
+  titles->addStretch();
+  titles->addWidget(c->warning);
+  auto* column = new QVBoxLayout(c->panel);
+  column->setContentsMargins(0, 0, 0, 0);
+  column->addLayout(titles);
+  column->addWidget(pair_box(c));
+  column->addWidget(find_box(c));
+  column->addLayout(action_row(c));
+  column->addWidget(make_pages(c), 1);
 }
 
 void fill_dialog(const shared_compare& c) {
-  c->panel = new QWidget;
-  c->list = new unit_list(c->w);
-  c->list->setMinimumWidth(270);
   c->message = value_label("message");
   c->message->clear();
   c->bar = make_bar("progress", 100);
-  auto* both = new QHBoxLayout(c->panel);
-  both->setContentsMargins(0, 0, 0, 0);
-  both->addLayout(left_column(c));
-  both->addWidget(c->list, 1);
+  fill_panel(c);
+  // Words ask for no more than the room that there is.
+  c->message->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  c->bar->setMaximumWidth(120);
+  auto* progress = new QHBoxLayout;
+  progress->addWidget(c->message, 1);
+  progress->addWidget(c->bar);
   auto* layout = new QVBoxLayout(c->dialog);
+  layout->setContentsMargins(6, 6, 6, 6);
   layout->addWidget(c->panel, 1);
-  layout->addWidget(c->message);
-  layout->addWidget(c->bar);
+  layout->addLayout(progress);
   layout->addWidget(button_row(c));
   c->dialog->disabled_while_running << inputs_of(c->panel);
   for (QPushButton* button : c->panel->findChildren<QPushButton*>()) {
@@ -501,6 +561,7 @@ void open_comparison(const shared_compare& c) {
     fill_pair_comparison(session);
     return comparison_step::refresh;
   });
+  show_by_method(*c, c->w.session.review.match_method);
 }
 
 }  // namespace

@@ -5,13 +5,13 @@
 #include "review/guided_merge.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/display_controls.h"
 #include "workstation/dialogs/pair_split_dialog.h"
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
 #include "workstation/windows/cluster_windows.h"
-#include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
@@ -35,12 +35,15 @@ struct guided_window {
   QLabel *correlation = nullptr, *common = nullptr, *stable = nullptr, *left = nullptr;
   QLabel* message = nullptr;
   QProgressBar* bar = nullptr;
-  QCheckBox* with_correlograms = nullptr;
   QPushButton *undo = nullptr, *finish = nullptr, *interrupt = nullptr;
   unit_list* list = nullptr;
-  bool swapped = false;  // the other cluster on top
+  shared_displays displays;
 
-  guided_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
+  guided_window(workstation& of, operation_dialog* d)
+      : w(of),
+        dialog(d),
+        form(of.session, d),
+        displays(std::make_shared<display_controls>(of, d)) {}
 };
 using shared_guided = std::shared_ptr<guided_window>;
 
@@ -58,17 +61,6 @@ void show_figures(const guided_window& g) {
   g.common->setText(QString::fromStdString(common_channels_text(v)));
   g.stable->setText(QString("%1 of %2").arg(g.walk.n_stable).arg(g.walk.n_clusters));
   g.left->setText(QString::number(g.walk.pairs_left));
-}
-
-void show_pair(const guided_window& g) {
-  // Without a pair, as after the last one, the windows keep what they show.
-  if (g.values.a < 1) return;
-  // The last one is drawn on top.
-  const std::int32_t first = g.swapped ? g.values.b : g.values.a;
-  const std::int32_t second = g.swapped ? g.values.a : g.values.b;
-  refresh_windows(g.w);
-  show_pair_windows(g.w, first, second);
-  if (g.with_correlograms->isChecked()) show_correlograms(g.w, first, second);
 }
 
 void show_step(const shared_guided& g);
@@ -119,7 +111,7 @@ void show_step(const shared_guided& g) {
     g->dialog->accept();
     return;
   }
-  show_pair(*g);
+  show_pair_displays(g->displays, g->values.a, g->values.b);
   if (g->step == guided_step::ask) ask_how_to_split(g);
 }
 
@@ -163,47 +155,44 @@ QGroupBox* decision_box(const shared_guided& g) {
   return titled_box("What do you want to do?", grid);
 }
 
+// In two columns, so that the dialog is not as high as the screen.
 QGroupBox* pair_box(guided_window& g) {
-  auto* rows = new QFormLayout;
-  g.clusters = add_value(rows, "guided_pair", "Clusters", "...");
-  g.channels = add_value(rows, "channels", "Channels", "...", "Centre channels");
-  g.events = add_value(rows, "pair_events", "Events", "...");
+  auto* left = new QFormLayout;
+  g.clusters = add_value(left, "guided_pair", "Clusters", "...");
+  g.channels = add_value(left, "channels", "Channels", "...", "Centre channels");
+  g.events = add_value(left, "pair_events", "Events", "...");
   g.overlap =
-      add_value(rows, "overlap", "Cluster overlap", "...", "0: apart, 1: one cloud of points");
-  g.correlation = add_value(rows, "template_correlation", "template correlation", "...");
-  g.common = add_value(rows, "common_channels", "channels in common", "...");
-  g.stable = add_value(rows, "n_stable", "# of stable clusters", "...",
+      add_value(left, "overlap", "Cluster overlap", "...", "0: apart, 1: one cloud of points");
+  g.displays->voltage_scale =
+      add_value(left, "voltage_scale", "Voltage scale", "...", "Of the waveforms on show");
+  auto* right = new QFormLayout;
+  g.correlation = add_value(right, "template_correlation", "template correlation", "...");
+  g.common = add_value(right, "common_channels", "channels in common", "...");
+  g.stable = add_value(right, "n_stable", "# of stable clusters", "...",
                        "Clusters all of whose pairs are distinct");
-  g.left = add_value(rows, "pairs_left", "Pairs left to examine", "...");
-  return titled_box("Pair", rows);
+  g.left = add_value(right, "pairs_left", "Pairs left to examine", "...");
+  // They have room for what they may come to: a dialog at the edge must not grow.
+  const QFontMetrics metrics = g.dialog->fontMetrics();
+  g.events->setMinimumWidth(metrics.horizontalAdvance("0000 and 0000"));
+  g.stable->setMinimumWidth(metrics.horizontalAdvance("000 of 000"));
+  auto* both = new QHBoxLayout;
+  for (QFormLayout* rows : {left, right}) {
+    rows->setVerticalSpacing(3);
+    both->addLayout(rows);
+  }
+  return titled_box("Pair", both);
 }
 
-QLayout* display_rows(const shared_guided& g) {
-  g->with_correlograms =
-      logical_control(g->form, "show_correlograms", "show auto && cross correlograms",
-                      "Beside the windows of the pair");
-  QPushButton* swap = make_button("swap_display", "Swap display", "Draw the other cluster on top");
-  swap->setAutoDefault(false);
-  QObject::connect(swap, &QPushButton::clicked, g->dialog, [g] {
-    g->swapped = !g->swapped;
-    show_pair(*g);
-  });
-  QObject::connect(g->with_correlograms, &QCheckBox::toggled, g->dialog, [g](bool on) {
-    // The box is stored and shown with the next pair.
-    if (g->dialog->running()) return;
-    if (on) {
-      show_pair(*g);
-      tile_cluster_windows(g->w, g->dialog);
-    }
-    if (graph_window* window = graph_of(g->w, graph_kind::correlograms); !on && window) {
-      window->close();
-    }
-  });
-  auto* row = new QHBoxLayout;
-  row->addWidget(g->with_correlograms);
-  row->addStretch();
-  row->addWidget(swap);
-  return row;
+QGroupBox* display_box(const shared_guided& g) {
+  auto* grid = new QGridLayout;
+  grid->addLayout(window_rows(g->displays, g->form, "show auto && cross correlograms"), 0, 0);
+  QLayout* waveforms = waveform_row(g->displays);
+  waveforms->addWidget(words_line({g->displays->n_items}));
+  grid->addLayout(waveforms, 1, 0);
+  // Where scroll bars stand: at the right of what they scroll, and below it.
+  grid->addWidget(position_bar(g->displays), 2, 0);
+  grid->addWidget(gain_bar(g->displays), 0, 1, 3, 1);
+  return titled_box("Display", grid);
 }
 
 QLayout* order_row(const shared_guided& g) {
@@ -217,33 +206,49 @@ QLayout* order_row(const shared_guided& g) {
   return row;
 }
 
+constexpr const char* help_text =
+    "The pairs that are neither distinct nor marked come one after the other. Two clusters are one "
+    "unit when their waveforms are the same but for their size, their points lie in each other, "
+    "and the cross-correlogram has the same gap round 0 as the two beside it.\n\n"
+    "\"Merge\" makes them one. \"Merge and split\" clusters the events of both afresh; a clear "
+    "split in two is applied at once, otherwise you are asked. \"Mark as distinct\" and "
+    "\"Ambiguous\" leave them as they are, and the pair does not come again. \"<-- undo\" takes "
+    "the last of these back. \"Finish\" ends; the marks stay.";
+
 QDialogButtonBox* button_row(const shared_guided& g) {
   auto* buttons = new QDialogButtonBox;
   g->interrupt =
       add_button(buttons, "interrupt", "Interrupt", QDialogButtonBox::ActionRole, "Stop what runs");
   QPushButton* keys =
       add_button(buttons, "key_page", "Keys", QDialogButtonBox::HelpRole, "What the keys do");
+  QPushButton* help =
+      add_button(buttons, "help", "?", QDialogButtonBox::HelpRole, "What is decided here, and how");
   g->interrupt->setEnabled(false);
+  g->dialog->disabled_while_running << help;
   g->dialog->enabled_while_running << g->interrupt;
   QObject::connect(g->interrupt, &QPushButton::clicked, g->dialog,
                    [g] { set_interrupts(g->w.session.operation, true); });
   QObject::connect(keys, &QPushButton::clicked, g->dialog, [g] { show_key_page(g->w, g->dialog); });
+  QObject::connect(help, &QPushButton::clicked, g->dialog, [g] {
+    show_message(g->w, help_text, "Guided Merge and Split", box_icon::information);
+  });
   bind_keys(g->dialog, keys);
   return buttons;
 }
 
 void fill_dialog(const shared_guided& g) {
   g->list = new unit_list(g->w);
-  g->list->setMinimumSize(320, 150);
+  g->list->setMinimumSize(320, 110);
   g->message = new QLabel;
   g->message->setObjectName("message");
   g->bar = make_bar("progress", 100);
   // One narrow column, so that the windows have the rest of the screen.
   auto* layout = new QVBoxLayout(g->dialog);
+  layout->setContentsMargins(6, 6, 6, 6);
   layout->addWidget(pair_box(*g));
   layout->addWidget(decision_box(g));
   layout->addLayout(order_row(g));
-  layout->addLayout(display_rows(g));
+  layout->addWidget(display_box(g));
   layout->addWidget(g->list, 1);
   layout->addWidget(g->message);
   layout->addWidget(g->bar);
@@ -278,7 +283,7 @@ void guided_merge_command(workstation& w) {
         place_at_right(g->w, g->dialog);
         open_runner(g->w, g->dialog);
         show_step(g);
-        tile_cluster_windows(g->w, g->dialog);
+        g->list->setFocus();  // the keys are commands there, and text in a field
       });
 }
 

@@ -9,6 +9,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QScreen>
 #include <QSettings>
 #include <QShortcut>
 #include <QSortFilterProxyModel>
@@ -23,6 +24,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
 #include "workstation/windows/graph_windows.h"
+#include "workstation/windows/kept_places.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -421,16 +423,28 @@ void add_numbering_direction(settings_form& form, QHBoxLayout* row) {
 
 // ---------------------------------------------------------------- place
 
+void put_at_right(const workstation& w, QDialog* dialog) {
+  const QRect frame = w.frame->geometry();
+  const QRect screen = dialog->screen()->availableGeometry();
+  // Of the title bar and the lower border, which no toolkit tells of before a window is shown.
+  constexpr int decoration = 30;
+  // Below the menus of the frame, as far as the screen has room there.
+  const int wanted = frame.top() + 40;
+  const QSize least = dialog->minimumSizeHint();
+  const int room = std::max(screen.bottom() - wanted - decoration, least.height());
+  dialog->resize(dialog->width(), std::min(dialog->height(), room));
+  const int right = std::min(frame.right(), screen.right()) - dialog->width();
+  const int top = std::min(wanted, screen.bottom() - dialog->height() - decoration);
+  dialog->move(std::max(right, screen.left()), std::max(top, screen.top()));
+}
+
 void place_at_right(workstation& w, QDialog* dialog) {
-  const QString entry = "place/" + dialog->objectName();
-  QObject::connect(dialog, &QDialog::finished, dialog,
-                   [dialog, entry] { QSettings().setValue(entry, dialog->saveGeometry()); });
-  if (dialog->restoreGeometry(QSettings().value(entry).toByteArray())) return;
+  watch_place(dialog);
+  if (restore_place(dialog)) return;
   // What the screen has room for, as it will be shown.
   const bool sized = dialog->testAttribute(Qt::WA_Resized);
   dialog->resize((sized ? dialog->size() : dialog->sizeHint()).boundedTo(screen_room(dialog)));
-  const QRect frame = w.frame->geometry();
-  dialog->move(frame.right() - dialog->width(), frame.top() + 60);
+  put_at_right(w, dialog);
 }
 
 }  // namespace kestrelvane

@@ -95,5 +95,7 @@ void add_numbering_direction(settings_form& form, QHBoxLayout* row);
 // A dialog beside the windows at the right edge of the frame, or where the user has moved it
 // the last time. To be called before it is shown.
 void place_at_right(workstation& w, QDialog* dialog);
+// The same wherever it has been moved to, and while it is open.
+void put_at_right(const workstation& w, QDialog* dialog);
 
 }  // namespace kestrelvane

@@ -3,11 +3,16 @@
 #include <QDialog>
 #include <QMdiArea>
 #include <algorithm>
+#include <optional>
+#include <vector>
 
 #include "review/review_guards.h"
 #include "workstation/commands/commands.h"
+#include "workstation/dialogs/dialog_parts.h"
+#include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/windows/cluster_displays.h"
+#include "workstation/windows/kept_places.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -21,32 +26,121 @@ void forget_cluster_displays(workstation& w) {
   d.pair.picture = {};
 }
 
-void tile_cluster_windows(workstation& w, const QDialog* dialog) {
+// ---------------------------------------------------------------- the workspace
+
+namespace {
+
+// The windows of a review, where the program has put them beside which dialog.
+struct tile {
+  graph_kind kind;
+  QRect place;
+};
+
+struct tiled_area {
+  int left, width, height;
+};
+
+// One that is being closed goes a moment later.
+graph_window* standing(const workstation& w, graph_kind kind) {
+  graph_window* window = graph_of(w, kind);
+  return window == nullptr || window->isHidden() ? nullptr : window;
+}
+
+// The side of the dialog that has more room.
+tiled_area area_beside(const workstation& w, const QDialog* dialog) {
   const QWidget* viewport = w.frame->area()->viewport();
   const QPoint corner = viewport->mapToGlobal(QPoint());
-  // The side of the dialog that has more room.
   const int left = dialog->frameGeometry().left() - corner.x();
   const int right = viewport->width() - (dialog->frameGeometry().right() - corner.x());
   const int width = std::min(std::max(left, right), viewport->width());
-  const int origin = left >= right ? 0 : viewport->width() - width;
-  constexpr int least_width = 480;  // of two windows side by side that can still be read
-  // The windows stay where the user has them.
-  if (width < least_width) return;
-  const auto place = [&](graph_kind kind, double x, double y, double wide, double high) {
-    graph_window* window = graph_of(w, kind);
-    if (window == nullptr) return;
-    const int height = viewport->height();
-    window->setGeometry(origin + static_cast<int>(x * width), static_cast<int>(y * height),
-                        static_cast<int>(wide * width), static_cast<int>(high * height));
-  };
-  place(graph_kind::cluster_waveforms, 0, 0, 0.55, 1);
-  place(graph_kind::waveform_comparison, 0, 0, 0.55, 1);
-  const bool something_below = graph_of(w, graph_kind::correlograms) != nullptr ||
-                               graph_of(w, graph_kind::amplitude_vs_time) != nullptr;
-  place(graph_kind::principal_components, 0.55, 0, 0.45, something_below ? 0.55 : 1);
-  place(graph_kind::correlograms, 0.55, 0.55, 0.45, 0.45);
-  place(graph_kind::amplitude_vs_time, 0.55, 0.55, 0.45, 0.45);
+  return {left >= right ? 0 : viewport->width() - width, width, viewport->height()};
 }
+
+QRect part_of(const tiled_area& area, double x, double y, double wide, double high) {
+  return QRect(area.left + static_cast<int>(x * area.width), static_cast<int>(y * area.height),
+               static_cast<int>(wide * area.width), static_cast<int>(high * area.height));
+}
+
+// Waveforms largest, components, and below them what is counted or stands against time.
+std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
+  using enum graph_kind;
+  const bool counted = standing(w, correlograms) != nullptr;
+  const bool against_time = standing(w, amplitude_vs_time) != nullptr;
+  const double cut = counted && against_time ? 0.40 : counted || against_time ? 0.55 : 1;
+  const double below = counted && against_time ? 0.30 : 0.45;
+  return {{cluster_waveforms, part_of(area, 0, 0, 0.55, 1)},
+          {waveform_comparison, part_of(area, 0, 0, 0.55, 1)},
+          {principal_components, part_of(area, 0.55, 0, 0.45, cut)},
+          {correlograms, part_of(area, 0.55, cut, 0.45, below)},
+          {amplitude_vs_time, part_of(area, 0.55, counted ? 0.70 : cut, 0.45, below)}};
+}
+
+review_workspace& workspace_of(workstation& w) {
+  if (!w.workspace) w.workspace = std::make_shared<review_workspace>();
+  return *w.workspace;
+}
+
+void begin_workspace(workstation& w, QDialog* dialog) {
+  workspace_of(w) = {dialog, {}};
+  QObject::connect(dialog, &QDialog::finished, w.frame, [&w, dialog] {
+    if (workspace_of(w).dialog != dialog) return;
+    keep_window_places(w);
+    workspace_of(w) = {};
+  });
+}
+
+bool has_own_size(const graph_window& window) {
+  return !window.isMaximized() && !window.isMinimized();
+}
+
+}  // namespace
+
+void keep_window_places(workstation& w) {
+  review_workspace& space = workspace_of(w);
+  if (!space.dialog) return;
+  for (auto& [kind, place] : space.placed) {
+    const graph_window* window = standing(w, kind);
+    if (window == nullptr || !has_own_size(*window) || window->geometry() == place) continue;
+    place = window->geometry();
+    keep_place(space.dialog->objectName(), window->objectName(), place);
+  }
+}
+
+void tile_cluster_windows(workstation& w, QDialog* dialog) {
+  review_workspace& space = workspace_of(w);
+  if (space.dialog == dialog) keep_window_places(w);
+  if (space.dialog != dialog) begin_workspace(w, dialog);
+  const tiled_area area = area_beside(w, dialog);
+  constexpr int least_width = 480;  // of two windows side by side that can still be read
+  space.placed.clear();
+  for (const tile& computed : tiles_of(w, area)) {
+    graph_window* window = standing(w, computed.kind);
+    if (window == nullptr || !has_own_size(*window)) continue;
+    const std::optional<QRect> kept = kept_place(dialog->objectName(), window->objectName());
+    if (kept && w.frame->area()->viewport()->rect().contains(*kept)) {
+      window->setGeometry(*kept);
+    } else if (area.width >= least_width) {
+      window->setGeometry(computed.place);
+    }
+    space.placed[computed.kind] = window->geometry();
+  }
+}
+
+bool arrange_workspace(workstation& w) {
+  QDialog* dialog = workspace_of(w).dialog;
+  if (dialog == nullptr || !dialog->isVisible()) return false;
+  forget_places(dialog);
+  dialog->resize(dialog->sizeHint().boundedTo(screen_room(dialog)));
+  put_at_right(w, dialog);
+  workspace_of(w).placed.clear();
+  for (const tile& computed : tiles_of(w, area_beside(w, dialog))) {
+    if (graph_window* window = standing(w, computed.kind)) window->showNormal();
+  }
+  tile_cluster_windows(w, dialog);
+  return true;
+}
+
+// ---------------------------------------------------------------- clusters and pairs
 
 void show_cluster_windows(workstation& w) {
   displays_of(w);

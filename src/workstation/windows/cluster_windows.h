@@ -6,7 +6,11 @@
 // plane_windows.cpp and spike_windows.cpp; what they share is cluster_displays.h.
 #pragma once
 
+#include <QDialog>
+#include <QPointer>
+#include <QRect>
 #include <cstdint>
+#include <map>
 
 #include "session/cluster_change.h"
 #include "workstation/windows/graph_windows.h"
@@ -22,10 +26,22 @@ graph_routines spike_view_routines(workstation& w);
 // The session has changed: nothing that is kept of it holds any more.
 void forget_cluster_displays(workstation& w);
 
-// Tiles those of the review's windows that are open beside a dialog, without overlap: waveforms
-// largest, components, and below them what stands against time or is counted. Where the dialog
-// leaves too little room they stay where they are.
-void tile_cluster_windows(workstation& w, const QDialog* dialog);
+// The windows of a review beside its dialog, where the program has last put them.
+struct review_workspace {
+  QPointer<QDialog> dialog;
+  std::map<graph_kind, QRect> placed;  // in the frame's area; of those that are open
+};
+
+// Puts those of the review's windows that are open beside a dialog where the user has moved them
+// beside it the last time; the others are tiled without overlap: waveforms largest, components,
+// and below them what stands against time or is counted. Where the dialog leaves too little room
+// they stay where they are.
+void tile_cluster_windows(workstation& w, QDialog* dialog);
+// Remembers what the user has moved since then; before a window closes, and when the dialog does.
+void keep_window_places(workstation& w);
+// "Auto-arrange" beside a review dialog: what was moved is forgotten, and dialog and windows
+// stand as computed. False when there is no such dialog.
+bool arrange_workspace(workstation& w);
 
 // Opens the windows of one cluster, the current one, or of a pair; those that are open follow.
 void show_cluster_windows(workstation& w);
