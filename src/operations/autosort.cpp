@@ -305,6 +305,9 @@ void leave_pair_stage(session_state& session) {
   session.autosort.autosort_pair_stage = false;
   // They were marks of the run; the review by the user starts without any.
   session.lists.kv_user_ambiguous.clear();
+  session.autosort.pool = {};
+  // What shows the pool has to look again.
+  refresh_displays(session);
 }
 
 bool end_interrupted(session_state& session) {
@@ -378,6 +381,7 @@ void begin_run(session_state& session) {
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;
   session.autosort.autosort_pair_stage = false;
+  session.autosort.pool = {};
   session.operation.detection_interrupted = false;
   session.multi_threaded_now = session.preferences.multi_threaded;
 }

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "session/cluster_table.h"
 #include "session/edit_history.h"
@@ -51,6 +52,17 @@ struct detection_state {
   table<std::int16_t> proto_mark_channel{event_limit};
 };
 
+// The events that a run has pooled last, with the labels that tell them apart, as points in the
+// plane of their components: what a paused run shows. Held in the stages of pairs alone.
+struct event_pool {
+  std::vector<std::int32_t> pooled;    // clusters, by the numbers that they had; empty: no pool
+  std::vector<std::int32_t> clusters;  // that have come of them, by the numbers that they have now
+  std::vector<std::int32_t> events;    // ascending
+  std::vector<std::int16_t> labels;    // of each
+  std::int32_t dimensions = 0;
+  std::vector<float> values;  // of each so many, clustering units
+};
+
 // What an Autosort run carries between its stages and leaves for its caller.
 struct autosort_state {
   logical next_stage_requested = true;
@@ -59,6 +71,7 @@ struct autosort_state {
   // Clusters were split early where that was obvious, as every run does. A work file tells
   // it in place of the setting, which is for splits by hand.
   logical split_obvious = false;
+  event_pool pool;
   // The batch command and tests may end a run after a stage; autosort.h.
   std::int32_t stop_after = 0;
 };

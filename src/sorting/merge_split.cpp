@@ -10,6 +10,7 @@
 
 #include "clustering/clustering_runs.h"
 #include "clustering/membership.h"
+#include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "session/pair_index.h"
 #include "sorting/cluster_edits.h"
@@ -67,6 +68,20 @@ pair_search find_largest_overlap(const session_state& session, Qualifies&& quali
   return search;
 }
 
+// What the displays show of the pair or cluster in hand. points: of the events, in their order.
+void put_in_pool(session_state& session, std::vector<std::int32_t> clusters,
+                 std::vector<std::int32_t> events, gac_points& points) {
+  event_pool& pool = session.autosort.pool;
+  pool = {};
+  pool.pooled = pool.clusters = std::move(clusters);
+  pool.events = std::move(events);
+  for (const std::int32_t e : pool.events) {
+    pool.labels.push_back(session.events.event_subcluster[e]);
+  }
+  pool.dimensions = points.dimensions;
+  pool.values = std::move(points.values);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- safe merges
@@ -99,6 +114,41 @@ void report_merge_loss(const session_state& session, std::int32_t size_before,
                                    clustered_before - count_clustered_events(session)));
 }
 
+std::vector<std::int32_t> list_pair_events(const session_state& session, std::int32_t a,
+                                           std::int32_t b) {
+  std::vector<std::int32_t> list;
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    const std::int32_t of = session.events.event_cluster[e];
+    if (of == a || of == b) list.push_back(e);
+  }
+  return list;
+}
+
+// The two as they are before the merge, for who wants to see what is merged.
+void show_safe_pair(session_state& session, std::int32_t a, std::int32_t b) {
+  std::vector<std::int32_t> list = list_pair_events(session, a, b);
+  for (const std::int32_t e : list) {
+    session.events.event_subcluster[e] = session.events.event_cluster[e] == a ? 0 : 1;
+  }
+  gac_points points;
+  pair_pc_values(session, a, b, 0, points);
+  put_in_pool(session, {a, b}, std::move(list), points);
+  refresh_displays(session);
+  log_message(session, fmt::format("Paused for clusters {} {}", a, b));
+}
+
+// A merge has no labels left; for as long as it is looked at they tell who came from where.
+void label_as_pooled(session_state& session, std::int32_t merged) {
+  event_pool& pool = session.autosort.pool;
+  pool.clusters = {merged};
+  for (std::size_t i = 0; i < pool.events.size(); ++i) {
+    const std::int32_t e = pool.events[i];
+    if (session.events.event_cluster[e] == merged) {
+      session.events.event_subcluster[e] = pool.labels[i];
+    }
+  }
+}
+
 void merge_safe_pair(session_state& session, std::int64_t k) {
   const auto [a, b] = pair_from_index(session.clusters.n_clusters, k);
   // Read once: labels, report and pause belong together, and the button may be pressed at any
@@ -107,24 +157,19 @@ void merge_safe_pair(session_state& session, std::int64_t k) {
   const std::int32_t size_before =
       count_cluster_events(session, a) + count_cluster_events(session, b);
   const std::int32_t clustered_before = pause ? count_clustered_events(session) : 0;
-  if (pause) {
-    for (const std::int32_t e : list_cluster_events(session, a)) {
-      session.events.event_subcluster[e] = 0;
-    }
-    for (const std::int32_t e : list_cluster_events(session, b)) {
-      session.events.event_subcluster[e] = 1;
-    }
-    refresh_displays(session);
-    log_message(session, fmt::format("Paused for clusters {} {}", a, b));
-  }
+  session.autosort.pool = {};
+  if (pause) show_safe_pair(session, a, b);
   // Numbers the pair by the clusters before the merge; k means nothing after it.
   apply_template_shift(session, a, b, k);
   merge_clusters(session, a, b);
+  const std::int32_t merged = std::min(a, b);
+  if (pause) label_as_pooled(session, merged);
   refresh_displays(session);
-  if (pause) {
-    report_merge_loss(session, size_before, count_cluster_events(session, std::min(a, b)),
-                      clustered_before);
-    pause_point(session);
+  if (!pause) return;
+  report_merge_loss(session, size_before, count_cluster_events(session, merged), clustered_before);
+  pause_point(session);
+  for (const std::int32_t e : list_cluster_events(session, merged)) {
+    session.events.event_subcluster[e] = 0;
   }
 }
 
@@ -199,6 +244,7 @@ void merge_pool(session_state& session, std::int32_t a, std::int32_t b, std::int
   log_message(session, fmt::format("Merging pair that can't be split; initial overlap ={}",
                                    session.lists.kv_cluster_overlap[k]));
   absorb_cluster(session, a, b);
+  session.autosort.pool.clusters = {std::min(a, b)};
 }
 
 void mark_ambiguous(session_state& session, const std::vector<std::int32_t>& members) {
@@ -251,7 +297,8 @@ void replace_pair(session_state& session, std::int32_t a, std::int32_t b, std::i
     log_message(session, n_listed == 3 ? "Adding new cluster" : "Adding new clusters");
     log_message(session, fmt::format("Splitting into{}", n_listed));
   };
-  mark_ambiguous(session, share_out_events(session, places));
+  session.autosort.pool.clusters = share_out_events(session, places);
+  mark_ambiguous(session, session.autosort.pool.clusters);
 }
 
 // Merges or splits the pair k = (a, b). False when the cluster limit forbids it;
@@ -266,12 +313,9 @@ bool merge_or_split_pair(session_state& session, std::int64_t k) {
   // As if all of them were new, though two take over the numbers of the pair.
   if (session.clusters.n_clusters + verdict.n_keep > session.max_clusters) return false;
   if (verdict.best_stage != 0) fold_unlisted(session, points, *tables, verdict);
-  std::vector<std::int32_t> list;
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    const std::int32_t of = session.events.event_cluster[e];
-    if (of == a || of == b) list.push_back(e);
-  }
+  const std::vector<std::int32_t> list = list_pair_events(session, a, b);
   label_events(session, list, *tables, verdict);
+  put_in_pool(session, {a, b}, list, points);
   refresh_displays(session);
   if (verdict.kept.size() < 2) {
     merge_pool(session, a, b, k);
@@ -373,13 +417,15 @@ namespace {
 
 // Cuts one cluster by the verdict: the first of the list stays, the others become
 // new clusters at the end, and what no listed sub-cluster could take is unclustered.
-void split_by_verdict(session_state& session, std::int32_t cluster, const gac_points& points,
+void split_by_verdict(session_state& session, std::int32_t cluster, gac_points& points,
                       gac_tables& tables, const stage_verdict& verdict) {
   fold_unlisted(session, points, tables, verdict);
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   label_events(session, list, tables, verdict);
+  put_in_pool(session, {cluster}, list, points);
   refresh_displays(session);
-  share_out_events(session, places_of_labels(session, {cluster}, list, verdict, 0));
+  session.autosort.pool.clusters =
+      share_out_events(session, places_of_labels(session, {cluster}, list, verdict, 0));
   for (const std::int32_t e : list) session.events.event_subcluster[e] = 0;
 }
 
@@ -404,9 +450,10 @@ check_result check_cluster(session_state& session, std::int32_t c) {
   const stage_verdict verdict = judge_stages(session, points, *tables);
   if (verdict.kept.size() < 2) {
     log_message(session, "Cannot find subclusters");
-    for (const std::int32_t e : list_cluster_events(session, c)) {
-      session.events.event_subcluster[e] = 0;
-    }
+    const std::vector<std::int32_t> list = list_cluster_events(session, c);
+    for (const std::int32_t e : list) session.events.event_subcluster[e] = 0;
+    put_in_pool(session, {c}, list, points);
+    refresh_displays(session);
     return check_result::one_cluster;
   }
   // As if all of them were new, though the first keeps the number.

@@ -2,8 +2,10 @@
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QSlider>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <memory>
+#include <utility>
 
 #include "clustering/realignment.h"
 #include "detection/sample_test.h"
@@ -13,8 +15,11 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/display_controls.h"
+#include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/cluster_windows.h"
+#include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -43,6 +48,7 @@ struct autosort_window {
   QPushButton *start = nullptr, *interrupt = nullptr, *resume = nullptr;
   QPushButton *next = nullptr, *done = nullptr;
   QCheckBox* pause = nullptr;
+  bool pool_shown = false;  // a pause of this run has opened the windows
 
   autosort_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
 };
@@ -219,6 +225,7 @@ void start_run(const shared_autosort& a) {
   operation.detection_interrupted = false;
   // Ticked before the start, it stops at the first pause point.
   operation.pause_requested = a->pause->isChecked();
+  a->pool_shown = false;
   a->dialog->run([](session_state& session) { autosort(session); },
                  [a] {
                    // Detection may have turned to the lockout method, clusters may be there.
@@ -253,17 +260,33 @@ void make_buttons(autosort_window& a) {
   a.done = make_button("done", "Done", "Close");
   a.start->setDefault(true);
   a.interrupt->setEnabled(false);
-  a.pause->setEnabled(false);
   a.resume->setEnabled(false);
 }
 
-// What is on when. Resume is in neither list: it goes with the pauses of a run.
+// What is on when. Pause may be ticked before a run, and Resume goes with its pauses.
 void share_out_controls(const autosort_window& a) {
   a.dialog->disabled_while_running << a.start << a.next << a.done;
   for (const QGroupBox* box : {a.detection_box, a.clustering_box, a.merging_box}) {
     a.dialog->disabled_while_running << inputs_of(box);
   }
-  a.dialog->enabled_while_running << a.interrupt << a.pause;
+  a.dialog->enabled_while_running << a.interrupt;
+}
+
+// What a run has in hand when it pauses in the stages of pairs: its events in the plane of their
+// components, and their waveforms, beside the dialog.
+void show_pause(const shared_autosort& a) {
+  if (!a->w.paused) return;
+  {
+    const session_turn turn(a->w);
+    if (!turn.taken) {
+      // A save has the session for a while.
+      QTimer::singleShot(50, a->dialog, [a] { show_pause(a); });
+      return;
+    }
+    if (a->w.session.autosort.pool.pooled.empty()) return;
+    show_pool_windows(a->w);
+  }
+  if (!std::exchange(a->pool_shown, true)) tile_cluster_windows(a->w, a->dialog);
 }
 
 void connect_pause(const shared_autosort& a) {
@@ -282,8 +305,10 @@ void connect_pause(const shared_autosort& a) {
     a->w.session.operation.pause_requested = a->pause->isChecked();
     a->w.desk->resume();
   });
-  QObject::connect(a->w.desk, &interface_desk::paused, dialog,
-                   [a] { a->resume->setEnabled(true); });
+  QObject::connect(a->w.desk, &interface_desk::paused, dialog, [a] {
+    a->resume->setEnabled(true);
+    show_pause(a);
+  });
   QObject::connect(a->w.desk, &interface_desk::resumed, dialog,
                    [a] { a->resume->setEnabled(false); });
 }
@@ -394,6 +419,7 @@ void autosort_command(workstation& w) {
     if (result != asks_for_next) shell.session.autosort.next_stage_requested = false;
     after_dialog(shell);
   });
+  place_at_right(w, dialog);
   open_runner(w, dialog);
 }
 

@@ -4,6 +4,7 @@
 #include <QPaintEngine>
 #include <QPainter>
 #include <QTimer>
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <utility>
@@ -28,6 +29,10 @@ bool is_cluster(const workstation& w, std::int32_t c) {
 
 std::vector<std::int32_t> clusters_on_show(workstation& w) {
   const cluster_displays& d = displays_of(w);
+  // What a run has in hand comes before what a review has left on show.
+  std::vector<std::int32_t> pooled = w.session.autosort.pool.clusters;
+  std::erase_if(pooled, [&w](std::int32_t c) { return !is_cluster(w, c); });
+  if (!pooled.empty()) return pooled;
   // An edit may have taken one of them away before the review has chosen the next pair.
   if (is_cluster(w, d.a) && is_cluster(w, d.b) && d.a != d.b) return {d.a, d.b};
   const std::int32_t current = w.session.clusters.current_cluster;
@@ -134,10 +139,26 @@ void plan_reading(workstation& w) {
   QTimer::singleShot(0, w.frame, [&w] { go_on_reading(w); });
 }
 
+const component_values& values_of_pool(const workstation& w, cluster_displays& d) {
+  const event_pool& pool = w.session.autosort.pool;
+  d.values = component_values_of(pool.events, pool.labels, pool.dimensions, pool.values);
+  d.values.clusters = pool.pooled;
+  // One cluster that has not come apart looks as in the other windows.
+  const bool labelled = std::any_of(pool.labels.begin(), pool.labels.end(),
+                                    [](std::int16_t label) { return label != 0; });
+  if (!labelled) {
+    std::fill(d.values.marks.begin(), d.values.marks.end(), mark_of_cluster(pool.pooled[0]));
+  }
+  // Of the next picture the pool may be another one.
+  d.values_valid = false;
+  return d.values;
+}
+
 }  // namespace
 
 const component_values& values_on_show(workstation& w) {
   cluster_displays& d = displays_of(w);
+  if (!w.session.autosort.pool.pooled.empty()) return values_of_pool(w, d);
   const std::vector<std::int32_t> clusters = clusters_on_show(w);
   // Components of a large pair take longer to compute than to draw; until something changes they
   // stay.

@@ -64,6 +64,17 @@ QRect part_of(const tiled_area& area, double x, double y, double wide, double hi
 // Waveforms largest, components, and below them what is counted or stands against time.
 std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   using enum graph_kind;
+  constexpr int narrow = 600;  // where two side by side would be too slim to be read
+  if (area.width < narrow) {
+    const int n_below =
+        1 + (standing(w, correlograms) != nullptr) + (standing(w, amplitude_vs_time) != nullptr);
+    const double each = 0.5 / n_below;
+    return {{cluster_waveforms, part_of(area, 0, 0, 1, 0.5)},
+            {waveform_comparison, part_of(area, 0, 0, 1, 0.5)},
+            {principal_components, part_of(area, 0, 0.5, 1, each)},
+            {correlograms, part_of(area, 0, 0.5 + each, 1, each)},
+            {amplitude_vs_time, part_of(area, 0, 1 - each, 1, each)}};
+  }
   const bool counted = standing(w, correlograms) != nullptr;
   const bool against_time = standing(w, amplitude_vs_time) != nullptr;
   const double cut = counted && against_time ? 0.40 : counted || against_time ? 0.55 : 1;
@@ -155,6 +166,17 @@ void show_pair_windows(workstation& w, std::int32_t a, std::int32_t b) {
   d.b = b;
   show_graph(w, graph_kind::principal_components);
   show_graph(w, graph_kind::waveform_comparison);
+}
+
+void show_pool_windows(workstation& w) {
+  waveform_view& view = displays_of(w).pair.view;
+  const bool first = graph_of(w, graph_kind::waveform_comparison) == nullptr;
+  show_graph(w, graph_kind::principal_components);
+  show_graph(w, graph_kind::waveform_comparison);
+  // What is merged already has one template: only its events tell what they were.
+  if (!first || view.mode != waveform_mode::templates) return;
+  view.mode = waveform_mode::events;
+  redraw_graph(w, graph_kind::waveform_comparison);
 }
 
 void follow_cluster_change(workstation& w, const cluster_change& change) {

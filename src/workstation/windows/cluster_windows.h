@@ -46,6 +46,8 @@ bool arrange_workspace(workstation& w);
 // Opens the windows of one cluster, the current one, or of a pair; those that are open follow.
 void show_cluster_windows(workstation& w);
 void show_pair_windows(workstation& w, std::int32_t a, std::int32_t b);
+// Those of a run that pauses, over its pool of events; in a turn at the session.
+void show_pool_windows(workstation& w);
 // The pair on show after an edit has changed the numbers; none when one of the two is gone.
 void follow_cluster_change(workstation& w, const cluster_change& change);
 // A review has closed: windows show the current cluster again.
