@@ -2,7 +2,9 @@
 
 #include <QAction>
 #include <QCloseEvent>
+#include <QDialog>
 #include <QDragEnterEvent>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMdiArea>
 #include <QMenuBar>
@@ -108,6 +110,15 @@ void main_frame::closeEvent(QCloseEvent* event) {
     // The exit asks first and may take a save; the frame is closed once more when all is done.
     event->ignore();
   }
+}
+
+void main_frame::keyPressEvent(QKeyEvent* event) {
+  QDialog* dialog = dialog_beside(w_);
+  if (event->key() != Qt::Key_Escape || dialog == nullptr || w_.worker.running) {
+    return QMainWindow::keyPressEvent(event);
+  }
+  // As by its cross.
+  dialog->close();
 }
 
 void main_frame::dragEnterEvent(QDragEnterEvent* event) {

@@ -28,6 +28,8 @@ class main_frame : public QMainWindow {
 
  protected:
   void closeEvent(QCloseEvent* event) override;
+  // Escape that no window has a use for leaves the dialog beside them.
+  void keyPressEvent(QKeyEvent* event) override;
   void dragEnterEvent(QDragEnterEvent* event) override;
   void dropEvent(QDropEvent* event) override;
   bool eventFilter(QObject* watched, QEvent* event) override;

@@ -4,8 +4,11 @@
 #include <QComboBox>
 #include <QPushButton>
 #include <QSlider>
+#include <QTabWidget>
 #include <QTableView>
 #include <QTest>
+#include <QThread>
+#include <atomic>
 
 #include "review/pair_comparison.h"
 #include "sorting/cluster_edits.h"
@@ -171,6 +174,81 @@ TEST(ComparePairs, EditsKeepTheListAndAreTakenBack) {
   EXPECT_EQ(check_session(s), "");
 }
 
+TEST(ComparePairs, KeysAreTextInAFieldAndCommandsElsewhere) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  ASSERT_TRUE(QTest::qWaitForWindowActive(dialog));
+  const std::pair<int, int> first = w.shown_numbers(dialog);
+  auto* field = w.control<number_field>(dialog, "compare_b");
+  field->setFocus();
+  QTest::keyClick(field, Qt::Key_N);
+  QTest::keyClick(field, Qt::Key_G);
+  w.settle();
+  EXPECT_EQ(w.shown_numbers(dialog), first);
+  EXPECT_EQ(w.text(dialog, "message"), field->problem()->text()) << "what is wrong is told";
+  EXPECT_NE(w.text(dialog, "message"), "");
+  // The end of typing is not the end of the dialog.
+  QTest::keyClick(field, Qt::Key_Escape);
+  EXPECT_TRUE(w.is_open());
+  EXPECT_FALSE(field->hasFocus());
+  field->setFocus();
+  QTest::keyClick(field, Qt::Key_Return);
+  EXPECT_TRUE(w.is_open());
+  QTest::keyClick(dialog, Qt::Key_N);
+  EXPECT_EQ(w.shown_numbers(dialog), w.entry(2));
+
+  // Marks by key, each with its undo; Guided Merge then passes the pair over.
+  const std::int64_t k = find_pair(s, w.shown(dialog));
+  QTest::keyClick(dialog, Qt::Key_A);
+  w.settle();
+  EXPECT_TRUE(s.lists.kv_user_ambiguous[k]);
+  EXPECT_TRUE(w.control<QCheckBox>(dialog, "ambiguous")->isChecked());
+  QTest::keyClick(dialog, Qt::Key_U);
+  w.settle();
+  EXPECT_FALSE(s.lists.kv_user_ambiguous[k]);
+  EXPECT_FALSE(w.control<QCheckBox>(dialog, "ambiguous")->isChecked());
+  QTest::keyClick(dialog, Qt::Key_D);
+  w.settle();
+  EXPECT_TRUE(s.lists.kv_user_distinct[k]);
+
+  // From a window of the frame, too; but not under a worker.
+  graph_surface* surface = graph_of(w.shell, graph_kind::waveform_comparison)->surface();
+  std::atomic<bool> over = false;
+  start_operation(
+      w.shell,
+      [&](session_state&) {
+        while (!over) QThread::msleep(1);
+      },
+      nullptr);
+  QTest::keyClick(surface, Qt::Key_Escape);
+  EXPECT_TRUE(w.is_open());
+  over = true;
+  w.settle();
+  QTest::keyClick(surface, Qt::Key_Escape);
+  w.settle();
+  EXPECT_FALSE(w.is_open());
+}
+
+TEST(ComparePairs, IsANarrowColumnWithHelpForEachPage) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  EXPECT_LE(dialog->width(), 430);
+  EXPECT_LE(dialog->minimumSizeHint().height(), 752) << "as high as a screen of 800";
+  w.press(dialog, "help");
+  w.settle();
+  EXPECT_TRUE(w.told.last().startsWith("Pairs come in the order of the match method"));
+  w.control<QTabWidget>(dialog, "pages")->setCurrentIndex(1);
+  w.press(dialog, "help");
+  w.settle();
+  EXPECT_TRUE(w.told.last().startsWith("\"Swap display\" draws the other cluster on top"));
+  w.press(dialog, "ok");
+}
+
 TEST(ComparePairs, ResplitsAndWaitsForTheAnswer) {
   const temporary_directory home;
   comparing_workstation w(home.path);
@@ -227,6 +305,10 @@ TEST(ComparePairs, MethodsShowWhatTheyCompare) {
   EXPECT_EQ(w.shell.correlograms->a, w.shown(dialog).a);
   w.press(dialog, "swap_display");
   EXPECT_EQ(w.shell.correlograms->b, w.shown(dialog).a);
+  EXPECT_EQ(graph_of(w.shell, graph_kind::amplitude_vs_time), nullptr);
+  choose(match_rates);
+  EXPECT_NE(graph_of(w.shell, graph_kind::amplitude_vs_time), nullptr);
+  EXPECT_TRUE(w.control<QCheckBox>(dialog, "show_times")->isChecked());
   // No two templates overlap: told once, and any pair can still be shown.
   s.lists.kv_templates_dont_overlap[1] = true;
   for (std::int64_t k = 1; k <= s.lists.n_kv_pairs; ++k)

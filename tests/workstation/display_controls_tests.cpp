@@ -4,6 +4,7 @@
 #include <QComboBox>
 #include <QMdiArea>
 #include <QRadioButton>
+#include <QScreen>
 #include <QScrollBar>
 #include <QSettings>
 #include <QSlider>
@@ -166,6 +167,94 @@ TEST(DisplayControls, ComparisonZoomsMovesAndTurns) {
   w.tick(dialog, "autoscale", true);
   EXPECT_TRUE(w.shown().components.autoscale);
   w.press(dialog, "ok");
+}
+
+// ---------------------------------------------------------------- places
+
+TEST(KeptPlaces, WhatTheUserHasMovedComesBackUntilItIsArranged) {
+  const temporary_directory home;
+  displaying_workstation w(home.path);
+  const auto wait_for_rest = [] { QTest::qWait(400); };
+  QDialog* dialog = w.guide();
+  ASSERT_NE(dialog, nullptr);
+  wait_for_rest();
+  const QRect computed = w.place(graph_kind::waveform_comparison);
+  const QRect tile = w.place(graph_kind::principal_components);
+  const QRect moved(7, 9, 310, 240);
+  graph_of(w.shell, graph_kind::waveform_comparison)->setGeometry(moved);
+  const QPoint dialog_place = dialog->pos() + QPoint(-30, 5);
+  dialog->move(dialog_place);
+  w.press(dialog, "finish");
+  w.settle();
+
+  // Another dialog has its own places.
+  dialog = w.compare();
+  EXPECT_NE(w.place(graph_kind::waveform_comparison), moved);
+  EXPECT_NE(dialog->pos(), dialog_place);
+  w.press(dialog, "ok");
+  w.settle();
+  dialog = w.guide();
+  EXPECT_EQ(dialog->pos(), dialog_place);
+  EXPECT_EQ(w.place(graph_kind::waveform_comparison), moved);
+  EXPECT_NE(w.place(graph_kind::principal_components), moved);
+  // What comes beside it leaves alone what the user moves now.
+  const QRect again(20, 30, 300, 230);
+  graph_of(w.shell, graph_kind::waveform_comparison)->setGeometry(again);
+  w.tick(dialog, "show_correlograms", true);
+  EXPECT_EQ(w.place(graph_kind::waveform_comparison), again);
+  w.tick(dialog, "show_correlograms", false);
+
+  w.choose_entry("auto_arrange");
+  wait_for_rest();
+  EXPECT_EQ(w.place(graph_kind::waveform_comparison), computed);
+  EXPECT_EQ(w.place(graph_kind::principal_components), tile);
+  w.press(dialog, "finish");
+  w.settle();
+  dialog = w.guide();
+  EXPECT_NE(dialog->pos(), dialog_place);
+  EXPECT_EQ(w.place(graph_kind::waveform_comparison), computed);
+  w.press(dialog, "finish");
+  w.settle();
+}
+
+TEST(KeptPlaces, PlacesOfAnotherScreenAreComputedAnew) {
+  const temporary_directory home;
+  displaying_workstation w(home.path);
+  const QRect far(5000, 4000, 440, 600);
+  QSettings store;
+  store.setValue("places/compare_pairs_dialog/compare_pairs_dialog", far);
+  store.setValue("places/compare_pairs_dialog/components_window", far);
+  QDialog* dialog = w.compare();
+  ASSERT_NE(dialog, nullptr);
+  EXPECT_TRUE(dialog->screen()->availableGeometry().contains(dialog->pos()));
+  EXPECT_TRUE(w.shell.frame->area()->viewport()->rect().intersects(
+      w.place(graph_kind::principal_components)));
+  w.press(dialog, "ok");
+  store.remove("places");
+}
+
+TEST(KeptPlaces, WideFramesHaveTheWindowsSideBySide) {
+  const temporary_directory home;
+  displaying_workstation w(home.path);
+  QDialog* dialog = w.guide();
+  ASSERT_NE(dialog, nullptr);
+  w.tick(dialog, "show_times", true);
+  w.tick(dialog, "show_correlograms", true);
+  // A screen with room for it.
+  dialog->move(w.shell.frame->area()->mapToGlobal(QPoint(840, 0)));
+  tile_cluster_windows(w.shell, dialog);
+  const QRect waveforms = w.place(graph_kind::waveform_comparison);
+  EXPECT_GT(waveforms.width(), 440);
+  EXPECT_EQ(waveforms.height(), w.shell.frame->area()->viewport()->height());
+  for (const graph_kind kind : tiled) {
+    EXPECT_LE(w.place(kind).right(), 840);
+    EXPECT_TRUE(kind == tiled[0] || w.place(kind).left() >= waveforms.right()) << w.place(kind).x();
+  }
+  EXPECT_GE(w.place(graph_kind::amplitude_vs_time).top(),
+            w.place(graph_kind::correlograms).bottom());
+  w.press(dialog, "finish");
+  w.settle();
+  QSettings().remove("places");
 }
 
 }  // namespace

@@ -114,10 +114,19 @@ TEST(GuidedMerge, AsksHowToSplitAndLeavesWhatIsNotDecided) {
   slider->setValue(1);
   w.settle();
   EXPECT_FALSE(w.text(split, "events_1").endsWith("deleted")) << "a new stage forgets";
+  w.press(split, "help");
+  w.settle();
+  EXPECT_TRUE(w.told.last().startsWith("The lines are the subclusters"));
   w.press(split, "revert");
   w.settle();
-  w.press(split, "split");
+  // Its keys are those of the dialog that asks until it is answered.
+  split->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(split));
+  QTest::keyClick(split, Qt::Key_D);
+  EXPECT_NE(w.shell.frame->findChild<QDialog*>("pair_split_dialog"), nullptr);
+  QTest::keyClick(split, Qt::Key_S);
   w.settle();
+  EXPECT_EQ(w.shell.frame->findChild<QDialog*>("pair_split_dialog"), nullptr);
   EXPECT_EQ(w.membership(), before) << "as it was";
   EXPECT_EQ(check_session(s), "");
   // The cross of the window is "Finish".

@@ -537,10 +537,6 @@ void fill_dialog(const shared_compare& c) {
   });
   for (const auto& [key, direction] : {std::pair{"next_cluster", 1}, {"previous_cluster", -1}}) {
     bind_keys(c->dialog, key, [c, direction = direction] {
-      // In a field the keys mean what they mean in any field: up is one more.
-      for (number_field* field : {c->a, c->b}) {
-        if (field->hasFocus()) return field->stepBy(-direction);
-      }
       move_to(c, [direction](session_state& s) { return step_first_cluster(s, direction); });
     });
   }

@@ -2,6 +2,7 @@
 
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QPointer>
 #include <QSlider>
 #include <QVBoxLayout>
 #include <array>
@@ -160,6 +161,14 @@ void answer_with(const shared_split& s, QPushButton* button, ugm_message answer)
   });
 }
 
+constexpr const char* help_text =
+    "The lines are the subclusters found at one bandwidth, by size, in the colours of the windows. "
+    "\"select sigma\" goes through the bandwidths: the wider, the fewer subclusters. \"Merge\" "
+    "joins the lines above and below it; the events of a line that is deleted become "
+    "unclustered.\n\n"
+    "\"Split as shown\" makes the lines clusters. \"Revert\" shows the two clusters as they are. "
+    "\"Leave\" changes nothing.";
+
 QDialogButtonBox* button_row(const shared_split& s) {
   auto* buttons = new QDialogButtonBox;
   QPushButton* split = add_button(buttons, "split", "Split as shown", QDialogButtonBox::AcceptRole,
@@ -169,6 +178,7 @@ QDialogButtonBox* button_row(const shared_split& s) {
     QPushButton* merge =
         add_button(buttons, "merge", "Merge", QDialogButtonBox::AcceptRole, "The two are one unit");
     answer_with(s, merge, ugm_merge);
+    bind_keys(s->dialog, merge);
   }
   QPushButton* revert = add_button(buttons, "revert", "Revert", QDialogButtonBox::ResetRole,
                                    "The two clusters as they are");
@@ -179,6 +189,12 @@ QDialogButtonBox* button_row(const shared_split& s) {
     run_step(s, [](session_state& session, pair_split& of) { revert_split(session, of); });
   });
   QObject::connect(leave, &QPushButton::clicked, s->dialog, &QDialog::reject);
+  QPushButton* help = add_button(buttons, "help", "?", QDialogButtonBox::HelpRole,
+                                 "What the lines are, and what the buttons do");
+  QObject::connect(help, &QPushButton::clicked, s->dialog, [s] {
+    show_message(s->w, help_text, "What do you want to do?", box_icon::information);
+  });
+  bind_keys(s->dialog, split);
   split->setDefault(true);
   return buttons;
 }
@@ -195,8 +211,13 @@ void ask_for_split(workstation& w, pair_split& split, std::function<void(ugm_mes
   layout->addLayout(stage_row(s));
   layout->addLayout(subcluster_rows(s));
   layout->addWidget(button_row(s));
-  QObject::connect(dialog, &QDialog::finished, w.frame,
-                   [s, answer = std::move(answer)] { answer(s->answer); });
+  // The keys of the dialog that asks are this one's until it is answered.
+  const QPointer<QDialog> asking = dialog_beside(w);
+  if (asking) enable_keys(asking, false);
+  QObject::connect(dialog, &QDialog::finished, w.frame, [s, asking, answer = std::move(answer)] {
+    if (asking) enable_keys(asking, true);
+    answer(s->answer);
+  });
   place_at_right(w, dialog);
   // Over the windows and not in their way: they show what the lines stand for.
   open_beside(w, dialog, live_entries);

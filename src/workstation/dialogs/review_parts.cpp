@@ -2,11 +2,14 @@
 
 #include <QAbstractTableModel>
 #include <QApplication>
+#include <QComboBox>
 #include <QDialogButtonBox>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPlainTextEdit>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QScreen>
@@ -15,6 +18,7 @@
 #include <QSortFilterProxyModel>
 #include <QTableView>
 #include <QTableWidget>
+#include <QTextEdit>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <array>
@@ -84,10 +88,55 @@ const review_key* find_key(const QString& action) {
 }
 
 // A letter in a field is text, and not a command.
-bool is_typing() {
-  const QWidget* focus = QApplication::focusWidget();
-  const auto* line = qobject_cast<const QLineEdit*>(focus);
-  return line != nullptr && !line->isReadOnly();
+bool takes_text(const QWidget* widget) {
+  if (const auto* line = qobject_cast<const QLineEdit*>(widget)) return !line->isReadOnly();
+  if (const auto* spin = qobject_cast<const QAbstractSpinBox*>(widget)) return !spin->isReadOnly();
+  if (const auto* text = qobject_cast<const QTextEdit*>(widget)) return !text->isReadOnly();
+  if (const auto* text = qobject_cast<const QPlainTextEdit*>(widget)) return !text->isReadOnly();
+  const auto* list = qobject_cast<const QComboBox*>(widget);
+  return list != nullptr && list->isEditable();
+}
+bool is_typing() { return takes_text(QApplication::focusWidget()); }
+
+// Keys of a dialog mean in a field what they mean in any field; Escape and Return end the typing,
+// and are not those of the dialog.
+class typing_guard : public QObject {
+ public:
+  explicit typing_guard(QDialog* dialog) : QObject(dialog), dialog_(dialog) {
+    qApp->installEventFilter(this);
+  }
+  void add(const QKeySequence& key) { keys_ << key; }
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    const bool override = event->type() == QEvent::ShortcutOverride;
+    if (!override && event->type() != QEvent::KeyPress) return false;
+    QWidget* focus = QApplication::focusWidget();
+    if (watched != focus || !takes_text(focus)) return false;
+    const auto* key = static_cast<QKeyEvent*>(event);
+    if (override) {
+      // Taken here, it reaches the field as a key and no shortcut.
+      const bool ours = keys_.contains(QKeySequence(key->keyCombination()));
+      if (ours) event->accept();
+      return ours;
+    }
+    const bool ends =
+        key->key() == Qt::Key_Escape || key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter;
+    if (!ends || !dialog_->isAncestorOf(focus)) return false;
+    focus->clearFocus();
+    return true;
+  }
+
+ private:
+  QDialog* dialog_;
+  QList<QKeySequence> keys_;
+};
+
+typing_guard& guard_of(QDialog* dialog) {
+  for (QObject* child : dialog->children()) {
+    if (auto* guard = dynamic_cast<typing_guard*>(child)) return *guard;
+  }
+  return *new typing_guard(dialog);
 }
 
 // A key of its own for each alternative, over the whole frame: the hand is on the keys while
@@ -96,6 +145,7 @@ void make_shortcuts(QDialog* dialog, const QString& action, std::function<void()
   const QStringList all = keys_of(action).split(' ', Qt::SkipEmptyParts);
   for (const QString& key : all) {
     auto* shortcut = new QShortcut(QKeySequence(key), dialog);
+    guard_of(dialog).add(QKeySequence(key));
     shortcut->setContext(Qt::ApplicationShortcut);
     // A key held a moment too long must not merge the next pair as well.
     shortcut->setAutoRepeat(false);
@@ -154,6 +204,11 @@ void bind_keys(QDialog* dialog, QAbstractButton* button) {
 
 void bind_keys(QDialog* dialog, const char* action, std::function<void()> run) {
   make_shortcuts(dialog, action, std::move(run));
+}
+
+void enable_keys(QDialog* dialog, bool enabled) {
+  const QList<QShortcut*> shortcuts = dialog->findChildren<QShortcut*>();
+  for (QShortcut* shortcut : shortcuts) shortcut->setEnabled(enabled);
 }
 
 namespace {

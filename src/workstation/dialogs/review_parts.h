@@ -45,10 +45,12 @@ void set_keys(const QString& action, const QString& keys);  // edits the preset 
 key_preset key_preset_in_force();
 
 // The button's keys press it, while its dialog or a window of the frame has the focus and no
-// field is edited; its tool-tip names them.
+// field is edited; its tool-tip names them. Escape and Return end the editing.
 void bind_keys(QDialog* dialog, QAbstractButton* button);
 // Keys of an action without a button.
 void bind_keys(QDialog* dialog, const char* action, std::function<void()> run);
+// While another dialog asks, whose keys may be the same.
+void enable_keys(QDialog* dialog, bool enabled);
 // "Keys" (H): the table, the presets, and a field for each action.
 void show_key_page(workstation& w, QWidget* parent);
 

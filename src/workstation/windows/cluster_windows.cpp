@@ -61,20 +61,25 @@ QRect part_of(const tiled_area& area, double x, double y, double wide, double hi
                static_cast<int>(wide * area.width), static_cast<int>(high * area.height));
 }
 
+// One below the other.
+std::vector<tile> stacked_tiles(const workstation& w, const tiled_area& area) {
+  using enum graph_kind;
+  const int n_below =
+      1 + (standing(w, correlograms) != nullptr) + (standing(w, amplitude_vs_time) != nullptr);
+  // The more there are, the less the waveforms take.
+  const double top = 0.55 - 0.05 * n_below, each = (1 - top) / n_below;
+  return {{cluster_waveforms, part_of(area, 0, 0, 1, top)},
+          {waveform_comparison, part_of(area, 0, 0, 1, top)},
+          {principal_components, part_of(area, 0, top, 1, each)},
+          {correlograms, part_of(area, 0, top + each, 1, each)},
+          {amplitude_vs_time, part_of(area, 0, 1 - each, 1, each)}};
+}
+
 // Waveforms largest, components, and below them what is counted or stands against time.
 std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   using enum graph_kind;
   constexpr int narrow = 600;  // where two side by side would be too slim to be read
-  if (area.width < narrow) {
-    const int n_below =
-        1 + (standing(w, correlograms) != nullptr) + (standing(w, amplitude_vs_time) != nullptr);
-    const double each = 0.5 / n_below;
-    return {{cluster_waveforms, part_of(area, 0, 0, 1, 0.5)},
-            {waveform_comparison, part_of(area, 0, 0, 1, 0.5)},
-            {principal_components, part_of(area, 0, 0.5, 1, each)},
-            {correlograms, part_of(area, 0, 0.5 + each, 1, each)},
-            {amplitude_vs_time, part_of(area, 0, 1 - each, 1, each)}};
-  }
+  if (area.width < narrow) return stacked_tiles(w, area);
   const bool counted = standing(w, correlograms) != nullptr;
   const bool against_time = standing(w, amplitude_vs_time) != nullptr;
   const double cut = counted && against_time ? 0.40 : counted || against_time ? 0.55 : 1;
@@ -122,7 +127,7 @@ void tile_cluster_windows(workstation& w, QDialog* dialog) {
   if (space.dialog == dialog) keep_window_places(w);
   if (space.dialog != dialog) begin_workspace(w, dialog);
   const tiled_area area = area_beside(w, dialog);
-  constexpr int least_width = 480;  // of two windows side by side that can still be read
+  constexpr int least_width = 300;  // of a window that can still be read
   space.placed.clear();
   for (const tile& computed : tiles_of(w, area)) {
     graph_window* window = standing(w, computed.kind);
