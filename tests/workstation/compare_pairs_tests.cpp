@@ -56,6 +56,12 @@ struct comparing_workstation : sorted_workstation {
   std::pair<int, int> entry(std::int32_t position) const {
     return {session->lists.match_a[position], session->lists.match_b[position]};
   }
+  bool has_logged(const QString& words) const {
+    for (std::int32_t i = 1; i <= session->log.n_log_lines; ++i) {
+      if (session->log.log_lines[i].view() == words.toStdString()) return true;
+    }
+    return false;
+  }
   bool is_open() { return shell.frame->findChild<QDialog*>("compare_pairs_dialog") != nullptr; }
   std::vector<std::int32_t> membership() const {
     const std::int32_t* of = session->events.event_cluster.first();
@@ -153,6 +159,9 @@ TEST(ComparePairs, EditsKeepTheListAndAreTakenBack) {
   EXPECT_EQ(
       w.told,
       QStringList(QString("Clusters %1 and %2 were merged").arg(pair.first).arg(pair.second)));
+  EXPECT_TRUE(w.has_logged(QString("Compare templates: user merged clusters %1 and %2")
+                               .arg(pair.first)
+                               .arg(pair.second)));
   EXPECT_EQ(s.clusters.n_clusters, n - 1);
   const cluster_pair now = w.shown(dialog);
   EXPECT_TRUE(now.a == merged || now.b == merged) << "stays with what was merged";
@@ -238,6 +247,20 @@ TEST(ComparePairs, IsANarrowColumnWithHelpForEachPage) {
   QDialog* dialog = w.begin();
   ASSERT_NE(dialog, nullptr);
   EXPECT_LE(dialog->width(), 430);
+  EXPECT_EQ(w.text(dialog, "warning"), "");
+  // Every channel a tetrode of its own.
+  recording_store& r = w.session->recording;
+  r.electrode_type = electrode_tetrode;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) r.tetrode_of_channel[c] = c;
+  w.set_number(dialog, "compare_a", 1);
+  w.set_number(dialog, "compare_b", 2);
+  ASSERT_NE(w.text(dialog, "channel_a"), w.text(dialog, "channel_b"));
+  EXPECT_EQ(w.text(dialog, "warning"), "Clusters belong to different tetrodes");
+  EXPECT_LE(dialog->width(), 430);
+  EXPECT_TRUE(w.text(dialog, "separation").endsWith(" µm"));
+  EXPECT_EQ(
+      w.text(dialog, "overlap"),
+      QString::number(w.session->lists.kv_cluster_overlap[find_pair(*w.session, {1, 2})], 'f', 3));
   EXPECT_LE(dialog->minimumSizeHint().height(), 752) << "as high as a screen of 800";
   w.press(dialog, "help");
   w.settle();

@@ -120,6 +120,9 @@ TEST(DisplayControls, WindowsOfThePairComeAndGoAndStandBesideEachOther) {
   w.press(dialog, "swap_display");
   EXPECT_EQ(w.shown().pair.view.clusters, (std::vector<std::int32_t>{b, a}));
   EXPECT_EQ(w.shell.correlograms->a, b);
+  // Colours go with the units and not with their places: a's events carry label 1.
+  EXPECT_EQ(w.shell.correlograms->mark_first, 2);
+  EXPECT_EQ(w.shell.correlograms->mark_second, 1);
   EXPECT_EQ(times->windowTitle(), QString("PC1 vs time for clusters %1 and %2").arg(b).arg(a));
   w.tick(dialog, "show_times", false);
   w.tick(dialog, "show_correlograms", false);

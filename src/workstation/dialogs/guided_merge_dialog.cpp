@@ -259,6 +259,11 @@ void fill_dialog(const shared_guided& g) {
   g->dialog->on_leaving = [g] { g->finish->click(); };
 }
 
+// What only looks goes on while a decision is waited for.
+const QStringList entries_beside =
+    live_entries + QStringList{"auto_arrange", "voltage_record", "template_image",
+                               "sorted_waveforms", "getting_started"};
+
 }  // namespace
 
 void guided_merge_command(workstation& w) {
@@ -281,7 +286,7 @@ void guided_merge_command(workstation& w) {
           return;
         }
         place_at_right(g->w, g->dialog);
-        open_runner(g->w, g->dialog);
+        open_beside(g->w, g->dialog, entries_beside);
         show_step(g);
         g->list->setFocus();  // the keys are commands there, and text in a field
       });

@@ -40,6 +40,10 @@ using shared_split = std::shared_ptr<split_window>;
 
 constexpr std::uint32_t deletion_colour = 0x808080;
 
+QString events_text(std::int32_t n) {
+  return n == 1 ? QString("1 event") : QString("%1 events").arg(n);
+}
+
 // A swatch in the colour that the displays give the label.
 void show_line(const split_window& s, std::size_t i) {
   const split_line& line = s.lines[i];
@@ -59,8 +63,8 @@ void show_line(const split_window& s, std::size_t i) {
       row.deleted ? deletion_colour
                   : cluster_colour_word(s.w.session, std::max<std::int32_t>(1, row.label));
   line.colour->setStyleSheet("background: " + colour_of_word(word).name());
-  line.events->setText(
-      QString("%1 events%2").arg(row.n_events).arg(row.deleted ? ", deleted" : ""));
+  line.events->setText(events_text(row.n_events) +
+                       (row.deleted ? QString(", deleted") : QString()));
   line.erase->setText(row.deleted ? "keep" : "delete");
 }
 
@@ -73,9 +77,10 @@ void show_split(const shared_split& s) {
                                                 : QString("as it was"));
   for (std::size_t i = 0; i < split_row_limit; ++i) show_line(*s, i);
   // What goes to no cluster is told before it goes.
-  s->others->setText(s->n_others > 0
-                         ? QString("others: %1 events, which become unclustered").arg(s->n_others)
-                         : QString("others: none"));
+  s->others->setText(
+      s->n_others > 0
+          ? QString("others: %1, which become unclustered").arg(events_text(s->n_others))
+          : QString("others: none"));
 }
 
 // Every control changes labels, which displays follow.
@@ -89,6 +94,8 @@ void run_step(const shared_split& s, std::function<void(session_state&, pair_spl
       [s] {
         show_split(s);
         refresh_windows(s->w);
+        // It was off, and has lost the keys that go from stage to stage.
+        s->stage->setFocus();
       });
 }
 
@@ -191,6 +198,10 @@ QDialogButtonBox* button_row(const shared_split& s) {
   QObject::connect(leave, &QPushButton::clicked, s->dialog, &QDialog::reject);
   QPushButton* help = add_button(buttons, "help", "?", QDialogButtonBox::HelpRole,
                                  "What the lines are, and what the buttons do");
+  help->setAutoDefault(false);
+  // Narrow, so that the dialog covers no more than the one that asks.
+  help->setMaximumWidth(36);
+  s->dialog->disabled_while_running << help;
   QObject::connect(help, &QPushButton::clicked, s->dialog, [s] {
     show_message(s->w, help_text, "What do you want to do?", box_icon::information);
   });
@@ -207,6 +218,7 @@ void ask_for_split(workstation& w, pair_split& split, std::function<void(ugm_mes
   auto* text = new QLabel(ugm_text(split.message));
   text->setObjectName("ugm_message");
   auto* layout = new QVBoxLayout(dialog);
+  layout->setContentsMargins(6, 6, 6, 6);
   layout->addWidget(text);
   layout->addLayout(stage_row(s));
   layout->addLayout(subcluster_rows(s));

@@ -112,7 +112,9 @@ class typing_guard : public QObject {
     const bool override = event->type() == QEvent::ShortcutOverride;
     if (!override && event->type() != QEvent::KeyPress) return false;
     QWidget* focus = QApplication::focusWidget();
-    if (watched != focus || !takes_text(focus)) return false;
+    const bool typed = watched == focus && takes_text(focus);
+    // In a menu, and in the list of a box, a letter is that of an entry.
+    if (!typed && QApplication::activePopupWidget() == nullptr) return false;
     const auto* key = static_cast<QKeyEvent*>(event);
     if (override) {
       // Taken here, it reaches the field as a key and no shortcut.
@@ -122,7 +124,7 @@ class typing_guard : public QObject {
     }
     const bool ends =
         key->key() == Qt::Key_Escape || key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter;
-    if (!ends || !dialog_->isAncestorOf(focus)) return false;
+    if (!ends || !typed || !dialog_->isAncestorOf(focus)) return false;
     focus->clearFocus();
     return true;
   }

@@ -37,7 +37,7 @@ struct tile {
 };
 
 struct tiled_area {
-  int left, width, height;
+  int left = 0, width = 0, height = 0;
 };
 
 // One that is being closed goes a moment later.
@@ -105,8 +105,25 @@ void begin_workspace(workstation& w, QDialog* dialog) {
   });
 }
 
+// By its title: a window that was pushed over the edge a little is where the user wants it.
+bool can_be_reached(const workstation& w, const QRect& place) {
+  const QSize title = QSize(100, 30).boundedTo(place.size());
+  return w.frame->area()->viewport()->rect().contains(QRect(place.topLeft(), title));
+}
+
 bool has_own_size(const graph_window& window) {
   return !window.isMaximized() && !window.isMinimized();
+}
+
+// What the review is about must not be looked for under the voltage record.
+void raise_windows(const workstation& w) {
+  const bool pair = w.cluster_windows && w.cluster_windows->a > 0;
+  for (const tile& of : tiles_of(w, {})) {
+    graph_window* window = standing(w, of.kind);
+    const bool other_place = of.kind == graph_kind::waveform_comparison && !pair &&
+                             w.session.autosort.pool.pooled.empty();
+    if (window != nullptr && !other_place) window->raise();
+  }
 }
 
 }  // namespace
@@ -124,8 +141,12 @@ void keep_window_places(workstation& w) {
 
 void tile_cluster_windows(workstation& w, QDialog* dialog) {
   review_workspace& space = workspace_of(w);
-  if (space.dialog == dialog) keep_window_places(w);
-  if (space.dialog != dialog) begin_workspace(w, dialog);
+  if (space.dialog == dialog) {
+    keep_window_places(w);
+  } else {
+    begin_workspace(w, dialog);
+    raise_windows(w);
+  }
   const tiled_area area = area_beside(w, dialog);
   constexpr int least_width = 300;  // of a window that can still be read
   space.placed.clear();
@@ -133,7 +154,7 @@ void tile_cluster_windows(workstation& w, QDialog* dialog) {
     graph_window* window = standing(w, computed.kind);
     if (window == nullptr || !has_own_size(*window)) continue;
     const std::optional<QRect> kept = kept_place(dialog->objectName(), window->objectName());
-    if (kept && w.frame->area()->viewport()->rect().contains(*kept)) {
+    if (kept && can_be_reached(w, *kept)) {
       window->setGeometry(*kept);
     } else if (area.width >= least_width) {
       window->setGeometry(computed.place);
@@ -149,9 +170,10 @@ bool arrange_workspace(workstation& w) {
   dialog->resize(dialog->sizeHint().boundedTo(screen_room(dialog)));
   put_at_right(w, dialog);
   workspace_of(w).placed.clear();
-  for (const tile& computed : tiles_of(w, area_beside(w, dialog))) {
+  for (const tile& computed : tiles_of(w, {})) {
     if (graph_window* window = standing(w, computed.kind)) window->showNormal();
   }
+  raise_windows(w);
   tile_cluster_windows(w, dialog);
   return true;
 }

@@ -7,6 +7,7 @@
 #include "displays/clusters/cluster_theme.h"
 #include "displays/clusters/correlogram_panel.h"
 #include "workstation/themes.h"
+#include "workstation/windows/cluster_displays.h"
 
 namespace kestrelvane {
 
@@ -15,6 +16,25 @@ namespace {
 correlogram_state& state_of(workstation& w) {
   if (!w.correlograms) w.correlograms = std::make_shared<correlogram_state>();
   return *w.correlograms;
+}
+
+// A unit has the colour that the other windows give its events: that of its number, or, in a pair
+// under review, that of its label or place.
+std::int16_t mark_of_unit(workstation& w, const spike_train& train, bool labelled) {
+  const cluster_displays& d = displays_of(w);
+  const bool reviewed = train.unit == d.a || train.unit == d.b;
+  if (!reviewed || train.events.empty()) return mark_of_cluster(train.unit);
+  const mark_source source = labelled ? mark_source::labels : mark_source::places;
+  return mark_of_event(w.session, source, train.events[0], train.unit == d.a ? 0 : 1);
+}
+
+void mark_units(workstation& w, const spike_train& first, const spike_train& second) {
+  const auto labelled = [&](const spike_train& train) {
+    return find_mark_source(w.session, train.events, 2) == mark_source::labels;
+  };
+  const bool either = labelled(first) || labelled(second);
+  state_of(w).mark_first = mark_of_unit(w, first, either);
+  state_of(w).mark_second = mark_of_unit(w, second, either);
 }
 
 void count(workstation& w) {
@@ -30,8 +50,10 @@ void count(workstation& w) {
   const spike_train first = get_spike_train(session, a);
   state.shown.first = correlogram_counts(session, first, first, width);
   state.shown.n_first = state.shown.n_second = static_cast<std::int32_t>(first.events.size());
+  state.mark_first = mark_of_cluster(a);
   if (b == a) return;
   const spike_train second = get_spike_train(session, b);
+  mark_units(w, first, second);
   state.shown.second = correlogram_counts(session, second, second, width);
   state.shown.cross = correlogram_counts(session, first, second, width);
   state.shown.n_second = static_cast<std::int32_t>(second.events.size());
@@ -48,6 +70,15 @@ std::vector<const correlogram*> panels_of(const correlogram_state& state) {
   return panels;
 }
 
+correlogram_panel panel_of(const correlogram& shown, const correlogram_state& state) {
+  correlogram_panel panel = make_correlogram_panel(shown, state.as_rate);
+  // A cross-correlogram is of neither cluster and has neither colour.
+  panel.mark = shown.a != shown.b             ? std::int16_t{0}
+               : &shown == &state.shown.first ? state.mark_first
+                                              : state.mark_second;
+  return panel;
+}
+
 void draw(const workstation& w, const correlogram_state& state, QPainter& painter, QSize size) {
   const bool on_screen = painter.paintEngine()->type() == QPaintEngine::Raster;
   const cluster_theme theme =
@@ -57,7 +88,7 @@ void draw(const workstation& w, const correlogram_state& state, QPainter& painte
   const std::vector<const correlogram*> panels = panels_of(state);
   const std::vector<QRectF> places = lay_out_panels(all, static_cast<std::int32_t>(panels.size()));
   for (std::size_t i = 0; i < panels.size(); ++i) {
-    paint_correlogram(painter, places[i], make_correlogram_panel(*panels[i], state.as_rate), theme);
+    paint_correlogram(painter, places[i], panel_of(*panels[i], state), theme);
   }
 }
 

@@ -18,6 +18,7 @@ struct correlogram_state {
   bool as_rate = false;       // spikes per second rather than counts
   bool autos_only = false;    // "Autocorrelation": both, without the cross-correlogram
   train_correlation shown;
+  std::int16_t mark_first = 0, mark_second = 0;  // of the units' colours
 };
 
 graph_routines correlogram_routines(workstation& w);
