@@ -125,7 +125,11 @@ TEST(DisplayControls, WindowsOfThePairComeAndGoAndStandBesideEachOther) {
   EXPECT_EQ(w.shell.correlograms->mark_second, 1);
   EXPECT_EQ(times->windowTitle(), QString("PC1 vs time for clusters %1 and %2").arg(b).arg(a));
   w.tick(dialog, "show_times", false);
-  w.tick(dialog, "show_correlograms", false);
+  graph_of(w.shell, graph_kind::correlograms)->close();
+  EXPECT_FALSE(w.control<QCheckBox>(dialog, "show_correlograms")->isChecked())
+      << "closed by its cross, it does not come back";
+  w.press(dialog, "distinct");
+  w.settle();
   EXPECT_FALSE(w.is_open(graph_kind::amplitude_vs_time));
   EXPECT_FALSE(w.is_open(graph_kind::correlograms));
   EXPECT_GT(w.place(graph_kind::principal_components).height(), 2 * split_height)

@@ -8,6 +8,7 @@
 #include <QRadioButton>
 #include <QScrollBar>
 #include <QSlider>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <cmath>
@@ -108,16 +109,36 @@ void follow_components(const display_controls& d) {
   check_quietly(d.autoscale, view.autoscale);
 }
 
-void follow_windows(const shared_displays& d) {
-  for (const graph_kind kind : {waveform_kind, component_kind, graph_kind::amplitude_vs_time}) {
-    graph_window* window = graph_of(d->w, kind);
-    if (window == nullptr || d->followed.contains(window->surface())) continue;
-    d->followed.removeAll(nullptr);
-    d->followed << window->surface();
-    QObject::connect(window->surface(), &graph_surface::drawn, d->dialog, [d] {
-      follow_waveforms(*d);
-      follow_components(*d);
+// The box of a window that can be closed; null for those that stay.
+QCheckBox* box_of(const display_controls& d, graph_kind kind) {
+  if (kind == graph_kind::correlograms) return d.with_correlograms;
+  return kind == graph_kind::amplitude_vs_time ? d.with_times : nullptr;
+}
+
+void follow_window(const shared_displays& d, const graph_window* window, QCheckBox* box) {
+  d->followed.removeAll(nullptr);
+  d->followed << window->surface();
+  QObject::connect(window->surface(), &graph_surface::drawn, d->dialog, [d] {
+    follow_waveforms(*d);
+    follow_components(*d);
+  });
+  if (box == nullptr) return;
+  // Closed by its cross, it must not come back with the next pair, and the others take its room
+  // when it has gone.
+  QObject::connect(window, &graph_window::closed, d->dialog, [d, box] {
+    check_quietly(box, false);
+    QTimer::singleShot(0, d->dialog, [d] {
+      if (d->dialog->isVisible()) tile_cluster_windows(d->w, d->dialog);
     });
+  });
+}
+
+void follow_windows(const shared_displays& d) {
+  for (const graph_kind kind :
+       {waveform_kind, component_kind, graph_kind::correlograms, graph_kind::amplitude_vs_time}) {
+    const graph_window* window = graph_of(d->w, kind);
+    if (window == nullptr || d->followed.contains(window->surface())) continue;
+    follow_window(d, window, box_of(*d, kind));
   }
   follow_waveforms(*d);
   follow_components(*d);
@@ -125,31 +146,61 @@ void follow_windows(const shared_displays& d) {
 
 // ---------------------------------------------------------------- windows
 
-void show_times(const display_controls& d) {
-  displays_of(d.w).heights.measure = static_cast<height_measure>(d.measure->currentData().toInt());
-  graph_window* window = show_graph(d.w, graph_kind::amplitude_vs_time);
-  // Named when it is drawn: the channel of a cluster is a fact of the picture.
+void name_times(const display_controls& d) {
+  graph_window* window = graph_of(d.w, graph_kind::amplitude_vs_time);
+  if (window == nullptr) return;
+  // After it has been drawn: the channel of a cluster is a fact of the picture.
   const cluster_displays& shown = displays_of(d.w);
   const QString title = height_title(shown.height_points, shown.heights.measure);
   if (!title.isEmpty()) window->setWindowTitle(title);
+}
+
+void choose_measure(const display_controls& d) {
+  height_view& view = displays_of(d.w).heights;
+  view.measure = static_cast<height_measure>(d.measure->currentData().toInt());
+  // A part of one measure's axis is no part of another's.
+  view.range = {0, 0, 0, 0};
+  redraw_graph(d.w, graph_kind::amplitude_vs_time);
+  name_times(d);
 }
 
 void close_window(const workstation& w, graph_kind kind) {
   if (graph_window* window = graph_of(w, kind)) window->close();
 }
 
+bool is_open(const workstation& w, graph_kind kind) {
+  const graph_window* window = graph_of(w, kind);
+  // One that is being closed goes a moment later.
+  return window != nullptr && !window->isHidden();
+}
+
+void open_missing(workstation& w, graph_kind kind) {
+  if (!is_open(w, kind)) open_graph(w, kind);
+}
+
 void draw_pair(const shared_displays& d) {
   if (d->a < 1) return;
   const std::int32_t first = d->swapped ? d->b : d->a, second = d->swapped ? d->a : d->b;
   const auto count_open = [&] {
-    return std::count_if(std::begin(d->w.graphs), std::end(d->w.graphs),
-                         [](const auto& window) { return !window.isNull(); });
+    return std::count_if(
+        std::begin(d->w.graphs), std::end(d->w.graphs),
+        [](const QPointer<graph_window>& window) { return window && !window->isHidden(); });
   };
   const auto open_before = count_open();
+  cluster_displays& shown = displays_of(d->w);
+  shown.a = first;
+  shown.b = second;
+  shown.heights.measure = static_cast<height_measure>(d->measure->currentData().toInt());
+  if (d->w.correlograms) choose_correlograms(d->w, first, second);
+  // Those that are open are drawn once, all of them; then the others come.
   refresh_windows(d->w);
-  show_pair_windows(d->w, first, second);
-  if (d->with_correlograms->isChecked()) show_correlograms(d->w, first, second);
-  if (d->with_times->isChecked()) show_times(*d);
+  open_missing(d->w, waveform_kind);
+  open_missing(d->w, component_kind);
+  if (d->with_times->isChecked()) open_missing(d->w, graph_kind::amplitude_vs_time);
+  if (d->with_correlograms->isChecked() && !is_open(d->w, graph_kind::correlograms)) {
+    show_correlograms(d->w, first, second);
+  }
+  name_times(*d);
   if (!std::exchange(d->tiled, true) || count_open() != open_before) {
     tile_cluster_windows(d->w, d->dialog);
   }
@@ -255,9 +306,7 @@ QLayout* window_rows(const shared_displays& d, settings_form& form, const char* 
   }
   d->measure->setCurrentIndex(static_cast<int>(displays_of(d->w).heights.measure));
   QObject::connect(d->measure, &QComboBox::currentIndexChanged, d->dialog, [d] {
-    // A part of one measure's axis is no part of another's.
-    displays_of(d->w).heights.range = {0, 0, 0, 0};
-    if (d->with_times->isChecked() && !d->dialog->running()) show_times(*d);
+    if (!d->dialog->running()) choose_measure(*d);
   });
   auto* times = new QHBoxLayout;
   times->setSpacing(6);

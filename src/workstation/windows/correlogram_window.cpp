@@ -109,10 +109,14 @@ graph_routines correlogram_routines(workstation& w) {
   return routines;
 }
 
-void show_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
+void choose_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
   correlogram_state& state = state_of(w);
   state.a = a;
   state.b = b;
+}
+
+void show_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
+  choose_correlograms(w, a, b);
   show_graph(w, graph_kind::correlograms);
 }
 

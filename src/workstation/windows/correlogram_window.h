@@ -22,6 +22,8 @@ struct correlogram_state {
 };
 
 graph_routines correlogram_routines(workstation& w);
+// The units of its next picture.
+void choose_correlograms(workstation& w, std::int32_t a, std::int32_t b);
 // Shows two units; equal ones as one.
 void show_correlograms(workstation& w, std::int32_t a, std::int32_t b);
 
