@@ -133,6 +133,7 @@ void show_safe_pair(session_state& session, std::int32_t a, std::int32_t b) {
   gac_points points;
   pair_pc_values(session, a, b, 0, points);
   put_in_pool(session, {a, b}, std::move(list), points);
+  set_status(session, status_field::current_pair, fmt::format("{} {}", a, b));
   refresh_displays(session);
   log_message(session, fmt::format("Paused for clusters {} {}", a, b));
 }

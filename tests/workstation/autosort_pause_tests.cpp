@@ -2,6 +2,7 @@
 // live meanwhile, that nothing comes of a pause, and the way on to guided merging.
 #include <QCheckBox>
 #include <QPushButton>
+#include <QSlider>
 #include <QTest>
 #include <algorithm>
 #include <set>
@@ -99,6 +100,10 @@ TEST(PausedAutosort, ShowsTheSafePairAsItWasAndLetsTheWindowsLive) {
   // Pages and scales are the user's while the worker waits.
   QTest::keyClick(waveforms->surface(), Qt::Key_PageDown);
   EXPECT_EQ(d.pair.view.first_item, 1 + d.pair.view.n_items);
+  w.control<QSlider>(dialog, "pc_display_scale")->setValue(60);
+  const graph_view& plane = d.component_points.plane.view;
+  EXPECT_NEAR((plane.x_to - plane.x_from) * (60 * 9.75 / 200 + 0.25), d.components.width, 1e-3);
+  EXPECT_EQ(w.text(dialog, "current_pair"), QString("1 %1").arg(half));
   EXPECT_EQ(check_session(*w.session), "");
 
   // The next step looks at each cluster alone.

@@ -162,9 +162,8 @@ QLayout* pc_scale_row(workstation& w) {
   slider->setRange(0, 200);
   slider->setValue(pc_position_of(w.session.preferences.pc_display_scale));
   slider->setToolTip("Scale of the principal components displays");
-  QObject::connect(slider, &QSlider::valueChanged, slider, [&w](int position) {
-    w.session.preferences.pc_display_scale = pc_scale_of(position);
-  });
+  QObject::connect(slider, &QSlider::valueChanged, slider,
+                   [&w](int position) { use_pc_scale(w, position); });
   auto* row = new QFormLayout;
   row->addRow("PC display scale", slider);
   return row;

@@ -29,6 +29,15 @@ int pc_position_of(float scale) {
   return static_cast<int>(std::lround((static_cast<double>(scale) - 0.25) * 200 / 9.75));
 }
 
+void use_pc_scale(workstation& w, int position) {
+  component_view& view = displays_of(w).components;
+  w.session.preferences.pc_display_scale = view.display_scale = pc_scale_of(position);
+  // A scale of one's own is neither that which fits all points nor that of a part zoomed to.
+  view.autoscale = false;
+  view.range = {0, 0, 0, 0};
+  redraw_graph(w, graph_kind::principal_components);
+}
+
 namespace {
 
 constexpr auto waveform_kind = graph_kind::waveform_comparison;
@@ -259,15 +268,6 @@ void set_turn(const display_controls& d, int degrees) {
   redraw_components(d);
 }
 
-void set_pc_scale(const display_controls& d, int position) {
-  component_view& view = displays_of(d.w).components;
-  d.w.session.preferences.pc_display_scale = view.display_scale = pc_scale_of(position);
-  // A scale of one's own is neither that which fits all points nor that of a part zoomed to.
-  view.autoscale = false;
-  view.range = {0, 0, 0, 0};
-  redraw_components(d);
-}
-
 void set_autoscale(const display_controls& d, bool on) {
   component_view& view = displays_of(d.w).components;
   view.autoscale = on;
@@ -354,7 +354,10 @@ void make_scale_sliders(const shared_displays& d) {
       view_slider(d, "rotate", -180, 180,
                   "Turns the space of three components, degrees; off with two of them", set_turn);
   d->pc_scale = view_slider(d, "pc_display_scale", 0, 200,
-                            "Scale of the principal components display", set_pc_scale);
+                            "Scale of the principal components display",
+                            [](const display_controls& of, int position) {
+                              use_pc_scale(of.w, position);
+                            });
   d->zoom = view_slider(d, "zoom", 0, zoom_steps,
                         "Enlarges the waveforms about the centre channel, up to eight times",
                         [](const display_controls& of, int steps) {

@@ -63,6 +63,8 @@ QScrollBar* position_bar(const shared_displays& d);
 // PC display scale of a slider position, 0 to 200, and back.
 float pc_scale_of(int position);
 int pc_position_of(float scale);
+// The components are drawn at it, rather than so that all of them fit.
+void use_pc_scale(workstation& w, int position);
 
 // The windows of a pair, with those that are ticked; windows that come new are tiled with the
 // others. Nothing happens for a pair that is none: the windows keep what they show.
