@@ -112,6 +112,8 @@ void show_step(const shared_guided& g) {
     return;
   }
   show_pair_displays(g->displays, g->values.a, g->values.b);
+  // The button that was pressed went off, and the focus to some control beside it.
+  if (!is_typing()) g->list->setFocus();
   if (g->step == guided_step::ask) ask_how_to_split(g);
 }
 
@@ -288,7 +290,6 @@ void guided_merge_command(workstation& w) {
         place_at_right(g->w, g->dialog);
         open_beside(g->w, g->dialog, entries_beside);
         show_step(g);
-        g->list->setFocus();  // the keys are commands there, and text in a field
       });
 }
 

@@ -96,7 +96,6 @@ bool takes_text(const QWidget* widget) {
   const auto* list = qobject_cast<const QComboBox*>(widget);
   return list != nullptr && list->isEditable();
 }
-bool is_typing() { return takes_text(QApplication::focusWidget()); }
 
 // Keys of a dialog mean in a field what they mean in any field; Escape and Return end the typing,
 // and are not those of the dialog.
@@ -158,6 +157,8 @@ void make_shortcuts(QDialog* dialog, const QString& action, std::function<void()
 }
 
 }  // namespace
+
+bool is_typing() { return takes_text(QApplication::focusWidget()); }
 
 std::span<const review_key> review_keys() { return keys; }
 

@@ -49,6 +49,8 @@ key_preset key_preset_in_force();
 void bind_keys(QDialog* dialog, QAbstractButton* button);
 // Keys of an action without a button.
 void bind_keys(QDialog* dialog, const char* action, std::function<void()> run);
+// A field that takes text has the focus.
+bool is_typing();
 // While another dialog asks, whose keys may be the same.
 void enable_keys(QDialog* dialog, bool enabled);
 // "Keys" (H): the table, the presets, and a field for each action.
