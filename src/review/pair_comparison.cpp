@@ -268,8 +268,7 @@ comparison_step end_compare_resplit(session_state& session, pair_comparison& com
 
 namespace {
 
-void set_mark(session_state& session, pair_comparison& comparison,
-              table<logical> status_lists_table::*marks, bool on) {
+void set_mark(session_state& session, pair_comparison& comparison, pair_mark mark, bool on) {
   const std::int64_t k = find_pair(session, pair_on_show(session));
   // Before anything is saved: a mark that is there already must not cost the user his undo.
   if (k == 0 || marks_of(session, mark)[k] == on) return;

@@ -9,6 +9,7 @@
 #include "workstation/dialogs/display_controls.h"
 #include "workstation/dialogs/pair_split_dialog.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
@@ -171,7 +172,7 @@ void run_step(const shared_compare& c, const QString& doing, compare_routine rou
       [c, routine = std::move(routine)](session_state& session) {
         c->step = routine(session, c->comparison);
         c->values = make_comparison_values(session);
-        c->units = make_unit_table(session);
+        c->units = make_review_units(session);
       },
       [c] {
         set_interrupts(c->w.session.operation, false);
@@ -484,6 +485,7 @@ QDialogButtonBox* button_row(const shared_compare& c) {
 
 QTabWidget* make_pages(const shared_compare& c) {
   c->list = new unit_list(c->w);
+  bind_unit_labels(c->w, c->dialog, c->list);
   c->pages = new QTabWidget;
   c->pages->setObjectName("pages");
   c->pages->addTab(c->list, "Clusters");

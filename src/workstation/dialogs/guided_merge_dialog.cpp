@@ -8,6 +8,7 @@
 #include "workstation/dialogs/display_controls.h"
 #include "workstation/dialogs/pair_split_dialog.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
@@ -76,7 +77,7 @@ void run_step(const shared_guided& g, const QString& doing, guided_routine routi
       [g, routine = std::move(routine)](session_state& session) {
         g->step = routine(session, g->walk);
         g->values = make_pair_values(session, g->walk.pair);
-        g->units = make_unit_table(session);
+        g->units = make_review_units(session);
       },
       [g] {
         set_interrupts(g->w.session.operation, false);
@@ -240,6 +241,7 @@ QDialogButtonBox* button_row(const shared_guided& g) {
 
 void fill_dialog(const shared_guided& g) {
   g->list = new unit_list(g->w);
+  bind_unit_labels(g->w, g->dialog, g->list);
   g->list->setMinimumSize(320, 110);
   g->message = new QLabel;
   g->message->setObjectName("message");
@@ -279,7 +281,7 @@ void guided_merge_command(workstation& w) {
       [g](session_state& session) {
         g->step = begin_guided_merge(session, g->walk);
         g->values = make_pair_values(session, g->walk.pair);
-        g->units = make_unit_table(session);
+        g->units = make_review_units(session);
       },
       [g] {
         if (g->step == guided_step::finished) {

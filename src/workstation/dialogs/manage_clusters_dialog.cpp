@@ -11,6 +11,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
@@ -154,7 +155,7 @@ void run_tool(const shared_manage& m, tool routine, std::function<void()> then =
   m->dialog->run(
       [m, routine = std::move(routine)](session_state& session) {
         routine(session, m->management);
-        m->units = make_unit_table(session);
+        m->units = make_review_units(session);
       },
       [m, then = std::move(then)] {
         const bool stopped = m->w.session.operation.autosort_interrupt;
@@ -344,6 +345,7 @@ QDialogButtonBox* button_row(const shared_manage& m) {
 
 void fill_dialog(const shared_manage& m) {
   m->list = new unit_list(m->w);
+  bind_unit_labels(m->w, m->dialog, m->list);
   m->list->setMinimumWidth(280);
   QObject::connect(m->list, &unit_list::chosen, m->dialog, [m](int c) { go_to_cluster(m, c); });
   m->message = new QLabel;
@@ -382,7 +384,7 @@ void manage_clusters_command(workstation& w) {
       w, "manage_clusters_progress", manage_title,
       [m, ready](session_state& session) {
         *ready = open_cluster_management(session, m->management);
-        if (*ready) m->units = make_unit_table(session);
+        if (*ready) m->units = make_review_units(session);
       },
       [m, ready] {
         if (!*ready) {

@@ -21,6 +21,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
@@ -137,7 +138,7 @@ void run_tool(const shared_view& v, tool routine) {
       [v, routine = std::move(routine), words](session_state& session) {
         *words = routine(session);
         v->labels = count_labels(session);
-        v->units = make_unit_table(session);
+        v->units = make_review_units(session);
       },
       [v, words] {
         const bool stopped = v->w.session.operation.autosort_interrupt;
@@ -708,6 +709,7 @@ void leave_by_escape(const shared_view& v) {
 
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
+  bind_unit_labels(v->w, v->dialog, v->list);
   v->list->setMinimumSize(280, 90);
   QObject::connect(v->list, &unit_list::chosen, v->dialog, [v](int c) { go_to_cluster(v, c); });
   v->message = value_label("message", "What the last tool has come to");
@@ -776,7 +778,7 @@ void view_clusters_command(workstation& w) {
       w, "view_clusters_progress", cluster_review_title,
       [ready, units](session_state& session) {
         *ready = begin_cluster_review(session);
-        if (*ready) *units = make_unit_table(session);
+        if (*ready) *units = make_review_units(session);
       },
       [&w, ready, units] {
         if (*ready) open_view(w, std::move(*units));
