@@ -7,9 +7,9 @@
 // Reclaim restores at each selectivity, of the reviewed sort and with every third cluster deleted
 // before, so that strangers lie about.
 //
-//   kestrelvane-review-user [FIRST_SEED LAST_SEED [SKIPPED,STEPS]]
+//   kestrelvane-review-user [FIRST_SEED LAST_SEED [DRIFT_UM [AMPLITUDE_MIN_UV [NOISE_UV]]]]
 //
-// Seeds 1 to 10 unless told otherwise; steps are named as in the second table.
+// Seeds 1 to 10, 10 µm, 60 µV and 5.5 µV unless told otherwise.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -44,7 +44,7 @@ namespace {
 // Thirty units that are all large enough to be detected, on a probe that drifts by 10 µm: Autosort
 // cuts a quarter of them to pieces. Chosen by that, before any review of it was tried; where
 // Autosort loses units since their spikes lie below the threshold there is nothing to review.
-test_recording_options recording_of_seed(std::int64_t seed) {
+test_recording_options usual_recording() {
   test_recording_options options;
   options.electrode = test_electrode::polytrode;
   options.n_channels = 32;
@@ -52,7 +52,6 @@ test_recording_options recording_of_seed(std::int64_t seed) {
   options.minutes = 2;
   options.amplitude_min_uv = 60;
   options.drift_um = 10;
-  options.seed = seed;
   return options;
 }
 
@@ -93,9 +92,10 @@ gap_view look_at_gap(const session_state& session, cluster_pair pair) {
   return view;
 }
 
-// Templates closer than this are the same but for their size. Of seeds 101 to 110 all but one of 95
-// pairs of pieces of one unit lie above 0.98, and all but three of pairs of two units below 0.97.
-constexpr float same_waveform = 0.97f;
+// Template correlations of one unit. On seeds 101 to 110 pairs of pieces of one unit lie above 0.99
+// where both fire all the time and above 0.979 where they take turns; pairs of two units below
+// 0.983, all but a few below 0.97.
+constexpr float same_waveform = 0.985f, drifted_waveform = 0.97f;
 // Rate complementarity of two that take turns.
 constexpr float takes_turns = 0.25f;
 
@@ -103,15 +103,19 @@ enum class pair_verdict { one_unit, mixed, two_units };
 
 // "Two clusters are one unit when their waveforms are the same but for their size, their clouds
 // of points lie in each other, and the cross-correlogram has the same gap round 0." Where few
-// spikes leave the correlogram silent, two that look the same and take turns are one that drifts.
+// spikes leave the correlogram silent, two that look alike and take turns are one that drifts.
 pair_verdict judge_pair(const session_state& session, cluster_pair pair) {
   const pair_values values = make_pair_values(session, pair);
   const gap_view gap = look_at_gap(session, pair);
-  const bool same = values.correlation > same_waveform, intermingled = values.overlap > 0.4f;
-  if (gap.speaks() && gap.is_empty() && (same || intermingled)) return pair_verdict::one_unit;
-  if (gap.speaks()) return intermingled ? pair_verdict::mixed : pair_verdict::two_units;
-  const bool turns = rate_complementarity(session, pair.a, pair.b) > takes_turns;
-  return same && (turns || intermingled) ? pair_verdict::one_unit : pair_verdict::two_units;
+  const bool intermingled = values.overlap > 0.4f;
+  const bool same = values.correlation > same_waveform;
+  const bool one_by_turns = values.correlation > drifted_waveform &&
+                            rate_complementarity(session, pair.a, pair.b) > takes_turns;
+  if (gap.speaks() && !gap.is_empty()) {
+    return intermingled ? pair_verdict::mixed : pair_verdict::two_units;
+  }
+  const bool one_by_gap = gap.speaks() ? same || intermingled : same && intermingled;
+  return one_by_gap || one_by_turns ? pair_verdict::one_unit : pair_verdict::two_units;
 }
 
 // ---------------------------------------------------------------- the steps
@@ -173,13 +177,20 @@ step_counts merge_guided_at_low_overlap(session_state& session) {
   return counts;
 }
 
-// Splits off a sub-cluster, looks at the two as at any pair, and takes it back when they are one.
+// A split is kept when the two fire into each other's refractory periods. That they look different
+// is not enough: pieces of a unit that drifts do.
+bool speaks_for_two(const session_state& session, cluster_pair pair) {
+  const gap_view gap = look_at_gap(session, pair);
+  return gap.speaks() && gap.in_gap > 0.5 * gap.expected;
+}
+
+// Splits off a sub-cluster, looks at the two, and takes it back unless they are two.
 bool try_split(session_state& session, std::int32_t cluster, std::int32_t label) {
   session.clusters.current_cluster = cluster;
   if (count_labels(session).size[label] < session.strategy.min_cluster_size) return false;
   if (!split_label(session, label)) return false;
   const cluster_pair pair{cluster, session.clusters.n_clusters};
-  if (judge_pair(session, pair) != pair_verdict::one_unit) return true;
+  if (speaks_for_two(session, pair)) return true;
   undo_cluster_review(session);
   return false;
 }
@@ -214,7 +225,7 @@ step_counts merge_compared(session_state& session) {
     const cluster_pair pair{shown.pair.a, shown.pair.b};
     // At the end of the list the pair stays.
     const bool at_end = pair.a == last.a && pair.b == last.b;
-    if (at_end || shown.n_match == 0 || shown.pair.correlation <= same_waveform) break;
+    if (at_end || shown.n_match == 0 || shown.pair.correlation <= drifted_waveform) break;
     ++counts.n_seen;
     last = pair;
     if (judge_pair(session, pair) == pair_verdict::one_unit) {
@@ -373,13 +384,13 @@ void read_truth(seed_run& run) {
   for (std::vector<double>& train : run.trains) std::sort(train.begin(), train.end());
 }
 
-void sort_seed(seed_run& run, std::int64_t seed) {
+void sort_seed(seed_run& run, const test_recording_options& options) {
   session_state& session = *run.session;
   run.session.user.default_answer = true;
   use_threads(session, static_cast<std::int32_t>(std::thread::hardware_concurrency()));
   std::string problem;
   const std::string path = run.folder.file("made.tsf");
-  if (!make_test_recording(recording_of_seed(seed), path, {}, problem)) give_up(problem);
+  if (!make_test_recording(options, path, {}, problem)) give_up(problem);
   if (!open_recording(session, path)) give_up("The recording could not be opened");
   read_truth(run);
   // No filter by default, and nobody is there to take the offer of one.
@@ -411,14 +422,13 @@ void try_reclaim(seed_run& run, reclaim_flows& flows) {
   }
 }
 
-std::vector<step_score> review_seed(std::int64_t seed, const std::string& skipped,
-                                    reclaim_flows& flows) {
+std::vector<step_score> review_recording(const test_recording_options& options,
+                                         reclaim_flows& flows) {
   seed_run run;
-  sort_seed(run, seed);
+  sort_seed(run, options);
   sort_view view = view_sort(run);
   std::vector<step_score> scores{make_step_score("Autosort", view.score)};
   for (const step_row& row : steps) {
-    if (("," + skipped + ",").find(fmt::format(",{},", row.name)) != std::string::npos) continue;
     if (row.take == reclaim_medium) try_reclaim(run, flows);
     const step_counts counts = row.take(*run.session);
     const sort_view after = view_sort(run);
@@ -496,14 +506,21 @@ void print_reclaim(const reclaim_flows& flows) {
 
 }  // namespace
 
-void review_all(std::int64_t first, std::int64_t last, const std::string& skipped) {
+void review_all(int argc, char** argv) {
+  const auto number = [&](int i, double usual) { return argc > i ? std::atof(argv[i]) : usual; };
+  test_recording_options options = usual_recording();
+  const auto first = static_cast<std::int64_t>(number(1, 1));
+  const auto last = static_cast<std::int64_t>(number(2, 10));
+  options.drift_um = number(3, options.drift_um);
+  options.amplitude_min_uv = number(4, options.amplitude_min_uv);
+  options.noise_uv = number(5, options.noise_uv);
   seed_scores all;
   reclaim_flows flows;
-  for (std::int64_t seed = first; seed <= last; ++seed) {
-    all.push_back(review_seed(seed, skipped, flows));
+  for (options.seed = first; options.seed <= last; ++options.seed) {
+    all.push_back(review_recording(options, flows));
     for (const step_score& s : all.back()) {
       fmt::print(stderr, "seed {} {:<10} units {:>2} false {:>2} mean {:.3f}, {} of {} done\n",
-                 seed, s.step, s.n_units, s.n_false, s.mean_accuracy, s.counts.n_done,
+                 options.seed, s.step, s.n_units, s.n_false, s.mean_accuracy, s.counts.n_done,
                  s.counts.n_seen);
     }
   }
@@ -517,7 +534,5 @@ void review_all(std::int64_t first, std::int64_t last, const std::string& skippe
 
 int main(int argc, char** argv) {
   kestrelvane::flush_denormals();
-  const std::int64_t first = argc > 1 ? std::atoll(argv[1]) : 1;
-  const std::int64_t last = argc > 2 ? std::atoll(argv[2]) : 10;
-  kestrelvane::test::review_all(first, last, argc > 3 ? argv[3] : "");
+  kestrelvane::test::review_all(argc, argv);
 }
