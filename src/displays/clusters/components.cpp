@@ -221,7 +221,9 @@ void paint_components(QPainter& painter, const component_picture& picture,
 std::int32_t component_event_at(const component_picture& picture, QPointF pixel) {
   if (!picture.plane.inside.contains(pixel)) return 0;
   const std::ptrdiff_t i = point_at(picture.plane, picture.points, pixel);
-  return i < 0 ? 0 : picture.values->events[static_cast<std::size_t>(i)];
+  // Values that have come since are of other events, until the picture follows.
+  if (i < 0 || picture.values->events.size() != picture.points.size()) return 0;
+  return picture.values->events[static_cast<std::size_t>(i)];
 }
 
 QString component_words(const session_state& session, const component_picture& picture,
