@@ -444,6 +444,7 @@ QCheckBox* label_box(const shared_view& v, const QString& name) {
   auto* box = new QCheckBox;
   box->setObjectName(name);
   box->setToolTip("Waveforms with this label are shown");
+  box->setAccessibleName("Show waveforms of the label");
   box->setChecked(true);
   QObject::connect(box, &QCheckBox::toggled, v->dialog, [v] {
     // Who chooses a label wants to see the choice.
@@ -649,7 +650,9 @@ QCheckBox* correlogram_box(const shared_view& v) {
   v->with_correlograms = logical_control(v->form, "show_correlograms", "show autocorrelogram",
                                          "Of the cluster on show, beside this dialog");
   QObject::connect(v->with_correlograms, &QCheckBox::toggled, v->dialog, [v](bool on) {
-    if (!v->dialog->running()) show_autocorrelogram(*v, on);
+    if (v->dialog->running()) return;
+    show_autocorrelogram(*v, on);
+    if (on) tile_cluster_windows(v->w, v->dialog);
   });
   return v->with_correlograms;
 }
@@ -762,9 +765,9 @@ void open_view(workstation& w, std::vector<unit_row> units) {
   const auto release = [&w] { release_displays(w); };
   QObject::connect(dialog, &QDialog::finished, w.desk, release);
   show_cluster_windows(w);
+  if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
   tile_cluster_windows(w, dialog);
   v->list->setFocus();  // the keys are commands there, and text in a field
-  if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ void draw_spikes(workstation& w, QPainter& painter, QSize size) {
   d.spikes.clusters = clusters_on_show(w);
   d.spikes.width = size.width();
   d.spikes.height = size.height();
+  d.spikes.pixel_ratio = device_of(painter).ratio;
   prepare_spikes(w.session, d.index, d.spikes, d.spike_points);
   paint_spikes(painter, d.spike_points, d.spikes, theme_for(w, painter));
 }
