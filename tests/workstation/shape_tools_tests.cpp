@@ -162,6 +162,7 @@ TEST(ShapeTools, AnEllipseGoesWithTheComponentsItWasDrawnOver) {
   EXPECT_GT(ellipse.semi_axis_1, 0.0f) << "the same values";
   choose_cluster(w.shell, 3);
   EXPECT_EQ(w.hand().tool, shape_tool::none) << "of another cluster";
+  EXPECT_EQ(graph_of(w.shell, graph_kind::cluster_waveforms)->windowTitle(), "Cluster 3 waveforms");
   choose_cluster(w.shell, 2);
   EXPECT_GT(ellipse.semi_axis_1, 0.0f);
   w.session->strategy.pc_point_limit = 7;

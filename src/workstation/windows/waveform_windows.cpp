@@ -50,8 +50,14 @@ void draw_waveforms(workstation& w, graph_kind kind, waveform_window_state& stat
   // A density of many events fills over several pictures.
   if (!state.picture.complete)
     QTimer::singleShot(0, w.frame, [&w, kind] { redraw_graph(w, kind); });
+  if (kind != graph_kind::cluster_waveforms) return;
+  // Its title names the cluster that it shows, also when that has become another one.
+  graph_window* window = graph_of(w, kind);
+  if (window != nullptr && clusters.size() == 1) {
+    window->setWindowTitle(QString("Cluster %1 waveforms").arg(clusters[0]));
+  }
   const cluster_displays& d = displays_of(w);
-  if (kind == graph_kind::cluster_waveforms && d.waveforms_drawn) d.waveforms_drawn();
+  if (d.waveforms_drawn) d.waveforms_drawn();
 }
 
 // The place in time and voltage, and the event whose waveform runs there.
