@@ -10,6 +10,8 @@
 #include <QSlider>
 #include <QTest>
 #include <QWheelEvent>
+#include <random>
+#include <set>
 
 #include "sorting/status_lists.h"
 #include "workstation/dialogs/setting_controls.h"
@@ -173,6 +175,40 @@ TEST(DisplayControls, ComparisonZoomsMovesAndTurns) {
       w.shown().components.width, 1e-3);
   w.tick(dialog, "autoscale", true);
   EXPECT_TRUE(w.shown().components.autoscale);
+  w.press(dialog, "ok");
+}
+
+// Whatever is turned, ticked and decided in whatever order: the sort stays whole, and the windows
+// show the pair of the dialog.
+TEST(DisplayControls, AnyOrderOfThemAndOfDecisionsLeavesAWholeSort) {
+  const temporary_directory home;
+  displaying_workstation w(home.path, 3);
+  QDialog* dialog = w.compare();
+  ASSERT_NE(dialog, nullptr);
+  std::mt19937 random(7);
+  const auto any = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+  for (int step = 0; step < 120; ++step) {
+    const QList<QAbstractSlider*> sliders = dialog->findChildren<QAbstractSlider*>();
+    const QList<QAbstractButton*> buttons = dialog->findChildren<QAbstractButton*>();
+    QAbstractSlider* slider = sliders[any(static_cast<int>(sliders.size()))];
+    slider->setValue(slider->minimum() + any(1 + slider->maximum() - slider->minimum()));
+    QAbstractButton* button = buttons[any(static_cast<int>(buttons.size()))];
+    const QString name = button->objectName();
+    // Two clusters are to be left, and the dialog open.
+    const bool goes = name == "ok" || name.startsWith("merge") || name == "key_page";
+    if (!goes && !name.isEmpty()) button->click();
+    w.settle(true);
+    if (auto* split = w.shell.frame->findChild<QDialog*>("pair_split_dialog")) {
+      w.press(split, any(2) == 0 ? "leave" : "revert");
+      w.settle();
+      if (split->isVisible()) w.press(split, "leave");
+      w.settle();
+    }
+    ASSERT_EQ(check_session(*w.session), "") << name.toStdString() << " at " << step;
+    const review_place& place = w.session->reviewed;
+    const std::set<std::int32_t> pair = {place.compare_a, place.compare_b};
+    ASSERT_EQ((std::set<std::int32_t>{w.shown().a, w.shown().b}), pair) << name.toStdString();
+  }
   w.press(dialog, "ok");
 }
 

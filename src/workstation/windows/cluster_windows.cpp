@@ -30,7 +30,6 @@ void forget_cluster_displays(workstation& w) {
 
 namespace {
 
-// The windows of a review, where the program has put them beside which dialog.
 struct tile {
   graph_kind kind;
   QRect place;
