@@ -119,6 +119,7 @@ TEST(GuidedMerge, AsksHowToSplitAndLeavesWhatIsNotDecided) {
   EXPECT_TRUE(w.told.last().startsWith("The lines are the subclusters"));
   w.press(split, "revert");
   w.settle();
+  EXPECT_TRUE(w.control<QPushButton>(split, "split")->isDefault());
   // Its keys are those of the dialog that asks until it is answered.
   split->activateWindow();
   ASSERT_TRUE(QTest::qWaitForWindowActive(split));

@@ -198,7 +198,6 @@ QDialogButtonBox* button_row(const shared_split& s) {
   QObject::connect(leave, &QPushButton::clicked, s->dialog, &QDialog::reject);
   QPushButton* help = add_button(buttons, "help", "?", QDialogButtonBox::HelpRole,
                                  "What the lines are, and what the buttons do");
-  help->setAutoDefault(false);
   // Narrow, so that the dialog covers no more than the one that asks.
   help->setMaximumWidth(36);
   s->dialog->disabled_while_running << help;
@@ -206,6 +205,8 @@ QDialogButtonBox* button_row(const shared_split& s) {
     show_message(s->w, help_text, "What do you want to do?", box_icon::information);
   });
   bind_keys(s->dialog, split);
+  // Return splits, whichever button has had the focus in between.
+  for (QPushButton* button : buttons->findChildren<QPushButton*>()) button->setAutoDefault(false);
   split->setDefault(true);
   return buttons;
 }
