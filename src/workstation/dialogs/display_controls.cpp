@@ -353,11 +353,9 @@ void make_scale_sliders(const shared_displays& d) {
   d->rotate =
       view_slider(d, "rotate", -180, 180,
                   "Turns the space of three components, degrees; off with two of them", set_turn);
-  d->pc_scale = view_slider(d, "pc_display_scale", 0, 200,
-                            "Scale of the principal components display",
-                            [](const display_controls& of, int position) {
-                              use_pc_scale(of.w, position);
-                            });
+  d->pc_scale =
+      view_slider(d, "pc_display_scale", 0, 200, "Scale of the principal components display",
+                  [](const display_controls& of, int position) { use_pc_scale(of.w, position); });
   d->zoom = view_slider(d, "zoom", 0, zoom_steps,
                         "Enlarges the waveforms about the centre channel, up to eight times",
                         [](const display_controls& of, int steps) {
