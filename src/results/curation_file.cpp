@@ -139,14 +139,24 @@ void say_not_kept(const session_state& session, const std::string& path) {
   log_message(session, "The history of edits could not be written to " + path);
 }
 
-// Beside the recovery file, as soon as a history begins: the sort in memory is its beginning.
+// The beginning of a history that is about to take the place of another.
+std::string next_beginning_path(const std::string& work_file) {
+  return curation_beginning_path(work_file) + ".next";
+}
+
+// Beside the recovery file, as soon as a history begins: the sort in memory is its beginning. At
+// any moment the lines that are there have the sort that they begin with beside them, under
+// either name: a crash in between must not cost what the last save does not have.
 void begin_recovery_files(const session_state& session) {
   const std::string work_file = recovery_work_file(session);
   if (work_file.empty()) return;
-  if (!write_history(session, curation_path(work_file)) ||
-      !write_work_file(session, curation_beginning_path(work_file))) {
-    say_not_kept(session, curation_path(work_file));
+  const std::string next = next_beginning_path(work_file);
+  std::error_code failed;
+  if (!write_work_file(session, next) || !write_history(session, curation_path(work_file))) {
+    return say_not_kept(session, curation_path(work_file));
   }
+  std::filesystem::rename(next, curation_beginning_path(work_file), failed);
+  if (failed) say_not_kept(session, curation_beginning_path(work_file));
 }
 
 bool copy_beginning(const std::string& from, const std::string& work_file) {
@@ -289,31 +299,46 @@ std::int32_t take_over_history(session_state& session, const std::string& work_f
   history.settings = std::move(found.settings);
   history.records = std::move(found.records);
   history.settings_now = settings_now(session, history);
-  const auto in_all = records_in_force(history, last_record(history)).size();
-  const auto done = records_in_force(history, here).size();
-  return in_all > done ? static_cast<std::int32_t>(in_all - done) : 0;
+  const std::int32_t last = last_record(history);
+  return records_in_force(history, last) == records_in_force(history, here) ? 0 : last - here;
 }
 
+namespace {
+
+bool is_later(const std::string& path, const std::string& than) {
+  std::error_code failed, absent;
+  const auto time = std::filesystem::last_write_time(path, failed);
+  const auto other = std::filesystem::last_write_time(than, absent);
+  return !failed && !absent && time >= other;
+}
+
+// The sort of a file, when it is the one that a history began with; else the sort stays.
+bool read_beginning(session_state& session, const std::string& path, std::uint64_t fingerprint) {
+  const std::unique_ptr<undo_slot> present = file_exists(path) ? copy_sort(session) : nullptr;
+  if (!present) return false;
+  bool wrong_file = false;
+  const bool read = read_work_file(session, path, wrong_file);
+  if (read && sort_fingerprint(session) == fingerprint) return true;
+  if (!wrong_file) restore_sort(session, *present);
+  return false;
+}
+
+}  // namespace
+
 std::int32_t take_over_later_review(session_state& session, const std::string& state_file) {
-  const std::string beginning = curation_beginning_path(state_file);
-  std::error_code failed;
-  const auto begun = std::filesystem::last_write_time(beginning, failed);
-  if (failed || session.history.fingerprint != 0) return 0;
-  const auto saved = std::filesystem::last_write_time(state_file, failed);
   edit_history found;
   std::string problem;
-  if (failed || begun < saved || !read_history(curation_path(state_file), found, problem) ||
-      found.records.empty()) {
+  if (session.history.fingerprint != 0 || !is_later(curation_path(state_file), state_file) ||
+      !read_history(curation_path(state_file), found, problem)) {
     return 0;
   }
-  bool wrong_file = false;
-  const std::unique_ptr<undo_slot> present = copy_sort(session);
-  if (!present) return 0;
-  if (!read_work_file(session, beginning, wrong_file)) {
-    if (!wrong_file) restore_sort(session, *present);
-    return 0;
+  for (const std::string& beginning :
+       {curation_beginning_path(state_file), next_beginning_path(state_file)}) {
+    if (read_beginning(session, beginning, found.fingerprint)) {
+      return take_over_history(session, state_file);
+    }
   }
-  return take_over_history(session, state_file);
+  return 0;
 }
 
 void offer_history_beside(session_state& session, const std::string& work_file) {
@@ -331,12 +356,20 @@ void offer_history_beside(session_state& session, const std::string& work_file) 
 }
 
 bool repeat_later_edits(session_state& session) {
-  const std::int32_t here = find_state(session.history, sort_fingerprint(session));
+  const edit_history& history = session.history;
+  std::int32_t here = find_state(history, sort_fingerprint(session));
+  const std::int32_t last = last_record(history);
+  const std::unique_ptr<undo_slot> present = copy_sort(session);
+  if (!leads_on(history, here, last) && load_beginning(session)) {
+    restore_sort(session, *history.beginning);
+    here = 0;
+  }
   replay_result result;
-  if (replay_edits(session, session.history, here, last_record(session.history), result)) {
+  if (present && replay_edits(session, history, here, last, result)) {
     log_message(session, fmt::format("{} edits were repeated", result.n_done));
     return true;
   }
+  if (present) restore_sort(session, *present);
   tell(session, result.problem, "History", box_icon::warning);
   leave_later_edits(session);
   return false;
@@ -392,6 +425,7 @@ bool load_beginning(session_state& session) {
 
 void remove_history_beside(const std::string& state_file) {
   std::error_code ignored;
+  std::filesystem::remove(next_beginning_path(state_file), ignored);
   std::filesystem::remove(curation_path(state_file), ignored);
   std::filesystem::remove(curation_beginning_path(state_file), ignored);
 }

@@ -31,7 +31,8 @@ bool write_history(const session_state& session, const std::string& path);
 void save_history_beside(session_state& session, const std::string& work_file);
 
 // A work file, or a state file, has been read: takes over the history beside it when the sort is
-// one that it knows. Returns how many edits it has that the sort does not have; 0 without one.
+// one that it knows. Returns how many records it has behind that sort, if they lead to another one;
+// 0 without any.
 std::int32_t take_over_history(session_state& session, const std::string& work_file);
 // The same, and asks whether to do them.
 void offer_history_beside(session_state& session, const std::string& work_file);
@@ -39,7 +40,8 @@ void offer_history_beside(session_state& session, const std::string& work_file);
 // come to: reads the sort that the review began with. Returns the number of its edits; 0, and
 // nothing changes, where the state file is of the review or there is none.
 std::int32_t take_over_later_review(session_state& session, const std::string& state_file);
-// Does those edits. False, after a box, when that cannot be.
+// Does those edits, from the beginning where some of them take back what the sort has. False, after
+// a box, when that cannot be; the sort is as it was.
 bool repeat_later_edits(session_state& session);
 // Leaves them, as edits that were taken back.
 void leave_later_edits(session_state& session);

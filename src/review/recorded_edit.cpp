@@ -155,6 +155,12 @@ std::vector<std::int32_t> records_in_force(const edit_history& history, std::int
   return in_force;
 }
 
+bool leads_on(const edit_history& history, std::int32_t from, std::int32_t to) {
+  const std::vector<std::int32_t> done = records_in_force(history, from);
+  const std::vector<std::int32_t> wanted = records_in_force(history, to);
+  return done.size() <= wanted.size() && std::equal(done.begin(), done.end(), wanted.begin());
+}
+
 std::int32_t find_state(const edit_history& history, std::uint64_t fingerprint) {
   for (std::int32_t i = last_record(history); i > 0; --i) {
     if (history.records[static_cast<std::size_t>(i - 1)].after == fingerprint) return i;

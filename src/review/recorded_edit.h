@@ -53,6 +53,9 @@ bool restore_recorded(session_state& session, undo_owner owner);
 // The records that lead from the beginning to the state after a record, without those that have
 // been taken back; ascending.
 std::vector<std::int32_t> records_in_force(const edit_history& history, std::int32_t upto);
+// Whether edits alone lead from the state after one record to that after another, and nothing has
+// to be taken back on the way.
+bool leads_on(const edit_history& history, std::int32_t from, std::int32_t to);
 inline std::int32_t last_record(const edit_history& history) {
   return static_cast<std::int32_t>(history.records.size());
 }

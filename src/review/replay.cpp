@@ -279,14 +279,13 @@ bool replay_edits(session_state& session, const edit_history& history, std::int3
                   std::int32_t upto, replay_result& result) {
   result = {};
   const std::vector<std::int32_t> to_do = records_in_force(history, upto);
-  const std::vector<std::int32_t> done = records_in_force(history, from);
-  if (done.size() > to_do.size() || !std::equal(done.begin(), done.end(), to_do.begin())) {
+  if (!leads_on(history, from, upto)) {
     result.problem = "The edits take back more than this sort can: begin with an earlier one";
     return false;
   }
   const replay_run run(session);
   use_settings(session, history.settings);
-  std::size_t next = done.size();
+  std::size_t next = records_in_force(history, from).size();
   for (std::int32_t i = 1; next < to_do.size(); ++i) {
     const edit_record& record = history.records[static_cast<std::size_t>(i - 1)];
     // Settings stay changed when an edit is taken back.

@@ -63,8 +63,14 @@ TEST_F(review_kill_test, a_kill_loses_at_most_the_last_edit) {
     edits += last;
     const auto now = static_cast<std::int64_t>(sort_fingerprint(*next));
     // An edit whose record was written may be killed before it is noted.
-    const bool one_more = last_record(next->history) > last;
-    EXPECT_TRUE(now == notes->made_at[last] || one_more) << last << " edits";
+    const edit_history& history = next->history;
+    const std::int32_t n = last_record(history);
+    const std::uint64_t before = n > 1 ? history.records[n - 2u].after : history.fingerprint;
+    const bool one_more = n > 0 && static_cast<std::int64_t>(before) == notes->made_at[last] &&
+                          static_cast<std::int64_t>(history.records[n - 1u].after) == now;
+    EXPECT_TRUE(now == notes->made_at[last] || one_more)
+        << last << " edits, " << n << " records; "
+        << (next.user.boxes.empty() ? "" : next.user.boxes.back().text);
   }
   EXPECT_GT(edits, 20);
 }

@@ -112,6 +112,27 @@ TEST_F(curation_test, a_work_file_of_any_moment_takes_its_history_up_again) {
   EXPECT_EQ(check_session(*other), "");
 }
 
+TEST_F(curation_test, an_undo_after_the_save_is_repeated_too) {
+  begin_cluster_review(*session);
+  user.mark_some(*session);
+  ASSERT_TRUE(split_label(*session, 1));
+  label_unit(*session, 2, unit_label::noise);
+  ASSERT_TRUE(write_work_file(*session, work_file));
+  for (const bool goes_on : {false, true}) {
+    // The save holds two edits of which the history has gone back behind the first.
+    ASSERT_TRUE(go_back_to(*session, 0));
+    if (goes_on) label_unit(*session, 1, unit_label::good);
+    small_session other;
+    reopen(other, work_file);
+    other->home_directory = home.path;
+    ASSERT_GT(take_over_history(*other, work_file), 0);
+    ASSERT_TRUE(repeat_later_edits(*other));
+    EXPECT_EQ(sort_fingerprint(*other), sort_fingerprint(*session)) << goes_on;
+    EXPECT_EQ(check_session(*other), "");
+    ASSERT_TRUE(go_back_to(*session, 2));
+  }
+}
+
 TEST_F(curation_test, edits_that_are_left_stay_in_the_list_as_taken_back) {
   review(3);
   small_session other;

@@ -49,18 +49,24 @@ void work(session_state& session, victim_notes& notes, const std::string& work_f
   }
 }
 
-void review(session_state& session, victim_notes& notes) {
+void review(session_state& session) {
   random_review user(static_cast<unsigned>(steady_ns()));
   const std::int64_t begun = steady_ns();
   while (steady_ns() - begun < 60'000'000'000) {
     const session_hold hold(session);
-    const std::int32_t before = last_record(session.history);
     user.edit(session);
-    if (session.history.fingerprint == 0 || last_record(session.history) == before) continue;
-    const std::int64_t k = notes.changes + 1;
-    notes.made_at[k] = static_cast<std::int64_t>(sort_fingerprint(session));
-    notes.changes = k;
   }
+}
+
+victim_notes* noted = nullptr;
+
+// Noted when it is on the disk.
+void keep_and_note(const session_state& session, const edit_record* record) {
+  keep_record(session, record);
+  if (record == nullptr) return;
+  const std::int64_t k = noted->changes + 1;
+  noted->made_at[k] = static_cast<std::int64_t>(record->after);
+  noted->changes = k;
 }
 
 }  // namespace
@@ -82,7 +88,8 @@ int main(int argc, char** argv) {
   if (!open_at_start(*session, "")) return 3;
   const bool reviews = std::string_view(argv[2]) == "review";
   if (reviews) {
-    session->history.written = keep_record;
+    noted = notes;
+    session->history.written = keep_and_note;
     notes->changes = 0;
     notes->made_at[0] = static_cast<std::int64_t>(sort_fingerprint(*session));
   } else {
@@ -93,7 +100,7 @@ int main(int argc, char** argv) {
   timer.look_every = std::chrono::milliseconds(victim_look_ms);
   start_autorecover(timer, *session);
   if (reviews) {
-    review(*session, *notes);
+    review(*session);
   } else {
     work(*session, *notes, argv[2]);
   }
