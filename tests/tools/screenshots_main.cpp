@@ -23,6 +23,7 @@
 #include "numerics/parallel.h"
 #include "recording/formats/hdf/hdf_probe.h"
 #include "results/work_file.h"
+#include "review/manage_clusters.h"
 #include "support/hdf_fixture.h"
 #include "support/small_session.h"
 #include "workstation/commands/commands.h"
@@ -127,6 +128,10 @@ void take_review(driven_workstation& w) {
   }
   w.session->strategy = kept;
   close_graphs(w.shell);
+  start_operation(
+      w.shell, [](session_state& session) { label_unit(session, 1, unit_label::good); }, nullptr);
+  w.settle();
+  take_dialog(w, "history", "history_dialog");
 }
 
 // The walk through a container file: a stream of channels, and the dataset in it.
@@ -241,6 +246,7 @@ int main(int argc, char** argv) {
       {"post_processing", "post_process_dialog"},
       {"correlograms", "correlation_dialog"},
       {"compare_pairs", "compare_pairs_dialog"},
+      {"view_clusters", "view_clusters_dialog"},
       {"export_spikes", "export_dialog"},
       {"about", "about_dialog"},
       {"open_recording", "question_box"},
