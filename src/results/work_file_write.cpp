@@ -100,6 +100,21 @@ void write_row(safe_file& out, const session_state& session, const work_file_row
   }
 }
 
+// The words of settings and selections as they are at one moment, by row; empty for other rows.
+std::vector<std::vector<char>> copy_settings(const session_state& session,
+                                             const work_file_counts& counts) {
+  std::vector<std::vector<char>> copies;
+  const std::lock_guard lock(session.settings_mutex);
+  for (const work_file_row& row : work_file_rows()) {
+    std::vector<char>& copy = copies.emplace_back();
+    if (row.form != row_form::words || row.rule != per_file || row.first == nullptr) continue;
+    // Read only, as in write_row.
+    const auto* first = static_cast<const char*>(row.first(const_cast<session_state&>(session)));
+    copy.assign(first, first + row_bytes(row, counts));
+  }
+  return copies;
+}
+
 }  // namespace
 
 bool write_work_file(const session_state& session, const std::string& path,
@@ -112,11 +127,18 @@ bool write_work_file(const session_state& session, const std::string& path,
     std::unique_lock log_lock(session.log.mutex);
     const work_file_counts counts = count_session(session);
     log_lock.unlock();
+    const std::vector<std::vector<char>> settings = copy_settings(session, counts);
+    auto copy = settings.begin();
     for (const work_file_row& row : work_file_rows()) {
+      const std::vector<char>& words = *copy++;
       // Rows that only older versions had.
       if (!row_is_in(row, work_file_version)) continue;
       if (row.rule == per_log_line) log_lock.lock();
-      write_row(out, session, row, counts);
+      if (words.empty()) {
+        write_row(out, session, row, counts);
+      } else {
+        write_bytes(out, words.data(), words.size());
+      }
       if (log_lock.owns_lock()) log_lock.unlock();
     }
   }

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,9 @@ struct session_state {
   mutable run_log_table log;
   mutable long_operation_flags operation;
   mutable session_gate gate;
+  // Settings and selections, which dialogs write without the gate while a timed save may read
+  // them. Held for a moment, and never by somebody who waits for the gate.
+  mutable std::recursive_mutex settings_mutex;
 
   user_interface ui;
 

@@ -284,7 +284,10 @@ TEST(DetectionDialog, DoneTellsOfAnInterruptedRunAndOfTimesOutside) {
   r.w.settle();
   event_table& events = r.session().events;
   ASSERT_GT(events.n_events, 101);
-  for (std::int32_t e = 1; e <= 101; ++e) events.event_time[e] = 0;
+  {
+    const session_hold hold(r.session());
+    for (std::int32_t e = 1; e <= 101; ++e) events.event_time[e] = 0;
+  }
   r.w.press(dialog, "done");
   r.w.settle();
   EXPECT_EQ(r.w.told.size(), 1);
@@ -368,8 +371,11 @@ TEST(AutosortDialog, AChangedWindowRealignsUnlessARunHasDoneIt) {
   r.w.settle();
   EXPECT_FALSE(templates_are_outdated(s));
   EXPECT_TRUE(r.w.told.isEmpty());
-  s.strategy.overlap_threshold = -5.0f;  // nothing is distinct by its overlap
-  s.strategy.correlation_threshold = -2.0f;
+  {
+    const session_hold hold(s);
+    s.strategy.overlap_threshold = -5.0f;  // nothing is distinct by its overlap
+    s.strategy.correlation_threshold = -2.0f;
+  }
   ASSERT_GT(count_pairs_to_examine(s), 0);
   r.w.press(box, "ok");
   r.w.settle();

@@ -238,8 +238,11 @@ QDialogButtonBox* button_row(const shared_acquisition& a) {
 
 void acquisition_properties_command(workstation& w) {
   if (!needs_recording(w)) return;
-  // The field of the channel begins there.
-  w.session.current_channel = 1;
+  {
+    // The field of the channel begins there.
+    const std::lock_guard lock(w.session.settings_mutex);
+    w.session.current_channel = 1;
+  }
   auto* dialog = new operation_dialog(w, "acquisition_dialog", "Acquisition properties");
   const auto a = std::make_shared<acquisition_window>(w, dialog);
   const acquisition_facts facts = list_acquisition_facts(w.session);

@@ -116,8 +116,11 @@ void messages_dialog::set_reading(bool reading) {
   const QString name = w_.desk->latest(status_field::file_name);
   if (reading && !name.isEmpty()) file_name_->setText(name);
   if (!reading) ok_->setFocus();  // Return then leaves, as most users want to
-  const bool well = w_.session.recording.n_samples > 0 && w_.desk->boxes_shown() == boxes_before_;
-  if (has_read && well && close_itself_->isChecked()) accept();
+  // The recording is the worker's until it has read it.
+  const auto well = [this] {
+    return w_.session.recording.n_samples > 0 && w_.desk->boxes_shown() == boxes_before_;
+  };
+  if (has_read && well() && close_itself_->isChecked()) accept();
 }
 
 // Once: reading stops at its next poll, and nothing of the recording stays.

@@ -457,7 +457,10 @@ void unit_list::tell_selection() {
 void choose_cluster(workstation& w, std::int32_t cluster) {
   // Its number may be another cluster's by the time the worker has finished.
   if (w.worker.running || cluster < 1 || cluster > w.session.clusters.n_clusters) return;
-  w.session.clusters.current_cluster = cluster;
+  {
+    const std::lock_guard lock(w.session.settings_mutex);
+    w.session.clusters.current_cluster = cluster;
+  }
   refresh_windows(w);
 }
 

@@ -186,6 +186,7 @@ bool settings_form::refused() const {
 bool settings_form::store() {
   // All are asked before the first is stored, so that a run never has half of what was typed.
   if (refused()) return false;
+  const std::lock_guard lock(session.settings_mutex);
   for (const binding& bound : bindings) bound.store();
   return true;
 }
