@@ -25,7 +25,12 @@ double shown_zero(double value, double step) { return std::abs(value) < step * 1
 
 template <typename Draw>
 void for_each_tick(double from, double to, double pixels, double apart, Draw&& draw) {
-  const double step = round_step(to - from, std::max(static_cast<int>(pixels / apart), 1));
+  int n = std::max(static_cast<int>(pixels / apart), 1);
+  double step = round_step(to - from, n);
+  // One number alone gives a narrow axis a place and no scale.
+  for (int finer = 0; finer < 2 && std::floor(to / step) <= std::ceil(from / step); ++finer) {
+    step = round_step(to - from, n *= 2);
+  }
   const double first = std::ceil(from / step);
   // A range beyond what its numbers can count has no ticks.
   for (int i = 0; i < 200; ++i) {
