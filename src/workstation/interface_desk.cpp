@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QEvent>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QMessageBox>
 #include <QStringList>
 #include <QThread>
@@ -183,6 +184,11 @@ QMessageBox* dress_box(QMessageBox* box, const QString& text, const QString& tit
   // Paths may hold what looks like markup.
   box->setTextFormat(Qt::PlainText);
   box->setText(text);
+  // A window manager cuts the title of a box that is narrow for its few words.
+  if (auto* label = box->findChild<QLabel*>("qt_msgbox_label")) {
+    constexpr int buttons_of_title = 60;
+    label->setMinimumWidth(box->fontMetrics().horizontalAdvance(title) + buttons_of_title);
+  }
   box->setStandardButtons(QMessageBox::Ok);
   box->setObjectName(icon == box_icon::question ? "question_box" : "message_box");
   box->setAttribute(Qt::WA_DeleteOnClose);
@@ -206,6 +212,13 @@ QMessageBox* dress_question(QMessageBox* box, const QString& text, const QString
 
 QMessageBox* make_question(workstation& w, const QString& text, const QString& title) {
   return dress_question(new QMessageBox(parent_for_box(w)), text, title, QMessageBox::No);
+}
+
+// A box on a dialog beside the windows comes without the keys where one of the windows has them,
+// and Return would go to nobody.
+void open_box(QMessageBox* box) {
+  box->open();
+  box->activateWindow();
 }
 
 // Escape and the cross of this box are no answer.
@@ -235,7 +248,7 @@ user_answer ask_openly_here(void* context, const std::string& text, const std::s
         dress_question(new open_question_box(parent_for_box(w)), shown, heading, QMessageBox::Yes);
     QObject::connect(box, &QDialog::finished, box,
                      [reply](int result) { reply(answer_of_result(result)); });
-    box->open();
+    open_box(box);
   });
 }
 
@@ -251,7 +264,7 @@ void tell_here(void* context, const std::string& text, const std::string& title,
     ++w.desk->state->boxes_shown;
     QMessageBox* box = make_box(w, shown, heading, icon);
     QObject::connect(box, &QDialog::finished, box, [reply] { reply(true); });
-    box->open();
+    open_box(box);
   });
 }
 
@@ -447,7 +460,7 @@ void attach_desk(workstation& w) {
 }
 
 void show_message(workstation& w, const QString& text, const QString& title, box_icon icon) {
-  make_box(w, text, title, icon)->open();
+  open_box(make_box(w, text, title, icon));
 }
 
 void ask_then(workstation& w, const QString& text, const QString& title,
@@ -455,7 +468,7 @@ void ask_then(workstation& w, const QString& text, const QString& title,
   QMessageBox* box = make_question(w, text, title);
   QObject::connect(box, &QDialog::finished, w.frame,
                    [then = std::move(then)](int result) { then(result == QMessageBox::Yes); });
-  box->open();
+  open_box(box);
 }
 
 }  // namespace kestrelvane

@@ -202,6 +202,8 @@ void open_dialog(workstation&, QDialog* dialog) {
   fit_to_screen(dialog);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->open();
+  // The keys may be with a window of the frame, which is blocked now.
+  dialog->activateWindow();
 }
 
 void open_to_look(workstation& w, QDialog* dialog) {
