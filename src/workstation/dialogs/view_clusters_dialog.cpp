@@ -275,7 +275,7 @@ QGroupBox* cluster_box(const shared_view& v) {
   v->comment->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
   below->addWidget(v->comment, 1);
   rows->addLayout(below);
-  return titled_box("Cluster", rows);
+  return titled_box("", rows);  // its first word says what it is
 }
 
 struct shape_row {
@@ -713,7 +713,7 @@ void leave_by_escape(const shared_view& v) {
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
   bind_unit_labels(v->w, v->dialog, v->list);
-  v->list->setMinimumSize(280, 90);
+  v->list->setMinimumSize(280, 92);
   QObject::connect(v->list, &unit_list::chosen, v->dialog, [v](int c) { go_to_cluster(v, c); });
   v->message = value_label("message", "What the last tool has come to");
   v->message->clear();
@@ -732,8 +732,11 @@ void fill_dialog(const shared_view& v) {
   }
   layout->addLayout(display_row(v));
   v->numbers.push_back(v->n_waveforms);
-  layout->addWidget(words_line(v->numbers));
-  layout->addWidget(v->bar);
+  auto* below = new QHBoxLayout;
+  v->bar->setFixedWidth(v->bar->fontMetrics().horizontalAdvance("m") * 10);
+  below->addWidget(v->bar);
+  below->addWidget(words_line(v->numbers), 1);
+  layout->addLayout(below);
   layout->addWidget(v->list, 1);
   layout->addWidget(v->message);
   layout->addWidget(button_row(v));
