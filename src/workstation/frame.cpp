@@ -93,6 +93,9 @@ void main_frame::restore_layout() {
   // Its title and its status line in sight on small screens, too.
   if (!restoreGeometry(store.value("frame/geometry").toByteArray())) {
     resize(QSize(1180, 800).boundedTo(screen_room(this)));
+  } else if (const QSize there = screen()->availableSize(); size().boundedTo(there) != size()) {
+    // Kept on a larger screen.
+    resize(size().boundedTo(screen_room(this)));
   }
   restoreState(store.value("frame/state").toByteArray());
 }

@@ -54,6 +54,8 @@ driven_workstation::driven_workstation(const std::string& home, const std::strin
 driven_workstation::~driven_workstation() {
   settle();
   close_messages();
+  // Keys that a test has sent stay held for the next one, whose lines they would select.
+  QTest::keyRelease(shell.frame, Qt::Key_Control);
   if (!shell.leaving) leave(false);
   join_worker(shell);
   delete shell.frame;
