@@ -187,7 +187,9 @@ QMessageBox* dress_box(QMessageBox* box, const QString& text, const QString& tit
   // A window manager cuts the title of a box that is narrow for its few words.
   if (auto* label = box->findChild<QLabel*>("qt_msgbox_label")) {
     constexpr int buttons_of_title = 60;
-    label->setMinimumWidth(box->fontMetrics().horizontalAdvance(title) + buttons_of_title);
+    const int wanted = box->fontMetrics().horizontalAdvance(title) + buttons_of_title;
+    // A least width replaces that of the text itself.
+    if (wanted > label->sizeHint().width()) label->setMinimumWidth(wanted);
   }
   box->setStandardButtons(QMessageBox::Ok);
   box->setObjectName(icon == box_icon::question ? "question_box" : "message_box");
