@@ -86,14 +86,20 @@ void paint_titles(QPainter& painter, const QRectF& rect, const drawn_graph& plan
   painter.drawText(QPointF(-small.horizontalAdvance(labels.y) / 2, 0), labels.y);
   painter.restore();
   const double note_width = small.horizontalAdvance(labels.note);
-  painter.setPen(theme.neutral);
-  painter.drawText(QPointF(box.right() - note_width, box.top() - 7), labels.note);
-  painter.setPen(theme.text);
+  const QFont note_font = painter.font();
   use_title_font(painter);
+  const QFontMetrics large = painter.fontMetrics();
   const double room = box.width() - note_width - 8;
-  painter.drawText(QPointF(box.left(), box.top() - 7),
-                   painter.fontMetrics().elidedText(labels.title, Qt::ElideRight,
-                                                    static_cast<int>(std::max(room, 0.0))));
+  painter.drawText(
+      QPointF(box.left(), box.top() - 7),
+      large.elidedText(labels.title, Qt::ElideRight, static_cast<int>(std::max(box.width(), 0.0))));
+  // Of the two the title says more: it is whole, and the note goes below it, over the points.
+  const double below = large.horizontalAdvance(labels.title) <= room ? 0 : small.lineSpacing() + 6;
+  painter.setFont(note_font);
+  painter.setPen(theme.neutral);
+  painter.drawText(QPointF(box.right() - note_width - (below > 0 ? 4 : 0), box.top() - 7 + below),
+                   labels.note);
+  painter.setPen(theme.text);
 }
 
 // A pair of ends with a little room on either side; something even for one value or none.
