@@ -223,6 +223,9 @@ comparison_step compare_merge(session_state& session, pair_comparison& compariso
   merge_pair(session, {a, b});
   // The lower number takes the events of both, and keeps its number whatever moves down.
   const std::int32_t merged = std::min(a, b);
+  // Said while the windows show what has become of the two, and not yet the next pair.
+  tell(session, fmt::format("Clusters {} and {} were merged", a, b), "Merge clusters",
+       box_icon::information);
   update_match_lists(session, {merged});
   const std::int32_t position = stay ? find_entry(session, 1, 1, merged) : 1;
   if (!show_entry(session, position)) {
@@ -231,8 +234,6 @@ comparison_step compare_merge(session_state& session, pair_comparison& compariso
     session.reviewed.compare_b = merged > 1 ? merged - 1 : 2;
     settle_on_pair(session);
   }
-  tell(session, fmt::format("Clusters {} and {} were merged", a, b), "Merge clusters",
-       box_icon::information);
   if (session.clusters.n_clusters > 1) return comparison_step::refresh;
   tell(session, "Only one cluster is left - exiting dialog", dialog_title, box_icon::information);
   return comparison_step::close;
