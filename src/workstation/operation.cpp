@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QPointer>
+#include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
 #include <memory>
@@ -198,8 +199,23 @@ void run_with_progress(workstation& w, const char* object_name, const QString& t
       worker_priority::normal);
 }
 
+namespace {
+
+// A button that became the default before it stood in its dialog is so for itself alone: the
+// dialog would take its first button, and Return press that.
+void announce_default(QDialog* dialog) {
+  for (QPushButton* button : dialog->findChildren<QPushButton*>()) {
+    if (!button->isDefault()) continue;
+    button->setDefault(false);
+    button->setDefault(true);
+  }
+}
+
+}  // namespace
+
 void open_dialog(workstation&, QDialog* dialog) {
   fit_to_screen(dialog);
+  announce_default(dialog);
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->open();
   // The keys may be with a window of the frame, which is blocked now.
@@ -229,6 +245,7 @@ void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {
   dialog->setAttribute(Qt::WA_DeleteOnClose);
   dialog->setModal(false);
   fit_to_screen(dialog);
+  announce_default(dialog);
   dialog->show();
 }
 

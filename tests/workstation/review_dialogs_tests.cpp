@@ -6,7 +6,9 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QTableView>
+#include <QTest>
 #include <filesystem>
+#include <tuple>
 
 #include "analysis/correlograms.h"
 #include "clustering/membership.h"
@@ -252,6 +254,36 @@ TEST(Realign, NeedsClusters) {
     w.choose_entry(entry);
     w.settle();
     EXPECT_EQ(w.told, QStringList{"There are no clusters"}) << entry;
+  }
+}
+
+// Return presses what closes a dialog, and H tells of the keys, where there is no list either.
+TEST(ReviewDialogs, ReturnClosesAndTheKeysAreToldOf) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  const std::tuple<const char*, const char*, const char*> dialogs[] = {
+      {"correlograms", "correlation_dialog", "done"},
+      {"post_processing", "post_process_dialog", "ok"},
+      {"sorting_statistics", "summary_dialog", "done"}};
+  for (const auto& [entry, name, closing] : dialogs) {
+    w.choose_entry(entry);
+    QDialog* dialog = w.dialog(name);
+    w.settle();
+    ASSERT_NE(dialog, nullptr) << name;
+    EXPECT_TRUE(w.control<QPushButton>(dialog, closing)->isDefault()) << name;
+    if (dialog->findChild<QPushButton*>("key_page") != nullptr) {
+      ASSERT_TRUE(QTest::qWaitForWindowActive(dialog));
+      QTest::keyClick(dialog, Qt::Key_H);
+      auto* page = dialog->findChild<QDialog*>("key_page_dialog");
+      ASSERT_NE(page, nullptr) << name;
+      page->close();
+    } else {
+      EXPECT_STREQ(name, "correlation_dialog");
+    }
+    QTest::keyClick(dialog, Qt::Key_Return);
+    EXPECT_TRUE(wait_until([&] { return w.shell.frame->findChild<QDialog*>(name) == nullptr; }))
+        << name;
+    w.settle();
   }
 }
 

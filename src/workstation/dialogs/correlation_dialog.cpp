@@ -10,6 +10,7 @@
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
@@ -140,6 +141,7 @@ void correlation_command(workstation& w) {
   show_units(c);
   place_at_right(w, dialog);
   open_beside(w, dialog, live_entries);
+  tile_cluster_windows(w, dialog);
 }
 
 }  // namespace kestrelvane

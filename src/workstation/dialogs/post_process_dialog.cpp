@@ -11,6 +11,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
@@ -280,6 +281,8 @@ QDialogButtonBox* button_row(const shared_post& p) {
                             "Stop the tool that runs");
   p->undo = add_button(buttons, "undo", "Undo", QDialogButtonBox::ResetRole,
                        "Back to the sort as it was when this dialog opened");
+  QPushButton* keys =
+      add_button(buttons, "key_page", "Keys", QDialogButtonBox::HelpRole, "What the keys do");
   QPushButton* ok =
       add_button(buttons, "ok", "OK", QDialogButtonBox::AcceptRole, "Close; changes stay");
   p->interrupt->setEnabled(false);
@@ -297,7 +300,11 @@ QDialogButtonBox* button_row(const shared_post& p) {
     if (p->form.store()) p->dialog->accept();
   });
   ok->setDefault(true);
+  QObject::connect(keys, &QPushButton::clicked, p->dialog, [p] { show_key_page(p->w, p->dialog); });
   bind_keys(p->dialog, p->undo);
+  bind_keys(p->dialog, keys);
+  bind_unit_labels(
+      p->w, p->dialog, [p] { return current_cluster_alone(p->w); }, nullptr);
   return buttons;
 }
 

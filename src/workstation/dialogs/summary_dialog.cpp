@@ -336,6 +336,8 @@ void sorting_summary_command(workstation& w) {
       summary_window{w, dialog, new summary_model(w.session, dialog)});
   auto* buttons = new QDialogButtonBox;
   QPushButton* done = add_button(buttons, "done", "Done", QDialogButtonBox::AcceptRole, "Close");
+  QPushButton* keys =
+      add_button(buttons, "key_page", "Keys", QDialogButtonBox::HelpRole, "What the keys do");
   auto* layout = new QVBoxLayout(dialog);
   layout->addLayout(top_block(*s));
   layout->addWidget(make_table(s), 1);
@@ -344,6 +346,8 @@ void sorting_summary_command(workstation& w) {
   dialog->setMinimumWidth(name_width);
   dialog->disabled_while_running << done;
   QObject::connect(done, &QPushButton::clicked, dialog, &QDialog::accept);
+  QObject::connect(keys, &QPushButton::clicked, dialog, [&w, dialog] { show_key_page(w, dialog); });
+  bind_keys(dialog, keys);
   QObject::connect(dialog, &QDialog::finished, dialog, [s] { save_layout(*s); });
   // Another window or dialog may have chosen a cluster.
   QObject::connect(w.desk, &interface_desk::refresh_requested, dialog,

@@ -77,6 +77,12 @@ std::vector<tile> stacked_tiles(const workstation& w, const tiled_area& area) {
 // Waveforms largest, components, and below them what is counted or stands against time.
 std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   using enum graph_kind;
+  const bool alone = standing(w, cluster_waveforms) == nullptr &&
+                     standing(w, waveform_comparison) == nullptr &&
+                     standing(w, principal_components) == nullptr;
+  // Without a cluster's own windows, what is counted has their room.
+  if (alone && standing(w, correlograms) != nullptr && standing(w, amplitude_vs_time) == nullptr)
+    return {{correlograms, part_of(area, 0, 0, 1, 1)}};
   constexpr int narrow = 600;  // where two side by side would be too slim to be read
   if (area.width < narrow) return stacked_tiles(w, area);
   const bool counted = standing(w, correlograms) != nullptr;
