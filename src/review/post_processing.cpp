@@ -496,6 +496,9 @@ bool renumber_clusters(session_state& session) {
   });
   recorded_edit edit(session, "renumber");
   edit.record.clusters = order;
+  if (!std::is_sorted(order.begin(), order.end())) {
+    log_message(session, "Updating cluster number");
+  }
   if (!permute_clusters(session, order)) return false;
   // The user wants to see what the order begins with.
   session.clusters.current_cluster = 1;

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <set>
@@ -275,9 +276,13 @@ TEST_F(post_processing_test, ten_orders) {
       std::vector<double> old_keys;
       for (std::int32_t c = 1; c <= n(); ++c) old_keys.push_back(key_of(*session, row.value, c));
       session->clusters.current_cluster = 3;
+      session.user.lines.clear();
       ASSERT_TRUE(renumber_clusters(*session)) << row.label;
       EXPECT_EQ(session->clusters.current_cluster, 1);
       const std::vector<std::int32_t> order = session.user.changes.back().before;
+      EXPECT_NE(session.user.logged("Updating cluster number"),
+                std::is_sorted(order.begin(), order.end()))
+          << row.label;
       for (std::int32_t c = 1; c < n(); ++c) {
         const double here = key_of(*session, row.value, c);
         const double next = key_of(*session, row.value, c + 1);
