@@ -5,6 +5,7 @@
 #include "batch/channel_list.h"
 #include "batch/hdf_tree.h"
 #include "batch/interrupt.h"
+#include "files/standard_streams.h"
 #include "operations/high_pass_offer.h"
 #include "operations/open_recording.h"
 #include "recording/electrode_config.h"
@@ -25,7 +26,7 @@ namespace {
 // Degrees: a two-column probe then reads across rows and down the shank.
 constexpr float usual_scan_angle = 1.0f;
 
-void print_error(const std::string& text) { fmt::print(stderr, "{}\n", text); }
+void print_error(const std::string& text) { put_text(stderr, text + "\n"); }
 
 bool plan_exports(batch_session& batch, std::string& problem) {
   for (const std::string& text : batch.options.exports) {
@@ -295,16 +296,30 @@ batch_status write_results(batch_session& batch) {
   return written ? batch_status::done : batch_status::failed;
 }
 
-void finish_batch(batch_session& batch) {
+batch_status print_result(batch_session& batch, std::string_view text) {
+  finish_console(batch.console);
+  std::string problem;
+  if (put_result(text, problem)) return batch_status::done;
+  return problem.empty() ? batch_status::failed
+                         : fail_batch(batch, "Can't write to standard output: " + problem);
+}
+
+batch_status finish_batch(batch_session& batch, batch_status status) {
   finish_console(batch.console);
   release_interrupt();
   session_state& session = *batch.session;
-  // Without a home nothing is kept.
-  if (session.home_directory.empty()) return;
-  // A run has succeeded or failed by now; its settings change nothing about that.
-  if (!write_parameters(session) || !write_preferences(session)) {
-    print_error("Failed to save the settings in " + session.home_directory);
+  // The results are there by now, whatever became of the log and the settings; the status tells
+  // that not all that was asked for is.
+  if (!batch.console.log_problem.empty()) {
+    status = fail_batch(batch, fmt::format("The logfile {} lacks lines: {}", batch.options.log,
+                                           batch.console.log_problem));
   }
+  // Without a home nothing is kept.
+  if (session.home_directory.empty()) return status;
+  if (!write_parameters(session) || !write_preferences(session)) {
+    status = fail_batch(batch, "Failed to save the settings in " + session.home_directory);
+  }
+  return status;
 }
 
 }  // namespace kestrelvane

@@ -59,8 +59,13 @@ void warn_of_slow_waves(batch_session& batch);
 // report that were asked for. All are tried; failed when one could not be written.
 batch_status write_results(batch_session& batch);
 
-// State files of --home, as at the program's exit.
-void finish_batch(batch_session& batch);
+// Writes a result on standard output, after the bar has gone. Failed, with the reason on
+// standard error, when it could not be written.
+batch_status print_result(batch_session& batch, std::string_view text);
+
+// State files of --home, as at the program's exit. The status of the whole run: status, or
+// failed when the settings or the log could not be written.
+batch_status finish_batch(batch_session& batch, batch_status status);
 
 // A line on standard error, and the status "failed" or "wrong usage" to go with it.
 batch_status fail_batch(batch_session& batch, const std::string& text);

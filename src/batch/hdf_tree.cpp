@@ -110,8 +110,8 @@ bool wants_hdf_tree(const batch_session& batch) {
 batch_status print_hdf_tree(batch_session& batch) {
   std::vector<hdf_entry> entries;
   if (!list_tree(batch, entries)) return batch_status::failed;
-  fmt::print("{}", batch.options.json ? tree_as_json(batch, entries) : tree_as_text(entries));
-  return batch_status::done;
+  return print_result(batch,
+                      batch.options.json ? tree_as_json(batch, entries) : tree_as_text(entries));
 }
 
 bool settle_hdf_path(batch_session& batch) {

@@ -47,8 +47,7 @@ batch_status run_curate(const batch_options& options) {
   if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) status = replay_for_batch(batch);
   if (status == batch_status::done) status = write_results(batch);
-  finish_batch(batch);
-  return status;
+  return finish_batch(batch, status);
 }
 
 }  // namespace kestrelvane

@@ -16,6 +16,7 @@
 #include "displays/picture_file.h"
 #include "displays/voltage/voltage_graph.h"
 #include "displays/voltage/voltage_record.h"
+#include "files/standard_streams.h"
 #include "signal/display_scale.h"
 
 namespace kestrelvane {
@@ -125,7 +126,7 @@ void choose_place(session_state& session, const batch_options& options, QSize si
 
 // The libraries' own remarks about the desktop say nothing to who runs a batch command.
 void keep_failures(QtMsgType type, const QMessageLogContext&, const QString& text) {
-  if (type == QtCriticalMsg || type == QtFatalMsg) fmt::print(stderr, "{}\n", text.toStdString());
+  if (type == QtCriticalMsg || type == QtFatalMsg) put_text(stderr, text.toStdString() + "\n");
 }
 
 cluster_drawing drawing_of(const batch_options& options, QSize size) {
@@ -206,8 +207,7 @@ batch_status run_draw(const batch_options& options) {
   // Put back whatever came of it, or the home directory would keep them.
   session.preferences = preferences;
   session.display = display;
-  finish_batch(batch);
-  return status;
+  return finish_batch(batch, status);
 }
 
 }  // namespace kestrelvane

@@ -13,8 +13,7 @@ batch_status run_export(const batch_options& options) {
   if (status == batch_status::done) status = read_work_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) status = write_results(batch);
-  finish_batch(batch);
-  return status;
+  return finish_batch(batch, status);
 }
 
 batch_status run_convert(const batch_options& options) {
@@ -28,8 +27,7 @@ batch_status run_convert(const batch_options& options) {
                                               options.output, export_options{});
     status = written ? batch_status::done : batch_status::failed;
   }
-  finish_batch(batch);
-  return status;
+  return finish_batch(batch, status);
 }
 
 }  // namespace kestrelvane

@@ -106,19 +106,16 @@ batch_status run_info(const batch_options& options) {
   // A container of which no dataset was named: its tree is what it holds.
   if (status == batch_status::done && wants_hdf_tree(batch)) {
     status = print_hdf_tree(batch);
-    finish_batch(batch);
-    return status;
+    return finish_batch(batch, status);
   }
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
-  // The bar ends before the text begins.
-  finish_batch(batch);
   if (status == batch_status::done) {
     const session_state& session = *batch.session;
-    fmt::print(
-        "{}", options.json ? describe_as_json(session, options.values) : describe_as_text(session));
+    status = print_result(batch, options.json ? describe_as_json(session, options.values)
+                                              : describe_as_text(session));
   }
-  return status;
+  return finish_batch(batch, status);
 }
 
 }  // namespace kestrelvane

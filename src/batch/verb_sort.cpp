@@ -31,12 +31,13 @@ std::int32_t stop_of_name(std::string_view name) {
   return stop_after_all;
 }
 
-void print_units(const batch_session& batch) {
+batch_status print_units(batch_session& batch) {
   const session_state& session = *batch.session;
-  if (batch.options.quiet) return;
-  fmt::print("{} events, {} clusters\n", session.events.n_events, session.clusters.n_clusters);
-  if (session.clusters.n_clusters == 0) return;
-  fmt::print("{}", print_unit_table(batch.units));
+  if (batch.options.quiet) return batch_status::done;
+  std::string text =
+      fmt::format("{} events, {} clusters\n", session.events.n_events, session.clusters.n_clusters);
+  if (session.clusters.n_clusters > 0) text += print_unit_table(batch.units);
+  return print_result(batch, text);
 }
 
 // An interrupted run is saved as far as it came; one that stopped at a guard has
@@ -57,17 +58,17 @@ batch_status sort_recording(batch_session& batch) {
                       "--skip-existing would take it for done");
   }
   const batch_status written = write_results(batch);
-  finish_console(batch.console);
-  print_units(batch);
+  const batch_status printed = print_units(batch);
   // What an interrupted run has saved is not what was asked for.
-  return batch.report.completed ? written : batch_status::failed;
+  if (!batch.report.completed) return batch_status::failed;
+  return written == batch_status::done ? printed : written;
 }
 
-void skip_recording(batch_session& batch) {
+batch_status skip_recording(batch_session& batch) {
   if (!batch.options.quiet) {
     say(*batch.session, "Skipped " + batch.options.recording + ": all its files are there");
   }
-  finish_batch(batch);
+  return finish_batch(batch, batch_status::done);
 }
 
 // A recording of spike waveforms has nothing between its spikes: they are there already, and a
@@ -95,8 +96,7 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
   if (status == batch_status::wrong_usage) return status;
   // Before the recording is opened, which alone may take minutes.
   if (status == batch_status::done && options.skip_existing && outputs_are_there(batch.outputs)) {
-    skip_recording(batch);
-    return status;
+    return skip_recording(batch);
   }
   if (status == batch_status::done) status = open_recording_for_batch(batch);
   if (status == batch_status::done) status = read_work_for_batch(batch);
@@ -105,8 +105,7 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
     if (verb == "sort") keep_spikes_of_file(batch);
     status = sort_recording(batch);
   }
-  finish_batch(batch);
-  return status;
+  return finish_batch(batch, status);
 }
 
 }  // namespace

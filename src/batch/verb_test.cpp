@@ -30,8 +30,7 @@ batch_status run_make_test(const batch_options& options) {
   if (!made) return fail_batch(batch, problem);
   finish_console(console);
   // The one line on standard output, for scripts that go on with the file.
-  if (!options.quiet) fmt::print("{}\n", options.output);
-  return batch_status::done;
+  return options.quiet ? batch_status::done : print_result(batch, options.output + "\n");
 }
 
 namespace {
@@ -55,7 +54,7 @@ batch_status measure_noise(const batch_options& options, double& noise_uv) {
   opening.quiet = true;  // the table is all that this verb prints
   batch_status status = start_batch(batch, opening, "score");
   if (status == batch_status::done) status = open_recording_for_batch(batch);
-  finish_batch(batch);
+  status = finish_batch(batch, status);
   if (status != batch_status::done) return status;
   noise_uv = median_noise_uv(*batch.session);
   // A file of zeros has none, and would put every unit in the highest band.
@@ -74,19 +73,17 @@ batch_status run_score(const batch_options& options) {
     if (status != batch_status::done) return status;
   }
   sort_score score;
+  batch_session batch;
   if (!score_files(options.sorted_path, options.truth_path, score, problem)) {
-    fmt::print(stderr, "{}\n", problem);
-    return batch_status::failed;
+    return fail_batch(batch, problem);
   }
   // Bands need both; noise alone says nothing.
   if (noise_uv > 0 && !score.has_amplitudes) {
-    fmt::print(stderr, "No amplitudes are known: there is no list of units beside {}\n",
-               options.truth_path);
-    return batch_status::failed;
+    return fail_batch(
+        batch, "No amplitudes are known: there is no list of units beside " + options.truth_path);
   }
   score.noise_uv = noise_uv;
-  fmt::print("{}", options.json ? score_json(score).dump(2) + "\n" : score_table(score));
-  return batch_status::done;
+  return print_result(batch, options.json ? score_json(score).dump(2) + "\n" : score_table(score));
 }
 
 }  // namespace kestrelvane

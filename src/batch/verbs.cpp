@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <string_view>
 
 #include "session/version.h"
@@ -259,7 +260,8 @@ int run_batch_command(int argc, const char* const* argv) {
     app.parse(join_lists(argc, argv));
   } catch (const CLI::ParseError& error) {
     // Help and version are results; anything else is wrong usage.
-    return app.exit(error) == 0 ? 0 : static_cast<int>(batch_status::wrong_usage);
+    if (app.exit(error) != 0) return static_cast<int>(batch_status::wrong_usage);
+    return static_cast<int>(std::cout.flush() ? batch_status::done : batch_status::failed);
   }
   for (const batch_verb& verb : verbs) {
     if (app.got_subcommand(verb.name)) return static_cast<int>(verb.run(options));

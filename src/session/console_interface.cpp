@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
+#include "files/standard_streams.h"
 #include "session/hdf_page.h"
 
 namespace kestrelvane {
@@ -38,7 +41,7 @@ const char* meter_name(meter which) {
 void hide_bar(console_interface& console) {
   if (!console.bar_visible) return;
   // Back to the first column, and the rest of the line wiped: a longer bar before leaves no tail.
-  std::fputs("\r\033[K", console.out);
+  put_text(console.out, "\r\033[K");
   console.bar_visible = false;
 }
 
@@ -51,8 +54,9 @@ void show_bar(console_interface& console) {
     return;
   }
   const auto filled = static_cast<std::size_t>(bar_width * console.bar_percent / 100);
-  fmt::print(console.out, "\r\033[K{:>12} [{}{}] {:3}%", console.bar_name, std::string(filled, '#'),
-             std::string(bar_width - filled, ' '), console.bar_percent);
+  put_text(console.out,
+           fmt::format("\r\033[K{:>12} [{}{}] {:3}%", console.bar_name, std::string(filled, '#'),
+                       std::string(bar_width - filled, ' '), console.bar_percent));
   std::fflush(console.out);
   console.bar_visible = true;
 }
@@ -60,7 +64,7 @@ void show_bar(console_interface& console) {
 void print_line(console_interface& console, std::string_view text) {
   hide_bar(console);
   // The bar is taken away and put back below the line, or the two would run into each other.
-  fmt::print(console.out, "{}\n", text);
+  put_text(console.out, fmt::format("{}\n", text));
   show_bar(console);
 }
 
@@ -83,7 +87,7 @@ void show_progress(console_interface& console, meter which, std::int32_t value,
   // Without a terminal, as in the log of a job: four lines, and not a file full of bars.
   const std::int32_t quarter = percent / 25;
   if (quarter > console.bar_quarter && quarter > 0) {
-    fmt::print(console.out, "{} {}%\n", name, quarter * 25);
+    put_text(console.out, fmt::format("{} {}%\n", name, quarter * 25));
   }
   console.bar_quarter = quarter;
 }
@@ -102,6 +106,13 @@ bool ask_console(console_interface& console, const std::string& text, const std:
     print_line(console, fmt::format("{}: {} {}", title, text, yes ? "Yes" : "No"));
   }
   return yes;
+}
+
+void write_log(console_interface& console, std::string_view line) {
+  if (console.log == nullptr) return;
+  if (!put_text(console.log, fmt::format("{}\n", line)) && console.log_problem.empty()) {
+    console.log_problem = std::strerror(errno);
+  }
 }
 
 // Straight to the dataset, and one try to read it: what it is refused for does not change.
@@ -143,7 +154,7 @@ void attach_console(console_interface& console, session_state& session) {
     if (field == status_field::message && !self(c).quiet) print_line(self(c), text);
   };
   ui.log_line = [](void* c, std::string_view line) {
-    if (self(c).log != nullptr) fmt::print(self(c).log, "{}\n", line);
+    write_log(self(c), line);
     if (self(c).show_log && !self(c).quiet) print_line(self(c), line);
   };
   ui.stage = [](void* c, const std::string& name) {
@@ -167,7 +178,9 @@ bool open_console_log(console_interface& console, const std::string& path) {
 void finish_console(console_interface& console) {
   hide_bar(console);
   std::fflush(console.out);
-  if (console.log != nullptr) std::fclose(console.log);
+  if (console.log != nullptr && std::fclose(console.log) != 0 && console.log_problem.empty()) {
+    console.log_problem = std::strerror(errno);
+  }
   console.log = nullptr;
 }
 

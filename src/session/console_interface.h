@@ -3,6 +3,7 @@
 // On a terminal a bar is redrawn in place under the messages; elsewhere progress comes
 // in plain lines, one per quarter of a bar. Quiet leaves only the boxes. Questions are answered
 // from answer_yes and shown with their answer. Calls may come from any one thread at a time.
+// Words that cannot be written are dropped, and what goes on goes on without them.
 #pragma once
 
 #include <cstdio>
@@ -29,6 +30,7 @@ struct console_interface {
 
   // --- what has happened
   std::string last_problem;  // text of the latest error or warning box
+  std::string log_problem;   // why the log lacks lines, in the system's words; empty: it has all
   int hdf_turns = 0;         // of the walk that goes on
 
   // --- the bar on show

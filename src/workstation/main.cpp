@@ -8,6 +8,7 @@
 #include <QStyle>
 #include <memory>
 
+#include "files/standard_streams.h"
 #include "numerics/parallel.h"
 #include "recording/formats/hdf/hdf_probe.h"
 #include "session/version.h"
@@ -70,6 +71,7 @@ kestrelvane::start_request read_command_line(const QApplication& application) {
 int main(int argc, char** argv) {
   using namespace kestrelvane;
   int probe_status = 0;
+  secure_standard_streams();
   // Before anything else: the child that looks at a file starts no windows.
   if (run_as_hdf_probe(argc, argv, probe_status)) return probe_status;
   flush_denormals();

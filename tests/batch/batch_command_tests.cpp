@@ -21,6 +21,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 using words = std::vector<std::string>;
+using namespace std::string_literals;
 
 process_result run(const words& arguments) { return run_process(KESTRELVANE_BATCH, arguments); }
 
@@ -93,6 +94,50 @@ TEST_F(batch_test, the_spikes_of_a_recording_of_spikes_are_sorted) {
   // A continuous recording holds more than the events that it comes with.
   result = run({"sort", tsf, "--stop-after", "detection"});
   EXPECT_THAT(result.err, HasSubstr("Event detection method is"));
+}
+
+// A full device under a stream, a closed one, a reader that has gone: the sort is there all the
+// same, and the status tells whether all that was asked for is.
+TEST_F(batch_test, a_sort_outlives_its_console_and_its_log) {
+  const std::string work = file("a.wrk");
+  const std::string sort = std::string(KESTRELVANE_BATCH) + " sort " + tsf +
+                           " --stop-after detection --home " + directory.path + " --save-work " +
+                           work;
+  const std::vector<std::pair<std::string, int>> endings{{" 2>/dev/full", 0},
+                                                         {" 2>&-", 0},
+                                                         {" >/dev/full", 1},
+                                                         {" >&- 2>&- <&-", 1},
+                                                         {" --quiet >&-", 0},
+                                                         {" --log /dev/full", 1},
+                                                         {" 2>&1 | head -c 1; exit 0", 0}};
+  std::vector<char> first;
+  for (const auto& [ending, status] : endings) {
+    std::filesystem::remove(work);
+    const process_result result = run_process("/bin/sh", {"-c", sort + ending});
+    EXPECT_EQ(result.status, status) << ending << result.err;
+    ASSERT_TRUE(exists("a.wrk")) << ending;
+    const std::vector<char> bytes = without_log(work);
+    if (first.empty()) first = bytes;
+    EXPECT_TRUE(bytes == first) << ending;
+  }
+  const process_result full = run_process("/bin/sh", {"-c", sort + " --log /dev/full"});
+  EXPECT_THAT(full.err, HasSubstr("The logfile /dev/full lacks lines: No space left on device"));
+}
+
+TEST_F(batch_test, a_result_that_cannot_be_printed_ends_with_1) {
+  for (const std::string& arguments : {"info " + tsf, "info " + tsf + " --json", "--help"s}) {
+    const process_result result =
+        run_process("/bin/sh", {"-c", KESTRELVANE_BATCH " " + arguments + " >/dev/full"});
+    EXPECT_EQ(result.status, 1) << arguments;
+  }
+  const process_result info =
+      run_process("/bin/sh", {"-c", KESTRELVANE_BATCH " info " + tsf + " >/dev/full"});
+  EXPECT_THAT(info.err, HasSubstr("Can't write to standard output: No space left on device"));
+  // Settings that cannot be kept: a folder stands where their file goes.
+  std::filesystem::create_directories(file("kv_prefs.sav/x"));
+  const process_result kept = run({"info", tsf, "--home", directory.path});
+  EXPECT_EQ(kept.status, 1);
+  EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + directory.path));
 }
 
 TEST_F(batch_test, wrong_usage_ends_with_2) {
