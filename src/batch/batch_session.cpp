@@ -182,6 +182,9 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
     return refuse_usage(fmt::format("--mask {}: not a list of channels", options.mask));
   }
   if (!parse_filters(options.filters, batch.filters, problem)) return refuse_usage(problem);
+  // The log is a file as any other, and is opened first.
+  problem = find_clash(options, batch.exports);
+  if (!problem.empty()) return refuse_usage(problem);
   // Here for its complaints; it is applied again once the kept settings are read.
   if (!apply_run_options(batch, problem)) return refuse_usage(problem);
   const batch_status status = start_console(batch);

@@ -26,6 +26,10 @@ struct planned_output {
 std::vector<planned_output> list_outputs(const batch_options& options,
                                          const std::vector<planned_export>& exports);
 
+// What is wrong with the files of a command line: a result would replace a file that is read, or
+// another result, under whatever path. Empty when nothing is.
+std::string find_clash(const batch_options& options, const std::vector<planned_export>& exports);
+
 // Writes and removes an empty file beside each. A line for every one that cannot be had, which
 // is what makes up the text that is returned; empty when all can be written.
 std::string try_outputs(const std::vector<planned_output>& outputs);

@@ -36,14 +36,15 @@ constexpr export_format formats[] = {
   {"txt", "unit numbered *_#.txt files", ".txt", "One file per unit (*.TXT)", {},
    write_unit_texts},
   {"plx", "Plexon (.plx)", ".plx", "Plexon files(*.PLX)", {}, save_plx,
-   &recording_store::plx_path, true},
+   &recording_store::plx_path, true, file_type_plx},
   {"ntt", "Neuralynx (.ntt)", ".ntt", "Neuralynx (*.NTT)",
-   {.format = file_type_ntt, .refusal = "No Neuralynx data in memory"}, write_ntt},
+   {.format = file_type_ntt, .refusal = "No Neuralynx data in memory"}, write_ntt,
+   nullptr, false, file_type_ntt},
   {"evt", "Neuroscope (.evt)", ".evt", "(Neuroscope text file (*.EVT)", {}, export_evt,
    nullptr, true},
   {"nev", "Blackrock (.nev)", ".nev", "Blackrock (Utah array) (*.NEV)",
    {.format = file_type_nev, .refusal = "No Blackrock .nev data in memory"},
-   write_nev_with_units},
+   write_nev_with_units, nullptr, false, file_type_nev},
   {"ptcs", "Tarvik (.ptcs)", ".ptcs", "Multi-spike time files(*.PTCS)", {},
    export_ptcs, nullptr, true},
   {"tsf", ".tsf file (.tsf)", ".tsf", "TSF format (*.TSF)",
@@ -159,6 +160,10 @@ const export_format* find_export_format(std::string_view name) {
   return nullptr;
 }
 
+bool may_rewrite_recording(const session_state& session, const export_format& format) {
+  return format.rewrites != file_type_unknown && format.rewrites == session.recording.file_type;
+}
+
 bool export_is_possible(const session_state& session, const export_format& format) {
   const recording_store& r = session.recording;
   const export_condition& needed = format.needed;
@@ -204,7 +209,10 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
   if (!export_is_possible(session, format)) return false;
   std::string path = replace_extension(session.recording.recording_path, format.extension);
   const char* title = format.write == write_ntt ? "Export sorted data" : "Export data";
-  if (!choose_file_to_save(session, title, format.filter, path)) return false;
+  if (!choose_file_to_save(session, title, format.filter, path,
+                           may_rewrite_recording(session, format))) {
+    return false;
+  }
   const export_options options{session.review.export_remove_duplicates,
                                session.review.export_save_work_file, save_comments};
   return export_sorted_spikes(session, format, path, options);

@@ -35,7 +35,12 @@ struct export_format {
   // Times in it are time indices of the program, also where these are no times
   // (spike_times.h); the file that the recording came from is written again at its own times.
   bool in_time_indices = false;
+  // Recordings of this type may be written over: the file keeps all that it holds besides.
+  std::int32_t rewrites = file_type_unknown;
 };
+
+// True when the recording in memory is of the type that the format writes anew.
+bool may_rewrite_recording(const session_state& session, const export_format& format);
 
 std::span<const export_format> export_formats();
 // Null for an unknown name.

@@ -1,6 +1,7 @@
 #include "session/user_interface.h"
 
 #include "session/hdf_page.h"
+#include "session/recording_files.h"
 #include "session/run_log.h"
 #include "session/session_state.h"
 
@@ -39,11 +40,16 @@ bool choose_file_to_open(const session_state& session, const std::string& title,
 }
 
 bool choose_file_to_save(const session_state& session, const std::string& title,
-                         const std::string& filter, std::string& path) {
+                         const std::string& filter, std::string& path, bool may_rewrite_recording) {
   const user_interface& ui = session.ui;
   if (ui.choose_save == nullptr) return false;
-  const session_pause others_may_save(session);
-  return ui.choose_save(ui.context, title, filter, path);
+  {
+    const session_pause others_may_save(session);
+    if (!ui.choose_save(ui.context, title, filter, path)) return false;
+  }
+  if (may_rewrite_recording || !is_file_of_recording(session, path)) return true;
+  tell(session, path + " belongs to the recording and would be lost: choose another name", title);
+  return false;
 }
 
 void ask_for_hdf_step(const session_state& session, const hdf_page& page, hdf_choice& choice) {

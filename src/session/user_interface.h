@@ -92,8 +92,11 @@ user_answer ask_openly(const session_state& session, const std::string& text,
                        const std::string& title);
 bool choose_file_to_open(const session_state& session, const std::string& title,
                          const std::string& filter, std::string& path);
+// Refuses a file of the recording in memory, in words, and is then false; a format that keeps
+// all else of such a file may replace it.
 bool choose_file_to_save(const session_state& session, const std::string& title,
-                         const std::string& filter, std::string& path);
+                         const std::string& filter, std::string& path,
+                         bool may_rewrite_recording = false);
 // One turn of the walk through a container file; the choice is to cancel when nobody is
 // there to make one.
 void ask_for_hdf_step(const session_state& session, const hdf_page& page, hdf_choice& choice);

@@ -140,6 +140,60 @@ TEST_F(batch_test, a_result_that_cannot_be_printed_ends_with_1) {
   EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + directory.path));
 }
 
+// Under whatever path: as it is, by a detour, by a hard link and by a symbolic one, before there is
+// anything there; the log first, which is opened before all else.
+TEST_F(batch_test, no_output_replaces_an_input_or_another_output) {
+  const std::string mine = file("mine.tsf"), work = file("w.wrk");
+  std::filesystem::copy_file(tsf, mine);
+  std::filesystem::create_hard_link(mine, file("hard.csv"));
+  std::filesystem::create_symlink("mine.tsf", file("soft.csv"));
+  std::filesystem::create_symlink("new.json", file("dangling.json"));
+  ASSERT_EQ(run({"detect", mine, "--save-work", work}).status, 0);
+  write_bytes(file("mine.cfg"), {'x'});
+  write_bytes(file("w.curation.jsonl"), {'x'});
+  const std::vector<char> samples = read_bytes(mine), saved = read_bytes(work);
+  const words detect{"detect", mine}, again{"detect", mine, "--work", work},
+      curate{"curate", mine, "--work", work, "--replay", file("w.curation.jsonl")};
+  const std::vector<std::pair<words, words>> refused{
+      {detect, {"--log", mine}},
+      {detect,
+       {"--save-work", directory.path + "/../" +
+                           std::filesystem::path(directory.path).filename().string() +
+                           "/mine.tsf"}},
+      {detect, {"--report", file("hard.csv")}},
+      {detect, {"--export", "csv=" + file("soft.csv")}},
+      {detect, {"--export", "nwb=" + mine}},
+      {detect, {"--export", "tsf=" + mine}},
+      {detect, {"--report", file("mine.cfg")}},
+      {again, {"--save-work", work}},
+      {again, {"--parameters", file("mine.cfg"), "--log", file("mine.cfg")}},
+      {curate, {"--save-work", work}},
+      {curate, {"--report", file("w.curation.jsonl")}},
+      {curate, {"--save-work", file("v.wrk"), "--report", file("v.curation.jsonl")}},
+      {detect, {"--log", file("new.json"), "--report", file("dangling.json")}},
+      {detect, {"--export", "txt=" + file("u"), "--report", file("u_17.txt")}},
+      {detect, {"--export", "csv=" + file("a"), "--export", "nwb=" + file("./a")}},
+      {{"convert", mine, file("soft.csv")}, {}},
+  };
+  for (const auto& [verb, options] : refused) {
+    words arguments = verb;
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    const process_result result = run(arguments);
+    EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments) << result.err;
+    EXPECT_THAT(result.err, testing::AnyOf(HasSubstr("this would replace"),
+                                           HasSubstr("this is the same file as")));
+    EXPECT_TRUE(read_bytes(mine) == samples) << testing::PrintToString(arguments);
+    EXPECT_TRUE(read_bytes(work) == saved) << testing::PrintToString(arguments);
+    EXPECT_FALSE(exists("new.json"));
+  }
+  // Neighbours are no clash, nor is a device that takes both.
+  EXPECT_EQ(run({"detect", mine, "--set", "skip_event_detection=false", "--save-work",
+                 file("mine.wrk"), "--export", "csv=" + file("mine.csv"), "--log", "/dev/null",
+                 "--report", file("mine.json")})
+                .status,
+            0);
+}
+
 TEST_F(batch_test, wrong_usage_ends_with_2) {
   for (const words& arguments :
        {words{}, words{"fly"}, words{"sort"}, words{"sort", tsf, "--set", "nonsense=1"},

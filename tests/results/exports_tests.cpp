@@ -42,6 +42,36 @@ struct export_test : ::testing::Test {
   bool exists(const std::string& name) { return std::filesystem::exists(directory.file(name)); }
 };
 
+// The recording, its samples beside a description, its configuration; a Plexon file of the
+// recording's own type may be written anew.
+TEST_F(export_test, a_file_of_the_recording_is_not_chosen_to_save_in) {
+  const auto choose = [&](const std::string& name, bool may_rewrite = false) {
+    session.user.chosen_path = directory.file(name);
+    std::string path;
+    return choose_file_to_save(*session, "Save", "*", path, may_rewrite);
+  };
+  for (const char* name : {"r.xml", "r.dat", "r.csv", "place.cfg"}) {
+    write_bytes(directory.file(name), {'x'});
+  }
+  std::filesystem::create_symlink("r.dat", directory.file("link.wrk"));
+  session->recording.recording_path = directory.file("r.xml");
+  session->recording.config_path = directory.file("place.cfg");
+  session->recording.no_config_file = false;
+  for (const char* name : {"r.xml", "r.dat", "link.wrk", "place.cfg"}) {
+    EXPECT_FALSE(choose(name)) << name;
+    EXPECT_TRUE(choose(name, true)) << name;
+    EXPECT_TRUE(session.user.told(
+        directory.file(name) + " belongs to the recording and would be lost: choose another name",
+        "Save"));
+  }
+  EXPECT_TRUE(choose("r.csv"));
+  EXPECT_TRUE(choose("r.wrk"));
+  EXPECT_FALSE(may_rewrite_recording(*session, *find_export_format("plx")));
+  session->recording.file_type = file_type_plx;
+  EXPECT_TRUE(may_rewrite_recording(*session, *find_export_format("plx")));
+  EXPECT_FALSE(may_rewrite_recording(*session, *find_export_format("csv")));
+}
+
 TEST_F(export_test, csv_has_a_line_for_every_clustered_event) {
   // 1 / 25000 in single precision is a little less than 40 µs.
   ASSERT_TRUE(write_csv(*session, directory.file("a.csv")));
