@@ -25,6 +25,10 @@ constexpr std::int32_t merge_meter_range = 150;
 constexpr std::int32_t merges_per_call = 100;
 // A pair that stays ambiguous after so many splits is left to the user.
 constexpr std::int32_t tries_per_pair = 4;
+// A pair's own tries end with the pair: where its pieces merge and are split again, new pairs would
+// begin to count anew for ever. So splits are counted by event as well, which goes through every
+// renumbering. Far above what a sort comes to whose clusters stand for units.
+constexpr std::int32_t tries_per_event = 16;
 // Of what has no place in the list of sub-clusters that are kept.
 constexpr std::int16_t label_outside_list = 10;
 
@@ -348,10 +352,33 @@ std::string name_pairs_left(std::int32_t n) {
 
 // An overlap that is not a number belongs to a pair that nothing can be said of: it
 // counts, but is never the largest.
-pair_search find_pair_to_try(const session_state& session) {
+pair_search find_pair_to_try(const session_state& session, const std::vector<char>& worn_out) {
+  const std::int32_t n = session.clusters.n_clusters;
   return find_largest_overlap(session, [&](std::int64_t k) {
-    return !pair_is_distinct(session, k) && session.lists.kv_split_tries[k] < tries_per_pair;
+    if (pair_is_distinct(session, k) || session.lists.kv_split_tries[k] >= tries_per_pair) {
+      return false;
+    }
+    const auto [a, b] = pair_from_index(n, k);
+    return !(worn_out[a] && worn_out[b]);
   });
+}
+
+// Clusters all of whose events have been through as many splits as an event may be. A split takes
+// one event at least that has not, so that the pass ends.
+std::vector<char> find_worn_out(const session_state& session,
+                                const std::vector<std::int32_t>& tries) {
+  std::vector<char> worn_out(static_cast<std::size_t>(session.clusters.n_clusters) + 1, 1);
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    if (tries[e] < tries_per_event) worn_out[session.events.event_cluster[e]] = 0;
+  }
+  return worn_out;
+}
+
+// The pair in hand has been replaced: more clusters than one came of it.
+void count_event_tries(const session_state& session, std::vector<std::int32_t>& tries) {
+  const event_pool& pool = session.autosort.pool;
+  if (pool.clusters.size() < 2) return;
+  for (const std::int32_t e : pool.events) ++tries[e];
 }
 
 // A split may leave more pairs than there were at first: the meter stays within its part.
@@ -388,9 +415,10 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
   set_merge_meter(session, meter_from);
   clear_marks(session);
   std::int32_t n_initial = 0, looked_at = 0;
+  std::vector<std::int32_t> tries(static_cast<std::size_t>(session.events.n_events) + 1, 0);
   bool stop = false;
   while (!stop) {
-    const pair_search search = find_pair_to_try(session);
+    const pair_search search = find_pair_to_try(session, find_worn_out(session, tries));
     if (n_initial == 0) n_initial = search.count;
     if (search.count == 0) break;
     move_pairs_meter(session, meter_from, meter_to, search.count, n_initial);
@@ -403,6 +431,7 @@ void merge_split_pairs_pass(session_state& session, std::int32_t meter_from,
     ++looked_at;
     // The pair in hand is finished; the interrupt counts before the next one.
     stop = !try_pair(session, search.best, looked_at) || autosort_interrupted(session);
+    count_event_tries(session, tries);
   }
   // They were the marks of the pass; the review by the user starts without any.
   clear_ambiguous_marks(session);

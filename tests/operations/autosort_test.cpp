@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "clustering/membership.h"
+#include "operations/open_recording.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
 #include "sorting/cluster_edits.h"
@@ -17,6 +18,7 @@
 #include "sorting/status_lists.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
+#include "synthesis/test_recording.h"
 
 namespace kestrelvane::test {
 namespace {
@@ -45,6 +47,33 @@ std::vector<std::int32_t> digest(const session_state& session) {
     all.push_back(overlap);
   }
   return all;
+}
+
+// Pieces of a few events merge and are split again, as pairs that have not been tried. The count
+// of polls stands in for a watch; the longest of these needs a tenth of it.
+TEST(autosort, ends_at_any_cluster_size) {
+  temporary_directory folder;
+  const std::string path = folder.file("small.tsf");
+  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+    test_recording_options options;
+    options.electrode = test_electrode::polytrode;
+    options.n_channels = 4;
+    options.n_units = 4;
+    options.minutes = 0.02;
+    options.seed = seed;
+    std::string problem;
+    ASSERT_TRUE(make_test_recording(options, path, {}, problem)) << problem;
+    for (const std::int32_t size : {static_cast<std::int32_t>(seed % 2), 2}) {
+      small_session session;
+      session.user.default_answer = true;
+      ASSERT_TRUE(open_recording(*session, path));
+      session->strategy.min_cluster_size = size;
+      ASSERT_TRUE(set_setting(*session, "variable_multiplier", "3", problem)) << problem;
+      session->operation.interrupt_at_poll = 5000;
+      EXPECT_TRUE(autosort(*session)) << "seed " << seed << ", size " << size;
+      EXPECT_EQ(check_session(*session), "") << "seed " << seed << ", size " << size;
+    }
+  }
 }
 
 TEST(autosort, runs_to_the_end_and_says_so) {
