@@ -25,15 +25,6 @@ std::int64_t last_usable_time(const session_state& session, std::int32_t version
   return std::max<std::int64_t>(r.n_samples, r.vd.max_time() - longest_window_reach);
 }
 
-std::vector<std::int32_t> cluster_sizes(const session_state& session) {
-  // Numbers of events were checked before this.
-  std::vector<std::int32_t> sizes(session.clusters.n_clusters + 1);
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    ++sizes[session.events.event_cluster[e]];
-  }
-  return sizes;
-}
-
 // Removes events outside 1..last; returns how many.
 std::int32_t remove_outside_events(event_table& events, std::int64_t last) {
   return compact_events(events, [&](std::int32_t e) {
@@ -41,14 +32,12 @@ std::int32_t remove_outside_events(event_table& events, std::int64_t last) {
   });
 }
 
-// A cluster that lost all its events with them is no unit of this recording.
-void delete_emptied_clusters(session_state& session, const std::vector<std::int32_t>& before) {
-  const std::vector<std::int32_t> after = cluster_sizes(session);
-  // From the top down, so that the numbers still to go stay as they are.
-  for (std::int32_t c = session.clusters.n_clusters; c >= 1; --c) {
-    const std::size_t i = static_cast<std::size_t>(c);
-    if (before[i] > 0 && after[i] == 0) delete_cluster(session, c);
-  }
+// One without events is no unit of this recording, whether the file left it so or it lost them all
+// just now; edits and lists take it for granted that every number has events.
+void delete_empty_clusters(session_state& session) {
+  const std::int32_t removed = delete_small_clusters(session, 1);
+  if (removed == 0) return;
+  log_message(session, fmt::format("Removed {} clusters without events", removed));
 }
 
 // Channel and cluster of every event must exist: what refers to neither is not a
@@ -235,13 +224,11 @@ std::string settle_sort(session_state& session, std::int32_t version) {
   settle_template_channels(session, version);
   // Before clusters are deleted, which keeps lists in step that fit.
   settle_lists(session, version);
-  // Counted before events go: a cluster that the file left empty stays as it is.
-  const std::vector<std::int32_t> sizes = cluster_sizes(session);
   const std::int32_t removed = remove_outside_events(session.events, last);
   if (removed > 0) {
     log_message(session, fmt::format("Removed {} events with invalid time indices", removed));
-    delete_emptied_clusters(session, sizes);
   }
+  delete_empty_clusters(session);
   settle_selection(session);
   // A file without templates has no points either.
   if (session.templates.template_points < 3) compute_template_points(session);

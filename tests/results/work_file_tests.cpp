@@ -9,6 +9,7 @@
 #include <cstring>
 #include <limits>
 
+#include "clustering/membership.h"
 #include "files/safe_file.h"
 #include "session/settings_table.h"
 #include "support/small_session.h"
@@ -378,6 +379,25 @@ TEST_F(work_file_test, events_beyond_a_shorter_recording_are_removed) {
   EXPECT_EQ(shorter->events.event_detected_time[4], 401);
   EXPECT_EQ(shorter->clusters.n_clusters, 3);
   EXPECT_EQ(check_session(*shorter), "");
+
+  // One that the file says nothing of goes, too, and the numbers behind it close up.
+  small_session gap;
+  make_recording(*gap, 3, 30000);
+  gap.user.default_answer = true;
+  ASSERT_TRUE(read_work_file(*gap, path, wrong_file));
+  const std::int32_t n_clusters = gap->clusters.n_clusters;
+  for (std::int32_t e = 1; e <= gap->events.n_events; ++e) {
+    if (gap->events.event_cluster[e] == 2) gap->events.event_cluster[e] = 0;
+  }
+  const std::int32_t of_last =
+      static_cast<std::int32_t>(list_cluster_events(*gap, n_clusters).size());
+  const std::string with_gap = directory.file("gap.wrk");
+  ASSERT_TRUE(write_work_file(*gap, with_gap));
+  ASSERT_TRUE(read_work_file(*gap, with_gap, wrong_file));
+  EXPECT_EQ(gap->clusters.n_clusters, n_clusters - 1);
+  EXPECT_EQ(static_cast<std::int32_t>(list_cluster_events(*gap, n_clusters - 1).size()), of_last);
+  EXPECT_TRUE(gap.user.logged("Removed 1 clusters without events"));
+  EXPECT_EQ(check_session(*gap), "");
 
   // A cluster whose events all lay beyond the end goes with them.
   small_session shortest;
