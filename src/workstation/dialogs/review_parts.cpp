@@ -19,6 +19,7 @@
 #include <QTableView>
 #include <QTableWidget>
 #include <QTextEdit>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <algorithm>
 #include <array>
@@ -434,7 +435,12 @@ void unit_list::mark(std::int32_t a, std::int32_t b) {
     if (row < 0) continue;
     const QModelIndex at = proxy_of(table_)->mapFromSource(model_->index(row, 0));
     table_->selectionModel()->select(at, QItemSelectionModel::Select | QItemSelectionModel::Rows);
-    if (cluster == a) table_->scrollTo(at);
+    if (cluster != a) continue;
+    table_->scrollTo(at);
+    // A list that is not on the screen yet has no room to scroll in.
+    QTimer::singleShot(0, table_, [table = table_, line = QPersistentModelIndex(at)] {
+      if (line.isValid()) table->scrollTo(line);
+    });
   }
   marking_ = false;
 }
