@@ -100,14 +100,16 @@ void write_row(safe_file& out, const session_state& session, const work_file_row
   }
 }
 
-// The words of settings and selections as they are at one moment, by row; empty for other rows.
+// The words of settings, masks and selections as they are at one moment, by row; empty for other
+// rows.
 std::vector<std::vector<char>> copy_settings(const session_state& session,
                                              const work_file_counts& counts) {
   std::vector<std::vector<char>> copies;
   const std::lock_guard lock(session.settings_mutex);
   for (const work_file_row& row : work_file_rows()) {
     std::vector<char>& copy = copies.emplace_back();
-    if (row.form != row_form::words || row.rule != per_file || row.first == nullptr) continue;
+    const bool set_by_dialogs = row.rule == per_file || row.rule == per_channel;
+    if (row.form != row_form::words || !set_by_dialogs || row.first == nullptr) continue;
     // Read only, as in write_row.
     const auto* first = static_cast<const char*>(row.first(const_cast<session_state&>(session)));
     copy.assign(first, first + row_bytes(row, counts));
@@ -124,9 +126,12 @@ bool write_work_file(const session_state& session, const std::string& path,
   if (open_safe_file(out, path, temporary)) {
     // Other threads may be logging, and do nothing else: lines are counted once, so that
     // one added meanwhile cannot tear the file, and wait while theirs are written.
+    // In this order: whoever stores a setting may log meanwhile.
+    std::unique_lock settings_lock(session.settings_mutex);
     std::unique_lock log_lock(session.log.mutex);
     const work_file_counts counts = count_session(session);
     log_lock.unlock();
+    settings_lock.unlock();
     const std::vector<std::vector<char>> settings = copy_settings(session, counts);
     auto copy = settings.begin();
     for (const work_file_row& row : work_file_rows()) {

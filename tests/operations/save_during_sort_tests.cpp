@@ -44,6 +44,7 @@ struct save_during_sort : ::testing::TestWithParam<bool> {
     sorted->home_directory = home.path;
     // The saver and the logging thread share the session, not this user.
     sorted->log.messages_dialog_open = false;
+    sorted->ui.run_log_window = nullptr;
   }
 
   // Holds the gate while it looks, so that hardly a poll goes by unsaved.

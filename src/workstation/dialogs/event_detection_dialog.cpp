@@ -263,6 +263,7 @@ void tick_rows(detection_window& d, const QTableWidgetItem* ticked) {
   if (ticked->column() != column_masked) return;
   const bool on = ticked->checkState() == Qt::Checked;
   logical* masks = &d.w.session.recording.chan_mask[1];
+  std::unique_lock lock(d.w.session.settings_mutex);
   masks[ticked->row()] = on;
   const QModelIndexList rows = d.table->selectionModel()->selectedRows();
   const bool of_selection = std::any_of(
@@ -271,6 +272,7 @@ void tick_rows(detection_window& d, const QTableWidgetItem* ticked) {
   if (of_selection) {
     for (const QModelIndex& row : rows) masks[row.row()] = on;
   }
+  lock.unlock();
   change_masks(d);
 }
 
@@ -347,7 +349,10 @@ QLayout* channel_row(const shared_detection& d) {
   d->mask->setToolTip("The channel takes no part in detection, clustering and templates");
   QObject::connect(d->channel, &QSlider::valueChanged, d->dialog, [d] { follow_slider(*d); });
   QObject::connect(d->mask, &QCheckBox::toggled, d->dialog, [d](bool on) {
-    d->w.session.recording.chan_mask[d->channel->value()] = on;
+    {
+      const std::lock_guard lock(d->w.session.settings_mutex);
+      d->w.session.recording.chan_mask[d->channel->value()] = on;
+    }
     change_masks(*d);
   });
   auto* row = new QHBoxLayout;
@@ -382,7 +387,10 @@ QLayout* all_channels_row(const shared_detection& d) {
   for (QPushButton* button : {all, none}) {
     row->addWidget(button);
     QObject::connect(button, &QPushButton::clicked, d->dialog, [d, masked = button == all] {
-      mask_all_channels(d->w.session, masked);
+      {
+        const std::lock_guard lock(d->w.session.settings_mutex);
+        mask_all_channels(d->w.session, masked);
+      }
       change_masks(*d);
     });
   }
