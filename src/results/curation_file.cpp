@@ -281,6 +281,22 @@ void save_history_beside(session_state& session, const std::string& work_file) {
   }
 }
 
+namespace {
+
+// Lines to come need whole lines before them, where a crash has cut the last one, and the same
+// history beside the recovery file, where another one may lie.
+void continue_files(const session_state& session, const std::string& work_file) {
+  for (const std::string& file : work_files_of(session)) {
+    if (!write_history(session, curation_path(file))) say_not_kept(session, curation_path(file));
+  }
+  const std::string recovery = recovery_work_file(session);
+  const std::string beginning = curation_beginning_path(work_file);
+  if (recovery.empty() || !file_exists(beginning)) return;
+  if (!copy_beginning(beginning, recovery)) say_not_kept(session, curation_path(recovery));
+}
+
+}  // namespace
+
 std::int32_t take_over_history(session_state& session, const std::string& work_file) {
   forget_history(session);
   session.history.work_file = work_file == recovery_work_file(session) ? "" : work_file;
@@ -299,6 +315,7 @@ std::int32_t take_over_history(session_state& session, const std::string& work_f
   history.settings = std::move(found.settings);
   history.records = std::move(found.records);
   history.settings_now = settings_now(session, history);
+  continue_files(session, work_file);
   const std::int32_t last = last_record(history);
   return records_in_force(history, last) == records_in_force(history, here) ? 0 : last - here;
 }

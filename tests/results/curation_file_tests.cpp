@@ -174,6 +174,27 @@ TEST_F(curation_test, a_line_cut_short_ends_the_history_and_nonsense_is_none) {
   EXPECT_TRUE(records_in_force(found, 1).empty());
 }
 
+TEST_F(curation_test, edits_after_a_line_cut_short_are_kept) {
+  review(4);
+  std::string cut = text();
+  cut.resize(cut.size() - 9);
+  write_bytes(history_file, {cut.begin(), cut.end()});
+  small_session other;
+  reopen(other, work_file);
+  other->home_directory = home.path;
+  other->history.written = keep_record;
+  take_over_history(*other, work_file);
+  ASSERT_TRUE(repeat_later_edits(*other));
+  label_unit(*other, 1, unit_label::noise);
+  for (const std::string& path : {history_file, home.file("kv_autorecover.curation.jsonl")}) {
+    edit_history found;
+    std::string problem;
+    ASSERT_TRUE(read_history(path, found, problem));
+    EXPECT_EQ(found.records.size(), 4u) << path;
+    EXPECT_EQ(found.records.back().after, sort_fingerprint(*other)) << path;
+  }
+}
+
 TEST_F(curation_test, another_sort_keeps_the_file_of_the_one_before) {
   review(3);
   const std::string before = text();
