@@ -23,6 +23,7 @@
 #include "sorting/merge_split.h"
 #include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
+#include "sorting/template_pass.h"
 
 namespace kestrelvane {
 
@@ -288,6 +289,18 @@ bool run_merge_rounds(session_state& session) {
   return !autosort_interrupted(session);
 }
 
+// ---------------------------------------------------------------- template pass
+
+// The spikes that detection and clustering have missed; false when interrupted, and the sort is
+// then the one before.
+bool reclaim_by_templates(session_state& session) {
+  if (!session.matching.template_pass || session.clusters.n_clusters == 0) return true;
+  begin_stage(session, "template-pass");
+  const template_pass_end end = run_template_pass(session);
+  if (end == template_pass_end::done) build_lists(session);
+  return end != template_pass_end::interrupted;
+}
+
 // ---------------------------------------------------------------- ends
 
 // Why nothing has come out, for whoever sees an empty table in the morning.
@@ -438,13 +451,18 @@ bool run_pipeline(session_state& session, clock::time_point begin) {
   if (session.autosort.stop_after == stop_after_detection) return true;
   if (detect || cluster) {
     const road way = cluster_events(session, begin);
-    if (way != road::go_on) return way == road::ended_well;
+    if (way == road::ended_early) return false;
+    if (way == road::ended_well) {
+      return session.autosort.stop_after != stop_after_all || reclaim_by_templates(session);
+    }
   } else {
     renew_outdated_templates(session);
   }
   build_lists(session);
   if (session.autosort.stop_after == stop_after_lists) return true;
-  if (!run_merge_rounds(session)) return end_interrupted(session);
+  if (!run_merge_rounds(session) || !reclaim_by_templates(session)) {
+    return end_interrupted(session);
+  }
   return end_finished(session, begin);
 }
 

@@ -34,6 +34,8 @@ const char* meter_name(meter which) {
       return "saving";
     case meter::filtering:
       return "filtering";
+    case meter::template_pass:
+      return "template pass";
   }
   return "";
 }

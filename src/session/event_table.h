@@ -24,6 +24,9 @@ struct event_table {
   // Label inside the event's own cluster: 0 none, 1..99 labels, 100 outlier.
   // Transient; not saved.
   table<std::int16_t> event_subcluster;
+  // Of spikes that the template pass has found: how large they are beside their unit's template,
+  // and how far beyond its threshold. 0 for all others.
+  table<float> event_amplitude, event_gain;
 
   event_table() : event_table(event_limit) {}
   explicit event_table(std::int64_t capacity);
@@ -40,6 +43,8 @@ void for_each_column(Visit&& visit, Tables&... of) {
   visit(of.event_channel...);
   visit(of.event_cluster...);
   visit(of.event_subcluster...);
+  visit(of.event_amplitude...);
+  visit(of.event_gain...);
 }
 
 inline event_table::event_table(std::int64_t capacity) {

@@ -105,6 +105,7 @@ struct session_state {
   detection_settings detection;
   filter_settings filter;
   sorting_strategy_settings strategy;
+  template_pass_settings matching;
   review_settings review;
   display_settings display;
   preferences_record preferences;

@@ -116,6 +116,19 @@ struct sorting_strategy_settings {
   float correlation_threshold = 0;
 };
 
+// The template pass, which follows Autosort (sorting/template_pass.h).
+struct template_pass_settings {
+  logical template_pass;          // Autosort ends with it
+  float match_threshold = 0;      // least gain of a spike
+  float match_amplitude_sd = 0;   // of the spikes of a unit, beside a mean of 1
+  float match_amplitude_min = 0;  // least and largest amplitude of a spike
+  float match_amplitude_max = 0;
+  float match_segment_secs = 0;   // s that the units keep their shapes for
+  float match_radius_um = 0;      // µm from a unit's main channel that its filter reads
+  float match_detectability = 0;  // squared, below which a unit ends
+  float match_valley = 0;         // count between noise and spikes over that of spikes
+};
+
 // Guided review, post-processing and export.
 struct review_settings {
   float view_split_sigma = 0;  // µV

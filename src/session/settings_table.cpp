@@ -45,6 +45,7 @@ constexpr setting_group group_of_detection = setting_group::parameters;
 constexpr setting_group group_of_filter = setting_group::parameters;
 constexpr setting_group group_of_strategy = setting_group::strategy;
 constexpr setting_group group_of_lists = setting_group::strategy;
+constexpr setting_group group_of_matching = setting_group::strategy;
 constexpr setting_group group_of_review = setting_group::parameters;
 constexpr setting_group group_of_display = setting_group::display;
 constexpr setting_group group_of_preferences = setting_group::preferences;
@@ -223,6 +224,16 @@ constexpr setting_row rows[] = {
     SETTING(detection, delete_large_events, 1, 0, 1, "delete events with p-p >"),
     SETTING(detection, max_event_pp_uv, 1000, 0, 1000000.0, "Largest event, p-p, µV"),
     SETTING(filter, compressive_75pct_uv, 150, 1, 2000, "Compressive transform; 75% point, µV"),
+    // Behind these, files of earlier versions have ended.
+    SETTING(matching, template_pass, 0, 0, 1, "Reclaim spikes by templates"),
+    SETTING(matching, match_threshold, 16, 1, 1000, "Template pass: least gain of a spike"),
+    SETTING(matching, match_amplitude_sd, 0.15, 0.01, 1, "Template pass: s.d. of amplitudes"),
+    SETTING(matching, match_amplitude_min, 0.65, 0.1, 1, "Template pass: smallest amplitude"),
+    SETTING(matching, match_amplitude_max, 1.6, 1, 10, "Template pass: largest amplitude"),
+    SETTING(matching, match_segment_secs, 10, 1, 600, "Template pass: segment, s"),
+    SETTING(matching, match_radius_um, 110, 0, 1000, "Template pass: radius of a filter, µm"),
+    SETTING(matching, match_detectability, 30, 1, 1000, "Template pass: least squared detectability"),
+    SETTING(matching, match_valley, 0.75, 0, 1, "Template pass: valley before the spikes, over their peak"),
 
     // --- kv_prefs.sav
     PREFERENCE(pixels_per_um_x, 2.5, 0.1, 10, "Pixels per micron x"),

@@ -27,6 +27,7 @@ enum class undo_owner {
   pair_comparison,
   post_processing,
   management,
+  template_pass,
 };
 
 struct undo_slot {

@@ -35,6 +35,7 @@ enum class meter {
   status_lists,
   saving,
   filtering,
+  template_pass,
 };
 
 // Text fields that engine routines fill.

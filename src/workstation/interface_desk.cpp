@@ -28,7 +28,7 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr std::size_t n_meters = std::size_t{static_cast<int>(meter::filtering)} + 1;
+constexpr std::size_t n_meters = std::size_t{static_cast<int>(meter::template_pass)} + 1;
 constexpr std::size_t n_fields = std::size_t{static_cast<int>(status_field::file_name)} + 1;
 
 // Notices for the interface thread. Bars and fields keep only their latest value, so that

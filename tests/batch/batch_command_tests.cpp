@@ -463,7 +463,7 @@ TEST_F(batch_test, state_files_live_in_home_alone) {
   words first = detect;
   first.insert(first.end(), {"--home", directory.path, "--set", "noise_window_secs=7"});
   ASSERT_EQ(run(first).status, 0);
-  EXPECT_EQ(read_bytes(file("kv_parameters.sav")).size(), 436u);
+  EXPECT_EQ(read_bytes(file("kv_parameters.sav")).size(), parameters_file_bytes);
   EXPECT_EQ(read_bytes(file("kv_prefs.sav")).size(), 268u);
   words second = detect;
   second.insert(second.end(), {"--home", directory.path, "--report", file("r.json")});

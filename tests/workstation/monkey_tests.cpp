@@ -472,7 +472,7 @@ TEST(DamagedState, RandomBytesInEveryStateFileStartAsANewInstallation) {
     const temporary_directory home;
     std::mt19937 random(seed);
     for (const auto& [name, n] : {std::pair<const char*, std::size_t>{"kv_prefs.sav", 268},
-                                  {"kv_parameters.sav", 436},
+                                  {"kv_parameters.sav", parameters_file_bytes},
                                   {"kv.ufl", 2568},
                                   {"kv_restart.sav", 5000},
                                   {"kv_autorecover.sav", 5000}}) {

@@ -198,7 +198,7 @@ void fill_bars_at_end(workstation& w, const operation_dialog* dialog,
 
 std::vector<followed_meter> every_meter(QProgressBar* bar) {
   std::vector<followed_meter> rows;
-  for (int which = 0; which <= static_cast<int>(meter::filtering); ++which) {
+  for (int which = 0; which <= static_cast<int>(meter::template_pass); ++which) {
     rows.push_back({static_cast<meter>(which), bar});
   }
   return rows;

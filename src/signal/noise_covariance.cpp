@@ -1,0 +1,251 @@
+#include "signal/noise_covariance.h"
+
+#include <fftw3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <memory>
+#include <mutex>
+
+#include "numerics/parallel.h"
+
+namespace kestrelvane {
+
+namespace {
+
+using spectrum = std::vector<std::complex<float>>;
+
+// Zeros on end for so long are a stretch without data.
+constexpr float silence_ms = 0.5f;
+// Fewer pairs of clean samples at a lag tell nothing of it.
+constexpr float fewest_pairs = 500.0f;
+
+// The next length that the library is quick with: 2, 3 and 5 are its only factors.
+std::int32_t quick_length(std::int32_t n) {
+  for (;; ++n) {
+    std::int32_t rest = n;
+    for (const std::int32_t factor : {2, 3, 5}) {
+      while (rest % factor == 0) rest /= factor;
+    }
+    if (rest == 1 && n % 2 == 0) return n;
+  }
+}
+
+// A real transform under plans that come from a formula and use no vector units: the same
+// bits on every processor.
+class real_transform {
+ public:
+  explicit real_transform(std::int32_t n) : n_(n) {
+    constexpr unsigned flags = FFTW_ESTIMATE | FFTW_NO_SIMD | FFTW_UNALIGNED;
+    std::vector<float> x(static_cast<std::size_t>(n));
+    spectrum y(static_cast<std::size_t>(n) / 2 + 1);
+    forward_ = fftwf_plan_dft_r2c_1d(n, x.data(), bins(y), flags);
+    backward_ = fftwf_plan_dft_c2r_1d(n, bins(y), x.data(), flags);
+  }
+  real_transform(const real_transform&) = delete;
+  real_transform& operator=(const real_transform&) = delete;
+  ~real_transform() {
+    fftwf_destroy_plan(forward_);
+    fftwf_destroy_plan(backward_);
+  }
+  std::int32_t length() const { return n_; }
+  std::size_t n_bins() const { return static_cast<std::size_t>(n_) / 2 + 1; }
+  // Both may be called from any thread; backward destroys its input and scales by the length.
+  void forward(std::vector<float>& x, spectrum& y) const {
+    fftwf_execute_dft_r2c(forward_, x.data(), bins(y));
+  }
+  void backward(spectrum& y, std::vector<float>& x) const {
+    fftwf_execute_dft_c2r(backward_, bins(y), x.data());
+  }
+
+ private:
+  static fftwf_complex* bins(spectrum& y) { return reinterpret_cast<fftwf_complex*>(y.data()); }
+  std::int32_t n_;
+  fftwf_plan forward_, backward_;
+};
+
+// Where the stretches begin: evenly over the recording, fewer in a short one.
+std::vector<std::int64_t> stretch_starts(const session_state& session, std::int32_t length) {
+  const std::int64_t room = std::int64_t{session.recording.n_samples} - length;
+  if (room < 0) return {1};
+  const std::int64_t n = std::clamp<std::int64_t>(room / length + 1, 1, noise_stretches);
+  std::vector<std::int64_t> starts;
+  for (std::int64_t k = 0; k < n; ++k) starts.push_back(1 + (n == 1 ? 0 : room * k / (n - 1)));
+  return starts;
+}
+
+// What a channel's stretches hold: clean samples in units of its noise, and 1 where a sample is
+// clean, both as spectra.
+struct channel_spectra {
+  std::vector<spectrum> samples, clean;
+};
+
+// Lowers `clean` round each sample that is beyond the clip, and where there are no data.
+void mark_clean(const std::vector<float>& x, float rate_khz, std::vector<float>& clean) {
+  const auto n = static_cast<std::int32_t>(x.size());
+  const auto guard = static_cast<std::int32_t>(std::ceil(noise_guard_ms * rate_khz));
+  const auto silence = static_cast<std::int32_t>(std::ceil(silence_ms * rate_khz));
+  std::fill(clean.begin(), clean.end(), 0.0f);
+  std::fill(clean.begin(), clean.begin() + n, 1.0f);
+  const auto lower = [&](std::int32_t from, std::int32_t to) {
+    for (std::int32_t t = std::max(0, from); t <= std::min(n - 1, to); ++t) clean[t] = 0.0f;
+  };
+  std::int32_t n_zeros = 0;
+  for (std::int32_t t = 0; t < n; ++t) {
+    if (std::fabs(x[t]) > noise_clip) lower(t - guard, t + guard);
+    n_zeros = x[t] == 0.0f ? n_zeros + 1 : 0;
+    if (n_zeros >= silence) lower(t - n_zeros + 1, t);
+  }
+}
+
+channel_spectra read_channel(const session_state& session, std::int32_t channel,
+                             const std::vector<std::int64_t>& starts, std::int32_t length,
+                             const real_transform& transform) {
+  const recording_store& r = session.recording;
+  const std::int16_t* v = r.vd.channel(channel);
+  const float one_over_noise = 1.0f / r.chan_noise[channel];
+  const auto n = static_cast<std::size_t>(transform.length());
+  channel_spectra out;
+  std::vector<float> stretch(static_cast<std::size_t>(length)), x(n), clean(n);
+  for (const std::int64_t start : starts) {
+    for (std::int32_t t = 0; t < length; ++t) {
+      const std::int64_t at = start + t;
+      stretch[t] = at <= r.n_samples ? static_cast<float>(v[at]) * one_over_noise : 0.0f;
+    }
+    mark_clean(stretch, static_cast<float>(r.sampling_frequency) / 1000.0f, clean);
+    std::fill(x.begin(), x.end(), 0.0f);
+    for (std::int32_t t = 0; t < length; ++t) x[t] = stretch[t] * clean[t];
+    out.samples.emplace_back(transform.n_bins());
+    out.clean.emplace_back(transform.n_bins());
+    transform.forward(x, out.samples.back());
+    transform.forward(clean, out.clean.back());
+  }
+  return out;
+}
+
+// The correlation of two channels summed over the stretches, at all lags, scaled by the length.
+void correlate(const std::vector<spectrum>& a, const std::vector<spectrum>& b,
+               const real_transform& transform, spectrum& product, std::vector<float>& out) {
+  std::fill(product.begin(), product.end(), std::complex<float>());
+  for (std::size_t s = 0; s < a.size(); ++s) {
+    for (std::size_t k = 0; k < product.size(); ++k) {
+      const float ar = a[s][k].real(), ai = a[s][k].imag();
+      const float br = b[s][k].real(), bi = b[s][k].imag();
+      // The conjugate of a times b, written out: the operator's tests for infinity cost more.
+      product[k] += std::complex<float>(ar * br + ai * bi, ar * bi - ai * br);
+    }
+  }
+  transform.backward(product, out);
+}
+
+struct pair_of_channels {
+  std::int32_t i, j;  // i <= j
+};
+
+std::vector<pair_of_channels> near_pairs(const session_state& session,
+                                         const std::vector<std::int32_t>& channels) {
+  std::vector<pair_of_channels> pairs;
+  for (std::size_t a = 0; a < channels.size(); ++a) {
+    for (std::size_t b = a; b < channels.size(); ++b) {
+      const bool near =
+          a == b || session.recording.distance(channels[a], channels[b]) <= noise_covariance_um;
+      if (near) pairs.push_back({channels[a], channels[b]});
+    }
+  }
+  return pairs;
+}
+
+// Means over pairs of clean samples for the lags of one pair, in both orders.
+struct lag_maker {
+  const std::vector<channel_spectra>& spectra;
+  const real_transform& transform;
+  noise_covariance& out;
+
+  void make(pair_of_channels pair, float* forward, float* backward) const {
+    spectrum product(transform.n_bins());
+    std::vector<float> sums(static_cast<std::size_t>(transform.length())), counts(sums.size());
+    const channel_spectra& a = spectra[pair.i];
+    const channel_spectra& b = spectra[pair.j];
+    correlate(a.samples, b.samples, transform, product, sums);
+    correlate(a.clean, b.clean, transform, product, counts);
+    const float scale = 1.0f / static_cast<float>(transform.length());
+    for (std::int32_t k = 1 - out.points; k < out.points; ++k) {
+      const std::int32_t at = k < 0 ? k + transform.length() : k;
+      // A count of samples, but for what the transform rounds.
+      const float n = std::round(counts[at] * scale);
+      const float mean = n < fewest_pairs ? 0.0f : sums[at] * scale / n;
+      forward[k + out.points - 1] = mean;
+      backward[out.points - 1 - k] = mean;
+    }
+  }
+};
+
+// From units of chan_noise to those of the clean samples' own deviation.
+void normalise(noise_covariance& c, const session_state& session,
+               const std::vector<std::int32_t>& channels) {
+  std::vector<float> scale(static_cast<std::size_t>(c.n_channels) + 1);
+  for (const std::int32_t i : channels) {
+    const float variance = c.of(i, i)[c.points - 1];
+    // A channel of which nothing was clean keeps the noise that was measured elsewhere.
+    scale[i] = variance > 0.0f ? 1.0f / std::sqrt(variance) : 1.0f;
+    c.sigma[i] = session.recording.chan_noise[i] / scale[i];
+  }
+  for (const std::int32_t i : channels) {
+    for (const std::int32_t j : channels) {
+      const float* row = c.of(i, j);
+      if (row == nullptr) continue;
+      float* lags = c.lags.data() + (row - c.lags.data());
+      for (std::int32_t k = 0; k < 2 * c.points - 1; ++k) lags[k] *= scale[i] * scale[j];
+    }
+  }
+}
+
+// The planner is for one thread at a time.
+std::mutex planner;
+
+}  // namespace
+
+noise_covariance measure_noise_covariance(const session_state& session, std::int32_t points) {
+  const recording_store& r = session.recording;
+  const std::int32_t length = noise_stretch_samples + points;
+  std::vector<std::int32_t> channels;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!r.chan_mask[c] && r.chan_noise[c] > 0.0f) channels.push_back(c);
+  }
+  noise_covariance out;
+  out.points = points;
+  out.n_channels = r.n_channels;
+  out.sigma.assign(static_cast<std::size_t>(r.n_channels) + 1, 0.0f);
+  out.place.assign(static_cast<std::size_t>(r.n_channels) * static_cast<std::size_t>(r.n_channels),
+                   -1);
+  const std::lock_guard<std::mutex> alone(planner);
+  const real_transform transform(quick_length(length + points));
+  const std::vector<std::int64_t> starts = stretch_starts(session, length);
+  std::vector<channel_spectra> spectra(static_cast<std::size_t>(r.n_channels) + 1);
+  const std::int32_t n_threads = threads_now(session);
+  parallel_for_dealt(n_threads, 1, static_cast<std::int64_t>(channels.size()),
+                     [&](std::int64_t i, std::int32_t) {
+                       const std::int32_t c = channels[i - 1];
+                       spectra[c] = read_channel(session, c, starts, length, transform);
+                     });
+  const std::vector<pair_of_channels> pairs = near_pairs(session, channels);
+  out.lags.assign(2 * pairs.size() * out.stride(), 0.0f);
+  const auto n = static_cast<std::size_t>(r.n_channels);
+  for (std::size_t p = 0; p < pairs.size(); ++p) {
+    const auto i = static_cast<std::size_t>(pairs[p].i - 1);
+    const auto j = static_cast<std::size_t>(pairs[p].j - 1);
+    out.place[j * n + i] = static_cast<std::int32_t>(2 * p + 1);
+    out.place[i * n + j] = static_cast<std::int32_t>(2 * p);
+  }
+  const lag_maker maker{spectra, transform, out};
+  parallel_for_dealt(
+      n_threads, 1, static_cast<std::int64_t>(pairs.size()), [&](std::int64_t p, std::int32_t) {
+        float* lags = out.lags.data() + 2 * static_cast<std::size_t>(p - 1) * out.stride();
+        maker.make(pairs[p - 1], lags, lags + out.stride());
+      });
+  normalise(out, session, channels);
+  return out;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,295 @@
+#include "sorting/matched_trains.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+namespace kestrelvane {
+
+namespace {
+
+// The cut.
+constexpr double bin_over_root = 0.2;  // width of a bin times sqrt(E)
+constexpr double mode_from = 0.85, mode_to = 1.25;
+constexpr double histogram_end = 2.0;
+constexpr std::array<double, 5> smoothing = {1, 2, 3, 2, 1};
+constexpr double least_mean_energy = 33;
+constexpr std::size_t fewest_spikes = 40;
+// The guard of the cut.
+constexpr std::size_t fewest_for_shape = 15, most_for_shape = 150;
+constexpr double same_square = 2.5, same_part = 0.02, least_gain = 0.3;
+constexpr double stands_out = 4.9, strong_energy = 60;
+constexpr double filled_part = 0.6;  // as for joins
+// Shadows.
+constexpr double locked_ms = 0.1;
+// Sums.
+constexpr std::size_t fewest_sum_channels = 7;
+constexpr double explained = 0.95, more_spikes = 1.43, least_share = 0.08, second_share = 0.4;
+constexpr double least_sum_gain = 0.6, largest_sum_gain = 1.4;
+
+struct score_histogram {
+  std::vector<double> counts;
+  double from = 0, width = 0;
+  double at(std::size_t bin) const { return from + (static_cast<double>(bin) + 0.5) * width; }
+};
+
+score_histogram make_histogram(const tracked_unit& unit, double least_ratio) {
+  score_histogram h;
+  h.from = least_ratio;
+  h.width = bin_over_root / std::sqrt(unit.mean_energy());
+  const auto n =
+      static_cast<std::size_t>(std::max(8.0, std::ceil((histogram_end - least_ratio) / h.width)));
+  std::vector<double> raw(n);
+  for (const tracked_spike& s : unit.spikes) {
+    const double bin = (static_cast<double>(s.ratio) - h.from) / h.width;
+    if (bin >= 0 && bin < static_cast<double>(n)) raw[static_cast<std::size_t>(bin)] += 1;
+  }
+  h.counts.assign(n, 0.0);
+  for (std::size_t i = 0; i < n; ++i) {
+    double weights = 0;
+    for (std::size_t k = 0; k < smoothing.size(); ++k) {
+      const std::ptrdiff_t from = static_cast<std::ptrdiff_t>(i + k) - 2;
+      if (from < 0 || from >= static_cast<std::ptrdiff_t>(n)) continue;
+      h.counts[i] += smoothing[k] * raw[static_cast<std::size_t>(from)];
+      weights += smoothing[k];
+    }
+    // At the threshold there is nothing below to smooth with.
+    h.counts[i] /= weights;
+  }
+  return h;
+}
+
+std::vector<tracked_spike> evenly(const std::vector<tracked_spike>& spikes, std::size_t limit) {
+  if (spikes.size() <= limit) return spikes;
+  std::vector<tracked_spike> out;
+  for (std::size_t i = 0; i < limit; ++i) out.push_back(spikes[i * spikes.size() / limit]);
+  return out;
+}
+
+// Whether the spikes below a cut have the waveform of those above, at any gain.
+bool one_shape_across(const session_state& session, const noise_covariance& noise,
+                      const tracking_rules& rules, const tracked_unit& unit, double cut) {
+  std::vector<tracked_spike> below, above;
+  for (const tracked_spike& s : unit.spikes) {
+    (static_cast<double>(s.ratio) < cut ? below : above).push_back(s);
+  }
+  if (below.size() < fewest_for_shape || above.size() < fewest_for_shape) return false;
+  const std::vector<std::int32_t>& channels = unit.filter.channels;
+  const auto mean = [&](const std::vector<tracked_spike>& spikes) {
+    return mean_of_spikes(session, noise, rules.window, evenly(spikes, most_for_shape), channels);
+  };
+  const spike_shape low = mean(below), high = mean(above);
+  const whitened_distance d = distance_in_noise(noise, rules.window, low, high, 0, channels);
+  if (d.gain <= least_gain) return false;
+  const double dims = static_cast<double>(channels.size()) * rules.window.points;
+  const double bias =
+      filled_part * dims *
+      (1.0 / static_cast<double>(low.count) + d.gain * d.gain / static_cast<double>(high.count));
+  const double energy = unit.mean_energy();
+  return d.square - bias < std::max(same_square, same_part * d.gain * d.gain * energy) &&
+         cut * std::sqrt(energy) >= stands_out;
+}
+
+}  // namespace
+
+score_cut find_cut(const tracked_unit& unit, double least_ratio) {
+  const score_histogram h = make_histogram(unit, least_ratio);
+  std::size_t mode = 0;
+  for (std::size_t i = 0; i < h.counts.size(); ++i) {
+    if (h.at(i) < mode_from || h.at(i) > mode_to) continue;
+    if (mode == 0 || h.counts[i] > h.counts[mode]) mode = i;
+  }
+  score_cut cut;
+  if (!(h.counts[mode] > 0)) {
+    cut.valley = 1;
+    return cut;
+  }
+  std::size_t lowest = mode;
+  // Of equal ones the nearest to the mode.
+  for (std::size_t i = mode; i-- > 0;) {
+    if (h.counts[i] < h.counts[lowest]) lowest = i;
+  }
+  cut.valley = h.counts[lowest] / h.counts[mode];
+  cut.ratio = lowest == 0 ? 0 : h.at(lowest);
+  return cut;
+}
+
+std::string trim_unit(const session_state& session, const noise_covariance& noise,
+                      const tracking_rules& rules, double largest_valley, tracked_unit& unit) {
+  const double energy = unit.mean_energy();
+  if (unit.spikes.size() < fewest_spikes) {
+    return fmt::format("{} spikes", unit.spikes.size());
+  }
+  if (energy < least_mean_energy) return fmt::format("detectability {:.0f}", energy);
+  const double prior = static_cast<double>(rules.limits.prior());
+  const double least =
+      std::sqrt((prior + static_cast<double>(rules.limits.threshold)) * (energy + prior)) - prior;
+  const score_cut cut = find_cut(unit, least / energy);
+  const bool one = cut.ratio > 0 && one_shape_across(session, noise, rules, unit, cut.ratio);
+  if (cut.valley > largest_valley && !(one && energy >= strong_energy)) {
+    return fmt::format("not apart from noise, valley {:.2f}", cut.valley);
+  }
+  if (one) return "";
+  std::erase_if(unit.spikes,
+                [&](const tracked_spike& s) { return static_cast<double>(s.ratio) < cut.ratio; });
+  unit.energy_sum = energy * static_cast<double>(unit.spikes.size());
+  if (unit.spikes.size() < fewest_spikes) {
+    return fmt::format("{} spikes", unit.spikes.size());
+  }
+  return "";
+}
+
+std::int32_t find_shadow(const tracking_rules& rules, const std::vector<tracked_unit>& units,
+                         std::int32_t unit, double sampling_frequency) {
+  const tracked_unit& weak = units[static_cast<std::size_t>(unit)];
+  const auto locked = static_cast<float>(locked_ms * sampling_frequency / 1000.0);
+  for (std::int32_t u = 0; u < static_cast<std::int32_t>(units.size()); ++u) {
+    const tracked_unit& strong = units[static_cast<std::size_t>(u)];
+    if (u == unit || strong.spikes.empty() || strong.mean_energy() <= weak.mean_energy()) continue;
+    std::vector<float> lags;
+    std::size_t first = 0;
+    for (const tracked_spike& s : weak.spikes) {
+      while (first < strong.spikes.size() && strong.spikes[first].time < s.time - rules.half_ms) {
+        ++first;
+      }
+      float nearest = 2.0f * static_cast<float>(rules.half_ms);
+      for (std::size_t k = first;
+           k < strong.spikes.size() && strong.spikes[k].time <= s.time + rules.half_ms; ++k) {
+        const float lag = static_cast<float>(s.time - strong.spikes[k].time) +
+                          static_cast<float>(s.phase - strong.spikes[k].phase) / match_phases;
+        if (std::fabs(lag) < std::fabs(nearest)) nearest = lag;
+      }
+      if (std::fabs(nearest) <= static_cast<float>(rules.half_ms)) lags.push_back(nearest);
+    }
+    if (2 * lags.size() <= weak.spikes.size()) continue;
+    std::nth_element(lags.begin(), lags.begin() + static_cast<std::ptrdiff_t>(lags.size() / 2),
+                     lags.end());
+    const float median = lags[lags.size() / 2];
+    const auto n = std::count_if(lags.begin(), lags.end(),
+                                 [&](float lag) { return std::fabs(lag - median) <= locked; });
+    if (2 * static_cast<std::size_t>(n) > weak.spikes.size()) return u;
+  }
+  return -1;
+}
+
+// ---------------------------------------------------------------- sums
+
+namespace {
+
+using rows = std::vector<float>;
+
+rows rows_on(const spike_shape& shape, const std::vector<std::int32_t>& channels,
+             std::int32_t points) {
+  rows out(channels.size() * static_cast<std::size_t>(points));
+  for (std::size_t i = 0; i < channels.size(); ++i) {
+    const float* from = shape.find(channels[i], points);
+    if (from != nullptr) {
+      std::copy(from, from + points, out.data() + i * static_cast<std::size_t>(points));
+    }
+  }
+  return out;
+}
+
+double energy_of(const rows& x) {
+  double sum = 0;
+  for (const float v : x) sum += static_cast<double>(v) * static_cast<double>(v);
+  return sum;
+}
+
+struct explanation {
+  double removed = 0;  // energy
+  double gain = 0;
+  std::int32_t shift = 0;
+};
+
+// The best multiple and shift of one unit's rows in what is left of another's.
+explanation explain(const rows& left, const rows& by, std::int32_t points) {
+  explanation best;
+  const auto n = static_cast<std::int32_t>(left.size()) / points;
+  for (std::int32_t shift = -points / 2; shift <= points / 2; ++shift) {
+    double product = 0, square = 0;
+    for (std::int32_t i = 0; i < n; ++i) {
+      for (std::int32_t q = std::max(0, shift); q < std::min(points, points + shift); ++q) {
+        const auto y = static_cast<double>(by[static_cast<std::size_t>(i * points + q - shift)]);
+        product += static_cast<double>(left[static_cast<std::size_t>(i * points + q)]) * y;
+        square += y * y;
+      }
+    }
+    if (!(square > 0)) continue;
+    const double gain = product / square;
+    if (gain < least_sum_gain || gain > largest_sum_gain) continue;
+    if (gain * product > best.removed) best = {gain * product, gain, shift};
+  }
+  return best;
+}
+
+void remove_explained(rows& left, const rows& by, std::int32_t points, const explanation& e) {
+  const auto n = static_cast<std::int32_t>(left.size()) / points;
+  for (std::int32_t i = 0; i < n; ++i) {
+    for (std::int32_t q = std::max(0, e.shift); q < std::min(points, points + e.shift); ++q) {
+      left[static_cast<std::size_t>(i * points + q)] -=
+          static_cast<float>(e.gain) * by[static_cast<std::size_t>(i * points + q - e.shift)];
+    }
+  }
+}
+
+}  // namespace
+
+bool find_sum(const tracking_rules& rules, const std::vector<tracked_unit>& units,
+              std::int32_t unit, std::int32_t& first, std::int32_t& second) {
+  const tracked_unit& sum = units[static_cast<std::size_t>(unit)];
+  const std::vector<std::int32_t>& channels = sum.filter.subtracted;
+  if (channels.size() < fewest_sum_channels) return false;
+  const std::int32_t points = rules.window.points;
+  const rows whole = rows_on(sum.shape, channels, points);
+  const double energy = energy_of(whole);
+  const auto may_be_part = [&](std::int32_t u) {
+    const tracked_unit& part = units[static_cast<std::size_t>(u)];
+    return u != unit && !part.spikes.empty() &&
+           static_cast<double>(part.spikes.size()) >=
+               more_spikes * static_cast<double>(sum.spikes.size());
+  };
+  const auto n = static_cast<std::int32_t>(units.size());
+  std::vector<std::int32_t> parts;
+  std::vector<rows> shapes;
+  for (std::int32_t u = 0; u < n; ++u) {
+    if (!may_be_part(u)) continue;
+    rows shape = rows_on(units[static_cast<std::size_t>(u)].shape, channels, points);
+    if (energy_of(shape) < least_share * energy) continue;
+    parts.push_back(u);
+    shapes.push_back(std::move(shape));
+  }
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    const explanation one = explain(whole, shapes[i], points);
+    if (one.removed < least_share * energy) continue;
+    rows left = whole;
+    remove_explained(left, shapes[i], points, one);
+    const double rest = energy_of(left);
+    for (std::size_t k = 0; k < parts.size(); ++k) {
+      if (k == i) continue;
+      const explanation other = explain(left, shapes[k], points);
+      if (other.removed < std::max(least_share * energy, second_share * rest)) continue;
+      if (rest - other.removed > (1 - explained) * energy) continue;
+      first = parts[i];
+      second = parts[k];
+      return true;
+    }
+  }
+  return false;
+}
+
+void remove_doubles(const tracking_rules& rules, std::vector<tracked_spike>& spikes) {
+  std::vector<tracked_spike> kept;
+  for (const tracked_spike& s : spikes) {
+    if (!kept.empty() && s.time - kept.back().time < rules.half_ms) {
+      if (s.gain > kept.back().gain) kept.back() = s;
+    } else {
+      kept.push_back(s);
+    }
+  }
+  spikes = std::move(kept);
+}
+
+}  // namespace kestrelvane

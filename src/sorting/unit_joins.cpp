@@ -1,0 +1,307 @@
+#include "sorting/unit_joins.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+namespace kestrelvane {
+
+namespace {
+
+// Crossing.
+constexpr double close_ms = 0.5, apart_ms = 2.0;
+constexpr double enough_expected = 5.0, crossing_part = 0.4;
+
+// One waveform.
+constexpr float join_reach_um = 110.0f;
+constexpr float enough_recent = 12;
+constexpr double like = 0.85, like_energy = 0.6;
+constexpr double alike = 0.95, alike_energy = 0.85;
+// A mean of n spikes is off by the noise over n in each direction that the noise fills.
+constexpr double filled_part = 0.6;
+constexpr double least_square = 25.0, square_part = 0.06;
+constexpr double square_without_recent = 3.0;
+
+// Hand-over.
+constexpr double hand_over_like = 0.6, hand_over_energy = 0.65;
+constexpr double largest_overlap = 0.35;
+constexpr float motion_um = 5.0f;
+constexpr std::size_t fewest_others = 3;
+// Jumps.
+constexpr std::int32_t jump_reach = 60, jump_step = 5;  // µm
+constexpr double jump_base = 0.5, jump_better = 1.2, jump_like = 0.75;
+constexpr std::int32_t fewest_jumped = 5;
+constexpr double kernel_um = 15.0;
+
+double square_root_ratio(double a, double b) {
+  const double largest = std::max(a, b);
+  return largest > 0 ? std::sqrt(std::min(a, b) / largest) : 0.0;
+}
+
+// The squared distance of the stronger of two units from the best multiple of the other, less its
+// bias; the larger one of those on the channels of either.
+double distance_between(const noise_covariance& noise, match_window window, const tracked_unit& a,
+                        const tracked_unit& b, const spike_shape& shape_a,
+                        const spike_shape& shape_b, std::int32_t lag) {
+  const bool order = a.filter.energy >= b.filter.energy;
+  const spike_shape& strong = order ? shape_a : shape_b;
+  const spike_shape& weak = order ? shape_b : shape_a;
+  const auto on = [&](const unit_filter& filter) {
+    const whitened_distance d =
+        distance_in_noise(noise, window, strong, weak, order ? lag : -lag, filter.channels);
+    const double dims = static_cast<double>(filter.channels.size()) * window.points;
+    return d.square - filled_part * dims *
+                          (1.0 / static_cast<double>(strong.count) +
+                           d.gain * d.gain / static_cast<double>(weak.count));
+  };
+  return std::max(on(a.filter), on(b.filter));
+}
+
+}  // namespace
+
+train_crossing count_crossings(const std::vector<std::int32_t>& a,
+                               const std::vector<std::int32_t>& b, std::int32_t segment,
+                               double sampling_frequency) {
+  train_crossing out;
+  const double per_ms = sampling_frequency / 1000.0;
+  const auto close = static_cast<std::int32_t>(close_ms * per_ms);
+  const auto apart = static_cast<std::int32_t>(apart_ms * per_ms);
+  const double width = 2.0 * (apart_ms - close_ms) * per_ms / segment;
+  std::size_t first = 0;
+  for (const std::int32_t t : a) {
+    while (first < b.size() && b[first] < t - apart) ++first;
+    for (std::size_t k = first; k < b.size() && b[k] <= t + apart; ++k) {
+      if (std::abs(b[k] - t) > close) out.observed += 1;
+    }
+  }
+  for (std::size_t i = 0, k = 0; i < a.size();) {
+    const std::int32_t which = a[i] / segment;
+    double n_a = 0, n_b = 0;
+    for (; i < a.size() && a[i] / segment == which; ++i) ++n_a;
+    while (k < b.size() && b[k] / segment < which) ++k;
+    for (; k < b.size() && b[k] / segment == which; ++k) ++n_b;
+    out.expected += n_a * n_b * width;
+  }
+  return out;
+}
+
+bool trains_cross(const train_crossing& crossing) {
+  return crossing.expected >= enough_expected &&
+         crossing.observed >= crossing_part * crossing.expected;
+}
+
+bool same_waveform(const session_state& session, const noise_covariance& noise,
+                   const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,
+                   std::string& why) {
+  if (session.recording.distance(a.filter.main_channel, b.filter.main_channel) > join_reach_um) {
+    return false;
+  }
+  const double energy = square_root_ratio(a.filter.energy, b.filter.energy);
+  if (energy < like_energy) return false;
+  const bool recent = a.recent.count >= enough_recent && b.recent.count >= enough_recent;
+  const spike_shape& shape_a = recent ? a.recent : a.shape;
+  const spike_shape& shape_b = recent ? b.recent : b.shape;
+  const shape_likeness likeness =
+      compare_shapes(shape_a, shape_b, rules.window.points, rules.half_ms);
+  if (likeness.similarity < like) return false;
+  const double square = distance_between(noise, rules.window, a, b, shape_a, shape_b, likeness.lag);
+  const double least = std::min(a.filter.energy, b.filter.energy);
+  const bool one = recent ? square < std::max(least_square, square_part * least)
+                          : (likeness.similarity > alike && energy > alike_energy) ||
+                                square < square_without_recent;
+  if (!one) return false;
+  if (trains_cross(
+          count_crossings(a.train, b.train, rules.segment, session.recording.sampling_frequency))) {
+    return false;
+  }
+  why = fmt::format("similarity {:.2f}, distance {:.1f}", likeness.similarity, square);
+  return true;
+}
+
+void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b) {
+  tracked_unit& to = units[static_cast<std::size_t>(a)];
+  tracked_unit& from = units[static_cast<std::size_t>(b)];
+  const auto by_time = [](const tracked_spike& x, const tracked_spike& y) {
+    return std::tie(x.time, x.phase) < std::tie(y.time, y.phase);
+  };
+  std::vector<tracked_spike> spikes;
+  std::merge(to.spikes.begin(), to.spikes.end(), from.spikes.begin(), from.spikes.end(),
+             std::back_inserter(spikes), by_time);
+  to.spikes = std::move(spikes);
+  to.energy_sum += from.energy_sum;
+  std::vector<std::int32_t> train;
+  std::merge(to.train.begin(), to.train.end(), from.train.begin(), from.train.end(),
+             std::back_inserter(train));
+  to.train = std::move(train);
+  from.spikes = {};
+  from.train = {};
+  from.stage = unit_stage::joined;
+  from.joined_to = a;
+}
+
+float motion_of_others(const std::vector<tracked_unit>& units, std::int32_t n_segments,
+                       std::int32_t a, std::int32_t b) {
+  std::vector<std::vector<float>> ways(static_cast<std::size_t>(n_segments));
+  for (std::int32_t u = 0; u < static_cast<std::int32_t>(units.size()); ++u) {
+    if (u == a || u == b) continue;
+    const tracked_unit& unit = units[static_cast<std::size_t>(u)];
+    float start = std::nanf("");
+    for (std::size_t i = 0; i < unit.depths.size(); ++i) {
+      const float depth = unit.depths[i];
+      if (std::isnan(depth)) continue;
+      if (std::isnan(start)) start = depth;
+      const std::size_t segment = static_cast<std::size_t>(unit.first_segment) + i;
+      if (segment < ways.size()) ways[segment].push_back(depth - start);
+    }
+  }
+  float most = 0;
+  for (std::vector<float>& way : ways) {
+    if (way.size() < fewest_others) continue;
+    const auto middle = way.begin() + static_cast<std::ptrdiff_t>(way.size() / 2);
+    std::nth_element(way.begin(), middle, way.end());
+    most = std::max(most, std::fabs(*middle));
+  }
+  return most;
+}
+
+// ---------------------------------------------------------------- hand-overs
+
+namespace {
+
+// How far two units fire in the same segments: 0 never, 1 always.
+double overlap_in_time(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments) {
+  std::vector<double> n_a(static_cast<std::size_t>(n_segments)), n_b(n_a.size());
+  for (const tracked_spike& s : a.spikes) n_a[static_cast<std::size_t>(s.segment)] += 1;
+  for (const tracked_spike& s : b.spikes) n_b[static_cast<std::size_t>(s.segment)] += 1;
+  double both = 0;
+  for (std::size_t i = 0; i < n_a.size(); ++i) both += std::min(n_a[i], n_b[i]);
+  const auto fewer = static_cast<double>(std::min(a.spikes.size(), b.spikes.size()));
+  return fewer > 0 ? both / fewer : 1.0;
+}
+
+std::int32_t middle_of(const tracked_unit& unit) {
+  return unit.spikes[unit.spikes.size() / 2].segment;
+}
+
+// A shape as it would be seen had the tissue moved by dy: each site reads what lay dy below it.
+spike_shape moved_shape(const session_state& session, const spike_shape& shape, std::int32_t points,
+                        double dy) {
+  const recording_store& r = session.recording;
+  spike_shape out = shape;
+  for (std::size_t i = 0; i < shape.channels.size(); ++i) {
+    float* to = out.row(i, points);
+    std::fill(to, to + points, 0.0f);
+    double weights = 0;
+    for (std::size_t k = 0; k < shape.channels.size(); ++k) {
+      const std::int32_t c = shape.channels[i], d = shape.channels[k];
+      const double x = r.chan_x[c] - r.chan_x[d];
+      const double y = r.chan_y[c] - dy - r.chan_y[d];
+      const double weight = std::exp(-(x * x + y * y) / (2 * kernel_um * kernel_um));
+      if (weight < 1e-3) continue;
+      weights += weight;
+      const float* from = shape.row(k, points);
+      for (std::int32_t q = 0; q < points; ++q) to[q] += static_cast<float>(weight) * from[q];
+    }
+    if (weights <= 0) continue;
+    for (std::int32_t q = 0; q < points; ++q) to[q] /= static_cast<float>(weights);
+  }
+  return out;
+}
+
+struct candidate {
+  std::int32_t earlier, later;
+  double energy, overlap;
+  double similarity;
+};
+
+// Pairs that do not fire together, and lie near enough for the largest jump.
+std::vector<candidate> possible_pairs(const session_state& session,
+                                      const std::vector<tracked_unit>& units,
+                                      std::int32_t n_segments) {
+  std::vector<candidate> out;
+  const auto n = static_cast<std::int32_t>(units.size());
+  for (std::int32_t a = 0; a < n; ++a) {
+    for (std::int32_t b = a + 1; b < n; ++b) {
+      const tracked_unit& x = units[static_cast<std::size_t>(a)];
+      const tracked_unit& y = units[static_cast<std::size_t>(b)];
+      if (x.spikes.empty() || y.spikes.empty()) continue;
+      const float away = session.recording.distance(x.filter.main_channel, y.filter.main_channel);
+      if (away > join_reach_um) continue;
+      const double energy = square_root_ratio(x.mean_energy(), y.mean_energy());
+      const double overlap = overlap_in_time(x, y, n_segments);
+      if (energy < hand_over_energy || overlap >= largest_overlap) continue;
+      const bool order = middle_of(x) <= middle_of(y);
+      out.push_back({order ? a : b, order ? b : a, energy, overlap, 0});
+    }
+  }
+  return out;
+}
+
+// Fills the similarities after a move, and returns the sum over the best pairs, each unit being in
+// one at most, with their number.
+double assign(const session_state& session, const tracking_rules& rules,
+              const std::vector<tracked_unit>& units, double dy, std::vector<candidate>& pairs,
+              std::int32_t& n_agreed) {
+  for (candidate& p : pairs) {
+    const spike_shape& last = units[static_cast<std::size_t>(p.earlier)].shape;
+    const spike_shape& first = units[static_cast<std::size_t>(p.later)].first;
+    const spike_shape moved = dy == 0 ? last : moved_shape(session, last, rules.window.points, dy);
+    p.similarity = compare_shapes(moved, first, rules.window.points, rules.half_ms).similarity;
+  }
+  std::stable_sort(pairs.begin(), pairs.end(), [](const candidate& a, const candidate& b) {
+    return a.similarity > b.similarity;
+  });
+  std::vector<bool> used(units.size());
+  double sum = 0;
+  n_agreed = 0;
+  for (const candidate& p : pairs) {
+    const auto a = static_cast<std::size_t>(p.earlier), b = static_cast<std::size_t>(p.later);
+    if (p.similarity <= jump_base || used[a] || used[b]) continue;
+    used[a] = used[b] = true;
+    sum += p.similarity - jump_base;
+    n_agreed += p.similarity >= jump_like;
+  }
+  return sum;
+}
+
+// The displacement that brings most of the pairs together; 0 when none does it clearly better.
+std::int32_t find_jump(const session_state& session, const tracking_rules& rules,
+                       const std::vector<tracked_unit>& units, std::vector<candidate> pairs) {
+  std::int32_t n_agreed = 0;
+  const double still = assign(session, rules, units, 0, pairs, n_agreed);
+  double best = jump_better * still;
+  std::int32_t jump = 0;
+  for (std::int32_t dy = -jump_reach; dy <= jump_reach; dy += jump_step) {
+    if (dy == 0) continue;
+    const double sum = assign(session, rules, units, dy, pairs, n_agreed);
+    if (sum > best && n_agreed >= fewest_jumped) {
+      best = sum;
+      jump = dy;
+    }
+  }
+  return jump;
+}
+
+}  // namespace
+
+std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,
+                                       const std::vector<tracked_unit>& units,
+                                       std::int32_t n_segments, float& shift_um) {
+  std::vector<candidate> pairs = possible_pairs(session, units, n_segments);
+  const std::int32_t jump = find_jump(session, rules, units, pairs);
+  shift_um = static_cast<float>(jump);
+  std::int32_t n_agreed = 0;
+  assign(session, rules, units, jump, pairs, n_agreed);
+  std::vector<hand_over> out;
+  for (const candidate& p : pairs) {
+    if (p.similarity < (jump != 0 ? jump_like : hand_over_like)) continue;
+    const bool moved =
+        jump != 0 || motion_of_others(units, n_segments, p.earlier, p.later) >= motion_um;
+    out.push_back({p.earlier, p.later, p.similarity, p.overlap, moved});
+  }
+  return out;
+}
+
+}  // namespace kestrelvane

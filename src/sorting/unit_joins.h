@@ -1,0 +1,54 @@
+// Joins: which two tracked units are one neuron.
+//
+// Three questions, from the surest to the weakest. Do their trains cross, with spikes of the two
+// closer together than one neuron could fire? Then they are two, whatever else is alike. Have
+// they the same waveform within the noise while both are tracked? Then they are one. Does one
+// stop as the other starts, in a recording whose other units are seen to move? Then one has
+// become the other by movement.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sorting/tracked_units.h"
+
+namespace kestrelvane {
+
+// Pairs of spikes of two trains 0.5 to 2 ms apart, and as many as independent trains of their
+// rates would have, counted by segments.
+struct train_crossing {
+  double expected = 0;
+  double observed = 0;
+};
+train_crossing count_crossings(const std::vector<std::int32_t>& a,
+                               const std::vector<std::int32_t>& b, std::int32_t segment,
+                               double sampling_frequency);
+// Two units by their trains alone.
+bool trains_cross(const train_crossing& crossing);
+
+// Whether two active units have one waveform, by their recent shapes; why is then one clause.
+bool same_waveform(const session_state& session, const noise_covariance& noise,
+                   const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,
+                   std::string& why);
+
+// b becomes part of a: its spikes and its train.
+void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b);
+
+// How far the units other than two moved along the probe: the largest of the medians over units of
+// their way since they came in, µm; 0 where too few were followed to tell.
+float motion_of_others(const std::vector<tracked_unit>& units, std::int32_t n_segments,
+                       std::int32_t a, std::int32_t b);
+
+// A pair that looks like one unit in two pieces.
+struct hand_over {
+  std::int32_t earlier = 0, later = 0;  // units from 0
+  double similarity = 0, overlap = 0;   // of their shapes where they meet; of their times
+  bool moved = false;                   // other units say that the recording moved
+};
+// All of them, the most alike first. shift_um: what brought them together, 0 without a jump.
+std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,
+                                       const std::vector<tracked_unit>& units,
+                                       std::int32_t n_segments, float& shift_um);
+
+}  // namespace kestrelvane
