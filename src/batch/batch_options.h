@@ -60,10 +60,14 @@ struct batch_options {
   std::int32_t upto = 0;  // number of the last edit to do; 0: all of them
   // --- make-test
   std::string electrode = "polytrode";
+  std::string family;     // instead of all that the options below say
+  bool families = false;  // list them
+  double minutes = std::numeric_limits<double>::quiet_NaN();  // not a number: not given
   test_recording_options test;
   // --- score
   std::string sorted_path, truth_path;
   double noise_uv = std::numeric_limits<double>::quiet_NaN();  // not a number: not given
+  double min_snr = std::numeric_limits<double>::quiet_NaN();   // not a number: not given
 };
 
 }  // namespace kestrelvane

@@ -1,36 +1,72 @@
 // make-test and score: recordings with known truth, and how well a sort finds it.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "batch/verbs.h"
+#include "synthesis/family_recording.h"
 #include "synthesis/score.h"
 
 namespace kestrelvane {
 
-batch_status run_make_test(const batch_options& options) {
-  test_recording_options test = options.test;
-  if (!electrode_from_name(options.electrode, test.electrode)) {
-    return refuse_usage(
-        fmt::format("--electrode {}: not one of {}", options.electrode, electrode_names()));
-  }
-  const std::string wrong = validate_test_recording(test);
-  if (!wrong.empty()) return refuse_usage(wrong);
+namespace {
+
+// Makes a recording under a bar; what it is follows from the verb's options.
+template <typename Make>
+batch_status make_recording(const batch_options& options, Make&& make) {
   // The maker needs the console for its bar alone.
   batch_session batch;
   console_interface& console = batch.console;
   console.quiet = options.quiet;
   console.terminal = standard_error_is_terminal();
   attach_console(console, *batch.session);
+  const auto progress = [&](int percent) {
+    set_progress(*batch.session, meter::saving, percent, 100);
+  };
   std::string problem;
-  const bool made = make_test_recording(
-      test, options.output,
-      [&](int percent) { set_progress(*batch.session, meter::saving, percent, 100); }, problem);
-  if (!made) return fail_batch(batch, problem);
+  if (!make(progress, problem)) return fail_batch(batch, problem);
   finish_console(console);
   // The one line on standard output, for scripts that go on with the file.
   return options.quiet ? batch_status::done : print_result(batch, options.output + "\n");
+}
+
+batch_status make_family(const batch_options& options) {
+  const recording_family* family = find_family(options.family);
+  if (family == nullptr) {
+    return refuse_usage(
+        fmt::format("--family {}: not one of those that --families lists", options.family));
+  }
+  family_options made;
+  family->set(made);
+  if (!std::isnan(options.minutes)) made.seconds = 60 * options.minutes;
+  return make_recording(options, [&](const auto& progress, std::string& problem) {
+    return make_family_recording(made, options.test.seed, options.test.n_threads, options.output,
+                                 progress, problem);
+  });
+}
+
+}  // namespace
+
+batch_status run_make_test(const batch_options& options) {
+  if (options.families) {
+    batch_session batch;
+    return print_result(batch, family_list());
+  }
+  if (options.output.empty()) return refuse_usage("output is required");
+  if (!options.family.empty()) return make_family(options);
+  test_recording_options test = options.test;
+  if (!std::isnan(options.minutes)) test.minutes = options.minutes;
+  if (!electrode_from_name(options.electrode, test.electrode)) {
+    return refuse_usage(
+        fmt::format("--electrode {}: not one of {}", options.electrode, electrode_names()));
+  }
+  const std::string wrong = validate_test_recording(test);
+  if (!wrong.empty()) return refuse_usage(wrong);
+  return make_recording(options, [&](const auto& progress, std::string& problem) {
+    return make_test_recording(test, options.output, progress, problem);
+  });
 }
 
 namespace {
@@ -46,6 +82,11 @@ std::string noise_problem(const batch_options& options) {
     return fmt::format("--noise {}: not a voltage above 0", options.noise_uv);
   }
   return {};
+}
+
+bool knows_snr(const sort_score& score) {
+  return std::any_of(score.units.begin(), score.units.end(),
+                     [](const unit_score& u) { return u.snr > 0; });
 }
 
 batch_status measure_noise(const batch_options& options, double& noise_uv) {
@@ -67,6 +108,9 @@ batch_status measure_noise(const batch_options& options, double& noise_uv) {
 batch_status run_score(const batch_options& options) {
   std::string problem = noise_problem(options);
   if (!problem.empty()) return refuse_usage(problem);
+  if (options.min_snr <= 0 || std::isinf(options.min_snr)) {
+    return refuse_usage(fmt::format("--min-snr {}: not a number above 0", options.min_snr));
+  }
   double noise_uv = std::isnan(options.noise_uv) ? 0 : options.noise_uv;
   if (!options.recording.empty()) {
     const batch_status status = measure_noise(options, noise_uv);
@@ -83,6 +127,12 @@ batch_status run_score(const batch_options& options) {
         batch, "No amplitudes are known: there is no list of units beside " + options.truth_path);
   }
   score.noise_uv = noise_uv;
+  score.min_snr = std::isnan(options.min_snr) ? 0 : options.min_snr;
+  // A list without SNRs would count no unit at all, as if none stood out.
+  if (score.min_snr > 0 && !knows_snr(score)) {
+    return fail_batch(batch,
+                      "No SNR is known: there is no list with them beside " + options.truth_path);
+  }
   return print_result(batch, options.json ? score_json(score).dump(2) + "\n" : score_table(score));
 }
 

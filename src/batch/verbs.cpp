@@ -31,10 +31,12 @@ enum option_group : unsigned {
   takes_hdf_edits = 1u << 14,
   takes_values = 1u << 15,
   takes_replay = 1u << 16,
+  takes_family = 1u << 17,
 };
 
-// A flag_or_list stands alone or is followed by a list of numbers.
-enum class option_kind { positional, text, texts, flag, flag_or_list, count, seed, real };
+// A flag_or_list stands alone or is followed by a list of numbers; a positional_or_list may be
+// missing where the verb is asked for a list instead.
+enum class option_kind { positional, positional_or_list, text, texts, flag, flag_or_list, count, seed, real };
 using enum option_kind;
 
 struct option_row {
@@ -53,6 +55,7 @@ struct option_row {
 constexpr option_row option_rows[] = {
   {positional, takes_recording, "recording", AT(recording), "RECORDING", "the recording"},
   {positional, takes_output, "output", AT(output), "OUT.tsf", "the TSF file to write"},
+  {positional_or_list, takes_family, "output", AT(output), "OUT.tsf", "the TSF file to write"},
   {positional, takes_score, "sorted", AT(sorted_path), "SORTED.csv", "exported sort"},
   {positional, takes_score, "truth", AT(truth_path), "TRUTH.csv", "planted spikes"},
 
@@ -97,7 +100,7 @@ constexpr option_row option_rows[] = {
   {text, takes_test, "--electrode", AT(electrode),
       "NAME", "tetrode, polytrode, linear, utah or neuropixels"},
   {count, takes_test, "--channels", AT(test.n_channels), "N", "sites"},
-  {real, takes_test, "--minutes", AT(test.minutes), "M", "duration"},
+  {real, takes_family, "--minutes", AT(minutes), "M", "duration (5, or as the family has it)"},
   {count, takes_test, "--rate", AT(test.sampling_frequency), "HZ", "sampling frequency"},
   {count, takes_test, "--units", AT(test.n_units), "N", "planted units"},
   {real, takes_test, "--amplitude-min", AT(test.amplitude_min_uv),
@@ -108,10 +111,15 @@ constexpr option_row option_rows[] = {
   {real, takes_test, "--drift", AT(test.drift_um), "UM", "along the probe, from start to end"},
   {real, takes_test, "--gain-change", AT(test.gain_change),
       "PART", "-0.2 ends at 0.8 of the start"},
+  {text, takes_family, "--family", AT(family),
+      "NAME", "a recording of this family instead, of which only --seed, --minutes and --threads are asked"},
+  {flag, takes_family, "--families", AT(families), "", "list the families"},
   {seed, takes_test, "--seed", AT(test.seed), "N", "same seed, same bytes"},
   {count, takes_test, "--threads", AT(test.n_threads), "N", "threads"},
   {real, takes_score, "--noise", AT(noise_uv),
       "UV", "noise of the recording: count units by how far they stand above it"},
+  {real, takes_score, "--min-snr", AT(min_snr),
+      "SNR", "count units of that and more apart, by the list of units beside the truth"},
   {text, takes_score, "--recording", AT(recording),
       "FILE", "the same, the noise measured: median over its channels"},
   {text, takes_draw, "--out", AT(picture),
@@ -153,7 +161,7 @@ constexpr batch_verb verbs[] = {
   {"export", "write a saved sort, or the one in the file, for other tools", opens | takes_work | takes_exports, run_export},
   {"curate", "do the edits of a review again", opens | takes_work | takes_replay | takes_exports | takes_results, run_curate},
   {"convert", "write a recording as TSF", opens | takes_output, run_convert},
-  {"make-test", "make a recording with known units", takes_output | takes_test | takes_quiet,
+  {"make-test", "make a recording with known units", takes_test | takes_family | takes_quiet,
    run_make_test},
 #ifdef KESTRELVANE_WITH_DISPLAYS
   {"draw", "draw the voltage record or sorted clusters to a file", views | takes_work | takes_draw, run_draw},
@@ -181,6 +189,7 @@ void add_option(CLI::App& verb, const option_row& row, batch_options& options) {
     case positional:
       option = add(static_cast<std::string*>(where))->required();
       break;
+    case positional_or_list:
     case text:
       option = add(static_cast<std::string*>(where));
       break;

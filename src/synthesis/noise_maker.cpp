@@ -32,6 +32,31 @@ float norm_of(const int (&taps)[N]) {
   return static_cast<float>(1 / std::sqrt(static_cast<double>(sum)));
 }
 
+KESTRELVANE_CLONES void smooth(const float* own, const float* shared, float own_size,
+                               float shared_size, float* out) {
+  for (std::int32_t i = 0; i < noise_block; i += n_lanes) {
+    float_lanes fine = {}, coarse = {};
+    for (int k = 0; k < 3; ++k) {
+      const auto tap = static_cast<float>(own_taps[k]);
+      // A look back only: the numbers before the block are kept in front of it.
+      fine += tap * *reinterpret_cast<const float_lanes*>(own + i - k);
+    }
+    for (int k = 0; k < 7; ++k) {
+      const auto tap = static_cast<float>(shared_taps[k]);
+      coarse += tap * *reinterpret_cast<const float_lanes*>(shared + i - k);
+    }
+    *reinterpret_cast<float_lanes*>(out + i) = own_size * fine + shared_size * coarse;
+  }
+}
+
+void keep_history(float* numbers) {
+  std::copy(numbers + noise_block, numbers + noise_block + noise_history, numbers);
+  // The sources add to what is there.
+  std::fill(numbers + noise_history, numbers + noise_history + noise_block, 0.0f);
+}
+
+}  // namespace
+
 noise_source start_source(std::int64_t seed, std::uint64_t purpose, std::uint64_t index) {
   noise_source source{};
   random_stream random(seed, purpose, index);
@@ -42,7 +67,7 @@ noise_source start_source(std::int64_t seed, std::uint64_t purpose, std::uint64_
   return source;
 }
 
-// Adds weight times noise_block numbers of s.d. 1. A number is the sum of four
+// A number is the sum of four
 // 16-bit uniforms; mixing and smoothing bring it nearer still to a normal one.
 KESTRELVANE_CLONES void add_numbers(noise_source& source, float* out) {
   generator_lanes s0, s1, s2, s3;
@@ -76,31 +101,6 @@ KESTRELVANE_CLONES void add_numbers(noise_source& source, float* out) {
   std::memcpy(source.state[2], &s2, sizeof s2);
   std::memcpy(source.state[3], &s3, sizeof s3);
 }
-
-KESTRELVANE_CLONES void smooth(const float* own, const float* shared, float own_size,
-                               float shared_size, float* out) {
-  for (std::int32_t i = 0; i < noise_block; i += n_lanes) {
-    float_lanes fine = {}, coarse = {};
-    for (int k = 0; k < 3; ++k) {
-      const auto tap = static_cast<float>(own_taps[k]);
-      // A look back only: the numbers before the block are kept in front of it.
-      fine += tap * *reinterpret_cast<const float_lanes*>(own + i - k);
-    }
-    for (int k = 0; k < 7; ++k) {
-      const auto tap = static_cast<float>(shared_taps[k]);
-      coarse += tap * *reinterpret_cast<const float_lanes*>(shared + i - k);
-    }
-    *reinterpret_cast<float_lanes*>(out + i) = own_size * fine + shared_size * coarse;
-  }
-}
-
-void keep_history(float* numbers) {
-  std::copy(numbers + noise_block, numbers + noise_block + noise_history, numbers);
-  // The sources add to what is there.
-  std::fill(numbers + noise_history, numbers + noise_history + noise_block, 0.0f);
-}
-
-}  // namespace
 
 noise_maker start_noise(std::int64_t seed, const std::vector<site_position>& sites,
                         std::int32_t channel) {

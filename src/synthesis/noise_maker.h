@@ -21,6 +21,11 @@ struct noise_source {
   float weight;  // with which the channel takes it; the s.d. of a number is 1
 };
 
+// A source of white numbers; those of different purpose or index have nothing in common.
+noise_source start_source(std::int64_t seed, std::uint64_t purpose, std::uint64_t index);
+// Adds its weight times its next noise_block numbers.
+void add_numbers(noise_source& source, float* out);
+
 struct noise_maker {
   noise_source own;
   std::vector<noise_source> shared;

@@ -104,10 +104,10 @@ void choose_cell_type(planted_unit& unit, double median_rate, random_stream& ran
   shape.peak = fast ? random.uniform(0.25, 0.5) : random.uniform(0.15, 0.4);
   shape.first_peak = random.chance(0.3) ? random.uniform(0.08, 0.3) : 0;
   // A wide spread of rates, as cells have: the median is that which was asked for.
-  unit.rate = std::clamp(random.log_normal(fast ? 1.5 * median_rate : median_rate, 0.8), least_rate,
-                         std::max(least_rate, highest_rate));
-  unit.refractory_ms = fast ? random.uniform(1.2, 2.0) : random.uniform(2.0, 3.5);
-  unit.burst_chance = !fast && random.chance(0.4) ? random.uniform(0.05, 0.25) : 0;
+  unit.firing.rate = std::clamp(random.log_normal(fast ? 1.5 * median_rate : median_rate, 0.8),
+                                least_rate, std::max(least_rate, highest_rate));
+  unit.firing.refractory_ms = fast ? random.uniform(1.2, 2.0) : random.uniform(2.0, 3.5);
+  unit.firing.burst_chance = !fast && random.chance(0.4) ? random.uniform(0.05, 0.25) : 0;
 }
 
 // Spikes that a burst adds to its first one, on average.
@@ -119,28 +119,28 @@ double mean_burst_extra() {
 }
 
 struct train_maker {
-  const planted_unit& unit;
+  const firing_pattern& firing;
   random_stream random;
   double steps_per_ms;
   std::int64_t first, last;  // steps between which spikes may fall
   std::vector<planted_spike> spikes;
 
   float size(double times) {
-    return static_cast<float>(times * portable_exp(unit.size_jitter * random.normal()));
+    return static_cast<float>(times * portable_exp(firing.size_jitter * random.normal()));
   }
 
   void make() {
-    const double extra = unit.burst_chance * mean_burst_extra();
+    const double extra = firing.burst_chance * mean_burst_extra();
     // The wait is so much longer as bursts are to add spikes, so that the mean rate holds.
-    const double mean_wait_ms = 1000 * (1 + extra) / unit.rate;
+    const double mean_wait_ms = 1000 * (1 + extra) / firing.rate;
     // The refractory time and the bursts are taken off; a tenth of a ms is left at least.
-    const double random_wait_ms = std::max(0.1, mean_wait_ms - unit.refractory_ms - 5 * extra);
+    const double random_wait_ms = std::max(0.1, mean_wait_ms - firing.refractory_ms - 5 * extra);
     double at = static_cast<double>(first) + steps_per_ms * random.exponential(mean_wait_ms);
     while (static_cast<std::int64_t>(at) <= last) {
       spikes.push_back({static_cast<std::int64_t>(at), size(1)});
-      if (random.chance(unit.burst_chance)) at = add_burst(at);
+      if (random.chance(firing.burst_chance)) at = add_burst(at);
       // A step more, so that two spikes are never closer than the refractory time after rounding.
-      at += steps_per_ms * (unit.refractory_ms + random.exponential(random_wait_ms)) + 1;
+      at += steps_per_ms * (firing.refractory_ms + random.exponential(random_wait_ms)) + 1;
     }
   }
 
@@ -150,10 +150,10 @@ struct train_maker {
     double times = 1;
     for (std::int32_t k = 1; k < longest_burst; ++k) {
       // Within a burst a few ms, however short the cell's refractory time.
-      const double wait_ms = std::max(unit.refractory_ms, 3.0) + random.exponential(2);
+      const double wait_ms = std::max(firing.refractory_ms, 3.0) + random.exponential(2);
       at += steps_per_ms * wait_ms + 1;
       if (static_cast<std::int64_t>(at) > last) break;
-      times *= 1 - 0.25 * portable_exp(-wait_ms / 8);
+      times *= 1 - firing.burst_fall * portable_exp(-wait_ms / 8);
       spikes.push_back({static_cast<std::int64_t>(at), size(times)});
       if (!random.chance(burst_goes_on)) break;
     }
@@ -246,11 +246,18 @@ std::vector<planted_unit> plan_units(const test_recording_options& options,
     unit.reach_um = random.uniform(26, 38);
     // Half a metre to two metres a second, up or down the dendrite.
     unit.slowness_ms_per_um = random.uniform(0.0005, 0.002) * (random.chance(0.5) ? 1.0 : -1.0);
-    unit.size_jitter = random.uniform(0.02, 0.06);
+    unit.firing.size_jitter = random.uniform(0.02, 0.06);
     choose_cell_type(unit, options.median_rate, random);
     units.push_back(unit);
   }
   return units;
+}
+
+std::vector<planted_spike> make_train(const firing_pattern& firing, random_stream random,
+                                      double steps_per_ms, std::int64_t first, std::int64_t last) {
+  train_maker maker{firing, random, steps_per_ms, first, last, {}};
+  maker.make();
+  return std::move(maker.spikes);
 }
 
 std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options& options,
@@ -261,11 +268,8 @@ std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options
   const std::int64_t end = std::int64_t{count_test_samples(options)} * sub_sample_steps;
   std::vector<std::vector<planted_spike>> trains;
   for (std::size_t u = 0; u < units.size(); ++u) {
-    train_maker maker{units[u],     random_stream(options.seed, for_spikes, u),
-                      steps_per_ms, sub_sample_steps + margin,
-                      end - margin, {}};
-    maker.make();
-    trains.push_back(std::move(maker.spikes));
+    trains.push_back(make_train(units[u].firing, random_stream(options.seed, for_spikes, u),
+                                steps_per_ms, sub_sample_steps + margin, end - margin));
   }
   return trains;
 }
@@ -283,7 +287,7 @@ std::vector<planted_unit> plan_background(const test_recording_options& options,
     unit.amplitude_uv = options.noise_uv * random.log_uniform(0.4, 2.5);
     unit.reach_um = 40;
     choose_cell_type(unit, 6, random);
-    unit.size_jitter = 0.1;
+    unit.firing.size_jitter = 0.1;
     units.push_back(unit);
   }
   return units;

@@ -10,6 +10,8 @@
 
 namespace kestrelvane {
 
+struct random_stream;
+
 enum class test_electrode { tetrode, polytrode, linear, utah, neuropixels };
 
 // The electrode of a name as options give it ("polytrode"); false: none has it.
@@ -62,6 +64,15 @@ struct spike_shape {
   double first_peak;  // height of a peak in front of the trough; 0: biphasic
 };
 
+// How a cell fires.
+struct firing_pattern {
+  double rate;               // Hz, aimed at
+  double refractory_ms;      // no two spikes come closer
+  double burst_chance;       // that a spike starts a burst
+  double size_jitter;        // s.d. of the logarithm of spike sizes
+  double burst_fall = 0.25;  // part of its size that a spike loses right behind another of a burst
+};
+
 struct planted_unit {
   double x, y, z;             // µm; z is the distance from the plane of the sites
   double amplitude_uv;        // trough on best_channel
@@ -69,10 +80,7 @@ struct planted_unit {
   double slowness_ms_per_um;  // delay along the probe, either sign
   std::int32_t best_channel;  // counted from 1
   spike_shape shape;
-  double rate;           // Hz, aimed at
-  double refractory_ms;  // no two spikes come closer
-  double burst_chance;   // that a spike starts a burst
-  double size_jitter;    // s.d. of the logarithm of spike sizes
+  firing_pattern firing;
 };
 
 // Size of a unit's spike at a site, the unit moved by shift_um along the probe,
@@ -86,6 +94,10 @@ std::vector<planted_unit> plan_units(const test_recording_options& options,
 // Spikes of each unit, ascending.
 std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options& options,
                                                     const std::vector<planted_unit>& units);
+
+// The train of one cell: spikes from step first to step last, ascending.
+std::vector<planted_spike> make_train(const firing_pattern& firing, random_stream random,
+                                      double steps_per_ms, std::int64_t first, std::int64_t last);
 
 // Many small units out of reach of sorting.
 std::vector<planted_unit> plan_background(const test_recording_options& options,

@@ -13,6 +13,8 @@ namespace kestrelvane {
 // Natural logarithm (x > 0) and exponential, to about 1e-15 relative.
 double portable_log(double x);
 double portable_exp(double x);
+// Sine, to about 1e-13.
+double portable_sin(double x);
 
 struct random_stream {
   std::uint64_t state[4];

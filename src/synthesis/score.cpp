@@ -122,12 +122,17 @@ void join_units_file(const std::string& path, sort_score& score) {
   std::string text;
   // No such file: the score is told without amplitudes.
   if (path.empty() || !read_text(path, text)) return;
-  std::map<std::int32_t, std::pair<double, double>> known;  // amplitude, rate
+  struct unit_values {
+    double amplitude_uv, rate_hz, snr = 0;
+  };
+  std::map<std::int32_t, unit_values> known;
   walk_lines(text, [&](const std::vector<std::string_view>& fields, std::int64_t) {
     std::int32_t unit;
-    std::pair<double, double> values;
+    unit_values values{};
     if (fields.size() >= 5 && read_number(fields[0], unit) &&
-        read_number(fields[3], values.first) && read_number(fields[4], values.second)) {
+        read_number(fields[3], values.amplitude_uv) && read_number(fields[4], values.rate_hz)) {
+      // Only some makers tell the last.
+      if (fields.size() < 6 || !read_number(fields[5], values.snr)) values.snr = 0;
       known[unit] = values;
     }
     return true;
@@ -135,8 +140,9 @@ void join_units_file(const std::string& path, sort_score& score) {
   for (unit_score& u : score.units) {
     const auto found = known.find(u.unit);
     if (found == known.end()) continue;
-    u.amplitude_uv = found->second.first;
-    u.rate_hz = found->second.second;
+    u.amplitude_uv = found->second.amplitude_uv;
+    u.rate_hz = found->second.rate_hz;
+    u.snr = found->second.snr;
     score.has_amplitudes = true;
   }
 }
@@ -225,6 +231,25 @@ struct assignment_search {
     }
   }
 };
+
+// What each sorted unit is to the planted ones; gains by planted unit, row after row.
+void classify_units(const std::vector<unit_train>& found, const std::vector<double>& gains,
+                    const std::vector<std::int32_t>& partner, sort_score& score) {
+  for (std::size_t k = 0; k < found.size(); ++k) {
+    std::int32_t n_shared = 0;
+    bool is_partner = false;
+    for (std::size_t i = 0; i < partner.size(); ++i) {
+      if (gains[i * found.size() + k] < shared_agreement) continue;
+      ++n_shared;
+      if (partner[i] == static_cast<std::int32_t>(k)) is_partner = true;
+    }
+    if (n_shared == 0 && found[k].times.size() >= std::size_t{false_unit_spikes}) {
+      ++score.n_false_units;
+    }
+    if (n_shared > 0 && !is_partner) ++score.n_redundant_units;
+    if (n_shared > 1) ++score.n_overmerged_units;
+  }
+}
 
 }  // namespace
 
@@ -344,6 +369,7 @@ sort_score score_sort(const spike_list& sorted, const spike_list& truth) {
     if (u.accuracy >= four_fifths) ++score.n_above_four_fifths;
     score.units.push_back(u);
   }
+  classify_units(found, gains, partner, score);
   return score;
 }
 
@@ -392,6 +418,16 @@ std::vector<score_band> count_in_bands(const sort_score& score) {
   return bands;
 }
 
+snr_count count_above_snr(const sort_score& score) {
+  snr_count count;
+  for (const unit_score& u : score.units) {
+    if (u.snr <= 0 || u.snr < score.min_snr) continue;
+    ++count.n_units;
+    if (u.accuracy >= four_fifths) ++count.n_above_four_fifths;
+  }
+  return count;
+}
+
 std::string score_table(const sort_score& score) {
   const bool with_noise = tells_noise(score);
   std::string text = fmt::format("{:>5} {:>7} {:>7} {:>8} {:>8} {:>8}", "unit", "channel", "sorted",
@@ -412,6 +448,13 @@ std::string score_table(const sort_score& score) {
       "{} sorted units, {} of them without a partner; {} of {} planted spikes matched\n",
       score.units.size(), score.n_above_four_fifths, score.n_above_half, score.n_sorted_units,
       score.n_extra_units, score.n_matches, score.n_planted_spikes);
+  text += fmt::format("{} false units, {} redundant, {} over-merged\n", score.n_false_units,
+                      score.n_redundant_units, score.n_overmerged_units);
+  if (score.min_snr > 0) {
+    const snr_count count = count_above_snr(score);
+    text += fmt::format("SNR {} or more: {} of {} units with accuracy 0.8 or better\n",
+                        score.min_snr, count.n_above_four_fifths, count.n_units);
+  }
   if (with_noise) text += fmt::format("noise {:.2f} µV\n", score.noise_uv) + band_lines(score);
   return text;
 }
@@ -429,6 +472,7 @@ nlohmann::json score_json(const sort_score& score) {
       one["amplitude_uv"] = u.amplitude_uv;
       one["rate_hz"] = u.rate_hz;
     }
+    if (u.snr > 0) one["snr"] = u.snr;
     if (with_noise) one["amplitude_over_noise"] = amplitude_over_noise(score, u);
     units.push_back(std::move(one));
   }
@@ -440,7 +484,16 @@ nlohmann::json score_json(const sort_score& score) {
                         {"sorted_spikes", score.n_sorted_spikes},
                         {"matches", score.n_matches},
                         {"above_0.5", score.n_above_half},
-                        {"above_0.8", score.n_above_four_fifths}};
+                        {"above_0.8", score.n_above_four_fifths},
+                        {"false_units", score.n_false_units},
+                        {"redundant_units", score.n_redundant_units},
+                        {"overmerged_units", score.n_overmerged_units}};
+  if (score.min_snr > 0) {
+    const snr_count count = count_above_snr(score);
+    all["min_snr"] = score.min_snr;
+    all["units_above_snr"] = count.n_units;
+    all["above_snr_and_0.8"] = count.n_above_four_fifths;
+  }
   if (with_noise) {
     all["noise_uv"] = score.noise_uv;
     all["bands"] = band_json(score);

@@ -9,6 +9,9 @@
 // What a sorter can be asked to find depends on how far a unit stands out: where the
 // noise of the recording is known, units are also counted in bands of amplitude over
 // noise.
+//
+// Sorted units that are nobody's partner are told apart by the best agreement they have with
+// any planted unit, as comparisons of sorters do (Buccino et al. 2020, SpikeInterface).
 #pragma once
 
 #include <cstdint>
@@ -36,6 +39,7 @@ struct unit_score {
   std::int32_t sorted_unit = -1;  // its partner; -1: none shares a spike with it
   std::int32_t n_planted = 0, n_sorted = 0, n_matches = 0;
   double amplitude_uv = 0;  // of the units file; 0: not known
+  double snr = 0;           // of the units file; 0: not known
   double rate_hz = 0;
   double accuracy = 0;   // the agreement
   double precision = 0;  // matches / n_sorted
@@ -51,6 +55,18 @@ struct sort_score {
   std::int32_t n_above_four_fifths = 0;  // and >= 0.8
   bool has_amplitudes = false;
   double noise_uv = 0;  // of the recording, set by the caller; 0: not known
+  // Of sorted units, by agreements of 0.2 or more:
+  std::int32_t n_false_units = 0;       // with no planted unit, and of false_unit_spikes or more
+  std::int32_t n_redundant_units = 0;   // with a unit that has a better partner
+  std::int32_t n_overmerged_units = 0;  // with more than one unit
+  // Planted units of min_snr or more; min_snr is set by the caller, 0: not asked.
+  double min_snr = 0;
+};
+
+// How many planted units stand that far above the noise, and are found.
+struct snr_count {
+  std::int32_t n_units = 0;
+  std::int32_t n_above_four_fifths = 0;
 };
 
 // The planted units whose amplitude is from .. to (exclusive) times the noise.
@@ -61,6 +77,8 @@ struct score_band {
 };
 
 constexpr double match_window_s = 0.0004;
+constexpr double shared_agreement = 0.2;        // two trains have to do with each other
+constexpr std::int32_t false_unit_spikes = 10;  // fewer are no unit that anybody would keep
 
 // Reads lines of time (s), unit and optionally channel, separated by commas;
 // blanks round the numbers, empty lines and one line of titles are passed over.
@@ -78,7 +96,7 @@ std::vector<std::int32_t> best_assignment(const std::vector<double>& gains, std:
 
 sort_score score_sort(const spike_list& sorted, const spike_list& truth);
 
-// Scores two files. Amplitudes and rates come from NAME.units.csv beside a truth
+// Scores two files. Amplitudes, rates and SNRs come from NAME.units.csv beside a truth
 // file NAME.truth.csv, if there is one that can be read.
 bool score_files(const std::string& sorted_path, const std::string& truth_path, sort_score& score,
                  std::string& problem);
@@ -93,6 +111,9 @@ double amplitude_over_noise(const sort_score& score, const unit_score& unit);
 // Units of known amplitude counted in bands: 10 times the noise and more, 7 to 10,
 // below 7. Empty when amplitudes or noise are not known.
 std::vector<score_band> count_in_bands(const sort_score& score);
+
+// Of units of min_snr and more; none of a unit whose SNR is not known.
+snr_count count_above_snr(const sort_score& score);
 
 // Both show amplitude over noise, and the bands, when they are known.
 std::string score_table(const sort_score& score);

@@ -1,16 +1,13 @@
 #include "synthesis/test_recording.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <numeric>
 
-#include "files/safe_file.h"
-#include "numerics/parallel.h"
 #include "numerics/simd.h"
 #include "synthesis/noise_maker.h"
+#include "synthesis/planted_files.h"
 #include "synthesis/random_stream.h"
 
 namespace kestrelvane {
@@ -173,7 +170,8 @@ std::int64_t far_interval(const recording_plan& plan, channel_unit& u) {
   const double steps_per_s = double{sub_sample_steps} * plan.options.sampling_frequency;
   return static_cast<std::int64_t>(
       // Refractory time and a random wait: no bursts so far out.
-      steps_per_s * (0.001 * u.unit->refractory_ms + u.random.exponential(1 / u.unit->rate)));
+      steps_per_s *
+      (0.001 * u.unit->firing.refractory_ms + u.random.exponential(1 / u.unit->firing.rate)));
 }
 
 void draw_far(const recording_plan& plan, channel_canvas& canvas, channel_unit& u,
@@ -247,8 +245,8 @@ float sensor_noise_uv(const recording_plan& plan, const std::vector<channel_unit
   double far_variance = 0;
   for (const channel_unit& u : seen) {
     if (u.spikes != nullptr) continue;
-    far_variance +=
-        u.unit->rate * square_of(u.amplitude) * u.close->energy / plan.options.sampling_frequency;
+    far_variance += u.unit->firing.rate * square_of(u.amplitude) * u.close->energy /
+                    plan.options.sampling_frequency;
   }
   return static_cast<float>(
       std::sqrt(std::max(wanted * wanted - far_variance, 0.25 * wanted * wanted)));
@@ -316,116 +314,35 @@ recording_plan make_plan(const test_recording_options& options) {
   return plan;
 }
 
-bool write_samples(const recording_plan& plan, safe_file& out,
-                   const std::function<void(int)>& progress) {
-  const std::int32_t n_channels = plan.options.n_channels;
-  const std::int32_t at_once = std::clamp(plan.options.n_threads, 1, n_channels);
-  // Whole channels, since the file has one after the other.
-  std::vector<std::vector<std::int16_t>> made(at_once, std::vector<std::int16_t>(plan.n_samples));
-  for (std::int32_t first = 1; first <= n_channels; first += at_once) {
-    const std::int32_t last = std::min(first + at_once - 1, n_channels);
-    parallel_for_dealt(at_once, first, last, [&](std::int64_t c, std::int32_t) {
-      make_channel(plan, static_cast<std::int32_t>(c), made[c - first].data());
-    });
-    for (std::int32_t c = first; c <= last; ++c) {
-      if (!write_bytes(out, made[c - first].data(), std::size_t{2} * plan.n_samples)) return false;
-    }
-    // The last per cent belongs to the files beside it.
-    if (progress) progress(static_cast<int>(std::int64_t{99} * last / n_channels));
-  }
-  return true;
-}
-
-bool write_recording(const recording_plan& plan, const std::string& path,
-                     const std::function<void(int)>& progress) {
-  safe_file out;
-  if (!open_safe_file(out, path)) return false;
-  const std::int32_t format = 1002;
-  write_text(out, "Test spike file ");
-  for (const std::int32_t value :
-       {format, plan.options.sampling_frequency, plan.options.n_channels, plan.n_samples}) {
-    write_value(out, value);
-  }
-  write_value(out, microvolts_per_bit);
-  for (const site_position& site : plan.sites) {
-    write_value(out, site.x);
-    write_value(out, site.y);
-    write_value(out, std::int32_t{0});  // display order: left to the reader
-  }
-  if (!write_samples(plan, out, progress)) return false;
-  write_value(out, std::int32_t{0});  // no events: the truth has its own file
-  return finish_safe_file(out);
-}
-
-bool write_truth(const recording_plan& plan, const std::string& path) {
-  struct truth_line {
-    std::int64_t time;
-    std::int32_t unit;
-  };
-  std::vector<truth_line> lines;
-  for (std::size_t u = 0; u < plan.spikes.size(); ++u) {
-    for (const planted_spike& spike : plan.spikes[u]) {
-      lines.push_back({spike.time, static_cast<std::int32_t>(u) + 1});
-    }
-  }
-  // Stable: of equal times the lower unit.
-  std::stable_sort(lines.begin(), lines.end(),
-                   [](const truth_line& a, const truth_line& b) { return a.time < b.time; });
-  safe_file out;
-  if (!open_safe_file(out, path)) return false;
-  write_text(out, "time_s,unit,channel\n");
-  const double step_s = 1.0 / (double{sub_sample_steps} * plan.options.sampling_frequency);
-  for (const truth_line& line : lines) {
-    write_text(out, fmt::format("{:.6f},{},{}\n", static_cast<double>(line.time) * step_s,
-                                line.unit, plan.units[line.unit - 1].best_channel));
-  }
-  return finish_safe_file(out);
-}
-
-bool write_units(const recording_plan& plan, const std::string& path) {
-  safe_file out;
-  if (!open_safe_file(out, path)) return false;
-  write_text(out, "unit,x_um,y_um,amplitude_uv,rate_hz\n");
+planted_files describe_files(const recording_plan& plan) {
+  planted_files files{plan.options.sampling_frequency,
+                      plan.n_samples,
+                      microvolts_per_bit,
+                      plan.sites,
+                      plan.spikes,
+                      {}};
   const double seconds = static_cast<double>(plan.n_samples) / plan.options.sampling_frequency;
   for (std::size_t u = 0; u < plan.units.size(); ++u) {
     const planted_unit& unit = plan.units[u];
-    double mean_size = 0;
-    for (const planted_spike& spike : plan.spikes[u]) mean_size += double{spike.size};
     const auto n = static_cast<double>(plan.spikes[u].size());
-    // A unit without spikes keeps the amplitude that it was planned with.
-    mean_size = n > 0 ? mean_size / n : 1;
-    write_text(out, fmt::format("{},{:.1f},{:.1f},{:.2f},{:.3f}\n", u + 1, unit.x, unit.y,
-                                unit.amplitude_uv * mean_size, n / seconds));
+    files.units.push_back({unit.best_channel, unit.x, unit.y,
+                           unit.amplitude_uv * mean_size(plan.spikes[u]), n / seconds});
   }
-  return finish_safe_file(out);
+  return files;
 }
 
 }  // namespace
-
-std::string path_stem(const std::string& path) {
-  const std::size_t slash = path.find_last_of('/');
-  const std::size_t dot = path.find_last_of('.');
-  const std::size_t name = slash == std::string::npos ? 0 : slash + 1;
-  // A dot in a folder's name, or at the front of the file's, begins no extension.
-  return dot == std::string::npos || dot <= name ? path : path.substr(0, dot);
-}
 
 bool make_test_recording(const test_recording_options& options, const std::string& path,
                          const std::function<void(int)>& progress, std::string& problem) {
   problem = validate_test_recording(options);
   if (!problem.empty()) return false;
   const recording_plan plan = make_plan(options);
-  const std::string stem = path_stem(path);
-  const std::string truth = stem + ".truth.csv", units = stem + ".units.csv";
-  if (!write_recording(plan, path, progress)) {
-    problem = "cannot write " + path;
-  } else if (!write_truth(plan, truth)) {
-    problem = "cannot write " + truth;
-  } else if (!write_units(plan, units)) {
-    problem = "cannot write " + units;
-  }
-  if (problem.empty() && progress) progress(100);
-  return problem.empty();
+  const auto make = [&](std::int32_t channel, std::int16_t* out) {
+    make_channel(plan, channel, out);
+  };
+  return write_planted_files(describe_files(plan), path, options.n_threads, make, progress,
+                             problem);
 }
 
 }  // namespace kestrelvane

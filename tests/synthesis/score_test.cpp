@@ -156,6 +156,32 @@ TEST(Score, BandsOfAmplitudeOverNoise) {
   EXPECT_TRUE(json["bands"][0]["to"].is_null());
 }
 
+// Four planted units of 20 spikes. Sorted: 0 has most of unit 0, 1 the rest of it; 2 is units
+// 1 and 2 together; 3 and 4 are nobody's, the second too small to be held against the sort.
+TEST(Score, UnitsThatAreNobodysPartner) {
+  spike_list truth, sorted;
+  const auto put = [](spike_list& list, std::int32_t unit, double from, int n) {
+    for (int i = 0; i < n; ++i) list.spikes.push_back({from + 0.01 * i, unit, 1});
+  };
+  for (std::int32_t u = 0; u < 4; ++u) put(truth, u, u, 20);
+  put(sorted, 0, 0, 15);
+  put(sorted, 1, 0.15, 5);
+  put(sorted, 2, 1, 20), put(sorted, 2, 2, 12);
+  put(sorted, 3, 5, 10);
+  put(sorted, 4, 6, 9);
+  sort_score score = score_sort(sorted, truth);
+  EXPECT_EQ(score.n_false_units, 1);
+  EXPECT_EQ(score.n_redundant_units, 1) << "5 of 20 spikes agree to a quarter";
+  EXPECT_EQ(score.n_overmerged_units, 1) << "20 of 32, and 12 of 40";
+  EXPECT_EQ(score.n_extra_units, 3);
+  EXPECT_EQ(score_json(score)["overmerged_units"], 1);
+  for (unit_score& u : score.units) u.snr = 4 + u.unit;
+  score.units[1].accuracy = 0.8;
+  score.min_snr = 5;
+  EXPECT_EQ(count_above_snr(score).n_units, 3);
+  EXPECT_EQ(count_above_snr(score).n_above_four_fifths, 1);
+}
+
 TEST(Score, NoiseIsTheMedianOfChannelsInUse) {
   test::small_session session;
   test::make_recording(*session, 5, 1000, 25000, 0.5f);

@@ -140,15 +140,15 @@ TEST(TestRecording, TrainsKeepRatesAndRefractoryPeriods) {
       fractional |= trains[u][i].time % sub_sample_steps != 0;
       mean_size += trains[u][i].size / static_cast<double>(trains[u].size());
     }
-    EXPECT_GE(static_cast<double>(least), units[u].refractory_ms * steps_per_ms);
+    EXPECT_GE(static_cast<double>(least), units[u].firing.refractory_ms * steps_per_ms);
     EXPECT_TRUE(fractional);
     EXPECT_GT(mean_size, 0.9);
     EXPECT_LT(mean_size, 1.05);
     EXPECT_GE(trains[u].front().time, sub_sample_steps);
     EXPECT_LE(trains[u].back().time, std::int64_t{count_test_samples(options)} * sub_sample_steps);
     const double rate = static_cast<double>(trains[u].size()) / 1200;
-    EXPECT_NEAR(rate, units[u].rate, 6 * std::sqrt(units[u].rate / 1200));
-    EXPECT_GE(units[u].rate, 0.5);
+    EXPECT_NEAR(rate, units[u].firing.rate, 6 * std::sqrt(units[u].firing.rate / 1200));
+    EXPECT_GE(units[u].firing.rate, 0.5);
     rates.push_back(rate);
     log_amplitude += std::log(units[u].amplitude_uv) / 60;
     for (std::size_t o = 0; o < u; ++o) {
