@@ -120,7 +120,8 @@ void join_like_units(sweep& s) {
   };
   std::vector<pair> pairs;
   for (std::size_t i = 0; i < active.size(); ++i) {
-    for (std::size_t k = i + 1; k < active.size(); ++k) pairs.push_back({active[i], active[k], false, {}});
+    for (std::size_t k = i + 1; k < active.size(); ++k)
+      pairs.push_back({active[i], active[k], false, {}});
   }
   parallel_for_dealt(threads_now(s.session), 1, static_cast<std::int64_t>(pairs.size()),
                      [&](std::int64_t i, std::int32_t) {
@@ -285,19 +286,18 @@ void join_hand_overs(sweep& s) {
   float shift = 0;
   const std::vector<hand_over> pairs =
       find_hand_overs(s.session, s.rules, s.units, s.n_segments, shift);
+  note(s, fmt::format("the tissue moved by {:.0f} um",
+                      motion_range(find_motion(s.units, s.n_segments))));
   if (shift != 0) note(s, fmt::format("the recording jumped by {:.0f} um", shift));
   for (const hand_over& p : pairs) {
     if (s.units[p.earlier].spikes.empty() || s.units[p.later].spikes.empty()) continue;
-    const std::string why = fmt::format(
-        "one stops as the other starts, similarity {:.2f}, "
-        "together in time {:.2f}",
-        p.similarity, p.overlap);
+    const std::string why =
+        fmt::format("in turn, similarity {:.2f}, overlap in time {:.2f}", p.similarity, p.overlap);
     if (p.moved) {
       join_pair(s, p.earlier, p.later, why);
     } else {
-      note(s,
-           fmt::format("units {} and {} may be one, for Guided Merge: {}, but no other unit moved",
-                       s.units[p.earlier].cluster, s.units[p.later].cluster, why));
+      note(s, fmt::format("see whether units {} and {} are one: {}", s.units[p.earlier].cluster,
+                          s.units[p.later].cluster, why));
     }
   }
 }

@@ -18,9 +18,10 @@ constexpr float peak_at_start = 0.5f, peak_to_come = 0.6f, peak_to_stay = 0.35f;
 constexpr float subtracted_peak = 0.4f, subtracted_error = 3.0f;
 // Spikes that a shape follows in one segment, and that it is worth at most.
 constexpr std::size_t followed_spikes = 60;
-constexpr float shape_memory = 250, recent_memory = 40;
+constexpr float shape_memory = 250, recent_memory = 40, least_memory = 5;
 constexpr float least_followed = 0.7f, largest_followed = 1.35f;  // score over energy
-constexpr float fewest_for_depth = 5;
+constexpr float fewest_for_depth = 8;
+constexpr double part_for_depth = 0.25;  // of the largest peak
 
 float peak_of(const float* row, std::int32_t points) {
   float peak = 0;
@@ -198,6 +199,29 @@ void mix_shapes(spike_shape& to, const spike_shape& more, float memory) {
   to.count = std::min(all, memory);
 }
 
+// How many spikes a shape may go on being worth when a new mean differs from it by more than the
+// noise of both: so many that its error by noise equals the change. A still shape keeps all of its
+// memory; one that moves forgets as fast as it moves (the gain of a filter after Kalman, Trans.
+// ASME J. Basic Eng. 82, 1960, for a random walk).
+float memory_for(const spike_shape& shape, const spike_shape& mean,
+                 const std::vector<std::int32_t>& channels, std::int32_t points) {
+  double square = 0;
+  for (const std::int32_t c : channels) {
+    const float *a = shape.find(c, points), *b = mean.find(c, points);
+    if (a == nullptr || b == nullptr) continue;
+    for (std::int32_t q = 0; q < points; ++q) {
+      const auto change = static_cast<double>(b[q] - a[q]);
+      square += change * change;
+    }
+  }
+  const double values = static_cast<double>(channels.size()) * points;
+  const double noise =
+      values * (1.0 / static_cast<double>(shape.count) + 1.0 / static_cast<double>(mean.count));
+  const double change = square - noise;
+  if (change * static_cast<double>(shape_memory) <= values) return shape_memory;
+  return std::max(least_memory, static_cast<float>(values / change));
+}
+
 // Spikes of a unit in a segment that its shape follows: evenly over those that are whole.
 std::vector<std::int32_t> spikes_to_follow(const std::vector<found_spike>& spikes,
                                            std::int32_t place, double energy, std::int32_t points) {
@@ -336,6 +360,8 @@ void follow_unit(const session_state& session, const noise_covariance& noise,
   if (chosen.empty()) return;
   const spike_shape mean =
       mean_without_others(session, noise, set, spikes, chosen, unit.shape.channels);
+  unit.shape.count =
+      std::min(unit.shape.count, memory_for(unit.shape, mean, unit.filter.channels, points));
   mix_shapes(unit.shape, mean, shape_memory);
   if (unit.recent.count == 0) {
     unit.recent = mean;
@@ -344,19 +370,24 @@ void follow_unit(const session_state& session, const noise_covariance& noise,
     mix_shapes(unit.recent, mean, recent_memory);
   }
   if (mean.count >= fewest_for_depth) {
-    unit.depths.back() = shape_depth(session, unit.shape, points);
+    unit.depths.back() = shape_depth(session, mean, points);
   }
 }
 
 float shape_depth(const session_state& session, const spike_shape& shape, std::int32_t points) {
+  float largest = 0;
+  for (std::size_t i = 0; i < shape.channels.size(); ++i) {
+    largest = std::max(largest, peak_of(shape.row(i, points), points));
+  }
   double sum = 0, weights = 0;
   for (std::size_t i = 0; i < shape.channels.size(); ++i) {
     const auto peak = static_cast<double>(peak_of(shape.row(i, points), points));
-    if (peak < static_cast<double>(peak_at_start)) continue;
+    // What is left in a mean on a far channel is noise, and there are many far channels.
+    if (peak < part_for_depth * static_cast<double>(largest)) continue;
     weights += peak * peak;
     sum += peak * peak * session.recording.chan_y[shape.channels[i]];
   }
-  return weights > 0 ? static_cast<float>(sum / weights) : 0.0f;
+  return weights > 0 ? static_cast<float>(sum / weights) : std::nanf("");
 }
 
 namespace {

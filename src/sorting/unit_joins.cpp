@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <tuple>
 
 namespace kestrelvane {
@@ -27,13 +28,16 @@ constexpr double square_without_recent = 3.0;
 // Hand-over.
 constexpr double hand_over_like = 0.6, hand_over_energy = 0.65;
 constexpr double largest_overlap = 0.35;
-constexpr float motion_um = 5.0f;
-constexpr std::size_t fewest_others = 3;
+constexpr float motion_um = 5.0f;       // the recording moved
+constexpr float home_error_um = 10.0f;  // of two pieces of one unit
+constexpr std::size_t fewest_for_motion = 6;
+constexpr double energy_for_motion = 60;  // weaker units tell noise
 // Jumps.
 constexpr std::int32_t jump_reach = 60, jump_step = 5;  // µm
 constexpr double jump_base = 0.5, jump_better = 1.2, jump_like = 0.75;
 constexpr std::int32_t fewest_jumped = 5;
 constexpr double kernel_um = 15.0;
+constexpr double stayed_part = 0.2;  // of a unit's spikes on either side
 
 double square_root_ratio(double a, double b) {
   const double largest = std::max(a, b);
@@ -141,29 +145,65 @@ void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b
   from.joined_to = a;
 }
 
-float motion_of_others(const std::vector<tracked_unit>& units, std::int32_t n_segments,
-                       std::int32_t a, std::int32_t b) {
-  std::vector<std::vector<float>> ways(static_cast<std::size_t>(n_segments));
-  for (std::int32_t u = 0; u < static_cast<std::int32_t>(units.size()); ++u) {
-    if (u == a || u == b) continue;
-    const tracked_unit& unit = units[static_cast<std::size_t>(u)];
-    float start = std::nanf("");
-    for (std::size_t i = 0; i < unit.depths.size(); ++i) {
-      const float depth = unit.depths[i];
+// ---------------------------------------------------------------- motion
+
+namespace {
+
+float median_of(std::vector<float>& values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+}  // namespace
+
+float home_depth(const tracked_unit& unit, const std::vector<float>& motion) {
+  double sum = 0;
+  std::int32_t n = 0;
+  for (std::size_t i = 0; i < unit.depths.size(); ++i) {
+    const std::size_t segment = static_cast<std::size_t>(unit.first_segment) + i;
+    if (segment >= motion.size() || std::isnan(unit.depths[i])) continue;
+    sum += static_cast<double>(unit.depths[i] - motion[segment]);
+    ++n;
+  }
+  return n > 0 ? static_cast<float>(sum / n) : std::nanf("");
+}
+
+std::vector<float> find_motion(const std::vector<tracked_unit>& units, std::int32_t n_segments) {
+  std::vector<float> motion(static_cast<std::size_t>(n_segments));
+  // Of each unit what it was at home so far, summed, and of how many segments. Units that are new
+  // say nothing of the way: they would hold the median where it was.
+  std::vector<double> home(units.size());
+  std::vector<std::int32_t> seen(units.size());
+  for (std::size_t s = 0; s < motion.size(); ++s) {
+    std::vector<float> ways;
+    const auto depth_of = [&](const tracked_unit& unit) {
+      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(s) - unit.first_segment;
+      const bool known = at >= 0 && at < static_cast<std::ptrdiff_t>(unit.depths.size()) &&
+                         unit.mean_energy() >= energy_for_motion;
+      return known ? unit.depths[static_cast<std::size_t>(at)] : std::nanf("");
+    };
+    for (std::size_t u = 0; u < units.size(); ++u) {
+      const float depth = depth_of(units[u]);
+      if (std::isnan(depth) || seen[u] == 0) continue;
+      ways.push_back(depth - static_cast<float>(home[u] / seen[u]));
+    }
+    // Where too few were seen the tissue is taken to stay where it was.
+    motion[s] = ways.size() >= fewest_for_motion ? median_of(ways) : s > 0 ? motion[s - 1] : 0.0f;
+    for (std::size_t u = 0; u < units.size(); ++u) {
+      const float depth = depth_of(units[u]);
       if (std::isnan(depth)) continue;
-      if (std::isnan(start)) start = depth;
-      const std::size_t segment = static_cast<std::size_t>(unit.first_segment) + i;
-      if (segment < ways.size()) ways[segment].push_back(depth - start);
+      home[u] += static_cast<double>(depth - motion[s]);
+      ++seen[u];
     }
   }
-  float most = 0;
-  for (std::vector<float>& way : ways) {
-    if (way.size() < fewest_others) continue;
-    const auto middle = way.begin() + static_cast<std::ptrdiff_t>(way.size() / 2);
-    std::nth_element(way.begin(), middle, way.end());
-    most = std::max(most, std::fabs(*middle));
-  }
-  return most;
+  return motion;
+}
+
+float motion_range(const std::vector<float>& motion) {
+  if (motion.empty()) return 0;
+  const auto [low, high] = std::minmax_element(motion.begin(), motion.end());
+  return *high - *low;
 }
 
 // ---------------------------------------------------------------- hand-overs
@@ -266,7 +306,51 @@ double assign(const session_state& session, const tracking_rules& rules,
   return sum;
 }
 
-// The displacement that brings most of the pairs together; 0 when none does it clearly better.
+// The mean depth of a unit from one segment to before another.
+float mean_depth(const tracked_unit& unit, std::int32_t from, std::int32_t to) {
+  double sum = 0;
+  std::int32_t n = 0;
+  for (std::size_t i = 0; i < unit.depths.size(); ++i) {
+    const auto segment = unit.first_segment + static_cast<std::int32_t>(i);
+    if (segment < from || segment >= to || std::isnan(unit.depths[i])) continue;
+    sum += static_cast<double>(unit.depths[i]);
+    ++n;
+  }
+  return n > 0 ? static_cast<float>(sum / n) : std::nanf("");
+}
+
+// Units that were followed from before a segment to behind it and did not go along with a jump.
+std::int32_t count_stayed(const std::vector<tracked_unit>& units, std::int32_t segment,
+                          double jump) {
+  std::int32_t n = 0;
+  for (const tracked_unit& unit : units) {
+    if (unit.spikes.empty() || unit.mean_energy() < energy_for_motion) continue;
+    std::int32_t before = 0, after = 0;
+    for (const tracked_spike& s : unit.spikes) (s.segment < segment ? before : after) += 1;
+    const auto part =
+        static_cast<double>(std::min(before, after)) / static_cast<double>(unit.spikes.size());
+    const auto way =
+        static_cast<double>(mean_depth(unit, segment, std::numeric_limits<std::int32_t>::max()) -
+                            mean_depth(unit, 0, segment));
+    n += part >= stayed_part && std::fabs(way - jump) > std::fabs(way);
+  }
+  return n;
+}
+
+// The segment at which most of the pairs hand over.
+std::int32_t middle_segment(const std::vector<tracked_unit>& units,
+                            const std::vector<candidate>& pairs) {
+  std::vector<float> ends;
+  for (const candidate& p : pairs) {
+    if (p.similarity < jump_like) continue;
+    const tracked_unit& later = units[static_cast<std::size_t>(p.later)];
+    ends.push_back(static_cast<float>(later.spikes[later.spikes.size() / 20].segment));
+  }
+  return ends.empty() ? 0 : static_cast<std::int32_t>(median_of(ends));
+}
+
+// The displacement that brings most of the pairs together; 0 when none does it clearly better, or
+// when more units went through that moment where they were than handed over in it.
 std::int32_t find_jump(const session_state& session, const tracking_rules& rules,
                        const std::vector<tracked_unit>& units, std::vector<candidate> pairs) {
   std::int32_t n_agreed = 0;
@@ -276,10 +360,10 @@ std::int32_t find_jump(const session_state& session, const tracking_rules& rules
   for (std::int32_t dy = -jump_reach; dy <= jump_reach; dy += jump_step) {
     if (dy == 0) continue;
     const double sum = assign(session, rules, units, dy, pairs, n_agreed);
-    if (sum > best && n_agreed >= fewest_jumped) {
-      best = sum;
-      jump = dy;
-    }
+    if (sum <= best || n_agreed < fewest_jumped) continue;
+    if (n_agreed <= count_stayed(units, middle_segment(units, pairs), dy)) continue;
+    best = sum;
+    jump = dy;
   }
   return jump;
 }
@@ -294,11 +378,15 @@ std::vector<hand_over> find_hand_overs(const session_state& session, const track
   shift_um = static_cast<float>(jump);
   std::int32_t n_agreed = 0;
   assign(session, rules, units, jump, pairs, n_agreed);
+  const std::vector<float> motion = find_motion(units, n_segments);
+  const bool moves = motion_range(motion) >= motion_um;
   std::vector<hand_over> out;
   for (const candidate& p : pairs) {
     if (p.similarity < (jump != 0 ? jump_like : hand_over_like)) continue;
-    const bool moved =
-        jump != 0 || motion_of_others(units, n_segments, p.earlier, p.later) >= motion_um;
+    const float way = home_depth(units[static_cast<std::size_t>(p.later)], motion) -
+                      home_depth(units[static_cast<std::size_t>(p.earlier)], motion);
+    // Without a depth of both there is no saying where they belong, and the comparison fails.
+    const bool moved = jump != 0 || (moves && std::fabs(way) < home_error_um);
     out.push_back({p.earlier, p.later, p.similarity, p.overlap, moved});
   }
   return out;

@@ -35,16 +35,18 @@ bool same_waveform(const session_state& session, const noise_covariance& noise,
 // b becomes part of a: its spikes and its train.
 void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b);
 
-// How far the units other than two moved along the probe: the largest of the medians over units of
-// their way since they came in, µm; 0 where too few were followed to tell.
-float motion_of_others(const std::vector<tracked_unit>& units, std::int32_t n_segments,
-                       std::int32_t a, std::int32_t b);
+// The motion of the tissue along the probe, µm by segment, from all units that stand out well: the
+// median over units of their way from where each of them is at home.
+std::vector<float> find_motion(const std::vector<tracked_unit>& units, std::int32_t n_segments);
+float motion_range(const std::vector<float>& motion);
+// Where a unit lies when the motion is taken out, µm; not a number when it was not measured.
+float home_depth(const tracked_unit& unit, const std::vector<float>& motion);
 
 // A pair that looks like one unit in two pieces.
 struct hand_over {
   std::int32_t earlier = 0, later = 0;  // units from 0
   double similarity = 0, overlap = 0;   // of their shapes where they meet; of their times
-  bool moved = false;                   // other units say that the recording moved
+  bool moved = false;                   // the way of all units explains that of this one
 };
 // All of them, the most alike first. shift_um: what brought them together, 0 without a jump.
 std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,

@@ -11,6 +11,7 @@
 
 #include "operations/open_recording.h"
 #include "results/work_file.h"
+#include "session/settings_files.h"
 #include "support/child_process.h"
 #include "support/neuralynx_fixture.h"
 #include "support/small_session.h"

@@ -22,6 +22,7 @@
 #include <fstream>
 #include <random>
 
+#include "session/settings_files.h"
 #include "support/fixture_files.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
