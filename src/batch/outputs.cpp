@@ -164,10 +164,15 @@ std::string try_outputs(const std::vector<planned_output>& outputs) {
   return told;
 }
 
-std::string find_clash(const batch_options& options, const std::vector<planned_export>& exports) {
+std::string find_clash(const batch_options& options, const std::vector<planned_export>& exports,
+                       const std::vector<std::string>& beside_output) {
   const std::vector<named_place> inputs = list_inputs(options);
   std::map<file_place, std::string> written;
-  for (const named_place& output : name_outputs(options, exports)) {
+  std::vector<named_place> outputs = name_outputs(options, exports);
+  for (const std::string& path : beside_output) {
+    outputs.push_back({"the file beside the output " + path, place_of_file(path)});
+  }
+  for (const named_place& output : outputs) {
     for (const named_place& input : inputs) {
       if (input.place == output.place && !(input.is_recording && output.may_rewrite)) {
         return fmt::format("{}: this would replace {}", output.name, input.name);

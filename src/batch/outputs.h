@@ -27,8 +27,10 @@ std::vector<planned_output> list_outputs(const batch_options& options,
                                          const std::vector<planned_export>& exports);
 
 // What is wrong with the files of a command line: a result would replace a file that is read, or
-// another result, under whatever path. Empty when nothing is.
-std::string find_clash(const batch_options& options, const std::vector<planned_export>& exports);
+// another result, under whatever path. beside_output: what the verb writes besides, without an
+// option of its own. Empty when nothing is.
+std::string find_clash(const batch_options& options, const std::vector<planned_export>& exports,
+                       const std::vector<std::string>& beside_output = {});
 
 // Writes and removes an empty file beside each. A line for every one that cannot be had, which
 // is what makes up the text that is returned; empty when all can be written.

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "batch/outputs.h"
 #include "batch/verbs.h"
 #include "synthesis/family_recording.h"
 #include "synthesis/score.h"
@@ -16,6 +17,10 @@ namespace {
 // Makes a recording under a bar; what it is follows from the verb's options.
 template <typename Make>
 batch_status make_recording(const batch_options& options, Make&& make) {
+  // Links may make one file of two of the three.
+  const std::string stem = path_stem(options.output);
+  const std::string clash = find_clash(options, {}, {stem + ".truth.csv", stem + ".units.csv"});
+  if (!clash.empty()) return refuse_usage(clash);
   // The maker needs the console for its bar alone.
   batch_session batch;
   console_interface& console = batch.console;

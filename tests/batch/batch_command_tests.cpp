@@ -195,6 +195,14 @@ TEST_F(batch_test, no_output_replaces_an_input_or_another_output) {
             0);
 }
 
+TEST_F(batch_test, the_truth_of_a_test_recording_is_a_file_of_its_own) {
+  std::filesystem::create_symlink("a.truth.csv", file("a.tsf"));
+  const process_result result = run({"make-test", file("a.tsf"), "--minutes", "0.02"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_THAT(result.err, HasSubstr("this is the same file as the output " + file("a.tsf")));
+  EXPECT_FALSE(exists("a.truth.csv"));
+}
+
 TEST_F(batch_test, wrong_usage_ends_with_2) {
   for (const words& arguments :
        {words{}, words{"fly"}, words{"sort"}, words{"sort", tsf, "--set", "nonsense=1"},
