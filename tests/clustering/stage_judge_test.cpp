@@ -197,5 +197,25 @@ TEST(stage_judge, folded_into_neighbours) {
   }
 }
 
+TEST(stage_judge, no_more_than_fifty_are_judged) {
+  small_session session;
+  gac_points points;
+  points.dimensions = 1;
+  const auto tables = std::make_unique<gac_tables>();
+  tables->n_stages = tables->final_stage = 2;
+  tables->nc_ge_min[1] = tables->nc_ge_threshold[1] = 51;
+  for (int c = 1; c <= 51; ++c) {
+    tables->as_cl_sizes[1][c] = 1;
+    tables->as_cl_scores[1][c] = 9;
+    points.values.push_back(static_cast<float>(c));
+    tables->stage_labels[1].push_back(c);
+    tables->stage_labels[2].push_back(1);
+  }
+  tables->as_cl_sizes[2][1] = points.n = tables->n = 51;
+  judge_stages(*session, points, *tables);
+  EXPECT_TRUE(session.user.told("Limiting nc or nt", "Autosort"));
+  EXPECT_TRUE(session.user.logged("nc, nt = 51 51"));
+}
+
 }  // namespace
 }  // namespace kestrelvane::test

@@ -259,6 +259,10 @@ TEST(autosort, a_new_window_makes_new_templates_before_pairs_are_looked_at) {
   session->strategy.correlation_threshold = -2.0f;
   ASSERT_GT(count_pairs_to_examine(*session), 0);
   EXPECT_TRUE(leave_autosort(*session));
+  EXPECT_EQ(std::count(session.user.statuses.begin(), session.user.statuses.end(),
+                       "Spikes are being realigned and templates\r\nrecalculated because the spike "
+                       "window was\r\nchanged"),
+            1);
   EXPECT_EQ(session.user.statuses.back(), "Finished ... press OK to continue");
   EXPECT_FALSE(templates_are_outdated(*session));
   const std::int32_t centre = session->templates.centre_channel(1);
