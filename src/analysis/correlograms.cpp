@@ -37,7 +37,7 @@ std::int64_t event_ticks(const session_state& session, std::int32_t event, bool 
 spike_train get_spike_train(const session_state& session, std::int32_t unit) {
   spike_train train;
   train.unit = unit;
-  if (unit < 1 || unit > session.clusters.n_clusters) return train;
+  if (!is_cluster(session, unit)) return train;
   train.events = list_cluster_events(session, unit);
   train.times.reserve(train.events.size());
   const bool from_stamps = clock_of_trains(session).from_stamps;

@@ -27,6 +27,10 @@ KESTRELVANE_CLONES bool block_holds(const std::int32_t* values, std::int32_t wan
 
 }  // namespace
 
+bool is_cluster(const session_state& session, std::int32_t cluster) {
+  return cluster >= 1 && cluster <= session.clusters.n_clusters;
+}
+
 std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster) {
   return count_equal(session.events.event_cluster.first(), session.events.n_events, cluster);
 }

@@ -11,6 +11,9 @@
 
 namespace kestrelvane {
 
+// Whether the number is that of a cluster, 1 to n_clusters.
+bool is_cluster(const session_state& session, std::int32_t cluster);
+
 // Events of a cluster: their number, or their event numbers in ascending order.
 std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster);
 std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster);

@@ -430,7 +430,7 @@ bool load_beginning(session_state& session) {
     const std::vector<std::string>& values = settings[at++];
     for (std::size_t i = 0; i < values.size(); ++i) {
       std::string problem;
-      const std::string name = row.count == 1 ? row.name : fmt::format("{}.{}", row.name, i + 1);
+      const std::string name = setting_name(row, static_cast<std::int32_t>(i));
       set_setting(session, name, values[i], problem);
     }
   }

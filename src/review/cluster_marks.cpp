@@ -33,7 +33,7 @@ struct reviewed_cluster {
 
 reviewed_cluster current_of(const session_state& session) {
   const std::int32_t c = session.clusters.current_cluster;
-  if (c < 1 || c > session.clusters.n_clusters) return {};
+  if (!is_cluster(session, c)) return {};
   return {c, list_cluster_events(session, c)};
 }
 

@@ -22,10 +22,6 @@ namespace {
 
 constexpr const char* dialog_title = "Manage clusters";
 
-bool is_cluster(const session_state& session, std::int32_t cluster) {
-  return cluster >= 1 && cluster <= session.clusters.n_clusters;
-}
-
 }  // namespace
 
 bool open_cluster_management(session_state& session, cluster_management& management) {

@@ -307,7 +307,7 @@ bool reclaim_events(session_state& session, reclaim_selectivity selectivity,
                     reclaim_counts& counts) {
   const std::int32_t cluster = session.clusters.current_cluster;
   counts = {};
-  if (cluster < 1 || cluster > session.clusters.n_clusters) return false;
+  if (!is_cluster(session, cluster)) return false;
   if (autosort_interrupted(session)) return false;
   recorded_edit edit(session, "reclaim");
   edit.record.clusters = {cluster};

@@ -1,10 +1,9 @@
 #include "review/recorded_edit.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 
 #include "review/pair_values.h"
+#include "session/fingerprint_sum.h"
 #include "session/run_log.h"
 #include "session/settings_table.h"
 #include "sorting/undo_state.h"
@@ -14,40 +13,6 @@ namespace kestrelvane {
 namespace {
 
 // ---------------------------------------------------------------- fingerprint
-
-struct fingerprint_sum {
-  std::uint64_t value = 0x4b657374;  // any number but 0, which would swallow leading zeros
-
-  static std::uint64_t mixed(std::uint64_t sum, std::uint64_t word) {
-    // 2^64 over the golden ratio; the shift brings the high bits, where products mix best, down.
-    sum = (sum ^ word) * 0x9e3779b97f4a7c15u;
-    return sum ^ (sum >> 29);
-  }
-  void add(std::uint64_t word) { value = mixed(value, word); }
-  void add_bytes(const void* bytes, std::size_t n) {
-    const auto* from = static_cast<const unsigned char*>(bytes);
-    // Four sums side by side: each waits for its own product alone.
-    std::array<std::uint64_t, 4> sums{value, value + 1, value + 2, value + 3};
-    for (; n >= 32; from += 32, n -= 32) {
-      std::array<std::uint64_t, 4> words;
-      std::memcpy(words.data(), from, 32);
-      for (std::size_t i = 0; i < 4; ++i) sums[i] = mixed(sums[i], words[i]);
-    }
-    for (const std::uint64_t sum : sums) add(sum);
-    for (; n >= 8; from += 8, n -= 8) {
-      std::uint64_t word = 0;
-      std::memcpy(&word, from, 8);
-      add(word);
-    }
-    std::uint64_t rest = 0;
-    std::memcpy(&rest, from, n);
-    add(rest);
-  }
-  template <typename T>
-  void add_column(const table<T>& column, std::int64_t n) {
-    add_bytes(column.first(), static_cast<std::size_t>(n) * sizeof(T));
-  }
-};
 
 // Only pairs with a mark: without any, lists that are there and lists that are not are alike.
 void add_marks(fingerprint_sum& sum, const status_lists_table& lists) {
@@ -64,11 +29,6 @@ void add_marks(fingerprint_sum& sum, const status_lists_table& lists) {
 bool shapes_edits(const setting_row& row) {
   return row.file != setting_file::preferences && row.address != nullptr &&
          (row.group == setting_group::parameters || row.group == setting_group::strategy);
-}
-
-std::string name_of(const setting_row& row, std::int32_t element) {
-  if (row.count == 1) return row.name;
-  return std::string(row.name) + '.' + std::to_string(element + 1);
 }
 
 std::vector<std::string> values_of(
@@ -133,7 +93,7 @@ std::vector<std::pair<std::string, std::string>> settings_of_edits(const session
   for (const setting_row& row : settings_table()) {
     if (!shapes_edits(row)) continue;
     for (std::int32_t i = 0; i < row.count; ++i) {
-      settings.emplace_back(name_of(row, i), setting_text(session, row, i));
+      settings.emplace_back(setting_name(row, i), setting_text(session, row, i));
     }
   }
   return settings;

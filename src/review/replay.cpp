@@ -26,10 +26,6 @@ namespace {
 
 // ---------------------------------------------------------------- one edit
 
-bool is_cluster(const session_state& session, std::int32_t c) {
-  return c >= 1 && c <= session.clusters.n_clusters;
-}
-
 bool replay_merge(session_state& session, const edit_record& record) {
   merge_pair(session, {record.clusters[0], record.clusters[1]});
   return true;

@@ -462,6 +462,10 @@ void apply_settings(session_state& session) {
   }
 }
 
+std::string setting_name(const setting_row& row, std::int32_t element) {
+  return row.count == 1 ? row.name : fmt::format("{}.{}", row.name, element + 1);
+}
+
 std::string setting_text(const session_state& session, const setting_row& row,
                          std::int32_t element) {
   const double value = setting_value(session, row, element);

@@ -76,6 +76,9 @@ void apply_settings(session_state& session);
 std::string setting_text(const session_state& session, const setting_row& row,
                          std::int32_t element = 0);
 
+// The name of an element (from 0) as set_setting reads it: of an array "name.2".
+std::string setting_name(const setting_row& row, std::int32_t element);
+
 // Sets a setting by name from text: a number, or true/false, yes/no, on/off, 1/0. An
 // element of an array is named "name.2", counted from 1. False for an unknown name, a
 // text that does not read as such a value, or one out of range; problem then says so

@@ -144,10 +144,6 @@ void delete_record(session_state& session, std::int32_t cluster, cluster_change&
   drop_number(change.number_now, cluster);
 }
 
-bool is_cluster(const session_state& session, std::int32_t cluster) {
-  return cluster >= 1 && cluster <= session.clusters.n_clusters;
-}
-
 }  // namespace
 
 void delete_clusters(session_state& session, const std::vector<std::int32_t>& doomed) {

@@ -8,14 +8,6 @@
 
 namespace kestrelvane {
 
-namespace {
-
-bool has_cluster(const session_state& session, std::int32_t cluster) {
-  return cluster >= 1 && cluster <= session.clusters.n_clusters;
-}
-
-}  // namespace
-
 event_times_copy copy_event_times(const session_state& session, std::int32_t cluster) {
   event_times_copy copy;
   copy.cluster = cluster;
@@ -28,7 +20,7 @@ event_times_copy copy_event_times(const session_state& session, std::int32_t clu
 
 void realign_cluster_template(session_state& session, std::int32_t cluster, std::int32_t mode) {
   session.strategy.template_align_mode = mode;
-  if (!has_cluster(session, cluster)) return;
+  if (!is_cluster(session, cluster)) return;
   align_template(session, cluster);
   calculate_template(session, cluster);
   calculate_template_centre(session, cluster);
@@ -37,7 +29,7 @@ void realign_cluster_template(session_state& session, std::int32_t cluster, std:
 
 void realign_cluster_events(session_state& session, std::int32_t cluster, std::int32_t mode) {
   session.strategy.event_align_mode = mode;
-  if (!has_cluster(session, cluster)) return;
+  if (!is_cluster(session, cluster)) return;
   realign_events(session, cluster);
   calculate_template(session, cluster);
   update_lists_for_cluster(session, cluster);
@@ -56,7 +48,7 @@ void realign_every_event(session_state& session, std::int32_t mode) {
 }
 
 bool put_back_event_times(session_state& session, const event_times_copy& copy) {
-  if (!has_cluster(session, copy.cluster)) return false;
+  if (!is_cluster(session, copy.cluster)) return false;
   const std::vector<std::int32_t> list = list_cluster_events(session, copy.cluster);
   // Places count in the list of now; with another number of events they mean other events.
   if (list.size() != copy.event_time.size()) return false;
@@ -71,7 +63,7 @@ bool put_back_event_times(session_state& session, const event_times_copy& copy) 
 }
 
 double template_sd_uv(const session_state& session, std::int32_t cluster) {
-  if (!has_cluster(session, cluster)) return 0;
+  if (!is_cluster(session, cluster)) return 0;
   // A template that is flat on every channel has no centre.
   const std::int32_t centre = session.templates.centre_channel(cluster);
   if (centre < 1 || centre > session.recording.n_channels) return 0;

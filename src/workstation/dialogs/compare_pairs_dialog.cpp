@@ -485,7 +485,7 @@ QDialogButtonBox* button_row(const shared_compare& c) {
 
 QTabWidget* make_pages(const shared_compare& c) {
   c->list = new unit_list(c->w);
-  bind_unit_labels(c->w, c->dialog, c->list);
+  bind_unit_labels(c->w, c->dialog, c->list, "the first cluster of the pair");
   c->pages = new QTabWidget;
   c->pages->setObjectName("pages");
   c->pages->addTab(c->list, "Clusters");

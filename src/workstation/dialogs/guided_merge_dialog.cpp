@@ -241,7 +241,7 @@ QDialogButtonBox* button_row(const shared_guided& g) {
 
 void fill_dialog(const shared_guided& g) {
   g->list = new unit_list(g->w);
-  bind_unit_labels(g->w, g->dialog, g->list);
+  bind_unit_labels(g->w, g->dialog, g->list, "the first cluster of the pair");
   g->list->setMinimumSize(320, 110);
   g->message = new QLabel;
   g->message->setObjectName("message");

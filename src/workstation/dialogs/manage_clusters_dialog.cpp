@@ -345,7 +345,7 @@ QDialogButtonBox* button_row(const shared_manage& m) {
 
 void fill_dialog(const shared_manage& m) {
   m->list = new unit_list(m->w);
-  bind_unit_labels(m->w, m->dialog, m->list);
+  bind_unit_labels(m->w, m->dialog, m->list, "the cluster on show");
   m->list->setMinimumWidth(280);
   QObject::connect(m->list, &unit_list::chosen, m->dialog, [m](int c) { go_to_cluster(m, c); });
   m->message = new QLabel;

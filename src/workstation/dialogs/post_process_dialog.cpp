@@ -15,6 +15,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_displays.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

@@ -25,6 +25,7 @@
 #include <array>
 
 #include "analysis/correlograms.h"
+#include "clustering/membership.h"
 #include "displays/display_colours.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
@@ -419,6 +420,10 @@ std::vector<unit_row> make_review_units(const session_state& session) {
   return units;
 }
 
+void unit_list::add_to_tip(const QString& line) {
+  table_->setToolTip(table_->toolTip() + '\n' + line);
+}
+
 void unit_list::relabel(std::int32_t cluster, unit_label label) { model_->relabel(cluster, label); }
 
 void unit_list::show_rows(std::vector<unit_row> rows) {
@@ -462,7 +467,7 @@ void unit_list::tell_selection() {
 
 void choose_cluster(workstation& w, std::int32_t cluster) {
   // Its number may be another cluster's by the time the worker has finished.
-  if (w.worker.running || cluster < 1 || cluster > w.session.clusters.n_clusters) return;
+  if (w.worker.running || !is_cluster(w.session, cluster)) return;
   {
     const std::lock_guard lock(w.session.settings_mutex);
     w.session.clusters.current_cluster = cluster;

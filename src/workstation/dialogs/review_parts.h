@@ -72,6 +72,7 @@ class unit_list : public QWidget {
   // Marks the clusters of the dialog, as it goes from one to the next; 0 for none.
   void mark(std::int32_t a, std::int32_t b = 0);
   void relabel(std::int32_t cluster, unit_label label);
+  void add_to_tip(const QString& line);
 
  signals:
   void chosen(int cluster);        // a line was pressed

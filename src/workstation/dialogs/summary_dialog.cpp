@@ -17,6 +17,7 @@
 #include "workstation/dialogs/unit_labels.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/windows/cluster_displays.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {

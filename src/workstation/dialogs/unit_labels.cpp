@@ -7,6 +7,7 @@
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_displays.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -56,16 +57,16 @@ void bind_unit_labels(workstation& w, QDialog* dialog,
   }
 }
 
-void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list) {
+void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list, const char* whose) {
+  QStringList told;
+  for (const label_action& action : label_actions) {
+    const QString keys = keys_of(action.name);
+    if (!keys.isEmpty()) told << QString("%1 (%2)").arg(name_of(action.label).words, keys);
+  }
+  if (!told.isEmpty()) list->add_to_tip(QString("Label %1: %2").arg(whose, told.join(", ")));
   bind_unit_labels(
       w, dialog, [&w] { return current_cluster_alone(w); },
       [list](std::int32_t cluster, unit_label label) { list->relabel(cluster, label); });
-}
-
-std::vector<std::int32_t> current_cluster_alone(const workstation& w) {
-  const cluster_table& clusters = w.session.clusters;
-  if (clusters.n_clusters < 1 || clusters.current_cluster < 1) return {};
-  return {clusters.current_cluster};
 }
 
 }  // namespace kestrelvane

@@ -19,8 +19,9 @@ using unit_labelled = std::function<void(std::int32_t cluster, unit_label label)
 // for each when it is done, and may be empty. Nothing happens while a worker runs.
 void bind_unit_labels(workstation& w, QDialog* dialog,
                       std::function<std::vector<std::int32_t>()> clusters, unit_labelled labelled);
-// To the current cluster, which the list of the dialog shows.
-void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list);
-std::vector<std::int32_t> current_cluster_alone(const workstation& w);
+// To the current cluster, which the list of the dialog shows. whose: what that cluster is there,
+// "the cluster on show" or, as a key can mean but one of two, "the first cluster of the pair"; the
+// tool-tip of the list says it with the keys.
+void bind_unit_labels(workstation& w, QDialog* dialog, unit_list* list, const char* whose);
 
 }  // namespace kestrelvane

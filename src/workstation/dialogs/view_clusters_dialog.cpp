@@ -112,7 +112,8 @@ namespace {
 
 QString mark_by_settings(session_state& session) {
   if (!mark_events(session, mark_parameters_of(session))) return {};
-  return QString("%1 events marked").arg(count_labels(session).size[1]);
+  const std::int32_t n = count_labels(session).size[1];
+  return n == 1 ? QString("1 event marked") : QString("%1 events marked").arg(n);
 }
 
 QString autosplit(session_state& session) {
@@ -446,7 +447,7 @@ void leave_by_escape(const shared_view& v) {
 
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
-  bind_unit_labels(v->w, v->dialog, v->list);
+  bind_unit_labels(v->w, v->dialog, v->list, "the cluster on show");
   v->list->setMinimumSize(280, 92);
   QObject::connect(v->list, &unit_list::chosen, v->dialog, [v](int c) { go_to_cluster(v, c); });
   v->message = value_label("message", "What the last tool has come to");

@@ -5,11 +5,12 @@
 #include <QPainter>
 #include <QTimer>
 #include <algorithm>
-#include <bit>
 #include <cstring>
 #include <utility>
 
+#include "clustering/membership.h"
 #include "displays/voltage/voltage_navigation.h"
+#include "session/fingerprint_sum.h"
 #include "workstation/frame.h"
 #include "workstation/themes.h"
 #include "workstation/windows/session_turn.h"
@@ -23,20 +24,21 @@ cluster_displays& displays_of(workstation& w) {
   return *w.cluster_windows;
 }
 
-bool is_cluster(const workstation& w, std::int32_t c) {
-  return c >= 1 && c <= w.session.clusters.n_clusters;
+std::vector<std::int32_t> current_cluster_alone(const workstation& w) {
+  const std::int32_t current = w.session.clusters.current_cluster;
+  if (!is_cluster(w.session, current)) return {};
+  return {current};
 }
 
 std::vector<std::int32_t> clusters_on_show(workstation& w) {
   const cluster_displays& d = displays_of(w);
   // What a run has in hand comes before what a review has left on show.
   std::vector<std::int32_t> pooled = w.session.autosort.pool.clusters;
-  std::erase_if(pooled, [&w](std::int32_t c) { return !is_cluster(w, c); });
+  std::erase_if(pooled, [&w](std::int32_t c) { return !is_cluster(w.session, c); });
   if (!pooled.empty()) return pooled;
   // An edit may have taken one of them away before the review has chosen the next pair.
-  if (is_cluster(w, d.a) && is_cluster(w, d.b) && d.a != d.b) return {d.a, d.b};
-  const std::int32_t current = w.session.clusters.current_cluster;
-  return is_cluster(w, current) ? std::vector<std::int32_t>{current} : std::vector<std::int32_t>{};
+  if (is_cluster(w.session, d.a) && is_cluster(w.session, d.b) && d.a != d.b) return {d.a, d.b};
+  return current_cluster_alone(w);
 }
 
 cluster_theme theme_for(const workstation& w, const QPainter& painter) {
@@ -62,18 +64,15 @@ void choose_event(workstation& w, std::int32_t event) {
 
 namespace {
 
-// FNV-1a over the bits: whether values are the same, not how far they are apart.
 std::uint64_t fingerprint_of(const std::vector<float>& values) {
-  std::uint64_t hash = 14695981039346656037u;
-  for (const float value : values) {
-    hash = (hash ^ std::bit_cast<std::uint32_t>(value)) * 1099511628211u;
-  }
-  return hash;
+  fingerprint_sum sum;
+  sum.add_bytes(values.data(), values.size() * sizeof(float));
+  return sum.value;
 }
 
 // In the plane of other values the ellipse lies round other events.
 void drop_old_ellipse(workstation& w, const cluster_displays& d) {
-  if (d.values.clusters.size() != 1 || !is_cluster(w, d.values.clusters[0])) return;
+  if (d.values.clusters.size() != 1 || !is_cluster(w.session, d.values.clusters[0])) return;
   cluster_ellipse_record& ellipse = w.session.clusters.cluster_ellipse[d.values.clusters[0]];
   for (const noted_ellipse& noted : d.ellipses) {
     const bool same = std::memcmp(&noted.ellipse, &ellipse, sizeof ellipse) == 0;

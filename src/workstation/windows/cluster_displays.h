@@ -74,7 +74,8 @@ struct cluster_displays {
 // Made on first need.
 cluster_displays& displays_of(workstation& w);
 
-bool is_cluster(const workstation& w, std::int32_t c);
+// The current cluster; empty when there is none.
+std::vector<std::int32_t> current_cluster_alone(const workstation& w);
 // The pair while a review has one on show, else the current cluster; empty for none.
 std::vector<std::int32_t> clusters_on_show(workstation& w);
 // Of clusters_on_show; read again when they or the session have changed. Those of many events take

@@ -6,6 +6,7 @@
 #include <array>
 #include <utility>
 
+#include "clustering/membership.h"
 #include "review/event_blocks.h"
 #include "workstation/operation.h"
 #include "workstation/windows/cluster_displays.h"
@@ -257,7 +258,8 @@ bool empty_hand(cluster_displays& d) {
 
 cluster_ellipse_record ellipse_of_current(workstation& w) {
   const std::int32_t c = w.session.clusters.current_cluster;
-  return is_cluster(w, c) ? w.session.clusters.cluster_ellipse[c] : cluster_ellipse_record{};
+  return is_cluster(w.session, c) ? w.session.clusters.cluster_ellipse[c]
+                                  : cluster_ellipse_record{};
 }
 
 }  // namespace

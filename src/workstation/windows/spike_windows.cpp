@@ -1,6 +1,7 @@
 #include <QPainter>
 #include <cmath>
 
+#include "clustering/membership.h"
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/windows/cluster_displays.h"
 #include "workstation/windows/cluster_windows.h"
@@ -12,8 +13,9 @@ namespace {
 
 void draw_template(workstation& w, QPainter& painter, QSize size) {
   cluster_displays& d = displays_of(w);
-  d.image.cluster =
-      is_cluster(w, w.session.clusters.current_cluster) ? w.session.clusters.current_cluster : 0;
+  d.image.cluster = is_cluster(w.session, w.session.clusters.current_cluster)
+                        ? w.session.clusters.current_cluster
+                        : 0;
   d.image.width = size.width();
   d.image.height = size.height();
   prepare_template_image(w.session, d.image, d.image_values);

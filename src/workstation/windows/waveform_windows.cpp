@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "clustering/membership.h"
 #include "displays/clusters/event_words.h"
 #include "workstation/frame.h"
 #include "workstation/windows/cluster_displays.h"
@@ -154,17 +155,13 @@ graph_routines waveform_routines(workstation& w, graph_kind kind, state_getter s
   return routines;
 }
 
-std::vector<std::int32_t> current_alone(workstation& w) {
-  const std::int32_t current = w.session.clusters.current_cluster;
-  return is_cluster(w, current) ? std::vector<std::int32_t>{current} : std::vector<std::int32_t>{};
-}
-
 }  // namespace
 
 graph_routines cluster_waveform_routines(workstation& w) {
   return waveform_routines(
       w, graph_kind::cluster_waveforms,
-      [](cluster_displays& d) -> waveform_window_state& { return d.single; }, current_alone);
+      [](cluster_displays& d) -> waveform_window_state& { return d.single; },
+      [](workstation& of) { return current_cluster_alone(of); });
 }
 
 graph_routines pair_waveform_routines(workstation& w) {
