@@ -311,8 +311,9 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
   // Faint where something is chosen, which is drawn over it.
   cluster_theme behind = theme;
   if (!view.clusters.empty()) {
-    for (QColor& colour : behind.colours) colour = mix_colours(colour, theme.background, 0.65);
-    behind.neutral = mix_colours(theme.neutral, theme.background, 0.65);
+    constexpr double faint = 0.4;  // any nearer to the ground, single spikes are lost in it
+    for (QColor& colour : behind.colours) colour = mix_colours(colour, theme.background, faint);
+    behind.neutral = mix_colours(theme.neutral, theme.background, faint);
   }
   painter.save();
   paint_plane(painter, QRectF(0, 0, view.width, view.height), picture.plane, labels, theme);
