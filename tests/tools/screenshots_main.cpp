@@ -81,6 +81,9 @@ void take_running_sort(driven_workstation& w) {
   w.tick(dialog, "skip_event_detection", false);
   w.tick(dialog, "skip_clustering", false);
   w.press(dialog, "start");
+  QStringList none;
+  // It asks before it replaces the clusters.
+  wait_until([&] { return w.answer_box(true, none); }, 2000);
   QElapsedTimer clock;
   clock.start();
   wait_until([&] { return clock.elapsed() > 900; });
