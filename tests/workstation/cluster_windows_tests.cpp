@@ -4,6 +4,7 @@
 
 #include "sorting/cluster_edits.h"
 #include "workstation/dialogs/review_parts.h"
+#include "workstation/frame.h"
 #include "workstation/operation.h"
 #include "workstation/sorted_workstation.h"
 #include "workstation/windows/cluster_displays.h"
@@ -27,10 +28,15 @@ void turn(graph_surface* surface, int notches, Qt::KeyboardModifiers keys = Qt::
 TEST(ClusterWindows, ShowTheCurrentClusterAndFollowIt) {
   const temporary_directory home;
   sorted_workstation w(home.path);
+  w.shell.frame->resize(1280, 780);
   w.choose_entry("sorted_waveforms");
   graph_surface* waveforms = surface_of(w, graph_kind::cluster_waveforms);
   graph_surface* components = surface_of(w, graph_kind::principal_components);
   ASSERT_TRUE(waveforms != nullptr && components != nullptr);
+  EXPECT_FALSE(graph_of(w.shell, graph_kind::cluster_waveforms)
+                   ->geometry()
+                   .intersects(graph_of(w.shell, graph_kind::principal_components)->geometry()))
+      << "one hides the other";
   const cluster_displays& d = *w.shell.cluster_windows;
   EXPECT_EQ(d.single.view.clusters, std::vector<std::int32_t>{2});
   EXPECT_EQ(d.values.clusters, std::vector<std::int32_t>{2});

@@ -46,6 +46,10 @@ TEST(GuidedMerge, DecisionsShowTheNextPairAndUndoGoesBack) {
   QDialog* dialog = w.begin();
   ASSERT_NE(dialog, nullptr);
   EXPECT_EQ(dialog->windowTitle(), "Guided Merge and Split");
+  // A key can mean but one of two, and says which.
+  EXPECT_TRUE(w.control<QTableView>(dialog, "unit_table")
+                  ->toolTip()
+                  .contains("Label the first cluster of the pair: "));
   const int pairs = w.text(dialog, "pairs_left").toInt();
   ASSERT_EQ(pairs, count_pairs_to_examine(s));
   const QString first = w.text(dialog, "guided_pair");

@@ -131,6 +131,18 @@ void raise_windows(const workstation& w) {
   }
 }
 
+// A window that a cascade has put under another comes out to its right, as far as the frame goes.
+void stand_beside(const workstation& w, graph_kind hidden, graph_kind over) {
+  graph_window* window = standing(w, hidden);
+  const graph_window* other = standing(w, over);
+  if (window == nullptr || other == nullptr || !has_own_size(*window) || !has_own_size(*other)) {
+    return;
+  }
+  if (!window->geometry().intersects(other->geometry())) return;
+  const int room = w.frame->area()->viewport()->width() - window->width();
+  window->move(std::max(0, std::min(other->geometry().right() + 1, room)), other->y());
+}
+
 }  // namespace
 
 void keep_window_places(workstation& w) {
@@ -229,7 +241,10 @@ void forget_pair(workstation& w) {
 // ---------------------------------------------------------------- menu entries
 
 void sorted_waveforms_command(workstation& w) {
-  if (can_review(w.session, "Sorted waveforms")) show_cluster_windows(w);
+  if (!can_review(w.session, "Sorted waveforms")) return;
+  const bool was_open = standing(w, graph_kind::principal_components) != nullptr;
+  show_cluster_windows(w);
+  if (!was_open) stand_beside(w, graph_kind::principal_components, graph_kind::cluster_waveforms);
 }
 
 void template_image_command(workstation& w) {
