@@ -318,7 +318,7 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
   painter.save();
   paint_plane(painter, QRectF(0, 0, view.width, view.height), picture.plane, labels, theme);
   if (!picture.behind.layers.empty()) {
-    QImage image = image_of_counts(picture.behind, behind, 0.5);
+    QImage image = image_of_counts(picture.behind, behind, 0.9);
     image.setDevicePixelRatio(view.pixel_ratio);
     painter.drawImage(picture.plane.inside.topLeft(), image);
   }
