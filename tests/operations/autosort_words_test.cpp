@@ -95,6 +95,8 @@ TEST(autosort_words, count_the_duplicates_that_went) {
   sort_with_doubles(plain, {}, 50);
   EXPECT_TRUE(plain.user.logged("No duplicate events found after 1st pass"));
   EXPECT_THAT(plain.user.statuses, testing::Contains("No duplicate events after 1st pass"));
+  EXPECT_THAT(plain.user.statuses,
+              testing::Contains("Realigning all clusters after channel-based clustering"));
   sort_with_doubles(one, {700}, 50);
   EXPECT_TRUE(one.user.logged("One duplicate event was removed after 1st pass"));
   sort_with_doubles(three, {700, 900, 2000}, 50);

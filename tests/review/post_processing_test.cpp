@@ -161,6 +161,10 @@ TEST_F(post_processing_test, shifted_and_labelled_events_leave_after_a_question)
   events.event_detected_time[of_4[2]] = events.event_time[of_4[2]] - 13;
   events.event_detected_time[of_4[3]] = 0;
   EXPECT_EQ(delete_shifted_events(*session), -1) << "he would rather not";
+  EXPECT_TRUE(session.user.asked(
+      "This will delete events that have shifted in time since they were detected. These are "
+      "usually small and noisy.",
+      "Are you sure?"));
   session.user.default_answer = true;
   EXPECT_EQ(delete_shifted_events(*session), 2);
   EXPECT_EQ(events.event_cluster[of_4[0]], 4);
@@ -295,8 +299,13 @@ TEST_F(post_processing_test, ten_orders) {
     }
     messages.insert(session.user.lines.back());
   }
-  EXPECT_EQ(messages.size(), 10u);
-  EXPECT_THAT(messages, testing::Contains("Clusters renumbered by number of marked events."));
+  std::set<std::string> known;
+  for (const char* key : {"vertical position", "horizontal position", "channel number",
+                          "P-P amplitude", "spike S/N ratio", "size", "ambiguity",
+                          "template quality", "number of marked events", "time to peak"}) {
+    known.insert(std::string("Clusters renumbered by ") + key + ".");
+  }
+  EXPECT_EQ(messages, known);
 }
 
 TEST_F(post_processing_test, orders_that_are_refused) {

@@ -40,6 +40,9 @@ TEST_F(reclaim_test, most_come_back_to_their_own_cluster) {
   EXPECT_GT(n_back, static_cast<std::int32_t>(lost.size() / 3));
   EXPECT_EQ(session.user.changes.back().kind, cluster_change_kind::moved_events);
   EXPECT_TRUE(session.user.logged("imax="));
+  EXPECT_TRUE(session.user.logged(" thr="));
+  EXPECT_TRUE(session.user.logged("# of events restored  =" + std::to_string(counts.n_restored)));
+  EXPECT_TRUE(session.user.logged("n_first match  =" + std::to_string(counts.n_first_match)));
   EXPECT_TRUE(session.user.logged("# of potential matches=" + std::to_string(lost.size())));
   EXPECT_TRUE(session.user.logged("n relabelled on final check="));
   EXPECT_THAT(session.user.run_log_window,
