@@ -212,6 +212,15 @@ TEST_F(guided_test, two_units_in_wrong_hands_are_told_apart_without_a_question) 
   expect_on_show(1, 3);
 }
 
+// The numbers stand in what dialogs and the walk hand each other.
+TEST(ugm_texts, every_finding_has_its_own) {
+  EXPECT_STREQ(ugm_text(static_cast<ugm_message>(1)), "Pair could not be split");
+  EXPECT_STREQ(ugm_text(static_cast<ugm_message>(2)), "Only one good cluster can be found");
+  EXPECT_STREQ(ugm_text(static_cast<ugm_message>(3)), "Three clusters appear to be present");
+  EXPECT_STREQ(ugm_text(static_cast<ugm_message>(4)),
+               "Two clusters + possibly spurious clusters present");
+}
+
 TEST_F(guided_test, three_units_in_two_clusters_are_asked_about) {
   // Half of unit 4 stands in the cluster of unit 1.
   const std::vector<std::int32_t> of_4 = list_cluster_events(*session, 4);
