@@ -24,6 +24,7 @@ struct batch_options {
   std::string rate, scale;           // Hz and µV/bit of it; empty: what the file suggests
   std::vector<std::string> filters;  // NAME or NAME:VALUE..., applied after the open
   // --- settings
+  std::string preset;            // name of a row of session/presets.h; empty: none
   std::string parameters;        // a kv_parameters.sav
   std::vector<std::string> set;  // NAME=VALUE
   std::string home;              // state files; empty: none read or written

@@ -82,9 +82,23 @@ bool apply_run_options(batch_session& batch, std::string& problem) {
   if (options.serial) session.preferences.multi_threaded = false;
   session.strategy.skip_event_detection = options.skip_detection;
   session.strategy.skip_clustering = options.skip_clustering;
+  // On top of whatever was kept; --set may still change it.
+  if (batch.preset != nullptr) batch.hold = hold_preset(session, *batch.preset);
   const bool applied = apply_settings(batch, problem);
   session.multi_threaded_now = session.preferences.multi_threaded;
   return applied;
+}
+
+// The preset, whose filters join those of --filter.
+bool plan_preset(batch_session& batch, std::string& problem) {
+  const std::string& name = batch.options.preset;
+  if (name.empty()) return true;
+  batch.preset = find_preset(name);
+  if (batch.preset == nullptr) {
+    problem = fmt::format("--preset {}: not one of {}", name, preset_names());
+    return false;
+  }
+  return add_preset_filters(*batch.preset, batch.filters, problem);
 }
 
 batch_status start_console(batch_session& batch) {
@@ -182,11 +196,13 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
     return refuse_usage(fmt::format("--mask {}: not a list of channels", options.mask));
   }
   if (!parse_filters(options.filters, batch.filters, problem)) return refuse_usage(problem);
+  if (!plan_preset(batch, problem)) return refuse_usage(problem);
   // The log is a file as any other, and is opened first.
   problem = find_clash(options, batch.exports);
   if (!problem.empty()) return refuse_usage(problem);
   // Here for its complaints; it is applied again once the kept settings are read.
   if (!apply_run_options(batch, problem)) return refuse_usage(problem);
+  release_preset(session, batch.hold);
   const batch_status status = start_console(batch);
   if (status != batch_status::done) return status;
   // From here on a press of Ctrl+C has flags to raise; before it the system ends the program as it
@@ -232,6 +248,7 @@ batch_status read_work_for_batch(batch_session& batch) {
   session_state& session = *batch.session;
   batch.console.show_log = true;
   begin_timed_stage(batch.report.clock, session, "work file");
+  release_preset(session, batch.hold);
   const work_file_outcome outcome = open_work_file_at(session, batch.options.work);
   end_timed_stage(batch.report.clock, session);
   batch.console.show_log = false;
@@ -255,13 +272,19 @@ batch_status read_work_for_batch(batch_session& batch) {
 
 batch_status filter_for_batch(batch_session& batch) {
   session_state& session = *batch.session;
+  session.autosort.preset = batch.preset;
+  if (batch.preset != nullptr) log_message(session, describe_preset(*batch.preset));
   if (drop_automatic_filter(session, batch.filters)) {
     log_message(session, "--filter auto: nothing to do, the recording has been filtered");
   }
+  drop_idle_preset_filters(session, batch.filters);
   if (batch.filters.empty()) return batch_status::done;
   batch.console.show_log = true;
   begin_timed_stage(batch.report.clock, session, "filtering");
+  const filter_settings kept = session.filter;
   const bool done = !interrupt_was_pressed() && run_planned_filters(session, batch.filters);
+  // A preset's values are of this run alone.
+  if (batch.preset != nullptr) session.filter = kept;
   end_timed_stage(batch.report.clock, session);
   batch.console.show_log = false;
   return done ? batch_status::done : fail_batch(batch, "The recording could not be filtered");
@@ -317,6 +340,7 @@ batch_status finish_batch(batch_session& batch, batch_status status) {
     status = fail_batch(batch, fmt::format("The logfile {} lacks lines: {}", batch.options.log,
                                            batch.console.log_problem));
   }
+  release_preset(session, batch.hold);
   // Without a home nothing is kept.
   if (session.home_directory.empty()) return status;
   if (!write_parameters(session) || !write_preferences(session)) {

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "batch/batch_options.h"
-#include "batch/filter_options.h"
 #include "batch/outputs.h"
 #include "batch/report.h"
+#include "operations/planned_filters.h"
 #include "results/exports.h"
 #include "session/console_interface.h"
 #include "session/session_state.h"
@@ -33,6 +33,8 @@ struct batch_session {
   std::vector<planned_output> outputs;  // all files that the run is to leave
   std::vector<std::int32_t> masked_channels;
   std::vector<planned_filter> filters;
+  const sort_preset* preset = nullptr;  // of --preset; null: none
+  preset_hold hold;                     // what it has set
 };
 
 // Checks what can be checked without opening a recording, whether the outputs can be written

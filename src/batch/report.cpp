@@ -7,6 +7,7 @@
 
 #include "files/safe_file.h"
 #include "results/work_file_rows.h"
+#include "session/presets.h"
 #include "session/settings_table.h"
 #include "session/version.h"
 
@@ -72,6 +73,17 @@ json describe_recording(const session_state& session) {
           {"uv_per_bit", as_written(r.vscale_HP)}};
 }
 
+// Standard, and no preset at all, set nothing.
+json describe_preset_used(const session_state& session) {
+  const sort_preset* preset = session.autosort.preset;
+  if (preset == nullptr) return nullptr;
+  json settings = json::object();
+  for (const preset_setting& s : preset->settings) settings[s.name] = s.value;
+  json filters = json::array();
+  for (const char* filter : preset->filters) filters.push_back(filter);
+  return {{"name", preset->name}, {"filters", filters}, {"settings", settings}};
+}
+
 json describe_stages(const stage_clock& clock) {
   json stages = json::array();
   for (const stage_entry& s : clock.stages) {
@@ -129,6 +141,7 @@ std::string print_report(session_state& session, const run_report& report,
   all["interrupted"] = report.interrupted;
   all["versions"] = describe_versions();
   all["recording"] = describe_recording(session);
+  all["preset"] = describe_preset_used(session);
   all["filters"] = describe_filters(session.filter_history);
   all["threads"] = threads_now(session);
   all["stages"] = describe_stages(report.clock);

@@ -64,6 +64,8 @@ struct event_pool {
   std::vector<float> values;  // of each so many, clustering units
 };
 
+struct sort_preset;
+
 // What an Autosort run carries between its stages and leaves for its caller.
 struct autosort_state {
   logical next_stage_requested = true;
@@ -73,6 +75,8 @@ struct autosort_state {
   // it in place of the setting, which is for splits by hand.
   logical split_obvious = false;
   event_pool pool;
+  // What the run goes by (presets.h); null: settings as they stand.
+  const sort_preset* preset = nullptr;
   // The batch command and tests may end a run after a stage; autosort.h.
   std::int32_t stop_after = 0;
 };

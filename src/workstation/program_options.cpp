@@ -1,6 +1,8 @@
 #include "workstation/program_options.h"
 
 #include <QSettings>
+#include <QString>
+#include <QVariant>
 #include <iterator>
 
 namespace kestrelvane {
@@ -20,10 +22,18 @@ constexpr option_row rows[] = {
 };
 static_assert(std::size(rows) == static_cast<std::size_t>(program_option::count));
 
+constexpr const char* preset_key = "preset";
+
 // Rows stand in the order of the enumerators.
 const option_row& row_of(program_option option) { return rows[static_cast<int>(option)]; }
 
 }  // namespace
+
+std::string last_preset() { return QSettings().value(preset_key).toString().toStdString(); }
+
+void keep_last_preset(const std::string& name) {
+  QSettings().setValue(preset_key, QString::fromStdString(name));
+}
 
 bool wants(program_option option) {
   const option_row& row = row_of(option);

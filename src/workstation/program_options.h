@@ -5,6 +5,8 @@
 // (themes.h, frame.h).
 #pragma once
 
+#include <string>
+
 namespace kestrelvane {
 
 enum class program_option {
@@ -14,6 +16,11 @@ enum class program_option {
   close_messages,  // the Messages dialog closes after a reading in which nothing went wrong
   count,
 };
+
+// Name of the preset that the list of the Autosort dialog shows at first: what was sorted by
+// last. Empty: no sort has been started yet.
+std::string last_preset();
+void keep_last_preset(const std::string& name);
 
 bool wants(program_option option);
 void keep_wish(program_option option, bool wanted);

@@ -5,10 +5,11 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "batch/filter_options.h"
 #include "files/input_file.h"
 #include "operations/open_recording.h"
+#include "operations/planned_filters.h"
 #include "recording/formats/tsf.h"
+#include "session/settings_files.h"
 #include "support/child_process.h"
 #include "support/small_session.h"
 
@@ -119,6 +120,51 @@ TEST_F(filter_command_test, convert_writes_the_filtered_recording) {
     const std::int16_t* b = converted->recording.vd.channel(c) + 1;
     EXPECT_TRUE(std::equal(a, a + raw->recording.n_samples, b)) << c;
   }
+}
+
+// What a preset sets is what its words set one by one; the command line comes on top of it.
+TEST_F(filter_command_test, a_preset_is_its_filters_and_settings) {
+  const std::string a = directory.file("a.csv"), b = directory.file("b.csv");
+  const std::string report = directory.file("r.json"), work = directory.file("w.wrk");
+  ASSERT_EQ(run({"sort", tsf, "--preset", "sensitive", "--export", "csv=" + a, "--report", report,
+                 "--save-work", work, "--home", directory.path})
+                .status,
+            0);
+  ASSERT_EQ(run({"sort", tsf, "--filter", "highpass:0.3:2", "--filter", "lowpass:6:2", "--set",
+                 "detection_method=2", "--set", "variable_multiplier=5", "--set",
+                 "use_lockout=true", "--set", "lockout_ms=0.3", "--export", "csv=" + b})
+                .status,
+            0);
+  EXPECT_GT(test::read_bytes(a).size(), 100u);
+  EXPECT_EQ(test::read_bytes(a), test::read_bytes(b));
+  const auto told = nlohmann::json::parse(test::read_bytes(report));
+  EXPECT_EQ(told["preset"]["name"], "Sensitive");
+  EXPECT_EQ(told["filters"].size(), 2u);
+  EXPECT_EQ(told["settings"]["detection_method"], 2);
+
+  // Nothing of it is stored, and the samples of its work file go through no filter twice.
+  small_session kept;
+  kept->home_directory = directory.path;
+  read_settings_files(*kept);
+  EXPECT_EQ(kept->detection.detection_method, method_dynamic_multiphasic);
+  EXPECT_EQ(kept->filter.bw_f0_khz, 0.5f);
+  const process_result again = run({"sort", tsf, "--work", work, "--preset", "Sensitive", "--set",
+                                    "variable_multiplier=6", "--report", report});
+  ASSERT_EQ(again.status, 0) << again.err;
+  const auto second = nlohmann::json::parse(test::read_bytes(report));
+  EXPECT_EQ(second["filters"].size(), 2u);
+  EXPECT_EQ(second["settings"]["variable_multiplier"], 6);
+  EXPECT_EQ(second["settings"]["use_lockout"], true);
+
+  ASSERT_EQ(run({"sort", tsf, "--preset", "Sensitive", "--filter", "highpass:0.5:4", "--report",
+                 report, "--quiet"})
+                .status,
+            0);
+  const auto filters = nlohmann::json::parse(test::read_bytes(report))["filters"];
+  ASSERT_EQ(filters.size(), 2u);
+  EXPECT_EQ(filters[0]["param1"], 0.5);
+  EXPECT_EQ(run({"sort", tsf, "--preset", "Senseless"}).status, 2);
+  EXPECT_EQ(run({"sort", tsf, "--preset", "Sensitive", "--filter", "auto"}).status, 2);
 }
 
 TEST_F(filter_command_test, an_unfiltered_recording_is_told_of_and_filtered_on_request) {

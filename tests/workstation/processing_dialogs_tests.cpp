@@ -9,6 +9,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QSettings>
 #include <QSlider>
 #include <QTabWidget>
 #include <QTableWidget>
@@ -17,6 +18,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "session/presets.h"
 #include "session/template_window.h"
 #include "session/user_interface.h"
 #include "sorting/status_lists.h"
@@ -181,6 +183,44 @@ TEST(DetectionDialog, ATableMasksSeveralChannelsAndTellsTheirThresholds) {
   EXPECT_TRUE(std::filesystem::exists(r.data.file("small.msk")));
   EXPECT_EQ(r.w.shell.frame->findChild<QDialog*>("event_detection_dialog"), nullptr);
   EXPECT_NE(r.session().detection.fixed_threshold_uv, -66);
+}
+
+TEST(AutosortDialog, APresetHoldsForItsRun) {
+  QSettings().remove("preset");
+  recording_at_hand r;
+  detection_settings& d = r.session().detection;
+  d.variable_multiplier = 4.5f;
+  QDialog* dialog = r.open("autosort", "autosort_dialog");
+  // The first time all are told.
+  for (const sort_preset& preset : sort_presets()) {
+    EXPECT_TRUE(r.text(dialog, "preset_purpose").contains(preset.purpose)) << preset.name;
+  }
+  auto* list = r.w.control<QComboBox>(dialog, "preset");
+  EXPECT_EQ(list->currentText(), "Standard");
+  auto* multiplier = r.w.control<number_field>(dialog, "variable_multiplier");
+  list->setCurrentText("Sensitive");
+  EXPECT_EQ(multiplier->value(), 5);
+  EXPECT_EQ(r.text(dialog, "preset_purpose"), list->toolTip());
+  list->setCurrentText("Standard");
+  EXPECT_EQ(multiplier->value(), 4.5);
+  list->setCurrentText("Sensitive");
+  r.w.tick(dialog, "skip_event_detection", false);
+  r.w.set_number(dialog, "min_cluster_size", 20);
+  r.w.press(dialog, "start");
+  r.w.settle();
+  EXPECT_EQ(r.session().filter_history.n_entries, 2);
+  EXPECT_GT(r.session().clusters.n_clusters, 0);
+  EXPECT_EQ(d.detection_method, method_dynamic_multiphasic);
+  EXPECT_EQ(d.variable_multiplier, 4.5f);
+  EXPECT_FALSE(d.use_lockout);
+  EXPECT_EQ(r.session().strategy.min_cluster_size, 20);
+  EXPECT_EQ(multiplier->value(), 5) << "the preset is still chosen";
+  r.w.press(dialog, "done");
+  r.w.settle();
+  EXPECT_EQ(d.variable_multiplier, 4.5f);
+  dialog = r.open("autosort", "autosort_dialog");
+  EXPECT_EQ(r.w.control<QComboBox>(dialog, "preset")->currentText(), "Sensitive");
+  QSettings().remove("preset");
 }
 
 TEST(RunningDialog, LetsMessagesAndLimitsBeLookedAt) {

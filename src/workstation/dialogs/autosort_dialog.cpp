@@ -10,6 +10,9 @@
 #include "clustering/realignment.h"
 #include "detection/sample_test.h"
 #include "operations/autosort.h"
+#include "operations/preset_sort.h"
+#include "session/presets.h"
+#include "session/settings_table.h"
 #include "session/template_window.h"
 #include "sorting/status_lists.h"
 #include "workstation/commands/commands.h"
@@ -18,6 +21,7 @@
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
+#include "workstation/program_options.h"
 #include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/session_turn.h"
 #include "workstation/workstation.h"
@@ -35,6 +39,9 @@ struct autosort_window {
   workstation& w;
   operation_dialog* dialog;
   settings_form form;
+  QComboBox* preset = nullptr;
+  QLabel* purpose = nullptr;  // of the preset
+  preset_hold hold;           // what it has set, while a run goes by it
   QComboBox* threshold_mode = nullptr;
   number_field *fixed_uv = nullptr, *multiplier = nullptr;
   number_field *window_from = nullptr, *window_to = nullptr;  // of templates, ms
@@ -73,6 +80,70 @@ void show_threshold_value(const autosort_window& a) {
   const int mode = a.threshold_mode->currentData().toInt();
   a.fixed_uv->row()->setVisible(mode == threshold_fixed);
   a.multiplier->row()->setVisible(mode == threshold_variable);
+}
+
+// ---------------------------------------------------------------- presets
+
+const sort_preset& chosen_preset(const autosort_window& a) {
+  return sort_presets()[static_cast<std::size_t>(std::max(0, a.preset->currentIndex()))];
+}
+
+QString words_about(const sort_preset& preset) {
+  return QString("%1: %2").arg(preset.name, preset.purpose);
+}
+
+// A field of this dialog shows a value that is not stored by that; other settings have none.
+void show_value(const autosort_window& a, const char* setting, double value) {
+  if (auto* field = a.dialog->findChild<number_field*>(setting)) field->show_value(value);
+  if (auto* box = a.dialog->findChild<QCheckBox*>(setting)) box->setChecked(value != 0);
+  if (auto* list = a.dialog->findChild<QComboBox*>(setting)) {
+    list->setCurrentIndex(list->findData(static_cast<int>(value)));
+  }
+}
+
+// Fields that a preset sets show what it would sort with, and with the next one what is stored.
+void show_preset(autosort_window& a) {
+  const sort_preset& preset = chosen_preset(a);
+  const session_state& session = a.w.session;
+  for (const sort_preset& other : sort_presets()) {
+    for (const preset_setting& s : other.settings) {
+      show_value(a, s.name, setting_value(session, *find_setting(s.name)));
+    }
+  }
+  for (const preset_setting& s : preset.settings) show_value(a, s.name, s.value);
+  a.preset->setToolTip(preset.purpose);
+  a.purpose->setText(preset.purpose);
+}
+
+// Before the first sort all of them are told.
+void introduce_presets(const autosort_window& a) {
+  QStringList lines;
+  for (const sort_preset& preset : sort_presets()) lines << words_about(preset);
+  a.purpose->setText(lines.join("\n"));
+}
+
+QLayout* preset_section(autosort_window& a) {
+  a.preset = new QComboBox;
+  a.preset->setObjectName("preset");
+  for (const sort_preset& preset : sort_presets()) {
+    a.preset->addItem(preset.name);
+    a.preset->setItemData(a.preset->count() - 1, QString(preset.purpose), Qt::ToolTipRole);
+  }
+  a.purpose = new QLabel;
+  a.purpose->setObjectName("preset_purpose");
+  a.purpose->setWordWrap(true);
+  auto* rows = new QFormLayout;
+  rows->addRow("&Preset", a.preset);
+  rows->addRow(a.purpose);
+  return rows;
+}
+
+void load_preset(autosort_window& a) {
+  const sort_preset* last = find_preset(last_preset());
+  if (last != nullptr) a.preset->setCurrentIndex(a.preset->findText(last->name));
+  show_preset(a);
+  if (last == nullptr) introduce_presets(a);
+  QObject::connect(a.preset, &QComboBox::currentIndexChanged, a.dialog, [&a] { show_preset(a); });
 }
 
 QGroupBox* detection_section(autosort_window& a) {
@@ -175,7 +246,8 @@ void follow_run(const autosort_window& a) {
          {{meter::detection, a.detection_bar},
           {meter::clusters, a.cluster_bar},
           {meter::status_lists, a.cluster_bar},
-          {meter::merge_and_sort, a.merge_bar}},
+          {meter::merge_and_sort, a.merge_bar},
+          {meter::filtering, a.detection_bar}},
          {{status_field::message, a.message},
           {status_field::events_found, a.events_found},
           {status_field::clusters_found, a.clusters_found},
@@ -193,6 +265,7 @@ void request_interrupt(autosort_window& a) {
   long_operation_flags& operation = a.w.session.operation;
   operation.autosort_interrupt = true;
   operation.detection_interrupted = true;
+  operation.filtering_interrupted = true;
   operation.pause_requested = false;
   a.w.desk->resume();
   a.interrupt->setEnabled(false);
@@ -204,16 +277,27 @@ bool window_is_possible(const autosort_window& a) {
   return a.window_from->value() < a.window_to->value();
 }
 
-// Takes the settings over; false, with nothing stored, while something is refused.
+// Takes the settings over, those of the preset for a run alone: whoever starts none releases it.
+// False, with nothing stored, while something is refused.
 bool store_settings(autosort_window& a) {
   if (!window_is_possible(a)) {
     a.message->setText("The template window must begin before it ends");
     return false;
   }
-  if (!a.form.store()) return false;
+  if (a.form.refused()) return a.form.store();
+  // Held first: what the fields say over it was typed on top.
+  a.hold = hold_preset(a.w.session, chosen_preset(a));
+  a.form.store();
   // A window of more points than a template holds is cut, and the user told, before hours of
   // sorting with it.
   shorten_spike_window(a.w.session);
+  return true;
+}
+
+// For whoever leaves without a run.
+bool leave_settings(autosort_window& a) {
+  if (!store_settings(a)) return false;
+  release_preset(a.w.session, a.hold);
   return true;
 }
 
@@ -225,10 +309,13 @@ void start_run(const shared_autosort& a) {
   // Ticked before the start, it stops at the first pause point.
   operation.pause_requested = a->pause->isChecked();
   a->pool_shown = false;
-  a->dialog->run([](session_state& session) { autosort(session); },
+  const sort_preset& preset = chosen_preset(*a);
+  keep_last_preset(preset.name);
+  a->dialog->run([a, &preset](session_state& s) { autosort_by_preset(s, preset, a->hold); },
                  [a] {
                    // Detection may have turned to the lockout method, clusters may be there.
                    a->form.load();
+                   show_preset(*a);
                    a->pause->setChecked(false);
                    grey_sections(*a);
                  });
@@ -244,7 +331,8 @@ void begin_run(const shared_autosort& a) {
   if (n == 0 || (s.skip_event_detection && s.skip_clustering)) return start_run(a);
   ask_then(a->w, QString("Autosort will replace the %1 clusters in memory.").arg(n),
            "Are you sure?", [a](bool yes) {
-             if (yes) start_run(a);
+             if (yes) return start_run(a);
+             release_preset(a->w.session, a->hold);
            });
 }
 
@@ -264,7 +352,7 @@ void make_buttons(autosort_window& a) {
 
 // What is on when. Pause may be ticked before a run, and Resume goes with its pauses.
 void share_out_controls(const autosort_window& a) {
-  a.dialog->disabled_while_running << a.start << a.next << a.done;
+  a.dialog->disabled_while_running << a.preset << a.start << a.next << a.done;
   for (const QGroupBox* box : {a.detection_box, a.clustering_box, a.merging_box}) {
     a.dialog->disabled_while_running << inputs_of(box);
   }
@@ -320,10 +408,10 @@ void connect_run(const shared_autosort& a) {
   QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
   QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
   QObject::connect(a->next, &QPushButton::clicked, dialog, [a] {
-    if (store_settings(*a)) a->dialog->done(asks_for_next);
+    if (leave_settings(*a)) a->dialog->done(asks_for_next);
   });
   QObject::connect(a->done, &QPushButton::clicked, dialog, [a] {
-    if (store_settings(*a)) a->dialog->accept();
+    if (leave_settings(*a)) a->dialog->accept();
   });
 }
 
@@ -399,6 +487,7 @@ void autosort_command(workstation& w) {
   auto* dialog = new operation_dialog(w, "autosort_dialog", "Autosort");
   const auto a = std::make_shared<autosort_window>(w, dialog);
   auto* layout = new QVBoxLayout(dialog);
+  layout->addLayout(preset_section(*a));
   layout->addWidget(detection_section(*a));
   layout->addWidget(clustering_section(*a));
   layout->addWidget(merging_section(*a));
@@ -409,6 +498,7 @@ void autosort_command(workstation& w) {
   layout->addWidget(a->message);
   layout->addLayout(button_row(a));
   a->form.load();
+  load_preset(*a);
   show_threshold_value(*a);
   grey_sections(*a);
   follow_run(*a);

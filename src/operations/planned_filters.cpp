@@ -1,4 +1,4 @@
-#include "batch/filter_options.h"
+#include "operations/planned_filters.h"
 
 #include <fmt/format.h>
 
@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "operations/high_pass_offer.h"
+#include "session/run_log.h"
 #include "session/settings_table.h"
 #include "signal/filter_chain.h"
 #include "signal/slow_waves.h"
@@ -16,6 +17,7 @@ namespace kestrelvane {
 // The settings that the values of a filter become stand in the order of its words.
 struct filter_word {
   const char* name;
+  std::int32_t code;        // of the filter history
   const char* form;         // as the user writes it
   const char* settings[2];  // null: no such value
   bool after_high_pass;     // comes after the high pass of the same command line
@@ -28,36 +30,46 @@ constexpr const char* auto_name = "auto";  // a high pass where the recording wa
 
 // In the order of a chain.
 constexpr filter_word words[] = {
-    {"means", "means", {}, false, [](filter_settings& f) { f.do_channel_means = true; }},
-    {"common-mean", "common-mean", {}, false, [](filter_settings& f) { f.do_common_mean = true; }},
+    {"means", 1, "means", {}, false, [](filter_settings& f) { f.do_channel_means = true; }},
+    {"common-mean",
+     2,
+     "common-mean",
+     {},
+     false,
+     [](filter_settings& f) { f.do_common_mean = true; }},
     {"spatial",
+     3,
      "spatial:RADIUS",
      {"smooth_radius_um", nullptr},
      false,
      [](filter_settings& f) { f.do_spatial_smooth = true; }},
-    {"temporal", "temporal", {}, false, [](filter_settings& f) { f.do_temporal_smooth = true; }},
+    {"temporal", 4, "temporal", {}, false, [](filter_settings& f) { f.do_temporal_smooth = true; }},
     {"phase",
+     7,
      "phase:F0:SHIFT",
      {"phase_f0_khz", "phase_shift_degs_per_decade"},
      false,
      [](filter_settings& f) { f.do_phase_correction = true; }},
     {"highpass",
+     5,
      "highpass:F0:POLES",
      {"bw_f0_khz", "bw_poles"},
      false,
      [](filter_settings& f) { f.do_high_pass = true; }},
     {"lowpass",
+     -5,
      "lowpass:F0:POLES",
      {"bw_f0_khz", "bw_poles"},
      true,
      [](filter_settings& f) { f.do_high_pass = f.make_low_pass = true; }},
-    {"notch", "notch", {}, true, [](filter_settings& f) { f.do_notch = true; }},
+    {"notch", 6, "notch", {}, true, [](filter_settings& f) { f.do_notch = true; }},
     {"compressive",
+     8,
      "compressive:UV",
      {"compressive_75pct_uv", nullptr},
      true,
      [](filter_settings& f) { f.do_compressive = true; }},
-    {auto_name, auto_name, {}, false, set_offered_high_pass},
+    {auto_name, 5, auto_name, {}, false, set_offered_high_pass},
 };
 
 const filter_word* find_word(std::string_view name) {
@@ -129,6 +141,12 @@ bool names_butterworth(std::span<const planned_filter> filters) {
   return names(filters, "highpass") || names(filters, "lowpass");
 }
 
+// Why filters cannot be in one command; empty: they can.
+std::string clash_of(std::span<const planned_filter> filters) {
+  if (!names(filters, auto_name) || !names_butterworth(filters)) return {};
+  return "auto is a high pass itself, beside which no other fits";
+}
+
 void clear_options(filter_settings& f) {
   f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
   // Smoothing, too: what a kept setting has ticked was not asked for here.
@@ -177,15 +195,44 @@ bool parse_filters(const std::vector<std::string>& texts, std::vector<planned_fi
     if (problem.empty() && names(filters, filter.filter->name)) problem = "given twice";
     if (problem.empty()) filters.push_back(filter);
     // In either order on the command line, so that it is asked after each.
-    if (problem.empty() && names(filters, auto_name) && names_butterworth(filters)) {
-      problem = "auto is a high pass itself, beside which no other fits";
-    }
+    if (problem.empty()) problem = clash_of(filters);
     if (!problem.empty()) {
       problem = fmt::format("--filter {}: {}", text, problem);
       return false;
     }
   }
   return true;
+}
+
+bool add_preset_filters(const sort_preset& preset, std::vector<planned_filter>& filters,
+                        std::string& problem) {
+  for (const char* text : preset.filters) {
+    planned_filter filter;
+    problem = parse_filter(text, filter);
+    if (problem.empty() && names(filters, filter.filter->name)) continue;
+    filter.of_preset = true;
+    if (problem.empty()) filters.push_back(filter);
+    problem = clash_of(filters);
+    if (problem.empty()) continue;
+    problem = fmt::format("Preset {}, filter {}: {}", preset.name, text, problem);
+    return false;
+  }
+  return true;
+}
+
+void drop_idle_preset_filters(session_state& session, std::vector<planned_filter>& filters) {
+  const bool keeps_events =
+      session.strategy.skip_event_detection || !session.recording.is_continuous;
+  const filter_history_table& history = session.filter_history;
+  std::erase_if(filters, [&](const planned_filter& f) {
+    const auto* end = history.code + 1 + history.n_entries;
+    const bool done = std::find(history.code + 1, end, f.filter->code) != end;
+    if (!f.of_preset || (!keeps_events && !done)) return false;
+    log_message(session, fmt::format("The preset's {} is left out: {}", f.filter->name,
+                                     keeps_events ? "events of the samples as they are are kept"
+                                                  : "the samples have been through one"));
+    return true;
+  });
 }
 
 bool drop_automatic_filter(const session_state& session, std::vector<planned_filter>& filters) {
