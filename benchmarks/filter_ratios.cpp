@@ -3,13 +3,15 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <deque>
 #include <vector>
 
-#include "numerics/fft.h"
 #include "numerics/parallel.h"
+#include "numerics/spectral_filter.h"
 #include "side_by_side.h"
 #include "signal/frequency_filters.h"
 #include "signal/time_filters.h"
+#include "support/library_transform.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -34,28 +36,43 @@ void fill(session_state& session) {
   }
 }
 
-// As many transforms as the step needs for its pairs and passes, on as many threads.
+// As many transforms as the step needs for its pairs and passes, on as many threads, by the
+// library; then the step.
 void benchmark_spectrum(std::int32_t n_threads) {
   constexpr std::int32_t n_pairs = 4, n_passes = 3;
   small_session session;
   make_recording(*session, 2 * n_pairs, n_passes * ((1 << 20) - 64) - 1);
   fill(*session);
   use_threads(*session, n_threads);
-  std::vector<fft_buffer> buffers(static_cast<std::size_t>(n_threads));
-  for (fft_buffer& buffer : buffers) {
-    buffer.allocate();
-    std::fill_n(buffer.re, fft_points, 1.0f);
-    std::fill_n(buffer.im, fft_points, -1.0f);
-  }
+  const std::vector<float> gains((1 << 19) + 1, 1.0f);
+  std::deque<library_filter> library;
+  for (std::int32_t t = 0; t < n_threads; ++t) library.emplace_back(gains);
   const auto bare = [&] {
     parallel_for_dealt(n_threads, 1, n_pairs * n_passes, [&](std::int64_t, std::int32_t rank) {
-      fft_1m(fft_direction::forward, buffers[static_cast<std::size_t>(rank)]);
-      fft_1m(fft_direction::backward, buffers[static_cast<std::size_t>(rank)]);
+      library[static_cast<std::size_t>(rank)].run();
     });
   };
   session->filter.bw_f0_khz = 0.5f;
-  report(fmt::format("bare transforms / Butterworth step, {} thread(s)", n_threads),
+  report(fmt::format("library transforms / Butterworth step, {} thread(s)", n_threads),
          time_side_by_side(5, bare, [&] { run_step(*session, butterworth_filter); }), true);
+}
+
+// A pair of channels and 2^20 samples: transforms and factors alone, at each vector width.
+void benchmark_pair() {
+  const std::vector<float> gains((1 << 19) + 1, 1.0f);
+  library_filter library(gains);
+  const spectral_factors factors = real_factors(gains);
+  spectral_buffer buffer;
+  if (!buffer.allocate()) return;
+  std::fill_n(buffer.re, spectral_place(spectral_points - 1) + 1, 1.0f);
+  std::fill_n(buffer.im, spectral_place(spectral_points - 1) + 1, -1.0f);
+  for (const std::int32_t lanes : {4, 8, 16}) {
+    if (lanes > spectral_lanes()) continue;
+    report(fmt::format("library / spectral filter, 2^20 points, {} lanes", lanes),
+           time_side_by_side(
+               10, [&] { library.run(); }, [&] { filter_spectrum(buffer, factors, lanes); }),
+           true);
+  }
 }
 
 void benchmark_samples(std::int32_t n_channels, std::int32_t n_samples, std::int32_t n_threads) {
@@ -89,8 +106,8 @@ void benchmark_samples(std::int32_t n_channels, std::int32_t n_samples, std::int
 }  // namespace
 
 void benchmark_filters() {
-  benchmark_spectrum(1);
-  benchmark_spectrum(2);
+  benchmark_pair();
+  for (const std::int32_t n_threads : {1, 2, 4}) benchmark_spectrum(n_threads);
   benchmark_samples(32, 3'000'000, 1);
   benchmark_samples(32, 3'000'000, 2);
   benchmark_samples(384, 250'000, 1);

@@ -7,9 +7,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "numerics/fft.h"
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
+#include "numerics/spectral_filter.h"
 #include "session/run_log.h"
 #include "signal/noise.h"
 
@@ -17,13 +17,13 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr std::int32_t half_points = fft_points / 2;
+constexpr std::int32_t half_points = spectral_points / 2;
 constexpr std::int32_t taper_length = 64;
 // With 65 shared samples the falling and the rising ramp add to 1 at each of them.
 constexpr std::int32_t overlap_length = taper_length + 1;
 // What the count of passes divides by; segments advance by one sample less.
-constexpr std::int32_t pass_length = fft_points - taper_length;
-constexpr double points_in_khz = 1000.0 * fft_points;
+constexpr std::int32_t pass_length = spectral_points - taper_length;
+constexpr double points_in_khz = 1000.0 * spectral_points;
 
 // ---------------------------------------------------------------- segments
 
@@ -33,11 +33,11 @@ struct segment {
   std::int32_t length = 0;
 };
 
-segment first_segment(std::int32_t n_samples) { return {0, std::min(fft_points, n_samples)}; }
+segment first_segment(std::int32_t n_samples) { return {0, std::min(spectral_points, n_samples)}; }
 
 segment next_segment(segment s, std::int32_t n_samples) {
   const std::int32_t start = s.start + s.length - overlap_length;
-  return {start, std::min(fft_points, n_samples - start)};
+  return {start, std::min(spectral_points, n_samples - start)};
 }
 
 std::int32_t passes_over(std::int32_t n_samples) {
@@ -60,13 +60,25 @@ void taper(float* x, std::int32_t length) {
   for (std::int32_t j = 0; j < std::min(taper_length, length); ++j) {
     // A last segment may be shorter than its two ramps, which then overlap.
     const float ramp = static_cast<float>(j) / taper_length;
-    x[j] *= ramp;
-    x[length - 1 - j] *= ramp;
+    x[spectral_place(j)] *= ramp;
+    x[spectral_place(length - 1 - j)] *= ramp;
+  }
+}
+
+// body(place, first, n) for each row of the transform that holds some of points first .. last - 1.
+template <typename Body>
+void for_each_row(std::int32_t first, std::int32_t last, Body&& body) {
+  while (first < last) {
+    const std::int32_t n = std::min(spectral_row - first % spectral_row, last - first);
+    body(spectral_place(first), first, n);
+    first += n;
   }
 }
 
 void clear_from(float* x, std::int32_t first) {
-  std::memset(x + first, 0, sizeof(float) * static_cast<std::size_t>(fft_points - first));
+  for_each_row(first, spectral_points, [&](std::size_t place, std::int32_t, std::int32_t n) {
+    std::memset(x + place, 0, sizeof(float) * static_cast<std::size_t>(n));
+  });
 }
 
 // Fills one array of the transform, 0 after the segment.
@@ -76,7 +88,10 @@ void load_segment(float* x, segment_channel& channel, segment s) {
     return;
   }
   const std::int16_t* v = channel.samples + s.start + 1;
-  copy_as_float(x, v, s.length);
+  for_each_row(0, s.length, [&](std::size_t place, std::int32_t first, std::int32_t n) {
+    copy_as_float(x + place, v + first, n);
+  });
+  static_assert(overlap_length <= spectral_row);
   if (s.start > 0) copy_as_float(x, channel.shared, std::min(overlap_length, s.length));
   // A last segment of the overlap alone has nothing to pass on.
   if (s.length > overlap_length) {
@@ -123,45 +138,25 @@ void store_segment(segment_channel& channel, const float* x, segment s, round_ro
   round(rounded, x, n_added);
   // Both halves of the cross-fade are rounded by themselves.
   for (std::int32_t i = 0; i < n_added; ++i) v[i] = static_cast<std::int16_t>(v[i] + rounded[i]);
-  round(v + n_added, x + n_added, s.length - n_added);
+  for_each_row(n_added, s.length, [&](std::size_t place, std::int32_t first, std::int32_t n) {
+    round(v + first, x + place, n);
+  });
 }
 
-// One or two channels through all their segments. change(buffer) works on the spectrum,
-// finished() counts a segment.
-template <typename Change, typename Finished>
+// One or two channels through all their segments. finished() counts a segment.
+template <typename Finished>
 void filter_segments(segment_channel re, segment_channel im, std::int32_t n_samples,
-                     std::int32_t n_passes, fft_buffer& buffer, round_routine round,
-                     Change&& change, Finished&& finished) {
+                     std::int32_t n_passes, spectral_buffer& buffer, round_routine round,
+                     const spectral_factors& factors, Finished&& finished) {
   segment s = first_segment(n_samples);
   for (std::int32_t pass = 0; pass < n_passes; ++pass) {
     load_segment(buffer.re, re, s);
     load_segment(buffer.im, im, s);
-    fft_1m(fft_direction::forward, buffer);
-    change(buffer);
-    fft_1m(fft_direction::backward, buffer);
+    filter_spectrum(buffer, factors);
     store_segment(re, buffer.re, s, round);
     store_segment(im, buffer.im, s, round);
     s = next_segment(s, n_samples);
     finished();
-  }
-}
-
-// ---------------------------------------------------------------- gains
-
-KESTRELVANE_CLONES void multiply(float* x, const float* gain, std::int32_t n) {
-  for (std::int32_t k = 0; k < n; ++k) x[k] *= gain[k];
-}
-
-// last is multiplied by gain[0], the one before it by gain[1], and so on.
-KESTRELVANE_CLONES void multiply_backward(float* last, const float* gain, std::int32_t n) {
-  for (std::int32_t k = 0; k < n; ++k) last[-k] *= gain[k];
-}
-
-void apply_gains(fft_buffer& buffer, const std::vector<float>& gains) {
-  for (float* x : {buffer.re, buffer.im}) {
-    // Bin N - k has the gain of bin k; bins 0 and N/2 have no partner.
-    multiply(x, gains.data(), half_points + 1);
-    multiply_backward(x + fft_points - 1, gains.data() + 1, half_points - 1);
   }
 }
 
@@ -174,20 +169,18 @@ double even_power(double x, std::int32_t n) {
 
 // ---------------------------------------------------------------- workers
 
-// Each worker streams through 8 MB with every transform, so a sixth of the processors
-// is what the caches and the memory bear.
-std::int32_t filter_threads(const session_state& session) {
-  const std::int32_t n = threads_now(session);
-  return n < 2 ? 1 : std::max(2, n / 6);
-}
-
 bool report_no_memory(const session_state& session) {
   tell(session, "Not enough memory for filtering", "Problem");
   return false;
 }
 
-bool allocate_all(const session_state& session, std::vector<fft_buffer>& buffers) {
-  for (fft_buffer& buffer : buffers) {
+// No more than there are items to work on.
+std::size_t buffers_for(std::int32_t n_threads, std::int32_t n_items) {
+  return static_cast<std::size_t>(std::max(std::min(n_threads, n_items), 1));
+}
+
+bool allocate_all(const session_state& session, std::vector<spectral_buffer>& buffers) {
+  for (spectral_buffer& buffer : buffers) {
     if (!buffer.allocate()) return report_no_memory(session);
   }
   return true;
@@ -201,53 +194,36 @@ segment_channel channel_or_none(recording_store& r, std::int32_t channel) {
 bool filter_pairs(session_state& session, filter_progress& progress,
                   const std::vector<float>& gains) {
   recording_store& r = session.recording;
-  const std::int32_t n_threads = filter_threads(session);
+  const std::int32_t n_threads = threads_now(session);
   // An odd last channel travels alone, with zeros as the imaginary part.
   const std::int32_t n_pairs = (r.n_channels + 1) / 2;
   const std::int32_t n_passes = passes_over(r.n_samples);
   if (n_passes == 0) return true;
-  std::vector<fft_buffer> buffers(static_cast<std::size_t>(n_threads));
+  std::vector<spectral_buffer> buffers(buffers_for(n_threads, n_pairs));
   if (!allocate_all(session, buffers)) return false;
+  const spectral_factors factors = real_factors(gains);
   set_parts(progress, std::int64_t{n_pairs} * n_passes);
   parallel_for_dealt(n_threads, 1, n_pairs, [&](std::int64_t pair, std::int32_t rank) {
     const auto first = static_cast<std::int32_t>(2 * pair - 1);
-    filter_segments(
-        channel_or_none(r, first), channel_or_none(r, first + 1), r.n_samples, n_passes,
-        buffers[rank], round_nearest, [&](fft_buffer& buffer) { apply_gains(buffer, gains); },
-        [&] { finish_part(progress, rank); });
+    filter_segments(channel_or_none(r, first), channel_or_none(r, first + 1), r.n_samples, n_passes,
+                    buffers[rank], round_nearest, factors, [&] { finish_part(progress, rank); });
   });
   return true;
 }
 
 // ---------------------------------------------------------------- phase
 
-struct phase_table {
-  std::vector<float> cosine, sine;  // of bins 0 .. N/2
-};
-
-phase_table make_phase_table(std::int32_t f0_bin, float degrees_per_decade) {
-  phase_table table{std::vector<float>(half_points, 1.0f), std::vector<float>(half_points, 0.0f)};
+// The upper half is the conjugate of the lower, so that the output stays real.
+spectral_factors phase_factors(std::int32_t f0_bin, float degrees_per_decade) {
+  std::vector<float> cosine(half_points + 1, 1.0f), sine(half_points + 1, 0.0f);
   const double radians_per_decade = double{degrees_per_decade} * M_PI / 180.0;
   // Bins 0 and N/2 stay: a turned phase there would not be that of a real signal.
   for (std::int32_t k = 1; k < half_points; ++k) {
     const double angle = std::log10(static_cast<double>(k) / f0_bin) * radians_per_decade;
-    table.cosine[k] = static_cast<float>(std::cos(angle));
-    table.sine[k] = static_cast<float>(std::sin(angle));
+    cosine[k] = static_cast<float>(std::cos(angle));
+    sine[k] = static_cast<float>(std::sin(angle));
   }
-  return table;
-}
-
-// The upper half is made from the lower, so that the output stays real.
-void turn_phase(fft_buffer& buffer, const phase_table& table) {
-  for (std::int32_t k = 1; k < half_points; ++k) {
-    const float c = table.cosine[k];
-    const float s = table.sine[k];
-    const float re = buffer.re[k] * c - buffer.im[k] * s;
-    const float im = buffer.re[k] * s + buffer.im[k] * c;
-    buffer.re[k] = buffer.re[fft_points - k] = re;
-    buffer.im[k] = im;
-    buffer.im[fft_points - k] = -im;
-  }
+  return complex_factors(cosine, sine);
 }
 
 // Every channel by itself.
@@ -258,18 +234,16 @@ bool turn_channels(session_state& session, filter_progress& progress) {
   // This count has always been taken in 32 bits.
   const auto n_passes =
       static_cast<std::int32_t>(static_cast<float>(r.n_samples) / pass_length + 1.0f);
-  const std::int32_t n_threads = filter_threads(session);
-  std::vector<fft_buffer> buffers(static_cast<std::size_t>(n_threads));
+  const std::int32_t n_threads = threads_now(session);
+  std::vector<spectral_buffer> buffers(buffers_for(n_threads, r.n_channels));
   if (!allocate_all(session, buffers)) return false;
   // At least the first bin: angles are counted from the logarithm of k over it.
   const std::int32_t f0_bin = std::max(bin_of_frequency(f.phase_f0_khz, r.sampling_frequency), 1);
-  const phase_table table = make_phase_table(f0_bin, f.phase_shift_degs_per_decade);
+  const spectral_factors factors = phase_factors(f0_bin, f.phase_shift_degs_per_decade);
   set_parts(progress, std::int64_t{r.n_channels} * n_passes);
   parallel_for_dealt(n_threads, 1, r.n_channels, [&](std::int64_t c, std::int32_t rank) {
-    filter_segments(
-        channel_or_none(r, static_cast<std::int32_t>(c)), {}, r.n_samples, n_passes, buffers[rank],
-        round_away, [&](fft_buffer& buffer) { turn_phase(buffer, table); },
-        [&] { finish_part(progress, rank); });
+    filter_segments(channel_or_none(r, static_cast<std::int32_t>(c)), {}, r.n_samples, n_passes,
+                    buffers[rank], round_away, factors, [&] { finish_part(progress, rank); });
   });
   return true;
 }
@@ -302,23 +276,26 @@ double settled_deviation(const std::vector<float>& x) {
 // The channel in µV through its segments into out, in place of vd.
 template <typename Finished>
 void shape_channel(const session_state& session, std::int32_t channel,
-                   const std::vector<float>& gains, fft_buffer& buffer, std::vector<float>& out,
-                   Finished&& finished) {
+                   const spectral_factors& factors, spectral_buffer& buffer,
+                   std::vector<float>& out, Finished&& finished) {
   const recording_store& r = session.recording;
   std::fill(out.begin(), out.end(), 0.0f);
   segment s = first_segment(r.n_samples);
   for (std::int32_t pass = 0; pass < passes_over(r.n_samples); ++pass) {
-    copy_as_float(buffer.re, r.vd.channel(channel) + s.start + 1, s.length);
-    for (std::int32_t i = 0; i < s.length; ++i) buffer.re[i] *= r.vscale_HP;
+    const std::int16_t* const v = r.vd.channel(channel) + s.start + 1;
+    for_each_row(0, s.length, [&](std::size_t place, std::int32_t first, std::int32_t n) {
+      copy_as_float(buffer.re + place, v + first, n);
+      for (std::int32_t i = 0; i < n; ++i) buffer.re[place + i] *= r.vscale_HP;
+    });
     taper(buffer.re, s.length);
     clear_from(buffer.re, s.length);
     clear_from(buffer.im, 0);
-    fft_1m(fft_direction::forward, buffer);
-    apply_gains(buffer, gains);
-    fft_1m(fft_direction::backward, buffer);
+    filter_spectrum(buffer, factors);
     float* const x = out.data() + s.start;
     const std::int32_t n_added = s.start > 0 ? std::min(taper_length, s.length) : 0;
-    for (std::int32_t i = 0; i < s.length; ++i) x[i] = buffer.re[i] + (i < n_added ? x[i] : 0.0f);
+    for (std::int32_t i = 0; i < s.length; ++i) {
+      x[i] = buffer.re[spectral_place(i)] + (i < n_added ? x[i] : 0.0f);
+    }
     s = next_segment(s, r.n_samples);
     finished();
   }
@@ -342,18 +319,18 @@ void store_shaped(session_state& session, std::int32_t channel, std::vector<floa
 bool shape_channels(session_state& session, filter_progress& progress) {
   recording_store& r = session.recording;
   if (r.n_samples <= 0) return true;
-  fft_buffer buffer;
+  spectral_buffer buffer;
   // Asked before the arrays below are made, which would end the program where there is no room.
   if (!memory_can_hold(std::int64_t{4} * r.n_samples) || !buffer.allocate()) {
     return report_no_memory(session);
   }
   // This is the noise that each channel gets again; after the first step it could not be measured.
   compute_noise(session);
-  const std::vector<float> gains = one_over_f_gains();
+  const spectral_factors factors = real_factors(one_over_f_gains());
   std::vector<float> shaped(static_cast<std::size_t>(r.n_samples));
   set_parts(progress, std::int64_t{r.n_channels} * passes_over(r.n_samples));
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
-    shape_channel(session, c, gains, buffer, shaped, [&] { finish_part(progress, 0); });
+    shape_channel(session, c, factors, buffer, shaped, [&] { finish_part(progress, 0); });
     store_shaped(session, c, shaped);
   }
   return true;
@@ -391,12 +368,12 @@ std::vector<float> notch_gains(std::int32_t sampling_frequency) {
   constexpr std::int32_t width = 2500;
   for (std::int32_t harmonic = 1; harmonic <= 4; ++harmonic) {
     // 240 times 2^20 still fits 32 bits.
-    const std::int32_t centre = harmonic * 60 * fft_points / sampling_frequency;
-    const std::int32_t last = std::min(centre + width, fft_points - 1);
+    const std::int32_t centre = harmonic * 60 * spectral_points / sampling_frequency;
+    const std::int32_t last = std::min(centre + width, spectral_points - 1);
     for (std::int32_t k = std::max(centre - width, 1); k <= last; ++k) {
       const double d = k - centre;
       // A bin above the middle is the mirror of one below.
-      const auto bin = static_cast<std::size_t>(std::min(k, fft_points - k));
+      const auto bin = static_cast<std::size_t>(std::min(k, spectral_points - k));
       gains[bin] *= static_cast<float>(1.0 - std::exp(-d * d / 500000.0));
     }
   }

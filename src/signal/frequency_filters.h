@@ -1,15 +1,21 @@
 // Filters that work on the spectrum: Butterworth, notch, phase, 1/f.
 //
-// All share one scheme. A recording is cut into segments of 2^20 samples (fft_1m), each
-// beginning 65 samples before the end of the one before. Both ends of a segment are
-// tapered over 64 samples, and where two overlap their outputs are added, so the ramps
-// cross-fade to 1. The recording itself fades in from 0 over its first 64 samples and
-// out over its last 64. Where two channels need the same real gain, one travels as the
-// real and one as the imaginary part of a transform.
+// All share one scheme. A recording is cut into segments of 2^20 samples
+// (numerics/spectral_filter.h), each beginning 65 samples before the end of the one before.
+// Both ends of a segment are tapered over 64 samples, and where two overlap their outputs are
+// added, so the ramps cross-fade to 1. The recording itself fades in from 0 over its first 64
+// samples and out over its last 64. Where two channels need the same real gain, one travels as
+// the real and one as the imaginary part of a transform.
+//
+// A shorter recording is padded to as many. A smaller transform would take every second or
+// fourth bin of the same gain, and fold the tail of the filter onto its beginning: the high pass
+// leaps at ten times its cut-off, by 0.005 with two poles, the low pass at the middle bin. Of
+// 200,000 samples 182 and 23,069 would then be rounded otherwise, to save three milliseconds.
 //
 // Outputs are rounded to two bytes; a value out of range wraps. Masked channels are
-// filtered like the others. The workers of a step hold 8 MB each. A step returns false,
-// after a box, when it could not have them; nothing has changed then.
+// filtered like the others. Pairs of channels go to all threads, and to no sixth of them only,
+// as was once the rule where a worker held tens of megabytes; here it holds 9. A step returns
+// false, after a box, when it could not have them; nothing has changed then.
 #pragma once
 
 #include <cstdint>
