@@ -100,9 +100,10 @@ json describe_stages(const stage_clock& clock) {
 json describe_filters(const filter_history_table& history) {
   json filters = json::array();
   for (std::int32_t i = 1; i <= history.n_entries; ++i) {
+    const float param2 = history.param2[i] - (is_of_same_walk(history, i) ? same_walk_mark : 0.0f);
     filters.push_back({{"code", history.code[i]},
                        {"param1", as_written(history.param1[i])},
-                       {"param2", as_written(history.param2[i])}});
+                       {"param2", as_written(param2)}});
   }
   return filters;
 }

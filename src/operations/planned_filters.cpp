@@ -20,7 +20,6 @@ struct filter_word {
   std::int32_t code;        // of the filter history
   const char* form;         // as the user writes it
   const char* settings[2];  // null: no such value
-  bool after_high_pass;     // comes after the high pass of the same command line
   void (*tick)(filter_settings&);
 };
 
@@ -30,44 +29,34 @@ constexpr const char* auto_name = "auto";  // a high pass where the recording wa
 
 // In the order of a chain.
 constexpr filter_word words[] = {
-    {"means", 1, "means", {}, false, [](filter_settings& f) { f.do_channel_means = true; }},
-    {"common-mean",
-     2,
-     "common-mean",
-     {},
-     false,
-     [](filter_settings& f) { f.do_common_mean = true; }},
+    {"means", 1, "means", {}, [](filter_settings& f) { f.do_channel_means = true; }},
+    {"common-mean", 2, "common-mean", {}, [](filter_settings& f) { f.do_common_mean = true; }},
     {"spatial",
      3,
      "spatial:RADIUS",
      {"smooth_radius_um", nullptr},
-     false,
      [](filter_settings& f) { f.do_spatial_smooth = true; }},
-    {"temporal", 4, "temporal", {}, false, [](filter_settings& f) { f.do_temporal_smooth = true; }},
+    {"temporal", 4, "temporal", {}, [](filter_settings& f) { f.do_temporal_smooth = true; }},
     {"phase",
      7,
      "phase:F0:SHIFT",
      {"phase_f0_khz", "phase_shift_degs_per_decade"},
-     false,
      [](filter_settings& f) { f.do_phase_correction = true; }},
     {"highpass",
      5,
      "highpass:F0:POLES",
      {"bw_f0_khz", "bw_poles"},
-     false,
      [](filter_settings& f) { f.do_high_pass = true; }},
     {"lowpass",
      -5,
      "lowpass:F0:POLES",
      {"bw_f0_khz", "bw_poles"},
-     true,
      [](filter_settings& f) { f.do_high_pass = f.make_low_pass = true; }},
-    {"notch", 6, "notch", {}, true, [](filter_settings& f) { f.do_notch = true; }},
+    {"notch", 6, "notch", {}, [](filter_settings& f) { f.do_notch = true; }},
     {"compressive",
      8,
      "compressive:UV",
      {"compressive_75pct_uv", nullptr},
-     true,
      [](filter_settings& f) { f.do_compressive = true; }},
     {auto_name, 5, auto_name, {}, false, set_offered_high_pass},
 };
@@ -151,6 +140,7 @@ void clear_options(filter_settings& f) {
   f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
   // Smoothing, too: what a kept setting has ticked was not asked for here.
   f.do_phase_correction = f.do_high_pass = f.make_low_pass = f.do_one_over_f = false;
+  f.do_low_pass_too = false;
   f.do_notch = f.do_compressive = false;
 }
 
@@ -161,7 +151,7 @@ void tick(session_state& session, const planned_filter& planned) {
   planned.filter->tick(session.filter);
 }
 
-// Of both chains before the first of them runs.
+// Of each filter before the first of them runs.
 bool corners_are_possible(session_state& session, std::span<const planned_filter> filters) {
   for (const planned_filter& planned : filters) {
     tick(session, planned);
@@ -172,16 +162,16 @@ bool corners_are_possible(session_state& session, std::span<const planned_filter
   return true;
 }
 
-template <typename Wanted>
-bool run_chain(session_state& session, std::span<const planned_filter> filters, Wanted&& wanted) {
-  clear_options(session.filter);
-  for (const planned_filter& planned : filters) {
-    if (wanted(*planned.filter)) tick(session, planned);
-  }
-  // Cleared on both sides, so that no later chain finds a filter of this one.
-  const bool done = run_filter_chain(session);
-  clear_options(session.filter);
-  return done;
+bool is_high_pass(const planned_filter& planned) {
+  return planned.filter->name == std::string_view("highpass");
+}
+
+// A low pass that has been ticked makes room for a high pass beside it.
+void keep_low_pass(filter_settings& f) {
+  f.do_low_pass_too = true;
+  f.low_pass_f0_khz = f.bw_f0_khz;
+  f.low_pass_poles = f.bw_poles;
+  f.make_low_pass = false;
 }
 
 }  // namespace
@@ -244,12 +234,21 @@ bool drop_automatic_filter(const session_state& session, std::vector<planned_fil
 bool run_planned_filters(session_state& session, std::span<const planned_filter> filters) {
   clear_options(session.filter);
   if (!corners_are_possible(session, filters)) return false;
-  if (!names(filters, "highpass") || !names(filters, "lowpass")) {
-    // A chain has room for one of the two, and one is enough here.
-    return run_chain(session, filters, [](const filter_word&) { return true; });
+  clear_options(session.filter);
+  for (const planned_filter& planned : filters) {
+    // The settings that a low pass brings are those of the high pass, which is ticked last.
+    if (!is_high_pass(planned)) tick(session, planned);
   }
-  return run_chain(session, filters, [](const filter_word& f) { return !f.after_high_pass; }) &&
-         run_chain(session, filters, [](const filter_word& f) { return f.after_high_pass; });
+  const bool low_pass = session.filter.make_low_pass;
+  for (const planned_filter& planned : filters) {
+    if (!is_high_pass(planned)) continue;
+    if (low_pass) keep_low_pass(session.filter);
+    tick(session, planned);
+  }
+  // Cleared on both sides, so that no later chain finds a filter of this one.
+  const bool done = run_filter_chain(session);
+  clear_options(session.filter);
+  return done;
 }
 
 }  // namespace kestrelvane

@@ -38,9 +38,8 @@ void drop_idle_preset_filters(session_state& session, std::vector<planned_filter
 // gone.
 bool drop_automatic_filter(const session_state& session, std::vector<planned_filter>& filters);
 
-// Runs the filters over the recording. A chain has one Butterworth filter; with both a
-// high and a low pass there are two chains, the second beginning with the low pass, so
-// that together they keep the order. False when stopped or out of memory.
+// Runs the filters over the recording; a high and a low pass in one walk over the samples. False
+// when stopped or out of memory.
 bool run_planned_filters(session_state& session, std::span<const planned_filter> filters);
 
 }  // namespace kestrelvane

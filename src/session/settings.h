@@ -56,6 +56,10 @@ struct filter_settings {
   float bw_f0_khz_previous = 0;   // kHz
   std::int32_t bw_poles = 4;      // 1..10
   logical make_low_pass = false;  // off whenever the dialog opens
+  // After the high pass a low pass, in the same walk over the samples. Of one chain: not stored.
+  logical do_low_pass_too = false;
+  float low_pass_f0_khz = 0;
+  std::int32_t low_pass_poles = 0;
   logical do_phase_correction = false;
   float phase_f0_khz = 2.0f;                   // kHz
   float phase_shift_degs_per_decade = 200.0f;  // degrees per decade of frequency

@@ -62,13 +62,24 @@ void untick(filter_settings& f) {
 void keep_ticked(filter_settings&) {}
 
 void untick_butterworth(filter_settings& f) {
-  f.do_high_pass = f.make_low_pass = f.do_one_over_f = false;
+  f.do_high_pass = f.make_low_pass = f.do_one_over_f = f.do_low_pass_too = false;
 }
 
-template <bool LowPass>
+// The settings show the filter that was last.
+void untick_band_pass(filter_settings& f) {
+  f.bw_f0_khz = f.low_pass_f0_khz;
+  f.bw_poles = f.low_pass_poles;
+  untick_butterworth(f);
+}
+
+enum class butterworth { high_pass, low_pass, both };
+
+template <butterworth Kind>
 bool butterworth_ticked(const session_state& session) {
   const filter_settings& f = session.filter;
-  return f.do_high_pass && !f.do_one_over_f && f.make_low_pass == LowPass;
+  if (!f.do_high_pass || f.do_one_over_f) return false;
+  if (f.make_low_pass) return Kind == butterworth::low_pass;
+  return Kind == (f.do_low_pass_too ? butterworth::both : butterworth::high_pass);
 }
 
 history_entry no_parameters(const filter_settings&) { return {}; }
@@ -105,10 +116,18 @@ bool reload_phase(filter_settings& f, const history_entry& e) {
   return std::isfinite(e.param2);
 }
 
+// Its low pass, the next entry, has been reloaded before.
+bool reload_band_pass(filter_settings& f, const history_entry& e) {
+  return reload_butterworth<false>(f, e) && is_positive(f.low_pass_f0_khz) && f.low_pass_poles > 0;
+}
+
 bool reload_compression(filter_settings& f, const history_entry& e) {
   f.compressive_75pct_uv = e.param1;
   return is_positive(e.param1);
 }
+
+constexpr std::int32_t low_pass_code = -5;
+constexpr const char* low_pass_line = " - applying low pass filter";
 
 // In the order of a chain. The 1/f filter takes the place of the Butterworth filter.
 // Codes are those that the history has always stored, so they do not follow this order.
@@ -135,12 +154,16 @@ constexpr filter_operation operations[] = {
        return history_entry{0, 0, f.phase_shift_degs_per_decade};
      },
      " - applying phase rotation", reload_phase},
-    {5, "high-pass filter", step_units::per_channel, butterworth_filter, butterworth_ticked<false>,
-     untick_butterworth, butterworth_parameters,
+    {5, "high-pass filter", step_units::per_channel, butterworth_filter,
+     butterworth_ticked<butterworth::high_pass>, untick_butterworth, butterworth_parameters,
      " - applying high pass filter with {poles} poles and f0={f0}", reload_butterworth<false>},
-    {-5, "low-pass filter", step_units::per_channel, butterworth_filter, butterworth_ticked<true>,
-     untick_butterworth, butterworth_parameters, " - applying low pass filter",
-     reload_butterworth<true>},
+    // Listed as a high pass, and then as a low pass.
+    {5, "band-pass filter", step_units::per_channel, band_pass_filter,
+     butterworth_ticked<butterworth::both>, untick_band_pass, butterworth_parameters,
+     " - applying high pass filter with {poles} poles and f0={f0}", reload_band_pass},
+    {low_pass_code, "low-pass filter", step_units::per_channel, butterworth_filter,
+     butterworth_ticked<butterworth::low_pass>, untick_butterworth, butterworth_parameters,
+     low_pass_line, reload_butterworth<true>},
     {9, "1/f filter", step_units::per_channel, one_over_f_filter,
      [](const session_state& s) { return s.filter.do_high_pass && s.filter.do_one_over_f; },
      untick_butterworth, no_parameters, " - applying 1/f filter", reload_nothing},
@@ -155,9 +178,15 @@ constexpr filter_operation operations[] = {
      "- applying compressive transform", reload_compression},
 };
 
-const filter_operation* find_operation(std::int32_t code) {
+bool is_band_pass(const filter_operation& operation) { return operation.run == band_pass_filter; }
+
+// Of entry i of the history; a band pass is two entries, and is found at the first.
+const filter_operation* operation_at(const filter_history_table& history, std::int32_t i) {
   for (const filter_operation& operation : operations) {
-    if (operation.code == code) return &operation;
+    if (operation.code == history.code[i] &&
+        is_band_pass(operation) == is_of_same_walk(history, i + 1)) {
+      return &operation;
+    }
   }
   return nullptr;
 }
@@ -170,15 +199,22 @@ history_entry entry_of(const filter_history_table& history, std::int32_t i) {
 
 void list_operation(session_state& session, const filter_operation& operation) {
   filter_history_table& history = session.filter_history;
-  if (history.n_entries >= filter_history_limit) {
+  const std::int32_t n_new = is_band_pass(operation) ? 2 : 1;
+  if (history.n_entries + n_new > filter_history_limit) {
     log_message(session, "The filter history is full: the last step is done but not listed");
     return;
   }
-  const history_entry entry = operation.entry(session.filter);
-  const std::int32_t i = ++history.n_entries;
-  history.code[i] = operation.code;
-  history.param1[i] = entry.param1;
-  history.param2[i] = entry.param2;
+  const auto list = [&](std::int32_t code, const history_entry& entry) {
+    const std::int32_t i = ++history.n_entries;
+    history.code[i] = code;
+    history.param1[i] = entry.param1;
+    history.param2[i] = entry.param2;
+  };
+  const filter_settings& f = session.filter;
+  list(operation.code, operation.entry(f));
+  if (n_new == 1) return;
+  list(low_pass_code,
+       {0, f.low_pass_f0_khz, static_cast<float>(f.low_pass_poles) + same_walk_mark});
 }
 
 // ---------------------------------------------------------------- beginning and end
@@ -247,12 +283,19 @@ void untick_what_was_done(session_state& session) {
 
 // ---------------------------------------------------------------- replay
 
-enum class replayed { done, left_out, failed };
+enum class replayed { done, done_with_next, left_out, failed };
+
+void reload_low_pass_too(filter_settings& f, const history_entry& low_pass) {
+  f.low_pass_f0_khz = low_pass.param1;
+  f.low_pass_poles = static_cast<std::int32_t>(std::floor(low_pass.param2));
+}
 
 replayed repeat_entry(filter_progress& progress, std::int32_t i) {
   session_state& session = progress.session;
   const history_entry entry = entry_of(session.filter_history, i);
-  const filter_operation* operation = find_operation(entry.code);
+  const filter_operation* operation = operation_at(session.filter_history, i);
+  const bool two_entries = is_of_same_walk(session.filter_history, i + 1);
+  if (two_entries) reload_low_pass_too(session.filter, entry_of(session.filter_history, i + 1));
   // A history from a file may hold codes of other programs; the rest of it is still repeated.
   if (operation == nullptr || !operation->reload(session.filter, entry)) {
     log_message(session, fmt::format("Entry {} of the filter history cannot be repeated: code {}, "
@@ -265,7 +308,10 @@ replayed repeat_entry(filter_progress& progress, std::int32_t i) {
                                    fmt::arg("poles", session.filter.bw_poles)));
   if (!run_operation(progress, *operation)) return replayed::failed;
   session.recording.recording_filtered = true;
-  return replayed::done;
+  if (!two_entries) return replayed::done;
+  log_message(session, low_pass_line);
+  untick_band_pass(session.filter);
+  return replayed::done_with_next;
 }
 
 // The history goes on telling what the samples in memory have been through.
@@ -275,11 +321,10 @@ void keep_first_entries(session_state& session, std::int32_t n) {
   log_message(session, fmt::format("The filter history keeps {} entries", n));
 }
 
-}  // namespace
+// ---------------------------------------------------------------- corners
 
-bool corner_is_possible(const session_state& session) {
+bool corner_is_possible_at(const session_state& session, float f0_khz) {
   const std::int32_t rate = session.recording.sampling_frequency;
-  const float f0_khz = session.filter.bw_f0_khz;
   // Without samples every step runs through with no effect.
   if (session.recording.n_samples == 0 || 2000.0 * f0_khz < rate) return true;
   tell(session,
@@ -288,6 +333,15 @@ bool corner_is_possible(const session_state& session) {
                    f0_khz, rate, rate / 2000.0),
        "Transform voltage waveform", box_icon::warning);
   return false;
+}
+
+}  // namespace
+
+bool corner_is_possible(const session_state& session) {
+  const filter_settings& f = session.filter;
+  const bool two_corners = butterworth_ticked<butterworth::both>(session);
+  return corner_is_possible_at(session, f.bw_f0_khz) &&
+         (!two_corners || corner_is_possible_at(session, f.low_pass_f0_khz));
 }
 
 bool run_filter_steps(session_state& session) {
@@ -335,7 +389,8 @@ bool repeat_filtering(session_state& session) {
   const filter_history_table& history = session.filter_history;
   filter_progress progress{session};
   for (std::int32_t i = 1; i <= history.n_entries; ++i) {
-    progress.range += units_of(session, find_operation(history.code[i]));
+    if (is_of_same_walk(history, i)) continue;
+    progress.range += units_of(session, operation_at(history, i));
   }
   progress.range += closing_units;
 
@@ -345,8 +400,8 @@ bool repeat_filtering(session_state& session) {
   while (n_passed < history.n_entries && !interrupted(session)) {
     const replayed outcome = repeat_entry(progress, n_passed + 1);
     if (outcome == replayed::failed) break;
-    all_done = all_done && outcome == replayed::done;
-    ++n_passed;
+    all_done = all_done && outcome != replayed::left_out;
+    n_passed += outcome == replayed::done_with_next ? 2 : 1;
   }
   // Entries have turned the low-pass switch on their way.
   untick_butterworth(session.filter);

@@ -11,12 +11,13 @@
 
 namespace kestrelvane {
 
-// Whether bw_f0_khz is below half the sampling frequency: a high pass at or above it would
+// Whether bw_f0_khz, and the corner of a low pass with it, is below half the sampling frequency: a high pass at or above it would
 // leave nothing of the samples. Says so otherwise.
 bool corner_is_possible(const session_state& session);
 
 // The steps ticked in session.filter: means, common mean, spatial smooth, temporal
-// smooth, phase correction, Butterworth (or 1/f), notch, compressive transform. Clears
+// smooth, phase correction, Butterworth (or 1/f; a high pass may have a low pass with it), notch,
+// compressive transform. Clears
 // the options that have to be ticked afresh and says "Finished transforming". False when
 // a work buffer could not be had or the user stopped the chain, and, with nothing changed, for
 // a corner that is not possible.

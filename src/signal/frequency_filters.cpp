@@ -336,6 +336,19 @@ bool shape_channels(session_state& session, filter_progress& progress) {
   return true;
 }
 
+// ---------------------------------------------------------------- Butterworth
+
+std::vector<float> gains_of_corner(const session_state& session, float f0_khz, std::int32_t poles,
+                                   bool low_pass) {
+  const std::int32_t cutoff = bin_of_frequency(f0_khz, session.recording.sampling_frequency);
+  return butterworth_gains(cutoff, poles, low_pass);
+}
+
+void log_butterworth(session_state& session, float f0_khz, std::int32_t poles, bool low_pass) {
+  log_message(session, fmt::format("{} filtering done with f0={} and {} poles",
+                                   low_pass ? "Low-pass" : "High-pass", f0_khz, poles));
+}
+
 }  // namespace
 
 std::int32_t bin_of_frequency(float khz, std::int32_t sampling_frequency) {
@@ -382,12 +395,20 @@ std::vector<float> notch_gains(std::int32_t sampling_frequency) {
 
 bool butterworth_filter(session_state& session, filter_progress& progress) {
   const filter_settings& f = session.filter;
-  const std::int32_t cutoff = bin_of_frequency(f.bw_f0_khz, session.recording.sampling_frequency);
-  const auto gains = butterworth_gains(cutoff, f.bw_poles, f.make_low_pass);
+  const auto gains = gains_of_corner(session, f.bw_f0_khz, f.bw_poles, f.make_low_pass);
   if (!filter_pairs(session, progress, gains)) return false;
-  log_message(session,
-              fmt::format("{} filtering done with f0={} and {} poles",
-                          f.make_low_pass ? "Low-pass" : "High-pass", f.bw_f0_khz, f.bw_poles));
+  log_butterworth(session, f.bw_f0_khz, f.bw_poles, f.make_low_pass);
+  return true;
+}
+
+bool band_pass_filter(session_state& session, filter_progress& progress) {
+  const filter_settings& f = session.filter;
+  auto gains = gains_of_corner(session, f.bw_f0_khz, f.bw_poles, false);
+  const auto low = gains_of_corner(session, f.low_pass_f0_khz, f.low_pass_poles, true);
+  for (std::size_t k = 0; k < gains.size(); ++k) gains[k] *= low[k];
+  if (!filter_pairs(session, progress, gains)) return false;
+  log_butterworth(session, f.bw_f0_khz, f.bw_poles, false);
+  log_butterworth(session, f.low_pass_f0_khz, f.low_pass_poles, true);
   return true;
 }
 

@@ -38,6 +38,10 @@ std::vector<float> notch_gains(std::int32_t sampling_frequency);
 
 // Whole-recording steps; settings from session.filter. Each logs when it is done.
 bool butterworth_filter(session_state& session, filter_progress& progress);
+// A high pass and the low pass of do_low_pass_too by the product of their gains: the samples are
+// walked and rounded once, and differ from those of two walks by 1 here and there (by 2 in one of
+// three million, where segments cross-fade), and where the recording fades in and out.
+bool band_pass_filter(session_state& session, filter_progress& progress);
 bool notch_filter(session_state& session, filter_progress& progress);
 // Turns the phase by phase_shift_degs_per_decade for each decade above phase_f0_khz.
 bool phase_correct(session_state& session, filter_progress& progress);

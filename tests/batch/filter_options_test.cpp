@@ -74,7 +74,7 @@ TEST(filter_option, chains_keep_their_order_whatever_the_command_line_says) {
   EXPECT_TRUE(s.user.logged("Spatial smooth done with radius 60"));
   EXPECT_FALSE(s->filter.do_temporal_smooth);
 
-  // A band pass takes two chains, in the order of one.
+  // A low pass goes with the high pass, whichever is named first.
   s->filter_history.n_entries = 0;
   filters.clear();
   ASSERT_TRUE(
@@ -83,6 +83,9 @@ TEST(filter_option, chains_keep_their_order_whatever_the_command_line_says) {
   EXPECT_THAT(codes(*s), ElementsAre(4, 5, -5, 6));
   EXPECT_EQ(s->filter_history.param1[2], 0.3f);
   EXPECT_EQ(s->filter_history.param1[3], 5);
+  EXPECT_TRUE(is_of_same_walk(s->filter_history, 3));
+  EXPECT_TRUE(s.user.logged("High-pass filtering done with f0=0.3 and 4 poles"));
+  EXPECT_TRUE(s.user.logged("Low-pass filtering done with f0=5 and 2 poles"));
 }
 
 struct filter_command_test : testing::Test {

@@ -156,6 +156,71 @@ TEST_F(filter_chain_test, replay_gives_the_samples_of_the_chain) {
                                 "- applying compressive transform", " - applying low pass filter"));
 }
 
+TEST_F(filter_chain_test, high_and_low_pass_together_are_one_walk) {
+  const auto tick = [&](float f0_khz, std::int32_t poles, bool low_pass) {
+    s->filter.do_high_pass = true;
+    s->filter.make_low_pass = low_pass;
+    s->filter.bw_f0_khz = f0_khz;
+    s->filter.bw_poles = poles;
+  };
+  tick(0.3f, 3, false);
+  ASSERT_TRUE(run_filter_chain(*s));
+  tick(6, 2, true);
+  ASSERT_TRUE(run_filter_chain(*s));
+  const auto twice = all_samples();
+  const filter_history_table two_walks = s->filter_history;
+
+  record(4, 5000);
+  s->filter.do_notch = true;
+  tick(0.3f, 3, false);
+  s->filter.do_low_pass_too = true;
+  s->filter.low_pass_f0_khz = 6;
+  s->filter.low_pass_poles = 2;
+  interrupt_at("band-pass");
+  EXPECT_FALSE(run_filter_chain(*s));
+  s.user.on_status = nullptr;
+  const auto once = all_samples();
+  std::size_t n_other = 0;
+  for (std::size_t i = 0; i < once.size(); ++i) {
+    // At the ends of a channel two walks fade in and out twice.
+    if (i % 5000 < 100 || i % 5000 >= 4900) continue;
+    ASSERT_LE(std::abs(once[i] - twice[i]), 1) << i;
+    n_other += once[i] != twice[i] ? 1 : 0;
+  }
+  EXPECT_GT(n_other, 0u) << "two walks round twice";
+  EXPECT_THAT(codes(), ElementsAre(5, -5));
+  EXPECT_TRUE(s.user.logged("Low-pass filtering done with f0=6 and 2 poles"));
+  EXPECT_EQ(s->filter.bw_f0_khz, 6);
+  EXPECT_FALSE(s->filter.do_high_pass || s->filter.do_low_pass_too);
+
+  // A replay walks as often as the history says.
+  const filter_history_table one_walk = s->filter_history;
+  const filter_history_table* const histories[] = {&one_walk, &two_walks};
+  for (const filter_history_table* history : histories) {
+    record(4, 5000);
+    s->filter_history = *history;
+    s.user.lines.clear();
+    ASSERT_TRUE(repeat_filtering(*s));
+    EXPECT_TRUE(all_samples() == (history == &one_walk ? once : twice));
+    EXPECT_TRUE(s.user.logged(" - applying high pass filter with 3 poles and f0=0.3"));
+    EXPECT_TRUE(s.user.logged(" - applying low pass filter"));
+    EXPECT_EQ(s->filter.bw_poles, 2);
+    EXPECT_EQ(bar.back().value, bar.back().range);
+  }
+
+  // A mark without its high pass, or with one that makes no sense, is a low pass by itself.
+  record(4, 5000);
+  s->filter_history = one_walk;
+  s->filter_history.param1[1] = -1;
+  EXPECT_FALSE(repeat_filtering(*s));
+  const auto low_alone = all_samples();
+  record(4, 5000);
+  s->filter_history = two_walks;
+  s->filter_history.code[1] = 17;
+  EXPECT_FALSE(repeat_filtering(*s));
+  EXPECT_TRUE(all_samples() == low_alone);
+}
+
 TEST_F(filter_chain_test, a_notch_alone_leaves_its_unused_slots_in_the_settings) {
   s->filter_history.n_entries = 1;
   s->filter_history.code[1] = 6;
@@ -274,6 +339,14 @@ TEST_F(filter_chain_test, a_corner_at_half_the_sampling_frequency_is_refused) {
   EXPECT_TRUE(
       s.user.told("A corner of 50 kHz is not possible: with 25000 Hz it must be below "
                   "12.5 kHz, half the sampling frequency"));
+  // That of a low pass beside a high pass is looked at as well.
+  s->filter.make_low_pass = false;
+  s->filter.do_high_pass = s->filter.do_low_pass_too = true;
+  s->filter.bw_f0_khz = 0.5f;
+  s->filter.low_pass_f0_khz = 12.5f;
+  EXPECT_FALSE(run_filter_chain(*s));
+  EXPECT_TRUE(codes().empty());
+  s->filter.do_low_pass_too = false;
   // The corner of a filter that is not asked for is nobody's concern.
   s->filter.do_high_pass = false;
   EXPECT_TRUE(run_filter_chain(*s));
