@@ -1,6 +1,7 @@
 #include "clustering/membership.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "numerics/simd.h"
 
@@ -32,10 +33,17 @@ bool is_cluster(const session_state& session, std::int32_t cluster) {
 }
 
 std::int32_t count_cluster_events(const session_state& session, std::int32_t cluster) {
+  if (session.event_lists != nullptr) {
+    return static_cast<std::int32_t>(session.event_lists->of(cluster).size());
+  }
   return count_equal(session.events.event_cluster.first(), session.events.n_events, cluster);
 }
 
 std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster) {
+  if (session.event_lists != nullptr) {
+    const std::span<const std::int32_t> listed = session.event_lists->of(cluster);
+    return {listed.begin(), listed.end()};
+  }
   const std::int32_t* of = session.events.event_cluster.first();
   const std::int64_t n = session.events.n_events;
   std::vector<std::int32_t> list;
@@ -62,6 +70,40 @@ std::vector<std::int32_t> count_events_by_cluster(const session_state& session) 
     if (of[e] >= 0 && of[e] <= n) ++sizes[of[e]];
   }
   return sizes;
+}
+
+void list_all_events(const session_state& session, cluster_event_lists& lists) {
+  const event_table& events = session.events;
+  const std::int32_t n_clusters = session.clusters.n_clusters;
+  const auto known = [n_clusters](std::int32_t c) { return c >= 0 && c <= n_clusters; };
+  // Counts stand two places up, so that the second pass leaves each start where it belongs.
+  lists.first.assign(static_cast<std::size_t>(n_clusters) + 3, 0);
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (known(events.event_cluster[e])) ++lists.first[events.event_cluster[e] + 2];
+  }
+  std::partial_sum(lists.first.begin(), lists.first.end(), lists.first.begin());
+  lists.list.resize(static_cast<std::size_t>(lists.first.back()));
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    const std::int32_t c = events.event_cluster[e];
+    if (known(c)) lists.list[lists.first[c + 1]++] = e;
+  }
+}
+
+std::span<const std::int32_t> cluster_event_lists::of(std::int32_t cluster) const {
+  const auto n = static_cast<std::int32_t>(first.size()) - 2;
+  if (cluster < 0 || cluster >= n) return {};
+  const std::int64_t from = first[cluster], to = first[cluster + 1];
+  return {list.data() + from, static_cast<std::size_t>(to - from)};
+}
+
+standing_events::standing_events(session_state& session) : session_(session) {
+  if (session.event_lists != nullptr) return;
+  list_all_events(session, lists_);
+  session.event_lists = &lists_;
+}
+
+standing_events::~standing_events() {
+  if (session_.event_lists == &lists_) session_.event_lists = nullptr;
 }
 
 std::int32_t least_cluster_size(const session_state& session) {

@@ -1,10 +1,12 @@
 // Who belongs to whom: the events of a cluster, and what a cluster's record holds.
 //
 // Nothing here moves a cluster number; sorting/cluster_edits.h does. Counts and lists are
-// plain scans over all events. Reading runs on any thread, changing on one at a time.
+// plain scans over all events, but for work on many clusters that leaves events where they are
+// (standing_events). Reading runs on any thread, changing on one at a time.
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "session/session_state.h"
@@ -19,6 +21,32 @@ std::int32_t count_cluster_events(const session_state& session, std::int32_t clu
 std::vector<std::int32_t> list_cluster_events(const session_state& session, std::int32_t cluster);
 // Events of every cluster in one pass: element c for cluster c, element 0 the unclustered.
 std::vector<std::int32_t> count_events_by_cluster(const session_state& session);
+
+// The events of all clusters, one cluster after the other: those of cluster c, in ascending order,
+// are list[first[c]] .. list[first[c + 1] - 1]; element 0 is the unclustered.
+struct cluster_event_lists {
+  std::vector<std::int64_t> first;
+  std::vector<std::int32_t> list;
+
+  // Empty for what is no cluster.
+  std::span<const std::int32_t> of(std::int32_t cluster) const;
+};
+// In two passes over all events. Events under removal belong nowhere.
+void list_all_events(const session_state& session, cluster_event_lists& lists);
+
+// While one lives, counts and lists of this session's clusters come from lists made at its
+// beginning: a scan over all events for each of a million pairs takes longer than the rest of the
+// work. No event may change its cluster meanwhile. Inside another one it does nothing.
+struct standing_events {
+  explicit standing_events(session_state& session);
+  standing_events(const standing_events&) = delete;
+  standing_events& operator=(const standing_events&) = delete;
+  ~standing_events();
+
+ private:
+  session_state& session_;
+  cluster_event_lists lists_;
+};
 
 // Fewest events that make a cluster: min_cluster_size, and one where the user allows any
 // size, since an empty cluster is none and always goes.

@@ -278,6 +278,7 @@ void calculate_template_centre(session_state& session, std::int32_t cluster) {
 // ---------------------------------------------------------------- all clusters
 
 void calculate_all_templates(session_state& session) {
+  const standing_events standing(session);
   parallel_for(threads_now(session), 1, session.clusters.n_clusters,
                [&](std::int64_t cluster, std::int32_t) {
                  calculate_template(session, static_cast<std::int32_t>(cluster));

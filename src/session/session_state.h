@@ -96,6 +96,8 @@ struct interpolation_tables {
   float gac_table[10001 + 1] = {};    // exp(-k / 500), k = 0..10000, and a 0 behind
 };
 
+struct cluster_event_lists;
+
 struct session_state {
   recording_store recording;
   event_table events;
@@ -140,6 +142,8 @@ struct session_state {
   std::int32_t n_threads = 1;  // threads of parallel loops when multi_threaded_now
   std::int32_t max_clusters = cluster_limit - 1;  // cluster_limit - n_cpus
   logical multi_threaded_now = false;             // what the running operation uses
+  // Set for as long as events stay with their clusters; clustering/membership.h.
+  const cluster_event_lists* event_lists = nullptr;
 };
 
 // Start-up: processors, limits, defaults, interpolation and kernel tables.

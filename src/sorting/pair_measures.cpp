@@ -353,12 +353,14 @@ float doublet_value(const session_state& session, std::int32_t a, std::int32_t b
       50, static_cast<std::int64_t>(static_cast<float>(session.clusters.n_clusters) * 50.0f *
                                     window_ms / 1000.0f));
   std::int32_t after = 0, before = 0, n_a = 0;
+  const std::vector<std::int32_t> events_b = list_cluster_events(session, b);
+  auto first = events_b.begin();
   for (const std::int32_t e : list_cluster_events(session, a)) {
     ++n_a;
-    const std::int64_t first = std::max<std::int64_t>(1, e - span);
-    const std::int64_t last = std::min<std::int64_t>(events.n_events, e + span);
-    for (std::int64_t other = first; other <= last; ++other) {
-      if (events.event_cluster[other] != b) continue;
+    while (first != events_b.end() && *first < e - span) ++first;
+    for (auto other_place = first; other_place != events_b.end() && *other_place <= e + span;
+         ++other_place) {
+      const std::int32_t other = *other_place;
       const float dt = static_cast<float>(events.event_time[other] - events.event_time[e]) *
                        1000.0f / static_cast<float>(r.sampling_frequency);
       if (std::fabs(dt) > window_ms) continue;
@@ -497,14 +499,16 @@ optional_value pc_adjacency(session_state& session, std::int32_t a, std::int32_t
   pair_pc_values(session, a, b, rank, points);
   std::vector<float> xy[2];
   // Rows lie in the order of the events, whichever of the two clusters they belong to.
-  std::int32_t i = 0;
-  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
-    const std::int32_t of = session.events.event_cluster[e];
-    if (of != a && of != b) continue;
-    std::vector<float>& out = xy[of == b];
-    out.push_back(points.row(i)[0]);
-    out.push_back(points.row(i)[1]);
-    ++i;
+  const std::vector<std::int32_t> events_a = list_cluster_events(session, a);
+  const std::vector<std::int32_t> events_b = list_cluster_events(session, b);
+  const auto n = static_cast<std::int32_t>(events_a.size() + events_b.size());
+  std::size_t next_a = 0, next_b = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    const bool of_b = next_a == events_a.size() ||
+                      (next_b < events_b.size() && events_b[next_b] < events_a[next_a]);
+    ++(of_b ? next_b : next_a);
+    xy[of_b].push_back(points.row(i)[0]);
+    xy[of_b].push_back(points.row(i)[1]);
   }
   // Two coordinates to an event.
   if (xy[0].size() < 4 || xy[1].size() < 4) return {false, 0.0f};

@@ -37,6 +37,11 @@ void store_pair(status_lists_table& lists, std::int64_t k, bool dont_overlap, fl
   lists.kv_n_shift_template[k] = shift.n_shift;
 }
 
+// No common channel: nothing to compare, and the shift belongs to b as it does without one.
+void store_pair_apart(status_lists_table& lists, std::int64_t k, std::int32_t b) {
+  store_pair(lists, k, true, 0.0f, -1.0f, {0.0f, b});
+}
+
 // The values of one pair; sizes[c] are the cluster sizes. Every build and update
 // goes through here.
 void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
@@ -44,9 +49,8 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
                   const listed_cluster& listed = {}) {
   const auto [a, b] = pair;
   status_lists_table& lists = session.lists;
-  // No common channel: nothing to compare, and the shift belongs to b as it does without one.
   if (n_common_channels(session, a, b) == 0) {
-    store_pair(lists, k, true, 0.0f, -1.0f, {0.0f, b});
+    store_pair_apart(lists, k, b);
     return;
   }
   const pair_shift shift = template_shift(session, a, b, sizes[a], sizes[b]);
@@ -60,6 +64,46 @@ void compute_pair(session_state& session, std::int64_t k, cluster_pair pair,
   const float overlap =
       listed_cluster_overlap(session, a, b, session.clusters.n_clusters + 1 + rank, shift, listed);
   store_pair(lists, k, false, match.correlation, overlap, shift);
+}
+
+// The clusters that have each channel, ascending.
+std::vector<std::vector<std::int32_t>> clusters_by_channel(const session_state& session) {
+  std::vector<std::vector<std::int32_t>> on(static_cast<std::size_t>(session.recording.n_channels) +
+                                            1);
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    const std::int32_t* const channels = session.templates.channels(c);
+    for (std::int32_t k = 1; k <= session.templates.template_n_channels[c]; ++k) {
+      on[channels[k]].push_back(c);
+    }
+  }
+  return on;
+}
+
+// Pairs with a channel in common are found channel by channel: on a long probe they are few, and
+// grow with the clusters and not with their square. All others get their values here; the pairs
+// that are left to compute are returned in their order.
+std::vector<cluster_pair> fill_pairs_apart(session_state& session) {
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  const std::vector<std::vector<std::int32_t>> on = clusters_by_channel(session);
+  std::vector<cluster_pair> meeting;
+  std::vector<char> meets(static_cast<std::size_t>(n) + 1);
+  std::int64_t k = 0;
+  for (std::int32_t a = 1; a < n; ++a) {
+    std::fill(meets.begin(), meets.end(), char{0});
+    for (std::int32_t i = 1; i <= session.templates.template_n_channels[a]; ++i) {
+      for (const std::int32_t b : on[session.templates.channels(a)[i]]) meets[b] = 1;
+    }
+    for (std::int32_t b = a + 1; b <= n; ++b) {
+      ++k;
+      if (meets[b]) {
+        meeting.push_back({a, b});
+      } else {
+        store_pair_apart(lists, k, b);
+      }
+    }
+  }
+  return meeting;
 }
 
 }  // namespace
@@ -142,14 +186,18 @@ void build_status_lists(session_state& session) {
   // Stays where a pair has not been reached yet, and is no value that a pair can have.
   for (std::int32_t k = 1; k <= lists.n_kv_pairs; ++k) lists.kv_cluster_overlap[k] = -10.0f;
   const std::vector<std::int32_t> sizes = count_events_by_cluster(session);
+  const standing_events standing(session);
+  const std::vector<cluster_pair> meeting = fill_pairs_apart(session);
+  const auto n_meeting = static_cast<std::int64_t>(meeting.size());
   // Dealt one by one: neighbouring pairs share a cluster, and the cost of a large
   // one spreads over the threads.
-  parallel_for_dealt(n_threads, 1, lists.n_kv_pairs, [&](std::int64_t k, std::int32_t rank) {
-    compute_pair(session, k, pair_from_index(n, k), sizes, rank);
+  parallel_for_dealt(n_threads, 1, n_meeting, [&](std::int64_t i, std::int32_t rank) {
+    const cluster_pair pair = meeting[static_cast<std::size_t>(i - 1)];
+    compute_pair(session, pair_index(n, pair.a, pair.b), pair, sizes, rank);
     // The calling thread alone posts; its pairs are spread over the range as the others' are.
     if (rank == 0) {
-      set_progress(session, meter::status_lists,
-                   static_cast<std::int32_t>(100 * k / lists.n_kv_pairs), 100);
+      set_progress(session, meter::status_lists, static_cast<std::int32_t>(100 * i / n_meeting),
+                   100);
     }
   });
   if (!report) return;
@@ -362,6 +410,7 @@ void get_match_lists(session_state& session) {
   lists.n_match = 0;
   lists.match_a.clear();
   lists.match_b.clear();
+  const standing_events standing(session);
   // The pairs are noted first, so that values can be computed in any order after it.
   std::vector<match_entry> entries;
   for (std::int64_t k = 1; k <= lists.n_kv_pairs; ++k) {
@@ -383,6 +432,7 @@ void get_match_lists(session_state& session) {
 void update_match_lists(session_state& session, const std::vector<std::int32_t>& clusters) {
   status_lists_table& lists = session.lists;
   const std::int32_t n = session.clusters.n_clusters;
+  const standing_events standing(session);
   std::vector<char> is_changed(static_cast<std::size_t>(n) + 1);
   for (const std::int32_t c : clusters) is_changed[c] = 1;
   std::vector<match_entry> entries;

@@ -215,6 +215,14 @@ TEST(pairs, numbering_and_samples) {
     EXPECT_EQ(pair_from_index(p.n, p.k).a, p.a);
     EXPECT_EQ(pair_from_index(p.n, p.k).b, p.b);
   }
+  for (const std::int32_t n : {2, 3, 4, 50, 4000}) {
+    for (std::int32_t a = 1, k = 0; a < n; ++a) {
+      for (std::int32_t b = a + 1; b <= n; ++b) {
+        const cluster_pair pair = pair_from_index(n, ++k);
+        ASSERT_TRUE(pair.a == a && pair.b == b) << n << ' ' << k;
+      }
+    }
+  }
   const int samples[][4] = {{510, 1530, 500, 1500},   {5, 100000, 5, 1995},
                             {15, 100000, 10, 1990},   {100000, 15, 1990, 10},
                             {1000, 1000, 1000, 1000}, {1001, 1000, 1000, 999},

@@ -141,6 +141,73 @@ TEST(status_lists, threads_do_not_change_a_bit) {
   EXPECT_TRUE(session.user.logged("kv_n_shift_template values pass test"));
 }
 
+// A long row of sites, each with clusters of its own, of which one is without events.
+void make_long(session_state& session) {
+  make_busy_recording(session, 20, 150000, 43);
+  session.lists.template_shift_on = true;
+  event_table& events = session.events;
+  const std::int32_t n_units = session.clusters.n_clusters;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    std::int32_t& cluster = events.event_cluster[e];
+    if (e % 3 == 0) cluster += n_units;
+    if (e % 17 == 0) cluster = 0;
+    if (cluster == 7) cluster = 8;
+  }
+  session.clusters.n_clusters = 2 * n_units;
+  calculate_all_templates(session);
+}
+
+TEST(status_lists, pairs_that_do_not_meet_need_no_work) {
+  small_session session;
+  make_long(*session);
+  plain_status_lists(*session);
+  const std::size_t n = static_cast<std::size_t>(session->lists.n_kv_pairs) + 1;
+  std::vector<std::vector<char>> plain;
+  const auto each_column = [&](auto&& visit) {
+    for_each_column(
+        [&](auto& column) {
+          const char* const bytes = reinterpret_cast<const char*>(column.base());
+          visit(std::vector<char>(bytes, bytes + sizeof(column[1]) * n));
+        },
+        session->lists);
+  };
+  each_column([&](std::vector<char> column) { plain.push_back(std::move(column)); });
+  for (const std::int32_t n_threads : {1, 2, 5}) {
+    use_threads(*session, n_threads);
+    build_status_lists(*session);
+    std::size_t i = 0;
+    each_column([&](const std::vector<char>& column) {
+      EXPECT_TRUE(column == plain[i]) << "column " << i << ", threads " << n_threads;
+      ++i;
+    });
+    EXPECT_EQ(session->event_lists, nullptr);
+  }
+  std::int32_t n_apart = 0, n_compared = 0;
+  for (std::int32_t k = 1; k < static_cast<std::int32_t>(n); ++k) {
+    n_apart += session->lists.kv_template_correlation[k] == 0.0f;
+    n_compared += !session->lists.kv_templates_dont_overlap[k];
+  }
+  EXPECT_GT(n_apart, 100);
+  EXPECT_GT(n_compared, 20);
+
+  // Every method gives what it gives without lists of events at hand.
+  for (session->review.match_method = 1; session->review.match_method <= 7;
+       ++session->review.match_method) {
+    get_match_lists(*session);
+    const status_lists_table& lists = session->lists;
+    for (std::int32_t i = 1; i <= lists.n_match; ++i) {
+      const std::int32_t a = lists.match_a[i], b = lists.match_b[i];
+      const std::int64_t k = pair_index(session->clusters.n_clusters, a, b);
+      const optional_value value = match_value(
+          *session, a, b, k, {lists.rms_template_shift[k], lists.kv_n_shift_template[k]}, 0);
+      EXPECT_EQ(std::memcmp(&value.value, &lists.match_values[i], sizeof(float)), 0);
+      if (session->review.match_method == match_doublets) {
+        EXPECT_EQ(value.value, plain_doublet_value(*session, a, b, 20.0f)) << a << ' ' << b;
+      }
+    }
+  }
+}
+
 TEST(status_lists, upkeep_equals_a_full_build) {
   small_session session;
   make_aligned(*session);

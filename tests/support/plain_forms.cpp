@@ -384,6 +384,56 @@ void plain_align_events(session_state& session, std::int32_t cluster) {
 
 // ---------------------------------------------------------------- overlap
 
+void plain_status_lists(session_state& session) {
+  status_lists_table& lists = session.lists;
+  const std::int32_t n = session.clusters.n_clusters;
+  for_each_column([](auto& list) { list.clear(); }, lists);
+  lists.n_kv_pairs = n * (n - 1) / 2;
+  for (std::int32_t a = 1, k = 0; a < n; ++a) {
+    for (std::int32_t b = a + 1; b <= n; ++b) {
+      ++k;
+      lists.kv_templates_dont_overlap[k] = true;
+      lists.kv_cluster_overlap[k] = -1.0f;
+      lists.kv_n_shift_template[k] = b;
+      if (n_common_channels(session, a, b) == 0) continue;
+      const pair_shift shift = template_shift(session, a, b, count_cluster_events(session, a),
+                                              count_cluster_events(session, b));
+      const template_overlap match = templates_dont_overlap(session, a, b, shift);
+      lists.kv_template_correlation[k] = match.correlation;
+      if (match.dont_overlap) continue;
+      lists.kv_templates_dont_overlap[k] = false;
+      lists.rms_template_shift[k] = shift.shift;
+      lists.kv_n_shift_template[k] = shift.n_shift;
+      lists.kv_cluster_overlap[k] = cluster_overlap(session, a, b, n + 1, shift);
+    }
+  }
+}
+
+float plain_doublet_value(const session_state& session, std::int32_t a, std::int32_t b,
+                          float window_ms) {
+  const event_table& events = session.events;
+  const auto span = static_cast<std::int32_t>(static_cast<float>(session.clusters.n_clusters) *
+                                              50.0f * window_ms / 1000.0f);
+  std::int32_t after = 0, before = 0;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    for (std::int32_t o = 1; o <= events.n_events; ++o) {
+      if (events.event_cluster[e] != a || events.event_cluster[o] != b) continue;
+      if (std::abs(o - e) > std::max(50, span)) continue;
+      const float dt = static_cast<float>(events.event_time[o] - events.event_time[e]) * 1000.0f /
+                       static_cast<float>(session.recording.sampling_frequency);
+      after += dt <= window_ms && dt > 1.0f;
+      before += dt >= -window_ms && dt < -1.0f;
+    }
+  }
+  const std::int32_t channel = session.templates.centre_channel(b);
+  const float height_a = template_peak_to_peak(session, a, channel);
+  const float height_b = template_peak_to_peak(session, b, channel);
+  const float value =
+      static_cast<float>(after - before) /
+      static_cast<float>(count_cluster_events(session, height_a <= height_b ? a : b));
+  return height_a >= height_b ? value : -value;
+}
+
 float plain_nearest_neighbour_overlap(const std::vector<float>& xyz, std::int32_t dimensions,
                                       std::int32_t n_a, std::int32_t n_b) {
   const std::int32_t n = n_a + n_b;

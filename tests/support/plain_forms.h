@@ -37,6 +37,11 @@ void plain_align_events(session_state& session, std::int32_t cluster);
 // The overlap measure with scalar rows, sums, rotations and search.
 float plain_cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
                             std::int32_t scratch_slot, pair_shift shift);
+// Every pair by itself, whether it meets or not, with scans over all events; marks are cleared.
+void plain_status_lists(session_state& session);
+// doublet_value by looking at every event in the window.
+float plain_doublet_value(const session_state& session, std::int32_t a, std::int32_t b,
+                          float window_ms);
 float plain_nearest_neighbour_overlap(const std::vector<float>& coordinates,
                                       std::int32_t dimensions, std::int32_t n_a, std::int32_t n_b);
 

@@ -10,15 +10,13 @@
 #include <span>
 #include <vector>
 
+#include "clustering/membership.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
 struct cluster_index {
-  // Events of cluster c in ascending order: list[first[c]]..list[first[c + 1] - 1]; element 0
-  // is the unclustered.
-  std::vector<std::int64_t> first;
-  std::vector<std::int32_t> list;
+  cluster_event_lists events;
   std::uint64_t stamp = 0;  // another one whenever the index was made anew; 0: not made yet
   bool valid = false;
 };
