@@ -13,7 +13,7 @@ namespace {
 constexpr double shape_before_ms = 1.0;  // window round time 0
 constexpr double shape_after_ms = 2.8;
 constexpr double attenuation_um = 60;
-constexpr double softening_um = 10;  // a soma is no point: nothing comes nearer
+constexpr double softening_um = 15;  // a soma is no point: nothing comes nearer
 
 // About a sixth of a sample at usual rates.
 constexpr double trace_step_ms = 0.005;
@@ -23,6 +23,8 @@ constexpr std::int32_t trace_steps = 401;
 // Places on the axis, the soma second, in µm.
 constexpr double places[n_compartments] = {-35, 0, 45, 110, 220};
 constexpr double unit_length_um = 40;  // with the conductance 1 between two places
+// Branches grow thin on the way, so that most of the current returns near the soma.
+constexpr double conductance[n_compartments - 1] = {1, 1, 0.4, 0.15};
 
 double flank(double t_ms, double width) {
   const double squares = 0.5 * t_ms * t_ms / width / width;
@@ -50,7 +52,7 @@ current_set currents_at(const cell_model& cell, double t_ms) {
   current_set currents{};
   for (std::int32_t k = 0; k + 1 < n_compartments; ++k) {
     const double length = (places[k + 1] - places[k]) * cell.scale;
-    const double along = (inside[k] - inside[k + 1]) * unit_length_um / length;
+    const double along = (inside[k] - inside[k + 1]) * conductance[k] * unit_length_um / length;
     // What flows on inside has come in through the membrane, and leaves farther on.
     currents.of[k] -= along;
     currents.of[k + 1] += along;
@@ -69,11 +71,12 @@ cell_model random_cell(random_stream& random) {
   cell.fall_ms = fast ? random.uniform(0.12, 0.18) : random.uniform(0.2, 0.4);
   cell.attenuation = random.uniform(0.72, 0.92);
   cell.speed = random.uniform(400, 800);
-  cell.scale = fast ? random.uniform(0.6, 1.0) : random.uniform(0.9, 1.5);
+  cell.scale = fast ? random.uniform(0.5, 0.8) : random.uniform(0.65, 1.0);
   // Dendrites of pyramidal cells run along the probe, give or take; those of others anywhere.
   const double lean = fast ? 3 : 0.5;
+  // None through the probe, which would have torn it: it leaves on the side of the cell.
   double direction[3] = {lean * random.normal(), random.chance(0.5) ? 1.0 : -1.0,
-                         lean * random.normal()};
+                         std::fabs(lean * random.normal())};
   double length = 0;
   for (const double d : direction) length += square(d);
   for (int i = 0; i < 3; ++i) cell.axis[i] = direction[i] / std::sqrt(length);

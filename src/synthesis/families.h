@@ -45,7 +45,7 @@ struct family_options {
   double sway_um = 0;   // amplitude of a sine of 20 s
   // --- noise
   double noise_uv = 8;                 // rms, everything but units and disturbances
-  double field_part = 0.3;             // of the variance, shared by neighbours
+  double field_part = 0.2;             // of the variance, shared by neighbours
   std::int32_t hash_per_channel = 15;  // small units
   double common_part = 0;              // noise on all channels, times noise_uv
   double hum_part = 0;                 // residue of the mains, times noise_uv

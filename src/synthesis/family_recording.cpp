@@ -29,8 +29,8 @@ constexpr std::int32_t chunk = 32 * noise_block;  // samples of a channel made a
 constexpr double least_height_uv = 0.3;           // smaller spikes are not drawn
 constexpr double noisy_factor = 6;                // of a bad channel's own noise
 constexpr double dead_factor = 0.05;              // of all that a dead one should hear
-constexpr double field_reach_um = 60;
-constexpr double farthest_field_um = 150;
+constexpr double field_reach_um = 35;
+constexpr double farthest_field_um = 100;
 constexpr double own_shaking = 0.3;  // of a channel, over what all have in common
 
 // The band of an amplifier for spikes; what reaches a site from afar is slower.
