@@ -63,7 +63,7 @@ constexpr option_row option_rows[] = {
   {flag, takes_skips, "--skip-detection", AT(skip_detection), "", "keep its events"},
   {flag, takes_skips, "--skip-clustering", AT(skip_clustering), "", "keep its clusters too"},
   {text, takes_skips, "--preset", AT(preset),
-      "NAME", "filters and settings that go together: Standard (what is stored), Sensitive; --set and --filter on top of it"},
+      "NAME", "filters and settings that go together: Standard (what is stored), Sensitive, Thorough; --set and --filter on top of it"},
   {text, takes_settings, "--parameters", AT(parameters),
       "FILE", "settings from a kv_parameters.sav"},
   {texts, takes_settings, "--set", AT(set), "NAME=VALUE", "one setting; may be repeated"},

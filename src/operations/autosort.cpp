@@ -14,6 +14,7 @@
 #include "detection/lockout_detector.h"
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
+#include "operations/cleaning.h"
 #include "operations/high_pass_offer.h"
 #include "session/template_window.h"
 #include "signal/thresholds.h"
@@ -441,7 +442,7 @@ bool run_pipeline(session_state& session, clock::time_point begin) {
   say(session, "Beginning autosort");
   const bool detect = !session.strategy.skip_event_detection;
   const bool cluster = !session.strategy.skip_clustering;
-  if (detect && !offer_high_pass(session)) return false;
+  if (detect && (!offer_high_pass(session) || !clean_recording(session))) return false;
   // What follows makes all clusters anew; with neither, the lists and comments still hold.
   if (detect || cluster) {
     clear_status_lists(session);

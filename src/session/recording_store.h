@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "numerics/table.h"
 #include "session/limits.h"
@@ -89,6 +90,12 @@ enum electrode_type_code : std::int32_t {
   electrode_polytrode = 10,
 };
 
+// Samples that were set to zero, since an artefact covers what was there.
+struct blanked_stretch {
+  std::int32_t channel;      // 0: all that were not masked
+  std::int32_t first, last;  // time indices
+};
+
 struct recording_store {
   // --- the files
   std::int32_t file_type = file_type_unknown;   // what was read; written by the open worker alone
@@ -117,6 +124,7 @@ struct recording_store {
   logical common_mean_removed = false;      // likewise
   logical temporal_smoothed = false;        // for information
   logical sample_hold_done = false;         // set by some readers
+  std::vector<blanked_stretch> blanked;     // no data there (signal/blanking.h)
   logical high_pass_offered = false;        // the user is asked once (operations/high_pass_offer.h)
 
   // --- event-based recordings
@@ -149,7 +157,9 @@ struct recording_store {
   table<std::int32_t> chan_sort_order{channel_limit};  // display order along the probe
   table<std::int32_t> channel_map{channel_limit};      // file channel -> program channel
   table<logical> chan_mask{channel_limit};  // true: no part in detection, clustering, templates
-  table<float> chan_noise{channel_limit};   // bits; 0 where it could not be measured
+  // Of these, masked by the last Autosort for what it measured (operations/cleaning.h).
+  std::vector<std::int32_t> masked_by_sort;
+  table<float> chan_noise{channel_limit};  // bits; 0 where it could not be measured
   std::int32_t site_pitch = 0;    // µm, smallest non-zero row distance; 100000 when all are level
   std::int32_t site_columns = 0;  // columns of the probe
   std::int32_t site_x_min = 0, site_x_max = 0, site_y_min = 0, site_y_max = 0;  // µm

@@ -25,6 +25,7 @@ void reset_samples(recording_store& r) {
   std::fill(std::begin(r.record_date), std::end(r.record_date), 0);
   std::fill(std::begin(r.record_time), std::end(r.record_time), 0);
   r.recording_filtered = r.high_pass_offered = false;
+  r.blanked.clear();
   r.means_zeroed = r.common_mean_removed = r.temporal_smoothed = r.sample_hold_done = false;
 }
 
@@ -56,6 +57,7 @@ void reset_electrode(recording_store& r) {
   r.chan_y.clear();
   r.chan_sort_order.clear();
   r.chan_mask.clear();
+  r.masked_by_sort.clear();
   r.chan_noise.clear();
   r.site_pitch = 0;
   r.site_columns = 0;

@@ -110,6 +110,7 @@ struct session_state {
 
   detection_settings detection;
   filter_settings filter;
+  cleaning_settings cleaning;
   sorting_strategy_settings strategy;
   template_pass_settings matching;
   review_settings review;

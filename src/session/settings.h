@@ -65,9 +65,19 @@ struct filter_settings {
   float phase_shift_degs_per_decade = 200.0f;  // degrees per decade of frequency
   logical do_notch = false;                    // 60 Hz and its harmonics to 240 Hz
   logical do_compressive = false;
-  float compressive_75pct_uv = 0;  // µV that come out as three quarters
-  logical do_one_over_f = false;   // no control; reached by a stored history alone
-  logical do_sample_hold = false;  // no control and no operation: readers do it themselves
+  float compressive_75pct_uv = 0;      // µV that come out as three quarters
+  logical do_one_over_f = false;       // no control; reached by a stored history alone
+  logical do_blank_artefacts = false;  // no control; Autosort's cleaning, and a stored history
+  logical do_blank_channels = false;   // likewise
+  logical do_sample_hold = false;      // no control and no operation: readers do it themselves
+};
+
+// What Autosort does to the recording before it looks for events (operations/cleaning.h).
+struct cleaning_settings {
+  logical mask_bad_channels;    // those whose noise stands out
+  logical remove_common_noise;  // the mean of all channels, where they share much noise
+  logical blank_artefacts;      // that are on half of the channels
+  logical blank_by_channel;     // that are on single ones
 };
 
 // Templates, alignment, principal components, clustering, splitting, merging.

@@ -43,6 +43,7 @@ constexpr std::int32_t count_of() {
 // The routine that gives a row its default follows from the record that holds it.
 constexpr setting_group group_of_detection = setting_group::parameters;
 constexpr setting_group group_of_filter = setting_group::parameters;
+constexpr setting_group group_of_cleaning = setting_group::parameters;
 constexpr setting_group group_of_strategy = setting_group::strategy;
 constexpr setting_group group_of_lists = setting_group::strategy;
 constexpr setting_group group_of_matching = setting_group::strategy;
@@ -234,6 +235,10 @@ constexpr setting_row rows[] = {
     SETTING(matching, match_radius_um, 110, 0, 1000, "Template pass: radius of a filter, µm"),
     SETTING(matching, match_detectability, 30, 1, 1000, "Template pass: least squared detectability"),
     SETTING(matching, match_valley, 0.75, 0, 1, "Template pass: valley before the spikes, over their peak"),
+    SETTING(cleaning, mask_bad_channels, 0, 0, 1, "Mask channels whose noise stands out"),
+    SETTING(cleaning, remove_common_noise, 0, 0, 1, "Take out noise that all channels share"),
+    SETTING(cleaning, blank_artefacts, 0, 0, 1, "Blank artefacts on half of the channels"),
+    SETTING(cleaning, blank_by_channel, 0, 0, 1, "Blank artefacts on single channels"),
 
     // --- kv_prefs.sav
     PREFERENCE(pixels_per_um_x, 2.5, 0.1, 10, "Pixels per micron x"),

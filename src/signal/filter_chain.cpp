@@ -7,6 +7,7 @@
 
 #include "session/run_log.h"
 #include "session/settings_table.h"
+#include "signal/blanking.h"
 #include "signal/display_scale.h"
 #include "signal/filter_progress.h"
 #include "signal/frequency_filters.h"
@@ -176,6 +177,12 @@ constexpr filter_operation operations[] = {
        return history_entry{0, f.compressive_75pct_uv, 0};
      },
      "- applying compressive transform", reload_compression},
+    {10, "blanking of artefacts", step_units::hundred, always<blank_artefacts>,
+     ticked<&filter_settings::do_blank_artefacts>, untick<&filter_settings::do_blank_artefacts>,
+     no_parameters, " - blanking artefacts", reload_nothing},
+    {11, "blanking of channels", step_units::hundred, always<blank_channel_artefacts>,
+     ticked<&filter_settings::do_blank_channels>, untick<&filter_settings::do_blank_channels>,
+     no_parameters, " - blanking artefacts on single channels", reload_nothing},
 };
 
 bool is_band_pass(const filter_operation& operation) { return operation.run == band_pass_filter; }

@@ -4,6 +4,7 @@
 
 #include "clustering/membership.h"
 #include "clustering/templates.h"
+#include "signal/blanking.h"
 #include "sorting/status_lists.h"
 
 namespace kestrelvane {
@@ -55,11 +56,13 @@ std::vector<unit_row> make_unit_table(const session_state& session) {
     unit_row unit;
     unit.cluster = c;
     unit.n_events = sizes[i];
-    // Without a duration there is no rate to tell.
-    unit.rate = seconds > 0 ? sizes[i] / seconds : 0.0;
     unit.status = status[i];
     unit.label = session.clusters.cluster_label[c];
     measure_template(session, unit);
+    // Where its channel was blanked nothing could have been found. Without a duration there is no
+    // rate to tell.
+    const double seen = seconds - blanked_seconds(session, unit.channel);
+    unit.rate = seen > 0 ? sizes[i] / seen : 0.0;
     units.push_back(unit);
   }
   return units;

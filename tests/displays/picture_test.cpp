@@ -246,6 +246,22 @@ TEST(picture, ring_grid_bars_and_proto_events) {
   EXPECT_EQ(count_pixels(image, black, QRect(100, 3, 500, 1)), 250);
 }
 
+// Samples 1101 to 1120 of all channels, and 1201 on of channel 3, stand on grey.
+TEST(picture, blanked_stretches_are_seen) {
+  picture_session s;
+  constexpr QRgb band = 0xFFE8E8E8;
+  s->recording.blanked = {{0, 1101, 1120}, {3, 1201, 5000}, {1, 1, 500}};
+  const QImage image = s.draw();
+  EXPECT_EQ(image.pixel(115, 80), white);
+  EXPECT_EQ(image.pixel(116, 80), band);
+  EXPECT_EQ(image.pixel(135, 120), band);
+  EXPECT_EQ(image.pixel(136, 120), white);
+  EXPECT_EQ(image.pixel(400, 150), band);
+  EXPECT_EQ(image.pixel(400, 110), white) << "of the channel before";
+  EXPECT_EQ(image.pixel(400, 170), white);
+  EXPECT_EQ(image.pixel(20, 50), white) << "before the edge";
+}
+
 TEST(picture, labels_stay_readable) {
   picture_session session;
   const auto red_rows = [](const QImage& image) {

@@ -40,6 +40,7 @@ std::vector<char> default_parameters_file() {
   f.i32(1).i32(1).i32(100).i32(1);                      // 97
   f.yes().yes().yes().yes().yes();                      // 101
   f.yes().yes().f32(1000).f32(150);                     // 106
+  f.no().no().no().no();                                // 110 cleaning
   return f.bytes;
 }
 

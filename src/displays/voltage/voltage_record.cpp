@@ -68,6 +68,29 @@ void draw_grid(voltage_painting& p) {
   }
 }
 
+// A band where samples were blanked, across all rows or in that of its channel.
+void draw_blanked(voltage_painting& p) {
+  const std::uint32_t word = p.reversed ? 0x303030 : 0xE8E8E8;
+  for (const blanked_stretch& s : p.session.recording.blanked) {
+    const float from = place_of_sample(p.layout, s.first, p.layout.margin);
+    const float to = place_of_sample(p.layout, s.last + 1, p.layout.margin);
+    const auto left = static_cast<float>(p.layout.margin);
+    const auto right = static_cast<float>(p.layout.trace_end);
+    if (to < left || from >= right) continue;
+    const std::int32_t row = drawn_row(p.layout, s.channel);
+    if (s.channel > 0 && row == 0) continue;
+    const auto x = static_cast<std::int32_t>(std::max(from, left));
+    // A pixel at least, however far the record is zoomed out.
+    const std::int32_t width = std::max(static_cast<std::int32_t>(std::min(to, right)) - x, 1);
+    const std::int32_t half = p.layout.spacing / 2;
+    if (s.channel == 0) {
+      p.fill(x, 0, width, p.layout.height, word);
+    } else {
+      p.fill(x, row_baseline(p.layout, row) - half, width, 2 * half, word);
+    }
+  }
+}
+
 void draw_ring(voltage_painting& p) {
   constexpr std::int32_t radius = 18, n_sides = 16;
   const voltage_view& view = p.session.view;
@@ -357,6 +380,7 @@ drawn_events draw_voltage(session_state& session, QPainter& painter, peak_summar
   clear_picture(p);
   drawn_events drawn;
   if (session.recording.n_samples > 0) {
+    draw_blanked(p);
     if (display.vd_msec_grid) draw_grid(p);
     std::vector<visible_event> events;
     if (display.vd_show_events || display.vd_cluster_numbers) {
