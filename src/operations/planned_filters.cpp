@@ -58,7 +58,7 @@ constexpr filter_word words[] = {
      "compressive:UV",
      {"compressive_75pct_uv", nullptr},
      [](filter_settings& f) { f.do_compressive = true; }},
-    {auto_name, 5, auto_name, {}, false, set_offered_high_pass},
+    {auto_name, 5, auto_name, {}, set_offered_high_pass},
 };
 
 const filter_word* find_word(std::string_view name) {

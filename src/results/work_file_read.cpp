@@ -102,10 +102,22 @@ void read_label(session_state& session, std::int64_t cluster, std::string_view n
   }
 }
 
+// Amplitudes and gains of all events.
+bool read_amplitudes(work_file_source& in, session_state& session, std::int32_t length) {
+  const std::int64_t bytes = 4 * in.counts.of[per_event];
+  if (length != 2 * bytes) return fail(in, fmt::format("has amplitudes of {} bytes", length));
+  return read_bytes(in, session.events.event_amplitude.first(), bytes) &&
+         read_bytes(in, session.events.event_gain.first(), bytes);
+}
+
 bool read_comments(work_file_source& in, session_state& session) {
   while (remaining(in) > 0) {
     std::int32_t length = 0, cluster = 0;
     if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
+    if (cluster == 0) {
+      if (!read_amplitudes(in, session, length)) return false;
+      continue;
+    }
     // The length is that of the field in memory; the number becomes a place in the table.
     const std::int64_t number = std::abs(std::int64_t{cluster});
     if (length < 0 || length > 256 || number < 1 || number > in.counts.of[per_cluster]) {

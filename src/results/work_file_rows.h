@@ -40,7 +40,8 @@ enum class row_form {
   channel_lists,  // for each slot 1..n_channels, every cluster in turn
   positions,      // template_x, template_y of each cluster
   // To the end of the file: length, cluster, text. Of a negative number the text is the label of
-  // the unit, by its name.
+  // the unit, by its name. Of number 0 it is no text: event_amplitude and event_gain of all events,
+  // where the template pass has measured them.
   comments,
 };
 

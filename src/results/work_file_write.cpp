@@ -67,6 +67,12 @@ void write_comments(safe_file& out, const session_state& session) {
     write_value(out, -c);
     write_text(out, name);
   }
+  if (!has_amplitudes(session.events)) return;
+  const std::size_t bytes = 4u * static_cast<std::size_t>(session.events.n_events);
+  write_value(out, static_cast<std::int32_t>(2 * bytes));
+  write_value(out, std::int32_t{0});
+  write_bytes(out, session.events.event_amplitude.first(), bytes);
+  write_bytes(out, session.events.event_gain.first(), bytes);
 }
 
 void write_row(safe_file& out, const session_state& session, const work_file_row& row,

@@ -51,6 +51,14 @@ inline event_table::event_table(std::int64_t capacity) {
   for_each_column([capacity](auto& column) { column.reserve(capacity); }, *this);
 }
 
+// Whether the template pass has measured any of the events.
+inline bool has_amplitudes(const event_table& events) {
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (events.event_amplitude[e] != 0.0f) return true;
+  }
+  return false;
+}
+
 inline void clear_events(event_table& events) {
   events.n_events = 0;
   for_each_column([](auto& column) { column.clear(); }, events);

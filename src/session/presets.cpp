@@ -24,11 +24,13 @@ constexpr preset_setting sensitive_settings[] = {
     {"lockout_ms", 0.3},
 };
 
-// Sensitive's, and in front of them what would otherwise cost units, or make false ones.
+// Sensitive's, in front of them what would otherwise cost units or make false ones, and the pass
+// that finds the spikes which no threshold can.
 constexpr preset_setting thorough_settings[] = {
     {"mask_bad_channels", 1},
     {"remove_common_noise", 1},
     {"blank_artefacts", 1},
+    {"template_pass", 1},
     {"detection_method", method_bipolar},
     {"threshold_mode", threshold_variable},
     {"variable_multiplier", 5},
@@ -48,7 +50,8 @@ constexpr sort_preset presets[] = {
      wide_band, sensitive_settings},
     {"Thorough",
      "Sensitive, on a recording that is cleaned first: bad channels are masked, common noise is "
-     "taken out, artefacts are blanked. Changes the samples.",
+     "taken out, artefacts are blanked; in the end each unit's waveform finds the spikes that were "
+     "missed or lie on one another. Changes the samples.",
      wide_band, thorough_settings},
 };
 

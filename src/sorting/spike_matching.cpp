@@ -16,6 +16,8 @@ constexpr std::int32_t bin_samples = 16;
 // A spike must show on its channels as such, and not only in the filter: the shape times the
 // voltage over what a spike of that amplitude would give.
 constexpr float least_likeness = 0.6f;
+// Amplitudes above the mean that are usual in a unit, times their deviation.
+constexpr float usual_deviations = 1.0f;
 
 // ---------------------------------------------------------------- neighbours
 
@@ -202,13 +204,16 @@ KESTRELVANE_CLONES void subtract(float* x, const float* shape, float amplitude, 
   for (std::int32_t q = 0; q < n; ++q) x[q] -= amplitude * shape[q];
 }
 
-// Takes a spike out of the voltages and of all scores that it is part of.
+// Takes a spike out of the voltages and of all scores that it is part of. One that is larger than
+// its unit's spikes are may be two, the other under it: what goes beyond is left for that one.
 void take_out(const stretch& s, const found_spike& spike) {
+  const float amplitude =
+      std::min(spike.amplitude, 1.0f + usual_deviations * s.set.limits.amplitude_sd);
   const unit_filter& unit = s.set.units[static_cast<std::size_t>(spike.unit)];
   const std::int32_t points = s.set.window.points;
   const float* shape = unit.at_phase(spike.phase, points);
   for (const std::int32_t c : unit.subtracted) {
-    subtract(s.voltage(c) + spike.time - s.set.window.before, shape, spike.amplitude, points);
+    subtract(s.voltage(c) + spike.time - s.set.window.before, shape, amplitude, points);
     shape += points;
   }
   const auto n_lags = static_cast<std::int32_t>(s.set.lags());
@@ -217,7 +222,7 @@ void take_out(const stretch& s, const found_spike& spike) {
   for (const matching_neighbour& near : s.set.neighbours[static_cast<std::size_t>(spike.unit)]) {
     const float* table =
         s.set.tables.data() + near.scores + (spike.phase + match_half_phases) * n_lags + points - 1;
-    subtract(s.scores(near.unit) + first, table + first - spike.time, spike.amplitude,
+    subtract(s.scores(near.unit) + first, table + first - spike.time, amplitude,
              last - first + 1);
     // A sample more on either side: it may have become a peak by its neighbour's fall.
     const std::int32_t to = std::min(s.n - 1, last + 1) / bin_samples;

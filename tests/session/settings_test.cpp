@@ -40,7 +40,9 @@ std::vector<char> default_parameters_file() {
   f.i32(1).i32(1).i32(100).i32(1);                      // 97
   f.yes().yes().yes().yes().yes();                      // 101
   f.yes().yes().f32(1000).f32(150);                     // 106
-  f.no().no().no().no();                                // 110 cleaning
+  f.no().f32(16).f32(0.15).f32(0.65).f32(1.6);          // 110 template pass
+  f.f32(10).f32(110).f32(30).f32(0.75);                 // 115
+  f.no().no().no().no();                                // 119 cleaning
   return f.bytes;
 }
 

@@ -11,10 +11,12 @@
 #include "detection/sample_test.h"
 #include "operations/autosort.h"
 #include "operations/preset_sort.h"
+#include "review/recorded_edit.h"
 #include "session/presets.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
 #include "sorting/status_lists.h"
+#include "sorting/undo_state.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/display_controls.h"
@@ -48,7 +50,10 @@ struct autosort_window {
   QCheckBox* skip_detection = nullptr;
   QCheckBox* skip_clustering = nullptr;
   QGroupBox *detection_box = nullptr, *clustering_box = nullptr, *merging_box = nullptr;
+  QGroupBox* template_box = nullptr;
   QProgressBar *detection_bar = nullptr, *cluster_bar = nullptr, *merge_bar = nullptr;
+  QProgressBar* template_bar = nullptr;
+  QPushButton* take_back = nullptr;
   QLabel *events_found = nullptr, *current_cluster = nullptr, *clusters_found = nullptr;
   QLabel *stable_clusters = nullptr, *current_pair = nullptr, *elapsed = nullptr;
   QLabel* message = nullptr;
@@ -227,6 +232,20 @@ QGroupBox* merging_section(autosort_window& a) {
   return a.merging_box = titled_box("Merge and Split", rows);
 }
 
+QGroupBox* template_section(autosort_window& a) {
+  auto* row = new QHBoxLayout;
+  row->addWidget(logical_control(
+      a.form, "template_pass", "Reclaim spikes by templates",
+      "At the end, search the recording with the waveform of each unit: finds spikes below the "
+      "threshold and under others, follows units that move, and takes out units that are none"));
+  row->addWidget(a.template_bar = make_bar("template_meter", 1000), 1);
+  a.take_back = new QPushButton("&Take back");
+  a.take_back->setObjectName("undo_template_pass");
+  a.take_back->setToolTip("The sort as it was before its spikes were reclaimed by templates");
+  row->addWidget(a.take_back);
+  return a.template_box = titled_box("Template pass", row);
+}
+
 QLayout* pc_scale_row(workstation& w) {
   auto* slider = new QSlider(Qt::Horizontal);
   slider->setObjectName("pc_display_scale");
@@ -247,6 +266,7 @@ void follow_run(const autosort_window& a) {
           {meter::clusters, a.cluster_bar},
           {meter::status_lists, a.cluster_bar},
           {meter::merge_and_sort, a.merge_bar},
+          {meter::template_pass, a.template_bar},
           {meter::filtering, a.detection_bar}},
          {{status_field::message, a.message},
           {status_field::events_found, a.events_found},
@@ -299,6 +319,20 @@ bool leave_settings(autosort_window& a) {
   if (!store_settings(a)) return false;
   release_preset(a.w.session, a.hold);
   return true;
+}
+
+// The sort before the pass can be had back until something else is saved for undo.
+void show_take_back(const autosort_window& a) {
+  a.take_back->setEnabled(!a.dialog->running() && can_undo(a.w.session, undo_owner::template_pass));
+}
+
+void take_back_pass(const shared_autosort& a) {
+  a->dialog->run(
+      [](session_state& session) { restore_recorded(session, undo_owner::template_pass); },
+      [a] {
+        a->message->setText("The sort is the one before the template pass");
+        a->clusters_found->setText(QString::number(a->w.session.clusters.n_clusters));
+      });
 }
 
 void start_run(const shared_autosort& a) {
@@ -356,6 +390,9 @@ void share_out_controls(const autosort_window& a) {
   for (const QGroupBox* box : {a.detection_box, a.clustering_box, a.merging_box}) {
     a.dialog->disabled_while_running << inputs_of(box);
   }
+  if (auto* tick = a.template_box->findChild<QCheckBox*>("template_pass")) {
+    a.dialog->disabled_while_running << tick;
+  }
   a.dialog->enabled_while_running << a.interrupt;
 }
 
@@ -407,6 +444,8 @@ void connect_run(const shared_autosort& a) {
   QObject::connect(a->skip_clustering, &QCheckBox::toggled, dialog, [a] { grey_sections(*a); });
   QObject::connect(a->start, &QPushButton::clicked, dialog, [a] { begin_run(a); });
   QObject::connect(a->interrupt, &QPushButton::clicked, dialog, [a] { request_interrupt(*a); });
+  QObject::connect(a->take_back, &QPushButton::clicked, dialog, [a] { take_back_pass(a); });
+  QObject::connect(dialog, &operation_dialog::running_changed, dialog, [a] { show_take_back(*a); });
   QObject::connect(a->next, &QPushButton::clicked, dialog, [a] {
     if (leave_settings(*a)) a->dialog->done(asks_for_next);
   });
@@ -491,6 +530,7 @@ void autosort_command(workstation& w) {
   layout->addWidget(detection_section(*a));
   layout->addWidget(clustering_section(*a));
   layout->addWidget(merging_section(*a));
+  layout->addWidget(template_section(*a));
   layout->addLayout(pc_scale_row(w));
   a->message = new QLabel;
   a->message->setObjectName("message");
@@ -501,6 +541,7 @@ void autosort_command(workstation& w) {
   load_preset(*a);
   show_threshold_value(*a);
   grey_sections(*a);
+  show_take_back(*a);
   follow_run(*a);
   connect_run(a);
   QObject::connect(dialog, &QDialog::finished, w.frame, [a](int result) {

@@ -1,0 +1,414 @@
+// The template pass on planted recordings: small ones, whose every spike is known.
+#include "sorting/template_pass.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+
+#include "clustering/templates.h"
+#include "signal/noise.h"
+#include "sorting/matched_trains.h"
+#include "sorting/tracked_units.h"
+#include "sorting/undo_state.h"
+#include "sorting/unit_joins.h"
+#include "support/small_session.h"
+
+namespace kestrelvane {
+namespace {
+
+using test::make_recording;
+using test::small_session;
+using test::use_threads;
+
+constexpr double noise_bits = 20;
+
+double bell(test::vector_random& random) {
+  double sum = 0;
+  for (int i = 0; i < 12; ++i) {
+    sum += static_cast<double>(random.next() >> 8) / static_cast<double>(1 << 23) - 0.5;
+  }
+  return sum;
+}
+
+// A cell: a trough and what follows it, largest on one site and falling to the sides.
+struct planted_cell {
+  std::int32_t channel;
+  double size;          // bits
+  double width = 4;     // samples
+  double reach = 0.45;  // of the size, one site further
+  double at(std::int32_t c, double t) const {
+    const double here = size * std::pow(reach, std::abs(c - channel));
+    return here * (0.45 * std::exp(-std::pow((t - 2.5 * width) / (2 * width), 2)) -
+                   std::exp(-std::pow(t / width, 2)));
+  }
+};
+
+struct planted_spike {
+  double time;
+  std::int32_t cell;  // from 0
+};
+
+struct planted_session {
+  small_session s;
+  std::vector<planted_spike> spikes;
+
+  planted_session(std::int32_t n_channels, std::int32_t seconds, std::uint32_t seed) {
+    make_recording(*s, n_channels, seconds * 25'000);
+    s->detection.noise_method = 2;
+    test::vector_random random(seed);
+    recording_store& r = s->recording;
+    for (std::int32_t c = 1; c <= n_channels; ++c) {
+      for (std::int32_t t = 1; t <= r.n_samples; ++t) {
+        r.vd.channel(c)[t] = static_cast<std::int16_t>(std::lround(noise_bits * bell(random)));
+      }
+    }
+    compute_noise(*s);
+    s->matching.template_pass = true;
+  }
+  void plant(const planted_cell& cell, double time, std::int32_t number) {
+    recording_store& r = s->recording;
+    for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+      for (auto t = static_cast<std::int32_t>(time) - 30; t < time + 60; ++t) {
+        if (t < 1 || t > r.n_samples) continue;
+        std::int16_t& v = r.vd.channel(c)[t];
+        v = static_cast<std::int16_t>(std::lround(v + cell.at(c, t - time)));
+      }
+    }
+    spikes.push_back({time, number});
+  }
+  // A sort that has every `each`-th spike of a cell in the cluster that cluster_of names.
+  template <typename Cluster>
+  void sort_known(std::int32_t each, Cluster&& cluster_of) {
+    event_table& e = s->events;
+    std::sort(spikes.begin(), spikes.end(),
+              [](const auto& a, const auto& b) { return a.time < b.time; });
+    std::int32_t n_clusters = 0;
+    for (std::size_t i = 0; i < spikes.size(); ++i) {
+      if (i % static_cast<std::size_t>(each) != 0) continue;
+      const std::int32_t n = ++e.n_events;
+      e.event_time[n] = static_cast<std::int32_t>(spikes[i].time);
+      e.event_shift[n] = static_cast<float>(spikes[i].time - e.event_time[n]);
+      e.event_detected_time[n] = e.event_time[n];
+      e.event_channel[n] = 1;
+      e.event_cluster[n] = cluster_of(spikes[i]);
+      n_clusters = std::max(n_clusters, e.event_cluster[n]);
+    }
+    s->clusters.n_clusters = n_clusters;
+    s->clusters.current_cluster = 1;
+    calculate_all_templates(*s);
+  }
+};
+
+// Of the planted spikes of a cell those that a cluster has within 0.1 ms.
+double part_found(const planted_session& p, std::int32_t cell, std::int32_t cluster) {
+  const event_table& e = p.s.state->events;
+  double n = 0, found = 0;
+  for (const planted_spike& spike : p.spikes) {
+    if (spike.cell != cell) continue;
+    ++n;
+    for (std::int32_t i = 1; i <= e.n_events; ++i) {
+      const double t = e.event_time[i] + static_cast<double>(e.event_shift[i]);
+      if (e.event_cluster[i] == cluster && std::fabs(t - spike.time) <= 2.5) {
+        ++found;
+        break;
+      }
+    }
+  }
+  return found / n;
+}
+
+double regular(std::int32_t i, double step, test::vector_random& random) {
+  return 3000 + i * step + 0.4 * step * bell(random) / 4;
+}
+
+TEST(TemplatePass, FindsOverlappingSpikesAndThoseThatDetectionMissed) {
+  planted_session p(8, 40, 11);
+  const planted_cell cells[] = {{3, 220}, {4, 160, 5}};
+  test::vector_random random(3);
+  for (std::int32_t i = 0; i < 300; ++i) {
+    const double t = regular(i, 3300, random);
+    p.plant(cells[0], t, 0);
+    p.plant(cells[1], t + 1500, 1);
+    // Every third pair lies 0 to 1 ms apart.
+    if (i % 3 == 0) p.plant(cells[1], t + i / 3 % 26, 2);
+  }
+  p.sort_known(2, [](const planted_spike& spike) { return std::min(spike.cell, 1) + 1; });
+  ASSERT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  ASSERT_EQ(p.s->clusters.n_clusters, 2);
+  EXPECT_GE(part_found(p, 0, 1), 0.97);
+  EXPECT_GE(part_found(p, 1, 2), 0.97);
+  EXPECT_GE(part_found(p, 2, 2), 0.9) << "of overlapping ones";
+  EXPECT_EQ(check_session(*p.s), "");
+  // Large as planted, within the spread of their noise.
+  double sum = 0, n = 0;
+  for (std::int32_t e = 1; e <= p.s->events.n_events; ++e) {
+    if (p.s->events.event_cluster[e] != 1) continue;
+    sum += static_cast<double>(p.s->events.event_amplitude[e]);
+    ++n;
+  }
+  EXPECT_NEAR(sum / n, 1.0, 0.03);
+  // And the sort before it can be had back.
+  const std::int32_t n_events = p.s->events.n_events;
+  ASSERT_TRUE(restore_undo_state(*p.s, undo_owner::template_pass));
+  EXPECT_LT(p.s->events.n_events, n_events);
+  EXPECT_EQ(p.s->events.event_amplitude[1], 0);
+}
+
+TEST(TemplatePass, NoiseIsNoUnitHalvesAreOneAndTwoStayTwo) {
+  planted_session p(8, 60, 12);
+  // Two of one shape at distance 6: 36 times the noise, squared, by their sizes on one site more.
+  const planted_cell cells[] = {{2, 200}, {6, 200}, {6, 200, 4, 0.62}};
+  test::vector_random random(4);
+  for (std::int32_t i = 0; i < 400; ++i) {
+    p.plant(cells[0], regular(i, 3600, random), 0);
+    p.plant(cells[1], regular(i, 3600, random) + 900, 1);
+    p.plant(cells[2], regular(i, 3600, random) + 1900, 2);
+    p.spikes.push_back({static_cast<double>(random.next() % 1'400'000) + 100, 3});  // of nothing
+  }
+  const double middle = 30 * 25'000;
+  p.sort_known(1, [middle](const planted_spike& spike) {
+    // The first cell in two halves, 1 and 2; the others 3 and 4; noise 5.
+    return spike.cell == 0 ? (spike.time < middle ? 1 : 2) : spike.cell + 2;
+  });
+  ASSERT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  ASSERT_EQ(p.s->clusters.n_clusters, 3);
+  for (std::int32_t cell = 0; cell < 3; ++cell) {
+    EXPECT_GE(part_found(p, cell, cell + 1), 0.95) << cell;
+  }
+}
+
+TEST(TemplatePass, FollowsAUnitThatMovesFromSiteToSite) {
+  planted_session p(8, 80, 13);
+  test::vector_random random(6);
+  for (std::int32_t i = 0; i < 700; ++i) {
+    const double t = regular(i, 2800, random);
+    // From site 3 to site 4 and a half, its size on each following a bell of distance.
+    const double place = 3 + 1.5 * t / (80 * 25'000.0);
+    for (std::int32_t c = 1; c <= 8; ++c) {
+      const double size = 260 * std::exp(-std::pow((c - place) / 1.1, 2));
+      p.plant({c, size, 4, 0}, t, c == 1 ? 0 : -1);
+    }
+  }
+  std::erase_if(p.spikes, [](const planted_spike& s) { return s.cell < 0; });
+  // The sort knows the first quarter alone.
+  p.sort_known(1, [](const planted_spike& spike) { return spike.time < 500'000 ? 1 : 0; });
+  ASSERT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  ASSERT_EQ(p.s->clusters.n_clusters, 1);
+  EXPECT_GE(part_found(p, 0, 1), 0.95);
+}
+
+// ---------------------------------------------------------------- sameness, interruption
+
+struct sort_bytes {
+  std::vector<std::int32_t> words;
+  std::vector<float> values;
+  bool operator==(const sort_bytes&) const = default;
+};
+sort_bytes bytes_of(const session_state& session) {
+  sort_bytes out;
+  const event_table& e = session.events;
+  for (std::int32_t i = 1; i <= e.n_events; ++i) {
+    out.words.insert(out.words.end(), {e.event_time[i], e.event_channel[i], e.event_cluster[i]});
+    out.values.insert(out.values.end(), {e.event_shift[i], e.event_amplitude[i], e.event_gain[i]});
+  }
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    const float* mean = session.templates.mean(c, 3);
+    out.values.insert(out.values.end(), mean + 1, mean + 1 + session.templates.template_points);
+  }
+  return out;
+}
+
+planted_session* make_pair_session() {
+  auto* p = new planted_session(8, 30, 14);
+  test::vector_random random(8);
+  for (std::int32_t i = 0; i < 250; ++i) {
+    p->plant({3, 180}, regular(i, 2900, random), 0);
+    p->plant({5, 140, 5}, regular(i, 2900, random) + 30, 1);
+  }
+  p->sort_known(1, [](const planted_spike& spike) { return spike.cell + 1; });
+  return p;
+}
+
+TEST(TemplatePass, GivesTheSameBitsAtAnyThreadCount) {
+  sort_bytes first;
+  for (const std::int32_t n : {1, 2, 7}) {
+    const std::unique_ptr<planted_session> p(make_pair_session());
+    use_threads(*p->s, n);
+    ASSERT_EQ(run_template_pass(*p->s), template_pass_end::done);
+    if (n == 1) first = bytes_of(*p->s);
+    EXPECT_EQ(bytes_of(*p->s), first) << n;
+  }
+}
+
+TEST(TemplatePass, InterruptedAtAnyPollLeavesTheSortAsItWas) {
+  const std::unique_ptr<planted_session> p(make_pair_session());
+  const sort_bytes before = bytes_of(*p->s);
+  for (std::int64_t poll = 1;; ++poll) {
+    long_operation_flags& flags = p->s->operation;
+    set_interrupts(flags, false);
+    flags.polls = 0;
+    flags.interrupt_at_poll = poll;
+    const template_pass_end end = run_template_pass(*p->s);
+    ASSERT_EQ(check_session(*p->s), "");
+    if (end == template_pass_end::done) break;
+    EXPECT_EQ(end, template_pass_end::interrupted);
+    EXPECT_EQ(bytes_of(*p->s), before) << poll;
+    ASSERT_LT(poll, 100);
+  }
+}
+
+TEST(TemplatePass, RefusesWhatItCannotSearch) {
+  small_session s;
+  EXPECT_EQ(run_template_pass(*s), template_pass_end::not_possible);
+  make_recording(*s, 4, 1000);
+  EXPECT_EQ(run_template_pass(*s), template_pass_end::not_possible);
+  s->clusters.n_clusters = 1;
+  s->recording.is_continuous = false;
+  EXPECT_EQ(run_template_pass(*s), template_pass_end::not_possible);
+}
+
+// ---------------------------------------------------------------- parts
+
+TEST(MatchedFilter, SolvesTheNoiseAndAnswersItsShapeWithItsEnergy) {
+  planted_session p(6, 20, 15);
+  const match_window window = window_for_matching(*p.s);
+  EXPECT_EQ(window.before, 20);
+  EXPECT_EQ(window.points, 50);
+  const noise_covariance noise = measure_noise_covariance(*p.s, window.points);
+  spike_shape shape;
+  shape.count = 100;
+  const planted_cell cell{3, 200};
+  for (std::int32_t c = 1; c <= 6; ++c) {
+    shape.channels.push_back(c);
+    for (std::int32_t q = 0; q < window.points; ++q) {
+      shape.values.push_back(static_cast<float>(cell.at(c, q - window.before) / noise_bits));
+    }
+  }
+  unit_filter filter;
+  filter.channels = filter.subtracted = shape.channels;
+  make_filter(noise, shape, window, {}, filter);
+  std::vector<float> back;
+  multiply_by_noise(noise, filter.channels, filter.weights, back);
+  const float* faded = filter.at_phase(0, window.points);
+  double off = 0, all = 0;
+  for (std::size_t i = 0; i < back.size(); ++i) {
+    off += std::pow(static_cast<double>(back[i] - faded[i]), 2);
+    all += std::pow(static_cast<double>(faded[i]), 2);
+  }
+  EXPECT_LT(std::sqrt(off / all), 2e-3);
+  // White noise and the ridge: the energy of the shape over 1.1.
+  EXPECT_NEAR(filter.energy, static_cast<double>(filter.square) / 1.1, 0.05 * filter.energy);
+
+  // The shape alone, in the middle of nothing; scores against their plain sums.
+  constexpr std::int32_t n = 300, front = 64;
+  std::vector<std::vector<float>> rows(6, std::vector<float>(n + 4 * front));
+  std::vector<const float*> x;
+  for (std::size_t c = 0; c < 6; ++c) {
+    for (std::int32_t q = 0; q < window.points; ++q) {
+      rows[c][static_cast<std::size_t>(front + 150 - window.before + q)] =
+          faded[c * static_cast<std::size_t>(window.points) + static_cast<std::size_t>(q)];
+    }
+    x.push_back(rows[c].data() + front);
+  }
+  std::vector<float> scores(n + 64), plain(n);
+  score_stretch(filter, window, x, n, scores.data());
+  for (std::int32_t t = 0; t < n; ++t) {
+    float sum = 0;
+    for (std::size_t r = 0; r < filter_rank; ++r) {
+      for (std::int32_t q = 0; q < window.points; ++q) {
+        float mixed = 0;
+        for (std::size_t c = 0; c < 6; ++c) {
+          mixed += filter.spatial[r * 6 + c] * x[c][t - window.before + q];
+        }
+        sum += filter.temporal[r * static_cast<std::size_t>(window.points) +
+                               static_cast<std::size_t>(q)] *
+               mixed;
+      }
+    }
+    plain[static_cast<std::size_t>(t)] = sum;
+  }
+  scores.resize(n);
+  EXPECT_EQ(scores, plain);
+  EXPECT_EQ(std::max_element(plain.begin(), plain.end()) - plain.begin(), 150);
+  EXPECT_NEAR(static_cast<double>(plain[150]), filter.energy, 1e-3 * filter.energy);
+}
+
+TEST(MatchedFilter, ReadsBetweenSamples) {
+  std::vector<float> x(80), out(40);
+  const auto wave = [](double t) { return std::sin(2 * std::numbers::pi * t * 4 / 25 + 0.3); };
+  for (std::size_t t = 0; t < x.size(); ++t)
+    x[t] = static_cast<float>(wave(static_cast<double>(t)));
+  for (std::int32_t p = -match_half_phases; p <= match_half_phases; ++p) {
+    shift_by_phase(x.data() + 20, p, 40, out.data());
+    for (std::int32_t q = 0; q < 40; ++q) {
+      EXPECT_NEAR(static_cast<double>(out[static_cast<std::size_t>(q)]), wave(20 + q + p / 8.0),
+                  0.01)
+          << p;
+    }
+  }
+}
+
+TEST(UnitJoins, CountsCrossingsAndFindsTheWayOfTheTissue) {
+  // 25 samples to the ms: 13 to 50 apart cross, 12 and 51 do not.
+  const std::vector<std::int32_t> a = {1000, 2000, 3000, 4000};
+  const std::vector<std::int32_t> b = {1012, 2013, 2950, 4051};
+  const train_crossing c = count_crossings(a, b, 250'000, 25'000);
+  EXPECT_EQ(c.observed, 2);
+  EXPECT_NEAR(c.expected, 16 * 2 * 1.5 / 10'000, 1e-9);
+  EXPECT_TRUE(trains_cross({5, 2}));
+  EXPECT_FALSE(trains_cross({4.9, 4}));
+  EXPECT_FALSE(trains_cross({5, 1.9}));
+
+  // Eight units that go along with a step of 8 µm, two of them seen on one side only.
+  std::vector<tracked_unit> units(10);
+  for (std::int32_t u = 0; u < 10; ++u) {
+    units[u].filter.energy = 100;
+    units[u].first_segment = u == 9 ? 3 : 0;
+    for (std::int32_t s = units[u].first_segment; s < (u == 8 ? 3 : 6); ++s) {
+      units[u].depths.push_back(static_cast<float>(100 * u) + (s >= 3 ? 8.0f : 0.0f));
+    }
+  }
+  const std::vector<float> motion = find_motion(units, 6);
+  EXPECT_EQ(motion, (std::vector<float>{0, 0, 0, 8, 8, 8}));
+  EXPECT_EQ(home_depth(units[9], motion), 900);
+}
+
+TEST(MatchedTrains, CutAtTheValleyAndLeaveOneOfTwo) {
+  tracked_unit unit;
+  unit.filter.energy = 100;
+  // Noise falling from the threshold at 0.4, spikes round 1.
+  const int counts[] = {60, 40, 20, 8, 2, 0, 0, 1, 4, 12, 30, 50, 60, 50, 30, 12, 4, 1};
+  for (std::size_t i = 0; i < std::size(counts); ++i) {
+    for (int k = 0; k < counts[i]; ++k) {
+      tracked_spike s;
+      s.ratio = 0.41f + 0.05f * static_cast<float>(i);
+      unit.spikes.push_back(s);
+      unit.energy_sum += 100;
+    }
+  }
+  const score_cut cut = find_cut(unit, 0.4);
+  EXPECT_GT(cut.ratio, 0.6);
+  EXPECT_LT(cut.ratio, 0.8);
+  EXPECT_LT(cut.valley, 0.1);
+  for (tracked_spike& s : unit.spikes) s.ratio = 0.45f;
+  EXPECT_EQ(find_cut(unit, 0.4).valley, 1) << "no spike of the unit's size";
+
+  tracking_rules rules;
+  rules.half_ms = 13;
+  std::vector<tracked_spike> spikes(4);
+  const std::int32_t times[] = {100, 110, 123, 140};
+  const float gains[] = {3, 5, 4, 1};
+  for (std::size_t i = 0; i < 4; ++i) {
+    spikes[i].time = times[i];
+    spikes[i].gain = gains[i];
+  }
+  remove_doubles(rules, spikes);
+  ASSERT_EQ(spikes.size(), 3u);
+  EXPECT_EQ(spikes[0].time, 110);
+  EXPECT_EQ(spikes[1].time, 123);
+}
+
+}  // namespace
+}  // namespace kestrelvane
