@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "clustering/alignment_scores.h"
+#include "clustering/deferred_templates.h"
 #include "clustering/membership.h"
 #include "clustering/template_sums.h"
 #include "clustering/templates.h"
@@ -129,13 +130,20 @@ float find_feature_point(const template_view& view, std::int32_t mode) {
   return sum / weight;
 }
 
-// Centre of gravity of squared voltage, or of squared curvature.
+// Centre of gravity of squared voltage, or of squared curvature, over the channels made; certain is
+// false when the channels that are missing may tell in the last bit of it.
 // 0 when the template is flat.
-float find_gravity_point(const template_view& view, std::int32_t mode) {
-  double moment = 0.0, mass = 0.0;
+float find_gravity_point(const template_view& view, std::int32_t mode,
+                         const partial_template& partial, bool& certain) {
+  double moment = 0.0, mass = 0.0, missing = 0.0;
   // A curvature needs a neighbour on both sides.
   const std::int32_t margin = mode == align_gravity ? 0 : 1;
   for (std::int32_t channel = 1; channel <= view.session.recording.n_channels; ++channel) {
+    if (!partial.made[channel]) {
+      const double height = (mode == align_gravity ? 1.0 : 4.0) * double{partial.bound[channel]};
+      missing += double{distance_weight(view, channel)} * view.points * height * height;
+      continue;
+    }
     const float* v = view.on(channel);
     const float gain = distance_weight(view, channel);
     for (std::int32_t p = 1 + margin; p <= view.points - margin; ++p) {
@@ -145,11 +153,21 @@ float find_gravity_point(const template_view& view, std::int32_t mode) {
       mass += w;
     }
   }
-  return mass > 0.0 ? static_cast<float>(moment / mass) : 0.0f;
+  const float point = mass > 0.0 ? static_cast<float>(moment / mass) : 0.0f;
+  if (missing > 0.0) {
+    // Where the whole sums lie: each of their terms may be rounded, and what is missing is at one
+    // end of the window or the other.
+    const double rounding = 0x1p-52 * view.points * view.session.recording.n_channels;
+    const double low = moment * (1.0 - rounding) / (mass * (1.0 + rounding) + missing);
+    const double high =
+        (moment * (1.0 + rounding) + missing * view.points) / (mass * (1.0 - rounding));
+    certain = mass > 0.0 && static_cast<float>(low) == point && static_cast<float>(high) == point;
+  }
+  return point;
 }
 
-// The common shift of a template that has just been calculated.
-float find_template_shift(const session_state& session, std::int32_t cluster) {
+// The common shift of a template that has just been calculated, on some channels or on all.
+float find_template_shift(session_state& session, std::int32_t cluster, partial_template& partial) {
   const template_view view{session, cluster, session.templates.template_points,
                            session.templates.centre_channel(cluster)};
   const std::int32_t mode = session.strategy.template_align_mode;
@@ -159,7 +177,12 @@ float find_template_shift(const session_state& session, std::int32_t cluster) {
   } else if (mode >= align_rising_crossing && mode <= align_fall) {
     p = find_feature_point(view, mode);
   } else if (mode == align_gravity || mode == align_curvature) {
-    p = find_gravity_point(view, mode);
+    bool certain = true;
+    p = find_gravity_point(view, mode, partial, certain);
+    if (!certain) {
+      make_whole(session, cluster, partial);
+      p = find_gravity_point(view, mode, partial, certain);
+    }
   }
   // No feature to align to: the events stay where they are.
   if (p == 0.0f) return 0.0f;
@@ -189,7 +212,9 @@ void shift_events(session_state& session, const std::vector<std::int32_t>& list,
 float template_align_shift(session_state& session, std::int32_t cluster) {
   const std::int32_t mode = session.strategy.template_align_mode;
   if (mode == align_gravity || mode == align_curvature) calculate_template_values(session, cluster);
-  return find_template_shift(session, cluster);
+  partial_template whole{
+      {}, std::vector<char>(static_cast<std::size_t>(session.recording.n_channels) + 1, 1), {}};
+  return find_template_shift(session, cluster, whole);
 }
 
 void align_template(session_state& session, std::int32_t cluster) {
@@ -392,15 +417,18 @@ void align_events(session_state& session, std::int32_t cluster, bool multiplicat
 void recalculate_cluster(session_state& session, std::int32_t cluster) {
   const std::vector<std::int32_t> list = list_cluster_events(session, cluster);
   if (list.empty()) return;
-  calculate_listed_template(session, cluster, list);
-  get_template_channels(session, cluster);
-  shift_events(session, list, find_template_shift(session, cluster));
+  // Where the weight of a channel in a centre of gravity is as good as 0.
+  constexpr float weighty_um = 750.0f;
+  partial_template partial = find_listed_channels(session, cluster, list, weighty_um);
+  shift_events(session, list, find_template_shift(session, cluster, partial));
   // Only what the fit reads; the other channels follow below, from the final times.
   calculate_assigned_template(session, cluster, list);
   align_listed_events(session, cluster, list, session.strategy.multiplicative_matching);
-  calculate_listed_template(session, cluster, list);
-  get_template_channels(session, cluster);
+  // As far as the spikes of one unit are seen; any other distance would do.
+  constexpr float near_um = 100.0f;
+  partial = find_listed_channels(session, cluster, list, near_um);
   calculate_template_centre(session, cluster);
+  if (session.deferred != nullptr) session.deferred->owed[cluster] = std::move(partial);
 }
 
 void realign_all_clusters(session_state& session) {

@@ -23,7 +23,27 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list);
 
-// The same on the assigned channels alone: inside an alignment nothing reads the
+// The channels of a template whose centre is known; 0: it is flat.
+void assign_channels(session_state& session, std::int32_t slot, std::int32_t centre);
+
+// A template of which some channels have been made. On the others lies what an earlier one left,
+// and a bound says that nothing of this one is needed there.
+struct partial_template {
+  std::vector<std::int32_t> list;  // of events, thinned
+  std::vector<char> made;          // by channel
+  std::vector<float> bound;        // by channel not made: no point of the mean is farther from 0
+};
+
+// The centre channel and the assigned channels of the template that calculate_listed_template would
+// make. Made are the channels within near_um of where the events are, all that can be the centre,
+// and those within the centre's radius.
+partial_template find_listed_channels(session_state& session, std::int32_t cluster,
+                                      std::vector<std::int32_t> list, float near_um);
+
+// Makes the channels that are missing.
+void make_whole(session_state& session, std::int32_t cluster, partial_template& partial);
+
+// calculate_listed_template on the assigned channels alone: inside an alignment nothing reads the
 // others before they are calculated anew.
 void calculate_assigned_template(session_state& session, std::int32_t cluster,
                                  std::vector<std::int32_t> list);

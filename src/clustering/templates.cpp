@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "clustering/deferred_templates.h"
 #include "clustering/membership.h"
 #include "clustering/template_sums.h"
 #include "numerics/parallel.h"
@@ -118,6 +119,7 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list) {
   if (list.empty()) return;
+  if (session.deferred != nullptr) session.deferred->owed[cluster] = {};
   // Thinned once for all channels, so that every channel averages the same events.
   thin_event_list(list, session.strategy.template_max_events);
   parallel_for(threads_now(session), 1, session.recording.n_channels,
@@ -213,13 +215,10 @@ float template_peak_to_peak(const session_state& session, std::int32_t cluster,
   return high - low;
 }
 
-void get_scratch_template_channels(session_state& session, std::int32_t slot) {
+void assign_channels(session_state& session, std::int32_t slot, std::int32_t centre) {
   const recording_store& r = session.recording;
   template_table& templates = session.templates;
   std::int32_t* channels = templates.channels(slot);
-  const std::int32_t centre = session.strategy.template_centre_from_events
-                                  ? find_centre_by_events(session, slot)
-                                  : find_centre_by_voltage(session, slot);
   if (centre == 0) {
     // All flat: the list stays; a slot without one gets channel 1.
     if (templates.template_n_channels[slot] < 1) {
@@ -249,6 +248,13 @@ void get_scratch_template_channels(session_state& session, std::int32_t slot) {
     }
   }
   templates.template_n_channels[slot] = count;
+}
+
+void get_scratch_template_channels(session_state& session, std::int32_t slot) {
+  assign_channels(session, slot,
+                  session.strategy.template_centre_from_events
+                      ? find_centre_by_events(session, slot)
+                      : find_centre_by_voltage(session, slot));
 }
 
 void get_template_channels(session_state& session, std::int32_t cluster) {

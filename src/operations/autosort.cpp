@@ -6,6 +6,7 @@
 #include <cmath>
 #include <vector>
 
+#include "clustering/deferred_templates.h"
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/splitting.h"
@@ -404,6 +405,8 @@ enum class road { go_on, ended_well, ended_early };
 
 // From the first clusters to the aligned templates of the first pass.
 road cluster_events(session_state& session, clock::time_point begin) {
+  // Most clusters are cut again before anybody looks at them.
+  const template_deferral deferral(session);
   if (!session.strategy.skip_clustering) make_first_clusters(session);
   if (session.autosort.stop_after == stop_after_channel_clusters) return road::ended_well;
   show_time(session, begin);

@@ -33,6 +33,13 @@ void give_back(session_gate& gate) {
   gate.moved.notify_all();
 }
 
+// The tables are made fit to be seen, outside the mutex: it may take a while.
+void prepare_sharing(const session_state& session) {
+  if (session.before_sharing.run != nullptr) {
+    session.before_sharing.run(session.before_sharing.context);
+  }
+}
+
 std::int32_t hand_over(session_gate& gate) {
   const std::int32_t depth = gate.depth;
   gate.depth = 0;
@@ -92,6 +99,7 @@ bool try_enter_session(const session_state& session) {
 bool lend_session(const session_state& session, std::chrono::milliseconds bound) {
   session_gate& gate = session.gate;
   if (!holds_session(session)) return false;
+  prepare_sharing(session);
   std::unique_lock lock(gate.mutex);
   gate.offered = true;
   const auto until = std::chrono::steady_clock::now() + bound;
@@ -114,12 +122,14 @@ void yield_session(const session_state& session) {
       gate.now_serving.load(std::memory_order_relaxed) + 1) {
     return;
   }
+  prepare_sharing(session);
   std::unique_lock lock(gate.mutex);
   take_turn(gate, lock, hand_over(gate));
 }
 
 session_pause::session_pause(const session_state& held) : session(held) {
   if (!holds_session(session) || session.gate.lent) return;
+  prepare_sharing(session);
   std::lock_guard lock(session.gate.mutex);
   // All of the depth at once: a box may be asked for deep inside, and the others need the gate free
   // and not just one level less held.

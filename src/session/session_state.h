@@ -97,6 +97,7 @@ struct interpolation_tables {
 };
 
 struct cluster_event_lists;
+struct deferred_templates;
 
 struct session_state {
   recording_store recording;
@@ -145,6 +146,13 @@ struct session_state {
   logical multi_threaded_now = false;             // what the running operation uses
   // Set for as long as events stay with their clusters; clustering/membership.h.
   const cluster_event_lists* event_lists = nullptr;
+  // Set while templates are made in part; clustering/deferred_templates.h.
+  deferred_templates* deferred = nullptr;
+  // Called by the holder of the gate before it lets somebody else have it.
+  struct {
+    void (*run)(void* context) = nullptr;
+    void* context = nullptr;
+  } before_sharing;
 };
 
 // Start-up: processors, limits, defaults, interpolation and kernel tables.

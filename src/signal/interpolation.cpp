@@ -38,20 +38,24 @@ KESTRELVANE_CLONES void copy_run(const std::int16_t* v, std::int32_t n, float* o
 
 }  // namespace
 
+void interp_taps(const session_state& session, std::int32_t s, float* taps) {
+  const interpolation_tables& tables = session.tables;
+  for (std::int32_t j = -tables.width; j <= tables.width; ++j) {
+    // The table is symmetric, so that it holds one side alone.
+    const std::int32_t k = tables.depth * j - s;
+    taps[j + tables.width] = s == 0 ? (j == 0 ? 1.0f : 0.0f) : tables.interp_table[k < 0 ? -k : k];
+  }
+}
+
 void interp_run(const session_state& session, const std::int16_t* v, std::int32_t s, std::int32_t n,
                 float* out) {
   if (s == 0) {
     copy_run(v, n, out);
     return;
   }
-  const interpolation_tables& tables = session.tables;
   float taps[101];
-  for (std::int32_t j = -tables.width; j <= tables.width; ++j) {
-    // The table is symmetric, so that it holds one side alone.
-    const std::int32_t k = tables.depth * j - s;
-    taps[j + tables.width] = tables.interp_table[k < 0 ? -k : k];
-  }
-  filter_run(v, taps, tables.width, n, out);
+  interp_taps(session, s, taps);
+  filter_run(v, taps, session.tables.width, n, out);
 }
 
 }  // namespace kestrelvane

@@ -37,6 +37,9 @@ inline std::int32_t interp_step(const session_state& session, float event_shift)
   return static_cast<std::int32_t>(static_cast<float>(session.tables.depth) * event_shift);
 }
 
+// What interp_voltage multiplies the samples at -width .. width with; room for 101.
+void interp_taps(const session_state& session, std::int32_t s, float* taps);
+
 // out[i] = interp_voltage at v + i, i = 0..n-1, v pointing into a channel of vd: the
 // same sums, many at a time. Works in whole lanes: out must have room for n rounded
 // up to 16, and what stands there beyond n has no meaning.

@@ -9,6 +9,7 @@
 #include <numeric>
 #include <set>
 
+#include "clustering/deferred_templates.h"
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
@@ -78,6 +79,7 @@ void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
   template_table& templates = session.templates;
   for_each_moving_column(copy, session.clusters);
   for_each_column(copy, templates);
+  copy_template_debt(session, from, to);
   // Of the 151 points of a channel a window takes a third. One that has been changed may be changed
   // back, and its templates hold again.
   const std::int32_t points = std::max(templates.template_points, templates.outdated.points);

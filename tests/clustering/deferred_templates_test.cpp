@@ -1,0 +1,158 @@
+// Templates made in part, against those made on all channels.
+#include "clustering/deferred_templates.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <optional>
+
+#include "clustering/membership.h"
+#include "clustering/realignment.h"
+#include "clustering/templates.h"
+#include "session/modes.h"
+#include "sorting/cluster_edits.h"
+#include "support/plain_forms.h"
+#include "support/small_session.h"
+
+namespace kestrelvane::test {
+namespace {
+
+constexpr std::int32_t n_channels = 80;
+
+// Units along a probe of 3 mm. Some clusters have their events on another unit's channel, some hold
+// noise, and some have been taken at the two ends of the recording.
+void make_probe(session_state& session) {
+  make_busy_recording(session, n_channels, 200000, 77);
+  event_table& events = session.events;
+  vector_random random(5);
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    if (events.event_cluster[e] % 7 == 0) events.event_channel[e] = 1 + e % n_channels;
+    if (events.event_cluster[e] % 11 == 0) {
+      events.event_time[e] = 300 + static_cast<std::int32_t>((random.next() >> 8) % 190000);
+    }
+    if (events.event_cluster[e] == 5) events.event_time[e] = e % 2 == 0 ? 5 + e % 20 : 199990;
+  }
+  for (const std::int32_t channel : {12, 40, 41}) session.recording.chan_mask[channel] = true;
+}
+
+struct outcome {
+  std::vector<std::int32_t> times, channels;
+  std::vector<float> values;
+};
+
+outcome read_outcome(const session_state& session) {
+  outcome o;
+  const event_table& events = session.events;
+  const template_table& templates = session.templates;
+  for (std::int32_t e = 1; e <= events.n_events; ++e) {
+    o.times.push_back(events.event_time[e]);
+    o.times.push_back(events.event_cluster[e]);
+    o.values.push_back(events.event_shift[e]);
+  }
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    for (std::int32_t k = 1; k <= templates.template_n_channels[c]; ++k) {
+      o.channels.push_back(templates.channels(c)[k]);
+    }
+    o.channels.push_back(0);
+    o.values.insert(o.values.end(), {templates.template_x[c], templates.template_y[c]});
+    for (std::int32_t channel = 1; channel <= n_channels; ++channel) {
+      for (std::int32_t p = 1; p <= templates.template_points; ++p) {
+        o.values.push_back(templates.mean(c, channel)[p]);
+        o.values.push_back(templates.sd(c, channel)[p]);
+      }
+    }
+  }
+  return o;
+}
+
+void expect_same(const outcome& a, const outcome& b, const std::string& what) {
+  EXPECT_TRUE(a.times == b.times) << what;
+  EXPECT_TRUE(a.channels == b.channels) << what;
+  ASSERT_EQ(a.values.size(), b.values.size()) << what;
+  EXPECT_EQ(std::memcmp(a.values.data(), b.values.data(), sizeof(float) * a.values.size()), 0)
+      << what;
+}
+
+// What a run does with clusters: align, lose events, be deleted, be cut, be aligned again.
+void work(session_state& session) {
+  realign_all_clusters(session);
+  for (std::int32_t e = 1; e <= session.events.n_events; e += 5) {
+    session.events.event_cluster[e] = 0;
+  }
+  delete_cluster(session, 3);
+  delete_cluster(session, 30);
+  for (std::int32_t c = 20; c <= 24; ++c) recalculate_cluster(session, c);
+  session.clusters.current_cluster = 22;
+  for (const std::int32_t e : list_cluster_events(session, 22)) {
+    session.events.event_subcluster[e] = e % 2 == 0 ? 1 : 0;
+  }
+  split_marked_to_new_cluster(session, 1);
+  calculate_template(session, 9);
+}
+
+TEST(deferred_templates, are_the_whole_ones_in_the_end) {
+  for (const std::int32_t mode : {align_gravity, align_curvature, align_trough, align_fall}) {
+    std::optional<outcome> whole;
+    for (const std::int32_t n_threads : {0, 1, 3}) {  // 0: nothing is deferred
+      small_session session;
+      make_probe(*session);
+      session->strategy.template_align_mode = mode;
+      use_threads(*session, std::max(n_threads, 1));
+      if (n_threads == 0) {
+        work(*session);
+        whole = read_outcome(*session);
+        continue;
+      }
+      {
+        const template_deferral deferral(*session);
+        ASSERT_NE(session->deferred, nullptr);
+        work(*session);
+        std::size_t n_left_out = 0;
+        for (const partial_template& partial : session->deferred->owed) {
+          if (partial.list.empty()) continue;
+          n_left_out += static_cast<std::size_t>(
+              std::count(partial.made.begin() + 1, partial.made.end(), char{0}));
+        }
+        EXPECT_GT(n_left_out, std::size_t{40} * n_channels) << "most channels can be left out";
+      }
+      EXPECT_EQ(session->deferred, nullptr);
+      expect_same(*whole, read_outcome(*session), "mode " + std::to_string(mode));
+      EXPECT_EQ(check_session(*session), "");
+    }
+  }
+}
+
+TEST(deferred_templates, are_whole_whenever_somebody_else_looks) {
+  small_session plain, session;
+  for (small_session* s : {&plain, &session}) make_probe(**s);
+  realign_all_clusters(*plain);
+  enter_session(*session);
+  {
+    const template_deferral deferral(*session);
+    realign_all_clusters(*session);
+    lend_session(*session, std::chrono::milliseconds(0));
+    expect_same(read_outcome(*plain), read_outcome(*session), "lent");
+    realign_all_clusters(*session);
+    realign_all_clusters(*plain);
+    { const session_pause box(*session); }
+    expect_same(read_outcome(*plain), read_outcome(*session), "paused");
+  }
+  leave_session(*session);
+}
+
+TEST(deferred_templates, a_summary_holds_the_largest_of_each_block) {
+  small_session session;
+  make_recording(*session, 2, 1000);
+  put_samples(*session, 2, 64, {-32768, 5});
+  put_samples(*session, 1, 1000, {-7});
+  voltage_summary summary;
+  summarise_voltage(*session, summary);
+  ASSERT_EQ(summary.largest.size(), 2u * 16);
+  EXPECT_EQ(summary.largest[1], 32768);
+  EXPECT_EQ(summary.largest[3], 5);
+  EXPECT_EQ(summary.largest[30], 7);
+  EXPECT_EQ(summary.peak, 32768);
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
