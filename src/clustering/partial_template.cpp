@@ -183,8 +183,8 @@ bool stays_below(const session_state& session, const sum_bounds& bounds, std::in
                  group.firsts.size(), whole_lanes(used + 2 * width), sums);
     add_interpolated(sums, group.taps, 2 * width + 1, used, total);
     unread -= bounds.by_group[g][channel - 1];
-    const auto [low, high] = std::minmax_element(total, total + used);
-    if (*high - *low + 2.0f * unread < limit) return true;
+    const auto [low, high] = find_range(total, used);
+    if (high - low + 2.0f * unread < limit) return true;
   }
   return false;
 }

@@ -7,6 +7,7 @@
 
 #include "clustering/membership.h"
 #include "clustering/realignment.h"
+#include "clustering/template_sums.h"
 #include "clustering/templates.h"
 #include "numerics/jacobi.h"
 #include "numerics/simd.h"
@@ -574,30 +575,120 @@ float shifted_template_value(const session_state& session, const float* values, 
   return sum;
 }
 
+namespace {
+
+// Two templates on their way to a weighted mean, one of them read at a shift.
+struct weighted_pair {
+  std::int32_t a, b;
+  std::int32_t n_shift;
+  float shift;
+  float w_a, w_b;
+};
+
+void mean_on_channel(session_state& session, const weighted_pair& pair, std::int32_t slot,
+                     std::int32_t c) {
+  template_table& templates = session.templates;
+  const auto read = [&](std::int32_t cluster, const float* values, std::int32_t t) {
+    return cluster == pair.n_shift
+               ? shifted_template_value(session, values, static_cast<float>(t) - pair.shift)
+               : values[t];
+  };
+  float* mean = templates.mean(slot, c);
+  float* sd = templates.sd(slot, c);
+  for (std::int32_t t = 1; t <= templates.template_points; ++t) {
+    mean[t] = pair.w_a * read(pair.a, templates.mean(pair.a, c), t) +
+              pair.w_b * read(pair.b, templates.mean(pair.b, c), t);
+    const float sd_a = read(pair.a, templates.sd(pair.a, c), t);
+    const float sd_b = read(pair.b, templates.sd(pair.b, c), t);
+    // The spreads alone, by their weights; how far the two means lie apart does not enter.
+    sd[t] = std::sqrt(pair.w_a * (sd_a * sd_a) + pair.w_b * (sd_b * sd_b));
+  }
+}
+
+// No shifted value is larger than the largest of the template times this.
+float largest_shift_gain(const session_state& session) {
+  const interpolation_tables& tables = session.tables;
+  float largest = 1.0f;
+  for (std::int32_t j = 1; j < tables.depth; ++j) {
+    float gain = 0.0f;
+    for (std::int32_t k = -tables.width; k <= tables.width; ++k) {
+      gain += std::fabs(tables.interp_table[std::abs(tables.depth * k - j)]);
+    }
+    largest = std::max(largest, gain);
+  }
+  return largest;
+}
+
+// What the mean's peak-to-peak on a channel can be at most.
+float pair_height_bound(const session_state& session, const weighted_pair& pair, std::int32_t c,
+                        float shift_gain) {
+  const auto bound = [&](std::int32_t cluster) {
+    const auto [low, high] =
+        find_range(session.templates.mean(cluster, c) + 1, session.templates.template_points);
+    const float largest = shift_gain * std::max(high, -low);
+    // Weights and interpolation are rounded, by far less than a 10,000th.
+    return (cluster == pair.n_shift ? 2.0f * largest : high - low) + 1e-4f * largest;
+  };
+  return pair.w_a * bound(pair.a) + pair.w_b * bound(pair.b);
+}
+
+// The mean where it is large enough to be the centre, and round the centre; 0 when it is flat.
+std::int32_t mean_round_centre(session_state& session, const weighted_pair& pair,
+                               std::int32_t slot) {
+  const recording_store& r = session.recording;
+  const template_table& templates = session.templates;
+  std::vector<char> made(static_cast<std::size_t>(r.n_channels) + 1);
+  const auto make = [&](std::int32_t c) {
+    if (!made[c]) mean_on_channel(session, pair, slot, c);
+    made[c] = 1;
+  };
+  // The tallest of the two's centres comes close; what can not reach it needs no mean.
+  float tallest = 0.0f;
+  for (const std::int32_t c :
+       {templates.centre_channel(pair.a), templates.centre_channel(pair.b)}) {
+    if (c < 1 || c > r.n_channels) continue;
+    make(c);
+    if (!r.chan_mask[c]) tallest = std::max(tallest, template_peak_to_peak(session, slot, c));
+  }
+  const float shift_gain = largest_shift_gain(session);
+  std::int32_t centre = 0;
+  float height = 0.0f;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (r.chan_mask[c]) continue;
+    if (!made[c] && pair_height_bound(session, pair, c, shift_gain) < tallest) continue;
+    make(c);
+    const float here = template_peak_to_peak(session, slot, c);
+    // Strictly: the lowest of equal ones.
+    if (here > height) {
+      height = here;
+      centre = c;
+    }
+  }
+  for (std::int32_t c = 1; c <= r.n_channels && centre != 0; ++c) {
+    if (!r.chan_mask[c] && r.distance(centre, c) <= session.strategy.channel_radius) make(c);
+  }
+  return centre;
+}
+
+}  // namespace
+
 void make_pair_template(session_state& session, std::int32_t a, std::int32_t b, float shift,
                         std::int32_t n_shift, std::int32_t n_a, std::int32_t n_b,
                         std::int32_t slot) {
-  template_table& templates = session.templates;
-  const float w_a = static_cast<float>(n_a) / static_cast<float>(n_a + n_b);
-  const float w_b = static_cast<float>(n_b) / static_cast<float>(n_a + n_b);
-  const auto read = [&](std::int32_t cluster, const float* values, std::int32_t t) {
-    return cluster == n_shift
-               ? shifted_template_value(session, values, static_cast<float>(t) - shift)
-               : values[t];
-  };
-  for (std::int32_t c = 1; c <= session.recording.n_channels; ++c) {
-    float* mean = templates.mean(slot, c);
-    float* sd = templates.sd(slot, c);
-    for (std::int32_t t = 1; t <= templates.template_points; ++t) {
-      mean[t] = w_a * read(a, templates.mean(a, c), t) + w_b * read(b, templates.mean(b, c), t);
-      const float sd_a = read(a, templates.sd(a, c), t);
-      const float sd_b = read(b, templates.sd(b, c), t);
-      // The spreads alone, by their weights; how far the two means lie apart does not enter.
-      sd[t] = std::sqrt(w_a * (sd_a * sd_a) + w_b * (sd_b * sd_b));
-    }
-  }
+  const weighted_pair pair{a,
+                           b,
+                           n_shift,
+                           shift,
+                           static_cast<float>(n_a) / static_cast<float>(n_a + n_b),
+                           static_cast<float>(n_b) / static_cast<float>(n_a + n_b)};
   // A flat template must not inherit the channels of whoever used the slot before.
-  templates.template_n_channels[slot] = 0;
+  session.templates.template_n_channels[slot] = 0;
+  if (!session.strategy.template_centre_from_events) {
+    return assign_channels(session, slot, mean_round_centre(session, pair, slot));
+  }
+  for (std::int32_t c = 1; c <= session.recording.n_channels; ++c) {
+    mean_on_channel(session, pair, slot, c);
+  }
   get_scratch_template_channels(session, slot);
 }
 

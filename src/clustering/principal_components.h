@@ -126,7 +126,8 @@ bool project_on(session_state& session, std::int32_t n, pc_projection& projectio
 float compute_pc_scale(const session_state& session);
 
 // Merged template of a pair in a scratch slot, its channel list with it; the
-// shifted cluster is read at t - shift.
+// shifted cluster is read at t - shift. Only on the channels within the centre's radius
+// is it sure to be whole: the others are left out where they are too small to be the centre.
 void make_pair_template(session_state& session, std::int32_t a, std::int32_t b, float shift,
                         std::int32_t n_shift, std::int32_t n_a, std::int32_t n_b,
                         std::int32_t slot);

@@ -23,6 +23,12 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list);
 
+// Smallest and largest of n values, n > 0.
+struct value_range {
+  float low, high;
+};
+value_range find_range(const float* values, std::int32_t n);
+
 // The channels of a template whose centre is known; 0: it is flat.
 void assign_channels(session_state& session, std::int32_t slot, std::int32_t centre);
 

@@ -1,6 +1,7 @@
 #include "clustering/templates.h"
 #include "session/template_window.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -204,14 +205,39 @@ std::int32_t find_centre_by_events(const session_state& session, std::int32_t cl
 
 }  // namespace
 
+namespace {
+
+// Of n_lanes values or more; the last lanes begin where they end with the last value.
+KESTRELVANE_CLONES void find_wide_range(const float* values, std::int32_t n, float* low,
+                                        float* high) {
+  float_lanes lowest = *reinterpret_cast<const float_lanes*>(values);
+  float_lanes highest = lowest;
+  for (std::int32_t i = n_lanes; i < n; i += n_lanes) {
+    const std::int32_t from = i + n_lanes <= n ? i : n - n_lanes;
+    const float_lanes here = *reinterpret_cast<const float_lanes*>(values + from);
+    lowest = here < lowest ? here : lowest;
+    highest = here > highest ? here : highest;
+  }
+  *reinterpret_cast<float_lanes*>(low) = lowest;
+  *reinterpret_cast<float_lanes*>(high) = highest;
+}
+
+}  // namespace
+
+value_range find_range(const float* values, std::int32_t n) {
+  if (n < n_lanes) {
+    const auto [low, high] = std::minmax_element(values, values + n);
+    return {*low, *high};
+  }
+  float low[n_lanes], high[n_lanes];
+  find_wide_range(values, n, low, high);
+  return {*std::min_element(low, low + n_lanes), *std::max_element(high, high + n_lanes)};
+}
+
 float template_peak_to_peak(const session_state& session, std::int32_t cluster,
                             std::int32_t channel) {
-  const float* mean = session.templates.mean(cluster, channel);
-  float high = mean[1], low = mean[1];
-  for (std::int32_t p = 2; p <= session.templates.template_points; ++p) {
-    high = mean[p] > high ? mean[p] : high;
-    low = mean[p] < low ? mean[p] : low;
-  }
+  const auto [low, high] =
+      find_range(session.templates.mean(cluster, channel) + 1, session.templates.template_points);
   return high - low;
 }
 
