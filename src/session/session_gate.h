@@ -8,6 +8,9 @@
 // or where the holder lends it: the worker lends it at points where displays are refreshed,
 // and holds still until it has it back.
 //
+// What an operation has put off, as long as nobody looks, it does before anybody else gets the gate
+// (before_sharing in the session).
+//
 // Passing is in the order of arrival, so that a saver is not starved by a worker that
 // yields and comes back at once.
 #pragma once
