@@ -119,19 +119,43 @@ bool is_local(const session_state& session, const std::vector<std::int32_t>& cha
   return n_far > 0 && 2 * n_beyond < n_far;
 }
 
+// Of the milliseconds round a sample, how many have samples where enough channels exceed.
+std::int32_t count_crowded_ms(const session_state& session, const crowd_count& crowd,
+                              std::int64_t t, std::int32_t enough) {
+  std::int32_t n = 0;
+  for (std::int32_t ms = -artefact_round_ms; ms < artefact_round_ms; ++ms) {
+    const std::int64_t from = std::max(t + samples_of(session, ms), crowd.first);
+    const std::int64_t to = std::min(t + samples_of(session, ms + 1), crowd.last + 1);
+    if (from >= to) continue;
+    const auto* at = crowd.channels.data() - crowd.first;
+    n += std::any_of(at + from, at + to, [enough](std::int16_t c) { return c >= enough; });
+  }
+  return n;
+}
+
 std::vector<blanked_stretch> search_chunk(const session_state& session,
                                           const std::vector<std::int32_t>& channels,
                                           std::int64_t first) {
-  const std::int64_t last = std::min<std::int64_t>(first + chunk - 1, session.recording.n_samples);
-  crowd_count crowd{first, last, samples_of(session, artefact_width_ms / 2), {}};
-  crowd.channels.assign(last - first + 1, 0);
+  const std::int64_t n_samples = session.recording.n_samples;
+  const std::int64_t last = std::min(first + chunk - 1, n_samples);
+  const std::int64_t round = samples_of(session, artefact_round_ms);
+  // Counted beyond the chunk's ends, so that it does not matter where they are.
+  crowd_count crowd{std::max<std::int64_t>(first - round, 1),
+                    std::min(last + round, n_samples),
+                    samples_of(session, artefact_width_ms / 2),
+                    {}};
+  crowd.channels.assign(crowd.last - crowd.first + 1, 0);
   for (const std::int32_t c : channels) count_channel(session, c, crowd);
   const auto half = (static_cast<std::int32_t>(channels.size()) + 1) / 2;
   const std::int32_t enough = std::max(half, artefact_channels);
   const std::int64_t margin = samples_of(session, artefact_margin_ms);
   std::vector<blanked_stretch> found;
   for (std::int64_t t = first; t <= last; ++t) {
-    if (crowd.channels[t - first] < enough || is_local(session, channels, t, crowd.reach)) continue;
+    if (crowd.channels[t - crowd.first] < enough) continue;
+    if (is_local(session, channels, t, crowd.reach) &&
+        count_crowded_ms(session, crowd, t, enough) < artefact_lasting_ms) {
+      continue;
+    }
     add_stretch(found, widened(session, 0, t, t, margin));
   }
   return found;

@@ -17,14 +17,18 @@
 namespace kestrelvane {
 
 // Artefacts on many channels: a sample is one when at least half of the unmasked channels, and
-// at least so many, exceed the level within the width, and so do half of those that are not near
-// the largest: a big spike is on half of a short probe, too, but on one stretch of it. At a level
-// of 4 spikes of dense tissue begin to be taken for one.
-constexpr float artefact_level = 5;            // times the noise of the channel
-constexpr double artefact_width_ms = 0.2;      // ms, from the first channel to the last
-constexpr double artefact_margin_ms = 3;       // ms, blanked on either side
-constexpr float artefact_near_um = 120;        // µm, as far as a spike reaches
-constexpr std::int32_t artefact_channels = 8;  // the fewest that tell an artefact from a spike
+// at least so many, exceed the level within the width. At a level of 4 spikes of dense tissue
+// begin to be taken for one. A big spike is on half of a short probe, too. So where fewer than
+// half of the channels that are not near the largest exceed the level, the sample is one only
+// when it goes on for longer than spikes do, bursts among them: when that many of the
+// milliseconds round it have such samples.
+constexpr float artefact_level = 5;               // times the noise of the channel
+constexpr double artefact_width_ms = 0.2;         // ms, from the first channel to the last
+constexpr double artefact_margin_ms = 3;          // ms, blanked on either side
+constexpr float artefact_near_um = 120;           // µm, as far as a spike reaches
+constexpr std::int32_t artefact_round_ms = 10;    // ms to either side that are looked at
+constexpr std::int32_t artefact_lasting_ms = 12;  // of twenty of them
+constexpr std::int32_t artefact_channels = 8;     // the fewest that tell an artefact from a spike
 
 // Artefacts on one channel, where there are too few channels or not all are hit: a window is
 // one when a quarter of its samples exceed the level. A fifth would take dense firing for one.

@@ -131,7 +131,7 @@ void place_unit(family_unit& unit, const family_plan& plan, random_stream& rando
   unit.cell = random_cell(random);
   // A crowded electrode gives up on the distance after many tries.
   for (int tries = 0; tries < 500; ++tries) {
-    place_cell(unit.cell, plan, 25, 10, 35, random);
+    place_cell(unit.cell, plan, 25, 12, 45, random);
     if (!stands_apart(unit.cell, plan.units)) continue;
     if (!near_other || squared_distance(unit.cell, plan.units.back().cell) < square(neighbour_um)) {
       break;

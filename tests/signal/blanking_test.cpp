@@ -63,6 +63,7 @@ std::vector<bool> plainly_blanked(const session_state& session) {
     }
     return static_cast<float>(largest) / r.chan_noise[c];
   };
+  std::vector<bool> crowded(r.n_samples + 1, false), local(r.n_samples + 1, false);
   for (std::int32_t t = 1; t <= r.n_samples; ++t) {
     int n = 0, used = 0, centre = 0, n_far = 0, far_beyond = 0;
     float highest = 0;
@@ -74,12 +75,25 @@ std::vector<bool> plainly_blanked(const session_state& session) {
       if (h > highest) highest = h, centre = c;
     }
     if (2 * n < used || n < 8) continue;
+    crowded[t] = true;
     for (std::int32_t c = 1; c <= r.n_channels; ++c) {
       if (r.chan_mask[c] || r.distance(centre, c) <= 120) continue;
       ++n_far;
       far_beyond += height(c, t) > 5;
     }
-    if (n_far > 0 && 2 * far_beyond < n_far) continue;
+    local[t] = n_far > 0 && 2 * far_beyond < n_far;
+  }
+  const int ms = frequency / 1000;
+  for (int t = 1; t <= r.n_samples; ++t) {
+    int n_lasting = 0;
+    for (int k = -10; k < 10; ++k) {
+      bool any = false;
+      for (int s = t + k * ms; s < t + (k + 1) * ms; ++s) {
+        any = any || (s >= 1 && s <= r.n_samples && crowded[s]);
+      }
+      n_lasting += any;
+    }
+    if (!crowded[t] || (local[t] && n_lasting < 12)) continue;
     for (int s = std::max(1, t - margin); s <= std::min(r.n_samples, t + margin); ++s) {
       blanked[s] = true;
     }
@@ -95,6 +109,7 @@ TEST(Blanking, FindsWhatTheRuleSaysAtAnyThreadCount) {
   add_burst(*session, 1, 16, 5, 30, 300);
   add_burst(*session, 3, 12, 65'500, 65'600, -300);
   add_burst(*session, 1, 8, 90'000, 90'001, 300);  // half of them, at one end
+  add_burst(*session, 1, 8, 95'000, 95'600, 300);  // and for long
   add_burst(*session, 1, 7, 100'000, 100'300, 300);
   add_burst(*session, 1, 16, 139'990, 140'000, 250);
   session->recording.chan_mask[16] = true;
@@ -134,6 +149,11 @@ TEST(Blanking, ABigSpikeIsNoArtefact) {
   add_burst(*session, 14, 16, 10'000, 10'006, 200);
   add_burst(*session, 1, 2, 10'000, 10'006, 200);
   EXPECT_EQ(find_artefacts(*session).size(), 1u);
+  // A burst of five big spikes is none either; what lasts for 30 ms is.
+  for (int k = 0; k < 5; ++k) add_burst(*session, 5, 12, 5000 + 60 * k, 5006 + 60 * k, 200);
+  EXPECT_EQ(find_artefacts(*session).size(), 1u);
+  add_burst(*session, 5, 12, 15'000, 15'600, 200);
+  EXPECT_EQ(find_artefacts(*session).size(), 2u);
 }
 
 TEST(Blanking, SingleChannelsByWindowsOfTenMilliseconds) {
