@@ -78,7 +78,10 @@ json describe_preset_used(const session_state& session) {
   const sort_preset* preset = session.autosort.preset;
   if (preset == nullptr) return nullptr;
   json settings = json::object();
-  for (const preset_setting& s : preset->settings) settings[s.name] = s.value;
+  for (const preset_setting& s : preset->settings) {
+    const bool is_logical = find_setting(s.name)->type == setting_type::logical_word;
+    settings[s.name] = is_logical ? json(s.value != 0) : json(s.value);
+  }
   json filters = json::array();
   for (const char* filter : preset->filters) filters.push_back(filter);
   return {{"name", preset->name}, {"filters", filters}, {"settings", settings}};
