@@ -40,18 +40,14 @@ constexpr preset_setting thorough_settings[] = {
 
 constexpr sort_preset presets[] = {
     {"Standard",
-     "What is stored: the filters that you run, and the settings of this dialog and of the sorting "
-     "strategy, as they are.",
+     "What is stored: the filters that you run, and the settings of the dialogs.",
      {},
      {}},
     {"Sensitive",
-     "Finds weak units as well: a wide filter band, and a threshold that a peak or a trough has to "
-     "pass by itself. Changes the samples.",
-     wide_band, sensitive_settings},
+     "Weak units too: filters, and lets a peak or trough pass the threshold by itself.", wide_band,
+     sensitive_settings},
     {"Thorough",
-     "Sensitive, on a recording that is cleaned first: bad channels are masked, common noise is "
-     "taken out, artefacts are blanked; in the end each unit's waveform finds the spikes that were "
-     "missed or lie on one another. Changes the samples.",
+     "Most units: Sensitive, cleaned first, and spikes reclaimed by templates at the end.",
      wide_band, thorough_settings},
 };
 

@@ -24,7 +24,7 @@ struct preset_setting {
 
 struct sort_preset {
   const char* name;
-  const char* purpose;                       // what it is for, in a sentence or two
+  const char* purpose;                       // what it is for, in a line of a dialog
   std::span<const char* const> filters;      // "highpass:0.3:2", see operations/planned_filters.h
   std::span<const preset_setting> settings;  // of the run
 };

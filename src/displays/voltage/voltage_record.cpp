@@ -53,8 +53,9 @@ float pixels_per_ms(const voltage_painting& p) {
 
 // ---------------------------------------------------------------- behind the traces
 
+constexpr std::int32_t below_bar = 18;  // y under the time bar and its text
+
 void draw_grid(voltage_painting& p) {
-  constexpr std::int32_t top = 18;
   constexpr float closest = 2.0f;  // pixels; lines nearer than that are no grid
   const float ms = pixels_per_ms(p);
   // Lines every millisecond would stand too close.
@@ -64,7 +65,7 @@ void draw_grid(voltage_painting& p) {
   for (std::int32_t i = 0;; ++i) {
     const float x = static_cast<float>(p.layout.margin) + static_cast<float>(i) * step;
     if (x >= static_cast<float>(p.layout.trace_end)) return;
-    p.fill(static_cast<std::int32_t>(x), top, 1, p.layout.height - top, word);
+    p.fill(static_cast<std::int32_t>(x), below_bar, 1, p.layout.height - below_bar, word);
   }
 }
 
@@ -84,7 +85,7 @@ void draw_blanked(voltage_painting& p) {
     const std::int32_t width = std::max(static_cast<std::int32_t>(std::min(to, right)) - x, 1);
     const std::int32_t half = p.layout.spacing / 2;
     if (s.channel == 0) {
-      p.fill(x, 0, width, p.layout.height, word);
+      p.fill(x, below_bar, width, p.layout.height - below_bar, word);
     } else {
       p.fill(x, row_baseline(p.layout, row) - half, width, 2 * half, word);
     }
