@@ -18,6 +18,7 @@
 #include "results/nwb_units.h"
 #include "results/phy_folder.h"
 #include "results/ptcs.h"
+#include "results/quality_csv.h"
 #include "results/spike_times.h"
 #include "results/work_file.h"
 #include "session/run_log.h"
@@ -53,6 +54,8 @@ constexpr export_format formats[] = {
   {"phy", "Phy folder", "_phy", "Phy folder(*)", {}, export_phy},
   {"nwb", "NWB units (.nwb)", ".nwb", "Neurodata Without Borders (*.NWB)", {},
    write_nwb_units},
+  {"quality", "Quality of units (.csv)", "_quality.csv",
+   "Comma separated text file (*.CSV)", {}, write_quality_csv},
 };
 // clang-format on
 

@@ -115,6 +115,7 @@ struct session_state {
   sorting_strategy_settings strategy;
   template_pass_settings matching;
   review_settings review;
+  quality_settings quality;
   display_settings display;
   preferences_record preferences;
   carried_settings carried;

@@ -143,6 +143,18 @@ struct template_pass_settings {
   float match_valley = 0;         // count between noise and spikes over that of spikes
 };
 
+// Quality of units: what their figures go by, and the limits of a first label.
+struct quality_settings {
+  float quality_refractory_ms = 0;  // in which no neuron fires twice
+  float quality_censored_ms = 0;    // in which the sorter finds no second spike
+  float good_contamination = 0;     // most of a good unit, fraction of its spikes
+  float good_cutoff = 0;            // most of a good unit, fraction of its spikes
+  float good_presence = 0;          // least of a good unit, fraction of the recording
+  float good_snr = 0;               // least of a good unit
+  float noise_snr = 0;              // below it is noise
+  std::int32_t noise_events = 0;    // fewer are noise
+};
+
 // Guided review, post-processing and export.
 struct review_settings {
   float view_split_sigma = 0;  // µV

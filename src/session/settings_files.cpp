@@ -11,7 +11,7 @@ namespace kestrelvane {
 
 namespace {
 
-constexpr std::size_t largest_file = 488;
+constexpr std::size_t largest_file = 520;
 static_assert(parameters_file_bytes <= largest_file && preferences_file_bytes <= largest_file);
 
 struct file_bytes {

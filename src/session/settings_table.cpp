@@ -48,6 +48,7 @@ constexpr setting_group group_of_strategy = setting_group::strategy;
 constexpr setting_group group_of_lists = setting_group::strategy;
 constexpr setting_group group_of_matching = setting_group::strategy;
 constexpr setting_group group_of_review = setting_group::parameters;
+constexpr setting_group group_of_quality = setting_group::parameters;
 constexpr setting_group group_of_display = setting_group::display;
 constexpr setting_group group_of_preferences = setting_group::preferences;
 
@@ -239,6 +240,14 @@ constexpr setting_row rows[] = {
     SETTING(cleaning, remove_common_noise, 0, 0, 1, "Take out noise that all channels share"),
     SETTING(cleaning, blank_artefacts, 0, 0, 1, "Blank artefacts on half of the channels"),
     SETTING(cleaning, blank_by_channel, 0, 0, 1, "Blank artefacts on single channels"),
+    SETTING(quality, quality_refractory_ms, 1.5, 0.1, 20, "Quality of units: refractory period, ms"),
+    SETTING(quality, quality_censored_ms, 0.5, 0, 5, "Quality of units: censored period, ms"),
+    SETTING(quality, good_contamination, 0.1, 0, 1, "Good unit: contamination at most"),
+    SETTING(quality, good_cutoff, 0.1, 0, 0.5, "Good unit: amplitude cut-off at most"),
+    SETTING(quality, good_presence, 0.9, 0, 1, "Good unit: presence at least"),
+    SETTING(quality, good_snr, 8, 0, 1000, "Good unit: signal-to-noise ratio at least"),
+    SETTING(quality, noise_snr, 4, 0, 1000, "Noise: signal-to-noise ratio below"),
+    SETTING(quality, noise_events, 30, 0, 50'000'000, "Noise: fewer events than"),
 
     // --- kv_prefs.sav
     PREFERENCE(pixels_per_um_x, 2.5, 0.1, 10, "Pixels per micron x"),
