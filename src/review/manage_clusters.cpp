@@ -196,6 +196,31 @@ void label_unit(session_state& session, std::int32_t cluster, unit_label label) 
   note_unsaved(session, unsaved_results::edits);
 }
 
+bool label_units(session_state& session, const std::vector<std::int32_t>& units,
+                 const std::vector<unit_label>& labels) {
+  if (units.size() != labels.size()) return false;
+  bool news = false;
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    if (!is_cluster(session, units[i])) return false;
+    news |= session.clusters.cluster_label[units[i]] != labels[i];
+  }
+  if (!news) return false;
+  // A repeated one keeps what the dialog on show has saved.
+  if (!session.history.replaying) save_undo_state(session, undo_owner::labels);
+  recorded_edit edit(session, "labels");
+  edit.record.clusters = units;
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    session.clusters.cluster_label[units[i]] = labels[i];
+    edit.record.places += static_cast<char>('0' + static_cast<int>(labels[i]));
+  }
+  note_unsaved(session, unsaved_results::edits);
+  return true;
+}
+
+bool undo_unit_labels(session_state& session) {
+  return restore_recorded(session, undo_owner::labels);
+}
+
 bool delete_managed_cluster(session_state& session, cluster_management& management,
                             std::int32_t cluster) {
   if (!is_cluster(session, cluster)) return false;

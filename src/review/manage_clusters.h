@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "session/session_state.h"
 #include "sorting/unit_table.h"
@@ -62,6 +63,13 @@ enum deletion_rule : std::int32_t {
 
 // The user's word on a unit, from any dialog of the review.
 void label_unit(session_state& session, std::int32_t cluster, unit_label label);
+// Labels of several units in one edit, one for each in turn, with an undo state of their own. False
+// when all of them have these labels.
+bool label_units(session_state& session, const std::vector<std::int32_t>& units,
+                 const std::vector<unit_label>& labels);
+// The labels, and all else, as they were before the last label_units; false where there is nothing
+// to go back to.
+bool undo_unit_labels(session_state& session);
 
 // Each says how it went; false when nothing changed.
 bool delete_managed_cluster(session_state& session, cluster_management& management,

@@ -98,6 +98,15 @@ bool replay_label(session_state& session, const edit_record& record) {
   return true;
 }
 
+bool replay_labels(session_state& session, const edit_record& record) {
+  std::vector<unit_label> labels;
+  for (const char digit : record.places) {
+    if (digit < '0' || digit - '0' >= std::ssize(unit_label_names)) return false;
+    labels.push_back(static_cast<unit_label>(digit - '0'));
+  }
+  return label_units(session, record.clusters, labels);
+}
+
 bool replay_distinct(session_state& session, const edit_record& record) {
   const cluster_pair pair{record.clusters[0], record.clusters[1]};
   set_pair_mark(session, pair, pair_mark::distinct, record.value != 0);
@@ -162,6 +171,7 @@ constexpr edit_row edit_rows[] = {
     {"clear_clusters", 0, replay_clear, "Delete all clusters"},
     {"renumber", -1, replay_renumber, "Renumber the clusters"},
     {"comment", 1, replay_comment, "Comment cluster {0}: {2}"},
+    {"labels", -1, replay_labels, "Label clusters {0} by their figures"},
     {"label", 1, replay_label, "Label cluster {0} {3}"},
     {"distinct", 2, replay_distinct, "Mark {0} as distinct", "Mark {0} as not distinct"},
     {"ambiguous", 2, replay_ambiguous, "Mark {0} as ambiguous", "Mark {0} as not ambiguous"},

@@ -28,6 +28,7 @@ enum class undo_owner {
   post_processing,
   management,
   template_pass,
+  labels,
 };
 
 struct undo_slot {

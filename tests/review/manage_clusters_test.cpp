@@ -9,6 +9,7 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "review/pair_values.h"
+#include "review/replay.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/status_lists.h"
 #include "support/plain_forms.h"
@@ -178,6 +179,30 @@ TEST_F(manage_test, a_cluster_knows_where_it_came_from) {
   EXPECT_EQ(show_managed_cluster(*session, 6).source, 3) << "it moves with its cluster";
   cancel_cluster_management(*session, management);
   EXPECT_EQ(show_managed_cluster(*session, 7).source, 3);
+}
+
+TEST_F(manage_test, labels_of_several_units_are_one_edit_and_one_step_back) {
+  label_unit(*session, 2, unit_label::noise);
+  EXPECT_FALSE(undo_unit_labels(*session)) << "a single label has saved nothing";
+  const std::size_t before = session->history.records.size();
+  ASSERT_TRUE(label_units(*session, {1, 2, 4},
+                          {unit_label::good, unit_label::multi_unit, unit_label::noise}));
+  ASSERT_EQ(session->history.records.size(), before + 1);
+  EXPECT_EQ(edit_text(session->history.records.back()), "Label clusters 1, 2, 4 by their figures");
+  EXPECT_EQ(session->history.records.back().places, "123");
+  EXPECT_FALSE(label_units(*session, {4}, {unit_label::noise})) << "nothing new";
+  EXPECT_FALSE(label_units(*session, {n() + 1}, {unit_label::noise}));
+  const auto labels = [&] {
+    std::vector<unit_label> all;
+    for (std::int32_t c = 1; c <= 4; ++c) all.push_back(session->clusters.cluster_label[c]);
+    return all;
+  };
+  using enum unit_label;
+  EXPECT_EQ(labels(), (std::vector<unit_label>{good, multi_unit, unsorted, noise}));
+  ASSERT_TRUE(undo_unit_labels(*session));
+  EXPECT_EQ(labels(), (std::vector<unit_label>{unsorted, noise, unsorted, unsorted}));
+  EXPECT_EQ(session->history.records.back().back_to, static_cast<std::int32_t>(before));
+  expect_consistent();
 }
 
 }  // namespace

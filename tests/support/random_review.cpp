@@ -66,6 +66,7 @@ void random_review::edit(session_state& session) {
       session.clusters.current_cluster = any(1, n);
       annotate_current_cluster(session, fmt::format("a \"word\" {}", any(0, 99)));
       label_unit(session, any(1, n), static_cast<unit_label>(any(0, 3)));
+      label_units(session, {1, n}, {unit_label::good, static_cast<unit_label>(any(0, 3))});
       break;
     case 4: {
       session.clusters.current_cluster = any(1, n);
