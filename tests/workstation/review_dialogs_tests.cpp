@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "analysis/correlograms.h"
+#include "analysis/unit_quality.h"
 #include "clustering/membership.h"
 #include "sorting/realign_steps.h"
 #include "sorting/status_lists.h"
@@ -98,6 +99,50 @@ TEST(AcquisitionProperties, SavesTheConfigurationAndAsksBeforeReplacingIt) {
   w.press(dialog, "save_configuration");
   w.settle(true);
   EXPECT_GT(read_bytes(config).size(), 4u);
+}
+
+TEST(SortingSummary, LabelsByFiguresAndTakesTheLabelsBack) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  const std::int32_t n = w.session->clusters.n_clusters;
+  w.choose_entry("sorting_statistics");
+  QDialog* dialog = w.dialog("summary_dialog");
+  w.settle();
+  auto* table = w.control<QTableView>(dialog, "summary_table");
+  constexpr int first_figure = 11, snr = first_figure + 9;
+  EXPECT_TRUE(table->isColumnHidden(snr));
+  w.control<QCheckBox>(dialog, "quality_columns")->click();
+  w.settle();
+  EXPECT_FALSE(table->isColumnHidden(snr));
+  const std::vector<unit_quality> quality = measure_quality(*w.session);
+  for (int row = 0; row < n; ++row) {
+    for (int figure = 0; figure < static_cast<int>(quality_figures().size()); ++figure) {
+      EXPECT_EQ(table->model()->index(row, first_figure + figure).data().toString().toStdString(),
+                quality_text(quality_figures()[figure], quality[row]));
+    }
+  }
+  // A limit between the units decides, and one that is no number is refused.
+  double least = 1e9, most = 0;
+  for (const unit_quality& unit : quality) {
+    least = std::min(least, unit.snr);
+    most = std::max(most, unit.snr);
+  }
+  ASSERT_LT(least + 1, most);
+  const double limit = std::round((least + most) / 2);
+  w.control<number_field>(dialog, "noise_snr")->setValue(limit);
+  w.press(dialog, "label_by_figures");
+  w.settle();
+  const std::size_t n_records = w.session->history.records.size();
+  for (std::int32_t c = 1; c <= n; ++c) {
+    EXPECT_EQ(w.session->clusters.cluster_label[c] == unit_label::noise, quality[c - 1].snr < limit)
+        << c;
+  }
+  EXPECT_TRUE(has_unit_labels(w.session->clusters));
+  w.press(dialog, "undo_labels");
+  w.settle();
+  EXPECT_FALSE(has_unit_labels(w.session->clusters));
+  EXPECT_EQ(w.session->history.records.size(), n_records + 1);
+  w.press(dialog, "done");
 }
 
 TEST(SortingSummary, SortsByItsHeadingsAndLeavesTheCurrentCluster) {

@@ -1,16 +1,24 @@
 #include <QAbstractTableModel>
 #include <QCheckBox>
 #include <QFontDatabase>
+#include <QGridLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QSettings>
 #include <QTableView>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <memory>
 
 #include "analysis/correlograms.h"
+#include "analysis/unit_quality.h"
+#include "review/manage_clusters.h"
+#include "session/run_log.h"
+#include "sorting/realign_steps.h"
 #include "sorting/sorting_summary.h"
+#include "sorting/undo_state.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
@@ -29,6 +37,12 @@ namespace {
 struct summary_line {
   unit_row row;
   double violations = 0;  // refractory_violations
+};
+
+// What columns on a switch are made from, by cluster; empty where nobody looks at them.
+struct further_figures {
+  std::vector<double> violations;     // element c for cluster c
+  std::vector<unit_quality> quality;  // element c - 1 for cluster c
 };
 
 // Further columns, on a switch.
@@ -53,7 +67,22 @@ constexpr further_column further_columns[] = {
 // clang-format on
 
 constexpr int n_own_columns = static_cast<int>(summary_column::count);
-constexpr int n_columns = n_own_columns + static_cast<int>(std::size(further_columns));
+constexpr int n_known_columns = n_own_columns + static_cast<int>(std::size(further_columns));
+
+// The quality of units comes last, on a switch of its own: it takes a look at every spike.
+int count_columns() { return n_known_columns + static_cast<int>(quality_figures().size()); }
+const quality_figure& figure_of(int column) { return quality_figures()[column - n_known_columns]; }
+
+QString figure_heading(const quality_figure& figure) {
+  const QString heading = figure.heading, unit = figure.unit;
+  return unit.isEmpty() ? heading : heading + " " + unit;
+}
+
+QString figure_tip(const quality_figure& figure) {
+  const QString good = figure.good;
+  return QString("%1 (%2)%3")
+      .arg(figure.meaning, figure.source, good.isEmpty() ? good : "; good: " + good);
+}
 
 const char* column_tip(summary_column column) {
   static constexpr const char* tips[] = {
@@ -73,12 +102,11 @@ class summary_model : public QAbstractTableModel {
   summary_model(const session_state& session, QObject* parent)
       : QAbstractTableModel(parent), session_(session) {}
 
-  // violations by cluster; empty when they have not been asked for. Lines that come later keep
-  // the order that the user has asked for meanwhile.
-  void show(std::vector<unit_row> rows, const std::vector<double>& violations) {
+  // Lines that come later keep the order that the user has asked for meanwhile.
+  void show(std::vector<unit_row> rows, further_figures further) {
     beginResetModel();
     rows_ = std::move(rows);
-    violations_ = violations;
+    further_ = std::move(further);
     sort_rows();
     endResetModel();
   }
@@ -90,14 +118,14 @@ class summary_model : public QAbstractTableModel {
     current_cluster_changed();
   }
   void current_cluster_changed() {
-    if (!rows_.empty()) emit dataChanged(index(0, 0), index(rowCount({}) - 1, n_columns - 1));
+    if (!rows_.empty()) emit dataChanged(index(0, 0), index(rowCount({}) - 1, count_columns() - 1));
   }
 
   int rowCount(const QModelIndex& parent) const override {
     return parent.isValid() ? 0 : static_cast<int>(rows_.size());
   }
   int columnCount(const QModelIndex& parent) const override {
-    return parent.isValid() ? 0 : n_columns;
+    return parent.isValid() ? 0 : count_columns();
   }
   QVariant data(const QModelIndex& at, int role) const override {
     const unit_row& row = rows_[at.row()];
@@ -109,6 +137,11 @@ class summary_model : public QAbstractTableModel {
   QVariant headerData(int section, Qt::Orientation orientation, int role) const override {
     if (orientation != Qt::Horizontal) return {};
     const bool own = section < n_own_columns;
+    if (section >= n_known_columns) {
+      const quality_figure& figure = figure_of(section);
+      if (role == Qt::DisplayRole) return figure_heading(figure);
+      return role == Qt::ToolTipRole ? figure_tip(figure) : QVariant();
+    }
     const auto column = static_cast<summary_column>(section);
     if (role == Qt::DisplayRole) {
       return QString::fromUtf8(own ? summary_heading(column) : further(section).heading);
@@ -137,11 +170,28 @@ class summary_model : public QAbstractTableModel {
   }
   summary_line line(const unit_row& row) const {
     const auto cluster = static_cast<std::size_t>(row.cluster);
-    return {row, cluster < violations_.size() ? violations_[cluster] : 0.0};
+    const std::vector<double>& violations = further_.violations;
+    return {row, cluster < violations.size() ? violations[cluster] : 0.0};
+  }
+  const unit_quality* quality(const unit_row& row) const {
+    const auto cluster = static_cast<std::size_t>(row.cluster);
+    return cluster <= further_.quality.size() ? &further_.quality[cluster - 1] : nullptr;
+  }
+  double value(const unit_row& row, int column) const {
+    if (column < n_known_columns) return further(column).value(line(row));
+    const unit_quality* of_row = quality(row);
+    const double figure = of_row != nullptr ? of_row->*figure_of(column).value : 0.0;
+    // What cannot be told stands behind all that can.
+    return std::isnan(figure) ? std::numeric_limits<double>::infinity() : figure;
   }
   QString text(const unit_row& row, int column) const {
     if (column < n_own_columns) {
       return QString::fromStdString(summary_text(row, static_cast<summary_column>(column)));
+    }
+    if (column >= n_known_columns) {
+      const unit_quality* of_row = quality(row);
+      if (of_row == nullptr) return {};
+      return QString::fromStdString(quality_text(figure_of(column), *of_row));
     }
     const further_column& more = further(column);
     return more.text != nullptr ? QString(more.text(line(row)))
@@ -153,15 +203,15 @@ class summary_model : public QAbstractTableModel {
       sort_summary(rows_, static_cast<summary_column>(column_), ascending_);
       return;
     }
-    const auto value = [this](const unit_row& row) { return further(column_).value(line(row)); };
     std::stable_sort(rows_.begin(), rows_.end(), [&](const unit_row& a, const unit_row& b) {
-      return ascending_ ? value(a) < value(b) : value(b) < value(a);
+      const double of_a = value(a, column_), of_b = value(b, column_);
+      return ascending_ ? of_a < of_b : of_b < of_a;
     });
   }
 
   const session_state& session_;
   std::vector<unit_row> rows_;
-  std::vector<double> violations_;
+  further_figures further_;
   int column_ = 0;
   bool ascending_ = true;
 };
@@ -176,7 +226,10 @@ struct summary_window {
   operation_dialog* dialog;
   summary_model* model;
   QTableView* table = nullptr;
-  QCheckBox* more = nullptr;
+  QCheckBox *more = nullptr, *quality = nullptr;
+  QWidget* limits = nullptr;  // of a first label
+  QPushButton* undo = nullptr;
+  std::unique_ptr<settings_form> form = nullptr;
   QLabel *file_name = nullptr, *file_type = nullptr;
   QLabel *n_events = nullptr, *n_clustered = nullptr, *n_unclustered = nullptr;
   QLabel *percent_clustered = nullptr, *n_clusters = nullptr, *n_stable = nullptr;
@@ -230,20 +283,22 @@ void show_top_block(const summary_window& s, const sorting_summary& summary) {
 void restore_layout(const summary_window& s) {
   const QSettings store;
   const QVariantList widths = store.value("summary/columns").toList();
-  for (int column = 0; column < n_columns; ++column) {
+  for (int column = 0; column < count_columns(); ++column) {
     const int width = column < widths.size() ? widths[column].toInt() : 0;
     s.table->setColumnWidth(column, width > 0 ? width : column_width);
   }
   s.more->setChecked(store.value("summary/more_columns", false).toBool());
+  s.quality->setChecked(store.value("summary/quality_columns", false).toBool());
   s.dialog->resize(660, 560);
 }
 
 void save_layout(const summary_window& s) {
   QVariantList widths;
-  for (int column = 0; column < n_columns; ++column) widths << s.table->columnWidth(column);
+  for (int column = 0; column < count_columns(); ++column) widths << s.table->columnWidth(column);
   QSettings store;
   store.setValue("summary/columns", widths);
   store.setValue("summary/more_columns", s.more->isChecked());
+  store.setValue("summary/quality_columns", s.quality->isChecked());
 }
 
 // The cluster of the line that is pressed, or come to with the cursor keys.
@@ -282,30 +337,36 @@ QTableView* make_table(const shared_summary& s) {
 void count_and_show(const shared_summary& s) {
   struct counted {
     sorting_summary summary;
-    std::vector<double> violations;
+    further_figures further;
   };
   const auto result = std::make_shared<counted>();
-  const bool more = s->more->isChecked();
+  const bool more = s->more->isChecked(), quality = s->quality->isChecked();
   s->dialog->run(
-      [result, more](session_state& session) {
+      [result, more, quality](session_state& session) {
         result->summary = make_sorting_summary(session);
-        if (more) result->violations = refractory_violations(session);
+        if (more) result->further.violations = refractory_violations(session);
+        // Waveforms are compared with the templates.
+        if (quality) renew_outdated_templates(session);
+        if (quality) result->further.quality = measure_quality(session);
       },
       [s, result] {
         show_top_block(*s, result->summary);
-        s->model->show(std::move(result->summary.rows), result->violations);
+        s->model->show(std::move(result->summary.rows), std::move(result->further));
+        s->undo->setEnabled(can_undo(s->w.session, undo_owner::labels));
       });
 }
 
 void show_further_columns(const summary_window& s) {
-  for (int column = n_own_columns; column < n_columns; ++column) {
-    s.table->setColumnHidden(column, !s.more->isChecked());
+  for (int column = n_own_columns; column < count_columns(); ++column) {
+    const QCheckBox* shown = column < n_known_columns ? s.more : s.quality;
+    s.table->setColumnHidden(column, !shown->isChecked());
   }
+  s.limits->setVisible(s.quality->isChecked());
 }
 
 // To the left, since the dialog stands at the right edge; windows are behind it anyway.
-void make_room(const summary_window& s, bool more) {
-  const int wider = (n_columns - n_own_columns) * column_width * (more ? 1 : -1);
+void make_room(const summary_window& s, int n_more) {
+  const int wider = n_more * column_width;
   const int width = std::min(s.dialog->width() + wider, screen_room(s.dialog).width());
   const int left = s.dialog->x() - (width - s.dialog->width());
   s.dialog->resize(width, s.dialog->height());
@@ -319,10 +380,119 @@ QCheckBox* more_box(const shared_summary& s) {
   s->dialog->disabled_while_running << s->more;
   QObject::connect(s->more, &QCheckBox::clicked, s->dialog, [s](bool on) {
     show_further_columns(*s);
-    make_room(*s, on);
+    const int n = n_known_columns - n_own_columns;
+    make_room(*s, on ? n : -n);
     count_and_show(s);
   });
   return s->more;
+}
+
+QCheckBox* quality_box(const shared_summary& s) {
+  s->quality = new QCheckBox("quality of the units");
+  s->quality->setObjectName("quality_columns");
+  s->quality->setToolTip(
+      "Columns of the figures by which a unit is one neuron, whole and itself; each heading says "
+      "what it means, where it comes from and what is good");
+  s->dialog->disabled_while_running << s->quality;
+  QObject::connect(s->quality, &QCheckBox::clicked, s->dialog, [s](bool on) {
+    show_further_columns(*s);
+    // A screen has no room for all of them; they scroll.
+    constexpr int n_in_sight = 4;
+    make_room(*s, on ? n_in_sight : -n_in_sight);
+    count_and_show(s);
+  });
+  return s->quality;
+}
+
+// ---------------------------------------------------------------- first labels
+
+struct limit_row {
+  const char *label, *setting, *unit, *tip;
+  double step;
+  int decimals;
+};
+// clang-format off
+constexpr limit_row limit_rows[] = {
+    {"Contamination ≤", "good_contamination", "", "Of a good unit, by all pairs of spikes within "
+     "the refractory period: fraction of foreign spikes at most", 0.01, 2},
+    {"Cut-off ≤", "good_cutoff", "", "Of a good unit: fraction of spikes that the threshold has "
+     "missed, at most", 0.01, 2},
+    {"Presence ≥", "good_presence", "", "Of a good unit: fraction of the recording in which it "
+     "fires, at least", 0.05, 2},
+    {"SNR ≥", "good_snr", "", "Of a good unit: peak-to-peak over noise, at least; of event-based "
+     "recordings it has no say", 0.5, 1},
+    {"Noise: SNR <", "noise_snr", "", "Units with a smaller peak-to-peak over noise are noise", 0.5,
+     1},
+    {"Noise: events <", "noise_events", "", "Units of fewer events are noise", 10, 0},
+    {"Refractory", "quality_refractory_ms", "ms", "Time in which no neuron fires twice, ms", 0.1,
+     2},
+    {"Censored", "quality_censored_ms", "ms", "Time in which the sorter finds no second spike, and "
+     "which the violations leave out, ms", 0.1, 2},
+};
+// clang-format on
+
+// By the limits as they stand in the fields: all units, in one edit.
+void label_by_figures(const shared_summary& s) {
+  if (!s->form->store()) return;
+  s->dialog->run(
+      [](session_state& session) {
+        renew_outdated_templates(session);
+        std::vector<std::int32_t> units;
+        std::vector<unit_label> labels;
+        for (const unit_quality& quality : measure_quality(session)) {
+          units.push_back(quality.unit);
+          labels.push_back(suggest_label(session, quality));
+        }
+        if (!label_units(session, units, labels)) {
+          log_message(session, "Label by figures: all units have these labels");
+        }
+      },
+      [s] { count_and_show(s); });
+}
+
+QLayout* label_buttons(const shared_summary& s) {
+  QPushButton* label = make_button("label_by_figures", "&Label by figures",
+                                   "Labels every unit good, multi-unit or noise by these limits");
+  s->undo = make_button("undo_labels", "&Undo labels",
+                        "All labels as they were before \"Label by figures\"");
+  s->undo->setEnabled(false);
+  s->dialog->disabled_while_running << label;
+  QObject::connect(label, &QPushButton::clicked, s->dialog, [s] { label_by_figures(s); });
+  QObject::connect(s->undo, &QPushButton::clicked, s->dialog, [s] {
+    s->dialog->run([](session_state& session) { undo_unit_labels(session); },
+                   [s] { count_and_show(s); });
+  });
+  auto* row = new QHBoxLayout;
+  row->addStretch(1);
+  row->addWidget(label);
+  row->addWidget(s->undo);
+  return row;
+}
+
+QWidget* limits_box(const shared_summary& s) {
+  s->form = std::make_unique<settings_form>(s->w.session, s->dialog);
+  auto* grid = new QGridLayout;
+  std::vector<number_field*> fields;
+  constexpr int n_across = 2;
+  for (int i = 0; i < static_cast<int>(std::size(limit_rows)); ++i) {
+    const limit_row& row = limit_rows[i];
+    number_field* field = number_control(
+        *s->form, row.setting,
+        {.step = row.step, .decimals = row.decimals, .unit = row.unit, .tip = row.tip});
+    auto* name = new QLabel(row.label);
+    name->setBuddy(field);
+    grid->addWidget(name, i / n_across, 2 * (i % n_across));
+    grid->addWidget(field->row(false), i / n_across, 2 * (i % n_across) + 1);
+    fields.push_back(field);
+  }
+  s->form->load();
+  auto* column = new QVBoxLayout;
+  column->addLayout(grid);
+  column->addWidget(words_line(fields));
+  column->addLayout(label_buttons(s));
+  s->limits = titled_box("First labels", column);
+  for (QWidget* input : inputs_of(s->limits)) s->dialog->disabled_while_running << input;
+  return s->limits;
 }
 
 // Entries that only show something, and may be used while the summary is open.
@@ -343,6 +513,8 @@ void sorting_summary_command(workstation& w) {
   layout->addLayout(top_block(*s));
   layout->addWidget(make_table(s), 1);
   layout->addWidget(more_box(s));
+  layout->addWidget(quality_box(s));
+  layout->addWidget(limits_box(s));
   layout->addWidget(buttons);
   dialog->setMinimumWidth(name_width);
   dialog->disabled_while_running << done;
