@@ -50,7 +50,6 @@ struct autosort_window {
   QCheckBox* skip_detection = nullptr;
   QCheckBox* skip_clustering = nullptr;
   QGroupBox *detection_box = nullptr, *clustering_box = nullptr, *merging_box = nullptr;
-  QGroupBox* template_box = nullptr;
   QProgressBar *detection_bar = nullptr, *cluster_bar = nullptr, *merge_bar = nullptr;
   QProgressBar* template_bar = nullptr;
   QPushButton* take_back = nullptr;
@@ -171,8 +170,14 @@ QGroupBox* detection_section(autosort_window& a) {
   rows->addRow("Initial alignment",
                choice_control(a.form, "align_feature", mode_entries(align_features()),
                               "Point of the spike that is its time at first"));
-  rows->addRow("Progress", a.detection_bar = make_bar("detection_meter", 1000));
-  a.events_found = add_value(rows, "events_found", "# of events");
+  auto* progress = new QHBoxLayout;
+  progress->addWidget(a.detection_bar = make_bar("detection_meter", 1000), 1);
+  auto* found = new QFormLayout;
+  a.events_found = add_value(found, "events_found", "# of events");
+  // Kept, so that the bar does not grow and shrink with the count.
+  a.events_found->setMinimumWidth(a.events_found->fontMetrics().horizontalAdvance("50000000"));
+  progress->addLayout(found);
+  rows->addRow("Progress", progress);
   QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
                    [&a] { show_threshold_value(a); });
   return a.detection_box = titled_box("Event detection", rows);
@@ -212,6 +217,19 @@ QGroupBox* clustering_section(autosort_window& a) {
   return a.clustering_box = titled_box("Clustering", rows);
 }
 
+QLayout* template_row(autosort_window& a) {
+  auto* row = new QHBoxLayout;
+  row->addWidget(logical_control(
+      a.form, "template_pass", "Reclaim spikes by templates",
+      "At the end, search the recording with the waveform of each unit: finds spikes below the "
+      "threshold and under others, follows units that move, and takes out units that are none"));
+  row->addWidget(a.template_bar = make_bar("template_meter", 1000), 1);
+  a.take_back = make_button("undo_template_pass", "Take back",
+                            "The sort as it was before its spikes were reclaimed by templates");
+  row->addWidget(a.take_back);
+  return row;
+}
+
 QGroupBox* merging_section(autosort_window& a) {
   auto* rows = new QFormLayout;
   auto* merges = new QHBoxLayout;
@@ -225,25 +243,19 @@ QGroupBox* merging_section(autosort_window& a) {
   merges->addWidget(overlap->row(), 1);
   rows->addRow(merges);
   rows->addRow("Progress", a.merge_bar = make_bar("merge_meter", 150));
-  a.clusters_found = add_value(rows, "clusters_found", "# of clusters");
-  a.stable_clusters = add_value(rows, "stable_clusters", "# of stable clusters");
-  a.current_pair = add_value(rows, "current_pair", "Current pair");
-  a.elapsed = add_value(rows, "elapsed_time", "Time, minutes");
+  // Side by side: the dialog must fit a small screen.
+  auto* counts = new QFormLayout;
+  a.clusters_found = add_value(counts, "clusters_found", "# of clusters");
+  a.stable_clusters = add_value(counts, "stable_clusters", "# of stable clusters");
+  auto* progress = new QFormLayout;
+  a.current_pair = add_value(progress, "current_pair", "Current pair");
+  a.elapsed = add_value(progress, "elapsed_time", "Time, minutes");
+  auto* values = new QHBoxLayout;
+  values->addLayout(counts, 1);
+  values->addLayout(progress, 1);
+  rows->addRow(values);
+  rows->addRow(template_row(a));
   return a.merging_box = titled_box("Merge and Split", rows);
-}
-
-QGroupBox* template_section(autosort_window& a) {
-  auto* row = new QHBoxLayout;
-  row->addWidget(logical_control(
-      a.form, "template_pass", "Reclaim spikes by templates",
-      "At the end, search the recording with the waveform of each unit: finds spikes below the "
-      "threshold and under others, follows units that move, and takes out units that are none"));
-  row->addWidget(a.template_bar = make_bar("template_meter", 1000), 1);
-  a.take_back = new QPushButton("&Take back");
-  a.take_back->setObjectName("undo_template_pass");
-  a.take_back->setToolTip("The sort as it was before its spikes were reclaimed by templates");
-  row->addWidget(a.take_back);
-  return a.template_box = titled_box("Template pass", row);
 }
 
 QLayout* pc_scale_row(workstation& w) {
@@ -390,9 +402,6 @@ void share_out_controls(const autosort_window& a) {
   for (const QGroupBox* box : {a.detection_box, a.clustering_box, a.merging_box}) {
     a.dialog->disabled_while_running << inputs_of(box);
   }
-  if (auto* tick = a.template_box->findChild<QCheckBox*>("template_pass")) {
-    a.dialog->disabled_while_running << tick;
-  }
   a.dialog->enabled_while_running << a.interrupt;
 }
 
@@ -530,7 +539,6 @@ void autosort_command(workstation& w) {
   layout->addWidget(detection_section(*a));
   layout->addWidget(clustering_section(*a));
   layout->addWidget(merging_section(*a));
-  layout->addWidget(template_section(*a));
   layout->addLayout(pc_scale_row(w));
   a->message = new QLabel;
   a->message->setObjectName("message");
