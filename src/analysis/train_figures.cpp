@@ -26,12 +26,28 @@ std::int32_t stretch_of(double time, double duration, std::int32_t n_stretches) 
   return static_cast<std::int32_t>(std::clamp(place, 0.0, n_stretches - 1.0));
 }
 
-double presence_ratio(std::span<const double> times, double duration) {
+double presence_ratio(std::span<const double> times, double duration,
+                      std::span<const time_span> gaps) {
   const std::int32_t n = count_stretches(duration);
   if (n == 0) return unknown;
+  std::vector<double> missing(static_cast<std::size_t>(n), 0.0);
+  const double length = duration / n;
+  for (const time_span& gap : gaps) {
+    const std::int32_t last = stretch_of(gap.to, duration, n);
+    for (std::int32_t k = stretch_of(gap.from, duration, n); k <= last; ++k) {
+      missing[k] +=
+          std::max(0.0, std::min(gap.to, (k + 1) * length) - std::max(gap.from, k * length));
+    }
+  }
   std::vector<char> present(static_cast<std::size_t>(n));
   for (const double t : times) present[stretch_of(t, duration, n)] = 1;
-  return static_cast<double>(std::count(present.begin(), present.end(), 1)) / n;
+  std::int32_t n_seen = 0, n_present = 0;
+  for (std::int32_t k = 0; k < n; ++k) {
+    if (missing[k] > length / 2) continue;
+    ++n_seen;
+    n_present += present[k];
+  }
+  return n_seen > 0 ? static_cast<double>(n_present) / n_seen : unknown;
 }
 
 refractory_violations_count count_violations(std::span<const double> times,

@@ -17,9 +17,15 @@ std::int32_t count_stretches(double duration);
 // The stretch of a time, from 0; times beyond either end count to the last one there.
 std::int32_t stretch_of(double time, double duration, std::int32_t n_stretches);
 
-// Fraction of the stretches with a spike. A unit that is lost, or comes late, is below 1.
+struct time_span {
+  double from, to;  // s
+};
+
+// Fraction of the stretches with a spike. A unit that is lost, or comes late, is below 1. A
+// stretch counts that has data for half of its time or more; gaps, ascending and apart, have none.
 // Source: Siegle et al., Nature 592, 2021.
-double presence_ratio(std::span<const double> times, double duration);
+double presence_ratio(std::span<const double> times, double duration,
+                      std::span<const time_span> gaps = {});
 
 struct refractory_period {
   double period = 0.0015;    // s in which no neuron fires twice

@@ -12,6 +12,7 @@
 #include "analysis/train_figures.h"
 #include "clustering/templates.h"
 #include "numerics/parallel.h"
+#include "signal/blanking.h"
 
 namespace kestrelvane {
 
@@ -116,18 +117,31 @@ refractory_period refractory_of(const session_state& session) {
           double{session.quality.quality_censored_ms} / 1000};
 }
 
+// Where the unit's channel was blanked, in the seconds of its spikes.
+std::vector<time_span> gaps_of(const session_state& session, std::int32_t unit) {
+  std::vector<time_span> gaps;
+  const double rate = session.recording.sampling_frequency;
+  for (const blanked_stretch& s : blanked_on(session, session.templates.centre_channel(unit))) {
+    gaps.push_back({s.first / rate, (s.last + 1) / rate});
+  }
+  return gaps;
+}
+
 void judge_train(const session_state& session, const all_trains& trains, unit_quality& quality) {
   const std::vector<double>& times = trains.sorted[quality.unit];
   const auto n = static_cast<std::int32_t>(times.size());
   const refractory_period refractory = refractory_of(session);
   quality.n_events = n;
-  quality.rate = trains.duration > 0 ? n / trains.duration : unknown;
-  quality.presence = presence_ratio(times, trains.duration);
+  const std::vector<time_span> gaps = gaps_of(session, quality.unit);
+  double seen = trains.duration;
+  for (const time_span& gap : gaps) seen -= gap.to - gap.from;
+  quality.rate = seen > 0 ? n / seen : unknown;
+  quality.presence = presence_ratio(times, trains.duration, gaps);
   const refractory_violations_count count = count_violations(times, refractory);
   quality.violations = count.successive;
   quality.contamination_intervals =
-      contamination_by_intervals(count.successive, n, trains.duration, refractory);
-  quality.contamination_pairs = contamination_by_pairs(count.pairs, n, trains.duration, refractory);
+      contamination_by_intervals(count.successive, n, seen, refractory);
+  quality.contamination_pairs = contamination_by_pairs(count.pairs, n, seen, refractory);
 }
 
 void judge_waveforms(const session_state& session, const all_trains& trains,

@@ -73,9 +73,19 @@ bool clean_common_noise(session_state& session) {
 
 // ---------------------------------------------------------------- artefacts
 
+std::int32_t count_channels_in_use(const session_state& session) {
+  const recording_store& r = session.recording;
+  std::int32_t n = 0;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) n += !r.chan_mask[c];
+  return n;
+}
+
 bool channels_are_to_be_blanked(const session_state& session) {
   if (session.cleaning.blank_by_channel) return true;
-  if (!session.cleaning.blank_artefacts || !may_offer(session)) return false;
+  if (!session.cleaning.blank_artefacts) return false;
+  // Too few to tell an artefact by their number: each for itself is all that can be done.
+  if (count_channels_in_use(session) < artefact_channels) return true;
+  if (!may_offer(session)) return false;
   const std::vector<blanked_stretch> found = find_channel_artefacts(session);
   if (found.empty()) return false;
   return ask(session,
@@ -86,7 +96,7 @@ bool channels_are_to_be_blanked(const session_state& session) {
 }
 
 bool clean_artefacts(session_state& session) {
-  if (session.cleaning.blank_artefacts &&
+  if (session.cleaning.blank_artefacts && count_channels_in_use(session) >= artefact_channels &&
       !run_step(session, &filter_settings::do_blank_artefacts)) {
     return false;
   }

@@ -276,17 +276,21 @@ void blank_channel_artefacts(session_state& session, filter_progress& progress) 
                            n_channels, seconds, percent_of(session, seconds)));
 }
 
-double blanked_seconds(const session_state& session, std::int32_t channel) {
+std::vector<blanked_stretch> blanked_on(const session_state& session, std::int32_t channel) {
   std::vector<blanked_stretch> of_channel;
   for (const blanked_stretch& s : session.recording.blanked) {
-    if (s.channel == 0 || s.channel == channel) of_channel.push_back({0, s.first, s.last});
+    if (s.channel == 0 || s.channel == channel) of_channel.push_back({channel, s.first, s.last});
   }
   std::sort(of_channel.begin(), of_channel.end(),
             [](const blanked_stretch& a, const blanked_stretch& b) { return a.first < b.first; });
   // Those of the channel alone may overlap those of all.
   std::vector<blanked_stretch> joined;
   for (const blanked_stretch& s : of_channel) add_stretch(joined, s);
-  return seconds_of(session, joined);
+  return joined;
+}
+
+double blanked_seconds(const session_state& session, std::int32_t channel) {
+  return seconds_of(session, blanked_on(session, channel));
 }
 
 }  // namespace kestrelvane

@@ -47,7 +47,9 @@ std::vector<blanked_stretch> find_channel_artefacts(const session_state& session
 void blank_artefacts(session_state& session, filter_progress& progress);
 void blank_channel_artefacts(session_state& session, filter_progress& progress);
 
-// Seconds of a channel (0: of all of them) that are blanked.
+// The stretches of a channel (0: of all of them) that are blanked, ascending and apart.
+std::vector<blanked_stretch> blanked_on(const session_state& session, std::int32_t channel);
+// Their length in seconds.
 double blanked_seconds(const session_state& session, std::int32_t channel);
 
 }  // namespace kestrelvane

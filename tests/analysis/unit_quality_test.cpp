@@ -27,6 +27,9 @@ TEST(train_figures, presence_counts_stretches_with_a_spike) {
   EXPECT_EQ(count_stretches(0), 0);
   // Ten stretches of 20 s: 0, 1, 3 and the last, in which the rim of the recording counts.
   EXPECT_EQ(presence_ratio(std::vector<double>{1, 2, 21, 79, 200}, 200), 0.4);
+  // Without data in 20..40 and most of 60..80 eight stretches are left; a gap of 9 s leaves its.
+  const std::vector<time_span> gaps{{19, 41}, {61, 72}, {151, 160}};
+  EXPECT_EQ(presence_ratio(std::vector<double>{1, 2, 21, 79, 200}, 200, gaps), 0.25);
   EXPECT_TRUE(std::isnan(presence_ratio({}, 0)));
   EXPECT_EQ(presence_ratio({}, 200), 0);
 }

@@ -138,6 +138,16 @@ TEST_F(cleaning_test, single_channels_are_blanked_on_request) {
   ASSERT_TRUE(clean_recording(*session));
   EXPECT_EQ(r.vd.channel(5)[151'000], 0);
   EXPECT_TRUE(session.user.logged("Blanked artefacts on 1 single channels"));
+  // A tetrode has no crowd of channels: there the step is all there is, and is not asked about.
+  SetUp();
+  session->filter_history.n_entries = 0;
+  const std::size_t n_questions = session.user.questions.size();
+  for (std::int32_t c = 5; c <= n_channels; ++c) r.chan_mask[c] = true;
+  ASSERT_TRUE(clean_recording(*session));
+  EXPECT_EQ(session.user.questions.size(), n_questions);
+  EXPECT_EQ(r.vd.channel(3)[50'100], 0);
+  EXPECT_EQ(session->filter_history.n_entries, 1);
+  EXPECT_EQ(session->filter_history.code[1], 11);
 }
 
 }  // namespace
