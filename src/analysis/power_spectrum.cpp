@@ -133,6 +133,15 @@ std::uint64_t recording_state(const session_state& session) {
   return sum.value;
 }
 
+bool has_power_spectrum(const session_state& session) {
+  const recording_store& r = session.recording;
+  if (!r.is_continuous || r.n_samples < n_points) return false;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!r.chan_mask[c]) return true;
+  }
+  return false;
+}
+
 power_spectrum measure_power_spectrum(const session_state& session,
                                       std::vector<std::int32_t> channels) {
   const recording_store& r = session.recording;

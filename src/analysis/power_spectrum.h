@@ -29,6 +29,12 @@ struct power_spectrum {
 power_spectrum measure_power_spectrum(const session_state& session,
                                       std::vector<std::int32_t> channels = {});
 
+// Whether the recording has what a spectrum takes, and what is said otherwise.
+bool has_power_spectrum(const session_state& session);
+constexpr const char* spectrum_refusal =
+    "A spectrum takes a continuous recording of at least 4096 samples with a channel that is not "
+    "masked";
+
 // Another number after another recording was read, or the samples were filtered.
 std::uint64_t recording_state(const session_state& session);
 

@@ -6,12 +6,14 @@
 
 #include <QPainter>
 
+#include "analysis/autocorrelation_time.h"
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
 #include "displays/clusters/heights.h"
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
+#include "displays/graph.h"
 #include "displays/picture_file.h"
 
 namespace kestrelvane {
@@ -87,6 +89,14 @@ void draw_correlograms(cluster_canvas& canvas) {
                            canvas.session.review.correlogram_bin_ms, canvas.theme);
 }
 
+void draw_autocorrelation_time(cluster_canvas& canvas) {
+  const std::int32_t unit = canvas.drawing.clusters.front();
+  const graph_data graph = make_autocorrelation_time_graph(
+      measure_autocorrelation_time(canvas.session, unit, canvas.session.review.correlogram_bin_ms));
+  paint_graph(graph, canvas.drawing.dark ? dark_style() : paper_style(), whole_view(graph),
+              canvas.painter, canvas.drawing.size);
+}
+
 // The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
@@ -119,9 +129,13 @@ struct cluster_view_row {
   void (*draw)(cluster_canvas& canvas);
 };
 constexpr cluster_view_row cluster_views[] = {
-    {"waveforms", 1, 2, draw_waveforms}, {"components", 1, 2, draw_components},
-    {"templates", 1, 8, draw_templates}, {"correlograms", 1, 8, draw_correlograms},
-    {"heights", 1, 2, draw_heights},     {"spikes", 0, 4000, draw_spikes},
+    {"waveforms", 1, 2, draw_waveforms},
+    {"components", 1, 2, draw_components},
+    {"templates", 1, 8, draw_templates},
+    {"correlograms", 1, 8, draw_correlograms},
+    {"acf-time", 1, 1, draw_autocorrelation_time},
+    {"heights", 1, 2, draw_heights},
+    {"spikes", 0, 4000, draw_spikes},
 };
 
 const cluster_view_row* find_view(std::string_view name) {

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "analysis/power_spectrum.h"
 #include "batch/channel_list.h"
 #include "batch/cluster_pictures.h"
 #include "batch/verbs.h"
@@ -37,9 +38,11 @@ bool parse_size(const std::string& text, QSize& size) {
          width <= largest_side && height <= largest_side;
 }
 
+bool is_graph_view(std::string_view view) { return view == "graph" || view == "spectrum"; }
+
 // A graph can be written as its numbers, which need no drawing.
 bool wants_numbers(const batch_options& options) {
-  return options.view == "graph" &&
+  return is_graph_view(options.view) &&
          (options.picture.ends_with(".csv") || options.picture.ends_with(".gra"));
 }
 
@@ -72,7 +75,7 @@ bool check_draw_options(const batch_options& options, QSize& size, std::string& 
     problem = "draw: --out is required";
   } else if (!is_picture_path(options.picture) && !wants_numbers(options)) {
     problem = "--out " + options.picture + ": not a .png, .svg or .pdf" +
-              (options.view == "graph" ? ", .csv or .gra" : "");
+              (is_graph_view(options.view) ? ", .csv or .gra" : "");
   } else if (!parse_size(options.size, size)) {
     problem = "--size " + options.size + ": not WxH in pixels";
   } else if (options.time_scale < 0 || options.voltage_scale < 0) {
@@ -138,16 +141,23 @@ cluster_drawing drawing_of(const batch_options& options, QSize size) {
           .size = size};
 }
 
+graph_data graph_of_view(session_state& session, std::string_view view) {
+  if (view == "spectrum") {
+    return make_spectrum_graph(measure_power_spectrum(session), session.current_channel);
+  }
+  return make_voltage_graph(session);
+}
+
 bool draw_view(const batch_session& batch, QSize size) {
   const batch_options& options = batch.options;
   session_state& session = *batch.session;
   if (is_cluster_view(options.view)) {
     return write_cluster_picture(session, drawing_of(options, size));
   }
-  if (options.view == "graph") {
+  if (is_graph_view(options.view)) {
     // A file goes on paper or a page, which are white, whatever the windows look like.
     const graph_style style = options.draw_reversed ? dark_style() : paper_style();
-    return write_graph_picture(make_voltage_graph(session), style, options.picture, size);
+    return write_graph_picture(graph_of_view(session, options.view), style, options.picture, size);
   }
   return write_picture(options.picture, size,
                        [&](QPainter& painter) { draw_voltage_display(session, painter); });
@@ -172,9 +182,13 @@ batch_status write_view(batch_session& batch, QSize size) {
         check_cluster_drawing(*batch.session, drawing_of(batch.options, size));
     if (!problem.empty()) return fail_batch(batch, problem);
   }
-  const bool written = wants_numbers(batch.options)
-                           ? write_graph_file(make_voltage_graph(*batch.session), path)
-                           : draw_off_screen(batch, size);
+  if (batch.options.view == "spectrum" && !has_power_spectrum(*batch.session)) {
+    return fail_batch(batch, spectrum_refusal);
+  }
+  const bool written =
+      wants_numbers(batch.options)
+          ? write_graph_file(graph_of_view(*batch.session, batch.options.view), path)
+          : draw_off_screen(batch, size);
   if (!written) return fail_batch(batch, "Failed to save file " + path);
   return batch_status::done;
 }

@@ -127,9 +127,9 @@ constexpr option_row option_rows[] = {
   {text, takes_draw, "--out", AT(picture),
       "FILE", "the picture: .png, .svg or .pdf; of a graph also its numbers: .csv or .gra"},
   {text, takes_draw, "--view", AT(view), "VIEW",
-      "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view); of "
-      "the clusters named by --clusters: waveforms, components, templates, correlograms, heights, spikes (voltage)",
-      "voltage grey graph waveforms components templates correlograms heights spikes"},
+      "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view), spectrum; of "
+      "the clusters named by --clusters: waveforms, components, templates, correlograms, acf-time, heights, spikes (voltage)",
+      "voltage grey graph spectrum waveforms components templates correlograms acf-time heights spikes"},
   {real, takes_draw, "--from", AT(from_seconds), "SECONDS", "left edge (where signal begins)"},
   {real, takes_draw, "--scale", AT(time_scale), "PIXELS", "per sample (1)"},
   {real, takes_draw, "--voltage-scale", AT(voltage_scale), "PIXELS", "per µV (by the noise)"},

@@ -34,6 +34,7 @@ class interface_desk;
 class main_frame;
 class messages_dialog;
 struct cluster_displays;
+struct power_spectrum;
 struct correlogram_state;
 struct review_workspace;
 struct voltage_state;
@@ -53,6 +54,7 @@ enum class graph_kind {
   waveform_comparison,
   cluster_waveforms,
   spike_view,
+  hp_spectrum,
   run_log,
   count,
 };
@@ -66,6 +68,7 @@ struct workstation {
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   std::shared_ptr<correlogram_state> correlograms;    // likewise; correlogram_window.h
+  std::shared_ptr<power_spectrum> spectrum;           // windows/analysis_windows.h; null: none
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h
   operation_worker worker;

@@ -109,11 +109,12 @@ TEST(SortingSummary, LabelsByFiguresAndTakesTheLabelsBack) {
   QDialog* dialog = w.dialog("summary_dialog");
   w.settle();
   auto* table = w.control<QTableView>(dialog, "summary_table");
-  constexpr int first_figure = 11, snr = first_figure + 9;
-  EXPECT_TRUE(table->isColumnHidden(snr));
+  constexpr int first_figure = 11, drift = first_figure + 10;
+  EXPECT_TRUE(table->isColumnHidden(drift));
   w.control<QCheckBox>(dialog, "quality_columns")->click();
   w.settle();
-  EXPECT_FALSE(table->isColumnHidden(snr));
+  EXPECT_FALSE(table->isColumnHidden(drift));
+  EXPECT_TRUE(table->isColumnHidden(first_figure)) << "events, which the summary has";
   const std::vector<unit_quality> quality = measure_quality(*w.session);
   for (int row = 0; row < n; ++row) {
     for (int figure = 0; figure < static_cast<int>(quality_figures().size()); ++figure) {

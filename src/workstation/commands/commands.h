@@ -29,6 +29,8 @@ void voltage_record_command(workstation& w);
 void sorted_waveforms_command(workstation& w);
 void template_image_command(workstation& w);
 void spike_view_command(workstation& w);
+void hp_spectrum_command(workstation& w);
+void autocorrelation_time_command(workstation& w);
 
 // --- Sort, Review (process_commands.cpp)
 void convert_channels_command(workstation& w);
@@ -57,6 +59,7 @@ void manage_clusters_command(workstation& w);
 void post_process_command(workstation& w);
 void compare_pairs_command(workstation& w);
 void correlation_command(workstation& w);
+void test_decisions_command(workstation& w);
 void export_command(workstation& w);
 
 }  // namespace kestrelvane

@@ -28,12 +28,9 @@ void later(workstation& w) {
   constexpr char routine##_text[] = text; \
   constexpr auto routine = later<routine##_text>
 
-LATER(hp_spectrum, "The high-pass spectrum");
 LATER(channel_check, "The channel check");
 LATER(feature_export, "The export of feature matrices");
-LATER(test_decisions, "The test of decisions");
 LATER(isi_height, "The ISI height plot");
-LATER(acf_time, "The plot of autocorrelation against time");
 LATER(event_noise, "The export of event noise");
 LATER(test_waveform, "The test waveform maker");
 LATER(amplitude_distribution, "The event amplitude distribution");
@@ -68,7 +65,7 @@ constexpr menu_row rows[] = {
   {"&View", "&Voltage record", "voltage_record", "Ctrl+R",
    "The traces of the recording with events and clusters", both, none, voltage_record_command},
   {"&View", "&HP spectrum", "hp_spectrum", "",
-   "Power of the filtered channels against frequency", full, none, hp_spectrum},
+   "Power of the filtered channels against frequency", full, none, hp_spectrum_command},
   {"&View", "&Template image", "template_image", "",
    "The template of the current cluster as an image of channels and time", full, none, template_image_command},
   {"&View", "Sorted &waveforms", "sorted_waveforms", "",
@@ -114,13 +111,14 @@ constexpr menu_row rows[] = {
   {"&Review", "&History", "history", "Ctrl+H",
    "The edits of the review, and the way back to any of them", both, none, history_command},
   {"&Review", "&Test decisions", "test_decisions", "",
-   "Sort again and compare the decisions of Autosort", full, none, test_decisions},
+   "What Autosort would do now with each pair of clusters, and why", full, none,
+   test_decisions_command},
   {"&Review", "&Manage clusters", "manage_clusters", "",
    "Figures, deletion and order of clusters", full, none, manage_clusters_command},
   {"&Review", "&ISI Height plot", "isi_height", "",
    "Height of spikes against the interval before them", full, none, isi_height},
   {"&Review", "&Autocorrelation vs time plot", "acf_time", "",
-   "Autocorrelograms of successive stretches of the recording", full, none, acf_time},
+   "Autocorrelograms of successive stretches of the recording", full, none, autocorrelation_time_command},
 
   {"&Export", "&Sorted spike files", "export_spikes", "Ctrl+E",
    "Write the sorted spikes for other tools", both, none, export_command},

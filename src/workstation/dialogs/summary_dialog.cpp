@@ -289,7 +289,7 @@ void restore_layout(const summary_window& s) {
   }
   s.more->setChecked(store.value("summary/more_columns", false).toBool());
   s.quality->setChecked(store.value("summary/quality_columns", false).toBool());
-  s.dialog->resize(660, 560);
+  s.dialog->resize(660, s.quality->isChecked() ? 700 : 560);
 }
 
 void save_layout(const summary_window& s) {
@@ -356,20 +356,29 @@ void count_and_show(const shared_summary& s) {
       });
 }
 
+// Of all figures of quality these have a column of the summary's own.
+bool stands_before(const quality_figure& figure) {
+  return figure.value == &unit_quality::n_events || figure.value == &unit_quality::snr;
+}
+
 void show_further_columns(const summary_window& s) {
+  const bool more = s.more->isChecked(), quality = s.quality->isChecked();
   for (int column = n_own_columns; column < count_columns(); ++column) {
-    const QCheckBox* shown = column < n_known_columns ? s.more : s.quality;
-    s.table->setColumnHidden(column, !shown->isChecked());
+    const bool known = column < n_known_columns;
+    s.table->setColumnHidden(column, known ? !more : !quality || stands_before(figure_of(column)));
   }
+  // Labels are what the figures are looked at for.
+  s.table->setColumnHidden(n_known_columns - 1, !more && !quality);
   s.limits->setVisible(s.quality->isChecked());
 }
 
 // To the left, since the dialog stands at the right edge; windows are behind it anyway.
-void make_room(const summary_window& s, int n_more) {
-  const int wider = n_more * column_width;
-  const int width = std::min(s.dialog->width() + wider, screen_room(s.dialog).width());
+void make_room(const summary_window& s, int n_more, int higher = 0) {
+  const QSize room = screen_room(s.dialog);
+  const int width = std::min(s.dialog->width() + n_more * column_width, room.width());
+  const int height = std::min(s.dialog->height() + higher, room.height());
   const int left = s.dialog->x() - (width - s.dialog->width());
-  s.dialog->resize(width, s.dialog->height());
+  s.dialog->resize(width, height);
   s.dialog->move(std::max(0, left), s.dialog->y());
 }
 
@@ -398,7 +407,8 @@ QCheckBox* quality_box(const shared_summary& s) {
     show_further_columns(*s);
     // A screen has no room for all of them; they scroll.
     constexpr int n_in_sight = 4;
-    make_room(*s, on ? n_in_sight : -n_in_sight);
+    const int limits = s->limits->sizeHint().height();
+    make_room(*s, on ? n_in_sight : -n_in_sight, on ? limits : -limits);
     count_and_show(s);
   });
   return s->quality;
@@ -473,7 +483,7 @@ QWidget* limits_box(const shared_summary& s) {
   s->form = std::make_unique<settings_form>(s->w.session, s->dialog);
   auto* grid = new QGridLayout;
   std::vector<number_field*> fields;
-  constexpr int n_across = 2;
+  constexpr int n_across = 4;
   for (int i = 0; i < static_cast<int>(std::size(limit_rows)); ++i) {
     const limit_row& row = limit_rows[i];
     number_field* field = number_control(

@@ -2,6 +2,7 @@
 
 #include "displays/display_fonts.h"
 #include "session/run_log.h"
+#include "workstation/windows/analysis_windows.h"
 #include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/voltage_window.h"
@@ -34,7 +35,8 @@ const window_row window_rows[] = {
      .object_name = "autocorrelation_window",
      .title = "Autocorrelation vs time plot",
      .font = small_courier,  // "t'Courier'h14w10f" for its headings
-     .size = {640, 420}},
+     .size = {640, 420},
+     .surface = autocorrelation_time_routines},
     {.kind = intervals,
      .object_name = "isi_window",
      .title = "ISI plot",
@@ -113,6 +115,12 @@ const window_row window_rows[] = {
      .size = {900, 520},
      .surface = spike_view_routines,
      .forget = forget_cluster_displays},
+    {.kind = hp_spectrum,
+     .object_name = "spectrum_window",
+     .title = "HP spectrum",
+     .font = nullptr,
+     .size = {760, 460},
+     .surface = spectrum_routines},
     // Lines of text, in a window of its own make (start_up.cpp).
     {.kind = run_log,
      .object_name = "run_log_window",
