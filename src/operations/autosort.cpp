@@ -299,7 +299,10 @@ bool reclaim_by_templates(session_state& session) {
   if (!session.matching.template_pass || session.clusters.n_clusters == 0) return true;
   begin_stage(session, "template-pass");
   const template_pass_end end = run_template_pass(session);
-  if (end == template_pass_end::done) build_lists(session);
+  if (end == template_pass_end::done) {
+    set_status(session, status_field::clusters_found, std::to_string(session.clusters.n_clusters));
+    build_lists(session);
+  }
   return end != template_pass_end::interrupted;
 }
 

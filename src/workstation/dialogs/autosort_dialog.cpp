@@ -344,6 +344,7 @@ void take_back_pass(const shared_autosort& a) {
       [a] {
         a->message->setText("The sort is the one before the template pass");
         a->clusters_found->setText(QString::number(a->w.session.clusters.n_clusters));
+        grey_sections(*a);
       });
 }
 
