@@ -16,7 +16,7 @@ constexpr double mode_from = 0.85, mode_to = 1.25;
 constexpr double histogram_end = 2.0;
 constexpr std::array<double, 5> smoothing = {1, 2, 3, 2, 1};
 constexpr double least_mean_energy = 33;
-constexpr std::size_t fewest_spikes = 40;
+constexpr std::size_t fewest_spikes = 40, fewest_strong_spikes = 15;
 // The guard of the cut.
 constexpr std::size_t fewest_for_shape = 15, most_for_shape = 150;
 constexpr double same_square = 2.5, same_part = 0.02, least_gain = 0.3;
@@ -119,9 +119,9 @@ score_cut find_cut(const tracked_unit& unit, double least_ratio) {
 std::string trim_unit(const session_state& session, const noise_covariance& noise,
                       const tracking_rules& rules, double largest_valley, tracked_unit& unit) {
   const double energy = unit.mean_energy();
-  if (unit.spikes.size() < fewest_spikes) {
-    return fmt::format("{} spikes", unit.spikes.size());
-  }
+  // What stands far out of the noise is believed with fewer spikes.
+  const std::size_t fewest = energy >= strong_energy ? fewest_strong_spikes : fewest_spikes;
+  if (unit.spikes.size() < fewest) return fmt::format("{} spikes", unit.spikes.size());
   if (energy < least_mean_energy) return fmt::format("detectability {:.0f}", energy);
   const double prior = static_cast<double>(rules.limits.prior());
   const double least =
@@ -135,9 +135,7 @@ std::string trim_unit(const session_state& session, const noise_covariance& nois
   std::erase_if(unit.spikes,
                 [&](const tracked_spike& s) { return static_cast<double>(s.ratio) < cut.ratio; });
   unit.energy_sum = energy * static_cast<double>(unit.spikes.size());
-  if (unit.spikes.size() < fewest_spikes) {
-    return fmt::format("{} spikes", unit.spikes.size());
-  }
+  if (unit.spikes.size() < fewest) return fmt::format("{} spikes", unit.spikes.size());
   return "";
 }
 

@@ -485,7 +485,7 @@ TEST(ExportDialog, SaysWhatItCannotWriteAndWarnsFirst) {
   EXPECT_EQ(r.text(dialog, "source_file").toStdString(), r.data.file("small.tsf"));
   EXPECT_EQ(r.text(dialog, "n_duplicates"), "     0");
   auto* format = r.w.control<QComboBox>(dialog, "data_format");
-  ASSERT_EQ(format->count(), 10);
+  ASSERT_EQ(format->count(), 11);
   const std::pair<int, const char*> refused[] = {{3, "No Neuralynx data in memory"},
                                                  {5, "No Blackrock .nev data in memory"}};
   for (const auto& [entry, words] : refused) {
