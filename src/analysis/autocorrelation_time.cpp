@@ -48,6 +48,10 @@ autocorrelation_time measure_autocorrelation_time(const session_state& session, 
   return result;
 }
 
+float autocorrelation_time_bin(const session_state& session) {
+  return std::clamp(session.review.correlogram_bin_ms, 0.5f, 2.0f);
+}
+
 graph_data make_autocorrelation_time_graph(const autocorrelation_time& result) {
   graph_data graph;
   graph.title = "Autocorrelation vs time";

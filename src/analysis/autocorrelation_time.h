@@ -34,6 +34,10 @@ struct autocorrelation_time {
 autocorrelation_time measure_autocorrelation_time(const session_state& session, std::int32_t unit,
                                                   float bin_ms);
 
+// The correlograms' width, but of 0.5 to 2 ms: narrower bins hold next to nothing in a window of
+// seconds, wider ones reach over seconds, in which a quick unit has too many pairs for a turn.
+float autocorrelation_time_bin(const session_state& session);
+
 // An image of lag against time, darker where the unit fires less; above it its rate as a line, 0 at
 // the image's upper edge.
 graph_data make_autocorrelation_time_graph(const autocorrelation_time& result);

@@ -92,7 +92,7 @@ void draw_correlograms(cluster_canvas& canvas) {
 void draw_autocorrelation_time(cluster_canvas& canvas) {
   const std::int32_t unit = canvas.drawing.clusters.front();
   const graph_data graph = make_autocorrelation_time_graph(
-      measure_autocorrelation_time(canvas.session, unit, canvas.session.review.correlogram_bin_ms));
+      measure_autocorrelation_time(canvas.session, unit, autocorrelation_time_bin(canvas.session)));
   paint_graph(graph, canvas.drawing.dark ? dark_style() : paper_style(), whole_view(graph),
               canvas.painter, canvas.drawing.size);
 }

@@ -127,6 +127,11 @@ void open_decisions(const shared_decisions& d, const std::shared_ptr<pair_decisi
   layout->addWidget(buttons);
   d->model->show(std::move(all->rows));
   d->table->resizeColumnsToContents();
+  // Headings that touch each other are hard to tell apart.
+  constexpr int room = 16;  // pixels
+  for (int column = 0; column < n_columns; ++column) {
+    d->table->setColumnWidth(column, d->table->columnWidth(column) + room);
+  }
   QObject::connect(d->dialog, &QDialog::finished, d->dialog, [d] {
     keep_window_places(d->w);
     forget_pair(d->w);

@@ -1,7 +1,5 @@
 #include "workstation/windows/analysis_windows.h"
 
-#include <algorithm>
-
 #include "analysis/autocorrelation_time.h"
 #include "analysis/power_spectrum.h"
 #include "review/review_guards.h"
@@ -55,11 +53,8 @@ void hp_spectrum_command(workstation& w) {
 graph_routines autocorrelation_time_routines(workstation& w) {
   const auto plot = std::make_shared<graph_plot>();
   plot->numbers = [](session_state& session) {
-    // Wider bins reach over seconds, in which a quick unit has more pairs than a turn has time for.
-    constexpr float widest_ms = 2;
-    return make_autocorrelation_time_graph(
-        measure_autocorrelation_time(session, session.clusters.current_cluster,
-                                     std::min(widest_ms, session.review.correlogram_bin_ms)));
+    return make_autocorrelation_time_graph(measure_autocorrelation_time(
+        session, session.clusters.current_cluster, autocorrelation_time_bin(session)));
   };
   return plot_routines(w, plot);
 }
