@@ -149,6 +149,15 @@ TEST(draw_verb, a_graph_has_axes_and_numbers) {
   EXPECT_EQ(read_bytes(files.folder.file("g.gra"))[0], char(0xE9));
 }
 
+TEST(draw_verb, the_spectrum_is_a_graph_of_the_recording) {
+  drawn_recording files;
+  ASSERT_EQ(files.draw("s.png", {"--view", "spectrum"}).status, 0);
+  EXPECT_GT(dark_pixels(QImage(QString::fromStdString(files.folder.file("s.png")))), 100);
+  ASSERT_EQ(files.draw("s.csv", {"--view", "spectrum"}).status, 0);
+  const std::vector<char> bytes = read_bytes(files.folder.file("s.csv"));
+  EXPECT_EQ(std::count(bytes.begin(), bytes.end(), '\n'), 2049) << "a heading and 2048 bins";
+}
+
 TEST(draw_verb, clusters_of_a_saved_sort) {
   const temporary_directory folder;
   const std::string recording = folder.file("sorted.tsf"), work = folder.file("sorted.wrk");
@@ -197,6 +206,10 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
   EXPECT_EQ(draw({"--view", "waveforms", "--clusters", "1,1", "--out", out}).status, 1);
   EXPECT_EQ(draw({"--view", "heights", "--clusters", "400", "--out", out}).status, 1);
   EXPECT_EQ(draw({"--view", "correlograms", "--out", out}).status, 2);
+  EXPECT_EQ(draw({"--view", "acf-time", "--clusters", "1,2", "--out", out}).status, 1);
+  const std::string image = folder.file("acf.png");
+  EXPECT_EQ(draw({"--view", "acf-time", "--clusters", "2", "--out", image}).status, 0);
+  EXPECT_GT(dark_pixels(QImage(QString::fromStdString(image))), 500 * 400 / 3);
   EXPECT_EQ(draw({"--clusters", "1,2", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--view", "heights", "--clusters", "1", "--density", "--out", out}).status, 2);
   EXPECT_FALSE(QFile::exists(QString::fromStdString(out)));

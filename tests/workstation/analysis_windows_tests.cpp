@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <QTableView>
+#include <QTest>
 
 #include "analysis/power_spectrum.h"
 #include "sorting/status_lists.h"
@@ -33,6 +34,14 @@ TEST(AnalysisWindows, TheSpectrumIsShownUntilTheRecordingIsAnother) {
   const graph_data graph = window->surface()->graph();
   EXPECT_EQ(graph.series[0].y,
             make_spectrum_graph(measure_power_spectrum(*w.session), 1).series[0].y);
+  EXPECT_EQ(graph.labels[label_legend + 3], "Channel 1");
+  const auto channel_after = [&](int key) {
+    QTest::keyClick(window->surface(), static_cast<Qt::Key>(key));
+    return window->surface()->graph().labels[label_legend + 3];
+  };
+  EXPECT_EQ(channel_after(Qt::Key_Down), "Channel 2");
+  EXPECT_EQ(channel_after(Qt::Key_PageDown), "Channel 4");
+  EXPECT_EQ(channel_after(Qt::Key_Up), "Channel 3");
   ++w.session->filter_history.n_entries;
   window->surface()->redraw();
   EXPECT_TRUE(window->surface()->graph().series[0].x.empty());

@@ -65,7 +65,7 @@ constexpr menu_row rows[] = {
   {"&View", "&Voltage record", "voltage_record", "Ctrl+R",
    "The traces of the recording with events and clusters", both, none, voltage_record_command},
   {"&View", "&HP spectrum", "hp_spectrum", "",
-   "Power of the filtered channels against frequency", full, none, hp_spectrum_command},
+   "Power of the channels against frequency; cursor keys go through the channels", full, none, hp_spectrum_command},
   {"&View", "&Template image", "template_image", "",
    "The template of the current cluster as an image of channels and time", full, none, template_image_command},
   {"&View", "Sorted &waveforms", "sorted_waveforms", "",

@@ -1,5 +1,7 @@
 #include "workstation/windows/analysis_windows.h"
 
+#include <algorithm>
+
 #include "analysis/autocorrelation_time.h"
 #include "analysis/power_spectrum.h"
 #include "review/review_guards.h"
@@ -20,16 +22,46 @@ graph_data outdated_spectrum() {
   return graph;
 }
 
+// The channel that comes before or after one in the spectrum; the nearest end beyond.
+std::int32_t step_channel(const power_spectrum& spectrum, std::int32_t channel, int step) {
+  const std::vector<std::int32_t>& all = spectrum.channels;
+  const auto at = std::find(all.begin(), all.end(), channel);
+  // One that is masked has no line: the first is as good as any.
+  if (at == all.end()) return all.front();
+  const auto last = static_cast<std::ptrdiff_t>(all.size()) - 1;
+  return all[std::clamp<std::ptrdiff_t>(at - all.begin() + step, 0, last)];
+}
+
+// Cursor keys go through the channels, page keys ten at a time.
+int channels_of_key(int key) {
+  constexpr int page = 10;
+  return key == Qt::Key_Down       ? 1
+         : key == Qt::Key_Up       ? -1
+         : key == Qt::Key_PageDown ? page
+         : key == Qt::Key_PageUp   ? -page
+                                   : 0;
+}
+
 }  // namespace
 
 graph_routines spectrum_routines(workstation& w) {
   const auto plot = std::make_shared<graph_plot>();
-  plot->numbers = [&w](session_state& session) {
+  const auto channel = std::make_shared<std::int32_t>(w.session.current_channel);
+  plot->numbers = [&w, channel](session_state& session) {
     const std::shared_ptr<power_spectrum> spectrum = w.spectrum;
     if (!spectrum || spectrum->recording != recording_state(session)) return outdated_spectrum();
-    return make_spectrum_graph(*spectrum, session.current_channel);
+    return make_spectrum_graph(*spectrum, *channel);
   };
-  return plot_routines(w, plot);
+  graph_routines routines = plot_routines(w, plot);
+  routines.key = [&w, plot, channel](int key) {
+    const int step = channels_of_key(key);
+    // What is outdated has no lines.
+    if (step == 0 || !w.spectrum || plot->graph.series[0].x.empty()) return false;
+    *channel = step_channel(*w.spectrum, *channel, step);
+    plot->graph = make_spectrum_graph(*w.spectrum, *channel);
+    return true;
+  };
+  return routines;
 }
 
 // Measured by the worker: of 384 channels it takes seconds.

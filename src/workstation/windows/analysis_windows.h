@@ -5,7 +5,8 @@
 
 namespace kestrelvane {
 
-// Shows the spectrum that hp_spectrum_command has measured, as long as the recording is as it was.
+// Shows the spectrum that hp_spectrum_command has measured, as long as the recording is as it was,
+// with one channel by itself; cursor and page keys go through the channels.
 graph_routines spectrum_routines(workstation& w);
 // Of the current cluster; follows it.
 graph_routines autocorrelation_time_routines(workstation& w);
