@@ -219,8 +219,8 @@ class summary_model : public QAbstractTableModel {
 QString qt(const std::string& text) { return QString::fromStdString(text); }
 
 // A line for every cluster, beside the windows, which show the cluster of the line that is
-// pressed. It changes nothing but the current cluster, so that it may be opened at any point of
-// a sort.
+// pressed. It changes nothing but the current cluster and, on request, labels, so that it may be
+// opened at any point of a sort.
 struct summary_window {
   workstation& w;
   operation_dialog* dialog;

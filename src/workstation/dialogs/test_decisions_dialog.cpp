@@ -129,7 +129,7 @@ void open_decisions(const shared_decisions& d, const std::shared_ptr<pair_decisi
   d->table->resizeColumnsToContents();
   // Headings that touch each other are hard to tell apart.
   constexpr int room = 16;  // pixels
-  for (int column = 0; column < n_columns; ++column) {
+  for (int column = 0; column < n_columns - 1; ++column) {
     d->table->setColumnWidth(column, d->table->columnWidth(column) + room);
   }
   QObject::connect(d->dialog, &QDialog::finished, d->dialog, [d] {
