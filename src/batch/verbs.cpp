@@ -36,7 +36,17 @@ enum option_group : unsigned {
 
 // A flag_or_list stands alone or is followed by a list of numbers; a positional_or_list may be
 // missing where the verb is asked for a list instead.
-enum class option_kind { positional, positional_or_list, text, texts, flag, flag_or_list, count, seed, real };
+enum class option_kind {
+  positional,
+  positional_or_list,
+  text,
+  texts,
+  flag,
+  flag_or_list,
+  count,
+  seed,
+  real
+};
 using enum option_kind;
 
 struct option_row {

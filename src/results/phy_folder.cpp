@@ -286,8 +286,8 @@ bool write_spikes(const phy_export& x) {
              [&](std::int32_t i, std::int32_t* row) { *row = e.event_cluster[i]; }) &&
          write_rows<double>(x, "amplitudes", "<f8", {}, spikes, [&](std::int32_t i, double* row) {
            const float matched = e.event_amplitude[i];
-           *row = matched != 0.0f ? static_cast<double>(matched)
-                                  : spike_scale(x, i, x.template_of(i));
+           *row =
+               matched != 0.0f ? static_cast<double>(matched) : spike_scale(x, i, x.template_of(i));
          });
 }
 

@@ -11,8 +11,8 @@
 
 namespace kestrelvane {
 
-// Whether bw_f0_khz, and the corner of a low pass with it, is below half the sampling frequency: a high pass at or above it would
-// leave nothing of the samples. Says so otherwise.
+// Whether bw_f0_khz, and the corner of a low pass with it, is below half the sampling frequency: a
+// high pass at or above it would leave nothing of the samples. Says so otherwise.
 bool corner_is_possible(const session_state& session);
 
 // The steps ticked in session.filter: means, common mean, spatial smooth, temporal

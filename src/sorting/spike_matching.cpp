@@ -222,8 +222,7 @@ void take_out(const stretch& s, const found_spike& spike) {
   for (const matching_neighbour& near : s.set.neighbours[static_cast<std::size_t>(spike.unit)]) {
     const float* table =
         s.set.tables.data() + near.scores + (spike.phase + match_half_phases) * n_lags + points - 1;
-    subtract(s.scores(near.unit) + first, table + first - spike.time, amplitude,
-             last - first + 1);
+    subtract(s.scores(near.unit) + first, table + first - spike.time, amplitude, last - first + 1);
     // A sample more on either side: it may have become a peak by its neighbour's fall.
     const std::int32_t to = std::min(s.n - 1, last + 1) / bin_samples;
     for (std::int32_t bin = std::max(0, first - 1) / bin_samples; bin <= to; ++bin) {
