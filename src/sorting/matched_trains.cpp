@@ -19,9 +19,7 @@ constexpr double least_mean_energy = 33;
 constexpr std::size_t fewest_spikes = 40, fewest_strong_spikes = 15;
 // The guard of the cut.
 constexpr std::size_t fewest_for_shape = 15, most_for_shape = 150;
-constexpr double same_square = 2.5, same_part = 0.02, least_gain = 0.3;
 constexpr double stands_out = 4.9, strong_energy = 60;
-constexpr double filled_part = 0.6;  // as for joins
 // Shadows.
 constexpr double locked_ms = 0.1;
 // Sums.
@@ -81,15 +79,9 @@ bool one_shape_across(const session_state& session, const noise_covariance& nois
     return mean_of_spikes(session, noise, rules.window, evenly(spikes, most_for_shape), channels);
   };
   const spike_shape low = mean(below), high = mean(above);
-  const whitened_distance d = distance_in_noise(noise, rules.window, low, high, 0, channels);
-  if (d.gain <= least_gain) return false;
-  const double dims = static_cast<double>(channels.size()) * rules.window.points;
-  const double bias =
-      filled_part * dims *
-      (1.0 / static_cast<double>(low.count) + d.gain * d.gain / static_cast<double>(high.count));
   const double energy = unit.mean_energy();
-  return d.square - bias < std::max(same_square, same_part * d.gain * d.gain * energy) &&
-         cut * std::sqrt(energy) >= stands_out;
+  return cut * std::sqrt(energy) >= stands_out &&
+         is_multiple_of(noise, rules.window, low, high, 0, channels, energy);
 }
 
 }  // namespace

@@ -25,6 +25,8 @@ constexpr float least_peak = 3.2f;   // times the noise, below which a unit ends
 constexpr double half_ms = 0.5;
 constexpr float explained_um = 110;  // an old event is explained by a spike so near it
 // Two units of one waveform at any gain whose trains leave each other out.
+constexpr double level_similarity = 0.9;
+constexpr float enough_for_levels = 30;  // spikes that a shape is worth
 constexpr double one_similarity = 0.95, one_expected = 4, one_part = 0.2;
 constexpr std::int32_t bar_range = 1000;
 
@@ -251,19 +253,29 @@ std::vector<std::int32_t> times_of(const tracked_unit& unit) {
   return times;
 }
 
-// Two of one waveform at any gain that leave each other out in time: the two levels of one
-// neuron's amplitude.
+// The two levels of one neuron's amplitude: one waveform at two sizes, or nearly one and trains
+// that leave each other out; never when the trains cross.
 bool are_two_levels(const sweep& s, const tracked_unit& a, const tracked_unit& b) {
   if (s.session.recording.distance(a.filter.main_channel, b.filter.main_channel) >
       s.rules.radius_um) {
     return false;
   }
+  const bool order = a.mean_energy() <= b.mean_energy();
+  const tracked_unit& small = order ? a : b;
+  const tracked_unit& large = order ? b : a;
   const shape_likeness likeness =
-      compare_shapes(a.shape, b.shape, s.rules.window.points, s.rules.half_ms);
-  if (likeness.similarity < one_similarity) return false;
+      compare_shapes(small.shape, large.shape, s.rules.window.points, s.rules.half_ms);
+  if (likeness.similarity < level_similarity) return false;
   const train_crossing c = count_crossings(times_of(a), times_of(b), s.rules.segment,
                                            s.session.recording.sampling_frequency);
-  return c.expected >= one_expected && c.observed <= one_part * c.expected;
+  if (trains_cross(c)) return false;
+  if (likeness.similarity >= one_similarity && c.expected >= one_expected &&
+      c.observed <= one_part * c.expected) {
+    return true;
+  }
+  return std::min(small.shape.count, large.shape.count) >= enough_for_levels &&
+         is_multiple_of(s.noise, s.rules.window, small.shape, large.shape, likeness.lag,
+                        large.filter.channels, large.mean_energy());
 }
 
 void join_pair(sweep& s, std::int32_t a, std::int32_t b, const std::string& why) {

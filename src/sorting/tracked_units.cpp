@@ -20,6 +20,10 @@ constexpr float subtracted_peak = 0.4f, subtracted_error = 3.0f;
 constexpr std::size_t followed_spikes = 60;
 constexpr float shape_memory = 250, recent_memory = 40, least_memory = 5;
 constexpr float least_followed = 0.7f, largest_followed = 1.35f;  // score over energy
+// A mean of n spikes is off by the noise over n in each direction that the noise fills.
+constexpr double filled_part = 0.6;
+// Squared distances of one cell's spikes at two sizes are -4 to 2, of two cells' 4 to 220.
+constexpr double same_square = 2.5, same_part = 0.02, least_gain = 0.3;
 constexpr float fewest_for_depth = 8;
 constexpr double part_for_depth = 0.25;  // of the largest peak
 
@@ -472,6 +476,24 @@ whitened_distance distance_in_noise(const noise_covariance& noise, match_window 
   }
   out.square = std::max(0.0, out.square);
   return out;
+}
+
+whitened_distance unbiased_distance(const noise_covariance& noise, match_window window,
+                                    const spike_shape& a, const spike_shape& b, std::int32_t lag,
+                                    const std::vector<std::int32_t>& channels) {
+  whitened_distance d = distance_in_noise(noise, window, a, b, lag, channels);
+  const double values = static_cast<double>(channels.size()) * window.points;
+  d.square -= filled_part * values *
+              (1.0 / static_cast<double>(a.count) + d.gain * d.gain / static_cast<double>(b.count));
+  return d;
+}
+
+bool is_multiple_of(const noise_covariance& noise, match_window window, const spike_shape& small,
+                    const spike_shape& large, std::int32_t lag,
+                    const std::vector<std::int32_t>& channels, double energy) {
+  const whitened_distance d = unbiased_distance(noise, window, small, large, lag, channels);
+  return d.gain > least_gain &&
+         d.square < std::max(same_square, same_part * d.gain * d.gain * energy);
 }
 
 }  // namespace kestrelvane

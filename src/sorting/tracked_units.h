@@ -99,4 +99,15 @@ whitened_distance distance_in_noise(const noise_covariance& noise, match_window 
                                     const spike_shape& a, const spike_shape& b, std::int32_t lag,
                                     const std::vector<std::int32_t>& channels);
 
+// The same less its bias: means of few spikes differ by the noise that is left in them.
+whitened_distance unbiased_distance(const noise_covariance& noise, match_window window,
+                                    const spike_shape& a, const spike_shape& b, std::int32_t lag,
+                                    const std::vector<std::int32_t>& channels);
+
+// Whether a small shape is a multiple of a large one within the noise: spikes of one cell at two
+// sizes. energy: of the large one.
+bool is_multiple_of(const noise_covariance& noise, match_window window, const spike_shape& small,
+                    const spike_shape& large, std::int32_t lag,
+                    const std::vector<std::int32_t>& channels, double energy);
+
 }  // namespace kestrelvane

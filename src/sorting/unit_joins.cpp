@@ -20,8 +20,6 @@ constexpr float join_reach_um = 110.0f;
 constexpr float enough_recent = 12;
 constexpr double like = 0.85, like_energy = 0.6;
 constexpr double alike = 0.95, alike_energy = 0.85;
-// A mean of n spikes is off by the noise over n in each direction that the noise fills.
-constexpr double filled_part = 0.6;
 constexpr double least_square = 25.0, square_part = 0.06;
 // On few channels a mean has few directions to be off in, and two units little room to differ.
 constexpr std::size_t few_channels = 3;
@@ -56,12 +54,8 @@ double distance_between(const noise_covariance& noise, match_window window, cons
   const spike_shape& strong = order ? shape_a : shape_b;
   const spike_shape& weak = order ? shape_b : shape_a;
   const auto on = [&](const unit_filter& filter) {
-    const whitened_distance d =
-        distance_in_noise(noise, window, strong, weak, order ? lag : -lag, filter.channels);
-    const double dims = static_cast<double>(filter.channels.size()) * window.points;
-    return d.square - filled_part * dims *
-                          (1.0 / static_cast<double>(strong.count) +
-                           d.gain * d.gain / static_cast<double>(weak.count));
+    return unbiased_distance(noise, window, strong, weak, order ? lag : -lag, filter.channels)
+        .square;
   };
   return std::max(on(a.filter), on(b.filter));
 }
