@@ -26,11 +26,7 @@ file_place place_of_file(const std::string& path) {
   if (find_place(path, place)) return place;
   std::error_code failure;
   // A link that leads nowhere yet is followed by whoever writes: its target counts.
-  std::string target = path;
-  for (int links = 0; links < most_links && std::filesystem::is_symlink(target, failure); ++links) {
-    const std::filesystem::path next = std::filesystem::read_symlink(target, failure);
-    target = (std::filesystem::path(target).parent_path() / next).string();
-  }
+  const std::string target = follow_links(path);
   std::filesystem::path there = std::filesystem::weakly_canonical(target, failure);
   if (failure) there = target;
   there = there.lexically_normal();
@@ -43,6 +39,26 @@ file_place place_of_file(const std::string& path) {
     there = parent;
   } while (!find_place(there, place) && there != ".");
   return place;
+}
+
+bool names_open_file(const std::string& path) {
+  std::error_code failure;
+  // The folder may be a link itself, as /dev/fd is.
+  const std::filesystem::path folder =
+      std::filesystem::canonical(std::filesystem::path(path).parent_path() / ".", failure);
+  return !failure && folder.string().starts_with("/proc/");
+}
+
+std::string follow_links(const std::string& path) {
+  std::error_code failure;
+  std::string target = path;
+  for (int links = 0; links < most_links && std::filesystem::is_symlink(target, failure) &&
+                      !names_open_file(target);
+       ++links) {
+    const std::filesystem::path next = std::filesystem::read_symlink(target, failure);
+    target = (std::filesystem::path(target).parent_path() / next).string();
+  }
+  return target;
 }
 
 }  // namespace kestrelvane

@@ -19,4 +19,11 @@ struct file_place {
 
 file_place place_of_file(const std::string& path);
 
+// Where the links lead that the last name of path is, whether anything is there or not. One that
+// stands for an open file of a process (in /proc) is not followed.
+std::string follow_links(const std::string& path);
+
+// Whether path names a file that a process has open: standard output, a descriptor.
+bool names_open_file(const std::string& path);
+
 }  // namespace kestrelvane

@@ -1,8 +1,16 @@
 // Files that never destroy what was there.
 //
-// A file is written beside its target under a temporary name, flushed to the
-// device, and renamed over the target when it is whole. A failed save leaves the
-// partial file under its temporary name and the old file as it was.
+// A file is written beside its target under a temporary name that nothing else has,
+// flushed to the device, and renamed over the target when it is whole. A failed save
+// leaves the old file as it was and nothing beside it; a killed one may leave a
+// "name.random.tmp". Links stay: the file that they lead to is replaced, and the new
+// one has the permissions, the owner and the group of the old one as far as the system
+// allows it. What is not a plain file (a device, a pipe, a descriptor) has no old state
+// to keep and is written straight.
+//
+// Where a routine returns false, errno is what the first failure was, or 0 when it was
+// the caller who gave the file up. It is so, too, after a file that was opened has gone
+// without having been finished.
 #pragma once
 
 #include <cstddef>
@@ -15,10 +23,11 @@
 namespace kestrelvane {
 
 struct safe_file {
-  std::string path;            // the target
-  std::string temporary_path;  // beside it
+  std::string target;          // what is replaced: the path, its links followed
+  std::string temporary_path;  // beside it; empty when the target is written straight
   std::FILE* file = nullptr;
   bool failed = false;  // a write has failed; the rest is skipped
+  int error = 0;        // the errno of that
 
   safe_file() = default;
   safe_file(const safe_file&) = delete;
@@ -26,9 +35,13 @@ struct safe_file {
   ~safe_file();
 };
 
-// Creates the temporary file, path + ".tmp" unless it is given another name. False when it
-// cannot be created.
+// Creates the temporary file. temporary: its name, for a file whose remains somebody looks for;
+// what has that name, a link as well, is removed before. False when it cannot be created.
 bool open_safe_file(safe_file& out, const std::string& path, const std::string& temporary = "");
+
+// The new file gets permissions and owner of this one; open_safe_file has done so for a target
+// that is there. For targets that have been put aside.
+void take_permissions(safe_file& out, const std::string& older);
 
 // Whether there is room for a new file beside the target: one without bytes is made and removed
 // again. False with the system's words for it.
@@ -47,5 +60,9 @@ bool write_value(safe_file& out, const T& value) {
 
 // Flushes, closes and renames over the target. False when anything failed.
 bool finish_safe_file(safe_file& out);
+
+// Right after one of the above has failed: the path and the system's words for it, as
+// "x.csv: No space left on device"; the path alone where there are none.
+std::string why_not_saved(const std::string& path);
 
 }  // namespace kestrelvane

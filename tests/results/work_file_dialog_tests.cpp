@@ -96,13 +96,13 @@ TEST_F(dialog_test, a_failed_save_leaves_the_old_file_whole) {
   }
   EXPECT_TRUE(session.user.told("Failed to save file " + path, "Kestrelvane work file"));
   EXPECT_EQ(read_bytes(path), old);
-  EXPECT_TRUE(std::filesystem::exists(path + ".tmp"));
+  EXPECT_TRUE(partial_files(path).empty());
   EXPECT_FALSE(session->operation.work_save_busy);
   EXPECT_EQ(check_session(*session), "");
 
   ASSERT_TRUE(write_work_file(*session, path));
   EXPECT_NE(read_bytes(path), old);
-  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+  EXPECT_TRUE(partial_files(path).empty());
 }
 
 TEST_F(dialog_test, a_folder_without_permission_takes_no_file) {

@@ -6,7 +6,6 @@
 #include <cmath>
 #include <functional>
 
-#include "files/safe_file.h"
 #include "recording/storage.h"
 #include "support/small_session.h"
 
@@ -183,28 +182,6 @@ TEST(session, check_finds_each_inconsistency) {
     spoil(*session);
     EXPECT_EQ(check_session(*session), expected);
   }
-}
-
-TEST(safe_file, a_failed_save_leaves_the_old_file_whole) {
-  temporary_directory folder;
-  const std::string path = folder.file("target");
-  test::write_bytes(path, {'o', 'l', 'd'});
-  {
-    safe_file out;
-    ASSERT_TRUE(open_safe_file(out, path));
-    write_text(out, "half of the n");
-    // Given up before it was finished.
-  }
-  EXPECT_EQ(read_bytes(path), (std::vector<char>{'o', 'l', 'd'}));
-  safe_file out;
-  ASSERT_TRUE(open_safe_file(out, path));
-  write_text(out, "new");
-  EXPECT_TRUE(finish_safe_file(out));
-  EXPECT_EQ(read_bytes(path), (std::vector<char>{'n', 'e', 'w'}));
-  EXPECT_FALSE(finish_safe_file(out));
-  EXPECT_FALSE(open_safe_file(out, folder.file("no folder/x")));
-  EXPECT_FALSE(write_text(out, "nothing"));
-  EXPECT_FALSE(finish_safe_file(out));
 }
 
 }  // namespace

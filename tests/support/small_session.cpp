@@ -64,6 +64,17 @@ temporary_directory::~temporary_directory() {
   std::filesystem::remove_all(path, ignored);
 }
 
+std::vector<std::string> partial_files(const std::string& path) {
+  const std::filesystem::path target(path);
+  const std::string beginning = target.filename().string() + '.';
+  std::vector<std::string> found;
+  for (const auto& entry : std::filesystem::directory_iterator(target.parent_path())) {
+    const std::string name = entry.path().filename().string();
+    if (name.starts_with(beginning) && name.ends_with(".tmp")) found.push_back(entry.path());
+  }
+  return found;
+}
+
 std::vector<char> read_bytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};

@@ -52,6 +52,9 @@ struct temporary_directory {
   std::string file(const std::string& name) const { return path + "/" + name; }
 };
 
+// What saves of path have left beside it that did not come to their end.
+std::vector<std::string> partial_files(const std::string& path);
+
 std::vector<char> read_bytes(const std::string& path);
 void write_bytes(const std::string& path, const std::vector<char>& bytes);
 

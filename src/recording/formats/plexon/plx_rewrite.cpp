@@ -1,11 +1,13 @@
 // An opened ".plx" file written again with the units of the session.
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 
+#include "files/file_place.h"
 #include "files/safe_file.h"
 #include "recording/formats/plexon/plx.h"
 #include "recording/repeated_line.h"
@@ -371,9 +373,13 @@ bool open_source(plx_rewriter& w, const std::string& source) {
   return open_input_file(w.source, source) && read_plx_headers(w.source, w.headers);
 }
 
+// Where a source stands while it is written anew.
+std::string aside_path(const std::string& source) { return replace_extension(source, ".___tmp"); }
+
 bool write_copy(const session_state& session, const std::string& source, const std::string& target,
                 bool overwrite_samples) {
   plx_rewriter w;
+  errno = 0;  // a file that is refused for what it holds has no words of the system
   if (!open_source(w, source) || w.headers.file.ad_frequency < 1) {
     log_message(session, "Error reading Plexon data file");
     return false;
@@ -384,6 +390,8 @@ bool write_copy(const session_state& session, const std::string& source, const s
   log_units(session, w);
   if (!session.recording.is_continuous) w.clusters = map_records(session);
   if (!open_safe_file(w.out, target)) return false;
+  // Over itself, where nothing stands under its name for now.
+  if (source == aside_path(target)) take_permissions(w.out, source);
   // A failure must keep the target as it was.
   if (!write_headers(session, w) || !write_blocks(session, w)) w.out.failed = true;
   if (session.recording.is_continuous) write_spikes(session, w);
@@ -392,8 +400,11 @@ bool write_copy(const session_state& session, const std::string& source, const s
 }
 
 bool is_same_file(const std::string& a, const std::string& b) {
-  std::error_code ignored;
-  return a == b || std::filesystem::equivalent(a, b, ignored);
+  std::error_code failed;
+  if (a == b) return true;
+  // By name: of two names that the file system has for one file, each may be replaced alone.
+  const std::filesystem::path of_a = std::filesystem::canonical(a, failed);
+  return !failed && of_a == std::filesystem::canonical(b, failed) && !failed;
 }
 
 bool rename_file(const std::string& from, const std::string& to) {
@@ -406,18 +417,19 @@ bool rewrite_plx(const session_state& session, const std::string& source, const 
                  bool overwrite_samples) {
   if (!is_same_file(source, target)) return write_copy(session, source, target, overwrite_samples);
   // A file of that name may be all that is left of an earlier source: it is not replaced.
-  const std::string aside = replace_extension(source, ".___tmp");
-  if (file_exists(aside) || !rename_file(source, aside)) {
+  const std::string real = follow_links(source);
+  const std::string aside = aside_path(real);
+  if (file_exists(aside) || !rename_file(real, aside)) {
     log_message(session, "Can't rename file");
     log_message(session, aside);
     return false;
   }
-  if (write_copy(session, aside, target, overwrite_samples)) {
+  if (write_copy(session, aside, real, overwrite_samples)) {
     std::remove(aside.c_str());
     return true;
   }
   // The source goes back to where it was, whatever happened to the copy.
-  rename_file(aside, source);
+  rename_file(aside, real);
   return false;
 }
 
