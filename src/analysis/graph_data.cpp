@@ -257,7 +257,7 @@ bool save_graph_dialog(const session_state& session, const graph_data& graph) {
   if (written) {
     tell(session, "Graph saved successfully", title, box_icon::information);
   } else {
-    tell(session, "Failed to save file " + path, title);
+    tell(session, "Failed to save file " + why_not_saved(path), title);
   }
   return written;
 }

@@ -1,4 +1,5 @@
 #include "batch/batch_session.h"
+#include "files/safe_file.h"
 
 #include <fmt/format.h>
 
@@ -316,7 +317,7 @@ batch_status write_results(batch_session& batch) {
   end_timed_stage(batch.report.clock, session);
   if (!options.report.empty() &&
       !write_report(session, batch.report, batch.units, options.report)) {
-    fail_batch(batch, "Failed to save file " + options.report);
+    fail_batch(batch, "Failed to save file " + why_not_saved(options.report));
     written = false;
   }
   return written ? batch_status::done : batch_status::failed;
@@ -344,7 +345,8 @@ batch_status finish_batch(batch_session& batch, batch_status status) {
   // Without a home nothing is kept.
   if (session.home_directory.empty()) return status;
   if (!write_parameters(session) || !write_preferences(session)) {
-    status = fail_batch(batch, "Failed to save the settings in " + session.home_directory);
+    status = fail_batch(batch,
+                        "Failed to save the settings in " + why_not_saved(session.home_directory));
   }
   return status;
 }

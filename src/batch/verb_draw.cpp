@@ -3,6 +3,7 @@
 #ifdef KESTRELVANE_WITH_DISPLAYS
 
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <QApplication>
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "displays/picture_file.h"
 #include "displays/voltage/voltage_graph.h"
 #include "displays/voltage/voltage_record.h"
+#include "files/safe_file.h"
 #include "files/standard_streams.h"
 #include "signal/display_scale.h"
 
@@ -185,11 +187,12 @@ batch_status write_view(batch_session& batch, QSize size) {
   if (batch.options.view == "spectrum" && !has_power_spectrum(*batch.session)) {
     return fail_batch(batch, spectrum_refusal);
   }
+  errno = 0;
   const bool written =
       wants_numbers(batch.options)
           ? write_graph_file(graph_of_view(*batch.session, batch.options.view), path)
           : draw_off_screen(batch, size);
-  if (!written) return fail_batch(batch, "Failed to save file " + path);
+  if (!written) return fail_batch(batch, "Failed to save file " + why_not_saved(path));
   return batch_status::done;
 }
 

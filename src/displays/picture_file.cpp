@@ -6,6 +6,7 @@
 #include <QPageSize>
 #include <QPdfWriter>
 #include <QSvgGenerator>
+#include <cerrno>
 #include <string_view>
 
 #include "files/safe_file.h"
@@ -79,7 +80,9 @@ bool write_picture(const std::string& path, QSize size, const paint_routine& pai
   QBuffer bytes;
   // Made in memory, so that a picture that fails leaves the old file as it was.
   if (format == nullptr || !bytes.open(QIODevice::ReadWrite)) return false;
-  if (!format->paint(bytes, size, paint)) return false;
+  const bool painted = format->paint(bytes, size, paint);
+  errno = 0;  // whatever the library has tried
+  if (!painted) return false;
   safe_file file;
   if (!open_safe_file(file, path)) return false;
   write_bytes(file, bytes.data().constData(), static_cast<std::size_t>(bytes.data().size()));

@@ -1,4 +1,5 @@
 #include "operations/program_run.h"
+#include "files/safe_file.h"
 
 #include <filesystem>
 #include <system_error>
@@ -95,8 +96,9 @@ bool offer_to_keep_state(session_state& session, exit_way way) {
     }
     return true;
   }
+  const std::string why = why_not_saved(restart_file_name);
   remove_home_file(session, autorecover_temporary_name);
-  tell(session, std::string("Failed to save file ") + restart_file_name, "Exit Kestrelvane");
+  tell(session, "Failed to save file " + why, "Exit Kestrelvane");
   return false;
 }
 
@@ -125,9 +127,10 @@ bool end_session(session_state& session, exit_way way) {
   // something to offer.
   remove_home_file(session, autorecover_file_name);
   remove_home_file(session, autorecover_temporary_name);
-  if (session.preferences.log_file_enabled) close_log_file(session);
   write_parameters(session);
   write_preferences(session);
+  // Last, for what could not be saved.
+  if (session.preferences.log_file_enabled) close_log_file(session);
   return true;
 }
 

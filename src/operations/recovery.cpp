@@ -1,6 +1,7 @@
 #include "operations/recovery.h"
 
 #include <fmt/format.h>
+#include <cerrno>
 
 #include "files/input_file.h"
 #include "operations/open_recording.h"
@@ -58,6 +59,7 @@ std::string home_file(const session_state& session, const char* name) {
 // Both files are written under one temporary name, which start-up clears away: the gate
 // is held, and so there is never more than one save at a time.
 bool save_state(const session_state& session, const state_file& file) {
+  errno = 0;
   if (session.home_directory.empty()) return false;
   const session_hold hold(session);
   if (session.recording.n_samples <= 0) return false;
@@ -185,9 +187,17 @@ bool results_are_waiting(const autorecover_timer& timer, const session_state& se
   return true;
 }
 
+// Right after a save has failed; without a recording there was none.
+bool log_lost_state(const session_state& session) {
+  if (errno == 0) return false;
+  log_failed_save(session, home_file(session, autorecover_file_name));
+  return true;
+}
+
 void run_timer(autorecover_timer& timer, const session_state& session) {
   clock::time_point last_save = clock::now();
   bool save_wanted = false;
+  bool told = false;  // that saves fail
   while (wait_for_turn(timer, save_wanted)) {
     const clock::time_point now = clock::now();
     const float minutes = std::chrono::duration<float>(now - last_save).count() / 60.0f;
@@ -198,7 +208,10 @@ void run_timer(autorecover_timer& timer, const session_state& session) {
     if (due) write_run_log_window(session, "Saving autorecover data");
     const unsaved_results taken = session.operation.unsaved.exchange(unsaved_results::none);
     // A full disk is tried again, but not every half second.
-    if (!save_autorecover(session) && taken != unsaved_results::none) {
+    const bool saved = save_autorecover(session);
+    // One line until it is mended: the log keeps what was done to the sort, and has an end.
+    told = !saved && (told || log_lost_state(session));
+    if (!saved && taken != unsaved_results::none) {
       note_unsaved(session, unsaved_results::edits);
     }
   }
@@ -219,6 +232,7 @@ bool open_recording_or_return(session_state& session, const recording_request& r
   const bool has_results = session.events.n_events > 0;
   const std::string earlier = session.recording.recording_path;
   const bool saved = has_results && save_autorecover(session);
+  if (has_results && !saved) log_lost_state(session);
   if (open_recording_worker(session, request)) return true;
   if (!saved) return false;
   const user_answer answer = ask_openly(

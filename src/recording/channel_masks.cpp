@@ -1,4 +1,5 @@
 #include "recording/channel_masks.h"
+#include "session/run_log.h"
 
 #include <fmt/format.h>
 
@@ -39,11 +40,13 @@ bool write_mask_file(const session_state& session) {
   const recording_store& r = session.recording;
   if (!ask(session, "Save/replace mask file (.msk)?", "Channel masks have changed")) return false;
   safe_file out;
-  if (!open_safe_file(out, mask_path(session))) return false;
+  open_safe_file(out, mask_path(session));
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     write_text(out, fmt::format("{:6}{}\n", c, r.chan_mask[c] ? 'T' : 'F'));
   }
-  return finish_safe_file(out);
+  if (finish_safe_file(out)) return true;
+  log_failed_save(session, mask_path(session));
+  return false;
 }
 
 }  // namespace kestrelvane

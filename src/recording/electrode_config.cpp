@@ -1,4 +1,5 @@
 #include "recording/electrode_config.h"
+#include "session/run_log.h"
 
 #include <fmt/format.h>
 
@@ -193,7 +194,8 @@ bool write_config_file(const session_state& session) {
   const recording_store& r = session.recording;
   log_message(session, "Saving configuration file");
   safe_file out;
-  if (!open_safe_file(out, replace_extension(r.recording_path, ".cfg"))) return false;
+  const std::string path = replace_extension(r.recording_path, ".cfg");
+  open_safe_file(out, path);
   write_text(out, r.electrode_name + "\n");
   const auto write_entry = [&](std::int32_t file_channel, std::int32_t c) {
     write_text(out,
@@ -209,7 +211,9 @@ bool write_config_file(const session_state& session) {
   }
   // Without a map channel for channel.
   for (std::int32_t c = 1; !mapped && c <= r.n_channels; ++c) write_entry(c, c);
-  return finish_safe_file(out);
+  if (finish_safe_file(out)) return true;
+  log_failed_save(session, path);
+  return false;
 }
 
 }  // namespace kestrelvane

@@ -1,4 +1,5 @@
 #include "recording/recent_files.h"
+#include "session/run_log.h"
 
 #include <algorithm>
 
@@ -34,7 +35,8 @@ recent_files read_recent_files(const session_state& session) {
 
 bool write_recent_files(const session_state& session, const recent_files& recent) {
   safe_file out;
-  if (session.home_directory.empty() || !open_safe_file(out, list_path(session))) return false;
+  if (session.home_directory.empty()) return false;
+  open_safe_file(out, list_path(session));
   const std::size_t n = std::min(recent.paths.size(), recent_limit);
   write_value(out, recent.recent_version);
   write_value(out, static_cast<std::int32_t>(n));
@@ -44,7 +46,9 @@ bool write_recent_files(const session_state& session, const recent_files& recent
     entry.assign(i < n ? recent.paths[i] : std::string());
     write_value(out, entry);
   }
-  return finish_safe_file(out);
+  if (finish_safe_file(out)) return true;
+  log_failed_save(session, list_path(session));
+  return false;
 }
 
 void promote_recent_file(recent_files& recent, const std::string& path) {

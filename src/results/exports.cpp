@@ -147,7 +147,7 @@ bool save_beside(const session_state& session, const std::string& path, const st
   if (written) {
     tell(session, fmt::format("Saved {} {}", what, path), "Export data", box_icon::information);
   } else {
-    tell(session, "Failed to save file " + path, "Export data");
+    tell(session, "Failed to save file " + why_not_saved(path), "Export data");
   }
   return written;
 }
@@ -290,7 +290,7 @@ bool write_csv(const session_state& session, const std::string& path) {
   if (written) {
     tell(session, "CSV data saved", "Export data", box_icon::information);
   } else {
-    tell(session, "Error exporting CSV format data ", "Export data");
+    tell(session, "Error exporting CSV format data " + why_not_saved(path), "Export data");
   }
   return written;
 }
@@ -302,8 +302,9 @@ bool write_unit_texts(const session_state& session, const std::string& path) {
     const std::size_t i = static_cast<std::size_t>(c);
     const std::span<const std::int32_t> events{lists.events.data() + lists.first[i],
                                                lists.first[i + 1] - lists.first[i]};
-    if (!write_unit_text(session, unit_text_path(path, c), events)) {
-      tell(session, "Error saving file", "Save TXT data");
+    const std::string unit_path = unit_text_path(path, c);
+    if (!write_unit_text(session, unit_path, events)) {
+      tell(session, "Error saving file " + why_not_saved(unit_path), "Save TXT data");
       return false;
     }
   }

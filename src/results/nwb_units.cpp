@@ -2,6 +2,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cmath>
@@ -526,12 +527,14 @@ bool write_nwb_units(const session_state& session, const std::string& path) {
   constexpr const char* title = "Save sorted spikes";
   std::vector<char> bytes;
   safe_file out;
-  if (make_nwb_file(session, bytes) && open_safe_file(out, path) &&
-      write_bytes(out, bytes.data(), bytes.size()) && finish_safe_file(out)) {
+  const bool made = make_nwb_file(session, bytes);
+  errno = 0;  // whatever the library has tried
+  if (made && open_safe_file(out, path) && write_bytes(out, bytes.data(), bytes.size()) &&
+      finish_safe_file(out)) {
     tell(session, "NWB units saved", title, box_icon::information);
     return true;
   }
-  tell(session, "Error saving NWB units", title);
+  tell(session, "Error saving NWB units " + why_not_saved(path), title);
   return false;
 }
 

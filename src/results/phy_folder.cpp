@@ -1,6 +1,7 @@
 #include "results/phy_folder.h"
 
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cmath>
@@ -550,8 +551,9 @@ bool export_phy(const session_state& session, const std::string& path) {
   std::filesystem::create_directories(path, failed);
   // What was decided of the clusters that were there means nothing for these.
   for (const char* name : {"cluster_info.tsv", "cluster_group.tsv"}) remove_old(x, name);
+  if (failed) errno = failed.value();
   if (failed || !write_folder(x)) {
-    tell(session, "Error saving Phy folder " + path, box_title);
+    tell(session, "Error saving Phy folder " + why_not_saved(path), box_title);
     return false;
   }
   tell(session, "Phy folder saved", box_title, box_icon::information);

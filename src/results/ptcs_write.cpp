@@ -242,7 +242,7 @@ bool export_epochs(const session_state& session, const std::string& path) {
                 fmt::format("Exporting {} from epoch {} to directory {}", stem, e, folder));
     if (!write_stretch(session, target, stretch_of_epoch(r, e)) ||
         !write_stimulus_files(session, folder + stem + "_exp_", e)) {
-      tell(session, "Error saving file " + target, box_title);
+      tell(session, "Error saving file " + why_not_saved(target), box_title);
       return false;
     }
     ++n_saved;
@@ -260,7 +260,7 @@ bool export_ptcs(const session_state& session, const std::string& path) {
   ptcs_stretch whole;
   whole.last = session.recording.n_samples;
   if (!write_stretch(session, path, whole)) {
-    tell(session, "Error saving file " + path, box_title);
+    tell(session, "Error saving file " + why_not_saved(path), box_title);
     return false;
   }
   tell(session, fmt::format("Spike data from {} units saved", session.clusters.n_clusters),

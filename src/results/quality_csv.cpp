@@ -41,7 +41,7 @@ bool write_quality_csv(const session_state& session, const std::string& path) {
   if (written) {
     tell(session, "Quality of units saved", title, box_icon::information);
   } else {
-    tell(session, "Error exporting the quality of units", title);
+    tell(session, "Error exporting the quality of units " + why_not_saved(path), title);
   }
   return written;
 }

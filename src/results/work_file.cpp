@@ -1,4 +1,5 @@
 #include "results/work_file.h"
+#include "files/safe_file.h"
 
 #include "files/input_file.h"
 #include "results/curation_file.h"
@@ -66,7 +67,7 @@ bool save_work_file_at(session_state& session, const std::string& path) {
     save_history_beside(session, path);
     tell(session, "Work saved in file " + path, box_title, box_icon::information);
   } else {
-    tell(session, "Failed to save file " + path, box_title);
+    tell(session, "Failed to save file " + why_not_saved(path), box_title);
   }
   return written;
 }

@@ -1,6 +1,8 @@
 #include "session/run_log.h"
+#include "files/safe_file.h"
 
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <array>
@@ -131,6 +133,14 @@ void log_line(const session_state& session, std::string_view text) {
 void write_run_log_window(const session_state& session, std::string_view text) {
   const user_interface& ui = session.ui;
   if (ui.run_log_window != nullptr) ui.run_log_window(ui.context, text);
+}
+
+std::string log_failed_save(const session_state& session, const std::string& path) {
+  const int error = errno;
+  std::string words = "Failed to save file " + why_not_saved(path);
+  log_message(session, words);
+  errno = error;
+  return words;
 }
 
 bool log_timing(const session_state& session) {

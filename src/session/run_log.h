@@ -44,6 +44,10 @@ void log_line(const session_state& session, std::string_view text);
 // Plain output to the run log window; not kept.
 void write_run_log_window(const session_state& session, std::string_view text);
 
+// "Failed to save file " with the path and why, right after files/safe_file.h has failed to write
+// it; the words are given back. Leaves errno as it was.
+std::string log_failed_save(const session_state& session, const std::string& path);
+
 // True when detail timing lines are wanted.
 bool log_timing(const session_state& session);
 

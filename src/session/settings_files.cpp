@@ -1,6 +1,8 @@
 #include "session/settings_files.h"
+#include "session/run_log.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -51,7 +53,7 @@ bool take_fields(session_state& session, setting_file which, const file_bytes& i
 
 bool write_fields(session_state& session, setting_file which, const std::string& path) {
   safe_file out;
-  if (!open_safe_file(out, path)) return false;
+  open_safe_file(out, path);
   for (const setting_row& row : settings_of(which)) {
     if (row.address == nullptr) {
       for (std::int32_t i = 0; i < row.count; ++i) {
@@ -61,7 +63,11 @@ bool write_fields(session_state& session, setting_file which, const std::string&
       write_bytes(out, row.address(session), 4u * static_cast<std::size_t>(row.count));
     }
   }
-  return finish_safe_file(out);
+  if (finish_safe_file(out)) return true;
+  const int error = errno;
+  set_status(session, status_field::message, log_failed_save(session, path));
+  errno = error;
+  return false;
 }
 
 void correct_parameters(session_state& session) {

@@ -115,11 +115,11 @@ bool write_planted_files(const planted_files& files, const std::string& path,
   const std::string stem = path_stem(path);
   const std::string truth = stem + ".truth.csv", units = stem + ".units.csv";
   if (!write_recording(files, path, n_threads, make, progress)) {
-    problem = "cannot write " + path;
+    problem = "cannot write " + why_not_saved(path);
   } else if (!write_truth(files, truth)) {
-    problem = "cannot write " + truth;
+    problem = "cannot write " + why_not_saved(truth);
   } else if (!write_units(files, units)) {
-    problem = "cannot write " + units;
+    problem = "cannot write " + why_not_saved(units);
   }
   if (problem.empty() && progress) progress(100);
   return problem.empty();

@@ -177,7 +177,7 @@ TEST(graph_file, saving_tells_how_it_went) {
     const full_device full;
     EXPECT_FALSE(save_graph_dialog(*session, {}));
   }
-  EXPECT_TRUE(session.user.told("Failed to save file " + path, "Save graph"));
+  EXPECT_TRUE(session.user.told("Failed to save file " + path + ": File too large", "Save graph"));
   EXPECT_EQ(read_bytes(path), sample_bytes()) << "the older file stands";
 
   session.user.chosen_path = directory.file("absent/a.gra");

@@ -138,7 +138,7 @@ TEST_F(batch_test, a_result_that_cannot_be_printed_ends_with_1) {
   std::filesystem::create_directories(file("kv_prefs.sav/x"));
   const process_result kept = run({"info", tsf, "--home", directory.path});
   EXPECT_EQ(kept.status, 1);
-  EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + directory.path));
+  EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + directory.path + ": "));
 }
 
 // Under whatever path: as it is, by a detour, by a hard link and by a symbolic one, before there is

@@ -2,10 +2,12 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <functional>
 #include <random>
+#include <thread>
 
 #include "operations/open_recording.h"
 #include "operations/program_run.h"
@@ -407,10 +409,34 @@ TEST_F(recovery_test, the_recovery_file_outlives_the_question_and_a_full_disk) {
     EXPECT_FALSE(end_session(*run, exit_way::frame)) << "the program stays, with the sort";
   }
   EXPECT_TRUE(stood);
-  EXPECT_TRUE(run.user.told("Failed to save file kv_restart.sav", "Exit Kestrelvane"));
+  EXPECT_TRUE(
+      run.user.told("Failed to save file kv_restart.sav: File too large", "Exit Kestrelvane"));
   EXPECT_FALSE(exists(restart));
   EXPECT_FALSE(exists(temporary));
   EXPECT_EQ(read_bytes(autorecover), state) << "offered by the next run";
+}
+
+TEST_F(recovery_test, a_state_that_cannot_be_saved_is_one_line_of_the_log) {
+  small_session run;
+  open_sorted(run);
+  run->home_directory = home.file("gone");
+  autorecover_timer timer;
+  timer.look_every = timer.edit_rest = std::chrono::milliseconds(1);
+  run->operation.unsaved = unsaved_results::run;
+  start_autorecover(timer, *run);
+  // Edits, once a first save has failed, which are tried again from then on.
+  const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (run->operation.unsaved != unsaved_results::edits &&
+         std::chrono::steady_clock::now() < patience) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  stop_autorecover(timer);
+  const auto is_loss = [](const std::string& line) {
+    return line.find("/kv_autorecover.sav: No such file") != std::string::npos;
+  };
+  EXPECT_EQ(std::count_if(run.user.lines.begin(), run.user.lines.end(), is_loss), 1);
+  EXPECT_TRUE(run.user.boxes.empty());
 }
 
 TEST_F(recovery_test, failed_saves_show_nothing_and_keep_the_older_file) {

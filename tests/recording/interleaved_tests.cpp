@@ -448,7 +448,9 @@ TEST_F(interleaved_test, events_are_exported_in_ms) {
   EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "1.5000 3 0\n49.9500 4 12\n");
   EXPECT_TRUE(session.user.told("Neuroscope data saved", "Save sorted spikes"));
   EXPECT_FALSE(export_evt(*session, folder.file("no/out.evt")));
-  EXPECT_TRUE(session.user.told("Error exporting Neuroscope format data ", "Save sorted spikes"));
+  EXPECT_TRUE(session.user.told("Error exporting Neuroscope format data " +
+                                    folder.file("no/out.evt") + ": No such file or directory",
+                                "Save sorted spikes"));
 }
 
 TEST_F(interleaved_test, a_real_neuroscope_recording) {

@@ -338,7 +338,8 @@ TEST_F(neuralynx_test, only_tetrode_data_can_be_written_as_such) {
     const full_device full;
     EXPECT_FALSE(write_ntt(*session, path));
   }
-  EXPECT_TRUE(session.user.told("Error saving Neuralynx .ntt data", "Export sorted data"));
+  EXPECT_TRUE(session.user.told("Error saving Neuralynx .ntt data " + path + ": File too large",
+                                "Export sorted data"));
   EXPECT_EQ(read_bytes(path), before);
 }
 

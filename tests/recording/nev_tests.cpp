@@ -393,7 +393,8 @@ TEST_F(nev_test, the_loaded_file_is_replaced_and_never_lost) {
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, old_handler);
   EXPECT_FALSE(written);
-  EXPECT_TRUE(session.user.told("Error saving Blackrock .nev data", "Export sorted data"));
+  EXPECT_TRUE(session.user.told("Error saving Blackrock .nev data " + path + ": File too large",
+                                "Export sorted data"));
   EXPECT_EQ(read_bytes(path), bytes);
   EXPECT_FALSE(file_exists(kept));
   // A file that is no longer what was read.

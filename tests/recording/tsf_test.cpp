@@ -264,7 +264,8 @@ TEST_F(tsf_test, a_full_disk_leaves_the_old_file_whole) {
   setrlimit(RLIMIT_FSIZE, &before);
   std::signal(SIGXFSZ, old_handler);
   EXPECT_FALSE(ok);
-  EXPECT_TRUE(session.user.told("Error saving .tsf data", "Export TSF data"));
+  EXPECT_TRUE(session.user.told("Error saving .tsf data " + target + ": File too large",
+                                "Export TSF data"));
   EXPECT_EQ(read_bytes(target), (std::vector<char>{'o', 'l', 'd'}));
   EXPECT_FALSE(write_tsf(*session, folder.file("no folder/x.tsf")));
   EXPECT_EQ(check_session(*session), "");

@@ -101,7 +101,8 @@ TEST_F(export_test, csv_has_a_line_for_every_clustered_event) {
   EXPECT_EQ(text_of("none.csv"), "");
 
   EXPECT_FALSE(write_csv(*session, directory.file("absent/a.csv")));
-  EXPECT_TRUE(session.user.told("Error exporting CSV format data "));
+  EXPECT_TRUE(session.user.told("Error exporting CSV format data " +
+                                directory.file("absent/a.csv") + ": No such file or directory"));
 }
 
 TEST_F(export_test, numbers_too_wide_for_their_columns_are_stars) {
@@ -118,7 +119,9 @@ TEST_F(export_test, every_unit_gets_a_text_file) {
   EXPECT_FALSE(exists("u_0.txt"));
 
   EXPECT_FALSE(write_unit_texts(*session, directory.file("absent/u.txt")));
-  EXPECT_TRUE(session.user.told("Error saving file", "Save TXT data"));
+  EXPECT_TRUE(session.user.told(
+      "Error saving file " + directory.file("absent/u_1.txt") + ": No such file or directory",
+      "Save TXT data"));
 
   session->clusters.n_clusters = 0;
   set_events({{25, 0, 3}});
@@ -254,7 +257,7 @@ TEST_F(export_test, a_full_device_costs_the_new_file_only) {
   }
   EXPECT_EQ(text_of("a.csv"), old);
   EXPECT_FALSE(exists("u_1.txt"));
-  EXPECT_TRUE(session.user.told("Error exporting CSV format data "));
+  EXPECT_TRUE(session.user.told("Error exporting CSV format data " + path + ": File too large"));
 }
 
 TEST_F(export_test, the_dialog_follows_the_settings) {

@@ -194,7 +194,8 @@ TEST_F(nwb_units_test, a_failure_leaves_the_file_before) {
     const full_device none_left;
     EXPECT_FALSE(write_nwb_units(*session, path));
   }
-  EXPECT_TRUE(session.user.told("Error saving NWB units", "Save sorted spikes"));
+  EXPECT_TRUE(session.user.told("Error saving NWB units " + path + ": File too large",
+                                "Save sorted spikes"));
   EXPECT_EQ(read_bytes(path), before);
   EXPECT_FALSE(write_nwb_units(*session, directory.file("absent/units.nwb")));
   // And the library still works.

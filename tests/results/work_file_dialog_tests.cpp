@@ -82,7 +82,8 @@ TEST_F(dialog_test, saving_tells_how_it_went) {
 
   const std::string nowhere = directory.file("absent/a.wrk");
   EXPECT_FALSE(save_work_file_at(*session, nowhere));
-  EXPECT_TRUE(session.user.told("Failed to save file " + nowhere, "Kestrelvane work file"));
+  EXPECT_TRUE(session.user.told("Failed to save file " + nowhere + ": No such file or directory",
+                                "Kestrelvane work file"));
   EXPECT_FALSE(session->operation.work_save_busy);
 }
 
@@ -94,7 +95,8 @@ TEST_F(dialog_test, a_failed_save_leaves_the_old_file_whole) {
     const full_device full;
     EXPECT_FALSE(save_work_file_at(*session, path));
   }
-  EXPECT_TRUE(session.user.told("Failed to save file " + path, "Kestrelvane work file"));
+  EXPECT_TRUE(session.user.told("Failed to save file " + path + ": File too large",
+                                "Kestrelvane work file"));
   EXPECT_EQ(read_bytes(path), old);
   EXPECT_TRUE(partial_files(path).empty());
   EXPECT_FALSE(session->operation.work_save_busy);
@@ -116,7 +118,8 @@ TEST_F(dialog_test, a_folder_without_permission_takes_no_file) {
   EXPECT_EQ(open_work_file_at(*session, path), work_file_outcome::failed);
   ASSERT_TRUE(user != 0 || seteuid(user) == 0);
   ASSERT_EQ(chmod(directory.path.c_str(), 0700), 0);
-  EXPECT_TRUE(session.user.told("Failed to save file " + path, "Kestrelvane work file"));
+  EXPECT_TRUE(session.user.told("Failed to save file " + path + ": Permission denied",
+                                "Kestrelvane work file"));
 }
 
 }  // namespace

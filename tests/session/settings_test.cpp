@@ -1,6 +1,8 @@
 // The settings table and the two settings files, byte by byte.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cmath>
 #include <set>
 
@@ -192,10 +194,26 @@ TEST_F(settings_test, no_file_and_no_home_change_nothing_and_say_nothing) {
   session->home_directory.clear();
   EXPECT_FALSE(write_parameters(*session));
   EXPECT_FALSE(read_preferences(*session));
-  session->home_directory = home.file("not there");
-  EXPECT_FALSE(write_preferences(*session));
   EXPECT_TRUE(session.user.boxes.empty());
   EXPECT_TRUE(session.user.lines.empty());
+}
+
+TEST_F(settings_test, settings_that_cannot_be_saved_give_a_line_and_a_status) {
+  session->home_directory = home.file("not there");
+  std::string status;
+  session.user.on_status = [&](const std::string& text) {
+    status = text;
+    errno = 0;  // a listener writes files itself
+  };
+  EXPECT_FALSE(write_preferences(*session));
+  EXPECT_EQ(errno, ENOENT) << "for the caller's own words";
+  EXPECT_EQ(status, "Failed to save file " + home.file("not there/kv_prefs.sav") +
+                        ": No such file or directory");
+  EXPECT_TRUE(session.user.logged("kv_prefs.sav: No such file or directory"));
+  EXPECT_TRUE(session.user.boxes.empty());
+  status.clear();
+  EXPECT_FALSE(write_parameters(*session));
+  EXPECT_THAT(status, testing::HasSubstr("kv_parameters.sav: No such file"));
 }
 
 TEST_F(settings_test, interpolation_table_follows_the_file) {

@@ -324,7 +324,7 @@ TEST(TestRecording, BadOptionsAndPathsAreTold) {
   std::string problem;
   const std::string path = dir.file("no/such/folder.tsf");
   EXPECT_FALSE(make_test_recording(options, path, {}, problem));
-  EXPECT_EQ(problem, "cannot write " + path);
+  EXPECT_EQ(problem, "cannot write " + path + ": No such file or directory");
   EXPECT_EQ(path_stem("a.b/c"), "a.b/c");
   EXPECT_EQ(path_stem("a.b/c.d.tsf"), "a.b/c.d");
 

@@ -208,7 +208,7 @@ bool export_evt(const session_state& session, const std::string& path) {
   if (written) {
     tell(session, "Neuroscope data saved", title, box_icon::information);
   } else {
-    tell(session, "Error exporting Neuroscope format data ", title);
+    tell(session, "Error exporting Neuroscope format data " + why_not_saved(path), title);
   }
   return written;
 }

@@ -432,7 +432,7 @@ bool write_tsf(const session_state& session, const std::string& path) {
     write_events(session, out);
   }
   if (!finish_safe_file(out)) {
-    tell(session, "Error saving .tsf data", "Export TSF data");
+    tell(session, "Error saving .tsf data " + why_not_saved(path), "Export TSF data");
     return false;
   }
   set_progress(session, meter::saving, 100, 100);

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cstdio>
@@ -203,8 +204,12 @@ bool copy_packets(const session_state& session, const input_file& file, safe_fil
                     file.size);
 }
 
+// Where the loaded file stands while it is written anew.
+std::string aside_path(const std::string& path) { return replace_extension(path, ".___tmp"); }
+
 bool copy_classified(const session_state& session, const std::string& from, const std::string& to) {
   input_file file;
+  errno = 0;  // a file that is refused for what it holds has no words of the system
   if (!open_input_file(file, from)) {
     log_message(session, "Failed to Open NEV file");
     return false;
@@ -212,6 +217,8 @@ bool copy_classified(const session_state& session, const std::string& from, cons
   nev_writing writing;
   safe_file out;
   if (!read_nev_layout(session, file, writing.layout) || !open_safe_file(out, to)) return false;
+  // Over itself, where nothing stands under its name for now.
+  if (from == aside_path(to)) take_permissions(out, from);
   if (!copy_headers(session, file, out, writing.layout)) return false;
   writing.events = index_events(session);
   writing.unit_of_cluster = number_units(session);
@@ -233,7 +240,7 @@ bool copy_classified(const session_state& session, const std::string& from, cons
 
 // Over the loaded file itself, whose bytes stand under another name until the copy is whole.
 bool replace_classified(const session_state& session, const std::string& path) {
-  const std::string kept = replace_extension(path, ".___tmp");
+  const std::string kept = aside_path(path);
   // A file of that name may be the only copy of something.
   if (file_exists(kept) || std::rename(path.c_str(), kept.c_str()) != 0) {
     log_message(session, "Can't rename file " + path);
@@ -269,7 +276,7 @@ bool write_nev_with_units(const session_state& session, const std::string& path)
     tell(session, "Blackrock .nev recording data saved", "Save sorted spikes",
          box_icon::information);
   } else {
-    tell(session, "Error saving Blackrock .nev data", "Export sorted data");
+    tell(session, "Error saving Blackrock .nev data " + why_not_saved(path), "Export sorted data");
   }
   return written;
 }

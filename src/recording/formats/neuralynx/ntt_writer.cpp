@@ -103,7 +103,7 @@ bool write_ntt(const session_state& session, const std::string& path) {
     write_records(session, out);
   }
   if (!finish_safe_file(out)) {
-    tell(session, "Error saving Neuralynx .ntt data", title);
+    tell(session, "Error saving Neuralynx .ntt data " + why_not_saved(path), title);
     return false;
   }
   set_progress(session, meter::saving, 100, 100);

@@ -225,8 +225,9 @@ bool save_plx(const session_state& session, const std::string& path) {
                           ask(session, "Overwrite voltage records with new ones?", options_title))
             : export_plx(session, path);
   if (!saved) {
+    const std::string why = why_not_saved(path);
     log_message(session, "Error opening unit 20");
-    tell(session, "Error saving Plexon data", title);
+    tell(session, "Error saving Plexon data " + why, title);
     return false;
   }
   tell(session, "Plexon recording data saved", title, box_icon::information);
