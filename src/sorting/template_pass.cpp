@@ -27,6 +27,7 @@ constexpr float explained_um = 110;  // an old event is explained by a spike so 
 // Two units of one waveform at any gain whose trains leave each other out.
 constexpr double level_similarity = 0.9;
 constexpr float enough_for_levels = 30;  // spikes that a shape is worth
+constexpr std::size_t enough_level_channels = 4;
 constexpr double one_similarity = 0.95, one_expected = 4, one_part = 0.2;
 constexpr std::int32_t bar_range = 1000;
 
@@ -273,7 +274,9 @@ bool are_two_levels(const sweep& s, const tracked_unit& a, const tracked_unit& b
       c.observed <= one_part * c.expected) {
     return true;
   }
+  // On a site or two, cells of two sizes may well have one waveform.
   return std::min(small.shape.count, large.shape.count) >= enough_for_levels &&
+         large.filter.channels.size() >= enough_level_channels &&
          is_multiple_of(s.noise, s.rules.window, small.shape, large.shape, likeness.lag,
                         large.filter.channels, large.mean_energy());
 }
