@@ -75,8 +75,9 @@ std::vector<tracked_unit> units_of(const session_state& session) {
   for (std::int32_t e = 1; e <= events.n_events; ++e) {
     const std::int32_t c = events.event_cluster[e];
     if (c < 1) continue;
-    units[static_cast<std::size_t>(c - 1)].train.push_back(static_cast<std::int32_t>(
-        std::lround(static_cast<float>(events.event_time[e]) + events.event_shift[e])));
+    // The shift by itself: 32 bits of a float would not hold the samples of ten minutes.
+    units[static_cast<std::size_t>(c - 1)].train.push_back(
+        events.event_time[e] + static_cast<std::int32_t>(std::lround(events.event_shift[e])));
   }
   // Alignment may have moved one event past another.
   for (tracked_unit& unit : units) std::sort(unit.train.begin(), unit.train.end());
@@ -152,8 +153,9 @@ void prepare_set(sweep& s) {
 // Spikes of all units in a segment, by time and then unit; units by their place in the set.
 std::vector<found_spike> match_segment(sweep& s, std::int32_t segment) {
   const std::int64_t first = 1 + std::int64_t{segment} * s.rules.segment;
-  const std::int64_t last =
-      std::min<std::int64_t>(first + s.rules.segment - 1, s.session.recording.n_samples);
+  // The last one takes in what is left, which may be less than half a segment.
+  const std::int64_t n_samples = s.session.recording.n_samples;
+  const std::int64_t last = segment + 1 == s.n_segments ? n_samples : first + s.rules.segment - 1;
   const std::int64_t n_blocks = (last - first + block_samples) / block_samples;
   std::vector<std::vector<found_spike>> found(static_cast<std::size_t>(n_blocks));
   s.scratch.resize(static_cast<std::size_t>(std::max(1, threads_now(s.session))));

@@ -259,6 +259,18 @@ TEST(TemplatePass, InterruptedAtAnyPollLeavesTheSortAsItWas) {
   }
 }
 
+TEST(TemplatePass, SearchesTheRecordingToItsEnd) {
+  // A segment and two fifths of another.
+  planted_session p(8, 14, 16);
+  test::vector_random random(9);
+  for (std::int32_t i = 0; i < 340; ++i) p.plant({4, 200}, regular(i, 1000, random), 0);
+  p.sort_known(2, [](const planted_spike&) { return 1; });
+  ASSERT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  ASSERT_EQ(p.s->clusters.n_clusters, 1);
+  std::erase_if(p.spikes, [](const planted_spike& s) { return s.time < 255'000; });
+  EXPECT_GE(part_found(p, 0, 1), 0.95);
+}
+
 TEST(TemplatePass, RefusesWhatItCannotSearch) {
   small_session s;
   EXPECT_EQ(run_template_pass(*s), template_pass_end::not_possible);
