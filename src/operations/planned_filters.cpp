@@ -231,7 +231,8 @@ bool drop_automatic_filter(const session_state& session, std::vector<planned_fil
   return true;
 }
 
-bool run_planned_filters(session_state& session, std::span<const planned_filter> filters) {
+bool run_planned_filters(session_state& session, std::span<const planned_filter> filters,
+                         bool (*run)(session_state&)) {
   clear_options(session.filter);
   if (!corners_are_possible(session, filters)) return false;
   clear_options(session.filter);
@@ -246,7 +247,7 @@ bool run_planned_filters(session_state& session, std::span<const planned_filter>
     tick(session, planned);
   }
   // Cleared on both sides, so that no later chain finds a filter of this one.
-  const bool done = run_filter_chain(session);
+  const bool done = run(session);
   clear_options(session.filter);
   return done;
 }

@@ -10,6 +10,7 @@
 
 #include "session/presets.h"
 #include "session/session_state.h"
+#include "signal/filter_chain.h"
 
 namespace kestrelvane {
 
@@ -39,7 +40,9 @@ void drop_idle_preset_filters(session_state& session, std::vector<planned_filter
 bool drop_automatic_filter(const session_state& session, std::vector<planned_filter>& filters);
 
 // Runs the filters over the recording; a high and a low pass in one walk over the samples. False
-// when stopped or out of memory.
-bool run_planned_filters(session_state& session, std::span<const planned_filter> filters);
+// when stopped or out of memory. run: run_filter_chain, or run_filter_steps for an operation that
+// goes on and must not wait for somebody to close a box.
+bool run_planned_filters(session_state& session, std::span<const planned_filter> filters,
+                         bool (*run)(session_state&) = run_filter_chain);
 
 }  // namespace kestrelvane

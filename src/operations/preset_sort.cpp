@@ -5,6 +5,7 @@
 #include "operations/autosort.h"
 #include "operations/planned_filters.h"
 #include "session/run_log.h"
+#include "signal/filter_chain.h"
 
 namespace kestrelvane {
 
@@ -21,7 +22,7 @@ bool filter_by_preset(session_state& session, const sort_preset& preset) {
   set_status(session, status_field::message, "Filtering ...");
   // What is ticked in the filter dialog is for its own button.
   const filter_settings kept = session.filter;
-  const bool done = run_planned_filters(session, filters);
+  const bool done = run_planned_filters(session, filters, run_filter_steps);
   session.filter = kept;
   return done;
 }

@@ -209,6 +209,7 @@ TEST(AutosortDialog, APresetHoldsForItsRun) {
   r.w.press(dialog, "start");
   r.w.settle();
   EXPECT_EQ(r.session().filter_history.n_entries, 2);
+  EXPECT_FALSE(r.w.told.contains("Finished transforming")) << "the run would wait for it";
   EXPECT_GT(r.session().clusters.n_clusters, 0);
   EXPECT_EQ(d.detection_method, method_dynamic_multiphasic);
   EXPECT_EQ(d.variable_multiplier, 4.5f);
