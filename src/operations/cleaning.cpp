@@ -9,6 +9,7 @@
 #include "signal/blanking.h"
 #include "signal/channel_faults.h"
 #include "signal/filter_chain.h"
+#include "signal/tissue_motion.h"
 
 namespace kestrelvane {
 
@@ -104,19 +105,37 @@ bool clean_artefacts(session_state& session) {
          run_step(session, &filter_settings::do_blank_channels);
 }
 
+// ---------------------------------------------------------------- movement
+
+// Last of all: artefacts have places, too.
+bool follow_tissue(session_state& session) {
+  recording_store& r = session.recording;
+  if (!session.cleaning.correct_motion || r.motion.corrected) return true;
+  if (!can_follow_motion(session)) {
+    log_message(session, "Movement of the tissue cannot be seen with these sites");
+    return true;
+  }
+  r.motion = measure_motion(session);
+  log_message(session,
+              fmt::format("Tissue along the probe: {:.1f} um from end to end, spikes {:.3f} "
+                          "more alike{}",
+                          r.motion.range, r.motion.gain, r.motion.moved ? "" : ", which is none"));
+  return !r.motion.moved || run_step(session, &filter_settings::do_correct_motion);
+}
+
 }  // namespace
 
 bool clean_recording(session_state& session) {
   lift_masks(session);
   if (!session.recording.is_continuous) return true;
   const cleaning_settings& c = session.cleaning;
-  const bool any =
-      c.mask_bad_channels || c.remove_common_noise || c.blank_artefacts || c.blank_by_channel;
+  const bool any = c.mask_bad_channels || c.remove_common_noise || c.blank_artefacts ||
+                   c.blank_by_channel || c.correct_motion;
   if (!any && !may_offer(session)) return true;
   begin_stage(session, "cleaning");
   set_status(session, status_field::message, "Cleaning the recording ...");
   if (c.mask_bad_channels) mask_bad_channels(session);
-  return clean_common_noise(session) && clean_artefacts(session);
+  return clean_common_noise(session) && clean_artefacts(session) && follow_tissue(session);
 }
 
 }  // namespace kestrelvane

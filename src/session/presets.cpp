@@ -30,6 +30,7 @@ constexpr preset_setting thorough_settings[] = {
     {"mask_bad_channels", 1},
     {"remove_common_noise", 1},
     {"blank_artefacts", 1},
+    {"correct_motion", 1},
     {"template_pass", 1},
     {"detection_method", method_bipolar},
     {"threshold_mode", threshold_variable},

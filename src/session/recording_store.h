@@ -96,6 +96,16 @@ struct blanked_stretch {
   std::int32_t first, last;  // time indices
 };
 
+// Where the tissue was along the probe (signal/tissue_motion.h).
+struct tissue_motion {
+  double bin_s = 0;        // s from one place to the next; the first is that of half of it
+  std::vector<float> um;   // µm up from where it was at home, the median
+  float range = 0;         // µm, 97th less 3rd percentile
+  double gain = 0;         // by how much spikes lie more alike when it is taken out
+  bool moved = false;      // enough of both
+  bool corrected = false;  // the samples are those of still tissue
+};
+
 struct recording_store {
   // --- the files
   std::int32_t file_type = file_type_unknown;   // what was read; written by the open worker alone
@@ -125,6 +135,7 @@ struct recording_store {
   logical temporal_smoothed = false;        // for information
   logical sample_hold_done = false;         // set by some readers
   std::vector<blanked_stretch> blanked;     // no data there (signal/blanking.h)
+  tissue_motion motion;                     // measured, or empty
   logical high_pass_offered = false;        // the user is asked once (operations/high_pass_offer.h)
 
   // --- event-based recordings

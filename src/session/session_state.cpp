@@ -26,6 +26,7 @@ void reset_samples(recording_store& r) {
   std::fill(std::begin(r.record_time), std::end(r.record_time), 0);
   r.recording_filtered = r.high_pass_offered = false;
   r.blanked.clear();
+  r.motion = {};
   r.means_zeroed = r.common_mean_removed = r.temporal_smoothed = r.sample_hold_done = false;
 }
 

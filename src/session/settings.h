@@ -69,6 +69,7 @@ struct filter_settings {
   logical do_one_over_f = false;       // no control; reached by a stored history alone
   logical do_blank_artefacts = false;  // no control; Autosort's cleaning, and a stored history
   logical do_blank_channels = false;   // likewise
+  logical do_correct_motion = false;   // likewise
   logical do_sample_hold = false;      // no control and no operation: readers do it themselves
 };
 
@@ -78,6 +79,7 @@ struct cleaning_settings {
   logical remove_common_noise;  // the mean of all channels, where they share much noise
   logical blank_artefacts;      // that are on half of the channels
   logical blank_by_channel;     // that are on single ones
+  logical correct_motion;       // of the tissue along the probe
 };
 
 // Templates, alignment, principal components, clustering, splitting, merging.

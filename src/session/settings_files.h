@@ -1,4 +1,4 @@
-// The two settings files, kv_parameters.sav (520 bytes) and kv_prefs.sav (268 bytes).
+// The two settings files, kv_parameters.sav (524 bytes) and kv_prefs.sav (268 bytes).
 //
 // Plain little-endian fields of 4 bytes in the order of settings_table.h. They live in
 // home_directory; while that is empty, nothing is read or written. A missing file is
@@ -13,7 +13,7 @@
 
 namespace kestrelvane {
 
-constexpr std::size_t parameters_file_bytes = 520;
+constexpr std::size_t parameters_file_bytes = 524;
 constexpr std::size_t preferences_file_bytes = 268;
 
 // Reads kv_parameters.sav, puts right what display and detection cannot take, and

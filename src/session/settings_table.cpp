@@ -248,6 +248,7 @@ constexpr setting_row rows[] = {
     SETTING(quality, good_snr, 8, 0, 1000, "Good unit: signal-to-noise ratio at least"),
     SETTING(quality, noise_snr, 4, 0, 1000, "Noise: signal-to-noise ratio below"),
     SETTING(quality, noise_events, 30, 0, 50'000'000, "Noise: fewer events than"),
+    SETTING(cleaning, correct_motion, 0, 0, 1, "Follow the tissue as it moves along the probe"),
 
     // --- kv_prefs.sav
     PREFERENCE(pixels_per_um_x, 2.5, 0.1, 10, "Pixels per micron x"),

@@ -13,6 +13,7 @@
 #include "signal/frequency_filters.h"
 #include "signal/noise.h"
 #include "signal/time_filters.h"
+#include "signal/tissue_motion.h"
 
 namespace kestrelvane {
 
@@ -183,6 +184,9 @@ constexpr filter_operation operations[] = {
     {11, "blanking of channels", step_units::hundred, always<blank_channel_artefacts>,
      ticked<&filter_settings::do_blank_channels>, untick<&filter_settings::do_blank_channels>,
      no_parameters, " - blanking artefacts on single channels", reload_nothing},
+    {12, "movement of the tissue", step_units::hundred, always<correct_motion>,
+     ticked<&filter_settings::do_correct_motion>, untick<&filter_settings::do_correct_motion>,
+     no_parameters, " - taking out the movement of the tissue", reload_nothing},
 };
 
 bool is_band_pass(const filter_operation& operation) { return operation.run == band_pass_filter; }

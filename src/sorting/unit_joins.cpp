@@ -7,6 +7,8 @@
 #include <limits>
 #include <tuple>
 
+#include "signal/tissue_motion.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -31,6 +33,7 @@ constexpr double hand_over_like = 0.6, hand_over_energy = 0.65;
 constexpr double largest_overlap = 0.35;
 constexpr float motion_um = 5.0f;       // the recording moved
 constexpr float home_error_um = 10.0f;  // of two pieces of one unit
+constexpr double followed_like = 0.75, followed_way_um = 4;
 constexpr std::size_t fewest_for_motion = 6;
 constexpr double energy_for_motion = 60;  // weaker units tell noise
 // Jumps.
@@ -369,6 +372,29 @@ std::int32_t find_jump(const session_state& session, const tracking_rules& rules
 
 }  // namespace
 
+namespace {
+
+// Where the tissue was in the mean at the spikes of a unit, µm.
+double mean_motion(const session_state& session, const tracked_unit& unit) {
+  const recording_store& r = session.recording;
+  double sum = 0;
+  for (const tracked_spike& s : unit.spikes) {
+    sum += motion_at(r.motion, static_cast<double>(s.time) / r.sampling_frequency);
+  }
+  return sum / static_cast<double>(unit.spikes.size());
+}
+
+// How far the tissue went from one unit to the other when channels have followed it: the two read
+// the tissue through other sites then, and what is left of that may have made them two.
+double followed_way(const session_state& session, const std::vector<tracked_unit>& units,
+                    const candidate& p) {
+  if (!session.recording.motion.corrected) return 0;
+  return std::fabs(mean_motion(session, units[static_cast<std::size_t>(p.later)]) -
+                   mean_motion(session, units[static_cast<std::size_t>(p.earlier)]));
+}
+
+}  // namespace
+
 std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,
                                        const std::vector<tracked_unit>& units,
                                        std::int32_t n_segments, float& shift_um) {
@@ -385,7 +411,10 @@ std::vector<hand_over> find_hand_overs(const session_state& session, const track
     const float way = home_depth(units[static_cast<std::size_t>(p.later)], motion) -
                       home_depth(units[static_cast<std::size_t>(p.earlier)], motion);
     // Without a depth of both there is no saying where they belong, and the comparison fails.
-    const bool moved = jump != 0 || (moves && std::fabs(way) < home_error_um);
+    const bool at_home = std::fabs(way) < home_error_um;
+    const bool moved = jump != 0 || (moves && at_home) ||
+                       (at_home && p.similarity >= followed_like &&
+                        followed_way(session, units, p) >= followed_way_um);
     out.push_back({p.earlier, p.later, p.similarity, p.overlap, moved});
   }
   return out;

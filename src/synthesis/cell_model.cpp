@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "numerics/portable_math.h"
 #include "numerics/simd.h"
 #include "synthesis/random_stream.h"
 

@@ -6,6 +6,7 @@
 #include <numbers>
 
 #include "numerics/parallel.h"
+#include "numerics/portable_math.h"
 #include "synthesis/random_stream.h"
 
 namespace kestrelvane {

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "numerics/portable_math.h"
 #include "synthesis/random_stream.h"
 
 namespace kestrelvane {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 
+#include "numerics/portable_math.h"
 #include "session/limits.h"
 #include "synthesis/random_stream.h"
 

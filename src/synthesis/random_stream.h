@@ -1,20 +1,12 @@
 // Random numbers that are the same on every machine.
 //
 // xoshiro256** (Blackman and Vigna 2018) seeded by SplitMix64, and transforms
-// that use only additions, multiplications, divisions and square roots of 64-bit
-// floats: the C library's logarithm and exponential may differ in the last bit
-// from one processor to the next.
+// that use only what numerics/portable_math.h has, and square roots.
 #pragma once
 
 #include <cstdint>
 
 namespace kestrelvane {
-
-// Natural logarithm (x > 0) and exponential, to about 1e-15 relative.
-double portable_log(double x);
-double portable_exp(double x);
-// Sine, to about 1e-13.
-double portable_sin(double x);
 
 struct random_stream {
   std::uint64_t state[4];

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <numeric>
 
+#include "numerics/portable_math.h"
 #include "numerics/simd.h"
 #include "synthesis/noise_maker.h"
 #include "synthesis/planted_files.h"

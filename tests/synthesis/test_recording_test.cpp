@@ -8,6 +8,7 @@
 #include <cstring>
 #include <map>
 
+#include "numerics/portable_math.h"
 #include "support/small_session.h"
 #include "synthesis/random_stream.h"
 #include "synthesis/score.h"

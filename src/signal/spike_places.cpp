@@ -1,0 +1,170 @@
+#include "signal/spike_places.h"
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+
+#include "numerics/parallel.h"
+#include "numerics/simd.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Sources that are tried, round the channel: steps along the probe, places beside it.
+constexpr std::int32_t depth_steps = 21;
+constexpr double depth_step = 4;  // µm
+constexpr double places_x[] = {-40, -20, 0, 20, 40};
+constexpr double places_z[] = {5, 20, 45};
+constexpr std::int32_t row = whole_lanes(depth_steps);
+constexpr std::int32_t n_rows = 15;
+constexpr std::int32_t n_sources = n_rows * row;
+// Height that noise alone has within the stretch that is looked at.
+constexpr float noise_height = 1.5f;
+constexpr std::int64_t quick_look = 256;  // samples passed over together when all are small
+
+struct channel_round {
+  std::int32_t channel = 0;
+  std::vector<std::int32_t> near, wide;  // without and with itself
+  std::vector<float> gains;              // of each wide channel, of all sources
+};
+
+// Gains of a source are normed, so that the best one has the largest product.
+void set_gains(const recording_store& r, channel_round& round) {
+  const std::size_t n = round.wide.size();
+  round.gains.assign(n * n_sources, 0.0f);
+  std::vector<double> g(n);
+  std::int32_t source = 0;
+  for (const double x : places_x) {
+    for (const double z : places_z) {
+      for (std::int32_t i = 0; i < depth_steps; ++i) {
+        const double y = depth_step * (i - depth_steps / 2);
+        double square = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+          const double dx = r.chan_x[round.channel] + x - r.chan_x[round.wide[k]];
+          const double dy = r.chan_y[round.channel] + y - r.chan_y[round.wide[k]];
+          g[k] = 1 / (dx * dx + dy * dy + z * z);
+          square += g[k] * g[k];
+        }
+        for (std::size_t k = 0; k < n; ++k) {
+          round.gains[k * n_sources + static_cast<std::size_t>(source + i)] =
+              static_cast<float>(g[k] / std::sqrt(square));
+        }
+      }
+      source += row;
+    }
+  }
+}
+
+channel_round round_of(const session_state& session, std::int32_t c) {
+  const recording_store& r = session.recording;
+  channel_round round;
+  round.channel = c;
+  for (std::int32_t k = 1; k <= r.n_channels; ++k) {
+    if (r.chan_mask[k] || !(r.chan_noise[k] > 0)) continue;
+    const float away = k == c ? 0.0f : r.distance(c, k);
+    if (k != c && away <= place_apart_um) round.near.push_back(k);
+    if (away <= place_reach_um) round.wide.push_back(k);
+  }
+  set_gains(r, round);
+  return round;
+}
+
+KESTRELVANE_CLONES void add_products(const float* gains, float height, float* sums) {
+  for (std::int32_t i = 0; i < n_sources; ++i) sums[i] += height * gains[i];
+}
+
+KESTRELVANE_CLONES std::int32_t largest_of(const std::int16_t* v, std::int32_t n) {
+  std::int32_t largest = 0;
+  for (std::int32_t i = 0; i < n; ++i) {
+    const std::int32_t x = v[i];
+    largest = std::max(largest, x < 0 ? -x : x);
+  }
+  return largest;
+}
+
+float height_at(const recording_store& r, std::int32_t c, std::int32_t t, std::int32_t reach) {
+  return static_cast<float>(largest_of(r.vd.channel(c) + t - reach, 2 * reach + 1)) /
+         r.chan_noise[c];
+}
+
+// Of equal ones the first, and on equal channels the lower.
+bool is_largest(const recording_store& r, const channel_round& round, std::int32_t t,
+                std::int32_t reach, float height) {
+  const std::int16_t* v = r.vd.channel(round.channel) + t;
+  const std::int32_t own = std::abs(std::int32_t{v[0]});
+  for (std::int32_t k = 1; k <= reach; ++k) {
+    if (std::abs(std::int32_t{v[-k]}) >= own || std::abs(std::int32_t{v[k]}) > own) return false;
+  }
+  return std::none_of(round.near.begin(), round.near.end(), [&](std::int32_t c) {
+    const float other = height_at(r, c, t, reach);
+    return other > height || (other == height && c < round.channel);
+  });
+}
+
+float depth_of(const recording_store& r, const channel_round& round, std::int32_t t,
+               std::int32_t reach) {
+  alignas(64) float sums[n_sources] = {};
+  for (std::size_t k = 0; k < round.wide.size(); ++k) {
+    const float height = height_at(r, round.wide[k], t, reach) - noise_height;
+    if (height > 0) add_products(round.gains.data() + k * n_sources, height, sums);
+  }
+  float best[depth_steps];
+  for (std::int32_t i = 0; i < depth_steps; ++i) {
+    best[i] = sums[i];
+    for (std::int32_t k = 1; k < n_rows; ++k) best[i] = std::max(best[i], sums[k * row + i]);
+  }
+  const auto at = static_cast<std::int32_t>(std::max_element(best, best + depth_steps) - best);
+  double offset = 0;
+  if (at > 0 && at < depth_steps - 1) {
+    const double below = best[at - 1], above = best[at + 1];
+    const double bend = below - 2.0 * static_cast<double>(best[at]) + above;
+    if (bend < 0) offset = 0.5 * (below - above) / bend;
+  }
+  return static_cast<float>(r.chan_y[round.channel] + depth_step * (at - depth_steps / 2 + offset));
+}
+
+std::vector<spike_place> places_on(const session_state& session, std::int32_t c) {
+  const recording_store& r = session.recording;
+  std::vector<spike_place> out;
+  if (r.chan_mask[c] || !(r.chan_noise[c] > 0)) return out;
+  const channel_round round = round_of(session, c);
+  const auto reach = std::max(
+      1, static_cast<std::int32_t>(std::floor(place_ms * 0.001 * r.sampling_frequency + 0.5)));
+  const float level = place_level * r.chan_noise[c];
+  const std::int16_t* v = r.vd.channel(c);
+  for (std::int64_t from = 1 + reach; from <= r.n_samples - reach; from += quick_look) {
+    const std::int64_t to = std::min<std::int64_t>(from + quick_look, r.n_samples - reach + 1);
+    if (static_cast<float>(largest_of(v + from, static_cast<std::int32_t>(to - from))) <= level) {
+      continue;
+    }
+    for (std::int64_t s = from; s < to; ++s) {
+      const auto own = static_cast<float>(std::abs(std::int32_t{v[s]}));
+      if (own <= level) continue;
+      const auto t = static_cast<std::int32_t>(s);
+      const float height = own / r.chan_noise[c];
+      if (is_largest(r, round, t, reach, height)) {
+        out.push_back({t, depth_of(r, round, t, reach), height});
+      }
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<spike_place> find_spike_places(const session_state& session) {
+  const std::int32_t n_channels = session.recording.n_channels;
+  std::vector<std::vector<spike_place>> found(static_cast<std::size_t>(n_channels));
+  parallel_for_dealt(threads_now(session), 1, n_channels, [&](std::int64_t c, std::int32_t) {
+    found[static_cast<std::size_t>(c - 1)] = places_on(session, static_cast<std::int32_t>(c));
+  });
+  std::vector<spike_place> all;
+  for (const auto& of_channel : found) all.insert(all.end(), of_channel.begin(), of_channel.end());
+  std::stable_sort(all.begin(), all.end(), [](const spike_place& a, const spike_place& b) {
+    return std::tie(a.time, a.depth) < std::tie(b.time, b.depth);
+  });
+  return all;
+}
+
+}  // namespace kestrelvane
