@@ -25,7 +25,8 @@ constexpr preset_setting sensitive_settings[] = {
 };
 
 // Sensitive's, in front of them what would otherwise cost units or make false ones, and the pass
-// that finds the spikes which no threshold can.
+// that finds the spikes which no threshold can. Small clusters are let in, since the pass tells
+// which of them are units.
 constexpr preset_setting thorough_settings[] = {
     {"mask_bad_channels", 1},
     {"remove_common_noise", 1},
@@ -37,6 +38,7 @@ constexpr preset_setting thorough_settings[] = {
     {"variable_multiplier", 5},
     {"use_lockout", 1},
     {"lockout_ms", 0.3},
+    {"min_cluster_size", 15},
 };
 
 constexpr sort_preset presets[] = {

@@ -19,6 +19,8 @@ constexpr double least_mean_energy = 33;
 constexpr std::size_t fewest_spikes = 40, fewest_strong_spikes = 15;
 // The guard of the cut.
 constexpr std::size_t fewest_for_shape = 15, most_for_shape = 150;
+// On a site or two, cells of two sizes may well have one waveform.
+constexpr std::size_t fewest_shape_channels = 4;
 constexpr double stands_out = 4.9, strong_energy = 60;
 // Shadows.
 constexpr double locked_ms = 0.1;
@@ -75,6 +77,7 @@ bool one_shape_across(const session_state& session, const noise_covariance& nois
   }
   if (below.size() < fewest_for_shape || above.size() < fewest_for_shape) return false;
   const std::vector<std::int32_t>& channels = unit.filter.channels;
+  if (channels.size() < fewest_shape_channels) return false;
   const auto mean = [&](const std::vector<tracked_spike>& spikes) {
     return mean_of_spikes(session, noise, rules.window, evenly(spikes, most_for_shape), channels);
   };

@@ -25,7 +25,7 @@ constexpr double alike = 0.95, alike_energy = 0.85;
 constexpr double least_square = 25.0, square_part = 0.06;
 // On few channels a mean has few directions to be off in, and two units little room to differ.
 constexpr std::size_t few_channels = 3;
-constexpr double least_square_of_few = 10.0;
+constexpr double least_square_of_few = 10.0, square_part_of_few = 0.02;
 constexpr double square_without_recent = 3.0;
 
 // Hand-over.
@@ -113,7 +113,8 @@ bool same_waveform(const session_state& session, const noise_covariance& noise,
   const double square = distance_between(noise, rules.window, a, b, shape_a, shape_b, likeness.lag);
   const double least = std::min(a.filter.energy, b.filter.energy);
   const bool few = std::max(a.filter.channels.size(), b.filter.channels.size()) <= few_channels;
-  const double limit = std::max(few ? least_square_of_few : least_square, square_part * least);
+  const double limit = few ? std::max(least_square_of_few, square_part_of_few * least)
+                           : std::max(least_square, square_part * least);
   const bool one = recent ? square < limit
                           : (likeness.similarity > alike && energy > alike_energy) ||
                                 square < square_without_recent;
