@@ -61,13 +61,6 @@ score_histogram make_histogram(const tracked_unit& unit, double least_ratio) {
   return h;
 }
 
-std::vector<tracked_spike> evenly(const std::vector<tracked_spike>& spikes, std::size_t limit) {
-  if (spikes.size() <= limit) return spikes;
-  std::vector<tracked_spike> out;
-  for (std::size_t i = 0; i < limit; ++i) out.push_back(spikes[i * spikes.size() / limit]);
-  return out;
-}
-
 // Whether the spikes below a cut have the waveform of those above, at any gain.
 bool one_shape_across(const session_state& session, const noise_covariance& noise,
                       const tracking_rules& rules, const tracked_unit& unit, double cut) {

@@ -302,7 +302,7 @@ void join_levels(sweep& s) {
 void join_hand_overs(sweep& s) {
   float shift = 0;
   const std::vector<hand_over> pairs =
-      find_hand_overs(s.session, s.rules, s.units, s.n_segments, shift);
+      find_hand_overs(s.session, s.noise, s.rules, s.units, s.n_segments, shift);
   note(s, fmt::format("the tissue moved by {:.0f} um",
                       motion_range(find_motion(s.units, s.n_segments))));
   if (shift != 0) note(s, fmt::format("the recording jumped by {:.0f} um", shift));

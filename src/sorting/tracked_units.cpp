@@ -268,6 +268,13 @@ void follow_main_channel(const session_state& session, const noise_covariance& n
 
 }  // namespace
 
+std::vector<tracked_spike> evenly(const std::vector<tracked_spike>& spikes, std::size_t limit) {
+  if (spikes.size() <= limit) return spikes;
+  std::vector<tracked_spike> out;
+  for (std::size_t i = 0; i < limit; ++i) out.push_back(spikes[i * spikes.size() / limit]);
+  return out;
+}
+
 spike_shape mean_of_spikes(const session_state& session, const noise_covariance& noise,
                            match_window window, const std::vector<tracked_spike>& spikes,
                            const std::vector<std::int32_t>& channels) {

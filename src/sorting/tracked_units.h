@@ -67,6 +67,8 @@ spike_shape mean_without_others(const session_state& session, const noise_covari
                                 const matching_set& set, const std::vector<found_spike>& spikes,
                                 const std::vector<std::int32_t>& chosen,
                                 const std::vector<std::int32_t>& channels);
+// At most so many of them, evenly over all.
+std::vector<tracked_spike> evenly(const std::vector<tracked_spike>& spikes, std::size_t limit);
 // The mean at times and phases as they are, on some channels.
 spike_shape mean_of_spikes(const session_state& session, const noise_covariance& noise,
                            match_window window, const std::vector<tracked_spike>& spikes,

@@ -32,8 +32,11 @@ constexpr double square_without_recent = 3.0;
 constexpr double hand_over_like = 0.6, hand_over_energy = 0.65;
 constexpr double largest_overlap = 0.35;
 constexpr float motion_um = 5.0f;       // the recording moved
-constexpr float home_error_um = 10.0f;  // of two pieces of one unit
-constexpr double followed_like = 0.75, followed_way_um = 4;
+constexpr double home_error_um = 10.0;  // of two pieces of one unit
+// Of two pieces of a unit where channels follow the tissue: the further apart they seem to lie, the
+// more alike they must be.
+constexpr double followed_like = 0.65, followed_like_per_um = 0.02, followed_way_um = 4;
+constexpr std::size_t most_for_mean = 150;  // spikes
 constexpr std::size_t fewest_for_motion = 6;
 constexpr double energy_for_motion = 60;  // weaker units tell noise
 // Jumps.
@@ -375,6 +378,31 @@ std::int32_t find_jump(const session_state& session, const tracking_rules& rules
 
 namespace {
 
+// Similarities of what the spikes of both are in the mean. Where channels follow the tissue a unit
+// is everywhere the same, and its last shape may be that of something else it has strayed to.
+void compare_means(const session_state& session, const noise_covariance& noise,
+                   const tracking_rules& rules, const std::vector<tracked_unit>& units,
+                   std::vector<candidate>& pairs) {
+  std::vector<spike_shape> means(units.size());
+  const auto mean_of = [&](std::int32_t u) -> const spike_shape& {
+    const tracked_unit& unit = units[static_cast<std::size_t>(u)];
+    spike_shape& mean = means[static_cast<std::size_t>(u)];
+    if (mean.channels.empty()) {
+      mean = mean_of_spikes(session, noise, rules.window, evenly(unit.spikes, most_for_mean),
+                            unit.shape.channels);
+    }
+    return mean;
+  };
+  for (candidate& p : pairs) {
+    p.similarity =
+        compare_shapes(mean_of(p.earlier), mean_of(p.later), rules.window.points, rules.half_ms)
+            .similarity;
+  }
+  std::stable_sort(pairs.begin(), pairs.end(), [](const candidate& a, const candidate& b) {
+    return a.similarity > b.similarity;
+  });
+}
+
 // Where the tissue was in the mean at the spikes of a unit, µm.
 double mean_motion(const session_state& session, const tracked_unit& unit) {
   const recording_store& r = session.recording;
@@ -396,27 +424,34 @@ double followed_way(const session_state& session, const std::vector<tracked_unit
 
 }  // namespace
 
-std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,
+std::vector<hand_over> find_hand_overs(const session_state& session, const noise_covariance& noise,
+                                       const tracking_rules& rules,
                                        const std::vector<tracked_unit>& units,
                                        std::int32_t n_segments, float& shift_um) {
   std::vector<candidate> pairs = possible_pairs(session, units, n_segments);
-  const std::int32_t jump = find_jump(session, rules, units, pairs);
+  const bool followed = session.recording.motion.corrected;
+  // Where channels follow the tissue there is no jump left to be found, but one of like units.
+  const std::int32_t jump = followed ? 0 : find_jump(session, rules, units, pairs);
   shift_um = static_cast<float>(jump);
   std::int32_t n_agreed = 0;
-  assign(session, rules, units, jump, pairs, n_agreed);
+  if (followed) {
+    compare_means(session, noise, rules, units, pairs);
+  } else {
+    assign(session, rules, units, jump, pairs, n_agreed);
+  }
   const std::vector<float> motion = find_motion(units, n_segments);
-  const bool moves = motion_range(motion) >= motion_um;
+  const bool moves = !followed && motion_range(motion) >= motion_um;
   std::vector<hand_over> out;
   for (const candidate& p : pairs) {
     if (p.similarity < (jump != 0 ? jump_like : hand_over_like)) continue;
     const float way = home_depth(units[static_cast<std::size_t>(p.later)], motion) -
                       home_depth(units[static_cast<std::size_t>(p.earlier)], motion);
     // Without a depth of both there is no saying where they belong, and the comparison fails.
-    const bool at_home = std::fabs(way) < home_error_um;
-    const bool moved = jump != 0 || (moves && at_home) ||
-                       (at_home && p.similarity >= followed_like &&
-                        followed_way(session, units, p) >= followed_way_um);
-    out.push_back({p.earlier, p.later, p.similarity, p.overlap, moved});
+    const double off = std::fabs(static_cast<double>(way));
+    const bool one = followed ? p.similarity >= followed_like + off * followed_like_per_um &&
+                                    followed_way(session, units, p) >= followed_way_um
+                              : moves && off < home_error_um;
+    out.push_back({p.earlier, p.later, p.similarity, p.overlap, jump != 0 || one});
   }
   return out;
 }

@@ -49,7 +49,8 @@ struct hand_over {
   bool moved = false;                   // the way of all units explains that of this one
 };
 // All of them, the most alike first. shift_um: what brought them together, 0 without a jump.
-std::vector<hand_over> find_hand_overs(const session_state& session, const tracking_rules& rules,
+std::vector<hand_over> find_hand_overs(const session_state& session, const noise_covariance& noise,
+                                       const tracking_rules& rules,
                                        const std::vector<tracked_unit>& units,
                                        std::int32_t n_segments, float& shift_um);
 
