@@ -11,6 +11,7 @@
 #include "numerics/parallel.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/matched_trains.h"
+#include "sorting/mixed_units.h"
 #include "sorting/tracked_units.h"
 #include "sorting/undo_state.h"
 #include "sorting/unit_joins.h"
@@ -29,6 +30,7 @@ constexpr double level_similarity = 0.9;
 constexpr float enough_for_levels = 30;  // spikes that a shape is worth
 constexpr std::size_t enough_level_channels = 4;
 constexpr double one_similarity = 0.95, one_expected = 4, one_part = 0.2;
+constexpr std::int32_t most_splits = 3;  // rounds
 constexpr std::int32_t bar_range = 1000;
 
 // The pass between two of its steps.
@@ -250,6 +252,56 @@ void drop_shadows(sweep& s) {
   }
 }
 
+void join_pair(sweep& s, std::int32_t a, std::int32_t b, const std::string& why) {
+  note(s, fmt::format("units {} and {} are one: {}", s.units[a].cluster, s.units[b].cluster, why));
+  join_units(s.units, std::min(a, b), std::max(a, b));
+  remove_doubles(s.rules, s.units[std::min(a, b)].spikes);
+}
+
+// Pieces that are the same as another unit, or as a piece of it, go together again.
+void join_pieces(sweep& s, const std::vector<std::int32_t>& pieces) {
+  for (const std::int32_t piece : pieces) {
+    for (std::int32_t u = 0; u < static_cast<std::int32_t>(s.units.size()); ++u) {
+      std::string why;
+      if (u == piece || s.units[u].spikes.empty() || s.units[piece].spikes.empty()) continue;
+      if (same_waveform(s.session, s.noise, s.rules, s.units[piece], s.units[u], why)) {
+        join_pair(s, piece, u, why);
+      }
+    }
+  }
+}
+
+void split_mixtures(sweep& s) {
+  std::vector<std::int32_t> pieces;
+  for (std::int32_t round = 0; round < most_splits; ++round) {
+    const spike_crowd crowd = make_crowd(s.rules, s.units);
+    const auto n = static_cast<std::int32_t>(s.units.size());
+    std::vector<mixture> mixtures(s.units.size());
+    std::vector<char> mixed(s.units.size());
+    parallel_for_dealt(threads_now(s.session), 0, n - 1, [&](std::int64_t u, std::int32_t) {
+      const auto at = static_cast<std::size_t>(u);
+      // After the first round only what has been split may still be more than one.
+      const auto unit = static_cast<std::int32_t>(u);
+      if (round > 0 && std::find(pieces.begin(), pieces.end(), unit) == pieces.end()) return;
+      mixed[at] = find_mixture(s.session, s.noise, s.rules, crowd, s.units, unit, mixtures[at]);
+    });
+    pieces.clear();
+    for (std::int32_t u = 0; u < n; ++u) {
+      if (!mixed[static_cast<std::size_t>(u)]) continue;
+      const mixture& m = mixtures[static_cast<std::size_t>(u)];
+      tracked_unit second = take_second(s.session, s.noise, s.rules, crowd, u, m, s.units[u]);
+      note(s, fmt::format("unit {} is two: {} and {} spikes, distance {:.0f}, {:.1f} apart",
+                          s.units[u].cluster, s.units[u].spikes.size(), second.spikes.size(),
+                          m.distance, m.apart));
+      pieces.push_back(u);
+      pieces.push_back(static_cast<std::int32_t>(s.units.size()));
+      s.units.push_back(std::move(second));
+    }
+    if (pieces.empty()) return;
+    join_pieces(s, pieces);
+  }
+}
+
 std::vector<std::int32_t> times_of(const tracked_unit& unit) {
   std::vector<std::int32_t> times;
   for (const tracked_spike& spike : unit.spikes) times.push_back(spike.time);
@@ -281,12 +333,6 @@ bool are_two_levels(const sweep& s, const tracked_unit& a, const tracked_unit& b
          large.filter.channels.size() >= enough_level_channels &&
          is_multiple_of(s.noise, s.rules.window, small.shape, large.shape, likeness.lag,
                         large.filter.channels, large.mean_energy());
-}
-
-void join_pair(sweep& s, std::int32_t a, std::int32_t b, const std::string& why) {
-  note(s, fmt::format("units {} and {} are one: {}", s.units[a].cluster, s.units[b].cluster, why));
-  join_units(s.units, std::min(a, b), std::max(a, b));
-  remove_doubles(s.rules, s.units[std::min(a, b)].spikes);
 }
 
 void join_levels(sweep& s) {
@@ -466,6 +512,7 @@ template_pass_end run_template_pass(session_state& session) {
   if (!prepare(s)) return template_pass_end::not_possible;
   if (!sweep_recording(s)) return template_pass_end::interrupted;
   trim_units(s);
+  split_mixtures(s);
   drop_shadows(s);
   join_levels(s);
   join_hand_overs(s);

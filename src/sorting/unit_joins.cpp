@@ -99,6 +99,11 @@ bool trains_cross(const train_crossing& crossing) {
          crossing.observed >= crossing_part * crossing.expected;
 }
 
+double largest_distance_of_one(std::size_t n_channels, double energy) {
+  return n_channels <= few_channels ? std::max(least_square_of_few, square_part_of_few * energy)
+                                    : std::max(least_square, square_part * energy);
+}
+
 bool same_waveform(const session_state& session, const noise_covariance& noise,
                    const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,
                    std::string& why) {
@@ -115,9 +120,8 @@ bool same_waveform(const session_state& session, const noise_covariance& noise,
   if (likeness.similarity < like) return false;
   const double square = distance_between(noise, rules.window, a, b, shape_a, shape_b, likeness.lag);
   const double least = std::min(a.filter.energy, b.filter.energy);
-  const bool few = std::max(a.filter.channels.size(), b.filter.channels.size()) <= few_channels;
-  const double limit = few ? std::max(least_square_of_few, square_part_of_few * least)
-                           : std::max(least_square, square_part * least);
+  const double limit =
+      largest_distance_of_one(std::max(a.filter.channels.size(), b.filter.channels.size()), least);
   const bool one = recent ? square < limit
                           : (likeness.similarity > alike && energy > alike_energy) ||
                                 square < square_without_recent;

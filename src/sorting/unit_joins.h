@@ -32,6 +32,9 @@ bool same_waveform(const session_state& session, const noise_covariance& noise,
                    const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,
                    std::string& why);
 
+// The squared distance in noise below which two waveforms are one.
+double largest_distance_of_one(std::size_t n_channels, double energy);
+
 // b becomes part of a: its spikes and its train.
 void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b);
 

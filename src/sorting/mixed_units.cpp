@@ -1,0 +1,432 @@
+#include "sorting/mixed_units.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <tuple>
+
+#include "signal/tissue_motion.h"
+#include "sorting/unit_joins.h"
+
+namespace kestrelvane {
+
+namespace {
+
+constexpr std::size_t fewest_of_group = 15, most_looked_at = 400, most_for_mean = 150;
+constexpr std::size_t most_channels = 8;
+constexpr double before_ms = 0.4, after_ms = 0.8;  // of the time of a spike
+constexpr std::int32_t point_step = 2;             // samples
+constexpr std::size_t n_components = 3;
+constexpr int component_rounds = 30, group_rounds = 12;
+// Between the groups: spikes in a band round the middle, over those in one as wide round the centre
+// of the smaller; it is a quarter of the way between the centres.
+constexpr double band = 0.125, largest_between = 0.4;
+constexpr double least_apart = 3.5;  // centres, over the root of the mean variance of both
+// A few spikes of a hundred are the collisions of one neighbour, or what it leaves; they are no
+// unit.
+constexpr double least_part = 0.12;
+constexpr double largest_spread = 30;  // of three components of noise 1: no group, but all sorts
+// Of times.
+constexpr double least_overlap = 0.35;
+constexpr double largest_way_um = 3;
+constexpr double burst_ms = 15, burst_part = 0.5, burst_times = 2;
+
+typedef std::array<double, n_components> point;
+
+double square_between(const point& a, const point& b) {
+  double sum = 0;
+  for (std::size_t k = 0; k < n_components; ++k) sum += (a[k] - b[k]) * (a[k] - b[k]);
+  return sum;
+}
+
+// ---------------------------------------------------------------- spikes as they are alone
+
+// Which values of a spike are looked at, and the noise of these.
+struct look {
+  std::vector<std::int32_t> channels;
+  std::int32_t first = 0, n_points = 0;
+  std::vector<double> root;  // of the noise covariance, lower triangle, by rows
+
+  std::size_t size() const { return channels.size() * static_cast<std::size_t>(n_points); }
+};
+
+std::vector<std::int32_t> largest_channels(const tracked_unit& unit, std::int32_t points) {
+  std::vector<std::int32_t> channels = unit.filter.channels;
+  const auto peak = [&](std::int32_t c) {
+    const float* row = unit.shape.find(c, points);
+    float largest = 0;
+    for (std::int32_t q = 0; row != nullptr && q < points; ++q) {
+      largest = std::max(largest, std::fabs(row[q]));
+    }
+    return largest;
+  };
+  std::stable_sort(channels.begin(), channels.end(),
+                   [&](std::int32_t a, std::int32_t b) { return peak(a) > peak(b); });
+  if (channels.size() > most_channels) channels.resize(most_channels);
+  std::sort(channels.begin(), channels.end());
+  return channels;
+}
+
+void set_root(const noise_covariance& noise, look& l) {
+  const std::size_t n = l.size();
+  const auto n_points = static_cast<std::size_t>(l.n_points);
+  l.root.assign(n * n, 0.0);
+  for (std::size_t a = 0; a < n; ++a) {
+    for (std::size_t b = 0; b <= a; ++b) {
+      const float* lags = noise.of(l.channels[a / n_points], l.channels[b / n_points]);
+      const auto lag =
+          (static_cast<std::int32_t>(b % n_points) - static_cast<std::int32_t>(a % n_points)) *
+          point_step;
+      double sum = lags != nullptr ? static_cast<double>(lags[lag + noise.points - 1]) : 0.0;
+      if (a == b) sum += static_cast<double>(filter_ridge);
+      for (std::size_t k = 0; k < b; ++k) sum -= l.root[a * n + k] * l.root[b * n + k];
+      // A covariance of few samples may have a direction of no noise at all.
+      l.root[a * n + b] = a == b ? std::sqrt(std::max(sum, static_cast<double>(filter_ridge)))
+                                 : sum / l.root[b * n + b];
+    }
+  }
+}
+
+look look_at(const session_state& session, const noise_covariance& noise,
+             const tracking_rules& rules, const tracked_unit& unit) {
+  const double per_ms = session.recording.sampling_frequency / 1000.0;
+  const auto before = static_cast<std::int32_t>(before_ms * per_ms);
+  const auto after = static_cast<std::int32_t>(after_ms * per_ms);
+  look l;
+  l.channels = largest_channels(unit, rules.window.points);
+  l.first = std::max(0, rules.window.before - before);
+  const std::int32_t end = std::min(rules.window.points, rules.window.before + after);
+  l.n_points = std::max(1, (end - l.first) / point_step);
+  set_root(noise, l);
+  return l;
+}
+
+// A spike in units of its noise.
+std::vector<double> whitened(const session_state& session, const noise_covariance& noise,
+                             const spike_crowd& crowd, const look& l, std::int32_t place) {
+  const spike_shape alone =
+      mean_without_others(session, noise, crowd.set, crowd.spikes, {place}, l.channels);
+  const std::size_t n = l.size();
+  const auto n_points = static_cast<std::size_t>(l.n_points);
+  std::vector<double> out(n);
+  for (std::size_t a = 0; a < n; ++a) {
+    const float* row = alone.row(a / n_points, crowd.set.window.points);
+    double sum =
+        static_cast<double>(row[l.first + static_cast<std::int32_t>(a % n_points) * point_step]);
+    for (std::size_t k = 0; k < a; ++k) sum -= l.root[a * n + k] * out[k];
+    out[a] = sum / l.root[a * n + a];
+  }
+  return out;
+}
+
+// ---------------------------------------------------------------- components
+
+typedef std::vector<std::vector<double>> rows;
+
+double dot(const std::vector<double>& a, const std::vector<double>& b) {
+  double sum = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) sum += a[i] * b[i];
+  return sum;
+}
+
+// Spikes of one neuron differ in size: what is a multiple of the mean tells nothing.
+void take_mean_out(const std::vector<double>& mean, std::vector<double>& spike) {
+  const double part = dot(spike, mean) / std::max(dot(mean, mean), 1e-30);
+  for (std::size_t k = 0; k < mean.size(); ++k) spike[k] -= part * mean[k];
+}
+
+// The directions in which spikes differ most, by iteration of a subspace; spikes hold no mean.
+rows find_components(const rows& spikes) {
+  const std::size_t n = spikes.front().size();
+  rows components(n_components, std::vector<double>(n));
+  // From spikes far apart in the list: directions that are there.
+  for (std::size_t k = 0; k < n_components; ++k) {
+    components[k] = spikes[k * (spikes.size() - 1) / n_components];
+    components[k][k % n] += 1e-3;
+  }
+  for (int round = 0; round <= component_rounds; ++round) {
+    for (std::size_t k = 0; k < n_components; ++k) {
+      for (std::size_t m = 0; m < k; ++m) {
+        const double part = dot(components[k], components[m]);
+        for (std::size_t i = 0; i < n; ++i) components[k][i] -= part * components[m][i];
+      }
+      const double norm = std::sqrt(std::max(dot(components[k], components[k]), 1e-30));
+      for (double& v : components[k]) v /= norm;
+    }
+    if (round == component_rounds) break;
+    rows next(n_components, std::vector<double>(n));
+    for (const std::vector<double>& spike : spikes) {
+      for (std::size_t k = 0; k < n_components; ++k) {
+        const double by = dot(spike, components[k]);
+        for (std::size_t i = 0; i < n; ++i) next[k][i] += by * spike[i];
+      }
+    }
+    components = std::move(next);
+  }
+  return components;
+}
+
+// ---------------------------------------------------------------- groups
+
+struct two_groups {
+  point centres[2] = {};
+  std::size_t counts[2] = {};
+  double apart = 0, between = 1;
+  double spreads[2] = {};  // mean squared distance from the centre
+
+  bool second(const point& p) const {
+    return square_between(p, centres[1]) < square_between(p, centres[0]);
+  }
+};
+
+// Lloyd's iteration from the spikes on either side of the mean along one component.
+two_groups group(const std::vector<point>& points, std::size_t along) {
+  two_groups g;
+  std::vector<bool> second(points.size());
+  for (std::size_t i = 0; i < points.size(); ++i) second[i] = points[i][along] > 0;
+  for (int round = 0; round < group_rounds; ++round) {
+    two_groups next;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      ++next.counts[second[i]];
+      for (std::size_t k = 0; k < n_components; ++k) next.centres[second[i]][k] += points[i][k];
+    }
+    if (next.counts[0] == 0 || next.counts[1] == 0) break;
+    for (std::size_t s = 0; s < 2; ++s) {
+      for (double& v : next.centres[s]) v /= static_cast<double>(next.counts[s]);
+    }
+    g = next;
+    for (std::size_t i = 0; i < points.size(); ++i) second[i] = g.second(points[i]);
+  }
+  return g;
+}
+
+// Along the line from centre to centre, 0 to 1.
+void measure_groups(const std::vector<point>& points, two_groups& g) {
+  const double square = square_between(g.centres[0], g.centres[1]);
+  if (!(square > 0)) return;
+  double variance = 0;
+  g.spreads[0] = g.spreads[1] = 0;
+  std::size_t near[2] = {}, middle = 0;
+  for (const point& p : points) {
+    double at = 0;
+    for (std::size_t k = 0; k < n_components; ++k) {
+      at += (p[k] - g.centres[0][k]) * (g.centres[1][k] - g.centres[0][k]) / square;
+    }
+    const std::size_t side = g.second(p);
+    const double off = at - static_cast<double>(side);
+    g.spreads[side] += square_between(p, g.centres[side]) / static_cast<double>(g.counts[side]);
+    variance += off * off * square / static_cast<double>(points.size());
+    near[side] += std::fabs(off) < band;
+    middle += std::fabs(at - 0.5) < band;
+  }
+  const std::size_t smaller = g.counts[1] < g.counts[0];
+  g.apart = std::sqrt(square / std::max(variance, 1e-30));
+  g.between = static_cast<double>(middle) / std::max(1.0, static_cast<double>(near[smaller]));
+}
+
+bool are_two(const two_groups& g) {
+  const std::size_t smaller = std::min(g.counts[0], g.counts[1]);
+  const auto all = static_cast<double>(g.counts[0] + g.counts[1]);
+  return smaller >= fewest_of_group && static_cast<double>(smaller) >= least_part * all &&
+         std::max(g.spreads[0], g.spreads[1]) <= largest_spread && g.apart >= least_apart &&
+         g.between <= largest_between;
+}
+
+// ---------------------------------------------------------------- what speaks against two
+
+std::vector<std::int32_t> places_of(const spike_crowd& crowd, std::int32_t unit) {
+  std::vector<std::int32_t> places;
+  for (std::size_t i = 0; i < crowd.spikes.size(); ++i) {
+    if (crowd.spikes[i].unit == unit) places.push_back(static_cast<std::int32_t>(i));
+  }
+  return places;
+}
+
+std::vector<std::int32_t> of_group(const std::vector<std::int32_t>& places,
+                                   const std::vector<bool>& second, bool which, std::size_t limit) {
+  std::vector<std::int32_t> all, out;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (second[i] == which) all.push_back(places[i]);
+  }
+  const std::size_t n = std::min(limit, all.size());
+  for (std::size_t i = 0; i < n; ++i) out.push_back(all[i * all.size() / n]);
+  return out;
+}
+
+// A group in other segments than the other, or at another place of the tissue: a movement.
+bool is_movement(const session_state& session, const tracked_unit& unit,
+                 const std::vector<bool>& second) {
+  const recording_store& r = session.recording;
+  std::vector<double> counts[2];
+  double way[2] = {}, n[2] = {};
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    const tracked_spike& s = unit.spikes[i];
+    const auto segment = static_cast<std::size_t>(s.segment);
+    for (auto& c : counts) c.resize(std::max(c.size(), segment + 1));
+    counts[second[i]][segment] += 1;
+    n[second[i]] += 1;
+    way[second[i]] += motion_at(r.motion, static_cast<double>(s.time) / r.sampling_frequency);
+  }
+  double both = 0;
+  for (std::size_t k = 0; k < counts[0].size(); ++k) {
+    both += std::min(counts[0][k] / n[0], counts[1][k] / n[1]);
+  }
+  return both < least_overlap || std::fabs(way[0] / n[0] - way[1] / n[1]) > largest_way_um;
+}
+
+// Most of the smaller group soon after spikes of the larger: the later spikes of bursts.
+bool is_burst(const session_state& session, const tracked_unit& unit,
+              const std::vector<bool>& second) {
+  const auto n_second = static_cast<std::size_t>(std::count(second.begin(), second.end(), true));
+  const bool small = 2 * n_second <= second.size();  // the group that is the smaller one
+  const auto reach =
+      static_cast<std::int32_t>(burst_ms * session.recording.sampling_frequency / 1000.0);
+  std::size_t n_small = 0, n_soon = 0;
+  std::int64_t last = INT32_MIN;
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    if (second[i] != small) {
+      last = unit.spikes[i].time;
+      continue;
+    }
+    ++n_small;
+    n_soon += unit.spikes[i].time - last <= reach;
+  }
+  const double rate = static_cast<double>(unit.spikes.size() - n_small) /
+                      static_cast<double>(session.recording.n_samples);
+  const double part =
+      static_cast<double>(n_soon) / static_cast<double>(std::max<std::size_t>(1, n_small));
+  return part > burst_part && part > burst_times * rate * reach;
+}
+
+// The squared distance of the weaker group's waveform from the best multiple of the other.
+double distance_of_groups(const session_state& session, const noise_covariance& noise,
+                          const tracking_rules& rules, const spike_crowd& crowd,
+                          const tracked_unit& unit, const std::vector<std::int32_t>& places,
+                          const std::vector<bool>& second) {
+  spike_shape means[2];
+  double squares[2] = {};
+  for (const bool which : {false, true}) {
+    means[which] =
+        mean_without_others(session, noise, crowd.set, crowd.spikes,
+                            of_group(places, second, which, most_for_mean), unit.filter.channels);
+    for (const float v : means[which].values) {
+      squares[which] += static_cast<double>(v) * static_cast<double>(v);
+    }
+  }
+  const bool strong = squares[1] > squares[0];
+  const shape_likeness likeness =
+      compare_shapes(means[strong], means[!strong], rules.window.points, rules.half_ms);
+  return unbiased_distance(noise, rules.window, means[strong], means[!strong], likeness.lag,
+                           unit.filter.channels)
+      .square;
+}
+
+}  // namespace
+
+spike_crowd make_crowd(const tracking_rules& rules, const std::vector<tracked_unit>& units) {
+  spike_crowd crowd;
+  crowd.set.window = rules.window;
+  crowd.set.limits = rules.limits;
+  for (std::size_t u = 0; u < units.size(); ++u) {
+    crowd.set.units.push_back(units[u].filter);
+    for (const tracked_spike& s : units[u].spikes) {
+      crowd.spikes.push_back(
+          {s.time, s.phase, static_cast<std::int32_t>(u), 0, s.amplitude, s.gain});
+    }
+  }
+  std::stable_sort(crowd.spikes.begin(), crowd.spikes.end(),
+                   [](const found_spike& a, const found_spike& b) {
+                     return std::tie(a.time, a.phase, a.unit) < std::tie(b.time, b.phase, b.unit);
+                   });
+  return crowd;
+}
+
+bool find_mixture(const session_state& session, const noise_covariance& noise,
+                  const tracking_rules& rules, const spike_crowd& crowd,
+                  const std::vector<tracked_unit>& units, std::int32_t unit, mixture& found) {
+  const tracked_unit& whole = units[static_cast<std::size_t>(unit)];
+  if (whole.spikes.size() < 2 * fewest_of_group || whole.filter.channels.empty()) return false;
+  const std::vector<std::int32_t> places = places_of(crowd, unit);
+  const look l = look_at(session, noise, rules, whole);
+  const std::size_t n = std::min(places.size(), most_looked_at);
+  rows spikes(n);
+  std::vector<double> mean(l.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    spikes[i] = whitened(session, noise, crowd, l, places[i * places.size() / n]);
+    for (std::size_t k = 0; k < mean.size(); ++k) {
+      mean[k] += spikes[i][k] / static_cast<double>(n);
+    }
+  }
+  for (auto& spike : spikes) take_mean_out(mean, spike);
+  const rows components = find_components(spikes);
+  const auto projected = [&](const std::vector<double>& spike) {
+    point p;
+    for (std::size_t k = 0; k < n_components; ++k) p[k] = dot(spike, components[k]);
+    return p;
+  };
+  std::vector<point> points;
+  for (const auto& spike : spikes) points.push_back(projected(spike));
+  two_groups best;
+  for (std::size_t along = 0; along < n_components; ++along) {
+    two_groups g = group(points, along);
+    measure_groups(points, g);
+    if (are_two(g) && (!are_two(best) || g.apart > best.apart)) best = g;
+  }
+  if (!are_two(best)) return false;
+  found.second.assign(places.size(), false);
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    std::vector<double> spike = whitened(session, noise, crowd, l, places[i]);
+    take_mean_out(mean, spike);
+    found.second[i] = best.second(projected(spike));
+  }
+  const auto n_second =
+      static_cast<std::size_t>(std::count(found.second.begin(), found.second.end(), true));
+  if (std::min(n_second, places.size() - n_second) < fewest_of_group) return false;
+  found.apart = best.apart;
+  found.distance = distance_of_groups(session, noise, rules, crowd, whole, places, found.second);
+  return found.distance >=
+             largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy()) &&
+         !is_movement(session, whole, found.second) && !is_burst(session, whole, found.second);
+}
+
+namespace {
+
+void keep_group(const session_state& session, const noise_covariance& noise,
+                const tracking_rules& rules, const spike_crowd& crowd,
+                const std::vector<std::int32_t>& places, const mixture& found, bool which,
+                tracked_unit& unit) {
+  std::vector<tracked_spike> spikes;
+  std::vector<float> amplitudes;
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    if (found.second[i] != which) continue;
+    spikes.push_back(unit.spikes[i]);
+    amplitudes.push_back(unit.spikes[i].amplitude);
+  }
+  unit.shape = mean_without_others(session, noise, crowd.set, crowd.spikes,
+                                   of_group(places, found.second, which, most_for_mean),
+                                   unit.shape.channels);
+  unit.first = unit.recent = unit.shape;
+  unit.spikes = std::move(spikes);
+  unit.train.clear();
+  for (const tracked_spike& s : unit.spikes) unit.train.push_back(s.time);
+  // Amplitudes were those of a template between the two.
+  const auto middle = amplitudes.begin() + static_cast<std::ptrdiff_t>(amplitudes.size() / 2);
+  std::nth_element(amplitudes.begin(), middle, amplitudes.end());
+  for (tracked_spike& s : unit.spikes) s.amplitude /= std::max(*middle, 1e-3f);
+  renew_filter(session, noise, rules, unit);
+  unit.energy_sum = unit.filter.energy * static_cast<double>(unit.spikes.size());
+}
+
+}  // namespace
+
+tracked_unit take_second(const session_state& session, const noise_covariance& noise,
+                         const tracking_rules& rules, const spike_crowd& crowd, std::int32_t unit,
+                         const mixture& found, tracked_unit& rest) {
+  const std::vector<std::int32_t> places = places_of(crowd, unit);
+  tracked_unit second = rest;
+  keep_group(session, noise, rules, crowd, places, found, true, second);
+  keep_group(session, noise, rules, crowd, places, found, false, rest);
+  return second;
+}
+
+}  // namespace kestrelvane
