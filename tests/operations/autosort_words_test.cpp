@@ -38,17 +38,30 @@ void call_all_distinct(session_state& session, bool distinct) {
   session.strategy.correlation_threshold = distinct ? 2.0f : -2.0f;
 }
 
-// Every second event of the largest cluster becomes one of its own.
+// Every second event of a cluster becomes one of its own, at the end of the table.
+void halve_cluster(session_state& session, std::int32_t cluster) {
+  session.clusters.current_cluster = cluster;
+  std::int16_t label = 0;
+  for (const std::int32_t e : list_cluster_events(session, cluster)) {
+    session.events.event_subcluster[e] = label = static_cast<std::int16_t>(1 - label);
+  }
+  split_marked_to_new_cluster(session, 1);
+}
+
+std::int32_t count_clustered(const session_state& session) {
+  std::int32_t n = 0;
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    n += session.events.event_cluster[e] > 0;
+  }
+  return n;
+}
+
 std::int32_t halve_largest(session_state& session) {
   std::int32_t largest = 1;
   for (std::int32_t c = 2; c <= session.clusters.n_clusters; ++c) {
     if (count_cluster_events(session, c) > count_cluster_events(session, largest)) largest = c;
   }
-  session.clusters.current_cluster = largest;
-  for (const std::int32_t e : list_cluster_events(session, largest)) {
-    session.events.event_subcluster[e] = static_cast<std::int16_t>(1 + e % 2);
-  }
-  split_marked_to_new_cluster(session, 1);
+  halve_cluster(session, largest);
   return largest;
 }
 
@@ -65,6 +78,43 @@ TEST(autosort_words, tell_which_thresholds_are_in_force) {
     EXPECT_TRUE(session.user.logged(words)) << session.user.all_lines();
     EXPECT_GT(session->events.n_events, 100);
   }
+}
+
+// The user has had enough of the scan, but not of the sort: the table of points has not come to the
+// end of the recording, as when it is full.
+TEST(autosort_words, a_scan_that_is_cut_short_is_repeated_with_the_lockout_detector) {
+  const auto detect = [](small_session& session, bool lockout) {
+    make_busy_recording(*session, 4, 100000, 51);
+    session->autosort.stop_after = stop_after_detection;
+    session->detection.variable_multiplier = 3;  // noise, of which they see different parts
+    session->detection.use_lockout = lockout;
+    EXPECT_TRUE(autosort(*session));
+  };
+  small_session session, by_lockout, by_points;
+  int scans = 0;
+  session.user.on_status = [&](const std::string& text) {
+    if (text.starts_with("Event detection method is ") && ++scans == 1) {
+      session->operation.detection_interrupted = true;
+    }
+  };
+  detect(session, false);
+  detect(by_lockout, true);
+  detect(by_points, false);
+  EXPECT_EQ(scans, 2);
+  EXPECT_TRUE(
+      session.user.logged("Incomplete event detection; repeating detection with STL lockout"))
+      << session.user.all_lines();
+  EXPECT_TRUE(session.user.told("Repeating event detection with Spatio-temporal lockout",
+                                "Incomplete event detection"));
+  EXPECT_FALSE(session->detection.use_lockout) << "as the user has it";
+  const auto times = [](const small_session& of) {
+    const event_table& events = of.state->events;
+    return std::vector<std::int32_t>(events.event_time.first(),
+                                     events.event_time.first() + events.n_events);
+  };
+  EXPECT_EQ(times(session), times(by_lockout));
+  EXPECT_NE(times(session), times(by_points));
+  EXPECT_TRUE(by_points.user.boxes.empty());
 }
 
 // Sorts given events up to the first pass; those of the list stand there a second time, two samples
@@ -127,6 +177,20 @@ TEST(autosort_words, count_the_clusters_that_were_too_small) {
   }
 }
 
+// Only the largest is kept from the start: nothing is left that it could be compared with.
+TEST(autosort_words, a_single_cluster_is_told_and_compared_with_nothing) {
+  small_session plain, session;
+  sort_with_doubles(plain, {}, 50);
+  std::vector<std::int32_t> sizes = count_events_by_cluster(*plain);
+  std::sort(sizes.begin() + 1, sizes.end());
+  session->autosort.stop_after = stop_after_all;
+  sort_with_doubles(session, {}, sizes.back());
+  EXPECT_TRUE(session.user.logged("1 cluster found")) << session.user.all_lines();
+  EXPECT_FALSE(session.user.logged("1 clusters found"));
+  EXPECT_EQ(session->clusters.n_clusters, 1);
+  EXPECT_FALSE(session.user.logged("Making status lists"));
+}
+
 TEST(autosort_words, the_last_box_tells_what_to_do_next) {
   small_session session;
   sort_without_merges(*session);
@@ -172,6 +236,59 @@ TEST(autosort_words, safe_merges_are_counted) {
   }
 }
 
+// Half of a unit is hidden in another cluster: together with the other half it is no pair that is
+// plainly one unit, and from the final check on it is.
+TEST(autosort_words, what_the_final_check_brings_to_light_is_merged) {
+  struct hiding {
+    std::int32_t in, half_of;
+    const char* words;
+    bool folded;  // with scattered events, which no sub-cluster of the list has
+  };
+  for (const hiding& h : {hiding{3, 2, "Finished final merging check, 1 merge made", false},
+                          hiding{1, 2, "Finished final merging check,2 merges made", true}}) {
+    small_session session;
+    sort_without_merges(*session);
+    const std::int32_t n = session->clusters.n_clusters;
+    halve_cluster(*session, h.half_of);
+    absorb_cluster(*session, h.in, h.half_of);
+    ASSERT_EQ(session->clusters.n_clusters, n);
+    call_all_distinct(*session, true);
+    const std::int32_t n_clustered = count_clustered(*session);
+    EXPECT_TRUE(autosort(*session));
+    EXPECT_TRUE(session.user.logged(h.words)) << session.user.all_lines();
+    EXPECT_EQ(session.user.logged("Small subcluster was merged"), h.folded);
+    EXPECT_EQ(count_clustered(*session), n_clustered) << "all of them have gone to a neighbour";
+    EXPECT_EQ(session->clusters.n_clusters, n);
+    EXPECT_EQ(check_session(*session), "");
+  }
+}
+
+// Events of two halves that are one spike: the merge keeps one of each, and whoever pauses is told.
+TEST(autosort_words, a_paused_merge_tells_what_it_has_cost) {
+  small_session session;
+  sort_without_merges(*session);
+  const std::int32_t a = halve_largest(*session);
+  const std::int32_t b = session->clusters.n_clusters;
+  event_table& events = session->events;
+  std::int32_t moved = 0;
+  for (std::int32_t e = 1; e < events.n_events && moved < 3; ++e) {
+    if (events.event_cluster[e] == a && events.event_cluster[e + 1] == b) {
+      events.event_time[e + 1] = events.event_time[e] + 1;
+      ++moved;
+    }
+  }
+  ASSERT_EQ(moved, 3);
+  build_status_lists(*session);
+  session->operation.pause_requested = true;
+  EXPECT_EQ(automerge_safe_pairs(*session, 0, 20), 1);
+  EXPECT_EQ(session.user.pauses, 1);
+  for (const char* words : {"events deleted, original-final cluster sizes=3",
+                            "globally 3 events were deleted as a result of the merge!"}) {
+    EXPECT_TRUE(session.user.logged(words)) << words << '\n' << session.user.all_lines();
+  }
+  EXPECT_EQ(check_session(*session), "");
+}
+
 std::string with_pair(const char* words, std::int32_t a, std::int32_t b) {
   return fmt::format("{}{} & {}", words, a, b);
 }
@@ -206,6 +323,15 @@ TEST(autosort_words, pairs_are_pooled_and_split_or_merged) {
         std::string("Adding new cluster"), std::string("Splitting into3")}) {
     EXPECT_TRUE(session.user.logged(words)) << words << '\n' << session.user.all_lines();
   }
+  // Two units in either: four come of it.
+  absorb_cluster(*session, 1, 2);
+  absorb_cluster(*session, 2, 3);
+  doubt_pair(*session, 1, 2);
+  session.user.lines.clear();
+  merge_split_pairs_pass(*session, 20, 120);
+  EXPECT_EQ(session->clusters.n_clusters, n);
+  EXPECT_TRUE(session.user.logged("Adding new clusters")) << session.user.all_lines();
+  EXPECT_TRUE(session.user.logged("Splitting into4"));
   // Halves of one unit are one again, and nobody says that they were split.
   halve_largest(*session);
   doubt_pair(*session, session->clusters.current_cluster, n + 1);
