@@ -251,7 +251,7 @@ bool save_graph_dialog(const session_state& session, const graph_data& graph) {
   constexpr const char* title = "Save graph";
   // Offered beside the recording, where the user looks for what belongs to it.
   std::string path = replace_extension(session.recording.recording_path, ".gra");
-  constexpr const char* kinds = "Graph files(*.GRA);;Comma-separated values(*.CSV)";
+  constexpr const char* kinds = "Graph files(*.GRA);;Comma-separated values(*.CSV);;All files(*.*)";
   if (!choose_file_to_save(session, title, kinds, path)) return false;
   const bool written = write_graph_file(graph, path);
   if (written) {

@@ -1,7 +1,7 @@
 #include "displays/picture_file.h"
 
 #include <QBuffer>
-#include <QImage>
+#include <QFileInfo>
 #include <QMarginsF>
 #include <QPageSize>
 #include <QPdfWriter>
@@ -71,6 +71,16 @@ const picture_format* find_format(std::string_view path) {
   return nullptr;
 }
 
+// made: whether the bytes are a whole picture; otherwise the old file stays as it was.
+bool replace_file(const std::string& path, const QBuffer& bytes, bool made) {
+  errno = 0;  // whatever the library has tried
+  if (!made) return false;
+  safe_file file;
+  if (!open_safe_file(file, path)) return false;
+  write_bytes(file, bytes.data().constData(), static_cast<std::size_t>(bytes.data().size()));
+  return finish_safe_file(file);
+}
+
 }  // namespace
 
 bool is_picture_path(const std::string& path) { return find_format(path) != nullptr; }
@@ -78,15 +88,15 @@ bool is_picture_path(const std::string& path) { return find_format(path) != null
 bool write_picture(const std::string& path, QSize size, const paint_routine& paint) {
   const picture_format* format = find_format(path);
   QBuffer bytes;
-  // Made in memory, so that a picture that fails leaves the old file as it was.
   if (format == nullptr || !bytes.open(QIODevice::ReadWrite)) return false;
-  const bool painted = format->paint(bytes, size, paint);
-  errno = 0;  // whatever the library has tried
-  if (!painted) return false;
-  safe_file file;
-  if (!open_safe_file(file, path)) return false;
-  write_bytes(file, bytes.data().constData(), static_cast<std::size_t>(bytes.data().size()));
-  return finish_safe_file(file);
+  return replace_file(path, bytes, format->paint(bytes, size, paint));
+}
+
+bool write_image(const std::string& path, const QImage& image) {
+  const QByteArray format = QFileInfo(QString::fromStdString(path)).suffix().toUpper().toLatin1();
+  QBuffer bytes;
+  if (!bytes.open(QIODevice::ReadWrite)) return false;
+  return replace_file(path, bytes, image.save(&bytes, format.constData()));
 }
 
 }  // namespace kestrelvane

@@ -7,12 +7,15 @@
 
 #include "displays/display_colours.h"
 #include "displays/display_fonts.h"
+#include "displays/picture_file.h"
 #include "displays/trace_pen.h"
 #include "displays/voltage/grey_image.h"
 #include "displays/voltage/voltage_geometry.h"
 #include "displays/voltage/voltage_readout.h"
 #include "displays/voltage/voltage_record.h"
+#include "files/safe_file.h"
 #include "signal/display_scale.h"
+#include "support/full_device.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -497,6 +500,28 @@ TEST(picture, peaks_are_kept_where_a_column_holds_hundreds_of_samples) {
   };
   EXPECT_FALSE(reaches(1 / 255.0f));
   EXPECT_TRUE(reaches(1 / 300.0f));
+}
+
+TEST(picture, a_bitmap_replaces_the_old_one_or_nothing) {
+  const temporary_directory folder;
+  QImage old(60, 40, QImage::Format_RGB32), newer(300, 200, QImage::Format_RGB32);
+  old.fill(red);
+  newer.fill(blue);
+  for (const char* name : {"picture.png", "picture.BMP"}) {
+    const std::string path = folder.file(name);
+    ASSERT_TRUE(write_image(path, old)) << name;
+    EXPECT_EQ(QImage(QString::fromStdString(path)), old) << name;
+  }
+  const std::string path = folder.file("picture.BMP");
+  {
+    const full_device full;
+    EXPECT_FALSE(write_image(path, newer));
+    EXPECT_EQ(why_not_saved(path), path + ": File too large");
+  }
+  EXPECT_EQ(QImage(QString::fromStdString(path)), old);
+  EXPECT_TRUE(partial_files(path).empty());
+  EXPECT_FALSE(write_image(folder.file("picture.unknown"), newer));
+  EXPECT_FALSE(write_image(folder.file("picture.png"), QImage()));
 }
 
 }  // namespace

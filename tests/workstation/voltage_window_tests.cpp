@@ -1,5 +1,7 @@
 // The voltage record's window and dialog, and what every graph window can do.
+#include <gmock/gmock.h>
 #include <QAction>
+
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
@@ -18,6 +20,7 @@
 #include <QWheelEvent>
 
 #include "signal/display_scale.h"
+#include "support/full_device.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/setting_controls.h"
@@ -202,13 +205,26 @@ TEST(GraphWindow, ARectangleGoesToTheClipboard) {
     QTest::mouseMove(v.surface(), to);
     QTest::mouseRelease(v.surface(), Qt::LeftButton, {}, to);
   };
+  const auto last_line = [&] {
+    const auto& log = w.session->log;
+    return std::string(log.log_lines[log.n_log_lines].view());
+  };
   drag(QPoint(50, 60), QPoint(50, 60));
+  EXPECT_EQ(last_line(), "Selecting ...");
   EXPECT_FALSE(copy->isEnabled()) << "a rectangle of no size";
   drag(QPoint(150, 160), QPoint(50, 60));
   ASSERT_TRUE(copy->isEnabled());
   w.choose_entry("button_40007");
   EXPECT_EQ(QApplication::clipboard()->image().size(), QSize(100, 100));
+  EXPECT_EQ(last_line(), "selection copied to clipboard");
   EXPECT_FALSE(copy->isEnabled());
+  // The window has gone with its rectangle.
+  drag(QPoint(150, 160), QPoint(50, 60));
+  delete w.shell.graphs[0];
+  QApplication::clipboard()->clear();
+  copy_selection_command(w.shell);
+  EXPECT_EQ(last_line(), "copy failed");
+  EXPECT_TRUE(QApplication::clipboard()->image().isNull());
 }
 
 TEST(GraphWindow, SavesWhatItShowsAsNumbers) {
@@ -224,6 +240,16 @@ TEST(GraphWindow, SavesWhatItShowsAsNumbers) {
             v.w.session->recording.vd.channel(channel)[1008] * v.w.session->recording.vscale_HP);
   EXPECT_TRUE(graph.series[4].x.empty()) << "four channels";
   save_graph_command(v.w.shell);
+  QStringList offered;
+  EXPECT_TRUE(wait_until([&] {
+    for (const QWidget* window : QApplication::topLevelWidgets()) {
+      const auto* files = qobject_cast<const QFileDialog*>(window);
+      if (files != nullptr && files->isVisible()) offered = files->nameFilters();
+    }
+    return !offered.isEmpty();
+  }));
+  EXPECT_TRUE(offered.value(0).startsWith("Graph files(*.GRA)"));
+  EXPECT_TRUE(offered.value(2).startsWith("All files(*.*)"));
   const std::string path = v.data.file("view.gra");
   v.w.settle(true, {QString::fromStdString(path)});
   EXPECT_TRUE(v.w.told.contains("Graph saved successfully"));
@@ -240,6 +266,14 @@ TEST(GraphWindow, SavesItsPictureAndArranges) {
   w.choose_entry("save_bitmap");
   w.settle(true, {path});
   EXPECT_EQ(QImage(path).size(), v.surface()->picture().size());
+  {
+    const full_device full;
+    const QString other = QString::fromStdString(v.data.file("other.png"));
+    w.choose_entry("save_bitmap");
+    w.settle(true, {other});
+    EXPECT_EQ(w.told.value(0), "Failed to save file " + other + ": File too large");
+  }
+  EXPECT_THAT(partial_files(v.data.file("other.png")), testing::IsEmpty());
   w.shell.graphs[0]->move(200, 100);
   w.choose_entry("auto_arrange");
   EXPECT_EQ(w.shell.graphs[0]->pos(), QPoint(0, 0));

@@ -37,6 +37,7 @@ QString with_both_cases(const QString& filter) {
 void follow_filter(QFileDialog* dialog, const QString& filter) {
   static const QRegularExpression pattern(R"(\*\.(\w+))");
   const QString suffix = pattern.match(filter).captured(1).toLower();
+  if (suffix.isEmpty()) return;  // all files: the name stays as it is
   const QFileInfo name(dialog->selectedFiles().value(0));
   dialog->setDefaultSuffix(suffix);
   if (!name.suffix().isEmpty()) dialog->selectFile(name.completeBaseName() + '.' + suffix);

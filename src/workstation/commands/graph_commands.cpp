@@ -6,7 +6,10 @@
 #include <QPrintDialog>
 #include <QPrinter>
 
+#include "displays/picture_file.h"
+#include "files/safe_file.h"
 #include "session/run_log.h"
+#include "session/user_interface.h"
 #include "workstation/commands/commands.h"
 #include "workstation/commands/file_choice.h"
 #include "workstation/frame.h"
@@ -27,12 +30,19 @@ graph_window* needs_graph(workstation& w, const QString& title) {
 
 QAction* copy_button(workstation& w) { return w.frame->findChild<QAction*>("button_40007"); }
 
-void save_picture(workstation& w, const QImage& picture, const QString& path) {
-  if (picture.save(path)) {
-    log_message(w.session, "Bitmap saved in file " + path.toStdString());
-  } else {
-    show_message(w, "Failed to save file " + path, "Save bitmap", box_icon::error);
-  }
+// On the worker: a picture of a large screen takes longer than a key press may.
+void save_picture(workstation& w, const QImage& picture, const std::string& path) {
+  run_with_progress(
+      w, "save_bitmap_progress", "Saving the picture",
+      [picture, path](session_state& session) {
+        if (write_image(path, picture)) {
+          log_message(session, "Bitmap saved in file " + path);
+        } else {
+          tell(session, "Failed to save file " + why_not_saved(path), "Save bitmap",
+               box_icon::error);
+        }
+      },
+      nullptr);
 }
 
 // The window as large as the page allows, its proportions kept.
@@ -63,7 +73,8 @@ void save_bitmap_command(workstation& w) {
     if (path.isEmpty()) return;
     // An ending that the user has typed says more than the filter.
     const bool named = !QFileInfo(path).suffix().isEmpty();
-    save_picture(w, picture, named ? path : path + (filter == 1 ? ".bmp" : ".png"));
+    const QString whole = named ? path : path + (filter == 1 ? ".bmp" : ".png");
+    save_picture(w, picture, whole.toStdString());
   });
 }
 
