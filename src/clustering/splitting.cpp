@@ -131,6 +131,7 @@ split_result apply_split(session_state& session, std::int32_t cluster,
   // The record is cleared before anything is calculated into its slot.
   clear_cluster_record(session, created);
   clusters.n_clusters = created;
+  set_status(session, status_field::clusters_found, std::to_string(created));
   recalculate_cluster(session, cluster);
   recalculate_cluster(session, created);
   return {true, false};

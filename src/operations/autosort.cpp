@@ -39,6 +39,10 @@ double minutes_since(clock::time_point begin, double rounding = 0.0) {
   return std::trunc(seconds / 60.0 * 100.0 + rounding) / 100.0;
 }
 
+void show_cluster_count(const session_state& session) {
+  set_status(session, status_field::clusters_found, std::to_string(session.clusters.n_clusters));
+}
+
 void show_time(const session_state& session, clock::time_point begin) {
   set_status(session, status_field::elapsed_time, fmt::format("{:.2f}", minutes_since(begin)));
 }
@@ -133,8 +137,8 @@ void make_first_clusters(session_state& session) {
   begin_stage(session, "channel-clusters");
   set_status(session, status_field::events_found, std::to_string(session.events.n_events));
   form_channel_clusters(session);
+  show_cluster_count(session);
   const std::int32_t n = session.clusters.n_clusters;
-  set_status(session, status_field::clusters_found, std::to_string(n));
   say(session,
       fmt::format("Events clustered based on channel assignments; {} initial clusters", n));
   log_message(session, " Realigning all clusters ... ");
@@ -182,6 +186,7 @@ bool split_listed_clusters(session_state& session, std::vector<std::int32_t>& li
       for (std::int32_t& later : list) later -= later > nc;
       deleted = true;
     }
+    show_cluster_count(session);
     show_time(session, begin);
     set_progress(session, meter::clusters, nc * 100 / std::max(1, clusters.n_clusters), 100);
     if (outcome.limit_reached) session.autosort.max_clusters_reached = true;
@@ -234,6 +239,7 @@ void remove_small_clusters(session_state& session) {
   session.lists.n_kv_pairs = 0;
   const std::int32_t size = least_cluster_size(session);
   const std::int32_t deleted = delete_small_clusters(session, size);
+  show_cluster_count(session);
   log_message(session, " finished");
   if (deleted == 1) {
     say(session, fmt::format("One cluster with <{} members was removed", size));
@@ -300,7 +306,7 @@ bool reclaim_by_templates(session_state& session) {
   begin_stage(session, "template-pass");
   const template_pass_end end = run_template_pass(session);
   if (end == template_pass_end::done) {
-    set_status(session, status_field::clusters_found, std::to_string(session.clusters.n_clusters));
+    show_cluster_count(session);
     build_lists(session);
   }
   return end != template_pass_end::interrupted;

@@ -248,7 +248,7 @@ TEST(sorted_waveforms, a_density_is_the_sum_of_its_parts) {
   float values[waveform_room];
   for (const std::int32_t c : {1, 3}) {
     for (const std::int32_t e : list_cluster_events(*s, c)) {
-      std::uint32_t* layer = counts_of_mark(plain, s->events.event_subcluster[e]);
+      std::uint32_t* layer = counts_of_mark(plain, c == 1 ? 1 : 2);
       for (const waveform_panel& panel : picture.layout.panels) {
         read_event_waveform(*s, e, panel.channel, values);
         line_point line[waveform_room];
@@ -260,7 +260,7 @@ TEST(sorted_waveforms, a_density_is_the_sum_of_its_parts) {
       }
     }
   }
-  ASSERT_EQ(picture.density.layers.size(), 2u) << "labels 0 and 2";
+  ASSERT_EQ(picture.density.layers.size(), 2u) << "the two clusters, for all that one is marked";
   for (std::size_t k = 0; k < 2; ++k) {
     EXPECT_EQ(picture.density.layers[k].counts, plain.layers[k].counts);
   }
@@ -301,7 +301,7 @@ TEST(components, points_are_those_of_clustering_and_are_found_by_a_click) {
     EXPECT_NEAR(mirrored.points[k].x, 2 * mean - picture.points[k].x, 1e-2);
     EXPECT_NEAR(mirrored.points[k].y, picture.points[k].y, 1e-3);
   }
-  // Of a pair, in event order; 1 and 2 as long as no event has a label.
+  // Of a pair, in event order; 1 and 2 until all of its events have a label.
   read_component_values(*s, s.index, {3, 1}, values);
   EXPECT_TRUE(std::is_sorted(values.events.begin(), values.events.end()));
   for (std::size_t k = 0; k < values.events.size(); ++k) {

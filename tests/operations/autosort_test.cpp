@@ -227,6 +227,11 @@ TEST(autosort, pauses_and_resumes) {
   autosort(*straight);
   // The user asks for a pause whenever a cluster comes up, or a pair.
   session.user.on_status = [&](const std::string&) { session->operation.pause_requested = true; };
+  session.user.on_pause = [&] {
+    EXPECT_EQ(session.user.fields[status_field::clusters_found],
+              std::to_string(session->clusters.n_clusters))
+        << session.user.stages.back();
+  };
   EXPECT_TRUE(autosort(*session));
   EXPECT_GT(session.user.pauses, 5);
   EXPECT_TRUE(session.user.logged("Paused, press resume button to continue ..."));

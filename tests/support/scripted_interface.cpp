@@ -31,7 +31,8 @@ void scripted_interface::attach(session_state& session) {
     return !path.empty();
   };
   ui.choose_save = ui.choose_open;
-  ui.status = [](void* c, status_field, const std::string& text) {
+  ui.status = [](void* c, status_field field, const std::string& text) {
+    self(c).fields[field] = text;
     self(c).statuses.push_back(text);
     if (self(c).on_status) self(c).on_status(text);
   };

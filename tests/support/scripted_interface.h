@@ -23,6 +23,7 @@ struct scripted_interface {
   std::vector<std::string> run_log_window;
   std::vector<std::string> titles;
   std::vector<std::string> statuses;
+  std::map<status_field, std::string> fields;  // what each says now
   std::vector<std::string> stages;
   std::vector<cluster_change> changes;
   std::map<std::string, bool> answers;  // by the text of the question

@@ -3,19 +3,24 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QPushButton>
+#include <QRadioButton>
 #include <QSlider>
 #include <QTabWidget>
 #include <QTableView>
 #include <QTest>
 #include <QThread>
 #include <atomic>
+#include <map>
+#include <set>
 
+#include "clustering/membership.h"
 #include "review/pair_comparison.h"
 #include "sorting/cluster_edits.h"
 #include "sorting/status_lists.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/operation.h"
 #include "workstation/sorted_workstation.h"
+#include "workstation/windows/cluster_displays.h"
 #include "workstation/windows/correlogram_window.h"
 
 namespace kestrelvane::test {
@@ -344,6 +349,79 @@ TEST(ComparePairs, MethodsShowWhatTheyCompare) {
   w.set_number(dialog, "compare_a", 1);
   w.set_number(dialog, "compare_b", 3);
   EXPECT_EQ(w.shown_numbers(dialog), std::pair(1, 3));
+  w.press(dialog, "ok");
+  // Windows that stay open are of the current cluster again.
+  EXPECT_EQ(s.clusters.current_cluster, 1);
+  EXPECT_EQ(w.shell.correlograms->shown.first.a, 1);
+  EXPECT_EQ(w.shell.correlograms->shown.second.a, 0);
+  // Of whatever units it was: beside the dialog of one cluster it is of that cluster.
+  w.choose_entry("correlograms");
+  QDialog* correlation = w.dialog("correlation_dialog");
+  w.set_number(correlation, "first_unit", 2);
+  w.set_number(correlation, "second_unit", 4);
+  w.press(correlation, "autocorrelation");
+  ASSERT_EQ(w.shell.correlograms->shown.second.a, 4);
+  w.press(correlation, "done");
+  w.settle();
+  w.choose_entry("view_clusters");
+  w.settle();
+  QDialog* view = w.dialog("view_clusters_dialog");
+  EXPECT_EQ(w.shell.correlograms->shown.first.a, 1);
+  EXPECT_EQ(w.shell.correlograms->shown.second.a, 0);
+  EXPECT_FALSE(w.shell.correlograms->autos_only);
+  // The boxes say what is open, also when a window is closed by its cross.
+  auto* box = w.control<QCheckBox>(view, "show_correlograms");
+  EXPECT_TRUE(box->isChecked());
+  EXPECT_TRUE(w.control<QCheckBox>(view, "show_vs_time")->isChecked());
+  graph_of(w.shell, graph_kind::correlograms)->close();
+  EXPECT_FALSE(box->isChecked());
+  QApplication::processEvents();
+  w.tick(view, "show_correlograms", true);
+  ASSERT_NE(graph_of(w.shell, graph_kind::correlograms), nullptr);
+  EXPECT_TRUE(graph_of(w.shell, graph_kind::correlograms)->isVisible());
+  w.press(view, "done");
+}
+
+// A few marks of the view of one cluster do not hide which of the two an event is of; labels that
+// all events have are those of a review of the pair.
+TEST(ComparePairs, MarksOfOneClusterDoNotColourThePair) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  session_state& s = *w.session;
+  const std::vector<std::int32_t> of_1 = list_cluster_events(s, 1);
+  s.events.event_subcluster[of_1[0]] = s.events.event_subcluster[of_1[5]] = 1;
+  s.review.show_correlograms = true;
+  QDialog* dialog = w.begin();
+  const auto expect_marks = [&](const std::map<std::int32_t, std::set<std::int16_t>>& expected) {
+    const cluster_displays& d = *w.shell.cluster_windows;
+    std::map<std::int32_t, std::set<std::int16_t>> components, waveforms;
+    for (std::size_t i = 0; i < d.values.events.size(); ++i) {
+      components[s.events.event_cluster[d.values.events[i]]].insert(d.values.marks[i]);
+    }
+    for (std::size_t i = 0; i < d.pair.picture.events.size(); ++i) {
+      waveforms[s.events.event_cluster[d.pair.picture.events[i]]].insert(d.pair.picture.marks[i]);
+    }
+    EXPECT_EQ(components, expected);
+    EXPECT_EQ(waveforms, expected);
+    EXPECT_EQ(w.shell.correlograms->mark_first, *expected.at(1).begin());
+    EXPECT_EQ(w.shell.correlograms->mark_second, *expected.at(2).begin());
+  };
+  const auto show = [&](int a, int b) {
+    w.set_number(dialog, "compare_a", a);
+    w.set_number(dialog, "compare_b", b);
+    ASSERT_EQ(w.shown_numbers(dialog), std::pair(a, b));
+  };
+  w.control<QRadioButton>(dialog, "waveforms")->setChecked(true);
+  show(1, 2);
+  expect_marks({{1, {1}}, {2, {2}}});
+  show(1, 3);
+  w.on_worker([](session_state& of) {
+    for (std::int32_t e = 1; e <= of.events.n_events; ++e) {
+      of.events.event_subcluster[e] = of.events.event_cluster[e] == 1 ? 2 : 1;
+    }
+  });
+  show(1, 2);
+  expect_marks({{1, {2}}, {2, {1}}});
   w.press(dialog, "ok");
 }
 

@@ -196,11 +196,16 @@ TEST(AutosortDialog, APresetHoldsForItsRun) {
     EXPECT_TRUE(r.text(dialog, "preset_purpose").contains(preset.purpose)) << preset.name;
   }
   auto* list = r.w.control<QComboBox>(dialog, "preset");
+  const QLabel* purpose = r.w.control<QLabel>(dialog, "preset_purpose");
+  QApplication::processEvents();
+  const int room = purpose->height();
   EXPECT_EQ(list->currentText(), "Standard");
   auto* multiplier = r.w.control<number_field>(dialog, "variable_multiplier");
   list->setCurrentText("Sensitive");
   EXPECT_EQ(multiplier->value(), 5);
   EXPECT_EQ(r.text(dialog, "preset_purpose"), list->toolTip());
+  QApplication::processEvents();
+  EXPECT_GE(purpose->height(), room) << "no control moves";
   list->setCurrentText("Standard");
   EXPECT_EQ(multiplier->value(), 4.5);
   list->setCurrentText("Sensitive");

@@ -44,15 +44,23 @@ QColor colour_of_mark(const cluster_theme& theme, std::int32_t mark) {
   return theme.colours[static_cast<std::size_t>((mark - 1) % 10)];
 }
 
-mark_source find_mark_source(const session_state& session, std::span<const std::int32_t> events,
+mark_source find_mark_source(const session_state& session,
+                             const std::vector<std::span<const std::int32_t>>& lists,
                              std::size_t n_clusters) {
-  const bool labelled = std::any_of(events.begin(), events.end(), [&](std::int32_t e) {
-    return session.events.event_subcluster[e] != 0;
-  });
-  // Somebody has labelled these events and wants to see it; without labels a pair is told apart by
-  // place.
-  if (labelled) return mark_source::labels;
-  return n_clusters == 2 ? mark_source::places : mark_source::clusters;
+  std::size_t n_events = 0, n_labelled = 0;
+  for (const std::span<const std::int32_t> events : lists) {
+    n_events += events.size();
+    n_labelled +=
+        static_cast<std::size_t>(std::count_if(events.begin(), events.end(), [&](std::int32_t e) {
+          return session.events.event_subcluster[e] != 0;
+        }));
+  }
+  // Who reviews a pair labels all of it. A few marks are left from looking at one cluster, and
+  // would hide which of the two the others are of.
+  if (n_clusters == 2) {
+    return n_labelled > 0 && n_labelled == n_events ? mark_source::labels : mark_source::places;
+  }
+  return n_labelled > 0 ? mark_source::labels : mark_source::clusters;
 }
 
 std::int16_t mark_of_event(const session_state& session, mark_source source, std::int32_t event,

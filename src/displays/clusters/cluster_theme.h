@@ -36,10 +36,12 @@ QColor colour_of_mark(const cluster_theme& theme, std::int32_t mark);
 QColor mix_colours(const QColor& a, const QColor& b, double of_b);
 
 // By what the events of the clusters on show are coloured: their labels as soon as one event has
-// one; else the number of a single cluster, and 1 and 2 for those of a pair, as the labels of
-// a pair under review are.
+// one, the labels of a pair once all of its events have one; else the number of a cluster, and 1
+// and 2 for those of a pair, as the labels of a pair under review are.
 enum class mark_source { labels, clusters, places };
-mark_source find_mark_source(const session_state& session, std::span<const std::int32_t> events,
+// lists: the events of the clusters, together or each for itself.
+mark_source find_mark_source(const session_state& session,
+                             const std::vector<std::span<const std::int32_t>>& lists,
                              std::size_t n_clusters);
 // The mark of an event of the cluster at that place on show, from 0.
 std::int16_t mark_of_event(const session_state& session, mark_source source, std::int32_t event,

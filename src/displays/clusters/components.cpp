@@ -111,7 +111,7 @@ void store_component_range(session_state& session, const graph_view& range) {
 }
 
 void mark_component_values(const session_state& session, component_values& values) {
-  const mark_source source = find_mark_source(session, values.events, values.clusters.size());
+  const mark_source source = find_mark_source(session, {values.events}, values.clusters.size());
   values.marks.clear();
   for (const std::int32_t e : values.events) {
     const std::size_t place = session.events.event_cluster[e] == values.clusters[0] ? 0 : 1;

@@ -54,7 +54,7 @@ void gather_components(const session_state& session, const component_values& val
 }
 
 void mark_events_on_show(const session_state& session, height_picture& picture) {
-  const mark_source source = find_mark_source(session, picture.events, picture.clusters.size());
+  const mark_source source = find_mark_source(session, {picture.events}, picture.clusters.size());
   for (const std::int32_t e : picture.events) {
     const std::int32_t cluster = session.events.event_cluster[e];
     const std::size_t place = cluster == picture.clusters[0] ? 0 : 1;

@@ -54,14 +54,10 @@ struct shown_events {
 shown_events gather_sets(const session_state& session, const cluster_index& index,
                          const waveform_view& view, waveform_picture& picture) {
   const std::vector<std::int32_t> clusters = clusters_on_show(session, view.clusters);
-  mark_source source = clusters.size() == 2 ? mark_source::places : mark_source::clusters;
-  for (const std::int32_t c : clusters) {
-    // One labelled event in either cluster makes labels the colours of both.
-    const auto events = events_of_cluster(index, c);
-    if (find_mark_source(session, events, clusters.size()) == mark_source::labels) {
-      source = mark_source::labels;
-    }
-  }
+  // Of all of their events, whatever part of them is on show.
+  std::vector<std::span<const std::int32_t>> lists;
+  for (const std::int32_t c : clusters) lists.push_back(events_of_cluster(index, c));
+  const mark_source source = find_mark_source(session, lists, clusters.size());
   shown_events shown;
   for (std::size_t place = 0; place < clusters.size(); ++place) {
     waveform_set set;

@@ -116,6 +116,11 @@ void show_preset(autosort_window& a) {
   }
   for (const preset_setting& s : preset.settings) show_value(a, s.name, s.value);
   a.preset->setToolTip(preset.purpose);
+  // The lines of the introduction keep their room, or all controls would move up after a run.
+  if (a.purpose->isVisible()) {
+    const int needed = a.purpose->heightForWidth(a.purpose->width());
+    a.purpose->setMinimumHeight(std::max(a.purpose->minimumHeight(), needed));
+  }
   a.purpose->setText(preset.purpose);
 }
 
@@ -136,6 +141,7 @@ QLayout* preset_section(autosort_window& a) {
   a.purpose = new QLabel;
   a.purpose->setObjectName("preset_purpose");
   a.purpose->setWordWrap(true);
+  a.purpose->setAlignment(Qt::AlignLeft | Qt::AlignTop);
   auto* rows = new QFormLayout;
   rows->addRow("&Preset", a.preset);
   rows->addRow(a.purpose);
@@ -177,6 +183,7 @@ QGroupBox* detection_section(autosort_window& a) {
   // Kept, so that the bar does not grow and shrink with the count.
   a.events_found->setMinimumWidth(a.events_found->fontMetrics().horizontalAdvance("50000000"));
   progress->addLayout(found);
+  progress->setAlignment(found, Qt::AlignVCenter);
   rows->addRow("Progress", progress);
   QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
                    [&a] { show_threshold_value(a); });

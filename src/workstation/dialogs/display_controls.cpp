@@ -132,6 +132,8 @@ void follow_window(const shared_displays& d, const graph_window* window, QCheckB
     follow_components(*d);
   });
   if (box == nullptr) return;
+  // One that another dialog has left open is on show here as well.
+  check_quietly(box, true);
   // Closed by its cross, it must not come back with the next pair, and the others take its room
   // when it has gone.
   QObject::connect(window, &graph_window::closed, d->dialog, [d, box] {

@@ -18,6 +18,7 @@
 #include "workstation/interface_desk.h"
 #include "workstation/windows/cluster_displays.h"
 #include "workstation/windows/cluster_windows.h"
+#include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 
 namespace kestrelvane {
@@ -278,9 +279,7 @@ void serve_shapes(const shared_view& v) {
     for (std::size_t i = 0; i < v->shapes.size(); ++i) {
       v->shapes[i]->setChecked(shape_rows[i].tool == tool);
     }
-    // It may have opened a window, or the user closed one.
-    const QSignalBlocker quiet(v->with_times);
-    v->with_times->setChecked(graph_of(v->w, graph_kind::amplitude_vs_time) != nullptr);
+    follow_plots(v);  // it may have opened a window
   };
 }
 
@@ -502,8 +501,12 @@ void open_view(workstation& w, std::vector<unit_row> units) {
   serve_shapes(v);
   const auto release = [&w] { release_displays(w); };
   QObject::connect(dialog, &QDialog::finished, w.desk, release);
+  // One that has stayed open, of whatever units, is of the cluster on show from now on.
+  choose_correlograms(w, 0, 0);
+  redraw_graph(w, graph_kind::correlograms);
   show_cluster_windows(w);
   if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
+  follow_plots(v);
   tile_cluster_windows(w, dialog);
   v->list->setFocus();  // the keys are commands there, and text in a field
 }

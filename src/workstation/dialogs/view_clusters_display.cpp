@@ -1,6 +1,8 @@
 #include <QGridLayout>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <utility>
 
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/dialogs/view_clusters_window.h"
@@ -184,6 +186,34 @@ QGroupBox* labels_box(const shared_view& v) {
 
 // ---------------------------------------------------------------- windows beside it
 
+namespace {
+
+void check_quietly(QCheckBox* box, bool on) {
+  const QSignalBlocker quiet(box);
+  box->setChecked(on);
+}
+
+}  // namespace
+
+void follow_plots(const shared_view& v) {
+  for (const auto& [kind, box] : {std::pair{graph_kind::correlograms, v->with_correlograms},
+                                  {graph_kind::amplitude_vs_time, v->with_times}}) {
+    graph_window* window = graph_of(v->w, kind);
+    if (window == nullptr || window->isHidden()) continue;
+    check_quietly(box, true);
+    if (v->followed.contains(window)) continue;
+    v->followed.removeAll(nullptr);
+    v->followed << window;
+    // By its cross as by the box; the others take its room when it has gone.
+    QObject::connect(window, &graph_window::closed, v->dialog, [v, box = box] {
+      check_quietly(box, false);
+      QTimer::singleShot(0, v->dialog, [v] {
+        if (v->dialog->isVisible()) tile_cluster_windows(v->w, v->dialog);
+      });
+    });
+  }
+}
+
 // The window follows the current cluster by itself.
 void show_autocorrelogram(const view_window& v, bool on) {
   if (on) {
@@ -202,22 +232,25 @@ QCheckBox* correlogram_box(const shared_view& v) {
     if (v->dialog->running()) return;
     show_autocorrelogram(*v, on);
     if (on) tile_cluster_windows(v->w, v->dialog);
+    follow_plots(v);
   });
   return v->with_correlograms;
 }
 
-void show_times(const view_window& v, bool on) {
-  height_view& view = displays_of(v.w).heights;
-  view.measure = static_cast<height_measure>(v.measure->currentIndex());
+void show_times(const shared_view& v, bool on) {
+  workstation& w = v->w;
+  height_view& view = displays_of(w).heights;
+  view.measure = static_cast<height_measure>(v->measure->currentIndex());
   // Minutes stay what they are, and heights do not.
   view.range = {0, 0, 0, 0};
   if (!on) {
-    if (graph_window* window = graph_of(v.w, graph_kind::amplitude_vs_time)) window->close();
+    if (graph_window* window = graph_of(w, graph_kind::amplitude_vs_time)) window->close();
     return;
   }
-  const bool is_new = graph_of(v.w, graph_kind::amplitude_vs_time) == nullptr;
-  show_graph(v.w, graph_kind::amplitude_vs_time);
-  if (is_new) tile_cluster_windows(v.w, v.dialog);
+  const bool is_new = graph_of(w, graph_kind::amplitude_vs_time) == nullptr;
+  show_graph(w, graph_kind::amplitude_vs_time);
+  if (is_new) tile_cluster_windows(w, v->dialog);
+  follow_plots(v);
 }
 
 }  // namespace
@@ -231,9 +264,9 @@ QLayout* display_row(const shared_view& v) {
   v->measure->addItems({"P-P height", "PC1", "PC2"});  // in the order of height_measure
   v->measure->setToolTip("Peak-to-peak on the centre channel, µV, or a principal component");
   QObject::connect(v->with_times, &QCheckBox::toggled, v->dialog,
-                   [v](bool on) { show_times(*v, on); });
+                   [v](bool on) { show_times(v, on); });
   QObject::connect(v->measure, &QComboBox::activated, v->dialog,
-                   [v] { show_times(*v, v->with_times->isChecked()); });
+                   [v] { show_times(v, v->with_times->isChecked()); });
   return row_of({correlogram_box(v), v->with_times, v->measure});
 }
 

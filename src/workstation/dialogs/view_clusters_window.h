@@ -8,6 +8,8 @@
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QList>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
@@ -23,6 +25,7 @@
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/operation.h"
+#include "workstation/windows/graph_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -58,6 +61,7 @@ struct view_window {
   QCheckBox* with_correlograms = nullptr;
   QPushButton *undo = nullptr, *interrupt = nullptr;
   unit_list* list = nullptr;
+  QList<QPointer<graph_window>> followed;  // plots whose closing unticks their box
 
   view_window(workstation& of, operation_dialog* d) : w(of), dialog(d), form(of.session, d) {}
 };
@@ -96,5 +100,7 @@ QGroupBox* labels_box(const shared_view& v);
 // Whether correlograms and heights against time stand beside the dialog.
 QLayout* display_row(const shared_view& v);
 void show_autocorrelogram(const view_window& v, bool on);
+// The boxes of the plots say which of them are open.
+void follow_plots(const shared_view& v);
 
 }  // namespace kestrelvane

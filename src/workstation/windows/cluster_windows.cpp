@@ -12,6 +12,7 @@
 #include "workstation/dialogs/review_parts.h"
 #include "workstation/frame.h"
 #include "workstation/windows/cluster_displays.h"
+#include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/kept_places.h"
 #include "workstation/workstation.h"
 
@@ -235,6 +236,7 @@ void follow_cluster_change(workstation& w, const cluster_change& change) {
 void forget_pair(workstation& w) {
   cluster_displays& d = displays_of(w);
   d.a = d.b = 0;
+  if (w.correlograms) choose_correlograms(w, 0, 0);
   refresh_windows(w);
 }
 

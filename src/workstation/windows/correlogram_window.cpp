@@ -29,12 +29,10 @@ std::int16_t mark_of_unit(workstation& w, const spike_train& train, bool labelle
 }
 
 void mark_units(workstation& w, const spike_train& first, const spike_train& second) {
-  const auto labelled = [&](const spike_train& train) {
-    return find_mark_source(w.session, train.events, 2) == mark_source::labels;
-  };
-  const bool either = labelled(first) || labelled(second);
-  state_of(w).mark_first = mark_of_unit(w, first, either);
-  state_of(w).mark_second = mark_of_unit(w, second, either);
+  const bool labelled =
+      find_mark_source(w.session, {first.events, second.events}, 2) == mark_source::labels;
+  state_of(w).mark_first = mark_of_unit(w, first, labelled);
+  state_of(w).mark_second = mark_of_unit(w, second, labelled);
 }
 
 void count(workstation& w) {
@@ -113,6 +111,7 @@ void choose_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
   correlogram_state& state = state_of(w);
   state.a = a;
   state.b = b;
+  state.autos_only = false;  // that was asked of the units before
 }
 
 void show_correlograms(workstation& w, std::int32_t a, std::int32_t b) {
