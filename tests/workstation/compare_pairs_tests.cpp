@@ -375,7 +375,7 @@ TEST(ComparePairs, MethodsShowWhatTheyCompare) {
   EXPECT_TRUE(w.control<QCheckBox>(view, "show_vs_time")->isChecked());
   graph_of(w.shell, graph_kind::correlograms)->close();
   EXPECT_FALSE(box->isChecked());
-  QApplication::processEvents();
+  EXPECT_TRUE(wait_until([&] { return graph_of(w.shell, graph_kind::correlograms) == nullptr; }));
   w.tick(view, "show_correlograms", true);
   ASSERT_NE(graph_of(w.shell, graph_kind::correlograms), nullptr);
   EXPECT_TRUE(graph_of(w.shell, graph_kind::correlograms)->isVisible());

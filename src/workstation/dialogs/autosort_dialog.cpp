@@ -183,7 +183,6 @@ QGroupBox* detection_section(autosort_window& a) {
   // Kept, so that the bar does not grow and shrink with the count.
   a.events_found->setMinimumWidth(a.events_found->fontMetrics().horizontalAdvance("50000000"));
   progress->addLayout(found);
-  progress->setAlignment(found, Qt::AlignVCenter);
   rows->addRow("Progress", progress);
   QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
                    [&a] { show_threshold_value(a); });

@@ -45,6 +45,8 @@ QPushButton* add_button(QDialogButtonBox* box, const char* object_name, const QS
   QPushButton* button = box->addButton(label, role);
   button->setObjectName(object_name);
   button->setToolTip(tip);
+  // While the default button is off during a run, help gets the focus; Return stays with the other.
+  if (role == QDialogButtonBox::HelpRole) button->setAutoDefault(false);
   return button;
 }
 

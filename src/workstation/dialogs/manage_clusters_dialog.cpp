@@ -15,6 +15,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -395,6 +396,7 @@ void manage_clusters_command(workstation& w) {
         show_cluster(*m);
         place_at_right(m->w, m->dialog);
         open_runner(m->w, m->dialog);
+        tile_cluster_windows(m->w, m->dialog);
         m->list->setFocus();  // the keys are commands there, and text in a field
       });
 }

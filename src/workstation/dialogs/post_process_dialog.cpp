@@ -16,6 +16,7 @@
 #include "workstation/interface_desk.h"
 #include "workstation/operation.h"
 #include "workstation/windows/cluster_displays.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -349,6 +350,7 @@ void post_process_command(workstation& w) {
         show_counts(*p);
         place_at_right(w, dialog);
         open_runner(w, dialog);
+        tile_cluster_windows(w, dialog);
       });
 }
 

@@ -26,6 +26,7 @@
 #include "workstation/frame.h"
 #include "workstation/interface_desk.h"
 #include "workstation/windows/cluster_displays.h"
+#include "workstation/windows/cluster_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -542,6 +543,7 @@ void sorting_summary_command(workstation& w) {
   show_further_columns(*s);
   place_at_right(w, dialog);
   open_beside(w, dialog, entries_beside);
+  tile_cluster_windows(w, dialog);
   count_and_show(s);
 }
 
