@@ -34,6 +34,7 @@
 #include "numerics/parallel.h"
 #include "recording/site_tables.h"
 #include "review/guided_merge.h"
+#include "review/recorded_edit.h"
 #include "sorting/status_lists.h"
 #include "sorting/undo_state.h"
 #include "support/small_session.h"
@@ -272,7 +273,8 @@ void time_merges(open_windows& w, std::vector<display_times>& displays) {
   use_threads(session, 1);
   double begin = processor_seconds();
   prepare_undo(session);
-  fmt::print("{:<38} {:.1f} ms\n", "memory for undo, at opening",
+  prepare_history(session);
+  fmt::print("{:<38} {:.1f} ms\n", "for undo and history, at opening",
              1e3 * (processor_seconds() - begin));
   std::vector<double> saves, merges, redraws, seen;
   // From the top down, so that the numbers of the pairs to come stay as they are.

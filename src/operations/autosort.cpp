@@ -260,6 +260,7 @@ void align_after_first_pass(session_state& session) {
 void build_lists(session_state& session) {
   begin_stage(session, "lists");
   log_message(session, "Making status lists ... ");
+  show_cluster_count(session);
   build_status_lists(session);
   set_status(session, status_field::stable_clusters,
              std::to_string(count_stable_clusters(session)));
@@ -306,7 +307,6 @@ bool reclaim_by_templates(session_state& session) {
   begin_stage(session, "template-pass");
   const template_pass_end end = run_template_pass(session);
   if (end == template_pass_end::done) {
-    show_cluster_count(session);
     build_lists(session);
   }
   return end != template_pass_end::interrupted;

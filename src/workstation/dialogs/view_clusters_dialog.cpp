@@ -444,6 +444,27 @@ void leave_by_escape(const shared_view& v) {
   };
 }
 
+// What a tool has come to, or what is wrong with a number, and how far a tool is: one line, so
+// that the list has the other.
+QLayout* message_row(const shared_view& v) {
+  const auto complains = std::make_shared<bool>(false);
+  for (const number_field* field : v->numbers) {
+    QObject::connect(field, &number_field::judged, v->message,
+                     [v, complains](const QString& words) {
+                       // A number that is taken ends the complaint and not the words of a tool.
+                       if (!words.isEmpty() || *complains) v->message->setText(words);
+                       *complains = !words.isEmpty();
+                     });
+  }
+  // Words ask for no more than the room that there is.
+  v->message->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+  v->bar->setFixedWidth(v->bar->fontMetrics().horizontalAdvance("m") * 10);
+  auto* row = new QHBoxLayout;
+  row->addWidget(v->message, 1);
+  row->addWidget(v->bar);
+  return row;
+}
+
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
   bind_unit_labels(v->w, v->dialog, v->list, "the cluster on show");
@@ -466,13 +487,8 @@ void fill_dialog(const shared_view& v) {
   }
   layout->addLayout(display_row(v));
   v->numbers.push_back(v->n_waveforms);
-  auto* below = new QHBoxLayout;
-  v->bar->setFixedWidth(v->bar->fontMetrics().horizontalAdvance("m") * 10);
-  below->addWidget(v->bar);
-  below->addWidget(words_line(v->numbers), 1);
-  layout->addLayout(below);
   layout->addWidget(v->list, 1);
-  layout->addWidget(v->message);
+  layout->addLayout(message_row(v));
   layout->addWidget(button_row(v));
   v->form.load();
   follow(v->w, v->dialog, every_meter(v->bar));
