@@ -45,8 +45,10 @@ QPushButton* add_button(QDialogButtonBox* box, const char* object_name, const QS
   QPushButton* button = box->addButton(label, role);
   button->setObjectName(object_name);
   button->setToolTip(tip);
-  // While the default button is off during a run, help gets the focus; Return stays with the other.
-  if (role == QDialogButtonBox::HelpRole) button->setAutoDefault(false);
+  // The others may get the focus while the default button is off during a run; Return stays with
+  // that one.
+  const bool closes = role == QDialogButtonBox::AcceptRole || role == QDialogButtonBox::RejectRole;
+  if (!closes) button->setAutoDefault(false);
   return button;
 }
 

@@ -468,7 +468,7 @@ QLayout* message_row(const shared_view& v) {
 void fill_dialog(const shared_view& v) {
   v->list = new unit_list(v->w);
   bind_unit_labels(v->w, v->dialog, v->list, "the cluster on show");
-  v->list->setMinimumSize(280, 92);
+  v->list->setMinimumSize(280, 108);
   QObject::connect(v->list, &unit_list::chosen, v->dialog, [v](int c) { go_to_cluster(v, c); });
   v->message = value_label("message", "What the last tool has come to");
   v->message->clear();
