@@ -432,6 +432,29 @@ TEST(spike_map, a_crowd_is_counted_and_its_rows_are_clusters) {
   forget_cluster_index(index);
   prepare_spikes(*s, index, view, picture);
   EXPECT_EQ(sum_of(1), n / 4 + 1u);
+  // A row is seen as well on a finer device: it is as high there, and takes as many of its pixels.
+  const auto painted_height = [&](double ratio) {
+    view.pixel_ratio = ratio;
+    view.clusters = {};
+    prepare_spikes(*s, index, view, picture);
+    QImage image(QSize(view.width, view.height) * ratio, QImage::Format_RGB32);
+    image.setDevicePixelRatio(ratio);
+    const cluster_theme theme = make_cluster_theme(s->preferences, true);
+    image.fill(theme.background);
+    QPainter painter(&image);
+    paint_spikes(painter, picture, view, theme);
+    painter.end();
+    const QPointF at = pixel_of(picture.plane, 0.1, 70.0) * ratio;
+    int height = 0;
+    for (int y = -8; y <= 8; ++y) {
+      const QColor seen = image.pixelColor(at.toPoint() + QPoint(1, y));
+      height += seen.green() > 150 && seen.red() < 100 ? 1 : 0;
+    }
+    return height / ratio;
+  };
+  const double height = painted_height(1);
+  EXPECT_GT(height, 0);
+  EXPECT_EQ(painted_height(2), height);
 }
 
 TEST(correlogram_panel, bars_stand_where_they_are_found) {
