@@ -85,7 +85,7 @@ TEST(autosort, runs_to_the_end_and_says_so) {
   for (const char* words :
        {"Beginning autosort", "Detecting events with variable threshold =5 x noise level",
         "Event detection method is Dynamic multiphasic filter",
-        "Removing any coincident events, please wait ...",
+        "Removing any coincident events, please wait ...", " finished!",
         "coincident events were removed from the record",
         "large events were removed from the record", "events were detected",
         "Events clustered based on channel assignments; ", " Realigning all clusters ...",

@@ -188,9 +188,12 @@ TEST_F(guided_test, two_units_in_wrong_hands_are_told_apart_without_a_question) 
   build_status_lists(*session);
   for (std::int64_t k = 1; k <= session->lists.n_kv_pairs; ++k) put_pair(k, 0.0f, 0.5f);
   put_pair(1, 3, 0.9f);
+  session->preferences.verbose_log = true;
+  const bool b_larger = count_cluster_events(*session, 3) > count_cluster_events(*session, 1);
   ASSERT_EQ(begin_guided_merge(*session, walk), guided_step::decide);
   const guided_step step = decide_pair(*session, walk, guided_merge_and_split);
   ASSERT_EQ(step, guided_step::finished) << ugm_text(walk.split.message);
+  EXPECT_TRUE(session.user.logged(b_larger ? "Split list=2 1" : "Split list=1 2"));
   EXPECT_GT(session->reviewed.last_split_sigma, 0.0f);
   // By size, the two may have changed their numbers.
   std::int32_t in_1 = 0, pool = 0;
