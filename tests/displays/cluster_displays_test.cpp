@@ -433,7 +433,9 @@ TEST(spike_map, a_crowd_is_counted_and_its_rows_are_clusters) {
   prepare_spikes(*s, index, view, picture);
   EXPECT_EQ(sum_of(1), n / 4 + 1u);
   // A row is seen as well on a finer device: it is as high there, and takes as many of its pixels.
-  const auto painted_height = [&](double ratio) {
+  const auto painted_height = [&](double ratio, std::int32_t n_events) {
+    s->events.n_events = n_events;
+    forget_cluster_index(index);
     view.pixel_ratio = ratio;
     view.clusters = {};
     prepare_spikes(*s, index, view, picture);
@@ -444,7 +446,7 @@ TEST(spike_map, a_crowd_is_counted_and_its_rows_are_clusters) {
     QPainter painter(&image);
     paint_spikes(painter, picture, view, theme);
     painter.end();
-    const QPointF at = pixel_of(picture.plane, 0.1, 70.0) * ratio;
+    const QPointF at = pixel_of(picture.plane, 0.01, 70.0) * ratio;
     int height = 0;
     for (int y = -8; y <= 8; ++y) {
       const QColor seen = image.pixelColor(at.toPoint() + QPoint(1, y));
@@ -452,9 +454,11 @@ TEST(spike_map, a_crowd_is_counted_and_its_rows_are_clusters) {
     }
     return height / ratio;
   };
-  const double height = painted_height(1);
-  EXPECT_GT(height, 0);
-  EXPECT_EQ(painted_height(2), height);
+  for (const std::int32_t n_events : {n, 40'000}) {  // counted at once, and as points
+    const double height = painted_height(1, n_events);
+    EXPECT_EQ(height, 1);
+    EXPECT_EQ(painted_height(2, n_events), height);
+  }
 }
 
 TEST(correlogram_panel, bars_stand_where_they_are_found) {

@@ -69,6 +69,10 @@ QRgb mixed_pixel(const mark_counts& counts, const std::vector<std::uint8_t>& lay
 
 }  // namespace
 
+double counted_ratio(double device_ratio) {
+  return device_ratio / std::max(1.0, std::floor(device_ratio));
+}
+
 mark_counts make_mark_counts(std::int32_t width, std::int32_t height) {
   mark_counts counts;
   counts.width = std::max(width, 1);

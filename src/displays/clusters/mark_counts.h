@@ -23,6 +23,10 @@ struct mark_counts {
   std::vector<layer> layers;  // ascending marks
 };
 
+// Pixels of a count of points to one logical pixel, on a device that has so many. On a fine device
+// they are as large as those of a coarse one: single ones of the finest would hardly be seen.
+double counted_ratio(double device_ratio);
+
 // Empty counts of an image of that size, at least one pixel.
 mark_counts make_mark_counts(std::int32_t width, std::int32_t height);
 

@@ -216,7 +216,7 @@ void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const s
   painter.save();
   painter.setClipRect(plane.inside, Qt::IntersectClip);
   if (device.raster && points.size() > few) {
-    paint_counted_points(painter, plane, points, marks, theme, device.ratio);
+    paint_counted_points(painter, plane, points, marks, theme, counted_ratio(device.ratio));
   } else {
     // Squares: rounds of this size look alike and take ten times as long.
     const QSizeF size(2 * radius, 2 * radius);

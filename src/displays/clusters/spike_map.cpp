@@ -121,19 +121,13 @@ void for_each_behind(const session_state& session, const background_rows& rows, 
   }
 }
 
-// Pixels of the count to one logical pixel. On a fine device a pixel of the count is as large as
-// one of a coarse device: a row of the finest pixels would be too thin to be seen.
-double counted_ratio(const spike_view& view) {
-  return view.pixel_ratio / std::max(1.0, std::floor(view.pixel_ratio));
-}
-
 // Into pixels of the plane. A cluster's events share a row, so that most of the sum is one
 // addition at a place that is in the cache.
 void count_background(const session_state& session, const spike_view& view,
                       const background_rows& rows, index_range range, spike_picture& picture) {
   const QRectF& box = picture.plane.inside;
   const graph_view& v = picture.plane.view;
-  const double ratio = counted_ratio(view);
+  const double ratio = counted_ratio(view.pixel_ratio);
   picture.behind = make_mark_counts(static_cast<std::int32_t>(std::ceil(box.width() * ratio)),
                                     static_cast<std::int32_t>(std::ceil(box.height() * ratio)));
   for (const std::int16_t mark : rows.marks) counts_of_mark(picture.behind, mark);
@@ -325,7 +319,7 @@ void paint_spikes(QPainter& painter, const spike_picture& picture, const spike_v
   paint_plane(painter, QRectF(0, 0, view.width, view.height), picture.plane, labels, theme);
   if (!picture.behind.layers.empty()) {
     QImage image = image_of_counts(picture.behind, behind, 0.9);
-    image.setDevicePixelRatio(counted_ratio(view));
+    image.setDevicePixelRatio(counted_ratio(view.pixel_ratio));
     painter.drawImage(picture.plane.inside.topLeft(), image);
   }
   paint_points(painter, picture.plane, std::span(picture.points).first(picture.n_behind),
