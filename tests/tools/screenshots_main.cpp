@@ -191,6 +191,7 @@ int main(int argc, char** argv) {
   const test::temporary_directory home;
   driven_workstation w(home.path);
   // With its title, or the status line would lie below the screen.
+  wait_until([&] { return w.shell.frame->frameSize() != w.shell.frame->size(); }, 2000);
   const QSize edges = w.shell.frame->frameSize() - w.shell.frame->size();
   w.shell.frame->resize(QApplication::primaryScreen()->availableSize() - edges);
   w.shell.frame->move(0, 0);
