@@ -46,6 +46,7 @@ std::vector<char> default_parameters_file() {
   f.f32(10).f32(110).f32(30).f32(0.75);                 // 115
   f.no().no().no().no();                                // 119 cleaning
   f.f32(1.5).f32(0.5).f32(0.1).f32(0.1).f32(0.9).f32(8).f32(4).i32(30);  // 123 quality
+  f.no();                                                                // 131 movement
   return f.bytes;
 }
 

@@ -199,6 +199,37 @@ TEST(TemplatePass, FollowsAUnitThatMovesFromSiteToSite) {
   EXPECT_GE(part_found(p, 0, 1), 0.95);
 }
 
+// All in cluster 1; the second cell by `later` behind the first. Clusters that came out.
+std::int32_t clusters_of_mixture(const planted_cell& a, const planted_cell& b, double later,
+                                 bool in_turn = false) {
+  planted_session p(8, 60, 31);
+  test::vector_random random(7);
+  for (std::int32_t i = 0; i < 400; ++i) {
+    const double t = regular(i, 3600, random);
+    if (!in_turn || i < 200) p.plant(a, t, 0);
+    // In bursts, at one distance; else anywhere.
+    if (!in_turn || i >= 200)
+      p.plant(b, later > 0 ? t + later : regular(i, 3600, random) + 1700, 1);
+  }
+  p.sort_known(1, [](const planted_spike&) { return 1; });
+  EXPECT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  EXPECT_EQ(check_session(*p.s), "");
+  if (p.s->clusters.n_clusters == 2) {
+    const bool order = part_found(p, 0, 1) > part_found(p, 0, 2);
+    EXPECT_GE(part_found(p, 0, order ? 1 : 2), 0.95);
+    EXPECT_GE(part_found(p, 1, order ? 2 : 1), 0.95);
+  }
+  return p.s->clusters.n_clusters;
+}
+
+TEST(TemplatePass, TellsTwoNeuronsInOneClusterApartButNotOneThatVaries) {
+  const planted_cell cell{4, 200}, other{4, 200, 4, 0.75}, smaller{4, 150};
+  EXPECT_EQ(clusters_of_mixture(cell, other, 0), 2) << "two places";
+  EXPECT_EQ(clusters_of_mixture(cell, smaller, 0), 1) << "two sizes";
+  EXPECT_EQ(clusters_of_mixture(cell, other, 150), 1) << "the second spike of a burst";
+  EXPECT_EQ(clusters_of_mixture(cell, other, 0, true), 1) << "one moment and then the other";
+}
+
 // ---------------------------------------------------------------- sameness, interruption
 
 struct sort_bytes {
