@@ -182,7 +182,7 @@ series_look unpack_series_look(std::int32_t style) {
   const auto bits = static_cast<std::uint32_t>(style);
   // A form that this version does not know is as good as none.
   const std::uint32_t form = bits & 15u;
-  return {form > form_image ? form_unset : static_cast<graph_form>(form), (bits >> 4u & 1u) != 0,
+  return {form > form_rings ? form_unset : static_cast<graph_form>(form), (bits >> 4u & 1u) != 0,
           (bits >> 5u & 1u) != 0, bits >> 8u};
 }
 

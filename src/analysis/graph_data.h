@@ -50,6 +50,7 @@ enum graph_form : std::int32_t {
   // Series 0 is a grid, row by row from the lowest y, its third value the colour;
   // axis_style says how many rows and columns. Other series are drawn over it.
   form_image,
+  form_rings,  // a ring each
 };
 
 // What the eight numbers of axis_style say.

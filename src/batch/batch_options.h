@@ -56,6 +56,9 @@ struct batch_options {
   bool draw_on_template_channel = false, draw_reversed = false, draw_peaks = false;
   bool draw_density = false;
   std::string draw_clusters;  // clusters, as "3,7-9"; "true": named without a list
+  // --- check
+  std::string mask_out;       // path of a .msk
+  bool check_masked = false;  // masked channels take part
   // --- curate
   std::string replay;     // path of a history of edits
   std::int32_t upto = 0;  // number of the last edit to do; 0: all of them

@@ -114,6 +114,7 @@ std::vector<named_place> name_outputs(const batch_options& options,
     }
   };
   add("the output", options.output);
+  add("--mask-out", options.mask_out);
   add("--out", options.picture);
   add("--log", options.log);
   add("--save-work", options.save_work);
@@ -147,7 +148,7 @@ std::vector<planned_output> list_outputs(const batch_options& options,
                                          const std::vector<planned_export>& exports) {
   std::vector<planned_output> outputs;
   for (const std::string& path :
-       {options.output, options.save_work, options.report, options.picture}) {
+       {options.output, options.save_work, options.report, options.picture, options.mask_out}) {
     if (!path.empty()) outputs.push_back({path, path, false, false});
   }
   std::transform(exports.begin(), exports.end(), std::back_inserter(outputs), output_of);

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "analysis/channel_check_graphs.h"
 #include "analysis/power_spectrum.h"
 #include "batch/channel_list.h"
 #include "batch/cluster_pictures.h"
@@ -40,7 +41,11 @@ bool parse_size(const std::string& text, QSize& size) {
          width <= largest_side && height <= largest_side;
 }
 
-bool is_graph_view(std::string_view view) { return view == "graph" || view == "spectrum"; }
+bool is_check_view(std::string_view view) { return view == "deviations" || view == "distances"; }
+
+bool is_graph_view(std::string_view view) {
+  return view == "graph" || view == "spectrum" || is_check_view(view);
+}
 
 // A graph can be written as its numbers, which need no drawing.
 bool wants_numbers(const batch_options& options) {
@@ -143,7 +148,15 @@ cluster_drawing drawing_of(const batch_options& options, QSize size) {
           .size = size};
 }
 
+graph_data graph_of_check(const session_state& session, std::string_view view) {
+  channel_check check;
+  if (compute_pair_correlations(session, check)) judge_channels(session, check, false);
+  return view == "deviations" ? make_deviation_graph(session, check, true)
+                              : make_distance_graph(session, check, false, 0);
+}
+
 graph_data graph_of_view(session_state& session, std::string_view view) {
+  if (is_check_view(view)) return graph_of_check(session, view);
   if (view == "spectrum") {
     return make_spectrum_graph(measure_power_spectrum(session), session.current_channel);
   }
@@ -186,6 +199,9 @@ batch_status write_view(batch_session& batch, QSize size) {
   }
   if (batch.options.view == "spectrum" && !has_power_spectrum(*batch.session)) {
     return fail_batch(batch, spectrum_refusal);
+  }
+  if (is_check_view(batch.options.view) && !can_check_channels(*batch.session)) {
+    return batch_status::failed;
   }
   errno = 0;
   const bool written =

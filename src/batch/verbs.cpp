@@ -32,6 +32,7 @@ enum option_group : unsigned {
   takes_values = 1u << 15,
   takes_replay = 1u << 16,
   takes_family = 1u << 17,
+  takes_check = 1u << 18,
 };
 
 // A flag_or_list stands alone or is followed by a list of numbers; a positional_or_list may be
@@ -134,12 +135,15 @@ constexpr option_row option_rows[] = {
       "SNR", "count units of that and more apart, by the list of units beside the truth"},
   {text, takes_score, "--recording", AT(recording),
       "FILE", "the same, the noise measured: median over its channels"},
+  {text, takes_check, "--mask-out", AT(mask_out),
+      "FILE.msk", "masks as they are, with the channels that had better take no part"},
+  {flag, takes_check, "--include-masked", AT(check_masked), "", "check masked channels, too"},
   {text, takes_draw, "--out", AT(picture),
       "FILE", "the picture: .png, .svg or .pdf; of a graph also its numbers: .csv or .gra"},
   {text, takes_draw, "--view", AT(view), "VIEW",
-      "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view), spectrum; of "
+      "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view), spectrum, deviations and distances (of the channel check); of "
       "the clusters named by --clusters: waveforms, components, templates, correlograms, acf-time, heights, spikes (voltage)",
-      "voltage grey graph spectrum waveforms components templates correlograms acf-time heights spikes"},
+      "voltage grey graph spectrum deviations distances waveforms components templates correlograms acf-time heights spikes"},
   {real, takes_draw, "--from", AT(from_seconds), "SECONDS", "left edge (where signal begins)"},
   {real, takes_draw, "--scale", AT(time_scale), "PIXELS", "per sample (1)"},
   {real, takes_draw, "--voltage-scale", AT(voltage_scale), "PIXELS", "per µV (by the noise)"},
@@ -168,6 +172,7 @@ constexpr unsigned sorts = opens | takes_work | takes_skips | takes_exports | ta
 
 constexpr batch_verb verbs[] = {
   {"info", "what a recording holds", opens | takes_json | takes_values, run_info},
+  {"check", "look for faulty channels", opens | takes_json | takes_check, run_check},
   {"sort", "sort a recording into units", sorts | takes_stop, run_sort},
   {"detect", "find the events of a recording", sorts, run_detect},
   {"export", "write a saved sort, or the one in the file, for other tools", opens | takes_work | takes_exports, run_export},

@@ -20,6 +20,7 @@ int run_batch_command(int argc, const char* const* argv);
 
 // The verbs, one source per job.
 batch_status run_info(const batch_options& options);
+batch_status run_check(const batch_options& options);
 batch_status run_sort(const batch_options& options);
 batch_status run_detect(const batch_options& options);
 batch_status run_curate(const batch_options& options);

@@ -99,6 +99,17 @@ QCPAbstractPlottable* put_dots(QCustomPlot& plot, const plotted_points& points,
   return cloud;
 }
 
+// Hollow, a little larger than a dot, so that the two are told apart without their colours.
+QCPAbstractPlottable* put_rings(QCustomPlot& plot, const plotted_points& points,
+                                const QColor& colour) {
+  QCPAbstractPlottable* cloud = put_dots(plot, points, colour);
+  QCPScatterStyle style(QCPScatterStyle::ssCircle, point_size + 3);
+  style.setPen(QPen(colour, 1.5));
+  style.setBrush(Qt::NoBrush);
+  put_dots_on(cloud, style);
+  return cloud;
+}
+
 QCPAbstractPlottable* put_steps(QCustomPlot& plot, const plotted_points& points,
                                 const QColor& colour) {
   QCPGraph* steps = plot.addGraph();
@@ -130,6 +141,8 @@ QCPAbstractPlottable* put_form(QCustomPlot& plot, const plotted_points& points, 
   switch (form) {
     case form_points:
       return put_dots(plot, points, colour);
+    case form_rings:
+      return put_rings(plot, points, colour);
     case form_bars:
       return put_bars(plot, points, colour);
     case form_steps:

@@ -36,17 +36,21 @@ void read_mask_file(session_state& session) {
   }
 }
 
-bool write_mask_file(const session_state& session) {
+bool write_masks(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
-  if (!ask(session, "Save/replace mask file (.msk)?", "Channel masks have changed")) return false;
   safe_file out;
-  open_safe_file(out, mask_path(session));
+  open_safe_file(out, path);
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     write_text(out, fmt::format("{:6}{}\n", c, r.chan_mask[c] ? 'T' : 'F'));
   }
   if (finish_safe_file(out)) return true;
-  log_failed_save(session, mask_path(session));
+  log_failed_save(session, path);
   return false;
+}
+
+bool write_mask_file(const session_state& session) {
+  if (!ask(session, "Save/replace mask file (.msk)?", "Channel masks have changed")) return false;
+  return write_masks(session, mask_path(session));
 }
 
 }  // namespace kestrelvane

@@ -85,6 +85,12 @@ bool renew_outdated_templates(session_state& session) {
   return true;
 }
 
+void renew_masked_templates(session_state& session) {
+  if (session.clusters.n_clusters == 0) return;
+  calculate_all_templates(session);
+  update_all_lists(session);
+}
+
 bool recalculate_all_templates(session_state& session) {
   if (session.recording.n_samples == 0) {
     tell(session, "No recording data in memory", "Error ");
@@ -94,8 +100,7 @@ bool recalculate_all_templates(session_state& session) {
     tell(session, "There are no clusters", "Recalculate templates", box_icon::warning);
     return false;
   }
-  calculate_all_templates(session);
-  update_all_lists(session);
+  renew_masked_templates(session);
   log_message(session, " finished");
   tell(session, "Templates recalculated", "Done!", box_icon::information);
   return true;

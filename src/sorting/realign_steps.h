@@ -44,6 +44,10 @@ double mean_template_sd_uv(const session_state& session);
 // the lists with them. False when the templates are those of the window in force.
 bool renew_outdated_templates(session_state& session);
 
+// After a change of channel masks, which take channels out of templates or bring them in: template
+// and centre of every cluster and the lists, without alignment. Nothing without clusters.
+void renew_masked_templates(session_state& session);
+
 // The menu entry: template and centre of every cluster, without alignment, then the log
 // line and the box. False, after a box, without a recording or clusters.
 bool recalculate_all_templates(session_state& session);

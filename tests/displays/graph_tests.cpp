@@ -242,7 +242,7 @@ TEST(graph_drawing, odd_data_make_a_picture_without_complaint) {
                                                   {5, 1, no_number}};
   for (const auto& x : values) {
     for (const auto& y : values) {
-      for (int form = form_unset; form <= form_image; ++form) {
+      for (int form = form_unset; form <= form_rings; ++form) {
         graph_data graph;
         graph.kind = form;
         graph.title = std::string(80, 'W');

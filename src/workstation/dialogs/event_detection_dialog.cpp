@@ -11,13 +11,12 @@
 #include <memory>
 #include <vector>
 
-#include "clustering/templates.h"
 #include "detection/sample_test.h"
 #include "operations/detection_run.h"
 #include "recording/channel_masks.h"
 #include "session/settings_table.h"
 #include "signal/noise.h"
-#include "sorting/status_lists.h"
+#include "sorting/realign_steps.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
 #include "workstation/frame.h"
@@ -515,13 +514,8 @@ void leave_detection(const shared_detection& d, QDialog::DialogCode how) {
 void follow_masks(const shared_detection& d) {
   // Every template and every pair anew: minutes for a large sort, and only where there is a reason.
   if (!d->masks_changed || d->w.session.clusters.n_clusters == 0) return;
-  run_with_progress(
-      d->w, "recalculate_progress", "Recalculate templates",
-      [](session_state& session) {
-        calculate_all_templates(session);
-        update_all_lists(session);
-      },
-      nullptr);
+  run_with_progress(d->w, "recalculate_progress", "Recalculate templates", renew_masked_templates,
+                    nullptr);
 }
 
 // Shows the values of a new installation; they count once detection starts or is left.
