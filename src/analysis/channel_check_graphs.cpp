@@ -8,6 +8,23 @@
 
 namespace kestrelvane {
 
+namespace {
+
+// Room for the number over the highest point.
+void leave_room_above(graph_data& graph) {
+  float low = 0, high = 0;
+  for (const graph_series& series : graph.series) {
+    for (const float y : series.y) {
+      low = std::min(low, y);
+      high = std::max(high, y);
+    }
+  }
+  const float span = high - low;
+  if (span > 0) graph.y_range = {low - 0.05f * span, high + 0.15f * span};
+}
+
+}  // namespace
+
 graph_data make_deviation_graph(const session_state& session, const channel_check& check,
                                 bool with_numbers) {
   const recording_store& r = session.recording;
@@ -17,7 +34,8 @@ graph_data make_deviation_graph(const session_state& session, const channel_chec
   graph.series_style[1] = pack_series_look({.form = form_rings});
   graph.labels[label_x_axis] = "RMS channel deviation";
   graph.labels[label_y_axis] = "Signed deviation";
-  graph.labels[label_subtitle] = fmt::format("{} channels, z-scores", check.channels.size());
+  // A legend would stand where the outliers do.
+  graph.axis_style[style_of_legend] = legend_hidden;
   for (std::size_t i = 0; i < check.channels.size(); ++i) {
     const checked_channel& c = check.channels[i];
     if (c.channel < 1 || c.channel > r.n_channels) {
@@ -35,6 +53,9 @@ graph_data make_deviation_graph(const session_state& session, const channel_chec
   if (graph.series[0].x.empty() && graph.series[1].x.empty()) {
     log_message(session, "Failed check: no channel has a pair within the cut-off distance");
   }
+  graph.labels[label_subtitle] = fmt::format("{} channels, z-scores{}", check.channels.size(),
+                                             graph.series[1].x.empty() ? "" : "; rings: masked");
+  leave_room_above(graph);
   return graph;
 }
 

@@ -33,6 +33,7 @@ class graph_window;
 class interface_desk;
 class main_frame;
 class messages_dialog;
+struct channel_check_state;
 struct cluster_displays;
 struct power_spectrum;
 struct correlogram_state;
@@ -51,6 +52,7 @@ enum class graph_kind {
   correlograms,
   spike_trains,
   channel_analysis,
+  channel_deviations,
   waveform_comparison,
   cluster_waveforms,
   spike_view,
@@ -68,6 +70,7 @@ struct workstation {
   QPointer<graph_window> graphs[static_cast<int>(graph_kind::count)];  // by kind
   std::shared_ptr<voltage_state> voltage;  // of the voltage record's window; voltage_window.h
   std::shared_ptr<correlogram_state> correlograms;    // likewise; correlogram_window.h
+  std::shared_ptr<channel_check_state> channels;      // windows/channel_windows.h; null: none
   std::shared_ptr<power_spectrum> spectrum;           // windows/analysis_windows.h; null: none
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h

@@ -158,6 +158,32 @@ TEST(draw_verb, the_spectrum_is_a_graph_of_the_recording) {
   EXPECT_EQ(std::count(bytes.begin(), bytes.end(), '\n'), 2049) << "a heading and 2048 bins";
 }
 
+TEST(draw_verb, the_channel_check_has_two_graphs_and_a_list) {
+  drawn_recording files;
+  const std::pair<const char*, std::ptrdiff_t> views[] = {{"deviations", 8}, {"distances", 201}};
+  for (const auto& [view, n_lines] : views) {
+    ASSERT_EQ(files.draw("c.png", {"--view", view}).status, 0);
+    EXPECT_GT(dark_pixels(QImage(QString::fromStdString(files.folder.file("c.png")))), 100);
+    ASSERT_EQ(files.draw("c.csv", {"--view", view}).status, 0);
+    const std::vector<char> bytes = read_bytes(files.folder.file("c.csv"));
+    EXPECT_EQ(std::count(bytes.begin(), bytes.end(), '\n'), 1 + n_lines) << view;
+  }
+  const std::string masks = files.folder.file("c.msk");
+  const auto check = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), {"check", files.recording, "--quiet"});
+    return run_process(KESTRELVANE_BATCH, more);
+  };
+  EXPECT_EQ(check({}).out, "Everything seems OK\n");
+  // Of seven channels there is no telling; what is masked stays so in the file.
+  const process_result refused = check({"--mask", "2", "--mask-out", masks});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("Not enough unmasked channels"), std::string::npos);
+  EXPECT_EQ(check({"--mask-out", files.recording}).status, 2) << "the recording itself";
+  ASSERT_EQ(check({"--mask-out", masks, "--json"}).status, 0);
+  const std::vector<char> bytes = read_bytes(masks);
+  EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 16), "     1F\n     2F\n");
+}
+
 TEST(draw_verb, clusters_of_a_saved_sort) {
   const temporary_directory folder;
   const std::string recording = folder.file("sorted.tsf"), work = folder.file("sorted.wrk");

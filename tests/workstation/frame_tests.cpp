@@ -136,18 +136,10 @@ TEST(Frame, ToolButtonsDoWhatTheirEntriesDo) {
   driven_workstation w(home.path);
   const QString no_recording = "No recording data in memory";
   const std::pair<int, QString> answers[] = {
-      {40002, no_recording},
-      {40003, no_recording},
-      {40004, "No graph window is open"},
-      {40008, no_recording},
-      {40010, "The channel check is not available in this version."},
-      {40012, no_recording},
-      {40013, no_recording},
-      {40014, no_recording},
-      {40016, no_recording},
-      {40018, no_recording},
-      {40021, no_recording},
-      {40022, no_recording}};
+      {40002, no_recording}, {40003, no_recording}, {40004, "No graph window is open"},
+      {40008, no_recording}, {40010, no_recording}, {40012, no_recording},
+      {40013, no_recording}, {40014, no_recording}, {40016, no_recording},
+      {40018, no_recording}, {40021, no_recording}, {40022, no_recording}};
   for (const auto& [identifier, words] : answers) {
     w.told.clear();
     w.choose_entry(qPrintable(QString("button_%1").arg(identifier)));
@@ -220,25 +212,13 @@ TEST(Frame, TheFilterThatWasChosenNamesTheFormat) {
   EXPECT_EQ(w.session->recording.file_type, file_type_tsf);
 }
 
-TEST(Frame, EntriesOfLaterVersionsSaySo) {
-  const temporary_directory home;
-  driven_workstation w(home.path);
-  for (const char* entry : {"channel_check"}) {
-    w.told.clear();
-    w.choose_entry(entry);
-    w.settle();
-    ASSERT_EQ(w.told.size(), 1) << entry;
-    EXPECT_TRUE(w.told.first().endsWith(" is not available in this version.")) << entry;
-  }
-}
-
 TEST(Frame, WithoutARecordingOperationsSayWhatIsMissing) {
   const temporary_directory home;
   driven_workstation w(home.path);
   for (const char* entry :
-       {"open_work_file", "save_work_file", "voltage_record", "transform_filter", "event_detection",
-        "autosort", "export_spikes", "guided_merge", "correlograms", "post_processing",
-        "sorted_waveforms", "spike_view", "view_clusters", "compare_pairs"}) {
+       {"open_work_file", "save_work_file", "voltage_record", "transform_filter", "channel_check",
+        "event_detection", "autosort", "export_spikes", "guided_merge", "correlograms",
+        "post_processing", "sorted_waveforms", "spike_view", "view_clusters", "compare_pairs"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();

@@ -47,6 +47,7 @@ void messages_command(workstation& w);
 void acquisition_properties_command(workstation& w);
 void sorting_summary_command(workstation& w);
 void filter_command(workstation& w);
+void channel_check_command(workstation& w);
 void event_detection_command(workstation& w);
 void autosort_command(workstation& w);
 void status_lists_command(workstation& w);

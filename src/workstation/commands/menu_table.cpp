@@ -28,7 +28,6 @@ void later(workstation& w) {
   constexpr char routine##_text[] = text; \
   constexpr auto routine = later<routine##_text>
 
-LATER(channel_check, "The channel check");
 LATER(feature_export, "The export of feature matrices");
 LATER(isi_height, "The ISI height plot");
 LATER(event_noise, "The export of event noise");
@@ -76,7 +75,8 @@ constexpr menu_row rows[] = {
   {"&Pre-process", "&Transform/filter", "transform_filter", "Ctrl+F",
    "Filter the samples in memory", both, none, filter_command},
   {"&Pre-process", "&Channel check", "channel_check", "",
-   "Look for faulty channels", both, none, channel_check},
+   "Look for faulty channels, by the correlation of their background", both, none,
+   channel_check_command},
   {"&Pre-process", "&Event detection", "event_detection", "Ctrl+D",
    "Noise, thresholds and the detection of spikes", both, none, event_detection_command},
 

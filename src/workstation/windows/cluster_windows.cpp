@@ -75,9 +75,19 @@ std::vector<tile> stacked_tiles(const workstation& w, const tiled_area& area) {
           {amplitude_vs_time, part_of(area, 0, 1 - each, 1, each)}};
 }
 
+// Of the channel check, which has windows of its own; others have nothing to do with them.
+bool is_channel_check(const workstation& w) {
+  return w.workspace && w.workspace->dialog &&
+         w.workspace->dialog->objectName() == "channel_check_dialog";
+}
+
 // Waveforms largest, components, and below them what is counted or stands against time.
 std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   using enum graph_kind;
+  if (is_channel_check(w)) {
+    return {{channel_deviations, part_of(area, 0, 0, 1, 0.5)},
+            {channel_analysis, part_of(area, 0, 0.5, 1, 0.5)}};
+  }
   const bool alone = standing(w, cluster_waveforms) == nullptr &&
                      standing(w, waveform_comparison) == nullptr &&
                      standing(w, principal_components) == nullptr;

@@ -3,6 +3,7 @@
 #include "displays/display_fonts.h"
 #include "session/run_log.h"
 #include "workstation/windows/analysis_windows.h"
+#include "workstation/windows/channel_windows.h"
 #include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/voltage_window.h"
@@ -87,9 +88,16 @@ const window_row window_rows[] = {
      .size = {640, 420}},
     {.kind = channel_analysis,
      .object_name = "channel_analysis_window",
+     .title = "Cross-channel analysis",
+     .font = nullptr,
+     .size = {640, 420},
+     .surface = channel_distance_routines},
+    {.kind = channel_deviations,
+     .object_name = "channel_deviations_window",
      .title = "Graph Window",
      .font = nullptr,
-     .size = {640, 420}},
+     .size = {640, 420},
+     .surface = channel_deviation_routines},
     {.kind = waveform_comparison,
      .object_name = "comparison_window",
      .title = "Spike waveforms comparison",
