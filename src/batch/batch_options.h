@@ -59,6 +59,8 @@ struct batch_options {
   // --- check
   std::string mask_out;       // path of a .msk
   bool check_masked = false;  // masked channels take part
+  // --- report
+  std::string report_folder;
   // --- curate
   std::string replay;     // path of a history of edits
   std::int32_t upto = 0;  // number of the last edit to do; 0: all of them

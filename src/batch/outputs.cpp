@@ -116,6 +116,7 @@ std::vector<named_place> name_outputs(const batch_options& options,
   add("the output", options.output);
   add("--mask-out", options.mask_out);
   add("--out", options.picture);
+  if (!options.report_folder.empty()) add("--out", options.report_folder + "/report.html");
   add("--log", options.log);
   add("--save-work", options.save_work);
   if (!options.save_work.empty() && !options.replay.empty()) {
@@ -150,6 +151,9 @@ std::vector<planned_output> list_outputs(const batch_options& options,
   for (const std::string& path :
        {options.output, options.save_work, options.report, options.picture, options.mask_out}) {
     if (!path.empty()) outputs.push_back({path, path, false, false});
+  }
+  if (!options.report_folder.empty()) {
+    outputs.push_back({options.report_folder, options.report_folder + "/report.html", true, true});
   }
   std::transform(exports.begin(), exports.end(), std::back_inserter(outputs), output_of);
   return outputs;

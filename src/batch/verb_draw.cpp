@@ -3,10 +3,9 @@
 #ifdef KESTRELVANE_WITH_DISPLAYS
 
 #include <fmt/format.h>
-#include <cerrno>
 
-#include <QApplication>
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 
@@ -14,13 +13,13 @@
 #include "analysis/power_spectrum.h"
 #include "batch/channel_list.h"
 #include "batch/cluster_pictures.h"
+#include "batch/off_screen.h"
 #include "batch/verbs.h"
 #include "displays/graph.h"
 #include "displays/picture_file.h"
 #include "displays/voltage/voltage_graph.h"
 #include "displays/voltage/voltage_record.h"
 #include "files/safe_file.h"
-#include "files/standard_streams.h"
 #include "signal/display_scale.h"
 
 namespace kestrelvane {
@@ -134,11 +133,6 @@ void choose_place(session_state& session, const batch_options& options, QSize si
       std::clamp(first, 1.0, std::max(1.0, static_cast<double>(session.recording.n_samples))));
 }
 
-// The libraries' own remarks about the desktop say nothing to who runs a batch command.
-void keep_failures(QtMsgType type, const QMessageLogContext&, const QString& text) {
-  if (type == QtCriticalMsg || type == QtFatalMsg) put_text(stderr, text.toStdString() + "\n");
-}
-
 cluster_drawing drawing_of(const batch_options& options, QSize size) {
   return {.view = options.view,
           .clusters = clusters_of(options),
@@ -178,18 +172,6 @@ bool draw_view(const batch_session& batch, QSize size) {
                        [&](QPainter& painter) { draw_voltage_display(session, painter); });
 }
 
-// Letters come from the platform's fonts, which want an application; a screen they do not.
-bool draw_off_screen(const batch_session& batch, QSize size) {
-  // A platform that the user has named is left as it is.
-  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  qInstallMessageHandler(keep_failures);
-  int argc = 1;
-  char name[] = "kestrelvane-batch";
-  char* argv[] = {name, nullptr};
-  const QApplication application(argc, argv);
-  return draw_view(batch, size);
-}
-
 batch_status write_view(batch_session& batch, QSize size) {
   const std::string& path = batch.options.picture;
   if (is_cluster_view(batch.options.view)) {
@@ -207,7 +189,7 @@ batch_status write_view(batch_session& batch, QSize size) {
   const bool written =
       wants_numbers(batch.options)
           ? write_graph_file(graph_of_view(*batch.session, batch.options.view), path)
-          : draw_off_screen(batch, size);
+          : draw_off_screen([&] { return draw_view(batch, size); });
   if (!written) return fail_batch(batch, "Failed to save file " + why_not_saved(path));
   return batch_status::done;
 }

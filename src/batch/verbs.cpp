@@ -33,6 +33,7 @@ enum option_group : unsigned {
   takes_replay = 1u << 16,
   takes_family = 1u << 17,
   takes_check = 1u << 18,
+  takes_report = 1u << 19,
 };
 
 // A flag_or_list stands alone or is followed by a list of numbers; a positional_or_list may be
@@ -138,6 +139,7 @@ constexpr option_row option_rows[] = {
   {text, takes_check, "--mask-out", AT(mask_out),
       "FILE.msk", "masks as they are, with the channels that had better take no part"},
   {flag, takes_check, "--include-masked", AT(check_masked), "", "check masked channels, too"},
+  {text, takes_report, "--out", AT(report_folder), "FOLDER", "gets report.html"},
   {text, takes_draw, "--out", AT(picture),
       "FILE", "the picture: .png, .svg or .pdf; of a graph also its numbers: .csv or .gra"},
   {text, takes_draw, "--view", AT(view), "VIEW",
@@ -182,6 +184,7 @@ constexpr batch_verb verbs[] = {
    run_make_test},
 #ifdef KESTRELVANE_WITH_DISPLAYS
   {"draw", "draw the voltage record or sorted clusters to a file", views | takes_work | takes_draw, run_draw},
+  {"report", "write a page with the units of a saved sort, their pictures and figures", opens | takes_work | takes_report, run_report},
 #endif
   {"score", "how a sort agrees with planted units", takes_score | takes_json, run_score},
 };

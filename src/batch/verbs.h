@@ -30,6 +30,7 @@ batch_status run_make_test(const batch_options& options);
 batch_status run_score(const batch_options& options);
 #ifdef KESTRELVANE_WITH_DISPLAYS
 batch_status run_draw(const batch_options& options);
+batch_status run_report(const batch_options& options);
 #endif
 
 }  // namespace kestrelvane

@@ -83,6 +83,12 @@ bool replace_file(const std::string& path, const QBuffer& bytes, bool made) {
 
 }  // namespace
 
+std::string picture_as_svg(QSize size, const paint_routine& paint) {
+  QBuffer bytes;
+  if (!bytes.open(QIODevice::ReadWrite) || !paint_svg(bytes, size, paint)) return {};
+  return bytes.data().toStdString();
+}
+
 bool is_picture_path(const std::string& path) { return find_format(path) != nullptr; }
 
 bool write_picture(const std::string& path, QSize size, const paint_routine& paint) {

@@ -23,4 +23,7 @@ bool write_picture(const std::string& path, QSize size,
 // library writes). False when it could not be written; why_not_saved has the reason.
 bool write_image(const std::string& path, const QImage& image);
 
+// The same as the text of an .svg; empty when it could not be painted.
+std::string picture_as_svg(QSize size, const std::function<void(QPainter&)>& paint);
+
 }  // namespace kestrelvane

@@ -58,7 +58,7 @@ TEST(Frame, MenusInTheirOrder) {
   EXPECT_THAT(labels_of(tops[3]->menu()),
               ElementsAre("&Autosort", "&Guided merge/split", "&Convert channels to clusters",
                           "&Make status &lists", "S&trategy"));
-  EXPECT_THAT(labels_of(tops[5]->menu()), ElementsAre("&Sorted spike files"));
+  EXPECT_THAT(labels_of(tops[5]->menu()), ElementsAre("&Sorted spike files", "&Report"));
   EXPECT_THAT(labels_of(tops[6]->menu()), ElementsAre("&Cascade", "&Auto-arrange"));
   EXPECT_THAT(labels_of(tops[7]->menu()), ElementsAre("&Getting started", "&About"));
   EXPECT_EQ(w.shell.frame->windowTitle(), "Kestrelvane");
@@ -81,10 +81,11 @@ TEST(Frame, TheFullMenuIsReachedByItsFlag) {
   EXPECT_THAT(labels_of(tops[1]->menu()),
               ElementsAre("&Messages", "&Acquisition properties", "&Voltage record", "&HP spectrum",
                           "&Template image", "Sorted &waveforms", "&Sorting statistics"));
-  EXPECT_THAT(labels_of(tops[5]->menu()),
-              ElementsAre("&Sorted spike files", "&Import events from ptcs file",
-                          "&Export event noise for covariance matrices", "&Make test waveform",
-                          "E&vent amplitude distribution", "Export LFP values as .tsf file"));
+  EXPECT_THAT(
+      labels_of(tops[5]->menu()),
+      ElementsAre("&Sorted spike files", "&Import events from ptcs file",
+                  "&Export event noise for covariance matrices", "&Make test waveform",
+                  "E&vent amplitude distribution", "Export LFP values as .tsf file", "&Report"));
 }
 
 TEST(Frame, ResearchToolsShowAtOnceAndInTheNextRun) {
@@ -218,7 +219,8 @@ TEST(Frame, WithoutARecordingOperationsSayWhatIsMissing) {
   for (const char* entry :
        {"open_work_file", "save_work_file", "voltage_record", "transform_filter", "channel_check",
         "event_detection", "autosort", "export_spikes", "guided_merge", "correlograms",
-        "post_processing", "sorted_waveforms", "spike_view", "view_clusters", "compare_pairs"}) {
+        "post_processing", "sorted_waveforms", "spike_view", "view_clusters", "compare_pairs",
+        "report"}) {
     w.told.clear();
     w.choose_entry(entry);
     w.settle();

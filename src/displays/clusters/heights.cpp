@@ -11,9 +11,6 @@ namespace kestrelvane {
 
 namespace {
 
-// More than the plane has pixels for; each costs an interpolated waveform.
-constexpr std::int64_t most_events = 200'000;
-
 float height_of(const session_state& session, std::int32_t event, std::int32_t cluster) {
   // A flat template has no centre, and its events no height.
   if (session.templates.template_n_channels[cluster] < 1) return 0.0f;
@@ -21,7 +18,7 @@ float height_of(const session_state& session, std::int32_t event, std::int32_t c
 }
 
 void gather_heights(const session_state& session, const cluster_index& index,
-                    height_picture& picture) {
+                    std::int64_t most_events, height_picture& picture) {
   std::int64_t n = 0;
   for (const std::int32_t c : picture.clusters) {
     n += static_cast<std::int64_t>(events_of_cluster(index, c).size());
@@ -141,7 +138,7 @@ void prepare_heights(const session_state& session, cluster_index& index,
   if (picture.clusters.size() > 2)
     picture.clusters.erase(picture.clusters.begin() + 2, picture.clusters.end());
   if (view.measure == height_measure::peak_to_peak) {
-    gather_heights(session, index, picture);
+    gather_heights(session, index, view.most_events, picture);
   } else if (values != nullptr) {
     gather_components(session, *values, view.measure, picture);
   }

@@ -19,6 +19,9 @@ struct height_view {
   bool show_median = true, show_gaps = true;
   graph_view range = {0, 0, 0, 0};  // that the user has chosen; used while its ends ascend
   std::int32_t selected_event = 0;
+  // Read at most, spread evenly: more than the plane has pixels for, and each costs an
+  // interpolated waveform.
+  std::int64_t most_events = 200'000;
   std::int32_t width = 800, height = 300;
 };
 
@@ -34,8 +37,8 @@ struct height_picture {
 };
 
 // Heights are read on the centre channel of an event's cluster, as marking by a rectangle
-// reads them; components come from values read before, of the same clusters. At most 200,000
-// events are read, spread evenly: shapes are handed to the marking, which looks at all.
+// reads them; components come from values read before, of the same clusters. Not all events need
+// be read: shapes are handed to the marking, which looks at all.
 void prepare_heights(const session_state& session, cluster_index& index,
                      const component_values* values, const height_view& view,
                      height_picture& picture);

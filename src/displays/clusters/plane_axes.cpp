@@ -1,6 +1,7 @@
 #include "displays/clusters/plane_axes.h"
 
 #include <QFontMetricsF>
+#include <QPainterPath>
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -138,6 +139,24 @@ void paint_counted_points(QPainter& painter, const drawn_graph& plane,
   painter.drawImage(box.topLeft(), image);
 }
 
+// One path for neighbours of one colour: a vector file takes four times as much for each by itself.
+void paint_single_points(QPainter& painter, const drawn_graph& plane,
+                         std::span<const shape_point> points, std::span<const std::int16_t> marks,
+                         const cluster_theme& theme, double radius) {
+  const QSizeF size(2 * radius, 2 * radius);
+  std::size_t i = 0;
+  while (i < points.size()) {
+    const std::int16_t mark = marks[i];
+    QPainterPath squares;
+    squares.setFillRule(Qt::WindingFill);
+    for (; i < points.size() && marks[i] == mark; ++i) {
+      const QPointF at = pixel_of(plane, points[i].x, points[i].y);
+      if (plane.inside.contains(at)) squares.addRect(QRectF(at - QPointF(radius, radius), size));
+    }
+    painter.fillPath(squares, colour_of_mark(theme, mark));
+  }
+}
+
 }  // namespace
 
 void use_small_font(QPainter& painter) { use_named_font(painter, "t'Arial'h14w0"); }
@@ -217,6 +236,8 @@ void paint_points(QPainter& painter, const drawn_graph& plane, std::span<const s
   painter.setClipRect(plane.inside, Qt::IntersectClip);
   if (device.raster && points.size() > few) {
     paint_counted_points(painter, plane, points, marks, theme, counted_ratio(device.ratio));
+  } else if (!device.raster) {
+    paint_single_points(painter, plane, points, marks, theme, radius);
   } else {
     // Squares: rounds of this size look alike and take ten times as long.
     const QSizeF size(2 * radius, 2 * radius);

@@ -15,6 +15,7 @@ void open_work_file_command(workstation& w);
 void close_recording_command(workstation& w);
 void save_work_file_command(workstation& w);
 void import_ptcs_command(workstation& w);
+void report_command(workstation& w);
 void exit_command(workstation& w);
 
 // --- graph windows (graph_commands.cpp)

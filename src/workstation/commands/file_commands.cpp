@@ -3,6 +3,7 @@
 #include <QRegularExpression>
 #include <optional>
 
+#include "displays/report/unit_report.h"
 #include "operations/open_recording.h"
 #include "recording/recording_formats.h"
 #include "results/ptcs.h"
@@ -139,6 +140,15 @@ void save_work_file_command(workstation& w) {
   run_with_progress(
       w, "work_file_progress", "Saving the work file",
       [](session_state& session) { save_work_file_dialog(session); }, nullptr);
+}
+
+void report_command(workstation& w) {
+  if (!needs_recording(w)) return;
+  // Left by an operation that was stopped; it would end this one at its first unit.
+  w.session.operation.autosort_interrupt = false;
+  run_with_progress(
+      w, "report_progress", "Report",
+      [](session_state& session) { save_unit_report_dialog(session); }, nullptr);
 }
 
 void close_recording_command(workstation& w) {

@@ -132,6 +132,8 @@ constexpr menu_row rows[] = {
    "Distribution of the heights of events and of noise", full, none, amplitude_distribution},
   {"&Export", "Export LFP values as .tsf file", "lfp_export", "",
    "Write the local field potentials as a recording", full, none, lfp_export},
+  {"&Export", "&Report", "report", "",
+   "Write a page with the units, their pictures and figures", both, none, report_command},
 
   {"&Windows", "&Cascade", "cascade", "",
    "Lay the graph windows over each other", both, none, cascade_command},
