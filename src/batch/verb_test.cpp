@@ -29,6 +29,7 @@ batch_status make_recording(const batch_options& options, Make&& make) {
   attach_console(console, *batch.session);
   const auto progress = [&](int percent) {
     set_progress(*batch.session, meter::saving, percent, 100);
+    return true;
   };
   std::string problem;
   if (!make(progress, problem)) return fail_batch(batch, problem);

@@ -123,6 +123,8 @@ constexpr option_row option_rows[] = {
   {real, takes_test, "--noise", AT(test.noise_uv), "UV", "sensor noise and far units, rms"},
   {real, takes_test, "--firing-rate", AT(test.median_rate), "HZ", "median over the units"},
   {real, takes_test, "--drift", AT(test.drift_um), "UM", "along the probe, from start to end"},
+  {real, takes_test, "--overlap", AT(test.overlap),
+      "CHANCE", "that a spike has one of the nearest unit within 0.5 ms, up to 0.9"},
   {real, takes_test, "--gain-change", AT(test.gain_change),
       "PART", "-0.2 ends at 0.8 of the start"},
   {text, takes_family, "--family", AT(family),

@@ -174,34 +174,15 @@ void change_sizes(family_plan& plan, std::size_t u) {
   }
 }
 
-// Spikes of the second of a pair that the first brings with it; its own give way to them.
+// Spikes of the second of a pair that the first brings with it.
 void bring_partners(family_plan& plan, std::size_t first) {
   random_stream random(plan.seed, for_partners, first);
-  const double per_ms = steps_per_ms(plan);
-  const auto refractory =
-      static_cast<std::int64_t>(per_ms * plan.units[first + 1].firing.refractory_ms);
-  std::vector<planted_spike> brought;
-  for (const planted_spike& spike : plan.spikes[first]) {
-    if (!random.chance(plan.options.partner_chance)) continue;
-    const double delay_ms = plan.options.pairs == pair_kind::synchronous
-                                ? 1 + 0.15 * random.normal()
-                                : random.uniform(-1, 1);
-    const std::int64_t time = spike.time + static_cast<std::int64_t>(delay_ms * per_ms);
-    if (!brought.empty() && time - brought.back().time < refractory) continue;
-    brought.push_back({time, static_cast<float>(portable_exp(0.06 * random.normal()))});
-  }
-  std::vector<planted_spike>& own = plan.spikes[first + 1];
-  const auto gives_way = [&](const planted_spike& spike) {
-    const auto next =
-        std::lower_bound(brought.begin(), brought.end(), spike.time - refractory,
-                         [](const planted_spike& s, std::int64_t time) { return s.time < time; });
-    return next != brought.end() && next->time <= spike.time + refractory;
+  const auto delay_ms = [&](random_stream& of) {
+    return plan.options.pairs == pair_kind::synchronous ? 1 + 0.15 * of.normal()
+                                                        : of.uniform(-1, 1);
   };
-  std::erase_if(own, gives_way);
-  std::vector<planted_spike> both;
-  std::merge(own.begin(), own.end(), brought.begin(), brought.end(), std::back_inserter(both),
-             [](const planted_spike& a, const planted_spike& b) { return a.time < b.time; });
-  own = std::move(both);
+  bring_spikes(plan.spikes[first + 1], plan.spikes[first], plan.options.partner_chance, delay_ms,
+               plan.units[first + 1].firing.refractory_ms, steps_per_ms(plan), random);
 }
 
 void plan_trains(family_plan& plan) {

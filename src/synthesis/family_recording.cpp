@@ -300,7 +300,7 @@ std::string family_list() {
 }
 
 bool make_family_recording(const family_options& options, std::int64_t seed, std::int32_t n_threads,
-                           const std::string& path, const std::function<void(int)>& progress,
+                           const std::string& path, const making_progress& progress,
                            std::string& problem) {
   const double n_samples = options.seconds * options.sampling_frequency;
   // Negated, so that what is no number is refused as well. 2.1e9 samples still fit 32 bits.

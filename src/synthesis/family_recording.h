@@ -5,10 +5,10 @@
 // give the same bytes on every machine and at any number of threads.
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "synthesis/families.h"
+#include "synthesis/planted_files.h"
 
 namespace kestrelvane {
 
@@ -16,9 +16,9 @@ namespace kestrelvane {
 std::string family_list();
 
 // False when the length does not do or a file cannot be written, with the words in problem;
-// files already finished stay. progress gets per cent done, 0..100; it may be empty.
+// files already finished stay.
 bool make_family_recording(const family_options& options, std::int64_t seed, std::int32_t n_threads,
-                           const std::string& path, const std::function<void(int)>& progress,
+                           const std::string& path, const making_progress& progress,
                            std::string& problem);
 
 }  // namespace kestrelvane

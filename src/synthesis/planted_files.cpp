@@ -12,7 +12,7 @@ namespace kestrelvane {
 namespace {
 
 bool write_samples(const planted_files& files, safe_file& out, std::int32_t n_threads,
-                   const channel_maker& make, const std::function<void(int)>& progress) {
+                   const channel_maker& make, const making_progress& progress, bool& stopped) {
   const auto n_channels = static_cast<std::int32_t>(files.sites.size());
   const std::int32_t at_once = std::clamp(n_threads, 1, n_channels);
   // Whole channels, since the file has one after the other.
@@ -26,13 +26,14 @@ bool write_samples(const planted_files& files, safe_file& out, std::int32_t n_th
       if (!write_bytes(out, made[c - first].data(), std::size_t{2} * files.n_samples)) return false;
     }
     // The last per cent belongs to the files beside it.
-    if (progress) progress(static_cast<int>(std::int64_t{99} * last / n_channels));
+    stopped = progress && !progress(static_cast<int>(std::int64_t{99} * last / n_channels));
+    if (stopped) return false;
   }
   return true;
 }
 
 bool write_recording(const planted_files& files, const std::string& path, std::int32_t n_threads,
-                     const channel_maker& make, const std::function<void(int)>& progress) {
+                     const channel_maker& make, const making_progress& progress, bool& stopped) {
   safe_file out;
   if (!open_safe_file(out, path)) return false;
   const std::int32_t format = 1002;
@@ -47,7 +48,7 @@ bool write_recording(const planted_files& files, const std::string& path, std::i
     write_value(out, site.y);
     write_value(out, std::int32_t{0});  // display order: left to the reader
   }
-  if (!write_samples(files, out, n_threads, make, progress)) return false;
+  if (!write_samples(files, out, n_threads, make, progress, stopped)) return false;
   write_value(out, std::int32_t{0});  // no events: the truth has its own file
   return finish_safe_file(out);
 }
@@ -111,11 +112,12 @@ double mean_size(const std::vector<planted_spike>& spikes) {
 
 bool write_planted_files(const planted_files& files, const std::string& path,
                          std::int32_t n_threads, const channel_maker& make,
-                         const std::function<void(int)>& progress, std::string& problem) {
+                         const making_progress& progress, std::string& problem) {
   const std::string stem = path_stem(path);
   const std::string truth = stem + ".truth.csv", units = stem + ".units.csv";
-  if (!write_recording(files, path, n_threads, make, progress)) {
-    problem = "cannot write " + why_not_saved(path);
+  bool stopped = false;
+  if (!write_recording(files, path, n_threads, make, progress, stopped)) {
+    problem = stopped ? making_stopped : "cannot write " + why_not_saved(path);
   } else if (!write_truth(files, truth)) {
     problem = "cannot write " + why_not_saved(truth);
   } else if (!write_units(files, units)) {

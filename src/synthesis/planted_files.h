@@ -34,6 +34,11 @@ struct planted_files {
 // Fills the n_samples samples of a channel (from 1). Called for several channels at a time.
 typedef std::function<void(std::int32_t channel, std::int16_t* out)> channel_maker;
 
+// Gets per cent done, 0..100, on the calling thread; false stops the making, after which no file is
+// left. May be empty.
+typedef std::function<bool(int percent)> making_progress;
+constexpr const char* making_stopped = "the making was interrupted";
+
 // A path without its extension: what the names of the files beside it begin with.
 std::string path_stem(const std::string& path);
 
@@ -41,9 +46,9 @@ std::string path_stem(const std::string& path);
 double mean_size(const std::vector<planted_spike>& spikes);
 
 // Writes all three. False when one cannot be written, with the words in problem; files already
-// finished stay. progress gets per cent done, 0..100, on the calling thread; it may be empty.
+// finished stay.
 bool write_planted_files(const planted_files& files, const std::string& path,
                          std::int32_t n_threads, const channel_maker& make,
-                         const std::function<void(int)>& progress, std::string& problem);
+                         const making_progress& progress, std::string& problem);
 
 }  // namespace kestrelvane

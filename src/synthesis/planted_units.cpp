@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 
 #include "numerics/portable_math.h"
 #include "session/limits.h"
@@ -14,7 +15,12 @@ namespace kestrelvane {
 
 namespace {
 
-enum random_purpose : std::uint64_t { for_units = 1, for_spikes = 2, for_background = 3 };
+enum random_purpose : std::uint64_t {
+  for_units = 1,
+  for_spikes = 2,
+  for_background = 3,
+  for_overlaps = 4
+};
 
 constexpr double least_separation_um = 15;
 constexpr double least_rate = 0.5;
@@ -207,6 +213,7 @@ std::string validate_test_recording(const test_recording_options& o) {
   if (!(o.median_rate > 0 && o.median_rate <= 100)) return "the firing rate must be up to 100 Hz";
   if (!(std::fabs(o.drift_um) <= 1000)) return "the drift must be at most 1000 µm";
   if (!(o.gain_change > -1 && o.gain_change <= 1)) return "the gain change must be from -1 to 1";
+  if (!(o.overlap >= 0 && o.overlap <= 0.9)) return "the overlap must be from 0 to 0.9";
   return {};
 }
 
@@ -261,6 +268,46 @@ std::vector<planted_spike> make_train(const firing_pattern& firing, random_strea
   return std::move(maker.spikes);
 }
 
+void bring_spikes(std::vector<planted_spike>& own, const std::vector<planted_spike>& other,
+                  double chance, const std::function<double(random_stream&)>& delay_ms,
+                  double refractory_ms, double steps_per_ms, random_stream& random) {
+  const auto refractory = static_cast<std::int64_t>(steps_per_ms * refractory_ms);
+  std::vector<planted_spike> brought;
+  for (const planted_spike& spike : other) {
+    if (!random.chance(chance)) continue;
+    const std::int64_t time =
+        spike.time + static_cast<std::int64_t>(delay_ms(random) * steps_per_ms);
+    if (!brought.empty() && time - brought.back().time < refractory) continue;
+    brought.push_back({time, static_cast<float>(portable_exp(0.06 * random.normal()))});
+  }
+  const auto gives_way = [&](const planted_spike& spike) {
+    const auto next =
+        std::lower_bound(brought.begin(), brought.end(), spike.time - refractory,
+                         [](const planted_spike& s, std::int64_t time) { return s.time < time; });
+    return next != brought.end() && next->time <= spike.time + refractory;
+  };
+  std::erase_if(own, gives_way);
+  std::vector<planted_spike> both;
+  std::merge(own.begin(), own.end(), brought.begin(), brought.end(), std::back_inserter(both),
+             [](const planted_spike& a, const planted_spike& b) { return a.time < b.time; });
+  own = std::move(both);
+}
+
+namespace {
+
+// Of the units before it, whose trains are settled; -1: there is none.
+std::ptrdiff_t nearest_before(const std::vector<planted_unit>& units, std::size_t u) {
+  std::ptrdiff_t nearest = -1;
+  double least = std::numeric_limits<double>::infinity();
+  for (std::size_t v = 0; v < u; ++v) {
+    const double distance = square(units[u].x - units[v].x) + square(units[u].y - units[v].y);
+    if (distance < least) least = distance, nearest = static_cast<std::ptrdiff_t>(v);
+  }
+  return nearest;
+}
+
+}  // namespace
+
 std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options& options,
                                                     const std::vector<planted_unit>& units) {
   const double steps_per_ms = options.sampling_frequency * 0.001 * sub_sample_steps;
@@ -271,6 +318,13 @@ std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options
   for (std::size_t u = 0; u < units.size(); ++u) {
     trains.push_back(make_train(units[u].firing, random_stream(options.seed, for_spikes, u),
                                 steps_per_ms, sub_sample_steps + margin, end - margin));
+    const std::ptrdiff_t other = options.overlap > 0 ? nearest_before(units, u) : -1;
+    if (other < 0) continue;
+    random_stream random(options.seed, for_overlaps, u);
+    bring_spikes(
+        trains[u], trains[other], options.overlap,
+        [](random_stream& of) { return of.uniform(-0.5, 0.5); }, units[u].firing.refractory_ms,
+        steps_per_ms, random);
   }
   return trains;
 }

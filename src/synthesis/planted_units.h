@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,8 @@ struct test_recording_options {
   double median_rate = 3;         // Hz, of firing
   double drift_um = 0;            // µm along the probe from start to end
   double gain_change = 0;         // part of the gain: -0.2 ends at 0.8 of the start
+  // Chance that a spike has one of the nearest unit within 0.5 ms of it.
+  double overlap = 0;
   std::int64_t seed = 1;
   std::int32_t n_threads = 1;
 };
@@ -98,6 +101,12 @@ std::vector<std::vector<planted_spike>> plan_spikes(const test_recording_options
 // The train of one cell: spikes from step first to step last, ascending.
 std::vector<planted_spike> make_train(const firing_pattern& firing, random_stream random,
                                       double steps_per_ms, std::int64_t first, std::int64_t last);
+
+// Spikes that those of another train bring with them, each with that chance and so long after it;
+// the train's own give way to them within its refractory time.
+void bring_spikes(std::vector<planted_spike>& own, const std::vector<planted_spike>& other,
+                  double chance, const std::function<double(random_stream&)>& delay_ms,
+                  double refractory_ms, double steps_per_ms, random_stream& random);
 
 // Many small units out of reach of sorting.
 std::vector<planted_unit> plan_background(const test_recording_options& options,

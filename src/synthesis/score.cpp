@@ -373,16 +373,20 @@ sort_score score_sort(const spike_list& sorted, const spike_list& truth) {
   return score;
 }
 
-bool score_files(const std::string& sorted_path, const std::string& truth_path, sort_score& score,
-                 std::string& problem) {
-  spike_list sorted, truth;
-  if (!read_spike_list(sorted_path, sorted, problem) ||
-      !read_spike_list(truth_path, truth, problem)) {
-    return false;
-  }
+bool score_with_truth(const spike_list& sorted, const std::string& truth_path, sort_score& score,
+                      std::string& problem) {
+  spike_list truth;
+  if (!read_spike_list(truth_path, truth, problem)) return false;
   score = score_sort(sorted, truth);
   join_units_file(units_path(truth_path), score);
   return true;
+}
+
+bool score_files(const std::string& sorted_path, const std::string& truth_path, sort_score& score,
+                 std::string& problem) {
+  spike_list sorted;
+  return read_spike_list(sorted_path, sorted, problem) &&
+         score_with_truth(sorted, truth_path, score, problem);
 }
 
 double median_noise_uv(const session_state& session) {

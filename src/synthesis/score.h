@@ -96,6 +96,10 @@ std::vector<std::int32_t> best_assignment(const std::vector<double>& gains, std:
 
 sort_score score_sort(const spike_list& sorted, const spike_list& truth);
 
+// Scores a sort against a file, as score_files does.
+bool score_with_truth(const spike_list& sorted, const std::string& truth_path, sort_score& score,
+                      std::string& problem);
+
 // Scores two files. Amplitudes, rates and SNRs come from NAME.units.csv beside a truth
 // file NAME.truth.csv, if there is one that can be read.
 bool score_files(const std::string& sorted_path, const std::string& truth_path, sort_score& score,

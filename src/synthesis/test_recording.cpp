@@ -335,7 +335,7 @@ planted_files describe_files(const recording_plan& plan) {
 }  // namespace
 
 bool make_test_recording(const test_recording_options& options, const std::string& path,
-                         const std::function<void(int)>& progress, std::string& problem) {
+                         const making_progress& progress, std::string& problem) {
   problem = validate_test_recording(options);
   if (!problem.empty()) return false;
   const recording_plan plan = make_plan(options);

@@ -9,17 +9,15 @@
 // Written are the files of planted_files.h.
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include "synthesis/planted_files.h"
 
 namespace kestrelvane {
 
-// progress gets per cent done, 0..100, on the calling thread; it may be empty.
-// False when the options do not do or a file cannot be written, with the words in
-// problem; files already finished stay.
+// False when the options do not do, a file cannot be written or progress has stopped it
+// (making_stopped), with the words in problem; files already finished stay.
 bool make_test_recording(const test_recording_options& options, const std::string& path,
-                         const std::function<void(int)>& progress, std::string& problem);
+                         const making_progress& progress, std::string& problem);
 
 }  // namespace kestrelvane

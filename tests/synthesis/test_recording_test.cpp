@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <map>
 
 #include "numerics/portable_math.h"
@@ -297,6 +298,41 @@ TEST(TestRecording, Electrodes) {
   EXPECT_EQ(electrode_names(), "tetrode, polytrode, linear, utah, neuropixels");
 }
 
+TEST(TestRecording, OverlapsAreAsManyAsAskedFor) {
+  test_recording_options options;
+  options.n_units = 8;
+  const std::vector<site_position> sites = electrode_sites(options.electrode, options.n_channels);
+  const std::vector<planted_unit> units = plan_units(options, sites);
+  const auto plain = plan_spikes(options, units);
+  options.overlap = 0.4;
+  const auto trains = plan_spikes(options, units);
+  EXPECT_EQ(trains[0].size(), plain[0].size()) << "nobody comes before it";
+  const double per_ms = 0.001 * options.sampling_frequency * sub_sample_steps;
+  for (std::size_t u = 1; u < units.size(); ++u) {
+    std::size_t nearest = 0;
+    const auto distance = [&](std::size_t v) {
+      return std::hypot(units[u].x - units[v].x, units[u].y - units[v].y);
+    };
+    for (std::size_t v = 1; v < u; ++v) {
+      if (distance(v) < distance(nearest)) nearest = v;
+    }
+    int n_near = 0;
+    for (const planted_spike& spike : trains[nearest]) {
+      const auto at = std::lower_bound(
+          trains[u].begin(), trains[u].end(), static_cast<double>(spike.time) - 0.5 * per_ms,
+          [](const planted_spike& s, double time) { return static_cast<double>(s.time) < time; });
+      n_near += at != trains[u].end() && static_cast<double>(at->time - spike.time) <= 0.5 * per_ms;
+    }
+    const auto n = static_cast<double>(trains[nearest].size());
+    // Bursts bring spikes that would come too soon after another; chance brings some more.
+    EXPECT_NEAR(n_near / n, 0.4, 0.09) << u;
+    for (std::size_t i = 1; i < trains[u].size(); ++i) {
+      ASSERT_GE(static_cast<double>(trains[u][i].time - trains[u][i - 1].time),
+                units[u].firing.refractory_ms * per_ms - 1);
+    }
+  }
+}
+
 TEST(TestRecording, BadOptionsAndPathsAreTold) {
   const auto problem_of = [](auto&& change) {
     test_recording_options options;
@@ -318,6 +354,7 @@ TEST(TestRecording, BadOptionsAndPathsAreTold) {
   EXPECT_NE(problem_of([](o& t) { t.noise_uv = -1; }), "");
   EXPECT_NE(problem_of([](o& t) { t.median_rate = 0; }), "");
   EXPECT_NE(problem_of([](o& t) { t.gain_change = -1; }), "");
+  EXPECT_NE(problem_of([](o& t) { t.overlap = 1; }), "");
 
   temporary_directory dir;
   test_recording_options options = small_options();
@@ -332,9 +369,21 @@ TEST(TestRecording, BadOptionsAndPathsAreTold) {
   std::vector<int> reports;
   options.noise_uv = 0;
   EXPECT_TRUE(make_test_recording(
-      options, dir.file("a.tsf"), [&](int per_cent) { reports.push_back(per_cent); }, problem));
+      options, dir.file("a.tsf"),
+      [&](int per_cent) {
+        reports.push_back(per_cent);
+        return true;
+      },
+      problem));
   EXPECT_TRUE(std::is_sorted(reports.begin(), reports.end()));
   EXPECT_EQ(reports.back(), 100);
+  // Stopped on its way it leaves nothing.
+  EXPECT_FALSE(make_test_recording(
+      options, dir.file("b.tsf"), [](int per_cent) { return per_cent < 30; }, problem));
+  EXPECT_EQ(problem, making_stopped);
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path)) {
+    EXPECT_EQ(entry.path().filename().string()[0], 'a') << entry.path();
+  }
 }
 
 }  // namespace

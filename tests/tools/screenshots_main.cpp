@@ -244,6 +244,7 @@ int main(int argc, char** argv) {
       {"acquisition_properties", "acquisition_dialog"},
       {"sorting_statistics", "summary_dialog"},
       {"transform_filter", "filter_dialog"},
+      {"channel_check", "channel_check_dialog"},
       {"event_detection", "event_detection_dialog"},
       {"autosort", "autosort_dialog"},
       {"make_status_lists", "status_lists_dialog"},
@@ -254,6 +255,7 @@ int main(int argc, char** argv) {
       {"compare_pairs", "compare_pairs_dialog"},
       {"view_clusters", "view_clusters_dialog"},
       {"export_spikes", "export_dialog"},
+      {"test_waveform", "test_waveform_dialog"},
       {"about", "about_dialog"},
       {"open_recording", "question_box"},
   };

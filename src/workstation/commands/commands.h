@@ -63,5 +63,6 @@ void compare_pairs_command(workstation& w);
 void correlation_command(workstation& w);
 void test_decisions_command(workstation& w);
 void export_command(workstation& w);
+void test_waveform_command(workstation& w);
 
 }  // namespace kestrelvane

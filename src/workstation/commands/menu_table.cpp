@@ -31,7 +31,6 @@ void later(workstation& w) {
 LATER(feature_export, "The export of feature matrices");
 LATER(isi_height, "The ISI height plot");
 LATER(event_noise, "The export of event noise");
-LATER(test_waveform, "The test waveform maker");
 LATER(amplitude_distribution, "The event amplitude distribution");
 LATER(lfp_export, "The export of LFP values");
 #undef LATER
@@ -127,7 +126,8 @@ constexpr menu_row rows[] = {
   {"&Export", "&Export event noise for covariance matrices", "event_noise", "",
    "Write stretches without events, for covariances", full, none, event_noise},
   {"&Export", "&Make test waveform", "test_waveform", "",
-   "Make a waveform with known spikes", full, none, test_waveform},
+   "Make a recording with known units, and see how the sort of one scores", full, none,
+   test_waveform_command},
   {"&Export", "E&vent amplitude distribution", "amplitude_distribution", "",
    "Distribution of the heights of events and of noise", full, none, amplitude_distribution},
   {"&Export", "Export LFP values as .tsf file", "lfp_export", "",

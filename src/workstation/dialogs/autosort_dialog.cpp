@@ -10,6 +10,7 @@
 #include "clustering/realignment.h"
 #include "detection/sample_test.h"
 #include "operations/autosort.h"
+#include "operations/planted_score.h"
 #include "operations/preset_sort.h"
 #include "review/recorded_edit.h"
 #include "session/presets.h"
@@ -364,14 +365,18 @@ void start_run(const shared_autosort& a) {
   a->pool_shown = false;
   const sort_preset& preset = chosen_preset(*a);
   keep_last_preset(preset.name);
-  a->dialog->run([a, &preset](session_state& s) { autosort_by_preset(s, preset, a->hold); },
-                 [a] {
-                   // Detection may have turned to the lockout method, clusters may be there.
-                   a->form.load();
-                   show_preset(*a);
-                   a->pause->setChecked(false);
-                   grey_sections(*a);
-                 });
+  a->dialog->run(
+      [a, &preset](session_state& s) {
+        autosort_by_preset(s, preset, a->hold);
+        log_planted_score(s);
+      },
+      [a] {
+        // Detection may have turned to the lockout method, clusters may be there.
+        a->form.load();
+        show_preset(*a);
+        a->pause->setChecked(false);
+        grey_sections(*a);
+      });
 }
 
 // Asks before a sort that is there makes way for another.
