@@ -29,6 +29,7 @@
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/driven_workstation.h"
+#include "workstation/program_options.h"
 #include "workstation/themes.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/windows/voltage_window.h"
@@ -179,6 +180,7 @@ int main(int argc, char** argv) {
   load_resources();
   choose_theme(QString(argv[4]) == "dark" ? colour_theme::dark : colour_theme::light);
   apply_theme();
+  keep_wish(program_option::research_tools, true);
   folder = QString(argv[3]);
   QDir().mkpath(folder);
 

@@ -244,6 +244,8 @@ void test_waveform_command(workstation& w) {
   dialog->disabled_while_running << inputs_of(recording);
   follow(w, dialog, {{meter::saving, m->bar}});
   load_fields(*m);
+  constexpr int table_width = 1120;  // pixels, with the fields beside it
+  dialog->resize(table_width, dialog->sizeHint().height());
   open_runner(w, dialog);
   if (!find_truth(w.session).empty()) show_score(m);
 }
