@@ -252,6 +252,17 @@ std::vector<std::size_t> runs_of(const std::vector<channel_pair>& pairs) {
   return begin;
 }
 
+// Channels that say nothing have nothing in common with others, and yet no distance tells them
+// apart: their correlations are 1. The running mean of a partner hides that it is constant.
+void settle_silent_pairs(channel_check& check) {
+  const auto is_silent = [&](std::int32_t c) {
+    return std::binary_search(check.silent.begin(), check.silent.end(), c);
+  };
+  for (channel_pair& pair : check.channel_pairs) {
+    if (is_silent(pair.a) || is_silent(pair.b)) pair.r = pair.background_r = 1;
+  }
+}
+
 void find_silent(const recording_store& r, const std::vector<std::int16_t>& samples,
                  channel_check& check) {
   const std::size_t n = check.times.size();
@@ -305,6 +316,7 @@ bool compute_pair_correlations(const session_state& session, channel_check& chec
     set_progress(session, meter::filtering, static_cast<std::int32_t>(end),
                  static_cast<std::int32_t>(n_runs));
   }
+  settle_silent_pairs(check);
   return true;
 }
 

@@ -292,7 +292,13 @@ TEST_P(planted_faults, each_is_named_and_a_clean_recording_has_none) {
     put_back();
     change(c, [](float) { return 0.0f; });
     check = checked(*session);
-    EXPECT_TRUE(selects(check, c, channel_fault::shorted)) << "r is 1 with all";
+    EXPECT_TRUE(selects(check, c, channel_fault::shorted));
+    EXPECT_EQ(check.problem_list.size(), channel_problem_limit);
+    for (const channel_pair& pair : check.channel_pairs) {
+      if (pair.a == c || pair.b == c) {
+        EXPECT_EQ(pair.r, 1) << pair.a << " " << pair.b;
+      }
+    }
     EXPECT_EQ(channels_to_mask(check), std::vector<std::int32_t>{c});
     // Not connected: the noise of its amplifier alone.
     change(c, [&](float) { return 8 * noise(); });
