@@ -17,8 +17,9 @@ batch_status run_report(const batch_options& options) {
   if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) {
     // It says how it went.
-    const bool written = draw_off_screen(
-        [&] { return write_unit_report(*batch.session, report_path(batch.options.report_folder)); });
+    const bool written = draw_off_screen([&] {
+      return write_unit_report(*batch.session, report_path(batch.options.report_folder));
+    });
     status = written ? batch_status::done : batch_status::failed;
   }
   return finish_batch(batch, status);
