@@ -28,6 +28,12 @@ float gaussian(const float* p, float x, float* slope) {
   return p[1] * shape;
 }
 
+float two_gaussians(const float* p, float x, float* slope) {
+  const float first = gaussian(p, x, slope);
+  // Parameters count from 1: those of the second begin behind the third.
+  return first + gaussian(p + 3, x, slope + 3);
+}
+
 float decay(const float* p, float x, float* slope) {
   const float shape = exp_of(-p[2] * x);
   slope[1] = shape;
@@ -52,6 +58,8 @@ float value_and_slope(std::int32_t fit_model, const float* p, float x, float* sl
       return decay(p, x, slope);
     case fit_saturation:
       return saturation(p, x, slope);
+    case fit_two_gaussians:
+      return two_gaussians(p, x, slope);
     default:
       return gaussian(p, x, slope);
   }
@@ -75,7 +83,7 @@ void measure(const fit_points& points, const float* p, const std::int32_t* free_
     const float x = points.fit_x[i];
     const float f = value_and_slope(points.fit_model, p, x, slope);
     // Outside its core the core model keeps the residual of the point before.
-    const bool keeps = points.fit_model == fit_gaussian_core && !(std::fabs(x) <= 1.5f * p[3]);
+    const bool keeps = points.fit_model == fit_core_gaussian && !(std::fabs(x) <= 1.5f * p[3]);
     if (!keeps) residual = points.fit_y[i] - f;
     for (std::int32_t j = 0; j < n_free; ++j) {
       const float weight = slope[free_parameters[j]];

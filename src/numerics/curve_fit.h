@@ -19,7 +19,8 @@ constexpr std::int32_t fit_residual = 20;
 enum fit_model_code : std::int32_t {
   fit_gaussian = 4,        // p1 exp(-(x - p2)^2 / (2 p3^2))
   fit_decay = 8,           // p1 exp(-p2 x)
-  fit_gaussian_core = 14,  // the Gaussian; see fit_residuals
+  fit_core_gaussian = 14,  // the Gaussian, whose residuals beyond |x| = 1.5 p3 are the last within
+  fit_two_gaussians = 15,  // the sum of two, of p1 to p3 and of p4 to p6
   fit_saturation = 102,    // (1 + p1 p2 x^p3) / (1 + p2 x^p3)
 };
 

@@ -105,7 +105,7 @@ TEST(LmFit, CoreOfAHistogramWithTails) {
   }
   curve_fit whole = start_at({900, 1, 9});
   lm_fit(points, whole, 500);
-  points.fit_model = fit_gaussian_core;
+  points.fit_model = fit_core_gaussian;
   curve_fit core = start_at({900, 1, 9});
   lm_fit(points, core, 500);
   EXPECT_GT(std::fabs(whole.p[3] - 9), 0.5f);

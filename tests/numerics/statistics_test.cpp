@@ -1,5 +1,5 @@
-// Special functions, Brent's methods, line fit, Levene's test, smoothing filter
-// and spline, against values known in closed form.
+// Special functions, Brent's methods, line fit, Levene's test and smoothing
+// filter, against values known in closed form.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -11,7 +11,6 @@
 #include "numerics/line_fit.h"
 #include "numerics/savgol.h"
 #include "numerics/special_functions.h"
-#include "numerics/spline.h"
 
 namespace kestrelvane {
 namespace {
@@ -165,33 +164,6 @@ TEST(Savgol, PublishedCoefficients) {
   EXPECT_FALSE(ludcmp(empty, 2, 2, rows, words.log()));
   EXPECT_EQ(words.lines, (lines{"invalid parameters for savgol", "singular matrix in ludcmp",
                                 "singular matrix in ludcmp"}));
-}
-
-TEST(Spline, NaturalCubic) {
-  // Second derivatives solved by hand for three knots: only the middle one bends.
-  const float x[3] = {0, 1, 2}, y[3] = {0, 1, 0};
-  float second[3];
-  make_spline(3, x, y, second);
-  EXPECT_NEAR(second[1], -3, 1e-6f);
-  EXPECT_NEAR(spline_value(3, x, y, second, 0.5f), 0.6875f, 1e-6f);
-  EXPECT_NEAR(spline_value(3, x, y, second, 1.5f), 0.6875f, 1e-6f);
-  EXPECT_EQ(spline_value(3, x, y, second, 1), 1);
-
-  std::vector<float> knots, values, bends(30);
-  for (int i = 0; i < 30; ++i) {
-    knots.push_back(static_cast<float>(i) * 0.2f + (i % 3 == 0 ? 0.05f : 0.0f));
-    values.push_back(std::sin(knots.back()));
-  }
-  make_spline(30, knots.data(), values.data(), bends.data());
-  for (float at = 1; at < 5; at += 0.17f) {
-    EXPECT_NEAR(spline_value(30, knots.data(), values.data(), bends.data(), at), std::sin(at),
-                2e-4f);
-  }
-
-  kept_words words;
-  const float same[3] = {0, 1, 1}, bend[3] = {};
-  EXPECT_EQ(spline_value(3, same, y, bend, 1.5f, words.log()), 1);
-  EXPECT_EQ(words.lines, lines{"Error in spline routine"});
 }
 
 }  // namespace
