@@ -348,7 +348,7 @@ float gaussian_core::at(float x) const {
 
 gaussian_core fit_gaussian_core(const session_state& session, const ea_histogram& histogram,
                                 curve_fit& fit) {
-  const fit_points points = points_of(histogram, fit_core_gaussian);
+  fit_points points = points_of(histogram, fit_core_gaussian);
   fit = {};
   free_all(fit, 3);
   const auto top = std::max_element(points.fit_y.begin(), points.fit_y.end());
@@ -362,6 +362,11 @@ gaussian_core fit_gaussian_core(const session_state& session, const ea_histogram
   }
   if (fit.p[2] == 0) fit.p[2] = 0.01f;
   if (fit.p[3] == 0) fit.p[3] = 15;
+  // The core model looks at what lies round 0. Where nothing does, as among the peaks of a unit, it
+  // would leave the start values as they are.
+  const bool has_core = std::any_of(points.fit_x.begin(), points.fit_x.end(),
+                                    [&](float x) { return std::fabs(x) <= 1.5f * fit.p[3]; });
+  if (!has_core) points.fit_model = fit_gaussian;
   lm_fit(points, fit, most_iterations);
   log_fit(session, "Fit values =", fit);
   fit.p[3] = std::fabs(fit.p[3]);

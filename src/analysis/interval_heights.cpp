@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 
 #include "analysis/correlograms.h"
+#include "numerics/sort.h"
 #include "numerics/special_functions.h"
 #include "session/template_window.h"
 
@@ -54,7 +56,13 @@ float t_test(const side& x, const side& y) {
   return betai(static_cast<float>(freedom / 2), 0.5f, static_cast<float>(freedom / (freedom + t2)));
 }
 
+float median_of(std::vector<float> values) {
+  if (values.empty()) return 0;
+  return select_median(static_cast<std::int32_t>(values.size()), values.data());
+}
+
 void test_heights(const session_state& session, interval_heights& result) {
+  if (result.dt_ms == 0) result.dt_ms = median_of(result.ms);
   side near, far;
   for (std::size_t i = 0; i < result.ms.size(); ++i) {
     (result.ms[i] < result.dt_ms ? near : far).add(double{result.uv[i]});
@@ -110,6 +118,31 @@ std::string interval_heights_title(const interval_heights& result) {
                               : std::string("ISI co-dependence");
 }
 
+namespace {
+
+// The mean of each point and its neighbours by interval, as many on either side; towards
+// the ends fewer, down to 5, but still as many on both, so that a slope does not bend the line.
+graph_series running_mean(const interval_heights& result) {
+  constexpr std::size_t reach = 25, least = 5;
+  const std::size_t n = result.ms.size();
+  std::vector<std::size_t> order(n);
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::size_t a, std::size_t b) { return result.ms[a] < result.ms[b]; });
+  std::vector<double> sums(n + 1);
+  for (std::size_t i = 0; i < n; ++i) sums[i + 1] = sums[i] + double{result.uv[order[i]]};
+  graph_series line;
+  for (std::size_t i = least; i + least < n; ++i) {
+    const std::size_t k = std::min({reach, i, n - 1 - i});
+    line.x.push_back(result.ms[order[i]]);
+    line.y.push_back(
+        static_cast<float>((sums[i + k + 1] - sums[i - k]) / static_cast<double>(2 * k + 1)));
+  }
+  return line;
+}
+
+}  // namespace
+
 graph_data make_interval_heights_graph(const interval_heights& result) {
   graph_data graph;
   graph.title = interval_heights_title(result);
@@ -119,6 +152,13 @@ graph_data make_interval_heights_graph(const interval_heights& result) {
   graph.units[1] = "µV";
   graph.series[0].x = result.ms;
   graph.series[0].y = result.uv;
+  // Of a few points it would be the points themselves.
+  constexpr std::size_t fewest = 20;
+  if (result.ms.size() < fewest) return graph;
+  graph.series[1] = running_mean(result);
+  graph.series_style[1] = pack_series_look({.form = form_lines});
+  graph.labels[label_legend] = "spikes";
+  graph.labels[label_legend + 1] = "running mean";
   return graph;
 }
 

@@ -17,7 +17,7 @@ namespace kestrelvane {
 struct interval_heights {
   std::int32_t a = 0, b = 0;  // heights of a, after the last spike of b; equal within a unit
   std::int32_t n_spikes = 0;  // of a
-  float dt_ms = 0;            // what the test calls short
+  float dt_ms = 0;            // what the test calls short: below it
   // Points with an interval of at most the longest asked for, in order of time.
   std::vector<float> ms, uv;
   std::int32_t n_short = 0;  // points below dt_ms
@@ -25,11 +25,16 @@ struct interval_heights {
   // against the others. 1 where either side has no two points, or nothing varies.
   float p_value = 1;
 };
-// A sum of heights of 0 is logged. Empty for numbers that are no clusters.
+// dt_ms 0: the median of the intervals, so that either side of the test has half of the points. A
+// sum of heights of 0 is logged. Empty for numbers that are no clusters.
 interval_heights measure_interval_heights(const session_state& session, std::int32_t a,
-                                          std::int32_t b, float longest_ms, float dt_ms);
+                                          std::int32_t b, float longest_ms, float dt_ms = 0);
+// Longest interval that is shown unless another is asked for: bursts are shorter, and what comes
+// later has recovered.
+constexpr float interval_heights_reach_ms = 200;
 
-// "ISI dependence Unit 3", "ISI co-dependence": height against interval, a point each.
+// "ISI dependence Unit 3", "ISI co-dependence": height against interval, a point each, and a line
+// through the means of 51 points that are neighbours by their interval.
 std::string interval_heights_title(const interval_heights& result);
 graph_data make_interval_heights_graph(const interval_heights& result);
 

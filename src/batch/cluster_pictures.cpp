@@ -7,6 +7,7 @@
 #include <QPainter>
 
 #include "analysis/autocorrelation_time.h"
+#include "analysis/interval_heights.h"
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
 #include "displays/clusters/heights.h"
@@ -97,6 +98,15 @@ void draw_autocorrelation_time(cluster_canvas& canvas) {
               canvas.painter, canvas.drawing.size);
 }
 
+// Within a unit, or of the second after the first.
+void draw_interval_heights(cluster_canvas& canvas) {
+  const std::vector<std::int32_t>& units = canvas.drawing.clusters;
+  const graph_data graph = make_interval_heights_graph(measure_interval_heights(
+      canvas.session, units.back(), units.front(), interval_heights_reach_ms));
+  paint_graph(graph, canvas.drawing.dark ? dark_style() : paper_style(), whole_view(graph),
+              canvas.painter, canvas.drawing.size);
+}
+
 // The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
@@ -134,6 +144,7 @@ constexpr cluster_view_row cluster_views[] = {
     {"templates", 1, 8, draw_templates},
     {"correlograms", 1, 8, draw_correlograms},
     {"acf-time", 1, 1, draw_autocorrelation_time},
+    {"isi-heights", 1, 2, draw_interval_heights},
     {"heights", 1, 2, draw_heights},
     {"spikes", 0, 4000, draw_spikes},
 };

@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "analysis/amplitude_fits.h"
 #include "analysis/channel_check_graphs.h"
 #include "analysis/power_spectrum.h"
 #include "batch/channel_list.h"
@@ -43,7 +44,7 @@ bool parse_size(const std::string& text, QSize& size) {
 bool is_check_view(std::string_view view) { return view == "deviations" || view == "distances"; }
 
 bool is_graph_view(std::string_view view) {
-  return view == "graph" || view == "spectrum" || is_check_view(view);
+  return view == "graph" || view == "spectrum" || view == "amplitudes" || is_check_view(view);
 }
 
 // A graph can be written as its numbers, which need no drawing.
@@ -149,11 +150,21 @@ graph_data graph_of_check(const session_state& session, std::string_view view) {
                               : make_distance_graph(session, check, false, 0);
 }
 
+// Raw voltages of all channels, their counts as logarithms: flanks hold a thousandth of the core.
+graph_data graph_of_amplitudes(const session_state& session) {
+  amplitude_request request;
+  request.all_channels = true;
+  amplitude_analysis analysis;
+  analyse_amplitudes(session, request, analysis);
+  return make_amplitude_graph(analysis, true);
+}
+
 graph_data graph_of_view(session_state& session, std::string_view view) {
   if (is_check_view(view)) return graph_of_check(session, view);
   if (view == "spectrum") {
     return make_spectrum_graph(measure_power_spectrum(session), session.current_channel);
   }
+  if (view == "amplitudes") return graph_of_amplitudes(session);
   return make_voltage_graph(session);
 }
 

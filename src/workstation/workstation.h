@@ -35,6 +35,8 @@ class main_frame;
 class messages_dialog;
 struct channel_check_state;
 struct cluster_displays;
+struct amplitude_state;
+struct interval_heights;
 struct power_spectrum;
 struct correlogram_state;
 struct review_workspace;
@@ -57,6 +59,7 @@ enum class graph_kind {
   cluster_waveforms,
   spike_view,
   hp_spectrum,
+  amplitude_distribution,
   run_log,
   count,
 };
@@ -72,6 +75,8 @@ struct workstation {
   std::shared_ptr<correlogram_state> correlograms;    // likewise; correlogram_window.h
   std::shared_ptr<channel_check_state> channels;      // windows/channel_windows.h; null: none
   std::shared_ptr<power_spectrum> spectrum;           // windows/analysis_windows.h; null: none
+  std::shared_ptr<amplitude_state> amplitudes;        // likewise
+  std::shared_ptr<interval_heights> heights;          // likewise
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h
   operation_worker worker;

@@ -273,6 +273,17 @@ TEST_F(amplitude_test, APlainGaussianHasItsShouldersAtItsEnds) {
   EXPECT_TRUE(std::isnan(fits.left.slope));
 }
 
+TEST_F(amplitude_test, AGaussianFarFrom0IsFittedWhole) {
+  ea_histogram h;
+  for (std::int32_t bin = -260; bin <= -140; ++bin) {
+    h.at(bin) = std::llround(400 * std::exp(-(bin + 200) * (bin + 200) / 288.0));
+  }
+  curve_fit fit;
+  const gaussian_core core = fit_gaussian_core(*session, h, fit);
+  EXPECT_NEAR(core.m, -200, 0.1);
+  EXPECT_NEAR(core.s, 12, 0.1);
+}
+
 TEST_F(amplitude_test, ConstantVoltagesFitNothing) {
   amplitude_analysis a;
   ASSERT_TRUE(analyse_amplitudes(*session, request, a));

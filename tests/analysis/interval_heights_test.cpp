@@ -64,5 +64,22 @@ TEST_F(height_test, the_p_value_is_that_of_the_t_distribution) {
   EXPECT_EQ(session.user.logged("ysum=0"), false);
 }
 
+TEST_F(height_test, ByItselfTheMedianSplitsAndAMeanRuns) {
+  // Intervals of 2, 3, .. 41 ms, each height as many bits as 100 and the interval in ms.
+  std::int32_t time = 1000;
+  put_spike(time, 100, 1);
+  for (int i = 2; i <= 41; ++i) put_spike(time += 20 * i, 100 + 2 * i, 1);
+  const interval_heights result = measure_interval_heights(*session, 1, 1, 200);
+  EXPECT_EQ(result.dt_ms, 21.0f) << "the 20th of 40";
+  EXPECT_EQ(result.n_short, 19);
+  EXPECT_LT(result.p_value, 1e-6f);
+  const graph_data graph = make_interval_heights_graph(result);
+  ASSERT_EQ(graph.series[1].x.size(), 30u) << "five at either end have too few neighbours";
+  for (std::size_t i = 0; i < 30; ++i) {
+    // A line stays a line.
+    EXPECT_NEAR(graph.series[1].y[i], 0.75f * (100 + 2 * graph.series[1].x[i]), 1e-3f);
+  }
+}
+
 }  // namespace
 }  // namespace kestrelvane::test

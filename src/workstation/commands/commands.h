@@ -62,6 +62,8 @@ void post_process_command(workstation& w);
 void compare_pairs_command(workstation& w);
 void correlation_command(workstation& w);
 void test_decisions_command(workstation& w);
+void amplitude_distribution_command(workstation& w);
+void interval_heights_command(workstation& w);
 void export_command(workstation& w);
 void test_waveform_command(workstation& w);
 

@@ -29,9 +29,7 @@ void later(workstation& w) {
   constexpr auto routine = later<routine##_text>
 
 LATER(feature_export, "The export of feature matrices");
-LATER(isi_height, "The ISI height plot");
 LATER(event_noise, "The export of event noise");
-LATER(amplitude_distribution, "The event amplitude distribution");
 LATER(lfp_export, "The export of LFP values");
 #undef LATER
 
@@ -115,7 +113,7 @@ constexpr menu_row rows[] = {
   {"&Review", "&Manage clusters", "manage_clusters", "",
    "Figures, deletion and order of clusters", full, none, manage_clusters_command},
   {"&Review", "&ISI Height plot", "isi_height", "",
-   "Height of spikes against the interval before them", full, none, isi_height},
+   "Height of spikes against the interval before them", full, none, interval_heights_command},
   {"&Review", "&Autocorrelation vs time plot", "acf_time", "",
    "Autocorrelograms of successive stretches of the recording", full, none, autocorrelation_time_command},
 
@@ -129,7 +127,8 @@ constexpr menu_row rows[] = {
    "Make a recording with known units, and see how the sort of one scores", full, none,
    test_waveform_command},
   {"&Export", "E&vent amplitude distribution", "amplitude_distribution", "",
-   "Distribution of the heights of events and of noise", full, none, amplitude_distribution},
+   "Distribution of the heights of events and of noise", full, none,
+   amplitude_distribution_command},
   {"&Export", "Export LFP values as .tsf file", "lfp_export", "",
    "Write the local field potentials as a recording", full, none, lfp_export},
   {"&Export", "&Report", "report", "",

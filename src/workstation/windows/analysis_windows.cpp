@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "analysis/autocorrelation_time.h"
+#include "analysis/interval_heights.h"
 #include "analysis/power_spectrum.h"
 #include "review/review_guards.h"
 #include "workstation/commands/commands.h"
@@ -80,6 +81,30 @@ void hp_spectrum_command(workstation& w) {
         w.spectrum = measured;
         show_graph(w, graph_kind::hp_spectrum);
       });
+}
+
+graph_routines amplitude_routines(workstation& w) {
+  const auto plot = std::make_shared<graph_plot>();
+  plot->numbers = [&w](session_state& session) {
+    const std::shared_ptr<amplitude_state> state = w.amplitudes;
+    if (state && state->recording == recording_state(session)) {
+      return make_amplitude_graph(state->analysis, state->log_scaling);
+    }
+    graph_data graph;
+    graph.title = amplitude_graph_title;
+    graph.labels[label_subtitle] = "The recording is another now:";
+    graph.remark = "\"Graph\" of the dialog counts it again";
+    return graph;
+  };
+  return plot_routines(w, plot);
+}
+
+graph_routines interval_height_routines(workstation& w) {
+  const auto plot = std::make_shared<graph_plot>();
+  plot->numbers = [&w](session_state&) {
+    return w.heights ? make_interval_heights_graph(*w.heights) : graph_data{};
+  };
+  return plot_routines(w, plot);
 }
 
 graph_routines autocorrelation_time_routines(workstation& w) {

@@ -80,6 +80,15 @@ bool is_channel_check(const workstation& w) {
   return w.workspace && w.workspace->dialog &&
          w.workspace->dialog->objectName() == "channel_check_dialog";
 }
+// Dialogs of the analysis have one window each, which has all the room there is.
+struct own_window {
+  const char* dialog;
+  graph_kind kind;
+};
+constexpr own_window own_windows[] = {
+    {"amplitude_dialog", graph_kind::amplitude_distribution},
+    {"interval_heights_dialog", graph_kind::intervals},
+};
 
 // Waveforms largest, components, and below them what is counted or stands against time.
 std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
@@ -87,6 +96,12 @@ std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   if (is_channel_check(w)) {
     return {{channel_deviations, part_of(area, 0, 0, 1, 0.5)},
             {channel_analysis, part_of(area, 0, 0.5, 1, 0.5)}};
+  }
+  const QDialog* dialog = w.workspace ? w.workspace->dialog.get() : nullptr;
+  for (const own_window& own : own_windows) {
+    if (dialog != nullptr && dialog->objectName() == own.dialog) {
+      return {{own.kind, part_of(area, 0, 0, 1, 1)}};
+    }
   }
   const bool alone = standing(w, cluster_waveforms) == nullptr &&
                      standing(w, waveform_comparison) == nullptr &&

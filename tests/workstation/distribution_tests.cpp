@@ -1,0 +1,155 @@
+// The dialogs of amplitudes and of heights after intervals, driven as a user would.
+#include <gtest/gtest.h>
+
+#include <QComboBox>
+#include <QFile>
+#include <QRadioButton>
+
+#include "analysis/interval_heights.h"
+#include "workstation/commands/menu_table.h"
+#include "workstation/dialogs/setting_controls.h"
+#include "workstation/program_options.h"
+#include "workstation/sorted_workstation.h"
+#include "workstation/windows/analysis_windows.h"
+
+namespace kestrelvane::test {
+namespace {
+
+struct full_workstation : sorted_workstation {
+  explicit full_workstation(const std::string& home) : sorted_workstation(home) {
+    keep_wish(program_option::research_tools, true);
+    show_full_entries(shell);
+  }
+  ~full_workstation() { keep_wish(program_option::research_tools, false); }
+  graph_data shown(graph_kind kind) const {
+    const graph_window* window = graph_of(shell, kind);
+    EXPECT_NE(window, nullptr);
+    return window == nullptr ? graph_data{} : window->surface()->graph();
+  }
+};
+
+TEST(AmplitudeDialog, EveryRowIsCountedOrRefused) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("amplitude_distribution");
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  ASSERT_NE(dialog, nullptr);
+  EXPECT_EQ(dialog->windowTitle(), "Event amplitude distribution analysis");
+  auto* source = w.control<QComboBox>(dialog, "ea_source");
+  ASSERT_EQ(source->count(), 14);
+  for (int row = 0; row < source->count(); ++row) {
+    source->setCurrentIndex(row);
+    w.told.clear();
+    w.press(dialog, "graph");
+    w.settle();
+    const bool refused = row + 1 == ea_event_free || row + 1 == ea_lfp;
+    EXPECT_EQ(w.told.size(), refused ? 1 : 0) << row;
+    if (refused) continue;
+    EXPECT_EQ(w.shell.amplitudes->analysis.request.ea_source, row + 1);
+    EXPECT_GT(w.shell.amplitudes->analysis.values.histogram.n_values, 0) << row;
+    EXPECT_FALSE(w.shown(graph_kind::amplitude_distribution).series[0].x.empty()) << row;
+  }
+  EXPECT_NE(w.text(dialog, "q_variability"), "-") << "figures of the unit";
+  EXPECT_EQ(w.text(dialog, "linear_flank_left"), "-");
+}
+
+TEST(AmplitudeDialog, ChoicesFollowTheRowAndReachTheGraph) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("amplitude_distribution");
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  auto* channel = w.control<number_field>(dialog, "channel");
+  auto* unit = w.control<number_field>(dialog, "unit");
+  EXPECT_TRUE(channel->isEnabled());
+  EXPECT_FALSE(unit->isEnabled());
+  w.control<QComboBox>(dialog, "ea_source")->setCurrentIndex(ea_unit - 1);
+  EXPECT_FALSE(channel->isEnabled());
+  EXPECT_TRUE(unit->isEnabled());
+  w.control<QComboBox>(dialog, "ea_source")->setCurrentIndex(ea_raw - 1);
+  w.set_number(dialog, "ea_bin_width", 4);
+  const double scale = w.session->recording.vscale_HP;
+  EXPECT_EQ(w.text(dialog, "bin_width_uv"), QString::number(4 * scale, 'f', 3) + " µV");
+  w.tick(dialog, "all_channels", true);
+  w.tick(dialog, "add_events", true);
+  w.press(dialog, "graph");
+  w.settle();
+  graph_data graph = w.shown(graph_kind::amplitude_distribution);
+  EXPECT_EQ(graph.labels[label_subtitle], "raw voltage values, all channels");
+  EXPECT_EQ(w.shell.amplitudes->analysis.values.histogram.n_values,
+            4 * std::int64_t{w.session->recording.n_samples});
+  w.tick(dialog, "log_scaling", true);
+  EXPECT_EQ(w.shown(graph_kind::amplitude_distribution).labels[label_y_axis], "log10 of counts");
+  // The file lies where the user says.
+  const QString path = QString::fromStdString(home.file("out_gsr.dat"));
+  w.control<QRadioButton>(dialog, "gaussian_residuals")->setChecked(true);
+  w.press(dialog, "export");
+  w.settle(true, {path});
+  EXPECT_TRUE(QFile::exists(path));
+  EXPECT_TRUE(w.told.contains("Done it"));
+}
+
+TEST(AmplitudeDialog, TagsAndTestDataChangeWhatIsCounted) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("amplitude_distribution");
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  const QString tags = QString::fromStdString(home.file("tags.txt"));
+  QFile file(tags);
+  ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+  file.write("0 0.5 rest\n1 1.25 run\n");
+  file.close();
+  EXPECT_FALSE(dialog->findChild<QWidget*>("use_only")->isEnabled());
+  w.press(dialog, "read_tags");
+  w.settle(true, {tags});
+  EXPECT_EQ(w.text(dialog, "n_tagged"), "2 read");
+  auto* tag = w.control<QComboBox>(dialog, "tag");
+  ASSERT_EQ(tag->count(), 2);
+  EXPECT_EQ(tag->itemText(1), "run (1)");
+  tag->setCurrentIndex(1);
+  w.tick(dialog, "use_only", true);
+  w.press(dialog, "graph");
+  w.settle();
+  EXPECT_EQ(w.shell.amplitudes->analysis.values.histogram.n_values,
+            w.session->recording.sampling_frequency / 4);
+  w.tick(dialog, "use_only", false);
+  const std::int16_t before = w.session->recording.vd.channel(1)[5000];
+  w.press(dialog, "one_gaussian");
+  w.settle(false);
+  EXPECT_EQ(w.asked.size(), 1);
+  EXPECT_FALSE(w.session->recording.recording_filtered) << "No leaves all as it is";
+  EXPECT_EQ(w.session->recording.vd.channel(1)[5000], before);
+  w.press(dialog, "one_gaussian");
+  w.settle(true);
+  EXPECT_TRUE(w.session->recording.recording_filtered);
+  w.press(dialog, "graph");
+  w.settle();
+  EXPECT_NEAR(w.shell.amplitudes->analysis.figures.sigma_uv, 10, 0.3);
+  EXPECT_EQ(check_session(*w.session), "");
+}
+
+TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("isi_height");
+  w.settle();
+  QDialog* dialog = w.dialog("interval_heights_dialog");
+  ASSERT_NE(dialog, nullptr);
+  const interval_heights own =
+      measure_interval_heights(*w.session, 2, 2, interval_heights_reach_ms);
+  EXPECT_EQ(w.text(dialog, "spikes_a"), QString::number(own.n_spikes));
+  EXPECT_EQ(w.text(dialog, "n_points"), QString::number(own.ms.size()));
+  EXPECT_EQ(graph_of(w.shell, graph_kind::intervals)->windowTitle(), "ISI dependence Unit 2");
+  w.set_number(dialog, "unit_b", 3);
+  w.set_number(dialog, "longest_ms", 50);
+  w.press(dialog, "display_cross");
+  w.settle();
+  const interval_heights cross = measure_interval_heights(*w.session, 3, 2, 50);
+  EXPECT_EQ(w.text(dialog, "spikes_b"), QString::number(cross.n_spikes));
+  EXPECT_EQ(w.text(dialog, "dt_ms"), QString::number(double{cross.dt_ms}, 'f', 3) + " ms");
+  EXPECT_EQ(w.shown(graph_kind::intervals).series[0].y, cross.uv);
+  EXPECT_EQ(graph_of(w.shell, graph_kind::intervals)->windowTitle(), "ISI co-dependence");
+  w.press(dialog, "done");
+}
+
+}  // namespace
+}  // namespace kestrelvane::test
