@@ -9,6 +9,7 @@
 #include "analysis/amplitude_figures.h"
 #include "analysis/interval_heights.h"
 #include "clustering/membership.h"
+#include "clustering/principal_components.h"
 #include "numerics/levene.h"
 #include "numerics/line_fit.h"
 #include "numerics/special_functions.h"
@@ -20,13 +21,6 @@ namespace {
 constexpr double unknown = std::numeric_limits<double>::quiet_NaN();
 constexpr std::int32_t most_iterations = 500;
 constexpr std::size_t fewest_points = 10;  // of a line along a flank
-
-failure_log log_of(const session_state& session) {
-  // Lines can be logged through a const session.
-  return {const_cast<session_state*>(&session), [](void* context, const std::string& words) {
-            log_message(*static_cast<const session_state*>(context), words);
-          }};
-}
 
 fit_points points_of(const ea_histogram& h, std::int32_t model) {
   fit_points points;
@@ -122,7 +116,7 @@ void log_line_of_both_errors(const session_state& session, const ea_histogram& h
   }
   line_fit line;
   if (fitexy(static_cast<std::int32_t>(logs.size()), points.x.data(), logs.data(), sx.data(),
-             sy.data(), line, log_of(session))) {
+             sy.data(), line, session_failure_log(session))) {
     log_message(session, fmt::format(" fitexy: slope, intercept= {:.6g} {:.6g}", line.slope,
                                      line.intercept));
   }
@@ -311,7 +305,7 @@ void compare_means(const session_state& session, const value_groups& groups,
   figures.anova_f = (between / (k - 1)) / (within / (n - k));
   const double x = (n - k) / (n - k + (k - 1) * figures.anova_f);
   figures.anova_p = double{betai(static_cast<float>((n - k) / 2), static_cast<float>((k - 1) / 2),
-                                 static_cast<float>(x), log_of(session))};
+                                 static_cast<float>(x), session_failure_log(session))};
   log_message(session, fmt::format("ANOVA, F, p= {:.6g} {:.6g}", figures.anova_f, figures.anova_p));
 }
 
@@ -321,7 +315,7 @@ void compare_groups(const session_state& session, const amplitude_request& reque
   const value_groups groups = group_values(session, request, values);
   const std::vector<std::span<const float>> spans(groups.begin(), groups.end());
   levene_result levene;
-  if (levene_test(spans, levene, log_of(session))) {
+  if (levene_test(spans, levene, session_failure_log(session))) {
     figures.levene_w = double{levene.w};
     figures.levene_p = double{levene.probability};
   }

@@ -29,6 +29,8 @@ planned_output output_of(const planned_export& planned) {
   const std::string_view format = planned.format->name;
   const std::string& path = planned.path;
   if (format == "phy") return {path, path + "/params.py", true, true};
+  if (format == "noise") return {path, path + "/units.npy", true, true};
+  if (format == "features") return {path, path + "/clusters.npy", true, true};
   // A sort without units writes no file at all: it is done again, which takes no time to speak of.
   if (format == "txt") return {path, unit_text_path(path, 1), false, false};
   // A recording of several epochs fills a folder.

@@ -108,7 +108,7 @@ constexpr option_row option_rows[] = {
       "FILE", "the history of a review, NAME.curation.jsonl"},
   {count, takes_replay, "--upto", AT(upto), "N", "the last edit to do (all of them)"},
   {texts, takes_exports, "--export", AT(exports),
-      "FORMAT=PATH", "csv, txt, plx, ntt, evt, nev, ptcs, tsf, phy or nwb; may be repeated"},
+      "FORMAT=PATH", "csv, txt, plx, ntt, evt, nev, ptcs, tsf, phy, nwb, quality, noise, features or lfp; may be repeated"},
   {text, takes_results, "--report", AT(report),
       "FILE.json", "settings, times, memory and units as JSON"},
   {text, takes_test, "--electrode", AT(electrode),

@@ -165,7 +165,7 @@ pc_candidates score_candidates(const session_state& session, std::int32_t slot, 
 }
 
 // The best ones, highest score first.
-std::vector<pc_point> choose_points(session_state& session, const pc_parameters& parameters,
+std::vector<pc_point> choose_points(const session_state& session, const pc_parameters& parameters,
                                     const pc_candidates& candidates) {
   const auto count = static_cast<std::int32_t>(candidates.points.size());
   std::vector<std::int32_t> order(count);
@@ -180,9 +180,10 @@ std::vector<pc_point> choose_points(session_state& session, const pc_parameters&
 
 }  // namespace
 
-failure_log session_failure_log(session_state& session) {
-  return {&session, [](void* context, const std::string& words) {
-            log_message(*static_cast<session_state*>(context), words);
+failure_log session_failure_log(const session_state& session) {
+  // Lines can be logged through a const session.
+  return {const_cast<session_state*>(&session), [](void* context, const std::string& words) {
+            log_message(*static_cast<const session_state*>(context), words);
           }};
 }
 
@@ -196,8 +197,8 @@ pc_parameters pc_parameters_of(const session_state& session) {
   return parameters;
 }
 
-std::vector<pc_point> select_pc_points(session_state& session, const pc_parameters& parameters,
-                                       std::int32_t slot,
+std::vector<pc_point> select_pc_points(const session_state& session,
+                                       const pc_parameters& parameters, std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events) {
   const std::int32_t method = parameters.selection;
   if (method < pc_max_variance || method > pc_voltage_plus_gradient) {
@@ -463,7 +464,7 @@ std::vector<aligned_event> entropy_sample(const session_state& session, std::int
 
 }  // namespace
 
-void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space,
+void make_pc_space(const session_state& session, std::int32_t cluster, pc_space& space,
                    gac_points& values) {
   const float scale = compute_pc_scale(session);
   const pc_parameters parameters = pc_parameters_of(session);
@@ -553,7 +554,7 @@ void project_events(const session_state& session, const pc_space& space,
   project_rows(rows, space.axes, space.dimensions, values.values);
 }
 
-void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points) {
+void cluster_pc_values(const session_state& session, std::int32_t cluster, gac_points& points) {
   pc_space space;
   make_pc_space(session, cluster, space, points);
 }

@@ -52,8 +52,8 @@ pc_parameters pc_parameters_of(const session_state& session);
 
 // Points of a template slot, highest score first. entropy_events: where "max entropy"
 // reads its histograms. An unknown selection is logged and taken as "max variance".
-std::vector<pc_point> select_pc_points(session_state& session, const pc_parameters& parameters,
-                                       std::int32_t slot,
+std::vector<pc_point> select_pc_points(const session_state& session,
+                                       const pc_parameters& parameters, std::int32_t slot,
                                        const std::vector<aligned_event>& entropy_events);
 
 // Rows of interpolated voltages, bits times scale.
@@ -64,7 +64,7 @@ void fill_pc_rows(const session_state& session, const std::vector<pc_point>& poi
 // + p]: component p of axis d, by falling magnitude of eigenvalue. log: where a
 // decomposition that does not converge is told.
 void find_axes(const pc_rows& rows, std::vector<float>& axes, const failure_log& log = {});
-failure_log session_failure_log(session_state& session);
+failure_log session_failure_log(const session_state& session);
 
 // out[e * dimensions + d], without subtracting a mean.
 void project_rows(const pc_rows& rows, const std::vector<float>& axes, std::int32_t dimensions,
@@ -78,14 +78,14 @@ struct pc_space {
   std::vector<float> axes;  // find_axes
 };
 // The space of a cluster, and the values of its events in list order: clustering units.
-void make_pc_space(session_state& session, std::int32_t cluster, pc_space& space,
+void make_pc_space(const session_state& session, std::int32_t cluster, pc_space& space,
                    gac_points& values);
 // The same values for any events.
 void project_events(const session_state& session, const pc_space& space,
                     const std::vector<std::int32_t>& list, gac_points& values);
 
 // The whole road for a cluster's events in list order, in clustering units.
-void cluster_pc_values(session_state& session, std::int32_t cluster, gac_points& points);
+void cluster_pc_values(const session_state& session, std::int32_t cluster, gac_points& points);
 // The same for both clusters of a pair in event order, the shifted member read at
 // the pair's stored shift. Overwrites the scratch template n_clusters + 1 + rank.
 void pair_pc_values(session_state& session, std::int32_t a, std::int32_t b, std::int32_t rank,

@@ -15,6 +15,7 @@
 #include "recording/formats/plexon/plx.h"
 #include "recording/formats/tsf.h"
 #include "recording/recording_formats.h"
+#include "results/event_matrices.h"
 #include "results/nwb_units.h"
 #include "results/phy_folder.h"
 #include "results/ptcs.h"
@@ -56,6 +57,12 @@ constexpr export_format formats[] = {
    write_nwb_units},
   {"quality", "Quality of units (.csv)", "_quality.csv",
    "Comma separated text file (*.CSV)", {}, write_quality_csv},
+  {"noise", "Event noise", "_noise", "Folder of .npy files(*)", {}, write_event_noise,
+   nullptr, false, file_type_unknown, true},
+  {"features", "Feature matrices", "_features", "Folder of .npy files(*)", {},
+   write_feature_matrices, nullptr, false, file_type_unknown, true},
+  {"lfp", "LFP values (.tsf)", "_lfp.tsf", "TSF format (*.TSF)", {}, write_lfp_tsf,
+   nullptr, false, file_type_unknown, true},
 };
 // clang-format on
 
@@ -219,6 +226,13 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
   const export_options options{session.review.export_remove_duplicates,
                                session.review.export_save_work_file, save_comments};
   return export_sorted_spikes(session, format, path, options);
+}
+
+bool export_from_full_menu(const session_state& session, const export_format& format) {
+  if (!export_is_possible(session, format)) return false;
+  std::string path = replace_extension(session.recording.recording_path, format.extension);
+  if (!choose_file_to_save(session, format.label, format.filter, path)) return false;
+  return format.write(session, path);
 }
 
 void warn_of_incomplete_detection(const session_state& session) {

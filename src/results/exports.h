@@ -37,6 +37,8 @@ struct export_format {
   bool in_time_indices = false;
   // Recordings of this type may be written over: the file keeps all that it holds besides.
   std::int32_t rewrites = file_type_unknown;
+  // Not in the list: it has an entry of its own in the full menu.
+  bool in_full_menu = false;
 };
 
 // True when the recording in memory is of the type that the format writes anew.
@@ -64,6 +66,9 @@ bool export_sorted_spikes(session_state& session, const export_format& format,
 // The same with the file dialog and the options kept in the settings.
 bool export_sorted_spikes_dialog(session_state& session, const export_format& format,
                                  logical save_comments);
+
+// An entry of the full menu: asks for the file, or the folder, and writes it.
+bool export_from_full_menu(const session_state& session, const export_format& format);
 
 // What opening the dialog says first: detection may have been incomplete.
 void warn_of_incomplete_detection(const session_state& session);

@@ -22,7 +22,10 @@ struct stimulus_header {
 // Local field potentials of some sites, at a rate of their own.
 struct lfp_store {
   std::int32_t n_lfp_samples = 0;                  // of the channel that has most
-  float vscale_LFP = 0.0f;                         // µV per bit
+  float vscale_LFP = 0.0f;                         // µV per bit, of the first channel
+  std::int32_t sampling_frequency_LFP = 0;         // Hz, of the first channel
+  std::vector<float> vscales;                      // of each channel; 0: not told
+  std::vector<std::int32_t> rates;                 // of each channel, Hz
   std::vector<std::int32_t> sites;                 // tapped by each channel, from 0; -1 not told
   std::vector<std::vector<std::int16_t>> samples;  // of each channel, bits
 };

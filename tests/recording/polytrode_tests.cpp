@@ -73,6 +73,8 @@ TEST_F(polytrode_test, records_of_a_surf_file_go_where_they_belong) {
   EXPECT_EQ(stimulus.headers[0].script, "print 'grating'");
   EXPECT_EQ(stimulus.lfp.n_lfp_samples, 300);
   EXPECT_EQ(stimulus.lfp.sites[1], 5);
+  EXPECT_EQ(stimulus.lfp.sampling_frequency_LFP, stimulus.lfp.rates[1]);
+  EXPECT_GT(stimulus.lfp.rates[1], 0);
   EXPECT_EQ(stimulus.lfp.samples[1][250], surf_value(200'000, 50));
   for (const char* line :
        {"Reading SURF data file", "Please wait, parsing records ...", "Finished parsing.",

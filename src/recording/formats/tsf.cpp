@@ -439,4 +439,91 @@ bool write_tsf(const session_state& session, const std::string& path) {
   return true;
 }
 
+namespace {
+
+struct lfp_channels {
+  std::vector<std::size_t> channels;  // numbers in the store, from 0
+  std::size_t n_samples = 0;          // that all of them have
+};
+
+lfp_channels list_lfp(const session_state& session) {
+  const lfp_store& lfp = session.recording.stimulus.lfp;
+  lfp_channels list;
+  for (std::size_t i = 0; i < lfp.samples.size(); ++i) {
+    if (lfp.samples[i].empty()) continue;
+    if (i < lfp.rates.size() && lfp.rates[i] != lfp.sampling_frequency_LFP) {
+      log_message(session, fmt::format("LFP channel {} has another rate and is left out", i + 1));
+      continue;
+    }
+    const std::size_t n = lfp.samples[i].size();
+    list.n_samples = list.channels.empty() ? n : std::min(list.n_samples, n);
+    list.channels.push_back(i);
+  }
+  return list;
+}
+
+// Sites count from 0; one that the file does not tell stands below the others, as in a list.
+void write_lfp_table(const session_state& session, const lfp_channels& list, safe_file& out) {
+  const recording_store& r = session.recording;
+  std::int32_t order = 0;
+  for (const std::size_t i : list.channels) {
+    constexpr std::int32_t step = 50;  // µm
+    const std::int32_t site = i < r.stimulus.lfp.sites.size() ? r.stimulus.lfp.sites[i] + 1 : 0;
+    const bool known = site >= 1 && site <= r.n_channels;
+    const auto below = static_cast<std::int16_t>(r.site_y_max + step * (order + 1));
+    write_value(out, known ? r.chan_x[site] : std::int16_t{0});
+    write_value(out, known ? r.chan_y[site] : below);
+    write_value(out, ++order);
+  }
+}
+
+void write_lfp_samples(const lfp_store& lfp, const lfp_channels& list, safe_file& out) {
+  for (const std::size_t i : list.channels) {
+    std::vector<std::int16_t> samples(
+        lfp.samples[i].begin(),
+        lfp.samples[i].begin() + static_cast<std::ptrdiff_t>(list.n_samples));
+    const float scale = i < lfp.vscales.size() ? lfp.vscales[i] : lfp.vscale_LFP;
+    // The file has one scale for all.
+    if (scale > 0 && scale != lfp.vscale_LFP) {
+      for (std::int16_t& v : samples) {
+        const float bits = std::round(static_cast<float>(v) * scale / lfp.vscale_LFP);
+        v = static_cast<std::int16_t>(std::clamp(bits, -32'768.0f, 32'767.0f));
+      }
+    }
+    write_bytes(out, samples.data(), 2 * samples.size());
+  }
+}
+
+}  // namespace
+
+bool write_lfp_tsf(const session_state& session, const std::string& path) {
+  constexpr const char* title = "Export LFP values";
+  const lfp_store& lfp = session.recording.stimulus.lfp;
+  const lfp_channels list = list_lfp(session);
+  if (list.channels.empty() || lfp.sampling_frequency_LFP <= 0) {
+    tell(session, "There are no LFP values in memory", title, box_icon::warning);
+    return false;
+  }
+  safe_file out;
+  if (open_safe_file(out, path)) {
+    log_message(session, "Saving .tsf file iformat=1002");
+    write_text(out, label);
+    write_value(out, tsf_current_format);
+    write_value(out, lfp.sampling_frequency_LFP);
+    write_value(out, static_cast<std::int32_t>(list.channels.size()));
+    write_value(out, static_cast<std::int32_t>(list.n_samples));
+    write_value(out, lfp.vscale_LFP);
+    write_lfp_table(session, list, out);
+    write_lfp_samples(lfp, list, out);
+    write_value(out, std::int32_t{0});  // events
+  }
+  if (!finish_safe_file(out)) {
+    tell(session, "Error saving .tsf data " + why_not_saved(path), title);
+    return false;
+  }
+  tell(session, fmt::format("{} LFP channels saved", list.channels.size()), title,
+       box_icon::information);
+  return true;
+}
+
 }  // namespace kestrelvane

@@ -31,4 +31,10 @@ bool read_tsf(session_state& session, const recording_request& request);
 // then whole. Event-based recordings are the caller's to refuse.
 bool write_tsf(const session_state& session, const std::string& path);
 
+// The field potentials that came with the recording as a recording of their own: a channel for each
+// that has values, at the place of the site it taps, all at the rate and in the scale of the first
+// and as long as the shortest; those of another rate are left out and logged. False, with a box,
+// without any, or when the file cannot be written.
+bool write_lfp_tsf(const session_state& session, const std::string& path);
+
 }  // namespace kestrelvane

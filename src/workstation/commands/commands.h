@@ -16,6 +16,9 @@ void close_recording_command(workstation& w);
 void save_work_file_command(workstation& w);
 void import_ptcs_command(workstation& w);
 void report_command(workstation& w);
+void event_noise_command(workstation& w);
+void feature_matrices_command(workstation& w);
+void lfp_export_command(workstation& w);
 void exit_command(workstation& w);
 
 // --- graph windows (graph_commands.cpp)

@@ -6,6 +6,7 @@
 #include "displays/report/unit_report.h"
 #include "operations/open_recording.h"
 #include "recording/recording_formats.h"
+#include "results/exports.h"
 #include "results/ptcs.h"
 #include "results/work_file.h"
 #include "signal/display_scale.h"
@@ -134,6 +135,23 @@ void import_ptcs_command(workstation& w) {
       w, "ptcs_import_progress", "Import events from ptcs file",
       [](session_state& session) { import_ptcs_dialog(session); }, nullptr);
 }
+
+namespace {
+
+// The file dialog comes from within; the worker waits for it.
+void export_alone(workstation& w, const char* name) {
+  if (!needs_recording(w)) return;
+  const export_format& format = *find_export_format(name);
+  run_with_progress(
+      w, "full_export_progress", format.label,
+      [&format](session_state& session) { export_from_full_menu(session, format); }, nullptr);
+}
+
+}  // namespace
+
+void event_noise_command(workstation& w) { export_alone(w, "noise"); }
+void feature_matrices_command(workstation& w) { export_alone(w, "features"); }
+void lfp_export_command(workstation& w) { export_alone(w, "lfp"); }
 
 void save_work_file_command(workstation& w) {
   if (!needs_recording(w)) return;

@@ -28,9 +28,6 @@ void later(workstation& w) {
   constexpr char routine##_text[] = text; \
   constexpr auto routine = later<routine##_text>
 
-LATER(feature_export, "The export of feature matrices");
-LATER(event_noise, "The export of event noise");
-LATER(lfp_export, "The export of LFP values");
 #undef LATER
 
 constexpr bool both = false, full = true, separator = true, none = false;
@@ -89,7 +86,7 @@ constexpr menu_row rows[] = {
   {"&Sort", "S&trategy", "strategy", "Ctrl+Shift+T",
    "Settings of templates, clustering, splitting and merging", both, none, strategy_command},
   {"&Sort", "Export feature matrices", "feature_export", "",
-   "Write the principal components of every cluster", full, none, feature_export},
+   "Write the principal components of every cluster", full, none, feature_matrices_command},
 
   {"&Review", "&View, clean and split clusters", "view_clusters", "",
    "Look at one cluster and mend it", both, none, view_clusters_command},
@@ -122,7 +119,8 @@ constexpr menu_row rows[] = {
   {"&Export", "&Import events from ptcs file", "ptcs_import", "",
    "Replace events and clusters by the units of a file", full, none, import_ptcs_command},
   {"&Export", "&Export event noise for covariance matrices", "event_noise", "",
-   "Write stretches without events, for covariances", full, none, event_noise},
+   "Write the noise round the events of every cluster, and its covariance", full, none,
+   event_noise_command},
   {"&Export", "&Make test waveform", "test_waveform", "",
    "Make a recording with known units, and see how the sort of one scores", full, none,
    test_waveform_command},
@@ -130,7 +128,7 @@ constexpr menu_row rows[] = {
    "Distribution of the heights of events and of noise", full, none,
    amplitude_distribution_command},
   {"&Export", "Export LFP values as .tsf file", "lfp_export", "",
-   "Write the local field potentials as a recording", full, none, lfp_export},
+   "Write the local field potentials as a recording", full, none, lfp_export_command},
   {"&Export", "&Report", "report", "",
    "Write a page with the units, their pictures and figures", both, none, report_command},
 

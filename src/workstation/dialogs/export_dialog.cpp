@@ -50,7 +50,9 @@ QLayout* choice_rows(export_window& x) {
   x.format = new QComboBox;
   x.format->setObjectName("data_format");
   x.format->setToolTip("The form in which the other tool reads sorted spikes");
-  for (const export_format& format : export_formats()) x.format->addItem(format.label);
+  for (const export_format& format : export_formats()) {
+    if (!format.in_full_menu) x.format->addItem(format.label, QString(format.name));
+  }
   rows->addRow("Data format", x.format);
   rows->addRow(logical_control(x.form, "export_remove_duplicates",
                                "Remove duplicates within clusters before export",
@@ -77,7 +79,8 @@ void show_duplicates(const shared_export& x) {
 void save_as(const shared_export& x) {
   x->form.store();
   // Read here: the worker must not touch a control.
-  const export_format& format = export_formats()[x->format->currentIndex()];
+  const export_format& format =
+      *find_export_format(x->format->currentData().toString().toStdString());
   const bool comments = x->comments->isChecked();
   // Many formats are written too fast to report; a full bar from the last one would mislead.
   x->bar->setValue(0);

@@ -163,8 +163,11 @@ std::vector<lfp_channel> list_lfp_channels(session_state& session, const surf_fi
     // Others have a place in the list, so that numbers of probes stay those of the file.
     if (layout.kind == 'C') channels[i].layout = &layout;
     lfp.sites.push_back(layout.kind == 'C' ? decode_lfp_site(session, layout.description) : -1);
+    lfp.vscales.push_back(layout.kind == 'C' ? scale_of(layout) : 0.0f);
+    lfp.rates.push_back(layout.kind == 'C' ? layout.sampling_frequency : 0);
     if (layout.kind != 'C' || lfp.vscale_LFP != 0) continue;
     lfp.vscale_LFP = scale_of(layout);
+    lfp.sampling_frequency_LFP = layout.sampling_frequency;
     log_message(session, fmt::format("LFP voltage scale {}", lfp.vscale_LFP));
   }
   lfp.samples.resize(channels.size());
