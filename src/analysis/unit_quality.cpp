@@ -178,6 +178,16 @@ void judge_isolation(const session_state& session, const all_trains& trains,
 
 std::span<const quality_figure> quality_figures() { return figures; }
 
+std::vector<quality_figure> further_quality_figures() {
+  std::vector<quality_figure> further;
+  for (const quality_figure& figure : figures) {
+    const bool known = figure.value == &unit_quality::n_events ||
+                       figure.value == &unit_quality::rate || figure.value == &unit_quality::snr;
+    if (!known) further.push_back(figure);
+  }
+  return further;
+}
+
 std::string quality_text(const quality_figure& figure, const unit_quality& quality) {
   const double value = quality.*figure.value;
   return std::isfinite(value) ? fmt::format("{:.{}f}", value, figure.decimals) : std::string();

@@ -46,6 +46,8 @@ struct quality_figure {
   const char* good;
 };
 std::span<const quality_figure> quality_figures();
+// Those that stand beside a table of units, which has events, rate and signal-to-noise ratio.
+std::vector<quality_figure> further_quality_figures();
 // In the figure's decimals; blank for what is no number.
 std::string quality_text(const quality_figure& figure, const unit_quality& quality);
 

@@ -12,12 +12,14 @@
 #include <random>
 #include <vector>
 
+#include "analysis/unit_quality.h"
 #include "files/input_file.h"
 #include "files/safe_file.h"
 #include "recording/acquisition_facts.h"
 #include "recording/formats/hdf/hdf_file.h"
 #include "results/exports.h"
 #include "results/spike_times.h"
+#include "session/template_window.h"
 #include "session/version.h"
 #include "sorting/unit_table.h"
 
@@ -475,6 +477,20 @@ void add_quality(nwb_file& out, nwb_table& table, const session_state& session) 
   }
 }
 
+// What cannot be told of a unit is no number. None without templates of the window in force, nor
+// when it was interrupted: columns are as long as the table.
+void add_figures(nwb_file& out, nwb_table& table, const session_state& session) {
+  if (templates_are_outdated(session)) return;
+  const std::vector<unit_quality> units = measure_quality(session);
+  if (units.empty()) return;
+  for (const quality_figure& figure : further_quality_figures()) {
+    std::vector<float> values;
+    for (const unit_quality& unit : units) values.push_back(static_cast<float>(unit.*figure.value));
+    add_floats(out, table, figure.name, fmt::format("{} ({})", figure.meaning, figure.source),
+               values);
+  }
+}
+
 void write_units(nwb_file& out, const session_state& session) {
   nwb_table table = make_table(out, "/units", "Units", core, "sorted units, by cluster number",
                                numbers_from(1, session.clusters.n_clusters));
@@ -483,6 +499,7 @@ void write_units(nwb_file& out, const session_state& session) {
   add_waveform(out, table, session, "waveform_mean", "mean waveform on the electrode", false);
   add_waveform(out, table, session, "waveform_sd", "standard deviation round the mean", true);
   add_quality(out, table, session);
+  add_figures(out, table, session);
   finish_table(out, table);
 }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <vector>
 
+#include "analysis/unit_quality.h"
 #include "clustering/templates.h"
 #include "files/input_file.h"
 #include "files/npy_file.h"
@@ -449,6 +450,29 @@ constexpr cluster_column cluster_columns[] = {
 
 // One line for every cluster that has a value. Readers stumble over a table without lines:
 // there is none then.
+bool write_column(const phy_export& x, const char* column, const std::string& lines) {
+  const std::string name = fmt::format("cluster_{}.tsv", column);
+  if (!lines.empty())
+    return write_text_file(x, name, fmt::format("cluster_id\t{}\n", column) + lines);
+  remove_old(x, name);
+  return true;
+}
+
+// Figures of units whose waveforms can be compared with their templates.
+bool write_quality(const phy_export& x) {
+  std::vector<unit_quality> units;
+  if (!templates_are_outdated(x.session)) units = measure_quality(x.session);
+  for (const quality_figure& figure : further_quality_figures()) {
+    std::string lines;
+    for (const unit_quality& unit : units) {
+      const double value = unit.*figure.value;
+      if (std::isfinite(value)) lines += fmt::format("{}\t{:.6g}\n", unit.unit, value);
+    }
+    if (!write_column(x, figure.name, lines)) return false;
+  }
+  return true;
+}
+
 bool write_clusters(const phy_export& x) {
   const std::vector<unit_row> units = make_unit_table(x.session);
   for (const cluster_column& column : cluster_columns) {
@@ -457,14 +481,9 @@ bool write_clusters(const phy_export& x) {
       const std::string cell = column.cell(x.session, unit);
       if (!cell.empty()) lines += fmt::format("{}\t{}\n", unit.cluster, cell);
     }
-    const std::string name = fmt::format("cluster_{}.tsv", column.name);
-    if (lines.empty()) {
-      remove_old(x, name);
-    } else if (!write_text_file(x, name, fmt::format("cluster_id\t{}\n", column.name) + lines)) {
-      return false;
-    }
+    if (!write_column(x, column.name, lines)) return false;
   }
-  return true;
+  return write_quality(x);
 }
 
 // --- the samples

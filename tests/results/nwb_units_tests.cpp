@@ -120,6 +120,7 @@ TEST_F(nwb_units_test, values_are_those_of_the_sort) {
               testing::StartsWith("5.05e-05, 5.1e-05, 5.15e-05, 5.2e-05\n0.0001005"));
   EXPECT_THAT(values("/units/waveform_sd"), testing::StartsWith("5e-07, 1e-06, 1.5e-06, 2e-06\n"));
   EXPECT_EQ(values("/units/n_spikes"), "3, 0, 1");
+  EXPECT_EQ(values("/units/presence_ratio"), "0.3, 0, 0.1");
   EXPECT_EQ(values("/units/signed_off"), "TRUE, FALSE, FALSE");
   EXPECT_EQ(values("/units/comment"), ", , bursts");
   EXPECT_EQ(values("/units/label"), "unsorted, unsorted, good");

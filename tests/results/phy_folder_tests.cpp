@@ -160,6 +160,12 @@ TEST_F(phy_test, texts_are_as_readers_parse_them) {
   EXPECT_EQ(text("cluster_signed_off.tsv"), "cluster_id\tsigned_off\n1\tyes\n2\tno\n");
   EXPECT_EQ(text("cluster_firing_rate.tsv"), "cluster_id\tfiring_rate\n1\t10.000\n2\t10.000\n");
   EXPECT_EQ(text("cluster_snr.tsv"), "cluster_id\tsnr\n1\t42.00\n");
+  // Unit 1 fires at 33 and 167 ms of 200, in two of ten stretches; so does unit 2. What cannot be
+  // told of two spikes has no table.
+  EXPECT_EQ(text("cluster_presence_ratio.tsv"), "cluster_id\tpresence_ratio\n1\t0.2\n2\t0.2\n");
+  EXPECT_EQ(text("cluster_amplitude_median_uv.tsv"),
+            "cluster_id\tamplitude_median_uv\n1\t210\n2\t210\n");
+  EXPECT_FALSE(std::filesystem::exists(path + "/cluster_amplitude_cutoff.tsv"));
   // Without lists of pairs nobody knows what is stable.
   EXPECT_FALSE(std::filesystem::exists(path + "/cluster_stability.tsv"));
   EXPECT_EQ(text("cluster_comment.tsv"), "cluster_id\tcomment\n2\tdoubtful pair\n");
