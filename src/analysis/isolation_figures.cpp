@@ -228,6 +228,8 @@ bool has_channel(const template_table& templates, std::int32_t unit, std::int32_
          channels + templates.template_n_channels[unit];
 }
 
+}  // namespace
+
 std::vector<std::int32_t> list_neighbours(const session_state& session, std::int32_t unit) {
   const template_table& templates = session.templates;
   const std::int32_t centre = templates.centre_channel(unit);
@@ -241,6 +243,8 @@ std::vector<std::int32_t> list_neighbours(const session_state& session, std::int
   }
   return neighbours;
 }
+
+namespace {
 
 struct scored_point {
   pc_point point;

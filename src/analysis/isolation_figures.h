@@ -65,10 +65,12 @@ struct isolation_figures {
   double d_prime;        // from the nearest
   double overlap;        // with the nearest
 };
-// Neighbours are units whose centre channel the unit's template has, or that have the unit's. The
-// features are the first eight principal components of the unit's and the neighbours' spikes
-// together, at the 50 points at which the templates differ most. Of at most 1000 spikes of the unit
-// and 200 of each neighbour.
+// Units whose centre channel the unit's template has, or that have the unit's.
+std::vector<std::int32_t> list_neighbours(const session_state& session, std::int32_t unit);
+
+// Among its neighbours. The features are the first eight principal components of the unit's and the
+// neighbours' spikes together, at the 50 points at which the templates differ most. Of at most 1000
+// spikes of the unit and 200 of each neighbour.
 isolation_figures measure_isolation(const session_state& session, const cluster_event_lists& lists,
                                     std::int32_t unit);
 

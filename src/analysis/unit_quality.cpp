@@ -76,11 +76,15 @@ constexpr quality_figure figures[] = {
 
 // ---------------------------------------------------------------- trains
 
+struct unit_train {
+  std::vector<double> times;   // of the unit's events, s, in the order of the list
+  std::vector<double> sorted;  // ascending
+};
+
+// Of all units the lists alone: an edit asks for the figures of one or two.
 struct all_trains {
   cluster_event_lists lists;
-  std::vector<std::vector<double>> times;   // of each unit's events, s, in the order of the list
-  std::vector<std::vector<double>> sorted;  // ascending
-  double duration = 0;                      // s
+  double duration = 0;  // s
 };
 
 all_trains gather_trains(const session_state& session) {
@@ -88,26 +92,27 @@ all_trains gather_trains(const session_state& session) {
   list_all_events(session, trains.lists);
   const recording_store& r = session.recording;
   const tick_clock clock = clock_of_trains(session);
-  const auto rate = static_cast<double>(clock.rate);
   trains.duration = clock.from_stamps ? 60.0 * static_cast<double>(r.duration_mins)
-                                      : static_cast<double>(r.n_samples) / rate;
-  const auto n = static_cast<std::size_t>(session.clusters.n_clusters) + 1;
-  trains.times.resize(n);
-  trains.sorted.resize(n);
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    for (const std::int32_t e : trains.lists.of(c)) {
-      const std::int32_t t = session.events.event_time[e];
-      const std::int64_t ticks =
-          clock.from_stamps ? event_record_time_us(session, t, session.events.event_channel[e]) : t;
-      trains.times[c].push_back(static_cast<double>(ticks) / rate);
-    }
-    trains.sorted[c] = trains.times[c];
-    // Nearly always so: alignment seldom carries a spike past another.
-    if (!std::is_sorted(trains.sorted[c].begin(), trains.sorted[c].end())) {
-      std::sort(trains.sorted[c].begin(), trains.sorted[c].end());
-    }
-  }
+                                      : static_cast<double>(r.n_samples) / double{clock.rate};
   return trains;
+}
+
+unit_train train_of(const session_state& session, const all_trains& trains, std::int32_t unit) {
+  const tick_clock clock = clock_of_trains(session);
+  const auto rate = static_cast<double>(clock.rate);
+  unit_train train;
+  for (const std::int32_t e : trains.lists.of(unit)) {
+    const std::int32_t t = session.events.event_time[e];
+    const std::int64_t ticks =
+        clock.from_stamps ? event_record_time_us(session, t, session.events.event_channel[e]) : t;
+    train.times.push_back(static_cast<double>(ticks) / rate);
+  }
+  train.sorted = train.times;
+  // Nearly always so: alignment seldom carries a spike past another.
+  if (!std::is_sorted(train.sorted.begin(), train.sorted.end())) {
+    std::sort(train.sorted.begin(), train.sorted.end());
+  }
+  return train;
 }
 
 // ---------------------------------------------------------------- one unit
@@ -127,8 +132,9 @@ std::vector<time_span> gaps_of(const session_state& session, std::int32_t unit) 
   return gaps;
 }
 
-void judge_train(const session_state& session, const all_trains& trains, unit_quality& quality) {
-  const std::vector<double>& times = trains.sorted[quality.unit];
+void judge_train(const session_state& session, const all_trains& trains, const unit_train& train,
+                 unit_quality& quality) {
+  const std::vector<double>& times = train.sorted;
   const auto n = static_cast<std::int32_t>(times.size());
   const refractory_period refractory = refractory_of(session);
   quality.n_events = n;
@@ -145,7 +151,7 @@ void judge_train(const session_state& session, const all_trains& trains, unit_qu
 }
 
 void judge_waveforms(const session_state& session, const all_trains& trains,
-                     unit_quality& quality) {
+                     const unit_train& train, unit_quality& quality) {
   const std::span<const std::int32_t> events = trains.lists.of(quality.unit);
   const height_figures heights = judge_heights(measure_heights(session, quality.unit, events));
   quality.cutoff = heights.cutoff;
@@ -154,12 +160,11 @@ void judge_waveforms(const session_state& session, const all_trains& trains,
   const double snr = template_snr(session, quality.unit);
   // 0 says that noise was not measured.
   quality.snr = snr > 0 ? snr : unknown;
-  quality.drift =
-      measure_drift(session, quality.unit, events, trains.times[quality.unit], trains.duration);
+  quality.drift = measure_drift(session, quality.unit, events, train.times, trains.duration);
 }
 
 void judge_isolation(const session_state& session, const all_trains& trains,
-                     unit_quality& quality) {
+                     const unit_train& train, unit_quality& quality) {
   const isolation_figures isolation = measure_isolation(session, trains.lists, quality.unit);
   quality.hit = isolation.hit;
   quality.miss = isolation.miss;
@@ -170,8 +175,9 @@ void judge_isolation(const session_state& session, const all_trains& trains,
   quality.overlap = isolation.overlap;
   quality.near_spikes = unknown;
   if (isolation.nearest == 0) return;
-  quality.near_spikes = count_near_spikes(
-      trains.sorted[quality.unit], trains.sorted[isolation.nearest], refractory_of(session).period);
+  const unit_train nearest = train_of(session, trains, isolation.nearest);
+  quality.near_spikes =
+      count_near_spikes(train.sorted, nearest.sorted, refractory_of(session).period);
 }
 
 }  // namespace
@@ -209,9 +215,10 @@ std::vector<unit_quality> measure_quality(const session_state& session,
     parallel_for_dealt(threads_now(session), from, std::min(n, from + batch) - 1,
                        [&](std::int64_t i, std::int32_t) {
                          all[i].unit = units[i];
-                         judge_train(session, trains, all[i]);
-                         judge_waveforms(session, trains, all[i]);
-                         judge_isolation(session, trains, all[i]);
+                         const unit_train train = train_of(session, trains, units[i]);
+                         judge_train(session, trains, train, all[i]);
+                         judge_waveforms(session, trains, train, all[i]);
+                         judge_isolation(session, trains, train, all[i]);
                        });
     set_progress(session, meter::clusters, static_cast<std::int32_t>(std::min(n, from + batch)),
                  static_cast<std::int32_t>(n));

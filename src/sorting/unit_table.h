@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "session/session_state.h"
@@ -24,6 +25,12 @@ struct unit_row {
   cluster_status status = cluster_status::unknown;
   unit_label label = unit_label::unsorted;
   double violations = 0;  // refractory_violations, where somebody has asked for them
+  // Figures of analysis/unit_quality.h, likewise; no number: not known.
+  double contamination = std::numeric_limits<double>::quiet_NaN();  // by all pairs
+  double cutoff = std::numeric_limits<double>::quiet_NaN();
+  double presence = std::numeric_limits<double>::quiet_NaN();
+  double nearest = std::numeric_limits<double>::quiet_NaN();
+  double d_prime = std::numeric_limits<double>::quiet_NaN();
 };
 
 // In cluster order; one pass over the events and one over the pairs, so that a full session

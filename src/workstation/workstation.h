@@ -37,6 +37,7 @@ struct channel_check_state;
 struct cluster_displays;
 struct amplitude_state;
 struct interval_heights;
+struct kept_quality;
 struct power_spectrum;
 struct correlogram_state;
 struct review_workspace;
@@ -77,6 +78,7 @@ struct workstation {
   std::shared_ptr<power_spectrum> spectrum;           // windows/analysis_windows.h; null: none
   std::shared_ptr<amplitude_state> amplitudes;        // likewise
   std::shared_ptr<interval_heights> heights;          // likewise
+  std::shared_ptr<kept_quality> quality;              // the worker's (dialogs/review_parts.h)
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h
   operation_worker worker;

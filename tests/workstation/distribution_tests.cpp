@@ -1,11 +1,15 @@
 // The dialogs of amplitudes and of heights after intervals, driven as a user would.
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
 #include <QRadioButton>
+#include <QTableView>
+#include <cmath>
 
 #include "analysis/interval_heights.h"
+#include "analysis/unit_quality.h"
 #include "workstation/commands/menu_table.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/program_options.h"
@@ -149,6 +153,46 @@ TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
   EXPECT_EQ(w.shown(graph_kind::intervals).series[0].y, cross.uv);
   EXPECT_EQ(graph_of(w.shell, graph_kind::intervals)->windowTitle(), "ISI co-dependence");
   w.press(dialog, "done");
+}
+
+TEST(UnitList, QualityIsOnASwitchAndFollowsEdits) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("manage_clusters");
+  QDialog* dialog = w.dialog("manage_clusters_dialog");
+  w.settle();
+  const auto* table = w.control<QTableView>(dialog, "unit_table");
+  const auto column = [&](const char* heading) {
+    int at = 0;
+    while (table->model()->headerData(at, Qt::Horizontal).toString() != heading) ++at;
+    return at;
+  };
+  const int presence = column("Presence"), d_prime = column("d'");
+  const auto matches = [&] {
+    const std::vector<unit_quality> now = measure_quality(*w.session);
+    EXPECT_EQ(static_cast<int>(now.size()), table->model()->rowCount());
+    for (int row = 0; row < table->model()->rowCount(); ++row) {
+      const auto unit = table->model()->index(row, 0).data().toUInt();
+      const unit_quality& quality = now[unit - 1];
+      EXPECT_EQ(table->model()->index(row, presence).data().toString(),
+                QString::number(quality.presence, 'f', 2));
+      if (std::isnan(quality.d_prime)) continue;
+      EXPECT_EQ(table->model()->index(row, d_prime).data().toString(),
+                QString::number(quality.d_prime, 'f', 2));
+    }
+  };
+  EXPECT_TRUE(table->isColumnHidden(presence));
+  w.control<QCheckBox>(dialog, "unit_quality")->click();
+  w.settle();
+  EXPECT_FALSE(table->isColumnHidden(presence));
+  matches();
+  const std::int32_t before = w.session->clusters.n_clusters;
+  w.press(dialog, "delete_cluster");
+  w.settle(true);
+  ASSERT_EQ(w.session->clusters.n_clusters, before - 1);
+  matches();
+  w.control<QCheckBox>(dialog, "unit_quality")->click();
+  EXPECT_TRUE(table->isColumnHidden(presence));
 }
 
 }  // namespace

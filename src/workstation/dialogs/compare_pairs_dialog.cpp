@@ -172,7 +172,7 @@ void run_step(const shared_compare& c, const QString& doing, compare_routine rou
       [c, routine = std::move(routine)](session_state& session) {
         c->step = routine(session, c->comparison);
         c->values = make_comparison_values(session);
-        c->units = make_review_units(session);
+        c->units = make_review_units(c->w, session);
       },
       [c] {
         set_interrupts(c->w.session.operation, false);

@@ -77,7 +77,7 @@ void run_step(const shared_guided& g, const QString& doing, guided_routine routi
       [g, routine = std::move(routine)](session_state& session) {
         g->step = routine(session, g->walk);
         g->values = make_pair_values(session, g->walk.pair);
-        g->units = make_review_units(session);
+        g->units = make_review_units(g->w, session);
       },
       [g] {
         set_interrupts(g->w.session.operation, false);
@@ -281,7 +281,7 @@ void guided_merge_command(workstation& w) {
       [g](session_state& session) {
         g->step = begin_guided_merge(session, g->walk);
         g->values = make_pair_values(session, g->walk.pair);
-        g->units = make_review_units(session);
+        g->units = make_review_units(g->w, session);
       },
       [g] {
         if (g->step == guided_step::finished) {

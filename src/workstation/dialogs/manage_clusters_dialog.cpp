@@ -156,7 +156,7 @@ void run_tool(const shared_manage& m, tool routine, std::function<void()> then =
   m->dialog->run(
       [m, routine = std::move(routine)](session_state& session) {
         routine(session, m->management);
-        m->units = make_review_units(session);
+        m->units = make_review_units(m->w, session);
       },
       [m, then = std::move(then)] {
         const bool stopped = m->w.session.operation.autosort_interrupt;
@@ -385,7 +385,7 @@ void manage_clusters_command(workstation& w) {
       w, "manage_clusters_progress", manage_title,
       [m, ready](session_state& session) {
         *ready = open_cluster_management(session, m->management);
-        if (*ready) m->units = make_review_units(session);
+        if (*ready) m->units = make_review_units(m->w, session);
       },
       [m, ready] {
         if (!*ready) {

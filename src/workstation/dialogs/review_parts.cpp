@@ -2,6 +2,7 @@
 
 #include <QAbstractTableModel>
 #include <QApplication>
+#include <QCheckBox>
 #include <QComboBox>
 #include <QDialogButtonBox>
 #include <QHBoxLayout>
@@ -10,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
+#include <QPointer>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QScreen>
@@ -23,8 +25,12 @@
 #include <QVBoxLayout>
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <limits>
+#include <memory>
 
 #include "analysis/correlograms.h"
+#include "analysis/kept_quality.h"
 #include "clustering/membership.h"
 #include "displays/display_colours.h"
 #include "workstation/dialogs/dialog_parts.h"
@@ -286,6 +292,7 @@ struct unit_column {
   double (*value)(const unit_row& row);
   int decimals;
   const char* (*text)(const unit_row& row) = nullptr;  // in place of the number
+  bool of_quality = false;
 };
 
 // clang-format off
@@ -303,6 +310,16 @@ constexpr unit_column columns[] = {
     {"y",       "Centre of gravity along the probe, µm",      [](const unit_row& u) { return double(u.y); }, 0},
     {"< 2 ms %", "Refractory violations: intervals below 2 ms, percent of the cluster's intervals",
      [](const unit_row& u) { return u.violations; }, 2},
+    {"Contam.", "Fraction of foreign spikes, by all pairs within the refractory period (Llobet et al. 2022); good: below 0.1",
+     [](const unit_row& u) { return u.contamination; }, 3, nullptr, true},
+    {"Cut-off", "Fraction of the unit's spikes that the threshold has missed (Hill et al. 2011); good: below 0.1",
+     [](const unit_row& u) { return u.cutoff; }, 3, nullptr, true},
+    {"Presence", "Fraction of the recording's stretches in which the unit fires (Siegle et al. 2021); good: above 0.9",
+     [](const unit_row& u) { return u.presence; }, 2, nullptr, true},
+    {"Nearest", "The neighbour that is hardest to tell from the unit",
+     [](const unit_row& u) { return u.nearest; }, 0, nullptr, true},
+    {"d'", "Distance from the nearest unit in standard deviations (Siegle et al. 2021); good: above 4",
+     [](const unit_row& u) { return u.d_prime; }, 2, nullptr, true},
 };
 // clang-format on
 
@@ -340,11 +357,15 @@ class unit_model : public QAbstractTableModel {
     const unit_row& row = rows_[at.row()];
     const unit_column& column = columns[at.column()];
     if (role == Qt::DisplayRole) {
-      return column.text != nullptr ? QString(column.text(row))
-                                    : QString::number(column.value(row), 'f', column.decimals);
+      if (column.text != nullptr) return QString(column.text(row));
+      const double value = column.value(row);
+      return std::isnan(value) ? QString() : QString::number(value, 'f', column.decimals);
     }
-    // Sorted by the number, not by its text.
-    if (role == Qt::UserRole) return column.value(row);
+    // Sorted by the number, not by its text; what cannot be told stands behind all that can.
+    if (role == Qt::UserRole) {
+      const double value = column.value(row);
+      return std::isnan(value) ? std::numeric_limits<double>::infinity() : value;
+    }
     if (role == Qt::TextAlignmentRole) return int{Qt::AlignRight | Qt::AlignVCenter};
     if (role == Qt::DecorationRole && at.column() == 0) {
       return colour_of_word(cluster_colour_word(session_, row.cluster));
@@ -391,6 +412,12 @@ QTableView* make_unit_table_view(unit_model* model, QObject* parent) {
 
 }  // namespace
 
+namespace {
+
+constexpr const char* quality_key = "review/quality";
+
+}  // namespace
+
 unit_list::unit_list(workstation& of)
     : w_(of),
       model_(new unit_model(of.session, this)),
@@ -401,18 +428,66 @@ unit_list::unit_list(workstation& of)
   filter_->setClearButtonEnabled(true);
   filter_->setToolTip("Only clusters with this text in one of their columns");
   setFocusProxy(table_);
+  auto* quality = new QCheckBox("quality");
+  quality->setObjectName("unit_quality");
+  quality->setToolTip(
+      "Columns of contamination, cut-off, presence and the nearest unit; measured again for the "
+      "clusters that an edit has changed");
+  auto* top = new QHBoxLayout;
+  top->addWidget(filter_, 1);
+  top->addWidget(quality);
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
-  layout->addWidget(filter_);
+  layout->addLayout(top);
   layout->addWidget(table_, 1);
   connect(filter_, &QLineEdit::textChanged, this,
           [this](const QString& text) { proxy_of(table_)->setFilterFixedString(text); });
   connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
           [this] { tell_selection(); });
+  // Before the dialog counts its first rows.
+  quality->setChecked(QSettings().value(quality_key, false).toBool());
+  show_quality(quality->isChecked());
+  connect(quality, &QCheckBox::clicked, this, [this](bool shown) {
+    QSettings().setValue(quality_key, shown);
+    show_quality(shown);
+    if (shown) measure_quality_now();
+  });
 }
 
-std::vector<unit_row> make_review_units(const session_state& session) {
+// The first time it takes a look at every spike.
+void unit_list::measure_quality_now() {
+  const auto rows = std::make_shared<std::vector<unit_row>>();
+  run_with_progress(
+      w_, "quality_progress", "Quality of units",
+      [&w = w_, rows](session_state& session) { *rows = make_review_units(w, session); },
+      [list = QPointer<unit_list>(this), rows] {
+        if (!list || rows->empty()) return;
+        const std::vector<std::int32_t> marked = list->selected();
+        list->show_rows(std::move(*rows));
+        list->mark(marked.empty() ? 0 : marked.front(), marked.size() == 2 ? marked.back() : 0);
+      });
+}
+
+void unit_list::show_quality(bool shown) {
+  for (int i = 0; i < static_cast<int>(std::size(columns)); ++i) {
+    if (columns[i].of_quality) table_->setColumnHidden(i, !shown);
+  }
+}
+
+std::vector<unit_row> make_review_units(workstation& w, const session_state& session) {
   std::vector<unit_row> units = make_unit_table(session);
+  std::vector<unit_quality> quality;
+  if (QSettings().value(quality_key, false).toBool()) {
+    if (!w.quality) w.quality = std::make_shared<kept_quality>();
+    quality = renew_quality(session, *w.quality);
+  }
+  for (std::size_t i = 0; i < std::min(units.size(), quality.size()); ++i) {
+    units[i].contamination = quality[i].contamination_pairs;
+    units[i].cutoff = quality[i].cutoff;
+    units[i].presence = quality[i].presence;
+    units[i].nearest = quality[i].nearest;
+    units[i].d_prime = quality[i].d_prime;
+  }
   const std::vector<double> violations = refractory_violations(session);
   for (unit_row& unit : units) {
     unit.violations = violations[static_cast<std::size_t>(unit.cluster)];
@@ -450,17 +525,22 @@ void unit_list::mark(std::int32_t a, std::int32_t b) {
   marking_ = false;
 }
 
+std::vector<std::int32_t> unit_list::selected() const {
+  std::vector<std::int32_t> clusters;
+  for (const QModelIndex& line : table_->selectionModel()->selectedRows()) {
+    clusters.push_back(model_->cluster_at(proxy_of(table_)->mapToSource(line).row()));
+  }
+  return clusters;
+}
+
 // One or two lines mean something; what the dialog has marked by itself is no wish of the user.
 void unit_list::tell_selection() {
   if (marking_) return;
-  const QModelIndexList lines = table_->selectionModel()->selectedRows();
-  const auto cluster = [&](int i) {
-    return model_->cluster_at(proxy_of(table_)->mapToSource(lines[i]).row());
-  };
-  if (lines.size() == 1) emit chosen(cluster(0));
-  if (lines.size() == 2) {
+  const std::vector<std::int32_t> clusters = selected();
+  if (clusters.size() == 1) emit chosen(clusters[0]);
+  if (clusters.size() == 2) {
     // Pairs are known by the lower number first, in whichever order the lines were pressed.
-    const auto [a, b] = std::minmax({cluster(0), cluster(1)});
+    const auto [a, b] = std::minmax({clusters[0], clusters[1]});
     emit pair_chosen(a, b);
   }
 }

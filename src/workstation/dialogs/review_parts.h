@@ -58,11 +58,13 @@ void show_key_page(workstation& w, QWidget* parent);
 
 // ---------------------------------------------------------------- clusters
 
-// make_unit_table with the refractory violations.
-std::vector<unit_row> make_review_units(const session_state& session);
+// make_unit_table with the refractory violations and, while a list shows them, the figures of
+// quality: those of the clusters that an edit has changed are measured anew. On the worker.
+std::vector<unit_row> make_review_units(workstation& w, const session_state& session);
 
 // The units of a sort: sorts by any column, filtered by text over all of them; one or two
-// selected. Rows are those of make_review_units.
+// selected. Rows are those of make_review_units; those of quality are on a switch, which all lists
+// share from run to run.
 class unit_list : public QWidget {
   Q_OBJECT
 
@@ -80,6 +82,9 @@ class unit_list : public QWidget {
 
  private:
   void tell_selection();
+  void show_quality(bool shown);
+  void measure_quality_now();
+  std::vector<std::int32_t> selected() const;
 
   workstation& w_;
   unit_model* model_;

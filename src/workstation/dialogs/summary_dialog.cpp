@@ -528,6 +528,10 @@ void sorting_summary_command(workstation& w) {
   layout->addWidget(limits_box(s));
   layout->addWidget(buttons);
   dialog->setMinimumWidth(name_width);
+  // While the first figures are counted it is off, and the focus goes to the next button, which
+  // must not become what Return presses.
+  done->setDefault(true);
+  keys->setAutoDefault(false);
   dialog->disabled_while_running << done;
   QObject::connect(done, &QPushButton::clicked, dialog, &QDialog::accept);
   QObject::connect(keys, &QPushButton::clicked, dialog, [&w, dialog] { show_key_page(w, dialog); });

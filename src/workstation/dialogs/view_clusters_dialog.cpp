@@ -80,7 +80,7 @@ void run_tool(const shared_view& v, tool routine) {
       [v, routine = std::move(routine), words](session_state& session) {
         *words = routine(session);
         v->labels = count_labels(session);
-        v->units = make_review_units(session);
+        v->units = make_review_units(v->w, session);
       },
       [v, words] {
         const bool stopped = v->w.session.operation.autosort_interrupt;
@@ -536,9 +536,9 @@ void view_clusters_command(workstation& w) {
   const auto units = std::make_shared<std::vector<unit_row>>();
   run_with_progress(
       w, "view_clusters_progress", cluster_review_title,
-      [ready, units](session_state& session) {
+      [&w, ready, units](session_state& session) {
         *ready = begin_cluster_review(session);
-        if (*ready) *units = make_review_units(session);
+        if (*ready) *units = make_review_units(w, session);
       },
       [&w, ready, units] {
         if (*ready) open_view(w, std::move(*units));
