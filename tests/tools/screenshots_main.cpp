@@ -7,6 +7,7 @@
 // longest time for which the interface thread has not turned, and prints it.
 #include <QAction>
 #include <QApplication>
+#include <QCheckBox>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
@@ -27,6 +28,7 @@
 #include "support/hdf_fixture.h"
 #include "support/small_session.h"
 #include "workstation/commands/commands.h"
+#include "workstation/commands/menu_table.h"
 #include "workstation/dialogs/messages_dialog.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/program_options.h"
@@ -136,6 +138,45 @@ void take_review(driven_workstation& w) {
       w.shell, [](session_state& session) { label_unit(session, 1, unit_label::good); }, nullptr);
   w.settle();
   take_dialog(w, "history", "history_dialog");
+}
+
+// The dialogs of the analysis beside what they plot, and the quality of units in both lists.
+void take_analysis(driven_workstation& w) {
+  close_graphs(w.shell);
+  keep_wish(program_option::research_tools, true);
+  show_full_entries(w.shell);
+  w.choose_entry("amplitude_distribution");
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  w.tick(dialog, "all_channels", true);
+  w.tick(dialog, "log_scaling", true);
+  w.press(dialog, "graph");
+  w.settle();
+  take("amplitude_dialog");
+  dialog->close();
+  w.settle();
+  close_graphs(w.shell);
+  take_dialog(w, "isi_height", "interval_heights_dialog");
+  close_graphs(w.shell);
+  w.choose_entry("sorting_statistics");
+  dialog = w.dialog("summary_dialog");
+  w.settle();
+  w.control<QCheckBox>(dialog, "quality_columns")->click();
+  w.settle();
+  take("quality_of_units");
+  take_alone(dialog, "quality_of_units");
+  w.control<QCheckBox>(dialog, "quality_columns")->click();
+  w.settle();
+  dialog->close();
+  w.choose_entry("view_clusters");
+  dialog = w.dialog("view_clusters_dialog");
+  w.settle();
+  w.control<QCheckBox>(dialog, "unit_quality")->click();
+  w.settle();
+  take("quality_in_review");
+  w.control<QCheckBox>(dialog, "unit_quality")->click();
+  dialog->close();
+  w.settle();
+  close_graphs(w.shell);
 }
 
 // The walk through a container file: a stream of channels, and the dataset in it.
@@ -264,6 +305,7 @@ int main(int argc, char** argv) {
   for (const auto& [entry, name] : dialogs) take_dialog(w, entry, name);
   w.settle();
   take_review(w);
+  take_analysis(w);
   longest = 0;
   take_running_sort(w);
   std::printf("longest turn while sorting, pictures included: %lld ms\n",

@@ -90,7 +90,7 @@ QGroupBox* figures_box(distribution_window& d) {
     value->setToolTip(cell.tip);
     value->setTextInteractionFlags(Qt::TextSelectableByMouse);
     // So that nothing moves when numbers come.
-    value->setMinimumWidth(value->fontMetrics().horizontalAdvance("-123.45 µV"));
+    value->setMinimumWidth(value->fontMetrics().horizontalAdvance("-0.0000 /µV "));
     auto* label = new QLabel(cell.label);
     label->setToolTip(cell.tip);
     grid->addWidget(label, cell.row, 2 * cell.column);

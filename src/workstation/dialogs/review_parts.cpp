@@ -444,7 +444,12 @@ unit_list::unit_list(workstation& of)
           [this](const QString& text) { proxy_of(table_)->setFilterFixedString(text); });
   connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, this,
           [this] { tell_selection(); });
-  // Before the dialog counts its first rows.
+  // Behind number and label, so that they are in sight in the narrow column of a dialog.
+  int place = 2;
+  for (int i = 0; i < static_cast<int>(std::size(columns)); ++i) {
+    QHeaderView* header = table_->horizontalHeader();
+    if (columns[i].of_quality) header->moveSection(header->visualIndex(i), place++);
+  }
   quality->setChecked(QSettings().value(quality_key, false).toBool());
   show_quality(quality->isChecked());
   connect(quality, &QCheckBox::clicked, this, [this](bool shown) {
