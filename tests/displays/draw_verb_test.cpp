@@ -198,8 +198,8 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
     arguments.insert(arguments.end(), more.begin(), more.end());
     return run_process(KESTRELVANE_BATCH, arguments);
   };
-  for (const char* view :
-       {"waveforms", "components", "templates", "correlograms", "heights", "spikes"}) {
+  for (const char* view : {"waveforms", "components", "templates", "correlograms", "isi-heights",
+                           "heights", "spikes"}) {
     for (const char* name : {"c.png", "c.svg", "c.pdf"}) {
       const process_result result =
           draw({"--view", view, "--clusters", "1,2", "--out", folder.file(name)});
@@ -236,6 +236,13 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
   const std::string image = folder.file("acf.png");
   EXPECT_EQ(draw({"--view", "acf-time", "--clusters", "2", "--out", image}).status, 0);
   EXPECT_GT(dark_pixels(QImage(QString::fromStdString(image))), 500 * 400 / 3);
+  // The distribution of all channels, as a picture and as its numbers.
+  ASSERT_EQ(draw({"--view", "amplitudes", "--out", image}).status, 0);
+  EXPECT_GT(dark_pixels(QImage(QString::fromStdString(image))), 100);
+  ASSERT_EQ(draw({"--view", "amplitudes", "--out", folder.file("a.csv")}).status, 0);
+  const std::vector<char> numbers = read_bytes(folder.file("a.csv"));
+  EXPECT_TRUE(std::string(numbers.begin(), numbers.end()).starts_with("counts Voltage (µV),"));
+  EXPECT_EQ(draw({"--view", "amplitudes", "--clusters", "1", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--clusters", "1,2", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--view", "heights", "--clusters", "1", "--density", "--out", out}).status, 2);
   EXPECT_FALSE(QFile::exists(QString::fromStdString(out)));

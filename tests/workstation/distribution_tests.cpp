@@ -92,6 +92,23 @@ TEST(AmplitudeDialog, ChoicesFollowTheRowAndReachTheGraph) {
   EXPECT_TRUE(w.told.contains("Done it"));
 }
 
+TEST(AmplitudeDialog, StopEndsOneRunAlone) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.choose_entry("amplitude_distribution");
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  // Raised as "Stop" does, at the first poll.
+  w.session->operation.interrupt_at_poll = w.session->operation.polls + 1;
+  w.press(dialog, "graph");
+  w.settle();
+  EXPECT_EQ(w.shell.amplitudes, nullptr) << "nothing was counted to its end";
+  w.session->operation.interrupt_at_poll = -1;
+  w.press(dialog, "graph");
+  w.settle();
+  ASSERT_NE(w.shell.amplitudes, nullptr);
+  EXPECT_GT(w.shell.amplitudes->analysis.values.histogram.n_values, 0);
+}
+
 TEST(AmplitudeDialog, TagsAndTestDataChangeWhatIsCounted) {
   const temporary_directory home;
   full_workstation w(home.path);

@@ -123,7 +123,7 @@ amplitude_request request_of(const distribution_window& d) {
   request.masked = d.masked->isChecked();
   request.correct_truncation = d.truncation->isChecked();
   request.double_gaussian = d.second->isChecked();
-  request.add_events = d.events->isChecked();
+  request.add_events = d.events->isEnabled() && d.events->isChecked();
   if (!d.use_only->isChecked()) return request;
   for (const tagged_stretch& s : d.stretches) {
     if (QString::fromStdString(s.tag) == d.tag->currentData().toString()) {
@@ -133,13 +133,23 @@ amplitude_request request_of(const distribution_window& d) {
   return request;
 }
 
+// "Stop" must not reach what comes after, nor an earlier one this.
+void run_anew(const shared_distribution& d, session_routine routine,
+              std::function<void()> finished) {
+  set_interrupts(d->w.session.operation, false);
+  d->dialog->run(std::move(routine), [d, finished = std::move(finished)] {
+    set_interrupts(d->w.session.operation, false);
+    finished();
+  });
+}
+
 void make_graph(const shared_distribution& d) {
   const auto analysis = std::make_shared<amplitude_analysis>();
   const auto done = std::make_shared<bool>(false);
   const amplitude_request request = request_of(*d);
   d->bar->setValue(0);
-  d->dialog->run(
-      [=](session_state& session) { *done = analyse_amplitudes(session, request, *analysis); },
+  run_anew(
+      d, [=](session_state& session) { *done = analyse_amplitudes(session, request, *analysis); },
       [d, analysis, done] {
         // Refused or interrupted: what is shown stays.
         if (!*done) return;
@@ -164,6 +174,7 @@ void enable_choices(const distribution_window& d) {
   d.unit->setEnabled(row.of_unit && d.w.session.clusters.n_clusters > 0);
   d.masked->setEnabled(row.of_samples && source != ea_events && source != ea_unit);
   d.truncation->setEnabled(row.of_samples || source == ea_lfp);
+  d.events->setEnabled(source != ea_formula && source != ea_lfp);
   d.use_only->setEnabled(row.of_samples && !d.stretches.empty());
   d.tag->setEnabled(d.use_only->isEnabled());
 }
@@ -366,7 +377,8 @@ void export_file(const shared_distribution& d) {
   int chosen = 0;
   while (!d->files[chosen]->isChecked()) ++chosen;
   const auto state = d->state;
-  d->dialog->run(
+  run_anew(
+      d,
       [state, chosen](session_state& session) {
         // Beside the recording and by its name, which the user may change.
         std::string path = replace_extension(session.recording.recording_path, "") +
