@@ -172,6 +172,26 @@ TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
   w.press(dialog, "done");
 }
 
+TEST(FullMenu, MatricesGoWhereTheUserSaysAndAbsentPotentialsAreSaid) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  const std::pair<const char*, const char*> exports[] = {{"event_noise", "units.npy"},
+                                                         {"feature_export", "clusters.npy"}};
+  for (const auto& [entry, last] : exports) {
+    const QString folder = QString::fromStdString(home.file(entry));
+    w.told.clear();
+    w.choose_entry(entry);
+    w.settle(true, {folder});
+    EXPECT_TRUE(QFile::exists(folder + '/' + last)) << entry;
+    EXPECT_EQ(w.told.size(), 1) << entry;
+  }
+  w.told.clear();
+  w.choose_entry("lfp_export");
+  w.settle(true, {QString::fromStdString(home.file("lfp.tsf"))});
+  EXPECT_EQ(w.told, QStringList{"There are no LFP values in memory"});
+  EXPECT_FALSE(QFile::exists(QString::fromStdString(home.file("lfp.tsf"))));
+}
+
 TEST(UnitList, QualityIsOnASwitchAndFollowsEdits) {
   const temporary_directory home;
   full_workstation w(home.path);
