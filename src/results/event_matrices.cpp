@@ -38,17 +38,6 @@ bool write_numbers(const std::string& path, const std::vector<std::int32_t>& num
   return write_npy(path, "<i4", {static_cast<std::int64_t>(numbers.size())}, numbers);
 }
 
-// False, with words, without clusters or with templates that waveforms cannot be compared with.
-bool has_matrices(const session_state& session) {
-  if (session.clusters.n_clusters == 0) {
-    tell(session, "There are no clusters to export", title);
-    return false;
-  }
-  if (!templates_are_outdated(session)) return true;
-  tell(session, "Templates are those of another spike window: recalculate them first", title);
-  return false;
-}
-
 // What another sort has left there would be mixed with this one's.
 bool may_fill(const session_state& session, const std::string& folder, const char* last) {
   return !file_exists(folder + last) ||
@@ -177,6 +166,16 @@ bool goes_on(const session_state& session, std::int32_t item, std::int32_t n) {
 }
 
 }  // namespace
+
+bool has_matrices(const session_state& session) {
+  if (session.clusters.n_clusters == 0) {
+    tell(session, "There are no clusters to export", title);
+    return false;
+  }
+  if (!templates_are_outdated(session)) return true;
+  tell(session, "Templates are those of another spike window: recalculate them first", title);
+  return false;
+}
 
 bool write_event_noise(const session_state& session, const std::string& folder) {
   if (!has_matrices(session) || !may_fill(session, folder, "/units.npy")) return false;

@@ -11,6 +11,9 @@
 
 namespace kestrelvane {
 
+// False, after a box, without clusters, or with templates that waveforms cannot be compared with.
+bool has_matrices(const session_state& session);
+
 // The noise round the events: their waveforms less the template, at sub-sample alignment, µV. Of
 // each unit N that has any:
 //

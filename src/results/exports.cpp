@@ -58,11 +58,11 @@ constexpr export_format formats[] = {
   {"quality", "Quality of units (.csv)", "_quality.csv",
    "Comma separated text file (*.CSV)", {}, write_quality_csv},
   {"noise", "Event noise", "_noise", "Folder of .npy files(*)", {}, write_event_noise,
-   nullptr, false, file_type_unknown, true},
+   nullptr, false, file_type_unknown, has_matrices},
   {"features", "Feature matrices", "_features", "Folder of .npy files(*)", {},
-   write_feature_matrices, nullptr, false, file_type_unknown, true},
+   write_feature_matrices, nullptr, false, file_type_unknown, has_matrices},
   {"lfp", "LFP values (.tsf)", "_lfp.tsf", "TSF format (*.TSF)", {}, write_lfp_tsf,
-   nullptr, false, file_type_unknown, true},
+   nullptr, false, file_type_unknown, has_lfp},
 };
 // clang-format on
 
@@ -229,7 +229,7 @@ bool export_sorted_spikes_dialog(session_state& session, const export_format& fo
 }
 
 bool export_from_full_menu(const session_state& session, const export_format& format) {
-  if (!export_is_possible(session, format)) return false;
+  if (!export_is_possible(session, format) || !format.in_full_menu(session)) return false;
   std::string path = replace_extension(session.recording.recording_path, format.extension);
   if (!choose_file_to_save(session, format.label, format.filter, path)) return false;
   return format.write(session, path);

@@ -37,8 +37,9 @@ struct export_format {
   bool in_time_indices = false;
   // Recordings of this type may be written over: the file keeps all that it holds besides.
   std::int32_t rewrites = file_type_unknown;
-  // Not in the list: it has an entry of its own in the full menu.
-  bool in_full_menu = false;
+  // Not in the list: it has an entry of its own in the full menu. False, after saying why, when
+  // there is nothing to write; asked before the user is for a name.
+  bool (*in_full_menu)(const session_state& session) = nullptr;
 };
 
 // True when the recording in memory is of the type that the format writes anew.

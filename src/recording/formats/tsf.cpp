@@ -441,6 +441,8 @@ bool write_tsf(const session_state& session, const std::string& path) {
 
 namespace {
 
+constexpr const char* lfp_title = "Export LFP values";
+
 struct lfp_channels {
   std::vector<std::size_t> channels;  // numbers in the store, from 0
   std::size_t n_samples = 0;          // that all of them have
@@ -496,14 +498,17 @@ void write_lfp_samples(const lfp_store& lfp, const lfp_channels& list, safe_file
 
 }  // namespace
 
+bool has_lfp(const session_state& session) {
+  const lfp_store& lfp = session.recording.stimulus.lfp;
+  if (lfp.n_lfp_samples > 0 && lfp.sampling_frequency_LFP > 0) return true;
+  tell(session, "There are no LFP values in memory", lfp_title, box_icon::warning);
+  return false;
+}
+
 bool write_lfp_tsf(const session_state& session, const std::string& path) {
-  constexpr const char* title = "Export LFP values";
+  if (!has_lfp(session)) return false;
   const lfp_store& lfp = session.recording.stimulus.lfp;
   const lfp_channels list = list_lfp(session);
-  if (list.channels.empty() || lfp.sampling_frequency_LFP <= 0) {
-    tell(session, "There are no LFP values in memory", title, box_icon::warning);
-    return false;
-  }
   safe_file out;
   if (open_safe_file(out, path)) {
     log_message(session, "Saving .tsf file iformat=1002");
@@ -518,10 +523,10 @@ bool write_lfp_tsf(const session_state& session, const std::string& path) {
     write_value(out, std::int32_t{0});  // events
   }
   if (!finish_safe_file(out)) {
-    tell(session, "Error saving .tsf data " + why_not_saved(path), title);
+    tell(session, "Error saving .tsf data " + why_not_saved(path), lfp_title);
     return false;
   }
-  tell(session, fmt::format("{} LFP channels saved", list.channels.size()), title,
+  tell(session, fmt::format("{} LFP channels saved", list.channels.size()), lfp_title,
        box_icon::information);
   return true;
 }

@@ -35,6 +35,7 @@ bool write_tsf(const session_state& session, const std::string& path);
 // that has values, at the place of the site it taps, all at the rate and in the scale of the first
 // and as long as the shortest; those of another rate are left out and logged. False, with a box,
 // without any, or when the file cannot be written.
+bool has_lfp(const session_state& session);  // says so otherwise
 bool write_lfp_tsf(const session_state& session, const std::string& path);
 
 }  // namespace kestrelvane
