@@ -39,7 +39,6 @@ void autocorrelation_time_command(workstation& w);
 // --- Sort, Review (process_commands.cpp)
 void convert_channels_command(workstation& w);
 void recalculate_templates_command(workstation& w);
-void not_available_command(workstation& w, const QString& what);
 
 // --- Help (help_commands.cpp)
 void getting_started_command(workstation& w);

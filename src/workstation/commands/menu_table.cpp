@@ -18,18 +18,6 @@ namespace kestrelvane {
 
 namespace {
 
-// Entries whose windows come with a later version say so.
-template <const char* what>
-void later(workstation& w) {
-  not_available_command(w, what);
-}
-
-#define LATER(routine, text)              \
-  constexpr char routine##_text[] = text; \
-  constexpr auto routine = later<routine##_text>
-
-#undef LATER
-
 constexpr bool both = false, full = true, separator = true, none = false;
 
 // clang-format off

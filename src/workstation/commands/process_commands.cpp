@@ -22,8 +22,4 @@ void recalculate_templates_command(workstation& w) {
       [](session_state& session) { recalculate_all_templates(session); }, nullptr);
 }
 
-void not_available_command(workstation& w, const QString& what) {
-  show_message(w, what + " is not available in this version.", "Kestrelvane");
-}
-
 }  // namespace kestrelvane
