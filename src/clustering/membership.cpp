@@ -134,7 +134,7 @@ void clear_cluster_record(session_state& session, std::int32_t cluster) {
   clusters.cluster_signed_off[cluster] = false;
   clusters.cluster_tag[cluster] = 0;
   clusters.cluster_label[cluster] = unit_label::unsorted;
-  clusters.cluster_source[cluster] = 0;
+  clusters.cluster_source[cluster] = clusters.cluster_proposal[cluster] = 0;
   clusters.cluster_comment[cluster].blank();
   // cluster_sigma is left alone: it belongs to the number and not to the cluster.
   clusters.cluster_reserved[cluster] = 0.0f;

@@ -31,7 +31,37 @@ float rank_of_pair(const status_lists_table& lists, std::int64_t k, std::int32_t
   }
 }
 
+std::int64_t count_proposals(const session_state& session) {
+  return static_cast<std::int64_t>(session.clusters.proposal_reasons.size());
+}
+
+// Measures keep the pieces of a unit apart that lie far from each other, and the user alone can
+// say that they are not one.
+std::int64_t next_proposal(const session_state& session) {
+  const cluster_table& clusters = session.clusters;
+  const status_lists_table& lists = session.lists;
+  const std::int32_t n = clusters.n_clusters;
+  if (count_proposals(session) == 0 || lists.n_kv_pairs == 0) return 0;
+  for (std::int32_t a = 1; a <= n; ++a) {
+    for (std::int32_t b = a + 1; b <= n && clusters.cluster_proposal[a] > 0; ++b) {
+      if (clusters.cluster_proposal[a] != clusters.cluster_proposal[b]) continue;
+      const std::int64_t k = pair_index(n, a, b);
+      if (!lists.kv_user_ambiguous[k] && !lists.kv_user_distinct[k]) return k;
+    }
+  }
+  return 0;
+}
+
 }  // namespace
+
+std::string proposal_of(const session_state& session, cluster_pair pair) {
+  const cluster_table& clusters = session.clusters;
+  if (pair.a < 1 || pair.b < 1) return "";
+  const std::int32_t number = clusters.cluster_proposal[pair.a];
+  const bool proposed = number > 0 && number == clusters.cluster_proposal[pair.b] &&
+                        number <= count_proposals(session);
+  return proposed ? clusters.proposal_reasons[static_cast<std::size_t>(number - 1)] : "";
+}
 
 guided_search guided_next_pair(const session_state& session, std::int32_t search_order) {
   const status_lists_table& lists = session.lists;
@@ -49,6 +79,11 @@ guided_search guided_next_pair(const session_state& session, std::int32_t search
       search.k = k;
     }
   }
+  const std::int64_t proposed = next_proposal(session);
+  if (proposed == 0) return search;
+  // One that the measures keep apart is not among those that were counted.
+  search.pairs_left += pair_is_distinct(session, proposed);
+  search.k = proposed;
   return search;
 }
 

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "review/pair_split.h"
 #include "review/pair_values.h"
@@ -63,7 +64,10 @@ struct guided_search {
   std::int64_t k = 0;
   std::int32_t pairs_left = 0;
 };
+// Pairs that the template pass has proposed come before all others.
 guided_search guided_next_pair(const session_state& session, std::int32_t search_order);
+// Why a pair was proposed; empty: it was not.
+std::string proposal_of(const session_state& session, cluster_pair pair);
 
 // Guards, lists if there are none, templates if the window has changed; shows the first pair.
 // finished, after a box: the dialog does not open.

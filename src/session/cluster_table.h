@@ -7,6 +7,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "numerics/table.h"
 #include "session/limits.h"
@@ -53,6 +55,11 @@ struct cluster_table {
   // The cluster that an edit of this session cut it off from, by the number that one had then;
   // 0: none did. Not saved.
   table<std::int32_t> cluster_source;
+  // Two clusters of one number here are proposed to Guided Merge, for the reason of that number
+  // (from 1); 0: none is. Not saved.
+  table<std::int32_t> cluster_proposal;
+
+  std::vector<std::string> proposal_reasons;  // of cluster_proposal, element 0 of number 1
 
   // Stays at its number when clusters move.
   table<float> cluster_sigma;         // µV, bandwidth at sign-off
@@ -76,6 +83,7 @@ void for_each_moving_column(Visit&& visit, Tables&... of) {
   visit(of.cluster_tag...);
   visit(of.cluster_label...);
   visit(of.cluster_source...);
+  visit(of.cluster_proposal...);
 }
 
 // Calls visit for each column of a cluster.
@@ -118,6 +126,7 @@ inline bool has_unit_labels(const cluster_table& clusters) {
 inline void clear_cluster_table(cluster_table& clusters) {
   clusters.n_clusters = clusters.current_cluster = clusters.previous_cluster = 0;
   for_each_column([](auto& column) { column.clear(); }, clusters);
+  clusters.proposal_reasons.clear();
   for_each_legacy_table([](auto& legacy, std::int64_t) { legacy.clear(); }, clusters);
 }
 

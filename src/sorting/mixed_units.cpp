@@ -352,7 +352,9 @@ bool find_mixture(const session_state& session, const noise_covariance& noise,
   rows spikes(n);
   std::vector<double> mean(l.size());
   for (std::size_t i = 0; i < n; ++i) {
-    spikes[i] = whitened(session, noise, crowd, l, places[i * places.size() / n]);
+    // Evenly, but not in step with anything: two neurons may take turns.
+    const std::size_t at = i * places.size() / n + i * i % (places.size() / n);
+    spikes[i] = whitened(session, noise, crowd, l, places[std::min(at, places.size() - 1)]);
     for (std::size_t k = 0; k < mean.size(); ++k) {
       mean[k] += spikes[i][k] / static_cast<double>(n);
     }

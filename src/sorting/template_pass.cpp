@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <tuple>
+#include <type_traits>
 
 #include "clustering/membership.h"
 #include "clustering/templates.h"
@@ -345,7 +346,14 @@ void join_levels(sweep& s) {
   }
 }
 
-void join_hand_overs(sweep& s) {
+// Of pairs that may be one unit and were left to the user.
+struct proposal {
+  std::int32_t earlier, later;  // units
+  std::string why;
+};
+
+std::vector<proposal> join_hand_overs(sweep& s) {
+  std::vector<proposal> left;
   float shift = 0;
   const std::vector<hand_over> pairs =
       find_hand_overs(s.session, s.noise, s.rules, s.units, s.n_segments, shift);
@@ -361,8 +369,10 @@ void join_hand_overs(sweep& s) {
     } else {
       note(s, fmt::format("see whether units {} and {} are one: {}", s.units[p.earlier].cluster,
                           s.units[p.later].cluster, why));
+      left.push_back({p.earlier, p.later, why});
     }
   }
+  return left;
 }
 
 // ---------------------------------------------------------------- the new sort
@@ -454,7 +464,45 @@ void report(const sweep& s, std::int32_t n_before, const std::vector<new_event>&
                   n_after, reclaimed, std::max(0, n_before + reclaimed - n_after)));
 }
 
-void take_over(sweep& s) {
+// Each cluster in one proposal at most, that of the pair most alike.
+void propose(session_state& session, const std::vector<std::int32_t>& kept,
+             const std::vector<proposal>& proposals) {
+  cluster_table& clusters = session.clusters;
+  const auto cluster_of = [&](std::int32_t unit) {
+    const auto at = std::find(kept.begin(), kept.end(), unit);
+    return at == kept.end() ? 0 : static_cast<std::int32_t>(at - kept.begin()) + 1;
+  };
+  clusters.cluster_proposal.clear();
+  clusters.proposal_reasons.clear();
+  for (const proposal& p : proposals) {
+    const std::int32_t a = cluster_of(p.earlier), b = cluster_of(p.later);
+    if (a == 0 || b == 0 || clusters.cluster_proposal[a] > 0 || clusters.cluster_proposal[b] > 0) {
+      continue;
+    }
+    clusters.proposal_reasons.push_back(p.why);
+    clusters.cluster_proposal[a] = clusters.cluster_proposal[b] =
+        static_cast<std::int32_t>(clusters.proposal_reasons.size());
+  }
+}
+
+// What stood with a unit's cluster stands with its new number; both pieces of one have it.
+void move_records(sweep& s, const std::vector<std::int32_t>& kept) {
+  cluster_table& clusters = s.session.clusters;
+  for_each_moving_column(
+      [&](auto& column) {
+        typedef std::remove_reference_t<decltype(column[1])> value;
+        std::vector<value> values;
+        for (const std::int32_t u : kept) values.push_back(column[s.units[u].cluster]);
+        for (std::size_t i = 0; i < values.size(); ++i) {
+          column[static_cast<std::int64_t>(i) + 1] = values[i];
+        }
+      },
+      clusters);
+  clusters.n_clusters = static_cast<std::int32_t>(kept.size());
+  clusters.current_cluster = kept.empty() ? 0 : 1;
+}
+
+void take_over(sweep& s, const std::vector<proposal>& proposals) {
   session_state& session = s.session;
   std::vector<std::int32_t> kept;
   for (std::size_t u = 0; u < s.units.size(); ++u) {
@@ -472,14 +520,8 @@ void take_over(sweep& s) {
   cluster_change change = begin_change(session, cluster_change_kind::rebuilt);
   session.lists.n_kv_pairs = 0;
   write_events(session, events);
-  cluster_table& clusters = session.clusters;
-  for (std::size_t i = 0; i < kept.size(); ++i) {
-    const auto to = static_cast<std::int64_t>(i) + 1;
-    for_each_moving_column([&](auto& column) { column[to] = column[s.units[kept[i]].cluster]; },
-                           clusters);
-  }
-  clusters.n_clusters = static_cast<std::int32_t>(kept.size());
-  clusters.current_cluster = kept.empty() ? 0 : 1;
+  move_records(s, kept);
+  propose(session, kept, proposals);
   calculate_all_templates(session);
   change.after = all_clusters(session);
   end_change(session, change);
@@ -515,8 +557,7 @@ template_pass_end run_template_pass(session_state& session) {
   split_mixtures(s);
   drop_shadows(s);
   join_levels(s);
-  join_hand_overs(s);
-  take_over(s);
+  take_over(s, join_hand_overs(s));
   return template_pass_end::done;
 }
 

@@ -118,6 +118,26 @@ TEST_F(guided_test, the_order_decides_and_ties_take_the_first) {
       << "what is not a number comes last, but it comes";
 }
 
+TEST_F(guided_test, what_the_template_pass_proposes_comes_first) {
+  put_pair(2, 3, 0.9f);
+  session->clusters.proposal_reasons = {"in turn", "in turn, too"};
+  session->clusters.cluster_proposal[4] = session->clusters.cluster_proposal[6] = 2;
+  session->clusters.cluster_proposal[1] = 1;  // its other cluster is gone
+  ASSERT_EQ(begin_guided_merge(*session, walk), guided_step::decide);
+  // Its templates do not overlap, so that no measure would have brought it up.
+  expect_on_show(4, 6);
+  EXPECT_EQ(proposal_of(*session, walk.pair), "in turn, too");
+  EXPECT_EQ(walk.pairs_left, 2);
+  ASSERT_EQ(decide_pair(*session, walk, guided_ambiguous), guided_step::decide);
+  expect_on_show(2, 3);
+  EXPECT_EQ(proposal_of(*session, walk.pair), "");
+  ASSERT_EQ(decide_pair(*session, walk, guided_undo), guided_step::decide);
+  expect_on_show(4, 6);
+  ASSERT_EQ(decide_pair(*session, walk, guided_merge), guided_step::decide);
+  expect_on_show(2, 3);
+  expect_consistent();
+}
+
 TEST_F(guided_test, marks_lead_on_until_all_are_settled) {
   put_pair(2, 3, 0.9f);
   put_pair(1, 4, 0.5f);

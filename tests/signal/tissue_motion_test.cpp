@@ -181,7 +181,7 @@ TEST(TissueMotion, NeedsSitesThatLieClose) {
   EXPECT_FALSE(can_follow_motion(*few));
 }
 
-// Twelve cells, the tissue 12 µm higher from half time on.
+// Twelve cells, the tissue 30 µm higher from half time on.
 void make_jump(session_state& session) {
   constexpr std::int32_t seconds = 40;
   make_probe(session, 32, seconds);
@@ -189,11 +189,11 @@ void make_jump(session_state& session) {
   std::vector<source> cells;
   for (int i = 0; i < 12; ++i) {
     cells.push_back(
-        {15 + 40 * part_of(random), 30 + 22.0 * i, 12 + 8 * part_of(random), 200 + 20.0 * i});
+        {15 + 40 * part_of(random), 30 + 22.0 * i, 24 + 8 * part_of(random), 300 + 20.0 * i});
   }
   for (std::int32_t i = 0; i < seconds * 100 - 1; ++i) {
     const std::int32_t t = 60 + 100 * i;
-    plant(session, cells[random.next() % 12], t < 20 * frequency ? 0 : 12, t);
+    plant(session, cells[static_cast<std::size_t>(i) % 12], t < 20 * frequency ? 0 : 30, t);
   }
   compute_noise(session);
 }
@@ -231,10 +231,10 @@ TEST(TissueMotion, ChannelsFollowTheTissueInTheSameBitsEachTime) {
                                          s->recording.vd.channel(9) + 1 + s->recording.n_samples);
   s->filter.do_correct_motion = true;
   ASSERT_TRUE(run_filter_steps(*s));
-  EXPECT_NEAR(s->recording.motion.range, 12, 3);
+  EXPECT_NEAR(s->recording.motion.range, 30, 3);
   EXPECT_TRUE(s->recording.motion.corrected);
-  EXPECT_TRUE(s.user.logged("moves by 1"));
-  EXPECT_LT(difference(profile(*s, 2, 18), profile(*s, 22, 38)), 0.35 * before);
+  EXPECT_TRUE(s.user.logged("moves by "));
+  EXPECT_LT(difference(profile(*s, 2, 18), profile(*s, 22, 38)), 0.4 * before);
   EXPECT_TRUE(std::equal(masked.begin(), masked.end(), s->recording.vd.channel(9) + 1));
 
   // A work file has the history alone.

@@ -223,7 +223,7 @@ std::int32_t clusters_of_mixture(const planted_cell& a, const planted_cell& b, d
 }
 
 TEST(TemplatePass, TellsTwoNeuronsInOneClusterApartButNotOneThatVaries) {
-  const planted_cell cell{4, 200}, other{4, 200, 4, 0.75}, smaller{4, 150};
+  const planted_cell cell{4, 130}, other{4, 130, 4, 0.74}, smaller{4, 100};
   EXPECT_EQ(clusters_of_mixture(cell, other, 0), 2) << "two places";
   EXPECT_EQ(clusters_of_mixture(cell, smaller, 0), 1) << "two sizes";
   EXPECT_EQ(clusters_of_mixture(cell, other, 150), 1) << "the second spike of a burst";

@@ -106,6 +106,11 @@ void show_step(const shared_guided& g) {
   g->list->show_rows(g->units);
   g->list->mark(g->values.a, g->values.b);
   g->message->setText("What do you want to do?");
+  const std::string proposal = proposal_of(g->w.session, g->walk.pair);
+  if (!proposal.empty()) {
+    g->message->setText("The template pass asks whether these are one: " +
+                        QString::fromStdString(proposal));
+  }
   if (g->step == guided_step::finished) {
     // Before the dialog goes, so that its windows return to the current cluster.
     forget_pair(g->w);
