@@ -1,9 +1,9 @@
 #include "session/session_state.h"
 
 #include <algorithm>
-#include <thread>
 
 #include "numerics/parallel.h"
+#include "numerics/processors.h"
 #include "session/interpolation_tables.h"
 #include "session/settings_table.h"
 
@@ -95,8 +95,7 @@ void start_session(session_state& session) {
   // thread differ from the workers, which have it set as they start.
   flush_denormals();
   session.n_cpus = 1;
-  set_thread_count(session,
-                   std::max(1, static_cast<std::int32_t>(std::thread::hardware_concurrency())));
+  set_thread_count(session, usable_processors());
   set_default_preferences(session);
   set_default_parameters(session);
   set_default_strategy(session);
