@@ -15,6 +15,10 @@
 #SBATCH --mem=16G
 #SBATCH --time=04:00:00
 #SBATCH --output=sorted/%x-%A_%a.out
+#SBATCH --open-mode=append
+# Two minutes before the time is over the sort is asked to stop, and keeps what it has finished.
+#SBATCH --signal=B:TERM@120
+#SBATCH --requeue
 set -eu
 
 list=$1
@@ -29,6 +33,26 @@ fi
 name=$(basename "$recording")
 out=sorted/$(printf '%03d' "$SLURM_ARRAY_TASK_ID")-${name%.*}
 mkdir -p sorted
-exec kestrelvane-batch sort "$recording" --skip-existing --threads "${SLURM_CPUS_PER_TASK:-1}" \
-  --save-work "$out.wrk" --export "csv=$out.csv" --export "nwb=$out.nwb" \
-  --report "$out.json" --log "$out.log" "$@"
+kestrelvane-batch sort "$recording" --skip-existing --threads "${SLURM_CPUS_PER_TASK:-1}" \
+  --resume --checkpoint --save-work "$out.wrk" --export "csv=$out.csv" --export "nwb=$out.nwb" \
+  --report "$out.json" --log "$out.log" "$@" &
+sort=$!
+stopped=no
+trap 'stopped=yes; kill -TERM "$sort"' TERM
+status=0
+wait "$sort" || status=$?
+# The signal ends the first wait and not the sort.
+if [ "$stopped" = yes ]; then
+  status=0
+  wait "$sort" || status=$?
+fi
+# Once more, after the last finished stage.
+if [ "$stopped" = yes ] && [ "$status" -ne 0 ]; then
+  scontrol requeue "${SLURM_ARRAY_JOB_ID}_$SLURM_ARRAY_TASK_ID" && exit 0
+fi
+# Without events there is a report and no sort: nothing that another try would mend.
+if [ "$status" -eq 3 ]; then
+  echo "No events: $recording"
+  exit 0
+fi
+exit "$status"

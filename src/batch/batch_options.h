@@ -34,6 +34,8 @@ struct batch_options {
   bool skip_detection = false;
   bool skip_clustering = false;
   std::string stop_after = "all";
+  bool checkpoint = false;    // what stages have finished is written as they do
+  bool resume = false;        // go on with what an earlier run has kept
   std::string answer = "no";  // to questions
   // --- what to write
   bool skip_existing = false;  // nothing is done when all of it is there

@@ -300,6 +300,13 @@ void warn_of_slow_waves(batch_session& batch) {
        box_icon::warning);
 }
 
+bool write_run_report(batch_session& batch) {
+  const std::string& path = batch.options.report;
+  if (path.empty() || write_report(*batch.session, batch.report, batch.units, path)) return true;
+  fail_batch(batch, "Failed to save file " + why_not_saved(path));
+  return false;
+}
+
 batch_status write_results(batch_session& batch) {
   session_state& session = *batch.session;
   const batch_options& options = batch.options;
@@ -315,11 +322,7 @@ batch_status write_results(batch_session& batch) {
     written &= export_sorted_spikes(session, *planned.format, planned.path, wanted);
   }
   end_timed_stage(batch.report.clock, session);
-  if (!options.report.empty() &&
-      !write_report(session, batch.report, batch.units, options.report)) {
-    fail_batch(batch, "Failed to save file " + why_not_saved(options.report));
-    written = false;
-  }
+  written &= write_run_report(batch);
   return written ? batch_status::done : batch_status::failed;
 }
 

@@ -13,6 +13,7 @@
 #include "batch/outputs.h"
 #include "batch/report.h"
 #include "operations/planned_filters.h"
+#include "operations/sort_keeper.h"
 #include "results/exports.h"
 #include "session/console_interface.h"
 #include "session/session_state.h"
@@ -20,7 +21,7 @@
 namespace kestrelvane {
 
 // Exit status of the program.
-enum class batch_status : int { done = 0, failed = 1, wrong_usage = 2 };
+enum class batch_status : int { done = 0, failed = 1, wrong_usage = 2, no_events = 3 };
 
 struct batch_session {
   batch_options options;
@@ -35,6 +36,7 @@ struct batch_session {
   std::vector<planned_filter> filters;
   const sort_preset* preset = nullptr;  // of --preset; null: none
   preset_hold hold;                     // what it has set
+  sort_keeper keeper;                   // of an unfinished sort
 };
 
 // Checks what can be checked without opening a recording, whether the outputs can be written
@@ -60,6 +62,10 @@ void warn_of_slow_waves(batch_session& batch);
 // Takes down the table of units, then writes the work file, the exports and the
 // report that were asked for. All are tried; failed when one could not be written.
 batch_status write_results(batch_session& batch);
+
+// The report alone, where it was asked for, of a run without results. False when it could not be
+// written.
+bool write_run_report(batch_session& batch);
 
 // Writes a result on standard output, after the bar has gone. Failed, with the reason on
 // standard error, when it could not be written.

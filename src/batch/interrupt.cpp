@@ -14,7 +14,11 @@ std::atomic<bool> pressed{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
 void on_interrupt(int) {
-  // Stores to lock-free atomics are all that a handler may do; the words are said by whoever polls.
+  // The second one, of whichever kind, ends the program in the system's own way.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  // Besides, stores to lock-free atomics are all that a handler may do; the words are said by
+  // whoever polls.
   pressed = true;
   long_operation_flags* flags = watched;
   // The press may come before there is a session, or after it has gone.
@@ -31,13 +35,17 @@ void catch_interrupt(session_state& session) {
   watched = &session.operation;
   struct sigaction action {};
   action.sa_handler = on_interrupt;
-  // The second time the system's own way holds; reads and writes go on.
-  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+  // Reads and writes go on. Neither interrupts the handler of the other.
+  action.sa_flags = SA_RESTART;
+  sigaddset(&action.sa_mask, SIGINT);
+  sigaddset(&action.sa_mask, SIGTERM);
   sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
 }
 
 void release_interrupt() {
   signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
   watched = nullptr;
 }
 

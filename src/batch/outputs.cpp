@@ -126,6 +126,7 @@ std::vector<named_place> name_outputs(const batch_options& options,
     add("the history beside --save-work:", curation_beginning_path(options.save_work));
   }
   add("--report", options.report);
+  add("the sort that --checkpoint and an interrupt keep,", partial_path(options, exports));
   for (const planned_export& planned : exports) {
     const std::string option = fmt::format("--export {}", planned.format->name);
     if (std::string_view(planned.format->name) == "txt") {
@@ -146,6 +147,13 @@ std::vector<named_place> name_outputs(const batch_options& options,
 }
 
 }  // namespace
+
+std::string partial_path(const batch_options& options, const std::vector<planned_export>& exports) {
+  const std::string& path =
+      !options.save_work.empty() || exports.empty() ? options.save_work : exports.front().path;
+  // A device has no place beside it.
+  return path.empty() || is_device(path) ? "" : replace_extension(path, ".partial.wrk");
+}
 
 std::vector<planned_output> list_outputs(const batch_options& options,
                                          const std::vector<planned_export>& exports) {

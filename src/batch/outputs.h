@@ -26,6 +26,10 @@ struct planned_output {
 std::vector<planned_output> list_outputs(const batch_options& options,
                                          const std::vector<planned_export>& exports);
 
+// NAME.partial.wrk, where an interrupted sort is kept: beside the work file that is asked for, or
+// else the first export. Empty when there are none.
+std::string partial_path(const batch_options& options, const std::vector<planned_export>& exports);
+
 // What is wrong with the files of a command line: a result would replace a file that is read, or
 // another result, under whatever path. beside_output: what the verb writes besides, without an
 // option of its own. Empty when nothing is.

@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "batch/interrupt.h"
 #include "batch/verbs.h"
+#include "files/safe_file.h"
 #include "operations/autosort.h"
 
 namespace kestrelvane {
@@ -40,27 +42,53 @@ batch_status print_units(batch_session& batch) {
   return print_result(batch, text);
 }
 
-// An interrupted run is saved as far as it came; one that stopped at a guard has
-// nothing to save.
+// Only a whole sort stands under the names that were asked for; of another there is what its last
+// finished stage has left.
+batch_status keep_interrupted(batch_session& batch) {
+  sort_keeper& keeper = batch.keeper;
+  // With --skip-existing the next run would take the report for that of the whole.
+  if (!batch.options.skip_existing) write_run_report(batch);
+  if (keeper.kept == kept_stage::none) {
+    return fail_batch(batch, "Interrupted. Nothing was saved: no stage had been finished");
+  }
+  if (!write_kept_sort(keeper)) {
+    return fail_batch(batch, "Interrupted. Failed to save file " + why_not_saved(keeper.path));
+  }
+  return fail_batch(batch, fmt::format("Interrupted. {} has the sort after {}; the same command "
+                                       "goes on there with --resume",
+                                       keeper.path, name_of(keeper.kept)));
+}
+
+// A run without events has its report, as it ran to its end; one that stopped at a guard has
+// nothing.
+batch_status end_without_sort(batch_session& batch) {
+  if (!batch.session->autosort.found_no_events) return batch_status::failed;
+  return write_run_report(batch) ? batch_status::no_events : batch_status::failed;
+}
+
+// A detection that was cut short leaves events, which are not all that there are.
+bool sort_is_whole(batch_session& batch) {
+  session_state& session = *batch.session;
+  return !interrupt_was_pressed() && autosort(session) &&
+         !(interrupt_was_pressed() && session.detector.detection_incomplete);
+}
+
 batch_status sort_recording(batch_session& batch) {
   session_state& session = *batch.session;
   session.autosort.stop_after = stop_of_name(batch.options.stop_after);
+  sort_keeper& keeper = batch.keeper;
+  if (!keeper.path.empty()) session.autosort.keeper = &keeper;
   if (!session.strategy.skip_event_detection) warn_of_slow_waves(batch);
-  batch.report.completed = !interrupt_was_pressed() && autosort(session);
+  batch.report.completed = sort_is_whole(batch);
+  session.autosort.keeper = nullptr;
   end_timed_stage(batch.report.clock, session);
   batch.report.interrupted = !batch.report.completed && interrupt_was_pressed();
-  // A run that found nothing has nothing to save.
-  if (!batch.report.completed && !batch.report.interrupted) return batch_status::failed;
-  // The next run would take what is half done for the whole.
-  if (batch.report.interrupted && batch.options.skip_existing) {
-    return fail_batch(batch,
-                      "Nothing was saved: the run was stopped, and the next one with "
-                      "--skip-existing would take it for done");
-  }
+  if (batch.report.interrupted) return keep_interrupted(batch);
+  if (!batch.report.completed) return end_without_sort(batch);
   const batch_status written = write_results(batch);
+  // What it was kept for is there.
+  if (written == batch_status::done && keeper.has_file) std::remove(keeper.path.c_str());
   const batch_status printed = print_units(batch);
-  // What an interrupted run has saved is not what was asked for.
-  if (!batch.report.completed) return batch_status::failed;
   return written == batch_status::done ? printed : written;
 }
 
@@ -88,6 +116,10 @@ void keep_spikes_of_file(batch_session& batch) {
 }
 
 batch_status take_the_road(const batch_options& options, const std::string& verb) {
+  if ((options.checkpoint || options.resume) && options.save_work.empty() &&
+      options.exports.empty()) {
+    return refuse_usage("--checkpoint and --resume: no work file and no export is asked for");
+  }
   if (options.skip_existing && list_outputs(options, {}).empty() && options.exports.empty()) {
     return refuse_usage("--skip-existing: no files are asked for");
   }
@@ -102,7 +134,12 @@ batch_status take_the_road(const batch_options& options, const std::string& verb
   if (status == batch_status::done) status = read_work_for_batch(batch);
   if (status == batch_status::done) status = filter_for_batch(batch);
   if (status == batch_status::done) {
-    if (verb == "sort") keep_spikes_of_file(batch);
+    if (verb == "sort") {
+      keep_spikes_of_file(batch);
+      batch.keeper.path = partial_path(options, batch.exports);
+      batch.keeper.at_once = options.checkpoint;
+      batch.keeper.resume = options.resume;
+    }
     status = sort_recording(batch);
   }
   return finish_batch(batch, status);

@@ -17,6 +17,7 @@
 #include "detection/sample_test.h"
 #include "operations/cleaning.h"
 #include "operations/high_pass_offer.h"
+#include "operations/sort_keeper.h"
 #include "session/template_window.h"
 #include "signal/thresholds.h"
 #include "sorting/channel_clusters.h"
@@ -119,6 +120,7 @@ bool detect_all_events(session_state& session, clock::time_point begin) {
   if (!scan_recording(session, begin)) return false;
   set_progress(session, meter::detection, 1000, 1000);
   if (session.events.n_events == 0) {
+    session.autosort.found_no_events = true;
     say(session, "Autosort terminated because no events were detected");
     tell(session, "No events detected: use lower threshold", "Autosort", box_icon::warning);
     return false;
@@ -404,6 +406,7 @@ void begin_run(session_state& session) {
   session.lists.template_shift_on = true;
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;
+  session.autosort.found_no_events = false;
   session.autosort.autosort_pair_stage = false;
   session.autosort.pool = {};
   session.operation.detection_interrupted = false;
@@ -450,32 +453,53 @@ road cluster_events(session_state& session, clock::time_point begin) {
 
 namespace {
 
-bool run_pipeline(session_state& session, clock::time_point begin) {
-  say(session, "Beginning autosort");
+// Samples, then events. False when the run must end.
+bool find_events(session_state& session, clock::time_point begin, kept_stage& done) {
   const bool detect = !session.strategy.skip_event_detection;
-  const bool cluster = !session.strategy.skip_clustering;
   if (detect && (!offer_high_pass(session) || !clean_recording(session))) return false;
+  if (!take_up_sort(session, done)) return false;
+  if (done != kept_stage::none) return true;
   // What follows makes all clusters anew; with neither, the lists and comments still hold.
-  if (detect || cluster) {
+  if (detect || !session.strategy.skip_clustering) {
     clear_status_lists(session);
     blank_cluster_comments(session);
   }
   if (detect && !detect_all_events(session, begin)) return false;
+  keep_stage(session, kept_stage::detection);
+  return true;
+}
+
+// The clusters of the first pass.
+road find_clusters(session_state& session, clock::time_point begin) {
+  road way = road::go_on;
+  if (session.strategy.skip_event_detection && session.strategy.skip_clustering) {
+    renew_outdated_templates(session);
+  } else {
+    way = cluster_events(session, begin);
+  }
+  if (way == road::go_on) keep_stage(session, kept_stage::first_pass);
+  return way;
+}
+
+bool run_pipeline(session_state& session, clock::time_point begin) {
+  say(session, "Beginning autosort");
+  kept_stage done = kept_stage::none;
+  if (!find_events(session, begin, done)) return false;
   if (session.autosort.stop_after == stop_after_detection) return true;
-  if (detect || cluster) {
-    const road way = cluster_events(session, begin);
+  if (done < kept_stage::first_pass) {
+    const road way = find_clusters(session, begin);
     if (way == road::ended_early) return false;
     if (way == road::ended_well) {
       return session.autosort.stop_after != stop_after_all || reclaim_by_templates(session);
     }
-  } else {
-    renew_outdated_templates(session);
   }
-  build_lists(session);
-  if (session.autosort.stop_after == stop_after_lists) return true;
-  if (!run_merge_rounds(session) || !reclaim_by_templates(session)) {
-    return end_interrupted(session);
+  if (done < kept_stage::merging) {
+    build_lists(session);
+    if (session.autosort.stop_after == stop_after_lists) return true;
+    if (!run_merge_rounds(session)) return end_interrupted(session);
+    keep_stage(session, kept_stage::merging);
   }
+  if (!reclaim_by_templates(session)) return end_interrupted(session);
   return end_finished(session, begin);
 }
 

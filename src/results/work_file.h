@@ -22,6 +22,10 @@ namespace kestrelvane {
 bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary = "");
 
+// The bytes of such a file in memory, for a caller who may never need the file, with a note that
+// a read finds in autosort.stage_note. False when there is no room for them.
+bool write_work_image(const session_state& session, const std::string& note, std::string& image);
+
 // Reads a work file of any readable version over the recording in memory. False
 // on failure, after a log line that says why. wrong_file is true when the file
 // belongs to another recording and the user declined; nothing has changed then.

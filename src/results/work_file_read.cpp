@@ -110,10 +110,23 @@ bool read_amplitudes(work_file_source& in, session_state& session, std::int32_t 
          read_bytes(in, session.events.event_gain.first(), bytes);
 }
 
+bool read_note(work_file_source& in, session_state& session, std::int32_t length) {
+  if (length < 0 || length > remaining(in)) {
+    return fail(in, fmt::format("has a note of {} characters", length));
+  }
+  std::string& note = session.autosort.stage_note;
+  note.resize(static_cast<std::size_t>(length));
+  return read_bytes(in, note.data(), length);
+}
+
 bool read_comments(work_file_source& in, session_state& session) {
   while (remaining(in) > 0) {
     std::int32_t length = 0, cluster = 0;
     if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
+    if (cluster == stage_note_number) {
+      if (!read_note(in, session, length)) return false;
+      continue;
+    }
     if (cluster == 0) {
       if (!read_amplitudes(in, session, length)) return false;
       continue;

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <limits>
 #include <span>
 
 #include "session/session_state.h"
@@ -17,6 +18,8 @@ constexpr std::int32_t work_file_version = 8;  // written
 constexpr std::int32_t oldest_readable_version = 4;
 constexpr std::int64_t work_file_label_length = 24;  // bytes
 constexpr std::int64_t work_file_path_length = 256;  // bytes
+// In the place of a cluster's number among the comments: the note of an unfinished sort.
+constexpr std::int32_t stage_note_number = std::numeric_limits<std::int32_t>::min();
 
 // What the number of elements of a row grows with.
 enum row_count : std::int32_t {

@@ -198,6 +198,7 @@ void settle_settings(session_state& session, const kept_settings& before) {
 void prepare_for_work_file(session_state& session) {
   session.detector.repeated_with_lockout = false;
   session.autosort.split_obvious = false;
+  session.autosort.stage_note.clear();
   clear_events(session.events);
   cluster_table& c = session.clusters;
   c.n_clusters = 0;

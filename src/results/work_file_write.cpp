@@ -1,7 +1,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "files/safe_file.h"
@@ -123,39 +126,59 @@ std::vector<std::vector<char>> copy_settings(const session_state& session,
   return copies;
 }
 
+void write_rows(safe_file& out, const session_state& session) {
+  // Other threads may be logging, and do nothing else: lines are counted once, so that
+  // one added meanwhile cannot tear the file, and wait while theirs are written.
+  // In this order: whoever stores a setting may log meanwhile.
+  std::unique_lock settings_lock(session.settings_mutex);
+  std::unique_lock log_lock(session.log.mutex);
+  const work_file_counts counts = count_session(session);
+  log_lock.unlock();
+  settings_lock.unlock();
+  const std::vector<std::vector<char>> settings = copy_settings(session, counts);
+  auto copy = settings.begin();
+  for (const work_file_row& row : work_file_rows()) {
+    const std::vector<char>& words = *copy++;
+    // Rows that only older versions had.
+    if (!row_is_in(row, work_file_version)) continue;
+    if (row.rule == per_log_line) log_lock.lock();
+    if (words.empty()) {
+      write_row(out, session, row, counts);
+    } else {
+      write_bytes(out, words.data(), words.size());
+    }
+    if (log_lock.owns_lock()) log_lock.unlock();
+  }
+}
+
 }  // namespace
 
 bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary) {
   session.operation.work_save_busy = true;
   safe_file out;
-  if (open_safe_file(out, path, temporary)) {
-    // Other threads may be logging, and do nothing else: lines are counted once, so that
-    // one added meanwhile cannot tear the file, and wait while theirs are written.
-    // In this order: whoever stores a setting may log meanwhile.
-    std::unique_lock settings_lock(session.settings_mutex);
-    std::unique_lock log_lock(session.log.mutex);
-    const work_file_counts counts = count_session(session);
-    log_lock.unlock();
-    settings_lock.unlock();
-    const std::vector<std::vector<char>> settings = copy_settings(session, counts);
-    auto copy = settings.begin();
-    for (const work_file_row& row : work_file_rows()) {
-      const std::vector<char>& words = *copy++;
-      // Rows that only older versions had.
-      if (!row_is_in(row, work_file_version)) continue;
-      if (row.rule == per_log_line) log_lock.lock();
-      if (words.empty()) {
-        write_row(out, session, row, counts);
-      } else {
-        write_bytes(out, words.data(), words.size());
-      }
-      if (log_lock.owns_lock()) log_lock.unlock();
-    }
-  }
+  if (open_safe_file(out, path, temporary)) write_rows(out, session);
   const bool written = finish_safe_file(out);
   session.operation.work_save_busy = false;
   return written;
+}
+
+bool write_work_image(const session_state& session, const std::string& note, std::string& image) {
+  image.clear();
+  char* bytes = nullptr;
+  std::size_t size = 0;
+  safe_file out;
+  out.file = open_memstream(&bytes, &size);
+  if (out.file == nullptr) return false;
+  write_rows(out, session);
+  // Where a comment of a cluster would stand that no file has.
+  write_value(out, static_cast<std::int32_t>(note.size()));
+  write_value(out, stage_note_number);
+  write_text(out, note);
+  const bool whole = std::fclose(std::exchange(out.file, nullptr)) == 0 && !out.failed;
+  const std::unique_ptr<char, decltype(&std::free)> owner(bytes, &std::free);
+  if (whole) image.assign(bytes, size);
+  return whole;
 }
 
 }  // namespace kestrelvane

@@ -65,18 +65,25 @@ struct event_pool {
 };
 
 struct sort_preset;
+struct sort_keeper;
 
 // What an Autosort run carries between its stages and leaves for its caller.
 struct autosort_state {
   logical next_stage_requested = true;
   logical max_clusters_reached = false;
   logical autosort_pair_stage = false;
+  logical found_no_events = false;  // and ended with that
   // Clusters were split early where that was obvious, as every run does. A work file tells
   // it in place of the setting, which is for splits by hand.
   logical split_obvious = false;
   event_pool pool;
   // What the run goes by (presets.h); null: settings as they stand.
   const sort_preset* preset = nullptr;
+  // Keeps what stages have finished (operations/sort_keeper.h); null: nobody does.
+  sort_keeper* keeper = nullptr;
+  // What the work file that was read last says for the run that goes on with an unfinished sort;
+  // empty: nothing.
+  std::string stage_note;
   // The batch command and tests may end a run after a stage; autosort.h.
   std::int32_t stop_after = 0;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -439,12 +440,18 @@ TEST_F(batch_test, what_is_there_is_not_made_again) {
   EXPECT_TRUE(exists("a.json"));
 }
 
-TEST_F(batch_test, no_events_are_a_failure_in_words) {
-  const process_result result =
-      run({"sort", tsf, "--set", "variable_multiplier=900", "--save-work", file("none.wrk")});
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, HasSubstr("No events detected: use lower threshold"));
-  EXPECT_FALSE(exists("none.wrk"));
+TEST_F(batch_test, no_events_have_a_status_and_a_report) {
+  for (const std::string verb : {"sort", "detect"}) {
+    const process_result result = run({verb, tsf, "--set", "variable_multiplier=900", "--save-work",
+                                       file("none.wrk"), "--report", file(verb + ".json")});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_THAT(result.err, HasSubstr("No events detected: use lower threshold"));
+    EXPECT_FALSE(exists("none.wrk"));
+    EXPECT_EQ(json_of(verb + ".json")["events"], 0);
+    EXPECT_EQ(json_of(verb + ".json")["interrupted"], false);
+  }
+  // A filter that is refused has looked for none.
+  EXPECT_EQ(run({"sort", tsf, "--filter", "highpass:3000:4"}).status, 1);
 }
 
 TEST_F(batch_test, convert_keeps_samples_and_score_finds_them) {
@@ -507,25 +514,103 @@ TEST_F(batch_test, a_configuration_places_the_channels) {
   EXPECT_EQ(run({"info", tsf, "--config", file("absent.cfg")}).status, 1);
 }
 
-TEST_F(batch_test, ctrl_c_saves_what_has_been_done) {
-  // Interrupted as soon as clusters exist.
-  const auto press = [](pid_t process, const std::string& line) {
-    if (line.find("initial clusters") != std::string::npos) kill(process, SIGINT);
-  };
-  const process_result result =
-      run_process(KESTRELVANE_BATCH,
-                  {"sort", tsf, "--save-work", file("i.wrk"), "--report", file("i.json")}, press);
-  EXPECT_EQ(result.status, 1) << result.err;
-  EXPECT_THAT(result.err, HasSubstr("User terminated autosort"));
-  EXPECT_EQ(json_of("i.json")["interrupted"], true);
-  without_log(file("i.wrk"));
+// Sends signals when a line says these words. On a machine that others use, the run may be at its
+// end before they come: its files are there then, and it is made again.
+process_result run_and_signal(const words& arguments, const std::string& at,
+                              const std::vector<int>& signals, const words& files) {
+  const auto is_there = [](const std::string& path) { return std::filesystem::exists(path); };
+  process_result result;
+  for (int tries = 0; tries < 20; ++tries) {
+    for (const std::string& path : files) std::filesystem::remove(path);
+    result = run_process(KESTRELVANE_BATCH, arguments, [&](pid_t process, const std::string& line) {
+      if (line.find(at) == std::string::npos) return;
+      for (const int signal : signals) kill(process, signal);
+    });
+    if (result.status != 0 && std::none_of(files.begin(), files.end(), is_there)) break;
+  }
+  for (const std::string& path : files) EXPECT_FALSE(is_there(path)) << path << result.err;
+  return result;
+}
 
-  // The next run of a night would take it for the whole.
-  const process_result again = run_process(
-      KESTRELVANE_BATCH, {"sort", tsf, "--save-work", file("j.wrk"), "--skip-existing"}, press);
-  EXPECT_EQ(again.status, 1);
-  EXPECT_THAT(again.err, HasSubstr("Nothing was saved"));
-  EXPECT_FALSE(exists("j.wrk"));
+TEST_F(batch_test, an_interrupted_sort_is_kept_and_gone_on_with) {
+  const words whole{"sort", tsf, "--save-work", file("w.wrk"), "--export", "csv=" + file("w.csv")};
+  ASSERT_EQ(run(whole).status, 0);
+  const words sort{"sort",        tsf,
+                   "--export",    "csv=" + file("i.csv"),
+                   "--report",    file("i.json"),
+                   "--export",    "txt=" + file("i.txt"),
+                   "--save-work", file("i.wrk")};
+  for (const auto& [signal, threads] : {std::pair{SIGINT, "1"}, std::pair{SIGTERM, "4"}}) {
+    // As soon as clusters exist.
+    const process_result result = run_and_signal(sort, "initial clusters", {signal},
+                                                 {file("i.wrk"), file("i.csv"), file("i_1.txt")});
+    EXPECT_EQ(result.status, 1) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("User terminated autosort"));
+    EXPECT_THAT(result.err, HasSubstr("i.partial.wrk has the sort after "));
+    EXPECT_EQ(json_of("i.json")["interrupted"], true);
+    without_log(file("i.partial.wrk"));
+
+    words resume = sort;
+    resume.insert(resume.end(), {"--resume", "--threads", threads});
+    const process_result resumed = run(resume);
+    EXPECT_EQ(resumed.status, 0) << resumed.err;
+    EXPECT_THAT(resumed.err, HasSubstr("Going on after "));
+    EXPECT_THAT(resumed.err, Not(HasSubstr("Event detection method is")));
+    EXPECT_FALSE(exists("i.partial.wrk"));
+    EXPECT_TRUE(without_log(file("i.wrk")) == without_log(file("w.wrk")));
+    EXPECT_EQ(text_of(file("i.csv")), text_of(file("w.csv")));
+  }
+  EXPECT_EQ(run({"sort", tsf, "--resume"}).status, 2);
+  EXPECT_EQ(
+      run({"sort", tsf, "--work", file("x.partial.wrk"), "--save-work", file("x.wrk")}).status, 1);
+}
+
+TEST_F(batch_test, a_killed_sort_goes_on_where_its_checkpoint_is) {
+  const words sort{"sort", tsf, "--export", "csv=" + file("k.csv"), "--resume", "--checkpoint"};
+  const process_result killed =
+      run_and_signal(sort, "Finished first pass", {SIGKILL}, {file("k.csv")});
+  ASSERT_EQ(killed.status, -SIGKILL);
+  EXPECT_THAT(killed.err, HasSubstr("There is no " + file("k.partial.wrk")));
+  words other = sort;
+  other.insert(other.end(), {"--set", "gac_threshold=7"});
+  const process_result refused = run(other);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.err, HasSubstr("is not of this sort"));
+  const process_result resumed = run(sort);
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
+  EXPECT_THAT(resumed.err, HasSubstr("Going on after "));
+  EXPECT_FALSE(exists("k.partial.wrk"));
+  ASSERT_EQ(run({"sort", tsf, "--export", "csv=" + file("w.csv")}).status, 0);
+  EXPECT_EQ(text_of(file("k.csv")), text_of(file("w.csv")));
+}
+
+TEST_F(batch_test, what_is_interrupted_is_not_taken_for_done) {
+  // The next run of a night looks at no more than whether the files are there.
+  const process_result sort = run_and_signal(
+      {"sort", tsf, "--save-work", file("j.wrk"), "--report", file("j.json"), "--skip-existing"},
+      "initial clusters", {SIGTERM}, {file("j.wrk"), file("j.json")});
+  EXPECT_EQ(sort.status, 1);
+  // Half of the events are no detection.
+  const process_result detect =
+      run_and_signal({"detect", tsf, "--save-work", file("d.wrk")}, "Event detection method is",
+                     {SIGTERM}, {file("d.wrk")});
+  EXPECT_EQ(detect.status, 1);
+  EXPECT_THAT(detect.err, HasSubstr("Nothing was saved"));
+  // The second signal ends the program, of whichever kind it is.
+  const process_result ended =
+      run_and_signal({"sort", tsf, "--save-work", file("e.wrk")}, "initial clusters",
+                     {SIGINT, SIGINT, SIGTERM, SIGTERM}, {file("e.wrk")});
+  EXPECT_LT(ended.status, 0);
+}
+
+TEST_F(batch_test, threads_are_those_that_a_job_may_use) {
+  const std::string info = KESTRELVANE_BATCH " detect " + tsf + " --quiet --report ";
+  ASSERT_EQ(run_process("/bin/sh", {"-c", "taskset -c 0 " + info + file("t.json")}).status, 0);
+  EXPECT_EQ(json_of("t.json")["threads"], 1);
+  ASSERT_EQ(run_process("/bin/sh", {"-c", "taskset -c 0 " + info + file("u.json") + " --threads 2"})
+                .status,
+            0);
+  EXPECT_EQ(json_of("u.json")["threads"], 2);
 }
 
 }  // namespace

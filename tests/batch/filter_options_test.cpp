@@ -190,7 +190,7 @@ TEST_F(filter_command_test, an_unfiltered_recording_is_told_of_and_filtered_on_r
   // No spike stands five times above such noise. Told also where questions are answered with
   // yes: it is none.
   process_result result = run({"detect", slow, "--quiet", "--answer", "yes"});
-  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.status, 3);
   EXPECT_THAT(result.err, HasSubstr("slow.tsf " + words));
   EXPECT_THAT(result.err, HasSubstr("No events detected: use lower threshold"));
 
