@@ -197,12 +197,12 @@ void keep_stage(session_state& session, kept_stage stage) {
   sort_keeper* keeper = session.autosort.keeper;
   // A press that came during the stage may have cut it short.
   if (keeper == nullptr || session.operation.autosort_interrupt) return;
-  std::string image;
-  if (!write_work_image(session, print_note(session, stage, keeper->sort), image)) {
+  // What an earlier stage left goes first, for want of room; on disk it stays for now.
+  keeper->kept = kept_stage::none;
+  if (!write_work_image(session, print_note(session, stage, keeper->sort), keeper->image)) {
     log_message(session, fmt::format("No room to keep the sort after {}", name_of(stage)));
     return;
   }
-  keeper->image = std::move(image);
   keeper->kept = stage;
   keeper->on_disk = false;
   // The next stage may go better; a sort need not fail for want of its safety net.
@@ -212,7 +212,8 @@ void keep_stage(session_state& session, kept_stage stage) {
 bool write_kept_sort(sort_keeper& keeper) {
   if (keeper.kept == kept_stage::none || keeper.on_disk) return true;
   safe_file out;
-  if (open_safe_file(out, keeper.path)) write_text(out, keeper.image);
+  if (open_safe_file(out, keeper.path))
+    write_bytes(out, keeper.image.bytes.get(), keeper.image.size);
   keeper.on_disk = finish_safe_file(out);
   if (!keeper.on_disk) return false;
   keeper.has_file = true;

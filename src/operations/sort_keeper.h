@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "results/work_file.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -32,7 +33,7 @@ struct sort_keeper {
   kept_stage kept = kept_stage::none;  // what it would go on after
   bool on_disk = false;                // the file has that
   bool has_file = false;               // or what an earlier stage left
-  std::string image;                   // or its bytes are here
+  work_image image;                    // or its bytes are here
   std::string sort;                    // number of this sort, as text
 };
 

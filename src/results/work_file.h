@@ -11,6 +11,8 @@
 // operation; nothing else may change the session meanwhile.
 #pragma once
 
+#include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "session/session_state.h"
@@ -23,8 +25,14 @@ bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary = "");
 
 // The bytes of such a file in memory, for a caller who may never need the file, with a note that
-// a read finds in autosort.stage_note. False when there is no room for them.
-bool write_work_image(const session_state& session, const std::string& note, std::string& image);
+// a read finds in autosort.stage_note. Of a large sort they are some tens of megabytes, and so
+// stay where the stream has put them.
+struct work_image {
+  std::unique_ptr<char, decltype(&std::free)> bytes{nullptr, &std::free};
+  std::size_t size = 0;
+};
+// False when there is no room for them.
+bool write_work_image(const session_state& session, const std::string& note, work_image& image);
 
 // Reads a work file of any readable version over the recording in memory. False
 // on failure, after a log line that says why. wrong_file is true when the file

@@ -1,8 +1,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -163,12 +161,11 @@ bool write_work_file(const session_state& session, const std::string& path,
   return written;
 }
 
-bool write_work_image(const session_state& session, const std::string& note, std::string& image) {
-  image.clear();
+bool write_work_image(const session_state& session, const std::string& note, work_image& image) {
+  image = {};
   char* bytes = nullptr;
-  std::size_t size = 0;
   safe_file out;
-  out.file = open_memstream(&bytes, &size);
+  out.file = open_memstream(&bytes, &image.size);
   if (out.file == nullptr) return false;
   write_rows(out, session);
   // Where a comment of a cluster would stand that no file has.
@@ -176,8 +173,8 @@ bool write_work_image(const session_state& session, const std::string& note, std
   write_value(out, stage_note_number);
   write_text(out, note);
   const bool whole = std::fclose(std::exchange(out.file, nullptr)) == 0 && !out.failed;
-  const std::unique_ptr<char, decltype(&std::free)> owner(bytes, &std::free);
-  if (whole) image.assign(bytes, size);
+  image.bytes.reset(bytes);
+  if (!whole) image = {};
   return whole;
 }
 

@@ -80,7 +80,8 @@ TEST_F(sort_keeper_test, goes_on_to_the_same_bits_wherever_it_was_stopped) {
   constexpr std::int64_t n_stops = 14;
   for (std::int64_t stop = 1; stop <= n_stops; ++stop) {
     SCOPED_TRACE(stop);
-    sort_keeper first = keeper;
+    sort_keeper first;
+    first.path = keeper.path;
     small_session stopped;
     prepare(stopped, stop % 2 == 0 ? 1 : 4);
     stopped->operation.interrupt_at_poll = stopped->operation.polls + stop * n_polls / n_stops;
@@ -88,7 +89,8 @@ TEST_F(sort_keeper_test, goes_on_to_the_same_bits_wherever_it_was_stopped) {
     stages.insert(first.kept);
     ASSERT_TRUE(write_kept_sort(first));
 
-    sort_keeper second = keeper;
+    sort_keeper second;
+    second.path = keeper.path;
     second.resume = true;
     small_session resumed;
     prepare(resumed, stop % 2 == 0 ? 4 : 1);
@@ -111,7 +113,7 @@ TEST_F(sort_keeper_test, is_taken_up_by_the_same_sort_alone) {
   first->autosort.stop_after = stop_after_lists;
   ASSERT_TRUE(sort(first, &keeper));
   EXPECT_EQ(keeper.kept, kept_stage::first_pass);
-  EXPECT_TRUE(keeper.on_disk && keeper.image.empty());
+  EXPECT_TRUE(keeper.on_disk && keeper.image.size == 0);
   const std::vector<char> whole = read_bytes(keeper.path);
 
   // The display, threads: nothing of the sort. A setting, a mask, a sample: another one.
