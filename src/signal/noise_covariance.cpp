@@ -181,6 +181,78 @@ struct lag_maker {
   }
 };
 
+// All lags, a few channels along the probe at a time: their spectra, and those of the channels near
+// them that come later, are all that is held. Those of a long probe are 150 MB together.
+class lag_sweep {
+ public:
+  lag_sweep(const session_state& session, const std::vector<pair_of_channels>& pairs,
+            const lag_maker& maker, std::vector<channel_spectra>& spectra)
+      : session_(session), pairs_(pairs), maker_(maker), spectra_(spectra) {}
+
+  void run(const std::vector<std::int32_t>& channels, const std::vector<std::int64_t>& starts,
+           std::int32_t length) {
+    order_channels(channels);
+    constexpr std::int32_t at_once = 24;
+    const auto n = static_cast<std::int32_t>(order_.size());
+    for (std::int32_t first = 0; first < n; first += at_once) {
+      const std::int32_t end = std::min(first + at_once, n);
+      std::vector<std::int32_t> mine;
+      for (std::int32_t p = 0; p < static_cast<std::int32_t>(pairs_.size()); ++p) {
+        const std::int32_t earlier = std::min(rank_[pairs_[p].i], rank_[pairs_[p].j]);
+        if (earlier >= first && earlier < end) mine.push_back(p);
+      }
+      read_missing(mine, starts, length);
+      make_lags(mine);
+      // Every pair of theirs has been made, with those before and with those behind.
+      for (std::int32_t k = first; k < end; ++k) spectra_[order_[k]] = {};
+    }
+  }
+
+ private:
+  void order_channels(const std::vector<std::int32_t>& channels) {
+    order_ = channels;
+    const recording_store& r = session_.recording;
+    std::stable_sort(order_.begin(), order_.end(),
+                     [&](std::int32_t a, std::int32_t b) { return r.chan_y[a] < r.chan_y[b]; });
+    rank_.assign(static_cast<std::size_t>(r.n_channels) + 1, 0);
+    for (std::size_t k = 0; k < order_.size(); ++k) {
+      rank_[order_[k]] = static_cast<std::int32_t>(k);
+    }
+  }
+
+  void read_missing(const std::vector<std::int32_t>& mine, const std::vector<std::int64_t>& starts,
+                    std::int32_t length) {
+    std::vector<char> needed(spectra_.size(), 0);
+    for (const std::int32_t p : mine) needed[pairs_[p].i] = needed[pairs_[p].j] = 1;
+    std::vector<std::int32_t> missing;
+    for (const std::int32_t c : order_) {
+      if (needed[c] && spectra_[c].samples.empty()) missing.push_back(c);
+    }
+    parallel_for_dealt(threads_now(session_), 0, static_cast<std::int64_t>(missing.size()) - 1,
+                       [&](std::int64_t i, std::int32_t) {
+                         spectra_[missing[i]] =
+                             read_channel(session_, missing[i], starts, length, maker_.transform);
+                       });
+  }
+
+  void make_lags(const std::vector<std::int32_t>& mine) {
+    noise_covariance& out = maker_.out;
+    parallel_for_dealt(threads_now(session_), 0, static_cast<std::int64_t>(mine.size()) - 1,
+                       [&](std::int64_t k, std::int32_t) {
+                         const auto p = static_cast<std::size_t>(mine[k]);
+                         float* lags = out.lags.data() + 2 * p * out.stride();
+                         maker_.make(pairs_[p], lags, lags + out.stride());
+                       });
+  }
+
+  const session_state& session_;
+  const std::vector<pair_of_channels>& pairs_;
+  const lag_maker& maker_;
+  std::vector<channel_spectra>& spectra_;
+  std::vector<std::int32_t> order_;  // channels from one end of the probe to the other
+  std::vector<std::int32_t> rank_;   // of a channel in that order
+};
+
 // From units of chan_noise to those of the clean samples' own deviation.
 void normalise(noise_covariance& c, const session_state& session,
                const std::vector<std::int32_t>& channels) {
@@ -223,12 +295,6 @@ noise_covariance measure_noise_covariance(const session_state& session, std::int
   const real_transform transform(quick_length(length + points));
   const std::vector<std::int64_t> starts = stretch_starts(session, length);
   std::vector<channel_spectra> spectra(static_cast<std::size_t>(r.n_channels) + 1);
-  const std::int32_t n_threads = threads_now(session);
-  parallel_for_dealt(n_threads, 1, static_cast<std::int64_t>(channels.size()),
-                     [&](std::int64_t i, std::int32_t) {
-                       const std::int32_t c = channels[i - 1];
-                       spectra[c] = read_channel(session, c, starts, length, transform);
-                     });
   const std::vector<pair_of_channels> pairs = near_pairs(session, channels);
   out.lags.assign(2 * pairs.size() * out.stride(), 0.0f);
   const auto n = static_cast<std::size_t>(r.n_channels);
@@ -239,11 +305,7 @@ noise_covariance measure_noise_covariance(const session_state& session, std::int
     out.place[i * n + j] = static_cast<std::int32_t>(2 * p);
   }
   const lag_maker maker{spectra, transform, out};
-  parallel_for_dealt(
-      n_threads, 1, static_cast<std::int64_t>(pairs.size()), [&](std::int64_t p, std::int32_t) {
-        float* lags = out.lags.data() + 2 * static_cast<std::size_t>(p - 1) * out.stride();
-        maker.make(pairs[p - 1], lags, lags + out.stride());
-      });
+  lag_sweep(session, pairs, maker, spectra).run(channels, starts, length);
   normalise(out, session, channels);
   return out;
 }
