@@ -137,6 +137,7 @@ bool detect_all_events(session_state& session, clock::time_point begin) {
 
 void make_first_clusters(session_state& session) {
   begin_stage(session, "channel-clusters");
+  shorten_template_rows(session);
   set_status(session, status_field::events_found, std::to_string(session.events.n_events));
   form_channel_clusters(session);
   show_cluster_count(session);
@@ -241,6 +242,7 @@ void remove_small_clusters(session_state& session) {
   session.lists.n_kv_pairs = 0;
   const std::int32_t size = least_cluster_size(session);
   const std::int32_t deleted = delete_small_clusters(session, size);
+  release_spare_templates(session);
   show_cluster_count(session);
   log_message(session, " finished");
   if (deleted == 1) {
@@ -510,6 +512,7 @@ bool autosort(session_state& session) {
   begin_run(session);
   const clock::time_point begin = clock::now();
   const bool done = run_pipeline(session, begin);
+  restore_template_rows(session);
   // However it ended: the clock stands at its end, and a run that was finished has full bars.
   show_time(session, begin);
   if (done && session.autosort.stop_after == stop_after_all) {

@@ -213,7 +213,7 @@ bool write_kept_sort(sort_keeper& keeper) {
   if (keeper.kept == kept_stage::none || keeper.on_disk) return true;
   safe_file out;
   if (open_safe_file(out, keeper.path))
-    write_bytes(out, keeper.image.bytes.get(), keeper.image.size);
+    write_bytes(out, keeper.image.bytes->first(), keeper.image.size);
   keeper.on_disk = finish_safe_file(out);
   if (!keeper.on_disk) return false;
   keeper.has_file = true;

@@ -56,6 +56,7 @@ bool allocate_templates(session_state& session) {
   t.template_sd.release();
   // Until both arrays are there nobody may read a template.
   t.allocated_channels = 0;
+  t.row = template_point_limit;
   if (n_channels >= 0 && t.template_mean.reserve(elements) && t.template_sd.reserve(elements)) {
     t.allocated_channels = n_channels;
     return true;

@@ -11,7 +11,6 @@
 // operation; nothing else may change the session meanwhile.
 #pragma once
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -25,10 +24,10 @@ bool write_work_file(const session_state& session, const std::string& path,
                      const std::string& temporary = "");
 
 // The bytes of such a file in memory, for a caller who may never need the file, with a note that
-// a read finds in autosort.stage_note. Of a large sort they are some tens of megabytes, and so
-// stay where the stream has put them.
+// a read finds in autosort.stage_note. Of a large sort they are some tens of megabytes: a table
+// takes no more of them than are written.
 struct work_image {
-  std::unique_ptr<char, decltype(&std::free)> bytes{nullptr, &std::free};
+  std::unique_ptr<table<char>> bytes;
   std::size_t size = 0;
 };
 // False when there is no room for them.

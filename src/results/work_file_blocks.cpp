@@ -41,8 +41,9 @@ template_planes template_planes_of(const session_state& session, const work_file
   planes.n_clusters = static_cast<std::int32_t>(counts.of[per_cluster]);
   planes.n_channels = static_cast<std::int32_t>(counts.of[per_channel]);
   planes.n_points = static_cast<std::int32_t>(counts.of[per_point]);
-  planes.channel_stride = template_point_limit;
-  planes.cluster_stride = std::int64_t{session.templates.allocated_channels} * template_point_limit;
+  planes.channel_stride = session.templates.row;
+  planes.cluster_stride =
+      std::int64_t{session.templates.allocated_channels} * planes.channel_stride;
   // Without clusters a plane is empty; the division below must not mind.
   const std::size_t plane = std::max<std::size_t>(planes.plane_size(), 1);
   const std::size_t most = std::max<std::size_t>(buffer_floats / plane, 1);

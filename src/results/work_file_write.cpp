@@ -1,6 +1,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -149,6 +150,15 @@ void write_rows(safe_file& out, const session_state& session) {
   }
 }
 
+// Bytes of a file, or more. Comments, labels and amplitudes have no row that tells.
+std::int64_t most_bytes(const session_state& session, const std::string& note) {
+  const work_file_counts counts = count_session(session);
+  constexpr std::int64_t most_log_lines = log_line_limit;
+  std::int64_t sum = 256 * most_log_lines + static_cast<std::int64_t>(note.size()) + 64;
+  for (const work_file_row& row : work_file_rows()) sum += row_bytes(row, counts);
+  return sum + 8 * counts.of[per_event] + 600 * counts.of[per_cluster];
+}
+
 }  // namespace
 
 bool write_work_file(const session_state& session, const std::string& path,
@@ -163,9 +173,18 @@ bool write_work_file(const session_state& session, const std::string& path,
 
 bool write_work_image(const session_state& session, const std::string& note, work_image& image) {
   image = {};
-  char* bytes = nullptr;
+  image.bytes = std::make_unique<table<char>>(most_bytes(session, note));
+  const auto append = [](void* to, const char* bytes, std::size_t n) -> ssize_t {
+    work_image& grown = *static_cast<work_image*>(to);
+    if (grown.size + n > static_cast<std::size_t>(grown.bytes->capacity())) return 0;
+    std::memcpy(grown.bytes->first() + grown.size, bytes, n);
+    grown.size += n;
+    return static_cast<ssize_t>(n);
+  };
+  cookie_io_functions_t into_image{};
+  into_image.write = append;
   safe_file out;
-  out.file = open_memstream(&bytes, &image.size);
+  out.file = fopencookie(&image, "w", into_image);
   if (out.file == nullptr) return false;
   write_rows(out, session);
   // Where a comment of a cluster would stand that no file has.
@@ -173,7 +192,6 @@ bool write_work_image(const session_state& session, const std::string& note, wor
   write_value(out, stage_note_number);
   write_text(out, note);
   const bool whole = std::fclose(std::exchange(out.file, nullptr)) == 0 && !out.failed;
-  image.bytes.reset(bytes);
   if (!whole) image = {};
   return whole;
 }

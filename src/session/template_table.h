@@ -4,6 +4,8 @@
 // In memory one template is one block, channel by channel, 151 floats to a
 // channel, so that alignment and comparison stream through it and a renumbering
 // moves it whole. clustering/templates.h alone writes templates.
+// While Autosort runs nobody changes the window, and rows are as short as that allows: with
+// hundreds of clusters on hundreds of channels the rest of the rows is most of the memory.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +28,8 @@ struct template_table {
   std::int32_t first_sample = 0;     // of the window in force
   // The window that the templates were made for, when that is no longer the one in force.
   template_extent outdated;
-  std::int32_t allocated_channels = 0;  // channels that the arrays have room for
+  std::int32_t allocated_channels = 0;      // channels that the arrays have room for
+  std::int32_t row = template_point_limit;  // floats from a channel to the next
 
   table<float> template_mean;  // bits
   table<float> template_sd;    // bits
@@ -59,7 +62,7 @@ struct template_table {
  private:
   // Element p of the block of (c, ch) is base[offset + p], p from 1.
   std::int64_t offset(std::int32_t c, std::int32_t ch) const {
-    return (std::int64_t{c - 1} * allocated_channels + (ch - 1)) * template_point_limit;
+    return (std::int64_t{c - 1} * allocated_channels + (ch - 1)) * row;
   }
 };
 

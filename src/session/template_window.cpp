@@ -1,6 +1,7 @@
 #include "session/template_window.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "numerics/simd.h"
 
@@ -31,11 +32,46 @@ void compute_template_points(session_state& session) {
   const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
   const template_extent now{window_first_sample(session),
                             std::clamp(points, 3, template_point_limit)};
+  // A run keeps its window; whoever changes it all the same finds room.
+  if (now.points > templates.row) restore_template_rows(session);
   templates.first_sample = now.first;
   templates.template_points = now.points;
   // What counts is the window that the templates were made for, over how many changes ever.
   if (templates.outdated.points == 0) templates.outdated = before;
   if (session.clusters.n_clusters == 0 || templates.outdated == now) templates.outdated = {};
+}
+
+void release_spare_templates(session_state& session) {
+  template_table& t = session.templates;
+  const std::int64_t used =
+      std::int64_t{session.clusters.n_clusters} * t.allocated_channels * t.row;
+  t.template_mean.clear_from(used + 1);
+  t.template_sd.clear_from(used + 1);
+}
+
+void shorten_template_rows(session_state& session) {
+  template_table& t = session.templates;
+  t.template_mean.clear();
+  t.template_sd.clear();
+  // Lanes that are read beyond the last point find zeros.
+  t.row = std::min(whole_lanes(t.template_points) + n_lanes, template_point_limit);
+}
+
+void restore_template_rows(session_state& session) {
+  template_table& t = session.templates;
+  const std::int64_t row = t.row;
+  if (row == template_point_limit) return;
+  release_spare_templates(session);
+  const std::int64_t n_rows = std::int64_t{session.clusters.n_clusters} * t.allocated_channels;
+  for (table<float>* waveforms : {&t.template_mean, &t.template_sd}) {
+    // From the last: a row goes to where none lies that has not gone yet.
+    for (std::int64_t i = n_rows - 1; i >= 0; --i) {
+      float* to = waveforms->first() + i * template_point_limit;
+      std::memmove(to, waveforms->first() + i * row, sizeof(float) * static_cast<std::size_t>(row));
+      std::fill(to + row, to + template_point_limit, 0.0f);
+    }
+  }
+  t.row = template_point_limit;
 }
 
 bool templates_are_outdated(const session_state& session) {

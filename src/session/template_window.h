@@ -25,6 +25,14 @@ bool templates_are_outdated(const session_state& session);
 // All templates have just been made for the window in force.
 void templates_are_current(session_state& session);
 
+// Rows of templates as short as the window in force allows, for a run during which it stays;
+// whatever templates there were are gone, and zeros. And as long as any window needs them again,
+// with the templates of all clusters. With the gate held.
+void shorten_template_rows(session_state& session);
+void restore_template_rows(session_state& session);
+// Gives back the memory of the slots above the clusters.
+void release_spare_templates(session_state& session);
+
 // Whether every read of the template window stays inside vd, margins included: the
 // window itself, a realignment and a template shift of 50 samples each, and the taps
 // of the interpolation table in force.
