@@ -74,14 +74,13 @@ template_deferral::~template_deferral() {
 void settle_templates(session_state& session) {
   if (session.deferred == nullptr) return;
   std::vector<partial_template>& owed = session.deferred->owed;
-  // Clusters share no template, and the slots beyond them are nobody's.
-  parallel_for_dealt(threads_now(session), 1, session.clusters.n_clusters,
-                     [&](std::int64_t cluster, std::int32_t) {
-                       partial_template& partial = owed[static_cast<std::size_t>(cluster)];
-                       if (partial.list.empty()) return;
-                       make_whole(session, static_cast<std::int32_t>(cluster), partial);
-                       partial = {};
-                     });
+  // The slots beyond the clusters are nobody's.
+  std::vector<wanted_waveforms> wanted;
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    if (!owed[c].list.empty()) wanted.push_back({c, &owed[c].list, &owed[c].made});
+  }
+  make_by_channel(session, wanted);
+  for (const wanted_waveforms& w : wanted) owed[w.cluster] = {};
 }
 
 void copy_template_debt(session_state& session, std::int32_t from, std::int32_t to) {

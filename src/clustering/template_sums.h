@@ -23,6 +23,15 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list);
 
+// The waveforms of many templates, channel after channel: the samples of a channel stay in the
+// cache for all of them, and memory is what each of them alone waits for.
+struct wanted_waveforms {
+  std::int32_t cluster;
+  const std::vector<std::int32_t>* list;  // of events, thinned and not empty
+  const std::vector<char>* made;          // channels that are there already; null: none
+};
+void make_by_channel(session_state& session, const std::vector<wanted_waveforms>& wanted);
+
 // Smallest and largest of n values, n > 0.
 struct value_range {
   float low, high;

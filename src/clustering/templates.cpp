@@ -117,6 +117,18 @@ bool template_sums_channel(session_state& session, std::int32_t cluster,
   return false;
 }
 
+void make_by_channel(session_state& session, const std::vector<wanted_waveforms>& wanted) {
+  const auto n = static_cast<std::int64_t>(wanted.size());
+  // Each thread has a run of channels, or a part of one where there are more threads.
+  parallel_for(threads_now(session), 0, n * session.recording.n_channels - 1,
+               [&](std::int64_t i, std::int32_t) {
+                 const wanted_waveforms& w = wanted[static_cast<std::size_t>(i % n)];
+                 const auto channel = static_cast<std::int32_t>(i / n + 1);
+                 if (w.made != nullptr && (*w.made)[channel]) return;
+                 template_sums_channel(session, w.cluster, *w.list, channel);
+               });
+}
+
 void calculate_listed_template(session_state& session, std::int32_t cluster,
                                std::vector<std::int32_t> list) {
   if (list.empty()) return;
@@ -311,11 +323,23 @@ void calculate_template_centre(session_state& session, std::int32_t cluster) {
 
 void calculate_all_templates(session_state& session) {
   const standing_events standing(session);
-  parallel_for(threads_now(session), 1, session.clusters.n_clusters,
-               [&](std::int64_t cluster, std::int32_t) {
-                 calculate_template(session, static_cast<std::int32_t>(cluster));
-                 calculate_template_centre(session, static_cast<std::int32_t>(cluster));
-               });
+  const std::int32_t n = session.clusters.n_clusters;
+  std::vector<std::vector<std::int32_t>> lists(static_cast<std::size_t>(n) + 1);
+  std::vector<wanted_waveforms> wanted;
+  for (std::int32_t c = 1; c <= n; ++c) {
+    lists[c] = list_cluster_events(session, c);
+    // An empty cluster keeps what it had.
+    if (lists[c].empty()) continue;
+    if (session.deferred != nullptr) session.deferred->owed[c] = {};
+    thin_event_list(lists[c], session.strategy.template_max_events);
+    wanted.push_back({c, &lists[c], nullptr});
+  }
+  make_by_channel(session, wanted);
+  parallel_for(threads_now(session), 1, n, [&](std::int64_t c, std::int32_t) {
+    const auto cluster = static_cast<std::int32_t>(c);
+    if (!lists[cluster].empty()) get_template_channels(session, cluster);
+    calculate_template_centre(session, cluster);
+  });
   templates_are_current(session);
 }
 

@@ -10,6 +10,7 @@
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "session/modes.h"
+#include "session/template_window.h"
 #include "sorting/cluster_edits.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
@@ -119,6 +120,49 @@ TEST(deferred_templates, are_the_whole_ones_in_the_end) {
       expect_same(*whole, read_outcome(*session), "mode " + std::to_string(mode));
       EXPECT_EQ(check_session(*session), "");
     }
+  }
+}
+
+// Channel after channel for all clusters, and cluster after cluster.
+TEST(deferred_templates, are_the_same_by_channel_and_by_cluster) {
+  small_session plain, session;
+  for (small_session* s : {&plain, &session}) make_probe(**s);
+  for (std::int32_t c = 1; c <= plain->clusters.n_clusters; ++c) {
+    calculate_template(*plain, c);
+    calculate_template_centre(*plain, c);
+  }
+  const outcome one_by_one = read_outcome(*plain);
+  for (const std::int32_t n_threads : {1, 3, 16}) {
+    use_threads(*session, n_threads);
+    calculate_all_templates(*session);
+    expect_same(one_by_one, read_outcome(*session), std::to_string(n_threads) + " threads");
+  }
+}
+
+TEST(deferred_templates, survive_in_short_rows) {
+  small_session session;
+  make_probe(*session);
+  calculate_all_templates(*session);
+  const outcome long_rows = read_outcome(*session);
+  shorten_template_rows(*session);
+  EXPECT_LT(session->templates.row, template_point_limit);
+  calculate_all_templates(*session);
+  expect_same(long_rows, read_outcome(*session), "short rows");
+  release_spare_templates(*session);
+  expect_same(long_rows, read_outcome(*session), "the spare ones are gone");
+  const std::int32_t n = session->clusters.n_clusters;
+  session->templates.mean(n + 1, 1)[1] = 5;  // scratch
+  // A window that needs more room than the rows have is given it.
+  session->strategy.template_window_end_ms = 3.0f;
+  compute_template_points(*session);
+  EXPECT_EQ(session->templates.row, template_point_limit);
+  session->strategy.template_window_end_ms = 0.8f;
+  compute_template_points(*session);
+  expect_same(long_rows, read_outcome(*session), "long rows again");
+  EXPECT_EQ(session->templates.mean(n + 1, 1)[1], 0);
+  const float* last = session->templates.mean(n, n_channels);
+  for (std::int32_t p = session->templates.template_points + 1; p <= template_point_limit; ++p) {
+    EXPECT_EQ(last[p], 0) << p;
   }
 }
 
