@@ -18,6 +18,7 @@
 
 #include "clustering/clustering_runs.h"
 #include "clustering/gradient_ascent.h"
+#include "clustering/membership.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
 #include "detection/sample_test.h"
@@ -193,6 +194,32 @@ void benchmark_pairs_and_templates() {
   }
 }
 
+// A long probe, of which one cluster's events leave nothing in the cache for the next.
+void benchmark_all_templates() {
+  small_session session;
+  make_busy_recording(*session, 128, 1500000, 7);
+  use_threads(*session, 1);
+  const std::int32_t n = session->clusters.n_clusters;
+  const auto mean_of_last = [&] {
+    const float* mean = session->templates.mean(n, 128) + 1;
+    return std::vector<float>(mean, mean + session->templates.template_points);
+  };
+  std::vector<float> by_cluster, by_channel;
+  const best_times times = time_side_by_side(
+      3,
+      [&] {
+        const standing_events standing(*session);
+        for (std::int32_t c = 1; c <= n; ++c) calculate_template(*session, c);
+        by_cluster = mean_of_last();
+      },
+      [&] {
+        calculate_all_templates(*session);
+        by_channel = mean_of_last();
+      });
+  report(fmt::format("{} templates on 128 channels, by cluster / by channel", n), times,
+         by_cluster == by_channel);
+}
+
 }  // namespace
 }  // namespace kestrelvane::test
 
@@ -211,5 +238,6 @@ int main(int argc, char** argv) {
   benchmark_scan();
   benchmark_filters();
   benchmark_pairs_and_templates();
+  benchmark_all_templates();
   if (argc < 3) benchmark_gradient_ascent();
 }
