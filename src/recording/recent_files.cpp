@@ -2,6 +2,7 @@
 #include "session/run_log.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "files/byte_cursor.h"
 #include "files/input_file.h"
@@ -19,7 +20,11 @@ std::string list_path(const session_state& session) { return session.home_direct
 recent_files read_recent_files(const session_state& session) {
   recent_files recent;
   input_file file;
-  if (session.home_directory.empty() || !open_input_file(file, list_path(session))) return recent;
+  if (session.home_directory.empty()) return recent;
+  if (!open_input_file(file, list_path(session))) {
+    recent.unread = file_exists(list_path(session));
+    return recent;
+  }
   const std::vector<char> bytes = read_block(file, 0, 8 + sizeof(text256) * recent_limit);
   byte_cursor in{bytes.data(), bytes.size()};
   recent.recent_version = take_i32(in);
@@ -36,6 +41,11 @@ recent_files read_recent_files(const session_state& session) {
 bool write_recent_files(const session_state& session, const recent_files& recent) {
   safe_file out;
   if (session.home_directory.empty()) return false;
+  if (recent.unread) {
+    errno = EPERM;
+    log_failed_save(session, list_path(session));
+    return false;
+  }
   open_safe_file(out, list_path(session));
   const std::size_t n = std::min(recent.paths.size(), recent_limit);
   write_value(out, recent.recent_version);

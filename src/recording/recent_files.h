@@ -16,6 +16,7 @@ constexpr std::size_t recent_limit = 10;
 struct recent_files {
   std::int32_t recent_version = 0;  // of no known meaning; kept as it is
   std::vector<std::string> paths;
+  bool unread = false;  // there is a list that could not be read; it is not written over
 };
 
 recent_files read_recent_files(const session_state& session);

@@ -11,6 +11,7 @@
 // vscale_HP. Positions are in µm.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -126,6 +127,8 @@ struct session_state {
   display_settings display;
   preferences_record preferences;
   carried_settings carried;
+  // By setting_file: a file that is there and could not be read is not written over, either.
+  std::array<bool, 2> unread_settings{};
   voltage_view view;
   review_place reviewed;
 

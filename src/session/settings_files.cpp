@@ -21,14 +21,32 @@ struct file_bytes {
   std::size_t n = 0;
 };
 
+// False with errno.
 bool load(const std::string& path, file_bytes& in) {
   std::FILE* file = std::fopen(path.c_str(), "rb");
   if (file == nullptr) return false;
   // What a longer file holds beyond is nothing that this program knows; a shorter one keeps the
   // values of what it lacks. Neither is refused.
   in.n = std::fread(in.bytes.data(), 1, in.bytes.size(), file);
+  const int error = std::ferror(file) != 0 ? errno : 0;
   std::fclose(file);
-  return true;
+  errno = error;
+  return error == 0;
+}
+
+// The file in home_directory. One that is there and cannot be read, on a disk that has failed
+// for a moment or for lack of permission, is told of and remembered: to save the defaults in its
+// place would lose what the user has set.
+bool load_own(session_state& session, setting_file which, const std::string& path, file_bytes& in) {
+  bool& unread = session.unread_settings.at(static_cast<std::size_t>(which));
+  unread = false;
+  if (load(path, in)) return true;
+  if (errno == ENOENT || errno == ENOTDIR) return false;
+  unread = true;
+  const std::string words = "Failed to read file " + why_not_saved(path);
+  log_message(session, words);
+  set_status(session, status_field::message, words);
+  return false;
 }
 
 // Takes each field that is there in full; what the file lacks keeps its value. True
@@ -51,7 +69,18 @@ bool take_fields(session_state& session, setting_file which, const file_bytes& i
   return true;
 }
 
+bool tell_of_failed_save(session_state& session, const std::string& path) {
+  const int error = errno;
+  set_status(session, status_field::message, log_failed_save(session, path));
+  errno = error;
+  return false;
+}
+
 bool write_fields(session_state& session, setting_file which, const std::string& path) {
+  if (session.unread_settings.at(static_cast<std::size_t>(which))) {
+    errno = EPERM;
+    return tell_of_failed_save(session, path);
+  }
   safe_file out;
   open_safe_file(out, path);
   for (const setting_row& row : settings_of(which)) {
@@ -63,11 +92,7 @@ bool write_fields(session_state& session, setting_file which, const std::string&
       write_bytes(out, row.address(session), 4u * static_cast<std::size_t>(row.count));
     }
   }
-  if (finish_safe_file(out)) return true;
-  const int error = errno;
-  set_status(session, status_field::message, log_failed_save(session, path));
-  errno = error;
-  return false;
+  return finish_safe_file(out) || tell_of_failed_save(session, path);
 }
 
 void correct_parameters(session_state& session) {
@@ -81,6 +106,12 @@ void correct_parameters(session_state& session) {
   }
 }
 
+void take_parameters(session_state& session, const file_bytes& in) {
+  take_fields(session, setting_file::parameters, in);
+  correct_parameters(session);
+  apply_settings(session);
+}
+
 std::string parameters_path(const session_state& session) {
   return session.home_directory + "/kv_parameters.sav";
 }
@@ -92,15 +123,19 @@ std::string preferences_path(const session_state& session) {
 }  // namespace
 
 bool read_parameters(session_state& session) {
-  return !session.home_directory.empty() && read_parameters_file(session, parameters_path(session));
+  file_bytes in;
+  if (session.home_directory.empty() ||
+      !load_own(session, setting_file::parameters, parameters_path(session), in)) {
+    return false;
+  }
+  take_parameters(session, in);
+  return true;
 }
 
 bool read_parameters_file(session_state& session, const std::string& path) {
   file_bytes in;
   if (!load(path, in)) return false;
-  take_fields(session, setting_file::parameters, in);
-  correct_parameters(session);
-  apply_settings(session);
+  take_parameters(session, in);
   return true;
 }
 
@@ -111,7 +146,10 @@ bool write_parameters(session_state& session) {
 
 bool read_preferences(session_state& session) {
   file_bytes in;
-  if (session.home_directory.empty() || !load(preferences_path(session), in)) return false;
+  if (session.home_directory.empty() ||
+      !load_own(session, setting_file::preferences, preferences_path(session), in)) {
+    return false;
+  }
   if (take_fields(session, setting_file::preferences, in)) {
     session.multi_threaded_now = session.preferences.multi_threaded;
   }

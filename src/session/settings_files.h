@@ -3,8 +3,9 @@
 // Plain little-endian fields of 4 bytes in the order of settings_table.h. They live in
 // home_directory; while that is empty, nothing is read or written. A missing file is
 // never an error, and a short or damaged one is read as far as it goes; no message is
-// shown. Writing replaces a file whole or not at all; where it fails, log and status say
-// why, and errno is as in files/safe_file.h.
+// shown. One that is there and cannot be read is told of in log and status, and not written
+// over for the rest of the run. Writing replaces a file whole or not at all; where it fails, log
+// and status say why, and errno is as in files/safe_file.h.
 #pragma once
 
 #include <string>
