@@ -1,11 +1,19 @@
 // A user who presses, types, drags and closes at random, over small recordings and files
 // that are none. Whatever comes of it, the program goes on and the session is in order.
+//
+// What the monkey does follows from its seed and the number of the step alone: before each step
+// it waits until nothing moves any more, operations are stopped at a poll that is counted and not
+// at a moment, and each step draws its own numbers. So a seed that fails fails again, also with
+// steps left out, and the shortest sequence that still fails is what is told. Each run is a
+// process of its own, since what is looked for may end it.
+#include <unistd.h>
+
+#include <QAbstractItemView>
 #include <QAction>
 #include <QCheckBox>
 #include <QColorDialog>
 #include <QComboBox>
 #include <QDropEvent>
-#include <QElapsedTimer>
 #include <QLineEdit>
 #include <QMdiSubWindow>
 #include <QMimeData>
@@ -17,23 +25,34 @@
 #include <QTest>
 #include <QTimer>
 #include <QWheelEvent>
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <random>
+#include <sstream>
+#include <utility>
 
+#include "operations/autosort.h"
+#include "operations/open_recording.h"
 #include "session/settings_files.h"
+#include "support/child_process.h"
 #include "support/fixture_files.h"
 #include "workstation/dialogs/setting_controls.h"
 #include "workstation/driven_workstation.h"
 #include "workstation/interface_desk.h"
+#include "workstation/operation.h"
 #include "workstation/windows/graph_windows.h"
 #include "workstation/windows/voltage_window.h"
 
 namespace kestrelvane::test {
 namespace {
 
-constexpr int ms_per_seed = 4000;
+constexpr int steps_per_seed = 150;
+constexpr int steps_to_rest = 30;
+constexpr unsigned most_seconds = 180;  // of a run, on a machine that has other things to do
 
 // Entries and buttons that start other programs or wait for a printer.
 const QStringList out_of_bounds = {"getting_started", "system_info", "print"};
@@ -60,6 +79,27 @@ const QStringList purposeful = {"autosort",
                                 "restore_defaults",
                                 "realign_all_events",
                                 "realign_all_templates",
+                                "guided_merge",
+                                "view_clusters",
+                                "compare_pairs",
+                                "post_processing",
+                                "manage_clusters",
+                                "history",
+                                "correlograms",
+                                "isi_height",
+                                "acf_time",
+                                "amplitude_distribution",
+                                "sorted_waveforms",
+                                "channel_check",
+                                "hp_spectrum",
+                                "report",
+                                "test_decisions",
+                                "sorting_statistics",
+                                "merge",
+                                "split",
+                                "mark",
+                                "next",
+                                "plot",
                                 "undo_events",
                                 "undo_all",
                                 "resume",
@@ -101,14 +141,43 @@ QWidget* shown_dialog(driven_workstation& w) {
   return modal != nullptr ? modal : dialog_beside(w.shell);
 }
 
+// Of two steps of one seed, and of one step of two seeds, other numbers.
+std::mt19937 numbers_of_step(unsigned seed, int step) {
+  std::seed_seq mixed{seed, static_cast<unsigned>(step)};
+  return std::mt19937(mixed);
+}
+
 struct monkey {
+  unsigned seed;
   std::mt19937 random;
   temporary_directory home;
   random_files files;
   std::unique_ptr<driven_workstation> w = std::make_unique<driven_workstation>(home.path);
-  int n_steps = 0;
+  std::string did;  // in this step, for who reads of it
 
-  explicit monkey(unsigned seed) : random(seed) {}
+  explicit monkey(unsigned of) : seed(of), random(numbers_of_step(of, 0)) {
+    if (!one_in(4)) sort_first();
+  }
+
+  // Most of the tools look at a sort.
+  void sort_first() {
+    const std::string path = files.paths.first().toStdString();
+    start_operation(
+        w->shell,
+        [path](session_state& s) {
+          open_recording(s, path);
+          s.strategy.min_cluster_size = 10;
+          autosort(s);
+        },
+        nullptr);
+    w->settle(true);
+    w->close_messages();
+  }
+
+  void note(const QString& what, const QObject* with, const QObject* in = nullptr) {
+    did = qPrintable(what + ' ' + (with != nullptr ? with->objectName() : QString()) +
+                     (in != nullptr ? " in " + in->objectName() : QString()));
+  }
 
   int below(int n) { return static_cast<int>(random() % static_cast<unsigned>(std::max(n, 1))); }
   bool one_in(int n) { return below(n) == 0; }
@@ -140,6 +209,7 @@ struct monkey {
   }
 
   void use(QWidget* control) {
+    note("use", control, control->window());
     if (auto* button = qobject_cast<QAbstractButton*>(control)) {
       button->click();
     } else if (auto* box = qobject_cast<QAbstractSpinBox*>(control)) {
@@ -148,6 +218,14 @@ struct monkey {
       list->setCurrentIndex(below(list->count()));
     } else if (auto* bar = qobject_cast<QAbstractSlider*>(control)) {
       bar->setValue(bar->minimum() + below(bar->maximum() - bar->minimum() + 1));
+    } else if (auto* table = qobject_cast<QAbstractItemView*>(control)) {
+      const QAbstractItemModel* model = table->model();
+      if (model == nullptr || model->rowCount() == 0) return;
+      const QModelIndex cell = model->index(below(model->rowCount()), below(model->columnCount()));
+      table->scrollTo(cell);
+      QTest::mouseClick(table->viewport(), Qt::LeftButton,
+                        one_in(3) ? Qt::ControlModifier : Qt::NoModifier,
+                        table->visualRect(cell).center());
     }
   }
 
@@ -157,7 +235,8 @@ struct monkey {
     for (QWidget* widget : all) {
       const bool usable =
           qobject_cast<QAbstractButton*>(widget) || qobject_cast<QAbstractSpinBox*>(widget) ||
-          qobject_cast<QComboBox*>(widget) || qobject_cast<QAbstractSlider*>(widget);
+          qobject_cast<QComboBox*>(widget) || qobject_cast<QAbstractSlider*>(widget) ||
+          qobject_cast<QAbstractItemView*>(widget);
       if (usable && widget->isEnabled() && widget->window() == window &&
           !out_of_bounds.contains(widget->objectName())) {
         controls << widget;
@@ -175,8 +254,11 @@ struct monkey {
     if (auto* pages = window->findChild<QTabWidget*>("pages")) {
       pages->setCurrentIndex(below(pages->count()));
     }
+    note("close or type at", window);
     if (one_in(25)) {
       QTest::keyClick(window, Qt::Key_Escape);
+    } else if (one_in(20)) {
+      QTest::keyClick(window, static_cast<Qt::Key>(Qt::Key_A + below(26)));
     } else if (one_in(25)) {
       window->close();
     } else {
@@ -185,6 +267,7 @@ struct monkey {
   }
 
   void answer(QMessageBox* box) {
+    note("answer \"" + box->text().left(50) + '"', box);
     if (one_in(4)) {
       box->close();
     } else {
@@ -193,6 +276,7 @@ struct monkey {
   }
 
   void answer(QFileDialog* dialog) {
+    note("choose a file", dialog);
     if (one_in(3)) return dialog->reject();
     // Its own question about a file that is there, or is none, waits inside accept.
     QTimer asked;
@@ -215,14 +299,15 @@ struct monkey {
       possible << action;
       if (purposeful.contains(action->objectName())) better << action;
     }
-    if (!better.isEmpty() && one_in(2)) {
-      one_of(better)->trigger();
-    } else if (!possible.isEmpty()) {
-      one_of(possible)->trigger();
-    }
+    QList<QAction*>& from = !better.isEmpty() && one_in(2) ? better : possible;
+    if (from.isEmpty()) return;
+    QAction* entry = one_of(from);
+    note("entry", entry);
+    entry->trigger();
   }
 
   void drop_file() {
+    note("drop a file", nullptr);
     QMimeData mime;
     mime.setUrls({QUrl::fromLocalFile(one_in(2) ? files.paths.first() : one_of(files.paths))});
     QWidget* frame = w->shell.frame;
@@ -233,6 +318,7 @@ struct monkey {
   }
 
   void play_with_graph(graph_window* window) {
+    note("play with", window);
     QWidget* surface = window->surface();
     const auto keys = one_of(
         std::vector<Qt::KeyboardModifiers>{Qt::NoModifier, Qt::ControlModifier, Qt::ShiftModifier});
@@ -265,7 +351,8 @@ struct monkey {
 
   void use_frame() {
     workstation& shell = w->shell;
-    const QPointer<graph_window> graph = shell.graphs[0];
+    note("frame", nullptr);
+    const QPointer<graph_window> graph = shell.graphs[below(static_cast<int>(graph_kind::count))];
     QDialog* voltage = shell.voltage ? shell.voltage->dialog.data() : nullptr;
     if (graph && one_in(3)) {
       play_with_graph(graph);
@@ -284,8 +371,7 @@ struct monkey {
 
   // Where a user can act: the modal window in front, or else anything; most often a dialog that
   // stands beside the windows.
-  void step() {
-    ++n_steps;
+  void act() {
     QWidget* modal = QApplication::activeModalWidget();
     if (auto* box = qobject_cast<QMessageBox*>(modal)) {
       answer(box);
@@ -300,10 +386,38 @@ struct monkey {
     } else {
       use_frame();
     }
-    const int ms = one_in(10) ? below(60) : below(4);
-    if (ms > 0) QTest::qWait(ms);
-    QApplication::processEvents();
+  }
+
+  // Whoever moves next is the user: no operation runs, or it waits for an answer.
+  bool user_is_next() const {
+    if (!w->shell.worker.running || w->shell.paused) return true;
+    QWidget* modal = QApplication::activeModalWidget();
+    return qobject_cast<QMessageBox*>(modal) != nullptr ||
+           qobject_cast<QFileDialog*>(modal) != nullptr;
+  }
+
+  bool come_to_a_halt() {
+    const bool halted = wait_until([this] { return user_is_next(); }, 60'000);
+    // What an operation's end has queued queues more: windows, then their pictures.
+    for (int i = 0; i < 10; ++i) {
+      QApplication::processEvents();
+      QApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+    return halted;
+  }
+
+  void step(int number) {
+    random = numbers_of_step(seed, number);
+    did.clear();
+    long_operation_flags& operation = w->session->operation;
+    // One in four is stopped soon; the others late, for what is set may be for days of work.
+    operation.interrupt_at_poll = operation.polls + (one_in(4) ? 1 + below(300) : 4000);
+    act();
+    std::printf("step %d: %s\n", number, did.c_str());
+    std::fflush(stdout);
+    ASSERT_TRUE(come_to_a_halt()) << "an operation does not end, step " << number;
     if (w->shell.leaving) start_again();
+    if (number % steps_to_rest == 0) check_at_rest(number);
   }
 
   void start_again() {
@@ -312,65 +426,129 @@ struct monkey {
     w = std::make_unique<driven_workstation>(home.path, argument, one_in(2));
   }
 
-  // Ends what runs and closes what is open, as a patient user does.
+  // Waits for what runs and closes what is open, as a patient user does.
   bool come_to_rest() {
     workstation& shell = w->shell;
     QStringList none;
-    return wait_until([&] {
-      if (w->answer_box(one_in(2), none)) return false;
-      if (shell.leaving) return true;
-      if (shell.worker.running) {
-        request_ends();
-        return false;
-      }
-      QWidget* modal = shown_dialog(*w);
-      if (modal != nullptr) modal->close();
-      return modal == nullptr;
-    });
+    return wait_until(
+        [&] {
+          if (w->answer_box(true, none)) return false;
+          if (shell.leaving) return true;
+          if (shell.paused) shell.desk->resume();
+          if (shell.worker.running) return false;
+          QWidget* modal = shown_dialog(*w);
+          if (modal != nullptr) modal->close();
+          return modal == nullptr;
+        },
+        60'000);
   }
 
-  void request_ends() {
-    const QWidgetList windows = QApplication::topLevelWidgets();
-    for (const QWidget* window : windows) {
-      for (const char* name : {"interrupt", "resume"}) {
-        auto* button = window->findChild<QPushButton*>(name);
-        if (button != nullptr && button->isEnabled()) button->click();
-      }
-    }
-  }
-
-  void check_at_rest() {
+  void check_at_rest(int number) {
     if (!come_to_rest()) {
       const QWidget* modal = QApplication::activeModalWidget();
-      FAIL() << "after " << n_steps << " steps, running " << w->shell.worker.running << ", leaving "
+      FAIL() << "after step " << number << ", running " << w->shell.worker.running << ", leaving "
              << w->shell.leaving << ", in front "
              << (modal != nullptr ? modal->objectName().toStdString() : "nothing");
     }
     if (w->shell.leaving) return start_again();
-    ASSERT_EQ(check_session(*w->session), "") << "after " << n_steps << " steps";
+    ASSERT_EQ(check_session(*w->session), "") << "after step " << number;
     bool turns = false;
     QTimer::singleShot(0, w->shell.frame, [&] { turns = true; });
     ASSERT_TRUE(wait_until([&] { return turns; }));
   }
+};
 
-  void play(int ms) {
-    QElapsedTimer clock;
-    clock.start();
-    while (clock.elapsed() < ms) {
-      const int n = 5 + below(60);
-      for (int i = 0; i < n; ++i) step();
-      if (w->shell.leaving) start_again();
-      ASSERT_NO_FATAL_FAILURE(check_at_rest());
+// "SEED:3,5,8": the steps that are taken.
+constexpr const char* plan_name = "KESTRELVANE_MONKEY_PLAN";
+
+std::string plan_text(unsigned seed, const std::vector<int>& steps) {
+  std::string text = std::to_string(seed) + ':';
+  for (const int number : steps) text += std::to_string(number) + ',';
+  return text;
+}
+
+// Run by the tests below, in a process of its own.
+TEST(MonkeyPlan, DISABLED_TakesTheStepsOfItsPlan) {
+  const QStringList plan = QString(qgetenv(plan_name)).split(':');
+  ASSERT_EQ(plan.size(), 2);
+  alarm(most_seconds);
+  monkey m(plan[0].toUInt());
+  int last = 0;
+  for (const QString& number : plan[1].split(',', Qt::SkipEmptyParts)) {
+    last = number.toInt();
+    ASSERT_NO_FATAL_FAILURE(m.step(last));
+    if (HasFailure()) return;
+  }
+  m.check_at_rest(last);
+}
+
+process_result take_steps(unsigned seed, const std::vector<int>& steps) {
+  return run_process(
+      "/usr/bin/env",
+      {std::string(plan_name) + '=' + plan_text(seed, steps), "QT_QPA_PLATFORM=offscreen",
+       QApplication::applicationFilePath().toStdString(), "--gtest_filter=MonkeyPlan.DISABLED_*",
+       "--gtest_also_run_disabled_tests"});
+}
+
+// The lines that tell of steps.
+std::string steps_of(const process_result& run) {
+  std::istringstream in(run.out);
+  std::string steps;
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with("step ")) steps += line + '\n';
+  }
+  return steps;
+}
+
+// Leaves out ever smaller parts for as long as the rest still fails, and a run at a time is left.
+process_result shorten(unsigned seed, std::vector<int>& steps, const process_result& failed) {
+  constexpr int most_runs = 60;
+  process_result shortest = failed;
+  int n_runs = 0;
+  for (std::size_t part = steps.size() / 2; part > 0; part /= 2) {
+    for (std::size_t at = 0; at < steps.size() && n_runs < most_runs; ++n_runs) {
+      std::vector<int> fewer = steps;
+      const auto from = fewer.begin() + static_cast<std::ptrdiff_t>(at);
+      fewer.erase(from, from + static_cast<std::ptrdiff_t>(std::min(part, steps.size() - at)));
+      const process_result run = take_steps(seed, fewer);
+      if (run.status == 0) {
+        at += part;
+      } else {
+        steps = fewer;
+        shortest = run;
+      }
     }
   }
-};
+  return shortest;
+}
+
+std::vector<int> first_steps(int n) {
+  std::vector<int> steps(static_cast<std::size_t>(n));
+  std::iota(steps.begin(), steps.end(), 1);
+  return steps;
+}
 
 class Monkey : public testing::TestWithParam<unsigned> {};
 
 TEST_P(Monkey, BreaksNothing) {
-  monkey m(GetParam());
-  m.play(ms_per_seed);
-  RecordProperty("steps", m.n_steps);
+  const unsigned seed = GetParam();
+  std::vector<int> steps = first_steps(steps_per_seed);
+  process_result run = take_steps(seed, steps);
+  if (run.status == 0) return;
+  const std::string first_words =
+      run.out.substr(run.out.find("step ") == std::string::npos ? 0 : run.out.rfind("step "));
+  run = shorten(seed, steps, run);
+  ADD_FAILURE() << "seed " << seed << ", status " << run.status << "; at first:\n"
+                << first_words << "\nThe shortest sequence, " << plan_name << '='
+                << plan_text(seed, steps) << '\n'
+                << run.out << run.err;
+}
+
+TEST(MonkeyPlan, ASeedDoesTheSameEachTime) {
+  const std::vector<int> steps = first_steps(60);
+  const std::string once = steps_of(take_steps(3, steps));
+  EXPECT_EQ(std::count(once.begin(), once.end(), '\n'), 60);
+  EXPECT_EQ(steps_of(take_steps(3, steps)), once);
 }
 
 void write_random_bytes(const std::string& path, std::mt19937& random, std::size_t n) {
@@ -492,13 +670,18 @@ TEST(DamagedState, RandomBytesInEveryStateFileStartAsANewInstallation) {
   }
 }
 
-// Four in every run of the tests; for a night of them the variable says how many.
-unsigned last_seed() {
+// Four in every run of the tests; for a night of them the variable says which, "FIRST:COUNT".
+std::pair<unsigned, unsigned> wanted_seeds() {
+  unsigned first = 1, count = 4;
   const char* wanted = std::getenv("KESTRELVANE_MONKEY_SEEDS");
-  return wanted != nullptr ? static_cast<unsigned>(std::strtoul(wanted, nullptr, 10)) : 4;
+  if (wanted != nullptr && std::sscanf(wanted, "%u:%u", &first, &count) == 1) {
+    count = std::exchange(first, 1);
+  }
+  return {first, first + count};
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, Monkey, testing::Range(1u, last_seed() + 1));
+INSTANTIATE_TEST_SUITE_P(Seeds, Monkey,
+                         testing::Range(wanted_seeds().first, wanted_seeds().second));
 
 }  // namespace
 }  // namespace kestrelvane::test
