@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "files/input_file.h"
+#include "operations/kept_states.h"
 #include "operations/open_recording.h"
 #include "recording/recording_formats.h"
 #include "results/curation_file.h"
@@ -19,10 +20,9 @@ namespace {
 
 constexpr std::int64_t label_bytes = 24;  // in front of the path in a work file
 
-// One of the two state files, and what is said while it is opened.
-struct state_file {
-  const char* name;
-  const char* ends_early;  // whole; null: as a file that cannot be opened
+// What is said while a state file is opened.
+struct state_words {
+  const char* ends_early;  // before the name; null: as a file that cannot be opened
   const char* reading;
   const char* success;
   const char* declined;  // before the name
@@ -32,25 +32,36 @@ struct state_file {
   bool keeps_history;
 };
 
-constexpr state_file restart_state{restart_file_name,
-                                   nullptr,
-                                   "Resuming previous state",
-                                   "Resumption was successful",
-                                   "Bad resume file name ",
-                                   "Resume failed; error reading ",
-                                   true,
-                                   false};
+constexpr state_words restart_words{nullptr,
+                                    "Resuming previous state",
+                                    "Resumption was successful",
+                                    "Bad resume file name ",
+                                    "Resume failed; error reading ",
+                                    true,
+                                    false};
 
-constexpr state_file autorecover_state{autorecover_file_name,
-                                       "Autorecover failed; early end to file kv_autorecover.sav",
-                                       "Reading autorecover file",
-                                       "Autorecover successfull",
-                                       "Autorecover failed; bad file name ",
-                                       "Autorecover failed; error reading ",
-                                       false,
-                                       true};
+constexpr state_words autorecover_words{"Autorecover failed; early end to file ",
+                                        "Reading autorecover file",
+                                        "Autorecover successfull",
+                                        "Autorecover failed; bad file name ",
+                                        "Autorecover failed; error reading ",
+                                        false,
+                                        true};
 
-std::string home_file(const session_state& session, const char* name) {
+// A state file of the home.
+struct state_file {
+  const state_words& words;
+  std::string name;
+};
+
+// Of an exit there is one for all instances: it is the next start that asks for it.
+state_file restart_state() { return {restart_words, restart_file_name}; }
+
+state_file autorecover_state(const session_state& session) {
+  return {autorecover_words, numbered_name(autorecover_file_name, session.state_files.number)};
+}
+
+std::string home_file(const session_state& session, const std::string& name) {
   return session.home_directory + '/' + name;
 }
 
@@ -66,8 +77,16 @@ bool save_state(const session_state& session, const state_file& file) {
   // A reader that asks the user lets others have the gate; half a recording is no state.
   if (session.operation.reader_running) return false;
   session.operation.autorecover_busy = true;
-  const bool saved = write_work_file(session, home_file(session, file.name),
-                                     home_file(session, autorecover_temporary_name));
+  const std::string path = home_file(session, file.name);
+  // Only of the recovery file can what stands there be this run's own.
+  const bool is_own = &file.words == &autorecover_words;
+  if (is_own) {
+    keep_what_is_replaced(session, path);
+  } else {
+    keep_state(session, path);
+  }
+  const bool saved = write_work_file(session, path, autorecover_temporary(session));
+  if (saved && is_own) session.state_files.own_recording = session.recording.recording_path;
   session.operation.autorecover_busy = false;
   return saved;
 }
@@ -86,20 +105,20 @@ void offer_filters(session_state& session, const state_file& file) {
   if (ask(session, "Repeat previous filtering?", "Kestrelvane")) {
     repeat_filtering(session);
     autoscale_voltage_display(session);
-  } else if (!file.keeps_history) {
+  } else if (!file.words.keeps_history) {
     session.filter_history.n_entries = 0;
   }
 }
 
 void say_not_read(const session_state& session, const state_file& file, bool wrong_file) {
-  std::string words = std::string(wrong_file ? file.declined : file.failed) + file.name;
-  if (!wrong_file && file.tells_status) words += " 0 0";  // neither read nor declined
+  std::string words = std::string(wrong_file ? file.words.declined : file.words.failed) + file.name;
+  if (!wrong_file && file.words.tells_status) words += " 0 0";  // neither read nor declined
   log_message(session, words);
 }
 
 // The state file over the recording that is in memory.
 bool read_state(session_state& session, const state_file& file) {
-  log_message(session, file.reading);
+  log_message(session, file.words.reading);
   bool wrong_file = false;
   if (!read_work_file(session, home_file(session, file.name), wrong_file)) {
     say_not_read(session, file, wrong_file);
@@ -114,7 +133,7 @@ bool read_state(session_state& session, const state_file& file) {
   offer_filters(session, file);
   // Made after the last save; the crash was not the user's wish.
   if (later_edits > 0) repeat_later_edits(session);
-  log_message(session, file.success);
+  log_message(session, file.words.success);
   return true;
 }
 
@@ -130,8 +149,8 @@ bool read_recording_path(const session_state& session, const state_file& file, s
     path = text.view();
     return true;
   }
-  log_message(session, opened && file.ends_early != nullptr
-                           ? file.ends_early
+  log_message(session, opened && file.words.ends_early != nullptr
+                           ? file.words.ends_early + file.name
                            : std::string("Failed to read file ") + file.name);
   return false;
 }
@@ -190,7 +209,7 @@ bool results_are_waiting(const autorecover_timer& timer, const session_state& se
 // Right after a save has failed; without a recording there was none.
 bool log_lost_state(const session_state& session) {
   if (errno == 0) return false;
-  log_failed_save(session, home_file(session, autorecover_file_name));
+  log_failed_save(session, autorecover_path(session));
   return true;
 }
 
@@ -219,13 +238,34 @@ void run_timer(autorecover_timer& timer, const session_state& session) {
 
 }  // namespace
 
-bool save_autorecover(const session_state& session) {
-  return save_state(session, autorecover_state);
+std::string autorecover_path(const session_state& session) {
+  return home_file(session, autorecover_state(session).name);
 }
-bool save_restart(const session_state& session) { return save_state(session, restart_state); }
 
-bool open_restart(session_state& session) { return open_state(session, restart_state); }
-bool open_autorecover(session_state& session) { return open_state(session, autorecover_state); }
+std::string autorecover_temporary(const session_state& session) {
+  return home_file(session, numbered_name(autorecover_temporary_name, session.state_files.number));
+}
+
+bool save_autorecover(const session_state& session) {
+  return save_state(session, autorecover_state(session));
+}
+bool save_restart(const session_state& session) { return save_state(session, restart_state()); }
+
+bool open_restart(session_state& session) { return open_state(session, restart_state()); }
+
+bool open_autorecover(session_state& session) {
+  const bool opened = open_state(session, autorecover_state(session));
+  // A recording without the results of the file is another session than the one that saved it.
+  if (opened) session.state_files.own_recording = session.recording.recording_path;
+  return opened;
+}
+
+bool open_kept_state(session_state& session, const std::string& path) {
+  if (session.events.n_events > 0) save_autorecover(session);
+  // The next save is of another session, and what stands there by then goes among the kept.
+  session.state_files.own_recording.clear();
+  return open_state(session, {autorecover_words, path.substr(path.rfind('/') + 1)});
+}
 
 bool open_recording_or_return(session_state& session, const recording_request& request) {
   // The interval may have kept an older one, or none.

@@ -3,7 +3,9 @@
 // kv_autorecover.sav is the last complete timed save, kv_restart.sav what the user asked
 // to keep at exit; both are work files in home_directory, read over the recording when it
 // is opened again. While home_directory is empty, nothing is read or written. A failed
-// save shows nothing: its file does not appear, and an older one stays.
+// save shows nothing: its file does not appear, and an older one stays. A second instance in the
+// same home has names with its number (home_lock.h); what a save would take the place of and is
+// of another session is put aside (kept_states.h).
 #pragma once
 
 #include <atomic>
@@ -21,9 +23,6 @@ namespace kestrelvane {
 constexpr const char* restart_file_name = "kv_restart.sav";
 constexpr const char* autorecover_file_name = "kv_autorecover.sav";
 constexpr const char* autorecover_temporary_name = "kv_autorecover.tmp";
-// What a crashed run left when the next one was started with a recording of its own; a
-// work file for "Open work file".
-constexpr const char* earlier_state_name = "kv_autorecover_earlier.wrk";
 
 // Waits its turn at the session gate, writes the temporary file and gives it its name.
 // True when a complete save stands; nothing is done without a recording.
@@ -37,6 +36,12 @@ bool save_restart(const session_state& session);
 // the recording without the results, or nothing.
 bool open_restart(session_state& session);
 bool open_autorecover(session_state& session);
+// The same for a state that was put aside. The one in memory is saved before it.
+bool open_kept_state(session_state& session, const std::string& path);
+
+// The recovery file of this instance, and the name of a save that is under way.
+std::string autorecover_path(const session_state& session);
+std::string autorecover_temporary(const session_state& session);
 
 // Opens another recording. The state of the one in memory is saved before it, and when the other
 // cannot be read, the user is offered to have it back. True when a recording is in memory.

@@ -113,8 +113,10 @@ edit_record edit_record_of(const json& line) {
 
 std::string recovery_work_file(const session_state& session) {
   // The name of the recovery file, beside which its history lies (operations/recovery.h).
-  return session.home_directory.empty() ? std::string()
-                                        : session.home_directory + "/kv_autorecover.sav";
+  return session.home_directory.empty()
+             ? std::string()
+             : session.home_directory + '/' +
+                   numbered_name("kv_autorecover.sav", session.state_files.number);
 }
 
 std::vector<std::string> work_files_of(const session_state& session) {

@@ -43,6 +43,14 @@ bool write_work_image(const session_state& session, const std::string& note, wor
 // they had.
 bool read_work_file(session_state& session, const std::string& path, bool& wrong_file);
 
+// What a work file holds, without a session to read it into.
+struct work_file_facts {
+  std::string recording_path;
+  std::int32_t n_events = 0, n_clusters = 0;
+};
+// False for what is no whole work file of a readable version.
+bool read_work_file_facts(const std::string& path, work_file_facts& facts);
+
 enum class work_file_outcome {
   retrieved,
   retrieved_with_filtering,  // and the samples have been through its filter chain again

@@ -237,7 +237,35 @@ bool read_version(work_file_source& in, session_state& session, const std::strin
   return read;
 }
 
+// Only lengths are looked at, and of the counts whether they can be one.
+bool pass_over_row(work_file_source& in, const work_file_row& row) {
+  if (row.form != row_form::counter) return pass_over(in, row_bytes(row, in.counts));
+  std::int32_t value = 0;
+  if (!read_bytes(in, &value, sizeof value) || value < 0) return false;
+  in.counts.of[row.rule] = value;
+  return true;
+}
+
 }  // namespace
+
+bool read_work_file_facts(const std::string& path, work_file_facts& facts) {
+  work_file_source in;
+  if (!open_source(in, path) || !read_header(in, facts.recording_path)) return false;
+  if (in.version < oldest_readable_version) return false;
+  in.position = 0;
+  for (const work_file_row& row : work_file_rows()) {
+    if (row_is_in(row, in.version) && !pass_over_row(in, row)) return false;
+    // Their product could not be told from a sensible length.
+    if (in.counts.of[per_event] > event_limit || in.counts.of[per_cluster] > cluster_limit ||
+        in.counts.of[per_channel] > channel_limit ||
+        in.counts.of[per_point] > template_point_limit) {
+      return false;
+    }
+  }
+  facts.n_events = static_cast<std::int32_t>(in.counts.of[per_event]);
+  facts.n_clusters = static_cast<std::int32_t>(in.counts.of[per_cluster]);
+  return true;
+}
 
 bool read_work_file(session_state& session, const std::string& path, bool& wrong_file) {
   wrong_file = false;

@@ -27,6 +27,7 @@
 #include "session/run_log.h"
 #include "session/session_gate.h"
 #include "session/settings.h"
+#include "session/state_files.h"
 #include "session/status_lists_table.h"
 #include "session/template_table.h"
 #include "session/undo_slot.h"
@@ -144,6 +145,7 @@ struct session_state {
   mutable run_log_table log;
   mutable long_operation_flags operation;
   mutable session_gate gate;
+  mutable state_file_use state_files;
   // Settings and selections, which dialogs write without the gate while a timed save may read
   // them. Held for a moment, and never by somebody who waits for the gate.
   mutable std::recursive_mutex settings_mutex;

@@ -184,7 +184,8 @@ void start_workstation(workstation& w, const start_request& request) {
   build_menus(w);
   start_operation(
       w,
-      [path = request.recording.toStdString()](session_state& session) {
+      [&w, path = request.recording.toStdString()](session_state& session) {
+        lock_home(session, w.lock);
         open_at_start(session, path);
       },
       [&w, request] { after_start(w, request); });

@@ -18,6 +18,7 @@
 #include <optional>
 #include <vector>
 
+#include "operations/home_lock.h"
 #include "operations/program_run.h"
 #include "operations/recovery.h"
 #include "session/session_state.h"
@@ -81,6 +82,7 @@ struct workstation {
   std::shared_ptr<kept_quality> quality;              // the worker's (dialogs/review_parts.h)
   std::shared_ptr<cluster_displays> cluster_windows;  // windows/cluster_displays.h
   std::shared_ptr<review_workspace> workspace;        // windows/cluster_windows.h
+  home_lock lock;  // of the number in the names of the state files
   operation_worker worker;
   std::vector<menu_hold> menu_holds;  // in the order of their coming; menu_holds.h
   bool reads_recording = false;       // the running operation has begun to read one

@@ -11,6 +11,7 @@ struct workstation;
 void open_recording_command(workstation& w);
 void open_recording_path(workstation& w, const QString& path);  // dropped on the frame
 void open_recent_command(workstation& w, int entry);            // from 0
+void open_kept_state_path(workstation& w, const QString& path);  // operations/kept_states.h
 void open_work_file_command(workstation& w);
 void close_recording_command(workstation& w);
 void save_work_file_command(workstation& w);
@@ -45,6 +46,7 @@ void getting_started_command(workstation& w);
 void about_command(workstation& w);
 
 // --- dialogs/
+void earlier_states_command(workstation& w);
 void preferences_command(workstation& w);
 void messages_command(workstation& w);
 void acquisition_properties_command(workstation& w);

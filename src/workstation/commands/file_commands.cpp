@@ -123,6 +123,14 @@ void open_recent_command(workstation& w, int entry) {
   });
 }
 
+void open_kept_state_path(workstation& w, const QString& path) {
+  ask_before_reading(w, [&w, path] {
+    start_operation(
+        w, [path = path.toStdString()](session_state& session) { open_kept_state(session, path); },
+        [&w] { rebuild_recent_menu(w); });
+  });
+}
+
 void open_work_file_command(workstation& w) {
   run_with_progress(
       w, "work_file_progress", "Reading the work file",
@@ -162,8 +170,6 @@ void save_work_file_command(workstation& w) {
 
 void report_command(workstation& w) {
   if (!needs_recording(w)) return;
-  // Left by an operation that was stopped; it would end this one at its first unit.
-  w.session.operation.autosort_interrupt = false;
   run_with_progress(
       w, "report_progress", "Report",
       [](session_state& session) { save_unit_report_dialog(session); }, nullptr);
