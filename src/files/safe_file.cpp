@@ -115,15 +115,15 @@ void remove_temporary(const safe_file& out) {
 }  // namespace
 
 safe_file::~safe_file() {
-  if (file == nullptr) return;
-  close_file(*this);
+  if (file == nullptr && !whole) return;
+  if (file != nullptr) close_file(*this);
   remove_temporary(*this);
 }
 
 bool open_safe_file(safe_file& out, const std::string& path, const std::string& temporary) {
   out.target = follow_links(path);
   out.temporary_path.clear();
-  out.failed = false;
+  out.failed = out.whole = false;
   out.error = 0;
   target_state state;
   if (!look_at(out.target, state)) return fail(out, errno);
@@ -184,7 +184,7 @@ bool write_text(safe_file& out, std::string_view text) {
   return write_bytes(out, text.data(), text.size());
 }
 
-bool finish_safe_file(safe_file& out) {
+bool close_safe_file(safe_file& out) {
   // Not opened, or finished before.
   if (out.file == nullptr) {
     errno = out.error;
@@ -196,13 +196,26 @@ bool finish_safe_file(safe_file& out) {
   // file under the name. Pipes and most devices know nothing of it.
   if (fsync(fileno(out.file)) != 0 && !straight) fail(out, errno);
   close_file(out);
-  if (!out.failed && !straight &&
+  if (out.failed) remove_temporary(out);
+  out.whole = !out.failed;
+  return out.whole;
+}
+
+bool place_safe_file(safe_file& out) {
+  if (!out.whole) {
+    errno = out.error;
+    return false;
+  }
+  out.whole = false;
+  if (!out.temporary_path.empty() &&
       std::rename(out.temporary_path.c_str(), out.target.c_str()) != 0) {
     fail(out, errno);
+    remove_temporary(out);
   }
-  if (out.failed) remove_temporary(out);
   return !out.failed;
 }
+
+bool finish_safe_file(safe_file& out) { return close_safe_file(out) && place_safe_file(out); }
 
 std::string why_not_saved(const std::string& path) {
   return errno == 0 ? path : path + ": " + std::strerror(errno);

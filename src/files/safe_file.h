@@ -28,6 +28,7 @@ struct safe_file {
   std::FILE* file = nullptr;
   bool failed = false;  // a write has failed; the rest is skipped
   int error = 0;        // the errno of that
+  bool whole = false;   // closed, and waits for its name
 
   safe_file() = default;
   safe_file(const safe_file&) = delete;
@@ -60,6 +61,11 @@ bool write_value(safe_file& out, const T& value) {
 
 // Flushes, closes and renames over the target. False when anything failed.
 bool finish_safe_file(safe_file& out);
+
+// The same in two steps, for files that belong together: all are closed before the first gets its
+// name. One that is not placed goes.
+bool close_safe_file(safe_file& out);
+bool place_safe_file(safe_file& out);
 
 // Right after one of the above has failed: the path and the system's words for it, as
 // "x.csv: No space left on device"; the path alone where there are none.

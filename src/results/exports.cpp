@@ -107,9 +107,9 @@ events_by_cluster list_by_cluster(const session_state& session) {
   return lists;
 }
 
-bool write_unit_text(const session_state& session, const std::string& path,
+// Without its name yet.
+bool write_unit_text(const session_state& session, safe_file& out, const std::string& path,
                      std::span<const std::int32_t> events) {
-  safe_file out;
   if (!open_safe_file(out, path)) return false;
   std::string line;
   for (const std::int32_t e : events) {
@@ -118,7 +118,7 @@ bool write_unit_text(const session_state& session, const std::string& path,
     line += '\n';
     write_text(out, line);
   }
-  return finish_safe_file(out);
+  return close_safe_file(out);
 }
 
 // --- the steps of "Save As"
@@ -311,16 +311,23 @@ bool write_csv(const session_state& session, const std::string& path) {
 
 bool write_unit_texts(const session_state& session, const std::string& path) {
   const events_by_cluster lists = list_by_cluster(session);
+  const auto tell_failure = [&](std::int32_t c) {
+    tell(session, "Error saving file " + why_not_saved(unit_text_path(path, c)), "Save TXT data");
+    return false;
+  };
+  // All are whole before the first gets its name, so that a set is never half the old one.
+  std::vector<safe_file> files(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
   // Units without events get their file, too: one for every number.
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     const std::size_t i = static_cast<std::size_t>(c);
     const std::span<const std::int32_t> events{lists.events.data() + lists.first[i],
                                                lists.first[i + 1] - lists.first[i]};
-    const std::string unit_path = unit_text_path(path, c);
-    if (!write_unit_text(session, unit_path, events)) {
-      tell(session, "Error saving file " + why_not_saved(unit_path), "Save TXT data");
-      return false;
+    if (!write_unit_text(session, files[i], unit_text_path(path, c), events)) {
+      return tell_failure(c);
     }
+  }
+  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+    if (!place_safe_file(files[static_cast<std::size_t>(c)])) return tell_failure(c);
   }
   return true;
 }

@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <functional>
 #include <numeric>
-#include <system_error>
 #include <vector>
 
 #include "analysis/unit_quality.h"
@@ -16,6 +14,7 @@
 #include "files/input_file.h"
 #include "files/npy_file.h"
 #include "files/safe_file.h"
+#include "files/safe_folder.h"
 #include "numerics/jacobi.h"
 #include "numerics/parallel.h"
 #include "recording/acquisition_facts.h"
@@ -112,12 +111,6 @@ bool write_text_file(const phy_export& x, const std::string& name, const std::st
   if (!open_safe_file(out, x.folder + name)) return false;
   write_text(out, text);
   return finish_safe_file(out);
-}
-
-// What an earlier sort has left in the folder and this one does not write.
-void remove_old(const phy_export& x, const std::string& name) {
-  std::error_code ignored;
-  std::filesystem::remove(x.folder + name, ignored);
 }
 
 // --- what is derived from the sort
@@ -450,12 +443,12 @@ constexpr cluster_column cluster_columns[] = {
 
 // One line for every cluster that has a value. Readers stumble over a table without lines:
 // there is none then.
+std::string file_of_column(const char* column) { return fmt::format("cluster_{}.tsv", column); }
+
 bool write_column(const phy_export& x, const char* column, const std::string& lines) {
-  const std::string name = fmt::format("cluster_{}.tsv", column);
-  if (!lines.empty())
-    return write_text_file(x, name, fmt::format("cluster_id\t{}\n", column) + lines);
-  remove_old(x, name);
-  return true;
+  if (lines.empty()) return true;
+  return write_text_file(x, file_of_column(column),
+                         fmt::format("cluster_id\t{}\n", column) + lines);
 }
 
 // Figures of units whose waveforms can be compared with their templates.
@@ -492,10 +485,7 @@ bool write_clusters(const phy_export& x) {
 // stretch of time that a spike's time could be a place in: readers then show the waveforms of
 // the spikes, and no traces.
 bool write_samples(const phy_export& x) {
-  if (!has_unbroken_time(x.session)) {
-    remove_old(x, samples_name);
-    return true;
-  }
+  if (!has_unbroken_time(x.session)) return true;
   const recording_store& r = x.session.recording;
   const auto n_channels = static_cast<std::size_t>(r.n_channels);
   constexpr std::int64_t points_per_piece = 4096;
@@ -528,6 +518,16 @@ bool write_params(const phy_export& x) {
                   "hp_filtered = {}\n",
                   has_unbroken_time(x.session) ? fmt::format("'{}'", samples_name) : "[]",
                   r.n_channels, exact_rate(r), r.recording_filtered ? "True" : "False"));
+}
+
+// What an earlier sort has left in the folder, where this one does not write it: what was decided
+// of its clusters means nothing for these, and its samples may be of another recording.
+bool belongs_to_old_sort(const std::string& name) {
+  if (name == samples_name || name == "cluster_info.tsv") return true;
+  const auto is_of = [&](const auto& column) { return name == file_of_column(column.name); };
+  const auto figures = further_quality_figures();
+  return std::any_of(std::begin(cluster_columns), std::end(cluster_columns), is_of) ||
+         std::any_of(figures.begin(), figures.end(), is_of);
 }
 
 bool write_folder(phy_export& x) {
@@ -566,12 +566,10 @@ bool export_phy(const session_state& session, const std::string& path) {
     tell(session, "Not enough memory for the templates of the folder", box_title);
     return false;
   }
-  std::error_code failed;
-  std::filesystem::create_directories(path, failed);
-  // What was decided of the clusters that were there means nothing for these.
-  for (const char* name : {"cluster_info.tsv", "cluster_group.tsv"}) remove_old(x, name);
-  if (failed) errno = failed.value();
-  if (failed || !write_folder(x)) {
+  safe_folder out;
+  const bool opened = open_safe_folder(out, path);
+  x.folder = out.temporary + "/";
+  if (!opened || !write_folder(x) || !finish_safe_folder(out, belongs_to_old_sort)) {
     tell(session, "Error saving Phy folder " + why_not_saved(path), box_title);
     return false;
   }

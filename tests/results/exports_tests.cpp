@@ -257,6 +257,20 @@ TEST_F(export_test, a_full_device_costs_the_new_file_only) {
   }
   EXPECT_EQ(text_of("a.csv"), old);
   EXPECT_FALSE(exists("u_1.txt"));
+  // The first unit would have had room; a set is replaced as a whole.
+  set_events({{25, 1, 1}, {30, 2, 1}});
+  session->clusters.n_clusters = 2;
+  ASSERT_TRUE(write_unit_texts(*session, directory.file("u.txt")));
+  const std::string first = text_of("u_1.txt"), second = text_of("u_2.txt");
+  std::vector<event> events(100, {26, 2, 1});
+  events[0] = {35, 1, 1};
+  set_events(events);
+  {
+    const full_device full;
+    EXPECT_FALSE(write_unit_texts(*session, directory.file("u.txt")));
+  }
+  EXPECT_EQ(text_of("u_1.txt"), first);
+  EXPECT_EQ(text_of("u_2.txt"), second);
   EXPECT_TRUE(session.user.told("Error exporting CSV format data " + path + ": File too large"));
 }
 
