@@ -44,8 +44,9 @@ TEST(Frame, MenusInTheirOrder) {
   EXPECT_THAT(menus, ElementsAre("&File", "&View", "&Pre-process", "&Sort", "&Review", "&Export",
                                  "&Windows", "&Help"));
   EXPECT_THAT(labels_of(tops[0]->menu()),
-              ElementsAre("&Open a recording file", "Open &work file", "&Close", "&Save work file",
-                          "Save &bitmap", "-", "&Print", "-", "Pre&ferences", "-", "E&xit"));
+              ElementsAre("&Open a recording file", "Open &work file", "&Earlier states", "&Close",
+                          "&Save work file", "Save &bitmap", "-", "&Print", "-", "Pre&ferences",
+                          "-", "E&xit"));
   EXPECT_THAT(labels_of(tops[1]->menu()),
               ElementsAre("&Messages", "&Acquisition properties", "&Voltage record",
                           "Sorted &waveforms", "&Sorting statistics"));
