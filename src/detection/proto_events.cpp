@@ -118,7 +118,7 @@ void compile_proto_events(session_state& session, proto_event_table& p) {
   while (next_stretch(session, stretch)) {
     if (detection_interrupted(session)) {
       session.detector.detection_incomplete = true;
-      // The flag goes back, or it would stop the clustering of what was found as well.
+      // This one is done with, or it would stop the clustering of what was found as well.
       session.operation.detection_interrupted = false;
       return;
     }

@@ -411,7 +411,6 @@ void begin_run(session_state& session) {
   session.autosort.found_no_events = false;
   session.autosort.autosort_pair_stage = false;
   session.autosort.pool = {};
-  session.operation.detection_interrupted = false;
   session.multi_threaded_now = session.preferences.multi_threaded;
 }
 

@@ -59,9 +59,7 @@ void clean_events(session_state& session) {
 
 bool run_detection(session_state& session) {
   const auto begin = std::chrono::steady_clock::now();
-  session.operation.detection_interrupted = false;
   session.detector.repeated_with_lockout = false;
-  // After the reset: an interrupt that comes while it filters is for what follows.
   if (!offer_high_pass(session)) return false;
   report_settings(session);
   set_progress(session, meter::detection, 0, 1000);

@@ -70,12 +70,6 @@ void settle_on_pair(session_state& session) {
   compare_refresh(session, session.reviewed.compare_a, session.reviewed.compare_b);
 }
 
-// A list that the user asks for; a request to stop that an earlier run left behind is not his.
-void build_match_list(session_state& session) {
-  session.operation.autosort_interrupt = false;
-  get_match_lists(session);
-}
-
 void save_comparison(session_state& session, pair_comparison& comparison) {
   comparison.can_undo = save_undo_state(session, undo_owner::pair_comparison);
   comparison.saved_pair = pair_on_show(session);
@@ -117,7 +111,7 @@ bool open_pair_comparison(session_state& session, pair_comparison& comparison) {
 void fill_pair_comparison(session_state& session) {
   prepare_undo(session);
   prepare_history(session);
-  build_match_list(session);
+  get_match_lists(session);
   const std::int32_t stored = session.reviewed.match_position;
   // Where the user left it; a list that has become shorter ends earlier.
   if (show_entry(session, std::min(std::max(1, stored), session.lists.n_match))) return;
@@ -209,7 +203,7 @@ bool compare_step_with_a(session_state& session, int direction) {
 
 void compare_by_method(session_state& session, std::int32_t match_method) {
   session.review.match_method = std::clamp<std::int32_t>(match_method, 1, match_pc_adjacency);
-  build_match_list(session);
+  get_match_lists(session);
   if (!compare_most_similar(session)) settle_on_pair(session);
 }
 
@@ -295,7 +289,7 @@ bool compare_undo(session_state& session, pair_comparison& comparison) {
   // One level: the saved state has been used up by the restoring.
   comparison.can_undo = false;
   // The list that was saved may be that of another method.
-  build_match_list(session);
+  get_match_lists(session);
   session.reviewed.compare_a = comparison.saved_pair.a;
   session.reviewed.compare_b = comparison.saved_pair.b;
   settle_on_pair(session);

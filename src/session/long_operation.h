@@ -3,6 +3,11 @@
 // The watcher sets interrupt and pause; the worker polls them between items,
 // never inside a numerical stage. What an interrupted operation leaves behind is
 // told in the header of that operation.
+//
+// Requests that an earlier operation has left are taken back by who starts the next one, before its
+// worker exists: an operation that did it would lose a press that comes right after the start. The
+// scan for proto-events alone takes back the request that ends it, since the next one is for the
+// clustering of what it has found.
 #pragma once
 
 #include <array>

@@ -239,8 +239,6 @@ std::int64_t units_of(const session_state& session, const filter_operation* oper
 }
 
 void begin_filtering(session_state& session) {
-  // What was pressed after the last chain must not stop this one.
-  session.operation.filtering_interrupted = false;
   session.multi_threaded_now = session.preferences.multi_threaded;
 }
 

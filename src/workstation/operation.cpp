@@ -80,6 +80,9 @@ bool start_operation(workstation& w, session_routine routine, std::function<void
   remember_focus(w.worker);
   w.worker.running = true;
   w.worker.finished = std::move(finished);
+  // Here and not in the worker, where it would take back a press that came right after the start.
+  // A user who is leaving wants no operation at all.
+  if (!w.exit_wanted) set_interrupts(w.session.operation, false);
   w.frame->set_busy(true);
   w.worker.thread = std::thread([&w, routine = std::move(routine), priority] {
     flush_denormals();

@@ -8,6 +8,7 @@
 #include "detection/proto_events.h"
 #include "detection/sample_test.h"
 #include "operations/detection_run.h"
+#include "support/plain_forms.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -143,6 +144,22 @@ TEST(detection_run, edges_find_nothing_and_complete) {
     masked->detection.use_lockout = lockout;
     EXPECT_TRUE(run_detection(*masked));
     EXPECT_EQ(masked->events.n_events, 0);
+  }
+}
+
+// The button is live before the worker has come to its first line.
+TEST(detection_run, a_press_right_after_the_start_counts) {
+  small_session session;
+  make_busy_recording(*session, 4, 200000, 7);
+  for (const bool lockout : {false, true}) {
+    session->detection.use_lockout = lockout;
+    set_interrupts(session->operation, false);
+    session->operation.detection_interrupted = true;
+    run_detection(*session);
+    EXPECT_TRUE(session->detector.detection_incomplete) << lockout;
+    // The lockout detector looks after its first stretch, the scan for proto-events before it.
+    EXPECT_TRUE(lockout || session->events.n_events == 0);
+    EXPECT_EQ(check_session(*session), "");
   }
 }
 

@@ -179,6 +179,7 @@ TEST_F(filter_chain_test, high_and_low_pass_together_are_one_walk) {
   interrupt_at("band-pass");
   EXPECT_FALSE(run_filter_chain(*s));
   s.user.on_status = nullptr;
+  set_interrupts(s->operation, false);
   const auto once = all_samples();
   std::size_t n_other = 0;
   for (std::size_t i = 0; i < once.size(); ++i) {
@@ -286,6 +287,7 @@ TEST_F(filter_chain_test, interrupt_finishes_the_step_and_begins_no_other) {
 
   // The next run starts afresh and goes on where this one ended.
   s.user.on_status = nullptr;
+  set_interrupts(s->operation, false);
   s->filter.do_spatial_smooth = s->filter.do_temporal_smooth = false;
   EXPECT_TRUE(run_filter_chain(*s));
   EXPECT_THAT(codes(), ElementsAre(1, 2, 3, 4, 7, 5, 6, 8));
@@ -297,6 +299,16 @@ TEST_F(filter_chain_test, interrupt_finishes_the_step_and_begins_no_other) {
   interrupt_at("common mean");
   EXPECT_FALSE(repeat_filtering(*s));
   EXPECT_THAT(codes(), ElementsAre(1, 2));
+}
+
+// The button is live before the worker has come to its first line.
+TEST_F(filter_chain_test, a_press_right_after_the_start_counts) {
+  tick_all();
+  const auto before = all_samples();
+  s->operation.filtering_interrupted = true;
+  EXPECT_FALSE(run_filter_chain(*s));
+  EXPECT_TRUE(codes().empty());
+  EXPECT_TRUE(all_samples() == before);
 }
 
 TEST_F(filter_chain_test, entries_without_sense_are_left_out_in_words) {

@@ -357,9 +357,6 @@ void take_back_pass(const shared_autosort& a) {
 
 void start_run(const shared_autosort& a) {
   long_operation_flags& operation = a->w.session.operation;
-  // Left by the last run; it would end this one before its first cluster.
-  operation.autosort_interrupt = false;
-  operation.detection_interrupted = false;
   // Ticked before the start, it stops at the first pause point.
   operation.pause_requested = a->pause->isChecked();
   a->pool_shown = false;

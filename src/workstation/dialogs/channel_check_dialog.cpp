@@ -260,8 +260,6 @@ void open_check(const shared_channels& c) {
 
 void channel_check_command(workstation& w) {
   if (!can_check_channels(w.session)) return;
-  // Left by an operation that was stopped; it would end this one at its first look.
-  w.session.operation.autosort_interrupt = false;
   const auto state = std::make_shared<channel_check_state>();
   const auto complete = std::make_shared<bool>(false);
   run_with_progress(

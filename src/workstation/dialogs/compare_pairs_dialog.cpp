@@ -167,7 +167,6 @@ void run_step(const shared_compare& c, const QString& doing, compare_routine rou
   if (c->w.worker.running || c->asking) return;
   c->message->setText(doing);
   c->bar->setValue(0);
-  set_interrupts(c->w.session.operation, false);
   c->dialog->run(
       [c, routine = std::move(routine)](session_state& session) {
         c->step = routine(session, c->comparison);

@@ -481,8 +481,6 @@ QGroupBox* result_section(const shared_detection& d) {
 
 void start_detection(const shared_detection& d) {
   if (!d->form.store()) return;
-  // Left by the last run; it would end this one at its first poll.
-  d->w.session.operation.detection_interrupted = false;
   // A run that is interrupted may never report them; the last run's would stay.
   d->n_coincident->clear();
   d->n_large->clear();

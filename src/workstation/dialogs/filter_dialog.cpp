@@ -109,8 +109,6 @@ void add_frequency_domain(filter_window& f) {
 
 void do_it(const shared_filter& f) {
   if (!f->form.store()) return;
-  // Left by the last chain; it would end this one before its first step.
-  f->w.session.operation.filtering_interrupted = false;
   f->message->setText("Filtering ...");
   f->dialog->run([](session_state& session) { run_filter_chain(session); },
                  [f] {

@@ -72,7 +72,6 @@ void run_step(const shared_guided& g, const QString& doing, guided_routine routi
   if (!g->form.store()) return;
   g->message->setText(doing);
   g->bar->setValue(0);
-  set_interrupts(g->w.session.operation, false);
   g->dialog->run(
       [g, routine = std::move(routine)](session_state& session) {
         g->step = routine(session, g->walk);

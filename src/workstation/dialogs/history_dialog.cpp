@@ -72,7 +72,6 @@ void go_back(const shared_history& h) {
   const std::int32_t number = line->data(number_column, Qt::UserRole).toInt();
   h->message->setText("Repeating the edits up to there ...");
   h->bar->setValue(0);
-  set_interrupts(h->w.session.operation, false);
   const auto done = std::make_shared<bool>(false);
   h->dialog->run(
       [number, done](session_state& session) {

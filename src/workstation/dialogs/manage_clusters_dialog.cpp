@@ -152,7 +152,6 @@ using tool = std::function<void(session_state& session, cluster_management& mana
 void run_tool(const shared_manage& m, tool routine, std::function<void()> then = {}) {
   m->bar->setValue(0);
   m->message->setText("Working ...");
-  set_interrupts(m->w.session.operation, false);
   m->dialog->run(
       [m, routine = std::move(routine)](session_state& session) {
         routine(session, m->management);

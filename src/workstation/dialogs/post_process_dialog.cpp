@@ -71,7 +71,6 @@ void run_tool(const shared_post& p, tool routine, shower show = {}) {
   const auto found = std::make_shared<outcome>();
   p->bar->setValue(0);
   p->message->setText("Working ...");
-  set_interrupts(p->w.session.operation, false);
   p->dialog->run(
       [p, routine = std::move(routine), found](session_state& session) {
         *found = routine(session);

@@ -140,8 +140,6 @@ void tell_made(const shared_maker& m, const made_recording& made) {
 void make_recording(const shared_maker& m) {
   options o;
   if (!take_options(*m, o)) return;
-  // Left by an operation that was stopped; it would end this one at its first channel.
-  m->w.session.operation.autosort_interrupt = false;
   m->message->setText("Making the recording ...");
   const auto made = std::make_shared<made_recording>();
   made->path = QFileInfo(last_directory(), "test.tsf").filePath().toStdString();

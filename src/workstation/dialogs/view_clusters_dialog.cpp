@@ -75,7 +75,6 @@ void run_tool(const shared_view& v, tool routine) {
   const auto words = std::make_shared<QString>();
   v->bar->setValue(0);
   v->message->setText("Working ...");
-  set_interrupts(v->w.session.operation, false);
   v->dialog->run(
       [v, routine = std::move(routine), words](session_state& session) {
         *words = routine(session);
