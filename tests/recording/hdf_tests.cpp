@@ -126,6 +126,24 @@ TEST_F(hdf_test, a_multi_channel_file_is_read_with_what_it_says_of_itself) {
   }
 }
 
+// Written where the filter is, read where it is not.
+TEST_F(hdf_test, a_filter_that_is_not_installed_is_named) {
+  const auto as_it_is = [](unsigned, std::size_t, const unsigned*, std::size_t n, std::size_t*,
+                           void**) { return n; };
+  const H5Z_class2_t filter{H5Z_CLASS_T_VERS, packed_filter, 1,       1,
+                            "as it is",       nullptr,       nullptr, as_it_is};
+  ASSERT_GE(H5Zregister(&filter), 0);
+  mcs_fixture f;
+  f.storage = hdf_storage::packed;
+  make_mcs_file(mcs, f);
+  EXPECT_TRUE(open(mcs, mcs_data)) << user.all_lines();
+  ASSERT_GE(H5Zunregister(packed_filter), 0);
+  EXPECT_FALSE(open(mcs, mcs_data));
+  EXPECT_TRUE(user.logged("packed by the filter \"zstd\" (number 32015), which is not installed"))
+      << user.all_lines();
+  expect_empty();
+}
+
 TEST_F(hdf_test, every_number_type_layout_and_order_gives_the_same_samples) {
   for (const char* type :
        {"i8", "i16", "u16", "i32", "u32", "i64", "f32", "f64", "i16be", "i32be", "f32be"}) {

@@ -65,7 +65,8 @@ void add_attribute(hid_t file, const std::string& place, const char* name, hid_t
 hid_t storage_list(const hdf_numbers& what) {
   const hid_t list = made(H5Pcreate(H5P_DATASET_CREATE));
   if (what.storage == hdf_storage::compact) done(H5Pset_layout(list, H5D_COMPACT));
-  if (what.storage == hdf_storage::chunked || what.storage == hdf_storage::gzip) {
+  if (what.storage == hdf_storage::chunked || what.storage == hdf_storage::gzip ||
+      what.storage == hdf_storage::packed) {
     std::vector<hsize_t> chunk(what.chunk.begin(), what.chunk.end());
     if (chunk.empty()) {
       for (const std::uint64_t n : what.size) chunk.push_back(std::max<hsize_t>(n / 3, 1));
@@ -73,6 +74,9 @@ hid_t storage_list(const hdf_numbers& what) {
     done(H5Pset_chunk(list, static_cast<int>(chunk.size()), chunk.data()));
   }
   if (what.storage == hdf_storage::gzip) done(H5Pset_deflate(list, 6));
+  if (what.storage == hdf_storage::packed) {
+    done(H5Pset_filter(list, packed_filter, H5Z_FLAG_MANDATORY, 0, nullptr));
+  }
   return list;
 }
 

@@ -13,7 +13,9 @@
 
 namespace kestrelvane::test {
 
-enum class hdf_storage { contiguous, chunked, gzip, compact, none };
+// packed: by a filter of the number packed_filter, which the test registers.
+enum class hdf_storage { contiguous, chunked, gzip, compact, none, packed };
+constexpr int packed_filter = 32015;
 
 // A dataset of numbers.
 struct hdf_numbers {

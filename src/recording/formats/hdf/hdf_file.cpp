@@ -1,5 +1,7 @@
 #include "recording/formats/hdf/hdf_file.h"
 
+#include <fmt/format.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -157,6 +159,51 @@ std::string hdf_problem() {
   std::string text;
   H5Ewalk2(H5E_DEFAULT, H5E_WALK_UPWARD, take_first_problem, &text);
   return text;
+}
+
+namespace {
+
+// Registered numbers of filters that recorders and archives use; most leave no name in the file.
+constexpr struct {
+  H5Z_filter_t number;
+  const char* name;
+} known_filters[] = {{307, "bzip2"},        {32000, "lzf"}, {32001, "blosc"}, {32004, "lz4"},
+                     {32008, "bitshuffle"}, {32013, "zfp"}, {32015, "zstd"},  {32026, "blosc2"}};
+
+std::string name_of_filter(H5Z_filter_t number, const char* in_file) {
+  for (const auto& known : known_filters) {
+    if (known.number == number) return known.name;
+  }
+  return in_file;
+}
+
+// The first filter of a dataset that is not there; empty where all are.
+std::string missing_filter(hid_t dataset) {
+  const hdf_id creation(H5Dget_create_plist(dataset));
+  if (!creation.ok()) return {};
+  const int n = H5Pget_nfilters(creation);
+  for (int i = 0; i < n; ++i) {
+    char name[64] = {};
+    unsigned flags = 0;
+    std::size_t n_values = 0;
+    const H5Z_filter_t number = H5Pget_filter2(creation, static_cast<unsigned>(i), &flags,
+                                               &n_values, nullptr, sizeof name - 1, name, nullptr);
+    if (number <= 0 || H5Zfilter_avail(number) > 0) continue;
+    return fmt::format("\"{}\" (number {})", name_of_filter(number, name), number);
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string hdf_read_problem(hid_t dataset) {
+  const std::string problem = hdf_problem();
+  const std::string filter = missing_filter(dataset);
+  if (filter.empty()) return problem;
+  return fmt::format(
+      "the samples are packed by the filter {}, which is not installed; the library looks for it "
+      "in the folders of HDF5_PLUGIN_PATH",
+      filter);
 }
 
 hdf_error open_hdf_file(hdf_file& in, const std::string& path, const std::atomic<bool>* interrupt) {

@@ -44,6 +44,9 @@ struct hdf_id {
 // The first thing that went wrong in the library's last call, in its words. Giving back a
 // handle is a call, too.
 std::string hdf_problem();
+// The same after the samples of a dataset could not be read: names the filter that packed them,
+// where the library does not have it.
+std::string hdf_read_problem(hid_t dataset);
 
 // What a read can die of; "Error #" and the code are told to the user.
 enum class hdf_error : std::int32_t {

@@ -197,7 +197,7 @@ bool read_tile(sample_reader& r, const tile& t, hid_t type, hid_t memory_space, 
   const bool read = select_tile(r, t) &&
                     H5Dread(r.dataset, type, memory_space, r.file_space, H5P_DEFAULT, to) >= 0;
   // Taken at once: the next call of the library would overwrite it.
-  if (!read) r.result.problem = hdf_problem();
+  if (!read) r.result.problem = hdf_read_problem(r.dataset);
   r.result.read_seconds += seconds_since(start);
   return read;
 }
