@@ -9,8 +9,8 @@ struct workstation;
 
 // --- File (file_commands.cpp)
 void open_recording_command(workstation& w);
-void open_recording_path(workstation& w, const QString& path);  // dropped on the frame
-void open_recent_command(workstation& w, int entry);            // from 0
+void open_recording_path(workstation& w, const QString& path);   // dropped on the frame
+void open_recent_command(workstation& w, int entry);             // from 0
 void open_kept_state_path(workstation& w, const QString& path);  // operations/kept_states.h
 void open_work_file_command(workstation& w);
 void close_recording_command(workstation& w);
