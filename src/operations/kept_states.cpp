@@ -140,7 +140,8 @@ std::vector<kept_state> list_kept_states(const session_state& session) {
 
 bool keep_state(const session_state& session, const std::string& state_file) {
   work_file_facts facts;
-  if (!read_work_file_facts(state_file, facts) || facts.n_events == 0) return true;
+  // What cannot be read just now may be hours of work all the same.
+  if (read_work_file_facts(state_file, facts) && facts.n_events == 0) return true;
   const std::string path = kept_path(session, state_file, facts.recording_path);
   std::error_code failed;
   // A second name, so that the old state is offered until the new one is whole.
@@ -160,8 +161,9 @@ void keep_what_is_replaced(const session_state& session, const std::string& stat
   if (session.state_files.own_recording == session.recording.recording_path) {
     work_file_facts facts;
     const int now = worth(session.events.n_events, session.clusters.n_clusters);
-    if (now == 2 || !read_work_file_facts(state_file, facts)) return;
-    if (worth(facts.n_events, facts.n_clusters) <= now) return;
+    if (now == 2) return;
+    const bool known = read_work_file_facts(state_file, facts);
+    if (known && worth(facts.n_events, facts.n_clusters) <= now) return;
   }
   keep_state(session, state_file);
 }

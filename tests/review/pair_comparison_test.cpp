@@ -217,14 +217,14 @@ TEST_F(comparison_test, an_empty_list_is_told_and_pairs_can_be_typed) {
 
 TEST_F(comparison_test, an_interrupt_leaves_what_was_reached) {
   ASSERT_TRUE(open_pair_comparison(*session, comparison));
-  // What an earlier run was asked is nothing to this one.
-  session->operation.autosort_interrupt = true;
   fill_pair_comparison(*session);
   EXPECT_EQ(session->lists.n_match, 15);
   session->operation.interrupt_at_poll = session->operation.polls + 1;
   compare_by_method(*session, match_pc_adjacency);
   EXPECT_EQ(session->lists.n_match, 0);
   session->operation.interrupt_at_poll = -1;
+  // As whoever starts the next operation does.
+  set_interrupts(session->operation, false);
   EXPECT_TRUE(is_cluster_pair(*session, {place().compare_a, place().compare_b}));
   compare_by_method(*session, match_overlap);
   // A merge ends with a whole list, whatever is asked meanwhile.
