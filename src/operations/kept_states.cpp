@@ -149,7 +149,9 @@ bool keep_state(const session_state& session, const std::string& state_file) {
   if (failed) fs::rename(state_file, path, failed);
   if (failed) return false;
   // Once this session has edits, the history beside the recovery file is its own.
-  if (session.history.records.empty()) rename_history_beside(state_file, path);
+  if (session.history.records.empty() && !rename_history_beside(state_file, path)) {
+    log_message(session, "The history of edits of an earlier state failed to be kept with it");
+  }
   drop_oldest(session);
   log_message(session,
               "An earlier state is kept as work file " + fs::path(path).filename().string());

@@ -449,10 +449,14 @@ void remove_history_beside(const std::string& state_file) {
   std::filesystem::remove(curation_beginning_path(state_file), ignored);
 }
 
-void rename_history_beside(const std::string& from, const std::string& to) {
-  std::error_code ignored;
-  std::filesystem::rename(curation_path(from), curation_path(to), ignored);
-  std::filesystem::rename(curation_beginning_path(from), curation_beginning_path(to), ignored);
+bool rename_history_beside(const std::string& from, const std::string& to) {
+  const auto rename_one = [](const std::string& old_path, const std::string& new_path) {
+    std::error_code failed;
+    std::filesystem::rename(old_path, new_path, failed);
+    return !failed || failed == std::errc::no_such_file_or_directory;
+  };
+  const bool steps = rename_one(curation_path(from), curation_path(to));
+  return rename_one(curation_beginning_path(from), curation_beginning_path(to)) && steps;
 }
 
 }  // namespace kestrelvane

@@ -50,8 +50,9 @@ void leave_later_edits(session_state& session);
 // everything else stays as it is. False when there is none.
 bool load_beginning(session_state& session);
 
-// Files of the history beside a state file, when that one goes or gets another name.
+// Files of the history beside a state file, when that one goes or gets another name. False when one
+// that is there kept its old name.
 void remove_history_beside(const std::string& state_file);
-void rename_history_beside(const std::string& from, const std::string& to);
+bool rename_history_beside(const std::string& from, const std::string& to);
 
 }  // namespace kestrelvane

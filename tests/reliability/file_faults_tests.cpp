@@ -247,7 +247,8 @@ TEST_F(file_faults, of_settings_recovery_and_restart) {
     const bool of_reading = is_read("home/kv_autorecover.sav", "recovery saved") ||
                             is_read("home/kv_restart.sav", "restart saved");
     if (run.failed.starts_with("home/kv_") && !of_reading) {
-      EXPECT_NE(run.result.out.find("failed"), std::string::npos) << run.result.out;
+      const std::string words = run.result.out + run.result.err;
+      EXPECT_NE(words.find("failed"), std::string::npos) << words;
     }
     small_session next;
     next->home_directory = folder + "/home";
