@@ -38,7 +38,7 @@ constexpr preset_setting thorough_settings[] = {
     {"variable_multiplier", 5},
     {"use_lockout", 1},
     {"lockout_ms", 0.3},
-    {"min_cluster_size", 20},
+    {"min_cluster_size", 30},
 };
 
 constexpr sort_preset presets[] = {
