@@ -18,7 +18,7 @@ namespace {
 // One step, whatever is ticked in the filter dialog, which has its ticks back afterwards.
 bool run_step(session_state& session, logical filter_settings::*step) {
   const filter_settings kept = session.filter;
-  session.filter = {};
+  untick_all_filters(session.filter);
   session.filter.*step = true;
   const bool done = run_filter_steps(session);
   session.filter = kept;

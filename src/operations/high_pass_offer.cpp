@@ -17,7 +17,7 @@ constexpr std::int32_t n_poles = 4;
 // One step, whatever is ticked in the filter dialog, which has its ticks back afterwards.
 bool high_pass(session_state& session) {
   const filter_settings kept = session.filter;
-  session.filter = {};
+  untick_all_filters(session.filter);
   set_offered_high_pass(session.filter);
   const bool done = run_filter_steps(session);
   session.filter = kept;

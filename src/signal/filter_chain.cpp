@@ -353,6 +353,13 @@ bool corner_is_possible(const session_state& session) {
          (!two_corners || corner_is_possible_at(session, f.low_pass_f0_khz));
 }
 
+void untick_all_filters(filter_settings& f) {
+  f.do_channel_means = f.do_common_mean = f.do_spatial_smooth = f.do_temporal_smooth = false;
+  f.do_phase_correction = f.do_notch = f.do_compressive = f.do_sample_hold = false;
+  f.do_blank_artefacts = f.do_blank_channels = f.do_correct_motion = false;
+  untick_butterworth(f);
+}
+
 bool run_filter_steps(session_state& session) {
   begin_filtering(session);
   settle_settings(session);

@@ -17,13 +17,15 @@ bool corner_is_possible(const session_state& session);
 
 // The steps ticked in session.filter: means, common mean, spatial smooth, temporal
 // smooth, phase correction, Butterworth (or 1/f; a high pass may have a low pass with it), notch,
-// compressive transform. Clears
+// compressive transform, blanking, movement of the tissue. Clears
 // the options that have to be ticked afresh and says "Finished transforming". False when
 // a work buffer could not be had or the user stopped the chain, and, with nothing changed, for
 // a corner that is not possible.
 bool run_filter_chain(session_state& session);
 // The same without the last word, for an operation that goes on.
 bool run_filter_steps(session_state& session);
+// Ticks off, corners and widths as they are: for an operation that runs a chain of its own.
+void untick_all_filters(filter_settings& settings);
 
 // Runs filter_history over the samples, in list order. The settings take the values of
 // the entries. False as above, and when an entry could not be made sense of and was left

@@ -61,7 +61,7 @@ channel_round round_of(const session_state& session, std::int32_t c) {
   channel_round round;
   round.channel = c;
   for (std::int32_t k = 1; k <= r.n_channels; ++k) {
-    if (r.chan_mask[k] || !(r.chan_noise[k] > 0)) continue;
+    if (!is_in_use(r, k)) continue;
     const float away = k == c ? 0.0f : r.distance(c, k);
     if (k != c && away <= place_apart_um) round.near.push_back(k);
     if (away <= place_reach_um) round.wide.push_back(k);
@@ -127,7 +127,7 @@ float depth_of(const recording_store& r, const channel_round& round, std::int32_
 std::vector<spike_place> places_on(const session_state& session, std::int32_t c) {
   const recording_store& r = session.recording;
   std::vector<spike_place> out;
-  if (r.chan_mask[c] || !(r.chan_noise[c] > 0)) return out;
+  if (!is_in_use(r, c)) return out;
   const channel_round round = round_of(session, c);
   const auto reach = std::max(
       1, static_cast<std::int32_t>(std::floor(place_ms * 0.001 * r.sampling_frequency + 0.5)));
@@ -152,6 +152,10 @@ std::vector<spike_place> places_on(const session_state& session, std::int32_t c)
 }
 
 }  // namespace
+
+bool is_in_use(const recording_store& recording, std::int32_t channel) {
+  return !recording.chan_mask[channel] && recording.chan_noise[channel] > 0;
+}
 
 std::vector<spike_place> find_spike_places(const session_state& session) {
   const std::int32_t n_channels = session.recording.n_channels;

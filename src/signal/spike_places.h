@@ -25,6 +25,9 @@ struct spike_place {
   float height;       // times the noise of its channel
 };
 
+// Whether a channel is read: not masked, and with a noise to measure heights by.
+bool is_in_use(const recording_store& recording, std::int32_t channel);
+
 // Of all channels in use, by time, then depth; by chan_noise, which must be that of the samples.
 // The same bits at any thread count.
 std::vector<spike_place> find_spike_places(const session_state& session);

@@ -9,6 +9,7 @@
 #include "numerics/parallel.h"
 #include "numerics/portable_math.h"
 #include "numerics/simd.h"
+#include "numerics/small_matrix.h"
 #include "session/run_log.h"
 #include "signal/noise.h"
 
@@ -248,12 +249,6 @@ struct place_system {
   }
 };
 
-double dot(const std::vector<double>& a, const std::vector<double>& b) {
-  double sum = 0;
-  for (std::size_t i = 0; i < a.size(); ++i) sum += a[i] * b[i];
-  return sum;
-}
-
 // Conjugate gradients from the places as they are. All places may be moved together: the sum of
 // the right side is 0, and so is that of every step.
 void solve_places(const place_system& system, const std::vector<double>& right,
@@ -439,10 +434,6 @@ double motion_at(const tissue_motion& motion, double seconds) {
 
 namespace {
 
-bool is_in_use(const recording_store& r, std::int32_t c) {
-  return !r.chan_mask[c] && r.chan_noise[c] > 0;
-}
-
 // ---------------------------------------------------------------- between the sites
 
 constexpr double field_um = 20;      // s.d. of the field's likeness to itself
@@ -463,24 +454,6 @@ double likeness_of_sites(double dx, double dy) {
   return portable_exp(-(dx * dx + dy * dy) / (2 * field_um * field_um));
 }
 
-// x of a symmetric positive definite system, by Cholesky; both are overwritten.
-void solve_small(std::vector<double>& a, std::vector<double>& x) {
-  const std::size_t n = x.size();
-  for (std::size_t i = 0; i < n; ++i) {
-    for (std::size_t k = 0; k <= i; ++k) {
-      double sum = a[i * n + k];
-      for (std::size_t m = 0; m < k; ++m) sum -= a[i * n + m] * a[k * n + m];
-      a[i * n + k] = i == k ? std::sqrt(sum) : sum / a[k * n + k];
-    }
-    for (std::size_t m = 0; m < i; ++m) x[i] -= a[i * n + m] * x[m];
-    x[i] /= a[i * n + i];
-  }
-  for (std::size_t i = n; i-- > 0;) {
-    for (std::size_t m = i + 1; m < n; ++m) x[i] -= a[m * n + i] * x[m];
-    x[i] /= a[i * n + i];
-  }
-}
-
 // What the place `way` above a site reads of the sites round it.
 std::vector<source_weight> weights_at(const recording_store& r, std::int32_t c, double way) {
   std::vector<std::int32_t> sites;
@@ -499,7 +472,10 @@ std::vector<source_weight> weights_at(const recording_store& r, std::int32_t c, 
     }
     a[i * sites.size() + i] += site_noise;
   }
-  solve_small(a, x);
+  // Each site's own noise keeps the pivots above nothing.
+  take_root(a, x.size(), 0);
+  solve_by_root(a, x);
+  solve_by_transpose(a, x);
   std::vector<source_weight> out;
   if (dot(x, likeness) < told) return out;
   for (std::size_t i = 0; i < sites.size(); ++i) {

@@ -28,7 +28,7 @@ constexpr float motion_reach_um = 60;         // µm, the longest way between tw
 constexpr double motion_bin_s = 1, motion_longest_bin_s = 10;  // s of a picture
 constexpr double motion_bin_spikes = 100;                      // that a picture should have
 // Movement counts when the tissue goes that far (97th less 3rd percentile of its places) and the
-// pictures are that much more alike for it. In still tissue: 1.0 to 2.6 µm, and 0.000.
+// pictures are that much more alike for it. In still tissue: 0.7 to 2.6 µm, and 0.000.
 constexpr float motion_least_um = 4;
 constexpr double motion_least_gain = 0.004;
 

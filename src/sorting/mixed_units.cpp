@@ -5,6 +5,7 @@
 #include <cmath>
 #include <tuple>
 
+#include "numerics/small_matrix.h"
 #include "signal/tissue_motion.h"
 #include "sorting/unit_joins.h"
 
@@ -77,14 +78,12 @@ void set_root(const noise_covariance& noise, look& l) {
       const auto lag =
           (static_cast<std::int32_t>(b % n_points) - static_cast<std::int32_t>(a % n_points)) *
           point_step;
-      double sum = lags != nullptr ? static_cast<double>(lags[lag + noise.points - 1]) : 0.0;
-      if (a == b) sum += static_cast<double>(filter_ridge);
-      for (std::size_t k = 0; k < b; ++k) sum -= l.root[a * n + k] * l.root[b * n + k];
-      // A covariance of few samples may have a direction of no noise at all.
-      l.root[a * n + b] = a == b ? std::sqrt(std::max(sum, static_cast<double>(filter_ridge)))
-                                 : sum / l.root[b * n + b];
+      double& element = l.root[a * n + b];
+      if (lags != nullptr) element = static_cast<double>(lags[lag + noise.points - 1]);
+      if (a == b) element += static_cast<double>(filter_ridge);
     }
   }
+  take_root(l.root, n, static_cast<double>(filter_ridge));
 }
 
 look look_at(const session_state& session, const noise_covariance& noise,
@@ -111,23 +110,16 @@ std::vector<double> whitened(const session_state& session, const noise_covarianc
   std::vector<double> out(n);
   for (std::size_t a = 0; a < n; ++a) {
     const float* row = alone.row(a / n_points, crowd.set.window.points);
-    double sum =
+    out[a] =
         static_cast<double>(row[l.first + static_cast<std::int32_t>(a % n_points) * point_step]);
-    for (std::size_t k = 0; k < a; ++k) sum -= l.root[a * n + k] * out[k];
-    out[a] = sum / l.root[a * n + a];
   }
+  solve_by_root(l.root, out);
   return out;
 }
 
 // ---------------------------------------------------------------- components
 
 typedef std::vector<std::vector<double>> rows;
-
-double dot(const std::vector<double>& a, const std::vector<double>& b) {
-  double sum = 0;
-  for (std::size_t i = 0; i < a.size(); ++i) sum += a[i] * b[i];
-  return sum;
-}
 
 // Spikes of one neuron differ in size: what is a multiple of the mean tells nothing.
 void take_mean_out(const std::vector<double>& mean, std::vector<double>& spike) {
@@ -341,50 +333,78 @@ spike_crowd make_crowd(const tracking_rules& rules, const std::vector<tracked_un
   return crowd;
 }
 
+namespace {
+
+// What one look at a unit's spikes comes to: how a spike is projected, and two groups at best.
+struct grouping {
+  look seen;
+  std::vector<double> mean;
+  rows components;
+  two_groups groups;
+};
+
+point project(const grouping& g, std::vector<double> spike) {
+  take_mean_out(g.mean, spike);
+  point p;
+  for (std::size_t k = 0; k < n_components; ++k) p[k] = dot(spike, g.components[k]);
+  return p;
+}
+
+rows spikes_to_look_at(const session_state& session, const noise_covariance& noise,
+                       const spike_crowd& crowd, const look& l,
+                       const std::vector<std::int32_t>& places) {
+  const std::size_t n = std::min(places.size(), most_looked_at);
+  rows spikes(n);
+  for (std::size_t i = 0; i < n; ++i) {
+    // Evenly, but not in step with anything: two neurons may take turns.
+    const std::size_t at = i * places.size() / n + i * i % (places.size() / n);
+    spikes[i] = whitened(session, noise, crowd, l, places[std::min(at, places.size() - 1)]);
+  }
+  return spikes;
+}
+
+void find_groups(const rows& spikes, grouping& g) {
+  g.mean.assign(g.seen.size(), 0.0);
+  for (const auto& spike : spikes) {
+    for (std::size_t k = 0; k < g.mean.size(); ++k) {
+      g.mean[k] += spike[k] / static_cast<double>(spikes.size());
+    }
+  }
+  rows varied = spikes;
+  for (auto& spike : varied) take_mean_out(g.mean, spike);
+  g.components = find_components(varied);
+  std::vector<point> points;
+  for (const auto& spike : spikes) points.push_back(project(g, spike));
+  for (std::size_t along = 0; along < n_components; ++along) {
+    two_groups groups = group(points, along);
+    measure_groups(points, groups);
+    if (are_two(groups) && (!are_two(g.groups) || groups.apart > g.groups.apart)) {
+      g.groups = groups;
+    }
+  }
+}
+
+}  // namespace
+
 bool find_mixture(const session_state& session, const noise_covariance& noise,
                   const tracking_rules& rules, const spike_crowd& crowd,
                   const std::vector<tracked_unit>& units, std::int32_t unit, mixture& found) {
   const tracked_unit& whole = units[static_cast<std::size_t>(unit)];
   if (whole.spikes.size() < 2 * fewest_of_group || whole.filter.channels.empty()) return false;
   const std::vector<std::int32_t> places = places_of(crowd, unit);
-  const look l = look_at(session, noise, rules, whole);
-  const std::size_t n = std::min(places.size(), most_looked_at);
-  rows spikes(n);
-  std::vector<double> mean(l.size());
-  for (std::size_t i = 0; i < n; ++i) {
-    // Evenly, but not in step with anything: two neurons may take turns.
-    const std::size_t at = i * places.size() / n + i * i % (places.size() / n);
-    spikes[i] = whitened(session, noise, crowd, l, places[std::min(at, places.size() - 1)]);
-    for (std::size_t k = 0; k < mean.size(); ++k) {
-      mean[k] += spikes[i][k] / static_cast<double>(n);
-    }
-  }
-  for (auto& spike : spikes) take_mean_out(mean, spike);
-  const rows components = find_components(spikes);
-  const auto projected = [&](const std::vector<double>& spike) {
-    point p;
-    for (std::size_t k = 0; k < n_components; ++k) p[k] = dot(spike, components[k]);
-    return p;
-  };
-  std::vector<point> points;
-  for (const auto& spike : spikes) points.push_back(projected(spike));
-  two_groups best;
-  for (std::size_t along = 0; along < n_components; ++along) {
-    two_groups g = group(points, along);
-    measure_groups(points, g);
-    if (are_two(g) && (!are_two(best) || g.apart > best.apart)) best = g;
-  }
-  if (!are_two(best)) return false;
-  found.second.assign(places.size(), false);
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    std::vector<double> spike = whitened(session, noise, crowd, l, places[i]);
-    take_mean_out(mean, spike);
-    found.second[i] = best.second(projected(spike));
+  grouping g;
+  g.seen = look_at(session, noise, rules, whole);
+  find_groups(spikes_to_look_at(session, noise, crowd, g.seen, places), g);
+  if (!are_two(g.groups)) return false;
+  found.second.clear();
+  for (const std::int32_t place : places) {
+    const point p = project(g, whitened(session, noise, crowd, g.seen, place));
+    found.second.push_back(g.groups.second(p));
   }
   const auto n_second =
       static_cast<std::size_t>(std::count(found.second.begin(), found.second.end(), true));
   if (std::min(n_second, places.size() - n_second) < fewest_of_group) return false;
-  found.apart = best.apart;
+  found.apart = g.groups.apart;
   found.distance = distance_of_groups(session, noise, rules, crowd, whole, places, found.second);
   return found.distance >=
              largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy()) &&

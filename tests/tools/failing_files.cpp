@@ -148,7 +148,10 @@ std::FILE* make_stream(int descriptor, const char* mode) {
   return file;
 }
 
-int open_file(const char* path, int flags, mode_t mode) {
+// The mode is there for a file that may be made.
+int open_file(const char* path, int flags, va_list rest) {
+  const auto mode =
+      static_cast<mode_t>((flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, int) : 0);
   if (fails(call_open, path)) return -1;
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
@@ -160,19 +163,17 @@ extern "C" {
 int open(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
-  const auto mode =
-      static_cast<mode_t>((flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, int) : 0);
+  const int opened = open_file(path, flags, rest);
   va_end(rest);
-  return open_file(path, flags, mode);
+  return opened;
 }
 
 int open64(const char* path, int flags, ...) {
   va_list rest;
   va_start(rest, flags);
-  const auto mode =
-      static_cast<mode_t>((flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, int) : 0);
+  const int opened = open_file(path, flags, rest);
   va_end(rest);
-  return open_file(path, flags, mode);
+  return opened;
 }
 
 std::FILE* fopen(const char* path, const char* mode) {
