@@ -572,6 +572,10 @@ bool can_follow_motion(const session_state& session) {
          span <= motion_spacing_um * static_cast<float>(depths.size() - 1);
 }
 
+bool reads_tissue(const recording_store& recording, std::int32_t channel, double way) {
+  return !weights_at(recording, channel, way).empty();
+}
+
 void correct_motion(session_state& session, filter_progress& progress) {
   recording_store& r = session.recording;
   compute_noise(session);

@@ -1,4 +1,5 @@
 #include "sorting/template_pass.h"
+#include "sorting/hand_overs.h"
 
 #include <fmt/format.h>
 
@@ -364,7 +365,8 @@ std::vector<proposal> join_hand_overs(sweep& s) {
     if (s.units[p.earlier].spikes.empty() || s.units[p.later].spikes.empty()) continue;
     const std::string why =
         fmt::format("in turn, similarity {:.2f}, overlap in time {:.2f}", p.similarity, p.overlap);
-    if (p.moved) {
+    // Either may have been joined to others since.
+    if (p.moved && fire_in_turn(s.units[p.earlier], s.units[p.later], s.n_segments)) {
       join_pair(s, p.earlier, p.later, why);
     } else {
       note(s, fmt::format("see whether units {} and {} are one: {}", s.units[p.earlier].cluster,

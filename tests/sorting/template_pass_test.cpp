@@ -1,4 +1,5 @@
 // The template pass on planted recordings: small ones, whose every spike is known.
+#include "sorting/hand_overs.h"
 #include "sorting/template_pass.h"
 
 #include <gtest/gtest.h>

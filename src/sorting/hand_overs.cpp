@@ -1,0 +1,441 @@
+#include "sorting/hand_overs.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "signal/tissue_motion.h"
+#include "sorting/unit_joins.h"
+
+namespace kestrelvane {
+
+namespace {
+
+// Hand-over.
+constexpr double hand_over_like = 0.6, hand_over_energy = 0.65;
+constexpr double largest_overlap = 0.35;
+constexpr float reach_um = 110.0f;      // from one main channel to the other
+constexpr float motion_um = 5.0f;       // the recording moved
+constexpr double home_error_um = 10.0;  // of two pieces of one unit
+constexpr std::size_t fewest_for_motion = 6;
+constexpr double energy_for_motion = 60;  // weaker units tell noise
+// Jumps.
+constexpr std::int32_t jump_reach = 60, jump_step = 5;  // µm
+constexpr double jump_base = 0.5, jump_better = 1.2, jump_like = 0.75;
+constexpr std::int32_t fewest_jumped = 5;
+constexpr double kernel_um = 15.0;
+constexpr double stayed_part = 0.2;  // of a unit's spikes on either side
+// Where channels follow the tissue. Two pieces of one unit on the channels that they share: 0.82 to
+// 0.99 alike after jumps and fast movement; two units there at most 0.78.
+constexpr double followed_energy = 0.3;  // edges of the probe may hide most of a unit
+constexpr double followed_like = 0.85, shared_energy = 0.5, shared_part = 0.15;
+constexpr std::size_t most_for_mean = 150;  // spikes
+// The tissue leaps as one piece gives way to the other. Over so short a gap slow movement goes
+// less.
+constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 1.5;
+// Or the pieces alternate: cut by time many spikes lie on the wrong side, cut by place few.
+constexpr double alternate_by_time = 0.5, alternate_by_place = 0.25;
+
+}  // namespace
+
+// ---------------------------------------------------------------- motion
+
+namespace {
+
+float median_of(std::vector<float>& values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+}  // namespace
+
+float home_depth(const tracked_unit& unit, const std::vector<float>& motion) {
+  double sum = 0;
+  std::int32_t n = 0;
+  for (std::size_t i = 0; i < unit.depths.size(); ++i) {
+    const std::size_t segment = static_cast<std::size_t>(unit.first_segment) + i;
+    if (segment >= motion.size() || std::isnan(unit.depths[i])) continue;
+    sum += static_cast<double>(unit.depths[i] - motion[segment]);
+    ++n;
+  }
+  return n > 0 ? static_cast<float>(sum / n) : std::nanf("");
+}
+
+std::vector<float> find_motion(const std::vector<tracked_unit>& units, std::int32_t n_segments) {
+  std::vector<float> motion(static_cast<std::size_t>(n_segments));
+  // Of each unit what it was at home so far, summed, and of how many segments. Units that are new
+  // say nothing of the way: they would hold the median where it was.
+  std::vector<double> home(units.size());
+  std::vector<std::int32_t> seen(units.size());
+  for (std::size_t s = 0; s < motion.size(); ++s) {
+    std::vector<float> ways;
+    const auto depth_of = [&](const tracked_unit& unit) {
+      const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(s) - unit.first_segment;
+      const bool known = at >= 0 && at < static_cast<std::ptrdiff_t>(unit.depths.size()) &&
+                         unit.mean_energy() >= energy_for_motion;
+      return known ? unit.depths[static_cast<std::size_t>(at)] : std::nanf("");
+    };
+    for (std::size_t u = 0; u < units.size(); ++u) {
+      const float depth = depth_of(units[u]);
+      if (std::isnan(depth) || seen[u] == 0) continue;
+      ways.push_back(depth - static_cast<float>(home[u] / seen[u]));
+    }
+    // Where too few were seen the tissue is taken to stay where it was.
+    motion[s] = ways.size() >= fewest_for_motion ? median_of(ways) : s > 0 ? motion[s - 1] : 0.0f;
+    for (std::size_t u = 0; u < units.size(); ++u) {
+      const float depth = depth_of(units[u]);
+      if (std::isnan(depth)) continue;
+      home[u] += static_cast<double>(depth - motion[s]);
+      ++seen[u];
+    }
+  }
+  return motion;
+}
+
+float motion_range(const std::vector<float>& motion) {
+  if (motion.empty()) return 0;
+  const auto [low, high] = std::minmax_element(motion.begin(), motion.end());
+  return *high - *low;
+}
+
+// ---------------------------------------------------------------- hand-overs
+
+double overlap_in_time(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments) {
+  std::vector<double> n_a(static_cast<std::size_t>(n_segments)), n_b(n_a.size());
+  for (const tracked_spike& s : a.spikes) n_a[static_cast<std::size_t>(s.segment)] += 1;
+  for (const tracked_spike& s : b.spikes) n_b[static_cast<std::size_t>(s.segment)] += 1;
+  double both = 0;
+  for (std::size_t i = 0; i < n_a.size(); ++i) both += std::min(n_a[i], n_b[i]);
+  const auto fewer = static_cast<double>(std::min(a.spikes.size(), b.spikes.size()));
+  return fewer > 0 ? both / fewer : 1.0;
+}
+
+bool fire_in_turn(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments) {
+  return overlap_in_time(a, b, n_segments) < largest_overlap;
+}
+
+namespace {
+
+std::int32_t middle_of(const tracked_unit& unit) {
+  return unit.spikes[unit.spikes.size() / 2].segment;
+}
+
+// A shape as it would be seen had the tissue moved by dy: each site reads what lay dy below it.
+spike_shape moved_shape(const session_state& session, const spike_shape& shape, std::int32_t points,
+                        double dy) {
+  const recording_store& r = session.recording;
+  spike_shape out = shape;
+  for (std::size_t i = 0; i < shape.channels.size(); ++i) {
+    float* to = out.row(i, points);
+    std::fill(to, to + points, 0.0f);
+    double weights = 0;
+    for (std::size_t k = 0; k < shape.channels.size(); ++k) {
+      const std::int32_t c = shape.channels[i], d = shape.channels[k];
+      const double x = r.chan_x[c] - r.chan_x[d];
+      const double y = r.chan_y[c] - dy - r.chan_y[d];
+      const double weight = std::exp(-(x * x + y * y) / (2 * kernel_um * kernel_um));
+      if (weight < 1e-3) continue;
+      weights += weight;
+      const float* from = shape.row(k, points);
+      for (std::int32_t q = 0; q < points; ++q) to[q] += static_cast<float>(weight) * from[q];
+    }
+    if (weights <= 0) continue;
+    for (std::int32_t q = 0; q < points; ++q) to[q] /= static_cast<float>(weights);
+  }
+  return out;
+}
+
+struct candidate {
+  std::int32_t earlier, later;
+  double overlap;
+  double similarity;
+};
+
+void most_alike_first(std::vector<candidate>& pairs) {
+  std::stable_sort(pairs.begin(), pairs.end(), [](const candidate& a, const candidate& b) {
+    return a.similarity > b.similarity;
+  });
+}
+
+// Pairs that do not fire together, lie near enough for the largest jump and are of about one size.
+std::vector<candidate> possible_pairs(const session_state& session,
+                                      const std::vector<tracked_unit>& units,
+                                      std::int32_t n_segments, double least_energy) {
+  std::vector<candidate> out;
+  const auto n = static_cast<std::int32_t>(units.size());
+  for (std::int32_t a = 0; a < n; ++a) {
+    for (std::int32_t b = a + 1; b < n; ++b) {
+      const tracked_unit& x = units[static_cast<std::size_t>(a)];
+      const tracked_unit& y = units[static_cast<std::size_t>(b)];
+      if (x.spikes.empty() || y.spikes.empty()) continue;
+      const float away = session.recording.distance(x.filter.main_channel, y.filter.main_channel);
+      if (away > reach_um) continue;
+      const double energy = square_root_ratio(x.mean_energy(), y.mean_energy());
+      const double overlap = overlap_in_time(x, y, n_segments);
+      if (energy < least_energy || overlap >= largest_overlap) continue;
+      const bool order = middle_of(x) <= middle_of(y);
+      out.push_back({order ? a : b, order ? b : a, overlap, 0});
+    }
+  }
+  return out;
+}
+
+// Fills the similarities after a move, and returns the sum over the best pairs, each unit being in
+// one at most, with their number.
+double assign(const session_state& session, const tracking_rules& rules,
+              const std::vector<tracked_unit>& units, double dy, std::vector<candidate>& pairs,
+              std::int32_t& n_agreed) {
+  for (candidate& p : pairs) {
+    const spike_shape& last = units[static_cast<std::size_t>(p.earlier)].shape;
+    const spike_shape& first = units[static_cast<std::size_t>(p.later)].first;
+    const spike_shape moved = dy == 0 ? last : moved_shape(session, last, rules.window.points, dy);
+    p.similarity = compare_shapes(moved, first, rules.window.points, rules.half_ms).similarity;
+  }
+  most_alike_first(pairs);
+  std::vector<bool> used(units.size());
+  double sum = 0;
+  n_agreed = 0;
+  for (const candidate& p : pairs) {
+    const auto a = static_cast<std::size_t>(p.earlier), b = static_cast<std::size_t>(p.later);
+    if (p.similarity <= jump_base || used[a] || used[b]) continue;
+    used[a] = used[b] = true;
+    sum += p.similarity - jump_base;
+    n_agreed += p.similarity >= jump_like;
+  }
+  return sum;
+}
+
+// The mean depth of a unit from one segment to before another.
+float mean_depth(const tracked_unit& unit, std::int32_t from, std::int32_t to) {
+  double sum = 0;
+  std::int32_t n = 0;
+  for (std::size_t i = 0; i < unit.depths.size(); ++i) {
+    const auto segment = unit.first_segment + static_cast<std::int32_t>(i);
+    if (segment < from || segment >= to || std::isnan(unit.depths[i])) continue;
+    sum += static_cast<double>(unit.depths[i]);
+    ++n;
+  }
+  return n > 0 ? static_cast<float>(sum / n) : std::nanf("");
+}
+
+// Units that were followed from before a segment to behind it and did not go along with a jump.
+std::int32_t count_stayed(const std::vector<tracked_unit>& units, std::int32_t segment,
+                          double jump) {
+  std::int32_t n = 0;
+  for (const tracked_unit& unit : units) {
+    if (unit.spikes.empty() || unit.mean_energy() < energy_for_motion) continue;
+    std::int32_t before = 0, after = 0;
+    for (const tracked_spike& s : unit.spikes) (s.segment < segment ? before : after) += 1;
+    const auto part =
+        static_cast<double>(std::min(before, after)) / static_cast<double>(unit.spikes.size());
+    const auto way =
+        static_cast<double>(mean_depth(unit, segment, std::numeric_limits<std::int32_t>::max()) -
+                            mean_depth(unit, 0, segment));
+    n += part >= stayed_part && std::fabs(way - jump) > std::fabs(way);
+  }
+  return n;
+}
+
+// The segment at which most of the pairs hand over.
+std::int32_t middle_segment(const std::vector<tracked_unit>& units,
+                            const std::vector<candidate>& pairs) {
+  std::vector<float> ends;
+  for (const candidate& p : pairs) {
+    if (p.similarity < jump_like) continue;
+    const tracked_unit& later = units[static_cast<std::size_t>(p.later)];
+    ends.push_back(static_cast<float>(later.spikes[later.spikes.size() / 20].segment));
+  }
+  return ends.empty() ? 0 : static_cast<std::int32_t>(median_of(ends));
+}
+
+// The displacement that brings most of the pairs together; 0 when none does it clearly better, or
+// when more units went through that moment where they were than handed over in it.
+std::int32_t find_jump(const session_state& session, const tracking_rules& rules,
+                       const std::vector<tracked_unit>& units, std::vector<candidate> pairs) {
+  std::int32_t n_agreed = 0;
+  const double still = assign(session, rules, units, 0, pairs, n_agreed);
+  double best = jump_better * still;
+  std::int32_t jump = 0;
+  for (std::int32_t dy = -jump_reach; dy <= jump_reach; dy += jump_step) {
+    if (dy == 0) continue;
+    const double sum = assign(session, rules, units, dy, pairs, n_agreed);
+    if (sum <= best || n_agreed < fewest_jumped) continue;
+    if (n_agreed <= count_stayed(units, middle_segment(units, pairs), dy)) continue;
+    best = sum;
+    jump = dy;
+  }
+  return jump;
+}
+
+// ---------------------------------------------------------------- where channels follow
+
+// A cut of the spikes of two units by a measure.
+struct cut {
+  std::size_t at = 0;  // spikes before it
+  double wrong = 1;    // part of the smaller unit's number that lies on the wrong side
+};
+struct measured_spike {
+  double measure;
+  bool later;  // which unit's
+};
+
+// The cut with the earlier unit before it; puts the spikes in order.
+cut best_cut(std::vector<measured_spike>& spikes) {
+  std::stable_sort(
+      spikes.begin(), spikes.end(),
+      [](const measured_spike& a, const measured_spike& b) { return a.measure < b.measure; });
+  const auto n = static_cast<std::int64_t>(spikes.size());
+  const std::int64_t n_later =
+      std::count_if(spikes.begin(), spikes.end(), [](const measured_spike& s) { return s.later; });
+  std::int64_t wrong = n - n_later, fewest = wrong;
+  cut best;
+  for (std::size_t i = 0; i < spikes.size(); ++i) {
+    wrong += spikes[i].later ? 1 : -1;
+    if (wrong >= fewest) continue;
+    fewest = wrong;
+    best.at = i + 1;
+  }
+  best.wrong = static_cast<double>(fewest) / static_cast<double>(std::min(n_later, n - n_later));
+  return best;
+}
+
+// Whether the change from one unit to the other goes with the movement of the tissue.
+bool goes_with_movement(const session_state& session, const tracked_unit& earlier,
+                        const tracked_unit& later) {
+  const recording_store& r = session.recording;
+  std::vector<measured_spike> times, places, back;
+  for (const tracked_unit* unit : {&earlier, &later}) {
+    for (const tracked_spike& s : unit->spikes) {
+      const double seconds = static_cast<double>(s.time) / r.sampling_frequency;
+      const double place = motion_at(r.motion, seconds);
+      times.push_back({seconds, unit == &later});
+      places.push_back({place, unit == &later});
+      back.push_back({-place, unit == &later});
+    }
+  }
+  const cut by_time = best_cut(times);
+  const double by_place = std::min(best_cut(places).wrong, best_cut(back).wrong);
+  if (by_time.wrong >= alternate_by_time && by_place <= alternate_by_place) return true;
+  // The last of the earlier unit's spikes before the cut, and the first of the later one's after.
+  auto last = static_cast<std::ptrdiff_t>(by_time.at) - 1;
+  std::size_t first = by_time.at;
+  while (last >= 0 && times[static_cast<std::size_t>(last)].later) --last;
+  while (first < times.size() && !times[first].later) ++first;
+  if (last < 0 || first == times.size()) return false;
+  const double from = times[static_cast<std::size_t>(last)].measure, to = times[first].measure;
+  const double leap =
+      motion_at(r.motion, to + beside_gap_s) - motion_at(r.motion, from - beside_gap_s);
+  return to - from <= longest_gap_s && std::fabs(leap) >= leap_um;
+}
+
+// Where the tissue was in the mean at the spikes of a unit, µm.
+double mean_motion(const session_state& session, const tracked_unit& unit) {
+  const recording_store& r = session.recording;
+  double sum = 0;
+  for (const tracked_spike& s : unit.spikes) {
+    sum += motion_at(r.motion, static_cast<double>(s.time) / r.sampling_frequency);
+  }
+  return sum / static_cast<double>(unit.spikes.size());
+}
+
+double square_sum(const spike_shape& shape) {
+  double sum = 0;
+  for (const float v : shape.values) sum += static_cast<double>(v) * static_cast<double>(v);
+  return sum;
+}
+
+// A shape on the channels that read its tissue at either of two places; without channels when they
+// hold too little of it.
+spike_shape seen_at_both(const recording_store& r, const spike_shape& shape, std::int32_t points,
+                         double way_a, double way_b) {
+  spike_shape out;
+  for (std::size_t i = 0; i < shape.channels.size(); ++i) {
+    const std::int32_t c = shape.channels[i];
+    if (!reads_tissue(r, c, way_a) || !reads_tissue(r, c, way_b)) continue;
+    out.channels.push_back(c);
+    out.values.insert(out.values.end(), shape.row(i, points), shape.row(i, points) + points);
+  }
+  return square_sum(out) < shared_part * square_sum(shape) ? spike_shape{} : out;
+}
+
+// Similarities of what the spikes of both are in the mean, where both can be seen. The last shape
+// of a followed unit may be that of something else it has strayed to. 0 for pairs of two sizes.
+void compare_means(const session_state& session, const noise_covariance& noise,
+                   const tracking_rules& rules, const std::vector<tracked_unit>& units,
+                   std::vector<candidate>& pairs) {
+  const std::int32_t points = rules.window.points;
+  std::vector<spike_shape> means(units.size());
+  std::vector<double> ways(units.size());
+  const auto prepare = [&](std::int32_t u) {
+    const tracked_unit& unit = units[static_cast<std::size_t>(u)];
+    spike_shape& mean = means[static_cast<std::size_t>(u)];
+    if (!mean.channels.empty()) return;
+    mean = mean_of_spikes(session, noise, rules.window, evenly(unit.spikes, most_for_mean),
+                          unit.shape.channels);
+    ways[static_cast<std::size_t>(u)] = mean_motion(session, unit);
+  };
+  for (candidate& p : pairs) {
+    prepare(p.earlier);
+    prepare(p.later);
+    const auto a = static_cast<std::size_t>(p.earlier), b = static_cast<std::size_t>(p.later);
+    const auto seen = [&](const spike_shape& mean) {
+      return seen_at_both(session.recording, mean, points, ways[a], ways[b]);
+    };
+    const spike_shape one = seen(means[a]), other = seen(means[b]);
+    const bool alike_in_size =
+        square_root_ratio(square_sum(one), square_sum(other)) >= shared_energy;
+    p.similarity = alike_in_size ? compare_shapes(one, other, points, rules.half_ms).similarity : 0;
+  }
+}
+
+std::vector<hand_over> hand_overs_of_followed(const session_state& session,
+                                              const noise_covariance& noise,
+                                              const tracking_rules& rules,
+                                              const std::vector<tracked_unit>& units,
+                                              std::int32_t n_segments) {
+  std::vector<candidate> pairs = possible_pairs(session, units, n_segments, followed_energy);
+  compare_means(session, noise, rules, units, pairs);
+  most_alike_first(pairs);
+  std::vector<hand_over> out;
+  for (const candidate& p : pairs) {
+    if (p.similarity < hand_over_like) break;
+    const bool one = p.similarity >= followed_like &&
+                     goes_with_movement(session, units[static_cast<std::size_t>(p.earlier)],
+                                        units[static_cast<std::size_t>(p.later)]);
+    out.push_back({p.earlier, p.later, p.similarity, p.overlap, one});
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<hand_over> find_hand_overs(const session_state& session, const noise_covariance& noise,
+                                       const tracking_rules& rules,
+                                       const std::vector<tracked_unit>& units,
+                                       std::int32_t n_segments, float& shift_um) {
+  shift_um = 0;
+  // Where channels follow the tissue there is no jump left to be found, but one of like units.
+  if (session.recording.motion.corrected) {
+    return hand_overs_of_followed(session, noise, rules, units, n_segments);
+  }
+  std::vector<candidate> pairs = possible_pairs(session, units, n_segments, hand_over_energy);
+  const std::int32_t jump = find_jump(session, rules, units, pairs);
+  shift_um = static_cast<float>(jump);
+  std::int32_t n_agreed = 0;
+  assign(session, rules, units, jump, pairs, n_agreed);
+  const std::vector<float> motion = find_motion(units, n_segments);
+  const bool moves = motion_range(motion) >= motion_um;
+  std::vector<hand_over> out;
+  for (const candidate& p : pairs) {
+    if (p.similarity < (jump != 0 ? jump_like : hand_over_like)) continue;
+    const float way = home_depth(units[static_cast<std::size_t>(p.later)], motion) -
+                      home_depth(units[static_cast<std::size_t>(p.earlier)], motion);
+    // Without a depth of both there is no saying where they belong, and the comparison fails.
+    const bool one = moves && std::fabs(static_cast<double>(way)) < home_error_um;
+    out.push_back({p.earlier, p.later, p.similarity, p.overlap, jump != 0 || one});
+  }
+  return out;
+}
+
+}  // namespace kestrelvane

@@ -1,0 +1,44 @@
+// Hand-overs: units of which one stops as the other starts.
+//
+// One neuron may be the other, seen from another place after a movement of the tissue, or it may
+// have fallen silent as another awoke. Waveforms alone do not tell: neighbours are as much alike as
+// a unit and itself 20 µm further. What tells is whether the change goes with the movement. Where
+// channels follow the tissue they read it through other sites after a jump, and beyond the end of
+// the probe not at all; two pieces are then compared on the channels that read both of them, and
+// are one when the tissue leapt as they changed, or when place tells them apart and time does not.
+// Where channels stay, the units that were followed tell how the tissue went, or all pairs together
+// that it jumped.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "sorting/tracked_units.h"
+
+namespace kestrelvane {
+
+// The motion of the tissue along the probe, µm by segment, from all units that stand out well: the
+// median over units of their way from where each of them is at home.
+std::vector<float> find_motion(const std::vector<tracked_unit>& units, std::int32_t n_segments);
+float motion_range(const std::vector<float>& motion);
+// Where a unit lies when the motion is taken out, µm; not a number when it was not measured.
+float home_depth(const tracked_unit& unit, const std::vector<float>& motion);
+
+// How far two units fire in the same segments, 0 never, 1 always; and whether that is so little
+// that they may be one that is here and there.
+double overlap_in_time(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments);
+bool fire_in_turn(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments);
+
+// A pair that looks like one unit in two pieces.
+struct hand_over {
+  std::int32_t earlier = 0, later = 0;  // units from 0
+  double similarity = 0, overlap = 0;   // of their shapes where they meet; of their times
+  bool moved = false;                   // the movement of the tissue explains it
+};
+// All of them, the most alike first. shift_um: what brought them together, 0 without a jump.
+std::vector<hand_over> find_hand_overs(const session_state& session, const noise_covariance& noise,
+                                       const tracking_rules& rules,
+                                       const std::vector<tracked_unit>& units,
+                                       std::int32_t n_segments, float& shift_um);
+
+}  // namespace kestrelvane
