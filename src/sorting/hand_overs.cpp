@@ -25,10 +25,9 @@ constexpr double jump_base = 0.5, jump_better = 1.2, jump_like = 0.75;
 constexpr std::int32_t fewest_jumped = 5;
 constexpr double kernel_um = 15.0;
 constexpr double stayed_part = 0.2;  // of a unit's spikes on either side
-// Where channels follow the tissue. Two pieces of one unit on the channels that they share: 0.82 to
-// 0.99 alike after jumps and fast movement; two units there at most 0.78.
+// Where channels follow the tissue.
 constexpr double followed_energy = 0.3;  // edges of the probe may hide most of a unit
-constexpr double followed_like = 0.85, shared_energy = 0.5, shared_part = 0.15;
+constexpr double shared_energy = 0.5, shared_part = 0.15;
 constexpr std::size_t most_for_mean = 150;  // spikes
 // The tissue leaps as one piece gives way to the other. Over so short a gap slow movement goes
 // less.
@@ -300,18 +299,19 @@ cut best_cut(std::vector<measured_spike>& spikes) {
   return best;
 }
 
-// Whether the change from one unit to the other goes with the movement of the tissue.
-bool goes_with_movement(const session_state& session, const tracked_unit& earlier,
-                        const tracked_unit& later) {
-  const recording_store& r = session.recording;
+}  // namespace
+
+bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
+                        const std::vector<std::int32_t>& later) {
+  if (recording.motion.um.empty() || earlier.empty() || later.empty()) return false;
   std::vector<measured_spike> times, places, back;
-  for (const tracked_unit* unit : {&earlier, &later}) {
-    for (const tracked_spike& s : unit->spikes) {
-      const double seconds = static_cast<double>(s.time) / r.sampling_frequency;
-      const double place = motion_at(r.motion, seconds);
-      times.push_back({seconds, unit == &later});
-      places.push_back({place, unit == &later});
-      back.push_back({-place, unit == &later});
+  for (const std::vector<std::int32_t>* train : {&earlier, &later}) {
+    for (const std::int32_t t : *train) {
+      const double seconds = static_cast<double>(t) / recording.sampling_frequency;
+      const double place = motion_at(recording.motion, seconds);
+      times.push_back({seconds, train == &later});
+      places.push_back({place, train == &later});
+      back.push_back({-place, train == &later});
     }
   }
   const cut by_time = best_cut(times);
@@ -324,68 +324,67 @@ bool goes_with_movement(const session_state& session, const tracked_unit& earlie
   while (first < times.size() && !times[first].later) ++first;
   if (last < 0 || first == times.size()) return false;
   const double from = times[static_cast<std::size_t>(last)].measure, to = times[first].measure;
-  const double leap =
-      motion_at(r.motion, to + beside_gap_s) - motion_at(r.motion, from - beside_gap_s);
+  const double leap = motion_at(recording.motion, to + beside_gap_s) -
+                      motion_at(recording.motion, from - beside_gap_s);
   return to - from <= longest_gap_s && std::fabs(leap) >= leap_um;
 }
 
-// Where the tissue was in the mean at the spikes of a unit, µm.
-double mean_motion(const session_state& session, const tracked_unit& unit) {
-  const recording_store& r = session.recording;
-  double sum = 0;
-  for (const tracked_spike& s : unit.spikes) {
-    sum += motion_at(r.motion, static_cast<double>(s.time) / r.sampling_frequency);
-  }
-  return sum / static_cast<double>(unit.spikes.size());
-}
+namespace {
 
-double square_sum(const spike_shape& shape) {
-  double sum = 0;
-  for (const float v : shape.values) sum += static_cast<double>(v) * static_cast<double>(v);
-  return sum;
-}
-
-// A shape on the channels that read its tissue at either of two places; without channels when they
-// hold too little of it.
+// Without channels when they hold too little of the shape.
 spike_shape seen_at_both(const recording_store& r, const spike_shape& shape, std::int32_t points,
-                         double way_a, double way_b) {
+                         double place_a, double place_b) {
   spike_shape out;
   for (std::size_t i = 0; i < shape.channels.size(); ++i) {
     const std::int32_t c = shape.channels[i];
-    if (!reads_tissue(r, c, way_a) || !reads_tissue(r, c, way_b)) continue;
+    if (!reads_tissue(r, c, place_a) || !reads_tissue(r, c, place_b)) continue;
     out.channels.push_back(c);
     out.values.insert(out.values.end(), shape.row(i, points), shape.row(i, points) + points);
   }
   return square_sum(out) < shared_part * square_sum(shape) ? spike_shape{} : out;
 }
 
-// Similarities of what the spikes of both are in the mean, where both can be seen. The last shape
-// of a followed unit may be that of something else it has strayed to. 0 for pairs of two sizes.
+}  // namespace
+
+double mean_place(const recording_store& recording, const std::vector<std::int32_t>& times) {
+  double sum = 0;
+  for (const std::int32_t t : times) {
+    sum += motion_at(recording.motion, static_cast<double>(t) / recording.sampling_frequency);
+  }
+  return times.empty() ? 0 : sum / static_cast<double>(times.size());
+}
+
+double likeness_where_seen(const recording_store& recording, const tracking_rules& rules,
+                           const spike_shape& a, double place_a, const spike_shape& b,
+                           double place_b) {
+  const std::int32_t points = rules.window.points;
+  const spike_shape one = seen_at_both(recording, a, points, place_a, place_b);
+  const spike_shape other = seen_at_both(recording, b, points, place_a, place_b);
+  if (square_root_ratio(square_sum(one), square_sum(other)) < shared_energy) return 0;
+  return compare_shapes(one, other, points, rules.half_ms).similarity;
+}
+
+namespace {
+
+// Fills the similarities of what the spikes of both are in the mean: the last shape of a followed
+// unit may be that of something else it has strayed to.
 void compare_means(const session_state& session, const noise_covariance& noise,
                    const tracking_rules& rules, const std::vector<tracked_unit>& units,
                    std::vector<candidate>& pairs) {
-  const std::int32_t points = rules.window.points;
   std::vector<spike_shape> means(units.size());
-  std::vector<double> ways(units.size());
-  const auto prepare = [&](std::int32_t u) {
-    const tracked_unit& unit = units[static_cast<std::size_t>(u)];
-    spike_shape& mean = means[static_cast<std::size_t>(u)];
-    if (!mean.channels.empty()) return;
-    mean = mean_of_spikes(session, noise, rules.window, evenly(unit.spikes, most_for_mean),
-                          unit.shape.channels);
-    ways[static_cast<std::size_t>(u)] = mean_motion(session, unit);
+  std::vector<double> places(units.size());
+  const auto prepare = [&](std::size_t u) {
+    if (!means[u].channels.empty()) return;
+    means[u] = mean_of_spikes(session, noise, rules.window, evenly(units[u].spikes, most_for_mean),
+                              units[u].shape.channels);
+    places[u] = mean_place(session.recording, spike_times(units[u]));
   };
   for (candidate& p : pairs) {
-    prepare(p.earlier);
-    prepare(p.later);
     const auto a = static_cast<std::size_t>(p.earlier), b = static_cast<std::size_t>(p.later);
-    const auto seen = [&](const spike_shape& mean) {
-      return seen_at_both(session.recording, mean, points, ways[a], ways[b]);
-    };
-    const spike_shape one = seen(means[a]), other = seen(means[b]);
-    const bool alike_in_size =
-        square_root_ratio(square_sum(one), square_sum(other)) >= shared_energy;
-    p.similarity = alike_in_size ? compare_shapes(one, other, points, rules.half_ms).similarity : 0;
+    prepare(a);
+    prepare(b);
+    p.similarity =
+        likeness_where_seen(session.recording, rules, means[a], places[a], means[b], places[b]);
   }
 }
 
@@ -401,8 +400,9 @@ std::vector<hand_over> hand_overs_of_followed(const session_state& session,
   for (const candidate& p : pairs) {
     if (p.similarity < hand_over_like) break;
     const bool one = p.similarity >= followed_like &&
-                     goes_with_movement(session, units[static_cast<std::size_t>(p.earlier)],
-                                        units[static_cast<std::size_t>(p.later)]);
+                     goes_with_movement(session.recording,
+                                        spike_times(units[static_cast<std::size_t>(p.earlier)]),
+                                        spike_times(units[static_cast<std::size_t>(p.later)]));
     out.push_back({p.earlier, p.later, p.similarity, p.overlap, one});
   }
   return out;

@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "numerics/small_matrix.h"
-#include "signal/tissue_motion.h"
+#include "sorting/hand_overs.h"
 #include "sorting/unit_joins.h"
 
 namespace kestrelvane {
@@ -29,7 +29,6 @@ constexpr double least_part = 0.12;
 constexpr double largest_spread = 30;  // of three components of noise 1: no group, but all sorts
 // Of times.
 constexpr double least_overlap = 0.35;
-constexpr double largest_way_um = 3;
 constexpr double burst_ms = 15, burst_part = 0.5, burst_times = 2;
 
 typedef std::array<double, n_components> point;
@@ -245,27 +244,6 @@ std::vector<std::int32_t> of_group(const std::vector<std::int32_t>& places,
   return out;
 }
 
-// A group in other segments than the other, or at another place of the tissue: a movement.
-bool is_movement(const session_state& session, const tracked_unit& unit,
-                 const std::vector<bool>& second) {
-  const recording_store& r = session.recording;
-  std::vector<double> counts[2];
-  double way[2] = {}, n[2] = {};
-  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
-    const tracked_spike& s = unit.spikes[i];
-    const auto segment = static_cast<std::size_t>(s.segment);
-    for (auto& c : counts) c.resize(std::max(c.size(), segment + 1));
-    counts[second[i]][segment] += 1;
-    n[second[i]] += 1;
-    way[second[i]] += motion_at(r.motion, static_cast<double>(s.time) / r.sampling_frequency);
-  }
-  double both = 0;
-  for (std::size_t k = 0; k < counts[0].size(); ++k) {
-    both += std::min(counts[0][k] / n[0], counts[1][k] / n[1]);
-  }
-  return both < least_overlap || std::fabs(way[0] / n[0] - way[1] / n[1]) > largest_way_um;
-}
-
 // Most of the smaller group soon after spikes of the larger: the later spikes of bursts.
 bool is_burst(const session_state& session, const tracked_unit& unit,
               const std::vector<bool>& second) {
@@ -290,27 +268,62 @@ bool is_burst(const session_state& session, const tracked_unit& unit,
   return part > burst_part && part > burst_times * rate * reach;
 }
 
-// The squared distance of the weaker group's waveform from the best multiple of the other.
-double distance_of_groups(const session_state& session, const noise_covariance& noise,
-                          const tracking_rules& rules, const spike_crowd& crowd,
-                          const tracked_unit& unit, const std::vector<std::int32_t>& places,
-                          const std::vector<bool>& second) {
-  spike_shape means[2];
-  double squares[2] = {};
+// What the spikes of either group are in the mean.
+struct group_means {
+  spike_shape of[2];
+};
+group_means means_of_groups(const session_state& session, const noise_covariance& noise,
+                            const spike_crowd& crowd, const tracked_unit& unit,
+                            const std::vector<std::int32_t>& places,
+                            const std::vector<bool>& second) {
+  group_means means;
   for (const bool which : {false, true}) {
-    means[which] =
+    means.of[which] =
         mean_without_others(session, noise, crowd.set, crowd.spikes,
                             of_group(places, second, which, most_for_mean), unit.filter.channels);
-    for (const float v : means[which].values) {
-      squares[which] += static_cast<double>(v) * static_cast<double>(v);
-    }
   }
-  const bool strong = squares[1] > squares[0];
+  return means;
+}
+
+// The squared distance of the stronger group's waveform from the best multiple of the other.
+double distance_of_groups(const noise_covariance& noise, const tracking_rules& rules,
+                          const tracked_unit& unit, const group_means& means) {
+  const bool strong = square_sum(means.of[1]) > square_sum(means.of[0]);
   const shape_likeness likeness =
-      compare_shapes(means[strong], means[!strong], rules.window.points, rules.half_ms);
-  return unbiased_distance(noise, rules.window, means[strong], means[!strong], likeness.lag,
+      compare_shapes(means.of[strong], means.of[!strong], rules.window.points, rules.half_ms);
+  return unbiased_distance(noise, rules.window, means.of[strong], means.of[!strong], likeness.lag,
                            unit.filter.channels)
       .square;
+}
+
+// Whether the tissue may have made two groups of one neuron: they are as much alike as that leaves
+// them, and go with its movement or come one after the other. Where its movement was not measured
+// any two are suspect of which one stops as the other starts.
+bool is_movement(const session_state& session, const tracking_rules& rules,
+                 const tracked_unit& unit, const group_means& means,
+                 const std::vector<bool>& second) {
+  const recording_store& r = session.recording;
+  std::vector<std::int32_t> times[2];
+  std::vector<double> counts[2];
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    const auto segment = static_cast<std::size_t>(unit.spikes[i].segment);
+    for (auto& c : counts) c.resize(std::max(c.size(), segment + 1));
+    counts[second[i]][segment] += 1;
+    times[second[i]].push_back(unit.spikes[i].time);
+  }
+  double both = 0;
+  for (std::size_t k = 0; k < counts[0].size(); ++k) {
+    both += std::min(counts[0][k] / static_cast<double>(times[0].size()),
+                     counts[1][k] / static_cast<double>(times[1].size()));
+  }
+  const bool in_turn = both < least_overlap;
+  if (r.motion.um.empty()) return in_turn;
+  const double likeness = likeness_where_seen(r, rules, means.of[0], mean_place(r, times[0]),
+                                              means.of[1], mean_place(r, times[1]));
+  if (likeness < followed_like) return false;
+  const auto middle = [&](bool which) { return times[which][times[which].size() / 2]; };
+  const bool first = middle(true) < middle(false);
+  return in_turn || goes_with_movement(r, times[first], times[!first]);
 }
 
 }  // namespace
@@ -405,10 +418,12 @@ bool find_mixture(const session_state& session, const noise_covariance& noise,
       static_cast<std::size_t>(std::count(found.second.begin(), found.second.end(), true));
   if (std::min(n_second, places.size() - n_second) < fewest_of_group) return false;
   found.apart = g.groups.apart;
-  found.distance = distance_of_groups(session, noise, rules, crowd, whole, places, found.second);
+  const group_means means = means_of_groups(session, noise, crowd, whole, places, found.second);
+  found.distance = distance_of_groups(noise, rules, whole, means);
   return found.distance >=
              largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy()) &&
-         !is_movement(session, whole, found.second) && !is_burst(session, whole, found.second);
+         !is_movement(session, rules, whole, means, found.second) &&
+         !is_burst(session, whole, found.second);
 }
 
 namespace {

@@ -304,12 +304,6 @@ void split_mixtures(sweep& s) {
   }
 }
 
-std::vector<std::int32_t> times_of(const tracked_unit& unit) {
-  std::vector<std::int32_t> times;
-  for (const tracked_spike& spike : unit.spikes) times.push_back(spike.time);
-  return times;
-}
-
 // The two levels of one neuron's amplitude: one waveform at two sizes, or nearly one and trains
 // that leave each other out; never when the trains cross.
 bool are_two_levels(const sweep& s, const tracked_unit& a, const tracked_unit& b) {
@@ -323,7 +317,7 @@ bool are_two_levels(const sweep& s, const tracked_unit& a, const tracked_unit& b
   const shape_likeness likeness =
       compare_shapes(small.shape, large.shape, s.rules.window.points, s.rules.half_ms);
   if (likeness.similarity < level_similarity) return false;
-  const train_crossing c = count_crossings(times_of(a), times_of(b), s.rules.segment,
+  const train_crossing c = count_crossings(spike_times(a), spike_times(b), s.rules.segment,
                                            s.session.recording.sampling_frequency);
   if (trains_cross(c)) return false;
   if (likeness.similarity >= one_similarity && c.expected >= one_expected &&

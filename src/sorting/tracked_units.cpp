@@ -326,6 +326,12 @@ spike_shape mean_without_others(const session_state& session, const noise_covari
   return shape;
 }
 
+std::vector<std::int32_t> spike_times(const tracked_unit& unit) {
+  std::vector<std::int32_t> times;
+  for (const tracked_spike& spike : unit.spikes) times.push_back(spike.time);
+  return times;
+}
+
 bool start_unit(const session_state& session, const noise_covariance& noise,
                 const tracking_rules& rules, std::int64_t first, tracked_unit& unit) {
   std::vector<tracked_spike> spikes = first_spikes(session, rules, first, unit);
@@ -444,6 +450,12 @@ double product_of(const std::vector<float>& a, const std::vector<float>& b) {
 }
 
 }  // namespace
+
+double square_sum(const spike_shape& shape) {
+  double sum = 0;
+  for (const float v : shape.values) sum += static_cast<double>(v) * static_cast<double>(v);
+  return sum;
+}
 
 shape_likeness compare_shapes(const spike_shape& a, const spike_shape& b, std::int32_t points,
                               std::int32_t largest_lag) {

@@ -41,6 +41,9 @@ struct tracked_unit {
   }
 };
 
+// Times of its spikes, samples, ascending.
+std::vector<std::int32_t> spike_times(const tracked_unit& unit);
+
 // What the pass works with; from the settings, the recording and the noise.
 struct tracking_rules {
   match_window window;
@@ -83,6 +86,9 @@ void follow_unit(const session_state& session, const noise_covariance& noise,
 float shape_depth(const session_state& session, const spike_shape& shape, std::int32_t points);
 
 // ---------------------------------------------------------------- likeness
+
+// The sum of the squares of its values.
+double square_sum(const spike_shape& shape);
 
 struct shape_likeness {
   double similarity = 0;  // cosine at the best lag
