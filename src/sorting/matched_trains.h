@@ -31,7 +31,7 @@ std::int32_t find_shadow(const tracking_rules& rules, const std::vector<tracked_
 
 // Two units whose sum is this unit's shape; false when there are none.
 bool find_sum(const tracking_rules& rules, const std::vector<tracked_unit>& units,
-              std::int32_t unit, std::int32_t& first, std::int32_t& second);
+              std::int64_t n_samples, std::int32_t unit, std::int32_t& first, std::int32_t& second);
 
 // Leaves of two spikes of a unit within 0.5 ms the one with the larger gain.
 void remove_doubles(const tracking_rules& rules, std::vector<tracked_spike>& spikes);

@@ -241,7 +241,7 @@ void drop_shadows(sweep& s) {
   for (std::int32_t u = 0; u < static_cast<std::int32_t>(s.units.size()); ++u) {
     if (s.units[u].spikes.empty()) continue;
     std::int32_t first = -1, second = -1;
-    if (find_sum(s.rules, s.units, u, first, second)) {
+    if (find_sum(s.rules, s.units, s.session.recording.n_samples, u, first, second)) {
       drop_unit(
           s, s.units[u],
           fmt::format("sum of units {} and {}", s.units[first].cluster, s.units[second].cluster));
