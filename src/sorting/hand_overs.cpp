@@ -29,11 +29,11 @@ constexpr double stayed_part = 0.2;  // of a unit's spikes on either side
 constexpr double followed_energy = 0.3;  // edges of the probe may hide most of a unit
 constexpr double shared_energy = 0.5, shared_part = 0.15;
 constexpr std::size_t most_for_mean = 150;  // spikes
-// The tissue leaps as one piece gives way to the other. Over so short a gap slow movement goes
-// less.
+// Cut by the place of the tissue few spikes lie on the wrong side. Cut by time many do, when the
+// pieces alternate; or the tissue leaps as one gives way to the other. Over so short a gap slow
+// movement goes less far.
+constexpr double told_by_place = 0.25, alternate_by_time = 0.5;
 constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 1.5;
-// Or the pieces alternate: cut by time many spikes lie on the wrong side, cut by place few.
-constexpr double alternate_by_time = 0.5, alternate_by_place = 0.25;
 
 }  // namespace
 
@@ -316,7 +316,8 @@ bool goes_with_movement(const recording_store& recording, const std::vector<std:
   }
   const cut by_time = best_cut(times);
   const double by_place = std::min(best_cut(places).wrong, best_cut(back).wrong);
-  if (by_time.wrong >= alternate_by_time && by_place <= alternate_by_place) return true;
+  if (by_place > told_by_place) return false;
+  if (by_time.wrong >= alternate_by_time) return true;
   // The last of the earlier unit's spikes before the cut, and the first of the later one's after.
   auto last = static_cast<std::ptrdiff_t>(by_time.at) - 1;
   std::size_t first = by_time.at;

@@ -1,5 +1,4 @@
 #include "sorting/template_pass.h"
-#include "sorting/hand_overs.h"
 
 #include <fmt/format.h>
 
@@ -12,6 +11,7 @@
 #include "clustering/templates.h"
 #include "numerics/parallel.h"
 #include "sorting/cluster_edits.h"
+#include "sorting/hand_overs.h"
 #include "sorting/matched_trains.h"
 #include "sorting/mixed_units.h"
 #include "sorting/tracked_units.h"

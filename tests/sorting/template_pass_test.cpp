@@ -1,5 +1,4 @@
 // The template pass on planted recordings: small ones, whose every spike is known.
-#include "sorting/hand_overs.h"
 #include "sorting/template_pass.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +9,8 @@
 
 #include "clustering/templates.h"
 #include "signal/noise.h"
+#include "signal/tissue_motion.h"
+#include "sorting/hand_overs.h"
 #include "sorting/matched_trains.h"
 #include "sorting/tracked_units.h"
 #include "sorting/undo_state.h"
@@ -202,8 +203,12 @@ TEST(TemplatePass, FollowsAUnitThatMovesFromSiteToSite) {
 
 // All in cluster 1; the second cell by `later` behind the first. Clusters that came out.
 std::int32_t clusters_of_mixture(const planted_cell& a, const planted_cell& b, double later,
-                                 bool in_turn = false) {
+                                 bool in_turn = false, bool still = false) {
   planted_session p(8, 60, 31);
+  if (still) {
+    p.s->recording.motion.bin_s = 1;
+    p.s->recording.motion.um.assign(60, 0.0f);
+  }
   test::vector_random random(7);
   for (std::int32_t i = 0; i < 400; ++i) {
     const double t = regular(i, 3600, random);
@@ -229,6 +234,10 @@ TEST(TemplatePass, TellsTwoNeuronsInOneClusterApartButNotOneThatVaries) {
   EXPECT_EQ(clusters_of_mixture(cell, smaller, 0), 1) << "two sizes";
   EXPECT_EQ(clusters_of_mixture(cell, other, 150), 1) << "the second spike of a burst";
   EXPECT_EQ(clusters_of_mixture(cell, other, 0, true), 1) << "one moment and then the other";
+  const planted_cell unlike{5, 130, 4, 0.74};
+  EXPECT_EQ(clusters_of_mixture(cell, unlike, 0, true), 1) << "nobody knows how the tissue moved";
+  EXPECT_EQ(clusters_of_mixture(cell, unlike, 0, true, true), 2) << "too unlike, in still tissue";
+  EXPECT_EQ(clusters_of_mixture(cell, other, 0, true, true), 1) << "alike enough for a movement";
 }
 
 // ---------------------------------------------------------------- sameness, interruption
@@ -417,6 +426,97 @@ TEST(UnitJoins, CountsCrossingsAndFindsTheWayOfTheTissue) {
   const std::vector<float> motion = find_motion(units, 6);
   EXPECT_EQ(motion, (std::vector<float>{0, 0, 0, 8, 8, 8}));
   EXPECT_EQ(home_depth(units[9], motion), 900);
+}
+
+TEST(HandOvers, GoWithTheMovementOrNot) {
+  recording_store r;
+  r.sampling_frequency = 1000;
+  const auto every_second = [](std::int32_t from, std::int32_t to) {
+    std::vector<std::int32_t> times;
+    for (std::int32_t s = from; s < to; ++s) times.push_back(1000 * s + 500);
+    return times;
+  };
+  const std::vector<std::int32_t> before = every_second(0, 80), after = every_second(80, 160);
+  EXPECT_FALSE(goes_with_movement(r, before, after)) << "nothing was measured";
+  r.motion.bin_s = 1;
+  // A leap of 20 µm at 80 s, and the same way in 160 s.
+  std::vector<float> leap(160), slow(160), swing(160);
+  std::vector<std::int32_t> low, high;
+  for (std::int32_t s = 0; s < 160; ++s) {
+    leap[s] = s < 80 ? 0.0f : 20.0f;
+    slow[s] = 20.0f * static_cast<float>(s) / 160;
+    swing[s] = 10 * std::sin(0.314f * static_cast<float>(s));
+    (swing[s] < 0 ? low : high).push_back(1000 * s + 500);
+  }
+  r.motion.um = leap;
+  EXPECT_TRUE(goes_with_movement(r, before, after));
+  EXPECT_FALSE(goes_with_movement(r, every_second(0, 40), every_second(40, 160)))
+      << "one gave way to the other while all stood still";
+  EXPECT_FALSE(goes_with_movement(r, every_second(0, 77), every_second(83, 160)))
+      << "after a gap in which anything may have happened";
+  r.motion.um = slow;
+  EXPECT_FALSE(goes_with_movement(r, before, after));
+  r.motion.um = swing;
+  EXPECT_TRUE(goes_with_movement(r, high, low));
+  EXPECT_FALSE(goes_with_movement(r, before, after));
+}
+
+TEST(HandOvers, ComparesOnTheSitesThatSawBoth) {
+  small_session p;
+  make_recording(*p, 24, 100);
+  recording_store& r = p->recording;
+  for (std::int32_t c = 1; c <= 24; ++c) {
+    r.chan_x[c] = 0;
+    r.chan_y[c] = static_cast<std::int16_t>(20 * c);
+    r.chan_noise[c] = 1;
+  }
+  EXPECT_TRUE(reads_tissue(r, 1, 20));
+  EXPECT_FALSE(reads_tissue(r, 1, -20)) << "below the lowest site";
+  tracking_rules rules;
+  rules.window.points = 2;
+  rules.half_ms = 0;
+  // Largest at the end of the probe, and what is left of it when the tissue has gone by a site.
+  const spike_shape whole{{1, 2, 3}, {-9, 4, -6, 2, -3, 1}, 1};
+  const spike_shape rest{{1, 2, 3}, {0, 0, -6, 2, -3, 1}, 1};
+  EXPECT_NEAR(likeness_where_seen(r, rules, whole, 0, rest, -20), 1, 1e-6);
+  EXPECT_LT(likeness_where_seen(r, rules, whole, 0, rest, 0), 0.75);
+  const spike_shape small{{1, 2, 3}, {0, 0, -2, 0.7f, -1, 0.3f}, 1};
+  EXPECT_EQ(likeness_where_seen(r, rules, whole, 0, small, -20), 0) << "of another size";
+  const spike_shape hidden{{1, 2}, {-9, 4, -1, 0}, 1};
+  EXPECT_EQ(likeness_where_seen(r, rules, hidden, 0, rest, -20), 0) << "next to nothing is seen";
+}
+
+TEST(MatchedTrains, CollisionsOfTwoQuickTrainsAreASum) {
+  // Two units on eight channels, and one that is mostly their sum.
+  std::vector<tracked_unit> units(3);
+  for (std::int32_t c = 1; c <= 8; ++c) {
+    for (tracked_unit& unit : units) {
+      unit.shape.channels.push_back(c);
+      unit.filter.subtracted.push_back(c);
+    }
+    const float a = c <= 4 ? 5.0f : 0.0f, b = 5.0f - a;
+    const auto wiggle = [&](float h) { return std::vector<float>{0, 0, -h, h / 2, 0, 0}; };
+    const auto add = [&](tracked_unit& unit, std::vector<float> v, float odd) {
+      v[5] += odd;
+      unit.shape.values.insert(unit.shape.values.end(), v.begin(), v.end());
+    };
+    add(units[0], wiggle(a), 0);
+    add(units[1], wiggle(b), 0);
+    add(units[2], wiggle(5), 1.8f);  // a tenth of its energy is neither's
+  }
+  tracking_rules rules;
+  rules.window.points = 6;
+  rules.half_ms = 13;
+  units[0].spikes.resize(6000);
+  units[1].spikes.resize(5000);
+  units[2].spikes.resize(120);
+  // They meet 6000 * 5000 * 26 / 4,000,000 = 195 times.
+  std::int32_t first = -1, second = -1;
+  EXPECT_TRUE(find_sum(rules, units, 4'000'000, 2, first, second));
+  EXPECT_EQ(first + second, 1);
+  EXPECT_FALSE(find_sum(rules, units, 6'000'000, 2, first, second)) << "130 meetings";
+  units[2].spikes.resize(150);
+  EXPECT_FALSE(find_sum(rules, units, 4'000'000, 2, first, second));
 }
 
 TEST(MatchedTrains, CutAtTheValleyAndLeaveOneOfTwo) {
