@@ -22,3 +22,12 @@ if(KESTRELVANE_SANITIZE)
     target_compile_options(kestrelvane_options INTERFACE -fno-sanitize-recover=undefined)
   endif()
 endif()
+# As if the processor had no wider vectors: for the proof that results do not depend on them.
+# Highway takes its targets as bits, the widest lowest.
+if(KESTRELVANE_WIDEST STREQUAL "avx2")
+  target_compile_definitions(kestrelvane_options INTERFACE
+    KESTRELVANE_WIDEST_BITS=256 HWY_DISABLED_TARGETS=511)
+elseif(KESTRELVANE_WIDEST STREQUAL "baseline")
+  target_compile_definitions(kestrelvane_options INTERFACE
+    KESTRELVANE_WIDEST_BITS=128 HWY_DISABLED_TARGETS=8191)
+endif()

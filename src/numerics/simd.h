@@ -9,8 +9,16 @@
 
 #include <cstdint>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__clang__)
+// Bits of the widest vectors to use; less only where a build is to prove that it makes no difference.
+#if !defined(KESTRELVANE_WIDEST_BITS)
+#define KESTRELVANE_WIDEST_BITS 512
+#endif
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__clang__) || \
+    KESTRELVANE_WIDEST_BITS == 128
 #define KESTRELVANE_CLONES
+#elif KESTRELVANE_WIDEST_BITS == 256
+#define KESTRELVANE_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define KESTRELVANE_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
 #endif

@@ -473,8 +473,8 @@ spectral_factors complex_factors(const std::vector<float>& re, const std::vector
 }
 
 std::int32_t spectral_lanes() {
-  if (__builtin_cpu_supports("avx512f")) return 16;
-  return __builtin_cpu_supports("avx2") ? 8 : 4;
+  if (KESTRELVANE_WIDEST_BITS >= 512 && __builtin_cpu_supports("avx512f")) return 16;
+  return KESTRELVANE_WIDEST_BITS >= 256 && __builtin_cpu_supports("avx2") ? 8 : 4;
 }
 
 void filter_spectrum(spectral_buffer& buffer, const spectral_factors& factors, std::int32_t lanes) {
