@@ -32,15 +32,93 @@ std::int32_t thin_event_list(std::vector<std::int32_t>& list, std::int32_t limit
 
 namespace {
 
-// One event added to the sums of a channel. The sums are whole numbers held in
+// An event as its waveform is read: the first sample that the taps of its first point reach.
+struct read_event {
+  const std::int16_t* v;
+  const float* taps;
+};
+
+// B times L points of one event added to the sums of a channel. The sums are whole numbers held in
 // 32-bit floats: each addition is made in 32 bits and its fraction dropped, which
 // is what decides the template to the last bit.
-KESTRELVANE_CLONES void add_waveform(const float* v, std::int32_t n, float* sum, float* squares) {
-  for (std::int32_t i = 0; i < n; ++i) {
-    sum[i] = __builtin_truncf(sum[i] + v[i]);
-    squares[i] = __builtin_truncf(squares[i] + v[i] * v[i]);
+template <int L, int B>
+KESTRELVANE_INTO_CALLER void add_points(const float* samples, const float* taps,
+                                        std::int32_t n_taps, float* __restrict sum,
+                                        float* __restrict squares) {
+  typename lanes_of<L>::floats v[B] = {};
+  for (std::int32_t j = 0; j < n_taps; ++j) {
+    for (int b = 0; b < B; ++b) {
+      v[b] +=
+          *reinterpret_cast<const typename lanes_of<L>::in_memory*>(samples + j + b * L) * taps[j];
+    }
+  }
+  float points[B * L];
+  for (int b = 0; b < B; ++b) {
+    *reinterpret_cast<typename lanes_of<L>::in_memory*>(points + b * L) = v[b];
+  }
+  for (int i = 0; i < B * L; ++i) {
+    sum[i] = __builtin_truncf(sum[i] + points[i]);
+    squares[i] = __builtin_truncf(squares[i] + points[i] * points[i]);
   }
 }
+
+template <int L>
+KESTRELVANE_INTO_CALLER void convert_samples(const std::int16_t* v, std::int32_t n, float* out) {
+  for (std::int32_t i = 0; i < n; i += L) {
+    *reinterpret_cast<typename lanes_of<L>::in_memory*>(out + i) =
+        __builtin_convertvector(*reinterpret_cast<const typename lanes_of<L>::shorts*>(v + i),
+                                typename lanes_of<L>::floats);
+  }
+}
+
+// The widest window with the widest interpolation on both sides, in whole lanes.
+constexpr std::int32_t raw_room = whole_lanes(template_point_limit) + whole_lanes(2 * 50 + 1);
+
+template <int L>
+KESTRELVANE_INTO_CALLER void add_waveforms_by(const std::vector<read_event>& events,
+                                              std::int32_t n_taps, std::int32_t points, float* sum,
+                                              float* squares) {
+  // The samples of the next event are converted while those of this one are on their way to the
+  // cache: a load of what is just being stored waits for it.
+  float samples[2][raw_room];
+  const std::int32_t n_samples = whole_lanes(points) + whole_lanes(n_taps - 1);
+  if (!events.empty()) convert_samples<L>(events[0].v, n_samples, samples[0]);
+  for (std::size_t i = 0; i < events.size(); ++i) {
+    if (i + prefetch_distance < events.size()) {
+      prefetch_samples(events[i + prefetch_distance].v, n_samples);
+    }
+    if (i + 1 < events.size()) convert_samples<L>(events[i + 1].v, n_samples, samples[(i + 1) & 1]);
+    const float* taps = events[i].taps;
+    for (std::int32_t p = 0; p < points; p += 6 * L) {
+      const float* const from = samples[i & 1] + p;
+      switch ((points - p + L - 1) / L) {
+        case 1:
+          add_points<L, 1>(from, taps, n_taps, sum + p, squares + p);
+          break;
+        case 2:
+          add_points<L, 2>(from, taps, n_taps, sum + p, squares + p);
+          break;
+        case 3:
+          add_points<L, 3>(from, taps, n_taps, sum + p, squares + p);
+          break;
+        case 4:
+          add_points<L, 4>(from, taps, n_taps, sum + p, squares + p);
+          break;
+        case 5:
+          add_points<L, 5>(from, taps, n_taps, sum + p, squares + p);
+          break;
+        default:
+          add_points<L, 6>(from, taps, n_taps, sum + p, squares + p);
+          break;
+      }
+    }
+  }
+}
+
+KESTRELVANE_BY_WIDTH(add_waveforms,
+                     (const std::vector<read_event>& events, std::int32_t n_taps,
+                      std::int32_t points, float* sum, float* squares),
+                     (events, n_taps, points, sum, squares))
 
 // Mean and s.d. of one point from its sums over n events.
 void finish_point(float sum, float squares, std::int32_t n, float flat_sd, float& mean, float& sd) {
@@ -68,6 +146,31 @@ bool channel_in_group(const session_state& session, std::int32_t channel,
   return true;
 }
 
+// The taps of every step that a list of events is read at.
+class tap_rows {
+ public:
+  tap_rows(const session_state& session, const std::vector<std::int32_t>& list) {
+    std::int32_t last = first_ = 0;
+    for (const std::int32_t e : list) {
+      const std::int32_t s = interp_step(session, session.events.event_shift[e]);
+      first_ = std::min(first_, s);
+      last = std::max(last, s);
+    }
+    rows_.resize(static_cast<std::size_t>(last - first_ + 1) * stride);
+    for (std::int32_t s = first_; s <= last; ++s) {
+      interp_taps(session, s, rows_.data() + static_cast<std::size_t>(s - first_) * stride);
+    }
+  }
+  const float* of(std::int32_t s) const {
+    return rows_.data() + static_cast<std::size_t>(s - first_) * stride;
+  }
+
+ private:
+  static constexpr std::size_t stride = 101;
+  std::int32_t first_ = 0;
+  std::vector<float> rows_;
+};
+
 }  // namespace
 
 void average_waveforms(session_state& session, std::int32_t cluster,
@@ -82,18 +185,18 @@ void average_waveforms(session_state& session, std::int32_t cluster,
 
   alignas(64) float sum[whole_lanes(template_point_limit)] = {};
   alignas(64) float squares[whole_lanes(template_point_limit)] = {};
-  alignas(64) float v[whole_lanes(template_point_limit)];
-  const std::int16_t* samples = session.recording.vd.channel(channel);
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    const std::int32_t e = list[i];
-    if (i + prefetch_distance < list.size()) {
-      prefetch_samples(samples + events.event_time[list[i + prefetch_distance]] + first, used);
-    }
-    // vd has a margin that takes a window which begins before the recording.
-    interp_run(session, samples + events.event_time[e] + first,
-               interp_step(session, events.event_shift[e]), used, v);
-    add_waveform(v, used, sum, squares);
+  // A shift of 0 reads the sample by taps of which one is 1: its bits are those of the sample.
+  tap_rows taps(session, list);
+  std::vector<read_event> reads;
+  reads.reserve(list.size());
+  // vd has a margin that takes a window which begins before the recording.
+  const std::int16_t* samples =
+      session.recording.vd.channel(channel) + first - session.tables.width;
+  for (const std::int32_t e : list) {
+    reads.push_back(
+        {samples + events.event_time[e], taps.of(interp_step(session, events.event_shift[e]))});
   }
+  add_waveforms(reads, 2 * session.tables.width + 1, used, sum, squares);
   const auto n = static_cast<std::int32_t>(list.size());
   // 8 µV stands for a spread that cannot be told.
   const float flat_sd = 8.0f / session.recording.vscale_HP;

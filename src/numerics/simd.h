@@ -9,7 +9,8 @@
 
 #include <cstdint>
 
-// Bits of the widest vectors to use; less only where a build is to prove that it makes no difference.
+// Bits of the widest vectors to use; less only where a build is to prove that it makes no
+// difference.
 #if !defined(KESTRELVANE_WIDEST_BITS)
 #define KESTRELVANE_WIDEST_BITS 512
 #endif
@@ -30,6 +31,39 @@ constexpr int n_lanes = 16;
 typedef float float_lanes __attribute__((vector_size(64), aligned(4), may_alias));
 typedef std::int16_t short_lanes __attribute__((vector_size(32), aligned(2), may_alias));
 typedef std::int32_t int_lanes __attribute__((vector_size(64), aligned(4), may_alias));
+
+// L lanes as a value, and as they lie at any address.
+template <int L>
+struct lanes_of {
+  typedef float floats __attribute__((vector_size(sizeof(float) * L)));
+  typedef float in_memory __attribute__((vector_size(sizeof(float) * L), aligned(4), may_alias));
+  typedef std::int16_t shorts __attribute__((vector_size(2 * L), aligned(2), may_alias));
+};
+
+// Lanes that the processor adds at once: 16, 8 or 4.
+inline int vector_lanes() {
+  if (KESTRELVANE_WIDEST_BITS >= 512 && __builtin_cpu_supports("avx512f")) return 16;
+  return KESTRELVANE_WIDEST_BITS >= 256 && __builtin_cpu_supports("avx2") ? 8 : 4;
+}
+
+// Sums that a loop carries from turn to turn stay in registers only where a register is as wide as
+// they are: wider ones lie in memory, where each turn waits for the one before, ten times as long.
+// So such loops are written for L lanes, name_by<L>, and this makes of them the form of each width
+// and name, which takes the widest that the processor has.
+#define KESTRELVANE_INTO_CALLER inline __attribute__((always_inline))
+#define KESTRELVANE_BY_WIDTH(name, parameters, arguments)                                   \
+  __attribute__((target("avx512f"))) void name##_16 parameters { name##_by<16> arguments; } \
+  __attribute__((target("avx2"))) void name##_8 parameters { name##_by<8> arguments; }      \
+  void name##_4 parameters { name##_by<4> arguments; }                                      \
+  void name parameters {                                                                    \
+    if (vector_lanes() == 16) {                                                             \
+      name##_16 arguments;                                                                  \
+    } else if (vector_lanes() == 8) {                                                       \
+      name##_8 arguments;                                                                   \
+    } else {                                                                                \
+      name##_4 arguments;                                                                   \
+    }                                                                                       \
+  }
 
 // n rounded up to whole lanes.
 constexpr int whole_lanes(int n) { return (n + n_lanes - 1) / n_lanes * n_lanes; }

@@ -20,9 +20,6 @@
 
 #include "numerics/simd.h"
 
-// Everything below the three entries is compiled into each of them, for its vector width.
-#define KESTRELVANE_INTO_CALLER inline __attribute__((always_inline))
-
 namespace kestrelvane {
 
 namespace {
@@ -119,12 +116,6 @@ lane_points points_from(const lane_points& points, std::int32_t first) {
 lane_points scratch_points(const spectral_buffer& buffer) {
   return {buffer.columns, buffer.columns + n_lanes, scratch_stride};
 }
-
-template <int L>
-struct lanes_of {
-  typedef float floats __attribute__((vector_size(sizeof(float) * L)));
-  typedef float in_memory __attribute__((vector_size(sizeof(float) * L), aligned(4), may_alias));
-};
 
 // One point of L lanes.
 template <int L>
@@ -409,6 +400,7 @@ KESTRELVANE_INTO_CALLER void filter_by_lanes(spectral_buffer& buffer,
   transform_columns<turn::backward, L>(buffer, w);
 }
 
+// All above is compiled into each of the three, for its vector width.
 __attribute__((target("avx512f"))) void filter_16(spectral_buffer& b, const spectral_factors& f) {
   filter_by_lanes<16>(b, f);
 }
@@ -472,10 +464,7 @@ spectral_factors complex_factors(const std::vector<float>& re, const std::vector
               [&](std::int32_t k) { return k == mirrored_bin(k) ? im[k] : -im[mirrored_bin(k)]; })};
 }
 
-std::int32_t spectral_lanes() {
-  if (KESTRELVANE_WIDEST_BITS >= 512 && __builtin_cpu_supports("avx512f")) return 16;
-  return KESTRELVANE_WIDEST_BITS >= 256 && __builtin_cpu_supports("avx2") ? 8 : 4;
-}
+std::int32_t spectral_lanes() { return vector_lanes(); }
 
 void filter_spectrum(spectral_buffer& buffer, const spectral_factors& factors, std::int32_t lanes) {
   if (lanes == 16) {
