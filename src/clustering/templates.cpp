@@ -53,21 +53,10 @@ KESTRELVANE_INTO_CALLER void add_points(const float* samples, const float* taps,
     }
   }
   float points[B * L];
-  for (int b = 0; b < B; ++b) {
-    *reinterpret_cast<typename lanes_of<L>::in_memory*>(points + b * L) = v[b];
-  }
+  for (int b = 0; b < B; ++b) lanes_at<L>(points + b * L) = v[b];
   for (int i = 0; i < B * L; ++i) {
     sum[i] = __builtin_truncf(sum[i] + points[i]);
     squares[i] = __builtin_truncf(squares[i] + points[i] * points[i]);
-  }
-}
-
-template <int L>
-KESTRELVANE_INTO_CALLER void convert_samples(const std::int16_t* v, std::int32_t n, float* out) {
-  for (std::int32_t i = 0; i < n; i += L) {
-    *reinterpret_cast<typename lanes_of<L>::in_memory*>(out + i) =
-        __builtin_convertvector(*reinterpret_cast<const typename lanes_of<L>::shorts*>(v + i),
-                                typename lanes_of<L>::floats);
   }
 }
 

@@ -65,6 +65,24 @@ inline int vector_lanes() {
     }                                                                                       \
   }
 
+template <int L>
+KESTRELVANE_INTO_CALLER const typename lanes_of<L>::in_memory& lanes_at(const float* p) {
+  return *reinterpret_cast<const typename lanes_of<L>::in_memory*>(p);
+}
+template <int L>
+KESTRELVANE_INTO_CALLER typename lanes_of<L>::in_memory& lanes_at(float* p) {
+  return *reinterpret_cast<typename lanes_of<L>::in_memory*>(p);
+}
+// Samples as floats, n rounded up to L.
+template <int L>
+KESTRELVANE_INTO_CALLER void convert_samples(const std::int16_t* v, std::int32_t n, float* out) {
+  for (std::int32_t i = 0; i < n; i += L) {
+    lanes_at<L>(out + i) =
+        __builtin_convertvector(*reinterpret_cast<const typename lanes_of<L>::shorts*>(v + i),
+                                typename lanes_of<L>::floats);
+  }
+}
+
 // n rounded up to whole lanes.
 constexpr int whole_lanes(int n) { return (n + n_lanes - 1) / n_lanes * n_lanes; }
 

@@ -18,9 +18,6 @@ constexpr std::int32_t fading_points = 5;
 constexpr double solved = 1e-3;
 constexpr std::int32_t most_iterations = 60;
 
-const float_lanes& load(const float* p) { return *reinterpret_cast<const float_lanes*>(p); }
-float_lanes& store(float* p) { return *reinterpret_cast<float_lanes*>(p); }
-
 std::size_t padded(std::int32_t points) { return static_cast<std::size_t>(whole_lanes(points)); }
 
 // ---------------------------------------------------------------- phases
@@ -51,31 +48,31 @@ const std::array<float, tap_count>& taps_of(std::int32_t phase) {
 
 // ---------------------------------------------------------------- noise times a vector
 
-// out[q] += sum over w of v[w] lags[q - w], with lags at lag 0; rows of whole lanes.
-KESTRELVANE_CLONES void add_lagged(const float* lags, const float* v, std::int32_t points,
-                                   float* out) {
-  std::int32_t q = 0;
-  for (; q + 4 * n_lanes <= whole_lanes(points); q += 4 * n_lanes) {
-    float_lanes a = load(out + q), b = load(out + q + n_lanes), c = load(out + q + 2 * n_lanes),
-                d = load(out + q + 3 * n_lanes);
-    for (std::int32_t w = 0; w < points; ++w) {
-      const float* from = lags + q - w;
-      a += v[w] * load(from);
-      b += v[w] * load(from + n_lanes);
-      c += v[w] * load(from + 2 * n_lanes);
-      d += v[w] * load(from + 3 * n_lanes);
-    }
-    store(out + q) = a;
-    store(out + q + n_lanes) = b;
-    store(out + q + 2 * n_lanes) = c;
-    store(out + q + 3 * n_lanes) = d;
+// B times L points of a row.
+template <int L, int B>
+KESTRELVANE_INTO_CALLER void add_lagged_lanes(const float* lags, const float* v,
+                                              std::int32_t points, float* out) {
+  typename lanes_of<L>::floats sums[B];
+  for (int b = 0; b < B; ++b) sums[b] = lanes_at<L>(out + b * L);
+  for (std::int32_t w = 0; w < points; ++w) {
+    for (int b = 0; b < B; ++b) sums[b] += v[w] * lanes_at<L>(lags - w + b * L);
   }
-  for (; q < whole_lanes(points); q += n_lanes) {
-    float_lanes a = load(out + q);
-    for (std::int32_t w = 0; w < points; ++w) a += v[w] * load(lags + q - w);
-    store(out + q) = a;
-  }
+  for (int b = 0; b < B; ++b) lanes_at<L>(out + b * L) = sums[b];
 }
+
+// out[q] += sum over w of v[w] lags[q - w], with lags at lag 0; rows of whole lanes.
+template <int L>
+KESTRELVANE_INTO_CALLER void add_lagged_by(const float* lags, const float* v, std::int32_t points,
+                                           float* out) {
+  std::int32_t q = 0;
+  for (; q + 4 * L <= whole_lanes(points); q += 4 * L) {
+    add_lagged_lanes<L, 4>(lags + q, v, points, out + q);
+  }
+  for (; q < whole_lanes(points); q += L) add_lagged_lanes<L, 1>(lags + q, v, points, out + q);
+}
+KESTRELVANE_BY_WIDTH(add_lagged,
+                     (const float* lags, const float* v, std::int32_t points, float* out),
+                     (lags, v, points, out))
 
 // Rows of whole lanes, the padding zero.
 struct padded_rows {
@@ -116,12 +113,29 @@ void multiply(const noise_covariance& noise, const std::vector<std::int32_t>& ch
   }
 }
 
-// Sixteen sums side by side, joined in order: the same bits at every width.
-KESTRELVANE_CLONES double dot(const std::vector<float>& a, const std::vector<float>& b) {
-  float_lanes sums{};
-  for (std::size_t i = 0; i < a.size(); i += n_lanes) sums += load(&a[i]) * load(&b[i]);
+// Sixteen sums side by side.
+template <int L>
+KESTRELVANE_INTO_CALLER void add_products_by(const std::vector<float>& a,
+                                             const std::vector<float>& b, float* sixteen) {
+  typename lanes_of<L>::floats sums[n_lanes / L] = {};
+  for (std::size_t i = 0; i < a.size(); i += n_lanes) {
+    for (int k = 0; k < n_lanes / L; ++k) {
+      const std::size_t at = i + static_cast<std::size_t>(k * L);
+      sums[k] += lanes_at<L>(a.data() + at) * lanes_at<L>(b.data() + at);
+    }
+  }
+  for (int k = 0; k < n_lanes / L; ++k) lanes_at<L>(sixteen + k * L) = sums[k];
+}
+KESTRELVANE_BY_WIDTH(add_products,
+                     (const std::vector<float>& a, const std::vector<float>& b, float* sixteen),
+                     (a, b, sixteen))
+
+// The sixteen joined in order: the same bits at every width.
+double dot(const std::vector<float>& a, const std::vector<float>& b) {
+  float sixteen[n_lanes];
+  add_products(a, b, sixteen);
   double sum = 0;
-  for (int lane = 0; lane < n_lanes; ++lane) sum += static_cast<double>(sums[lane]);
+  for (const float lane : sixteen) sum += static_cast<double>(lane);
   return sum;
 }
 
@@ -231,35 +245,89 @@ void make_phases(const spike_shape& shape, std::int32_t points, unit_filter& fil
 
 // ---------------------------------------------------------------- scores
 
-// out[t] = sum over channels of weights[i] x[i][from + t].
-KESTRELVANE_CLONES void mix_channels(const float* weights, const std::vector<const float*>& x,
-                                     std::int32_t from, std::int32_t n, float* out) {
-  for (std::int32_t t = 0; t < n; t += n_lanes) {
-    float_lanes sum{};
-    for (std::size_t i = 0; i < x.size(); ++i) sum += weights[i] * load(x[i] + from + t);
-    store(out + t) = sum;
+// A chunk of the mixed channels stays in the first cache.
+constexpr std::int32_t score_chunk = 1024;
+
+// Rows of t: for each component the sum over channels i of its weight times x[i][t], B times L of
+// them. All components at once: reading the voltages is most of the work.
+template <int L, int B>
+KESTRELVANE_INTO_CALLER void mix_lanes(const unit_filter& filter,
+                                       const std::vector<const float*>& x, std::int32_t from,
+                                       float* mixed, std::int32_t stride) {
+  typename lanes_of<L>::floats sums[filter_rank][B] = {};
+  for (std::size_t i = 0; i < x.size(); ++i) {
+    for (int b = 0; b < B; ++b) {
+      const typename lanes_of<L>::floats v = lanes_at<L>(x[i] + from + b * L);
+      for (std::size_t r = 0; r < filter_rank; ++r) {
+        sums[r][b] += filter.spatial[r * x.size() + i] * v;
+      }
+    }
+  }
+  for (std::size_t r = 0; r < filter_rank; ++r) {
+    for (int b = 0; b < B; ++b) {
+      lanes_at<L>(mixed + static_cast<std::int32_t>(r) * stride + b * L) = sums[r][b];
+    }
   }
 }
 
-// out[t] += sum over q of weights[q] y[t + q].
-KESTRELVANE_CLONES void add_filtered(const float* weights, std::int32_t points, const float* y,
-                                     std::int32_t n, float* out) {
-  for (std::int32_t t = 0; t < n; t += 4 * n_lanes) {
-    float_lanes a = load(out + t), b = load(out + t + n_lanes), c = load(out + t + 2 * n_lanes),
-                d = load(out + t + 3 * n_lanes);
+// The sum over components, and then over q, of the component's weight at q times its row at q,
+// B times L of them.
+template <int L, int B>
+KESTRELVANE_INTO_CALLER void score_lanes(const unit_filter& filter, std::int32_t points,
+                                         const float* mixed, std::int32_t stride, float* out) {
+  typename lanes_of<L>::floats sums[B] = {};
+  for (std::int32_t r = 0; r < filter_rank; ++r) {
+    const float* const weights = filter.temporal.data() + r * points;
+    const float* const row = mixed + r * stride;
     for (std::int32_t q = 0; q < points; ++q) {
-      const float* from = y + t + q;
-      a += weights[q] * load(from);
-      b += weights[q] * load(from + n_lanes);
-      c += weights[q] * load(from + 2 * n_lanes);
-      d += weights[q] * load(from + 3 * n_lanes);
+      for (int b = 0; b < B; ++b) sums[b] += weights[q] * lanes_at<L>(row + q + b * L);
     }
-    store(out + t) = a;
-    store(out + t + n_lanes) = b;
-    store(out + t + 2 * n_lanes) = c;
-    store(out + t + 3 * n_lanes) = d;
+  }
+  for (int b = 0; b < B; ++b) lanes_at<L>(out + b * L) = sums[b];
+}
+
+template <int L>
+KESTRELVANE_INTO_CALLER void score_all_by(const unit_filter& filter, match_window window,
+                                          const std::vector<const float*>& x, std::int32_t n,
+                                          float* out) {
+  const std::int32_t stride = score_chunk + whole_lanes(window.points) + 2 * n_lanes;
+  std::vector<float> mixed(static_cast<std::size_t>(filter_rank * stride));
+  const std::int32_t whole = (n + 4 * n_lanes - 1) / (4 * n_lanes) * (4 * n_lanes);
+  for (std::int32_t t = 0; t < whole; t += score_chunk) {
+    const std::int32_t size = std::min(score_chunk, whole - t);
+    for (std::int32_t k = 0; k < size + window.points; k += 2 * L) {
+      mix_lanes<L, 2>(filter, x, t - window.before + k, mixed.data() + k, stride);
+    }
+    for (std::int32_t k = 0; k < size; k += 4 * L) {
+      score_lanes<L, 4>(filter, window.points, mixed.data() + k, stride, out + t + k);
+    }
   }
 }
+KESTRELVANE_BY_WIDTH(score_all,
+                     (const unit_filter& filter, match_window window,
+                      const std::vector<const float*>& x, std::int32_t n, float* out),
+                     (filter, window, x, n, out))
+
+// out[q] = the sum over taps j of taps[j] x[q + j], in their order.
+template <int L>
+KESTRELVANE_INTO_CALLER void shift_lanes(const float* x, const float* taps, float* out) {
+  typename lanes_of<L>::floats sum = {};
+  for (std::int32_t j = 0; j < tap_count; ++j) sum += taps[j] * lanes_at<L>(x + j);
+  lanes_at<L>(out) = sum;
+}
+template <int L>
+KESTRELVANE_INTO_CALLER void shift_by_taps_by(const float* x, const float* taps, std::int32_t n,
+                                              float* out) {
+  std::int32_t q = 0;
+  for (; q + L <= n; q += L) shift_lanes<L>(x + q, taps, out + q);
+  for (; q < n; ++q) {
+    float sum = 0;
+    for (std::int32_t j = 0; j < tap_count; ++j) sum += taps[j] * x[q + j];
+    out[q] = sum;
+  }
+}
+KESTRELVANE_BY_WIDTH(shift_by_taps, (const float* x, const float* taps, std::int32_t n, float* out),
+                     (x, taps, n, out))
 
 }  // namespace
 
@@ -280,14 +348,7 @@ void shift_by_phase(const float* x, std::int32_t phase, std::int32_t n, float* o
     std::copy(x, x + n, out);
     return;
   }
-  const std::array<float, tap_count>& taps = taps_of(phase);
-  for (std::int32_t q = 0; q < n; ++q) {
-    float sum = 0;
-    for (std::int32_t j = 0; j < tap_count; ++j) {
-      sum += taps[static_cast<std::size_t>(j)] * x[q + j - phase_taps];
-    }
-    out[q] = sum;
-  }
+  shift_by_taps(x - phase_taps, taps_of(phase).data(), n, out);
 }
 
 void multiply_by_noise(const noise_covariance& noise, const std::vector<std::int32_t>& channels,
@@ -345,20 +406,7 @@ void make_filter(const noise_covariance& noise, const spike_shape& shape, match_
 
 void score_stretch(const unit_filter& filter, match_window window,
                    const std::vector<const float*>& x, std::int32_t n, float* out) {
-  // A chunk of the mixed channels stays in the first cache.
-  constexpr std::int32_t chunk = 1024;
-  std::vector<float> mixed(static_cast<std::size_t>(chunk + whole_lanes(window.points) + n_lanes));
-  const std::int32_t whole = (n + 4 * n_lanes - 1) / (4 * n_lanes) * (4 * n_lanes);
-  std::fill(out, out + whole, 0.0f);
-  for (std::int32_t t = 0; t < whole; t += chunk) {
-    const std::int32_t size = std::min(chunk, whole - t);
-    for (std::int32_t r = 0; r < filter_rank; ++r) {
-      mix_channels(filter.spatial.data() + static_cast<std::size_t>(r) * filter.channels.size(), x,
-                   t - window.before, size + window.points, mixed.data());
-      add_filtered(filter.temporal.data() + r * window.points, window.points, mixed.data(), size,
-                   out + t);
-    }
-  }
+  score_all(filter, window, x, n, out);
 }
 
 }  // namespace kestrelvane

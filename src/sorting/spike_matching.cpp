@@ -44,22 +44,32 @@ void mix_shape(const unit_filter& u, const unit_filter& v, std::size_t r, std::i
 }
 
 // sums[d] += sum over q of weights[q] z[q + d], d = 0 .. n - 1.
-KESTRELVANE_CLONES void add_correlation(const float* weights, std::int32_t points, const float* z,
-                                        std::int32_t n, float* sums) {
-  for (std::int32_t d = 0; d < n; ++d) {
-    float sum = sums[d];
-    for (std::int32_t q = 0; q < points; ++q) sum += weights[q] * z[q + d];
-    sums[d] = sum;
+// In whole lanes: z is read and sums are written up to a vector beyond n.
+template <int L>
+KESTRELVANE_INTO_CALLER void add_correlation_by(const float* weights, std::int32_t points,
+                                                const float* z, std::int32_t n, float* sums) {
+  for (std::int32_t d = 0; d < n; d += 2 * L) {
+    typename lanes_of<L>::floats a = lanes_at<L>(sums + d), b = lanes_at<L>(sums + d + L);
+    for (std::int32_t q = 0; q < points; ++q) {
+      a += weights[q] * lanes_at<L>(z + q + d);
+      b += weights[q] * lanes_at<L>(z + q + d + L);
+    }
+    lanes_at<L>(sums + d) = a;
+    lanes_at<L>(sums + d + L) = b;
   }
 }
+KESTRELVANE_BY_WIDTH(add_correlation,
+                     (const float* weights, std::int32_t points, const float* z, std::int32_t n,
+                      float* sums),
+                     (weights, points, z, n, sums))
 
 // The table of a pair: all phases.
 void fill_table(const unit_filter& u, const unit_filter& v, std::int32_t points, float* table) {
   const auto n_points = static_cast<std::size_t>(points);
   const std::int32_t n_lags = 2 * points - 1;
   // Lag -(points - 1) lies at phase_taps, with room to read on either side.
-  std::vector<float> sums(static_cast<std::size_t>(n_lags) + 2 * phase_taps);
-  std::vector<float> mixed(3 * n_points);
+  std::vector<float> sums(static_cast<std::size_t>(n_lags) + 2 * phase_taps + 2 * n_lanes);
+  std::vector<float> mixed(3 * n_points + 2 * n_lanes);
   for (std::size_t r = 0; r < filter_rank; ++r) {
     std::fill(mixed.begin(), mixed.end(), 0.0f);
     mix_shape(u, v, r, points, mixed.data() + points - 1);
@@ -83,8 +93,13 @@ struct stretch {
   std::size_t voltage_stride, score_stride, bins;
   std::int32_t round = 0;
 
+  // Sample 0 less the part of the window before it lies on a cache line: loads of whole lines, as
+  // the scores read them, do not straddle two.
   float* voltage(std::int32_t channel) const {
-    return scratch.voltage.data() +
+    constexpr std::uintptr_t line = sizeof(float) * n_lanes;
+    const auto begin = reinterpret_cast<std::uintptr_t>(scratch.voltage.data());
+    float* const rows = scratch.voltage.data() + (line - begin % line) % line / sizeof(float);
+    return rows +
            static_cast<std::size_t>(scratch.row[static_cast<std::size_t>(channel)]) *
                voltage_stride +
            front;
@@ -109,7 +124,7 @@ void read_voltages(const session_state& session, const noise_covariance& noise, 
   for (std::int32_t& row : s.scratch.row) {
     if (row == 0) row = n_rows++;
   }
-  s.scratch.voltage.assign(static_cast<std::size_t>(n_rows) * s.voltage_stride, 0.0f);
+  s.scratch.voltage.assign(static_cast<std::size_t>(n_rows) * s.voltage_stride + n_lanes, 0.0f);
   const std::int64_t begin = s.origin - s.front;
   const std::int64_t from = std::max<std::int64_t>(begin, 1);
   const std::int64_t to =
@@ -248,7 +263,8 @@ bool peel(const stretch& s, std::vector<found_spike>& out) {
 }
 
 std::size_t count_voltages(const stretch& s) {
-  return static_cast<std::size_t>(s.n + s.front + s.set.window.points + 8 * n_lanes);
+  return static_cast<std::size_t>(
+      whole_lanes(s.n + s.front + 2 * s.set.window.points + 8 * n_lanes));
 }
 
 }  // namespace
@@ -282,8 +298,9 @@ void match_stretch(const session_state& session, const noise_covariance& noise,
   const std::int32_t margin = 4 * set.window.points;
   const auto n = static_cast<std::int32_t>(last - first + 1) + 2 * margin;
   const auto bins = static_cast<std::size_t>((n + bin_samples - 1) / bin_samples);
-  stretch s{set, scratch, first - margin, n, 2 * set.window.points, 0, 0, bins};
-  s.voltage_stride = count_voltages(s) + static_cast<std::size_t>(s.set.window.points);
+  const std::int32_t front = whole_lanes(2 * set.window.points) + set.window.before;
+  stretch s{set, scratch, first - margin, n, front, 0, 0, bins};
+  s.voltage_stride = count_voltages(s);
   s.score_stride = static_cast<std::size_t>(n + 8 * n_lanes);
   read_voltages(session, noise, s);
   scratch.scores.resize(set.units.size() * s.score_stride);

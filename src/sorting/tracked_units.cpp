@@ -60,6 +60,11 @@ class spike_reader {
     const std::int16_t* v = recording_.vd.channel(channel);
     const float scale = 1.0f / noise_.sigma[static_cast<std::size_t>(channel)];
     std::int64_t t = std::int64_t{time} - window_.before - phase_taps;
+    const auto n = static_cast<std::int64_t>(raw_.size());
+    if (t >= 1 && t + n - 1 <= recording_.n_samples) {
+      for (std::int64_t i = 0; i < n; ++i) raw_[i] = static_cast<float>(v[t + i]) * scale;
+      return;
+    }
     for (float& x : raw_) {
       x = t >= 1 && t <= recording_.n_samples ? static_cast<float>(v[t]) * scale : 0.0f;
       ++t;
