@@ -344,8 +344,10 @@ void settle_event(session_state& session, const alignment_target& target, std::i
 
 // times: of the events before any of them is fitted, since the event ahead may be
 // another thread's, which moves it meanwhile.
-void prefetch_event(const session_state& session, const alignment_target& target,
-                    const std::vector<std::int32_t>& times, std::int64_t i) {
+KESTRELVANE_INTO_CALLER void prefetch_event(const session_state& session,
+                                            const alignment_target& target,
+                                            const std::vector<std::int32_t>& times,
+                                            std::int64_t i) {
   if (i >= static_cast<std::int64_t>(times.size())) return;
   const std::int32_t first = times[i] + target.start - target.w;
   for (const std::int32_t channel : target.channels) {

@@ -63,6 +63,9 @@ KESTRELVANE_INTO_CALLER void add_points(const float* samples, const float* taps,
 // The widest window with the widest interpolation on both sides, in whole lanes.
 constexpr std::int32_t raw_room = whole_lanes(template_point_limit) + whole_lanes(2 * 50 + 1);
 
+// An event takes less time than memory: so many are on their way.
+constexpr std::size_t events_ahead = 16;
+
 template <int L>
 KESTRELVANE_INTO_CALLER void add_waveforms_by(const std::vector<read_event>& events,
                                               std::int32_t n_taps, std::int32_t points, float* sum,
@@ -73,8 +76,8 @@ KESTRELVANE_INTO_CALLER void add_waveforms_by(const std::vector<read_event>& eve
   const std::int32_t n_samples = whole_lanes(points) + whole_lanes(n_taps - 1);
   if (!events.empty()) convert_samples<L>(events[0].v, n_samples, samples[0]);
   for (std::size_t i = 0; i < events.size(); ++i) {
-    if (i + prefetch_distance < events.size()) {
-      prefetch_samples(events[i + prefetch_distance].v, n_samples);
+    if (i + events_ahead < events.size()) {
+      prefetch_samples(events[i + events_ahead].v, n_samples);
     }
     if (i + 1 < events.size()) convert_samples<L>(events[i + 1].v, n_samples, samples[(i + 1) & 1]);
     const float* taps = events[i].taps;

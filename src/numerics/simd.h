@@ -88,8 +88,9 @@ constexpr int whole_lanes(int n) { return (n + n_lanes - 1) / n_lanes * n_lanes;
 
 // Asks for the cache lines of a run of samples that will be read soon. Waveforms
 // of one cluster lie all over the recording, and waiting for each in turn costs
-// more than the arithmetic on them.
-inline void prefetch_samples(const std::int16_t* v, int n) {
+// more than the arithmetic on them. Into the caller: a call that only asks for memory is to the
+// compiler one without effect, which it leaves out.
+KESTRELVANE_INTO_CALLER void prefetch_samples(const std::int16_t* v, int n) {
   constexpr int samples_per_line = 32;
   for (int i = 0; i < n + samples_per_line; i += samples_per_line) __builtin_prefetch(v + i);
 }

@@ -9,12 +9,18 @@
 #include <mutex>
 
 #include "numerics/parallel.h"
+#include "numerics/simd.h"
 
 namespace kestrelvane {
 
 namespace {
 
 using spectrum = std::vector<std::complex<float>>;
+
+// Real and imaginary parts apart, as many bins at a time as a register has lanes.
+struct split_spectrum {
+  std::vector<float> re, im;
+};
 
 // Zeros on end for so long are a stretch without data.
 constexpr float silence_ms = 0.5f;
@@ -75,10 +81,11 @@ std::vector<std::int64_t> stretch_starts(const session_state& session, std::int3
   return starts;
 }
 
-// What a channel's stretches hold: clean samples in units of its noise, and 1 where a sample is
-// clean, both as spectra.
+// What a channel's stretches hold: clean samples in units of its noise as spectra, and the runs of
+// clean samples, as the places where each begins and, next to it, ends.
 struct channel_spectra {
-  std::vector<spectrum> samples, clean;
+  std::vector<split_spectrum> samples;
+  std::vector<std::vector<std::int32_t>> clean;
 };
 
 // Lowers `clean` round each sample that is beyond the clip, and where there are no data.
@@ -86,8 +93,7 @@ void mark_clean(const std::vector<float>& x, float rate_khz, std::vector<float>&
   const auto n = static_cast<std::int32_t>(x.size());
   const auto guard = static_cast<std::int32_t>(std::ceil(noise_guard_ms * rate_khz));
   const auto silence = static_cast<std::int32_t>(std::ceil(silence_ms * rate_khz));
-  std::fill(clean.begin(), clean.end(), 0.0f);
-  std::fill(clean.begin(), clean.begin() + n, 1.0f);
+  std::fill(clean.begin(), clean.end(), 1.0f);
   const auto lower = [&](std::int32_t from, std::int32_t to) {
     for (std::int32_t t = std::max(0, from); t <= std::min(n - 1, to); ++t) clean[t] = 0.0f;
   };
@@ -99,15 +105,26 @@ void mark_clean(const std::vector<float>& x, float rate_khz, std::vector<float>&
   }
 }
 
+std::vector<std::int32_t> find_runs(const std::vector<float>& clean) {
+  std::vector<std::int32_t> edges;
+  const auto n = static_cast<std::int32_t>(clean.size());
+  for (std::int32_t t = 0; t < n; ++t) {
+    if (clean[t] != (t > 0 ? clean[t - 1] : 0.0f)) edges.push_back(t);
+  }
+  if (edges.size() % 2 != 0) edges.push_back(n);
+  return edges;
+}
+
 channel_spectra read_channel(const session_state& session, std::int32_t channel,
                              const std::vector<std::int64_t>& starts, std::int32_t length,
                              const real_transform& transform) {
   const recording_store& r = session.recording;
   const std::int16_t* v = r.vd.channel(channel);
   const float one_over_noise = 1.0f / r.chan_noise[channel];
-  const auto n = static_cast<std::size_t>(transform.length());
   channel_spectra out;
-  std::vector<float> stretch(static_cast<std::size_t>(length)), x(n), clean(n);
+  std::vector<float> stretch(static_cast<std::size_t>(length)), clean(stretch.size());
+  std::vector<float> x(static_cast<std::size_t>(transform.length()));
+  spectrum bins(transform.n_bins());
   for (const std::int64_t start : starts) {
     for (std::int32_t t = 0; t < length; ++t) {
       const std::int64_t at = start + t;
@@ -116,27 +133,80 @@ channel_spectra read_channel(const session_state& session, std::int32_t channel,
     mark_clean(stretch, static_cast<float>(r.sampling_frequency) / 1000.0f, clean);
     std::fill(x.begin(), x.end(), 0.0f);
     for (std::int32_t t = 0; t < length; ++t) x[t] = stretch[t] * clean[t];
-    out.samples.emplace_back(transform.n_bins());
-    out.clean.emplace_back(transform.n_bins());
-    transform.forward(x, out.samples.back());
-    transform.forward(clean, out.clean.back());
+    transform.forward(x, bins);
+    split_spectrum& kept = out.samples.emplace_back();
+    kept.re.reserve(bins.size());
+    kept.im.reserve(bins.size());
+    for (const std::complex<float>& bin : bins) {
+      kept.re.push_back(bin.real());
+      kept.im.push_back(bin.imag());
+    }
+    out.clean.push_back(find_runs(clean));
   }
   return out;
 }
 
+// Adds the conjugate of a times b.
+KESTRELVANE_CLONES void add_products(const float* a_re, const float* a_im, const float* b_re,
+                                     const float* b_im, std::size_t n, float* __restrict re,
+                                     float* __restrict im) {
+  for (std::size_t k = 0; k < n; ++k) {
+    re[k] += a_re[k] * b_re[k] + a_im[k] * b_im[k];
+    im[k] += a_re[k] * b_im[k] - a_im[k] * b_re[k];
+  }
+}
+
 // The correlation of two channels summed over the stretches, at all lags, scaled by the length.
-void correlate(const std::vector<spectrum>& a, const std::vector<spectrum>& b,
-               const real_transform& transform, spectrum& product, std::vector<float>& out) {
-  std::fill(product.begin(), product.end(), std::complex<float>());
-  for (std::size_t s = 0; s < a.size(); ++s) {
-    for (std::size_t k = 0; k < product.size(); ++k) {
-      const float ar = a[s][k].real(), ai = a[s][k].imag();
-      const float br = b[s][k].real(), bi = b[s][k].imag();
-      // The conjugate of a times b, written out: the operator's tests for infinity cost more.
-      product[k] += std::complex<float>(ar * br + ai * bi, ar * bi - ai * br);
+void correlate(const channel_spectra& a, const channel_spectra& b, const real_transform& transform,
+               std::vector<float>& out) {
+  const std::size_t n = transform.n_bins();
+  std::vector<float> re(n), im(n);
+  for (std::size_t s = 0; s < a.samples.size(); ++s) {
+    add_products(a.samples[s].re.data(), a.samples[s].im.data(), b.samples[s].re.data(),
+                 b.samples[s].im.data(), n, re.data(), im.data());
+  }
+  spectrum product(n);
+  for (std::size_t k = 0; k < n; ++k) product[k] = {re[k], im[k]};
+  transform.backward(product, out);
+}
+
+// Samples t that are clean in one channel and, k later, in the other.
+std::int32_t count_shared(const std::vector<std::int32_t>& a, const std::vector<std::int32_t>& b,
+                          std::int32_t k) {
+  std::int32_t count = 0;
+  for (std::size_t i = 0, j = 0; i < a.size() && j < b.size();) {
+    const std::int32_t from = std::max(a[i], b[j] - k), to = std::min(a[i + 1], b[j + 1] - k);
+    count += std::max(0, to - from);
+    a[i + 1] < b[j + 1] - k ? i += 2 : j += 2;
+  }
+  return count;
+}
+
+// The pairs of clean samples at the lags -(points - 1) .. points - 1. Over the lags the count is
+// piecewise linear, and bends by one where an edge of one channel meets an edge of the other: up
+// where a beginning meets an end, down where like meets like. So all counts follow from two of them
+// and from the pairs of edges that are so near, which are few.
+std::vector<std::int32_t> count_pairs(const channel_spectra& a, const channel_spectra& b,
+                                      std::int32_t points) {
+  const std::int32_t least = 1 - points;
+  std::vector<std::int32_t> counts(static_cast<std::size_t>(2 * points - 1)), bends(counts.size());
+  for (std::size_t s = 0; s < a.clean.size(); ++s) {
+    const std::vector<std::int32_t>& edges = a.clean[s];
+    const std::vector<std::int32_t>& others = b.clean[s];
+    counts[0] += count_shared(edges, others, least);
+    if (points > 1) counts[1] += count_shared(edges, others, least + 1);
+    std::size_t from = 0;
+    for (std::size_t i = 0; i < edges.size(); ++i) {
+      while (from < others.size() && others[from] - edges[i] < least) ++from;
+      for (std::size_t j = from; j < others.size() && others[j] - edges[i] < points; ++j) {
+        bends[others[j] - edges[i] - least] += (i + j) % 2 == 0 ? -1 : 1;
+      }
     }
   }
-  transform.backward(product, out);
+  for (std::size_t k = 2; k < counts.size(); ++k) {
+    counts[k] = 2 * counts[k - 1] - counts[k - 2] + bends[k - 1];
+  }
+  return counts;
 }
 
 struct pair_of_channels {
@@ -163,17 +233,15 @@ struct lag_maker {
   noise_covariance& out;
 
   void make(pair_of_channels pair, float* forward, float* backward) const {
-    spectrum product(transform.n_bins());
-    std::vector<float> sums(static_cast<std::size_t>(transform.length())), counts(sums.size());
+    std::vector<float> sums(static_cast<std::size_t>(transform.length()));
     const channel_spectra& a = spectra[pair.i];
     const channel_spectra& b = spectra[pair.j];
-    correlate(a.samples, b.samples, transform, product, sums);
-    correlate(a.clean, b.clean, transform, product, counts);
+    correlate(a, b, transform, sums);
+    const std::vector<std::int32_t> counts = count_pairs(a, b, out.points);
     const float scale = 1.0f / static_cast<float>(transform.length());
     for (std::int32_t k = 1 - out.points; k < out.points; ++k) {
       const std::int32_t at = k < 0 ? k + transform.length() : k;
-      // A count of samples, but for what the transform rounds.
-      const float n = std::round(counts[at] * scale);
+      const auto n = static_cast<float>(counts[k + out.points - 1]);
       const float mean = n < fewest_pairs ? 0.0f : sums[at] * scale / n;
       forward[k + out.points - 1] = mean;
       backward[out.points - 1 - k] = mean;
@@ -182,7 +250,7 @@ struct lag_maker {
 };
 
 // All lags, a few channels along the probe at a time: their spectra, and those of the channels near
-// them that come later, are all that is held. Those of a long probe are 150 MB together.
+// them that come later, are all that is held. Those of a long probe are 75 MB together.
 class lag_sweep {
  public:
   lag_sweep(const session_state& session, const std::vector<pair_of_channels>& pairs,

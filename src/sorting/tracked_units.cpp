@@ -4,6 +4,8 @@
 #include <cmath>
 #include <limits>
 
+#include "numerics/simd.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -69,6 +71,11 @@ class spike_reader {
       x = t >= 1 && t <= recording_.n_samples ? static_cast<float>(v[t]) * scale : 0.0f;
       ++t;
     }
+  }
+  // Asks for what read() will read there.
+  void fetch(std::int32_t time, std::int32_t channel) const {
+    prefetch_samples(recording_.vd.channel(channel) + time - window_.before - phase_taps,
+                     window_.points + 2 * phase_taps);
   }
   // Takes amplitude times a row out, whose first point lies `later` samples behind that of the
   // window.
@@ -285,10 +292,11 @@ spike_shape mean_of_spikes(const session_state& session, const noise_covariance&
                            const std::vector<std::int32_t>& channels) {
   spike_shape shape = empty_shape(channels, window.points);
   spike_reader reader(session, noise, window);
-  for (const tracked_spike& spike : spikes) {
+  for (std::size_t k = 0; k < spikes.size(); ++k) {
     for (std::size_t i = 0; i < channels.size(); ++i) {
-      reader.read(spike.time, channels[i]);
-      reader.add_to(shape.row(i, window.points), spike.phase);
+      if (k + 1 < spikes.size()) reader.fetch(spikes[k + 1].time, channels[i]);
+      reader.read(spikes[k].time, channels[i]);
+      reader.add_to(shape.row(i, window.points), spikes[k].phase);
     }
     shape.count += 1;
   }
@@ -304,17 +312,21 @@ spike_shape mean_without_others(const session_state& session, const noise_covari
   spike_shape shape = empty_shape(channels, points);
   spike_reader reader(session, noise, set.window);
   const auto n = static_cast<std::int32_t>(spikes.size());
-  for (const std::int32_t place : chosen) {
+  for (std::size_t k = 0; k < chosen.size(); ++k) {
+    const std::int32_t place = chosen[k];
     const found_spike& own = spikes[static_cast<std::size_t>(place)];
     std::int32_t from = place, to = place;
     const std::int32_t reach = points + phase_taps;
     while (from > 0 && own.time - spikes[static_cast<std::size_t>(from - 1)].time < reach) --from;
     while (to + 1 < n && spikes[static_cast<std::size_t>(to + 1)].time - own.time < reach) ++to;
     for (std::size_t i = 0; i < channels.size(); ++i) {
+      if (k + 1 < chosen.size()) {
+        reader.fetch(spikes[static_cast<std::size_t>(chosen[k + 1])].time, channels[i]);
+      }
       reader.read(own.time, channels[i]);
-      for (std::int32_t k = from; k <= to; ++k) {
-        if (k == place) continue;
-        const found_spike& other = spikes[static_cast<std::size_t>(k)];
+      for (std::int32_t near = from; near <= to; ++near) {
+        if (near == place) continue;
+        const found_spike& other = spikes[static_cast<std::size_t>(near)];
         const unit_filter& filter = set.units[static_cast<std::size_t>(other.unit)];
         const auto at =
             std::lower_bound(filter.subtracted.begin(), filter.subtracted.end(), channels[i]);

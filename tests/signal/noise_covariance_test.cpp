@@ -74,7 +74,9 @@ TEST(NoiseCovariance, IsThatOfItsDefinitionAndOfTheProcess) {
   small_session s;
   make_recording(*s, 8, 200'000);
   fill(*s);
-  s->recording.vd.channel(1)[100'000] = 32'000;  // no noise
+  // No noise: gaps in both channels at many distances from one another.
+  for (std::int32_t t = 500; t < 200'000; t += 700) s->recording.vd.channel(1)[t] = 32'000;
+  for (std::int32_t t = 510; t < 200'000; t += 713) s->recording.vd.channel(2)[t] = 32'000;
   s->recording.chan_mask[7] = true;
   const noise_covariance c = measure_noise_covariance(*s, n_points);
   const auto at = [&](std::int32_t i, std::int32_t j, std::int32_t k) {
