@@ -210,6 +210,8 @@ bool sweep_recording(sweep& s) {
     set_progress(s.session, meter::template_pass, (segment + 1) * bar_range / s.n_segments,
                  bar_range);
   }
+  // Tens of megabytes a thread on a long probe, which nothing needs from here on.
+  s.scratch = {};
   return !autosort_interrupted(s.session);
 }
 
