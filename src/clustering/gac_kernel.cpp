@@ -18,111 +18,142 @@ constexpr float box_limit = 3.0f;
 // Entries of the kernel table to a unit of squared distance.
 constexpr float table_scale = 500.0f;
 
-// Copies the points inside the box of a scout, in order, column by column;
-// returns how many there are.
+// The sources inside the box of a scout, in order: where they are laid out, and where in the
+// kernel's table their weights stand. Returns how many there are.
 template <int dimensions>
-std::int32_t keep_inside(const gac_columns& sources, const float* scout, float* inside,
-                         std::int32_t inside_stride) {
+std::int32_t keep_inside(const gac_columns& sources, const float* scout, std::int32_t* inside,
+                         std::int32_t* entries) {
   const hn::ScalableTag<float> d;
+  const hn::RebindToSigned<decltype(d)> di;
   const auto lanes = static_cast<std::int32_t>(hn::Lanes(d));
   const float* columns[dimensions];
   for (int c = 0; c < dimensions; ++c) columns[c] = sources.column(c);
   const auto limit = hn::Set(d, box_limit);
   const auto s0 = hn::Set(d, scout[0]);
   const auto s1 = hn::Set(d, scout[dimensions > 1 ? 1 : 0]);
+  const std::int32_t n = sources.n;
   std::int32_t count = 0;
-  for (std::int32_t i = 0; i < sources.n; i += lanes) {
-    const auto p0 = hn::LoadU(d, columns[0] + i);
-    auto in_box = hn::Le(hn::Abs(hn::Sub(p0, s0)), limit);
+  // In floats: four to a point, or eight.
+  constexpr int shift = dimensions > 3 ? 3 : 2;
+  auto places = hn::ShiftLeft<shift>(hn::Iota(di, 0));
+  for (std::int32_t i = 0; i < n;
+       i += lanes, places = hn::Add(places, hn::Set(di, lanes << shift))) {
+    const auto d0 = hn::Sub(hn::LoadU(d, columns[0] + i), s0);
+    auto in_box = hn::Le(hn::Abs(d0), limit);
+    auto squared = hn::Mul(d0, d0);
     if constexpr (dimensions > 1) {
-      const auto p1 = hn::LoadU(d, columns[1] + i);
-      in_box = hn::And(in_box, hn::Le(hn::Abs(hn::Sub(p1, s1)), limit));
+      const auto d1 = hn::Sub(hn::LoadU(d, columns[1] + i), s1);
+      in_box = hn::And(in_box, hn::Le(hn::Abs(d1), limit));
+      squared = hn::Add(squared, hn::Mul(d1, d1));
     }
     if (hn::AllFalse(d, in_box)) continue;
+    for (int c = 2; c < dimensions; ++c) {
+      const auto dc = hn::Sub(hn::LoadU(d, columns[c] + i), hn::Set(d, scout[c]));
+      squared = hn::Add(squared, hn::Mul(dc, dc));
+    }
+    // Beyond the table the weight is its last entry, 0. The conversion drops the fraction: the
+    // table is read at its entries, not between them.
+    const auto scaled = hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
+    const auto chosen = hn::RebindMask(di, in_box);
     // Compressed in the register and stored whole: a compressing store is many
     // times slower on some processors.
-    // What a store leaves beyond count is overwritten by the next one; the padding of the column
+    // What a store leaves beyond count is overwritten by the next one; the padding of the arrays
     // takes the last.
-    for (int c = 0; c < dimensions; ++c) {
-      hn::StoreU(hn::Compress(hn::LoadU(d, columns[c] + i), in_box), d,
-                 inside + std::int64_t{c} * inside_stride + count);
-    }
+    hn::StoreU(hn::Compress(places, chosen), di, inside + count);
+    hn::StoreU(hn::Compress(hn::ConvertTo(di, scaled), chosen), di, entries + count);
     count += static_cast<std::int32_t>(hn::CountTrue(d, in_box));
   }
   return count;
 }
 
-// Weight and moments of the points inside, as groups of four floats to a point:
-// (weight, moment 1, moment 2, moment 3), and for more than three components a
-// second group.
-template <int dimensions>
-void form_terms(const float* kernel, const float* scout, const float* inside,
-                std::int32_t inside_stride, std::int32_t count, float* terms,
-                std::int64_t group_stride) {
-  const hn::ScalableTag<float> d;
-  const hn::RebindToSigned<decltype(d)> di;
-  const auto lanes = static_cast<std::int32_t>(hn::Lanes(d));
-  const auto zero = hn::Zero(d);
-  // Up to a whole vector: terms beyond count are made of leftovers, and never added.
-  for (std::int32_t i = 0; i < count; i += lanes) {
-    decltype(hn::Zero(d)) difference[8] = {zero, zero, zero, zero, zero, zero, zero, zero};
-    auto squared = zero;
-    for (int c = 0; c < dimensions; ++c) {
-      difference[c] =
-          hn::Sub(hn::LoadU(d, inside + std::int64_t{c} * inside_stride + i), hn::Set(d, scout[c]));
-      const auto square = hn::Mul(difference[c], difference[c]);
-      squared = c == 0 ? square : hn::Add(squared, square);
-    }
-    // Beyond the table the weight is its last entry, 0.
-    const auto scaled = hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
-    // The conversion drops the fraction: the table is read at its entries, not between them.
-    const auto weight = hn::GatherIndex(d, kernel, hn::ConvertTo(di, scaled));
-    for (int c = 0; c < dimensions; ++c) difference[c] = hn::Mul(difference[c], weight);
-    hn::StoreInterleaved4(weight, difference[0], difference[1], difference[2], d, terms + 4 * i);
-    if constexpr (dimensions > 3) {
-      hn::StoreInterleaved4(difference[3], difference[4], difference[5], difference[6], d,
-                            terms + group_stride + 4 * i);
-    }
-  }
+#if HWY_TARGET != HWY_SCALAR
+typedef hn::FixedTag<float, 4> four;
+HWY_INLINE hn::VFromD<four> form_term(const float* point, const float* scout, float weight) {
+  return hn::Mul(hn::Sub(hn::LoadU(four(), point), hn::LoadU(four(), scout)),
+                 hn::Set(four(), weight));
 }
+#endif
 
-typedef float four_floats __attribute__((vector_size(16), aligned(4), may_alias));
-typedef double four_doubles __attribute__((vector_size(32)));
+// Four sums of 64 bits, in registers as wide as there are, of a weight times what a point is from a
+// scout.
+struct four_sums {
+#if HWY_TARGET == HWY_SCALAR
+  double all[4];
+  HWY_INLINE void clear() {
+    for (double& sum : all) sum = 0.0;
+  }
+  HWY_INLINE void add(const float* point, const float* scout, float weight) {
+    for (int c = 0; c < 4; ++c) all[c] += static_cast<double>((point[c] - scout[c]) * weight);
+  }
+  HWY_INLINE void take(double* out) const {
+    for (int c = 0; c < 4; ++c) out[c] = all[c];
+  }
+#elif HWY_MAX_BYTES >= 32
+  typedef hn::FixedTag<double, 4> wide;
+  hn::VFromD<wide> all;
+  HWY_INLINE void clear() { all = hn::Zero(wide()); }
+  HWY_INLINE void add(const float* point, const float* scout, float weight) {
+    all = hn::Add(all, hn::PromoteTo(wide(), form_term(point, scout, weight)));
+  }
+  HWY_INLINE void take(double* out) const { hn::StoreU(all, wide(), out); }
+#else
+  typedef hn::FixedTag<double, 2> wide;
+  hn::VFromD<wide> low, high;
+  HWY_INLINE void clear() { low = high = hn::Zero(wide()); }
+  HWY_INLINE void add(const float* point, const float* scout, float weight) {
+    const hn::FixedTag<float, 2> two;
+    const auto term = form_term(point, scout, weight);
+    low = hn::Add(low, hn::PromoteTo(wide(), hn::LowerHalf(two, term)));
+    high = hn::Add(high, hn::PromoteTo(wide(), hn::UpperHalf(two, term)));
+  }
+  HWY_INLINE void take(double* out) const {
+    hn::StoreU(low, wide(), out);
+    hn::StoreU(high, wide(), out + 2);
+  }
+#endif
+};
 
-// Adds terms first..last - 1 of n_chains scouts, each in its own order.
+// What a scout adds up: weight times (1, difference 1, 2, 3) of the sources in its box, or the
+// components from the fourth on.
+struct chain {
+  const std::int32_t* inside;
+  const std::int32_t* entries;
+  std::int32_t count = 0;
+  float scout[4] = {};  // 0 where a source has its 1
+};
+
+// Terms first..last - 1 of n_chains scouts, each in its own order: only scouts run side by side.
 template <int n_chains>
-HWY_INLINE void add_terms(const float* const* terms, std::int32_t first, std::int32_t last,
-                          four_doubles* sums) {
-  four_doubles local[n_chains];
+HWY_INLINE void add_terms(const chain* chains, const float* points, const float* kernel,
+                          std::int32_t first, std::int32_t last, four_sums* sums) {
+  four_sums local[n_chains];
   for (int k = 0; k < n_chains; ++k) local[k] = sums[k];
-  // Each scout adds its own terms in their order; only scouts run side by side.
   for (std::int32_t i = first; i < last; ++i) {
     for (int k = 0; k < n_chains; ++k) {
-      const auto term = *reinterpret_cast<const four_floats*>(terms[k] + 4 * std::int64_t{i});
-      local[k] += __builtin_convertvector(term, four_doubles);
+      local[k].add(points + chains[k].inside[i], chains[k].scout, kernel[chains[k].entries[i]]);
     }
   }
   for (int k = 0; k < n_chains; ++k) sums[k] = local[k];
 }
 
 // Chains in falling order of length: four run until the shortest ends, and so on.
-void add_chains(const float* const* terms, const std::int32_t* counts, std::int32_t n,
-                four_doubles* sums) {
+void add_chains(const chain* chains, std::int32_t n, const float* points, const float* kernel,
+                four_sums* sums) {
   std::int32_t done = 0;
   for (std::int32_t running = n; running >= 1; --running) {
-    const std::int32_t end = counts[running - 1];
+    const std::int32_t end = chains[running - 1].count;
     switch (running) {
       case 4:
-        add_terms<4>(terms, done, end, sums);
+        add_terms<4>(chains, points, kernel, done, end, sums);
         break;
       case 3:
-        add_terms<3>(terms, done, end, sums);
+        add_terms<3>(chains, points, kernel, done, end, sums);
         break;
       case 2:
-        add_terms<2>(terms, done, end, sums);
+        add_terms<2>(chains, points, kernel, done, end, sums);
         break;
       default:
-        add_terms<1>(terms, done, end, sums);
+        add_terms<1>(chains, points, kernel, done, end, sums);
         break;
     }
     done = end;
@@ -142,37 +173,40 @@ template <int dimensions>
 void gather(const gac_columns& sources, const float* kernel, const float* scouts,
             std::int32_t n_scouts, gac_scratch& scratch, gac_sums* sums) {
   constexpr int n_groups = dimensions > 3 ? 2 : 1;
-  const std::int32_t room = sources.stride;
-  const std::int64_t group_stride = std::int64_t{4} * room;
-  const std::int64_t scout_stride = n_groups * group_stride;
-  scratch.inside.resize(static_cast<std::size_t>(room) * dimensions);
-  scratch.terms.resize(static_cast<std::size_t>(4 * scout_stride));
+  const auto room = static_cast<std::size_t>(sources.stride);
+  scratch.inside.resize(4 * room);
+  scratch.entries.resize(4 * room);
   std::int32_t counts[4];
   for (std::int32_t k = 0; k < n_scouts; ++k) {
-    const float* scout = scouts + k * dimensions;
-    counts[k] = keep_inside<dimensions>(sources, scout, scratch.inside.data(), room);
-    form_terms<dimensions>(kernel, scout, scratch.inside.data(), room, counts[k],
-                           scratch.terms.data() + k * scout_stride, group_stride);
+    const std::size_t at = static_cast<std::size_t>(k) * room;
+    counts[k] = keep_inside<dimensions>(sources, scouts + k * dimensions,
+                                        scratch.inside.data() + at, scratch.entries.data() + at);
   }
   std::int32_t order[4];
   order_by_length(counts, n_scouts, order);
   for (int group = 0; group < n_groups; ++group) {
-    const float* terms[4];
-    std::int32_t lengths[4];
-    four_doubles totals[4] = {};
+    chain chains[4];
+    four_sums totals[4];
+    for (four_sums& total : totals) total.clear();
     for (std::int32_t k = 0; k < n_scouts; ++k) {
-      terms[k] = scratch.terms.data() + order[k] * scout_stride + group * group_stride;
-      lengths[k] = counts[order[k]];
-    }
-    add_chains(terms, lengths, n_scouts, totals);
-    for (std::int32_t k = 0; k < n_scouts; ++k) {
-      gac_sums& out = sums[order[k]];
-      if (group == 0) {
-        out.weight = totals[k][0];
-        for (int c = 0; c < 3; ++c) out.moment[c] = totals[k][c + 1];
-      } else {
-        for (int c = 0; c < 4; ++c) out.moment[c + 3] = totals[k][c];
+      const std::size_t at = static_cast<std::size_t>(order[k]) * room;
+      chains[k].inside = scratch.inside.data() + at;
+      chains[k].entries = scratch.entries.data() + at;
+      chains[k].count = counts[order[k]];
+      for (int c = 0; c < 4; ++c) {
+        const int component = 4 * group + c - 1;
+        if (component >= 0 && component < dimensions) {
+          chains[k].scout[c] = scouts[order[k] * dimensions + component];
+        }
       }
+    }
+    add_chains(chains, n_scouts, sources.points.data() + 4 * group, kernel, totals);
+    for (std::int32_t k = 0; k < n_scouts; ++k) {
+      double of_group[4];
+      totals[k].take(of_group);
+      gac_sums& out = sums[order[k]];
+      if (group == 0) out.weight = of_group[0];
+      for (int c = group == 0 ? 1 : 0; c < 4; ++c) out.moment[4 * group + c - 1] = of_group[c];
     }
   }
 }
@@ -247,6 +281,16 @@ void gac_columns::resize(std::int32_t n_points, std::int32_t n_dimensions) {
   stride = (n_points + 2 * widest) / widest * widest;
   // Far from everything, so that padding is in no box and near no scout.
   values.assign(static_cast<std::size_t>(stride) * n_dimensions, 3.0e18f);
+}
+
+void gac_columns::lay_out_points() {
+  const std::int64_t width = dimensions > 3 ? 8 : 4;
+  points.assign(static_cast<std::size_t>(width * n), 0.0f);
+  for (std::int32_t i = 0; i < n; ++i) {
+    float* const point = points.data() + i * width;
+    point[0] = 1.0f;
+    for (std::int32_t c = 0; c < dimensions; ++c) point[c + 1] = column(c)[i];
+  }
 }
 
 void gac_gather(const gac_columns& sources, const float* kernel, const float* scouts,

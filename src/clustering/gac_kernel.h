@@ -4,9 +4,9 @@
 // round it. The sums of that mean are made in the order of the points, one
 // scout at a time, so the bits do not depend on the vector width chosen at run
 // time or on the number of threads. What is fast here: the box test runs over
-// many points at once and keeps, in order, only those inside; weights and moments
-// of those are formed many at a time; and the sums of several scouts, each a
-// chain of additions that must not be reordered, run side by side.
+// many points at once and keeps, in order, only those inside, with the places of their
+// weights; and the sums of several scouts, each a chain of additions that must not be
+// reordered, run side by side, each addition of a weight and its moments as one.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,10 @@ struct gac_columns {
   std::int32_t dimensions = 0;  // 1..gac_dimension_limit
   std::int32_t stride = 0;      // floats from column to column
   std::vector<float> values;
+  // Sources alone: point by point, (1, component 1, 2, ...) in four or eight floats.
+  std::vector<float> points;
 
+  void lay_out_points();  // from the columns
   void resize(std::int32_t n_points, std::int32_t n_dimensions);
   float* column(std::int32_t c) { return values.data() + std::int64_t{c} * stride; }
   const float* column(std::int32_t c) const { return values.data() + std::int64_t{c} * stride; }
@@ -38,12 +41,13 @@ struct gac_sums {
 
 // Scratch of one thread.
 struct gac_scratch {
-  std::vector<float> inside;  // points in the box of one scout, in columns
-  std::vector<float> terms;   // weights and moments of up to four scouts
+  std::vector<std::int32_t>
+      inside;  // of up to four scouts: where the sources in their boxes are laid out
+  std::vector<std::int32_t> entries;  // of the kernel, their weights
 };
 
-// Sums of up to four scouts; position(k) is scouts + k * dimensions. kernel has
-// 10,002 entries, the last of them 0.
+// Sums of up to four scouts from sources that are laid out; position(k) is scouts + k * dimensions.
+// kernel has 10,002 entries, the last of them 0.
 void gac_gather(const gac_columns& sources, const float* kernel, const float* scouts,
                 std::int32_t n_scouts, gac_scratch& scratch, gac_sums* sums);
 

@@ -28,7 +28,6 @@ gac_columns scale_points(const gac_points& points, float g) {
 
 // Every q-th point, in order: the kernel sources.
 gac_columns pick_sources(const gac_columns& points, std::int32_t q) {
-  if (q == 1) return points;
   gac_columns sources;
   sources.resize((points.n + q - 1) / q, points.dimensions);
   for (std::int32_t c = 0; c < points.dimensions; ++c) {
@@ -36,6 +35,7 @@ gac_columns pick_sources(const gac_columns& points, std::int32_t q) {
       sources.column(c)[j] = points.column(c)[std::int64_t{j} * q];
     }
   }
+  sources.lay_out_points();
   return sources;
 }
 
