@@ -18,6 +18,44 @@ constexpr float box_limit = 3.0f;
 // Entries of the kernel table to a unit of squared distance.
 constexpr float table_scale = 500.0f;
 
+#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4 || HWY_TARGET == HWY_SSSE3
+// Which lane comes to each place when some are chosen, for processors without an instruction for
+// it. The library has such a table too, which the compiler copies to the stack for every use.
+constexpr int table_lanes = HWY_MAX_BYTES / 4;
+struct lane_orders {
+  alignas(64) std::int32_t at[1 << table_lanes][table_lanes];
+  constexpr lane_orders() : at() {
+    for (int choice = 0; choice < 1 << table_lanes; ++choice) {
+      for (int lane = 0, place = 0; lane < table_lanes; ++lane) {
+        if ((choice >> lane & 1) != 0) at[choice][place++] = lane;
+      }
+    }
+  }
+};
+constexpr lane_orders orders;
+#endif
+
+// Stores the chosen lanes of both, in order, and returns how many there are. Compressed in the
+// register and stored whole: a compressing store is many times slower on some processors. What a
+// store leaves beyond the chosen is overwritten by the next one; the padding takes the last.
+template <class Mask, class Places>
+HWY_INLINE std::int32_t store_chosen(Mask chosen, Places a, std::int32_t* to_a, Places b,
+                                     std::int32_t* to_b) {
+  const hn::ScalableTag<std::int32_t> di;
+#if HWY_TARGET == HWY_AVX2 || HWY_TARGET == HWY_SSE4 || HWY_TARGET == HWY_SSSE3
+  std::uint8_t bits[8];
+  hn::StoreMaskBits(di, chosen, bits);
+  const auto order = hn::SetTableIndices(di, orders.at[bits[0]]);
+  hn::StoreU(hn::TableLookupLanes(a, order), di, to_a);
+  hn::StoreU(hn::TableLookupLanes(b, order), di, to_b);
+  return __builtin_popcount(bits[0]);
+#else
+  hn::StoreU(hn::Compress(a, chosen), di, to_a);
+  hn::StoreU(hn::Compress(b, chosen), di, to_b);
+  return static_cast<std::int32_t>(hn::CountTrue(di, chosen));
+#endif
+}
+
 // The sources inside the box of a scout, in order: where they are laid out, and where in the
 // kernel's table their weights stand. Returns how many there are.
 template <int dimensions>
@@ -54,14 +92,8 @@ std::int32_t keep_inside(const gac_columns& sources, const float* scout, std::in
     // Beyond the table the weight is its last entry, 0. The conversion drops the fraction: the
     // table is read at its entries, not between them.
     const auto scaled = hn::Min(hn::Mul(squared, hn::Set(d, table_scale)), hn::Set(d, 10001.0f));
-    const auto chosen = hn::RebindMask(di, in_box);
-    // Compressed in the register and stored whole: a compressing store is many
-    // times slower on some processors.
-    // What a store leaves beyond count is overwritten by the next one; the padding of the arrays
-    // takes the last.
-    hn::StoreU(hn::Compress(places, chosen), di, inside + count);
-    hn::StoreU(hn::Compress(hn::ConvertTo(di, scaled), chosen), di, entries + count);
-    count += static_cast<std::int32_t>(hn::CountTrue(d, in_box));
+    count += store_chosen(hn::RebindMask(di, in_box), places, inside + count,
+                          hn::ConvertTo(di, scaled), entries + count);
   }
   return count;
 }

@@ -9,6 +9,8 @@
 #include "clustering/principal_components.h"
 #include "clustering/realignment.h"
 #include "clustering/templates.h"
+#include "session/interpolation_tables.h"
+#include "session/template_window.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
 
@@ -21,8 +23,15 @@ TEST(fast_forms, gradient_ascent_stages) {
     int n, dimensions;
   };
   // Both forms of merging: up to 2000 scouts and above, and a subsample of sources.
-  for (const auto& [n, dimensions] :
-       {cloud{300, 2}, {2000, 2}, {2001, 2}, {3500, 3}, {700, 5}, {5600, 2}}) {
+  for (const auto& [n, dimensions] : {cloud{300, 2},
+                                      {900, 1},
+                                      {2000, 2},
+                                      {2001, 2},
+                                      {3500, 3},
+                                      {600, 4},
+                                      {700, 5},
+                                      {500, 7},
+                                      {5600, 2}}) {
     const gac_points points = make_clouds(n, dimensions, 17 + n);
     for (const int s : {1, 4, 12}) {
       const auto plain = std::make_unique<gac_tables>();
@@ -73,22 +82,48 @@ TEST(fast_forms, gain_and_stall_settings_are_followed) {
   EXPECT_EQ(fast->iterations[2], plain->iterations[2]);
 }
 
+void expect_plain_templates(session_state& session) {
+  const std::int32_t points = session.templates.template_points;
+  for (std::int32_t cluster = 1; cluster <= session.clusters.n_clusters; ++cluster) {
+    std::vector<float> mean, sd;
+    plain_template_values(session, cluster, mean, sd);
+    calculate_template(session, cluster);
+    for (std::int32_t c = 1; c <= session.recording.n_channels; ++c) {
+      for (std::int32_t p = 1; p <= points; ++p) {
+        ASSERT_EQ(session.templates.mean(cluster, c)[p], mean[(c - 1) * points + p - 1]);
+        ASSERT_EQ(session.templates.sd(cluster, c)[p], sd[(c - 1) * points + p - 1]);
+      }
+    }
+  }
+}
+
 TEST(fast_forms, templates_on_every_channel) {
   small_session session;
   make_busy_recording(*session, 5, 60000, 9);
   for (const int threads : {1, 2, 7}) {
     use_threads(*session, threads);
-    for (std::int32_t cluster = 1; cluster <= session->clusters.n_clusters; ++cluster) {
-      std::vector<float> mean, sd;
-      plain_template_values(*session, cluster, mean, sd);
-      calculate_template(*session, cluster);
-      const std::int32_t points = session->templates.template_points;
-      for (std::int32_t c = 1; c <= 5; ++c) {
-        for (std::int32_t p = 1; p <= points; ++p) {
-          ASSERT_EQ(session->templates.mean(cluster, c)[p], mean[(c - 1) * points + p - 1]);
-          ASSERT_EQ(session->templates.sd(cluster, c)[p], sd[(c - 1) * points + p - 1]);
-        }
-      }
+    expect_plain_templates(*session);
+  }
+}
+
+// Every number of whole registers that a window fills, one more and a part of one; shifts of none
+// and of a whole sample; interpolation over a few samples and over a hundred.
+TEST(fast_forms, templates_of_any_window_and_interpolation) {
+  small_session session;
+  make_busy_recording(*session, 2, 30000, 9);
+  for (std::int32_t e = 1; e <= session->events.n_events; e += 5) {
+    session->events.event_shift[e] = e % 2 == 0 ? 0.0f : 1.0f;
+  }
+  for (const std::int32_t width : {1, 6, 20, 50}) {
+    session->strategy.interp_width = width;
+    build_interp_table(*session);
+    for (const std::int32_t points : {3, 16, 17, 40, 63, 64, 95, 97, 130, 150}) {
+      session->strategy.template_window_end_ms =
+          session->strategy.template_window_start_ms +
+          1000.0f * static_cast<float>(points) /
+              static_cast<float>(session->recording.sampling_frequency);
+      compute_template_points(*session);
+      expect_plain_templates(*session);
     }
   }
 }

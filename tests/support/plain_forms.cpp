@@ -108,7 +108,8 @@ bool step(const session_state& session, const std::vector<float>& points, std::i
   double weight = 0.0;
   for (std::int32_t j = 0; j < n; j += q) {
     const float* p = &points[j * d];
-    if (std::fabs(p[1] - s[1]) > 3.0f || std::fabs(p[0] - s[0]) > 3.0f) continue;
+    const bool beside = d > 1 && std::fabs(p[1] - s[1]) > 3.0f;
+    if (beside || std::fabs(p[0] - s[0]) > 3.0f) continue;
     float squared = 0.0f;
     for (std::int32_t c = 0; c < d; ++c) squared += (p[c] - s[c]) * (p[c] - s[c]);
     const auto index = static_cast<std::int64_t>(squared * 500.0f);
