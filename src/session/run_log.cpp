@@ -109,7 +109,9 @@ void log_message(const session_state& session, std::string_view text) {
     // from the ring and once more from here.
     listed = log.messages_dialog_open;
     add_to_ring(log, wrapped.lines.data(), wrapped.n_lines);
-    if (session.preferences.log_file_enabled && log.log_file_open && log.log_file != nullptr) {
+    // Whether it is wanted is settled by who opens and closes it: the preference is the dialog's,
+    // and any thread logs.
+    if (log.log_file_open && log.log_file != nullptr) {
       // Flushed at once: the log is wanted most after a crash. Errors are ignored.
       std::fwrite(text.data(), 1, text.size(), log.log_file);
       std::fputc('\n', log.log_file);
@@ -160,7 +162,10 @@ void open_log_file(session_state& session) {
   if (file == nullptr) {
     // Off, or every further recording in a folder that cannot be written to would bring the box
     // again.
-    session.preferences.log_file_enabled = false;
+    {
+      const std::lock_guard lock(session.settings_mutex);
+      session.preferences.log_file_enabled = false;
+    }
     log_message(session, "Failed to open logfile");
     tell(session, "Error opening logfile", "File open error");
     return;

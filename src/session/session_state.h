@@ -146,8 +146,8 @@ struct session_state {
   mutable long_operation_flags operation;
   mutable session_gate gate;
   mutable state_file_use state_files;
-  // Settings and selections, which dialogs write without the gate while a timed save may read
-  // them. Held for a moment, and never by somebody who waits for the gate.
+  // Held over each store of settings, masks and selections that belong together, and while a save
+  // copies them: for a moment, and never by somebody who waits for the gate, a disk or the user.
   mutable std::recursive_mutex settings_mutex;
 
   user_interface ui;

@@ -83,6 +83,8 @@ bool write_fields(session_state& session, setting_file which, const std::string&
   }
   safe_file out;
   open_safe_file(out, path);
+  // Into memory: the file's own buffer holds all of it, and nobody waits here for a disk.
+  std::unique_lock lock(session.settings_mutex);
   for (const setting_row& row : settings_of(which)) {
     if (row.address == nullptr) {
       for (std::int32_t i = 0; i < row.count; ++i) {
@@ -92,6 +94,7 @@ bool write_fields(session_state& session, setting_file which, const std::string&
       write_bytes(out, row.address(session), 4u * static_cast<std::size_t>(row.count));
     }
   }
+  lock.unlock();
   return finish_safe_file(out) || tell_of_failed_save(session, path);
 }
 

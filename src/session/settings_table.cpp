@@ -539,6 +539,23 @@ bool setting_in_range(const setting_row& row, double value) {
   return v >= static_cast<float>(row.low) && v <= static_cast<float>(row.high);
 }
 
+std::unique_ptr<session_state> copy_settings(const session_state& session) {
+  auto copy = std::make_unique<session_state>();
+  copy->n_cpus = session.n_cpus;  // a default goes by it
+  const std::lock_guard lock(session.settings_mutex);
+  copy->detection = session.detection;
+  copy->filter = session.filter;
+  copy->cleaning = session.cleaning;
+  copy->strategy = session.strategy;
+  copy->matching = session.matching;
+  copy->review = session.review;
+  copy->quality = session.quality;
+  copy->display = session.display;
+  copy->preferences = session.preferences;
+  copy->carried = session.carried;
+  return copy;
+}
+
 std::int32_t settle_settings(session_state& session) {
   std::int32_t n_settled = 0;
   // Told in the log, setting by setting: a sort made with other values than the file's must not

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -93,6 +94,10 @@ bool setting_in_range(const setting_row& row, double value);
 // no stage or window can bear goes back to its default, with a line in the log for each.
 // Returns how many did.
 std::int32_t settle_settings(session_state& session);
+
+// A session without a recording that has the settings of this one, for whoever looks at what others
+// would be: what is only shown must not stand in the session.
+std::unique_ptr<session_state> copy_settings(const session_state& session);
 
 // The built-in defaults. Start-up applies them in this order; "Restore defaults" and
 // "Default" of the dialogs call the one concerned.

@@ -95,11 +95,13 @@ bool shorten_spike_window(session_state& session) {
   const std::int32_t width = window_last_sample(session) - window_first_sample(session);
   if (width < template_point_limit && spike_window_is_readable(session)) return false;
   const auto f = static_cast<float>(session.recording.sampling_frequency);
+  std::unique_lock lock(session.settings_mutex);
   // 75 samples before and 74 after, with the sample itself 150 of the 151 points that a template
   // has room for.
   session.strategy.template_window_start_ms = -75000.0f / f;
   session.strategy.template_window_end_ms = 74000.0f / f;
   compute_template_points(session);
+  lock.unlock();
   tell(session, "The spike temporal window was shortened to prevent overflow", "Warning",
        box_icon::information);
   return true;

@@ -316,27 +316,24 @@ bool window_is_possible(const autosort_window& a) {
   return a.window_from->value() < a.window_to->value();
 }
 
-// Takes the settings over, those of the preset for a run alone: whoever starts none releases it.
-// False, with nothing stored, while something is refused.
-bool store_settings(autosort_window& a) {
+// Takes the settings over, for a run those of the preset as well: whoever starts none after all
+// releases it. False, with nothing stored, while something is refused.
+bool store_settings(autosort_window& a, bool for_run) {
   if (!window_is_possible(a)) {
     a.message->setText("The template window must begin before it ends");
     return false;
   }
   if (a.form.refused()) return a.form.store();
-  // Held first: what the fields say over it was typed on top.
-  a.hold = hold_preset(a.w.session, chosen_preset(a));
-  a.form.store();
+  {
+    const std::lock_guard lock(a.w.session.settings_mutex);
+    // Held first: what the fields say over it was typed on top.
+    a.hold = hold_preset(a.w.session, chosen_preset(a));
+    a.form.store();
+    if (!for_run) release_preset(a.w.session, a.hold);
+  }
   // A window of more points than a template holds is cut, and the user told, before hours of
   // sorting with it.
   shorten_spike_window(a.w.session);
-  return true;
-}
-
-// For whoever leaves without a run.
-bool leave_settings(autosort_window& a) {
-  if (!store_settings(a)) return false;
-  release_preset(a.w.session, a.hold);
   return true;
 }
 
@@ -378,7 +375,7 @@ void start_run(const shared_autosort& a) {
 
 // Asks before a sort that is there makes way for another.
 void begin_run(const shared_autosort& a) {
-  if (!store_settings(*a)) return;
+  if (!store_settings(*a, true)) return;
   const session_state& session = a->w.session;
   const std::int32_t n = session.clusters.n_clusters;
   const sorting_strategy_settings& s = session.strategy;
@@ -465,10 +462,10 @@ void connect_run(const shared_autosort& a) {
   QObject::connect(a->take_back, &QPushButton::clicked, dialog, [a] { take_back_pass(a); });
   QObject::connect(dialog, &operation_dialog::running_changed, dialog, [a] { show_take_back(*a); });
   QObject::connect(a->next, &QPushButton::clicked, dialog, [a] {
-    if (leave_settings(*a)) a->dialog->done(asks_for_next);
+    if (store_settings(*a, false)) a->dialog->done(asks_for_next);
   });
   QObject::connect(a->done, &QPushButton::clicked, dialog, [a] {
-    if (leave_settings(*a)) a->dialog->accept();
+    if (store_settings(*a, false)) a->dialog->accept();
   });
 }
 
@@ -527,10 +524,13 @@ void after_dialog(workstation& w) {
 
 void open_settings(workstation& w) {
   session_state& session = w.session;
-  // Events that are there have perhaps been cleaned by hand: detection would replace them.
-  session.strategy.skip_event_detection = session.events.n_events >= 1;
-  // There is nothing that could be kept.
-  if (session.clusters.n_clusters == 0) session.strategy.skip_clustering = false;
+  {
+    const std::lock_guard lock(session.settings_mutex);
+    // Events that are there have perhaps been cleaned by hand: detection would replace them.
+    session.strategy.skip_event_detection = session.events.n_events >= 1;
+    // There is nothing that could be kept.
+    if (session.clusters.n_clusters == 0) session.strategy.skip_clustering = false;
+  }
   // Until the dialog is left by another way than "Next".
   session.autosort.next_stage_requested = true;
   session.autosort.max_clusters_reached = false;

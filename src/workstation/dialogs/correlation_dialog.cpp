@@ -78,7 +78,10 @@ QLayout* width_row(const shared_correlation& c) {
   row->addWidget(new QLabel("ms"));
   QObject::connect(c->width, &QSlider::valueChanged, c->dialog, [c](int position) {
     session_state& of = c->w.session;
-    of.review.correlogram_bin_ms = bin_width_of_slider(of, position);
+    {
+      const std::lock_guard lock(of.settings_mutex);
+      of.review.correlogram_bin_ms = bin_width_of_slider(of, position);
+    }
     c->width_text->setText(QString::number(of.review.correlogram_bin_ms, 'f', 3));
     show_units(c);
   });

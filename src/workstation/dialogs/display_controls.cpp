@@ -31,7 +31,11 @@ int pc_position_of(float scale) {
 
 void use_pc_scale(workstation& w, int position) {
   component_view& view = displays_of(w).components;
-  w.session.preferences.pc_display_scale = view.display_scale = pc_scale_of(position);
+  view.display_scale = pc_scale_of(position);
+  {
+    const std::lock_guard lock(w.session.settings_mutex);
+    w.session.preferences.pc_display_scale = view.display_scale;
+  }
   // A scale of one's own is neither that which fits all points nor that of a part zoomed to.
   view.autoscale = false;
   view.range = {0, 0, 0, 0};

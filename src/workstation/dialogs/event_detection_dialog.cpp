@@ -60,7 +60,7 @@ double ms_per_sample(const detection_window& d) {
 // Radio buttons over an integer, in one row: name, label, what it stands for, tool-tip. A
 // press by the user is told to chosen at once.
 QLayout* radio_row(
-    detection_window& d, std::int32_t& value,
+    detection_window& d, std::int32_t detection_settings::*value,
     std::initializer_list<std::tuple<const char*, const char*, int, const char*>> buttons,
     const std::function<void(int)>& chosen = {}, std::vector<QRadioButton*>* made = nullptr) {
   auto* row = new QHBoxLayout;
@@ -73,9 +73,12 @@ QLayout* radio_row(
     button->setToolTip(tip);
     row->addWidget(button);
     const int own = stands_for;
-    d.form.bindings.push_back({[button, &value, own] { button->setChecked(value == own); },
-                               [button, &value, own] {
-                                 if (button->isChecked()) value = own;
+    detection_settings& settings = d.w.session.detection;
+    d.form.bindings.push_back({[button, value, own](const session_state& from) {
+                                 button->setChecked(from.detection.*value == own);
+                               },
+                               [button, &settings, value, own] {
+                                 if (button->isChecked()) settings.*value = own;
                                },
                                nullptr});
     if (!chosen) continue;
@@ -87,9 +90,9 @@ QLayout* radio_row(
 
 // Two radio buttons over a logical. Two, and not a box: neither choice is the lack of the
 // other, and both have a name in the field.
-QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, const char* yes_label,
-                  const char* yes_tip, const char* no_name, const char* no_label,
-                  const char* no_tip) {
+QLayout* flag_row(detection_window& d, logical detection_settings::*flag, const char* yes_name,
+                  const char* yes_label, const char* yes_tip, const char* no_name,
+                  const char* no_label, const char* no_tip) {
   auto* row = new QHBoxLayout;
   auto* yes = new QRadioButton(yes_label);
   auto* no = new QRadioButton(no_label);
@@ -103,11 +106,13 @@ QLayout* flag_row(detection_window& d, logical& flag, const char* yes_name, cons
   row->addWidget(yes);
   row->addWidget(no);
   row->addStretch();
-  d.form.bindings.push_back({[yes, no, &flag] {
-                               yes->setChecked(flag);
-                               no->setChecked(!flag);
+  detection_settings& settings = d.w.session.detection;
+  d.form.bindings.push_back({[yes, no, flag](const session_state& from) {
+                               yes->setChecked(from.detection.*flag);
+                               no->setChecked(!(from.detection.*flag));
                              },
-                             [yes, &flag] { flag = yes->isChecked(); }, nullptr});
+                             [yes, &settings, flag] { settings.*flag = yes->isChecked(); },
+                             nullptr});
   return row;
 }
 
@@ -187,20 +192,22 @@ void measure_noise(const shared_detection& d) {
 
 // The user sees at once what a method makes of the recording, before anything is detected.
 void measure_with(const shared_detection& d, int method) {
-  d->w.session.detection.noise_method = method;
+  {
+    const std::lock_guard lock(d->w.session.settings_mutex);
+    d->w.session.detection.noise_method = method;
+  }
   measure_noise(d);
 }
 
 QGroupBox* noise_section(const shared_detection& d) {
-  detection_settings& s = d->w.session.detection;
   auto* rows = new QFormLayout;
-  rows->addRow("Measure", radio_row(*d, s.noise_method,
+  rows->addRow("Measure", radio_row(*d, &detection_settings::noise_method,
                                     {{"noise_sd", "s.d.", 1, "Standard deviation of the samples"},
                                      {"noise_median", "median", 2,
                                       "Median of the absolute voltage over 0.6745; spikes "
                                       "weigh less"}},
                                     [d](int method) { measure_with(d, method); }));
-  rows->addRow("Noise", flag_row(*d, s.noise_static, "noise_static", "Static",
+  rows->addRow("Noise", flag_row(*d, &detection_settings::noise_static, "noise_static", "Static",
                                  "One value for the whole recording", "noise_dynamic", "Dynamic",
                                  "Measured anew in each window of time"));
   add_number(rows, d->form, "window", "noise_window_secs",
@@ -217,11 +224,10 @@ QGroupBox* noise_section(const shared_detection& d) {
 }
 
 QGroupBox* threshold_section(const shared_detection& d) {
-  detection_settings& s = d->w.session.detection;
   auto* rows = new QFormLayout;
   std::vector<QRadioButton*> modes;
   rows->addRow(
-      radio_row(*d, s.threshold_mode,
+      radio_row(*d, &detection_settings::threshold_mode,
                 {{"threshold_automatic", "Automatic", threshold_automatic,
                   "Where the histogram of voltages leaves the bell curve of the noise"},
                  {"threshold_fixed", "Fixed", threshold_fixed, "The same voltage on all channels"},
@@ -368,8 +374,11 @@ QLayout* quiet_row(const shared_detection& d) {
       {.step = 0.5, .unit = "µV", .tip = "Channels with less noise are likely not connected, µV"});
   QObject::connect(quiet, &QPushButton::clicked, d->dialog, [d, below] {
     if (!below->hasAcceptableInput()) return;
-    d->w.session.detection.mask_noise_below_uv = static_cast<float>(below->value());
-    mask_quiet_channels(d->w.session);
+    {
+      const std::lock_guard lock(d->w.session.settings_mutex);
+      d->w.session.detection.mask_noise_below_uv = static_cast<float>(below->value());
+      mask_quiet_channels(d->w.session);
+    }
     change_masks(*d);
   });
   auto* row = new QHBoxLayout;
@@ -446,10 +455,13 @@ QGroupBox* detector_section(const shared_detection& d) {
   const double ms = ms_per_sample(*d);
   auto* rows = new QFormLayout;
   // After a failed try there is no room for proto-events.
-  if (session.detector.pe_alloc_failed) session.detection.use_lockout = true;
+  if (session.detector.pe_alloc_failed) {
+    const std::lock_guard lock(session.settings_mutex);
+    session.detection.use_lockout = true;
+  }
   auto* choice = new QWidget;
   choice->setLayout(
-      flag_row(*d, session.detection.use_lockout, "use_lockout", "Spatio-temporal lockout",
+      flag_row(*d, &detection_settings::use_lockout, "use_lockout", "Spatio-temporal lockout",
                "The first trigger locks its neighbourhood out for a time", "use_proto_events",
                "Proto-event clustering", "Triggers climb their own density in space and time"));
   choice->setDisabled(session.detector.pe_alloc_failed);
@@ -518,18 +530,11 @@ void follow_masks(const shared_detection& d) {
 
 // Shows the values of a new installation; they count once detection starts or is left.
 void restore_defaults(const shared_detection& d) {
-  session_state& session = d->w.session;
-  // Controls load from the session: the defaults are there for a moment, and nothing is stored.
-  const detection_settings kept = session.detection;
-  // The routine that sets defaults fills more records than this dialog shows.
-  const filter_settings kept_filter = session.filter;
-  const review_settings kept_review = session.review;
-  set_default_parameters(session);
-  if (session.detector.pe_alloc_failed) session.detection.use_lockout = true;
-  d->form.load();
-  session.detection = kept;
-  session.filter = kept_filter;
-  session.review = kept_review;
+  const session_state& session = d->w.session;
+  const std::unique_ptr<session_state> shown = copy_settings(session);
+  set_default_parameters(*shown);
+  if (session.detector.pe_alloc_failed) shown->detection.use_lockout = true;
+  d->form.load(*shown);
 }
 
 // Pressed once only: what was found is still clustered into events, which takes a while.

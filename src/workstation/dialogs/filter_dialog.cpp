@@ -38,9 +38,9 @@ QCheckBox* option(filter_window& f, const char* name, logical filter_settings::*
   box->setObjectName(name);
   box->setToolTip(tip);
   filter_settings& settings = f.w.session.filter;
-  f.form.bindings.push_back({[box, &settings, flag] { box->setChecked(settings.*flag); },
-                             [box, &settings, flag] { settings.*flag = box->isChecked(); },
-                             nullptr});
+  f.form.bindings.push_back(
+      {[box, flag](const session_state& from) { box->setChecked(from.filter.*flag); },
+       [box, &settings, flag] { settings.*flag = box->isChecked(); }, nullptr});
   return box;
 }
 

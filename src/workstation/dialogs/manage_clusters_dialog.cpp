@@ -270,9 +270,9 @@ QRadioButton* rule_button(const shared_manage& m, const rule_row& row) {
   button->setToolTip("Clusters that \"Delete clusters\" takes");
   session_state& session = m->w.session;
   const std::int32_t rule = row.rule;
-  m->form.bindings.push_back({[&session, button, rule] {
+  m->form.bindings.push_back({[button, rule](const session_state& from) {
                                 // A value that an older settings file has left may be none of them.
-                                std::int32_t& chosen = session.review.manage_option_4;
+                                std::int32_t chosen = from.review.manage_option_4;
                                 if (chosen < rule_by_size || chosen > rule_ambiguous)
                                   chosen = rule_by_size;
                                 button->setChecked(chosen == rule);

@@ -106,10 +106,11 @@ void show_size(preferences_window& p, int entry) {
   p.sizes[entry] = size;
 }
 
-// Also for the defaults, which stand in the record for as long as this takes.
-void load(preferences_window& p) {
-  preferences_record& record = p.w.session.preferences;
-  p.form.load();
+// The preferences of a session: this one's, or a copy that has the defaults.
+void load(preferences_window& p, const session_state& from) {
+  // Written by nobody; the routine that finds a size has one form.
+  preferences_record record = from.preferences;
+  p.form.load(from);
   p.autorecover->setCurrentIndex(
       interval_entry_of(record.autorecover_minutes >= 1000 ? never : record.autorecover_minutes));
   for (std::size_t i = 0; i < p.colours.size(); ++i) {
@@ -137,6 +138,7 @@ void open_log_if_wanted(workstation& w) {
 }
 
 void store_window_size(preferences_window& p) {
+  const std::lock_guard lock(p.w.session.settings_mutex);
   preferences_record& record = p.w.session.preferences;
   if (std::exchange(p.arrange, false)) {
     compute_window_layout(p.w);
@@ -162,14 +164,18 @@ void apply_themes(const preferences_window& p) {
 bool apply(preferences_window& p) {
   // Not settings of the form, and so not asked by it.
   if (!p.width->hasAcceptableInput() || !p.height->hasAcceptableInput()) return false;
-  if (!p.form.store()) return false;
+  if (p.form.refused()) return false;
   session_state& session = p.w.session;
   preferences_record& record = session.preferences;
+  {
+    const std::lock_guard lock(session.settings_mutex);
+    p.form.store();
+    record.autorecover_minutes = intervals[p.autorecover->currentIndex()].minutes;
+    std::copy(p.colours.begin(), p.colours.end(), record.subcluster_colours);
+  }
   // No operation runs while this dialog is open, so that it can count at once.
   session.multi_threaded_now = record.multi_threaded;
-  record.autorecover_minutes = intervals[p.autorecover->currentIndex()].minutes;
   set_autorecover_interval(p.w.autorecover, record.autorecover_minutes);
-  std::copy(p.colours.begin(), p.colours.end(), record.subcluster_colours);
   open_log_if_wanted(p.w);
   // A file that cannot be opened turns the option off.
   p.log_file->setChecked(record.log_file_enabled);
@@ -194,7 +200,12 @@ bool apply(preferences_window& p) {
 // "Cancel", also by the key or the frame of the dialog: as it was before, whatever has
 // been applied since.
 void give_back(preferences_window& p) {
-  p.w.session.preferences = p.before;
+  {
+    const std::lock_guard lock(p.w.session.settings_mutex);
+    p.w.session.preferences = p.before;
+  }
+  // The log as it was, too: it is written for as long as it is open.
+  open_log_if_wanted(p.w);
   p.w.session.multi_threaded_now = p.before.multi_threaded;
   // The timer has its own copy, taken when the interval was applied.
   set_autorecover_interval(p.w.autorecover, p.before.autorecover_minutes);
@@ -202,12 +213,9 @@ void give_back(preferences_window& p) {
 
 // The preferences of a new installation, window layout as computed for this frame.
 void restore_defaults(preferences_window& p) {
-  // Nothing is stored before "OK" or "Apply": the record holds the defaults only while they are
-  // shown.
-  const preferences_record kept = p.w.session.preferences;
-  set_default_preferences(p.w.session);
-  load(p);
-  p.w.session.preferences = kept;
+  const std::unique_ptr<session_state> shown = copy_settings(p.w.session);
+  set_default_preferences(*shown);
+  load(p, *shown);
   p.arrange = true;
 }
 
@@ -442,7 +450,7 @@ void preferences_command(workstation& w) {
   auto* layout = new QVBoxLayout(dialog);
   layout->addWidget(pages);
   layout->addWidget(buttons(p));
-  load(*p);
+  load(*p, w.session);
   // The dialog's own connections keep p alive until it is destroyed.
   open_dialog(w, dialog);
 }

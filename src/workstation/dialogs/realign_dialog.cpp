@@ -186,12 +186,17 @@ QGroupBox* events_box(const shared_realign& r) {
       mode_entries(event_align_modes()), r->event_mode, r->undo_events);
 }
 
+void select_cluster(session_state& session, double cluster) {
+  const std::lock_guard lock(session.settings_mutex);
+  session.clusters.current_cluster = static_cast<std::int32_t>(cluster);
+}
+
 QLayout* cluster_rows(const shared_realign& r) {
   session_state& session = r->w.session;
   r->cluster = free_number(r->dialog, "cluster", 1, session.clusters.n_clusters,
                            {.tip = "The current cluster"});
   r->cluster->setValue(session.clusters.current_cluster);
-  session.clusters.current_cluster = static_cast<std::int32_t>(r->cluster->value());
+  select_cluster(session, r->cluster->value());
   auto* rows = new QFormLayout;
   rows->addRow("Cluster", r->cluster->row());
   r->events = add_value(rows, "cluster_events", "Events", "...", "Events of this cluster");
@@ -202,7 +207,7 @@ QLayout* cluster_rows(const shared_realign& r) {
                       "The same, as the mean over all clusters, µV");
   r->dialog->disabled_while_running << r->cluster;
   QObject::connect(r->cluster, &QDoubleSpinBox::valueChanged, r->dialog, [r](double cluster) {
-    r->w.session.clusters.current_cluster = static_cast<std::int32_t>(cluster);
+    select_cluster(r->w.session, cluster);
     show_cluster(*r);
     set_undo_buttons(*r);
   });
@@ -228,7 +233,9 @@ void ask_about_mode(const shared_realign& r) {
   if (w.session.strategy.template_align_mode == old_mode) return;
   ask_then(w, "Continue to use newly selected template realignment method?",
            "What do you want to do?", [&w, old_mode](bool yes) {
-             if (!yes) w.session.strategy.template_align_mode = old_mode;
+             if (yes) return;
+             const std::lock_guard lock(w.session.settings_mutex);
+             w.session.strategy.template_align_mode = old_mode;
            });
 }
 

@@ -569,8 +569,8 @@ void add_numbering_direction(settings_form& form, QHBoxLayout* row) {
   decreasing->setToolTip("The largest comes first");
   review_settings& review = form.session.review;
   form.bindings.push_back(
-      {[&review, increasing, decreasing] {
-         (review.renumber_increasing ? increasing : decreasing)->setChecked(true);
+      {[increasing, decreasing](const session_state& from) {
+         (from.review.renumber_increasing ? increasing : decreasing)->setChecked(true);
        },
        [&review, increasing] { review.renumber_increasing = increasing->isChecked(); },
        [] { return false; }});

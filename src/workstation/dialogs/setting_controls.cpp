@@ -172,8 +172,8 @@ double number_field::valueFromText(const QString& text) const {
   return QLocale::c().toDouble(text.trimmed());
 }
 
-void settings_form::load() {
-  for (const binding& bound : bindings) bound.load();
+void settings_form::load(const session_state& from) {
+  for (const binding& bound : bindings) bound.load(from);
 }
 
 bool settings_form::refused() const {
@@ -236,8 +236,8 @@ number_field* number_control(settings_form& form, const char* setting,
       free_number(form.parent, name_of(setting, element, row).toLatin1(), low, high, shown);
   const double scale = options.shown_per_stored;
   session_state& session = form.session;
-  form.bindings.push_back({[field, &session, &row, element, scale] {
-                             field->show_value(written_value(session, row, element) * scale);
+  form.bindings.push_back({[field, &row, element, scale](const session_state& from) {
+                             field->show_value(written_value(from, row, element) * scale);
                            },
                            [field, &session, &row, element, scale] {
                              // A setting finer than what the field shows stays as it is until it is
@@ -261,7 +261,7 @@ QCheckBox* logical_control(settings_form& form, const char* setting, const QStri
   box->setToolTip(tip);
   session_state& session = form.session;
   form.bindings.push_back(
-      {[box, &session, &row] { box->setChecked(setting_value(session, row) != 0); },
+      {[box, &row](const session_state& from) { box->setChecked(setting_value(from, row) != 0); },
        [box, &session, &row] { store_setting(session, row, 0, box->isChecked() ? 1 : 0); },
        nullptr});
   return box;
@@ -276,8 +276,8 @@ QComboBox* choice_control(settings_form& form, const char* setting,
   for (const auto& [label, value] : entries) list->addItem(label, value);
   session_state& session = form.session;
   form.bindings.push_back(
-      {[list, &session, &row] {
-         const int value = static_cast<int>(setting_value(session, row));
+      {[list, &row](const session_state& from) {
+         const int value = static_cast<int>(setting_value(from, row));
          const int index = list->findData(value);
          // A file may hold a number that the list does not have.
          list->setCurrentIndex(index < 0 ? 0 : index);

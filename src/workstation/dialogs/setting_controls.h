@@ -88,7 +88,8 @@ struct number_options {
 
 struct settings_form {
   struct binding {
-    std::function<void()> load, store;
+    std::function<void(const session_state& from)> load;
+    std::function<void()> store;
     std::function<bool()> refused;
   };
   session_state& session;
@@ -96,8 +97,11 @@ struct settings_form {
   std::vector<binding> bindings;
 
   settings_form(session_state& of, QWidget* parent_of) : session(of), parent(parent_of) {}
-  void load();
-  // Stores every control. False, with nothing stored, while a field is refused.
+  void load() { load(session); }
+  // Shows the settings of another session, as copy_settings gives one: what is only shown must
+  // never stand in the session itself, where a timed save would take it for the user's.
+  void load(const session_state& from);
+  // Stores every control, in one moment. False, with nothing stored, while a field is refused.
   bool store();
   bool refused() const;
 };

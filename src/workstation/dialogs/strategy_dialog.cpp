@@ -97,9 +97,9 @@ QLayout* register_row(settings_form& form) {
   row->addWidget(largest);
   row->addStretch();
   session_state& session = form.session;
-  form.bindings.push_back({[=, &session] {
-                             cog->setChecked(session.detection.register_to_cog);
-                             largest->setChecked(!session.detection.register_to_cog);
+  form.bindings.push_back({[=](const session_state& from) {
+                             cog->setChecked(from.detection.register_to_cog);
+                             largest->setChecked(!from.detection.register_to_cog);
                            },
                            [=, &session] { session.detection.register_to_cog = cog->isChecked(); },
                            nullptr});
@@ -212,18 +212,12 @@ bool store_strategy(settings_form& form) {
   return true;
 }
 
-// Shows the values of a new installation. Controls load from the session, so that the defaults
-// are there for a moment; nothing is stored before "OK".
+// Shows the values of a new installation; nothing is stored before "OK".
 void restore_defaults(settings_form& form) {
-  const sorting_strategy_settings kept = form.session.strategy;
-  const detection_settings kept_detection = form.session.detection;
-  set_default_strategy(form.session);
-  form.session.detection.register_to_cog = true;
-  form.load();
-  form.session.strategy = kept;
-  form.session.detection = kept_detection;
-  // Defaults have built their tables meanwhile; those of the settings in force are built anew.
-  apply_settings(form.session);
+  const std::unique_ptr<session_state> shown = copy_settings(form.session);
+  set_default_strategy(*shown);
+  shown->detection.register_to_cog = true;
+  form.load(*shown);
 }
 
 QTabWidget* all_pages(strategy_window& s) {

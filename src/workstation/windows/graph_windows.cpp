@@ -451,6 +451,7 @@ void end_pause(workstation& w) {
 
 void compute_window_layout(workstation& w) {
   // Six windows: five in steps from the left, the voltage record at the corner.
+  const std::lock_guard lock(w.session.settings_mutex);
   preferences_record& preferences = w.session.preferences;
   const int width = std::max(w.frame->area()->width(), 400);
   for (int slot = 0; slot < slot_voltage_record; ++slot) {
@@ -476,6 +477,7 @@ void size_windows(workstation& w) {
 }
 
 void keep_window_sizes(workstation& w) {
+  const std::lock_guard lock(w.session.settings_mutex);
   preferences_record& p = w.session.preferences;
   for_each_row([&](const window_row& row) {
     const graph_window* window = graph_of(w, row.kind);
