@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "batch/channel_list.h"
 #include "batch/hdf_tree.h"
 #include "batch/interrupt.h"
@@ -63,10 +65,27 @@ bool apply_settings(batch_session& batch, std::string& problem) {
 
 bool read_parameters_option(batch_session& batch) {
   if (batch.options.parameters.empty()) return true;
-  if (!read_parameters_file(*batch.session, batch.options.parameters)) return false;
+  if (!read_parameters_file(*batch.session, batch.options.parameters)) {
+    fail_batch(batch, "Failed to read file " + why_not_saved(batch.options.parameters));
+    return false;
+  }
   // What is derived from settings is built anew from those of the file.
   settle_settings(*batch.session);
   return true;
+}
+
+// Those of the home, which log and status have told of where they cannot be read. With the defaults
+// in their place hours would go into a sort that nobody has asked for.
+bool read_kept_settings(batch_session& batch) {
+  session_state& session = *batch.session;
+  read_settings_files(session);
+  const auto& unread = session.unread_settings;
+  if (std::find(unread.begin(), unread.end(), true) != unread.end()) {
+    fail_batch(batch, "Nothing is done without the settings in " + session.home_directory);
+    session.home_directory.clear();  // or the end of the run would try to write them
+    return false;
+  }
+  return read_parameters_option(batch);
 }
 
 // Threads and the skip boxes of Autosort belong to this run, whatever was kept from
@@ -210,10 +229,7 @@ batch_status start_batch(batch_session& batch, const batch_options& options,
   // would any other.
   catch_interrupt(session);
   session.home_directory = options.home;
-  read_settings_files(session);
-  if (!read_parameters_option(batch)) {
-    return fail_batch(batch, "Failed to read file " + options.parameters);
-  }
+  if (!read_kept_settings(batch)) return batch_status::failed;
   // The last word belongs to the command line.
   apply_run_options(batch, problem);
   batch.outputs = list_outputs(options, batch.exports);
@@ -262,9 +278,7 @@ batch_status read_work_for_batch(batch_session& batch) {
     return batch_status::failed;
   }
   std::string problem;
-  if (!read_parameters_option(batch)) {
-    return fail_batch(batch, "Failed to read file " + batch.options.parameters);
-  }
+  if (!read_parameters_option(batch)) return batch_status::failed;
   // The work file has brought settings of its own; those of the command line hold for this run.
   apply_run_options(batch, problem);
   follow_template_window(batch);

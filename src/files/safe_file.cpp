@@ -184,7 +184,7 @@ bool write_text(safe_file& out, std::string_view text) {
   return write_bytes(out, text.data(), text.size());
 }
 
-bool close_safe_file(safe_file& out) {
+bool close_safe_file(safe_file& out, file_flush flush) {
   // Not opened, or finished before.
   if (out.file == nullptr) {
     errno = out.error;
@@ -194,18 +194,16 @@ bool close_safe_file(safe_file& out) {
   if (std::fflush(out.file) != 0) fail(out, errno);
   // On the device before the rename: a machine that dies in between would otherwise leave an empty
   // file under the name. Pipes and most devices know nothing of it.
-  if (fsync(fileno(out.file)) != 0 && !straight) fail(out, errno);
+  const bool flushed = flush == file_flush::later || fsync(fileno(out.file)) == 0;
+  if (!flushed && !straight) fail(out, errno);
   close_file(out);
   if (out.failed) remove_temporary(out);
   out.whole = !out.failed;
   return out.whole;
 }
 
-bool place_safe_file(safe_file& out) {
-  if (!out.whole) {
-    errno = out.error;
-    return false;
-  }
+bool finish_safe_file(safe_file& out) {
+  if (!close_safe_file(out)) return false;
   out.whole = false;
   if (!out.temporary_path.empty() &&
       std::rename(out.temporary_path.c_str(), out.target.c_str()) != 0) {
@@ -214,8 +212,6 @@ bool place_safe_file(safe_file& out) {
   }
   return !out.failed;
 }
-
-bool finish_safe_file(safe_file& out) { return close_safe_file(out) && place_safe_file(out); }
 
 std::string why_not_saved(const std::string& path) {
   return errno == 0 ? path : path + ": " + std::strerror(errno);

@@ -62,10 +62,10 @@ bool write_value(safe_file& out, const T& value) {
 // Flushes, closes and renames over the target. False when anything failed.
 bool finish_safe_file(safe_file& out);
 
-// The same in two steps, for files that belong together: all are closed before the first gets its
-// name. One that is not placed goes.
-bool close_safe_file(safe_file& out);
-bool place_safe_file(safe_file& out);
+// The first half of that: the file is whole and has no name yet; it goes unless somebody gives it
+// one (files/safe_set.h). later: the bytes may still be on the way to the device.
+enum class file_flush { now, later };
+bool close_safe_file(safe_file& out, file_flush flush = file_flush::now);
 
 // Right after one of the above has failed: the path and the system's words for it, as
 // "x.csv: No space left on device"; the path alone where there are none.

@@ -2,12 +2,16 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <numeric>
+#include <system_error>
 #include <vector>
 
 #include "files/input_file.h"
 #include "files/safe_file.h"
+#include "files/safe_set.h"
 #include "recording/acquisition_facts.h"
 #include "recording/formats/blackrock/nev.h"
 #include "recording/formats/neuralynx/neuralynx.h"
@@ -77,8 +81,10 @@ void append_columns(std::string& line, const std::string& number, std::size_t co
   }
 }
 
+constexpr std::size_t time_columns = 12;
+
 void append_seconds(std::string& line, double seconds) {
-  append_columns(line, fmt::format("{:.5f}", seconds), 12);
+  append_columns(line, fmt::format("{:.5f}", seconds), time_columns);
 }
 
 // Events of every cluster in event order: those of cluster c stand at
@@ -118,7 +124,34 @@ bool write_unit_text(const session_state& session, safe_file& out, const std::st
     line += '\n';
     write_text(out, line);
   }
-  return close_safe_file(out);
+  return leave_in_set(out);
+}
+
+// Whether a file holds nothing but times as they are written above.
+bool is_unit_text(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string line;
+  while (std::getline(in, line)) {
+    const bool is_time = line.size() == time_columns &&
+                         line.find_first_not_of(" 0123456789.-*") == std::string::npos;
+    if (!is_time || in.eof()) return false;
+  }
+  return in.eof();
+}
+
+// The files of an earlier export of more units, which a reader of the folder would take for units
+// of this one. They go on from number to number; what somebody else has put there ends them.
+std::vector<std::string> older_unit_texts(const std::string& path, std::int32_t n_clusters) {
+  std::vector<std::string> older;
+  if (n_clusters == 0) return older;
+  for (std::int32_t c = n_clusters + 1; c <= cluster_limit; ++c) {
+    const std::string file = unit_text_path(path, c);
+    std::error_code failed;
+    const auto status = std::filesystem::symlink_status(file, failed);
+    if (!std::filesystem::is_regular_file(status) || !is_unit_text(file)) break;
+    older.push_back(file);
+  }
+  return older;
 }
 
 // --- the steps of "Save As"
@@ -311,23 +344,24 @@ bool write_csv(const session_state& session, const std::string& path) {
 
 bool write_unit_texts(const session_state& session, const std::string& path) {
   const events_by_cluster lists = list_by_cluster(session);
-  const auto tell_failure = [&](std::int32_t c) {
-    tell(session, "Error saving file " + why_not_saved(unit_text_path(path, c)), "Save TXT data");
+  const std::int32_t n_clusters = session.clusters.n_clusters;
+  const auto tell_failure = [&](const std::string& file) {
+    tell(session, "Error saving file " + why_not_saved(file), "Save TXT data");
     return false;
   };
-  // All are whole before the first gets its name, so that a set is never half the old one.
-  std::vector<safe_file> files(static_cast<std::size_t>(session.clusters.n_clusters) + 1);
+  safe_set set(static_cast<std::size_t>(n_clusters));
   // Units without events get their file, too: one for every number.
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
+  for (std::int32_t c = 1; c <= n_clusters; ++c) {
     const std::size_t i = static_cast<std::size_t>(c);
     const std::span<const std::int32_t> events{lists.events.data() + lists.first[i],
                                                lists.first[i + 1] - lists.first[i]};
-    if (!write_unit_text(session, files[i], unit_text_path(path, c), events)) {
-      return tell_failure(c);
-    }
+    const std::string file = unit_text_path(path, c);
+    if (!write_unit_text(session, set.files[i - 1], file, events)) return tell_failure(file);
   }
-  for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
-    if (!place_safe_file(files[static_cast<std::size_t>(c)])) return tell_failure(c);
+  set.goes = older_unit_texts(path, n_clusters);
+  if (!finish_safe_set(set)) return tell_failure(set.failed);
+  for (const std::string& old : set.goes) {
+    log_message(session, "Removed " + old + ", of an earlier export of more units");
   }
   return true;
 }

@@ -497,6 +497,25 @@ TEST_F(batch_test, state_files_live_in_home_alone) {
   EXPECT_EQ(json_of("p.json")["settings"]["pe_step"], 0.5);
 }
 
+TEST_F(batch_test, settings_that_cannot_be_read_are_refused_at_the_start) {
+  // A folder in the place of a file opens and cannot be read, whoever runs the test.
+  for (const char* name : {"kv_parameters.sav", "kv_prefs.sav"}) {
+    const std::string home = file(std::string("home of ") + name);
+    std::filesystem::create_directories(home + '/' + name);
+    const process_result told = run(
+        {"sort", tsf, "--home", home, "--save-work", file("a.wrk"), "--report", file("a.json")});
+    EXPECT_EQ(told.status, 1) << name;
+    EXPECT_EQ(told.err, "Failed to read file " + home + '/' + name + ": Is a directory\n" +
+                            "Nothing is done without the settings in " + home + "\n");
+    EXPECT_FALSE(exists("a.wrk")) << "refused before the sort";
+    EXPECT_FALSE(exists("a.json"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(home), {}), 1);
+  }
+  const process_result named = run({"sort", tsf, "--parameters", directory.path});
+  EXPECT_EQ(named.status, 1);
+  EXPECT_THAT(named.err, HasSubstr("Failed to read file " + directory.path + ": Is a directory"));
+}
+
 TEST_F(batch_test, a_configuration_places_the_channels) {
   std::ofstream config(file("probe.cfg"));
   config << "probe\n";

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "support/full_device.h"
 #include "support/small_session.h"
@@ -272,6 +273,28 @@ TEST_F(export_test, a_full_device_costs_the_new_file_only) {
   EXPECT_EQ(text_of("u_1.txt"), first);
   EXPECT_EQ(text_of("u_2.txt"), second);
   EXPECT_TRUE(session.user.told("Error exporting CSV format data " + path + ": File too large"));
+}
+
+TEST_F(export_test, units_of_an_earlier_export_go_and_files_of_others_stay) {
+  session->clusters.n_clusters = 5;
+  set_events({{25, 1, 1}, {30, 4, 1}, {1'000'000'000, 3, 1}});
+  ASSERT_TRUE(write_unit_texts(*session, directory.file("u.txt")));
+  ASSERT_TRUE(exists("u_5.txt"));
+  std::ofstream(directory.file("u_6.txt")) << "notes on rat 6\n";
+  std::ofstream(directory.file("u_7.txt")) << "     1.00000\n";
+  session->clusters.n_clusters = 2;
+  set_events({{26, 2, 1}});
+  ASSERT_TRUE(write_unit_texts(*session, directory.file("u.txt")));
+  EXPECT_EQ(text_of("u_1.txt"), "");
+  EXPECT_EQ(text_of("u_2.txt"), "     0.00104\n");
+  for (const char* gone : {"u_3.txt", "u_4.txt", "u_5.txt"}) EXPECT_FALSE(exists(gone)) << gone;
+  EXPECT_EQ(text_of("u_6.txt"), "notes on rat 6\n");
+  EXPECT_TRUE(exists("u_7.txt")) << "not of the same set";
+  EXPECT_NE(session.user.all_lines().find("Removed " + directory.file("u_4.txt")),
+            std::string::npos);
+  for (const auto& entry : std::filesystem::directory_iterator(directory.path)) {
+    EXPECT_NE(entry.path().extension(), ".tmp") << entry.path();
+  }
 }
 
 TEST_F(export_test, the_dialog_follows_the_settings) {

@@ -12,6 +12,7 @@
 #endif
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -33,9 +34,17 @@ enum call_kind { call_open, call_write, call_fsync, call_close, call_rename, n_c
 constexpr std::array<const char*, n_call_kinds> call_names{"open", "write", "fsync", "close",
                                                            "rename"};
 
+// Of this process and of those that it has split from itself.
+struct shared_counts {
+  std::array<std::atomic<int>, n_call_kinds> counts;
+  std::array<char, PATH_MAX + 32> failed;
+};
+
 struct fault_plan {
-  std::array<std::atomic<int>, n_call_kinds> counts{};
-  std::string call, folder, failed;
+  shared_counts& shared = *static_cast<shared_counts*>(mmap(
+      nullptr, sizeof(shared_counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  std::array<std::atomic<int>, n_call_kinds>& counts = shared.counts;
+  std::string call, folder;
   int at = 0, error = 0;
   std::mutex mutex;
   std::map<std::FILE*, int> descriptors;  // of the streams made here
@@ -56,7 +65,7 @@ struct fault_plan {
   ~fault_plan() {
     const char* path = std::getenv("KESTRELVANE_FAULT_REPORT");
     if (path == nullptr) return;
-    std::string text = failed;
+    std::string text = shared.failed.data();
     for (int k = 0; k < n_call_kinds; ++k) {
       text += std::string(call_names[static_cast<std::size_t>(k)]) + ' ' +
               std::to_string(counts[static_cast<std::size_t>(k)]) + '\n';
@@ -84,7 +93,8 @@ bool fails(call_kind kind, const char* path) {
   const auto k = static_cast<std::size_t>(kind);
   if (++p.counts[k] != p.at || p.call != call_names[k]) return false;
   const std::lock_guard lock(p.mutex);
-  p.failed = std::string("failed ") + call_names[k] + ' ' + path + '\n';
+  std::snprintf(p.shared.failed.data(), p.shared.failed.size(), "failed %s %s\n", call_names[k],
+                path);
   errno = p.error;
   return true;
 }
@@ -214,6 +224,11 @@ ssize_t write(int descriptor, const void* bytes, std::size_t n) {
 int fsync(int descriptor) {
   if (fails(call_fsync, path_of(descriptor).c_str())) return -1;
   return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+int syncfs(int descriptor) {
+  if (fails(call_fsync, path_of(descriptor).c_str())) return -1;
+  return static_cast<int>(syscall(SYS_syncfs, descriptor));
 }
 
 int rename(const char* from, const char* to) {

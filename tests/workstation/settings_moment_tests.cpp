@@ -43,7 +43,9 @@ struct tight_saver {
   ~tight_saver() { stop(); }
 
   void run() {
-    // To memory, where a device gives it: the loop is as tight as it gets.
+    const recording_store& r = session.recording;
+    make_recording(*read_back, r.n_channels, r.n_samples, r.sampling_frequency);
+    read_back->recording.recording_path = r.recording_path;
     const std::string path = folder.file("state.wrk");
     bool wrong_file = false;
     while (!stopping) {
@@ -51,7 +53,6 @@ struct tight_saver {
         const session_hold hold(session);
         if (!write_work_file(session, path)) continue;
       }
-      read_back->recording.recording_path = session.recording.recording_path;
       if (!read_work_file(*read_back, path, wrong_file)) continue;
       ++saves;
       const setting_set found = set_in(*read_back);
@@ -99,7 +100,7 @@ TEST(SettingsMoment, ASaveHasTheSettingsOfOneMomentAndNoneThatWereOnlyShown) {
     take_over(w, round % 2 == 0 ? of_user_later : of_user);
     w.choose_entry("strategy");
     QDialog* dialog = w.dialog("strategy_dialog");
-    for (int i = 0; i < 10; ++i) w.press(dialog, "restore_defaults");
+    for (int i = 0; i < 50; ++i) w.press(dialog, "restore_defaults");
     w.press(dialog, "cancel");
   }
   wait_until([&] { return saver.saves > 100; });
