@@ -50,22 +50,6 @@ void set_limit(decltype(RLIMIT_CPU) what, rlim_t value) {
   setrlimit(what, &limit);
 }
 
-// All that a walk through the file can show. What the library refuses is no matter here.
-void look_at_everything(const std::string& path) {
-  hdf_file in;
-  if (open_hdf_file(in, path) != hdf_error::none) return;
-  hdf_page page;
-  make_hdf_page(in, "/", page);
-  find_hdf_scaling(in, "/");
-  for (const hdf_entry& entry : list_hdf_tree(in, hdf_tree_extent::all)) {
-    make_hdf_page(in, entry.place, page);
-    find_hdf_scaling(in, entry.place);
-    const hdf_id dataset = open_hdf_dataset(in, entry.place);
-    // Walks the whole index of the chunks.
-    if (dataset.ok()) H5Dget_storage_size(dataset);
-  }
-}
-
 // Waits for a child; false when it is still there at the end or the flag is up.
 bool wait_for(pid_t child, int& status, const std::atomic<bool>* interrupt) {
   const auto end = std::chrono::steady_clock::now() + longest_wait;
@@ -102,6 +86,22 @@ bool start_probe(const std::string& path, pid_t& child) {
 
 }  // namespace
 
+// All that a walk through the file can show. What the library refuses is no matter here.
+void look_at_hdf_file(const std::string& path) {
+  hdf_file in;
+  if (open_hdf_file(in, path) != hdf_error::none) return;
+  hdf_page page;
+  make_hdf_page(in, "/", page);
+  find_hdf_scaling(in, "/");
+  for (const hdf_entry& entry : list_hdf_tree(in, hdf_tree_extent::all)) {
+    make_hdf_page(in, entry.place, page);
+    find_hdf_scaling(in, entry.place);
+    const hdf_id dataset = open_hdf_dataset(in, entry.place);
+    // Walks the whole index of the chunks.
+    if (dataset.ok()) H5Dget_storage_size(dataset);
+  }
+}
+
 bool run_as_hdf_probe(int argc, char** argv, int& status) {
   program_has_probe = true;
   if (argc != 3 || std::string(argv[1]) != probe_argument) return false;
@@ -109,7 +109,7 @@ bool run_as_hdf_probe(int argc, char** argv, int& status) {
   set_limit(RLIMIT_CORE, 0);
   set_limit(RLIMIT_CPU, processor_seconds);
   if (memory_can_be_limited) set_limit(RLIMIT_AS, memory_bytes);
-  look_at_everything(argv[2]);
+  look_at_hdf_file(argv[2]);
   status = 0;
   // Nothing is worth tidying up.
   _exit(0);
