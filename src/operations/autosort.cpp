@@ -338,8 +338,10 @@ void leave_pair_stage(session_state& session) {
   refresh_displays(session);
 }
 
-bool end_interrupted(session_state& session) {
+bool end_interrupted(session_state& session, clock::time_point begin) {
   leave_pair_stage(session);
+  // Before the box, whose wait is none of the run's time.
+  show_time(session, begin);
   tell(session, "Autosort interrupted by user!", "Autosort", box_icon::information);
   say(session, "User terminated autosort");
   return false;
@@ -435,16 +437,17 @@ road cluster_events(session_state& session, clock::time_point begin) {
   say(session, count_of_clusters(session.clusters.n_clusters));
   remove_first_pass_duplicates(session);
   remove_small_clusters(session);
+  show_time(session, begin);
   tell_no_clusters(session);
   // A single cluster has no pairs to look at.
   if (session.clusters.n_clusters < 2) return road::ended_well;
   if (autosort_interrupted(session)) {
-    end_interrupted(session);
+    end_interrupted(session, begin);
     return road::ended_early;
   }
   align_after_first_pass(session);
   if (autosort_interrupted(session)) {
-    end_interrupted(session);
+    end_interrupted(session, begin);
     return road::ended_early;
   }
   return session.autosort.stop_after == stop_after_first_pass ? road::ended_well : road::go_on;
@@ -497,10 +500,10 @@ bool run_pipeline(session_state& session, clock::time_point begin) {
   if (done < kept_stage::merging) {
     build_lists(session);
     if (session.autosort.stop_after == stop_after_lists) return true;
-    if (!run_merge_rounds(session)) return end_interrupted(session);
+    if (!run_merge_rounds(session)) return end_interrupted(session, begin);
     keep_stage(session, kept_stage::merging);
   }
-  if (!reclaim_by_templates(session)) return end_interrupted(session);
+  if (!reclaim_by_templates(session)) return end_interrupted(session, begin);
   return end_finished(session, begin);
 }
 
@@ -512,8 +515,7 @@ bool autosort(session_state& session) {
   const clock::time_point begin = clock::now();
   const bool done = run_pipeline(session, begin);
   restore_template_rows(session);
-  // However it ended: the clock stands at its end, and a run that was finished has full bars.
-  show_time(session, begin);
+  // However it ended, a run that was finished has full bars.
   if (done && session.autosort.stop_after == stop_after_all) {
     set_progress(session, meter::clusters, 100, 100);
     set_progress(session, meter::merge_and_sort, 150, 150);

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "clustering/membership.h"
@@ -120,6 +122,20 @@ std::vector<std::string> all_settings(session_state& session) {
     }
   }
   return all;
+}
+
+TEST(autosort, the_wait_under_the_last_box_is_none_of_its_time) {
+  small_session session;
+  make_raw(*session);
+  session->ui.tell = [](void*, const std::string&, const std::string&, box_icon) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  };
+  EXPECT_TRUE(autosort(*session));
+  const std::string lines = session.user.all_lines(), words = "Total time taken=";
+  const double told = std::stod(lines.substr(lines.find(words) + words.size()));
+  const double shown = std::stod(session.user.fields[status_field::elapsed_time]);
+  // Minutes in hundredths, of which the box would be two.
+  EXPECT_NEAR(shown, told, 0.0101);
 }
 
 TEST(autosort, leaves_the_settings_as_the_user_has_them) {

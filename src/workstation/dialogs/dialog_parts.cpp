@@ -177,14 +177,18 @@ void follow_clock(const operation_dialog* dialog, QLabel* minutes) {
   constexpr int tick_ms = 600;  // a hundredth of a minute
   auto* ticks = new QTimer(minutes);
   const auto since = std::make_shared<QElapsedTimer>();
+  const auto worked = std::make_shared<qint64>(0);  // ms
   QObject::connect(dialog, &operation_dialog::running_changed, ticks, [=](bool running) {
     since->start();
+    *worked = 0;
     running ? ticks->start(tick_ms) : ticks->stop();
   });
   QObject::connect(ticks, &QTimer::timeout, minutes, [=] {
+    const qint64 passed = since->restart();
     if (QApplication::activeModalWidget() != nullptr) return;
+    *worked += passed;
     // Cut, not rounded, as the operation cuts it.
-    const qint64 hundredths = since->elapsed() / tick_ms;
+    const qint64 hundredths = *worked / tick_ms;
     minutes->setText(QString::number(static_cast<double>(hundredths) / 100.0, 'f', 2));
   });
 }

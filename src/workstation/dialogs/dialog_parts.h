@@ -69,8 +69,8 @@ struct followed_field {
 // For as long as the dialog lives, bars and labels show the latest of their meter or field.
 void follow(workstation& w, const QDialog* dialog, std::vector<followed_meter> bars,
             std::vector<followed_field> fields = {});
-// A clock in minutes that goes while the dialog's operation does, and stands still under a box,
-// which comes at its end. What the operation itself tells of its time counts.
+// A clock in minutes that goes while the dialog's operation does, and stands still under a box.
+// What the operation itself tells of its time counts.
 void follow_clock(const operation_dialog* dialog, QLabel* minutes);
 // When a run of Autosort has come to clusters and to its end, its bars have, too: the last
 // steps may be too few to be reported, or a stage has had nothing to do.
