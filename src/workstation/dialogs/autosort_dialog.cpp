@@ -179,11 +179,14 @@ QGroupBox* detection_section(autosort_window& a) {
                               "Point of the spike that is its time at first"));
   auto* progress = new QHBoxLayout;
   progress->addWidget(a.detection_bar = make_bar("detection_meter", 1000), 1);
-  auto* found = new QFormLayout;
-  a.events_found = add_value(found, "events_found", "# of events");
+  // In the row itself: rows of a form begin at its top, and not at the middle of the bar.
+  progress->addWidget(new QLabel("# of events"));
+  a.events_found = new QLabel;
+  a.events_found->setObjectName("events_found");
+  a.events_found->setTextInteractionFlags(Qt::TextSelectableByMouse);
   // Kept, so that the bar does not grow and shrink with the count.
   a.events_found->setMinimumWidth(a.events_found->fontMetrics().horizontalAdvance("50000000"));
-  progress->addLayout(found);
+  progress->addWidget(a.events_found);
   rows->addRow("Progress", progress);
   QObject::connect(a.threshold_mode, &QComboBox::currentIndexChanged, a.dialog,
                    [&a] { show_threshold_value(a); });
