@@ -139,6 +139,7 @@ bool main_frame::eventFilter(QObject* watched, QEvent* event) {
   // The run log keeps to the lower edge of the area.
   if (watched == area_->viewport() && event->type() == QEvent::Resize) {
     place_run_log(w_);
+    fit_to_frame(w_);
     place_hint();
   }
   return QMainWindow::eventFilter(watched, event);

@@ -61,6 +61,15 @@ TEST(VoltageWindow, FillsTheFrameUntilThePreferencesSayOtherwise) {
   keep_window_sizes(v.w.shell);
   const std::int32_t* size = v.w.session->preferences.voltage_window_size;
   EXPECT_EQ(QSize(size[0], size[1]), QSize(790, 600)) << "the next frame is filled, too";
+  // It goes with the frame, until the user takes it in hand.
+  main_frame* frame = v.w.shell.frame;
+  frame->resize(frame->size() + QSize(200, 150));
+  QApplication::processEvents();
+  EXPECT_EQ(window->size(), QSize(area.width() + 200, v.w.shell.run_log->parentWidget()->y()));
+  window->resize(500, 400);
+  frame->resize(frame->size() - QSize(200, 150));
+  QApplication::processEvents();
+  EXPECT_EQ(window->size(), QSize(500, 400));
   // At a size that the user has chosen it is made, and made again.
   v.w.session->preferences.voltage_window_size[0] = 700;
   v.w.choose_entry("voltage_record");
@@ -224,6 +233,25 @@ TEST(GraphWindow, ARectangleGoesToTheClipboard) {
   QApplication::clipboard()->clear();
   copy_selection_command(w.shell);
   EXPECT_EQ(last_line(), "copy failed");
+  EXPECT_TRUE(QApplication::clipboard()->image().isNull());
+}
+
+TEST(GraphWindow, APictureThatIsTooLargeIsNotCopied) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer ends a process that asks for so much";
+#endif
+  voltage_on_show v;
+  graph_window* window = graph_of(v.w.shell, graph_kind::voltage_record);
+  // A thousand terabytes are more than a process can address.
+  window->resize(16'000'000, 16'000'000);
+  v.w.choose_entry("button_40004");
+  QTest::mousePress(v.surface(), Qt::LeftButton, {}, QPoint(50, 60));
+  QTest::mouseMove(v.surface(), QPoint(150, 160));
+  QTest::mouseRelease(v.surface(), Qt::LeftButton, {}, QPoint(150, 160));
+  QApplication::clipboard()->clear();
+  v.w.choose_entry("button_40007");
+  v.w.settle();
+  EXPECT_TRUE(v.w.told.contains("Not enough memory for buffer"));
   EXPECT_TRUE(QApplication::clipboard()->image().isNull());
 }
 

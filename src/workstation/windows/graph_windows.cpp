@@ -85,6 +85,7 @@ void size_window(workstation& w, graph_window& window, const window_row& row, QS
   fit_surface(window, fills             ? room_for(w, window).expandedTo(QSize(200, 150))
                       : asked.isEmpty() ? size_of(w, row)
                                         : asked);
+  window.filled = fills ? window.size() : QSize();
 }
 
 void move_to_step(QMdiSubWindow& window, int step) { window.move(30 * step, 30 * step); }
@@ -165,6 +166,7 @@ void graph_surface::make_picture() {
 
 QImage graph_surface::picture() const {
   QImage whole = picture_.copy();
+  if (whole.isNull()) return whole;
   whole.setDevicePixelRatio(picture_.devicePixelRatio());
   QPainter painter(&whole);
   if (routines_.draw_over) routines_.draw_over(painter);
@@ -396,6 +398,15 @@ graph_window* show_graph(workstation& w, graph_kind kind, const QString& title) 
   if (!title.isEmpty()) window->setWindowTitle(title);
   window->surface()->redraw();
   return window;
+}
+
+void fit_to_frame(workstation& w) {
+  for_each_row([&w](const window_row& row) {
+    graph_window* window = graph_of(w, row.kind);
+    if (window == nullptr || window->isMaximized() || window->isMinimized()) return;
+    if (window->filled.isEmpty() || window->size() != window->filled) return;
+    size_window(w, *window, row, {});
+  });
 }
 
 void close_graphs(workstation& w) {

@@ -111,6 +111,7 @@ class graph_window : public QMdiSubWindow {
  public:
   graph_window(workstation& of, graph_kind kind);
   graph_surface* surface() const { return surface_; }
+  QSize filled;  // the size at which it filled the frame's area; none: it did not
 
  signals:
   void closed();
@@ -153,6 +154,9 @@ void place_windows(workstation& w);
 // Sizes of open windows as the preferences have them; sizes and places into the preferences.
 void size_windows(workstation& w);
 void keep_window_sizes(workstation& w);
+// The frame has another size: a window that filled it, and that nobody has sized since, fills it
+// again.
+void fit_to_frame(workstation& w);
 // Windows one above the other, each a step to the right and down.
 void cascade_windows(workstation& w);
 
