@@ -34,11 +34,9 @@ std::int64_t event_ticks(const session_state& session, std::int32_t event, bool 
 
 }  // namespace
 
-spike_train get_spike_train(const session_state& session, std::int32_t unit) {
-  spike_train train;
-  train.unit = unit;
-  if (!is_cluster(session, unit)) return train;
-  train.events = list_cluster_events(session, unit);
+namespace {
+
+void time_events(const session_state& session, spike_train& train) {
   train.times.reserve(train.events.size());
   const bool from_stamps = clock_of_trains(session).from_stamps;
   for (const std::int32_t e : train.events) {
@@ -49,7 +47,33 @@ spike_train get_spike_train(const session_state& session, std::int32_t unit) {
   if (from_stamps && !std::is_sorted(train.times.begin(), train.times.end())) {
     log_message(session, "Events out of order");
   }
+}
+
+}  // namespace
+
+spike_train get_spike_train(const session_state& session, std::int32_t unit) {
+  spike_train train;
+  train.unit = unit;
+  if (!is_cluster(session, unit)) return train;
+  train.events = list_cluster_events(session, unit);
+  time_events(session, train);
   return train;
+}
+
+std::vector<spike_train> get_spike_trains(const session_state& session,
+                                          const std::vector<std::int32_t>& units) {
+  std::vector<spike_train> trains(units.size());
+  std::vector<std::int32_t> place(static_cast<std::size_t>(session.clusters.n_clusters) + 1, -1);
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    trains[i].unit = units[i];
+    if (is_cluster(session, units[i])) place[units[i]] = static_cast<std::int32_t>(i);
+  }
+  for (std::int32_t e = 1; e <= session.events.n_events; ++e) {
+    const std::int32_t at = place[std::max(session.events.event_cluster[e], 0)];
+    if (at >= 0) trains[at].events.push_back(e);
+  }
+  for (spike_train& train : trains) time_events(session, train);
+  return trains;
 }
 
 // ---------------------------------------------------------------- counting
@@ -244,7 +268,17 @@ void add_upright(graph_data& graph, std::size_t series, float x, float height,
   graph.series_style[series] = pack_series_look({form_lines, false, true, colour});
 }
 
-constexpr std::uint32_t refractory_colours[] = {0x3030D0, 0x30A0E0};  // of 1 and 2 ms
+// Of the refractory period, in which one neuron hardly fires twice: at 1 and 2 ms, on one side or
+// on both, where the bins reach so far.
+void add_refractory_lines(graph_data& graph, float reach_ms, float height, bool both_sides) {
+  constexpr std::uint32_t colours[] = {0x3030D0, 0x30A0E0};
+  std::size_t series = 1;
+  for (const float ms : {1.0f, 2.0f}) {
+    if (ms > reach_ms) continue;
+    if (both_sides) add_upright(graph, series++, -ms, height, colours[ms > 1]);
+    add_upright(graph, series++, ms, height, colours[ms > 1]);
+  }
+}
 
 }  // namespace
 
@@ -270,14 +304,7 @@ graph_data make_correlogram_graph(const correlogram& result, bool as_rate) {
   const float height = std::max(*std::max_element(bars.y.begin(), bars.y.end()), bars.extra[0]);
   const float edge = static_cast<float>(correlogram_reach) * result.bin_ms;
   graph.x_range = {-edge - result.bin_ms / 2, edge + result.bin_ms / 2};
-  std::size_t series = 1;
-  // The refractory period, in which one neuron hardly fires twice.
-  for (const float ms : {1.0f, 2.0f}) {
-    if (ms > edge) continue;
-    const std::uint32_t colour = refractory_colours[ms > 1];
-    add_upright(graph, series++, -ms, height, colour);
-    add_upright(graph, series++, ms, height, colour);
-  }
+  add_refractory_lines(graph, edge, height, true);
   return graph;
 }
 
@@ -384,6 +411,15 @@ interval_histogram count_intervals(const session_state& session, const spike_tra
   return histogram;
 }
 
+interval_histogram count_intervals(const session_state& session, std::int32_t unit) {
+  // Bursts and the first bump of a rhythm lie within it; bins of µs would be too many to be seen.
+  constexpr float span_ms = 100, most_bins = 2000;
+  const float width = std::max(session.review.correlogram_bin_ms, 1e-6f);
+  const float bins = std::clamp(std::ceil(span_ms / width), 2.0f * correlogram_reach, most_bins);
+  return count_intervals(session, get_spike_train(session, unit), width,
+                         static_cast<std::int32_t>(bins));
+}
+
 std::vector<double> refractory_violations(const session_state& session) {
   const tick_clock clock = clock_of_trains(session);
   // All trains at once: a pass for each cluster would be one too many with a thousand of them.
@@ -413,11 +449,17 @@ graph_data make_interval_graph(const interval_histogram& histogram) {
                   histogram.n_intervals);
   graph.units[0] = "ms";
   graph.axis_style[style_of_y_axis] = axis_from_zero;
+  graph.axis_style[style_of_legend] = legend_hidden;
   for (std::size_t i = 0; i < histogram.counts.size(); ++i) {
     // Bars stand on their middles.
     graph.series[0].x.push_back((static_cast<float>(i) + 0.5f) * histogram.bin_ms);
     graph.series[0].y.push_back(static_cast<float>(histogram.counts[i]));
   }
+  if (histogram.counts.empty()) return graph;
+  const auto most = std::max_element(histogram.counts.begin(), histogram.counts.end());
+  const float reach = static_cast<float>(histogram.counts.size()) * histogram.bin_ms;
+  graph.x_range = {0, reach};
+  add_refractory_lines(graph, reach, static_cast<float>(*most), false);
   return graph;
 }
 

@@ -29,6 +29,9 @@ struct spike_train {
 };
 // Empty for a number that is no cluster.
 spike_train get_spike_train(const session_state& session, std::int32_t unit);
+// Of several units, in their order, by one pass over the events.
+std::vector<spike_train> get_spike_trains(const session_state& session,
+                                          const std::vector<std::int32_t>& units);
 
 // Ticks are whole numbers; a time in ms is tick * 1000 / rate, in 32-bit floats.
 struct tick_clock {
@@ -116,6 +119,9 @@ struct interval_histogram {
 };
 interval_histogram count_intervals(const session_state& session, const spike_train& train,
                                    float bin_ms, std::int32_t n_bins);
+// As they are plotted: up to 100 ms in bins of the width in review_settings, 100 to 2000 of them.
+interval_histogram count_intervals(const session_state& session, std::int32_t unit);
+// Bars, and lines at 1 and 2 ms where they reach so far.
 graph_data make_interval_graph(const interval_histogram& histogram);
 
 // Violations of the refractory period of every cluster, element 0 being spare: intervals below

@@ -11,9 +11,11 @@
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
 #include "displays/clusters/heights.h"
+#include "displays/clusters/overlap_display.h"
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
+#include "displays/clusters/train_correlograms.h"
 #include "displays/graph.h"
 #include "displays/picture_file.h"
 
@@ -107,6 +109,33 @@ void draw_interval_heights(cluster_canvas& canvas) {
               canvas.painter, canvas.drawing.size);
 }
 
+void draw_intervals(cluster_canvas& canvas) {
+  const graph_data graph =
+      make_interval_graph(count_intervals(canvas.session, canvas.drawing.clusters.front()));
+  paint_graph(graph, canvas.drawing.dark ? dark_style() : paper_style(), whole_view(graph),
+              canvas.painter, canvas.drawing.size);
+}
+
+// The first against the others; one alone against its neighbours.
+void draw_trains(cluster_canvas& canvas) {
+  std::vector<std::int32_t> others = canvas.drawing.clusters;
+  const std::int32_t unit = others.front();
+  others.erase(others.begin());
+  const train_panels panels = others.empty() ? count_trains(canvas.session, unit, 0)
+                                             : count_trains(canvas.session, unit, 0, others);
+  paint_trains(canvas.painter, QRectF(QPointF(), canvas.drawing.size), panels, false, canvas.theme);
+}
+
+// Of a pair, or of one cluster and the one that it overlaps most.
+void draw_overlap(cluster_canvas& canvas) {
+  const std::vector<std::int32_t>& units = canvas.drawing.clusters;
+  const std::int32_t a = units.front();
+  overlap_picture picture;
+  prepare_overlap(canvas.session, a,
+                  units.size() > 1 ? units[1] : find_overlap_partner(canvas.session, a), picture);
+  paint_overlap(canvas.painter, QRectF(QPointF(), canvas.drawing.size), picture, canvas.theme);
+}
+
 // The probe stands at the right, its units beside their spikes.
 void draw_spikes(cluster_canvas& canvas) {
   const int width = canvas.drawing.size.width(), height = canvas.drawing.size.height();
@@ -145,6 +174,9 @@ constexpr cluster_view_row cluster_views[] = {
     {"correlograms", 1, 8, draw_correlograms},
     {"acf-time", 1, 1, draw_autocorrelation_time},
     {"isi-heights", 1, 2, draw_interval_heights},
+    {"isi", 1, 1, draw_intervals},
+    {"trains", 1, neighbours_per_page + 1, draw_trains},
+    {"overlap", 1, 2, draw_overlap},
     {"heights", 1, 2, draw_heights},
     {"spikes", 0, 4000, draw_spikes},
 };

@@ -22,7 +22,8 @@ struct cluster_drawing {
   QSize size;
 };
 
-// waveforms, components, templates, correlograms, acf-time, isi-heights, heights, spikes.
+// waveforms, components, templates, correlograms, acf-time, isi-heights, isi, trains, overlap,
+// heights, spikes.
 bool is_cluster_view(std::string_view view);
 // What is wrong with a drawing of this session; empty: nothing.
 std::string check_cluster_drawing(const session_state& session, const cluster_drawing& drawing);

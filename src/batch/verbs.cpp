@@ -150,8 +150,8 @@ constexpr option_row option_rows[] = {
       "FILE", "the picture: .png, .svg or .pdf; of a graph also its numbers: .csv or .gra"},
   {text, takes_draw, "--view", AT(view), "VIEW",
       "of the recording: voltage (traces), grey, graph (with axes, of the first ten rows in view), spectrum, amplitudes, deviations and distances (of the channel check); of "
-      "the clusters named by --clusters: waveforms, components, templates, correlograms, acf-time, isi-heights, heights, spikes (voltage)",
-      "voltage grey graph spectrum amplitudes deviations distances waveforms components templates correlograms acf-time isi-heights heights spikes"},
+      "the clusters named by --clusters: waveforms, components, templates, correlograms, acf-time, isi-heights, isi, trains (one against its neighbours), overlap, heights, spikes (voltage)",
+      "voltage grey graph spectrum amplitudes deviations distances waveforms components templates correlograms acf-time isi-heights isi trains overlap heights spikes"},
   {real, takes_draw, "--from", AT(from_seconds), "SECONDS", "left edge (where signal begins)"},
   {real, takes_draw, "--scale", AT(time_scale), "PIXELS", "per sample (1)"},
   {real, takes_draw, "--voltage-scale", AT(voltage_scale), "PIXELS", "per µV (by the noise)"},

@@ -275,23 +275,76 @@ std::int32_t find_nearest_row(const sorted_points& points, std::int32_t row, boo
 
 }  // namespace
 
-float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
-                                std::int32_t n_a, std::int32_t n_b) {
-  const sorted_points points = sort_points(coordinates, dimensions, n_a + n_b);
-  // The smaller one asks, b when they are equal.
-  const bool query_a = n_a < n_b;
-  const std::int32_t first = query_a ? 0 : n_a;
-  const std::int32_t last = query_a ? n_a - 1 : n_a + n_b - 1;
-  std::int32_t same = 0;
+namespace {
+
+// By row: whether it asks, and its nearest neighbour is one of the other cluster.
+std::vector<char> find_foreign(const overlap_points& p) {
+  const sorted_points points = sort_points(p.coordinates, p.dimensions, p.n_a + p.n_b);
+  const std::int32_t first = p.a_asks ? 0 : p.n_a;
+  const std::int32_t last = p.a_asks ? p.n_a - 1 : p.n_a + p.n_b - 1;
+  std::vector<char> foreign(static_cast<std::size_t>(p.n_a + p.n_b));
   for (std::int32_t i = first; i <= last; ++i) {
-    const std::int32_t nearest = find_nearest_row(points, i, dimensions >= 3);
-    same += nearest >= first && nearest <= last;
+    const std::int32_t nearest = find_nearest_row(points, i, p.dimensions >= 3);
+    foreign[static_cast<std::size_t>(i)] = nearest < first || nearest > last;
   }
-  const auto smaller = static_cast<float>(query_a ? n_a : n_b);
+  return foreign;
+}
+
+void count_foreign(overlap_points& p) {
+  p.a_asks = p.n_a < p.n_b;
+  p.foreign = find_foreign(p);
+  p.n_foreign = static_cast<std::int32_t>(std::count(p.foreign.begin(), p.foreign.end(), 1));
+  const std::int32_t n_asking = p.a_asks ? p.n_a : p.n_b;
+  const auto same = static_cast<float>(n_asking - p.n_foreign);
+  const auto smaller = static_cast<float>(n_asking);
   // The share of foreign neighbours over the share to be expected if the points were dealt at
   // random: 0 for two apart, about 1 for two that are mixed.
-  return (1.0f - static_cast<float>(same) / smaller) /
-         (1.0f - smaller / static_cast<float>(n_a + n_b));
+  p.overlap = (1.0f - same / smaller) / (1.0f - smaller / static_cast<float>(p.n_a + p.n_b));
+}
+
+// The test points of two clusters whose events are read, in the components of the pair.
+overlap_points project_pair(session_state& session, std::int32_t a, std::int32_t b,
+                            std::int32_t scratch_slot, pair_shift shift,
+                            const std::vector<aligned_event>& events_a,
+                            const std::vector<aligned_event>& events_b) {
+  overlap_points result;
+  const auto n_a = static_cast<std::int32_t>(events_a.size());
+  const auto n_b = static_cast<std::int32_t>(events_b.size());
+  if (n_a == 0 || n_b == 0) return result;
+  make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
+  const pc_parameters parameters = pc_parameters_of(session);
+  const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
+  const std::vector<pc_point> points = select_pc_points(session, parameters, scratch_slot, sample);
+  pc_rows rows;
+  fill_pc_rows(session, points, sample, 1.0f, rows);
+  std::vector<float> axes;
+  find_axes(rows, axes, session_failure_log(session));
+
+  // The test points are drawn anew and in proportion: axes may come from another share of the two,
+  // but neighbours must be counted at the sizes that the clusters have.
+  const pair_sample sizes = proportional_sample(n_a, n_b);
+  std::vector<aligned_event> test = stride_events(events_a, sizes.n_a);
+  const std::vector<aligned_event> rest = stride_events(events_b, sizes.n_b);
+  test.insert(test.end(), rest.begin(), rest.end());
+  fill_pc_rows(session, points, test, 1.0f, rows);
+  result.n_a = sizes.n_a;
+  result.n_b = sizes.n_b;
+  result.dimensions = std::min(parameters.dimensions, 3);
+  project_rows(rows, axes, result.dimensions, result.coordinates);
+  return result;
+}
+
+}  // namespace
+
+float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
+                                std::int32_t n_a, std::int32_t n_b) {
+  overlap_points points;
+  points.n_a = n_a;
+  points.n_b = n_b;
+  points.dimensions = dimensions;
+  points.coordinates = coordinates;
+  count_foreign(points);
+  return points.overlap;
 }
 
 float cluster_overlap(session_state& session, std::int32_t a, std::int32_t b,
@@ -310,29 +363,20 @@ float listed_cluster_overlap(session_state& session, std::int32_t a, std::int32_
   };
   const std::vector<aligned_event> events_a = read(a);
   const std::vector<aligned_event> events_b = read(b);
-  const auto n_a = static_cast<std::int32_t>(events_a.size());
-  // The test points are drawn anew and in proportion: axes may come from another share of the two,
-  // but neighbours must be counted at the sizes that the clusters have.
-  const auto n_b = static_cast<std::int32_t>(events_b.size());
-  if (n_a == 0 || n_b == 0) return std::nanf("");
-  make_pair_template(session, a, b, shift.shift, shift.n_shift, n_a, n_b, scratch_slot);
-  const pc_parameters parameters = pc_parameters_of(session);
-  const std::vector<aligned_event> sample = covariance_sample(parameters, events_a, events_b);
-  const std::vector<pc_point> points = select_pc_points(session, parameters, scratch_slot, sample);
-  pc_rows rows;
-  fill_pc_rows(session, points, sample, 1.0f, rows);
-  std::vector<float> axes;
-  find_axes(rows, axes, session_failure_log(session));
+  overlap_points points = project_pair(session, a, b, scratch_slot, shift, events_a, events_b);
+  if (points.n_a == 0) return std::nanf("");
+  count_foreign(points);
+  return points.overlap;
+}
 
-  const pair_sample sizes = proportional_sample(n_a, n_b);
-  std::vector<aligned_event> test = stride_events(events_a, sizes.n_a);
-  const std::vector<aligned_event> rest = stride_events(events_b, sizes.n_b);
-  test.insert(test.end(), rest.begin(), rest.end());
-  fill_pc_rows(session, points, test, 1.0f, rows);
-  const std::int32_t dimensions = std::min(parameters.dimensions, 3);
-  std::vector<float> coordinates;
-  project_rows(rows, axes, dimensions, coordinates);
-  return nearest_neighbour_overlap(coordinates, dimensions, sizes.n_a, sizes.n_b);
+overlap_points find_overlap_points(session_state& session, std::int32_t a, std::int32_t b,
+                                   std::int32_t scratch_slot, pair_shift shift) {
+  const auto read = [&](std::int32_t c) {
+    return read_events(session, list_cluster_events(session, c), shift.n_shift == c, shift.shift);
+  };
+  overlap_points points = project_pair(session, a, b, scratch_slot, shift, read(a), read(b));
+  if (points.n_a > 0) count_foreign(points);
+  return points;
 }
 
 // ---------------------------------------------------------------- comparison values

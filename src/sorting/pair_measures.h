@@ -62,6 +62,20 @@ float listed_cluster_overlap(session_state& session, std::int32_t a, std::int32_
 float nearest_neighbour_overlap(const std::vector<float>& coordinates, std::int32_t dimensions,
                                 std::int32_t n_a, std::int32_t n_b);
 
+// What the overlap of a pair is counted from, for those who want to see why it is what it is.
+struct overlap_points {
+  std::int32_t n_a = 0, n_b = 0;   // points; of large clusters a share of the events
+  std::int32_t dimensions = 0;     // of a row; 2 or 3 of them are looked at
+  std::vector<float> coordinates;  // rows of a before rows of b
+  bool a_asks = false;             // the smaller cluster asks, b when they are equal
+  std::vector<char> foreign;       // by row: it asks, and its nearest neighbour is of the other
+  std::int32_t n_foreign = 0;
+  float overlap = 0;
+};
+// Empty where cluster_overlap is no number. Overwrites scratch_slot.
+overlap_points find_overlap_points(session_state& session, std::int32_t a, std::int32_t b,
+                                   std::int32_t scratch_slot, pair_shift shift);
+
 // --- values for comparison lists
 
 float spatial_separation(const session_state& session, std::int32_t a, std::int32_t b);  // µm

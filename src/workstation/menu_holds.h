@@ -26,6 +26,8 @@ struct menu_hold {
 
 // Entries that only tell, and go on during an operation.
 inline const QStringList live_entries = {"messages", "about"};
+// Windows that can be opened beside a review, and follow it.
+inline const QStringList measure_entries = {"isi_plot", "spike_trains", "overlap_diagnostics"};
 
 // A holder that holds already has its list replaced.
 void hold_menus(workstation& w, QObject* holder, const QStringList& allowed = {});

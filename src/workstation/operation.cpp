@@ -234,7 +234,7 @@ void open_to_look(workstation& w, QDialog* dialog) {
 
 void open_runner(workstation& w, operation_dialog* dialog) {
   // The windows beside it can be brought back to their places.
-  open_beside(w, dialog, live_entries + QStringList{"auto_arrange"});
+  open_beside(w, dialog, live_entries + measure_entries + QStringList{"auto_arrange"});
 }
 
 void open_beside(workstation& w, QDialog* dialog, const QStringList& allowed) {

@@ -49,6 +49,7 @@ enum class graph_kind {
   voltage_record,
   autocorrelation_vs_time,
   intervals,
+  interval_heights,
   amplitude_vs_time,
   overlap,
   principal_components,

@@ -120,6 +120,22 @@ TEST_F(correlogram_test, as_the_plain_form_at_any_number_of_threads) {
   EXPECT_EQ(correlogram_counts(*session, 1, 2).stride, 4) << "70,000 spikes";
 }
 
+TEST_F(correlogram_test, trains_gathered_together_are_those_gathered_alone) {
+  put_random_spikes(3000, 5, 90000, 11);
+  session->events.event_cluster[17] = -1;  // during a removal pass
+  session->events.event_cluster[18] = 0;
+  const std::vector<std::int32_t> units = {4, 9, 1, 5};
+  const std::vector<spike_train> together = get_spike_trains(*session, units);
+  ASSERT_EQ(together.size(), units.size());
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    const spike_train alone = get_spike_train(*session, units[i]);
+    EXPECT_EQ(together[i].unit, units[i]);
+    EXPECT_EQ(together[i].events, alone.events);
+    EXPECT_EQ(together[i].times, alone.times);
+  }
+  EXPECT_TRUE(together[1].events.empty()) << "no cluster";
+}
+
 TEST_F(correlogram_test, mirror_images) {
   put_random_spikes(3000, 2, 90000, 3);
   const correlogram ab = correlogram_counts(*session, 1, 2),
@@ -215,7 +231,17 @@ TEST_F(correlogram_test, intervals_and_violations) {
   EXPECT_EQ(h.below_1_ms, 1);
   EXPECT_EQ(h.below_2_ms, 3);
   EXPECT_EQ(h.counts, (std::vector<std::int32_t>{1, 2, 1, 0, 0, 0, 0, 0, 0, 0}));
-  EXPECT_EQ(make_interval_graph(h).series[0].y[1], 2.0f);
+  const graph_data graph = make_interval_graph(h);
+  EXPECT_EQ(graph.series[0].y[1], 2.0f);
+  EXPECT_EQ(graph.series[2].x[0], 2.0f) << "the refractory line";
+  session->review.correlogram_bin_ms = 0.2f;
+  EXPECT_EQ(count_intervals(*session, 1).counts.size(), 500u) << "100 ms";
+  EXPECT_EQ(count_intervals(*session, 1).counts[2], 1) << "0.5 ms";
+  session->review.correlogram_bin_ms = 50;
+  EXPECT_EQ(count_intervals(*session, 1).counts.size(), 100u);
+  session->review.correlogram_bin_ms = 0.001f;
+  EXPECT_EQ(count_intervals(*session, 1).counts.size(), 2000u);
+  EXPECT_EQ(count_intervals(*session, 7).n_intervals, 0);
   const std::vector<double> percent = refractory_violations(*session);
   ASSERT_GE(percent.size(), 3u);
   EXPECT_EQ(percent[1], 60);

@@ -15,12 +15,16 @@
 #include "displays/clusters/components.h"
 #include "displays/clusters/correlogram_panel.h"
 #include "displays/clusters/heights.h"
+#include "displays/clusters/overlap_display.h"
 #include "displays/clusters/sorted_waveforms.h"
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
+#include "displays/clusters/train_correlograms.h"
+#include "displays/picture_file.h"
 #include "review/cluster_marks.h"
 #include "review/event_reading.h"
 #include "sorting/cluster_edits.h"
+#include "sorting/status_lists.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
 
@@ -568,6 +572,91 @@ void check_pictures(bool dark, bool empty) {
   show_waveforms(session, index, theme, show);
   show_planes(session, index, theme, show);
   EXPECT_EQ(check_session(session), "");
+}
+
+TEST(overlap_display, counts_what_the_lists_hold) {
+  sorted_session session;
+  build_status_lists(*session);
+  session->strategy.pca_dimensions = 3;
+  const std::int32_t n = session->clusters.n_clusters;
+  float most = -100;
+  for (std::int32_t b = 2; b <= n; ++b) {
+    overlap_picture picture;
+    prepare_overlap(*session, b, 1, picture);
+    EXPECT_EQ(picture.pair.a, 1) << "the lower first";
+    const overlap_points& p = picture.points;
+    const std::int64_t k = find_pair(*session, {1, b});
+    most = std::max(most, session->lists.kv_cluster_overlap[k]);
+    const pair_shift shift = {session->lists.rms_template_shift[k],
+                              session->lists.kv_n_shift_template[k]};
+    EXPECT_EQ(p.overlap, plain_cluster_overlap(*session, 1, b, n + 1, shift));
+    EXPECT_EQ(p.n_foreign, std::count(p.foreign.begin(), p.foreign.end(), 1));
+    // Those of the cluster that does not ask have no ring.
+    const auto first = p.foreign.begin() + (p.a_asks ? p.n_a : 0);
+    EXPECT_EQ(std::count(first, first + (p.a_asks ? p.n_b : p.n_a), 1), 0);
+    EXPECT_EQ(overlap_title(picture),
+              "Overlap diagnostics for Clusters 1 and " + std::to_string(b));
+  }
+  const std::int32_t partner = find_overlap_partner(*session, 1);
+  EXPECT_EQ(session->lists.kv_cluster_overlap[find_pair(*session, {1, partner})], most);
+  session->lists.n_kv_pairs = 0;
+  const std::int32_t nearest = find_overlap_partner(*session, 1);
+  for (std::int32_t b = 2; b <= n; ++b) {
+    EXPECT_LE(spatial_separation(*session, 1, nearest), spatial_separation(*session, 1, b));
+  }
+  session->clusters.n_clusters = 1;
+  EXPECT_EQ(find_overlap_partner(*session, 1), 0);
+  overlap_picture none;
+  prepare_overlap(*session, 1, 0, none);
+  EXPECT_THAT(none.words, ElementsAre("There are no two clusters to compare"));
+}
+
+TEST(train_correlograms, neighbours_come_by_their_distance_page_by_page) {
+  sorted_session session;
+  const std::int32_t n = session->clusters.n_clusters;
+  // Twenty more at one place: of equals the lower number comes first.
+  for (std::int32_t c = n + 1; c <= n + 20; ++c) {
+    session->templates.template_x[c] = 0;
+    session->templates.template_y[c] = 10'000;
+  }
+  session->clusters.n_clusters = n + 20;
+  const train_panels first = count_trains(*session, 2, -3);
+  ASSERT_EQ(first.others.size(), static_cast<std::size_t>(n + 19));
+  EXPECT_EQ(first.others.back(), n + 20);
+  for (std::size_t i = 1; i < first.others.size(); ++i) {
+    EXPECT_LE(spatial_separation(*session, 2, first.others[i - 1]),
+              spatial_separation(*session, 2, first.others[i]));
+  }
+  EXPECT_EQ(first.first, 0);
+  ASSERT_EQ(first.correlograms.size(), 16u);
+  EXPECT_EQ(first.correlograms[0].counts, correlogram_counts(*session, 2, 2).counts);
+  const std::int32_t third = first.others[2];
+  EXPECT_EQ(first.correlograms[3].counts, correlogram_counts(*session, 2, third).counts);
+  const train_panels last = count_trains(*session, 2, 1000);
+  EXPECT_EQ(last.first, 15);
+  EXPECT_EQ(last.correlograms.size(), first.others.size() - 15 + 1);
+  const QRectF rect(0, 0, 640, 480);
+  EXPECT_EQ(train_at(rect, first, QPointF(3, 3)), 2) << "its own";
+  EXPECT_EQ(train_at(rect, first, QPointF(636, 476)), first.others[14]);
+  EXPECT_EQ(train_at(rect, first, QPointF(700, 3)), 0);
+}
+
+TEST(train_correlograms, records_that_were_stored_one_by_one_have_none) {
+  sorted_session session;
+  const cluster_theme theme = make_cluster_theme(session->preferences, false);
+  const auto words = [&] {
+    const train_panels panels = count_trains(*session, 1, 0);
+    return picture_as_svg(QSize(600, 300), [&](QPainter& painter) {
+      paint_trains(painter, QRectF(0, 0, 600, 300), panels, false, theme);
+    });
+  };
+  const char* refusal = "Cross correlation not supported for event based recording";
+  EXPECT_EQ(words().find(refusal), std::string::npos);
+  EXPECT_NE(words().find("AC: Unit 1"), std::string::npos);
+  session->recording.is_continuous = false;
+  EXPECT_NE(words().find(refusal), std::string::npos);
+  session->preferences.treat_as_continuous = true;
+  EXPECT_EQ(words().find(refusal), std::string::npos);
 }
 
 TEST(cluster_pictures, are_whole_in_both_themes_and_change_nothing) {

@@ -234,6 +234,15 @@ TEST(draw_verb, clusters_of_a_saved_sort) {
   EXPECT_EQ(draw({"--view", "correlograms", "--out", out}).status, 2);
   EXPECT_EQ(draw({"--view", "acf-time", "--clusters", "1,2", "--out", out}).status, 1);
   const std::string image = folder.file("acf.png");
+  EXPECT_EQ(draw({"--view", "overlap", "--clusters", "1,2,3", "--out", out}).status, 1);
+  for (const auto& [view, clusters] : {std::pair{"isi", "1"},
+                                       {"trains", "1"},
+                                       {"trains", "2,1"},
+                                       {"overlap", "1"},
+                                       {"overlap", "2,1"}}) {
+    EXPECT_EQ(draw({"--view", view, "--clusters", clusters, "--out", image}).status, 0) << view;
+    EXPECT_GT(dark_pixels(QImage(QString::fromStdString(image))), 200) << view;
+  }
   EXPECT_EQ(draw({"--view", "acf-time", "--clusters", "2", "--out", image}).status, 0);
   EXPECT_GT(dark_pixels(QImage(QString::fromStdString(image))), 500 * 400 / 3);
   // The distribution of all channels, as a picture and as its numbers.

@@ -98,6 +98,21 @@ void take_running_sort(driven_workstation& w) {
   w.settle();
 }
 
+// Comparing with the windows of what is compared beside the others.
+void take_measures(driven_workstation& w) {
+  close_graphs(w.shell);
+  w.choose_entry("compare_pairs");
+  QDialog* dialog = w.dialog("compare_pairs_dialog");
+  w.settle();
+  w.tick(dialog, "show_overlap", true);
+  w.choose_entry("isi_plot");
+  w.settle();
+  take("compare_with_measures");
+  dialog->close();
+  w.settle();
+  close_graphs(w.shell);
+}
+
 // The windows of sorted clusters, and guided merging with every pair in doubt.
 void take_review(driven_workstation& w) {
   for (const char* entry : {"sorted_waveforms", "spike_view"}) {
@@ -155,7 +170,19 @@ void take_analysis(driven_workstation& w) {
   dialog->close();
   w.settle();
   close_graphs(w.shell);
+  for (const char* entry :
+       {"hp_spectrum", "acf_time", "isi_plot", "spike_trains", "overlap_diagnostics"}) {
+    w.choose_entry(entry);
+    w.settle();
+    take(entry);
+    close_graphs(w.shell);
+  }
   take_dialog(w, "isi_height", "interval_heights_dialog");
+  close_graphs(w.shell);
+  for (const char* name : {"test_decisions", "manage_clusters"}) {
+    take_dialog(w, name, qPrintable(QString("%1_dialog").arg(name)));
+    w.settle();
+  }
   close_graphs(w.shell);
   w.choose_entry("sorting_statistics");
   dialog = w.dialog("summary_dialog");
@@ -305,6 +332,7 @@ int main(int argc, char** argv) {
   for (const auto& [entry, name] : dialogs) take_dialog(w, entry, name);
   w.settle();
   take_review(w);
+  take_measures(w);
   take_analysis(w);
   longest = 0;
   take_running_sort(w);

@@ -1,15 +1,18 @@
 // The windows of the analysis, and the table of decisions, driven as a user would.
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QTableView>
 #include <QTest>
 
 #include "analysis/power_spectrum.h"
+#include "displays/clusters/train_correlograms.h"
 #include "sorting/status_lists.h"
 #include "workstation/commands/menu_table.h"
 #include "workstation/program_options.h"
 #include "workstation/sorted_workstation.h"
 #include "workstation/windows/cluster_displays.h"
+#include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/graph_windows.h"
 
 namespace kestrelvane::test {
@@ -46,6 +49,71 @@ TEST(AnalysisWindows, TheSpectrumIsShownUntilTheRecordingIsAnother) {
   window->surface()->redraw();
   EXPECT_TRUE(window->surface()->graph().series[0].x.empty());
   EXPECT_FALSE(window->surface()->graph().remark.empty());
+}
+
+TEST(MeasureWindows, FollowTheCurrentClusterAndThePairOnShow) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  for (const char* entry : {"isi_plot", "spike_trains", "overlap_diagnostics"}) {
+    w.choose_entry(entry);
+  }
+  const auto title = [&](graph_kind kind) { return graph_of(w.shell, kind)->windowTitle(); };
+  graph_surface* isi = graph_of(w.shell, graph_kind::intervals)->surface();
+  EXPECT_EQ(title(graph_kind::intervals), "ISI plot");
+  EXPECT_EQ(isi->graph().title, "Unit 2 interspike intervals");
+  EXPECT_EQ(title(graph_kind::spike_trains), "Spike train cross correlograms");
+  w.session->clusters.current_cluster = 3;
+  refresh_windows(w.shell);
+  EXPECT_EQ(isi->graph().title, "Unit 3 interspike intervals");
+  EXPECT_TRUE(title(graph_kind::overlap).startsWith("Overlap diagnostics for Clusters "));
+  cluster_displays& d = displays_of(w.shell);
+  d.a = 4;
+  d.b = 1;
+  refresh_windows(w.shell);
+  EXPECT_EQ(title(graph_kind::overlap), "Overlap diagnostics for Clusters 1 and 4");
+  // A panel that is pressed is shown large: the second is the one that lies nearest.
+  graph_surface* trains = graph_of(w.shell, graph_kind::spike_trains)->surface();
+  const train_panels panels = count_trains(*w.session, 3, 0);
+  QTest::mouseClick(trains, Qt::LeftButton, {}, QPoint(trains->width() - 5, 5));
+  const std::int32_t pressed =
+      train_at(QRectF(trains->rect()), panels, QPointF(trains->width() - 5, 5));
+  ASSERT_NE(w.shell.correlograms, nullptr);
+  EXPECT_EQ(w.shell.correlograms->a, 3);
+  EXPECT_EQ(w.shell.correlograms->b, pressed);
+  // All neighbours are on one page.
+  QTest::keyClick(trains, Qt::Key_PageDown);
+  QTest::mouseClick(trains, Qt::LeftButton, {}, QPoint(5, 5));
+  EXPECT_EQ(w.shell.correlograms->b, 3);
+}
+
+TEST(MeasureWindows, StandBesideAReviewWithoutOverlap) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  w.shell.frame->resize(1400, 900);
+  w.choose_entry("compare_pairs");
+  w.settle(true);
+  QDialog* dialog = w.dialog("compare_pairs_dialog");
+  ASSERT_NE(dialog, nullptr);
+  w.settle();
+  w.tick(dialog, "show_overlap", true);
+  w.choose_entry("isi_plot");
+  w.settle();
+  std::vector<QRect> places;
+  for (const graph_kind kind :
+       {graph_kind::overlap, graph_kind::intervals, graph_kind::waveform_comparison,
+        graph_kind::principal_components}) {
+    ASSERT_NE(graph_of(w.shell, kind), nullptr) << static_cast<int>(kind);
+    places.push_back(graph_of(w.shell, kind)->geometry());
+  }
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    for (std::size_t j = 0; j < i; ++j) EXPECT_FALSE(places[i].intersects(places[j])) << i << j;
+  }
+  // The box follows the cross of the window.
+  graph_of(w.shell, graph_kind::overlap)->close();
+  w.settle();
+  EXPECT_FALSE(w.control<QCheckBox>(dialog, "show_overlap")->isChecked());
+  dialog->close();
+  w.settle();
 }
 
 TEST(AnalysisWindows, TheAutocorrelogramAgainstTimeFollowsTheCurrentCluster) {

@@ -446,5 +446,21 @@ TEST(ComparePairs, LeavesWithTheLastPair) {
   EXPECT_FALSE(w.is_open());
 }
 
+TEST(ComparePairs, KnowsTheNextTimeWhetherCorrelogramsWereWanted) {
+  const temporary_directory home;
+  comparing_workstation w(home.path);
+  const bool before = w.session->review.show_correlograms;
+  QDialog* dialog = w.begin();
+  w.control<QCheckBox>(dialog, "show_correlograms")->click();
+  w.settle();
+  w.press(dialog, "ok");
+  w.settle();
+  EXPECT_EQ(w.session->review.show_correlograms, !before);
+  dialog = w.begin();
+  EXPECT_EQ(w.control<QCheckBox>(dialog, "show_correlograms")->isChecked(), !before);
+  w.press(dialog, "ok");
+  w.settle();
+}
+
 }  // namespace
 }  // namespace kestrelvane::test

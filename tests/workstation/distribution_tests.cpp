@@ -159,7 +159,8 @@ TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
       measure_interval_heights(*w.session, 2, 2, interval_heights_reach_ms);
   EXPECT_EQ(w.text(dialog, "spikes_a"), QString::number(own.n_spikes));
   EXPECT_EQ(w.text(dialog, "n_points"), QString::number(own.ms.size()));
-  EXPECT_EQ(graph_of(w.shell, graph_kind::intervals)->windowTitle(), "ISI dependence Unit 2");
+  EXPECT_EQ(graph_of(w.shell, graph_kind::interval_heights)->windowTitle(),
+            "ISI dependence Unit 2");
   w.set_number(dialog, "unit_b", 3);
   w.set_number(dialog, "longest_ms", 50);
   w.press(dialog, "display_cross");
@@ -167,8 +168,8 @@ TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
   const interval_heights cross = measure_interval_heights(*w.session, 3, 2, 50);
   EXPECT_EQ(w.text(dialog, "spikes_b"), QString::number(cross.n_spikes));
   EXPECT_EQ(w.text(dialog, "dt_ms"), QString::number(double{cross.dt_ms}, 'f', 3) + " ms");
-  EXPECT_EQ(w.shown(graph_kind::intervals).series[0].y, cross.uv);
-  EXPECT_EQ(graph_of(w.shell, graph_kind::intervals)->windowTitle(), "ISI co-dependence");
+  EXPECT_EQ(w.shown(graph_kind::interval_heights).series[0].y, cross.uv);
+  EXPECT_EQ(graph_of(w.shell, graph_kind::interval_heights)->windowTitle(), "ISI co-dependence");
   w.press(dialog, "done");
 }
 

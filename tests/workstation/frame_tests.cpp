@@ -52,7 +52,8 @@ TEST(Frame, MenusInTheirOrder) {
                           "Sorted &waveforms", "&Sorting statistics"));
   EXPECT_THAT(labels_of(tops[4]->menu()),
               ElementsAre("&View, clean and split clusters", "&Compare cluster pairs",
-                          "&Auto/cross-correlation", "&Realign", "Recalculate &templates",
+                          "&Auto/cross-correlation", "ISI p&lot", "Spike trai&n cross correlograms",
+                          "&Overlap diagnostics", "&Realign", "Recalculate &templates",
                           "&Spatio-temporal spike view", "&Post-processing", "&History"));
   EXPECT_THAT(labels_of(tops[2]->menu()),
               ElementsAre("&Transform/filter", "&Channel check", "&Event detection"));

@@ -75,7 +75,7 @@ TEST(WindowTable, EveryRowIsInItsPlaceAndReadable) {
     EXPECT_TRUE(row.size_slot == no_slot || sizes.insert(row.size_slot).second);
     EXPECT_TRUE(row.origin_slot == no_slot || origins.insert(row.origin_slot).second);
   }
-  EXPECT_EQ(window_count, 17);
+  EXPECT_EQ(window_count, 18);
   EXPECT_EQ(origins.size(), 6u) << "every place of the preferences has its window";
 }
 

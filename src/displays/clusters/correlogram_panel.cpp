@@ -127,9 +127,7 @@ void paint_correlogram_matrix(QPainter& painter, const QRectF& rect, const sessi
                               const std::vector<std::int32_t>& clusters, float bin_ms,
                               const cluster_theme& theme) {
   painter.fillRect(rect, theme.background);
-  std::vector<spike_train> trains;
-  trains.reserve(clusters.size());
-  for (const std::int32_t c : clusters) trains.push_back(get_spike_train(session, c));
+  const std::vector<spike_train> trains = get_spike_trains(session, clusters);
   const auto n = static_cast<double>(trains.size());
   const double width = rect.width() / n, height = rect.height() / n;
   for (std::size_t row = 0; row < trains.size(); ++row) {

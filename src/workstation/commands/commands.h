@@ -36,6 +36,9 @@ void template_image_command(workstation& w);
 void spike_view_command(workstation& w);
 void hp_spectrum_command(workstation& w);
 void autocorrelation_time_command(workstation& w);
+void interval_plot_command(workstation& w);
+void train_correlograms_command(workstation& w);
+void overlap_command(workstation& w);
 
 // --- Sort, Review (process_commands.cpp)
 void convert_channels_command(workstation& w);

@@ -143,7 +143,7 @@ void correlation_command(workstation& w) {
   });
   show_units(c);
   place_at_right(w, dialog);
-  open_beside(w, dialog, live_entries);
+  open_beside(w, dialog, live_entries + measure_entries);
   tile_cluster_windows(w, dialog);
 }
 

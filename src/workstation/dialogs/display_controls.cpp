@@ -125,6 +125,7 @@ void follow_components(const display_controls& d) {
 // The box of a window that can be closed; null for those that stay.
 QCheckBox* box_of(const display_controls& d, graph_kind kind) {
   if (kind == graph_kind::correlograms) return d.with_correlograms;
+  if (kind == graph_kind::overlap) return d.with_overlap;
   return kind == graph_kind::amplitude_vs_time ? d.with_times : nullptr;
 }
 
@@ -149,8 +150,8 @@ void follow_window(const shared_displays& d, const graph_window* window, QCheckB
 }
 
 void follow_windows(const shared_displays& d) {
-  for (const graph_kind kind :
-       {waveform_kind, component_kind, graph_kind::correlograms, graph_kind::amplitude_vs_time}) {
+  for (const graph_kind kind : {waveform_kind, component_kind, graph_kind::correlograms,
+                                graph_kind::amplitude_vs_time, graph_kind::overlap}) {
     const graph_window* window = graph_of(d->w, kind);
     if (window == nullptr || d->followed.contains(window->surface())) continue;
     follow_window(d, window, box_of(*d, kind));
@@ -212,6 +213,7 @@ void draw_pair(const shared_displays& d) {
   open_missing(d->w, waveform_kind);
   open_missing(d->w, component_kind);
   if (d->with_times->isChecked()) open_missing(d->w, graph_kind::amplitude_vs_time);
+  if (d->with_overlap->isChecked()) open_missing(d->w, graph_kind::overlap);
   if (d->with_correlograms->isChecked() && !is_open(d->w, graph_kind::correlograms)) {
     show_correlograms(d->w, first, second);
   }
@@ -232,6 +234,16 @@ void open_with(const shared_displays& d, QCheckBox* box, graph_kind kind) {
     close_window(d->w, kind);
     tile_cluster_windows(d->w, d->dialog);
   });
+}
+
+QCheckBox* window_box(const shared_displays& d, const char* name, const char* label,
+                      const char* tip, graph_kind kind) {
+  auto* box = new QCheckBox(label);
+  box->setObjectName(name);
+  box->setToolTip(tip);
+  box->setChecked(is_open(d->w, kind));
+  open_with(d, box, kind);
+  return box;
 }
 
 QPushButton* swap_button(const shared_displays& d) {
@@ -297,11 +309,16 @@ QLayout* window_rows(const shared_displays& d, settings_form& form, const char* 
   d->with_correlograms = logical_control(form, "show_correlograms", correlograms,
                                          "Of the two, in a window beside this");
   open_with(d, d->with_correlograms, graph_kind::correlograms);
-  d->with_times = new QCheckBox("show ");
-  d->with_times->setObjectName("show_times");
-  d->with_times->setToolTip("The events of both against time, in a window beside this");
-  d->with_times->setChecked(graph_of(d->w, graph_kind::amplitude_vs_time) != nullptr);
-  open_with(d, d->with_times, graph_kind::amplitude_vs_time);
+  // At once, and only by the user's hand: a method of comparison ticks it as well.
+  QObject::connect(d->with_correlograms, &QCheckBox::clicked, d->dialog,
+                   [d](bool on) { d->w.session.review.show_correlograms = on; });
+  d->with_times = window_box(d, "show_times", "show ",
+                             "The events of both against time, in a window beside this",
+                             graph_kind::amplitude_vs_time);
+  d->with_overlap = window_box(d, "show_overlap", "overlap",
+                               "What the overlap of the two is counted from, in a window beside "
+                               "this",
+                               graph_kind::overlap);
   d->measure = new QComboBox;
   d->measure->setObjectName("time_measure");
   d->measure->setToolTip("What is drawn against time: height in µV, or a component");
@@ -323,7 +340,10 @@ QLayout* window_rows(const shared_displays& d, settings_form& form, const char* 
   times->addWidget(swap_button(d));
   auto* rows = new QVBoxLayout;
   rows->setSpacing(3);
-  rows->addWidget(d->with_correlograms);
+  auto* measures = new QHBoxLayout;
+  measures->addWidget(d->with_correlograms);
+  measures->addWidget(d->with_overlap);
+  rows->addLayout(measures);
   rows->addLayout(times);
   return rows;
 }

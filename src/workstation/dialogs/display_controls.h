@@ -34,7 +34,7 @@ struct display_controls {
   bool swapped = false;       // the first of the two on top
   bool tiled = false;         // the windows have been put beside the dialog
 
-  QCheckBox *with_correlograms = nullptr, *with_times = nullptr;
+  QCheckBox *with_correlograms = nullptr, *with_times = nullptr, *with_overlap = nullptr;
   QCheckBox *error_bars = nullptr, *autoscale = nullptr;
   QComboBox* measure = nullptr;
   QRadioButton *templates = nullptr, *waveforms = nullptr;
@@ -49,7 +49,8 @@ struct display_controls {
 };
 using shared_displays = std::shared_ptr<display_controls>;
 
-// "Swap display", the correlograms under the label of the dialog, and the plot against time.
+// "Swap display", the correlograms under the label of the dialog, the diagnostics of the overlap,
+// and the plot against time.
 QLayout* window_rows(const shared_displays& d, settings_form& form, const char* correlograms);
 // "Templates" or "Waveforms: number". Words about a number go where the dialog puts them.
 QLayout* waveform_row(const shared_displays& d);

@@ -268,9 +268,9 @@ void fill_dialog(const shared_guided& g) {
 }
 
 // What only looks goes on while a decision is waited for.
-const QStringList entries_beside =
-    live_entries + QStringList{"auto_arrange", "voltage_record", "template_image",
-                               "sorted_waveforms", "getting_started"};
+const QStringList entries_beside = live_entries + measure_entries +
+                                   QStringList{"auto_arrange", "voltage_record", "template_image",
+                                               "sorted_waveforms", "getting_started"};
 
 }  // namespace
 

@@ -49,7 +49,7 @@ void show_heights(const shared_heights& h, bool cross) {
         h->p_value->setText(QString::number(double{measured->p_value}, 'g', 4));
         h->dt->setText(QString::number(double{measured->dt_ms}, 'f', 3) + " ms");
         h->w.heights = measured;
-        show_graph(h->w, graph_kind::intervals,
+        show_graph(h->w, graph_kind::interval_heights,
                    QString::fromStdString(interval_heights_title(*measured)));
         tile_cluster_windows(h->w, h->dialog);
       });

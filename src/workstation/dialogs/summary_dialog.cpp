@@ -507,8 +507,9 @@ QWidget* limits_box(const shared_summary& s) {
 }
 
 // Entries that only show something, and may be used while the summary is open.
-const QStringList entries_beside = live_entries + QStringList{"voltage_record", "template_image",
-                                                              "sorted_waveforms", "correlograms"};
+const QStringList entries_beside =
+    live_entries + measure_entries +
+    QStringList{"voltage_record", "template_image", "sorted_waveforms", "correlograms"};
 
 }  // namespace
 

@@ -138,7 +138,7 @@ void open_decisions(const shared_decisions& d, const std::shared_ptr<pair_decisi
   });
   d->dialog->resize(620, 560);
   place_at_right(d->w, d->dialog);
-  open_beside(d->w, d->dialog, live_entries);
+  open_beside(d->w, d->dialog, live_entries + measure_entries);
   if (d->model->rowCount({}) > 0) d->table->selectRow(0);
   d->table->setFocus();
 }

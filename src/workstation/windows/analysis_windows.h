@@ -1,5 +1,6 @@
 // The windows of the analysis: the power spectrum, the autocorrelogram against time, the
-// distribution of amplitudes and the heights after intervals.
+// distribution of amplitudes and the heights after intervals. Those that measure clusters by their
+// times and neighbours are in measure_windows.h.
 #pragma once
 
 #include "analysis/amplitude_fits.h"

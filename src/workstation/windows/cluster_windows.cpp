@@ -14,6 +14,7 @@
 #include "workstation/windows/cluster_displays.h"
 #include "workstation/windows/correlogram_window.h"
 #include "workstation/windows/kept_places.h"
+#include "workstation/windows/measure_windows.h"
 #include "workstation/workstation.h"
 
 namespace kestrelvane {
@@ -64,15 +65,35 @@ QRect part_of(const tiled_area& area, double x, double y, double wide, double hi
 // One below the other.
 std::vector<tile> stacked_tiles(const workstation& w, const tiled_area& area) {
   using enum graph_kind;
-  const int n_below =
-      1 + (standing(w, correlograms) != nullptr) + (standing(w, amplitude_vs_time) != nullptr);
+  std::vector<graph_kind> below = {principal_components};
+  for (const graph_kind kind :
+       {correlograms, amplitude_vs_time, overlap, intervals, spike_trains}) {
+    if (standing(w, kind) != nullptr) below.push_back(kind);
+  }
   // The more there are, the less the waveforms take.
+  const auto n_below = static_cast<double>(below.size());
   const double top = 0.55 - 0.05 * n_below, each = (1 - top) / n_below;
-  return {{cluster_waveforms, part_of(area, 0, 0, 1, top)},
-          {waveform_comparison, part_of(area, 0, 0, 1, top)},
-          {principal_components, part_of(area, 0, top, 1, each)},
-          {correlograms, part_of(area, 0, top + each, 1, each)},
-          {amplitude_vs_time, part_of(area, 0, 1 - each, 1, each)}};
+  std::vector<tile> tiles = {{cluster_waveforms, part_of(area, 0, 0, 1, top)},
+                             {waveform_comparison, part_of(area, 0, 0, 1, top)}};
+  for (std::size_t i = 0; i < below.size(); ++i) {
+    const double y = top + each * static_cast<double>(i);
+    tiles.push_back({below[i], part_of(area, 0, y, 1, each)});
+  }
+  return tiles;
+}
+
+// What is opened from the menu beside a review stands below the rest, side by side.
+void add_measures(const workstation& w, const tiled_area& area, double top, double wide,
+                  std::vector<tile>& tiles) {
+  std::vector<graph_kind> open;
+  for (const graph_kind kind : measure_kinds) {
+    if (standing(w, kind) != nullptr) open.push_back(kind);
+  }
+  const double each = wide / std::max(static_cast<double>(open.size()), 1.0);
+  for (std::size_t i = 0; i < open.size(); ++i) {
+    const double x = each * static_cast<double>(i);
+    tiles.push_back({open[i], part_of(area, x, top, each, 1 - top)});
+  }
 }
 
 // Of the channel check, which has windows of its own; others have nothing to do with them.
@@ -87,7 +108,7 @@ struct own_window {
 };
 constexpr own_window own_windows[] = {
     {"amplitude_dialog", graph_kind::amplitude_distribution},
-    {"interval_heights_dialog", graph_kind::intervals},
+    {"interval_heights_dialog", graph_kind::interval_heights},
 };
 
 // Waveforms largest, components, and below them what is counted or stands against time.
@@ -106,20 +127,29 @@ std::vector<tile> tiles_of(const workstation& w, const tiled_area& area) {
   const bool alone = standing(w, cluster_waveforms) == nullptr &&
                      standing(w, waveform_comparison) == nullptr &&
                      standing(w, principal_components) == nullptr;
+  const bool measured = std::any_of(std::begin(measure_kinds), std::end(measure_kinds),
+                                    [&w](graph_kind kind) { return standing(w, kind) != nullptr; });
   // Without a cluster's own windows, what is counted has their room.
-  if (alone && standing(w, correlograms) != nullptr && standing(w, amplitude_vs_time) == nullptr)
-    return {{correlograms, part_of(area, 0, 0, 1, 1)}};
+  if (alone && standing(w, correlograms) != nullptr && standing(w, amplitude_vs_time) == nullptr) {
+    std::vector<tile> tiles = {{correlograms, part_of(area, 0, 0, 1, measured ? 0.5 : 1)}};
+    add_measures(w, area, 0.5, 1, tiles);
+    return tiles;
+  }
   constexpr int narrow = 600;  // where two side by side would be too slim to be read
   if (area.width < narrow) return stacked_tiles(w, area);
   const bool counted = standing(w, correlograms) != nullptr;
   const bool against_time = standing(w, amplitude_vs_time) != nullptr;
   const double cut = counted && against_time ? 0.40 : counted || against_time ? 0.55 : 1;
   const double below = counted && against_time ? 0.30 : 0.45;
-  return {{cluster_waveforms, part_of(area, 0, 0, 0.55, 1)},
-          {waveform_comparison, part_of(area, 0, 0, 0.55, 1)},
-          {principal_components, part_of(area, 0.55, 0, 0.45, cut)},
-          {correlograms, part_of(area, 0.55, cut, 0.45, below)},
-          {amplitude_vs_time, part_of(area, 0.55, counted ? 0.70 : cut, 0.45, below)}};
+  const double high = measured ? 0.58 : 1;
+  std::vector<tile> tiles = {
+      {cluster_waveforms, part_of(area, 0, 0, 0.55, high)},
+      {waveform_comparison, part_of(area, 0, 0, 0.55, high)},
+      {principal_components, part_of(area, 0.55, 0, 0.45, cut)},
+      {correlograms, part_of(area, 0.55, cut, 0.45, below)},
+      {amplitude_vs_time, part_of(area, 0.55, counted ? 0.70 : cut, 0.45, below)}};
+  add_measures(w, area, high, 0.55, tiles);
+  return tiles;
 }
 
 review_workspace& workspace_of(workstation& w) {

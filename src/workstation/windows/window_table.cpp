@@ -6,6 +6,7 @@
 #include "workstation/windows/channel_windows.h"
 #include "workstation/windows/cluster_windows.h"
 #include "workstation/windows/correlogram_window.h"
+#include "workstation/windows/measure_windows.h"
 #include "workstation/windows/voltage_window.h"
 
 namespace kestrelvane {
@@ -43,6 +44,12 @@ const window_row window_rows[] = {
      .title = "ISI plot",
      .font = small_courier,
      .size = {510, 350},
+     .surface = interval_routines},
+    {.kind = interval_heights,
+     .object_name = "isi_heights_window",
+     .title = "ISI dependence Unit",
+     .font = small_courier,
+     .size = {510, 350},
      .surface = interval_height_routines},
     {.kind = amplitude_vs_time,
      .object_name = "amplitude_window",
@@ -57,7 +64,8 @@ const window_row window_rows[] = {
      .object_name = "overlap_window",
      .title = "Overlap diagnostics for Clusters",
      .font = large_arial,
-     .size = {510, 420}},
+     .size = {620, 420},
+     .surface = overlap_routines},
     {.kind = principal_components,
      .object_name = "components_window",
      .title = "Principal Components display",
@@ -86,7 +94,8 @@ const window_row window_rows[] = {
      .object_name = "spike_trains_window",
      .title = "Spike train cross correlograms",
      .font = small_courier,
-     .size = {640, 420}},
+     .size = {720, 480},
+     .surface = train_routines},
     {.kind = channel_analysis,
      .object_name = "channel_analysis_window",
      .title = "Cross-channel analysis",
