@@ -6,7 +6,8 @@
 // from outside in.
 //
 // Values are bits, bins too; µV is bits times uv_per_bit, which for field potentials is theirs.
-// Rows of the list of sources count from 1. Nothing here changes the session but put_test_data.
+// Rows of the list of sources count from 1. Nothing here changes the session; the known data on
+// which it is tried are put into the samples by signal/filter_chain.h.
 // Work for the worker; counts are the same at any number of threads.
 #pragma once
 
@@ -103,12 +104,5 @@ struct amplitude_values {
 // rows that need events or clusters leave it empty without them.
 bool analyse_dataset(const session_state& session, const amplitude_request& request,
                      amplitude_values& values);
-
-// Known data on channel 1, to try the analysis on; the recording in memory is another then, and
-// marked as filtered. Sums beyond two bytes are cut, and logged as "Possible overflow".
-enum class test_data { second_gaussian, gaussian, exponential };
-// What the user is asked beforehand.
-std::string test_data_question(test_data which);
-void put_test_data(session_state& session, test_data which);
 
 }  // namespace kestrelvane

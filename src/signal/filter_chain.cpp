@@ -128,7 +128,16 @@ bool reload_compression(filter_settings& f, const history_entry& e) {
   return is_positive(e.param1);
 }
 
+// Put there by a dialog of its own and never by the chain.
+bool never_wanted(const session_state&) { return false; }
+
+template <test_data Which>
+void test_data_step(session_state& session, filter_progress&) {
+  make_test_data(session, Which);
+}
+
 constexpr std::int32_t low_pass_code = -5;
+constexpr std::int32_t first_test_data_code = 13;  // those of the others follow in their order
 constexpr const char* low_pass_line = " - applying low pass filter";
 
 // In the order of a chain. The 1/f filter takes the place of the Butterworth filter.
@@ -187,6 +196,15 @@ constexpr filter_operation operations[] = {
     {12, "movement of the tissue", step_units::hundred, always<correct_motion>,
      ticked<&filter_settings::do_correct_motion>, untick<&filter_settings::do_correct_motion>,
      no_parameters, " - taking out the movement of the tissue", reload_nothing},
+    {first_test_data_code, "test data", step_units::hundred,
+     always<test_data_step<test_data::second_gaussian>>, never_wanted, keep_ticked, no_parameters,
+     " - test data: adding Gaussian events to channel 1", reload_nothing},
+    {first_test_data_code + 1, "test data", step_units::hundred,
+     always<test_data_step<test_data::gaussian>>, never_wanted, keep_ticked, no_parameters,
+     " - test data: putting Gaussian noise on channel 1", reload_nothing},
+    {first_test_data_code + 2, "test data", step_units::hundred,
+     always<test_data_step<test_data::exponential>>, never_wanted, keep_ticked, no_parameters,
+     " - test data: adding exponential noise events to channel 1", reload_nothing},
 };
 
 bool is_band_pass(const filter_operation& operation) { return operation.run == band_pass_filter; }
@@ -392,6 +410,16 @@ bool run_filter_steps(session_state& session) {
   // A chain without a single step counts as filtering, too.
   session.recording.recording_filtered = true;
   return true;
+}
+
+void put_test_data(session_state& session, test_data which) {
+  if (session.recording.n_samples == 0) return;
+  make_test_data(session, which);
+  const std::int32_t code = first_test_data_code + static_cast<std::int32_t>(which);
+  for (const filter_operation& operation : operations) {
+    if (operation.code == code) list_operation(session, operation);
+  }
+  session.recording.recording_filtered = true;
 }
 
 bool run_filter_chain(session_state& session) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "session/session_state.h"
+#include "signal/test_data.h"
 
 namespace kestrelvane {
 
@@ -26,6 +27,10 @@ bool run_filter_chain(session_state& session);
 bool run_filter_steps(session_state& session);
 // Ticks off, corners and widths as they are: for an operation that runs a chain of its own.
 void untick_all_filters(filter_settings& settings);
+
+// Known data on channel 1, as a step of the history: what reads it later, or repeats it over the
+// recording, knows that the samples are not those of the animal.
+void put_test_data(session_state& session, test_data which);
 
 // Runs filter_history over the samples, in list order. The settings take the values of
 // the entries. False as above, and when an entry could not be made sense of and was left

@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "analysis/amplitude_fits.h"
+#include "signal/filter_chain.h"
 #include "sorting/realign_steps.h"
 #include "support/plain_forms.h"
 #include "support/small_session.h"
@@ -311,6 +312,35 @@ TEST_F(amplitude_test, TestDataHaveTheirSigma) {
   session->recording.vscale_HP = 1e-4f;
   put_test_data(*session, test_data::exponential);
   EXPECT_TRUE(session.user.logged("Possible overflow"));
+}
+
+TEST_F(amplitude_test, TestDataAreRepeatedWithTheFilterHistory) {
+  const auto make = [&] {
+    make_recording(*session, 2, 50'000, 20000, 0.5f);
+    std::int16_t* v = session->recording.vd.channel(1);
+    for (std::int32_t t = 1; t <= 50'000; ++t) v[t] = static_cast<std::int16_t>(t % 7);
+  };
+  const auto samples = [&] {
+    const std::int16_t* v = session->recording.vd.channel(1);
+    return std::vector<std::int16_t>(v + 1, v + 50'001);
+  };
+  for (const test_data which :
+       {test_data::second_gaussian, test_data::gaussian, test_data::exponential}) {
+    make();
+    session->filter_history.n_entries = 0;
+    session->filter.do_temporal_smooth = true;
+    ASSERT_TRUE(run_filter_steps(*session));
+    put_test_data(*session, which);
+    const std::vector<std::int16_t> put = samples();
+    EXPECT_EQ(session->filter_history.n_entries, 2);
+    make();
+    EXPECT_NE(samples(), put);
+    ASSERT_TRUE(repeat_filtering(*session));
+    EXPECT_EQ(samples(), put) << static_cast<int>(which);
+    EXPECT_TRUE(session.user.logged(" - test data: "));
+    EXPECT_EQ(session->filter_history.n_entries, 2);
+    session->filter.do_temporal_smooth = false;
+  }
 }
 
 TEST_F(amplitude_test, TagsAndFiles) {

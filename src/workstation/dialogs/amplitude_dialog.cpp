@@ -10,6 +10,7 @@
 #include "analysis/power_spectrum.h"
 #include "clustering/membership.h"
 #include "files/input_file.h"
+#include "signal/filter_chain.h"
 #include "signal/noise.h"
 #include "workstation/commands/commands.h"
 #include "workstation/commands/file_choice.h"

@@ -1,9 +1,8 @@
-// Known data on channel 1, on which the analysis of amplitudes is tried.
+#include "signal/test_data.h"
+
 #include <algorithm>
 #include <cmath>
 #include <random>
-
-#include "analysis/amplitude_distribution.h"
 
 namespace kestrelvane {
 
@@ -38,7 +37,7 @@ std::string test_data_question(test_data which) {
   return "This will " + what + " in memory, for good. Continue?";
 }
 
-void put_test_data(session_state& session, test_data which) {
+void make_test_data(session_state& session, test_data which) {
   recording_store& r = session.recording;
   if (r.n_samples == 0) return;
   const double scale = r.vscale_HP;
@@ -64,8 +63,6 @@ void put_test_data(session_state& session, test_data which) {
                        : which == test_data::exponential
                            ? "Exponential noise events added to channel 1"
                            : "Gaussian events of 20 uV added to channel 1");
-  // The samples are no longer those of the file.
-  r.recording_filtered = true;
 }
 
 }  // namespace kestrelvane
