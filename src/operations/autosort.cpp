@@ -18,6 +18,7 @@
 #include "operations/cleaning.h"
 #include "operations/high_pass_offer.h"
 #include "operations/sort_keeper.h"
+#include "review/guided_merge.h"
 #include "session/template_window.h"
 #include "signal/thresholds.h"
 #include "sorting/channel_clusters.h"
@@ -370,7 +371,7 @@ bool end_finished(session_state& session, clock::time_point begin) {
          "Warning!", box_icon::warning);
   } else if (n == 0) {
     tell_no_clusters(session);
-  } else if (stable == n) {
+  } else if (stable == n && session.clusters.proposal_reasons.empty()) {
     tell(session, "Finished Autosort!", "Done!", box_icon::information);
   } else {
     tell(session, "Finished Autosort, now do Guided Merge", "Done!", box_icon::information);
@@ -533,7 +534,7 @@ bool leave_autosort(session_state& session) {
     renew_outdated_templates(session);
     set_status(session, status_field::message, "Finished ... press OK to continue");
   }
-  return session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0;
+  return session.autosort.next_stage_requested && has_pairs_to_examine(session);
 }
 
 }  // namespace kestrelvane

@@ -35,21 +35,22 @@ std::int64_t count_proposals(const session_state& session) {
   return static_cast<std::int64_t>(session.clusters.proposal_reasons.size());
 }
 
-// Measures keep the pieces of a unit apart that lie far from each other, and the user alone can
-// say that they are not one.
-std::int64_t next_proposal(const session_state& session) {
+// Pairs that nobody has judged yet. Measures keep the pieces of a unit apart that lie far from each
+// other, and the user alone can say that they are not one.
+std::vector<std::int64_t> open_proposals(const session_state& session) {
   const cluster_table& clusters = session.clusters;
   const status_lists_table& lists = session.lists;
   const std::int32_t n = clusters.n_clusters;
-  if (count_proposals(session) == 0 || lists.n_kv_pairs == 0) return 0;
+  std::vector<std::int64_t> open;
+  if (count_proposals(session) == 0 || lists.n_kv_pairs == 0) return open;
   for (std::int32_t a = 1; a <= n; ++a) {
     for (std::int32_t b = a + 1; b <= n && clusters.cluster_proposal[a] > 0; ++b) {
       if (clusters.cluster_proposal[a] != clusters.cluster_proposal[b]) continue;
       const std::int64_t k = pair_index(n, a, b);
-      if (!lists.kv_user_ambiguous[k] && !lists.kv_user_distinct[k]) return k;
+      if (!lists.kv_user_ambiguous[k] && !lists.kv_user_distinct[k]) open.push_back(k);
     }
   }
-  return 0;
+  return open;
 }
 
 }  // namespace
@@ -79,12 +80,16 @@ guided_search guided_next_pair(const session_state& session, std::int32_t search
       search.k = k;
     }
   }
-  const std::int64_t proposed = next_proposal(session);
-  if (proposed == 0) return search;
-  // One that the measures keep apart is not among those that were counted.
-  search.pairs_left += pair_is_distinct(session, proposed);
-  search.k = proposed;
+  const std::vector<std::int64_t> proposed = open_proposals(session);
+  if (proposed.empty()) return search;
+  // Those that the measures keep apart are not among the ones that were counted.
+  for (const std::int64_t k : proposed) search.pairs_left += pair_is_distinct(session, k);
+  search.k = proposed.front();
   return search;
+}
+
+bool has_pairs_to_examine(const session_state& session) {
+  return guided_next_pair(session, order_most_overlap).k > 0;
 }
 
 // ---------------------------------------------------------------- walking

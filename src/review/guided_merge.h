@@ -66,6 +66,8 @@ struct guided_search {
 };
 // Pairs that the template pass has proposed come before all others.
 guided_search guided_next_pair(const session_state& session, std::int32_t search_order);
+// Whether there is a pair to show: one in doubt, or one that is proposed.
+bool has_pairs_to_examine(const session_state& session);
 // Why a pair was proposed; empty: it was not.
 std::string proposal_of(const session_state& session, cluster_pair pair);
 

@@ -138,6 +138,22 @@ TEST_F(guided_test, what_the_template_pass_proposes_comes_first) {
   expect_consistent();
 }
 
+TEST_F(guided_test, all_open_proposals_are_counted) {
+  session->clusters.proposal_reasons = {"in turn", "in turn, too"};
+  EXPECT_FALSE(has_pairs_to_examine(*session)) << "no measure is in doubt";
+  session->clusters.cluster_proposal[4] = session->clusters.cluster_proposal[6] = 2;
+  session->clusters.cluster_proposal[1] = session->clusters.cluster_proposal[5] = 1;
+  EXPECT_TRUE(has_pairs_to_examine(*session));
+  EXPECT_EQ(guided_next_pair(*session, order_most_overlap).pairs_left, 2);
+  ASSERT_EQ(begin_guided_merge(*session, walk), guided_step::decide);
+  expect_on_show(1, 5);
+  ASSERT_EQ(decide_pair(*session, walk, guided_distinct), guided_step::decide);
+  expect_on_show(4, 6);
+  EXPECT_EQ(walk.pairs_left, 1);
+  EXPECT_EQ(decide_pair(*session, walk, guided_distinct), guided_step::finished);
+  EXPECT_FALSE(has_pairs_to_examine(*session));
+}
+
 TEST_F(guided_test, marks_lead_on_until_all_are_settled) {
   put_pair(2, 3, 0.9f);
   put_pair(1, 4, 0.5f);

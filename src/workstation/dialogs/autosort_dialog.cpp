@@ -12,11 +12,11 @@
 #include "operations/autosort.h"
 #include "operations/planted_score.h"
 #include "operations/preset_sort.h"
+#include "review/guided_merge.h"
 #include "review/recorded_edit.h"
 #include "session/presets.h"
 #include "session/settings_table.h"
 #include "session/template_window.h"
-#include "sorting/status_lists.h"
 #include "sorting/undo_state.h"
 #include "workstation/commands/commands.h"
 #include "workstation/dialogs/dialog_parts.h"
@@ -489,7 +489,7 @@ QLayout* button_row(const shared_autosort& a) {
 void go_on_to_guided_merge(workstation& w) {
   const session_state& session = w.session;
   // With all pairs settled guided merging would open to say only that.
-  if (session.autosort.next_stage_requested && count_pairs_to_examine(session) > 0) {
+  if (session.autosort.next_stage_requested && has_pairs_to_examine(session)) {
     guided_merge_command(w);
   }
 }

@@ -249,6 +249,12 @@ void fill_dialog(const shared_guided& g) {
   g->list->setMinimumSize(320, 110);
   g->message = new QLabel;
   g->message->setObjectName("message");
+  // Why a pair is asked for takes a second line; it never makes the dialog wider, which stands at
+  // the edge of the screen.
+  g->message->setWordWrap(true);
+  g->message->setAlignment(Qt::AlignLeft | Qt::AlignBottom);
+  g->message->setMinimumHeight(2 * g->message->fontMetrics().lineSpacing());
+  g->message->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
   g->bar = make_bar("progress", 100);
   // One narrow column, so that the windows have the rest of the screen.
   auto* layout = new QVBoxLayout(g->dialog);
