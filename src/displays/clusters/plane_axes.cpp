@@ -91,9 +91,10 @@ void paint_titles(QPainter& painter, const QRectF& rect, const drawn_graph& plan
   use_title_font(painter);
   const QFontMetrics large = painter.fontMetrics();
   const double room = box.width() - note_width - 8;
-  painter.drawText(
-      QPointF(box.left(), box.top() - 7),
-      large.elidedText(labels.title, Qt::ElideRight, static_cast<int>(std::max(box.width(), 0.0))));
+  painter.drawText(QPointF(box.left(), box.top() - 7),
+                   // Numbers stand at the end.
+                   large.elidedText(labels.title, Qt::ElideMiddle,
+                                    static_cast<int>(std::max(box.width(), 0.0))));
   // Of the two the title says more: it is whole, and the note goes below it, over the points.
   const double below = large.horizontalAdvance(labels.title) <= room ? 0 : small.lineSpacing() + 6;
   painter.setFont(note_font);

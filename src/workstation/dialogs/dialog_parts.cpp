@@ -7,6 +7,7 @@
 #include <QStyle>
 #include <QTimer>
 #include <QVBoxLayout>
+#include <cmath>
 #include <memory>
 #include <utility>
 
@@ -178,18 +179,27 @@ void follow_clock(const operation_dialog* dialog, QLabel* minutes) {
   auto* ticks = new QTimer(minutes);
   const auto since = std::make_shared<QElapsedTimer>();
   const auto worked = std::make_shared<qint64>(0);  // ms
+  const auto written = std::make_shared<QString>();
   QObject::connect(dialog, &operation_dialog::running_changed, ticks, [=](bool running) {
     since->start();
     *worked = 0;
+    *written = minutes->text();
     running ? ticks->start(tick_ms) : ticks->stop();
   });
   QObject::connect(ticks, &QTimer::timeout, minutes, [=] {
     const qint64 passed = since->restart();
     if (QApplication::activeModalWidget() != nullptr) return;
+    if (minutes->text() != *written) {
+      // From what the operation has told the clock goes on.
+      *worked = std::llround(minutes->text().toDouble() * 60'000);
+      *written = minutes->text();
+      return;
+    }
     *worked += passed;
     // Cut, not rounded, as the operation cuts it.
     const qint64 hundredths = *worked / tick_ms;
-    minutes->setText(QString::number(static_cast<double>(hundredths) / 100.0, 'f', 2));
+    *written = QString::number(static_cast<double>(hundredths) / 100.0, 'f', 2);
+    minutes->setText(*written);
   });
 }
 
