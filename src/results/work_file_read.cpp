@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <sstream>
 #include <vector>
 
 #include "results/work_file.h"
@@ -119,12 +120,44 @@ bool read_note(work_file_source& in, session_state& session, std::int32_t length
   return read_bytes(in, note.data(), length);
 }
 
+// Words that name no two clusters of the file propose nothing.
+void take_proposal(session_state& session, std::int32_t n_clusters, const std::string& words) {
+  cluster_table& clusters = session.clusters;
+  std::istringstream text(words);
+  std::int32_t a = 0, b = 0;
+  std::string why;
+  text >> a >> b >> std::ws;
+  std::getline(text, why);
+  const auto is_free = [&](std::int32_t c) {
+    return c >= 1 && c <= n_clusters && clusters.cluster_proposal[c] == 0;
+  };
+  if (a == b || !is_free(a) || !is_free(b) || why.empty()) return;
+  clusters.proposal_reasons.push_back(why);
+  clusters.cluster_proposal[a] = clusters.cluster_proposal[b] =
+      static_cast<std::int32_t>(clusters.proposal_reasons.size());
+}
+
+bool read_proposal(work_file_source& in, session_state& session, std::int32_t length) {
+  constexpr std::int32_t longest = 1000;  // characters
+  if (length < 0 || length > longest || length > remaining(in)) {
+    return fail(in, fmt::format("has a proposal of {} characters", length));
+  }
+  std::string words(static_cast<std::size_t>(length), ' ');
+  if (!read_bytes(in, words.data(), length)) return false;
+  take_proposal(session, static_cast<std::int32_t>(in.counts.of[per_cluster]), words);
+  return true;
+}
+
 bool read_comments(work_file_source& in, session_state& session) {
   while (remaining(in) > 0) {
     std::int32_t length = 0, cluster = 0;
     if (!read_bytes(in, &length, 4) || !read_bytes(in, &cluster, 4)) return false;
     if (cluster == stage_note_number) {
       if (!read_note(in, session, length)) return false;
+      continue;
+    }
+    if (cluster == proposal_number) {
+      if (!read_proposal(in, session, length)) return false;
       continue;
     }
     if (cluster == 0) {

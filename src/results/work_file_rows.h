@@ -20,6 +20,8 @@ constexpr std::int64_t work_file_label_length = 24;  // bytes
 constexpr std::int64_t work_file_path_length = 256;  // bytes
 // In the place of a cluster's number among the comments: the note of an unfinished sort.
 constexpr std::int32_t stage_note_number = std::numeric_limits<std::int32_t>::min();
+// Likewise: two clusters that are proposed to Guided Merge, and the reason: "3 17 in turn, ...".
+constexpr std::int32_t proposal_number = stage_note_number + 1;
 
 // What the number of elements of a row grows with.
 enum row_count : std::int32_t {
@@ -43,8 +45,8 @@ enum class row_form {
   channel_lists,  // for each slot 1..n_channels, every cluster in turn
   positions,      // template_x, template_y of each cluster
   // To the end of the file: length, cluster, text. Of a negative number the text is the label of
-  // the unit, by its name. Of number 0 it is no text: event_amplitude and event_gain of all events,
-  // where the template pass has measured them.
+  // the unit, by its name; the two numbers above have texts of the sort. Of number 0 it is no text:
+  // event_amplitude and event_gain of all events, where the template pass has measured them.
   comments,
 };
 

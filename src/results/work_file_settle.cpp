@@ -209,6 +209,8 @@ void prepare_for_work_file(session_state& session) {
   c.cluster_signed_off.clear();
   c.cluster_tag.clear();
   c.cluster_label.clear();
+  c.cluster_proposal.clear();
+  c.proposal_reasons.clear();
   session.lists.n_kv_pairs = 0;
   session.lists.n_match = 0;
   // Not in the file; tries of the sort before would count against pairs of this one.

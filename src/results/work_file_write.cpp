@@ -53,6 +53,24 @@ void write_positions(safe_file& out, const session_state& session) {
   }
 }
 
+// Those whose two clusters there still are.
+void write_proposals(safe_file& out, const session_state& session) {
+  const cluster_table& clusters = session.clusters;
+  const auto n = static_cast<std::int32_t>(clusters.proposal_reasons.size());
+  for (std::int32_t number = 1; number <= n; ++number) {
+    std::vector<std::int32_t> pair;
+    for (std::int32_t c = 1; c <= clusters.n_clusters; ++c) {
+      if (clusters.cluster_proposal[c] == number) pair.push_back(c);
+    }
+    if (pair.size() != 2) continue;
+    const std::string text =
+        fmt::format("{} {} {}", pair[0], pair[1], clusters.proposal_reasons[number - 1]);
+    write_value(out, static_cast<std::int32_t>(text.size()));
+    write_value(out, proposal_number);
+    write_text(out, text);
+  }
+}
+
 void write_comments(safe_file& out, const session_state& session) {
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) {
     const std::string_view comment = session.clusters.cluster_comment[c].view();
@@ -69,6 +87,7 @@ void write_comments(safe_file& out, const session_state& session) {
     write_value(out, -c);
     write_text(out, name);
   }
+  write_proposals(out, session);
   if (!has_amplitudes(session.events)) return;
   const std::size_t bytes = 4u * static_cast<std::size_t>(session.events.n_events);
   write_value(out, static_cast<std::int32_t>(2 * bytes));

@@ -56,7 +56,7 @@ struct cluster_table {
   // 0: none did. Not saved.
   table<std::int32_t> cluster_source;
   // Two clusters of one number here are proposed to Guided Merge, for the reason of that number
-  // (from 1); 0: none is. Not saved.
+  // (from 1); 0: none is.
   table<std::int32_t> cluster_proposal;
 
   std::vector<std::string> proposal_reasons;  // of cluster_proposal, element 0 of number 1

@@ -240,6 +240,34 @@ TEST_F(work_file_test, what_lies_beyond_a_count_is_not_written) {
   EXPECT_EQ(written(), clean);
 }
 
+TEST_F(work_file_test, proposals_go_with_the_sort_and_with_no_other) {
+  ASSERT_TRUE(read(work_file_content{}));
+  const std::vector<char> clean = written();
+  cluster_table& c = session->clusters;
+  ASSERT_GE(c.n_clusters, 3);
+  c.proposal_reasons = {"its other cluster is gone", "in turn, similarity 0.85"};
+  c.cluster_proposal[2] = 1;
+  c.cluster_proposal[1] = c.cluster_proposal[3] = 2;
+  const std::vector<char> proposed = written();
+  EXPECT_GT(proposed.size(), clean.size());
+  ASSERT_TRUE(read(clean));
+  EXPECT_TRUE(c.proposal_reasons.empty());
+  EXPECT_EQ(c.cluster_proposal[1], 0);
+  ASSERT_TRUE(read(proposed));
+  EXPECT_THAT(c.proposal_reasons, testing::ElementsAre("in turn, similarity 0.85"));
+  EXPECT_EQ(c.cluster_proposal[1], 1);
+  EXPECT_EQ(c.cluster_proposal[2], 0);
+  EXPECT_EQ(c.cluster_proposal[3], 1);
+  // Of clusters that there are not nothing is proposed.
+  const std::string words = "1 3 in turn";
+  std::vector<char> other = written();
+  const auto at = std::search(other.begin(), other.end(), words.begin(), words.end());
+  ASSERT_NE(at, other.end());
+  at[0] = '7';
+  ASSERT_TRUE(read(other));
+  EXPECT_TRUE(c.proposal_reasons.empty());
+}
+
 TEST_F(work_file_test, older_versions_lack_what_came_later) {
   for (std::int32_t version = 4; version <= 7; ++version) {
     SCOPED_TRACE(version);
