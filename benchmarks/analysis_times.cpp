@@ -130,11 +130,11 @@ void correlate_all(const session_state& session) {
   std::vector<std::int32_t> units;
   for (std::int32_t c = 1; c <= session.clusters.n_clusters; ++c) units.push_back(c);
   const std::vector<spike_train> trains = get_spike_trains(session, units);
+  std::vector<train_pair> pairs;
   for (std::size_t a = 0; a < trains.size(); ++a) {
-    for (std::size_t b = a; b < trains.size(); ++b) {
-      correlogram_counts(session, trains[a], trains[b], 0.5f);
-    }
+    for (std::size_t b = a; b < trains.size(); ++b) pairs.push_back({a, b});
   }
+  correlograms_of_pairs(session, trains, pairs, 0.5f);
 }
 
 void time_units(std::int32_t n_events, std::int32_t n_units) {

@@ -127,6 +127,12 @@ std::vector<std::size_t> order_by_time(const std::vector<spike>& entries, std::s
   return order;
 }
 
+// 50.5 widths, and a tick for the roundings of the bin's own arithmetic.
+std::int64_t reach_of(tick_clock clock, float bin_ms) {
+  const double widths = (correlogram_reach + 0.5) * static_cast<double>(bin_ms);
+  return static_cast<std::int64_t>(widths * static_cast<double>(clock.rate) / 1000) + 2;
+}
+
 counting prepare_counting(const spike_train& a, const spike_train& b, tick_clock clock,
                           float bin_ms) {
   counting c;
@@ -148,9 +154,7 @@ counting prepare_counting(const spike_train& a, const spike_train& b, tick_clock
     c.spikes.push_back(entries[order[i]]);
     c.place_of_entry[order[i]] = i;
   }
-  // 50.5 widths, and a tick for the roundings of the bin's own arithmetic.
-  const double widths = (correlogram_reach + 0.5) * static_cast<double>(bin_ms);
-  c.reach = static_cast<std::int64_t>(widths * static_cast<double>(clock.rate) / 1000) + 2;
+  c.reach = reach_of(clock, bin_ms);
   return c;
 }
 
@@ -188,10 +192,97 @@ void count_round_reference(const counting& c, std::size_t entry, bin_counts& cou
   }
 }
 
-}  // namespace
+// ---------------------------------------------------------------- trains in order of time
 
-correlogram correlogram_counts(const session_state& session, const spike_train& a,
-                               const spike_train& b, float bin_ms) {
+// Nearly all are: the two are then walked side by side, without a list of both.
+struct ordered_trains {
+  const spike_train &a, &b;
+  tick_clock clock;
+  bool is_auto;
+  float bin_ms;
+  std::int64_t reach;   // ticks
+  std::int32_t stride;  // of the references
+};
+
+void count_ticks(const ordered_trains& o, std::int64_t ticks, bool second, bin_counts& counts) {
+  // As count_pair has it.
+  if (o.clock.from_stamps && o.is_auto && ticks == 0) return;
+  if (second) ticks = -ticks;
+  const float dt_ms = static_cast<float>(ticks) * 1000.0f / o.clock.rate;
+  const std::int32_t bin = correlogram_bin(dt_ms, o.bin_ms);
+  if (std::abs(bin) <= correlogram_reach) ++counts[bin + correlogram_reach];
+}
+
+// References from..to of one train among the spikes of the other; of an autocorrelogram among those
+// that follow them, which are the later ones of the table as well. Positions go by the stride.
+void count_references(const ordered_trains& o, bool second, std::size_t from, std::size_t to,
+                      bin_counts& counts) {
+  const spike_train& own = second ? o.b : o.a;
+  const spike_train& other = second ? o.a : o.b;
+  const auto stride = static_cast<std::size_t>(o.stride);
+  if (from >= to) return;
+  const auto begin = other.times.begin();
+  auto low = static_cast<std::size_t>(
+      std::lower_bound(begin, other.times.end(), own.times[from] - o.reach) - begin);
+  const std::size_t n = other.times.size();
+  for (std::size_t i = from; i < to; i += stride) {
+    const std::int64_t time = own.times[i];
+    while (low < n && other.times[low] < time - o.reach) ++low;
+    for (std::size_t j = o.is_auto ? i + 1 : low; j < n && other.times[j] - time <= o.reach; ++j) {
+      // A pair counts once, by the spike that comes first in the table of events.
+      if (other.events[j] > own.events[i]) {
+        count_ticks(o, other.times[j] - time, second, counts);
+      }
+    }
+  }
+}
+
+// The list of references, first those of a and then those of b, has no gap where one ends: of the
+// second the first that the stride meets.
+std::size_t first_of_second(std::size_t n_a, std::int32_t stride) {
+  const auto s = static_cast<std::size_t>(stride);
+  return (n_a + s - 1) / s * s - n_a;
+}
+
+void count_ordered(const ordered_trains& o, std::int32_t n_threads, bin_counts& counts) {
+  // Positions in a train; whole strides, so that each piece begins at a reference.
+  const std::size_t piece = 4096 * static_cast<std::size_t>(o.stride);
+  const std::size_t begins[] = {0, first_of_second(o.a.times.size(), o.stride)};
+  const std::size_t ends[] = {o.a.times.size(), o.b.times.size()};
+  for (const int side : {0, 1}) {
+    if (begins[side] >= ends[side]) continue;
+    std::vector<bin_counts> of_thread(static_cast<std::size_t>(n_threads));
+    const auto n_pieces =
+        static_cast<std::int64_t>((ends[side] - begins[side] + piece - 1) / piece);
+    parallel_for(n_threads, 0, n_pieces - 1, [&](std::int64_t i, std::int32_t rank) {
+      const std::size_t from = begins[side] + static_cast<std::size_t>(i) * piece;
+      count_references(o, side == 1, from, std::min(from + piece, ends[side]), of_thread[rank]);
+    });
+    // Whole numbers, so that the sum over threads is the same in any order and at any number of
+    // them.
+    for (const bin_counts& part : of_thread) {
+      for (std::size_t bin = 0; bin < part.size(); ++bin) counts[bin] += part[bin];
+    }
+  }
+}
+
+void count_all(const counting& c, std::int64_t n_listed, std::int32_t stride,
+               std::int32_t n_threads, bin_counts& counts) {
+  std::vector<bin_counts> of_thread(static_cast<std::size_t>(n_threads));
+  parallel_for(n_threads, 0, (n_listed - 1) / stride, [&](std::int64_t i, std::int32_t rank) {
+    count_round_reference(c, static_cast<std::size_t>(i * stride), of_thread[rank]);
+  });
+  for (const bin_counts& part : of_thread) {
+    for (std::size_t bin = 0; bin < part.size(); ++bin) counts[bin] += part[bin];
+  }
+}
+
+bool is_ordered(const spike_train& train) {
+  return std::is_sorted(train.times.begin(), train.times.end());
+}
+
+correlogram count_on_threads(const session_state& session, const spike_train& a,
+                             const spike_train& b, float bin_ms, std::int32_t n_threads) {
   correlogram result;
   result.a = a.unit;
   result.b = b.unit;
@@ -205,18 +296,40 @@ correlogram correlogram_counts(const session_state& session, const spike_train& 
   // Records that were stored one by one are too few to be thinned.
   if (!clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
   if (n_listed == 0) return result;
-  const counting c = prepare_counting(a, b, clock, result.bin_ms);
-  // Whole numbers, so that the sum over threads is the same in any order and at any number of them.
-  const std::int32_t n_threads = std::max(1, threads_now(session));
-  std::vector<bin_counts> of_thread(static_cast<std::size_t>(n_threads));
-  const std::int64_t last = (n_listed - 1) / result.stride;
-  parallel_for(n_threads, 0, last, [&](std::int64_t i, std::int32_t rank) {
-    count_round_reference(c, static_cast<std::size_t>(i * result.stride), of_thread[rank]);
-  });
-  for (const bin_counts& counts : of_thread) {
-    for (std::size_t i = 0; i < counts.size(); ++i) result.counts[i] += counts[i];
+  if (is_ordered(a) && is_ordered(b)) {
+    const ordered_trains trains{a,
+                                b,
+                                clock,
+                                a.unit == b.unit,
+                                result.bin_ms,
+                                reach_of(clock, result.bin_ms),
+                                result.stride};
+    count_ordered(trains, n_threads, result.counts);
+  } else {
+    count_all(prepare_counting(a, b, clock, result.bin_ms), n_listed, result.stride, n_threads,
+              result.counts);
   }
   return result;
+}
+
+}  // namespace
+
+correlogram correlogram_counts(const session_state& session, const spike_train& a,
+                               const spike_train& b, float bin_ms) {
+  return count_on_threads(session, a, b, bin_ms, std::max(1, threads_now(session)));
+}
+
+std::vector<correlogram> correlograms_of_pairs(const session_state& session,
+                                               const std::vector<spike_train>& trains,
+                                               const std::vector<train_pair>& pairs, float bin_ms) {
+  std::vector<correlogram> results(pairs.size());
+  const auto last = static_cast<std::int64_t>(pairs.size()) - 1;
+  parallel_for(std::max(1, threads_now(session)), 0, last, [&](std::int64_t i, std::int32_t) {
+    const train_pair& pair = pairs[static_cast<std::size_t>(i)];
+    results[static_cast<std::size_t>(i)] =
+        count_on_threads(session, trains[pair.a], trains[pair.b], bin_ms, 1);
+  });
+  return results;
 }
 
 correlogram correlogram_counts(const session_state& session, std::int32_t a, std::int32_t b) {

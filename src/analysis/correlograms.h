@@ -64,6 +64,13 @@ std::int32_t correlogram_bin(float dt_ms, float bin_ms);
 // the table of events.
 correlogram correlogram_counts(const session_state& session, const spike_train& a,
                                const spike_train& b, float bin_ms);
+// Of many pairs, in their order, each on a thread of its own; a and b count from 0 in the trains.
+struct train_pair {
+  std::size_t a = 0, b = 0;
+};
+std::vector<correlogram> correlograms_of_pairs(const session_state& session,
+                                               const std::vector<spike_train>& trains,
+                                               const std::vector<train_pair>& pairs, float bin_ms);
 // The same with the trains gathered here, and the width in review_settings.
 correlogram correlogram_counts(const session_state& session, std::int32_t a, std::int32_t b);
 

@@ -90,6 +90,7 @@ TEST_F(amplitude_test, EachRowCountsItsMeasureOfTheSamples) {
   EXPECT_TRUE(session.user.logged("Analysing dataset"));
   EXPECT_TRUE(session.user.logged("Sample limits = 1 4000"));
   EXPECT_TRUE(session.user.logged("max_ea_bins= 2000"));
+  EXPECT_TRUE(session.user.logged("n_samples in histogram= "));
 }
 
 TEST_F(amplitude_test, MasksTagsAndChannelsChooseTheSamples) {
@@ -303,6 +304,7 @@ TEST_F(amplitude_test, TestDataHaveTheirSigma) {
   EXPECT_EQ(*std::max_element(session->recording.vd.channel(2),
                               session->recording.vd.channel(2) + 200'000),
             0);
+  EXPECT_TRUE(session.user.logged("Gaussian noise with mean = 0 +- 10 uV put on channel 1"));
   const double plain = a.figures.non_gaussian;
   put_test_data(*session, test_data::exponential);
   ASSERT_TRUE(analyse_amplitudes(*session, request, a));

@@ -49,6 +49,8 @@ struct correlogram_test : ::testing::Test {
   }
 };
 
+using bin_list = decltype(correlogram::counts);
+
 // Every reference against every later event of the table, as the method is told.
 correlogram plain_correlogram(const session_state& s, std::int32_t a, std::int32_t b, float width) {
   correlogram result;
@@ -118,6 +120,40 @@ TEST_F(correlogram_test, as_the_plain_form_at_any_number_of_threads) {
     }
   }
   EXPECT_EQ(correlogram_counts(*session, 1, 2).stride, 4) << "70,000 spikes";
+}
+
+TEST_F(correlogram_test, ordered_trains_are_the_plain_form_too) {
+  vector_random random{17};
+  for (const int n : {1, 2, 5, 4000, 21000}) {
+    for (const bool ordered_table : {true, false}) {
+      std::vector<std::pair<int, int>> spikes;
+      int time = 1000;
+      for (int i = 0; i < n; ++i) {
+        // Some at one time, of one unit or of two.
+        time += static_cast<int>((random.next() >> 16) % (n > 5000 ? 9 : 40));
+        spikes.push_back({time, 1 + static_cast<int>((random.next() >> 16) % 3 == 0)});
+      }
+      // In a table that lists one unit after the other each train by itself is in order.
+      if (!ordered_table) {
+        std::stable_sort(spikes.begin(), spikes.end(),
+                         [](const auto& x, const auto& y) { return x.second < y.second; });
+      }
+      put_spikes(spikes);
+      session->clusters.n_clusters = 2;
+      for (const auto& [a, b] : {std::pair{1, 1}, {1, 2}, {2, 1}, {2, 2}}) {
+        const bin_list plain = plain_correlogram(*session, a, b, 1.0f).counts;
+        for (const int threads : {1, 3}) {
+          use_threads(*session, threads);
+          EXPECT_EQ(correlogram_counts(*session, a, b).counts, plain) << n << ": " << a << b;
+        }
+        const std::vector<spike_train> trains = get_spike_trains(*session, {1, 2});
+        const auto at = [](int unit) { return static_cast<std::size_t>(unit - 1); };
+        EXPECT_EQ(correlograms_of_pairs(*session, trains, {{0, 1}, {at(a), at(b)}}, 1.0f)[1].counts,
+                  plain);
+      }
+      if (n > 5000 && !ordered_table) break;
+    }
+  }
 }
 
 TEST_F(correlogram_test, trains_gathered_together_are_those_gathered_alone) {

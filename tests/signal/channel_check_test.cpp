@@ -304,6 +304,7 @@ TEST_P(planted_faults, each_is_named_and_a_clean_recording_has_none) {
     change(c, [&](float) { return 8 * noise(); });
     check = checked(*session);
     EXPECT_TRUE(selects(check, c, channel_fault::needs_masking));
+    EXPECT_THAT(texts_of(check), Contains(HasSubstr("Channel 10 may need masking; abs dev=-")));
     EXPECT_EQ(channels_to_mask(check), std::vector<std::int32_t>{c});
     put_back();
     const float three_times = 3 * r.chan_noise[c];
@@ -318,6 +319,8 @@ TEST_P(planted_faults, each_is_named_and_a_clean_recording_has_none) {
     ASSERT_FALSE(check.problem_list.empty());
     for (const channel_problem& p : check.problem_list) {
       EXPECT_TRUE(p.channel == c || p.channel == far) << p.text;
+      EXPECT_THAT(p.text, testing::AnyOf(HasSubstr(" may be mislocalised; deviation="),
+                                         HasSubstr(" may need masking; abs dev=")));
     }
   }
 }

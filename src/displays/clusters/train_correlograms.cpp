@@ -47,9 +47,9 @@ train_panels count_trains(const session_state& session, std::int32_t unit, std::
   }
   const float width = session.review.correlogram_bin_ms;
   const std::vector<spike_train> trains = get_spike_trains(session, shown);
-  for (const spike_train& other : trains) {
-    panels.correlograms.push_back(correlogram_counts(session, trains[0], other, width));
-  }
+  std::vector<train_pair> pairs;
+  for (std::size_t i = 0; i < trains.size(); ++i) pairs.push_back({0, i});
+  panels.correlograms = correlograms_of_pairs(session, trains, pairs, width);
   return panels;
 }
 
