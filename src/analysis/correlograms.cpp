@@ -194,23 +194,51 @@ void count_round_reference(const counting& c, std::size_t entry, bin_counts& cou
 
 // ---------------------------------------------------------------- trains in order of time
 
+// The bin of every difference within reach, by its magnitude: a look into it takes less than the
+// two divisions of the bin's arithmetic, of which many pairs would make many millions.
+struct bin_table {
+  tick_clock clock;
+  float bin_ms = 0;
+  std::int64_t reach = 0;             // ticks
+  std::vector<std::int8_t> of_ticks;  // empty where there would be too many
+};
+constexpr std::int8_t beyond_reach = correlogram_reach + 1;
+
+std::int32_t compute_bin(const bin_table& table, std::int64_t ticks) {
+  const float dt_ms = static_cast<float>(ticks) * 1000.0f / table.clock.rate;
+  return std::min(correlogram_bin(dt_ms, table.bin_ms), std::int32_t{beyond_reach});
+}
+
+bin_table make_bin_table(tick_clock clock, float bin_ms) {
+  constexpr std::int64_t most = 200'000;
+  bin_table table{clock, bin_ms, reach_of(clock, bin_ms), {}};
+  if (table.reach > most) return table;
+  for (std::int64_t ticks = 0; ticks <= table.reach; ++ticks) {
+    table.of_ticks.push_back(static_cast<std::int8_t>(compute_bin(table, ticks)));
+  }
+  return table;
+}
+
 // Nearly all are: the two are then walked side by side, without a list of both.
 struct ordered_trains {
   const spike_train &a, &b;
-  tick_clock clock;
+  const bin_table& table;
   bool is_auto;
-  float bin_ms;
-  std::int64_t reach;   // ticks
   std::int32_t stride;  // of the references
 };
 
+// The sign is given to the bin, since its arithmetic goes by the magnitude.
 void count_ticks(const ordered_trains& o, std::int64_t ticks, bool second, bin_counts& counts) {
   // As count_pair has it.
-  if (o.clock.from_stamps && o.is_auto && ticks == 0) return;
-  if (second) ticks = -ticks;
-  const float dt_ms = static_cast<float>(ticks) * 1000.0f / o.clock.rate;
-  const std::int32_t bin = correlogram_bin(dt_ms, o.bin_ms);
-  if (std::abs(bin) <= correlogram_reach) ++counts[bin + correlogram_reach];
+  if (o.table.clock.from_stamps && o.is_auto && ticks == 0) return;
+  const std::int64_t magnitude = std::abs(ticks);
+  const std::int32_t bin =
+      o.table.of_ticks.empty()
+          ? compute_bin(o.table, magnitude)
+          : std::int32_t{o.table.of_ticks[static_cast<std::size_t>(magnitude)]};
+  if (bin > correlogram_reach) return;
+  const bool left = second != (ticks < 0);
+  ++counts[left ? correlogram_reach - bin : correlogram_reach + bin];
 }
 
 // References from..to of one train among the spikes of the other; of an autocorrelogram among those
@@ -223,12 +251,13 @@ void count_references(const ordered_trains& o, bool second, std::size_t from, st
   if (from >= to) return;
   const auto begin = other.times.begin();
   auto low = static_cast<std::size_t>(
-      std::lower_bound(begin, other.times.end(), own.times[from] - o.reach) - begin);
+      std::lower_bound(begin, other.times.end(), own.times[from] - o.table.reach) - begin);
   const std::size_t n = other.times.size();
+  const std::int64_t reach = o.table.reach;
   for (std::size_t i = from; i < to; i += stride) {
     const std::int64_t time = own.times[i];
-    while (low < n && other.times[low] < time - o.reach) ++low;
-    for (std::size_t j = o.is_auto ? i + 1 : low; j < n && other.times[j] - time <= o.reach; ++j) {
+    while (low < n && other.times[low] < time - reach) ++low;
+    for (std::size_t j = o.is_auto ? i + 1 : low; j < n && other.times[j] - time <= reach; ++j) {
       // A pair counts once, by the spike that comes first in the table of events.
       if (other.events[j] > own.events[i]) {
         count_ticks(o, other.times[j] - time, second, counts);
@@ -281,30 +310,23 @@ bool is_ordered(const spike_train& train) {
   return std::is_sorted(train.times.begin(), train.times.end());
 }
 
+// table: of the width that the bins have.
 correlogram count_on_threads(const session_state& session, const spike_train& a,
-                             const spike_train& b, float bin_ms, std::int32_t n_threads) {
+                             const spike_train& b, const bin_table& table, std::int32_t n_threads) {
   correlogram result;
   result.a = a.unit;
   result.b = b.unit;
-  // A width of nothing holds nothing; what a setting may bring is above it.
-  result.bin_ms = std::max(bin_ms, 1e-6f);
+  result.bin_ms = table.bin_ms;
   result.n_a = static_cast<std::int32_t>(a.times.size());
   result.n_b = static_cast<std::int32_t>(b.times.size());
   result.duration_ms = 60000.0 * static_cast<double>(session.recording.duration_mins);
-  const tick_clock clock = clock_of_trains(session);
+  const tick_clock clock = table.clock;
   const std::int64_t n_listed = std::int64_t{result.n_a} + result.n_b;
   // Records that were stored one by one are too few to be thinned.
   if (!clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
   if (n_listed == 0) return result;
   if (is_ordered(a) && is_ordered(b)) {
-    const ordered_trains trains{a,
-                                b,
-                                clock,
-                                a.unit == b.unit,
-                                result.bin_ms,
-                                reach_of(clock, result.bin_ms),
-                                result.stride};
-    count_ordered(trains, n_threads, result.counts);
+    count_ordered({a, b, table, a.unit == b.unit, result.stride}, n_threads, result.counts);
   } else {
     count_all(prepare_counting(a, b, clock, result.bin_ms), n_listed, result.stride, n_threads,
               result.counts);
@@ -312,11 +334,17 @@ correlogram count_on_threads(const session_state& session, const spike_train& a,
   return result;
 }
 
+bin_table table_of_width(const session_state& session, float bin_ms) {
+  // A width of nothing holds nothing; what a setting may bring is above it.
+  return make_bin_table(clock_of_trains(session), std::max(bin_ms, 1e-6f));
+}
+
 }  // namespace
 
 correlogram correlogram_counts(const session_state& session, const spike_train& a,
                                const spike_train& b, float bin_ms) {
-  return count_on_threads(session, a, b, bin_ms, std::max(1, threads_now(session)));
+  return count_on_threads(session, a, b, table_of_width(session, bin_ms),
+                          std::max(1, threads_now(session)));
 }
 
 std::vector<correlogram> correlograms_of_pairs(const session_state& session,
@@ -324,10 +352,11 @@ std::vector<correlogram> correlograms_of_pairs(const session_state& session,
                                                const std::vector<train_pair>& pairs, float bin_ms) {
   std::vector<correlogram> results(pairs.size());
   const auto last = static_cast<std::int64_t>(pairs.size()) - 1;
+  const bin_table table = table_of_width(session, bin_ms);
   parallel_for(std::max(1, threads_now(session)), 0, last, [&](std::int64_t i, std::int32_t) {
     const train_pair& pair = pairs[static_cast<std::size_t>(i)];
     results[static_cast<std::size_t>(i)] =
-        count_on_threads(session, trains[pair.a], trains[pair.b], bin_ms, 1);
+        count_on_threads(session, trains[pair.a], trains[pair.b], table, 1);
   });
   return results;
 }

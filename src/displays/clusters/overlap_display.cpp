@@ -126,9 +126,10 @@ void paint_component_plane(QPainter& painter, const QRectF& rect, const overlap_
   painter.restore();
 }
 
-// Lines that are too long go on below; the height that they took.
+// Lines that are too long go on below; the height that they took. Those that would leave too
+// little to the points are left out.
 double paint_words(QPainter& painter, const QRectF& rect, const overlap_picture& picture,
-                   const cluster_theme& theme, bool measure_only) {
+                   const cluster_theme& theme, double most, bool measure_only) {
   use_small_font(painter);
   const QFontMetricsF metrics = painter.fontMetrics();
   painter.setPen(theme.text);
@@ -138,6 +139,7 @@ double paint_words(QPainter& painter, const QRectF& rect, const overlap_picture&
     const QRectF room(rect.left() + 8, y, std::max(rect.width() - 16, 1.0), 1000);
     const double height =
         metrics.boundingRect(room, Qt::AlignLeft | Qt::TextWordWrap, text).height();
+    if (y > rect.top() + 4 && y + height > rect.top() + most) break;
     if (!measure_only) {
       painter.drawText(QRectF(room.topLeft(), QSizeF(room.width(), height + 2)),
                        Qt::AlignLeft | Qt::TextWordWrap, text);
@@ -152,12 +154,13 @@ double paint_words(QPainter& painter, const QRectF& rect, const overlap_picture&
 void paint_overlap(QPainter& painter, const QRectF& rect, const overlap_picture& picture,
                    const cluster_theme& theme) {
   painter.fillRect(rect, theme.background);
-  const double below = paint_words(painter, rect, picture, theme, true);
   const bool with_points = picture.points.n_a > 0;
+  const double most = (with_points ? 0.4 : 1.0) * rect.height();
+  const double below = paint_words(painter, rect, picture, theme, most, true);
   QRectF above = rect;
   above.setBottom(with_points ? std::max(rect.bottom() - below, rect.top()) : rect.top());
   // Words alone stand at the top, where a picture begins.
-  paint_words(painter, QRectF(above.bottomLeft(), rect.bottomRight()), picture, theme, false);
+  paint_words(painter, QRectF(above.bottomLeft(), rect.bottomRight()), picture, theme, most, false);
   constexpr double least = 60;  // pixels, without which axes leave no room for points
   if (!with_points || above.height() < least) return;
   const std::int32_t n_planes = picture.points.dimensions >= 3 ? 2 : 1;
