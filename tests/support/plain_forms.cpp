@@ -40,7 +40,7 @@ bool within(const plain_scouts& scouts, std::int32_t i, std::int32_t j, float h,
   const float* a = &scouts.at[i * scouts.dimensions];
   const float* b = &scouts.at[j * scouts.dimensions];
   if (!(std::fabs(a[0] - b[0]) < h)) return false;
-  const float second = std::fabs(a[1] - b[1]);
+  const float second = scouts.dimensions > 1 ? std::fabs(a[1] - b[1]) : 0.0f;
   if (second_inclusive ? !(second <= h) : !(second < h)) return false;
   float squared = 0.0f;
   for (std::int32_t c = 0; c < scouts.dimensions; ++c) squared += (a[c] - b[c]) * (a[c] - b[c]);
