@@ -89,6 +89,7 @@ struct workstation {
   bool reads_recording = false;       // the running operation has begun to read one
   bool paused = false;                // the worker waits at a pause point
   bool redraw_planned = false;        // for when the session is free again, while paused
+  int held_drawings = 0;              // windows/graph_windows.h: drawing_hold
   autorecover_timer autorecover;
   bool autorecover_running = false;
   std::optional<exit_way> exit_wanted;  // once the operation that runs has ended

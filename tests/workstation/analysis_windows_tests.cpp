@@ -86,6 +86,33 @@ TEST(MeasureWindows, FollowTheCurrentClusterAndThePairOnShow) {
   EXPECT_EQ(w.shell.correlograms->b, 3);
 }
 
+TEST(MeasureWindows, AreDrawnOnceUnderAHold) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  w.choose_entry("isi_plot");
+  graph_window* window = graph_of(w.shell, graph_kind::intervals);
+  int n_drawn = 0;
+  QObject::connect(window->surface(), &graph_surface::drawn, [&] { ++n_drawn; });
+  {
+    const drawing_hold hold(w.shell);
+    window->resize(700, 500);
+    refresh_windows(w.shell);
+    {
+      const drawing_hold inner(w.shell);
+      w.session->clusters.current_cluster = 3;
+      window->resize(600, 400);
+      refresh_windows(w.shell);
+    }
+    EXPECT_EQ(n_drawn, 0);
+  }
+  EXPECT_EQ(n_drawn, 1);
+  EXPECT_EQ(window->surface()->graph().title, "Unit 3 interspike intervals");
+  EXPECT_EQ(window->surface()->picture().size(), window->surface()->size());
+  // Nothing is owed any more.
+  { const drawing_hold hold(w.shell); }
+  EXPECT_EQ(n_drawn, 1);
+}
+
 TEST(MeasureWindows, StandBesideAReviewWithoutOverlap) {
   const temporary_directory home;
   sorted_workstation w(home.path);

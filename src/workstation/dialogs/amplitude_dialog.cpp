@@ -160,6 +160,7 @@ void make_graph(const shared_distribution& d) {
         d->w.amplitudes = d->state;
         d->export_button->setEnabled(true);
         show_figures(*d);
+        const drawing_hold hold(d->w);
         show_graph(d->w, graph_kind::amplitude_distribution);
         tile_cluster_windows(d->w, d->dialog);
       });

@@ -208,19 +208,21 @@ void draw_pair(const shared_displays& d) {
   shown.b = second;
   shown.heights.measure = static_cast<height_measure>(d->measure->currentData().toInt());
   if (d->w.correlograms) choose_correlograms(d->w, first, second);
-  // Those that are open are drawn once, all of them; then the others come.
-  refresh_windows(d->w);
-  open_missing(d->w, waveform_kind);
-  open_missing(d->w, component_kind);
-  if (d->with_times->isChecked()) open_missing(d->w, graph_kind::amplitude_vs_time);
-  if (d->with_overlap->isChecked()) open_missing(d->w, graph_kind::overlap);
-  if (d->with_correlograms->isChecked() && !is_open(d->w, graph_kind::correlograms)) {
-    show_correlograms(d->w, first, second);
+  {
+    const drawing_hold hold(d->w);
+    refresh_windows(d->w);
+    open_missing(d->w, waveform_kind);
+    open_missing(d->w, component_kind);
+    if (d->with_times->isChecked()) open_missing(d->w, graph_kind::amplitude_vs_time);
+    if (d->with_overlap->isChecked()) open_missing(d->w, graph_kind::overlap);
+    if (d->with_correlograms->isChecked() && !is_open(d->w, graph_kind::correlograms)) {
+      show_correlograms(d->w, first, second);
+    }
+    if (!std::exchange(d->tiled, true) || count_open() != open_before) {
+      tile_cluster_windows(d->w, d->dialog);
+    }
   }
   name_times(*d);
-  if (!std::exchange(d->tiled, true) || count_open() != open_before) {
-    tile_cluster_windows(d->w, d->dialog);
-  }
   follow_windows(d);
 }
 

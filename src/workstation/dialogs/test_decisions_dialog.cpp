@@ -82,6 +82,7 @@ void show_chosen(const decisions_window& d) {
   const QModelIndexList lines = d.table->selectionModel()->selectedRows();
   if (lines.isEmpty() || d.w.worker.running) return;
   const pair_decision& chosen = d.model->at(lines.first().row());
+  const drawing_hold hold(d.w);
   show_pair_windows(d.w, chosen.a, chosen.b);
   tile_cluster_windows(d.w, d.dialog);
 }

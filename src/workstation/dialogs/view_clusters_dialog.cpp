@@ -518,11 +518,14 @@ void open_view(workstation& w, std::vector<unit_row> units) {
   QObject::connect(dialog, &QDialog::finished, w.desk, release);
   // One that has stayed open, of whatever units, is of the cluster on show from now on.
   choose_correlograms(w, 0, 0);
-  redraw_graph(w, graph_kind::correlograms);
-  show_cluster_windows(w);
-  if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
+  {
+    const drawing_hold hold(w);
+    redraw_graph(w, graph_kind::correlograms);
+    show_cluster_windows(w);
+    if (v->with_correlograms->isChecked()) show_autocorrelogram(*v, true);
+    tile_cluster_windows(w, dialog);
+  }
   follow_plots(v);
-  tile_cluster_windows(w, dialog);
   v->list->setFocus();  // the keys are commands there, and text in a field
 }
 

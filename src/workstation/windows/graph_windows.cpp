@@ -135,7 +135,15 @@ graph_surface::graph_surface(workstation& of, graph_routines routines, std::opti
   setAttribute(Qt::WA_OpaquePaintEvent);
 }
 
+void graph_surface::draw_what_is_owed() {
+  if (std::exchange(owes_, false)) redraw();
+}
+
 void graph_surface::redraw() {
+  if (w_.held_drawings > 0) {
+    owes_ = true;
+    return;
+  }
   const session_turn turn(w_);
   if (!turn.taken) {
     plan_redraw(w_);
@@ -228,7 +236,8 @@ void graph_surface::paintEvent(QPaintEvent*) {
 void graph_surface::resizeEvent(QResizeEvent*) {
   redraw();
   // Numbers that were gathered fit any size.
-  if (picture_.size() != (QSizeF(size()) * devicePixelRatioF()).toSize()) repaint_numbers();
+  if (!owes_ && picture_.size() != (QSizeF(size()) * devicePixelRatioF()).toSize())
+    repaint_numbers();
 }
 
 void graph_surface::changeEvent(QEvent* event) {
@@ -362,6 +371,15 @@ void graph_window::closeEvent(QCloseEvent* event) {
   QMdiSubWindow::closeEvent(event);
 }
 
+drawing_hold::drawing_hold(workstation& of) : w(of) { ++w.held_drawings; }
+
+drawing_hold::~drawing_hold() {
+  if (--w.held_drawings > 0) return;
+  for (const QPointer<graph_window>& window : w.graphs) {
+    if (window) window->surface()->draw_what_is_owed();
+  }
+}
+
 graph_window* active_graph(workstation& w) {
   if (auto* active = dynamic_cast<graph_window*>(w.frame->area()->activeSubWindow())) {
     return active;
@@ -384,6 +402,7 @@ graph_window* open_graph(workstation& w, graph_kind kind, QSize size, const QStr
     w.frame->area()->addSubWindow(window);
     place_window(w, row);
   }
+  const drawing_hold hold(w);
   window->setWindowTitle(title.isEmpty() ? QString(row.title) : title);
   window->showNormal();
   size_window(w, *window, row, size);

@@ -54,8 +54,9 @@ class graph_surface : public QWidget {
  public:
   graph_surface(workstation& of, graph_routines routines, std::optional<QFont> font = {});
 
-  void redraw();           // makes the picture anew, when the session can be had
-  void repaint_numbers();  // the same from what was gathered last
+  void redraw();             // makes the picture anew, when the session can be had
+  void draw_what_is_owed();  // after a drawing_hold
+  void repaint_numbers();    // the same from what was gathered last
   // The picture as shown, or the selected part of it, in pixels of the screen.
   QImage picture() const;
   QImage selected_picture() const;
@@ -97,6 +98,7 @@ class graph_surface : public QWidget {
   graph_routines routines_;
   std::optional<QFont> font_;  // that texts of the picture begin with
   QImage picture_;
+  bool owes_ = false;  // a picture that was asked for under a drawing_hold
   bool selecting_ = false;
   drag_kind drag_ = drag_kind::none;
   bool moved_ = false;  // since the button went down
@@ -121,6 +123,17 @@ class graph_window : public QMdiSubWindow {
 
  private:
   graph_surface* surface_;
+};
+
+// Windows are drawn at the end of the outermost of these, each once at most, however often they
+// were opened, sized and moved meanwhile.
+struct drawing_hold {
+  explicit drawing_hold(workstation& of);
+  ~drawing_hold();
+  drawing_hold(const drawing_hold&) = delete;
+  drawing_hold& operator=(const drawing_hold&) = delete;
+
+  workstation& w;
 };
 
 // The active graph window, or the only one; null when there is none.

@@ -109,6 +109,7 @@ namespace {
 // Beside a review the others make room for it, and take it back when it is closed.
 void show_measure(workstation& w, graph_kind kind, const char* title) {
   if (!can_review(w.session, title)) return;
+  const drawing_hold hold(w);
   const bool was_open = graph_of(w, kind) != nullptr;
   const graph_window* window = show_graph(w, kind);
   const auto tile = [&w] {
