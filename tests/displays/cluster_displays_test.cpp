@@ -633,12 +633,19 @@ TEST(train_correlograms, neighbours_come_by_their_distance_page_by_page) {
   const std::int32_t third = first.others[2];
   EXPECT_EQ(first.correlograms[3].counts, correlogram_counts(*session, 2, third).counts);
   const train_panels last = count_trains(*session, 2, 1000);
-  EXPECT_EQ(last.first, 15);
-  EXPECT_EQ(last.correlograms.size(), first.others.size() - 15 + 1);
+  EXPECT_EQ(last.first, n + 18);
+  EXPECT_EQ(last.correlograms.size(), 2u);
+  EXPECT_EQ(last.correlograms[1].b, first.others.back());
   const QRectF rect(0, 0, 640, 480);
   EXPECT_EQ(train_at(rect, first, QPointF(3, 3)), 2) << "its own";
   EXPECT_EQ(train_at(rect, first, QPointF(636, 476)), first.others[14]);
   EXPECT_EQ(train_at(rect, first, QPointF(700, 3)), 0);
+  // Two panels stand one above the other where there is room for no more.
+  const QRectF small(0, 0, 150, 170);
+  EXPECT_EQ(panels_in(small, first), 2);
+  EXPECT_EQ(train_at(small, first, QPointF(75, 3)), 2);
+  EXPECT_EQ(train_at(small, first, QPointF(75, 160)), first.others[0]);
+  EXPECT_EQ(panels_in(QRectF(), train_panels{}), 0);
 }
 
 TEST(train_correlograms, records_that_were_stored_one_by_one_have_none) {

@@ -1,6 +1,7 @@
 #include "displays/clusters/train_correlograms.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "clustering/membership.h"
@@ -39,8 +40,7 @@ train_panels count_trains(const session_state& session, std::int32_t unit, std::
   panels.unit = unit;
   panels.others = std::move(others);
   const auto n = static_cast<std::int32_t>(panels.others.size());
-  const std::int32_t last_page = std::max(n - 1, 0) / neighbours_per_page * neighbours_per_page;
-  panels.first = std::clamp(first, 0, last_page);
+  panels.first = std::clamp(first, 0, std::max(n - 1, 0));
   std::vector<std::int32_t> shown = {unit};
   for (std::int32_t i = panels.first; i < std::min(panels.first + neighbours_per_page, n); ++i) {
     shown.push_back(panels.others[i]);
@@ -51,6 +51,16 @@ train_panels count_trains(const session_state& session, std::int32_t unit, std::
   for (std::size_t i = 0; i < trains.size(); ++i) pairs.push_back({0, i});
   panels.correlograms = correlograms_of_pairs(session, trains, pairs, width);
   return panels;
+}
+
+std::int32_t panels_in(const QRectF& rect, const train_panels& panels) {
+  // Pixels that title and width of the bins need.
+  constexpr double least_width = 140, least_height = 84;
+  const double columns = std::max(std::floor(rect.width() / least_width), 1.0);
+  const double rows = std::max(std::floor(rect.height() / least_height), 1.0);
+  // The unit's own and a neighbour, however small the window is.
+  const double fit = std::max(columns * rows, 2.0);
+  return static_cast<std::int32_t>(std::min(fit, static_cast<double>(panels.correlograms.size())));
 }
 
 void paint_trains(QPainter& painter, const QRectF& rect, const train_panels& panels, bool as_rate,
@@ -65,8 +75,7 @@ void paint_trains(QPainter& painter, const QRectF& rect, const train_panels& pan
                          : "Cross correlation not supported for event based recording");
     return;
   }
-  const std::vector<QRectF> places =
-      lay_out_panels(rect, static_cast<std::int32_t>(panels.correlograms.size()));
+  const std::vector<QRectF> places = lay_out_panels(rect, panels_in(rect, panels));
   for (std::size_t i = 0; i < places.size(); ++i) {
     paint_correlogram(painter, places[i], make_correlogram_panel(panels.correlograms[i], as_rate),
                       theme);
@@ -74,8 +83,7 @@ void paint_trains(QPainter& painter, const QRectF& rect, const train_panels& pan
 }
 
 std::int32_t train_at(const QRectF& rect, const train_panels& panels, QPointF pixel) {
-  const std::vector<QRectF> places =
-      lay_out_panels(rect, static_cast<std::int32_t>(panels.correlograms.size()));
+  const std::vector<QRectF> places = lay_out_panels(rect, panels_in(rect, panels));
   for (std::size_t i = 0; i < places.size(); ++i) {
     if (places[i].contains(pixel)) return panels.correlograms[i].b;
   }

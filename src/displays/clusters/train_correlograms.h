@@ -23,13 +23,15 @@ struct train_panels {
   std::vector<correlogram> correlograms;  // the unit's own, then those of the page
 };
 
-// The width of the bins is that in review_settings. first is moved to the last page where it lies
-// beyond it.
+// The width of the bins is that in review_settings. first is moved to the last of them where it
+// lies beyond.
 train_panels count_trains(const session_state& session, std::int32_t unit, std::int32_t first);
 // The same with chosen others.
 train_panels count_trains(const session_state& session, std::int32_t unit, std::int32_t first,
                           std::vector<std::int32_t> others);
 
+// Panels that a rectangle has room for, the unit's own among them.
+std::int32_t panels_in(const QRectF& rect, const train_panels& panels);
 void paint_trains(QPainter& painter, const QRectF& rect, const train_panels& panels, bool as_rate,
                   const cluster_theme& theme);
 // The other unit of the panel under the pointer; the unit itself for its own, 0 for none.

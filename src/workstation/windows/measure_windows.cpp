@@ -1,6 +1,7 @@
 #include "workstation/windows/measure_windows.h"
 
 #include <QTimer>
+#include <algorithm>
 
 #include "analysis/correlograms.h"
 #include "displays/clusters/overlap_display.h"
@@ -29,12 +30,19 @@ graph_routines interval_routines(workstation& w) {
 namespace {
 
 // Cursor keys go by one neighbour, page keys by as many as are on show.
-std::int32_t neighbours_of_key(int key) {
+std::int32_t neighbours_of_key(int key, std::int32_t on_show) {
   return key == Qt::Key_Down       ? 1
          : key == Qt::Key_Up       ? -1
-         : key == Qt::Key_PageDown ? neighbours_per_page
-         : key == Qt::Key_PageUp   ? -neighbours_per_page
+         : key == Qt::Key_PageDown ? on_show
+         : key == Qt::Key_PageUp   ? -on_show
                                    : 0;
+}
+
+// Beside a review the others make room for a window that has come, and take it back.
+void tile_beside_review(workstation& w) {
+  const review_workspace* space = w.workspace.get();
+  if (space == nullptr || !space->dialog || !space->dialog->isVisible()) return;
+  tile_cluster_windows(w, space->dialog);
 }
 
 QRectF area_of(const workstation& w, graph_kind kind) {
@@ -45,7 +53,11 @@ QRectF area_of(const workstation& w, graph_kind kind) {
 // The unit whose neighbours these are, beside the one that was pressed.
 void show_pressed(workstation& w, const train_panels& shown, QPoint at) {
   const std::int32_t other = train_at(area_of(w, graph_kind::spike_trains), shown, at);
-  if (other > 0) show_correlograms(w, shown.unit, other);
+  if (other < 1) return;
+  const drawing_hold hold(w);
+  const bool was_open = graph_of(w, graph_kind::correlograms) != nullptr;
+  show_correlograms(w, shown.unit, other);
+  if (!was_open) tile_beside_review(w);
 }
 
 }  // namespace
@@ -64,9 +76,12 @@ graph_routines train_routines(workstation& w) {
     paint_trains(painter, QRectF(QPointF(), size), *state, as_rate, theme_for(w, painter));
   };
   routines.key = [&w, state](int key) {
-    const std::int32_t step = neighbours_of_key(key);
+    const std::int32_t on_show = panels_in(area_of(w, graph_kind::spike_trains), *state) - 1;
+    const std::int32_t step = neighbours_of_key(key, on_show);
     if (step == 0 || state->unit == 0) return false;
-    *state = count_trains(w.session, state->unit, state->first + step);
+    const auto n = static_cast<std::int32_t>(state->others.size());
+    const std::int32_t last = std::max(n - on_show, 0);
+    *state = count_trains(w.session, state->unit, std::min(state->first + step, last));
     return true;
   };
   routines.clicked = [&w, state](QPoint at) { show_pressed(w, *state, at); };
@@ -106,22 +121,15 @@ graph_routines overlap_routines(workstation& w) {
 
 namespace {
 
-// Beside a review the others make room for it, and take it back when it is closed.
 void show_measure(workstation& w, graph_kind kind, const char* title) {
   if (!can_review(w.session, title)) return;
   const drawing_hold hold(w);
   const bool was_open = graph_of(w, kind) != nullptr;
   const graph_window* window = show_graph(w, kind);
-  const auto tile = [&w] {
-    const review_workspace* space = w.workspace.get();
-    if (space != nullptr && space->dialog && space->dialog->isVisible()) {
-      tile_cluster_windows(w, space->dialog);
-    }
-  };
-  tile();
+  tile_beside_review(w);
   if (was_open) return;
   QObject::connect(window, &graph_window::closed, w.frame,
-                   [&w, tile] { QTimer::singleShot(0, w.frame, tile); });
+                   [&w] { QTimer::singleShot(0, w.frame, [&w] { tile_beside_review(w); }); });
 }
 
 }  // namespace
