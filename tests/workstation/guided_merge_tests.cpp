@@ -37,6 +37,29 @@ struct doubtful_workstation : sorted_workstation {
   }
 };
 
+TEST(GuidedMerge, TheReasonOfAProposalStaysOnTheScreen) {
+  const temporary_directory home;
+  doubtful_workstation w(home.path);
+  cluster_table& c = w.session->clusters;
+  c.proposal_reasons = {"in turn, similarity 0.85, overlap in time 0.02, and some more of it"};
+  c.cluster_proposal[2] = c.cluster_proposal[4] = 1;
+  QDialog* dialog = w.begin();
+  ASSERT_NE(dialog, nullptr);
+  EXPECT_EQ(w.text(dialog, "guided_pair"), "2 and 4");
+  auto* message = w.control<QLabel>(dialog, "message");
+  EXPECT_TRUE(message->text().endsWith("and some more of it"));
+  // All of its lines have room, and the dialog is no wider for them.
+  EXPECT_GE(message->height(), message->heightForWidth(message->width()));
+  const int width = dialog->minimumSizeHint().width();
+  message->setText("-");
+  EXPECT_EQ(dialog->minimumSizeHint().width(), width);
+  w.press(dialog, "distinct");
+  w.settle();
+  EXPECT_FALSE(message->text().contains("template pass"));
+  w.press(dialog, "finish");
+  w.settle();
+}
+
 TEST(GuidedMerge, DecisionsShowTheNextPairAndUndoGoesBack) {
   const temporary_directory home;
   doubtful_workstation w(home.path);
