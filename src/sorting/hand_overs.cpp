@@ -30,10 +30,10 @@ constexpr double followed_energy = 0.3;  // edges of the probe may hide most of 
 constexpr double shared_energy = 0.5, shared_part = 0.15;
 constexpr std::size_t most_for_mean = 150;  // spikes
 // Cut by the place of the tissue few spikes lie on the wrong side. Cut by time many do, when the
-// pieces alternate; or the tissue leaps as one gives way to the other. Over so short a gap slow
-// movement goes less far.
-constexpr double told_by_place = 0.25, alternate_by_time = 0.5;
-constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 1.5;
+// pieces alternate; or the tissue leaps as one gives way to the other: from its mean place before
+// to that after. In so short a time slow movement goes less far.
+constexpr double told_by_place = 0.4, alternate_by_time = 0.5;
+constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 10;
 
 }  // namespace
 
@@ -299,6 +299,15 @@ cut best_cut(std::vector<measured_spike>& spikes) {
   return best;
 }
 
+// The mean place of the tissue from one second to another.
+double mean_between(const tissue_motion& motion, double from, double to) {
+  constexpr int n_steps = 20;
+  double sum = 0;
+  for (int i = 0; i < n_steps; ++i)
+    sum += motion_at(motion, from + (i + 0.5) * (to - from) / n_steps);
+  return sum / n_steps;
+}
+
 }  // namespace
 
 bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
@@ -325,8 +334,8 @@ bool goes_with_movement(const recording_store& recording, const std::vector<std:
   while (first < times.size() && !times[first].later) ++first;
   if (last < 0 || first == times.size()) return false;
   const double from = times[static_cast<std::size_t>(last)].measure, to = times[first].measure;
-  const double leap = motion_at(recording.motion, to + beside_gap_s) -
-                      motion_at(recording.motion, from - beside_gap_s);
+  const double leap = mean_between(recording.motion, to, to + beside_gap_s) -
+                      mean_between(recording.motion, from - beside_gap_s, from);
   return to - from <= longest_gap_s && std::fabs(leap) >= leap_um;
 }
 

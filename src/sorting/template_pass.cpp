@@ -358,16 +358,17 @@ std::vector<proposal> join_hand_overs(sweep& s) {
                       motion_range(find_motion(s.units, s.n_segments))));
   if (shift != 0) note(s, fmt::format("the recording jumped by {:.0f} um", shift));
   for (const hand_over& p : pairs) {
-    if (s.units[p.earlier].spikes.empty() || s.units[p.later].spikes.empty()) continue;
+    const std::int32_t a = joined_unit(s.units, p.earlier), b = joined_unit(s.units, p.later);
+    if (a == b) continue;
     const std::string why =
         fmt::format("in turn, similarity {:.2f}, overlap in time {:.2f}", p.similarity, p.overlap);
-    // Either may have been joined to others since.
-    if (p.moved && fire_in_turn(s.units[p.earlier], s.units[p.later], s.n_segments)) {
-      join_pair(s, p.earlier, p.later, why);
-    } else {
-      note(s, fmt::format("see whether units {} and {} are one: {}", s.units[p.earlier].cluster,
-                          s.units[p.later].cluster, why));
-      left.push_back({p.earlier, p.later, why});
+    // Either may be part of another by now.
+    if (p.moved && fire_in_turn(s.units[a], s.units[b], s.n_segments)) {
+      join_pair(s, a, b, why);
+    } else if (a == p.earlier && b == p.later) {
+      note(s, fmt::format("see whether units {} and {} are one: {}", s.units[a].cluster,
+                          s.units[b].cluster, why));
+      left.push_back({a, b, why});
     }
   }
   return left;

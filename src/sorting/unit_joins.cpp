@@ -134,4 +134,11 @@ void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b
   from.joined_to = a;
 }
 
+std::int32_t joined_unit(const std::vector<tracked_unit>& units, std::int32_t unit) {
+  while (units[static_cast<std::size_t>(unit)].stage == unit_stage::joined) {
+    unit = units[static_cast<std::size_t>(unit)].joined_to;
+  }
+  return unit;
+}
+
 }  // namespace kestrelvane

@@ -40,4 +40,7 @@ double largest_distance_of_one(std::size_t n_channels, double energy);
 // b becomes part of a: its spikes and its train.
 void join_units(std::vector<tracked_unit>& units, std::int32_t a, std::int32_t b);
 
+// The unit that a unit is part of by now; itself when it was not joined.
+std::int32_t joined_unit(const std::vector<tracked_unit>& units, std::int32_t unit);
+
 }  // namespace kestrelvane
