@@ -202,8 +202,18 @@ bool close_safe_file(safe_file& out, file_flush flush) {
   return out.whole;
 }
 
-bool finish_safe_file(safe_file& out) {
-  if (!close_safe_file(out)) return false;
+bool flush_file_system(const std::string& folder) {
+  const int descriptor = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const bool flushed = syncfs(descriptor) == 0;
+  const int error = errno;
+  close(descriptor);
+  errno = error;
+  return flushed;
+}
+
+bool finish_safe_file(safe_file& out, file_flush flush) {
+  if (!close_safe_file(out, flush)) return false;
   out.whole = false;
   if (!out.temporary_path.empty() &&
       std::rename(out.temporary_path.c_str(), out.target.c_str()) != 0) {

@@ -59,12 +59,17 @@ bool write_value(safe_file& out, const T& value) {
   return write_bytes(out, &value, sizeof value);
 }
 
+// later: the bytes may still be on the way to the device, where a caller with many files flushes
+// the file system once.
+enum class file_flush { now, later };
+// Of the file system that the folder is on. False with errno.
+bool flush_file_system(const std::string& folder);
+
 // Flushes, closes and renames over the target. False when anything failed.
-bool finish_safe_file(safe_file& out);
+bool finish_safe_file(safe_file& out, file_flush flush = file_flush::now);
 
 // The first half of that: the file is whole and has no name yet; it goes unless somebody gives it
-// one (files/safe_set.h). later: the bytes may still be on the way to the device.
-enum class file_flush { now, later };
+// one (files/safe_set.h).
 bool close_safe_file(safe_file& out, file_flush flush = file_flush::now);
 
 // Right after one of the above has failed: the path and the system's words for it, as

@@ -156,8 +156,9 @@ bool open_safe_folder(safe_folder& out, const std::string& path) {
   return true;
 }
 
-bool finish_safe_folder(safe_folder& out,
-                        const std::function<bool(const std::string& name)>& goes) {
+bool finish_safe_folder(safe_folder& out, const std::function<bool(const std::string& name)>& goes,
+                        file_flush flush) {
+  if (flush == file_flush::later && !flush_file_system(out.temporary)) return false;
   bool done = false;
   if (!out.had_target) {
     done = rename(out.temporary.c_str(), out.target.c_str()) == 0;

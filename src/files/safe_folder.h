@@ -10,6 +10,8 @@
 #include <functional>
 #include <string>
 
+#include "files/safe_file.h"
+
 namespace kestrelvane {
 
 struct safe_folder {
@@ -28,7 +30,9 @@ struct safe_folder {
 bool open_safe_folder(safe_folder& out, const std::string& path);
 
 // Brings the new files to their place. goes: names of old files that have no successor and do not
-// stay either. False with errno, and the old folder stands as it was.
-bool finish_safe_folder(safe_folder& out, const std::function<bool(const std::string& name)>& goes);
+// stay either. flush: later for files that were finished so, which are flushed here. False with
+// errno, and the old folder stands as it was.
+bool finish_safe_folder(safe_folder& out, const std::function<bool(const std::string& name)>& goes,
+                        file_flush flush = file_flush::now);
 
 }  // namespace kestrelvane

@@ -96,14 +96,7 @@ void place_apart(shared_work& work, const std::vector<const char*>& goes) {
 bool flush_all(const safe_set& set) {
   const auto first = std::find_if(set.files.begin(), set.files.end(),
                                   [](const safe_file& f) { return !f.temporary_path.empty(); });
-  if (first == set.files.end()) return true;
-  const int folder = open(folder_of(first->target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return false;
-  const bool flushed = syncfs(folder) == 0;
-  const int error = errno;
-  close(folder);
-  errno = error;
-  return flushed;
+  return first == set.files.end() || flush_file_system(folder_of(first->target));
 }
 
 std::size_t bytes_of_work(std::size_t n) { return sizeof(shared_work) + n * sizeof(step); }

@@ -3,10 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <filesystem>
-#include <numeric>
-#include <system_error>
+#include <span>
 #include <vector>
 
 #include "clustering/membership.h"
@@ -14,6 +11,7 @@
 #include "files/input_file.h"
 #include "files/npy_file.h"
 #include "files/safe_file.h"
+#include "files/safe_folder.h"
 #include "numerics/parallel.h"
 #include "session/template_window.h"
 #include "signal/interpolation.h"
@@ -31,7 +29,7 @@ bool write_npy(const std::string& path, const char* type, const std::vector<std:
   if (!open_safe_file(out, path)) return false;
   write_text(out, npy_header_text(type, shape));
   write_bytes(out, values.data(), values.size() * sizeof(T));
-  return finish_safe_file(out);
+  return finish_safe_file(out, file_flush::later);
 }
 
 bool write_numbers(const std::string& path, const std::vector<std::int32_t>& numbers) {
@@ -42,13 +40,6 @@ bool write_numbers(const std::string& path, const std::vector<std::int32_t>& num
 bool may_fill(const session_state& session, const std::string& folder, const char* last) {
   return !file_exists(folder + last) ||
          ask(session, folder + " holds such an export already. Replace it?", "File already exists");
-}
-
-bool make_folder(const std::string& folder) {
-  std::error_code failed;
-  std::filesystem::create_directories(folder, failed);
-  if (failed) errno = failed.value();
-  return !failed;
 }
 
 bool tell_failure(const session_state& session, const std::string& folder) {
@@ -66,13 +57,14 @@ struct unit_noise {
 };
 
 // Events at the rims of the recording have no whole waveform.
-unit_noise list_noise(const session_state& session, std::int32_t unit) {
+unit_noise list_noise(const session_state& session, std::int32_t unit,
+                      std::span<const std::int32_t> events) {
   const template_table& t = session.templates;
   unit_noise noise{unit, {}, {}, t.template_points};
   const std::int32_t* channels = t.channels(unit) + 1;
   noise.channels.assign(channels, channels + t.template_n_channels[unit]);
   const std::int64_t taps = session.tables.width;
-  for (const std::int32_t e : list_cluster_events(session, unit)) {
+  for (const std::int32_t e : events) {
     const std::int64_t first = std::int64_t{session.events.event_time[e]} + t.first_sample;
     if (first - taps >= 1 && first + t.template_points + taps <= session.recording.n_samples) {
       noise.events.push_back(e);
@@ -121,7 +113,7 @@ bool write_rows(const session_state& session, const unit_noise& noise, const std
               rows);
     write_bytes(out, rows.data(), rows.size() * sizeof(float));
   }
-  return finish_safe_file(out);
+  return finish_safe_file(out, file_flush::later);
 }
 
 // Each row of the matrix on a thread of its own, sums in the order of the events.
@@ -179,19 +171,28 @@ bool has_matrices(const session_state& session) {
 
 bool write_event_noise(const session_state& session, const std::string& folder) {
   if (!has_matrices(session) || !may_fill(session, folder, "/units.npy")) return false;
-  if (!make_folder(folder)) return tell_failure(session, folder);
+  safe_folder out;
+  if (!open_safe_folder(out, folder)) return tell_failure(session, folder);
+  cluster_event_lists lists;
+  list_all_events(session, lists);
   std::vector<std::int32_t> units;
   const std::int32_t n = session.clusters.n_clusters;
   for (std::int32_t c = 1; c <= n; ++c) {
     if (!goes_on(session, c - 1, n)) return false;
-    const unit_noise noise = list_noise(session, c);
+    const unit_noise noise = list_noise(session, c, lists.of(c));
     if (noise.events.empty() || noise.channels.empty()) continue;
-    if (!write_unit_noise(session, noise, folder)) {
+    if (!write_unit_noise(session, noise, out.temporary)) {
       return goes_on(session, c, n) && tell_failure(session, folder);
     }
     units.push_back(c);
   }
-  if (!write_numbers(folder + "/units.npy", units)) return tell_failure(session, folder);
+  const auto is_of_earlier = [](const std::string& name) {
+    return name.starts_with("noise_unit_");
+  };
+  if (!write_numbers(out.temporary + "/units.npy", units) ||
+      !finish_safe_folder(out, is_of_earlier, file_flush::later)) {
+    return tell_failure(session, folder);
+  }
   set_progress(session, meter::saving, 100, 100);
   tell(session, fmt::format("Event noise of {} units saved", units.size()), title,
        box_icon::information);
@@ -200,14 +201,17 @@ bool write_event_noise(const session_state& session, const std::string& folder) 
 
 bool write_feature_matrices(const session_state& session, const std::string& folder) {
   if (!has_matrices(session) || !may_fill(session, folder, "/clusters.npy")) return false;
-  if (!make_folder(folder)) return tell_failure(session, folder);
+  safe_folder out;
+  if (!open_safe_folder(out, folder)) return tell_failure(session, folder);
+  cluster_event_lists lists;
+  list_all_events(session, lists);
   std::vector<std::int32_t> events, clusters;
   std::vector<float> features;
   const std::int64_t dimensions = pc_parameters_of(session).dimensions;
   const std::int32_t n = session.clusters.n_clusters;
   for (std::int32_t c = 1; c <= n; ++c) {
     if (!goes_on(session, c - 1, n)) return false;
-    const std::vector<std::int32_t> list = list_cluster_events(session, c);
+    const std::span<const std::int32_t> list = lists.of(c);
     gac_points points;
     if (!list.empty()) cluster_pc_values(session, c, points);
     events.insert(events.end(), list.begin(), list.end());
@@ -215,9 +219,11 @@ bool write_feature_matrices(const session_state& session, const std::string& fol
     features.insert(features.end(), points.values.begin(), points.values.end());
   }
   const auto n_events = static_cast<std::int64_t>(events.size());
-  if (!write_npy(folder + "/features.npy", "<f4", {n_events, dimensions}, features) ||
-      !write_numbers(folder + "/events.npy", events) ||
-      !write_numbers(folder + "/clusters.npy", clusters)) {
+  const auto none_goes = [](const std::string&) { return false; };
+  if (!write_npy(out.temporary + "/features.npy", "<f4", {n_events, dimensions}, features) ||
+      !write_numbers(out.temporary + "/events.npy", events) ||
+      !write_numbers(out.temporary + "/clusters.npy", clusters) ||
+      !finish_safe_folder(out, none_goes, file_flush::later)) {
     return tell_failure(session, folder);
   }
   set_progress(session, meter::saving, 100, 100);

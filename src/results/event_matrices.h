@@ -1,8 +1,8 @@
 // What stands round the events of each cluster, and where they lie in its components, as arrays for
 // other programs.
 //
-// Folders of .npy files. Events and clusters have their numbers, from 1; channels too. What was
-// written of an interrupted export stays, and the list of units that ends it does not come.
+// Folders of .npy files, which come as a whole (files/safe_folder.h); of an interrupted export
+// nothing does. Events and clusters have their numbers, from 1; channels too.
 #pragma once
 
 #include <string>

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 
 #include "clustering/membership.h"
 #include "clustering/principal_components.h"
@@ -115,7 +116,7 @@ TEST_F(matrix_test, FeaturesAreThoseOfTheSplits) {
 TEST_F(matrix_test, AnInterruptedExportDoesNotSayThatItIsWhole) {
   session->operation.interrupt_at_poll = session->operation.polls + 2;
   EXPECT_FALSE(write_event_noise(*session, path));
-  EXPECT_FALSE(file_exists(path + "/units.npy"));
+  EXPECT_FALSE(std::filesystem::exists(path));
   EXPECT_TRUE(session.user.logged("The export was interrupted"));
   small_session empty;
   make_recording(*empty, 2, 5000);
