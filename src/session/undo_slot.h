@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "session/cluster_table.h"
 #include "session/event_table.h"
@@ -37,6 +38,7 @@ struct undo_slot {
   std::chrono::system_clock::time_point saved_at;  // when
 
   std::int32_t n_channels = 0, template_points = 0;  // what the templates are packed by
+  std::vector<logical> masks;                        // that they were made with, of each channel
   event_table events;
   cluster_table clusters;
   template_table templates;

@@ -5,6 +5,7 @@
 #include "clustering/templates.h"
 #include "session/pair_index.h"
 #include "sorting/cluster_edits.h"
+#include "sorting/status_lists.h"
 
 namespace kestrelvane {
 
@@ -103,12 +104,18 @@ bool reserve_blocks(const session_state& session, undo_slot& slot) {
          t.template_mean.reserve(n_values) && t.template_sd.reserve(n_values);
 }
 
+std::vector<logical> masks_of(const session_state& session) {
+  const logical* masks = session.recording.chan_mask.first();
+  return std::vector<logical>(masks, masks + session.recording.n_channels);
+}
+
 // A copy of the sort; false, after a log line, when memory does not hold it.
 bool fill_slot(const session_state& session, undo_slot& slot) {
   slot.recording_path = session.recording.recording_path;
   slot.saved_at = std::chrono::system_clock::now();
   slot.n_channels = session.recording.n_channels;
   slot.template_points = session.templates.template_points;
+  slot.masks = masks_of(session);
   copy_counters(session, slot);
   if (!reserve_blocks(session, slot)) {
     log_message(session, "Not enough memory to undo");
@@ -158,14 +165,17 @@ void restore_sort(session_state& session, const undo_slot& slot) {
   for_each_table(session, slot, [](auto& of, const auto& copy, std::int64_t n) {
     std::copy_n(copy.first(), n, of.first());
   });
-  // Packed for another spike window, the waveforms have another stride and other points.
-  if (slot.template_points == session.templates.template_points) {
+  // Packed for another spike window, the waveforms have another stride and other points; of other
+  // masks, they stand on channels that take no part now.
+  const bool has_masks = slot.masks == masks_of(session);
+  if (slot.template_points == session.templates.template_points && has_masks) {
     for_each_template_run(session, slot, [](auto* of, const auto* copy, std::int64_t n) {
       std::copy_n(copy, n, of);
     });
   } else {
     calculate_all_templates(session);
   }
+  if (!has_masks) update_all_lists(session);
   change.after = all_clusters(session);
   end_change(session, change);
 }

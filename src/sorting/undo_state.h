@@ -31,8 +31,8 @@ void restore_sort(session_state& session, const undo_slot& copy);
 bool can_undo(const session_state& session, undo_owner owner);
 
 // Writes the slot back, keeps it, and tells whoever listens. False, and nothing changes,
-// when can_undo is false. Templates are calculated anew if the spike window has been
-// changed since the save.
+// when can_undo is false. Templates are calculated anew if spike window or masks have been
+// changed since the save, and for other masks the lists with them.
 bool restore_undo_state(session_state& session, undo_owner owner);
 
 }  // namespace kestrelvane

@@ -151,6 +151,25 @@ TEST(undo_state, follows_the_recording_and_the_spike_window) {
   EXPECT_TRUE(restore_undo_state(*session, undo_owner::realignment));
 }
 
+TEST(undo_state, follows_masks_that_came_and_went_since) {
+  small_session session;
+  make_sorted(*session);
+  build_status_lists(*session);
+  const sort_print whole = print_sort(*session);
+  ASSERT_TRUE(save_undo_state(*session, undo_owner::realignment));
+  const std::int32_t masked = session->templates.centre_channel(1);
+  session->recording.chan_mask[masked] = true;
+  renew_masked_templates(*session);
+  ASSERT_EQ(check_session(*session), "");
+  const sort_print narrow = print_sort(*session);
+  ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
+  EXPECT_EQ(check_session(*session), "") << "a template on a channel that takes no part";
+  EXPECT_TRUE(print_sort(*session) == narrow);
+  session->recording.chan_mask[masked] = false;
+  ASSERT_TRUE(restore_undo_state(*session, undo_owner::realignment));
+  EXPECT_TRUE(print_sort(*session) == whole);
+}
+
 TEST(sorting_summary, measures_every_cluster) {
   small_session session;
   make_sorted(*session);
