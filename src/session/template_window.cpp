@@ -12,7 +12,12 @@ namespace {
 std::int32_t window_edge(float ms, std::int32_t sampling_frequency) {
   // Towards zero on both sides, the product first: -0.8 ms at 25 kHz is -20 samples, and the window
   // never reaches beyond what was asked for.
-  return static_cast<std::int32_t>(ms * static_cast<float>(sampling_frequency) / 1000.0f);
+  const float samples = ms * static_cast<float>(sampling_frequency) / 1000.0f;
+  // A damaged file may say anything until its settings have been settled, also what is no number;
+  // no integer holds that.
+  constexpr float most = 1.0e9f;
+  if (!(samples > -most)) return static_cast<std::int32_t>(-most);
+  return static_cast<std::int32_t>(std::min(samples, most));
 }
 
 }  // namespace

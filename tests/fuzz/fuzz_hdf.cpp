@@ -85,6 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t n) 
       set_default_strategy(session);
       wanted_place = place;
       turn = 0;
+      reset_session(session);
       if (!open_recording(session, path)) {
         fuzz::require(session.recording.n_samples == 0 && session.recording.n_channels == 0,
                       "a failed open leaves something behind");

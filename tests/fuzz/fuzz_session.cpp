@@ -93,6 +93,8 @@ void require_sound_session(session_state& session) {
 
 bool open_soundly(session_state& session, const std::string& path) {
   set_default_strategy(session);  // a window that was shortened does not stay so
+  // A file that is refused at first sight leaves the recording before it.
+  reset_session(session);
   const bool opened = open_recording(session, path);
   require(opened || (session.recording.n_samples == 0 && session.recording.n_channels == 0 &&
                      session.events.n_events == 0 && session.clusters.n_clusters == 0),

@@ -4,10 +4,12 @@
 
 #include <cerrno>
 #include <cmath>
+#include <limits>
 #include <set>
 
 #include "session/settings_files.h"
 #include "session/settings_table.h"
+#include "session/template_window.h"
 #include "support/fixture_files.h"
 #include "support/small_session.h"
 
@@ -350,6 +352,20 @@ TEST_F(settings_test, restoring_defaults_leaves_other_groups_alone) {
   EXPECT_EQ(session->preferences.vertical_axis_uv, 100);
   EXPECT_EQ(session->display.vd_channel_spacing, 9);
   EXPECT_EQ(session->preferences.open_dialog_format, file_type_tsf);
+}
+
+TEST_F(settings_test, a_window_that_no_integer_holds_is_settled) {
+  session->recording.sampling_frequency = 25'000;
+  for (const float wild : {std::numeric_limits<float>::quiet_NaN(), 2.8e28f, -1.0e38f}) {
+    session->strategy.template_window_start_ms = wild;
+    session->strategy.template_window_end_ms = wild;
+    apply_settings(*session);
+    EXPECT_GE(session->templates.template_points, 3) << wild;
+    EXPECT_LE(session->templates.template_points, template_point_limit) << wild;
+    EXPECT_EQ(settle_settings(*session), 2) << wild;
+    EXPECT_EQ(window_first_sample(*session), -20);
+    EXPECT_EQ(window_last_sample(*session), 20);
+  }
 }
 
 }  // namespace

@@ -108,9 +108,12 @@ bool close_messages() {
   return press("messages_dialog", "ok");
 }
 
-bool begin(const char* stage, const char* entry) {
+// Boxes and file dialogs come in a later turn: until the entry is on, they are those of the stage
+// before.
+bool begin(const char* stage, const char* entry, file_of_user file = recording_file) {
   if (!choose_entry(entry)) return false;
   note(stage);
+  the_user().file = file;
   return true;
 }
 
@@ -128,20 +131,11 @@ bool (*const steps[])() = {
     [] { return begin("review", "post_processing"); },
     [] { return press("post_process_dialog", "reorder"); },
     [] { return press("post_process_dialog", "ok"); },
-    [] {
-      the_user().file = work_file;
-      return begin("save", "save_work_file");
-    },
-    [] {
-      the_user().file = csv_file;
-      return begin("export", "export_spikes");
-    },
+    [] { return begin("save", "save_work_file", work_file); },
+    [] { return begin("export", "export_spikes", csv_file); },
     [] { return press("export_dialog", "save_as"); },
     [] { return press("export_dialog", "done"); },
-    [] {
-      the_user().file = recording_file;
-      return begin("open", "open_recording");
-    },
+    [] { return begin("open", "open_recording", recording_file); },
 };
 
 void take_turn() {

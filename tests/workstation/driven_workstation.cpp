@@ -16,11 +16,18 @@
 
 namespace kestrelvane::test {
 
+// A sanitizer makes operations many times as long.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int patience = 6;
+#else
+constexpr int patience = 1;
+#endif
+
 bool wait_until(const std::function<bool()>& condition, int ms) {
   QElapsedTimer clock;
   clock.start();
   while (!condition()) {
-    if (clock.elapsed() > ms) return false;
+    if (clock.elapsed() > patience * ms) return false;
     QApplication::processEvents(QEventLoop::AllEvents, 20);
     QApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     QThread::msleep(2);

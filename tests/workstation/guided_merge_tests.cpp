@@ -85,7 +85,8 @@ TEST(GuidedMerge, DecisionsShowTheNextPairAndUndoGoesBack) {
   EXPECT_EQ(w.text(dialog, "pairs_left").toInt(), pairs - 1);
   EXPECT_NE(w.text(dialog, "guided_pair"), first);
   // By the keys that a hand lies on.
-  ASSERT_TRUE(QTest::qWaitForWindowActive(dialog));
+  dialog->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(dialog, 30'000));
   w.control<QTableView>(dialog, "unit_table")->setFocus();
   QTest::keyClick(dialog, Qt::Key_U);
   w.settle();

@@ -440,9 +440,13 @@ TEST(StatusListsDialog, ComparesAnewAndForgetsMarks) {
   r.w.press(r.sort(), "done");
   r.w.settle();
   ASSERT_GE(s.clusters.n_clusters, 2);
-  s.lists.kv_user_distinct[1] = true;
-  s.lists.kv_user_ambiguous[1] = true;
-  s.lists.kv_cluster_overlap[1] = 0.9f;
+  {
+    // The sort has just ended, and a timed save may be at it.
+    const session_hold hold(s);
+    s.lists.kv_user_distinct[1] = true;
+    s.lists.kv_user_ambiguous[1] = true;
+    s.lists.kv_cluster_overlap[1] = 0.9f;
+  }
   dialog = r.open("make_status_lists", "status_lists_dialog");
   r.w.press(dialog, "begin");
   r.w.settle();
