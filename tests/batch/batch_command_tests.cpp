@@ -135,11 +135,10 @@ TEST_F(batch_test, a_result_that_cannot_be_printed_ends_with_1) {
   const process_result info =
       run_process("/bin/sh", {"-c", KESTRELVANE_BATCH " info " + tsf + " >/dev/full"});
   EXPECT_THAT(info.err, HasSubstr("Can't write to standard output: No space left on device"));
-  // Settings that cannot be kept: a folder stands where their file goes.
-  std::filesystem::create_directories(file("kv_prefs.sav/x"));
-  const process_result kept = run({"info", tsf, "--home", directory.path});
+  // Settings that cannot be kept: their folder is not there.
+  const process_result kept = run({"info", tsf, "--home", file("absent")});
   EXPECT_EQ(kept.status, 1);
-  EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + directory.path + ": "));
+  EXPECT_THAT(kept.err, HasSubstr("Failed to save the settings in " + file("absent") + ": "));
 }
 
 // Under whatever path: as it is, by a detour, by a hard link and by a symbolic one, before there is
