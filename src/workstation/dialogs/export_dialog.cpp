@@ -73,7 +73,7 @@ void show_duplicates(const shared_export& x) {
   auto count = std::make_shared<std::int32_t>(0);
   x->dialog->run(
       [count](session_state& session) { *count = remove_duplicate_events(session, false); },
-      [x, count] { x->n_duplicates->setText(QString::number(*count)); });
+      [x, count] { x->n_duplicates->setText(QString("%1").arg(*count, 6)); });
 }
 
 void save_as(const shared_export& x) {
