@@ -26,7 +26,7 @@ constexpr std::int32_t fewest_jumped = 5;
 constexpr double kernel_um = 15.0;
 constexpr double stayed_part = 0.2;  // of a unit's spikes on either side
 // Where channels follow the tissue.
-constexpr double followed_energy = 0.3;  // edges of the probe may hide most of a unit
+constexpr double followed_energy = 0.15;  // edges of the probe may hide most of a unit
 constexpr double shared_energy = 0.5, shared_part = 0.15;
 constexpr std::size_t most_for_mean = 150;  // spikes
 // Cut by the place of the tissue few spikes lie on the wrong side. Cut by time many do, when the
