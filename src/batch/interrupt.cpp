@@ -13,13 +13,17 @@ std::atomic<long_operation_flags*> watched{nullptr};
 std::atomic<bool> pressed{false};
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-void on_interrupt(int) {
+void on_interrupt(int which) {
   // The second one, of whichever kind, ends the program in the system's own way.
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   // Besides, stores to lock-free atomics are all that a handler may do; the words are said by
   // whoever polls.
-  pressed = true;
+  if (pressed.exchange(true)) {
+    // Both at one moment, on two threads: the second is no less the second for that.
+    raise(which);
+    return;
+  }
   long_operation_flags* flags = watched;
   // The press may come before there is a session, or after it has gone.
   if (flags == nullptr) return;
