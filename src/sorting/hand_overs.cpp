@@ -303,8 +303,9 @@ cut best_cut(std::vector<measured_spike>& spikes) {
 double mean_between(const tissue_motion& motion, double from, double to) {
   constexpr int n_steps = 20;
   double sum = 0;
-  for (int i = 0; i < n_steps; ++i)
+  for (int i = 0; i < n_steps; ++i) {
     sum += motion_at(motion, from + (i + 0.5) * (to - from) / n_steps);
+  }
   return sum / n_steps;
 }
 
