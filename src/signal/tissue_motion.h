@@ -44,8 +44,8 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
 // µm at a time in seconds: on a line between two places, 0 where nothing was measured.
 double motion_at(const tissue_motion& motion, double seconds);
 
-// Whether a channel still reads its tissue when that has gone so far, µm: beyond the end of the probe
-// there is no site to read it from, and its samples are 0.
+// Whether a channel still reads its tissue when that has gone so far, µm: beyond the end of the
+// probe there is no site to read it from, and its samples are 0.
 bool reads_tissue(const recording_store& recording, std::int32_t channel, double way);
 
 // Step of a chain: moves the samples of all channels in use to where the tissue is at home.
