@@ -273,6 +273,13 @@ std::size_t first_of_second(std::size_t n_a, std::int32_t stride) {
   return (n_a + s - 1) / s * s - n_a;
 }
 
+// Whole numbers, so that the sum over threads is the same in any order and at any number of them.
+void add_parts(const std::vector<bin_counts>& of_thread, bin_counts& counts) {
+  for (const bin_counts& part : of_thread) {
+    for (std::size_t bin = 0; bin < part.size(); ++bin) counts[bin] += part[bin];
+  }
+}
+
 void count_ordered(const ordered_trains& o, std::int32_t n_threads, bin_counts& counts) {
   // Positions in a train; whole strides, so that each piece begins at a reference.
   const std::size_t piece = 4096 * static_cast<std::size_t>(o.stride);
@@ -287,11 +294,7 @@ void count_ordered(const ordered_trains& o, std::int32_t n_threads, bin_counts& 
       const std::size_t from = begins[side] + static_cast<std::size_t>(i) * piece;
       count_references(o, side == 1, from, std::min(from + piece, ends[side]), of_thread[rank]);
     });
-    // Whole numbers, so that the sum over threads is the same in any order and at any number of
-    // them.
-    for (const bin_counts& part : of_thread) {
-      for (std::size_t bin = 0; bin < part.size(); ++bin) counts[bin] += part[bin];
-    }
+    add_parts(of_thread, counts);
   }
 }
 
@@ -301,9 +304,7 @@ void count_all(const counting& c, std::int64_t n_listed, std::int32_t stride,
   parallel_for(n_threads, 0, (n_listed - 1) / stride, [&](std::int64_t i, std::int32_t rank) {
     count_round_reference(c, static_cast<std::size_t>(i * stride), of_thread[rank]);
   });
-  for (const bin_counts& part : of_thread) {
-    for (std::size_t bin = 0; bin < part.size(); ++bin) counts[bin] += part[bin];
-  }
+  add_parts(of_thread, counts);
 }
 
 bool is_ordered(const spike_train& train) {

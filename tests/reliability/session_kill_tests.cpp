@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -15,25 +14,15 @@
 
 #include "operations/open_recording.h"
 #include "operations/program_run.h"
+#include "reliability/killed_runs.h"
 #include "results/work_file.h"
 #include "support/child_process.h"
 #include "support/small_session.h"
-#include "synthesis/test_recording.h"
 
 namespace kestrelvane::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-int wanted_kills() {
-  const char* text = std::getenv("KESTRELVANE_KILLS");
-  return text != nullptr ? std::atoi(text) : 10;
-}
-
-unsigned wanted_seed() {
-  const char* text = std::getenv("KESTRELVANE_KILL_SEED");
-  return text != nullptr ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 2026;
-}
 
 struct session_kill : ::testing::Test {
   temporary_directory home, data;
@@ -43,16 +32,7 @@ struct session_kill : ::testing::Test {
   std::string stage;                // that a killed run was in
   std::map<std::string, int> hits;  // by stage
 
-  session_kill() {
-    test_recording_options options;
-    options.electrode = test_electrode::tetrode;
-    options.n_channels = 4;
-    options.minutes = 0.2;
-    options.n_units = 3;
-    options.median_rate = 20;
-    std::string problem;
-    EXPECT_TRUE(make_test_recording(options, recording, {}, problem)) << problem;
-  }
+  session_kill() { make_killed_recording(recording); }
 
   process_result run_and_kill(const std::string& command, const std::vector<std::string>& arguments,
                               int most_ms, bool waits_for_recovery = false) {
@@ -119,7 +99,7 @@ struct session_kill : ::testing::Test {
 };
 
 TEST_F(session_kill, of_a_session_leaves_its_files_whole_and_its_recovery_readable) {
-  const int n = wanted_kills();
+  const int n = wanted_kills("10");
   for (int i = 0; i < n; ++i) {
     SCOPED_TRACE(i);
     const std::vector<char> samples = read_bytes(recording);
@@ -158,7 +138,7 @@ TEST_F(session_kill, of_a_batch_leaves_the_old_files_or_the_new) {
   const std::vector<char> new_csv = read_bytes(csv);
   const int most_ms =
       static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
-  const int n = wanted_kills();
+  const int n = wanted_kills("10");
   int n_killed = 0, n_runs = 0;
   for (; n_killed < n && n_runs < 10 * n; ++n_runs) {
     SCOPED_TRACE(n_runs);

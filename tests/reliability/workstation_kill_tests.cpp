@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -17,39 +16,27 @@
 #include "operations/open_recording.h"
 #include "operations/program_run.h"
 #include "operations/recovery.h"
+#include "reliability/killed_runs.h"
 #include "results/work_file.h"
 #include "session/settings_files.h"
 #include "support/child_process.h"
 #include "support/small_session.h"
-#include "synthesis/test_recording.h"
 
 namespace kestrelvane::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string variable(const char* name, const char* otherwise) {
-  const char* text = std::getenv(name);
-  return text != nullptr ? text : otherwise;
-}
-
 struct workstation_kill : ::testing::Test {
   temporary_directory home, data, aside;
   std::string recording = data.file("a.tsf"), work_file = data.file("a.wrk");
   std::string csv = data.file("a.csv");
-  std::mt19937 random{static_cast<unsigned>(std::stoul(variable("KESTRELVANE_KILL_SEED", "2026")))};
+  std::mt19937 random{wanted_seed()};
   std::string stage;  // that the last run was killed in
   bool offered = false, recovered = false;
 
   workstation_kill() {
-    test_recording_options options;
-    options.electrode = test_electrode::tetrode;
-    options.n_channels = 4;
-    options.minutes = 0.2;
-    options.n_units = 3;
-    options.median_rate = 20;
-    std::string problem;
-    EXPECT_TRUE(make_test_recording(options, recording, {}, problem)) << problem;
+    make_killed_recording(recording);
     small_session user;
     user->home_directory = home.path;
     user->preferences.autorecover_minutes = 0.01f;
@@ -130,7 +117,7 @@ struct workstation_kill : ::testing::Test {
 };
 
 TEST_F(workstation_kill, of_the_program_costs_no_file_and_the_next_start_recovers) {
-  const int n = std::stoi(variable("KESTRELVANE_KILLS", "6"));
+  const int n = wanted_kills("6");
   const std::vector<char> samples = read_bytes(recording);
   const char* const stages[] = {"sort", "review", "save", "export", "open", "filter"};
   bool has_sort = false;
