@@ -6,6 +6,8 @@
 #include <array>
 #include <cmath>
 
+#include "sorting/noise_tail.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -21,9 +23,14 @@ constexpr std::size_t fewest_spikes = 40, fewest_strong_spikes = 15;
 constexpr std::size_t fewest_for_shape = 15, most_for_shape = 150;
 // On a site or two, cells of two sizes may well have one waveform.
 constexpr std::size_t fewest_shape_channels = 4;
+constexpr double large_part = 0.25;
 constexpr double stands_out = 4.9, strong_energy = 60;
 // Shadows.
 constexpr double locked_ms = 0.1;
+// Leftovers, counted by lags in bins of 0.1 ms.
+constexpr std::int32_t half_ms_bins = 5;
+constexpr std::int32_t fewest_leftovers = 10;
+constexpr double times_expected = 4;
 // Sums.
 constexpr std::size_t fewest_sum_channels = 7;
 constexpr double explained = 0.95, more_spikes = 1.43, least_share = 0.08, second_share = 0.4;
@@ -64,12 +71,25 @@ score_histogram make_histogram(const tracked_unit& unit, double least_ratio) {
   return h;
 }
 
-// Whether the spikes below a cut have the waveform of those above, at any gain.
+// The lowest score that a spike of a unit may have: by its gain or by its amplitude.
+double least_score(const match_limits& limits, double energy) {
+  const auto prior = static_cast<double>(limits.prior());
+  const double by_gain =
+      std::sqrt((prior + static_cast<double>(limits.threshold)) * (energy + prior)) - prior;
+  const double by_amplitude =
+      static_cast<double>(limits.least_amplitude) * (energy + prior) - prior;
+  return std::max(by_gain, by_amplitude);
+}
+
+// Whether the spikes from where the noise ends to a cut have the waveform of those above, at any
+// gain.
 bool one_shape_across(const session_state& session, const noise_covariance& noise,
-                      const tracking_rules& rules, const tracked_unit& unit, double cut) {
+                      const tracking_rules& rules, const tracked_unit& unit, double noise_end,
+                      double cut) {
   std::vector<tracked_spike> below, above;
   for (const tracked_spike& s : unit.spikes) {
-    (static_cast<double>(s.ratio) < cut ? below : above).push_back(s);
+    const auto ratio = static_cast<double>(s.ratio);
+    if (ratio >= noise_end) (ratio < cut ? below : above).push_back(s);
   }
   if (below.size() < fewest_for_shape || above.size() < fewest_for_shape) return false;
   const std::vector<std::int32_t>& channels = unit.filter.channels;
@@ -81,6 +101,18 @@ bool one_shape_across(const session_state& session, const noise_covariance& nois
   const double energy = unit.mean_energy();
   return cut * std::sqrt(energy) >= stands_out &&
          is_multiple_of(noise, rules.window, low, high, 0, channels, energy);
+}
+
+// Whether so many spikes lie between the end of the noise and a cut that they are the unit's or
+// another's, which a cut would lose; those of another are told apart later.
+bool is_large_part(const tracked_unit& unit, double noise_end, double cut) {
+  if (unit.filter.channels.size() < fewest_shape_channels) return false;
+  std::size_t below = 0, above = 0;
+  for (const tracked_spike& s : unit.spikes) {
+    const auto ratio = static_cast<double>(s.ratio);
+    if (ratio >= noise_end) (ratio < cut ? below : above) += 1;
+  }
+  return static_cast<double>(below) >= large_part * static_cast<double>(below + above);
 }
 
 }  // namespace
@@ -114,21 +146,85 @@ std::string trim_unit(const session_state& session, const noise_covariance& nois
   const std::size_t fewest = energy >= strong_energy ? fewest_strong_spikes : fewest_spikes;
   if (unit.spikes.size() < fewest) return fmt::format("{} spikes", unit.spikes.size());
   if (energy < least_mean_energy) return fmt::format("detectability {:.0f}", energy);
-  const double prior = static_cast<double>(rules.limits.prior());
-  const double least =
-      std::sqrt((prior + static_cast<double>(rules.limits.threshold)) * (energy + prior)) - prior;
-  const score_cut cut = find_cut(unit, least / energy);
-  const bool one = cut.ratio > 0 && one_shape_across(session, noise, rules, unit, cut.ratio);
+  const double least = least_score(rules.limits, energy) / energy;
+  score_cut cut = find_cut(unit, least);
+  const double noise_end = cut.ratio > 0 ? find_noise_end(unit, least, cut.ratio) : 0;
+  const bool one =
+      cut.ratio > 0 && one_shape_across(session, noise, rules, unit, noise_end, cut.ratio);
   if (cut.valley > largest_valley && !(one && energy >= strong_energy)) {
     return fmt::format("not apart from noise, valley {:.2f}", cut.valley);
   }
-  if (one) return "";
+  if (one || is_large_part(unit, noise_end, cut.ratio)) cut.ratio = noise_end;
   std::erase_if(unit.spikes,
                 [&](const tracked_spike& s) { return static_cast<double>(s.ratio) < cut.ratio; });
   unit.energy_sum = energy * static_cast<double>(unit.spikes.size());
   if (unit.spikes.size() < fewest) return fmt::format("{} spikes", unit.spikes.size());
   return "";
 }
+
+namespace {
+
+// Where spikes of one unit lie after those of another, samples.
+struct spike_lag {
+  std::size_t spike;  // of the weaker
+  float lag;
+};
+
+// Of all pairs of spikes within a reach, by spike of the weaker.
+std::vector<spike_lag> lags_after(const tracked_unit& weak, const tracked_unit& strong,
+                                  std::int32_t reach) {
+  std::vector<spike_lag> lags;
+  std::size_t first = 0;
+  for (std::size_t i = 0; i < weak.spikes.size(); ++i) {
+    const tracked_spike& s = weak.spikes[i];
+    while (first < strong.spikes.size() && strong.spikes[first].time < s.time - reach) ++first;
+    for (std::size_t k = first; k < strong.spikes.size() && strong.spikes[k].time <= s.time + reach;
+         ++k) {
+      const float lag = static_cast<float>(s.time - strong.spikes[k].time) +
+                        static_cast<float>(s.phase - strong.spikes[k].phase) / match_phases;
+      if (std::fabs(lag) <= static_cast<float>(reach)) lags.push_back({i, lag});
+    }
+  }
+  return lags;
+}
+
+// The lag of each spike that has a stronger unit's within reach, to the nearest of them.
+std::vector<float> nearest_lags(const tracked_unit& weak, const tracked_unit& strong,
+                                std::int32_t reach) {
+  std::vector<float> nearest;
+  std::size_t last = weak.spikes.size();
+  for (const spike_lag& l : lags_after(weak, strong, reach)) {
+    if (l.spike != last) {
+      nearest.push_back(l.lag);
+      last = l.spike;
+    } else if (std::fabs(l.lag) < std::fabs(nearest.back())) {
+      nearest.back() = l.lag;
+    }
+  }
+  return nearest;
+}
+
+// The lag, in bins from -reach, about which three bins hold most spikes; -1 unless they hold far
+// more than the bins farther off do.
+std::int32_t find_lock(const std::vector<std::int32_t>& counts, std::int32_t reach) {
+  const auto window = [&](std::int32_t k) { return counts[k - 1] + counts[k] + counts[k + 1]; };
+  const std::int32_t from = reach / 2, to = reach + reach / 2;
+  std::int32_t best = from;
+  for (std::int32_t k = from; k <= to; ++k) {
+    if (window(k) > window(best)) best = k;
+  }
+  std::int32_t beside = 0, n_beside = 0;
+  for (std::int32_t k = 0; k < static_cast<std::int32_t>(counts.size()); ++k) {
+    if (std::abs(k - best) <= 2) continue;
+    beside += counts[k];
+    ++n_beside;
+  }
+  const double expected = 3.0 * beside / n_beside;
+  const bool locked = window(best) >= fewest_leftovers && window(best) > times_expected * expected;
+  return locked ? best : -1;
+}
+
+}  // namespace
 
 std::int32_t find_shadow(const tracking_rules& rules, const std::vector<tracked_unit>& units,
                          std::int32_t unit, double sampling_frequency) {
@@ -137,21 +233,7 @@ std::int32_t find_shadow(const tracking_rules& rules, const std::vector<tracked_
   for (std::int32_t u = 0; u < static_cast<std::int32_t>(units.size()); ++u) {
     const tracked_unit& strong = units[static_cast<std::size_t>(u)];
     if (u == unit || strong.spikes.empty() || strong.mean_energy() <= weak.mean_energy()) continue;
-    std::vector<float> lags;
-    std::size_t first = 0;
-    for (const tracked_spike& s : weak.spikes) {
-      while (first < strong.spikes.size() && strong.spikes[first].time < s.time - rules.half_ms) {
-        ++first;
-      }
-      float nearest = 2.0f * static_cast<float>(rules.half_ms);
-      for (std::size_t k = first;
-           k < strong.spikes.size() && strong.spikes[k].time <= s.time + rules.half_ms; ++k) {
-        const float lag = static_cast<float>(s.time - strong.spikes[k].time) +
-                          static_cast<float>(s.phase - strong.spikes[k].phase) / match_phases;
-        if (std::fabs(lag) < std::fabs(nearest)) nearest = lag;
-      }
-      if (std::fabs(nearest) <= static_cast<float>(rules.half_ms)) lags.push_back(nearest);
-    }
+    std::vector<float> lags = nearest_lags(weak, strong, rules.half_ms);
     if (2 * lags.size() <= weak.spikes.size()) continue;
     std::nth_element(lags.begin(), lags.begin() + static_cast<std::ptrdiff_t>(lags.size() / 2),
                      lags.end());
@@ -161,6 +243,29 @@ std::int32_t find_shadow(const tracking_rules& rules, const std::vector<tracked_
     if (2 * static_cast<std::size_t>(n) > weak.spikes.size()) return u;
   }
   return -1;
+}
+
+std::vector<char> find_leftovers(const tracking_rules& rules,
+                                 const std::vector<tracked_unit>& units, std::int32_t unit) {
+  const tracked_unit& weak = units[static_cast<std::size_t>(unit)];
+  std::vector<char> left(weak.spikes.size());
+  const std::int32_t reach = 2 * rules.half_ms;
+  const float bin = static_cast<float>(rules.half_ms) / half_ms_bins;
+  for (const tracked_unit& strong : units) {
+    if (&strong == &weak || strong.spikes.empty()) continue;
+    if (strong.mean_energy() <= weak.mean_energy()) continue;
+    const std::vector<spike_lag> lags = lags_after(weak, strong, reach);
+    if (lags.size() < fewest_leftovers) continue;
+    std::vector<std::int32_t> counts(4 * half_ms_bins + 1);
+    const auto bin_of = [&](float lag) {
+      return static_cast<std::int32_t>(std::lround(lag / bin)) + 2 * half_ms_bins;
+    };
+    for (const spike_lag& l : lags) ++counts[bin_of(l.lag)];
+    const std::int32_t lock = find_lock(counts, 2 * half_ms_bins);
+    if (lock < 0) continue;
+    for (const spike_lag& l : lags) left[l.spike] |= std::abs(bin_of(l.lag) - lock) <= 1;
+  }
+  return left;
 }
 
 // ---------------------------------------------------------------- sums

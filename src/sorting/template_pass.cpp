@@ -224,13 +224,35 @@ void drop_unit(const sweep& s, tracked_unit& unit, const std::string& why) {
   unit.energy_sum = 0;
 }
 
+// What is left of strong spikes that are not of their unit's mean shape looks like weak ones.
+void drop_leftovers(sweep& s) {
+  const auto n = static_cast<std::int64_t>(s.units.size());
+  std::vector<std::vector<char>> left(s.units.size());
+  parallel_for_dealt(threads_now(s.session), 0, n - 1, [&](std::int64_t u, std::int32_t) {
+    left[u] = find_leftovers(s.rules, s.units, static_cast<std::int32_t>(u));
+  });
+  for (std::size_t u = 0; u < s.units.size(); ++u) {
+    tracked_unit& unit = s.units[u];
+    const auto n_left = std::count(left[u].begin(), left[u].end(), 1);
+    if (n_left == 0) continue;
+    note(s, fmt::format("unit {}: {} of {} spikes are what stronger units leave", unit.cluster,
+                        n_left, unit.spikes.size()));
+    const double energy = unit.mean_energy();
+    std::vector<tracked_spike> kept;
+    for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+      if (!left[u][i]) kept.push_back(unit.spikes[i]);
+    }
+    unit.spikes = std::move(kept);
+    unit.energy_sum = energy * static_cast<double>(unit.spikes.size());
+  }
+}
+
 void trim_units(sweep& s) {
   const auto n = static_cast<std::int64_t>(s.units.size());
   std::vector<std::string> why(s.units.size());
   parallel_for_dealt(threads_now(s.session), 1, n, [&](std::int64_t u, std::int32_t) {
     tracked_unit& unit = s.units[static_cast<std::size_t>(u - 1)];
     if (unit.stage == unit_stage::joined) return;
-    remove_doubles(s.rules, unit.spikes);
     why[static_cast<std::size_t>(u - 1)] = trim_unit(
         s.session, s.noise, s.rules, static_cast<double>(s.session.matching.match_valley), unit);
   });
@@ -552,6 +574,8 @@ template_pass_end run_template_pass(session_state& session) {
   sweep s{session, {}, {}, {}, {}, {}, {}};
   if (!prepare(s)) return template_pass_end::not_possible;
   if (!sweep_recording(s)) return template_pass_end::interrupted;
+  for (tracked_unit& unit : s.units) remove_doubles(s.rules, unit.spikes);
+  drop_leftovers(s);
   trim_units(s);
   split_mixtures(s);
   drop_shadows(s);

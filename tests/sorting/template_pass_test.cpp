@@ -12,6 +12,7 @@
 #include "signal/tissue_motion.h"
 #include "sorting/hand_overs.h"
 #include "sorting/matched_trains.h"
+#include "sorting/noise_tail.h"
 #include "sorting/tracked_units.h"
 #include "sorting/undo_state.h"
 #include "sorting/unit_joins.h"
@@ -517,6 +518,102 @@ TEST(MatchedTrains, CollisionsOfTwoQuickTrainsAreASum) {
   EXPECT_FALSE(find_sum(rules, units, 6'000'000, 2, first, second)) << "130 meetings";
   units[2].spikes.resize(150);
   EXPECT_FALSE(find_sum(rules, units, 4'000'000, 2, first, second));
+}
+
+tracked_spike spike_at(std::int32_t time) {
+  tracked_spike s;
+  s.time = time;
+  return s;
+}
+
+// Spikes every 1000 samples from the first on.
+tracked_unit regular_unit(double energy, std::int32_t first, std::size_t n) {
+  tracked_unit unit;
+  for (std::size_t i = 0; i < n; ++i) {
+    unit.spikes.push_back(spike_at(first + 1000 * static_cast<std::int32_t>(i)));
+  }
+  unit.energy_sum = energy * static_cast<double>(n);
+  return unit;
+}
+
+TEST(MatchedTrains, SpikesAtOneLagAfterStrongerOnesAreLeftovers) {
+  tracking_rules rules;
+  rules.half_ms = 15;
+  std::vector<tracked_unit> units = {regular_unit(400, 1000, 200), regular_unit(100, 1400, 160)};
+  // The weak one has 40 more, 4 samples after a strong one, and 20 at lags all over 1 ms.
+  for (std::int32_t i = 0; i < 40; ++i)
+    units[1].spikes.push_back(spike_at(1004 + 3000 * i + i % 2));
+  for (std::int32_t i = 0; i < 20; ++i) {
+    units[1].spikes.push_back(spike_at(130'970 + 1000 * i + 3 * i));
+  }
+  units[1].energy_sum = 100 * 220;
+  std::sort(units[1].spikes.begin(), units[1].spikes.end(),
+            [](const tracked_spike& a, const tracked_spike& b) { return a.time < b.time; });
+  const std::vector<char> left = find_leftovers(rules, units, 1);
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    const std::int32_t after = (units[1].spikes[i].time - 1000) % 1000;
+    if (units[1].spikes[i].time >= 130'000) break;
+    EXPECT_EQ(left[i] != 0, after < 10) << i;
+  }
+  const auto n = std::count(left.begin(), left.end(), 1);
+  EXPECT_GE(n, 40);
+  EXPECT_LE(n, 44) << "few of those that were there by chance";
+  const std::vector<char> strong = find_leftovers(rules, units, 0);
+  EXPECT_EQ(std::count(strong.begin(), strong.end(), 1), 0) << "a strong one is nobody's leftover";
+
+  // A partner that comes within a millisecond, at no lag of its own, stays.
+  units[1] = regular_unit(100, 1400, 0);
+  for (std::int32_t i = 0; i < 200; ++i) {
+    units[1].spikes.push_back(spike_at(1000 * (i + 1) + i * 7 % 61 - 30));
+  }
+  units[1].energy_sum = 100 * 200;
+  const std::vector<char> partner = find_leftovers(rules, units, 1);
+  EXPECT_EQ(std::count(partner.begin(), partner.end(), 1), 0);
+}
+
+// So many spikes as a bell has round a middle, at ratios 0.01 apart.
+void add_bell(tracked_unit& unit, double n, double middle, double width, double from) {
+  for (double ratio = from; ratio < 2; ratio += 0.01) {
+    const double z = (ratio - middle) / width;
+    const auto here = std::lround(n * 0.01 / (2.5 * width) * std::exp(-0.5 * z * z));
+    for (long i = 0; i < here; ++i) {
+      tracked_spike s;
+      s.ratio = static_cast<float>(ratio);
+      unit.spikes.push_back(s);
+      unit.energy_sum += 70;
+    }
+  }
+}
+
+TEST(MatchedTrains, NoiseEndsBelowTheSmallerOfTwoSizes) {
+  constexpr double from = 0.555;
+  const auto add_noise = [&](tracked_unit& unit) {
+    for (int i = 0; i < 20; ++i) {
+      for (long k = std::lround(60 * std::exp(-i * 0.01 / 0.035)); k > 0; --k) {
+        tracked_spike s;
+        s.ratio = static_cast<float>(from) + 0.01f * static_cast<float>(i);
+        unit.spikes.push_back(s);
+        unit.energy_sum += 70;
+      }
+    }
+  };
+  tracked_unit two_sizes;
+  add_noise(two_sizes);
+  add_bell(two_sizes, 400, 0.82, 0.12, from);
+  add_bell(two_sizes, 400, 1.22, 0.14, from);
+  const double end = find_noise_end(two_sizes, from, 1.0);
+  EXPECT_GT(end, 0.59);
+  EXPECT_LT(end, 0.70);
+  // Without the smaller size the noise ends where the unit begins.
+  tracked_unit one_size;
+  add_noise(one_size);
+  add_bell(one_size, 400, 1.05, 0.14, from);
+  const double later = find_noise_end(one_size, from, 0.72);
+  EXPECT_GT(later, end);
+  EXPECT_LT(later, 0.80);
+  // A unit that strong has no noise at half of its size.
+  one_size.energy_sum *= 4;
+  EXPECT_EQ(find_noise_end(one_size, from, 0.72), 0);
 }
 
 TEST(MatchedTrains, CutAtTheValleyAndLeaveOneOfTwo) {
