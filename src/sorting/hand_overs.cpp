@@ -34,6 +34,16 @@ constexpr std::size_t most_for_mean = 150;  // spikes
 // to that after. In so short a time slow movement goes less far.
 constexpr double told_by_place = 0.4, alternate_by_time = 0.5;
 constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 10;
+// One unit that drifts goes from one piece to the other by and by, with spikes of both in between;
+// one neuron that falls silent as another awakes leaves few. Measured 0.02 to 0.09 where a unit
+// drifted, with shapes that are 0.87 to 0.99 alike about the change; neighbours in turn, which mix
+// as much, 0.88 at most and mostly 0.6 to 0.8.
+constexpr double least_mixed = 0.015, most_mixed = 0.12, drifted_like = 0.86;
+constexpr std::size_t spikes_beside = 60;
+// Swinging tissue that shows each piece in its own places all the time leaves no other reading.
+constexpr double swung_like = 0.7;
+constexpr double place_bin_um = 3;
+constexpr std::int32_t place_bins = 400;
 
 }  // namespace
 
@@ -110,8 +120,35 @@ double overlap_in_time(const tracked_unit& a, const tracked_unit& b, std::int32_
   return fewer > 0 ? both / fewer : 1.0;
 }
 
-bool fire_in_turn(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments) {
-  return overlap_in_time(a, b, n_segments) < largest_overlap;
+double overlap_in_place(const tissue_motion& motion, double sampling_frequency,
+                        const tracked_unit& a, const tracked_unit& b) {
+  if (motion.um.empty() || a.spikes.empty() || b.spikes.empty()) return 1;
+  const auto count = [&](const tracked_unit& unit) {
+    std::vector<double> counts(place_bins);
+    for (const tracked_spike& s : unit.spikes) {
+      const double place = motion_at(motion, static_cast<double>(s.time) / sampling_frequency);
+      const auto bin = static_cast<std::int32_t>(std::floor(place / place_bin_um)) + place_bins / 2;
+      counts[static_cast<std::size_t>(std::clamp(bin, 0, place_bins - 1))] += 1;
+    }
+    return counts;
+  };
+  const std::vector<double> n_a = count(a), n_b = count(b);
+  double both = 0;
+  for (std::size_t i = 0; i < n_a.size(); ++i) both += std::min(n_a[i], n_b[i]);
+  return both / static_cast<double>(std::min(a.spikes.size(), b.spikes.size()));
+}
+
+double overlap_of(const recording_store& recording, const tracked_unit& a, const tracked_unit& b,
+                  std::int32_t n_segments) {
+  const double in_time = overlap_in_time(a, b, n_segments);
+  if (!recording.motion.corrected) return in_time;
+  const auto frequency = static_cast<double>(recording.sampling_frequency);
+  return std::min(in_time, overlap_in_place(recording.motion, frequency, a, b));
+}
+
+bool fire_in_turn(const recording_store& recording, const tracked_unit& a, const tracked_unit& b,
+                  std::int32_t n_segments) {
+  return overlap_of(recording, a, b, n_segments) < largest_overlap;
 }
 
 namespace {
@@ -171,7 +208,7 @@ std::vector<candidate> possible_pairs(const session_state& session,
       const float away = session.recording.distance(x.filter.main_channel, y.filter.main_channel);
       if (away > reach_um) continue;
       const double energy = square_root_ratio(x.mean_energy(), y.mean_energy());
-      const double overlap = overlap_in_time(x, y, n_segments);
+      const double overlap = overlap_of(session.recording, x, y, n_segments);
       if (energy < least_energy || overlap >= largest_overlap) continue;
       const bool order = middle_of(x) <= middle_of(y);
       out.push_back({order ? a : b, order ? b : a, overlap, 0});
@@ -311,9 +348,10 @@ double mean_between(const tissue_motion& motion, double from, double to) {
 
 }  // namespace
 
-bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
-                        const std::vector<std::int32_t>& later) {
-  if (recording.motion.um.empty() || earlier.empty() || later.empty()) return false;
+passage find_passage(const recording_store& recording, const std::vector<std::int32_t>& earlier,
+                     const std::vector<std::int32_t>& later, double& turn_s) {
+  turn_s = 0;
+  if (recording.motion.um.empty() || earlier.empty() || later.empty()) return passage::none;
   std::vector<measured_spike> times, places, back;
   for (const std::vector<std::int32_t>* train : {&earlier, &later}) {
     for (const std::int32_t t : *train) {
@@ -326,18 +364,31 @@ bool goes_with_movement(const recording_store& recording, const std::vector<std:
   }
   const cut by_time = best_cut(times);
   const double by_place = std::min(best_cut(places).wrong, best_cut(back).wrong);
-  if (by_place > told_by_place) return false;
-  if (by_time.wrong >= alternate_by_time) return true;
+  if (by_place > told_by_place) return passage::none;
+  if (by_time.wrong >= alternate_by_time) return passage::swing;
   // The last of the earlier unit's spikes before the cut, and the first of the later one's after.
   auto last = static_cast<std::ptrdiff_t>(by_time.at) - 1;
   std::size_t first = by_time.at;
   while (last >= 0 && times[static_cast<std::size_t>(last)].later) --last;
   while (first < times.size() && !times[first].later) ++first;
-  if (last < 0 || first == times.size()) return false;
+  if (last < 0 || first == times.size()) return passage::none;
   const double from = times[static_cast<std::size_t>(last)].measure, to = times[first].measure;
+  if (to - from > longest_gap_s) return passage::none;
+  turn_s = 0.5 * (from + to);
   const double leap = mean_between(recording.motion, to, to + beside_gap_s) -
                       mean_between(recording.motion, from - beside_gap_s, from);
-  return to - from <= longest_gap_s && std::fabs(leap) >= leap_um;
+  if (std::fabs(leap) >= leap_um) return passage::leap;
+  const double way = mean_place(recording, later) - mean_place(recording, earlier);
+  const bool drifts =
+      std::fabs(way) >= leap_um && by_time.wrong >= least_mixed && by_time.wrong <= most_mixed;
+  return drifts ? passage::drift : passage::none;
+}
+
+bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
+                        const std::vector<std::int32_t>& later) {
+  double turn_s = 0;
+  const passage way = find_passage(recording, earlier, later, turn_s);
+  return way == passage::leap || way == passage::swing;
 }
 
 namespace {
@@ -377,26 +428,62 @@ double likeness_where_seen(const recording_store& recording, const tracking_rule
 
 namespace {
 
-// Fills the similarities of what the spikes of both are in the mean: the last shape of a followed
-// unit may be that of something else it has strayed to.
-void compare_means(const session_state& session, const noise_covariance& noise,
-                   const tracking_rules& rules, const std::vector<tracked_unit>& units,
-                   std::vector<candidate>& pairs) {
-  std::vector<spike_shape> means(units.size());
-  std::vector<double> places(units.size());
-  const auto prepare = [&](std::size_t u) {
-    if (!means[u].channels.empty()) return;
-    means[u] = mean_of_spikes(session, noise, rules.window, evenly(units[u].spikes, most_for_mean),
-                              units[u].shape.channels);
-    places[u] = mean_place(session.recording, spike_times(units[u]));
+// How much alike two units' spikes are in the mean, on the channels of either that saw both: one
+// that the end of the probe hid may have been seen on fewer.
+double likeness_of(const session_state& session, const noise_covariance& noise,
+                   const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,
+                   const std::vector<tracked_spike>& of_a, const std::vector<tracked_spike>& of_b) {
+  std::vector<std::int32_t> channels = a.shape.channels;
+  channels.insert(channels.end(), b.shape.channels.begin(), b.shape.channels.end());
+  std::sort(channels.begin(), channels.end());
+  channels.erase(std::unique(channels.begin(), channels.end()), channels.end());
+  const auto shape = [&](const std::vector<tracked_spike>& spikes) {
+    return mean_of_spikes(session, noise, rules.window, spikes, channels);
   };
-  for (candidate& p : pairs) {
-    const auto a = static_cast<std::size_t>(p.earlier), b = static_cast<std::size_t>(p.later);
-    prepare(a);
-    prepare(b);
-    p.similarity =
-        likeness_where_seen(session.recording, rules, means[a], places[a], means[b], places[b]);
+  const auto place = [&](const std::vector<tracked_spike>& spikes) {
+    std::vector<std::int32_t> times;
+    for (const tracked_spike& s : spikes) times.push_back(s.time);
+    return mean_place(session.recording, times);
+  };
+  return likeness_where_seen(session.recording, rules, shape(of_a), place(of_a), shape(of_b),
+                             place(of_b));
+}
+
+// The spikes of a unit that lie next to a time, ascending.
+std::vector<tracked_spike> spikes_about(const tracked_unit& unit, double time) {
+  std::vector<tracked_spike> out = unit.spikes;
+  std::stable_sort(out.begin(), out.end(), [&](const tracked_spike& a, const tracked_spike& b) {
+    return std::fabs(a.time - time) < std::fabs(b.time - time);
+  });
+  if (out.size() > spikes_beside) out.resize(spikes_beside);
+  std::stable_sort(out.begin(), out.end(),
+                   [](const tracked_spike& a, const tracked_spike& b) { return a.time < b.time; });
+  return out;
+}
+
+// Whether movement made two units of one. likeness: of all of their spikes in the mean.
+// The one where they meet takes its place when they drift.
+bool movement_explains(const session_state& session, const noise_covariance& noise,
+                       const tracking_rules& rules, const tracked_unit& earlier,
+                       const tracked_unit& later, double& likeness) {
+  const auto frequency = static_cast<double>(session.recording.sampling_frequency);
+  double turn_s = 0;
+  switch (find_passage(session.recording, spike_times(earlier), spike_times(later), turn_s)) {
+    case passage::leap:
+      return likeness >= followed_like;
+    case passage::swing: {
+      const double overlap = overlap_in_place(session.recording.motion, frequency, earlier, later);
+      return likeness >= (overlap < largest_overlap ? swung_like : followed_like);
+    }
+    case passage::drift:
+      likeness = likeness_of(session, noise, rules, earlier, later,
+                             spikes_about(earlier, turn_s * frequency),
+                             spikes_about(later, turn_s * frequency));
+      return likeness >= drifted_like;
+    case passage::none:
+      break;
   }
+  return false;
 }
 
 std::vector<hand_over> hand_overs_of_followed(const session_state& session,
@@ -404,18 +491,22 @@ std::vector<hand_over> hand_overs_of_followed(const session_state& session,
                                               const tracking_rules& rules,
                                               const std::vector<tracked_unit>& units,
                                               std::int32_t n_segments) {
-  std::vector<candidate> pairs = possible_pairs(session, units, n_segments, followed_energy);
-  compare_means(session, noise, rules, units, pairs);
-  most_alike_first(pairs);
+  const std::vector<candidate> pairs = possible_pairs(session, units, n_segments, followed_energy);
   std::vector<hand_over> out;
   for (const candidate& p : pairs) {
-    if (p.similarity < hand_over_like) break;
-    const bool one = p.similarity >= followed_like &&
-                     goes_with_movement(session.recording,
-                                        spike_times(units[static_cast<std::size_t>(p.earlier)]),
-                                        spike_times(units[static_cast<std::size_t>(p.later)]));
-    out.push_back({p.earlier, p.later, p.similarity, p.overlap, one});
+    const tracked_unit& earlier = units[static_cast<std::size_t>(p.earlier)];
+    const tracked_unit& later = units[static_cast<std::size_t>(p.later)];
+    double likeness =
+        likeness_of(session, noise, rules, earlier, later, evenly(earlier.spikes, most_for_mean),
+                    evenly(later.spikes, most_for_mean));
+    const bool one = movement_explains(session, noise, rules, earlier, later, likeness);
+    if (likeness >= hand_over_like) {
+      out.push_back({p.earlier, p.later, likeness, p.overlap, one});
+    }
   }
+  std::stable_sort(out.begin(), out.end(), [](const hand_over& a, const hand_over& b) {
+    return a.similarity > b.similarity;
+  });
   return out;
 }
 

@@ -5,7 +5,8 @@
 // a unit and itself 20 µm further. What tells is whether the change goes with the movement. Where
 // channels follow the tissue they read it through other sites after a jump, and beyond the end of
 // the probe not at all; two pieces are then compared on the channels that read both of them, and
-// are one when the tissue leapt as they changed, or when place tells them apart and time does not.
+// are one when the tissue leapt as they changed, when place tells them apart and time does not, or
+// when it drifts and one goes over into the other by and by, with the same waveform.
 // Where channels stay, the units that were followed tell how the tissue went, or all pairs together
 // that it jumped.
 #pragma once
@@ -24,14 +25,23 @@ float motion_range(const std::vector<float>& motion);
 // Where a unit lies when the motion is taken out, µm; not a number when it was not measured.
 float home_depth(const tracked_unit& unit, const std::vector<float>& motion);
 
-// How far two units fire in the same segments, 0 never, 1 always; and whether that is so little
-// that they may be one that is here and there.
+// How far two units fire in the same segments, or while the tissue is in the same places: 0 never,
+// 1 always, and always where no movement was measured.
 double overlap_in_time(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments);
-bool fire_in_turn(const tracked_unit& a, const tracked_unit& b, std::int32_t n_segments);
+double overlap_in_place(const tissue_motion& motion, double sampling_frequency,
+                        const tracked_unit& a, const tracked_unit& b);
+// Whether that is so little, in time or in place, that they may be one that is here and there.
+bool fire_in_turn(const recording_store& recording, const tracked_unit& a, const tracked_unit& b,
+                  std::int32_t n_segments);
 
-// Whether the change from one train of spike times, samples, to the other goes with the movement of
-// the tissue: it leapt as the one gave way to the other, or time does not tell them apart and the
-// place of the tissue does. False where no movement was measured.
+// What the change from one train of spike times, samples, to the other goes with: the tissue leapt
+// as one gave way to the other; it swings, and its place tells them apart while time does not; it
+// drifts, and they mix for a while. None where no movement was measured. turn_s: when one gives way
+// to the other, seconds; 0 where it does so often.
+enum class passage { none, leap, swing, drift };
+passage find_passage(const recording_store& recording, const std::vector<std::int32_t>& earlier,
+                     const std::vector<std::int32_t>& later, double& turn_s);
+// Whether it is a leap or a swing.
 bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
                         const std::vector<std::int32_t>& later);
 

@@ -389,6 +389,12 @@ void solve_noise(const noise_covariance& noise, const std::vector<std::int32_t>&
   w.empty_into(weights);
 }
 
+float match_limits::least_amplitude_of(double energy) const {
+  constexpr double sure = 8, smallest = 0.5;  // times the noise of the score; of the unit's size
+  const double least = std::max(smallest, sure / std::sqrt(std::max(energy, 1.0)));
+  return std::min(least_amplitude, static_cast<float>(least));
+}
+
 void make_filter(const noise_covariance& noise, const spike_shape& shape, match_window window,
                  const match_limits& limits, unit_filter& filter) {
   const std::vector<float> faded = faded_on(shape, filter.channels, window.points);
@@ -399,6 +405,7 @@ void make_filter(const noise_covariance& noise, const spike_shape& shape, match_
   const auto scale = static_cast<float>(kept > 0 ? filter.energy / kept : 1.0);
   for (float& w : filter.temporal) w *= scale;
   make_phases(shape, window.points, filter);
+  filter.least_amplitude = limits.least_amplitude_of(filter.energy);
   const double prior = static_cast<double>(limits.prior());
   filter.least_score = static_cast<float>(
       std::sqrt((prior + static_cast<double>(limits.threshold)) * (filter.energy + prior)) - prior);

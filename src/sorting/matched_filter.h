@@ -27,6 +27,9 @@ struct match_limits {
   float threshold = 16;        // least gain
   float amplitude_sd = 0.15f;  // of the spikes of a unit, which has 1
   float least_amplitude = 0.65f, largest_amplitude = 1.6f;
+  // The least amplitude of a unit: what stands far out of the noise at half of its size is
+  // believed.
+  float least_amplitude_of(double energy) const;
   float prior() const { return 1.0f / (amplitude_sd * amplitude_sd); }
 };
 
@@ -64,6 +67,7 @@ struct unit_filter {
   std::vector<float> phases;  // phase -half .. half: the shape there, subtracted x points
   float square = 0;           // sum of squares of the shape on these channels
   float least_score = 0;      // score at which the gain is 0
+  float least_amplitude = 0;
 
   const float* at_phase(std::int32_t phase, std::int32_t points) const {
     return phases.data() + static_cast<std::size_t>(phase + match_half_phases) * subtracted.size() *

@@ -77,7 +77,7 @@ double least_score(const match_limits& limits, double energy) {
   const double by_gain =
       std::sqrt((prior + static_cast<double>(limits.threshold)) * (energy + prior)) - prior;
   const double by_amplitude =
-      static_cast<double>(limits.least_amplitude) * (energy + prior) - prior;
+      static_cast<double>(limits.least_amplitude_of(energy)) * (energy + prior) - prior;
   return std::max(by_gain, by_amplitude);
 }
 

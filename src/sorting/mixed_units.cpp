@@ -22,6 +22,9 @@ constexpr int component_rounds = 30, group_rounds = 12;
 // Between the groups: spikes in a band round the middle, over those in one as wide round the centre
 // of the smaller; it is a quarter of the way between the centres.
 constexpr double band = 0.125, largest_between = 0.4;
+// Groups far apart may have more between them, of collisions; with few between they are two at a
+// smaller distance of their waveforms.
+constexpr double far_apart = 4.5, largest_between_far = 0.5, clear_between = 0.2, clear_part = 0.65;
 constexpr double least_apart = 3.5;  // centres, over the root of the mean variance of both
 // A few spikes of a hundred are the collisions of one neighbour, or what it leaves; they are no
 // unit.
@@ -220,7 +223,7 @@ bool are_two(const two_groups& g) {
   const auto all = static_cast<double>(g.counts[0] + g.counts[1]);
   return smaller >= fewest_of_group && static_cast<double>(smaller) >= least_part * all &&
          std::max(g.spreads[0], g.spreads[1]) <= largest_spread && g.apart >= least_apart &&
-         g.between <= largest_between;
+         g.between <= (g.apart >= far_apart ? largest_between_far : largest_between);
 }
 
 // ---------------------------------------------------------------- what speaks against two
@@ -420,8 +423,9 @@ bool find_mixture(const session_state& session, const noise_covariance& noise,
   found.apart = g.groups.apart;
   const group_means means = means_of_groups(session, noise, crowd, whole, places, found.second);
   found.distance = distance_of_groups(noise, rules, whole, means);
-  return found.distance >=
-             largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy()) &&
+  const bool clear = g.groups.apart >= far_apart && g.groups.between <= clear_between;
+  const double limit = largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy());
+  return found.distance >= (clear ? clear_part * limit : limit) &&
          !is_movement(session, rules, whole, means, found.second) &&
          !is_burst(session, whole, found.second);
 }

@@ -186,7 +186,8 @@ void find_candidates(const stretch& s) {
   found.clear();
   const match_limits& limits = s.set.limits;
   for (std::int32_t u = 0; u < static_cast<std::int32_t>(s.set.units.size()); ++u) {
-    const float least = s.set.units[static_cast<std::size_t>(u)].least_score;
+    const unit_filter& unit = s.set.units[static_cast<std::size_t>(u)];
+    const float least = unit.least_score;
     const float* score = s.scores(u);
     for (std::int32_t bin = 0; bin < static_cast<std::int32_t>(s.bins); ++bin) {
       if (s.touched(u, bin) != s.round - 1) continue;
@@ -196,7 +197,7 @@ void find_candidates(const stretch& s) {
       for (std::int32_t t = std::max(first, 1); t < last; ++t) {
         if (score[t] <= least || score[t] < score[t - 1] || score[t] <= score[t + 1]) continue;
         const found_spike spike = spike_at(s, u, t);
-        if (spike.gain > 0.0f && spike.amplitude >= limits.least_amplitude &&
+        if (spike.gain > 0.0f && spike.amplitude >= unit.least_amplitude &&
             spike.amplitude <= limits.largest_amplitude) {
           found.push_back(spike);
         }

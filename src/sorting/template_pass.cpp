@@ -385,7 +385,7 @@ std::vector<proposal> join_hand_overs(sweep& s) {
     const std::string why =
         fmt::format("in turn, similarity {:.2f}, overlap in time {:.2f}", p.similarity, p.overlap);
     // Either may be part of another by now.
-    if (p.moved && fire_in_turn(s.units[a], s.units[b], s.n_segments)) {
+    if (p.moved && fire_in_turn(s.session.recording, s.units[a], s.units[b], s.n_segments)) {
       join_pair(s, a, b, why);
     } else if (a == p.earlier && b == p.later) {
       note(s, fmt::format("see whether units {} and {} are one: {}", s.units[a].cluster,

@@ -389,6 +389,17 @@ TEST(MatchedFilter, SolvesTheNoiseAndAnswersItsShapeWithItsEnergy) {
   EXPECT_NEAR(static_cast<double>(plain[150]), filter.energy, 1e-3 * filter.energy);
 }
 
+TEST(MatchedFilter, BelievesSmallSpikesOfUnitsThatStandOut) {
+  const match_limits limits;
+  // At E = 100 the score has a noise of a tenth of a spike's; 8 of it are more than 0.65.
+  EXPECT_EQ(limits.least_amplitude_of(100), 0.65f);
+  EXPECT_NEAR(limits.least_amplitude_of(200), 8 / std::sqrt(200.0), 1e-6);
+  EXPECT_EQ(limits.least_amplitude_of(10'000), 0.5f);
+  match_limits low;
+  low.least_amplitude = 0.4f;
+  EXPECT_EQ(low.least_amplitude_of(10'000), 0.4f) << "as set";
+}
+
 TEST(MatchedFilter, ReadsBetweenSamples) {
   std::vector<float> x(80), out(40);
   const auto wave = [](double t) { return std::sin(2 * std::numbers::pi * t * 4 / 25 + 0.3); };
@@ -455,11 +466,41 @@ TEST(HandOvers, GoWithTheMovementOrNot) {
       << "one gave way to the other while all stood still";
   EXPECT_FALSE(goes_with_movement(r, every_second(0, 77), every_second(83, 160)))
       << "after a gap in which anything may have happened";
+  double turn_s = 0;
   r.motion.um = slow;
   EXPECT_FALSE(goes_with_movement(r, before, after));
+  EXPECT_EQ(find_passage(r, before, after, turn_s), passage::none) << "from one second to the next";
+  // From 76 to 84 s both are there: one unit that goes over into what it has become.
+  std::vector<std::int32_t> fading = every_second(0, 76), rising = every_second(84, 160);
+  for (std::int32_t s = 76; s < 84; ++s) {
+    (s % 2 == 0 ? rising : fading).push_back(1000 * s + 500);
+  }
+  std::sort(rising.begin(), rising.end());
+  EXPECT_EQ(find_passage(r, fading, rising, turn_s), passage::drift);
+  EXPECT_NEAR(turn_s, 80, 4);
+  EXPECT_FALSE(goes_with_movement(r, fading, rising));
+  r.motion.um.assign(160, 5.0f);
+  EXPECT_EQ(find_passage(r, fading, rising, turn_s), passage::none) << "nothing moved";
   r.motion.um = swing;
   EXPECT_TRUE(goes_with_movement(r, high, low));
   EXPECT_FALSE(goes_with_movement(r, before, after));
+
+  // Both are there in every stretch of 20 s, and never in one place.
+  r.motion.corrected = true;
+  tracked_unit up, down, all;
+  for (std::int32_t s = 0; s < 160; ++s) {
+    tracked_spike spike;
+    spike.time = 1000 * s + 500;
+    spike.segment = s / 20;
+    (swing[s] < 0 ? down : up).spikes.push_back(spike);
+    all.spikes.push_back(spike);
+  }
+  EXPECT_GT(overlap_in_time(up, down, 8), 0.9);
+  EXPECT_LT(overlap_in_place(r.motion, 1000, up, down), 0.2);
+  EXPECT_TRUE(fire_in_turn(r, up, down, 8));
+  EXPECT_FALSE(fire_in_turn(r, up, all, 8));
+  r.motion.corrected = false;
+  EXPECT_FALSE(fire_in_turn(r, up, down, 8)) << "where channels stay, place says nothing";
 }
 
 TEST(HandOvers, ComparesOnTheSitesThatSawBoth) {
