@@ -14,13 +14,14 @@ namespace {
 // Sources that are tried, round the channel: steps along the probe, places beside it.
 constexpr std::int32_t depth_steps = 21;
 constexpr double depth_step = 4;  // µm
-constexpr double places_x[] = {-40, -20, 0, 20, 40};
+// As close beside one another that the depth of a spike does not leap when its source moves on.
+constexpr std::int32_t across_steps = 7;
+constexpr double across_step = 10;  // µm
 constexpr double places_z[] = {5, 20, 45};
+constexpr std::int32_t n_z = 3;
 constexpr std::int32_t row = whole_lanes(depth_steps);
-constexpr std::int32_t n_rows = 15;
+constexpr std::int32_t n_rows = across_steps * n_z;  // by place across, then z
 constexpr std::int32_t n_sources = n_rows * row;
-// Height that noise alone has within the stretch that is looked at.
-constexpr float noise_height = 1.5f;
 constexpr std::int64_t quick_look = 256;  // samples passed over together when all are small
 
 struct channel_round {
@@ -35,7 +36,8 @@ void set_gains(const recording_store& r, channel_round& round) {
   round.gains.assign(n * n_sources, 0.0f);
   std::vector<double> g(n);
   std::int32_t source = 0;
-  for (const double x : places_x) {
+  for (std::int32_t a = 0; a < across_steps; ++a) {
+    const double x = across_step * (a - across_steps / 2);
     for (const double z : places_z) {
       for (std::int32_t i = 0; i < depth_steps; ++i) {
         const double y = depth_step * (i - depth_steps / 2);
@@ -102,26 +104,60 @@ bool is_largest(const recording_store& r, const channel_round& round, std::int32
   });
 }
 
-float depth_of(const recording_store& r, const channel_round& round, std::int32_t t,
-               std::int32_t reach) {
-  alignas(64) float sums[n_sources] = {};
+KESTRELVANE_CLONES std::int64_t products_of(const std::int16_t* a, const std::int16_t* b,
+                                            std::int32_t n) {
+  std::int64_t sum = 0;
+  for (std::int32_t i = 0; i < n; ++i) sum += std::int32_t{a[i]} * std::int32_t{b[i]};
+  return sum;
+}
+
+// How well each source fits the heights on the channels round it. A height is how much of the spike
+// as its own channel has it is on a channel: noise is for that as often as against it, where in a
+// largest value it is always for.
+void fit_sources(const recording_store& r, const channel_round& round, std::int32_t t,
+                 std::int32_t reach, float* sums) {
+  const std::int32_t n = 2 * reach + 1;
+  const std::int16_t* own = r.vd.channel(round.channel) + t - reach;
+  const double scale =
+      std::abs(std::int32_t{own[reach]}) / static_cast<double>(products_of(own, own, n));
+  std::fill(sums, sums + n_sources, 0.0f);
   for (std::size_t k = 0; k < round.wide.size(); ++k) {
-    const float height = height_at(r, round.wide[k], t, reach) - noise_height;
+    const std::int32_t c = round.wide[k];
+    const auto common = static_cast<double>(products_of(r.vd.channel(c) + t - reach, own, n));
+    const auto height = static_cast<float>(common * scale / static_cast<double>(r.chan_noise[c]));
     if (height > 0) add_products(round.gains.data() + k * n_sources, height, sums);
   }
-  float best[depth_steps];
+}
+
+// Where between its neighbours the largest of some values has its top, in steps from it.
+double top_of(const float* values, std::int32_t at, std::int32_t n) {
+  if (at == 0 || at == n - 1) return 0;
+  const double below = values[at - 1], above = values[at + 1];
+  const double bend = below - 2.0 * static_cast<double>(values[at]) + above;
+  return bend < 0 ? 0.5 * (below - above) / bend : 0;
+}
+
+spike_place place_of(const recording_store& r, const channel_round& round, std::int32_t t,
+                     std::int32_t reach, float height) {
+  alignas(64) float sums[n_sources];
+  fit_sources(r, round, t, reach, sums);
+  float along[depth_steps], across[across_steps];
   for (std::int32_t i = 0; i < depth_steps; ++i) {
-    best[i] = sums[i];
-    for (std::int32_t k = 1; k < n_rows; ++k) best[i] = std::max(best[i], sums[k * row + i]);
+    along[i] = sums[i];
+    for (std::int32_t k = 1; k < n_rows; ++k) along[i] = std::max(along[i], sums[k * row + i]);
   }
-  const auto at = static_cast<std::int32_t>(std::max_element(best, best + depth_steps) - best);
-  double offset = 0;
-  if (at > 0 && at < depth_steps - 1) {
-    const double below = best[at - 1], above = best[at + 1];
-    const double bend = below - 2.0 * static_cast<double>(best[at]) + above;
-    if (bend < 0) offset = 0.5 * (below - above) / bend;
+  const auto at = static_cast<std::int32_t>(std::max_element(along, along + depth_steps) - along);
+  for (std::int32_t a = 0; a < across_steps; ++a) {
+    const float* of_z = sums + a * n_z * row + at;
+    across[a] = std::max({of_z[0], of_z[row], of_z[2 * row]});
   }
-  return static_cast<float>(r.chan_y[round.channel] + depth_step * (at - depth_steps / 2 + offset));
+  const auto beside =
+      static_cast<std::int32_t>(std::max_element(across, across + across_steps) - across);
+  const double up = depth_step * (at - depth_steps / 2 + top_of(along, at, depth_steps));
+  const double off =
+      across_step * (beside - across_steps / 2 + top_of(across, beside, across_steps));
+  return {t, static_cast<float>(r.chan_y[round.channel] + up), height,
+          static_cast<float>(r.chan_x[round.channel] + off)};
 }
 
 std::vector<spike_place> places_on(const session_state& session, std::int32_t c) {
@@ -144,7 +180,7 @@ std::vector<spike_place> places_on(const session_state& session, std::int32_t c)
       const auto t = static_cast<std::int32_t>(s);
       const float height = own / r.chan_noise[c];
       if (is_largest(r, round, t, reach, height)) {
-        out.push_back({t, depth_of(r, round, t, reach), height});
+        out.push_back(place_of(r, round, t, reach, height));
       }
     }
   }

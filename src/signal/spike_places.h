@@ -15,7 +15,7 @@
 namespace kestrelvane {
 
 constexpr float place_level = 6;      // times the noise of the channel, of either sign
-constexpr double place_ms = 0.3;      // ms to either side within which heights are taken
+constexpr double place_ms = 0.3;      // ms to either side that heights are told from
 constexpr float place_apart_um = 60;  // µm within which the spike is largest on its channel
 constexpr float place_reach_um = 90;  // µm of the channels that its depth is told from
 
@@ -23,6 +23,7 @@ struct spike_place {
   std::int32_t time;  // time index
   float depth;        // µm, as chan_y
   float height;       // times the noise of its channel
+  float across;       // µm, as chan_x
 };
 
 // Whether a channel is read: not masked, and with a noise to measure heights by.

@@ -19,216 +19,193 @@ namespace {
 
 // ---------------------------------------------------------------- pictures
 
-// A picture: spikes by height and depth, smoothed, so that two of them are alike where not the
-// very same spikes arose, and on a logarithmic scale, so that a busy unit does not outweigh all
-// others.
+// A picture tells how likely a spike is at a depth, by its kind: height on a logarithmic scale, and
+// place across the probe, along which the tissue does not go. That one tells most: without it a
+// unit that begins to fire is taken for others near it.
 constexpr double step_um = 2;
 constexpr auto reach = static_cast<std::int32_t>(motion_reach_um / 2);  // steps
 constexpr std::int32_t n_ways = 2 * reach + 1;
 constexpr std::int32_t ways_row = whole_lanes(n_ways);
 constexpr std::int32_t n_heights = 8;
 constexpr double largest_height = 40;  // times the noise; higher ones count as these
-constexpr double count_weight = 4;
+constexpr std::int32_t n_across = 8;
+constexpr double across_um = 10;  // places 80 µm apart are one kind: wide probes have many units
+constexpr std::int32_t n_kinds = n_heights * n_across;
+constexpr double blur_um = 3;
+constexpr std::int32_t blur_steps = 4;
 constexpr double margin_um = 120;  // beyond the outermost spikes: they may be moved there
 
-// Short pictures take all that they can get and blur it; those of more spikes can afford to be
-// sharp, and to leave out what is small and so has no certain place.
-struct picture_rules {
-  double bin_s;
-  double blur_um;
-  float level;  // times the noise
+// Spikes of one bin after the other, in steps above the lowest depth.
+struct seen_spike {
+  float depth;
+  std::int16_t height, across;  // kind
 };
-
-// Depths and time that all pictures cover.
-struct picture_frame {
-  double lowest = 0;
+struct seen_bins {
+  double bin_s = 0;
   std::int32_t n_depths = 0;
-  double seconds = 0, frequency = 0;
   std::int32_t n_threads = 1;
+  std::vector<std::vector<seen_spike>> of;
+
+  std::int32_t count() const { return static_cast<std::int32_t>(of.size()); }
 };
 
-struct pictures {
-  std::int32_t n_bins = 0, n_depths = 0;
-  std::vector<float> values;  // by bin, height, depth; rows have `reach` zeros on either side
-  std::vector<double> norms;
-
-  std::size_t stride() const { return static_cast<std::size_t>(n_depths + ways_row); }
-  std::size_t start(std::int32_t bin, std::int32_t height) const {
-    return (static_cast<std::size_t>(bin) * n_heights + static_cast<std::size_t>(height)) *
-               stride() +
-           reach;
-  }
-  float* row_of(std::int32_t bin, std::int32_t height) {
-    return values.data() + start(bin, height);
-  }
-  const float* row_of(std::int32_t bin, std::int32_t height) const {
-    return values.data() + start(bin, height);
-  }
-};
-
-picture_frame frame_of(const std::vector<spike_place>& spikes, std::int64_t n_samples,
-                       double frequency, std::int32_t n_threads) {
-  double lowest = static_cast<double>(spikes.front().depth), highest = lowest;
-  for (const spike_place& s : spikes) {
-    lowest = std::min(lowest, static_cast<double>(s.depth));
-    highest = std::max(highest, static_cast<double>(s.depth));
-  }
-  const auto n_depths = static_cast<std::int32_t>((highest - lowest + 2 * margin_um) / step_um) + 1;
-  return {lowest - margin_um, n_depths, static_cast<double>(n_samples) / frequency, frequency,
-          n_threads};
-}
-
-std::int32_t bin_of(const picture_frame& frame, double bin_s, std::int32_t n_bins,
-                    std::int32_t time) {
-  return std::min(static_cast<std::int32_t>((time - 1) / (frame.frequency * bin_s)), n_bins - 1);
-}
-
-std::int32_t count_bins(const picture_frame& frame, double bin_s) {
-  return std::max(1, static_cast<std::int32_t>(std::ceil(frame.seconds / bin_s)));
-}
-
-void count_spikes(const std::vector<spike_place>& spikes, const picture_frame& frame,
-                  const picture_rules& rules, pictures& p) {
+std::int16_t height_kind(const spike_place& s) {
   const double scale = n_heights / portable_log(largest_height / static_cast<double>(place_level));
+  const double above = portable_log(static_cast<double>(s.height / place_level));
+  return static_cast<std::int16_t>(
+      std::clamp(static_cast<std::int32_t>(scale * above), 0, n_heights - 1));
+}
+
+std::int16_t across_kind(const spike_place& s) {
+  const auto at = static_cast<std::int32_t>(std::floor(static_cast<double>(s.across) / across_um));
+  return static_cast<std::int16_t>((at % n_across + n_across) % n_across);
+}
+
+seen_bins bins_of(const std::vector<spike_place>& spikes, double seconds, double frequency,
+                  std::int32_t n_threads) {
+  seen_bins bins;
+  const double wanted = motion_bin_spikes * seconds / static_cast<double>(spikes.size());
+  bins.bin_s = std::clamp(wanted, motion_bin_s, motion_longest_bin_s);
+  bins.n_threads = n_threads;
+  bins.of.resize(static_cast<std::size_t>(std::max(1.0, std::ceil(seconds / bins.bin_s))));
+  const auto deeper = [](const spike_place& x, const spike_place& y) { return x.depth < y.depth; };
+  const auto [low, high] = std::minmax_element(spikes.begin(), spikes.end(), deeper);
+  const double lowest = static_cast<double>(low->depth) - margin_um;
+  const double span = static_cast<double>(high->depth) + margin_um - lowest;
+  bins.n_depths = static_cast<std::int32_t>(span / step_um) + 1;
   for (const spike_place& s : spikes) {
-    if (s.height < rules.level) continue;
-    const double depth = (static_cast<double>(s.depth) - frame.lowest) / step_um;
-    const double above = portable_log(static_cast<double>(s.height / place_level));
-    const auto height = static_cast<std::int32_t>(scale * above);
-    p.row_of(bin_of(frame, rules.bin_s, p.n_bins, s.time),
-             std::clamp(height, 0, n_heights - 1))[static_cast<std::int32_t>(depth)] += 1;
+    const auto bin = static_cast<std::int32_t>((s.time - 1) / (frequency * bins.bin_s));
+    const double depth = (static_cast<double>(s.depth) - lowest) / step_um;
+    bins.of[static_cast<std::size_t>(std::min(bin, bins.count() - 1))].push_back(
+        {static_cast<float>(depth), height_kind(s), across_kind(s)});
   }
+  return bins;
 }
 
-// With zeros beyond the ends.
-void blur_depths(double blur_um, std::int32_t n, float* row) {
-  const auto steps = static_cast<std::int32_t>(3 * blur_um / step_um);
-  std::vector<double> weights;
+struct picture {
+  std::int32_t n_depths = 0;
+  std::int64_t n_spikes = 0;
+  std::vector<float> values;  // by kind, depth; rows have `reach` zeros on either side
+
+  explicit picture(std::int32_t depths) : n_depths(depths) {
+    values.assign(static_cast<std::size_t>(n_kinds) * stride(), 0.0f);
+  }
+  std::size_t stride() const { return static_cast<std::size_t>(n_depths + ways_row); }
+  float* row_of(std::int32_t height, std::int32_t across) {
+    return values.data() + static_cast<std::size_t>(height * n_across + across) * stride() + reach;
+  }
+};
+
+typedef std::array<double, 2 * blur_steps + 1> blur_weights;
+
+blur_weights weights_of_blur() {
+  blur_weights weights;
   double sum = 0;
-  for (std::int32_t k = -steps; k <= steps; ++k) {
+  for (std::int32_t k = -blur_steps; k <= blur_steps; ++k) {
     const double d = k * step_um / blur_um;
-    weights.push_back(portable_exp(-0.5 * d * d));
-    sum += weights.back();
+    weights[static_cast<std::size_t>(k + blur_steps)] = portable_exp(-0.5 * d * d);
+    sum += weights[static_cast<std::size_t>(k + blur_steps)];
   }
-  const std::vector<float> from(row, row + n);
-  for (std::int32_t i = 0; i < n; ++i) {
-    double value = 0;
-    for (std::int32_t k = std::max(-steps, -i); k <= std::min(steps, n - 1 - i); ++k) {
-      value += weights[static_cast<std::size_t>(k + steps)] / sum *
-               static_cast<double>(from[static_cast<std::size_t>(i + k)]);
+  for (double& w : weights) w /= sum;
+  return weights;
+}
+
+// A bin's spikes where they would be had the tissue stayed at home.
+void add_bin(const std::vector<seen_spike>& spikes, double place, const blur_weights& blur,
+             picture& p) {
+  constexpr double beside[3] = {0.25, 0.5, 0.25};
+  const double limit = margin_um - 5 * step_um;
+  const double back = std::clamp(place, -limit, limit) / step_um;
+  for (const seen_spike& s : spikes) {
+    const auto at = static_cast<std::int32_t>(std::floor(static_cast<double>(s.depth) - back));
+    for (std::int32_t h = -1; h <= 1; ++h) {
+      const std::int32_t height = s.height + h;
+      if (height < 0 || height >= n_heights) continue;
+      for (std::int32_t a = -1; a <= 1; ++a) {
+        const double part = beside[h + 1] * beside[a + 1];
+        float* row = p.row_of(height, (s.across + a + n_across) % n_across) + at - blur_steps;
+        for (std::size_t k = 0; k < blur.size(); ++k) row[k] += static_cast<float>(part * blur[k]);
+      }
     }
-    row[i] = static_cast<float>(value);
+  }
+  p.n_spikes += static_cast<std::int64_t>(spikes.size());
+}
+
+// Logarithms of densities over one that holds anywhere: a spike where none was seen says nothing,
+// and one unit that gives way to another cannot outvote those that stay.
+void take_logarithms(picture& p) {
+  const double anywhere = static_cast<double>(p.n_spikes) / (n_kinds * p.n_depths);
+  for (float& v : p.values) {
+    if (v > 0) v = static_cast<float>(portable_log(1 + static_cast<double>(v) / anywhere));
   }
 }
 
-void finish_picture(double blur_um, std::int32_t bin, pictures& p) {
-  for (std::int32_t h = 0; h < n_heights; ++h) blur_depths(blur_um, p.n_depths, p.row_of(bin, h));
-  double square = 0;
-  for (std::int32_t i = 0; i < p.n_depths; ++i) {
-    float before = 0, own = p.row_of(bin, 0)[i];
-    for (std::int32_t h = 0; h < n_heights; ++h) {
-      const float next = h + 1 < n_heights ? p.row_of(bin, h + 1)[i] : 0.0f;
-      const auto blurred = static_cast<double>(0.25f * before + 0.5f * own + 0.25f * next);
-      const double value = blurred > 0 ? portable_log(1 + count_weight * blurred) : 0;
-      p.row_of(bin, h)[i] = static_cast<float>(value);
-      square += value * value;
-      before = own;
-      own = next;
-    }
+picture picture_of(const seen_bins& bins, std::int32_t first, std::int32_t last, std::int32_t every,
+                   const std::vector<double>& places, const blur_weights& blur) {
+  picture p(bins.n_depths);
+  for (std::int32_t i = first; i <= last; i += every) {
+    add_bin(bins.of[static_cast<std::size_t>(i)], places[static_cast<std::size_t>(i)], blur, p);
   }
-  p.norms[static_cast<std::size_t>(bin)] = std::sqrt(square);
-}
-
-pictures make_pictures(const std::vector<spike_place>& spikes, const picture_frame& frame,
-                       const picture_rules& rules) {
-  pictures p;
-  p.n_bins = count_bins(frame, rules.bin_s);
-  p.n_depths = frame.n_depths;
-  p.values.assign(static_cast<std::size_t>(p.n_bins) * n_heights * p.stride(), 0.0f);
-  p.norms.resize(static_cast<std::size_t>(p.n_bins));
-  count_spikes(spikes, frame, rules, p);
-  parallel_for_dealt(frame.n_threads, 0, p.n_bins - 1, [&](std::int64_t bin, std::int32_t) {
-    finish_picture(rules.blur_um, static_cast<std::int32_t>(bin), p);
-  });
+  if (p.n_spikes > 0) take_logarithms(p);
   return p;
 }
 
 // ---------------------------------------------------------------- pairs
 
-// Two pictures, and by how much the second lies higher.
-struct picture_pair {
+// Two bins, or a picture of several and a bin, and by how much the second lies higher.
+struct place_pair {
   std::int32_t earlier = 0, later = 0;
-  double way = 0;       // µm
-  double likeness = 0;  // there; 1: the same, 0: nothing to be said
+  double way = 0;     // µm
+  double weight = 0;  // how surely; 0: nothing to be said
 };
-typedef std::array<float, n_ways> likeness_by_way;
+typedef std::array<float, n_ways> likelihood_by_way;
 
-// sums[w] += values[w] * by
-KESTRELVANE_CLONES void add_ways(const float* values, float by, float* sums) {
-  for (std::int32_t w = 0; w < ways_row; ++w) sums[w] += by * values[w];
+// sums[w] += values[w]
+KESTRELVANE_CLONES void add_ways(const float* values, float* sums) {
+  for (std::int32_t w = 0; w < ways_row; ++w) sums[w] += values[w];
 }
 
-bool compare(const pictures& from, std::int32_t i, const pictures& to, std::int32_t k,
-             likeness_by_way& likeness) {
-  const double norm =
-      from.norms[static_cast<std::size_t>(i)] * to.norms[static_cast<std::size_t>(k)];
-  if (!(norm > 0)) return false;
+// What a picture says to a bin's spikes that lie so much higher.
+likelihood_by_way compare(picture& p, const std::vector<seen_spike>& spikes) {
   float sums[ways_row] = {};
-  for (std::int32_t h = 0; h < n_heights; ++h) {
-    const float *a = from.row_of(i, h), *b = to.row_of(k, h) - reach;
-    for (std::int32_t d = 0; d < from.n_depths; ++d) {
-      if (a[d] > 0) add_ways(b + d, a[d], sums);
-    }
+  for (const seen_spike& s : spikes) {
+    add_ways(p.row_of(s.height, s.across) + static_cast<std::int32_t>(s.depth) - reach, sums);
   }
-  for (std::size_t w = 0; w < likeness.size(); ++w) {
-    likeness[w] = static_cast<float>(static_cast<double>(sums[w]) / norm);
-  }
-  return true;
+  likelihood_by_way out;
+  // Where a picture is read lower, spikes lie higher.
+  for (std::size_t w = 0; w < out.size(); ++w) out[w] = sums[out.size() - 1 - w];
+  return out;
 }
 
-void set_way(const likeness_by_way& l, picture_pair& pair) {
-  const auto best = static_cast<std::size_t>(std::max_element(l.begin(), l.end()) - l.begin());
+// The top within a window, µm to either side of what is expected; its bend is the weight.
+void set_way(const likelihood_by_way& l, double expected, double window, place_pair& pair) {
+  const auto first = static_cast<std::int32_t>(std::ceil((expected - window) / step_um)) + reach;
+  const auto last = static_cast<std::int32_t>(std::floor((expected + window) / step_um)) + reach;
+  const std::int32_t from = std::max(first, 0), to = std::min(last, n_ways - 1);
+  if (from > to) return;
+  const auto best = std::max_element(l.begin() + from, l.begin() + to + 1) - l.begin();
   // At the end of the reach there may be more behind it.
-  if (best == 0 || best + 1 == l.size()) return;
-  const auto below = static_cast<double>(l[best - 1]), above = static_cast<double>(l[best + 1]);
-  const double bend = below - 2.0 * static_cast<double>(l[best]) + above;
-  const double offset = bend < 0 ? 0.5 * (below - above) / bend : 0;
-  pair.way = step_um * (static_cast<double>(best) - reach + offset);
-  pair.likeness = static_cast<double>(l[best]);
-}
-
-// Of pictures so many apart: each with its neighbours, and fewer and fewer far pairs, which hold a
-// long recording together.
-std::vector<picture_pair> pairs_of(std::int32_t n_bins, std::int32_t most_apart) {
-  std::vector<picture_pair> pairs;
-  std::int32_t apart = 1;
-  while (apart < n_bins && apart <= most_apart) {
-    for (std::int32_t i = 0; i + apart < n_bins; ++i) pairs.push_back({i, i + apart});
-    apart = apart < 8 ? apart + 1 : apart * 13 / 10;
-  }
-  return pairs;
-}
-
-void compare_pictures(const pictures& p, std::int32_t n_threads, std::vector<picture_pair>& pairs) {
-  const auto n = static_cast<std::int64_t>(pairs.size());
-  parallel_for_dealt(n_threads, 0, n - 1, [&](std::int64_t i, std::int32_t) {
-    picture_pair& pair = pairs[static_cast<std::size_t>(i)];
-    likeness_by_way likeness;
-    if (compare(p, pair.earlier, p, pair.later, likeness)) set_way(likeness, pair);
-  });
+  if (best == 0 || best == n_ways - 1) return;
+  const auto at = static_cast<std::size_t>(best);
+  const auto below = static_cast<double>(l[at - 1]), above = static_cast<double>(l[at + 1]);
+  const auto own = static_cast<double>(l[at]);
+  const double bend = below - 2.0 * own + above;
+  // On a flank that goes on beyond the window.
+  if (below > own || above > own || !(bend < 0)) return;
+  pair.way = step_um * (static_cast<double>(best) - reach + 0.5 * (below - above) / bend);
+  pair.weight = -bend;
 }
 
 // ---------------------------------------------------------------- places
 
-constexpr double least_likeness = 0.3;  // pictures of which nothing can be said
-constexpr double outlier_um = 4;        // a way that is off by so much counts half
-constexpr double smoothing = 0.0025;    // weight of staying, over the pairs of a picture
+constexpr double outlier_um = 4;      // a way that is off by so much counts half
+constexpr double smoothing = 0.0025;  // weight of staying, over the pairs of a bin
 constexpr int rounds = 20, solver_steps = 200;
 constexpr double solved = 1e-9;
 
-// The graph of pairs, and for each picture the weights that meet in it.
+// The graph of pairs, and for each bin the weights that meet in it.
 struct place_system {
-  const std::vector<picture_pair>& pairs;
+  const std::vector<place_pair>& pairs;
   std::vector<double> weights;
   double stay = 0;
 
@@ -276,19 +253,18 @@ void solve_places(const place_system& system, const std::vector<double>& right,
 
 // Ways by least squares, those that the others contradict counting less in each round (weights
 // after Cauchy).
-std::vector<double> find_places(const std::vector<picture_pair>& pairs, std::int32_t n_places) {
+std::vector<double> find_places(const std::vector<place_pair>& pairs, std::int32_t n_places) {
   std::vector<double> places(static_cast<std::size_t>(n_places)), right(places.size());
   place_system system{pairs, std::vector<double>(pairs.size()), 0};
   for (int round = 0; round < rounds; ++round) {
     std::fill(right.begin(), right.end(), 0.0);
     double sum = 0;
     for (std::size_t k = 0; k < pairs.size(); ++k) {
-      const picture_pair& pair = pairs[k];
+      const place_pair& pair = pairs[k];
       const auto i = static_cast<std::size_t>(pair.earlier);
       const auto j = static_cast<std::size_t>(pair.later);
       const double off = round == 0 ? 0 : (pair.way - (places[j] - places[i])) / outlier_um;
-      const double above = std::max(pair.likeness - least_likeness, 0.0);
-      const double weight = above * above / (1 + off * off);
+      const double weight = pair.weight / (1 + off * off);
       system.weights[k] = weight;
       sum += 2 * weight;
       right[j] += weight * pair.way;
@@ -300,14 +276,14 @@ std::vector<double> find_places(const std::vector<picture_pair>& pairs, std::int
   return places;
 }
 
-// ---------------------------------------------------------------- from coarse to fine
+// ---------------------------------------------------------------- from near to far
 
-constexpr double fine_blur_um = 5, sharp_blur_um = 3;
-constexpr float sharp_level = 8;          // times the noise
-constexpr std::int32_t coarse_bins = 10;  // fine pictures to a coarse one
-constexpr int sharpenings = 2;
+constexpr std::int32_t neighbours = 10;        // bins that one is first compared with
+constexpr double around_s = 60, looks_s = 20;  // a picture to either side; to the next
+constexpr double window_um = 8;                // that its bins may still be off
+constexpr int sharpenings = 3;
 constexpr std::int32_t fewest_bins = 16;
-constexpr std::int32_t neighbours = 4;  // that a picture is held to in the end
+constexpr double fewest_spikes = 60;  // of a bin in the mean
 
 double ranked(std::vector<double> values, double part) {
   const auto at = static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1) + 0.5);
@@ -315,77 +291,99 @@ double ranked(std::vector<double> values, double part) {
   return values[static_cast<std::size_t>(at)];
 }
 
-// Spikes where they would be if each bin had been moved down by its place.
-std::vector<spike_place> moved_back(const std::vector<spike_place>& spikes,
-                                    const picture_frame& frame, double bin_s,
-                                    const std::vector<double>& by) {
-  std::vector<spike_place> out = spikes;
-  for (spike_place& s : out) {
-    const std::int32_t bin = bin_of(frame, bin_s, static_cast<std::int32_t>(by.size()), s.time);
-    const double limit = margin_um - 4 * step_um;
-    s.depth -= static_cast<float>(std::clamp(by[static_cast<std::size_t>(bin)], -limit, limit));
-  }
-  return out;
-}
+typedef std::vector<std::vector<place_pair>> pairs_by_picture;
 
-// What single short pictures cannot tell of far pairs, the sum of ten can: a jump above all.
-void correct_by_coarse_pictures(const std::vector<spike_place>& spikes, const picture_frame& frame,
-                                double bin_s, std::vector<double>& places) {
-  const std::size_t n_coarse = (places.size() + coarse_bins - 1) / coarse_bins;
-  if (n_coarse < 2) return;
-  std::vector<double> means(n_coarse), within(places.size());
-  for (std::size_t k = 0; k < n_coarse; ++k) {
-    const std::size_t first = k * coarse_bins, end = std::min(first + coarse_bins, places.size());
-    for (std::size_t i = first; i < end; ++i) {
-      means[k] += places[i] / static_cast<double>(end - first);
+std::vector<place_pair> in_one(const pairs_by_picture& found) {
+  std::vector<place_pair> all;
+  for (const std::vector<place_pair>& pairs : found) {
+    for (const place_pair& pair : pairs) {
+      if (pair.weight > 0) all.push_back(pair);
     }
-    for (std::size_t i = first; i < end; ++i) within[i] = places[i] - means[k];
   }
-  const pictures p = make_pictures(moved_back(spikes, frame, bin_s, within), frame,
-                                   {coarse_bins * bin_s, sharp_blur_um, sharp_level});
-  std::vector<picture_pair> pairs = pairs_of(p.n_bins, p.n_bins);
-  compare_pictures(p, frame.n_threads, pairs);
-  const std::vector<double> coarse = find_places(pairs, p.n_bins);
-  for (std::size_t i = 0; i < places.size(); ++i) places[i] = within[i] + coarse[i / coarse_bins];
+  return all;
 }
 
-// Each picture against the sum of all as it is known by now, and against its neighbours.
-void refine(const std::vector<spike_place>& spikes, const picture_frame& frame,
-            const pictures& fine, double bin_s, std::vector<double>& places) {
-  const auto n = static_cast<std::int32_t>(places.size());
-  const pictures all = make_pictures(moved_back(spikes, frame, bin_s, places), frame,
-                                     {2 * frame.seconds, fine_blur_um, place_level});
-  std::vector<picture_pair> pairs = pairs_of(n, neighbours);
-  compare_pictures(fine, frame.n_threads, pairs);
-  const std::size_t first = pairs.size();
-  // The sum is one more picture, behind the last.
-  for (std::int32_t i = 0; i < n; ++i) pairs.push_back({n, i});
-  parallel_for_dealt(frame.n_threads, 0, n - 1, [&](std::int64_t i, std::int32_t) {
-    likeness_by_way likeness;
-    const auto at = static_cast<std::size_t>(i);
-    if (compare(all, 0, fine, static_cast<std::int32_t>(i), likeness)) {
-      set_way(likeness, pairs[first + at]);
+// Each bin with those of a short time round it, from which it differs by its movement and by a unit
+// or two. Between far ones more has changed: which units fire decides there, and not the tissue.
+std::vector<double> places_by_neighbours(const seen_bins& bins, const blur_weights& blur) {
+  const std::int32_t n = bins.count();
+  const std::vector<double> still(bins.of.size());
+  pairs_by_picture found(bins.of.size());
+  parallel_for_dealt(bins.n_threads, 0, n - 1, [&](std::int64_t item, std::int32_t) {
+    const auto i = static_cast<std::int32_t>(item);
+    picture p = picture_of(bins, i, i, 1, still, blur);
+    if (p.n_spikes == 0) return;
+    for (std::int32_t k = std::max(0, i - neighbours); k <= std::min(n - 1, i + neighbours); ++k) {
+      if (k == i) continue;
+      place_pair pair{i, k};
+      set_way(compare(p, bins.of[static_cast<std::size_t>(k)]), 0, motion_reach_um, pair);
+      found[static_cast<std::size_t>(i)].push_back(pair);
     }
   });
-  places = find_places(pairs, n + 1);
-  places.pop_back();
+  return find_places(in_one(found), n);
 }
 
-// How alike the coarse pictures are as they lie.
-double likeness_of(const std::vector<spike_place>& spikes, const picture_frame& frame,
-                   double bin_s) {
-  const pictures p =
-      make_pictures(spikes, frame, {coarse_bins * bin_s, sharp_blur_um, sharp_level});
-  std::vector<picture_pair> pairs = pairs_of(p.n_bins, p.n_bins);
-  const auto n = static_cast<std::int64_t>(pairs.size());
-  parallel_for_dealt(frame.n_threads, 0, n - 1, [&](std::int64_t i, std::int32_t) {
-    picture_pair& pair = pairs[static_cast<std::size_t>(i)];
-    likeness_by_way l;
-    if (compare(p, pair.earlier, p, pair.later, l)) pair.likeness = static_cast<double>(l[reach]);
+// Pictures that overlap, of all that was seen round a moment.
+struct picture_look {
+  std::int32_t first, last;  // bins
+};
+
+std::vector<picture_look> looks_at(const seen_bins& bins) {
+  const auto around = static_cast<std::int32_t>(around_s / bins.bin_s);
+  const auto every = static_cast<std::int32_t>(looks_s / bins.bin_s);
+  std::vector<picture_look> looks;
+  for (std::int32_t middle = every / 2; middle < bins.count() + every / 2; middle += every) {
+    looks.push_back({std::max(0, middle - around), std::min(bins.count() - 1, middle + around)});
+  }
+  return looks;
+}
+
+// Each bin against the pictures that it is part of, as they are known by now. A picture may lie off
+// as a whole: its place is one more unknown, behind those of the bins.
+void sharpen_places(const seen_bins& bins, const std::vector<picture_look>& looks,
+                    const blur_weights& blur, std::vector<double>& places) {
+  const auto n = bins.count(), n_looks = static_cast<std::int32_t>(looks.size());
+  pairs_by_picture found(looks.size());
+  parallel_for_dealt(bins.n_threads, 0, n_looks - 1, [&](std::int64_t item, std::int32_t) {
+    const auto k = static_cast<std::size_t>(item);
+    picture p = picture_of(bins, looks[k].first, looks[k].last, 1, places, blur);
+    if (p.n_spikes == 0) return;
+    for (std::int32_t i = looks[k].first; i <= looks[k].last; ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      place_pair pair{n + static_cast<std::int32_t>(item), i};
+      set_way(compare(p, bins.of[at]), places[at], window_um, pair);
+      found[k].push_back(pair);
+    }
   });
-  double sum = 0;
-  for (const picture_pair& pair : pairs) sum += pair.likeness;
-  return pairs.empty() ? 0 : sum / static_cast<double>(pairs.size());
+  places = find_places(in_one(found), n + n_looks);
+  places.resize(bins.of.size());
+}
+
+// How likely a spike of every other bin is by a picture of those between, in the mean; the spikes
+// that a picture is made of would speak for any places.
+double likelihood_of(const seen_bins& bins, const std::vector<picture_look>& looks,
+                     const blur_weights& blur, const std::vector<double>& places) {
+  const auto n_looks = static_cast<std::int32_t>(looks.size());
+  std::vector<double> sums(looks.size()), counts(looks.size());
+  parallel_for_dealt(bins.n_threads, 0, n_looks - 1, [&](std::int64_t item, std::int32_t) {
+    const auto k = static_cast<std::size_t>(item);
+    for (std::int32_t odd = 0; odd <= 1; ++odd) {
+      picture p = picture_of(bins, looks[k].first + odd, looks[k].last, 2, places, blur);
+      if (p.n_spikes == 0) continue;
+      for (std::int32_t i = looks[k].first + 1 - odd; i <= looks[k].last; i += 2) {
+        const auto at = static_cast<std::size_t>(i);
+        for (const seen_spike& s : bins.of[at]) {
+          const double depth = static_cast<double>(s.depth) - places[at] / step_um;
+          const auto d = std::clamp(static_cast<std::int32_t>(depth), 0, bins.n_depths - 1);
+          sums[k] += static_cast<double>(p.row_of(s.height, s.across)[d]);
+          counts[k] += 1;
+        }
+      }
+    }
+  });
+  double sum = 0, count = 0;
+  for (std::size_t k = 0; k < looks.size(); ++k) sum += sums[k], count += counts[k];
+  return count > 0 ? sum / count : 0;
 }
 
 }  // namespace
@@ -394,23 +392,21 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
                              double sampling_frequency, std::int32_t n_threads) {
   tissue_motion motion;
   if (spikes.empty()) return motion;
-  const picture_frame frame = frame_of(spikes, n_samples, sampling_frequency, n_threads);
-  const double wanted = motion_bin_spikes * frame.seconds / static_cast<double>(spikes.size());
-  motion.bin_s = std::clamp(wanted, motion_bin_s, motion_longest_bin_s);
-  const pictures fine = make_pictures(spikes, frame, {motion.bin_s, fine_blur_um, place_level});
-  if (fine.n_bins < fewest_bins) return motion;
-  std::vector<picture_pair> pairs = pairs_of(fine.n_bins, fine.n_bins);
-  compare_pictures(fine, n_threads, pairs);
-  std::vector<double> places = find_places(pairs, fine.n_bins);
-  for (int i = 0; i < sharpenings; ++i) {
-    correct_by_coarse_pictures(spikes, frame, motion.bin_s, places);
-    refine(spikes, frame, fine, motion.bin_s, places);
-  }
+  const double seconds = static_cast<double>(n_samples) / sampling_frequency;
+  const seen_bins bins = bins_of(spikes, seconds, sampling_frequency, n_threads);
+  motion.bin_s = bins.bin_s;
+  const auto n_spikes = static_cast<double>(spikes.size());
+  if (bins.count() < fewest_bins || n_spikes < fewest_spikes * bins.count()) return motion;
+  const blur_weights blur = weights_of_blur();
+  const std::vector<picture_look> looks = looks_at(bins);
+  std::vector<double> places = places_by_neighbours(bins, blur);
+  for (int i = 0; i < sharpenings; ++i) sharpen_places(bins, looks, blur, places);
   const double home = ranked(places, 0.5);
-  for (const double place : places) motion.um.push_back(static_cast<float>(place - home));
+  for (double& place : places) place -= home;
+  for (const double place : places) motion.um.push_back(static_cast<float>(place));
   motion.range = static_cast<float>(ranked(places, 0.97) - ranked(places, 0.03));
-  motion.gain = likeness_of(moved_back(spikes, frame, motion.bin_s, places), frame, motion.bin_s) -
-                likeness_of(spikes, frame, motion.bin_s);
+  const std::vector<double> still(places.size());
+  motion.gain = likelihood_of(bins, looks, blur, places) - likelihood_of(bins, looks, blur, still);
   motion.moved = motion.range >= motion_least_um && motion.gain >= motion_least_gain;
   return motion;
 }

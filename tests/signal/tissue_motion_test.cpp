@@ -96,20 +96,34 @@ TEST(SpikePlaces, ArisesWhereTheSourceIs) {
   EXPECT_TRUE(find_spike_places(*s).empty());
 }
 
-// Cells at fixed depths, each with its height, seen with an error of some µm.
+struct seen_cell {
+  double depth, height, across;
+  double from = 0, to = 1e9;  // s, between which it fires
+};
+
+std::vector<seen_cell> cells_of(test::vector_random& random, int n) {
+  std::vector<seen_cell> cells;
+  for (int i = 0; i < n; ++i) {
+    cells.push_back({330 * part_of(random), 7 + 20 * part_of(random), 70 * part_of(random)});
+  }
+  return cells;
+}
+
+// Each spike of a cell drawn by lot, seen with an error of some µm; none where that one is silent.
 template <typename Way>
-std::vector<spike_place> spikes_of(double seconds, double per_second, Way&& way) {
+std::vector<spike_place> spikes_of(const std::vector<seen_cell>& cells, double seconds,
+                                   double per_second, Way&& way) {
   test::vector_random random(17);
   std::vector<spike_place> out;
-  std::vector<std::pair<double, double>> cells;
-  for (int i = 0; i < 25; ++i) cells.push_back({330 * part_of(random), 7 + 20 * part_of(random)});
   const auto n = static_cast<int>(seconds * per_second);
   for (int i = 0; i < n; ++i) {
     const double t = seconds * i / n;
-    const auto& [depth, height] = cells[random.next() % 25];
+    const seen_cell& cell = cells[random.next() % cells.size()];
+    if (t < cell.from || t >= cell.to) continue;
     out.push_back({1 + static_cast<std::int32_t>(t * frequency),
-                   static_cast<float>(depth + way(t) + 4 * bell(random)),
-                   static_cast<float>(height * (1 + 0.06 * bell(random)))});
+                   static_cast<float>(cell.depth + way(t) + 4 * bell(random)),
+                   static_cast<float>(cell.height * (1 + 0.06 * bell(random))),
+                   static_cast<float>(cell.across + 3 * bell(random))});
   }
   return out;
 }
@@ -130,8 +144,10 @@ double error_of(const tissue_motion& motion, double seconds, Way&& way) {
 
 TEST(TissueMotion, IsFoundSlowFastAndSudden) {
   constexpr double seconds = 120;
+  test::vector_random random(11);
+  const std::vector<seen_cell> cells = cells_of(random, 25);
   const auto measured = [&](auto way, double rate) {
-    return measure_motion(spikes_of(seconds, rate, way),
+    return measure_motion(spikes_of(cells, seconds, rate, way),
                           static_cast<std::int64_t>(seconds * frequency), frequency, 1);
   };
   const auto still = [](double) { return 0.0; };
@@ -153,11 +169,49 @@ TEST(TissueMotion, IsFoundSlowFastAndSudden) {
   EXPECT_NEAR(measured(jump, 150).range, 40, 3);
 }
 
+// Most cells make way for one of their own kind farther up while the tissue goes down, or stays: to
+// all spikes together it looks as if it went up.
+TEST(TissueMotion, IsThatOfCellsThatStayAndNotOfThoseThatTakeOver) {
+  constexpr double seconds = 160;
+  const auto down = [](double t) { return -20 * t / seconds; };
+  const auto still = [](double) { return 0.0; };
+  for (const std::uint32_t seed : {31u, 32u, 33u}) {
+    test::vector_random random(seed);
+    std::vector<seen_cell> cells = cells_of(random, 15);
+    for (std::size_t i = 0; i < 10; ++i) {
+      cells[i].to = seconds * (0.35 + 0.3 * part_of(random));
+      cells.push_back(cells[i]);
+      cells.back().depth += 20;
+      cells.back().from = cells[i].to;
+      cells.back().to = seconds;
+    }
+    const auto measured = [&](auto way) {
+      return measure_motion(spikes_of(cells, seconds, 250, way),
+                            static_cast<std::int64_t>(seconds * frequency), frequency, 1);
+    };
+    EXPECT_TRUE(measured(down).moved) << seed;
+    EXPECT_LT(error_of(measured(down), seconds, down), 3) << seed;
+    EXPECT_FALSE(measured(still).moved) << seed;
+  }
+}
+
 TEST(TissueMotion, IsNoneOfNothing) {
   EXPECT_TRUE(measure_motion({}, 100'000, frequency, 1).um.empty());
   EXPECT_EQ(motion_at({}, 3), 0);
-  const std::vector<spike_place> one{{5000, 100, 9}};
+  const std::vector<spike_place> one{{5000, 100, 9, 30}};
   EXPECT_FALSE(measure_motion(one, 300'000, frequency, 1).moved);
+  // Noise that passes the level anywhere, rarely and often.
+  for (const double rate : {1.5, 15.0, 150.0}) {
+    test::vector_random random(3);
+    std::vector<spike_place> noise;
+    for (int i = 0; i < 160 * rate; ++i) {
+      noise.push_back({1 + static_cast<std::int32_t>(i * frequency / rate),
+                       static_cast<float>(330 * part_of(random)),
+                       static_cast<float>(6 + part_of(random)),
+                       static_cast<float>(70 * part_of(random))});
+    }
+    EXPECT_FALSE(measure_motion(noise, 160 * frequency, frequency, 1).moved) << rate;
+  }
   // On a line between places, and the outermost beyond them.
   tissue_motion m;
   m.bin_s = 2;
