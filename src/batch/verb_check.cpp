@@ -1,4 +1,7 @@
 // check: faulty channels, by the correlation of their background with that of the others.
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "batch/verbs.h"
@@ -18,17 +21,27 @@ const char* name_of(channel_fault fault) {
                                                  : "mislocalised";
 }
 
+// A line of the list, and in a column of its own what is known of it.
 std::string describe_as_text(const channel_check& check) {
+  if (check.problem_list.empty()) return std::string(channels_seem_ok) + "\n";
+  std::size_t width = 0;
+  for (const channel_problem& problem : check.problem_list) {
+    width = std::max(width, problem.text.size());
+  }
   std::string text;
-  for (const channel_problem& problem : check.problem_list) text += problem.text + "\n";
-  return text.empty() ? std::string(channels_seem_ok) + "\n" : text;
+  for (const channel_problem& problem : check.problem_list) {
+    text += fmt::format("{:<{}}  {}\n", problem.text, width, judgement_of(problem));
+  }
+  return text + count_problems(check) + "\n";
 }
 
 std::string describe_as_json(const channel_check& check) {
   json problems = json::array(), channels = json::array();
   for (const channel_problem& problem : check.problem_list) {
-    problems.push_back(
-        {{"channel", problem.channel}, {"fault", name_of(problem.fault)}, {"text", problem.text}});
+    problems.push_back({{"channel", problem.channel},
+                        {"fault", name_of(problem.fault)},
+                        {"text", problem.text},
+                        {"borne_out", problem.borne_out}});
   }
   for (const checked_channel& c : check.channels) {
     channels.push_back({{"channel", c.channel},
@@ -41,6 +54,8 @@ std::string describe_as_json(const channel_check& check) {
                     {"silent", check.silent},
                     {"to_mask", channels_to_mask(check)},
                     {"problems", problems},
+                    {"found", check.n_found},
+                    {"borne_out", check.n_borne_out},
                     {"channels", channels}};
   return all.dump(2) + "\n";
 }

@@ -328,10 +328,11 @@ bool in_use(const recording_store& r, const channel_pair& pair, bool use_masked)
   return use_masked || (!r.chan_mask[pair.a] && !r.chan_mask[pair.b]);
 }
 
-void add_problem(channel_check& check, channel_fault fault, std::int32_t channel,
-                 const std::string& text) {
+void add_problem(channel_check& check, channel_problem problem) {
+  ++check.n_found;
+  check.n_borne_out += problem.borne_out ? 1 : 0;
   if (check.problem_list.size() < channel_problem_limit) {
-    check.problem_list.push_back({text, channel, fault});
+    check.problem_list.push_back(std::move(problem));
   }
 }
 
@@ -339,11 +340,10 @@ void add_problem(channel_check& check, channel_fault fault, std::int32_t channel
 void list_shorted_pairs(const recording_store& r, channel_check& check, bool use_masked) {
   constexpr float shorted_above = 0.8f;
   for (const channel_pair& pair : check.channel_pairs) {
-    if (!in_use(r, pair, use_masked)) continue;
-    if (!(pair.r > shorted_above) || !(pair.background_r > shorted_above)) continue;
-    add_problem(
-        check, channel_fault::shorted, pair.a,
-        fmt::format("Channels {} {} may be shorted; r={:.2f}", pair.a, pair.b, double{pair.r}));
+    if (!in_use(r, pair, use_masked) || !(pair.r > shorted_above)) continue;
+    add_problem(check, {fmt::format("Channels {} {} may be shorted; r={:.2f}", pair.a, pair.b,
+                                    double{pair.r}),
+                        pair.a, channel_fault::shorted, pair.background_r > shorted_above});
   }
 }
 
@@ -443,23 +443,24 @@ void fit_curve(const recording_store& r, const channel_check& check, bool use_ma
   std::copy_n(fit.p, 4, p);
 }
 
-void list_deviating_channels(channel_check& check) {
-  // In standard deviations, and in medians of the background.
-  constexpr float far_out = 2.5f, far_in_background = 2.5f;
-  for (const checked_channel& c : check.channels) {
-    const bool below = c.signed_deviation < -far_out;
-    if (!(std::fabs(c.rms_deviation) > far_out) && !below) continue;
-    if (!(c.background_rms > far_in_background)) continue;
-    if (below) {
-      add_problem(check, channel_fault::needs_masking, c.channel,
-                  fmt::format("Channel {} may need masking; abs dev={:.2f}", c.channel,
-                              double{c.signed_deviation}));
-    } else {
-      add_problem(check, channel_fault::mislocalised, c.channel,
-                  fmt::format("Channel {} may be mislocalised; deviation={:.2f}", c.channel,
-                              double{c.rms_deviation}));
-    }
+// In standard deviations.
+constexpr float far_out = 2.5f;
+
+bool deviates(const checked_channel& c) {
+  return std::fabs(c.rms_deviation) > far_out || c.signed_deviation < -far_out;
+}
+
+channel_problem problem_of(const checked_channel& c) {
+  constexpr float far_in_background = 2.5f;  // in medians
+  const bool borne_out = c.background_rms > far_in_background;
+  if (c.signed_deviation < -far_out) {
+    return {fmt::format("Channel {} may need masking; abs dev={:.2f}", c.channel,
+                        double{c.signed_deviation}),
+            c.channel, channel_fault::needs_masking, borne_out};
   }
+  return {fmt::format("Channel {} may be mislocalised; deviation={:.2f}", c.channel,
+                      double{c.rms_deviation}),
+          c.channel, channel_fault::mislocalised, borne_out};
 }
 
 }  // namespace
@@ -472,6 +473,7 @@ void fit_correlation_curve(const session_state& session, channel_check& check, b
 void evaluate_channels(const session_state& session, channel_check& check, bool use_masked) {
   check.problem_list.clear();
   check.channels.clear();
+  check.n_found = check.n_borne_out = 0;
   list_shorted_pairs(session.recording, check, use_masked);
   measure_deviations(session, check, use_masked);
   turn_into_z_scores(check.channels);
@@ -479,7 +481,9 @@ void evaluate_channels(const session_state& session, channel_check& check, bool 
                    [](const checked_channel& a, const checked_channel& b) {
                      return a.rms_deviation > b.rms_deviation;
                    });
-  list_deviating_channels(check);
+  for (const checked_channel& c : check.channels) {
+    if (deviates(c)) add_problem(check, problem_of(c));
+  }
 }
 
 void judge_channels(const session_state& session, channel_check& check, bool use_masked) {
@@ -497,10 +501,29 @@ const checked_channel* find_checked_channel(const channel_check& check, std::int
   return found == check.channels.end() ? nullptr : &*found;
 }
 
+const char* judgement_of(const channel_problem& problem) {
+  if (problem.borne_out) return "The background alone says the same";
+  return problem.fault == channel_fault::shorted
+             ? "Only the spikes say so: a large unit makes its neighbours alike"
+             : "Only the spikes say so: a large unit or the end of the probe does that";
+}
+
+std::string count_problems(const channel_check& check) {
+  const std::string counts = fmt::format("{} borne out by the background, {} by the spikes alone",
+                                         check.n_borne_out, check.n_found - check.n_borne_out);
+  const std::size_t n_listed = check.problem_list.size();
+  if (static_cast<std::size_t>(check.n_found) == n_listed) return counts;
+  return counts + fmt::format("; the first {} are listed", n_listed);
+}
+
 std::vector<std::int32_t> channels_to_mask(const channel_check& check) {
   std::vector<std::int32_t> channels = check.silent;
-  for (const channel_problem& problem : check.problem_list) {
-    if (problem.fault == channel_fault::needs_masking) channels.push_back(problem.channel);
+  for (const checked_channel& c : check.channels) {
+    if (!deviates(c)) continue;
+    const channel_problem problem = problem_of(c);
+    if (problem.fault == channel_fault::needs_masking && problem.borne_out) {
+      channels.push_back(c.channel);
+    }
   }
   std::sort(channels.begin(), channels.end());
   channels.erase(std::unique(channels.begin(), channels.end()), channels.end());

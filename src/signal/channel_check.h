@@ -7,8 +7,9 @@
 // with those of the others, so a recording should have many more sound channels than faulty ones.
 //
 // The farthest of the sound channels is far from the others as well, and a large unit makes its
-// neighbours alike. So what deviates is named only where the background alone says the same: the
-// correlation of samples that are cut to 2.5 times the noise, with a curve of its own.
+// neighbours alike: some of the lines are about sound channels. So each carries besides whether the
+// background bears it out, which is the correlation of samples that are cut to 2.5 times the noise,
+// with a curve of its own.
 //
 // Correlations are slow and do not depend on masks; curve and deviations are quick and follow every
 // change of a mask. Distances in µm, voltages in bits, in 32-bit floats and in a fixed order of
@@ -49,6 +50,7 @@ struct channel_problem {
   std::string text;          // at most 64 characters
   std::int32_t channel = 0;  // that it selects
   channel_fault fault = channel_fault::shorted;
+  bool borne_out = false;  // the background alone says the same
 };
 
 struct channel_check {
@@ -58,7 +60,8 @@ struct channel_check {
   std::vector<std::int32_t> silent;               // channels that do not change over the times
   float p[4] = {}, background_p[4] = {};          // p1 to p3 of the curves, fit_saturation
   std::vector<checked_channel> channels;          // by rms_deviation, the largest first
-  std::vector<channel_problem> problem_list;
+  std::vector<channel_problem> problem_list;      // shorted pairs, then channels as they stand
+  std::int32_t n_found = 0, n_borne_out = 0;      // with those that the list has no room for
 };
 
 // A continuous recording with enough unmasked channels; says what is missing in a box.
@@ -80,8 +83,14 @@ float expected_correlation(const channel_check& check, float distance_um);
 // Its figures; null when it is not among those checked.
 const checked_channel* find_checked_channel(const channel_check& check, std::int32_t channel);
 
-// Channels that had better take no part, ascending: silent ones, and those whose problem says so.
-// Of two that are shorted neither: which of the sites the signal is from only the user can tell.
+// What is known of a problem beyond its line, and how many there are of either kind: "1 borne out
+// by the background, 4 by the spikes alone".
+const char* judgement_of(const channel_problem& problem);
+std::string count_problems(const channel_check& check);
+
+// Channels that had better take no part, ascending: silent ones, and those that may need masking
+// and of which the background says the same, also beyond the end of the list. Of two that are
+// shorted neither: which of the sites the signal is from only the user can tell.
 std::vector<std::int32_t> channels_to_mask(const channel_check& check);
 
 }  // namespace kestrelvane

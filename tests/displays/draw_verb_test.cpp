@@ -184,6 +184,26 @@ TEST(draw_verb, the_channel_check_has_two_graphs_and_a_list) {
   EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 16), "     1F\n     2F\n");
 }
 
+TEST(check_verb, what_the_spikes_alone_say_is_told_and_masks_nothing) {
+  const temporary_directory folder;
+  const std::string recording = folder.file("sound.tsf"), masks = folder.file("of_check.msk");
+  run_process(KESTRELVANE_BATCH,
+              {"make-test", recording, "--seed", "5", "--minutes", "0.2", "--quiet"});
+  const auto check = [&](const char* option) {
+    return run_process(KESTRELVANE_BATCH,
+                       {"check", recording, "--quiet", "--mask-out", masks, option});
+  };
+  // The first site of the probe, seen by few.
+  EXPECT_EQ(
+      check("--include-masked").out,
+      "Channel 1 may need masking; abs dev=-2.95  Only the spikes say so: a large unit or the "
+      "end of the probe does that\n"
+      "0 borne out by the background, 1 by the spikes alone\n");
+  const std::vector<char> bytes = read_bytes(masks);
+  EXPECT_EQ(std::count(bytes.begin(), bytes.end(), 'F'), 32);
+  EXPECT_NE(check("--json").out.find("\"borne_out\": false"), std::string::npos);
+}
+
 TEST(draw_verb, clusters_of_a_saved_sort) {
   const temporary_directory folder;
   const std::string recording = folder.file("sorted.tsf"), work = folder.file("sorted.wrk");

@@ -53,6 +53,8 @@ TEST(ChannelCheck, ProblemsChooseTheirChannelsAndTheGraphsFollow) {
   EXPECT_EQ(w.session->current_channel, 3);
   const channel_check& check = w.shell.channels->found;
   const auto shown = [&](const char* label) { return w.control<QLabel>(dialog, label)->text(); };
+  EXPECT_EQ(shown("judgement"), "The background alone says the same");
+  EXPECT_EQ(shown("n_problems"), QString::fromStdString(count_problems(check)));
   EXPECT_EQ(shown("rms_deviation").toDouble(),
             QString::number(find_checked_channel(check, 3)->rms_deviation, 'f', 2).toDouble());
   EXPECT_EQ(w.graph(graph_kind::channel_deviations).series[0].x.size(), 9u);
@@ -83,6 +85,44 @@ TEST(ChannelCheck, ProblemsChooseTheirChannelsAndTheGraphsFollow) {
   ++w.session->filter_history.n_entries;
   refresh_windows(w.shell);
   EXPECT_TRUE(w.graph(graph_kind::channel_analysis).series[0].x.empty());
+}
+
+// Large units make channels 1 and 2 alike, and one wire 3 and 4: the lines have the same words.
+TEST(ChannelCheck, WhatTheBackgroundDoesNotBearOutIsToldApart) {
+  const temporary_directory home;
+  checked_workstation w(home.path);
+  start_operation(
+      w.shell,
+      [](session_state& s) {
+        for (std::int32_t t = 10; t <= s.recording.n_samples; t += 10) {
+          for (const std::int32_t c : {1, 2}) s.recording.vd.channel(c)[t] = 500;
+        }
+      },
+      nullptr);
+  w.settle();
+  QDialog* dialog = w.open_check();
+  ASSERT_NE(dialog, nullptr);
+  auto* problems = w.control<QComboBox>(dialog, "problems");
+  auto* judgement = w.control<QLabel>(dialog, "judgement");
+  const auto sign = [&](int row) {
+    return problems->itemIcon(row).pixmap(16, 16).toImage().pixelColor(8, 12).alpha();
+  };
+  ASSERT_GE(problems->count(), 2);
+  EXPECT_TRUE(problems->itemText(0).startsWith("Channels 1 2 may be shorted; r="));
+  EXPECT_EQ(problems->itemText(1), "Channels 3 4 may be shorted; r=1.00");
+  EXPECT_EQ(sign(0), 0);
+  EXPECT_GT(sign(1), 0);
+  EXPECT_EQ(judgement->text(), "Only the spikes say so: a large unit makes its neighbours alike");
+  QTest::keyClick(problems, Qt::Key_Down);
+  EXPECT_EQ(judgement->text(), "The background alone says the same");
+  EXPECT_EQ(w.session->current_channel, 3);
+  for (int row = 0; row < problems->count(); ++row) {
+    const QString judged = problems->itemData(row, Qt::ToolTipRole).toString();
+    EXPECT_EQ(judged, judgement_of(w.shell.channels->found.problem_list[row]));
+    // Also for who hears the line.
+    EXPECT_EQ(problems->itemData(row, Qt::AccessibleTextRole).toString(),
+              problems->itemText(row) + ". " + judged);
+  }
 }
 
 TEST(ChannelCheck, AMaskIsOfferedToBeSavedAndTemplatesAndListsFollow) {

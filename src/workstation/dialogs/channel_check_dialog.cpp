@@ -2,6 +2,7 @@
 #include <QCheckBox>
 #include <QHBoxLayout>
 #include <QRadioButton>
+#include <QStyle>
 #include <QVBoxLayout>
 #include <memory>
 #include <vector>
@@ -32,6 +33,7 @@ struct channel_window {
   std::vector<bool> masks_before;
   QComboBox* problems = nullptr;
   number_field* channel = nullptr;
+  QLabel *judgement = nullptr, *counts = nullptr;  // of the chosen problem, and of all
   QLabel *rms = nullptr, *net = nullptr, *n_pairs = nullptr, *n_masked = nullptr;
   QCheckBox *mask = nullptr, *use_masked = nullptr;
 };
@@ -71,18 +73,43 @@ void choose_channel(const shared_channels& c, std::int32_t channel) {
   if (c->state->one_channel) redraw_channel_windows(c->w);
 }
 
+// A sign by its form, not by colour alone; lines without it keep its room, so that all begin at one
+// place.
+QIcon sign_of(const QWidget* where, bool borne_out) {
+  if (borne_out) return where->style()->standardIcon(QStyle::SP_MessageBoxWarning);
+  QPixmap none(16, 16);
+  none.fill(Qt::transparent);
+  return QIcon(none);
+}
+
+void add_problem(const shared_channels& c, const channel_problem& problem) {
+  const QString text = QString::fromStdString(problem.text), judgement = judgement_of(problem);
+  c->problems->addItem(sign_of(c->problems, problem.borne_out), text, problem.channel);
+  const int at = c->problems->count() - 1;
+  c->problems->setItemData(at, judgement, Qt::ToolTipRole);
+  c->problems->setItemData(at, text + ". " + judgement, Qt::AccessibleTextRole);
+}
+
+// In words what the sign says.
+void show_judgement(const shared_channels& c) {
+  const std::vector<channel_problem>& list = c->state->found.problem_list;
+  const auto at = static_cast<std::size_t>(std::max(0, c->problems->currentIndex()));
+  c->judgement->setText(at < list.size() ? judgement_of(list[at]) : "");
+}
+
 void show_problems(const shared_channels& c) {
   const QSignalBlocker quiet(c->problems);
   c->problems->clear();
-  for (const channel_problem& problem : c->state->found.problem_list) {
-    c->problems->addItem(QString::fromStdString(problem.text), problem.channel);
-  }
+  const channel_check& found = c->state->found;
+  for (const channel_problem& problem : found.problem_list) add_problem(c, problem);
   if (c->problems->count() == 0) c->problems->addItem(channels_seem_ok, 0);
+  c->counts->setText(found.n_found > 0 ? QString::fromStdString(count_problems(found)) : "");
   // The line of the channel on show stays in sight, while it has one.
   c->problems->setCurrentIndex(std::max(0, c->problems->findData(c->w.session.current_channel)));
+  show_judgement(c);
   c->n_pairs->setText(QString("%1 pairs nearer than %2 µm")
-                          .arg(c->state->found.channel_pairs.size())
-                          .arg(static_cast<double>(c->state->found.check_cutoff_um), 0, 'f', 0));
+                          .arg(found.channel_pairs.size())
+                          .arg(static_cast<double>(found.check_cutoff_um), 0, 'f', 0));
 }
 
 void show_all(const shared_channels& c) {
@@ -115,15 +142,27 @@ void mask_channel(const shared_channels& c, bool on) {
 QGroupBox* problem_section(const shared_channels& c) {
   c->problems = new QComboBox;
   c->problems->setObjectName("problems");
-  c->problems->setToolTip("What was found, at most 16 lines; a line chooses its channel");
+  c->problems->setToolTip(
+      "What was found, at most 16 lines; a line chooses its channel.\nThe sign stands at those of "
+      "which the background without spikes says the same; the others may be about sound channels");
   c->problems->setMinimumContentsLength(38);  // letters, as a line has
   c->n_pairs = new QLabel;
   c->n_pairs->setObjectName("n_pairs");
+  c->judgement = new QLabel;
+  c->judgement->setObjectName("judgement");
+  c->judgement->setWordWrap(true);
+  c->counts = new QLabel;
+  c->counts->setObjectName("n_problems");
+  c->counts->setWordWrap(true);
   auto* rows = new QVBoxLayout;
-  rows->addWidget(c->problems);
-  rows->addWidget(c->n_pairs);
-  QObject::connect(c->problems, &QComboBox::activated, c->dialog,
-                   [c] { choose_channel(c, c->problems->currentData().toInt()); });
+  for (QWidget* row : {static_cast<QWidget*>(c->problems), static_cast<QWidget*>(c->judgement),
+                       static_cast<QWidget*>(c->counts), static_cast<QWidget*>(c->n_pairs)}) {
+    rows->addWidget(row);
+  }
+  QObject::connect(c->problems, &QComboBox::activated, c->dialog, [c] {
+    show_judgement(c);
+    choose_channel(c, c->problems->currentData().toInt());
+  });
   return titled_box("Problems", rows);
 }
 
@@ -248,6 +287,7 @@ void open_check(const shared_channels& c) {
   show_problems(c);
   // The first line is what the user has come for.
   c->problems->setCurrentIndex(0);
+  show_judgement(c);
   const std::int32_t first = c->problems->currentData().toInt();
   choose_channel(c, first > 0 ? first : c->w.session.current_channel);
   place_at_right(c->w, c->dialog);
