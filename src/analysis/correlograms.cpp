@@ -8,6 +8,7 @@
 #include <limits>
 #include <numeric>
 
+#include "analysis/correlogram_grid.h"
 #include "clustering/membership.h"
 #include "numerics/parallel.h"
 #include "review/review_guards.h"
@@ -311,9 +312,9 @@ bool is_ordered(const spike_train& train) {
   return std::is_sorted(train.times.begin(), train.times.end());
 }
 
-// table: of the width that the bins have.
-correlogram count_on_threads(const session_state& session, const spike_train& a,
-                             const spike_train& b, const bin_table& table, std::int32_t n_threads) {
+// Without counts. table: of the width that the bins have.
+correlogram begin_correlogram(const session_state& session, const spike_train& a,
+                              const spike_train& b, const bin_table& table) {
   correlogram result;
   result.a = a.unit;
   result.b = b.unit;
@@ -321,18 +322,22 @@ correlogram count_on_threads(const session_state& session, const spike_train& a,
   result.n_a = static_cast<std::int32_t>(a.times.size());
   result.n_b = static_cast<std::int32_t>(b.times.size());
   result.duration_ms = 60000.0 * static_cast<double>(session.recording.duration_mins);
-  const tick_clock clock = table.clock;
   const std::int64_t n_listed = std::int64_t{result.n_a} + result.n_b;
   // Records that were stored one by one are too few to be thinned.
-  if (!clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
-  if (n_listed == 0) return result;
+  if (!table.clock.from_stamps) result.stride = static_cast<std::int32_t>(n_listed / 20000 + 1);
+  return result;
+}
+
+void count_on_threads(const spike_train& a, const spike_train& b, const bin_table& table,
+                      std::int32_t n_threads, correlogram& result) {
+  const std::int64_t n_listed = std::int64_t{result.n_a} + result.n_b;
+  if (n_listed == 0) return;
   if (is_ordered(a) && is_ordered(b)) {
     count_ordered({a, b, table, a.unit == b.unit, result.stride}, n_threads, result.counts);
   } else {
-    count_all(prepare_counting(a, b, clock, result.bin_ms), n_listed, result.stride, n_threads,
-              result.counts);
+    count_all(prepare_counting(a, b, table.clock, result.bin_ms), n_listed, result.stride,
+              n_threads, result.counts);
   }
-  return result;
 }
 
 bin_table table_of_width(const session_state& session, float bin_ms) {
@@ -344,20 +349,31 @@ bin_table table_of_width(const session_state& session, float bin_ms) {
 
 correlogram correlogram_counts(const session_state& session, const spike_train& a,
                                const spike_train& b, float bin_ms) {
-  return count_on_threads(session, a, b, table_of_width(session, bin_ms),
-                          std::max(1, threads_now(session)));
+  const bin_table table = table_of_width(session, bin_ms);
+  correlogram result = begin_correlogram(session, a, b, table);
+  count_on_threads(a, b, table, std::max(1, threads_now(session)), result);
+  return result;
 }
 
 std::vector<correlogram> correlograms_of_pairs(const session_state& session,
                                                const std::vector<spike_train>& trains,
                                                const std::vector<train_pair>& pairs, float bin_ms) {
-  std::vector<correlogram> results(pairs.size());
-  const auto last = static_cast<std::int64_t>(pairs.size()) - 1;
   const bin_table table = table_of_width(session, bin_ms);
-  parallel_for(std::max(1, threads_now(session)), 0, last, [&](std::int64_t i, std::int32_t) {
+  const std::int32_t n_threads = std::max(1, threads_now(session));
+  std::vector<correlogram> results;
+  results.reserve(pairs.size());
+  for (const train_pair& pair : pairs) {
+    results.push_back(begin_correlogram(session, trains[pair.a], trains[pair.b], table));
+  }
+  // Stamps of stored records have rules of their own.
+  const bool in_grid = !table.clock.from_stamps &&
+                       count_correlogram_grid(n_threads, trains, pairs, table.of_ticks, results);
+  const auto last = static_cast<std::int64_t>(pairs.size()) - 1;
+  parallel_for(n_threads, 0, last, [&](std::int64_t i, std::int32_t) {
+    correlogram& result = results[static_cast<std::size_t>(i)];
+    if (in_grid && result.a != result.b) return;
     const train_pair& pair = pairs[static_cast<std::size_t>(i)];
-    results[static_cast<std::size_t>(i)] =
-        count_on_threads(session, trains[pair.a], trains[pair.b], table, 1);
+    count_on_threads(trains[pair.a], trains[pair.b], table, 1, result);
   });
   return results;
 }

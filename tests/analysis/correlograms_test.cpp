@@ -8,6 +8,7 @@
 #include <numeric>
 #include <sstream>
 
+#include "analysis/correlogram_grid.h"
 #include "support/small_session.h"
 
 namespace kestrelvane::test {
@@ -154,6 +155,83 @@ TEST_F(correlogram_test, ordered_trains_are_the_plain_form_too) {
       if (n > 5000 && !ordered_table) break;
     }
   }
+}
+
+// Units of very different size, so that strides differ by pair; events out of order; pairs asked
+// for from either side, some left out, and autocorrelograms among them.
+TEST_F(correlogram_test, many_pairs_at_once_are_the_plain_form_too) {
+  vector_random random{23};
+  for (const int jitter : {1, 90, 4000}) {
+    std::vector<std::pair<int, int>> spikes;
+    for (int i = 0; i < 60'000; ++i) {
+      const int unit = (random.next() >> 16) % 2 == 0 ? 1 : 2 + (random.next() >> 16) % 9;
+      spikes.push_back({1000 + 30 * i + static_cast<int>((random.next() >> 12) % jitter), unit});
+    }
+    put_spikes(spikes);
+    const std::vector<spike_train> trains =
+        get_spike_trains(*session, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 99});
+    std::vector<train_pair> pairs;
+    for (std::size_t a = 0; a < trains.size(); ++a) {
+      for (std::size_t b = a; b < trains.size(); ++b) {
+        if (a + b == 7) continue;
+        pairs.push_back((a + b) % 3 == 0 ? train_pair{b, a} : train_pair{a, b});
+      }
+    }
+    std::vector<correlogram> first;
+    for (const int threads : {1, 3}) {
+      use_threads(*session, threads);
+      const std::vector<correlogram> all = correlograms_of_pairs(*session, trains, pairs, 0.4f);
+      for (std::size_t i = 0; i < pairs.size(); ++i) {
+        const spike_train &a = trains[pairs[i].a], &b = trains[pairs[i].b];
+        ASSERT_EQ(all[i].counts, correlogram_counts(*session, a, b, 0.4f).counts)
+            << a.unit << " " << b.unit;
+        if (i % 11 == 1 && threads == 1 && jitter < 100) {
+          ASSERT_EQ(all[i].counts, plain_correlogram(*session, a.unit, b.unit, 0.4f).counts);
+        }
+      }
+      EXPECT_EQ(all[1].stride, 2);
+    }
+  }
+}
+
+// What the pass over all events cannot hold is left to the form pair by pair.
+TEST_F(correlogram_test, the_grid_takes_what_is_there_once) {
+  put_random_spikes(4000, 8, 400'000, 5);
+  std::vector<spike_train> trains = get_spike_trains(*session, {1, 2, 3, 4, 5, 6, 7, 8});
+  std::vector<std::int8_t> bins(20 * 51);
+  for (std::size_t i = 0; i < bins.size(); ++i) bins[i] = static_cast<std::int8_t>((i + 10) / 20);
+  std::vector<train_pair> pairs;
+  for (std::size_t a = 0; a < 8; ++a) {
+    for (std::size_t b = a + 1; b < 8; ++b) pairs.push_back({a, b});
+  }
+  const auto takes = [&] {
+    std::vector<correlogram> results;
+    for (const auto& [a, b] : pairs) {
+      correlogram result;
+      result.a = trains[a].unit;
+      result.b = trains[b].unit;
+      result.n_a = static_cast<std::int32_t>(trains[a].times.size());
+      result.n_b = static_cast<std::int32_t>(trains[b].times.size());
+      results.push_back(result);
+    }
+    const bool taken = count_correlogram_grid(1, trains, pairs, bins, results);
+    if (!taken) {
+      for (const correlogram& result : results) EXPECT_EQ(total(result), 0);
+    } else {
+      EXPECT_EQ(results[3].counts, correlogram_counts(*session, 1, 5).counts);
+    }
+    return taken;
+  };
+  EXPECT_TRUE(takes());
+  pairs.push_back({1, 0});
+  EXPECT_FALSE(takes()) << "a pair from both sides";
+  pairs.pop_back();
+  trains[7] = trains[6];
+  trains[7].unit = 8;
+  EXPECT_FALSE(takes()) << "one train under two numbers";
+  trains[7] = get_spike_train(*session, 8);
+  bins.assign(200'000, 1);
+  EXPECT_FALSE(takes()) << "each event within reach of all others";
 }
 
 TEST_F(correlogram_test, trains_gathered_together_are_those_gathered_alone) {
