@@ -515,7 +515,6 @@ bool autosort(session_state& session) {
   begin_run(session);
   const clock::time_point begin = clock::now();
   const bool done = run_pipeline(session, begin);
-  restore_template_rows(session);
   // However it ended, a run that was finished has full bars.
   if (done && session.autosort.stop_after == stop_after_all) {
     set_progress(session, meter::clusters, 100, 100);

@@ -170,7 +170,8 @@ void settle_geometry(session_state& session) {
 void make_file_templates(session_state& session) {
   const std::int32_t n = session.clusters.n_clusters;
   compute_template_points(session);
-  // The window before was that of another recording.
+  // The window before was that of another recording, and so were its templates.
+  shorten_template_rows(session);
   templates_are_current(session);
   for (std::int32_t c = 1; c <= n; ++c) {
     if (session.templates.template_n_channels[c] > 0) continue;

@@ -9,6 +9,7 @@
 #include "files/input_file.h"
 #include "results/ptcs.h"
 #include "session/run_log.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 
@@ -209,6 +210,7 @@ void read_units(session_state& session, ptcs_reading& in, const ptcs_header& hea
     // The first unit sets the window for all.
     if (c == 1) {
       session.templates.template_points = static_cast<std::int32_t>(unit.n_points);
+      shorten_template_rows(session);
       log_message(session, fmt::format("n_template_points={}", unit.n_points));
     }
     for (const std::int64_t channel : unit.channels) {

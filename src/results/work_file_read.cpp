@@ -11,6 +11,7 @@
 #include "results/work_file_rows.h"
 #include "results/work_file_settle.h"
 #include "results/work_file_source.h"
+#include "session/template_window.h"
 
 namespace kestrelvane {
 
@@ -56,6 +57,7 @@ bool read_counter(work_file_source& in, session_state& session, const work_file_
   in.counts.of[row.rule] = value;
   // At once: the rows that follow are as long as it says.
   if (row.stored) *static_cast<std::int32_t*>(row.first(session)) = value;
+  if (row.rule == per_point) shorten_template_rows(session);
   return true;
 }
 

@@ -1,6 +1,7 @@
 // The consistency check stands apart: it is for tests and reads everything.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -127,6 +128,9 @@ std::string check_clusters(const session_state& session) {
   }
   if (t.allocated_channels < session.recording.n_channels) {
     return fmt::format("templates have room for {} channels", t.allocated_channels);
+  }
+  if (t.row < std::max(t.template_points, t.outdated.points)) {
+    return fmt::format("templates have rows of {} points", t.row);
   }
   for (std::int32_t k = 1; k <= c.n_clusters; ++k) {
     if (std::string problem = check_template(session, k); !problem.empty()) return problem;

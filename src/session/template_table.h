@@ -1,11 +1,12 @@
 // Templates: mean waveform and standard deviation of every cluster, in bits.
 //
 // Slots count from 1; those above n_clusters serve as scratch, one per thread.
-// In memory one template is one block, channel by channel, 151 floats to a
+// In memory one template is one block, channel by channel, a row of floats to a
 // channel, so that alignment and comparison stream through it and a renumbering
 // moves it whole. clustering/templates.h alone writes templates.
-// While Autosort runs nobody changes the window, and rows are as short as that allows: with
-// hundreds of clusters on hundreds of channels the rest of the rows is most of the memory.
+// Rows are as long as the window needs and not as the widest one would: with hundreds of clusters
+// on hundreds of channels the rest of them would be most of the memory. A window that is widened
+// finds them widened (template_window.h).
 #pragma once
 
 #include <cstdint>

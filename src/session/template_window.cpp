@@ -20,6 +20,11 @@ std::int32_t window_edge(float ms, std::int32_t sampling_frequency) {
   return static_cast<std::int32_t>(std::min(samples, most));
 }
 
+// Lanes that are read beyond the last point find zeros.
+std::int32_t row_for(std::int32_t points) {
+  return std::min(whole_lanes(points) + n_lanes, template_point_limit);
+}
+
 }  // namespace
 
 std::int32_t window_first_sample(const session_state& session) {
@@ -37,10 +42,10 @@ void compute_template_points(session_state& session) {
   const std::int32_t points = window_last_sample(session) - window_first_sample(session) + 1;
   const template_extent now{window_first_sample(session),
                             std::clamp(points, 3, template_point_limit)};
-  // A run keeps its window; whoever changes it all the same finds room.
-  if (now.points > templates.row) restore_template_rows(session);
+  widen_template_rows(session, now.points);
   templates.first_sample = now.first;
   templates.template_points = now.points;
+  if (session.clusters.n_clusters == 0) shorten_template_rows(session);
   // What counts is the window that the templates were made for, over how many changes ever.
   if (templates.outdated.points == 0) templates.outdated = before;
   if (session.clusters.n_clusters == 0 || templates.outdated == now) templates.outdated = {};
@@ -58,25 +63,25 @@ void shorten_template_rows(session_state& session) {
   template_table& t = session.templates;
   t.template_mean.clear();
   t.template_sd.clear();
-  // Lanes that are read beyond the last point find zeros.
-  t.row = std::min(whole_lanes(t.template_points) + n_lanes, template_point_limit);
+  t.outdated = {};
+  t.row = row_for(t.template_points);
 }
 
-void restore_template_rows(session_state& session) {
+void widen_template_rows(session_state& session, std::int32_t points) {
   template_table& t = session.templates;
-  const std::int64_t row = t.row;
-  if (row == template_point_limit) return;
+  const std::int64_t row = t.row, wider = row_for(points);
+  if (row >= wider) return;
   release_spare_templates(session);
   const std::int64_t n_rows = std::int64_t{session.clusters.n_clusters} * t.allocated_channels;
   for (table<float>* waveforms : {&t.template_mean, &t.template_sd}) {
     // From the last: a row goes to where none lies that has not gone yet.
     for (std::int64_t i = n_rows - 1; i >= 0; --i) {
-      float* to = waveforms->first() + i * template_point_limit;
+      float* to = waveforms->first() + i * wider;
       std::memmove(to, waveforms->first() + i * row, sizeof(float) * static_cast<std::size_t>(row));
-      std::fill(to + row, to + template_point_limit, 0.0f);
+      std::fill(to + row, to + wider, 0.0f);
     }
   }
-  t.row = template_point_limit;
+  t.row = static_cast<std::int32_t>(wider);
 }
 
 bool templates_are_outdated(const session_state& session) {

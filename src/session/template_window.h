@@ -25,11 +25,11 @@ bool templates_are_outdated(const session_state& session);
 // All templates have just been made for the window in force.
 void templates_are_current(session_state& session);
 
-// Rows of templates as short as the window in force allows, for a run during which it stays;
-// whatever templates there were are gone, and zeros. And as long as any window needs them again,
-// with the templates of all clusters. With the gate held.
+// Rows of templates as short as template_points allows; whatever templates there were are gone,
+// and zeros. And as long as so many points need them, where they are shorter, with the templates of
+// all clusters. With the gate held.
 void shorten_template_rows(session_state& session);
-void restore_template_rows(session_state& session);
+void widen_template_rows(session_state& session, std::int32_t points);
 // Gives back the memory of the slots above the clusters.
 void release_spare_templates(session_state& session);
 

@@ -80,8 +80,7 @@ void copy_record(session_state& session, std::int32_t from, std::int32_t to) {
   for_each_moving_column(copy, session.clusters);
   for_each_column(copy, templates);
   copy_template_debt(session, from, to);
-  // Of the 151 points of a channel a window takes a third. One that has been changed may be changed
-  // back, and its templates hold again.
+  // A window that has been changed may be changed back, and its templates hold again.
   const std::int32_t points = std::max(templates.template_points, templates.outdated.points);
   const std::size_t bytes = sizeof(float) * static_cast<std::size_t>(points);
   for (std::int32_t channel = 1; channel <= templates.allocated_channels; ++channel) {

@@ -139,9 +139,13 @@ TEST(deferred_templates, are_the_same_by_channel_and_by_cluster) {
   }
 }
 
-TEST(deferred_templates, survive_in_short_rows) {
+// Rows are as long as the window needs; whatever it becomes, templates stay what they were for as
+// long as it may come back.
+TEST(deferred_templates, survive_a_change_of_rows) {
   small_session session;
   make_probe(*session);
+  widen_template_rows(*session, template_point_limit);
+  EXPECT_EQ(session->templates.row, template_point_limit);
   calculate_all_templates(*session);
   const outcome long_rows = read_outcome(*session);
   shorten_template_rows(*session);
@@ -151,17 +155,19 @@ TEST(deferred_templates, survive_in_short_rows) {
   release_spare_templates(*session);
   expect_same(long_rows, read_outcome(*session), "the spare ones are gone");
   const std::int32_t n = session->clusters.n_clusters;
-  session->templates.mean(n + 1, 1)[1] = 5;  // scratch
-  // A window that needs more room than the rows have is given it.
-  session->strategy.template_window_end_ms = 3.0f;
-  compute_template_points(*session);
-  EXPECT_EQ(session->templates.row, template_point_limit);
-  session->strategy.template_window_end_ms = 0.8f;
-  compute_template_points(*session);
-  expect_same(long_rows, read_outcome(*session), "long rows again");
-  EXPECT_EQ(session->templates.mean(n + 1, 1)[1], 0);
+  for (const float end : {1.5f, 0.3f, 3.0f, 2.0f}) {
+    session->templates.mean(n + 1, 1)[1] = 5;  // scratch
+    session->strategy.template_window_end_ms = end;
+    compute_template_points(*session);
+    EXPECT_EQ(check_session(*session), "") << end;
+    session->strategy.template_window_end_ms = 0.8f;
+    compute_template_points(*session);
+    expect_same(long_rows, read_outcome(*session), std::to_string(end) + " ms and back");
+    EXPECT_FALSE(templates_are_outdated(*session));
+  }
   const float* last = session->templates.mean(n, n_channels);
-  for (std::int32_t p = session->templates.template_points + 1; p <= template_point_limit; ++p) {
+  EXPECT_GE(session->templates.row, 96);  // 3.8 ms at 25 kHz
+  for (std::int32_t p = session->templates.template_points + 1; p <= session->templates.row; ++p) {
     EXPECT_EQ(last[p], 0) << p;
   }
 }

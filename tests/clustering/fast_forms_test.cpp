@@ -178,7 +178,7 @@ TEST(fast_forms, recalculation_is_its_five_steps) {
       ASSERT_EQ(whole->templates.template_n_channels[c], steps->templates.template_n_channels[c]);
       ASSERT_EQ(whole->templates.template_x[c], steps->templates.template_x[c]);
       ASSERT_EQ(0, std::memcmp(whole->templates.mean(c, 1) + 1, steps->templates.mean(c, 1) + 1,
-                               sizeof(float) * template_point_limit * 4));
+                               sizeof(float) * steps->templates.row * 4));
     }
   }
 }
