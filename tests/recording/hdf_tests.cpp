@@ -642,6 +642,29 @@ TEST_F(hdf_test, types_and_scales_that_cannot_be_read) {
   expect_empty();
 }
 
+// The index of the chunks says how many bytes of each there are, and the library makes room for no
+// more. Found by a fuzzer.
+TEST_F(hdf_test, chunks_shorter_than_their_samples_are_refused) {
+  {
+    hdf_maker maker(nwb);
+    maker.numbers("/v", {"i16", {2, 200}, hdf_storage::chunked, {2, 100}, nullptr});
+  }
+  ASSERT_TRUE(open(nwb, "/v", "1000", "1")) << user.all_lines();
+  expect_fixture_samples(2, 200);
+  // Key of the second chunk: its bytes, a mask of filters, where it begins.
+  const std::int32_t key[] = {400, 0, 0, 0, 100, 0};
+  const char* begin = reinterpret_cast<const char*>(key);
+  std::vector<char> bytes = read_bytes(nwb);
+  const auto at = std::search(bytes.begin(), bytes.end(), begin, begin + sizeof key);
+  ASSERT_NE(at, bytes.end());
+  std::fill_n(at, 4, '\0');
+  write_bytes(nwb, bytes);
+  EXPECT_FALSE(open(nwb, "/v", "1000", "1"));
+  EXPECT_TRUE(user.logged("The chunks of the dataset are not as long as their samples"))
+      << user.all_lines();
+  expect_empty();
+}
+
 TEST_F(hdf_test, other_files_are_opened_within_the_folder_alone) {
   const temporary_directory elsewhere;
   std::filesystem::create_directory(folder.file("part"));

@@ -397,6 +397,21 @@ bool describe_hdf_layout(hid_t dataset, hdf_layout& layout) {
   return true;
 }
 
+namespace {
+
+// The library makes room for as many bytes as the index says of a chunk, and takes from it as many
+// as the chunk has. What filters make of a chunk tells no length.
+bool chunks_are_whole(hid_t dataset, hid_t creation, double chunk_bytes) {
+  hsize_t n_chunks = 0;
+  if (H5Pget_nfilters(creation) > 0) return true;
+  const hdf_id space(H5Dget_space(dataset));
+  if (!space.ok() || H5Dget_num_chunks(dataset, space, &n_chunks) < 0) return false;
+  const auto stored = static_cast<double>(H5Dget_storage_size(dataset));
+  return stored == chunk_bytes * static_cast<double>(n_chunks);
+}
+
+}  // namespace
+
 bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layout,
                             std::string& words) {
   const hdf_id creation(H5Dget_create_plist(dataset));
@@ -423,6 +438,10 @@ bool hdf_file_holds_samples(hdf_file& in, hid_t dataset, const hdf_layout& layou
   if (kind != H5D_CHUNKED || H5Pget_chunk(creation, 2, chunk) < 1) return true;
   double chunk_bytes = element;
   for (int i = 0; i < layout.rank; ++i) chunk_bytes *= static_cast<double>(chunk[i]);
+  if (!chunks_are_whole(dataset, creation, chunk_bytes)) {
+    words = "The chunks of the dataset are not as long as their samples";
+    return false;
+  }
   // One chunk is unpacked whole, however little of it is wanted.
   if (chunk_bytes <= std::max(64e6, there * greatest_compression)) return true;
   words = "The chunks of the dataset are larger than its file can fill";
