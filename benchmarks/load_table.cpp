@@ -7,9 +7,10 @@
 // told beside what each step takes at most. A table in Markdown is printed, the steps for half of
 // the events beside those for all.
 //
-//   kestrelvane-load-table [FOLDER [EVENTS [CLUSTERS [CHANNELS [SECONDS]]]]]
+//   kestrelvane-load-table [FOLDER [EVENTS [CLUSTERS [CHANNELS [SECONDS [STEP]]]]]]
 //
 // FOLDER: where files are written, which are removed again; the current one unless told otherwise.
+// STEP: part of the name of the steps to measure, once the templates have been made; all.
 #include <fmt/format.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -44,6 +45,7 @@ using steady = std::chrono::steady_clock;
 
 struct load_size {
   std::int32_t n_events = 5'000'000, n_clusters = 2'000, n_channels = 384, seconds = 30;
+  std::string step;
 };
 
 constexpr std::int32_t sampling_frequency = 20'000;
@@ -207,6 +209,8 @@ std::vector<std::pair<std::string, load_cost>> measure_size(const load_size& siz
   make_sort(*s, size);
   std::vector<std::pair<std::string, load_cost>> costs;
   for (const load_step& step : all_steps(*s)) {
+    const bool wanted = costs.empty() || step.name.find(size.step) != std::string::npos;
+    if (!wanted) continue;
     costs.emplace_back(step.name, measure(step, *s, folder));
     s.user.lines.clear();
     std::fprintf(stderr, "%s: %.1f s\n", step.name.c_str(), costs.back().second.wall);
@@ -250,6 +254,7 @@ int main(int argc, char** argv) {
   for (std::size_t i = 0; i < numbers.size() && static_cast<int>(i) + 2 < argc; ++i) {
     *numbers[i] = std::max(std::atoi(argv[i + 2]), 1);
   }
+  if (argc > 6) size.step = argv[6];
   std::filesystem::create_directories(folder);
   print_table(size, folder);
   std::filesystem::remove_all(folder);

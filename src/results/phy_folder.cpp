@@ -18,6 +18,7 @@
 #include "numerics/jacobi.h"
 #include "numerics/parallel.h"
 #include "recording/acquisition_facts.h"
+#include "results/long_products.h"
 #include "results/spike_times.h"
 #include "session/run_log.h"
 #include "session/template_window.h"
@@ -45,7 +46,9 @@ struct phy_export {
   std::vector<float> templates;                       // template, point, channel; bits
   std::vector<float> similarity;                      // template by template
   std::vector<std::vector<std::int32_t>> neighbours;  // of each template, most similar first
-  std::vector<float> components;                      // component, point
+  std::vector<double> components;                     // component, point
+  std::vector<double> local_values;                   // template, place in local, point; bits
+  std::vector<double> local_squares;                  // of each template: those, squared and summed
 
   std::size_t n_templates() const { return static_cast<std::size_t>(session.clusters.n_clusters); }
   std::size_t n_points() const {
@@ -61,8 +64,9 @@ struct phy_export {
     return session.recording.vd.channel(channels[place]) + session.events.event_time[event] +
            window_first_sample(session);
   }
-  float template_value(std::size_t t, std::size_t p, std::int32_t place) const {
-    return templates[(t * n_points() + p) * channels.size() + static_cast<std::size_t>(place)];
+  // A template on the k-th of its own channels.
+  const double* local_template(std::size_t t, std::size_t k) const {
+    return local_values.data() + (t * n_local() + k) * n_points();
   }
 };
 
@@ -158,31 +162,28 @@ void list_local_channels(phy_export& x) {
   }
 }
 
+// What spikes are compared with, side by side: in the template's own order two points of a channel
+// lie as far apart as there are channels.
+void gather_local_templates(phy_export& x) {
+  for (std::size_t t = 0; t < x.n_templates(); ++t) {
+    double square = 0;
+    for (const std::int32_t place : x.local[t]) {
+      const float* mean = x.session.templates.mean(static_cast<std::int32_t>(t) + 1,
+                                                   x.channels[static_cast<std::size_t>(place)]);
+      for (std::size_t p = 0; p < x.n_points(); ++p) {
+        const double value = mean[p + 1];
+        x.local_values.push_back(value);
+        square += value * value;
+      }
+    }
+    x.local_squares.push_back(square);
+  }
+}
+
 // Cosine of the angle between two templates over all channels.
 void compare_templates(phy_export& x) {
-  const std::size_t n = x.n_templates(), size = x.n_points() * x.channels.size();
-  const auto product = [&](std::size_t a, std::size_t b) {
-    double sum = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-      sum += double{x.templates[a * size + i]} * double{x.templates[b * size + i]};
-    }
-    return sum;
-  };
-  std::vector<double> lengths(n);
-  for (std::size_t k = 0; k < n; ++k) lengths[k] = std::sqrt(product(k, k));
-  x.similarity.assign(n * n, 0.0f);
-  parallel_for_dealt(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
-                     [&](std::int64_t row, std::int32_t) {
-                       const auto a = static_cast<std::size_t>(row);
-                       // Every pair is computed by one thread alone, that of the lower of the two.
-                       for (std::size_t b = a; b < n; ++b) {
-                         const double scale = lengths[a] * lengths[b];
-                         // A template without any voltage is like nothing.
-                         if (scale <= 0) continue;
-                         const auto cosine = static_cast<float>(product(a, b) / scale);
-                         x.similarity[a * n + b] = x.similarity[b * n + a] = cosine;
-                       }
-                     });
+  const std::size_t n = x.n_templates();
+  x.similarity = find_cosines(x.templates, n, threads_now(x.session));
   for (std::size_t a = 0; a < n; ++a) {
     std::vector<std::int32_t> order(n);
     std::iota(order.begin(), order.end(), 0);
@@ -205,10 +206,10 @@ void turn_components(phy_export& x, std::int32_t n) {
   const std::size_t points = x.n_points();
   std::vector<double> common(points);
   for (std::size_t k = 0; k < x.n_templates(); ++k) {
-    for (std::size_t p = 0; p < points; ++p) common[p] += x.template_value(k, p, x.local[k][0]);
+    for (std::size_t p = 0; p < points; ++p) common[p] += x.local_template(k, 0)[p];
   }
   for (std::int32_t component = 0; component < std::min(n_components, n); ++component) {
-    float* direction = x.components.data() + static_cast<std::size_t>(component) * points;
+    double* direction = x.components.data() + static_cast<std::size_t>(component) * points;
     if (std::inner_product(common.begin(), common.end(), direction, 0.0) >= 0) continue;
     std::transform(direction, direction + points, direction, std::negate<>());
   }
@@ -221,12 +222,10 @@ void find_components(phy_export& x) {
   std::vector<float> covariance(points * points), values(points), vectors(points * points);
   std::vector<double> sums(points * points);
   for (std::size_t k = 0; k < x.n_templates(); ++k) {
-    for (const std::int32_t place : x.local[k]) {
+    for (std::size_t c = 0; c < x.n_local(); ++c) {
+      const double* values = x.local_template(k, c);
       for (std::size_t p = 0; p < points; ++p) {
-        for (std::size_t q = 0; q < points; ++q) {
-          sums[p * points + q] +=
-              double{x.template_value(k, p, place)} * double{x.template_value(k, q, place)};
-        }
+        for (std::size_t q = 0; q < points; ++q) sums[p * points + q] += values[p] * values[q];
       }
     }
   }
@@ -246,25 +245,38 @@ void find_components(phy_export& x) {
 
 // --- rows of a spike
 
-double project(const std::int16_t* samples, const float* onto, std::size_t n) {
-  double sum = 0;
-  for (std::size_t p = 0; p < n; ++p) sum += double{onto[p]} * samples[p];
-  return sum;
+// How much of each of some templates a spike is, on the template's channels.
+std::vector<double> spike_scales(const phy_export& x, std::int32_t event,
+                                 const std::vector<std::int32_t>& templates) {
+  std::vector<product_chain> chains(templates.size());
+  for (std::size_t c = 0; c < x.n_local(); ++c) {
+    for (std::size_t k = 0; k < chains.size(); ++k) {
+      const auto t = static_cast<std::size_t>(templates[k]);
+      chains[k].values = x.local_template(t, c);
+      chains[k].samples = x.window(event, x.local[t][c]);
+    }
+    add_products(chains, static_cast<std::int32_t>(x.n_points()));
+  }
+  std::vector<double> scales;
+  for (std::size_t k = 0; k < chains.size(); ++k) {
+    const double square = x.local_squares[static_cast<std::size_t>(templates[k])];
+    // A flat template is no measure of anything.
+    scales.push_back(square > 0 ? chains[k].sum / square : 0);
+  }
+  return scales;
 }
 
-// How much of its template a spike is, on the template's channels.
-double spike_scale(const phy_export& x, std::int32_t event, std::size_t t) {
-  double product = 0, square = 0;
-  for (const std::int32_t place : x.local[t]) {
-    const std::int16_t* samples = x.window(event, place);
-    for (std::size_t p = 0; p < x.n_points(); ++p) {
-      const double value = x.template_value(t, p, place);
-      product += value * samples[p];
-      square += value * value;
+// The components of a spike on its template's channels: component, channel.
+void fill_components(const phy_export& x, std::int32_t event, float* row) {
+  std::vector<product_chain> chains;
+  for (std::int32_t k = 0; k < n_components; ++k) {
+    const double* component = x.components.data() + static_cast<std::size_t>(k) * x.n_points();
+    for (const std::int32_t place : x.local[x.template_of(event)]) {
+      chains.push_back({component, x.window(event, place)});
     }
   }
-  // A flat template is no measure of anything.
-  return square > 0 ? product / square : 0;
+  add_products(chains, static_cast<std::int32_t>(x.n_points()));
+  for (const product_chain& chain : chains) *row++ = static_cast<float>(chain.sum);
 }
 
 bool write_spikes(const phy_export& x) {
@@ -281,15 +293,14 @@ bool write_spikes(const phy_export& x) {
              [&](std::int32_t i, std::int32_t* row) { *row = e.event_cluster[i]; }) &&
          write_rows<double>(x, "amplitudes", "<f8", {}, spikes, [&](std::int32_t i, double* row) {
            const float matched = e.event_amplitude[i];
-           *row =
-               matched != 0.0f ? static_cast<double>(matched) : spike_scale(x, i, x.template_of(i));
+           *row = matched != 0.0f ? static_cast<double>(matched)
+                                  : spike_scales(x, i, {e.event_cluster[i] - 1})[0];
          });
 }
 
 bool write_features(const phy_export& x) {
   const auto n_local = static_cast<std::int64_t>(x.n_local());
   const auto n_templates = static_cast<std::int64_t>(x.n_templates());
-  const std::size_t points = x.n_points();
   std::vector<std::uint32_t> places, similar;
   const std::size_t n_similar = std::min(most_similar, x.n_templates());
   for (std::size_t t = 0; t < x.n_templates(); ++t) {
@@ -297,27 +308,17 @@ bool write_features(const phy_export& x) {
     for (const std::int32_t k : x.neighbours[t]) similar.push_back(static_cast<std::uint32_t>(k));
   }
   return write_array(x, "pc_feature_ind", "<u4", {n_templates, n_local}, places) &&
-         write_rows<float>(
-             x, "pc_features", "<f4", {n_components, n_local}, x.events,
-             [&](std::int32_t i, float* row) {
-               const std::vector<std::int32_t>& local = x.local[x.template_of(i)];
-               for (std::size_t k = 0; k < static_cast<std::size_t>(n_components); ++k) {
-                 for (std::size_t c = 0; c < local.size(); ++c) {
-                   row[k * local.size() + c] = static_cast<float>(
-                       project(x.window(i, local[c]), x.components.data() + k * points, points));
-                 }
-               }
-             }) &&
+         write_rows<float>(x, "pc_features", "<f4", {n_components, n_local}, x.events,
+                           [&](std::int32_t i, float* row) { fill_components(x, i, row); }) &&
          write_array(x, "template_feature_ind", "<u4",
                      {n_templates, static_cast<std::int64_t>(n_similar)}, similar) &&
-         write_rows<float>(x, "template_features", "<f4", {static_cast<std::int64_t>(n_similar)},
-                           x.events, [&](std::int32_t i, float* row) {
-                             const auto& others = x.neighbours[x.template_of(i)];
-                             for (std::size_t k = 0; k < others.size(); ++k) {
-                               row[k] = static_cast<float>(
-                                   spike_scale(x, i, static_cast<std::size_t>(others[k])));
-                             }
-                           });
+         write_rows<float>(
+             x, "template_features", "<f4", {static_cast<std::int64_t>(n_similar)}, x.events,
+             [&](std::int32_t i, float* row) {
+               for (const double scale : spike_scales(x, i, x.neighbours[x.template_of(i)])) {
+                 *row++ = static_cast<float>(scale);
+               }
+             });
 }
 
 // Up to a few hundred waveforms per cluster, so that views need not go to the samples.
@@ -534,6 +535,7 @@ bool write_folder(phy_export& x) {
   list_events(x);
   list_templates(x);
   list_local_channels(x);
+  gather_local_templates(x);
   compare_templates(x);
   find_components(x);
   // params.py makes a folder of it, so it comes last.
@@ -545,7 +547,7 @@ bool write_folder(phy_export& x) {
 
 bool export_phy(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
-  phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}};
+  phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}, {}, {}};
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     if (!r.chan_mask[c]) x.channels.push_back(c);
   }
