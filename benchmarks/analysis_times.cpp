@@ -23,6 +23,7 @@
 #include "clustering/templates.h"
 #include "displays/report/unit_report.h"
 #include "numerics/parallel.h"
+#include "planted_events.h"
 #include "recording/site_tables.h"
 #include "side_by_side.h"
 #include "signal/channel_check.h"
@@ -61,32 +62,6 @@ void fill_recording(session_state& session) {
       const std::uint32_t bits = random.next() >> 8;
       const int own = static_cast<int>((bits & 15) + (bits >> 4 & 15)) - 15;
       v[t] = static_cast<std::int16_t>(own + (c > 1 ? before[t] / 2 : 0));
-    }
-  }
-}
-
-// A unit is a site and a height, which varies a little; its events lie anywhere.
-void plant_events(session_state& session, std::int32_t n_events, std::int32_t n_units) {
-  recording_store& r = session.recording;
-  event_table& events = session.events;
-  events.n_events = n_events;
-  session.clusters.n_clusters = n_units;
-  vector_random random(2);
-  const std::int64_t usable = r.n_samples - 400;
-  for (std::int32_t e = 1; e <= n_events; ++e) {
-    const auto unit = static_cast<std::int32_t>((random.next() >> 8) % n_units) + 1;
-    const std::int32_t channel = 1 + unit * 7 % r.n_channels;
-    events.event_time[e] = 200 + static_cast<std::int32_t>(e * usable / n_events);
-    events.event_shift[e] = static_cast<float>(random.next() >> 8 & 1023) / 1024.0f;
-    events.event_channel[e] = channel;
-    events.event_cluster[e] = unit;
-    const int size = 60 + unit % 90 + static_cast<int>(random.next() >> 8 & 15);
-    for (std::int32_t k = std::max(channel - 2, 1); k <= std::min(channel + 2, r.n_channels); ++k) {
-      std::int16_t* v = r.vd.channel(k) + events.event_time[e];
-      for (int i = -4; i <= 4; ++i) {
-        v[i] = static_cast<std::int16_t>(v[i] - size / (1 + std::abs(k - channel)) *
-                                                    (5 - std::abs(i)) / 5);
-      }
     }
   }
 }
@@ -143,7 +118,10 @@ void time_units(std::int32_t n_events, std::int32_t n_units) {
   small_session session;
   make_recording(*session, 32, 600 * 25'000, 25'000, 0.25f);
   fill_recording(*session);
-  plant_events(*session, n_events, n_units);
+  // Heights vary a little.
+  plant_events(*session, {n_events, n_units, 2, 4, [n_units](vector_random& random) {
+                            return static_cast<std::int32_t>((random.next() >> 8) % n_units) + 1;
+                          }});
   use_threads(*session, 2);
   compute_noise(*session);
   calculate_all_templates(*session);

@@ -32,6 +32,7 @@
 #include "displays/clusters/spike_map.h"
 #include "displays/clusters/template_image.h"
 #include "numerics/parallel.h"
+#include "planted_events.h"
 #include "recording/site_tables.h"
 #include "review/guided_merge.h"
 #include "review/recorded_edit.h"
@@ -73,31 +74,6 @@ std::int32_t draw_cluster(vector_random& random) {
   if (large < n_large_pairs) return large + 1;
   if (large < 2 * n_large_pairs) return large - n_large_pairs + 1 + n_channels;
   return 1 + draw / 250 % n_clusters;
-}
-
-// A cluster is a site and a height; its events lie anywhere in the recording.
-void plant_events(session_state& session) {
-  recording_store& r = session.recording;
-  event_table& events = session.events;
-  events.n_events = n_events;
-  session.clusters.n_clusters = n_clusters;
-  vector_random random(2);
-  const std::int64_t usable = r.n_samples - 400;
-  for (std::int32_t e = 1; e <= n_events; ++e) {
-    const std::int32_t cluster = draw_cluster(random);
-    const std::int32_t channel = 1 + cluster * 7 % n_channels;
-    events.event_time[e] = 200 + static_cast<std::int32_t>(e * usable / n_events);
-    events.event_shift[e] = static_cast<float>(random.next() >> 8 & 1023) / 1024.0f;
-    events.event_channel[e] = channel;
-    events.event_cluster[e] = cluster;
-    for (std::int32_t k = std::max(channel - 4, 1); k <= std::min(channel + 4, n_channels); ++k) {
-      std::int16_t* v = r.vd.channel(k) + events.event_time[e];
-      const int height = (60 + cluster % 90) / (1 + std::abs(k - channel));
-      for (int i = -4; i <= 4; ++i) {
-        v[i] = static_cast<std::int16_t>(v[i] - height * (5 - std::abs(i)) / 5);
-      }
-    }
-  }
 }
 
 double processor_seconds() {
@@ -308,7 +284,7 @@ void run_all(double gigabytes, const std::string& folder) {
   const auto n_samples = static_cast<std::int32_t>(gigabytes * 1e9 / 2 / n_channels);
   make_recording(*session, n_channels, n_samples, rate, 1.0f);
   fill_recording(*session);
-  plant_events(*session);
+  plant_events(*session, {n_events, n_clusters, 4, 0, draw_cluster});
   use_threads(*session, 4);
   calculate_all_templates(*session);
   use_threads(*session, 1);

@@ -113,16 +113,22 @@ std::string trimmed(std::string_view text, std::size_t limit) {
 
 }  // namespace
 
-std::string config_file_beside(const std::string& recording_path) {
+std::vector<std::string> config_files_looked_for(const std::string& recording_path) {
   const std::string beside = folder_of(recording_path) + "electrode";
+  std::vector<std::string> files;
   // The file of the recording's name goes before one of the folder, for each kind.
   for (const char* extension : {".cfg", ".prb", ".json"}) {
-    for (const std::string& candidate :
-         {replace_extension(recording_path, extension), beside + extension}) {
-      if (!file_exists(candidate)) continue;
-      // Other tools leave ".json" files beside a recording, too.
-      if (extension != std::string_view(".json") || describes_probes(candidate)) return candidate;
-    }
+    files.push_back(replace_extension(recording_path, extension));
+    files.push_back(beside + extension);
+  }
+  return files;
+}
+
+std::string config_file_beside(const std::string& recording_path) {
+  for (const std::string& candidate : config_files_looked_for(recording_path)) {
+    if (!file_exists(candidate)) continue;
+    // Other tools leave ".json" files beside a recording, too.
+    if (!candidate.ends_with(".json") || describes_probes(candidate)) return candidate;
   }
   return "";
 }

@@ -10,13 +10,16 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "session/recording_request.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
 
-// The configuration that lies beside a recording, in the order below; "" for none.
+// Paths at which the configuration of a recording may lie, in the order in which they are tried.
+std::vector<std::string> config_files_looked_for(const std::string& recording_path);
+// The first of them that is there; "" for none.
 std::string config_file_beside(const std::string& recording_path);
 
 // The configuration of a recording: the one the user has named in the request, the file of

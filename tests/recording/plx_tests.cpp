@@ -144,6 +144,9 @@ TEST_F(plx_test, a_configuration_is_needed_except_for_tetrodes) {
   EXPECT_FALSE(open(continuous_plx(2, 2, 10), 0));
   EXPECT_TRUE(session.user.told("Cannot find electrode configuration file, aborting read",
                                 "Open a recording file"));
+  // What a user without a dialog can do about it.
+  EXPECT_TRUE(session.user.logged("Looked beside the recording for rec.cfg, electrode.cfg, "));
+  EXPECT_TRUE(session.user.logged("--config"));
   expect_empty();
   const std::string twice = "Bad\n1 1 0 0\n2 1 0 0\n";
   write_bytes(folder.file("rec.cfg"), {twice.begin(), twice.end()});

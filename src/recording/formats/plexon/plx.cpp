@@ -59,6 +59,13 @@ bool map_channels(session_state& session, const recording_request& request, bool
   }
   if (load_configuration(session, request)) return true;
   tell(session, "Cannot find electrode configuration file, aborting read", "Open a recording file");
+  if (!request.configuration.empty()) return false;
+  std::vector<std::string> names;
+  for (const std::string& path : config_files_looked_for(request.path)) {
+    names.push_back(file_name_of(path));
+  }
+  log_message(session, fmt::format("Looked beside the recording for {}", fmt::join(names, ", ")));
+  log_message(session, "The option --config of the batch command names any other");
   return false;
 }
 
