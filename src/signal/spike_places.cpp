@@ -6,6 +6,7 @@
 
 #include "numerics/parallel.h"
 #include "numerics/simd.h"
+#include "signal/site_reading.h"
 
 namespace kestrelvane {
 
@@ -22,6 +23,8 @@ constexpr std::int32_t n_z = 3;
 constexpr std::int32_t row = whole_lanes(depth_steps);
 constexpr std::int32_t n_rows = across_steps * n_z;  // by place across, then z
 constexpr std::int32_t n_sources = n_rows * row;
+// Round the site nearest to a spike, the one where it is largest.
+constexpr float home_um = 45;
 constexpr std::int64_t quick_look = 256;  // samples passed over together when all are small
 
 struct channel_round {
@@ -137,10 +140,9 @@ double top_of(const float* values, std::int32_t at, std::int32_t n) {
   return bend < 0 ? 0.5 * (below - above) / bend : 0;
 }
 
-spike_place place_of(const recording_store& r, const channel_round& round, std::int32_t t,
-                     std::int32_t reach, float height) {
-  alignas(64) float sums[n_sources];
-  fit_sources(r, round, t, reach, sums);
+// By how well each source fits.
+spike_place place_by(const recording_store& r, const channel_round& round, const float* sums,
+                     std::int32_t t, float height) {
   float along[depth_steps], across[across_steps];
   for (std::int32_t i = 0; i < depth_steps; ++i) {
     along[i] = sums[i];
@@ -160,13 +162,24 @@ spike_place place_of(const recording_store& r, const channel_round& round, std::
           static_cast<float>(r.chan_x[round.channel] + off)};
 }
 
+spike_place place_of(const recording_store& r, const channel_round& round, std::int32_t t,
+                     std::int32_t reach, float height) {
+  alignas(64) float sums[n_sources];
+  fit_sources(r, round, t, reach, sums);
+  return place_by(r, round, sums, t, height);
+}
+
+std::int32_t reach_of(const recording_store& r) {
+  return std::max(
+      1, static_cast<std::int32_t>(std::floor(place_ms * 0.001 * r.sampling_frequency + 0.5)));
+}
+
 std::vector<spike_place> places_on(const session_state& session, std::int32_t c) {
   const recording_store& r = session.recording;
   std::vector<spike_place> out;
   if (!is_in_use(r, c)) return out;
   const channel_round round = round_of(session, c);
-  const auto reach = std::max(
-      1, static_cast<std::int32_t>(std::floor(place_ms * 0.001 * r.sampling_frequency + 0.5)));
+  const std::int32_t reach = reach_of(r);
   const float level = place_level * r.chan_noise[c];
   const std::int16_t* v = r.vd.channel(c);
   for (std::int64_t from = 1 + reach; from <= r.n_samples - reach; from += quick_look) {
@@ -187,7 +200,135 @@ std::vector<spike_place> places_on(const session_state& session, std::int32_t c)
   return out;
 }
 
+// ---------------------------------------------------------------- where tissue has gone
+
+// Sites read as far up as the tissue has gone; of each way from the lowest on.
+struct moved_sites {
+  std::int32_t lowest = 0;                                // µm
+  std::vector<std::vector<std::vector<site_source>>> of;  // by way, channel - 1
+  std::vector<channel_round> rounds;                      // by channel - 1
+
+  const std::vector<site_source>& at(std::int32_t way, std::int32_t c) const {
+    return of[static_cast<std::size_t>(way - lowest)][static_cast<std::size_t>(c - 1)];
+  }
+  const channel_round& round(std::int32_t c) const {
+    return rounds[static_cast<std::size_t>(c - 1)];
+  }
+};
+
+moved_sites move_sites(const session_state& session, std::int32_t lowest, std::int32_t highest) {
+  const recording_store& r = session.recording;
+  moved_sites moved;
+  moved.lowest = lowest;
+  moved.of.resize(static_cast<std::size_t>(highest - lowest + 1));
+  const auto n_ways = static_cast<std::int64_t>(moved.of.size());
+  parallel_for_dealt(threads_now(session), 0, n_ways - 1, [&](std::int64_t i, std::int32_t) {
+    std::vector<std::vector<site_source>>& sources = moved.of[static_cast<std::size_t>(i)];
+    sources.resize(static_cast<std::size_t>(r.n_channels));
+    // Beyond the ends as well, what little is told there.
+    double told = 0;
+    for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+      if (!is_in_use(r, c)) continue;
+      const auto way = static_cast<double>(lowest + i);
+      sources[static_cast<std::size_t>(c - 1)] = sources_at(r, c, way, told);
+    }
+  });
+  moved.rounds.resize(static_cast<std::size_t>(r.n_channels));
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (is_in_use(r, c)) moved.rounds[static_cast<std::size_t>(c - 1)] = round_of(session, c);
+  }
+  return moved;
+}
+
+KESTRELVANE_CLONES void add_samples(const std::int16_t* v, float weight, std::int32_t n,
+                                    float* sums) {
+  for (std::int32_t i = 0; i < n; ++i) sums[i] += weight * static_cast<float>(v[i]);
+}
+
+void read_moved(const recording_store& r, const std::vector<site_source>& sources,
+                std::int32_t first, std::vector<float>& out) {
+  std::fill(out.begin(), out.end(), 0.0f);
+  for (const site_source& s : sources) {
+    add_samples(r.vd.channel(s.channel) + first, s.weight, static_cast<std::int32_t>(out.size()),
+                out.data());
+  }
+}
+
+// The site where the spike is largest, of those round the one nearest to its place at home; 0 when
+// it shows on none.
+std::int32_t home_channel(const recording_store& r, const moved_sites& moved, const spike_place& s,
+                          std::int32_t way) {
+  std::int32_t nearest = 0;
+  float least = 0;
+  for (std::int32_t c = 1; c <= r.n_channels; ++c) {
+    if (!is_in_use(r, c)) continue;
+    const float dx = r.chan_x[c] - s.across;
+    const float dy = r.chan_y[c] - (s.depth - static_cast<float>(way));
+    const float square = dx * dx + dy * dy;
+    if (nearest != 0 && square >= least) continue;
+    least = square;
+    nearest = c;
+  }
+  std::int32_t best = 0;
+  float largest = 0;
+  std::vector<float> at(1);
+  for (const std::int32_t c : moved.round(nearest).wide) {
+    if (c != nearest && r.distance(c, nearest) > home_um) continue;
+    read_moved(r, moved.at(way, c), s.time, at);
+    const float height = std::fabs(at[0]) / r.chan_noise[c];
+    if (height <= largest) continue;
+    largest = height;
+    best = c;
+  }
+  return best;
+}
+
+spike_place place_at_home(const recording_store& r, const moved_sites& moved, const spike_place& s,
+                          std::int32_t way) {
+  const std::int32_t main = home_channel(r, moved, s, way);
+  if (main == 0) return s;
+  const std::int32_t reach = reach_of(r);
+  const channel_round& round = moved.round(main);
+  std::vector<float> own(static_cast<std::size_t>(2 * reach + 1)), other(own.size());
+  read_moved(r, moved.at(way, main), s.time - reach, own);
+  const auto products = [&](const std::vector<float>& v) {
+    double sum = 0;
+    for (std::size_t i = 0; i < v.size(); ++i) {
+      sum += static_cast<double>(v[i]) * static_cast<double>(own[i]);
+    }
+    return sum;
+  };
+  const auto peak = static_cast<double>(std::fabs(own[static_cast<std::size_t>(reach)]));
+  const double scale = peak / products(own);
+  alignas(64) float sums[n_sources] = {};
+  for (std::size_t k = 0; k < round.wide.size(); ++k) {
+    const std::int32_t c = round.wide[k];
+    read_moved(r, moved.at(way, c), s.time - reach, other);
+    const double common = products(other) * scale / static_cast<double>(r.chan_noise[c]);
+    const auto height = static_cast<float>(common);
+    if (height > 0) add_products(round.gains.data() + k * n_sources, height, sums);
+  }
+  spike_place placed = place_by(r, round, sums, s.time, s.height);
+  placed.depth += static_cast<float>(way);
+  return placed;
+}
+
 }  // namespace
+
+std::vector<spike_place> place_again(const session_state& session,
+                                     const std::vector<spike_place>& spikes,
+                                     const std::vector<std::int32_t>& ways) {
+  if (spikes.empty()) return {};
+  const auto [low, high] = std::minmax_element(ways.begin(), ways.end());
+  const moved_sites moved = move_sites(session, *low, *high);
+  std::vector<spike_place> out = spikes;
+  const auto n = static_cast<std::int64_t>(spikes.size());
+  parallel_for_dealt(threads_now(session), 0, n - 1, [&](std::int64_t i, std::int32_t) {
+    const auto k = static_cast<std::size_t>(i);
+    out[k] = place_at_home(session.recording, moved, spikes[k], ways[k]);
+  });
+  return out;
+}
 
 bool is_in_use(const recording_store& recording, std::int32_t channel) {
   return !recording.chan_mask[channel] && recording.chan_noise[channel] > 0;

@@ -33,4 +33,10 @@ bool is_in_use(const recording_store& recording, std::int32_t channel);
 // The same bits at any thread count.
 std::vector<spike_place> find_spike_places(const session_state& session);
 
+// The same spikes, the tissue being known to be ways[i] µm up at the time of spike i: placed by
+// what sites would read had it stayed at home, and then taken up again.
+std::vector<spike_place> place_again(const session_state& session,
+                                     const std::vector<spike_place>& spikes,
+                                     const std::vector<std::int32_t>& ways);
+
 }  // namespace kestrelvane

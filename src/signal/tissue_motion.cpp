@@ -12,6 +12,7 @@
 #include "numerics/small_matrix.h"
 #include "session/run_log.h"
 #include "signal/noise.h"
+#include "signal/site_reading.h"
 
 namespace kestrelvane {
 
@@ -282,6 +283,7 @@ constexpr std::int32_t neighbours = 10;        // bins that one is first compare
 constexpr double around_s = 60, looks_s = 20;  // a picture to either side; to the next
 constexpr double window_um = 8;                // that its bins may still be off
 constexpr int sharpenings = 3;
+constexpr int placings = 2;  // of spikes anew, by movement that is known
 constexpr std::int32_t fewest_bins = 16;
 constexpr double fewest_spikes = 60;  // of a bin in the mean
 
@@ -413,8 +415,21 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
 
 tissue_motion measure_motion(const session_state& session) {
   if (!can_follow_motion(session)) return {};
-  return measure_motion(find_spike_places(session), session.recording.n_samples,
-                        session.recording.sampling_frequency, threads_now(session));
+  const recording_store& r = session.recording;
+  const std::vector<spike_place> found = find_spike_places(session);
+  const auto measure = [&](const std::vector<spike_place>& spikes) {
+    return measure_motion(spikes, r.n_samples, r.sampling_frequency, threads_now(session));
+  };
+  tissue_motion motion = measure(found);
+  for (int i = 0; i < placings && motion.moved; ++i) {
+    std::vector<std::int32_t> ways;
+    for (const spike_place& s : found) {
+      const double way = motion_at(motion, static_cast<double>(s.time) / r.sampling_frequency);
+      ways.push_back(static_cast<std::int32_t>(std::floor(way + 0.5)));
+    }
+    motion = measure(place_again(session, found, ways));
+  }
+  return motion;
 }
 
 double motion_at(const tissue_motion& motion, double seconds) {
@@ -432,52 +447,19 @@ namespace {
 
 // ---------------------------------------------------------------- between the sites
 
-constexpr double field_um = 20;      // s.d. of the field's likeness to itself
-constexpr double site_noise = 0.01;  // of the square of a voltage, each site's own
-constexpr float source_um = 60;      // sites that a place is read from
-// Part of the field that they must tell; a place beyond the end of the probe has no samples.
-constexpr double told = 0.6;
+// Part of the field that sites must tell; a place beyond the end of the probe has no samples.
+constexpr double least_told = 0.6;
 constexpr double way_step = 0.25;  // µm
 constexpr std::int64_t block = 1024;
 
-struct source_weight {
-  std::int32_t channel;
-  float weight;
-};
-typedef std::vector<std::vector<source_weight>> site_weights;  // element c - 1 of channel c
+typedef std::vector<std::vector<site_source>> site_weights;  // element c - 1 of channel c
 
-double likeness_of_sites(double dx, double dy) {
-  return portable_exp(-(dx * dx + dy * dy) / (2 * field_um * field_um));
-}
-
-// What the place `way` above a site reads of the sites round it.
-std::vector<source_weight> weights_at(const recording_store& r, std::int32_t c, double way) {
-  std::vector<std::int32_t> sites;
-  std::vector<double> likeness;
-  for (std::int32_t k = 1; k <= r.n_channels; ++k) {
-    const double dx = r.chan_x[k] - r.chan_x[c], dy = r.chan_y[k] - (r.chan_y[c] + way);
-    if (!is_in_use(r, k) || dx * dx + dy * dy > double{source_um} * source_um) continue;
-    sites.push_back(k);
-    likeness.push_back(likeness_of_sites(dx, dy));
-  }
-  std::vector<double> x = likeness, a(sites.size() * sites.size());
-  for (std::size_t i = 0; i < sites.size(); ++i) {
-    for (std::size_t k = 0; k < sites.size(); ++k) {
-      a[i * sites.size() + k] = likeness_of_sites(r.chan_x[sites[i]] - r.chan_x[sites[k]],
-                                                  r.chan_y[sites[i]] - r.chan_y[sites[k]]);
-    }
-    a[i * sites.size() + i] += site_noise;
-  }
-  // Each site's own noise keeps the pivots above nothing.
-  take_root(a, x.size(), 0);
-  solve_by_root(a, x);
-  solve_by_transpose(a, x);
-  std::vector<source_weight> out;
-  if (dot(x, likeness) < told) return out;
-  for (std::size_t i = 0; i < sites.size(); ++i) {
-    out.push_back({sites[i], static_cast<float>(x[i])});
-  }
-  return out;
+// What a channel reads when its tissue has gone so far: nothing beyond the end of the probe.
+std::vector<site_source> weights_at(const recording_store& r, std::int32_t c, double way) {
+  double told = 0;
+  std::vector<site_source> sources = sources_at(r, c, way, told);
+  if (told < least_told) sources.clear();
+  return sources;
 }
 
 KESTRELVANE_CLONES void read_block(const std::int16_t* v, std::int64_t n, float* out) {
@@ -511,7 +493,7 @@ void move_block(recording_store& r, std::int64_t first, const site_weights& weig
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     if (!is_in_use(r, c)) continue;
     std::fill(scratch.sums.begin(), scratch.sums.end(), 0.0f);
-    for (const source_weight& s : weights[static_cast<std::size_t>(c - 1)]) {
+    for (const site_source& s : weights[static_cast<std::size_t>(c - 1)]) {
       add_block(samples_of(s.channel), n, s.weight, scratch.sums.data());
     }
     write_block(scratch.sums.data(), n, r.vd.channel(c) + first);

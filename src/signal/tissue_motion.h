@@ -8,10 +8,11 @@
 // round it, of which the places are known by now, which tells slow movement better, some times
 // over. Pictures far apart in time are never compared: other units fire in them, and where a unit
 // falls silent and another begins that looks like it 20 µm off, all spikes together seem to leap.
+// With the movement known about, spikes are placed once more where tissue is at home, and the rest
+// of it is measured: the error of a place depends on where the spike lies between the sites, so
+// that movement by half a row is seen too large or too small.
 //
-// Then each channel is read at the place where its tissue has gone: voltages between the sites are
-// those that are most likely given those at the sites, for a field that goes along with itself over
-// about 20 µm (Krige, J. Chem. Metall. Min. Soc. S. Afr. 52, 1951).
+// Then each channel is read at the place where its tissue has gone (signal/site_reading.h).
 //
 // The tissue is taken to move as a whole. Where sites lie along a line of more than 30 µm from one
 // to the next nothing can be read between them, and nothing is done.

@@ -96,6 +96,46 @@ TEST(SpikePlaces, ArisesWhereTheSourceIs) {
   EXPECT_TRUE(find_spike_places(*s).empty());
 }
 
+// Twenty cells, one after the other, the tissue so far up. Current that has gone in at one place
+// comes out at another: no point source fits them.
+void make_sources(session_state& session, double shift_um) {
+  make_probe(session, 32, 3);
+  for (std::int32_t i = 0; i < 20; ++i) {
+    const double x = 20.0 + 2 * (i % 15), y = 60 + 9.7 * i, z = 24.0 + i % 5;
+    plant(session, {x, y, z, 500}, shift_um, 800 + 1400 * i);
+    plant(session, {x, y + 40, z + 20, -500}, shift_um, 800 + 1400 * i);
+  }
+}
+
+TEST(SpikePlaces, AreThoseOfStillTissueWhenItsWayIsKnown) {
+  constexpr std::int32_t way = 14;
+  small_session still, gone;
+  make_sources(*still, 0);
+  make_sources(*gone, way);
+  const std::vector<spike_place> home = find_spike_places(*still), seen = find_spike_places(*gone);
+  ASSERT_EQ(home.size(), 20u);
+  ASSERT_EQ(seen.size(), 20u);
+  const std::vector<std::int32_t> ways(seen.size(), way);
+  const std::vector<spike_place> again = place_again(*gone, seen, ways);
+  const auto error_of = [&](const std::vector<spike_place>& places) {
+    double square = 0;
+    for (std::size_t i = 0; i < home.size(); ++i) {
+      const auto off = static_cast<double>(places[i].depth - home[i].depth) - way;
+      square += off * off / static_cast<double>(home.size());
+    }
+    return std::sqrt(square);
+  };
+  EXPECT_LT(error_of(again), error_of(seen));
+  EXPECT_LT(error_of(again), 1.5);
+  use_threads(*gone, 3);
+  const std::vector<spike_place> threaded = place_again(*gone, seen, ways);
+  for (std::size_t i = 0; i < again.size(); ++i) {
+    EXPECT_EQ(threaded[i].depth, again[i].depth);
+    EXPECT_EQ(threaded[i].across, again[i].across);
+  }
+  EXPECT_TRUE(place_again(*gone, {}, {}).empty());
+}
+
 struct seen_cell {
   double depth, height, across;
   double from = 0, to = 1e9;  // s, between which it fires
@@ -285,7 +325,7 @@ TEST(TissueMotion, ChannelsFollowTheTissueInTheSameBitsEachTime) {
                                          s->recording.vd.channel(9) + 1 + s->recording.n_samples);
   s->filter.do_correct_motion = true;
   ASSERT_TRUE(run_filter_steps(*s));
-  EXPECT_NEAR(s->recording.motion.range, 30, 3);
+  EXPECT_NEAR(s->recording.motion.range, 30, 1.5);
   EXPECT_TRUE(s->recording.motion.corrected);
   EXPECT_TRUE(s.user.logged("moves by "));
   EXPECT_LT(difference(profile(*s, 2, 18), profile(*s, 22, 38)), 0.4 * before);
