@@ -271,11 +271,13 @@ std::int32_t home_channel(const recording_store& r, const moved_sites& moved, co
   }
   std::int32_t best = 0;
   float largest = 0;
-  std::vector<float> at(1);
   for (const std::int32_t c : moved.round(nearest).wide) {
     if (c != nearest && r.distance(c, nearest) > home_um) continue;
-    read_moved(r, moved.at(way, c), s.time, at);
-    const float height = std::fabs(at[0]) / r.chan_noise[c];
+    float sum = 0;
+    for (const site_source& source : moved.at(way, c)) {
+      sum += source.weight * static_cast<float>(r.vd.channel(source.channel)[s.time]);
+    }
+    const float height = std::fabs(sum) / r.chan_noise[c];
     if (height <= largest) continue;
     largest = height;
     best = c;

@@ -390,8 +390,12 @@ double likelihood_of(const seen_bins& bins, const std::vector<picture_look>& loo
 
 }  // namespace
 
-tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_t n_samples,
-                             double sampling_frequency, std::int32_t n_threads) {
+namespace {
+
+// From places that are known about, or, where there are none, from those by neighbours.
+tissue_motion measure_from(const std::vector<float>& known, const std::vector<spike_place>& spikes,
+                           std::int64_t n_samples, double sampling_frequency,
+                           std::int32_t n_threads) {
   tissue_motion motion;
   if (spikes.empty()) return motion;
   const double seconds = static_cast<double>(n_samples) / sampling_frequency;
@@ -401,7 +405,8 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
   if (bins.count() < fewest_bins || n_spikes < fewest_spikes * bins.count()) return motion;
   const blur_weights blur = weights_of_blur();
   const std::vector<picture_look> looks = looks_at(bins);
-  std::vector<double> places = places_by_neighbours(bins, blur);
+  std::vector<double> places(known.begin(), known.end());
+  if (places.empty()) places = places_by_neighbours(bins, blur);
   for (int i = 0; i < sharpenings; ++i) sharpen_places(bins, looks, blur, places);
   const double home = ranked(places, 0.5);
   for (double& place : places) place -= home;
@@ -413,21 +418,29 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
   return motion;
 }
 
+}  // namespace
+
+tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_t n_samples,
+                             double sampling_frequency, std::int32_t n_threads) {
+  return measure_from({}, spikes, n_samples, sampling_frequency, n_threads);
+}
+
 tissue_motion measure_motion(const session_state& session) {
   if (!can_follow_motion(session)) return {};
   const recording_store& r = session.recording;
   const std::vector<spike_place> found = find_spike_places(session);
-  const auto measure = [&](const std::vector<spike_place>& spikes) {
-    return measure_motion(spikes, r.n_samples, r.sampling_frequency, threads_now(session));
+  const auto measure = [&](const std::vector<float>& known,
+                           const std::vector<spike_place>& spikes) {
+    return measure_from(known, spikes, r.n_samples, r.sampling_frequency, threads_now(session));
   };
-  tissue_motion motion = measure(found);
+  tissue_motion motion = measure({}, found);
   for (int i = 0; i < placings && motion.moved; ++i) {
     std::vector<std::int32_t> ways;
     for (const spike_place& s : found) {
       const double way = motion_at(motion, static_cast<double>(s.time) / r.sampling_frequency);
       ways.push_back(static_cast<std::int32_t>(std::floor(way + 0.5)));
     }
-    motion = measure(place_again(session, found, ways));
+    motion = measure(motion.um, place_again(session, found, ways));
   }
   return motion;
 }
