@@ -9,6 +9,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QPointer>
@@ -16,6 +17,7 @@
 #include <QSettings>
 #include <QTabWidget>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QThread>
 #include <QTimer>
 #include <QTreeWidget>
@@ -114,6 +116,22 @@ void take_dialog(driven_workstation& w, const char* entry, const char* name) {
   }
   dialog->close();
   wait_until([&] { return w.shell.frame->findChild<QDialog*>(name) == nullptr; }, 2000);
+}
+
+// The list of the channel check lies open, and on the line that the background bears out, if any.
+void take_channel_problems(driven_workstation& w) {
+  w.choose_entry("channel_check");
+  QDialog* dialog = w.dialog("channel_check_dialog");
+  w.settle();
+  auto* problems = w.control<QComboBox>(dialog, "problems");
+  problems->setFocus();
+  QTest::keyClick(problems, Qt::Key_Down);
+  take("channel_check_line");
+  problems->showPopup();
+  take("channel_check_list");
+  problems->hidePopup();
+  dialog->close();
+  w.settle();
 }
 
 // A sort with a pause, so that a running dialog can be seen.
@@ -366,6 +384,7 @@ int main(int argc, char** argv) {
   };
   for (const auto& [entry, name] : dialogs) take_dialog(w, entry, name);
   w.settle();
+  take_channel_problems(w);
   take_review(w);
   take_measures(w);
   take_analysis(w);

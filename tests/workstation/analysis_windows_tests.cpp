@@ -86,6 +86,32 @@ TEST(MeasureWindows, FollowTheCurrentClusterAndThePairOnShow) {
   EXPECT_EQ(w.shell.correlograms->b, 3);
 }
 
+// Which windows are there is what the boxes say, whoever has opened them.
+TEST(MeasureWindows, TheBoxOfAReviewFollowsAWindowOfAnotherHand) {
+  const temporary_directory home;
+  sorted_workstation w(home.path);
+  w.choose_entry("view_clusters");
+  w.settle();
+  QDialog* dialog = w.dialog("view_clusters_dialog");
+  ASSERT_NE(dialog, nullptr);
+  auto* box = w.control<QCheckBox>(dialog, "show_correlograms");
+  w.tick(dialog, "show_correlograms", false);
+  w.choose_entry("spike_trains");
+  ASSERT_NE(graph_of(w.shell, graph_kind::spike_trains), nullptr);
+  graph_surface* trains = graph_of(w.shell, graph_kind::spike_trains)->surface();
+  QTest::mouseClick(trains, Qt::LeftButton, {}, QPoint(trains->width() - 5, 5));
+  ASSERT_NE(graph_of(w.shell, graph_kind::correlograms), nullptr);
+  EXPECT_TRUE(box->isChecked());
+  graph_of(w.shell, graph_kind::correlograms)->close();
+  EXPECT_FALSE(box->isChecked());
+  w.settle();
+  dialog->close();
+  w.settle();
+  // Nothing is left that would follow.
+  close_graphs(w.shell);
+  w.choose_entry("spike_trains");
+}
+
 TEST(MeasureWindows, AreDrawnOnceUnderAHold) {
   const temporary_directory home;
   sorted_workstation w(home.path);

@@ -130,6 +130,22 @@ TEST(DisplayControls, WindowsOfThePairComeAndGoAndStandBesideEachOther) {
   graph_of(w.shell, graph_kind::correlograms)->close();
   EXPECT_FALSE(w.control<QCheckBox>(dialog, "show_correlograms")->isChecked())
       << "closed by its cross, it does not come back";
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  // A panel of the neighbours that is pressed opens it, too.
+  w.session->clusters.current_cluster = a;
+  w.choose_entry("spike_trains");
+  ASSERT_NE(graph_of(w.shell, graph_kind::spike_trains), nullptr);
+  graph_surface* trains = graph_of(w.shell, graph_kind::spike_trains)->surface();
+  w.settle();
+  // In a low window the nearest stands beside the unit's own, in a narrow one below it.
+  for (const QPoint at : {QPoint(trains->width() - 9, 9), QPoint(9, trains->height() - 9)}) {
+    if (!w.is_open(graph_kind::correlograms)) QTest::mouseClick(trains, Qt::LeftButton, {}, at);
+  }
+  EXPECT_TRUE(w.is_open(graph_kind::correlograms));
+  EXPECT_TRUE(w.control<QCheckBox>(dialog, "show_correlograms")->isChecked());
+  graph_of(w.shell, graph_kind::spike_trains)->close();
+  graph_of(w.shell, graph_kind::correlograms)->close();
+  w.settle();
   w.press(dialog, "distinct");
   w.settle();
   EXPECT_FALSE(w.is_open(graph_kind::amplitude_vs_time));

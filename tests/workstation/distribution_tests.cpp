@@ -1,9 +1,12 @@
 // The dialogs of amplitudes and of heights after intervals, driven as a user would.
 #include <gtest/gtest.h>
 
+#include <QAbstractButton>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
+#include <QGroupBox>
+#include <QLabel>
 #include <QRadioButton>
 #include <QTableView>
 #include <cmath>
@@ -55,6 +58,110 @@ TEST(AmplitudeDialog, EveryRowIsCountedOrRefused) {
   }
   EXPECT_NE(w.text(dialog, "q_variability"), "-") << "figures of the unit";
   EXPECT_EQ(w.text(dialog, "linear_flank_left"), "-");
+}
+
+// All that a dialog says: titles, labels, buttons, and the lines of its lists.
+QStringList words_of(const QDialog* dialog) {
+  QStringList words = {dialog->windowTitle()};
+  for (const QLabel* label : dialog->findChildren<QLabel*>()) words << label->text();
+  for (const QAbstractButton* b : dialog->findChildren<QAbstractButton*>()) words << b->text();
+  for (const QGroupBox* box : dialog->findChildren<QGroupBox*>()) words << box->title();
+  for (const QComboBox* list : dialog->findChildren<QComboBox*>()) {
+    for (int row = 0; row < list->count(); ++row) words << list->itemText(row);
+  }
+  return words;
+}
+
+// What users know these dialogs by, and what is written of them elsewhere.
+TEST(AnalysisDialogs, SayWhatTheyAreKnownBy) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  const struct {
+    const char *entry, *dialog;
+    QStringList words;
+  } known[] = {
+      {"amplitude_distribution",
+       "amplitude_dialog",
+       {"raw voltage values",
+        "peak/trough values",
+        "peak/trough sharpness",
+        "dv/dt",
+        "peak-trough height",
+        "detected events",
+        "event free sections",
+        "sorted unit",
+        "distribution test",
+        "LFP values if present",
+        "Deviations from template",
+        "Template deviation vs time",
+        "Event sub-event distribution",
+        "Spike peak",
+        "binary=",
+        "all channels",
+        "or select channel",
+        "masked",
+        "correct integer truncation error",
+        "log scaling",
+        "fit double Gaussian",
+        "add event distribution",
+        "Use only",
+        "Unit",
+        "Graph",
+        "Read",
+        "Gaussian sigma",
+        "Shoulder temps: L",
+        "Shoulder points: L",
+        "sigma",
+        "shoulder counts: L",
+        "Linear flank fits: L",
+        "% non-Gaussian",
+        "GOF value (%)",
+        "ISI test (R)",
+        "Q variability",
+        "Ch 1 2x Gauss",
+        "Ch1 Gauss",
+        "KS test",
+        "Export",
+        "Deviation measures",
+        "Flank residuals",
+        "Gaussian residuals",
+        "Matched channel and units"}},
+      {"export_spikes",
+       "export_dialog",
+       {"Export spike files", "Source file name:", "Data format", ".csv file (.csv)",
+        "unit numbered *_#.txt files", "Plexon (.plx)", "Neuralynx (.ntt)", "Neuroscope (.evt)",
+        "Blackrock (.nev)", "Tarvik (.ptcs)", ".tsf file (.tsf)", "# of clusters",
+        "# of duplicates", "Remove duplicates within clusters before export",
+        "Save work file after export", "Save comments in .txt file", "Exported file name:"}},
+      {"isi_height",
+       "interval_heights_dialog",
+       {"Within unit dependence", "Cross unit dependence", "Unit A", "Unit B", "Display"}},
+      {"correlograms",
+       "correlation_dialog",
+       {"Cross-correlate spike trains", "Units", "and", "bin width", "Spikes", "First unit",
+        "Second unit", "Autocorrelation", "Print values", "Done"}},
+      {"channel_check",
+       "channel_check_dialog",
+       {"Channel Check", "mask", "include all channels including masked ones", "show channel #s",
+        "all channels or", "just channel"}}};
+  for (const auto& [entry, name, words] : known) {
+    // The check wants eight channels.
+    if (QString(entry) == "channel_check") {
+      start_operation(
+          w.shell, [](session_state& s) { make_busy_recording(s, 9, 60000, 5); }, nullptr);
+      w.settle();
+    }
+    w.choose_entry(entry);
+    w.settle();
+    QDialog* dialog = w.dialog(name);
+    ASSERT_NE(dialog, nullptr) << name;
+    const QStringList said = words_of(dialog);
+    for (const QString& word : words) {
+      EXPECT_TRUE(said.contains(word)) << name << ": " << word.toStdString();
+    }
+    dialog->close();
+    w.settle();
+  }
 }
 
 TEST(AmplitudeDialog, ChoicesFollowTheRowAndReachTheGraph) {

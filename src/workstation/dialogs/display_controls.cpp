@@ -224,6 +224,9 @@ void draw_pair(const shared_displays& d) {
   }
   name_times(*d);
   follow_windows(d);
+  follow_new_windows(d->w, d->dialog, [d = std::weak_ptr(d)] {
+    if (const shared_displays open = d.lock()) follow_windows(open);
+  });
 }
 
 // A box that opens and closes a window. While an operation runs it only says what is wanted; the

@@ -526,6 +526,9 @@ void open_view(workstation& w, std::vector<unit_row> units) {
     tile_cluster_windows(w, dialog);
   }
   follow_plots(v);
+  follow_new_windows(w, dialog, [v = std::weak_ptr(v)] {
+    if (const shared_view open = v.lock()) follow_plots(open);
+  });
   v->list->setFocus();  // the keys are commands there, and text in a field
 }
 

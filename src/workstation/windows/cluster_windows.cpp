@@ -158,7 +158,7 @@ review_workspace& workspace_of(workstation& w) {
 }
 
 void begin_workspace(workstation& w, QDialog* dialog) {
-  workspace_of(w) = {dialog, {}};
+  workspace_of(w) = {dialog, {}, {}};
   QObject::connect(dialog, &QDialog::finished, w.frame, [&w, dialog] {
     if (workspace_of(w).dialog != dialog) return;
     keep_window_places(w);
@@ -210,6 +210,10 @@ void keep_window_places(workstation& w) {
     place = window->geometry();
     keep_place(space.dialog->objectName(), window->objectName(), place);
   }
+}
+
+void follow_new_windows(workstation& w, QDialog* dialog, const std::function<void()>& follow) {
+  if (workspace_of(w).dialog == dialog) workspace_of(w).follow = follow;
 }
 
 void tile_cluster_windows(workstation& w, QDialog* dialog) {

@@ -10,6 +10,7 @@
 #include <QPointer>
 #include <QRect>
 #include <cstdint>
+#include <functional>
 #include <map>
 
 #include "session/cluster_change.h"
@@ -30,7 +31,11 @@ void forget_cluster_displays(workstation& w);
 struct review_workspace {
   QPointer<QDialog> dialog;
   std::map<graph_kind, QRect> placed;  // in the frame's area; of those that are open
+  std::function<void()> follow;        // empty where the dialog has no boxes for windows
 };
+// What has the boxes of a dialog that is tiled follow a window that has come by another hand than
+// theirs.
+void follow_new_windows(workstation& w, QDialog* dialog, const std::function<void()>& follow);
 
 // Puts those of the review's windows that are open beside a dialog where the user has moved them
 // beside it the last time; the others are tiled without overlap: waveforms largest, components,

@@ -38,11 +38,13 @@ std::int32_t neighbours_of_key(int key, std::int32_t on_show) {
                                    : 0;
 }
 
-// Beside a review the others make room for a window that has come, and take it back.
+// Beside a review the others make room for a window that has come, and take it back; the dialog's
+// boxes follow.
 void tile_beside_review(workstation& w) {
   const review_workspace* space = w.workspace.get();
   if (space == nullptr || !space->dialog || !space->dialog->isVisible()) return;
   tile_cluster_windows(w, space->dialog);
+  if (space->follow) space->follow();
 }
 
 QRectF area_of(const workstation& w, graph_kind kind) {
