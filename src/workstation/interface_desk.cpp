@@ -152,14 +152,19 @@ struct answer_pledge {
   answer_pledge& operator=(const answer_pledge&) = delete;
 };
 
+// Defined with the refreshes below.
+void draw_owed(interface_desk* desk);
+
 // Runs a routine that opens a window and calls its argument when the user has answered;
-// the calling worker waits for that.
+// the calling worker waits for that. A refresh that is owed is drawn before: the worker polls no
+// more until then, and an answer may take a night.
 template <typename Answer>
 Answer wait_for_answer(void* context,
                        std::function<void(std::function<void(Answer)>)> open_window) {
   const auto slip = std::make_shared<answer_slip<Answer>>();
   auto pledge = std::make_shared<answer_pledge<Answer>>(slip);
-  post(context, [open_window = std::move(open_window), pledge = std::move(pledge)] {
+  post(context, [context, open_window = std::move(open_window), pledge = std::move(pledge)] {
+    draw_owed(desk_of(context));
     open_window([pledge](Answer given) { pledge->slip->give(std::move(given)); });
   });
   std::unique_lock lock(slip->mutex);
@@ -347,6 +352,10 @@ void draw_refresh(interface_desk* desk) {
   clock.next = ended + std::max<steady::duration>(refresh_interval, refresh_rest * (ended - began));
   // Last: the next refresh may be posted from here on, and looks at the time set above.
   clock.posted = false;
+}
+
+void draw_owed(interface_desk* desk) {
+  if (desk->shell.session.operation.refresh_owed.exchange(false)) draw_refresh(desk);
 }
 
 // One refresh at a time, and none soon after another: what comes too soon is owed until a

@@ -31,6 +31,32 @@ TEST(Desk, AWindowThatGoesWithoutAnAnswerReleasesTheWorker) {
   EXPECT_EQ(path, "unchanged");
 }
 
+TEST(Desk, WhatABoxHoldsUpIsDrawnBeforeIt) {
+  const temporary_directory home;
+  driven_workstation w(home.path);
+  int n_drawn = 0, drawn_last = 0;
+  QObject::connect(w.shell.desk, &interface_desk::refresh_requested, w.shell.frame, [&] {
+    ++n_drawn;
+    drawn_last = w.session->current_channel;
+  });
+  start_operation(
+      w.shell,
+      [](session_state& s) {
+        // The second comes too soon after the first, and is owed.
+        for (s.current_channel = 1; s.current_channel < 3; ++s.current_channel) {
+          refresh_displays(s);
+        }
+        tell(s, "That is all", "Done!", box_icon::information);
+      },
+      nullptr);
+  QDialog* box = w.dialog("message_box");
+  ASSERT_NE(box, nullptr);
+  EXPECT_EQ(n_drawn, 2);
+  EXPECT_EQ(drawn_last, 3) << "what is there when the box is shown";
+  box->accept();
+  w.settle();
+}
+
 TEST(Desk, ChangesOfClustersArriveInTheirOrder) {
   const temporary_directory home;
   driven_workstation w(home.path);
