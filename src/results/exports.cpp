@@ -215,10 +215,7 @@ bool export_is_possible(const session_state& session, const export_format& forma
     tell(session, needed.refusal, failure_title);
     return false;
   }
-  if (format.write != nullptr) return true;
-  tell(session, fmt::format("The format {} is not available in this version.", format.label),
-       failure_title);
-  return false;
+  return true;
 }
 
 bool export_sorted_spikes(session_state& session, const export_format& format,

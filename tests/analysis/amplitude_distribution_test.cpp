@@ -182,6 +182,7 @@ TEST_F(amplitude_test, DeviationsAndPeaksOfAUnit) {
             got.histogram.n_values);
   EXPECT_TRUE(std::isfinite(split.figures.levene_p));
   EXPECT_TRUE(std::isfinite(split.figures.anova_p));
+  EXPECT_TRUE(busy.user.logged("ANOVA, F, p="));
   EXPECT_TRUE(std::isfinite(split.figures.q_variability));
   of.ea_source = ea_spike_peak;
   ASSERT_TRUE(analyse_dataset(*busy, of, got));
@@ -244,8 +245,8 @@ TEST_F(amplitude_test, TheKnownSetComesBack) {
                       "Linear fit to left flank =",
                       "Linear fit to right flank =",
                       " fitexy: slope, intercept=",
-                      "left flank parabolic fit",
-                      "R flank parabolic fit",
+                      "left flank parabolic fit, L flank fit=",
+                      "R flank parabolic fit, R flank fit=",
                       "bin limits are"};
   for (const char* head : heads) EXPECT_TRUE(session.user.logged(head)) << head;
   const graph_data graph = make_amplitude_graph(a, true);
@@ -272,6 +273,7 @@ TEST_F(amplitude_test, APlainGaussianHasItsShouldersAtItsEnds) {
   EXPECT_TRUE(session.user.logged("Too few points for left flank fit"));
   EXPECT_TRUE(session.user.logged("Too few points for right flank fit"));
   EXPECT_TRUE(session.user.logged("Not enough points for L flank fit"));
+  EXPECT_TRUE(session.user.logged("Not enough points for R flank fit"));
   EXPECT_TRUE(std::isnan(fits.left.slope));
 }
 

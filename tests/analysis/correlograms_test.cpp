@@ -332,6 +332,7 @@ TEST_F(correlogram_test, the_dialog_prints_what_it_shows) {
   ASSERT_EQ(counts.size(), 303u);
   EXPECT_EQ(counts[202 + 50], std::to_string(result.cross.count(0)));
   const graph_data graph = make_correlogram_graph(result.cross);
+  EXPECT_EQ(graph.labels[label_y_axis], "Counts per bin");
   EXPECT_EQ(graph.series[0].x.front(), -50.0f);
   EXPECT_EQ(graph.series[0].y[50], static_cast<float>(result.cross.count(0)));
   EXPECT_EQ(graph.series[4].x[0], 2.0f);

@@ -43,7 +43,10 @@ TEST_F(height_test, a_spike_is_paired_with_the_last_before_it) {
   EXPECT_EQ(cross.ms, std::vector<float>{3});
   EXPECT_EQ(cross.uv, std::vector<float>{30});
   EXPECT_EQ(interval_heights_title(own), "ISI dependence Unit 1");
-  EXPECT_EQ(make_interval_heights_graph(cross).title, "ISI co-dependence");
+  const graph_data graph = make_interval_heights_graph(cross);
+  EXPECT_EQ(graph.title, "ISI co-dependence");
+  EXPECT_EQ(graph.labels[label_x_axis], "msecs");
+  EXPECT_EQ(graph.labels[label_y_axis], "Spike height");
   EXPECT_TRUE(measure_interval_heights(*session, 7, 1, 100, 10).ms.empty());
 }
 

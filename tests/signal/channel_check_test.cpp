@@ -284,6 +284,9 @@ TEST(channel_check, masked_channels_take_part_when_they_are_asked_for) {
   EXPECT_TRUE(selects(check, 5, channel_fault::shorted));
   graph_data graph = make_deviation_graph(*session, check, true);
   EXPECT_EQ(graph.series[0].x.size(), 15u);
+  EXPECT_EQ(graph.title, "single channel net deviations");
+  EXPECT_EQ(graph.labels[label_x_axis], "RMS channel deviation");
+  EXPECT_EQ(graph.labels[label_y_axis], "Signed deviation");
   EXPECT_EQ(graph.series[1].point_text, (std::vector<std::string>{"9"}));
   EXPECT_EQ(look_of_series(graph, 1).form, form_rings);
   graph = make_distance_graph(*session, check, false, 0);
@@ -291,6 +294,8 @@ TEST(channel_check, masked_channels_take_part_when_they_are_asked_for) {
   graph = make_distance_graph(*session, check, true, 4);
   EXPECT_EQ(graph.series[0].x.size(), 15u);
   EXPECT_EQ(graph.series[1].y.front(), 1) << "the curve begins at 1";
+  EXPECT_EQ(graph.title, "correlation vs distance");
+  EXPECT_EQ(graph.labels[label_x_axis], "Channel separation (microns)");
   // One that stands alone has no pairs.
   r.chan_y[16] = 5000;
   build_site_tables(*session);
