@@ -326,6 +326,9 @@ TEST(UnitList, QualityIsOnASwitchAndFollowsEdits) {
                 QString::number(quality.d_prime, 'f', 2));
     }
   };
+  // The switch is remembered; another test of this process may have left it on.
+  w.tick(dialog, "unit_quality", false);
+  w.settle();
   EXPECT_TRUE(table->isColumnHidden(presence));
   w.control<QCheckBox>(dialog, "unit_quality")->click();
   w.settle();
