@@ -517,8 +517,9 @@ std::vector<hand_over> find_hand_overs(const session_state& session, const noise
                                        const std::vector<tracked_unit>& units,
                                        std::int32_t n_segments, float& shift_um) {
   shift_um = 0;
-  // Where channels follow the tissue there is no jump left to be found, but one of like units.
-  if (session.recording.motion.corrected) {
+  // Where channels follow the tissue, or it was measured and seen to stay, there is no jump left to
+  // be found, but one of like units.
+  if (!session.recording.motion.um.empty()) {
     return hand_overs_of_followed(session, noise, rules, units, n_segments);
   }
   std::vector<candidate> pairs = possible_pairs(session, units, n_segments, hand_over_energy);
