@@ -40,6 +40,8 @@ constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 10;
 // as much, 0.88 at most and mostly 0.6 to 0.8.
 constexpr double least_mixed = 0.015, most_mixed = 0.12, drifted_like = 0.86;
 constexpr std::size_t spikes_beside = 60;
+// Two that might be one as the tissue leaps: 0.74 at most.
+constexpr double leapt_like = 0.8;
 // Swinging tissue that shows each piece in its own places all the time leaves no other reading.
 constexpr double swung_like = 0.7;
 constexpr double place_bin_um = 3;
@@ -470,7 +472,7 @@ bool movement_explains(const session_state& session, const noise_covariance& noi
   double turn_s = 0;
   switch (find_passage(session.recording, spike_times(earlier), spike_times(later), turn_s)) {
     case passage::leap:
-      return likeness >= followed_like;
+      return likeness >= leapt_like;
     case passage::swing: {
       const double overlap = overlap_in_place(session.recording.motion, frequency, earlier, later);
       return likeness >= (overlap < largest_overlap ? swung_like : followed_like);

@@ -53,8 +53,9 @@ double likeness_where_seen(const recording_store& recording, const tracking_rule
 // Where the tissue was in the mean at some times, samples; µm, 0 where no movement was measured.
 double mean_place(const recording_store& recording, const std::vector<std::int32_t>& times);
 // Two pieces of one unit that a movement has made are at least so much alike. Measured after jumps
-// and fast movement: 0.86 to 0.99, but for 0.76 of one at the end of the probe; two units that
-// might be one: at most 0.78 where the tissue leapt, 0.94 where it did not.
+// and fast movement: 0.84 to 0.99, but for 0.76 of one at the end of the probe, so that a little
+// less is enough after a leap; two units that might be one: at most 0.78 there, 0.94 where it did
+// not leap.
 constexpr double followed_like = 0.85;
 
 // A pair that looks like one unit in two pieces.
