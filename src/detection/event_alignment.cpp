@@ -146,11 +146,15 @@ aligned_time align_to_feature(const session_state& session, std::int32_t feature
 
 aligned_time align_event(const session_state& session, std::int32_t channel, std::int32_t t,
                          std::int32_t h) {
+  const std::int32_t last = session.recording.n_samples;
+  const aligned_time end{std::clamp(t, 1, last), 0.0f};
+  // Nothing within the window, and a sample for its fraction, would lie in the recording. There are
+  // no samples so far out either.
+  const std::int64_t reach = std::int64_t{h} + 1;
+  if (t < 1 - reach || t > last + reach) return end;
   const aligned_time aligned =
       align_to_feature(session, session.detection.align_feature, channel, t, h);
-  const std::int32_t last = session.recording.n_samples;
-  if (aligned.time >= 1 && aligned.time <= last) return aligned;
-  return {std::clamp(t, 1, last), 0.0f};
+  return aligned.time >= 1 && aligned.time <= last ? aligned : end;
 }
 
 }  // namespace kestrelvane

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 #include "detection/detected_events.h"
@@ -400,8 +401,11 @@ void make_events(session_state& session, const proto_event_table& p) {
   events.n_events = static_cast<std::int32_t>(alive.size());
   parallel_for(threads_now(session), 1, events.n_events, [&](std::int64_t e, std::int32_t) {
     const std::int32_t i = alive[e - 1];
-    // Cut to whole samples; the alignment below finds the fraction.
-    const auto t = static_cast<std::int32_t>(p.pe_t[i] * static_cast<double>(sigma_samples));
+    // Cut to whole samples; the alignment below finds the fraction. Long steps may have thrown a
+    // point to where no integer counts samples: it lies before them all.
+    const double time = p.pe_t[i] * static_cast<double>(sigma_samples);
+    const auto t = std::fabs(time) < 2147483648.0 ? static_cast<std::int32_t>(time)
+                                                  : std::numeric_limits<std::int32_t>::min();
     const std::int32_t channel =
         settings.register_to_cog ? find_nearest_channel(session, p.pe_x[i] * settings.pe_sigma_um,
                                                         p.pe_y[i] * settings.pe_sigma_um)

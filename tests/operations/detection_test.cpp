@@ -2,6 +2,7 @@
 // small enough to follow by hand.
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <vector>
 
 #include "detection/event_alignment.h"
@@ -89,6 +90,13 @@ TEST(event_alignment, an_event_stays_inside_the_recording) {
       const aligned_time aligned = align_event(*session, 1, t, 12);
       EXPECT_GE(aligned.time, 1) << feature << " " << t;
       EXPECT_LE(aligned.time, 400) << feature << " " << t;
+    }
+    // Where a step of many sigmas may throw a proto-event there are no samples to read.
+    constexpr std::int32_t first = std::numeric_limits<std::int32_t>::min();
+    for (const std::int32_t t : {first, first + 5, -1000000, 1000000, -(first + 1)}) {
+      const aligned_time aligned = align_event(*session, 1, t, 12);
+      EXPECT_EQ(aligned.time, t < 0 ? 1 : 400) << feature << " " << t;
+      EXPECT_EQ(aligned.offset, 0.0f) << feature << " " << t;
     }
   }
 }
