@@ -316,7 +316,7 @@ bool open_recording_worker(session_state& session, const recording_request& requ
   session.operation.reading_interrupted = false;
   begin_stage(session, "reading");
   set_status(session, status_field::file_name, request.path);
-  if (session.log.n_log_lines > 0) log_message(session, "");
+  if (count_log_lines(session) > 0) log_message(session, "");
   set_progress(session, meter::reading, 0, bar_range);
   if (!read_format(session, request)) {
     abort_open(session, request);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
 #include <sstream>
 #include <vector>
 
@@ -215,6 +216,8 @@ bool read_rows(work_file_source& in, session_state& session) {
   for (const work_file_row& row : work_file_rows()) {
     // Rows that this version does not have take no bytes of the file.
     if (!row_is_in(row, in.version)) continue;
+    std::unique_lock log_lock(session.log.mutex, std::defer_lock);
+    if (row.rule == per_log_line) log_lock.lock();
     if (!read_row(in, session, row)) {
       // The name of the row tells where in the file the damage is.
       in.problem = fmt::format("Work file is damaged: {} {}", row.name, in.problem);

@@ -171,7 +171,9 @@ void write_rows(safe_file& out, const session_state& session) {
 
 // Bytes of a file, or more. Comments, labels and amplitudes have no row that tells.
 std::int64_t most_bytes(const session_state& session, const std::string& note) {
+  std::unique_lock log_lock(session.log.mutex);
   const work_file_counts counts = count_session(session);
+  log_lock.unlock();
   constexpr std::int64_t most_log_lines = log_line_limit;
   std::int64_t sum = 256 * most_log_lines + static_cast<std::int64_t>(note.size()) + 64;
   for (const work_file_row& row : work_file_rows()) sum += row_bytes(row, counts);

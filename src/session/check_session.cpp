@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "session/run_log.h"
 #include "session/session_state.h"
 
 namespace kestrelvane {
@@ -162,8 +163,8 @@ std::string check_lists(const session_state& session) {
 }  // namespace
 
 std::string check_session(const session_state& session) {
-  if (!in_range(session.log.n_log_lines, 0, log_line_limit)) {
-    return fmt::format("n_log_lines {}", session.log.n_log_lines);
+  if (const std::int32_t n = count_log_lines(session); !in_range(n, 0, log_line_limit)) {
+    return fmt::format("n_log_lines {}", n);
   }
   if (!in_range(session.filter_history.n_entries, 0, filter_history_limit)) {
     return fmt::format("filter history of {} entries", session.filter_history.n_entries);

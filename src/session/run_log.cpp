@@ -98,6 +98,11 @@ std::string log_path(const std::string& recording_path) {
 
 }  // namespace
 
+std::int32_t count_log_lines(const session_state& session) {
+  const std::lock_guard lock(session.log.mutex);
+  return session.log.n_log_lines;
+}
+
 void log_message(const session_state& session, std::string_view text) {
   run_log_table& log = session.log;
   text = without_trailing_blanks(text);

@@ -38,6 +38,9 @@ struct run_log_table {
 // as one line) and the open dialog.
 void log_message(const session_state& session, std::string_view text);
 
+// Lines that the ring holds now. Other threads may log at any time.
+std::int32_t count_log_lines(const session_state& session);
+
 // Adds one line as given: no wrap, no copy to file or dialog.
 void log_line(const session_state& session, std::string_view text);
 
