@@ -6,6 +6,7 @@
 
 #include "displays/display_colours.h"
 #include "displays/display_fonts.h"
+#include "displays/point_labels.h"
 
 namespace kestrelvane {
 
@@ -169,21 +170,58 @@ void put_error_bars(QCustomPlot& plot, QCPAbstractPlottable* of, const QVector<d
   bars->setSymbolGap(0);
 }
 
+// The labels of the points of one series. They are placed when they are drawn: only then is known
+// how many pixels lie between two points.
+class point_labels : public QCPAbstractItem {
+ public:
+  point_labels(QCustomPlot* plot, const graph_series& series, const QColor& colour)
+      : QCPAbstractItem(plot), font_(graph_font("", small_font)), colour_(colour) {
+    // Of a large cloud labels keep off its first points alone, or finding places would take long.
+    for (std::size_t i = 0; i < std::min(series.x.size(), label_limit); ++i) {
+      const double x = series.x[i], y = value_or_zero(series.y, i);
+      if (!std::isfinite(x) || !std::isfinite(y)) continue;
+      const bool named = i < series.point_text.size();
+      places_.emplace_back(x, y);
+      texts_.push_back(named ? QString::fromStdString(series.point_text[i]) : QString());
+    }
+  }
+  double selectTest(const QPointF&, bool, QVariant*) const override { return -1; }
+
+ protected:
+  void draw(QCPPainter* painter) override {
+    painter->setFont(font_);
+    painter->setPen(QPen(colour_));
+    const QFontMetricsF metrics(font_);
+    // Height of figures, not of a line: labels may stand that much closer.
+    const double height = metrics.capHeight() + 2;
+    std::vector<labelled_point> points;
+    for (std::size_t i = 0; i < places_.size(); ++i) {
+      const QPointF at(parentPlot()->xAxis->coordToPixel(places_[i].x()),
+                       parentPlot()->yAxis->coordToPixel(places_[i].y()));
+      // A point that a zoom has left outside takes its label along.
+      const bool shown = !texts_[i].isEmpty() && QRectF(clipRect()).contains(at);
+      const double width = shown ? metrics.horizontalAdvance(texts_[i]) + 2 : 0;
+      points.push_back({at, point_size / 2, QSizeF(width, height)});
+    }
+    const std::vector<QRectF> rects = place_labels(points, clipRect());
+    for (std::size_t i = 0; i < rects.size(); ++i) {
+      if (rects[i].isEmpty()) continue;
+      painter->drawText(QPointF(rects[i].left() + 1, rects[i].bottom() - 1), texts_[i]);
+    }
+  }
+
+ private:
+  QFont font_;
+  QColor colour_;
+  std::vector<QPointF> places_;
+  std::vector<QString> texts_;
+};
+
 void put_point_labels(QCustomPlot& plot, const graph_series& series, const graph_style& style) {
   // Beyond the limit labels hide each other and the points.
-  if (series.point_text.size() > label_limit) return;
-  const std::size_t n = std::min(series.point_text.size(), series.x.size());
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = series.x[i], y = value_or_zero(series.y, i);
-    if (series.point_text[i].empty() || !std::isfinite(x) || !std::isfinite(y)) continue;
-    auto* label = new QCPItemText(&plot);
-    label->position->setCoords(x, y);
-    label->setPositionAlignment(Qt::AlignHCenter | Qt::AlignBottom);
-    label->setPadding(QMargins(0, 0, 0, 4));
-    label->setText(QString::fromStdString(series.point_text[i]));
-    label->setFont(graph_font("", small_font));
-    label->setColor(style.text);
-  }
+  if (series.point_text.empty() || series.point_text.size() > label_limit) return;
+  // The plot owns it.
+  new point_labels(&plot, series, style.text);
 }
 
 void put_one_series(QCustomPlot& plot, const graph_data& graph, std::size_t s,

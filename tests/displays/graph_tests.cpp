@@ -4,12 +4,14 @@
 #include <QApplication>
 #include <QByteArray>
 #include <QImage>
+#include <QLineF>
 #include <QPainter>
 #include <QPalette>
 #include <algorithm>
 #include <cmath>
 
 #include "displays/graph.h"
+#include "displays/point_labels.h"
 #include "support/fixture_files.h"
 #include "support/small_session.h"
 
@@ -225,6 +227,38 @@ TEST(graph_drawing, themes_and_texts) {
   graph.frame_style = frame_own_colours;
   graph.colours = {0x0000FF, 0, 0};
   EXPECT_EQ(graph_picture(graph).at(QPointF(2, 2)), red);
+}
+
+TEST(point_labels, stand_above_and_make_way_for_each_other) {
+  const QRectF inside(0, 0, 400, 300);
+  constexpr QSizeF label(14, 12);
+  const std::vector<QRectF> alone = place_labels({{QPointF(50, 50), 3, label}}, inside);
+  EXPECT_EQ(alone[0], QRectF(43, 34, 14, 12)) << "a pixel above the disc";
+  EXPECT_TRUE(place_labels({{QPointF(50, 50), 3, {}}}, inside)[0].isEmpty());
+  // At the upper edge there is room below alone, and in the corner only on its inner side.
+  const std::vector<QRectF> edge =
+      place_labels({{QPointF(50, 4), 3, label}, {QPointF(396, 4), 3, label}}, inside);
+  EXPECT_EQ(edge[0], QRectF(43, 8, 14, 12));
+  EXPECT_EQ(edge[1], QRectF(378, 8, 14, 12));
+  // Points 9 pixels apart, and pairs of them at one place: nothing covers anything.
+  for (const bool pairs : {false, true}) {
+    std::vector<labelled_point> points;
+    for (int i = 0; i < 4; ++i) {
+      const int step = pairs ? 40 * (i / 2) : 9 * i;
+      points.push_back({QPointF(100 + step, 100 + step % 2), 2.5, label});
+    }
+    const std::vector<QRectF> places = place_labels(points, inside);
+    for (std::size_t i = 0; i < places.size(); ++i) {
+      for (std::size_t j = 0; j < places.size(); ++j) {
+        EXPECT_TRUE(i == j || !places[i].intersects(places[j])) << pairs << i << j;
+        EXPECT_FALSE(places[i].contains(points[j].at)) << pairs << i << j;
+      }
+      EXPECT_LT(QLineF(places[i].center(), points[i].at).length(), 16) << "beside its own point";
+    }
+  }
+  // More than there are places for: each has one all the same.
+  const std::vector<labelled_point> heap(12, {QPointF(100, 100), 2.5, label});
+  for (const QRectF& place : place_labels(heap, inside)) EXPECT_FALSE(place.isEmpty());
 }
 
 // Nothing here has a right look; it has to have one, without a word from the library.

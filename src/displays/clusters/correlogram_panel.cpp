@@ -72,6 +72,27 @@ void paint_small_texts(QPainter& painter, const QRectF& rect, const correlogram_
   painter.drawText(rect.adjusted(4, 0, -4, -1), Qt::AlignBottom | Qt::AlignRight, panel.caption);
 }
 
+// Beside a title that leaves it no room the width of the bins would stand on the bars: it goes to
+// what it is a width of.
+plane_labels labels_of(QPainter& painter, const drawn_graph& plane,
+                       const correlogram_panel& panel) {
+  plane_labels labels;
+  labels.title = panel.title;
+  labels.note = panel.caption;
+  labels.x = "time (ms)";
+  labels.y = panel.rate_per_count > 0 ? "spikes/s" : "Counts per bin";
+  painter.save();
+  use_title_font(painter);
+  double width = painter.fontMetrics().horizontalAdvance(labels.title) + 8;
+  use_small_font(painter);
+  width += painter.fontMetrics().horizontalAdvance(labels.note);
+  painter.restore();
+  if (width <= plane.inside.width() || labels.note.isEmpty()) return labels;
+  labels.x += ", " + labels.note;
+  labels.note.clear();
+  return labels;
+}
+
 }  // namespace
 
 correlogram_panel make_correlogram_panel(const correlogram& shown, bool as_rate) {
@@ -97,12 +118,7 @@ void paint_correlogram(QPainter& painter, const QRectF& rect, const correlogram_
     painter.drawLine(plane.inside.bottomLeft(), plane.inside.bottomRight());
     paint_small_texts(painter, rect, panel, theme);
   } else {
-    plane_labels labels;
-    labels.title = panel.title;
-    labels.note = panel.caption;
-    labels.x = "time (ms)";
-    labels.y = panel.rate_per_count > 0 ? "spikes/s" : "Counts per bin";
-    paint_plane(painter, rect, plane, labels, theme);
+    paint_plane(painter, rect, plane, labels_of(painter, plane, panel), theme);
   }
   // An even count of bins has no middle one to stand on 0.
   if (panel.counts.size() % 2 == 1 && panel.bin_ms > 0) {

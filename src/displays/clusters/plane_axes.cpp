@@ -13,8 +13,8 @@ namespace kestrelvane {
 
 namespace {
 
-// Room round the plane, pixels.
-constexpr double left_room = 52, right_room = 14, top_room = 24, bottom_room = 38;
+// Room round the plane, pixels; at the left for "-1400" and a title that stands upright.
+constexpr double left_room = 62, right_room = 14, top_room = 24, bottom_room = 38;
 
 void use_named_font(QPainter& painter, const char* name) {
   font_description description;

@@ -1,11 +1,13 @@
 #include "displays/clusters/spike_map.h"
 
+#include <QFontMetricsF>
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <utility>
 
 #include "displays/clusters/event_words.h"
+#include "displays/point_labels.h"
 #include "numerics/simd.h"
 #include "review/cluster_marks.h"
 #include "review/event_reading.h"
@@ -432,6 +434,8 @@ void paint_probe(QPainter& painter, const probe_picture& picture, const probe_vi
   }
   painter.setRenderHint(QPainter::Antialiasing, true);
   use_small_font(painter);
+  const QFontMetricsF metrics = painter.fontMetrics();
+  std::vector<labelled_point> numbers;
   for (std::size_t i = 0; i < picture.units.size(); ++i) {
     const auto cluster = static_cast<std::int32_t>(i) + 1;
     const QPointF at = pixel_of(picture.plane, picture.units[i].x, picture.units[i].y);
@@ -443,11 +447,17 @@ void paint_probe(QPainter& painter, const probe_picture& picture, const probe_vi
     colour.setAlpha(170);
     painter.setBrush(colour);
     painter.drawEllipse(at, picture.radii[i], picture.radii[i]);
-    painter.setPen(theme.text);
     // Hundreds of numbers would hide the units.
-    if (view.show_numbers && (chosen || picture.units.size() <= 60)) {
-      painter.drawText(at + QPointF(picture.radii[i] + 2, 4), QString::number(cluster));
-    }
+    const bool named = view.show_numbers && (chosen || picture.units.size() <= 60) &&
+                       picture.plane.inside.contains(at);
+    const double width = named ? metrics.horizontalAdvance(QString::number(cluster)) + 2 : 0;
+    numbers.push_back({at, picture.radii[i], QSizeF(width, metrics.capHeight() + 2)});
+  }
+  painter.setPen(theme.text);
+  const std::vector<QRectF> places = place_labels(numbers, picture.plane.inside);
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (places[i].isEmpty()) continue;
+    painter.drawText(places[i].bottomLeft() + QPointF(1, -1), QString::number(i + 1));
   }
   painter.restore();
 }
