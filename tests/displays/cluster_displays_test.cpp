@@ -497,6 +497,25 @@ TEST(correlogram_panel, bars_stand_where_they_are_found) {
   EXPECT_FALSE(panels[0].intersects(panels[1]));
 }
 
+// The width of the bins stands at the right of the title where the two have room, otherwise with
+// the axis that it divides; never on the bars.
+TEST(correlogram_panel, the_width_of_the_bins_keeps_off_the_bars) {
+  correlogram_panel panel;
+  panel.title = "CC: Units 103 and 107";
+  panel.caption = "0.500 ms bins";
+  panel.bin_ms = 0.5f;
+  panel.counts.assign(101, 7);
+  const cluster_theme theme = make_cluster_theme(small_session()->preferences, false);
+  const auto words = [&](int width) {
+    return picture_as_svg(QSize(width, 200), [&](QPainter& p) {
+      paint_correlogram(p, QRectF(0, 0, width, 200), panel, theme);
+    });
+  };
+  EXPECT_NE(words(500).find(">0.500 ms bins<"), std::string::npos);
+  EXPECT_NE(words(220).find(">time (ms), 0.500 ms bins<"), std::string::npos);
+  EXPECT_EQ(words(220).find(">0.500 ms bins<"), std::string::npos);
+}
+
 // show(name, width, height, paint) for the waveforms of a pair in every mode.
 template <typename Show>
 void show_waveforms(session_state& session, cluster_index& index, const cluster_theme& theme,
@@ -660,6 +679,8 @@ TEST(train_correlograms, records_that_were_stored_one_by_one_have_none) {
   const char* refusal = "Cross correlation not supported for event based recording";
   EXPECT_EQ(words().find(refusal), std::string::npos);
   EXPECT_NE(words().find("AC: Unit 1"), std::string::npos);
+  EXPECT_NE(words().find("CC: Units 1 and "), std::string::npos);
+  EXPECT_NE(words().find(" ms bins"), std::string::npos);
   session->recording.is_continuous = false;
   EXPECT_NE(words().find(refusal), std::string::npos);
   session->preferences.treat_as_continuous = true;

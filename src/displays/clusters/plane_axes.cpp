@@ -91,10 +91,13 @@ void paint_titles(QPainter& painter, const QRectF& rect, const drawn_graph& plan
   use_title_font(painter);
   const QFontMetrics large = painter.fontMetrics();
   const double room = box.width() - note_width - 8;
-  painter.drawText(QPointF(box.left(), box.top() - 7),
+  // A long one begins over the numbers of the axis.
+  const bool is_long = large.horizontalAdvance(labels.title) > box.width();
+  const double left = is_long ? rect.left() + 4 : box.left();
+  painter.drawText(QPointF(left, box.top() - 7),
                    // Numbers stand at the end.
                    large.elidedText(labels.title, Qt::ElideMiddle,
-                                    static_cast<int>(std::max(box.width(), 0.0))));
+                                    static_cast<int>(std::max(box.right() - left, 0.0))));
   // Of the two the title says more: it is whole, and the note goes below it, over the points.
   const double below = large.horizontalAdvance(labels.title) <= room ? 0 : small.lineSpacing() + 6;
   painter.setFont(note_font);

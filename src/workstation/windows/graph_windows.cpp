@@ -359,7 +359,7 @@ void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
 }
 
 graph_window::graph_window(workstation& of, graph_kind kind)
-    : surface_(new graph_surface(of, routines_of(of, kind), read_window_font(of.session, kind))) {
+    : w_(of), surface_(new graph_surface(of, routines_of(of, kind), read_window_font(of.session, kind))) {
   setObjectName(window_row_of(kind).object_name);
   setWindowIcon(program_icon());
   setWidget(surface_);
@@ -369,6 +369,12 @@ graph_window::graph_window(workstation& of, graph_kind kind)
 void graph_window::closeEvent(QCloseEvent* event) {
   emit closed();
   QMdiSubWindow::closeEvent(event);
+  if (!event->isAccepted()) return;
+  // It is there until the event loop deletes it, but whoever asks for its kind meanwhile wants a
+  // window that is seen.
+  for (QPointer<graph_window>& window : w_.graphs) {
+    if (window == this) window.clear();
+  }
 }
 
 drawing_hold::drawing_hold(workstation& of) : w(of) { ++w.held_drawings; }

@@ -122,6 +122,7 @@ class graph_window : public QMdiSubWindow {
   void closeEvent(QCloseEvent* event) override;
 
  private:
+  workstation& w_;
   graph_surface* surface_;
 };
 
@@ -138,7 +139,7 @@ struct drawing_hold {
 
 // The active graph window, or the only one; null when there is none.
 graph_window* active_graph(workstation& w);
-// The window of a kind; null when it is not open.
+// The window of a kind; null when it is not open, as from the moment at which it is closed.
 graph_window* graph_of(const workstation& w, graph_kind kind);
 
 // The window of a kind at the size of its drawing area asked for, or the preferences', or
