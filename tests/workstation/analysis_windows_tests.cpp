@@ -104,7 +104,13 @@ TEST(MeasureWindows, TheBoxOfAReviewFollowsAWindowOfAnotherHand) {
   EXPECT_TRUE(box->isChecked());
   graph_of(w.shell, graph_kind::correlograms)->close();
   EXPECT_FALSE(box->isChecked());
+  // Pressed again at once, before the loop has deleted the one that was closed.
+  QTest::mouseClick(trains, Qt::LeftButton, {}, QPoint(trains->width() - 5, 5));
   w.settle();
+  const graph_window* again = graph_of(w.shell, graph_kind::correlograms);
+  ASSERT_NE(again, nullptr);
+  EXPECT_TRUE(again->isVisible() && box->isChecked());
+  EXPECT_EQ(again->windowTitle(), "Auto- and cross-correlations");
   dialog->close();
   w.settle();
   // Nothing is left that would follow.

@@ -359,7 +359,8 @@ void graph_surface::contextMenuEvent(QContextMenuEvent* event) {
 }
 
 graph_window::graph_window(workstation& of, graph_kind kind)
-    : w_(of), surface_(new graph_surface(of, routines_of(of, kind), read_window_font(of.session, kind))) {
+    : w_(of),
+      surface_(new graph_surface(of, routines_of(of, kind), read_window_font(of.session, kind))) {
   setObjectName(window_row_of(kind).object_name);
   setWindowIcon(program_icon());
   setWidget(surface_);
