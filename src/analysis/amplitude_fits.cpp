@@ -34,7 +34,8 @@ fit_points points_of(const ea_histogram& h, std::int32_t model) {
 }
 
 void log_fit(const session_state& session, const char* words, const curve_fit& fit) {
-  if (fit.status != 0) log_message(session, "LM error");
+  // Its last values stand, and would pass for a fit if they were told.
+  if (fit.status != 0) return log_message(session, "LM error");
   std::string line = words;
   for (std::int32_t i = 1; i <= fit.n_parameters; ++i) line += fmt::format(" {:.5g}", fit.p[i]);
   log_message(session, line + fmt::format("; iterations {}, mean error {:.5g}", fit.iterations,

@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "analysis/amplitude_fits.h"
+#include "numerics/table.h"
 #include "signal/filter_chain.h"
 #include "sorting/realign_steps.h"
 #include "support/plain_forms.h"
@@ -148,6 +149,13 @@ TEST_F(amplitude_test, WhatIsNotThereIsSaid) {
   EXPECT_TRUE(refused(ea_lfp));
   EXPECT_TRUE(session.user.told("There are no LFP values in memory"));
   EXPECT_TRUE(session.user.told("Can't analyse"));
+  // As many windows of events as no desktop holds; refused before one of them is looked at.
+  session->events.n_events = std::numeric_limits<std::int32_t>::max();
+  if (!memory_can_hold(std::int64_t{16} * session->events.n_events)) {
+    EXPECT_TRUE(refused(ea_events));
+    EXPECT_TRUE(session.user.told("Cannot allocate memory for used_sample array"));
+  }
+  session->events.n_events = 0;
   EXPECT_EQ(count(ea_unit).n_values, 0) << "no clusters: empty, without a word";
   const ea_histogram h = count(ea_formula);
   EXPECT_EQ(h.count(0), 20300);
@@ -286,6 +294,19 @@ TEST_F(amplitude_test, AGaussianFarFrom0IsFittedWhole) {
   const gaussian_core core = fit_gaussian_core(*session, h, fit);
   EXPECT_NEAR(core.m, -200, 0.1);
   EXPECT_NEAR(core.s, 12, 0.1);
+}
+
+// One bin says nothing of the width: the slopes of mean and sigma are 0 there.
+TEST_F(amplitude_test, AFitThatFailsIsSaidAndItsLastValuesStand) {
+  ea_histogram h;
+  h.at(5) = h.n_values = 100;
+  curve_fit fit;
+  const gaussian_core core = fit_gaussian_core(*session, h, fit);
+  EXPECT_TRUE(session.user.logged("LM error"));
+  EXPECT_EQ(session.user.all_lines().find("Fit values"), std::string::npos) << "it has none";
+  EXPECT_EQ(core.a, 100);
+  EXPECT_EQ(core.m, h.position(5));
+  EXPECT_EQ(core.s, 15);
 }
 
 TEST_F(amplitude_test, ConstantVoltagesFitNothing) {
