@@ -5,10 +5,13 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFile>
+#include <QFileDialog>
 #include <QGroupBox>
 #include <QLabel>
+#include <QLineEdit>
 #include <QRadioButton>
 #include <QTableView>
+#include <algorithm>
 #include <cmath>
 
 #include "analysis/interval_heights.h"
@@ -200,6 +203,59 @@ TEST(AmplitudeDialog, ChoicesFollowTheRowAndReachTheGraph) {
   EXPECT_TRUE(w.told.contains("Done it"));
 }
 
+QFileDialog* shown_file_dialog() {
+  QFileDialog* found = nullptr;
+  wait_until([&] {
+    for (QWidget* window : QApplication::topLevelWidgets()) {
+      if (window->isVisible() && found == nullptr) found = qobject_cast<QFileDialog*>(window);
+    }
+    return found != nullptr;
+  });
+  EXPECT_NE(found, nullptr);
+  return found;
+}
+
+// Scripts of laboratories look for files by these names.
+TEST(ExportedFiles, AreOfferedUnderTheNamesThatTheyAreKnownBy) {
+  const temporary_directory home;
+  full_workstation w(home.path);
+  w.session->recording.recording_path = home.file("night.tsf");
+  w.choose_entry("amplitude_distribution");
+  w.settle();
+  QDialog* dialog = w.dialog("amplitude_dialog");
+  w.press(dialog, "graph");
+  w.settle();
+  const std::pair<const char*, const char*> endings[] = {{"deviation_measures", "_tfr.dat"},
+                                                         {"flank_residuals", "R.dat"},
+                                                         {"gaussian_residuals", "_gsr.dat"},
+                                                         {"matched_channel_units", "_mcu.dat"}};
+  for (const auto& [choice, ending] : endings) {
+    w.control<QRadioButton>(dialog, choice)->setChecked(true);
+    w.press(dialog, "export");
+    QFileDialog* files = shown_file_dialog();
+    ASSERT_NE(files, nullptr) << choice;
+    EXPECT_EQ(files->findChild<QLineEdit*>("fileNameEdit")->text(), QString("night") + ending);
+    w.settle();
+  }
+  w.press(dialog, "done");
+  w.settle();
+  w.choose_entry("export_spikes");
+  w.settle();
+  dialog = w.dialog("export_dialog");
+  const std::pair<const char*, const char*> filters[] = {
+      {"csv", "Comma separated text file (*.CSV)"}, {"txt", "One file per unit (*.TXT)"}};
+  for (const auto& [format, filter] : filters) {
+    auto* list = w.control<QComboBox>(dialog, "data_format");
+    list->setCurrentIndex(list->findData(format));
+    w.press(dialog, "save_as");
+    QFileDialog* files = shown_file_dialog();
+    ASSERT_NE(files, nullptr) << format;
+    EXPECT_EQ(files->selectedNameFilter(), filter);
+    w.settle();
+  }
+  w.press(dialog, "done");
+}
+
 TEST(AmplitudeDialog, StopEndsOneRunAlone) {
   const temporary_directory home;
   full_workstation w(home.path);
@@ -279,6 +335,72 @@ TEST(IntervalHeightsDialog, WithinAUnitAndAfterAnother) {
   EXPECT_EQ(w.shown(graph_kind::interval_heights).series[0].y, cross.uv);
   EXPECT_EQ(graph_of(w.shell, graph_kind::interval_heights)->windowTitle(), "ISI co-dependence");
   w.press(dialog, "done");
+}
+
+// Start other programs, wait for a printer, or end this one.
+const QStringList out_of_bounds = {"getting_started", "system_info", "print", "exit"};
+
+int n_graphs(const driven_workstation& w) {
+  return static_cast<int>(std::count_if(std::begin(w.shell.graphs), std::end(w.shell.graphs),
+                                        [](const auto& window) { return !window.isNull(); }));
+}
+
+// What a user would notice of an entry: a dialog, a box, a question, a window, a line of the log.
+bool answers(driven_workstation& w, const char* entry) {
+  const auto said = [&] { return w.told.size() + w.asked.size() + w.session->log.n_log_lines; };
+  const auto n_dialogs = [] {
+    const QWidgetList all = QApplication::topLevelWidgets();
+    return std::count_if(all.begin(), all.end(), [](const QWidget* window) {
+      return window->isVisible() && qobject_cast<const QDialog*>(window) != nullptr;
+    });
+  };
+  EXPECT_EQ(n_dialogs(), 0) << "nothing is left of the entry before";
+  const auto before = said();
+  const int windows = n_graphs(w);
+  const auto samples = w.session->recording.n_samples;
+  w.choose_entry(entry);
+  QApplication::processEvents();
+  bool seen = w.shell.worker.running || n_dialogs() > 0;
+  w.settle();
+  seen |= said() != before || n_graphs(w) != windows || w.session->recording.n_samples != samples;
+  for (QDialog* dialog : w.shell.frame->findChildren<QDialog*>()) {
+    if (dialog->isVisible()) dialog->close();
+  }
+  w.settle();
+  return seen;
+}
+
+// Empty, with a recording alone, and with a sort: no entry is without an answer, and none leaves
+// anything behind.
+TEST(FullMenu, EveryEntryAnswersWhateverIsInMemory) {
+  // Windows are laid out anew: nothing is seen of that without one.
+  const QStringList silent = {"cascade", "auto_arrange"};
+  for (const char* state : {"empty", "recording", "sort"}) {
+    const temporary_directory home;
+    full_workstation w(home.path);
+    if (QString(state) != "sort") w.choose_entry("close_recording");
+    w.settle(true);
+    if (QString(state) == "recording") {
+      start_operation(
+          w.shell, [](session_state& s) { make_recording(s, 4, 60000, 20000, 0.5f); }, nullptr);
+      w.settle();
+    }
+    std::vector<const char*> entries;
+    for (const menu_row& row : menu_table()) {
+      if (!out_of_bounds.contains(row.name)) entries.push_back(row.name);
+    }
+    // What it takes away the others need.
+    std::stable_partition(entries.begin(), entries.end(),
+                          [](const char* name) { return QString(name) != "close_recording"; });
+    ASSERT_GT(entries.size(), 40u);
+    for (const char* entry : entries) {
+      SCOPED_TRACE(std::string(state) + ": " + entry);
+      const bool seen = answers(w, entry);
+      EXPECT_TRUE(seen || silent.contains(entry));
+      EXPECT_EQ(check_session(*w.session), "");
+      EXPECT_EQ(w.told.filter("not available").size(), 0);
+    }
+  }
 }
 
 TEST(FullMenu, MatricesGoWhereTheUserSaysAndAbsentPotentialsAreSaid) {

@@ -23,6 +23,7 @@
 namespace kestrelvane::test {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 
 std::vector<std::string> labels_of(const QMenu* menu) {
@@ -83,6 +84,7 @@ TEST(Frame, TheFullMenuIsReachedByItsFlag) {
   EXPECT_THAT(labels_of(tops[1]->menu()),
               ElementsAre("&Messages", "&Acquisition properties", "&Voltage record", "&HP spectrum",
                           "&Template image", "Sorted &waveforms", "&Sorting statistics"));
+  EXPECT_THAT(labels_of(tops[3]->menu()), Contains("Export feature matrices"));
   EXPECT_THAT(
       labels_of(tops[5]->menu()),
       ElementsAre("&Sorted spike files", "&Import events from ptcs file",
