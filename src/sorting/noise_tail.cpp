@@ -29,7 +29,7 @@ struct hump {
 };
 
 struct score_mixture {
-  double from = 0;  // the lowest score
+  double from = 0, total = 0;  // the lowest score, spikes
   double tail_weight = 0, tail_length = 0;
   hump small{}, large{};
   double tail_at(double ratio) const {
@@ -65,6 +65,48 @@ void set_hump(hump& h, const part_sums& sums, double total, double narrowest) {
   h.width = std::clamp(sums.width(), narrowest, widest_hump);
 }
 
+double ratio_at(double from, std::size_t i) { return from + (static_cast<double>(i) + 0.5) * bin; }
+
+// From the spikes below a ratio, half of them tail, and those above it. False without both.
+bool start_mixture(const std::vector<double>& counts, double between, double gaussian,
+                   double narrowest, score_mixture& m) {
+  part_sums below, above;
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    const double ratio = ratio_at(m.from, i);
+    (ratio < between ? below : above).add(counts[i], ratio);
+  }
+  if (!(below.n > 0) || !(above.n > 0)) return false;
+  m.total = below.n + above.n;
+  m.tail_length = 2 * gaussian;
+  set_hump(m.small, below, 2 * m.total, narrowest);
+  set_hump(m.large, above, m.total, narrowest);
+  m.tail_weight = m.small.weight;
+  return true;
+}
+
+void better_mixture(const std::vector<double>& counts, double gaussian, double narrowest,
+                    score_mixture& m) {
+  part_sums tail, small, large;
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    const double ratio = ratio_at(m.from, i);
+    const double in_tail = m.tail_at(ratio), in_small = m.small.at(ratio);
+    const double all = in_tail + in_small + m.large.at(ratio);
+    if (!(counts[i] > 0) || !(all > 0)) continue;
+    tail.add(counts[i] * in_tail / all, ratio);
+    small.add(counts[i] * in_small / all, ratio);
+    large.add(counts[i] * (1 - (in_tail + in_small) / all), ratio);
+  }
+  m.tail_weight = tail.n / m.total;
+  if (tail.n > 0) {
+    m.tail_length =
+        std::clamp(tail.middle() - m.from, shortest_tail * gaussian, longest_tail * gaussian);
+  }
+  set_hump(m.small, small, m.total, narrowest);
+  set_hump(m.large, large, m.total, narrowest);
+  // A hump that shows no top of its own above the threshold is the tail.
+  m.small.middle = std::max(m.small.middle, m.from + m.small.width);
+}
+
 }  // namespace
 
 double find_noise_end(const tracked_unit& unit, double least_ratio, double between) {
@@ -74,43 +116,11 @@ double find_noise_end(const tracked_unit& unit, double least_ratio, double betwe
   const std::vector<double> counts = count_scores(unit, least_ratio);
   score_mixture m;
   m.from = least_ratio;
-  m.tail_length = 2 * gaussian;
-  const auto ratio_at = [&](std::size_t i) {
-    return least_ratio + (static_cast<double>(i) + 0.5) * bin;
-  };
-  part_sums below, above;
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    (ratio_at(i) < between ? below : above).add(counts[i], ratio_at(i));
-  }
-  const double total = below.n + above.n;
-  if (!(below.n > 0) || !(above.n > 0)) return 0;
-  set_hump(m.small, below, 2 * total, narrowest);
-  set_hump(m.large, above, total, narrowest);
-  m.tail_weight = m.small.weight;
-  for (int round = 0; round < n_rounds; ++round) {
-    part_sums tail, small, large;
-    for (std::size_t i = 0; i < counts.size(); ++i) {
-      const double ratio = ratio_at(i);
-      const double in_tail = m.tail_at(ratio), in_small = m.small.at(ratio);
-      const double all = in_tail + in_small + m.large.at(ratio);
-      if (!(counts[i] > 0) || !(all > 0)) continue;
-      tail.add(counts[i] * in_tail / all, ratio);
-      small.add(counts[i] * in_small / all, ratio);
-      large.add(counts[i] * (1 - (in_tail + in_small) / all), ratio);
-    }
-    m.tail_weight = tail.n / total;
-    if (tail.n > 0) {
-      m.tail_length = std::clamp(tail.middle() - least_ratio, shortest_tail * gaussian,
-                                 longest_tail * gaussian);
-    }
-    set_hump(m.small, small, total, narrowest);
-    set_hump(m.large, large, total, narrowest);
-    // A hump that shows no top of its own above the threshold is the tail.
-    m.small.middle = std::max(m.small.middle, least_ratio + m.small.width);
-  }
+  if (!start_mixture(counts, between, gaussian, narrowest, m)) return 0;
+  for (int round = 0; round < n_rounds; ++round) better_mixture(counts, gaussian, narrowest, m);
   double end = 0;
   for (std::size_t i = 0; i < counts.size(); ++i) {
-    const double ratio = ratio_at(i);
+    const double ratio = ratio_at(least_ratio, i);
     if (m.tail_at(ratio) <= m.small.at(ratio) + m.large.at(ratio)) break;
     end = ratio + 0.5 * bin;
   }
