@@ -35,9 +35,14 @@ struct review_kill_test : ::testing::Test {
     batch({"sort", recording, "--quiet", "--save-work", home.file(autorecover_file_name)});
   }
   void review_and_kill() {
+    notes->made_at[0] = 0;
     const process_result result =
         run_process(KESTRELVANE_RECOVERY_VICTIM, {home.path, "review", notes_path},
                     [&](pid_t process, const std::string&) {
+                      // On a busy machine its start alone may take longer than the wait.
+                      for (int i = 0; i < 6000 && notes->made_at[0] == 0; ++i) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                      }
                       const int wait = std::uniform_int_distribution<int>(200, 1500)(random);
                       std::this_thread::sleep_for(std::chrono::milliseconds(wait));
                       kill(process, SIGKILL);
