@@ -40,7 +40,7 @@ constexpr double leap_um = 4, longest_gap_s = 5, beside_gap_s = 10;
 // as much, 0.88 at most and mostly 0.6 to 0.8.
 constexpr double least_mixed = 0.015, most_mixed = 0.12, drifted_like = 0.86;
 constexpr std::size_t spikes_beside = 60;
-// Two that might be one as the tissue leaps: 0.74 at most.
+// After a leap a little less than followed_like is enough.
 constexpr double leapt_like = 0.8;
 // Swinging tissue that shows each piece in its own places all the time leaves no other reading.
 constexpr double swung_like = 0.7;
@@ -140,6 +140,8 @@ double overlap_in_place(const tissue_motion& motion, double sampling_frequency,
   return both / static_cast<double>(std::min(a.spikes.size(), b.spikes.size()));
 }
 
+namespace {
+
 double overlap_of(const recording_store& recording, const tracked_unit& a, const tracked_unit& b,
                   std::int32_t n_segments) {
   const double in_time = overlap_in_time(a, b, n_segments);
@@ -147,6 +149,8 @@ double overlap_of(const recording_store& recording, const tracked_unit& a, const
   const auto frequency = static_cast<double>(recording.sampling_frequency);
   return std::min(in_time, overlap_in_place(recording.motion, frequency, a, b));
 }
+
+}  // namespace
 
 bool fire_in_turn(const recording_store& recording, const tracked_unit& a, const tracked_unit& b,
                   std::int32_t n_segments) {
@@ -463,8 +467,8 @@ std::vector<tracked_spike> spikes_about(const tracked_unit& unit, double time) {
   return out;
 }
 
-// Whether movement made two units of one. likeness: of all of their spikes in the mean.
-// The one where they meet takes its place when they drift.
+// Whether movement made two units of one. likeness: of all of their spikes in the mean; where they
+// drift, that of the spikes about their meeting takes its place.
 bool movement_explains(const session_state& session, const noise_covariance& noise,
                        const tracking_rules& rules, const tracked_unit& earlier,
                        const tracked_unit& later, double& likeness) {

@@ -61,7 +61,7 @@ constexpr double followed_like = 0.85;
 // A pair that looks like one unit in two pieces.
 struct hand_over {
   std::int32_t earlier = 0, later = 0;  // units from 0
-  double similarity = 0, overlap = 0;   // of their shapes where they meet; of their times
+  double similarity = 0, overlap = 0;   // of their shapes; of their times, or places if less
   bool moved = false;                   // the movement of the tissue explains it
 };
 // All of them, the most alike first. shift_um: what brought them together, 0 without a jump.
