@@ -738,6 +738,27 @@ TEST_F(hdf_test, cut_and_bent_files_leave_a_sound_session) {
   }
 }
 
+// Gigabytes that a block of the driver is said to have, in a file of a few kilobytes.
+TEST_F(hdf_test, a_length_that_no_file_needs_is_not_believed) {
+  make_nwb_file(nwb);
+  std::vector<char> bent = read_bytes(nwb);
+  const auto put = [&](std::size_t at, std::uint64_t value) {
+    std::memcpy(bent.data() + at, &value, sizeof(value));
+  };
+  constexpr std::size_t end_of_file = 40, driver_block = 48;  // in a superblock of version 0
+  const std::uint64_t block = bent.size();
+  bent.resize(bent.size() + 64);
+  put(driver_block, block);
+  put(block, std::uint64_t{0x70000000} << 32);
+  put(end_of_file, bent.size());
+  const std::string path = folder.file("bent.h5");
+  write_bytes(path, bent);
+  EXPECT_EQ(probe_hdf_file(nwb, nullptr), hdf_probe_outcome::survived);
+  EXPECT_EQ(probe_hdf_file(path, nullptr), hdf_probe_outcome::died);
+  EXPECT_FALSE(open(path, "/", "1000", "1"));
+  expect_empty();
+}
+
 TEST_F(hdf_test, a_probe_that_does_not_come_back_is_given_up) {
   make_nwb_file(nwb);
   std::atomic<bool> interrupt{false};

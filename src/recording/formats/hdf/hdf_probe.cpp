@@ -9,6 +9,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <string_view>
 #include <thread>
 
 #include "recording/formats/hdf/hdf_walk.h"
@@ -26,6 +31,9 @@ constexpr auto longest_wait = 120s;  // a large file on a slow network
 // A file that is made to keep the library busy, or to fill the memory, ends the child.
 constexpr rlim_t processor_seconds = 10;
 constexpr rlim_t memory_bytes = rlim_t{4} << 30;
+// A length in the file may ask for less than that, and the library takes a refusal of memory for
+// one more fault of the file: what it has really used tells. Samples are not looked at.
+constexpr std::uint64_t largest_use = std::uint64_t{512} << 20;  // bytes
 constexpr const char* this_program = "/proc/self/exe";
 
 // Set once, before there are threads.
@@ -48,6 +56,17 @@ void set_limit(decltype(RLIMIT_CPU) what, rlim_t value) {
   // Both bounds, so that nothing can raise it again.
   const rlimit limit{value, value};
   setrlimit(what, &limit);
+}
+
+// The most memory that this process has used so far, bytes; 0 when the system does not tell.
+std::uint64_t most_memory_used() {
+  std::ifstream status("/proc/self/status");
+  const std::string_view name = "VmHWM:";  // kB
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name))
+      return 1024 * std::strtoull(line.c_str() + name.size(), nullptr, 10);
+  }
+  return 0;
 }
 
 // Waits for a child; false when it is still there at the end or the flag is up.
@@ -84,10 +103,8 @@ bool start_probe(const std::string& path, pid_t& child) {
   return problem == 0;
 }
 
-}  // namespace
-
 // All that a walk through the file can show. What the library refuses is no matter here.
-void look_at_hdf_file(const std::string& path) {
+void walk_all(const std::string& path) {
   hdf_file in;
   if (open_hdf_file(in, path) != hdf_error::none) return;
   hdf_page page;
@@ -102,6 +119,14 @@ void look_at_hdf_file(const std::string& path) {
   }
 }
 
+}  // namespace
+
+bool look_at_hdf_file(const std::string& path) {
+  const std::uint64_t before = most_memory_used();
+  walk_all(path);
+  return most_memory_used() <= before + largest_use;
+}
+
 bool run_as_hdf_probe(int argc, char** argv, int& status) {
   program_has_probe = true;
   if (argc != 3 || std::string(argv[1]) != probe_argument) return false;
@@ -109,10 +134,9 @@ bool run_as_hdf_probe(int argc, char** argv, int& status) {
   set_limit(RLIMIT_CORE, 0);
   set_limit(RLIMIT_CPU, processor_seconds);
   if (memory_can_be_limited) set_limit(RLIMIT_AS, memory_bytes);
-  look_at_hdf_file(argv[2]);
-  status = 0;
+  status = look_at_hdf_file(argv[2]) ? 0 : 1;
   // Nothing is worth tidying up.
-  _exit(0);
+  _exit(status);
 }
 
 hdf_probe_outcome probe_hdf_file(const std::string& path, const std::atomic<bool>* interrupt) {

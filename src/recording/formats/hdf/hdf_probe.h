@@ -19,8 +19,9 @@ namespace kestrelvane {
 // done its work, and main returns status.
 bool run_as_hdf_probe(int argc, char** argv, int& status);
 
-// All that the probe looks at, in this process.
-void look_at_hdf_file(const std::string& path);
+// All that the probe looks at, in this process. Returns whether it took no more memory than the
+// structure of any file needs.
+bool look_at_hdf_file(const std::string& path);
 
 enum class hdf_probe_outcome {
   survived,     // or there is no way to try
