@@ -41,10 +41,6 @@ bool fire_in_turn(const recording_store& recording, const tracked_unit& a, const
 enum class passage { none, leap, swing, drift };
 passage find_passage(const recording_store& recording, const std::vector<std::int32_t>& earlier,
                      const std::vector<std::int32_t>& later, double& turn_s);
-// Whether it is a leap or a swing.
-bool goes_with_movement(const recording_store& recording, const std::vector<std::int32_t>& earlier,
-                        const std::vector<std::int32_t>& later);
-
 // How much alike two shapes are on the channels that read their tissue at either of its two places,
 // µm: cosine at the best lag; 0 when those channels hold little of one, or both are of two sizes.
 double likeness_where_seen(const recording_store& recording, const tracking_rules& rules,

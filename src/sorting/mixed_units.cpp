@@ -32,6 +32,7 @@ constexpr double least_part = 0.12;
 constexpr double largest_spread = 30;  // of three components of noise 1: no group, but all sorts
 // Of times.
 constexpr double least_overlap = 0.35;
+constexpr std::size_t fewest_by_turn = 30;  // on either side
 constexpr double burst_ms = 15, burst_part = 0.5, burst_times = 2;
 
 typedef std::array<double, n_components> point;
@@ -299,34 +300,51 @@ double distance_of_groups(const noise_covariance& noise, const tracking_rules& r
       .square;
 }
 
-// Whether the tissue may have made two groups of one neuron: they are as much alike as that leaves
-// them, and go with its movement or come one after the other. Where its movement was not measured
-// any two are suspect of which one stops as the other starts.
-bool is_movement(const session_state& session, const tracking_rules& rules,
-                 const tracked_unit& unit, const group_means& means,
-                 const std::vector<bool>& second) {
-  const recording_store& r = session.recording;
-  std::vector<std::int32_t> times[2];
+// Whether they come one after the other: in few stretches both.
+bool in_turn(const tracked_unit& unit, const std::vector<bool>& second) {
   std::vector<double> counts[2];
+  double n[2] = {};
   for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
     const auto segment = static_cast<std::size_t>(unit.spikes[i].segment);
     for (auto& c : counts) c.resize(std::max(c.size(), segment + 1));
     counts[second[i]][segment] += 1;
-    times[second[i]].push_back(unit.spikes[i].time);
+    n[second[i]] += 1;
   }
   double both = 0;
   for (std::size_t k = 0; k < counts[0].size(); ++k) {
-    both += std::min(counts[0][k] / static_cast<double>(times[0].size()),
-                     counts[1][k] / static_cast<double>(times[1].size()));
+    both += std::min(counts[0][k] / n[0], counts[1][k] / n[1]);
   }
-  const bool in_turn = both < least_overlap;
-  if (r.motion.um.empty()) return in_turn;
+  return both < least_overlap;
+}
+
+// Whether the tissue may have made two groups of one neuron: they are as much alike as that leaves
+// them, go with its movement, and do not stand apart where they drift. Where its movement was not
+// measured any two are suspect of which one stops as the other starts.
+bool is_movement(const session_state& session, const tracking_rules& rules,
+                 const tracked_unit& unit, const group_means& means,
+                 const std::vector<bool>& second) {
+  const recording_store& r = session.recording;
+  if (r.motion.um.empty()) return in_turn(unit, second);
+  std::vector<std::int32_t> times[2];
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    times[second[i]].push_back(unit.spikes[i].time);
+  }
   const double likeness = likeness_where_seen(r, rules, means.of[0], mean_place(r, times[0]),
                                               means.of[1], mean_place(r, times[1]));
   if (likeness < followed_like) return false;
   const auto middle = [&](bool which) { return times[which][times[which].size() / 2]; };
   const bool first = middle(true) < middle(false);
-  return in_turn || goes_with_movement(r, times[first], times[!first]);
+  double turn_s = 0;
+  switch (find_passage(r, times[first], times[!first], turn_s)) {
+    case passage::leap:
+    case passage::swing:
+      return true;
+    case passage::drift:
+      return !stand_apart(find_way(session, rules, means.of[0], means.of[1]), drifted_closer);
+    case passage::none:
+      break;
+  }
+  return false;
 }
 
 }  // namespace
@@ -356,6 +374,8 @@ struct grouping {
   look seen;
   std::vector<double> mean;
   rows components;
+  std::vector<std::size_t> looked_at;  // of the unit's spikes, ascending
+  std::vector<point> points;           // of these
   two_groups groups;
 };
 
@@ -366,17 +386,14 @@ point project(const grouping& g, std::vector<double> spike) {
   return p;
 }
 
-rows spikes_to_look_at(const session_state& session, const noise_covariance& noise,
-                       const spike_crowd& crowd, const look& l,
-                       const std::vector<std::int32_t>& places) {
-  const std::size_t n = std::min(places.size(), most_looked_at);
-  rows spikes(n);
+// Evenly, but not in step with anything: two neurons may take turns.
+std::vector<std::size_t> spikes_to_look_at(std::size_t n_spikes) {
+  const std::size_t n = std::min(n_spikes, most_looked_at);
+  std::vector<std::size_t> out(n);
   for (std::size_t i = 0; i < n; ++i) {
-    // Evenly, but not in step with anything: two neurons may take turns.
-    const std::size_t at = i * places.size() / n + i * i % (places.size() / n);
-    spikes[i] = whitened(session, noise, crowd, l, places[std::min(at, places.size() - 1)]);
+    out[i] = std::min(i * n_spikes / n + i * i % (n_spikes / n), n_spikes - 1);
   }
-  return spikes;
+  return out;
 }
 
 void find_groups(const rows& spikes, grouping& g) {
@@ -389,28 +406,35 @@ void find_groups(const rows& spikes, grouping& g) {
   rows varied = spikes;
   for (auto& spike : varied) take_mean_out(g.mean, spike);
   g.components = find_components(varied);
-  std::vector<point> points;
-  for (const auto& spike : spikes) points.push_back(project(g, spike));
+  for (const auto& spike : spikes) g.points.push_back(project(g, spike));
   for (std::size_t along = 0; along < n_components; ++along) {
-    two_groups groups = group(points, along);
-    measure_groups(points, groups);
+    two_groups groups = group(g.points, along);
+    measure_groups(g.points, groups);
     if (are_two(groups) && (!are_two(g.groups) || groups.apart > g.groups.apart)) {
       g.groups = groups;
     }
   }
 }
 
-}  // namespace
-
-bool find_mixture(const session_state& session, const noise_covariance& noise,
-                  const tracking_rules& rules, const spike_crowd& crowd,
-                  const std::vector<tracked_unit>& units, std::int32_t unit, mixture& found) {
-  const tracked_unit& whole = units[static_cast<std::size_t>(unit)];
-  if (whole.spikes.size() < 2 * fewest_of_group || whole.filter.channels.empty()) return false;
-  const std::vector<std::int32_t> places = places_of(crowd, unit);
+grouping look_for_groups(const session_state& session, const noise_covariance& noise,
+                         const tracking_rules& rules, const spike_crowd& crowd,
+                         const tracked_unit& unit, const std::vector<std::int32_t>& places) {
   grouping g;
-  g.seen = look_at(session, noise, rules, whole);
-  find_groups(spikes_to_look_at(session, noise, crowd, g.seen, places), g);
+  g.seen = look_at(session, noise, rules, unit);
+  g.looked_at = spikes_to_look_at(places.size());
+  rows spikes;
+  for (const std::size_t i : g.looked_at) {
+    spikes.push_back(whitened(session, noise, crowd, g.seen, places[i]));
+  }
+  find_groups(spikes, g);
+  return g;
+}
+
+// Two groups with next to nothing between them.
+bool is_two_by_groups(const session_state& session, const noise_covariance& noise,
+                      const tracking_rules& rules, const spike_crowd& crowd, const grouping& g,
+                      const tracked_unit& unit, const std::vector<std::int32_t>& places,
+                      mixture& found) {
   if (!are_two(g.groups)) return false;
   found.second.clear();
   for (const std::int32_t place : places) {
@@ -421,13 +445,72 @@ bool find_mixture(const session_state& session, const noise_covariance& noise,
       static_cast<std::size_t>(std::count(found.second.begin(), found.second.end(), true));
   if (std::min(n_second, places.size() - n_second) < fewest_of_group) return false;
   found.apart = g.groups.apart;
-  const group_means means = means_of_groups(session, noise, crowd, whole, places, found.second);
-  found.distance = distance_of_groups(noise, rules, whole, means);
+  const group_means means = means_of_groups(session, noise, crowd, unit, places, found.second);
+  found.distance = distance_of_groups(noise, rules, unit, means);
   const bool clear = g.groups.apart >= far_apart && g.groups.between <= clear_between;
-  const double limit = largest_distance_of_one(whole.filter.channels.size(), whole.mean_energy());
+  const double limit = largest_distance_of_one(unit.filter.channels.size(), unit.mean_energy());
   return found.distance >= (clear ? clear_part * limit : limit) &&
-         !is_movement(session, rules, whole, means, found.second) &&
-         !is_burst(session, whole, found.second);
+         !is_movement(session, rules, unit, means, found.second) &&
+         !is_burst(session, unit, found.second);
+}
+
+// Of points in the order of time, how many come before the cut that sets the centres before and
+// after it farthest apart, weighed by how many there are.
+std::size_t best_turn(const std::vector<point>& points) {
+  const auto n = static_cast<double>(points.size());
+  point all = {}, before = {};
+  for (const point& p : points) {
+    for (std::size_t k = 0; k < n_components; ++k) all[k] += p[k];
+  }
+  double best = 0;
+  std::size_t turn = 0;
+  for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+    const auto n_before = static_cast<double>(i + 1);
+    double square = 0;
+    for (std::size_t k = 0; k < n_components; ++k) {
+      before[k] += points[i][k];
+      const double off = before[k] - n_before / n * all[k];
+      square += off * off;
+    }
+    const double weighed = square / (n_before * (n - n_before));
+    if (weighed > best) best = weighed, turn = i + 1;
+  }
+  return turn;
+}
+
+// One neuron that falls silent as a neighbour of its kind awakes: too small to make two groups, but
+// from one moment on the unit stands in another place, where the tissue does not move.
+bool is_two_by_turn(const session_state& session, const noise_covariance& noise,
+                    const tracking_rules& rules, const spike_crowd& crowd, const grouping& g,
+                    const tracked_unit& unit, const std::vector<std::int32_t>& places,
+                    mixture& found) {
+  if (session.recording.motion.um.empty()) return false;
+  const std::size_t turn = best_turn(g.points);
+  if (turn == 0) return false;
+  const std::size_t first = g.looked_at[turn];
+  if (std::min(first, places.size() - first) < fewest_by_turn) return false;
+  found.second.assign(places.size(), false);
+  std::fill(found.second.begin() + static_cast<std::ptrdiff_t>(first), found.second.end(), true);
+  found.apart = 0;
+  const group_means means = means_of_groups(session, noise, crowd, unit, places, found.second);
+  found.distance = distance_of_groups(noise, rules, unit, means);
+  return found.distance >=
+             largest_distance_of_one(unit.filter.channels.size(), unit.mean_energy()) &&
+         stand_apart(find_way(session, rules, means.of[0], means.of[1]), drifted_closer) &&
+         !is_movement(session, rules, unit, means, found.second);
+}
+
+}  // namespace
+
+bool find_mixture(const session_state& session, const noise_covariance& noise,
+                  const tracking_rules& rules, const spike_crowd& crowd,
+                  const std::vector<tracked_unit>& units, std::int32_t unit, mixture& found) {
+  const tracked_unit& whole = units[static_cast<std::size_t>(unit)];
+  if (whole.spikes.size() < 2 * fewest_of_group || whole.filter.channels.empty()) return false;
+  const std::vector<std::int32_t> places = places_of(crowd, unit);
+  const grouping g = look_for_groups(session, noise, rules, crowd, whole, places);
+  return is_two_by_groups(session, noise, rules, crowd, g, whole, places, found) ||
+         is_two_by_turn(session, noise, rules, crowd, g, whole, places, found);
 }
 
 namespace {

@@ -13,6 +13,11 @@ namespace {
 constexpr std::int32_t most_first_spikes = 200;
 constexpr std::int32_t fewest_first_spikes = 15;
 constexpr double rare_per_minute = 40;
+// A cluster of noise and a neuron: the mean of both finds neither. Spikes that score above the rest
+// are a unit when their own mean is so much better to detect.
+constexpr double weak_energy = 60, core_better = 2, core_energy = 60;
+constexpr std::size_t fewest_of_core = 30;
+constexpr int core_rounds = 4;
 constexpr float subtraction_um = 200.0f;
 constexpr std::size_t most_filter_channels = 12, most_subtracted = 40;
 // Peaks, times the noise, of channels that a filter reads: at the start, to come in, to stay.
@@ -349,6 +354,71 @@ std::vector<std::int32_t> spike_times(const tracked_unit& unit) {
   return times;
 }
 
+namespace {
+
+// What each spike scores, over what one that is just the shape would.
+std::vector<double> scores_of(const session_state& session, const noise_covariance& noise,
+                              const tracking_rules& rules, const unit_filter& filter,
+                              const spike_shape& shape, const std::vector<tracked_spike>& spikes) {
+  const std::int32_t points = rules.window.points;
+  const auto score = [&](const spike_shape& of) {
+    double sum = 0;
+    for (std::size_t i = 0; i < filter.channels.size(); ++i) {
+      const float* row = of.find(filter.channels[i], points);
+      const float* weights = filter.weights.data() + i * static_cast<std::size_t>(points);
+      for (std::int32_t q = 0; q < points; ++q) sum += static_cast<double>(row[q] * weights[q]);
+    }
+    return sum;
+  };
+  const double whole = std::max(score(shape), 1e-30);
+  std::vector<double> out;
+  for (const tracked_spike& spike : spikes) {
+    out.push_back(score(mean_of_spikes(session, noise, rules.window, {spike}, filter.channels)) /
+                  whole);
+  }
+  return out;
+}
+
+// What divides numbers into two groups best: the middle between their means.
+double middle_of_two(const std::vector<double>& values) {
+  const auto [low, high] = std::minmax_element(values.begin(), values.end());
+  double middle = 0.5 * (*low + *high);
+  for (int round = 0; round < 20; ++round) {
+    double sum[2] = {}, n[2] = {};
+    for (const double v : values) {
+      sum[v > middle] += v;
+      n[v > middle] += 1;
+    }
+    if (n[0] == 0 || n[1] == 0) break;
+    middle = 0.5 * (sum[0] / n[0] + sum[1] / n[1]);
+  }
+  return middle;
+}
+
+// Lets a weak unit start from the spikes that score best, where these are a stronger one.
+void start_from_core(const session_state& session, const noise_covariance& noise,
+                     const tracking_rules& rules, const std::vector<tracked_spike>& spikes,
+                     tracked_unit& unit) {
+  tracked_unit core = unit;
+  for (int round = 0; round < core_rounds; ++round) {
+    const std::vector<double> scores =
+        scores_of(session, noise, rules, core.filter, core.shape, spikes);
+    const double middle = middle_of_two(scores);
+    std::vector<tracked_spike> best;
+    for (std::size_t i = 0; i < spikes.size(); ++i) {
+      if (scores[i] > middle) best.push_back(spikes[i]);
+    }
+    if (best.size() < fewest_of_core) return;
+    core.shape = mean_of_spikes(session, noise, rules.window, best, core.shape.channels);
+    renew_filter(session, noise, rules, core);
+  }
+  if (core.filter.energy < std::max(core_energy, core_better * unit.filter.energy)) return;
+  core.first = core.shape;
+  unit = std::move(core);
+}
+
+}  // namespace
+
 bool start_unit(const session_state& session, const noise_covariance& noise,
                 const tracking_rules& rules, std::int64_t first, tracked_unit& unit) {
   std::vector<tracked_spike> spikes = first_spikes(session, rules, first, unit);
@@ -374,6 +444,7 @@ bool start_unit(const session_state& session, const noise_covariance& noise,
   unit.filter.main_channel = peak.channel;
   unit.stage = unit_stage::active;
   renew_filter(session, noise, rules, unit);
+  if (unit.filter.energy < weak_energy) start_from_core(session, noise, rules, spikes, unit);
   return true;
 }
 

@@ -26,6 +26,23 @@ train_crossing count_crossings(const std::vector<std::int32_t>& a,
 // Two units by their trains alone.
 bool trains_cross(const train_crossing& crossing);
 
+// A shape as it would be seen had the tissue moved by dy µm: each site reads what lay dy below it.
+spike_shape moved_shape(const session_state& session, const spike_shape& shape, std::int32_t points,
+                        double dy);
+
+// Neighbours of one kind are one waveform in two places. Which way along the probe, µm, brings two
+// shapes together best, and how many times less unlike they are then.
+struct way_between {
+  double um = 0;
+  double closer = 1;
+};
+way_between find_way(const session_state& session, const tracking_rules& rules,
+                     const spike_shape& a, const spike_shape& b);
+// Whether that is farther than one neuron can seem to be from itself where the tissue's movement is
+// taken out. closer: the least that counts.
+bool stand_apart(const way_between& way, double closer);
+constexpr double drifted_closer = 3;  // of means of many spikes, before and after a slow movement
+
 // Whether two active units have one waveform, by their recent shapes; why is then one clause.
 bool same_waveform(const session_state& session, const noise_covariance& noise,
                    const tracking_rules& rules, const tracked_unit& a, const tracked_unit& b,

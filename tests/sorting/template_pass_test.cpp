@@ -8,6 +8,7 @@
 #include <numbers>
 
 #include "clustering/templates.h"
+#include "recording/site_tables.h"
 #include "signal/noise.h"
 #include "signal/tissue_motion.h"
 #include "sorting/hand_overs.h"
@@ -238,7 +239,80 @@ TEST(TemplatePass, TellsTwoNeuronsInOneClusterApartButNotOneThatVaries) {
   const planted_cell unlike{5, 130, 4, 0.74};
   EXPECT_EQ(clusters_of_mixture(cell, unlike, 0, true), 1) << "nobody knows how the tissue moved";
   EXPECT_EQ(clusters_of_mixture(cell, unlike, 0, true, true), 2) << "too unlike, in still tissue";
-  EXPECT_EQ(clusters_of_mixture(cell, other, 0, true, true), 1) << "alike enough for a movement";
+  EXPECT_EQ(clusters_of_mixture(cell, other, 0, true, true), 2) << "alike, but nothing moved";
+}
+
+// Clusters that come of one in which a cell falls silent at half of the time and its like awakes
+// two sites further, both too small to be told apart spike by spike.
+std::int32_t clusters_of_small_ones(const std::vector<float>& tissue) {
+  planted_session p(12, 120, 33);
+  for (std::int32_t c = 1; c <= 12; ++c) {
+    p.s->recording.chan_y[c] = static_cast<std::int16_t>(10 * (c - 1));
+  }
+  build_site_tables(*p.s);
+  p.s->recording.motion.bin_s = 1;
+  p.s->recording.motion.um = tissue;
+  test::vector_random random(9);
+  for (std::int32_t i = 0; i < 1000; ++i) {
+    p.plant({i < 500 ? 5 : 7, 75, 4, 0.8}, regular(i, 2900, random), i < 500 ? 0 : 1);
+  }
+  p.sort_known(1, [](const planted_spike&) { return 1; });
+  EXPECT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  if (p.s->clusters.n_clusters == 2) {
+    EXPECT_GE(part_found(p, 0, 1) + part_found(p, 0, 2), 0.8);
+    EXPECT_LE(std::min(part_found(p, 0, 1), part_found(p, 0, 2)), 0.05);
+  }
+  return p.s->clusters.n_clusters;
+}
+
+TEST(TemplatePass, SeesANeighbourTakeTheTurnOfASmallUnit) {
+  std::vector<float> leap(120);
+  std::fill(leap.begin() + 60, leap.end(), 20.0f);
+  EXPECT_EQ(clusters_of_small_ones(std::vector<float>(120)), 2);
+  EXPECT_EQ(clusters_of_small_ones(leap), 1);
+}
+
+// Clusters that come of two, one before 60 s and one after, whose cells' shapes are 0.7 alike.
+std::int32_t clusters_about_a_leap(const std::vector<float>& tissue) {
+  planted_session p(12, 120, 35);
+  p.s->recording.motion.bin_s = 1;
+  p.s->recording.motion.um = tissue;
+  test::vector_random random(10);
+  for (std::int32_t i = 0; i < 800; ++i) {
+    const bool first = i < 400;
+    p.plant({6, 180, 4, first ? 0.3 : 0.75}, regular(i, 3700, random), first ? 0 : 1);
+  }
+  const double leap = 60 * 25'000;
+  p.sort_known(1, [leap](const planted_spike& spike) { return spike.time < leap ? 1 : 2; });
+  EXPECT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  return p.s->clusters.n_clusters;
+}
+
+TEST(TemplatePass, JoinsWhatALeapOfTheTissueLeavesOver) {
+  std::vector<float> leap(120);
+  std::fill(leap.begin() + 60, leap.end(), 20.0f);
+  EXPECT_EQ(clusters_about_a_leap(leap), 1);
+  EXPECT_EQ(clusters_about_a_leap(std::vector<float>(120)), 2);
+}
+
+// Most of a cluster is noise that detection took for spikes; the mean of all says nothing.
+TEST(TemplatePass, StartsFromTheSpikesThatStandOutOfAClusterOfNoise) {
+  planted_session p(8, 60, 34);
+  test::vector_random random(11);
+  for (std::int32_t i = 0; i < 300; ++i) {
+    p.plant({4, 150}, regular(i, 4600, random), 0);
+    for (int k = 0; k < 3; ++k) {
+      p.spikes.push_back({static_cast<double>(random.next() % 1'400'000) + 100, 1});
+    }
+  }
+  p.sort_known(1, [](const planted_spike&) { return 1; });
+  ASSERT_EQ(run_template_pass(*p.s), template_pass_end::done);
+  ASSERT_EQ(p.s->clusters.n_clusters, 1);
+  EXPECT_GE(part_found(p, 0, 1), 0.95);
+  const event_table& e = p.s->events;
+  std::int32_t n = 0;
+  for (std::int32_t i = 1; i <= e.n_events; ++i) n += e.event_cluster[i] == 1;
+  EXPECT_LE(n, 330);
 }
 
 // ---------------------------------------------------------------- sameness, interruption
@@ -440,6 +514,42 @@ TEST(UnitJoins, CountsCrossingsAndFindsTheWayOfTheTissue) {
   EXPECT_EQ(home_depth(units[9], motion), 900);
 }
 
+// A cell as a column of sites reads it from a place, µm, on the channels from first to last.
+spike_shape seen_from(const session_state& session, double place, std::int32_t first,
+                      std::int32_t last) {
+  spike_shape shape;
+  for (std::int32_t c = first; c <= last; ++c) {
+    const double off = (session.recording.chan_y[c] - place) / 35;
+    const auto size = static_cast<float>(9 * std::exp(-0.5 * off * off));
+    shape.channels.push_back(c);
+    shape.values.insert(shape.values.end(), {-size, 0.4f * size});
+  }
+  return shape;
+}
+
+TEST(UnitJoins, NeighboursOfOneKindStandApart) {
+  small_session p;
+  make_recording(*p, 24, 100);
+  for (std::int32_t c = 1; c <= 24; ++c) {
+    p->recording.chan_y[c] = static_cast<std::int16_t>(20 * (c - 1));
+  }
+  tracking_rules rules;
+  rules.window.points = 2;
+  rules.half_ms = 0;
+  const spike_shape cell = seen_from(*p, 220, 5, 20);
+  const way_between up = find_way(*p, rules, cell, seen_from(*p, 250, 5, 20));
+  const way_between down = find_way(*p, rules, cell, seen_from(*p, 190, 5, 20));
+  EXPECT_NEAR(std::fabs(up.um), 30, 5);
+  EXPECT_EQ(up.um, -down.um);
+  EXPECT_TRUE(stand_apart(up, drifted_closer));
+  // What a measure of movement that is off by 5 um leaves of one unit.
+  EXPECT_FALSE(stand_apart(find_way(*p, rules, cell, seen_from(*p, 225, 5, 20)), 1));
+  // Another waveform is nowhere much closer.
+  spike_shape other = seen_from(*p, 250, 5, 20);
+  for (std::size_t i = 0; i < other.values.size(); i += 2) other.values[i + 1] = -other.values[i];
+  EXPECT_FALSE(stand_apart(find_way(*p, rules, cell, other), drifted_closer));
+}
+
 TEST(HandOvers, GoWithTheMovementOrNot) {
   recording_store r;
   r.sampling_frequency = 1000;
@@ -447,6 +557,12 @@ TEST(HandOvers, GoWithTheMovementOrNot) {
     std::vector<std::int32_t> times;
     for (std::int32_t s = from; s < to; ++s) times.push_back(1000 * s + 500);
     return times;
+  };
+  const auto goes_with_movement = [](const recording_store& of, const auto& earlier,
+                                     const auto& later) {
+    double turn_s = 0;
+    const passage way = find_passage(of, earlier, later, turn_s);
+    return way == passage::leap || way == passage::swing;
   };
   const std::vector<std::int32_t> before = every_second(0, 80), after = every_second(80, 160);
   EXPECT_FALSE(goes_with_movement(r, before, after)) << "nothing was measured";
