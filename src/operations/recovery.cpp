@@ -255,9 +255,13 @@ bool open_restart(session_state& session) { return open_state(session, restart_s
 
 bool open_autorecover(session_state& session) {
   const bool opened = open_state(session, autorecover_state(session));
+  if (!opened) return false;
   // A recording without the results of the file is another session than the one that saved it.
-  if (opened) session.state_files.own_recording = session.recording.recording_path;
-  return opened;
+  session.state_files.own_recording = session.recording.recording_path;
+  // What a review has led to may be in its history alone, which knows nothing of a sort that begins
+  // before the next timed save.
+  if (session.history.fingerprint != 0) save_autorecover(session);
+  return true;
 }
 
 bool open_kept_state(session_state& session, const std::string& path) {

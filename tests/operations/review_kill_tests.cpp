@@ -7,8 +7,12 @@
 #include <random>
 #include <thread>
 
+#include "operations/kept_states.h"
+#include "operations/open_recording.h"
 #include "operations/program_run.h"
 #include "operations/recovery.h"
+#include "results/curation_file.h"
+#include "results/work_file.h"
 #include "review/recorded_edit.h"
 #include "support/child_process.h"
 #include "support/fixture_files.h"
@@ -78,6 +82,42 @@ TEST_F(review_kill_test, a_kill_loses_at_most_the_last_edit) {
         << (next.user.boxes.empty() ? "" : next.user.boxes.back().text);
   }
   EXPECT_GT(edits, 20);
+}
+
+// The last timed save was before the sort, which only the history of its review holds; and the user
+// sorts anew at once.
+TEST_F(review_kill_test, a_new_sort_after_recovery_leaves_the_reviewed_one) {
+  ASSERT_NE(notes, nullptr);
+  make_sort();
+  review_and_kill();
+  if (HasFatalFailure()) return;
+  const std::string state = home.file(autorecover_file_name);
+  {
+    small_session before;
+    ASSERT_TRUE(open_recording(*before, data.file("t.tsf")));
+    ASSERT_TRUE(write_work_file(*before, state));
+    namespace fs = std::filesystem;
+    fs::last_write_time(state, fs::last_write_time(curation_path(state)) - std::chrono::seconds(5));
+  }
+  std::uint64_t reviewed = 0;
+  {
+    small_session next;
+    next->home_directory = home.path;
+    next.user.default_answer = true;
+    ASSERT_TRUE(open_at_start(*next, ""));
+    ASSERT_GT(next->clusters.n_clusters, 0);
+    reviewed = sort_fingerprint(*next);
+    clear_events(next->events);
+    next->clusters.n_clusters = 0;
+    ASSERT_TRUE(save_autorecover(*next));
+  }
+  small_session later;
+  later->home_directory = home.path;
+  later.user.default_answer = true;
+  const std::vector<kept_state> kept = list_kept_states(*later);
+  ASSERT_EQ(kept.size(), 1u);
+  ASSERT_TRUE(open_kept_state(*later, kept[0].path));
+  EXPECT_EQ(sort_fingerprint(*later), reviewed);
 }
 
 }  // namespace
