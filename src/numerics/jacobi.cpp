@@ -14,6 +14,11 @@ namespace {
 constexpr std::int32_t max_sweeps = 50;
 constexpr std::int32_t stack_order = 128;  // largest n whose work space is on the stack
 
+// The rows are of one call and no other thread knows them: to have the thread sanitizer look at
+// each of their lanes costs a hundred times the rotations and could find nothing. What comes from
+// the caller and what goes to it is looked at.
+#define KESTRELVANE_OWN_ROWS __attribute__((no_sanitize("thread")))
+
 // The symmetric matrix in full, each row followed by the matching eigenvector, so
 // that one rotation is two contiguous rows turned against each other:
 // row(q)[j] is element (q, j), row(q)[half + k] component k of eigenvector q.
@@ -22,12 +27,15 @@ struct work_rows {
   float* first;
   std::int32_t half;  // n in whole lanes
 
-  float* row(std::int32_t q) const { return first + std::int64_t{q} * 2 * half; }
+  KESTRELVANE_INTO_CALLER float* row(std::int32_t q) const {
+    return first + std::int64_t{q} * 2 * half;
+  }
 };
 
 // Turns lanes [begin, end) of row p against those of row q.
-inline __attribute__((always_inline)) void turn(float* row_p, float* row_q, std::int32_t begin,
-                                                std::int32_t end, float s, float tau) {
+KESTRELVANE_OWN_ROWS KESTRELVANE_INTO_CALLER void turn(float* row_p, float* row_q,
+                                                       std::int32_t begin, std::int32_t end,
+                                                       float s, float tau) {
   for (std::int32_t j = begin; j < end; j += n_lanes) {
     float_lanes& at_p = *reinterpret_cast<float_lanes*>(row_p + j);
     float_lanes& at_q = *reinterpret_cast<float_lanes*>(row_q + j);
@@ -38,7 +46,7 @@ inline __attribute__((always_inline)) void turn(float* row_p, float* row_q, std:
   }
 }
 
-inline float sum_above_diagonal(const work_rows& w, std::int32_t n) {
+KESTRELVANE_OWN_ROWS inline float sum_above_diagonal(const work_rows& w, std::int32_t n) {
   float sum = 0.0f;
   for (std::int32_t p = 0; p < n - 1; ++p) {
     const float* row = w.row(p);
@@ -49,7 +57,7 @@ inline float sum_above_diagonal(const work_rows& w, std::int32_t n) {
 
 // A sum of magnitudes is 0 only if each is: from the fourth sweep on, when the
 // sum is not needed as a threshold, one element that is not settles it.
-inline bool is_diagonal(const work_rows& w, std::int32_t n) {
+KESTRELVANE_OWN_ROWS inline bool is_diagonal(const work_rows& w, std::int32_t n) {
   for (std::int32_t p = 0; p < n - 1; ++p) {
     const float* row = w.row(p);
     for (std::int32_t q = p + 1; q < n; ++q) {
@@ -63,9 +71,11 @@ inline bool is_diagonal(const work_rows& w, std::int32_t n) {
 // that part is turned first and the rest of the rows while the angle is worked
 // out. Of rows still to come, q's new elements are copied across the diagonal at
 // once; the rest of the square is mirrored at the end.
-inline __attribute__((always_inline)) std::int32_t sweep_row(const work_rows& w, std::int32_t n,
-                                                             std::int32_t p, std::int32_t sweep,
-                                                             float threshold, float* d, float* z) {
+KESTRELVANE_OWN_ROWS KESTRELVANE_INTO_CALLER std::int32_t sweep_row(const work_rows& w,
+                                                                    std::int32_t n, std::int32_t p,
+                                                                    std::int32_t sweep,
+                                                                    float threshold, float* d,
+                                                                    float* z) {
   float* row_p = w.row(p);
   const std::int32_t begin = (p + 1) / n_lanes * n_lanes;
   std::int32_t n_turns = 0;
@@ -115,8 +125,10 @@ inline __attribute__((always_inline)) std::int32_t sweep_row(const work_rows& w,
 }
 
 // The sweeps. True when the matrix has become diagonal.
-KESTRELVANE_CLONES bool sweep_until_diagonal(const work_rows& w, std::int32_t n, float* d, float* b,
-                                             float* z, std::int32_t& n_rotations) {
+KESTRELVANE_OWN_ROWS KESTRELVANE_CLONES bool sweep_until_diagonal(const work_rows& w,
+                                                                  std::int32_t n, float* d,
+                                                                  float* b, float* z,
+                                                                  std::int32_t& n_rotations) {
   for (std::int32_t sweep = 1; sweep <= max_sweeps; ++sweep) {
     float threshold = 0.0f;
     if (sweep < 4) {
