@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "operations/open_recording.h"
 #include "results/work_file.h"
@@ -550,6 +552,66 @@ process_result run_and_signal(const words& arguments, const std::string& at,
   return result;
 }
 
+// What the system tells of a process: the letter of its state, 'Z' once it has ended, and the
+// signals that it has handlers for.
+struct process_look {
+  char state = 'Z';
+  std::uint64_t caught = 0;
+};
+
+process_look look_at(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  process_look look;
+  for (std::string word; status >> word;) {
+    if (word == "State:") status >> look.state;
+    if (word == "SigCgt:") status >> std::hex >> look.caught >> std::dec;
+  }
+  return look;
+}
+
+// False when the process has ended before it looks so.
+template <class Test>
+bool wait_for(pid_t process, const Test& looks_so) {
+  for (;;) {
+    const process_look look = look_at(process);
+    if (look.state == 'Z') return false;
+    if (looks_so(look)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+// To a process that has been stopped, since only that cannot come to its end, however long this one
+// waits for its own turn, before the last of them is there. False when it has ended already.
+bool signal_at_once(pid_t process, const std::vector<int>& signals) {
+  kill(process, SIGSTOP);
+  const bool stopped = wait_for(process, [](const auto& look) { return look.state == 'T'; });
+  for (const int signal : signals) kill(process, signal);
+  kill(process, SIGCONT);
+  return stopped;
+}
+
+// The first signals when clusters exist, each of the next when those before it have been taken,
+// after which the system has them and not the program. Again where the sort was done by then.
+process_result run_and_press(const words& arguments, const std::vector<std::vector<int>>& presses) {
+  process_result result;
+  bool in_time = false;
+  for (int tries = 0; tries < 20 && !in_time; ++tries) {
+    bool begun = false;
+    result = run_process(KESTRELVANE_BATCH, arguments, [&](pid_t process, const std::string& line) {
+      if (begun || line.find("initial clusters") == std::string::npos) return;
+      begun = true;
+      in_time = signal_at_once(process, presses[0]);
+      for (std::size_t i = 1; i < presses.size() && in_time; ++i) {
+        const std::uint64_t bit = std::uint64_t{1} << (presses[i][0] - 1);
+        in_time = wait_for(process, [&](const auto& look) { return (look.caught & bit) == 0; }) &&
+                  signal_at_once(process, presses[i]);
+      }
+    });
+  }
+  EXPECT_TRUE(in_time) << result.err;
+  return result;
+}
+
 TEST_F(batch_test, an_interrupted_sort_is_kept_and_gone_on_with) {
   const words whole{"sort", tsf, "--save-work", file("w.wrk"), "--export", "csv=" + file("w.csv")};
   ASSERT_EQ(run(whole).status, 0);
@@ -614,11 +676,21 @@ TEST_F(batch_test, what_is_interrupted_is_not_taken_for_done) {
                      {SIGTERM}, {file("d.wrk")});
   EXPECT_EQ(detect.status, 1);
   EXPECT_THAT(detect.err, HasSubstr("Nothing was saved"));
-  // The second signal ends the program, of whichever kind it is.
-  const process_result ended =
-      run_and_signal({"sort", tsf, "--save-work", file("e.wrk")}, "initial clusters",
-                     {SIGINT, SIGINT, SIGTERM, SIGTERM}, {file("e.wrk")});
-  EXPECT_LT(ended.status, 0);
+}
+
+TEST_F(batch_test, the_second_signal_ends_the_program) {
+  const words sort{"sort", tsf, "--save-work", file("e.wrk")};
+  for (const auto& [first, second] :
+       {std::pair{SIGINT, SIGINT}, std::pair{SIGINT, SIGTERM}, std::pair{SIGTERM, SIGINT}}) {
+    EXPECT_EQ(run_and_press(sort, {{first}, {second}}).status, -second) << first;
+  }
+#if !defined(__SANITIZE_THREAD__)
+  // Of both kinds at one moment, which the system never takes for one signal. The thread sanitizer
+  // does not pass on the second: it keeps signals until the thread calls it, and throws away those
+  // whose handler has gone by then.
+  EXPECT_LT(run_and_press(sort, {{SIGINT, SIGTERM}}).status, 0);
+#endif
+  EXPECT_FALSE(exists("e.wrk"));
 }
 
 TEST_F(batch_test, threads_are_those_that_a_job_may_use) {
