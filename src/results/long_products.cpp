@@ -94,40 +94,52 @@ KESTRELVANE_BY_WIDTH(multiply_rows,
                      (const float* const* rows, const float* block, std::size_t size, double* sums),
                      (rows, block, size, sums))
 
-struct row_set {
-  const float* values;
-  std::size_t n, size;
-  const float* row(std::size_t k) const { return values + k * size; }
-};
-
-std::vector<double> lengths_of(const row_set& rows) {
+std::vector<double> lengths_of(const row_source& rows) {
   std::vector<double> lengths(rows.n);
+  std::vector<float> row(rows.size);
   for (std::size_t k = 0; k < rows.n; ++k) {
+    rows.copy(k, row.data());
     double sum = 0;
-    for (std::size_t i = 0; i < rows.size; ++i) {
-      sum += double{rows.row(k)[i]} * double{rows.row(k)[i]};
-    }
+    for (const float value : row) sum += double{value} * double{value};
     lengths[k] = std::sqrt(sum);
   }
   return lengths;
 }
 
-// Cosines of the rows from first on with themselves and all before them, in both places.
-void compare_block(const row_set& rows, const std::vector<double>& lengths, std::size_t first,
+// Rows first to last - 1 side by side, zeros in the place of what a whole block has beyond them.
+std::vector<float> make_block(const row_source& rows, std::size_t first, std::size_t last) {
+  std::vector<float> block(rows.size * rows_of_block, 0.0f), row(rows.size);
+  for (std::size_t b = first; b < last; ++b) {
+    rows.copy(b, row.data());
+    for (std::size_t i = 0; i < rows.size; ++i) block[i * rows_of_block + (b - first)] = row[i];
+  }
+  return block;
+}
+
+// Rows that are held at a time, for all blocks to be compared with. It begins where a block does,
+// so that the block's own rows are in one piece or behind it.
+struct row_piece {
+  std::size_t first = 0, end = 0, size = 0;
+  std::vector<float> values;
+  float* row(std::size_t k) { return values.data() + (k - first) * size; }
+  const float* row(std::size_t k) const { return values.data() + (k - first) * size; }
+};
+constexpr std::size_t bytes_of_piece = 8 << 20;
+
+// Cosines of the rows of a block, from first on, with those of the piece that are not behind them,
+// in both places.
+void compare_block(const row_source& rows, const row_piece& piece,
+                   const std::vector<double>& lengths, std::size_t first,
                    std::vector<float>& cosines) {
   const std::size_t last = std::min(first + rows_of_block, rows.n);
-  std::vector<float> block(rows.size * rows_of_block, 0.0f);
-  for (std::size_t b = first; b < last; ++b) {
-    for (std::size_t i = 0; i < rows.size; ++i) {
-      block[i * rows_of_block + (b - first)] = rows.row(b)[i];
-    }
-  }
-  for (std::size_t a = 0; a < last; a += rows_at_once) {
+  const std::vector<float> block = make_block(rows, first, last);
+  const std::size_t end = std::min(last, piece.end);
+  for (std::size_t a = piece.first; a < end; a += rows_at_once) {
     const float* wanted[rows_at_once];
     double sums[rows_at_once * rows_of_block];
-    for (std::size_t r = 0; r < rows_at_once; ++r) wanted[r] = rows.row(std::min(a + r, last - 1));
+    for (std::size_t r = 0; r < rows_at_once; ++r) wanted[r] = piece.row(std::min(a + r, end - 1));
     multiply_rows(wanted, block.data(), rows.size, sums);
-    for (std::size_t k = a; k < std::min(a + rows_at_once, last); ++k) {
+    for (std::size_t k = a; k < std::min(a + rows_at_once, end); ++k) {
       // Each pair once, from the lower of the two: another block may be at work on its own.
       for (std::size_t b = std::max(k, first); b < last; ++b) {
         const double scale = lengths[k] * lengths[b];
@@ -141,19 +153,29 @@ void compare_block(const row_set& rows, const std::vector<double>& lengths, std:
 
 }  // namespace
 
-std::vector<float> find_cosines(const std::vector<float>& rows, std::size_t n,
-                                std::int32_t n_threads) {
-  std::vector<float> cosines(n * n, 0.0f);
-  if (n == 0) return cosines;
-  const row_set all{rows.data(), n, rows.size() / n};
-  const std::vector<double> lengths = lengths_of(all);
-  const std::size_t n_blocks = (n + rows_of_block - 1) / rows_of_block;
-  // The longest first, so that no thread begins one when the others are done.
-  parallel_for_dealt(n_threads, 1, static_cast<std::int64_t>(n_blocks),
-                     [&](std::int64_t i, std::int32_t) {
-                       const std::size_t block = n_blocks - static_cast<std::size_t>(i);
-                       compare_block(all, lengths, block * rows_of_block, cosines);
-                     });
+std::vector<float> find_cosines(const row_source& rows, std::int32_t n_threads) {
+  std::vector<float> cosines(rows.n * rows.n, 0.0f);
+  const std::vector<double> lengths = lengths_of(rows);
+  const std::size_t n_blocks = (rows.n + rows_of_block - 1) / rows_of_block;
+  const std::size_t blocks_of_piece =
+      bytes_of_piece / std::max<std::size_t>(rows.size * rows_of_block * sizeof(float), 1);
+  const std::size_t n_held = std::max<std::size_t>(blocks_of_piece, 1) * rows_of_block;
+  row_piece piece{0, 0, rows.size, std::vector<float>(std::min(n_held, rows.n) * rows.size)};
+  for (; piece.end < rows.n; piece.first = piece.end) {
+    piece.end = std::min(piece.first + n_held, rows.n);
+    parallel_for(n_threads, static_cast<std::int64_t>(piece.first),
+                 static_cast<std::int64_t>(piece.end) - 1, [&](std::int64_t k, std::int32_t) {
+                   rows.copy(static_cast<std::size_t>(k), piece.row(static_cast<std::size_t>(k)));
+                 });
+    // The longest first, so that no thread begins one when the others are done: those of the
+    // piece's own rows are shorter.
+    parallel_for_dealt(n_threads, 1,
+                       static_cast<std::int64_t>(n_blocks - piece.first / rows_of_block),
+                       [&](std::int64_t i, std::int32_t) {
+                         const std::size_t block = n_blocks - static_cast<std::size_t>(i);
+                         compare_block(rows, piece, lengths, block * rows_of_block, cosines);
+                       });
+  }
   return cosines;
 }
 

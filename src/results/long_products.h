@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 namespace kestrelvane {
@@ -21,9 +22,15 @@ struct product_chain {
 // Adds n_points products to the sum of each chain. At most 151 points.
 void add_products(std::vector<product_chain>& chains, std::int32_t n_points);
 
-// Cosines of the angles between all pairs of n rows of so many values, row by row; 0 for a row of
-// zeros, which is like nothing. On so many threads.
-std::vector<float> find_cosines(const std::vector<float>& rows, std::size_t n,
-                                std::int32_t n_threads);
+// Rows of so many values each, made when they are asked for: all of them at once may be more than
+// there is memory for. Called on several threads.
+struct row_source {
+  std::size_t n = 0, size = 0;
+  std::function<void(std::size_t k, float* row)> copy;
+};
+
+// Cosines of the angles between all pairs of rows, row by row; 0 for a row of zeros, which is like
+// nothing. On so many threads.
+std::vector<float> find_cosines(const row_source& rows, std::int32_t n_threads);
 
 }  // namespace kestrelvane

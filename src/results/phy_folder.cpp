@@ -34,7 +34,8 @@ constexpr std::int32_t n_components = 3;         // principal components per cha
 constexpr std::size_t most_local_channels = 12;  // channels with features, per template
 constexpr std::size_t most_similar = 16;         // templates that a spike is compared with
 constexpr std::size_t most_sample_spikes = 200;  // extracted waveforms per cluster
-constexpr std::size_t n_per_piece = 4096;        // spikes worked on between two writes
+constexpr std::size_t n_per_piece = 4096;        // rows worked on between two writes
+constexpr std::size_t piece_limit = 4 << 20;     // and bytes, but for a single row
 
 // What all files of the folder are made from.
 struct phy_export {
@@ -43,7 +44,6 @@ struct phy_export {
   std::vector<std::int32_t> channels;                 // unmasked, program numbers
   std::vector<std::int32_t> events;                   // sorted ones in order of time
   std::vector<std::vector<std::int32_t>> local;       // of each template, places in channels
-  std::vector<float> templates;                       // template, point, channel; bits
   std::vector<float> similarity;                      // template by template
   std::vector<std::vector<std::int32_t>> neighbours;  // of each template, most similar first
   std::vector<double> components;                     // component, point
@@ -82,13 +82,14 @@ bool write_array(const phy_export& x, const std::string& name, const std::string
   return finish_safe_file(out);
 }
 
-// An array of one row per spike, worked out in pieces; fill writes the rows of the spikes
-// first to first + n - 1, on several threads by its own choice.
+// An array of one row per spike or whatever else has numbers, worked out in pieces; fill writes the
+// row of one, on several threads by its own choice.
 template <typename T>
 bool write_rows(const phy_export& x, const std::string& name, const std::string& type,
-                const std::vector<std::int64_t>& row_shape, const std::vector<std::int32_t>& spikes,
-                const std::function<void(std::int32_t event, T* row)>& fill) {
-  std::vector<std::int64_t> shape = {static_cast<std::int64_t>(spikes.size())};
+                const std::vector<std::int64_t>& row_shape,
+                const std::vector<std::int32_t>& numbers,
+                const std::function<void(std::int32_t number, T* row)>& fill) {
+  std::vector<std::int64_t> shape = {static_cast<std::int64_t>(numbers.size())};
   shape.insert(shape.end(), row_shape.begin(), row_shape.end());
   const auto row_size = static_cast<std::size_t>(std::accumulate(
       row_shape.begin(), row_shape.end(), std::int64_t{1}, std::multiplies<std::int64_t>()));
@@ -96,14 +97,16 @@ bool write_rows(const phy_export& x, const std::string& name, const std::string&
   if (!open_safe_file(out, x.folder + name + ".npy")) return false;
   write_text(out, npy_header_text(type, shape));
   std::vector<T> piece;
-  for (std::size_t first = 0; first < spikes.size() && !out.failed; first += n_per_piece) {
-    const std::size_t n = std::min(n_per_piece, spikes.size() - first);
+  const std::size_t per_piece = std::clamp<std::size_t>(
+      piece_limit / std::max<std::size_t>(row_size * sizeof(T), 1), 1, n_per_piece);
+  for (std::size_t first = 0; first < numbers.size() && !out.failed; first += per_piece) {
+    const std::size_t n = std::min(per_piece, numbers.size() - first);
     // Zeros for what fill does not set.
     piece.assign(n * row_size, T{});
     parallel_for(threads_now(x.session), 0, static_cast<std::int64_t>(n) - 1,
                  [&](std::int64_t i, std::int32_t) {
                    const auto row = static_cast<std::size_t>(i);
-                   fill(spikes[first + row], piece.data() + row * row_size);
+                   fill(numbers[first + row], piece.data() + row * row_size);
                  });
     write_bytes(out, piece.data(), piece.size() * sizeof(T));
   }
@@ -131,16 +134,21 @@ void list_events(phy_export& x) {
                    [&times](std::int32_t a, std::int32_t b) { return times[a] < times[b]; });
 }
 
-void list_templates(phy_export& x) {
-  const template_table& t = x.session.templates;
+// A template, from 0, as readers have it: all channels of a point, point by point. Made where it is
+// needed, since the templates of thousands of clusters on hundreds of channels are too much to hold
+// twice. A line of the cache at a time.
+void copy_template(const phy_export& x, std::size_t t, float* row) {
   const std::size_t n_points = x.n_points(), n_channels = x.channels.size();
-  x.templates.resize(x.n_templates() * n_points * n_channels);
-  for (std::size_t k = 0; k < x.n_templates(); ++k) {
-    for (std::size_t c = 0; c < n_channels; ++c) {
-      const float* mean = t.mean(static_cast<std::int32_t>(k) + 1, x.channels[c]);
-      for (std::size_t p = 0; p < n_points; ++p) {
-        x.templates[(k * n_points + p) * n_channels + c] = mean[p + 1];
-      }
+  constexpr std::size_t at_once = 16;
+  const float* means[at_once];
+  for (std::size_t first = 0; first < n_channels; first += at_once) {
+    const std::size_t n = std::min(at_once, n_channels - first);
+    for (std::size_t c = 0; c < n; ++c) {
+      means[c] = x.session.templates.mean(static_cast<std::int32_t>(t) + 1, x.channels[first + c]);
+    }
+    for (std::size_t p = 0; p < n_points; ++p) {
+      float* to = row + p * n_channels + first;
+      for (std::size_t c = 0; c < n; ++c) to[c] = means[c][p + 1];
     }
   }
 }
@@ -183,7 +191,8 @@ void gather_local_templates(phy_export& x) {
 // Cosine of the angle between two templates over all channels.
 void compare_templates(phy_export& x) {
   const std::size_t n = x.n_templates();
-  x.similarity = find_cosines(x.templates, n, threads_now(x.session));
+  const auto copy = [&x](std::size_t t, float* row) { copy_template(x, t, row); };
+  x.similarity = find_cosines({n, x.n_points() * x.channels.size(), copy}, threads_now(x.session));
   for (std::size_t a = 0; a < n; ++a) {
     std::vector<std::int32_t> order(n);
     std::iota(order.begin(), order.end(), 0);
@@ -392,10 +401,15 @@ bool write_channels(const phy_export& x) {
 
 bool write_templates(const phy_export& x) {
   const auto n = static_cast<std::int64_t>(x.n_templates());
-  return write_array(x, "templates", "<f4",
-                     {n, static_cast<std::int64_t>(x.n_points()),
-                      static_cast<std::int64_t>(x.channels.size())},
-                     x.templates) &&
+  std::vector<std::int32_t> all(x.n_templates());
+  std::iota(all.begin(), all.end(), 0);
+  return write_rows<float>(x, "templates", "<f4",
+                           {static_cast<std::int64_t>(x.n_points()),
+                            static_cast<std::int64_t>(x.channels.size())},
+                           all,
+                           [&](std::int32_t t, float* row) {
+                             copy_template(x, static_cast<std::size_t>(t), row);
+                           }) &&
          write_array(x, "similar_templates", "<f4", {n, n}, x.similarity);
 }
 
@@ -533,7 +547,6 @@ bool belongs_to_old_sort(const std::string& name) {
 
 bool write_folder(phy_export& x) {
   list_events(x);
-  list_templates(x);
   list_local_channels(x);
   gather_local_templates(x);
   compare_templates(x);
@@ -547,7 +560,7 @@ bool write_folder(phy_export& x) {
 
 bool export_phy(const session_state& session, const std::string& path) {
   const recording_store& r = session.recording;
-  phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  phy_export x{session, path + "/", {}, {}, {}, {}, {}, {}, {}, {}};
   for (std::int32_t c = 1; c <= r.n_channels; ++c) {
     if (!r.chan_mask[c]) x.channels.push_back(c);
   }
@@ -560,10 +573,11 @@ bool export_phy(const session_state& session, const std::string& path) {
       !ask(session, path + " holds a sort already. Replace it?", "File already exists")) {
     return false;
   }
-  // Asked before the tables are made, which would end the program where there is no room.
-  const std::int64_t bytes = std::int64_t{4} * session.clusters.n_clusters *
-                             session.templates.template_points *
-                             static_cast<std::int64_t>(x.channels.size());
+  // Asked before the tables are made, which would end the program where there is no room: the
+  // likeness of all pairs, and the templates on their own channels.
+  const std::size_t of_template =
+      sizeof(float) * x.n_templates() + sizeof(double) * x.n_local() * x.n_points();
+  const auto bytes = static_cast<std::int64_t>(x.n_templates() * of_template);
   if (!memory_can_hold(bytes)) {
     tell(session, "Not enough memory for the templates of the folder", box_title);
     return false;

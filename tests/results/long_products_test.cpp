@@ -39,33 +39,42 @@ TEST(long_products, are_those_of_a_plain_loop) {
   }
 }
 
-TEST(long_products, cosines_are_those_of_pairs_one_by_one) {
+void expect_cosines_of(std::size_t n, std::size_t size) {
   vector_random random(4);
-  constexpr std::size_t size = 311;
-  for (const std::size_t n : {0, 1, 5, 16, 17, 50}) {
-    std::vector<float> rows(n * size);
-    for (float& value : rows) value = random_voltage(random);
-    // One that is like nothing.
-    if (n > 5) std::fill_n(rows.begin() + 3 * size, size, 0.0f);
-    const auto product = [&](std::size_t a, std::size_t b) {
+  std::vector<float> rows(n * size);
+  for (float& value : rows) value = random_voltage(random);
+  // One that is like nothing.
+  if (n > 5) std::fill_n(rows.begin() + static_cast<std::ptrdiff_t>(3 * size), size, 0.0f);
+  std::vector<double> products(n * n);
+  for (std::size_t a = 0; a < n; ++a) {
+    for (std::size_t b = 0; b <= a; ++b) {
       double sum = 0;
       for (std::size_t i = 0; i < size; ++i) {
         sum += double{rows[a * size + i]} * double{rows[b * size + i]};
       }
-      return sum;
-    };
-    for (const std::int32_t n_threads : {1, 3}) {
-      const std::vector<float> cosines = find_cosines(rows, n, n_threads);
-      ASSERT_EQ(cosines.size(), n * n);
-      for (std::size_t a = 0; a < n; ++a) {
-        for (std::size_t b = 0; b < n; ++b) {
-          const double scale = std::sqrt(product(a, a)) * std::sqrt(product(b, b));
-          const double expected = scale > 0 ? product(a, b) / scale : 0;
-          ASSERT_EQ(cosines[a * n + b], static_cast<float>(expected)) << a << ' ' << b;
-        }
+      products[a * n + b] = products[b * n + a] = sum;
+    }
+  }
+  const row_source source{
+      n, size, [&](std::size_t k, float* row) { std::copy_n(&rows[k * size], size, row); }};
+  for (const std::int32_t n_threads : {1, 3}) {
+    const std::vector<float> cosines = find_cosines(source, n_threads);
+    ASSERT_EQ(cosines.size(), n * n);
+    for (std::size_t a = 0; a < n; ++a) {
+      for (std::size_t b = 0; b < n; ++b) {
+        const double scale = std::sqrt(products[a * n + a]) * std::sqrt(products[b * n + b]);
+        const double expected = scale > 0 ? products[a * n + b] / scale : 0;
+        ASSERT_EQ(cosines[a * n + b], static_cast<float>(expected)) << a << ' ' << b;
       }
     }
   }
+}
+
+TEST(long_products, cosines_are_those_of_pairs_one_by_one) {
+  for (const std::size_t n : {0, 1, 5, 16, 17, 50}) expect_cosines_of(n, 311);
+  // Rows of which few are held at a time.
+  expect_cosines_of(34, 140'000);
+  expect_cosines_of(16, 140'000);
 }
 
 }  // namespace
