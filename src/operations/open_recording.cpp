@@ -313,7 +313,6 @@ bool open_recording_worker(session_state& session, const recording_request& requ
   session.preferences.open_dialog_format = request.format;
   session.operation.reader_running = true;
   session.operation.open_succeeded = false;
-  session.operation.reading_interrupted = false;
   begin_stage(session, "reading");
   set_status(session, status_field::file_name, request.path);
   if (count_log_lines(session) > 0) log_message(session, "");
@@ -339,6 +338,7 @@ bool open_recording_worker(session_state& session, const recording_request& requ
 }
 
 bool open_recording(session_state& session, const std::string& path) {
+  set_interrupts(session.operation, false);
   const std::optional<recording_request> request = prepare_open_recording(session, {path});
   return request && open_recording_worker(session, *request);
 }

@@ -33,7 +33,8 @@ std::optional<recording_request> prepare_open_recent(const session_state& sessio
                                                      std::size_t entry);
 
 // Reads the recording, whose format becomes the open dialog's. True when it is in memory;
-// operation.open_succeeded and operation.reader_running tell the same to a watcher.
+// operation.open_succeeded and operation.reader_running tell the same to a watcher. Whoever starts
+// it takes back the interrupts of what went before.
 bool open_recording_worker(session_state& session, const recording_request& request);
 
 // prepare_open_recording and the worker in one, on the calling thread.

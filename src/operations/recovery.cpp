@@ -285,7 +285,10 @@ bool open_recording_or_return(session_state& session, const recording_request& r
                   "Open {} again with them?",
                   request.path, earlier),
       "Open a recording file");
-  return answer == user_answer::yes && open_autorecover(session);
+  if (answer != user_answer::yes) return false;
+  // What ended the other reading is not meant for this one.
+  session.operation.reading_interrupted = false;
+  return open_autorecover(session);
 }
 
 void start_autorecover(autorecover_timer& timer, const session_state& session) {

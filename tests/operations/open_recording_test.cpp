@@ -169,6 +169,17 @@ TEST_F(open_test, a_file_that_vanishes_before_the_read_leaves_an_empty_session) 
   EXPECT_EQ(session->recording.n_samples, 0);
 }
 
+TEST_F(open_test, a_press_before_the_first_block_is_not_lost) {
+  const auto request = prepare_open_recording(*session, {make("rec.tsf")});
+  ASSERT_TRUE(request);
+  set_interrupts(session->operation, true);
+  EXPECT_FALSE(open_recording_worker(*session, *request));
+  EXPECT_EQ(session->recording.n_samples, 0);
+  EXPECT_EQ(check_session(*session), "");
+  set_interrupts(session->operation, false);
+  EXPECT_TRUE(open_recording_worker(*session, *request));
+}
+
 TEST_F(open_test, formats_without_a_reader_say_so) {
   ASSERT_TRUE(open_recording(*session, make("good.tsf")));
   user.default_answer = true;

@@ -371,6 +371,11 @@ TEST_F(recovery_test, a_failed_open_gives_the_earlier_sort_back) {
   EXPECT_EQ(first_comment(run), "hours of work");
   EXPECT_EQ(check_session(*run), "");
 
+  // A reading that the user ends is no other, and the press is not for the way back.
+  run->operation.reading_interrupted = true;
+  EXPECT_TRUE(open_recording_or_return(*run, {recording, file_type_tsf}));
+  EXPECT_EQ(first_comment(run), "hours of work") << "the recording alone has none";
+
   run.user.default_answer = false;
   EXPECT_FALSE(open_recording_or_return(*run, *request));
   EXPECT_EQ(run->recording.n_samples, 0);

@@ -35,6 +35,7 @@ struct interleaved_test : testing::Test {
     session.user.lines.clear();
     session.user.questions.clear();
     session.user.answers[overwrite_question] = true;
+    set_interrupts(session->operation, false);
     const auto request = prepare_open_recording(*session, {.path = path, .stream = stream});
     return request && open_recording_worker(*session, *request);
   }

@@ -15,6 +15,7 @@ namespace kestrelvane::test {
 // By the worker alone: the decision before it keeps from a reader what a file's first bytes
 // give away.
 inline bool read_recording(session_state& session, const std::string& path) {
+  set_interrupts(session.operation, false);
   return open_recording_worker(session, {path, classify_extension(path)});
 }
 
