@@ -283,7 +283,11 @@ constexpr std::int32_t neighbours = 10;        // bins that one is first compare
 constexpr double around_s = 60, looks_s = 20;  // a picture to either side; to the next
 constexpr double window_um = 8;                // that its bins may still be off
 constexpr int sharpenings = 3;
-constexpr int placings = 2;  // of spikes anew, by movement that is known
+// Spikes are placed anew by the movement that is known, since they lie too near to sites: a first
+// look sees as little as half of a way. It goes on for as long as they lie that much more alike.
+constexpr int placings = 2, most_placings = 6;
+constexpr double placed_better = 1.1;
+constexpr double hint_of_gain = 0.25;  // of the least, to place them at all
 constexpr std::int32_t fewest_bins = 16;
 constexpr double fewest_spikes = 60;  // of a bin in the mean
 
@@ -425,6 +429,14 @@ tissue_motion measure_motion(const std::vector<spike_place>& spikes, std::int64_
   return measure_from({}, spikes, n_samples, sampling_frequency, n_threads);
 }
 
+namespace {
+
+bool may_have_moved(const tissue_motion& motion) {
+  return motion.range >= motion_least_um && motion.gain >= hint_of_gain * motion_least_gain;
+}
+
+}  // namespace
+
 tissue_motion measure_motion(const session_state& session) {
   if (!can_follow_motion(session)) return {};
   const recording_store& r = session.recording;
@@ -434,7 +446,10 @@ tissue_motion measure_motion(const session_state& session) {
     return measure_from(known, spikes, r.n_samples, r.sampling_frequency, threads_now(session));
   };
   tissue_motion motion = measure({}, found);
-  for (int i = 0; i < placings && motion.moved; ++i) {
+  double gain_before = 0;
+  for (int i = 0; i < most_placings && may_have_moved(motion); ++i) {
+    if (i >= placings && motion.gain < placed_better * gain_before) break;
+    gain_before = motion.gain;
     std::vector<std::int32_t> ways;
     for (const spike_place& s : found) {
       const double way = motion_at(motion, static_cast<double>(s.time) / r.sampling_frequency);
