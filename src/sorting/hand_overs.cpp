@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "signal/tissue_motion.h"
-#include "sorting/unit_joins.h"
 
 namespace kestrelvane {
 
@@ -401,6 +400,14 @@ double likeness_where_seen(const recording_store& recording, const tracking_rule
   return compare_shapes(one, other, points, rules.half_ms).similarity;
 }
 
+way_between find_way_where_seen(const session_state& session, const tracking_rules& rules,
+                                const spike_shape& a, double place_a, const spike_shape& b,
+                                double place_b) {
+  const std::int32_t points = rules.window.points;
+  return find_way(session, rules, seen_at_both(session.recording, a, points, place_a, place_b),
+                  seen_at_both(session.recording, b, points, place_a, place_b));
+}
+
 namespace {
 
 // How much alike two units' spikes are in the mean, on the channels of either that saw both: one
@@ -456,7 +463,11 @@ bool movement_explains(const session_state& session, const noise_covariance& noi
                              spikes_about(earlier, turn_s * frequency),
                              spikes_about(later, turn_s * frequency));
       return likeness >= drifted_like &&
-             !stand_apart(find_way(session, rules, earlier.shape, later.shape), drifted_closer);
+             !stand_apart(find_way_where_seen(session, rules, earlier.shape,
+                                              mean_place(session.recording, spike_times(earlier)),
+                                              later.shape,
+                                              mean_place(session.recording, spike_times(later))),
+                          drifted_closer);
     case passage::none:
       break;
   }

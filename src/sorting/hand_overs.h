@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "sorting/tracked_units.h"
+#include "sorting/unit_joins.h"
 
 namespace kestrelvane {
 
@@ -46,6 +47,10 @@ passage find_passage(const recording_store& recording, const std::vector<std::in
 double likeness_where_seen(const recording_store& recording, const tracking_rules& rules,
                            const spike_shape& a, double place_a, const spike_shape& b,
                            double place_b);
+// How far apart they stand by those channels.
+way_between find_way_where_seen(const session_state& session, const tracking_rules& rules,
+                                const spike_shape& a, double place_a, const spike_shape& b,
+                                double place_b);
 // Where the tissue was in the mean at some times, samples; µm, 0 where no movement was measured.
 double mean_place(const recording_store& recording, const std::vector<std::int32_t>& times);
 // Two pieces of one unit that a movement has made are at least so much alike. Measured after jumps

@@ -317,34 +317,53 @@ bool in_turn(const tracked_unit& unit, const std::vector<bool>& second) {
   return both < least_overlap;
 }
 
+// The trains of both groups, and where the tissue was in the mean.
+struct two_trains {
+  std::vector<std::int32_t> times[2];
+  double places[2] = {};
+  bool first = false;  // the group that is the earlier
+};
+two_trains trains_of(const recording_store& r, const tracked_unit& unit,
+                     const std::vector<bool>& second) {
+  two_trains trains;
+  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
+    trains.times[second[i]].push_back(unit.spikes[i].time);
+  }
+  const auto middle = [&](bool which) {
+    return trains.times[which][trains.times[which].size() / 2];
+  };
+  trains.first = middle(true) < middle(false);
+  for (const bool which : {false, true}) {
+    trains.places[which] = mean_place(r, trains.times[which]);
+  }
+  return trains;
+}
+
+bool groups_stand_apart(const session_state& session, const tracking_rules& rules,
+                        const group_means& means, const two_trains& trains) {
+  return stand_apart(find_way_where_seen(session, rules, means.of[0], trains.places[0], means.of[1],
+                                         trains.places[1]),
+                     drifted_closer);
+}
+
 // Whether the tissue may have made two groups of one neuron: they are as much alike as that leaves
-// them, go with its movement, and do not stand apart where they drift. Where its movement was not
-// measured any two are suspect of which one stops as the other starts.
+// them, and go with its movement, or do not stand apart where they come one after the other. Where
+// its movement was not measured any two are suspect of which one stops as the other starts.
 bool is_movement(const session_state& session, const tracking_rules& rules,
                  const tracked_unit& unit, const group_means& means,
                  const std::vector<bool>& second) {
   const recording_store& r = session.recording;
   if (r.motion.um.empty()) return in_turn(unit, second);
-  std::vector<std::int32_t> times[2];
-  for (std::size_t i = 0; i < unit.spikes.size(); ++i) {
-    times[second[i]].push_back(unit.spikes[i].time);
-  }
-  const double likeness = likeness_where_seen(r, rules, means.of[0], mean_place(r, times[0]),
-                                              means.of[1], mean_place(r, times[1]));
+  const two_trains trains = trains_of(r, unit, second);
+  const double likeness =
+      likeness_where_seen(r, rules, means.of[0], trains.places[0], means.of[1], trains.places[1]);
   if (likeness < followed_like) return false;
-  const auto middle = [&](bool which) { return times[which][times[which].size() / 2]; };
-  const bool first = middle(true) < middle(false);
   double turn_s = 0;
-  switch (find_passage(r, times[first], times[!first], turn_s)) {
-    case passage::leap:
-    case passage::swing:
-      return true;
-    case passage::drift:
-      return !stand_apart(find_way(session, rules, means.of[0], means.of[1]), drifted_closer);
-    case passage::none:
-      break;
-  }
-  return false;
+  const passage way =
+      find_passage(r, trains.times[trains.first], trains.times[!trains.first], turn_s);
+  if (way == passage::leap || way == passage::swing) return true;
+  return (way == passage::drift || in_turn(unit, second)) &&
+         !groups_stand_apart(session, rules, means, trains);
 }
 
 }  // namespace
@@ -496,7 +515,8 @@ bool is_two_by_turn(const session_state& session, const noise_covariance& noise,
   found.distance = distance_of_groups(noise, rules, unit, means);
   return found.distance >=
              largest_distance_of_one(unit.filter.channels.size(), unit.mean_energy()) &&
-         stand_apart(find_way(session, rules, means.of[0], means.of[1]), drifted_closer) &&
+         groups_stand_apart(session, rules, means,
+                            trains_of(session.recording, unit, found.second)) &&
          !is_movement(session, rules, unit, means, found.second);
 }
 
