@@ -15,7 +15,7 @@ constexpr std::int32_t max_sweeps = 50;
 constexpr std::int32_t stack_order = 128;  // largest n whose work space is on the stack
 
 // The rows are of one call and no other thread knows them: to have the thread sanitizer look at
-// each of their lanes costs a hundred times the rotations and could find nothing. What comes from
+// each of their lanes takes nine tenths of a sort there and could find nothing. What comes from
 // the caller and what goes to it is looked at.
 #define KESTRELVANE_OWN_ROWS __attribute__((no_sanitize("thread")))
 
