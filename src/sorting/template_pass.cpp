@@ -383,7 +383,7 @@ std::vector<proposal> join_hand_overs(sweep& s) {
     const std::int32_t a = joined_unit(s.units, p.earlier), b = joined_unit(s.units, p.later);
     if (a == b) continue;
     const std::string why =
-        fmt::format("in turn, similarity {:.2f}, overlap in time {:.2f}", p.similarity, p.overlap);
+        fmt::format("in turn, similarity {:.2f}, overlap {:.2f}", p.similarity, p.overlap);
     // Either may be part of another by now.
     if (p.moved && fire_in_turn(s.session.recording, s.units[a], s.units[b], s.n_segments)) {
       join_pair(s, a, b, why);

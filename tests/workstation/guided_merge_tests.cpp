@@ -41,7 +41,7 @@ TEST(GuidedMerge, TheReasonOfAProposalStaysOnTheScreen) {
   const temporary_directory home;
   doubtful_workstation w(home.path);
   cluster_table& c = w.session->clusters;
-  c.proposal_reasons = {"in turn, similarity 0.85, overlap in time 0.02, and some more of it"};
+  c.proposal_reasons = {"in turn, similarity 0.85, overlap 0.02, and some more of it"};
   c.cluster_proposal[2] = c.cluster_proposal[4] = 1;
   QDialog* dialog = w.begin();
   ASSERT_NE(dialog, nullptr);
