@@ -6,6 +6,8 @@
 #include <cmath>
 #include <tuple>
 
+#include "numerics/portable_math.h"
+
 namespace kestrelvane {
 
 namespace {
@@ -61,7 +63,7 @@ spike_shape moved_shape(const session_state& session, const spike_shape& shape, 
       const std::int32_t c = shape.channels[i], d = shape.channels[k];
       const double x = r.chan_x[c] - r.chan_x[d];
       const double y = r.chan_y[c] - dy - r.chan_y[d];
-      const double weight = std::exp(-(x * x + y * y) / (2 * kernel_um * kernel_um));
+      const double weight = portable_exp(-(x * x + y * y) / (2 * kernel_um * kernel_um));
       if (weight < 1e-3) continue;
       weights += weight;
       const float* from = shape.row(k, points);
