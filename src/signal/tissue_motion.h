@@ -8,9 +8,10 @@
 // round it, of which the places are known by now, which tells slow movement better, some times
 // over. Pictures far apart in time are never compared: other units fire in them, and where a unit
 // falls silent and another begins that looks like it 20 µm off, all spikes together seem to leap.
-// With the movement known about, spikes are placed once more where tissue is at home, and the rest
-// of it is measured: the error of a place depends on where the spike lies between the sites, so
-// that movement by half a row is seen too large or too small.
+// With the movement known about, or but a hint of it, spikes are placed again where tissue is at
+// home, for as long as that helps, and the rest of it is measured: the error of a place depends on
+// where the spike lies between the sites, so that movement by half a row is seen too large or too
+// small.
 //
 // Then each channel is read at the place where its tissue has gone (signal/site_reading.h).
 //

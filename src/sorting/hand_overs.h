@@ -6,7 +6,8 @@
 // channels follow the tissue they read it through other sites after a jump, and beyond the end of
 // the probe not at all; two pieces are then compared on the channels that read both of them, and
 // are one when the tissue leapt as they changed, when place tells them apart and time does not, or
-// when it drifts and one goes over into the other by and by, with the same waveform.
+// when it drifts and one goes over into the other by and by, with the same waveform in one place.
+// What ends and what begins in a leap, with no better partner, needs to be less alike.
 // Where channels stay, the units that were followed tell how the tissue went, or all pairs together
 // that it jumped.
 #pragma once

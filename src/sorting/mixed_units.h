@@ -5,6 +5,8 @@
 // are looked at once more, each with all others taken out and in the noise of its channels: where
 // they fall into two groups with next to nothing between them, whose waveforms would not have been
 // joined and whose times are neither those of a burst nor those of a movement, they are two units.
+// So they are where small spikes make no groups, but from one moment on stand in another place than
+// before while the tissue does not move.
 #pragma once
 
 #include <cstdint>

@@ -56,7 +56,8 @@ struct tracking_rules {
 };
 
 // Brings a waiting unit in when it has spikes enough near the segment: its shape, channels and
-// filter. Returns whether it did.
+// filter. Where the mean of them is weak and some are a stronger unit, it starts from those.
+// Returns whether it did.
 bool start_unit(const session_state& session, const noise_covariance& noise,
                 const tracking_rules& rules, std::int64_t first, tracked_unit& unit);
 

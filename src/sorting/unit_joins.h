@@ -2,8 +2,8 @@
 //
 // Two questions, the surer one first. Do their trains cross, with spikes of the two closer together
 // than one neuron could fire? Then they are two, whatever else is alike. Have they the same
-// waveform within the noise while both are tracked? Then they are one. What is left are units of
-// which one stops as the other starts: sorting/hand_overs.h.
+// waveform within the noise, and in one place, while both are tracked? Then they are one. What is
+// left are units of which one stops as the other starts: sorting/hand_overs.h.
 #pragma once
 
 #include <cstdint>
